@@ -1,0 +1,21 @@
+# One INTERFACE target that everything of ours links: the warnings, each with its reason.
+add_library(zav_options INTERFACE)
+target_compile_options(zav_options INTERFACE
+  -Wall -Wextra         # the compilers' own idea of what is suspicious
+  -Wpedantic            # the language, not one compiler's dialect
+  -Werror               # a warning that may stay is a warning nobody reads
+  -Wshadow              # a shadowed name reads as the other one
+  -Wconversion          # sizes, ports and HTTP codes cross int, long and size_t here
+  -Wsign-conversion     # likewise for signs: a period of -1 is 4294967295 seconds
+  -Wold-style-cast      # C casts hide which conversion is meant
+  -Woverloaded-virtual  # an override that does not override
+  -Wnon-virtual-dtor    # deleting through a base
+  -Wformat=2            # format strings from variables
+  -Wundef               # a macro that silently reads as 0
+  # Log lines carry the source's path below src/, platform code below the root; never this machine's folders.
+  -fmacro-prefix-map=${CMAKE_SOURCE_DIR}/=
+  -fmacro-prefix-map=${CMAKE_SOURCE_DIR}/src/=
+)
+target_compile_definitions(zav_options INTERFACE $<$<CONFIG:Release>:_FORTIFY_SOURCE=2>)
+target_compile_options(zav_options INTERFACE $<$<CONFIG:Release>:-fstack-protector-strong>)
+target_link_options(zav_options INTERFACE $<$<CONFIG:Release>:-Wl,-z,relro,-z,now>)

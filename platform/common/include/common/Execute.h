@@ -1,0 +1,23 @@
+// Shell commands with a time-out.
+#pragma once
+
+#include <chrono>
+#include <stdexcept>
+#include <string>
+
+namespace os {
+
+/// Why a command did not do its work. The text names the command, the reason, and the first of what it wrote to
+/// standard error.
+class ExecuteException : public std::runtime_error {
+ public:
+    using std::runtime_error::runtime_error;
+};
+
+/// Runs `command` with "/bin/sh -c" and waits for its end, `timeout` at most. The child has a process group of its own,
+/// standard input and output on /dev/null, no other open files, default signal handling. After the time-out the whole
+/// group is killed and reaped. Blocks the calling thread; any thread may call it.
+/// Throws ExecuteException when the command cannot be started, exits other than 0, dies of a signal or takes too long.
+void execute(const std::string& command, std::chrono::milliseconds timeout);
+
+}  // namespace os

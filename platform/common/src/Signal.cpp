@@ -1,0 +1,113 @@
+#include "common/Signal.h"
+
+#include <pthread.h>
+#include <signal.h>
+
+#include <atomic>
+#include <map>
+#include <mutex>
+#include <system_error>
+#include <thread>
+
+namespace common::signal {
+
+namespace {
+
+using CustomHandler = void (*)(int);
+
+class Receiver final : public Reception {
+ public:
+    Receiver() {
+        ::signal(SIGPIPE, SIG_IGN);
+        // The thread's own wake-up call: blocked everywhere, taken by sigwait only.
+        block(wakeUp());
+    }
+
+    Receiver(const Receiver&) = delete;
+    Receiver& operator=(const Receiver&) = delete;
+
+    ~Receiver() override;
+
+    void add(int signal, CustomHandler handler) {
+        block(signal);
+        const std::lock_guard<std::mutex> lock(mutex_);
+        handlers_[signal] = handler;
+        if (!thread_.joinable()) {
+            thread_ = std::thread([this] { receive(); });
+        } else {
+            pthread_kill(thread_.native_handle(), wakeUp());  // it waits for the old set
+        }
+    }
+
+ private:
+    static int wakeUp() { return SIGRTMIN; }
+
+    static void block(int signal) {
+        sigset_t set;
+        sigemptyset(&set);
+        sigaddset(&set, signal);
+        const int error = pthread_sigmask(SIG_BLOCK, &set, nullptr);
+        if (error != 0) throw std::system_error(error, std::generic_category(), "cannot block a signal");
+    }
+
+    sigset_t waitedFor() {
+        sigset_t set;
+        sigemptyset(&set);
+        sigaddset(&set, wakeUp());
+        const std::lock_guard<std::mutex> lock(mutex_);
+        for (const auto& [signal, handler] : handlers_) sigaddset(&set, signal);
+        return set;
+    }
+
+    CustomHandler handlerOf(int signal) {
+        const std::lock_guard<std::mutex> lock(mutex_);
+        const auto found = handlers_.find(signal);
+        return found == handlers_.end() ? nullptr : found->second;
+    }
+
+    void receive() {
+        // A signal that is registered later must find no thread in which it is not blocked, this one included.
+        sigset_t all;
+        sigfillset(&all);
+        pthread_sigmask(SIG_BLOCK, &all, nullptr);
+        while (!ending_) {
+            const sigset_t set = waitedFor();
+            int received = 0;
+            if (sigwait(&set, &received) != 0) continue;
+            if (const CustomHandler handler = handlerOf(received); handler != nullptr) handler(received);
+        }
+    }
+
+    std::atomic<bool> ending_{false};
+    std::mutex mutex_;
+    std::map<int, CustomHandler> handlers_;  // guarded by mutex_
+    std::thread thread_;                     // started by add, joined by the destructor
+};
+
+std::atomic<Receiver*> current{nullptr};
+
+Receiver::~Receiver() {
+    current = nullptr;
+    if (!thread_.joinable()) return;
+    ending_ = true;
+    pthread_kill(thread_.native_handle(), wakeUp());
+    thread_.join();
+}
+
+}  // namespace
+
+std::unique_ptr<Reception> registerHandler() {
+    auto receiver = std::make_unique<Receiver>();
+    current = receiver.get();
+    return receiver;
+}
+
+void registerCustomHandler(int signal, void (*handler)(int)) {
+    Receiver* receiver = current;
+    if (receiver == nullptr) {
+        throw std::system_error(EINVAL, std::generic_category(), "registerHandler was not called");
+    }
+    receiver->add(signal, handler);
+}
+
+}  // namespace common::signal

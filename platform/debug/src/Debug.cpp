@@ -1,0 +1,164 @@
+#include "debug/Debug.h"
+
+#include <sys/stat.h>
+#include <unistd.h>
+
+#include <array>
+#include <atomic>
+#include <cerrno>
+#include <cstdlib>
+#include <cstring>
+#include <ctime>
+#include <mutex>
+
+namespace dbg {
+
+namespace {
+
+constexpr unsigned allLevels = Debug::levelError | Debug::levelWarning | Debug::levelInfo;
+
+std::atomic<unsigned> levelMask{allLevels};
+std::atomic<const char*> channelName{"-"};
+
+const char* levelName(unsigned level) {
+    if (level == Debug::levelError) return "error";
+    if (level == Debug::levelWarning) return "warning";
+    return "info";
+}
+
+// The service manager announces a journal on standard error by the device and inode numbers of the descriptor.
+bool isJournal() {
+    const char* announced = std::getenv("JOURNAL_STREAM");
+    struct stat status {};
+    if (announced == nullptr || fstat(STDERR_FILENO, &status) != 0) return false;
+    return std::to_string(status.st_dev) + ":" + std::to_string(status.st_ino) == announced;
+}
+
+// <3> error, <4> warning, <6> informational: the journal's reading of syslog's priorities.
+const char* journalPriority(unsigned level) {
+    if (level == Debug::levelError) return "<3>";
+    if (level == Debug::levelWarning) return "<4>";
+    return "<6>";
+}
+
+std::string timeStamp() {
+    timespec now{};
+    clock_gettime(CLOCK_REALTIME, &now);
+    tm local{};
+    localtime_r(&now.tv_sec, &local);
+    std::array<char, 32> seconds{};
+    std::strftime(seconds.data(), seconds.size(), "%Y-%m-%dT%H:%M:%S", &local);
+    std::string milliseconds = std::to_string(now.tv_nsec / 1000000);
+    milliseconds.insert(0, 3 - milliseconds.size(), '0');
+    return std::string(seconds.data()) + "." + milliseconds;
+}
+
+std::string withoutExtension(const char* file) {
+    std::string path(file);
+    const auto dot = path.rfind('.');
+    const auto slash = path.rfind('/');
+    if (dot != std::string::npos && (slash == std::string::npos || dot > slash)) path.erase(dot);
+    return path;
+}
+
+void writeWhole(const std::string& text) {
+    // One write keeps a line whole between processes; the mutex keeps the rest of a partial write whole between threads.
+    static std::mutex mutex;
+    const std::lock_guard<std::mutex> lock(mutex);
+    const char* at = text.data();
+    std::size_t left = text.size();
+    while (left > 0) {
+        const ssize_t written = ::write(STDERR_FILENO, at, left);
+        if (written < 0 && errno == EINTR) continue;
+        if (written <= 0) return;  // nobody can be told
+        at += written;
+        left -= static_cast<std::size_t>(written);
+    }
+}
+
+}  // namespace
+
+std::string escapeControls(const std::string& text) {
+    static constexpr char digits[] = "0123456789abcdef";
+    std::string escaped;
+    escaped.reserve(text.size());
+    for (const char c : text) {
+        const auto byte = static_cast<unsigned char>(c);
+        if (byte >= 0x20 && byte != 0x7f) {
+            escaped += c;
+        } else if (c == '\n') {
+            escaped += "\\n";
+        } else if (c == '\t') {
+            escaped += "\\t";
+        } else if (c == '\r') {
+            escaped += "\\r";
+        } else {
+            escaped += "\\x";
+            escaped += digits[byte >> 4U];
+            escaped += digits[byte & 0xfU];
+        }
+    }
+    return escaped;
+}
+
+Stream::Stream(unsigned level, const char* file, int line)
+    : level_(level), file_(file), line_(line), open_((levelMask.load(std::memory_order_relaxed) & level) != 0) {}
+
+Stream::~Stream() { emit(); }
+
+void Stream::append(const std::string& text) { text_ += escapeControls(text); }
+
+Stream& Stream::operator<<(const std::string& text) {
+    if (open_) append(text);
+    return *this;
+}
+
+Stream& Stream::operator<<(const char* text) {
+    if (open_ && text != nullptr) append(text);
+    return *this;
+}
+
+Stream& Stream::operator<<(Verbatim text) {
+    if (open_) text_ += text.text;
+    return *this;
+}
+
+Stream& Stream::operator<<(std::ostream& (*)(std::ostream&)) {
+    // std::endl is the one manipulator that is streamed here.
+    emit();
+    return *this;
+}
+
+void Stream::emit() {
+    if (!open_) return;
+    open_ = false;
+    try {
+        static const bool journal = isJournal();
+        std::string line = journal ? journalPriority(level_) : "";
+        line += timeStamp() + " " + channelName.load() + " " + levelName(level_) + " " + withoutExtension(file_) + ":" +
+                std::to_string(line_) + " " + text_ + "\n";
+        writeWhole(line);
+    } catch (...) {  // out of memory: the line is lost, the program is not
+    }
+}
+
+Debug::Debug(const char* channel) { channelName.store(channel); }
+
+Stream Debug::info(const char* file, int line) { return {levelInfo, file, line}; }
+Stream Debug::warning(const char* file, int line) { return {levelWarning, file, line}; }
+Stream Debug::error(const char* file, int line) { return {levelError, file, line}; }
+
+void Debug::setDebugLevelMask(const std::string& mask) {
+    const bool hexadecimal = mask.compare(0, 2, "0x") == 0 || mask.compare(0, 2, "0X") == 0;
+    const std::string digits = hexadecimal ? mask.substr(2) : mask;
+    const char* allowed = hexadecimal ? "0123456789abcdefABCDEF" : "0123456789";
+    errno = 0;
+    const unsigned long value = std::strtoul(digits.c_str(), nullptr, hexadecimal ? 16 : 10);
+    if (digits.empty() || digits.find_first_not_of(allowed) != std::string::npos || errno == ERANGE) {
+        warning() << "Debug level mask '" << mask << "' is not a number, ignored" << std::endl;
+        return;
+    }
+    levelMask.store(static_cast<unsigned>(value & allLevels));
+}
+
+}  // namespace dbg

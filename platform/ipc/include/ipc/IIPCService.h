@@ -1,0 +1,47 @@
+// The other end of `IIPCClient::request`: a program that answers requests on some topics, keeps a retained presence,
+// and publishes notifications. One handler thread calls the handler for one request after the other, in the order in
+// which they came; the network thread runs no user code.
+#pragma once
+
+#include <functional>
+#include <string>
+#include <vector>
+
+namespace ipc {
+
+/// One request as it came. Without a response topic it is carried out and not answered.
+struct ServiceRequest {
+    std::string topic;
+    std::string payload;
+    std::string responseTopic;
+    std::string correlationData;
+    int qualityOfService = 0;
+};
+
+/// What goes out, in the order of the list.
+struct OutgoingMessage {
+    std::string topic;
+    std::string payload;
+    std::string correlationData;  // empty: none
+    int qualityOfService = 0;
+};
+
+class IIPCService {
+ public:
+    /// Called on the handler thread with every request that waits, oldest first, so that a handler can group its
+    /// work; returns what is to be sent. An exception that leaves it is logged; its requests stay unanswered.
+    using Handler = std::function<std::vector<OutgoingMessage>(const std::vector<ServiceRequest>&)>;
+
+    virtual ~IIPCService() = default;
+
+    /// Connects to the broker at `host` ("localhost:1883"), announces "online" on `statusTopic` (retained; "offline" is
+    /// the last will) once all `topics` are subscribed, and serves until `stop`. Keeps trying for ever when the broker
+    /// is away; never throws for that. Returns at once.
+    virtual void start(const std::string& host, const std::string& statusTopic, const std::vector<std::string>& topics,
+                       Handler handler) = 0;
+
+    /// Says "offline", closes the connection and ends both threads. Requests not yet handed over are dropped.
+    virtual void stop() = 0;
+};
+
+}  // namespace ipc

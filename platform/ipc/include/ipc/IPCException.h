@@ -1,0 +1,25 @@
+// What the bus client throws; `what()` is the reason as a person would read it.
+#pragma once
+
+#include <stdexcept>
+
+namespace ipc {
+
+class IPCException : public std::runtime_error {
+ public:
+    using std::runtime_error::runtime_error;
+};
+
+/// The broker, or the service that a request is for, is known to be away: nothing was waited for.
+class IPCOfflineException : public IPCException {
+ public:
+    using IPCException::IPCException;
+};
+
+/// No answer came in time. Whether the request was carried out is not known.
+class IPCTimeoutException : public IPCException {
+ public:
+    using IPCException::IPCException;
+};
+
+}  // namespace ipc

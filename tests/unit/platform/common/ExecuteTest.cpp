@@ -1,0 +1,114 @@
+#include "common/Execute.h"
+
+#include <gtest/gtest.h>
+#include <signal.h>
+#include <unistd.h>
+
+#include <filesystem>
+#include <fstream>
+#include <sstream>
+#include <string>
+
+namespace {
+
+using std::chrono::milliseconds;
+using std::chrono::seconds;
+
+class ExecuteTest : public testing::Test {
+ protected:
+    ExecuteTest() {
+        std::string pattern = (std::filesystem::temp_directory_path() / "zav-XXXXXX").string();
+        folder_ = mkdtemp(pattern.data());
+    }
+    ~ExecuteTest() override { std::filesystem::remove_all(folder_); }
+    ExecuteTest(const ExecuteTest&) = delete;
+    ExecuteTest& operator=(const ExecuteTest&) = delete;
+
+    std::string file(const std::string& name) const { return folder_ + "/" + name; }
+    static std::string content(const std::string& path) {
+        std::ifstream in(path);
+        return {std::istreambuf_iterator<char>(in), {}};
+    }
+    static std::string failure(const std::string& command, milliseconds timeout = seconds(10)) {
+        try {
+            os::execute(command, timeout);
+        } catch (const os::ExecuteException& e) {
+            return e.what();
+        }
+        return "no failure";
+    }
+
+    std::string folder_;
+};
+
+TEST_F(ExecuteTest, RunsAShellCommandToItsEnd) {
+    os::execute("echo one > " + file("a") + " && echo two >> " + file("a"), seconds(10));
+    EXPECT_EQ(content(file("a")), "one\ntwo\n");
+}
+
+TEST_F(ExecuteTest, ANonZeroExitThrowsWithStatusAndStandardError) {
+    EXPECT_EQ(failure("echo broken >&2; exit 3"), "Command 'echo broken >&2; exit 3' ended with status 3: 'broken'");
+}
+
+TEST_F(ExecuteTest, ACommandThatDoesNotExistThrows) {
+    EXPECT_NE(failure("/no/such/program").find("ended with status 127"), std::string::npos);
+}
+
+TEST_F(ExecuteTest, DeathByASignalThrows) {
+    EXPECT_EQ(failure("kill -9 $$"), "Command 'kill -9 $$' was ended by signal 9");
+}
+
+TEST_F(ExecuteTest, ATimeOutEndsTheWholeGroup) {
+    // The grandchild holds a lock until it dies: the lock is free once execute has thrown and the group is gone.
+    const std::string fifo = file("fifo");
+    ASSERT_EQ(mkfifo(fifo.c_str(), 0600), 0);
+    const auto start = std::chrono::steady_clock::now();
+    EXPECT_NE(failure("sh -c 'exec 3<>" + fifo + "; echo $$ > " + file("pid") + "; sleep 600' & wait", milliseconds(500))
+                  .find("took longer than 500 ms and was ended"),
+              std::string::npos);
+    EXPECT_LT(std::chrono::steady_clock::now() - start, seconds(60));
+    const std::string pid = content(file("pid"));
+    ASSERT_FALSE(pid.empty());
+    for (int tries = 0; tries < 6000 && kill(std::stoi(pid), 0) == 0; ++tries) {
+        if (content("/proc/" + std::to_string(std::stoi(pid)) + "/stat").find(") Z ") != std::string::npos) break;
+        usleep(10000);
+    }
+    const std::string state = content("/proc/" + std::to_string(std::stoi(pid)) + "/stat");
+    EXPECT_TRUE(state.empty() || state.find(") Z ") != std::string::npos) << state;
+}
+
+TEST_F(ExecuteTest, MuchOutputNeitherBlocksNorFillsTheText) {
+    const std::string text = failure("yes error | head -c 1000000 >&2; yes out | head -c 1000000; exit 1");
+    EXPECT_NE(text.find("ended with status 1"), std::string::npos);
+    EXPECT_LT(text.size(), 2000U);
+}
+
+TEST_F(ExecuteTest, TheChildHasNoDescriptorsOfOurs) {
+    const int inherited = dup(STDERR_FILENO);  // without close-on-exec
+    ASSERT_GE(inherited, 3);
+    EXPECT_NO_THROW(os::execute("test ! -e /proc/self/fd/" + std::to_string(inherited), seconds(10)));
+    close(inherited);
+    EXPECT_NO_THROW(os::execute("test $(readlink /proc/self/fd/0) = /dev/null", seconds(10)));
+}
+
+TEST_F(ExecuteTest, TheChildHasDefaultSignalHandling) {
+    sigset_t blocked;
+    sigset_t before;
+    sigemptyset(&blocked);
+    sigaddset(&blocked, SIGTERM);
+    pthread_sigmask(SIG_BLOCK, &blocked, &before);
+    const auto oldPipe = signal(SIGPIPE, SIG_IGN);
+    os::execute("grep -E '^Sig(Blk|Ign)' /proc/self/status > " + file("masks"), seconds(10));
+    signal(SIGPIPE, oldPipe);
+    pthread_sigmask(SIG_SETMASK, &before, nullptr);
+    std::istringstream masks(content(file("masks")));
+    std::string name;
+    unsigned long blockedInChild = 0;
+    unsigned long ignoredInChild = 0;
+    masks >> name >> std::hex >> blockedInChild >> name >> ignoredInChild;
+    ASSERT_TRUE(masks);
+    EXPECT_EQ(blockedInChild, 0U);
+    EXPECT_EQ(ignoredInChild & ~0x180000000U, 0U);  // 32 and 33 belong to the C library, which ignores them itself
+}
+
+}  // namespace

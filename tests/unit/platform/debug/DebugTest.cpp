@@ -1,0 +1,103 @@
+#include "debug/Debug.h"
+
+#include <gtest/gtest.h>
+
+#include <regex>
+#include <thread>
+#include <vector>
+
+namespace {
+
+const dbg::Debug channel("TEST");
+
+class DebugTest : public testing::Test {
+ protected:
+    void SetUp() override { dbg::Debug::setDebugLevelMask("7"); }
+    void TearDown() override { dbg::Debug::setDebugLevelMask("7"); }
+
+    template <typename Action>
+    std::string written(Action action) {
+        testing::internal::CaptureStderr();
+        action();
+        return testing::internal::GetCapturedStderr();
+    }
+};
+
+TEST_F(DebugTest, ALineHasTimeChannelLevelSourceAndText) {
+    const int line = __LINE__ + 1;
+    const std::string text = written([] { dbg::Debug::warning() << "Period is " << 600 << " seconds." << std::endl; });
+    const std::regex expected(R"(\d{4}-\d\d-\d\dT\d\d:\d\d:\d\d\.\d{3} TEST warning )"
+                              "tests/unit/platform/debug/DebugTest:" +
+                              std::to_string(line) + R"( Period is 600 seconds\.\n)");
+    EXPECT_TRUE(std::regex_match(text, expected)) << text;
+}
+
+TEST_F(DebugTest, TextFromOutsideCannotForgeALine) {
+    const std::string text = written([] { dbg::Debug::info() << std::string("a\nb\r\x1b[0m\0c", 9) << std::endl; });
+    EXPECT_NE(text.find("a\\nb\\r\\x1b[0m\\x00\n"), std::string::npos) << text;
+    EXPECT_EQ(std::count(text.begin(), text.end(), '\n'), 1);
+}
+
+TEST_F(DebugTest, VerbatimTextKeepsItsLayout) {
+    const std::string document = "\n{\n\t\"a\" : 1\n}\n";
+    const std::string text = written([&] { dbg::Debug::info() << "is" << dbg::verbatim(document) << std::endl; });
+    EXPECT_NE(text.find("is\n{\n\t\"a\" : 1\n}\n\n"), std::string::npos) << text;
+}
+
+TEST_F(DebugTest, TheMaskChoosesTheLevels) {
+    const auto all = [] {
+        dbg::Debug::error() << "E" << std::endl;
+        dbg::Debug::warning() << "W" << std::endl;
+        dbg::Debug::info() << "I" << std::endl;
+    };
+    const auto levels = [&](const std::string& mask) {
+        dbg::Debug::setDebugLevelMask(mask);
+        const std::string text = written(all);
+        std::string seen;
+        for (const char* level : {" error ", " warning ", " info "}) {
+            if (text.find(level) != std::string::npos) seen += level[1];
+        }
+        return seen;
+    };
+    EXPECT_EQ(levels("1"), "e");
+    EXPECT_EQ(levels("2"), "w");
+    EXPECT_EQ(levels("4"), "i");
+    EXPECT_EQ(levels("0x3"), "ew");
+    EXPECT_EQ(levels("255"), "ewi");
+    EXPECT_EQ(levels("0"), "");
+}
+
+TEST_F(DebugTest, AMaskThatCannotBeReadIsIgnoredWithAWarning) {
+    dbg::Debug::setDebugLevelMask("3");
+    for (const char* mask : {"", "x", "-1", "7 ", "0x", "99999999999999999999999", "1\n"}) {
+        const std::string text = written([&] { dbg::Debug::setDebugLevelMask(mask); });
+        EXPECT_NE(text.find("is not a number, ignored"), std::string::npos) << mask;
+        EXPECT_EQ(written([] { dbg::Debug::info() << "still off" << std::endl; }), "") << mask;
+    }
+}
+
+TEST_F(DebugTest, AnUnfinishedLineIsWrittenAtItsEnd) {
+    EXPECT_NE(written([] { dbg::Debug::info() << "no end of line"; }).find("no end of line\n"), std::string::npos);
+}
+
+TEST_F(DebugTest, LinesOfManyThreadsStayWhole) {
+    const std::string text = written([] {
+        std::vector<std::thread> threads;
+        for (int i = 0; i < 4; ++i) {
+            threads.emplace_back([] {
+                for (int n = 0; n < 100; ++n) dbg::Debug::info() << std::string(200, 'x') << std::endl;
+            });
+        }
+        for (auto& thread : threads) thread.join();
+    });
+    std::istringstream lines(text);
+    std::string line;
+    int count = 0;
+    while (std::getline(lines, line)) {
+        ++count;
+        EXPECT_EQ(line.substr(line.size() - 201), " " + std::string(200, 'x'));
+    }
+    EXPECT_EQ(count, 400);
+}
+
+}  // namespace
