@@ -10,6 +10,7 @@
 #include <string>
 
 #include "propertyapi/IPropertyApi.h"
+#include "security/TrustedCertificates.h"
 
 namespace zav {
 
@@ -27,12 +28,13 @@ class Security {
     /// they are the same. Never throws, and never writes "State.Security.Certificates.UpdateCABundle".
     virtual void notifySystemAboutNewCertificates();
 
-    /// Whether the file holds one X.509 certificate, PEM or DER, that is valid today: 1 yes, 0 no.
-    /// Throws std::runtime_error when the file cannot be read.
+    /// Whether the file holds exactly one X.509 certificate, PEM or DER, that is valid today: 1 yes, 0 no. A second
+    /// certificate would be one that nobody checked.
+    /// Throws std::runtime_error when the file cannot be read: missing, a link, no regular file, over 1 MiB.
     virtual int checkCertificate(const std::string& path);
 
-    /// The trusted certificates as PEM text: the system bundle and the phone's. For the HTTP library.
-    virtual std::string trustedCertificates() const;
+    /// What is trusted now: the system bundle and the phone's. The same object until a reload finds other certificates.
+    virtual std::shared_ptr<const TrustedCertificates> trustedCertificates() const;
 
  private:
     struct State;

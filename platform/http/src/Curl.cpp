@@ -1,0 +1,57 @@
+#include "http/Curl.h"
+
+#include <exception>
+#include <stdexcept>
+#include <utility>
+
+#include "CurlState.h"
+#include "debug/Debug.h"
+
+namespace zav {
+
+Curl::State::State() {
+    if (curl_global_init(CURL_GLOBAL_ALL) != CURLE_OK)
+        throw std::runtime_error("The HTTP library cannot be initialised");
+}
+
+Curl::State::~State() {
+    curl_easy_cleanup(handle);
+    curl_global_cleanup();
+}
+
+CURL* Curl::State::handleFor(std::shared_ptr<const TrustedCertificates> certificates) {
+    if (handle != nullptr && certificates != trusted) {
+        curl_easy_cleanup(handle);
+        handle = nullptr;
+    }
+    trusted = std::move(certificates);
+    if (handle == nullptr) handle = curl_easy_init();
+    return handle;
+}
+
+void Curl::State::report(long total, long now, long uploadTotal, long uploadNow) {
+    const std::lock_guard<std::recursive_mutex> lock(callbackMutex);
+    const auto current = callback;  // keeps it alive while it takes itself back
+    if (current == nullptr) return;
+    try {
+        (*current)(total, now, uploadTotal, uploadNow);
+    } catch (const std::exception& exception) {
+        dbg::Debug::warning() << "Progress callback: " << exception.what() << std::endl;
+    } catch (...) {
+        dbg::Debug::warning() << "Progress callback: unknown exception" << std::endl;
+    }
+}
+
+Curl::Curl() : state_(std::make_unique<State>()) {}
+
+Curl::~Curl() = default;
+
+long Curl::getHttpCode() const { return state_->httpCode; }
+
+void Curl::setProgressCallback(ProgressCallback callback) {
+    auto next = callback ? std::make_shared<ProgressCallback>(std::move(callback)) : nullptr;
+    const std::lock_guard<std::recursive_mutex> lock(state_->callbackMutex);
+    state_->callback.swap(next);  // the old one is destroyed by the caller, with what it holds
+}
+
+}  // namespace zav

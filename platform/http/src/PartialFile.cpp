@@ -1,0 +1,88 @@
+#include "PartialFile.h"
+
+#include <fcntl.h>
+#include <stdio.h>
+#include <sys/stat.h>
+#include <sys/statvfs.h>
+#include <unistd.h>
+
+#include <cerrno>
+#include <system_error>
+
+namespace zav {
+
+namespace {
+
+[[noreturn]] void fail(int error, const std::string& what) {
+    throw std::system_error(error, std::generic_category(), what);
+}
+
+bool climbs(const std::string& path) { return ("/" + path + "/").find("/../") != std::string::npos; }
+
+void makeFolders(const std::string& path) {
+    for (std::size_t end = path.find('/', 1);; end = path.find('/', end + 1)) {
+        const std::string folder = path.substr(0, end);
+        if (::mkdir(folder.c_str(), 0700) != 0 && errno != EEXIST) fail(errno, "Cannot make the folder " + folder);
+        if (end == std::string::npos) return;
+    }
+}
+
+}  // namespace
+
+PartialFile::PartialFile(const std::string& destination) : destination_(destination) {
+    const auto slash = destination.rfind('/');
+    const std::string folder = slash == std::string::npos ? "." : destination.substr(0, slash + 1);
+    name_ = slash == std::string::npos ? destination : destination.substr(slash + 1);
+    if (name_.empty() || name_ == "." || climbs(destination)) fail(EINVAL, "Cannot write " + destination);
+    temporary_ = "." + name_ + ".part";
+
+    const auto last = folder.find_last_not_of('/');
+    if (last != std::string::npos) makeFolders(folder.substr(0, last + 1));
+    folder_ = ::open(folder.c_str(), O_RDONLY | O_DIRECTORY | O_CLOEXEC);
+    if (folder_ < 0) fail(errno, "Cannot open the folder " + folder);
+    ::unlinkat(folder_, temporary_.c_str(), 0);
+    file_ = ::openat(folder_, temporary_.c_str(), O_WRONLY | O_CREAT | O_EXCL | O_NOFOLLOW | O_CLOEXEC, 0600);
+    if (file_ < 0) {
+        const int error = errno;
+        ::close(folder_);
+        fail(error, "Cannot write beside " + destination);
+    }
+}
+
+PartialFile::~PartialFile() {
+    ::close(file_);
+    if (!committed_) ::unlinkat(folder_, temporary_.c_str(), 0);
+    ::close(folder_);
+}
+
+std::uint64_t PartialFile::freeBytes() const {
+    struct statvfs status {};
+    if (::fstatvfs(folder_, &status) != 0) fail(errno, "Cannot ask for the free space beside " + destination_);
+    return std::uint64_t{status.f_bavail} * std::uint64_t{status.f_frsize};
+}
+
+void PartialFile::append(const char* data, std::size_t length) {
+    while (length > 0) {
+        const ssize_t written = ::write(file_, data, length);
+        if (written < 0 && errno == EINTR) continue;
+        if (written < 0) fail(errno, "Cannot write " + destination_);
+        data += written;
+        length -= static_cast<std::size_t>(written);
+        size_ += static_cast<std::uint64_t>(written);
+    }
+}
+
+void PartialFile::restart() {
+    if (::ftruncate(file_, 0) != 0 || ::lseek(file_, 0, SEEK_SET) != 0) fail(errno, "Cannot write " + destination_);
+    size_ = 0;
+}
+
+void PartialFile::commit() {
+    if (::fsync(file_) != 0) fail(errno, "Cannot sync " + destination_);
+    if (::renameat(folder_, temporary_.c_str(), folder_, name_.c_str()) != 0)
+        fail(errno, "Cannot replace " + destination_);
+    committed_ = true;
+    if (::fsync(folder_) != 0) fail(errno, "Cannot sync the folder of " + destination_);
+}
+
+}  // namespace zav

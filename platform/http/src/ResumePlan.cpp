@@ -1,0 +1,43 @@
+#include "ResumePlan.h"
+
+#include <curl/curl.h>
+
+#include <algorithm>
+
+namespace zav {
+
+namespace {
+
+constexpr unsigned attemptsAtMost = 100;
+constexpr unsigned idleAtMost = 10;
+constexpr std::uint64_t worthwhile = 64 * 1024;
+constexpr std::chrono::seconds longestWait{30};
+
+}  // namespace
+
+std::optional<std::chrono::seconds> ResumePlan::next(std::uint64_t size) {
+    // A file that begins anew is not ahead of where it was.
+    idle_ = size >= size_ + worthwhile ? 0 : idle_ + 1;
+    size_ = size;
+    if (++attempts_ >= attemptsAtMost || idle_ >= idleAtMost) return std::nullopt;
+    if (idle_ <= 1) return std::chrono::seconds{0};
+    return std::min(std::chrono::seconds{1U << (idle_ - 2)}, longestWait);
+}
+
+bool ResumePlan::isBreak(int result) {
+    switch (result) {
+        case CURLE_COULDNT_RESOLVE_HOST:
+        case CURLE_COULDNT_CONNECT:
+        case CURLE_SSL_CONNECT_ERROR:
+        case CURLE_SEND_ERROR:
+        case CURLE_RECV_ERROR:
+        case CURLE_GOT_NOTHING:
+        case CURLE_PARTIAL_FILE:
+        case CURLE_OPERATION_TIMEDOUT:
+            return true;
+        default:
+            return false;
+    }
+}
+
+}  // namespace zav
