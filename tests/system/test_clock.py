@@ -1,0 +1,90 @@
+"""The clock that the lab shows to the daemon: waits follow it, nothing else does."""
+
+import os
+import subprocess
+import sys
+import tempfile
+import time
+import unittest
+
+BUILD = os.environ["LAB_BUILD"]
+WAYS = ("wait_for", "wait_until", "sleep", "poll", "select", "epoll")
+
+
+class ClockTest(unittest.TestCase):
+    def setUp(self):
+        self.folder = tempfile.TemporaryDirectory()
+        self.addCleanup(self.folder.cleanup)
+        self.file = os.path.join(self.folder.name, "clock")
+        self.clock("create")
+
+    def clock(self, *words):
+        return subprocess.run([f"{BUILD}/lab/phone-clock", self.file, *map(str, words)], check=True, timeout=10,
+                              capture_output=True, text=True).stdout
+
+    def probe(self, *words):
+        environment = {**os.environ, "LD_PRELOAD": f"{BUILD}/lab/phone-clock.so", "PHONE_CLOCK": self.file}
+        probe = subprocess.Popen([f"{BUILD}/tests/clock-probe", *map(str, words)], env=environment, text=True,
+                                 stdout=subprocess.PIPE)
+        self.addCleanup(probe.stdout.close)
+        self.addCleanup(probe.wait)
+        self.addCleanup(probe.kill)
+        return probe
+
+    def finish(self, probe):
+        out, _ = probe.communicate(timeout=30)
+        self.assertEqual(probe.returncode, 0, out)
+        return out.split()
+
+    def test_a_wait_under_way_follows_a_faster_clock(self):
+        for way in WAYS:
+            with self.subTest(way):
+                self.clock("factor", 1)
+                probe = self.probe(way, 900)
+                self.assertEqual(probe.stdout.readline(), "begin\n")
+                begin = time.monotonic()
+                self.clock("factor", 1000)
+                end, seconds = self.finish(probe)
+                self.assertEqual(end, "timeout")
+                self.assertGreaterEqual(float(seconds), 900)
+                self.assertLess(float(seconds), 1800)
+                self.assertGreater(time.monotonic() - begin, 0.7)
+
+    def test_a_jump_ends_a_wait_under_way_only_when_it_reaches_its_end(self):
+        for way in WAYS:
+            with self.subTest(way):
+                self.clock("factor", 1)
+                probe = self.probe(way, 900)
+                self.assertEqual(probe.stdout.readline(), "begin\n")
+                self.clock("jump", 700)
+                with self.assertRaises(subprocess.TimeoutExpired):
+                    probe.wait(0.2)
+                self.clock("jump", 200)
+                end, seconds = self.finish(probe)
+                self.assertEqual(end, "timeout")
+                self.assertGreaterEqual(float(seconds), 900)
+                self.assertLess(float(seconds), 930)
+
+    def test_no_signal_is_lost_between_slices(self):
+        (idle,) = self.finish(self.probe("turns", 200))
+        # A signal that meets a wait just ending may wake its thread again: the C library's right, and rare.
+        self.assertLess(int(idle), 20)
+
+    def test_programs_it_starts_keep_the_machines_time(self):
+        self.clock("jump", 1_000_000)
+        own, childs, preload, file = self.finish(self.probe("child"))
+        self.assertAlmostEqual(int(own), time.time() + 1_000_000, delta=5)
+        self.assertAlmostEqual(int(childs), time.time(), delta=5)
+        self.assertEqual((preload, file), ("none", "none"))
+
+    def test_a_date_moves_the_date_and_no_wait(self):
+        probe = self.probe("wait_for", 900)
+        self.assertEqual(probe.stdout.readline(), "begin\n")
+        self.clock("date", "2030-01-02 03:04:05.250")
+        with self.assertRaises(subprocess.TimeoutExpired):
+            probe.wait(0.2)
+        self.assertTrue(self.clock("show").startswith("2030-01-02 03:04:0"))
+
+
+if __name__ == "__main__":
+    sys.exit(unittest.main(verbosity=2))
