@@ -1,0 +1,165 @@
+#include "catalogue/Catalogue.h"
+
+#include <json/reader.h>
+#include <json/value.h>
+
+#include <algorithm>
+#include <cerrno>
+#include <cstdio>
+#include <fstream>
+#include <iterator>
+#include <sstream>
+#include <system_error>
+
+#include "catalogue/KeyPattern.h"
+#include "service/Limits.h"
+
+namespace propertyservice {
+
+namespace {
+
+constexpr std::size_t maxFileBytes = 8 * 1024 * 1024;
+
+class Source {
+ public:
+    Source(const std::string& text, const std::string& name) : text_(text), name_(name) {}
+
+    int lineOf(const Json::Value& value) const {
+        const auto offset =
+            std::min(static_cast<std::size_t>(std::max<ptrdiff_t>(value.getOffsetStart(), 0)), text_.size());
+        return 1 + static_cast<int>(std::count(text_.begin(), text_.begin() + static_cast<ptrdiff_t>(offset), '\n'));
+    }
+
+    [[noreturn]] void fail(int line, const std::string& key, const std::string& reason) const {
+        throw CatalogueException(name_ + ":" + std::to_string(line) + ": " + (key.empty() ? "" : key + ": ") + reason);
+    }
+
+    Json::Value root() const {
+        Json::CharReaderBuilder builder;
+        Json::CharReaderBuilder::strictMode(&builder.settings_);
+        builder["stackLimit"] = maxNesting;
+        const std::unique_ptr<Json::CharReader> reader(builder.newCharReader());
+        Json::Value root;
+        std::string errors;
+        try {
+            if (reader->parse(text_.data(), text_.data() + text_.size(), &root, &errors)) return root;
+        } catch (const Json::Exception&) {
+            throw CatalogueException(name_ + ": is nested too deeply");
+        }
+        throwSyntaxError(errors);
+    }
+
+ private:
+    // The reader reports "* Line 3, Column 5\n  what is wrong\n", the first error first.
+    [[noreturn]] void throwSyntaxError(const std::string& errors) const {
+        int line = 1;
+        int column = 1;
+        std::sscanf(errors.c_str(), "* Line %d, Column %d", &line, &column);
+        const std::string::size_type start = errors.find('\n');
+        std::string reason = start == std::string::npos ? errors : errors.substr(start + 1);
+        reason = reason.substr(0, reason.find('\n'));
+        reason.erase(0, std::min(reason.find_first_not_of(' '), reason.size()));
+        throw CatalogueException(name_ + ":" + std::to_string(line) + ":" + std::to_string(column) + ": " + reason);
+    }
+
+    const std::string& text_;
+    const std::string& name_;
+};
+
+std::shared_ptr<const Definition> readDefinition(const Json::Value& json) {
+    if (!json.isObject()) throw std::invalid_argument("the definition must be an object");
+    auto definition = std::make_shared<Definition>();
+    definition->rule = makeValueRule(json);
+    if (!json["description"].isString() || json["description"].asString().empty()) {
+        throw std::invalid_argument("\"description\" is missing");
+    }
+    definition->description = json["description"].asString();
+    if (definition->description.find('\n') != std::string::npos) {
+        throw std::invalid_argument("\"description\" must be one line");
+    }
+    if (json.isMember("readOnly") && !json["readOnly"].isBool()) {
+        throw std::invalid_argument("\"readOnly\" must be true or false");
+    }
+    definition->readOnly = json["readOnly"].asBool();
+    if (!json["default"].isString()) {
+        throw std::invalid_argument("\"default\" is missing or no text (write \"5\", not 5)");
+    }
+    definition->defaultValue = json["default"].asString();
+    const std::string objection = definition->rule->objection(definition->defaultValue);
+    if (!objection.empty()) {
+        throw std::invalid_argument("the default \"" + definition->defaultValue + "\" " + objection);
+    }
+    return definition;
+}
+
+}  // namespace
+
+bool isKey(const std::string& text) {
+    if (text.empty() || text.size() > maxKeyBytes) return false;
+    char previous = '.';
+    for (const char letter : text) {
+        const bool plain = (letter >= 'A' && letter <= 'Z') || (letter >= 'a' && letter <= 'z') ||
+                           (letter >= '0' && letter <= '9') || letter == '_' || letter == '-';
+        if (!plain && (letter != '.' || previous == '.')) return false;
+        previous = letter;
+    }
+    return previous != '.';
+}
+
+Catalogue Catalogue::load(const std::string& path) {
+    std::ifstream file(path, std::ios::binary);
+    if (!file) {
+        throw CatalogueException(path + ": cannot be opened: " + std::generic_category().message(errno));
+    }
+    std::string text(maxFileBytes + 1, '\0');
+    file.read(text.data(), static_cast<std::streamsize>(text.size()));
+    if (file.bad() || (file.fail() && !file.eof())) throw CatalogueException(path + ": cannot be read");
+    text.resize(static_cast<std::size_t>(file.gcount()));
+    if (text.size() > maxFileBytes) throw CatalogueException(path + ": is larger than 8 MiB");
+    return parse(text, path);
+}
+
+Catalogue Catalogue::parse(const std::string& text, const std::string& name) {
+    const Source source(text, name);
+    const Json::Value root = source.root();
+    if (!root.isObject()) source.fail(1, "", "the catalogue must be an object");
+    for (const std::string& member : root.getMemberNames()) {
+        if (member != "version" && member != "keys") {
+            source.fail(source.lineOf(root[member]), "", "unknown member \"" + member + "\"");
+        }
+    }
+    if (root["version"] != 1) source.fail(1, "", "\"version\" must be 1");
+    if (!root["keys"].isObject()) source.fail(1, "", "\"keys\" is missing or no object");
+
+    Catalogue catalogue;
+    const Json::Value& definitions = root["keys"];
+    for (const std::string& pattern : definitions.getMemberNames()) {
+        const Json::Value& json = definitions[pattern];
+        const int line = source.lineOf(json);
+        try {
+            const std::shared_ptr<const Definition> definition = readDefinition(json);
+            for (std::string& key : expandKeyPattern(pattern)) {
+                if (!isKey(key)) {
+                    throw std::invalid_argument(
+                        "is no key: letters, digits, \"_\" and \"-\" in segments between dots, at most 255 bytes");
+                }
+                catalogue.keys_.push_back({std::move(key), definition, line});
+            }
+        } catch (const std::invalid_argument& error) {
+            source.fail(line, pattern, error.what());
+        }
+    }
+    std::sort(catalogue.keys_.begin(), catalogue.keys_.end(), [](const CatalogueKey& left, const CatalogueKey& right) {
+        return left.key != right.key ? left.key < right.key : left.line < right.line;
+    });
+    const auto twice =
+        std::adjacent_find(catalogue.keys_.begin(), catalogue.keys_.end(),
+                           [](const CatalogueKey& left, const CatalogueKey& right) { return left.key == right.key; });
+    if (twice != catalogue.keys_.end()) {
+        source.fail((twice + 1)->line, twice->key,
+                    "is defined here and in line " + std::to_string(twice->line) + " as well");
+    }
+    return catalogue;
+}
+
+}  // namespace propertyservice

@@ -1,0 +1,52 @@
+// Which keys the phone has: read once from a JSON file when the service starts, checked as a whole, unchanged from then
+// on. The file's format is described in docs/catalogue.md.
+#pragma once
+
+#include <memory>
+#include <stdexcept>
+#include <string>
+#include <vector>
+
+#include "catalogue/ValueRule.h"
+
+namespace propertyservice {
+
+/// What is wrong with a catalogue: "FILE:LINE: KEY: reason".
+class CatalogueException : public std::runtime_error {
+ public:
+    using std::runtime_error::runtime_error;
+};
+
+/// One definition of the file; all keys of an index pattern share it.
+struct Definition {
+    std::string defaultValue;
+    std::string description;
+    bool readOnly = false;
+    std::shared_ptr<const ValueRule> rule;
+};
+
+struct CatalogueKey {
+    std::string key;
+    std::shared_ptr<const Definition> definition;
+    int line = 0;
+};
+
+class Catalogue {
+ public:
+    /// Throws CatalogueException when the file cannot be read or anything in it is wrong.
+    static Catalogue load(const std::string& path);
+
+    /// The same from text; `name` stands in the errors.
+    static Catalogue parse(const std::string& text, const std::string& name);
+
+    /// All keys, index patterns written out, sorted byte by byte.
+    const std::vector<CatalogueKey>& keys() const { return keys_; }
+
+ private:
+    std::vector<CatalogueKey> keys_;
+};
+
+/// Keys hold [A-Za-z0-9._-] only, 255 bytes at most, in segments between dots of which none is empty.
+bool isKey(const std::string& text);
+
+}  // namespace propertyservice

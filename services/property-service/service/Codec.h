@@ -1,0 +1,65 @@
+// The JSON of the bus protocol: requests in, answers and changes out.
+#pragma once
+
+#include <json/reader.h>
+#include <json/value.h>
+
+#include <memory>
+#include <stdexcept>
+#include <string>
+
+namespace propertyservice {
+
+/// The payload is not the object that its topic asks for. `param` is the key that it names, as far as it does.
+class BadRequest : public std::runtime_error {
+ public:
+    BadRequest(std::string param, const std::string& reason) : runtime_error(reason), param_(std::move(param)) {}
+    const std::string& param() const { return param_; }
+
+ private:
+    std::string param_;
+};
+
+struct GetRequest {
+    std::string param;
+};
+
+struct SetRequest {
+    std::string param;
+    std::string value;
+    std::string source;
+};
+
+struct ListRequest {
+    std::string prefix;
+    std::string after;
+};
+
+/// Reads requests. Used by one thread at a time: it keeps its parser from one request to the next. All operations throw
+/// BadRequest, and nothing else, whatever the payload holds. Members that a request does not have are ignored.
+class RequestReader {
+ public:
+    RequestReader();
+
+    GetRequest get(const std::string& payload);
+    SetRequest set(const std::string& payload);
+    ListRequest list(const std::string& payload);
+
+ private:
+    void parse(const std::string& payload);
+    std::string text(const char* member, const std::string& param, bool required) const;
+    std::string param() const;
+
+    const std::unique_ptr<Json::CharReader> reader_;
+    Json::Value object_;
+    std::string errors_;
+};
+
+/// Appends the text as a JSON string. The text must be UTF-8.
+void appendQuoted(std::string& json, const std::string& text);
+
+std::string valueAnswer(const std::string& key, const std::string& value);
+std::string errorAnswer(const std::string& key, const char* code, const std::string& reason);
+std::string changeMessage(const std::string& key, const std::string& value, const std::string& source);
+
+}  // namespace propertyservice

@@ -1,0 +1,17 @@
+// How large things may be: what a client can make the service keep or send is bounded.
+#pragma once
+
+#include <cstddef>
+
+namespace propertyservice {
+
+inline constexpr std::size_t maxValueBytes = 64 * 1024;
+inline constexpr std::size_t maxKeyBytes = 255;
+/// Of one request; a value of the full size fits even with every byte of it escaped.
+inline constexpr std::size_t maxPayloadBytes = 1024 * 1024;
+inline constexpr int maxNesting = 32;
+/// Of one answer to `list`: whichever comes first. A page always has at least one property.
+inline constexpr std::size_t maxPageEntries = 1000;
+inline constexpr std::size_t maxPageBytes = 1024 * 1024;
+
+}  // namespace propertyservice

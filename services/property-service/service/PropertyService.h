@@ -1,0 +1,58 @@
+// Carries out requests: the handler behind the bus. It knows no bus of its own: requests go in, messages come out, so
+// it runs on whichever thread hands the requests over, one at a time.
+//
+// All sets of one call share one transaction, and no answer leaves before its commit. When the store refuses the
+// transaction, each request is tried on its own, so that one bad write costs nobody else's.
+#pragma once
+
+#include <optional>
+#include <string>
+#include <vector>
+
+#include "ipc/IIPCService.h"
+#include "service/Codec.h"
+#include "service/PropertyTable.h"
+#include "store/IStore.h"
+
+namespace propertyservice {
+
+inline constexpr char statusTopic[] = "prop-service/status";
+inline constexpr char getTopic[] = "prop-service/get";
+inline constexpr char setTopic[] = "prop-service/set";
+inline constexpr char listTopic[] = "prop-service/list";
+
+class PropertyService {
+ public:
+    /// Reads what `store` holds; throws StoreException if it cannot. `store` must outlive the service.
+    PropertyService(const Catalogue& catalogue, IStore& store);
+
+    /// Answers and changes for the requests, in their order.
+    std::vector<ipc::OutgoingMessage> handle(const std::vector<ipc::ServiceRequest>& requests);
+
+ private:
+    struct Undo {
+        Property* property;
+        std::string value;
+        bool isStored;
+    };
+    using Messages = std::vector<ipc::OutgoingMessage>;
+
+    void carryOut(const ipc::ServiceRequest& request, Messages& messages);
+    std::string get(const std::string& payload);
+    std::string set(const std::string& payload, ipc::OutgoingMessage& change);
+    std::string list(const std::string& payload);
+    void commit();
+    void takeBack();
+    void carryOutAlone(const ipc::ServiceRequest& request, Messages& messages);
+
+    IStore& store_;
+    PropertyTable table_;
+    RequestReader reader_;
+
+    // Of the call in hand: what goes to the store, and how memory returns to what it was.
+    std::vector<IStore::Entry> writes_;
+    std::vector<Undo> undo_;
+    bool storeFailing_ = false;  // so that a full disk is logged once, not with every write
+};
+
+}  // namespace propertyservice

@@ -1,0 +1,66 @@
+#include "service/PropertyTable.h"
+
+#include <algorithm>
+
+#include "debug/Debug.h"
+#include "service/Limits.h"
+#include "service/Utf8.h"
+
+namespace propertyservice {
+
+namespace {
+
+std::string changeTopic(const std::string& key) {
+    std::string group = key.substr(0, key.find('.'));
+    std::transform(group.begin(), group.end(), group.begin(), [](char letter) {
+        return letter >= 'A' && letter <= 'Z' ? static_cast<char>(letter + 32) : letter;
+    });
+    return "prop-service-" + group + "/" + key;
+}
+
+bool isState(const std::string& key) { return key.compare(0, 6, "State.") == 0; }
+
+std::string objection(const Definition& definition, const std::string& value) {
+    if (value.size() > maxValueBytes) return "is too long";
+    if (!isCleanText(value)) return "is no UTF-8 text";
+    return definition.rule->objection(value);
+}
+
+}  // namespace
+
+PropertyTable::PropertyTable(const Catalogue& catalogue, const std::vector<IStore::Entry>& stored) {
+    properties_.reserve(catalogue.keys().size());
+    indices_.reserve(catalogue.keys().size());
+    for (const CatalogueKey& entry : catalogue.keys()) {
+        indices_.emplace(entry.key, properties_.size());
+        properties_.push_back({entry.key, entry.definition->defaultValue, entry.definition, changeTopic(entry.key),
+                               isState(entry.key), false});
+    }
+    std::size_t unknown = 0;
+    for (const auto& [key, value] : stored) {
+        Property* const property = find(key);
+        if (property == nullptr || property->isVolatile) {
+            ++unknown;
+            continue;
+        }
+        const std::string reason = objection(*property->definition, value);
+        if (!reason.empty()) {
+            // Not the value itself: it may be a credential.
+            dbg::Debug::warning() << "The stored value of " << key << " " << reason << "; the default is used"
+                                  << std::endl;
+            continue;
+        }
+        property->value = value;
+        property->isStored = true;
+    }
+    if (unknown > 0) {
+        dbg::Debug::info() << unknown << " stored values belong to no key of the catalogue; they are kept" << std::endl;
+    }
+}
+
+Property* PropertyTable::find(const std::string& key) {
+    const auto found = indices_.find(key);
+    return found == indices_.end() ? nullptr : &properties_[found->second];
+}
+
+}  // namespace propertyservice

@@ -1,0 +1,14 @@
+// Checks of text that came from outside.
+#pragma once
+
+#include <string>
+
+namespace propertyservice {
+
+/// Well-formed UTF-8 (no surrogates, no overlong forms) without a NUL.
+bool isCleanText(const std::string& text);
+
+/// The same of a JSON text, which moreover holds no control byte inside its strings, where JSON wants escapes.
+bool isCleanJson(const std::string& text);
+
+}  // namespace propertyservice

@@ -1,0 +1,31 @@
+// Where values outlive the service. Used by one thread at a time.
+#pragma once
+
+#include <stdexcept>
+#include <string>
+#include <utility>
+#include <vector>
+
+namespace propertyservice {
+
+/// The store cannot be used (when it is opened), or refused a write; `what()` says why.
+class StoreException : public std::runtime_error {
+ public:
+    using std::runtime_error::runtime_error;
+};
+
+class IStore {
+ public:
+    using Entry = std::pair<std::string, std::string>;  // key, value
+
+    virtual ~IStore() = default;
+
+    /// Everything that is stored, in no particular order.
+    virtual std::vector<Entry> load() = 0;
+
+    /// Stores all entries in this order, or none of them. Once it has returned they survive the end of the process,
+    /// however it ends. Throws StoreException; the old values stand then, and a later write may succeed.
+    virtual void write(const std::vector<Entry>& entries) = 0;
+};
+
+}  // namespace propertyservice

@@ -1,0 +1,76 @@
+#include "store/LogSync.h"
+
+#include <fcntl.h>
+#include <unistd.h>
+
+#include <cerrno>
+#include <system_error>
+
+#include "debug/Debug.h"
+
+namespace propertyservice {
+
+namespace {
+
+int openFile(const std::string& path) {
+    const int file = ::open(path.c_str(), O_RDONLY | O_CLOEXEC);
+    if (file < 0) throw std::system_error(errno, std::generic_category(), "cannot open " + path);
+    return file;
+}
+
+}  // namespace
+
+LogSync::LogSync(const std::string& path, std::chrono::milliseconds delay)
+    : path_(path), file_(openFile(path)), delay_(delay), thread_([this] { run(); }) {}
+
+LogSync::~LogSync() {
+    {
+        const std::lock_guard<std::mutex> lock(mutex_);
+        stopping_ = true;
+    }
+    changed_.notify_all();
+    thread_.join();
+    ::close(file_);
+}
+
+void LogSync::written() {
+    {
+        const std::lock_guard<std::mutex> lock(mutex_);
+        if (dirty_) return;  // its sync is still to come
+        dirty_ = true;
+    }
+    changed_.notify_all();
+}
+
+unsigned LogSync::syncs() const {
+    const std::lock_guard<std::mutex> lock(mutex_);
+    return syncs_;
+}
+
+void LogSync::run() {
+    bool failed = false;
+    std::unique_lock<std::mutex> lock(mutex_);
+    while (true) {
+        changed_.wait(lock, [this] { return dirty_ || stopping_; });
+        if (changed_.wait_for(lock, delay_, [this] { return stopping_; })) return;
+        dirty_ = false;  // what is written from here on needs the next sync
+        lock.unlock();
+        const bool synced = ::fdatasync(file_) == 0;
+        const std::error_code error(errno, std::generic_category());
+        if (!synced && !failed) {
+            dbg::Debug::error() << "Cannot sync " << path_ << " to the disk: " << error.message()
+                                << "; a power cut may cost recent settings" << std::endl;
+        }
+        if (synced && failed) dbg::Debug::info() << path_ << " is synced to the disk again" << std::endl;
+        failed = !synced;
+        lock.lock();
+        if (synced) {
+            ++syncs_;
+        } else {
+            dirty_ = true;
+        }
+        changed_.notify_all();
+    }
+}
+
+}  // namespace propertyservice

@@ -1,0 +1,137 @@
+#include "Commands.h"
+
+#include <json/value.h>
+
+#include <algorithm>
+#include <iomanip>
+#include <utility>
+#include <vector>
+
+#include "Output.h"
+#include "Session.h"
+#include "debug/Debug.h"
+
+namespace zavctl {
+
+namespace {
+
+Json::Value pair(const std::string& key, const std::string& value) {
+    Json::Value object;
+    object["param"] = key;
+    object["value"] = value;
+    return object;
+}
+
+std::string orEmpty(propertyapi::IPropertyApi& properties, const std::string& key) {
+    try {
+        return properties.get(key);
+    } catch (const propertyapi::PropertyNotFoundException&) {
+        return {};
+    }
+}
+
+bool isNumber(const std::string& text) {
+    return !text.empty() && text.size() < 10 && text.find_first_not_of("0123456789") == std::string::npos;
+}
+
+std::string periodInWords(const std::string& period) {
+    if (period == "0") return "once a night";
+    return isNumber(period) ? "every " + period + " s" : period;
+}
+
+}  // namespace
+
+ExitCode get(const Environment& environment, const Options& options, const std::string& key) {
+    Session session(environment, options.host);
+    session.connect();
+    const std::string value = session.properties().get(key);
+    if (options.json) {
+        printJson(environment.out, pair(key, value));
+    } else {
+        // A script gets the value as it is; a terminal must not be steered by it.
+        environment.out << (environment.outIsTerminal ? dbg::escapeControls(value) : value) << std::endl;
+    }
+    return ExitCode::done;
+}
+
+ExitCode set(const Environment& environment, const Options& options, const std::string& key, const std::string& value) {
+    Session session(environment, options.host);
+    session.connect();
+    session.properties().set(key, clientName, value);
+    if (options.json) printJson(environment.out, pair(key, value));
+    return ExitCode::done;
+}
+
+ExitCode list(const Environment& environment, const Options& options, const std::string& prefix) {
+    Session session(environment, options.host);
+    session.connect();
+    Json::Value all(Json::arrayValue);
+    std::string after;
+    do {
+        const propertyapi::PropertyPage page = session.properties().list(prefix, after);
+        for (const propertyapi::Property& property : page.properties) {
+            if (options.json) {
+                all.append(pair(property.key, property.value));
+            } else {
+                environment.out << property.key << "=" << dbg::escapeControls(property.value) << "\n";
+            }
+        }
+        if (!page.next.empty() && page.next <= after) throw std::runtime_error("the property service lists in circles");
+        after = page.next;
+    } while (!after.empty());
+    if (options.json) {
+        Json::Value object;
+        object["properties"] = std::move(all);
+        printJson(environment.out, object);
+    }
+    environment.out.flush();
+    return ExitCode::done;
+}
+
+ExitCode status(const Environment& environment, const Options& options) {
+    Session session(environment, options.host);
+    session.connect();
+    propertyapi::IPropertyApi& properties = session.properties();
+    const std::string server = withoutPassword(orEmpty(properties, "System.Provision.ProvisioningServer"));
+    const std::string result = orEmpty(properties, "State.Provisioning");
+    const std::string http = orEmpty(properties, "State.Provisioning.HttpErrorCode");
+    const bool locked = orEmpty(properties, "State.Provisioning.LockUI") == "1";
+    const std::string software = orEmpty(properties, "System.General.SoftwareVersion");
+    const std::string settings = orEmpty(properties, "System.Provision.SettingsVersion");
+    const std::string custom = orEmpty(properties, "System.Provision.CustomVersion");
+    const std::string provisioning = orEmpty(properties, "System.Provision.ProvisioningVersion");
+    const std::string period = orEmpty(properties, "System.Provision.Period");
+    if (options.json) {
+        Json::Value object;
+        object["server"] = server;
+        object["result"] = result;
+        object["httpStatus"] = isNumber(http) ? Json::Value(std::stoi(http)) : Json::Value();
+        object["uiLocked"] = locked;
+        object["softwareVersion"] = software;
+        object["settingsVersion"] = settings;
+        object["customVersion"] = custom;
+        object["provisioningVersion"] = provisioning;
+        object["period"] = period;
+        printJson(environment.out, object);
+        return ExitCode::done;
+    }
+    const std::vector<std::pair<const char*, std::string>> lines{
+        {"Server", server.empty() ? "none: provisioning is off" : server},
+        {"Last result", result.empty() ? "none since the start" : result},
+        {"HTTP status", http},
+        {"User interface", locked ? "locked by a pass" : "free"},
+        {"Software version", software},
+        {"Settings version", settings},
+        {"Custom version", custom},
+        {"Provisioning version", provisioning},
+        {"Next period", periodInWords(period)},
+    };
+    for (const auto& [name, text] : lines) {
+        environment.out << std::left << std::setw(22) << name << (text.empty() ? "-" : dbg::escapeControls(text))
+                        << "\n";
+    }
+    environment.out.flush();
+    return ExitCode::done;
+}
+
+}  // namespace zavctl

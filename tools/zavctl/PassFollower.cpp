@@ -1,0 +1,62 @@
+#include "PassFollower.h"
+
+#include <algorithm>
+
+#include "Session.h"
+
+namespace zavctl {
+
+PassFollower::PassFollower(std::string writer, std::chrono::milliseconds settling)
+    : writer_(std::move(writer)), settling_(settling) {}
+
+void PassFollower::connectionLost(const std::string&) {
+    const std::lock_guard<std::mutex> lock(mutex_);
+    cut_ = true;
+}
+
+void PassFollower::messageArrived(const std::string&, const std::string& content) {
+    Change change;
+    if (!readChange(content, change)) return;
+    const std::lock_guard<std::mutex> lock(mutex_);
+    if (change.param == "State.Provisioning") {
+        if (change.value.find("request") != std::string::npos) {
+            requested_ = requested_ || change.source == writer_;
+        } else if (requested_ && !(result_ && passBegan_)) {
+            result_ = change.value;
+            counts_ = passBegan_ ? Clock::now() : Clock::now() + settling_;
+        }
+    } else if (change.param == "State.Provisioning.LockUI" && change.value == "1" && requested_ && !passBegan_) {
+        passBegan_ = true;
+        result_.reset();  // that was the pass before ours
+    }
+    changed_.notify_all();
+}
+
+void PassFollower::deliveryComplete(const std::string&) {}
+
+std::optional<std::string> PassFollower::waitUntil(Clock::time_point until) {
+    std::unique_lock<std::mutex> lock(mutex_);
+    while (true) {
+        const Clock::time_point now = Clock::now();
+        if (result_ && counts_ <= now) return result_;
+        if (until <= now) return std::nullopt;
+        changed_.wait_until(lock, result_ ? std::min(counts_, until) : until);
+    }
+}
+
+std::optional<std::string> PassFollower::heldBack() const {
+    const std::lock_guard<std::mutex> lock(mutex_);
+    return result_;
+}
+
+bool PassFollower::passBegan() const {
+    const std::lock_guard<std::mutex> lock(mutex_);
+    return passBegan_;
+}
+
+bool PassFollower::wasCut() const {
+    const std::lock_guard<std::mutex> lock(mutex_);
+    return cut_;
+}
+
+}  // namespace zavctl

@@ -1,0 +1,149 @@
+#include <json/value.h>
+
+#include <algorithm>
+#include <cmath>
+#include <cstdio>
+#include <optional>
+
+#include "Commands.h"
+#include "Failure.h"
+#include "Output.h"
+#include "PassFollower.h"
+#include "Session.h"
+#include "debug/Debug.h"
+
+namespace zavctl {
+
+namespace {
+
+using Clock = PassFollower::Clock;
+
+constexpr std::chrono::seconds settling{2};
+constexpr std::chrono::seconds look{1};
+
+bool isResult(const std::string& word) { return word == "success" || word == "partSuccess" || word == "fail"; }
+
+std::string seconds(std::chrono::milliseconds duration) {
+    char text[32];
+    std::snprintf(text, sizeof text, "%.1f s", static_cast<double>(duration.count()) / 1000);
+    return text;
+}
+
+std::chrono::milliseconds since(Clock::time_point start) {
+    return std::chrono::duration_cast<std::chrono::milliseconds>(Clock::now() - start);
+}
+
+std::optional<std::string> tryGet(propertyapi::IPropertyApi& properties, const std::string& key) {
+    try {
+        return properties.get(key);
+    } catch (const propertyapi::PropertyException&) {
+        return std::nullopt;
+    }
+}
+
+class ProgressLine {
+ public:
+    explicit ProgressLine(const Environment& environment, bool json)
+        : out_(environment.out), shown_(environment.outIsTerminal && !json) {}
+
+    void show(const char* what, std::chrono::milliseconds elapsed) {
+        if (shown_) out_ << "\r\x1b[K" << what << " … " << elapsed.count() / 1000 << " s" << std::flush;
+    }
+    void clear() {
+        if (shown_) out_ << "\r\x1b[K" << std::flush;
+    }
+
+ private:
+    std::ostream& out_;
+    const bool shown_;
+};
+
+[[noreturn]] void failTimedOut(Session& session, const PassFollower& follower, std::chrono::milliseconds timeout) {
+    std::string reason;
+    if (follower.passBegan()) {
+        reason = "the provisioning pass has not ended within " + seconds(timeout) +
+                 "; it goes on: zavctl status shows its result, --timeout S waits longer";
+    } else if (tryGet(session.properties(), "System.Provision.ProvisioningServer") == std::optional<std::string>("")) {
+        reason = "no provisioning pass began within " + seconds(timeout) +
+                 ": no server is set; zavctl set System.Provision.ProvisioningServer URL sets it";
+    } else {
+        reason = "no provisioning pass began within " + seconds(timeout) +
+                 ": zavd is not running, or has not seen a stable network yet (it takes 90 s after it is up), or the "
+                 "server's URL is wrong; its log says which";
+    }
+    throw Failure(ExitCode::timedOut, "timed-out", reason);
+}
+
+std::string follow(const Environment& environment, const Options& options, Session& session, PassFollower& follower,
+                   std::chrono::milliseconds timeout) {
+    ProgressLine progress(environment, options.json);
+    const Clock::time_point start = Clock::now();
+    const Clock::time_point end = start + timeout;
+    while (true) {
+        progress.show(follower.passBegan() ? "Provisioning" : "Waiting for the pass to begin", since(start));
+        const std::optional<std::string> result = follower.waitUntil(std::min(end, Clock::now() + look));
+        if (result) {
+            progress.clear();
+            return *result;
+        }
+        // The change may have been published while the connection was cut.
+        if (follower.wasCut()) {
+            const std::optional<std::string> present = tryGet(session.properties(), "State.Provisioning");
+            if (present && isResult(*present)) {
+                progress.clear();
+                return *present;
+            }
+        }
+        if (Clock::now() >= end) {
+            progress.clear();
+            if (const std::optional<std::string> heldBack = follower.heldBack()) return *heldBack;
+            failTimedOut(session, follower, timeout);
+        }
+    }
+}
+
+ExitCode report(const Environment& environment, const Options& options, const std::string& result,
+                const std::string& http, std::chrono::milliseconds duration) {
+    const bool isCode = !http.empty() && http.size() < 10 && http.find_first_not_of("0123456789") == std::string::npos;
+    if (options.json) {
+        Json::Value object;
+        object["result"] = result;
+        object["httpStatus"] = isCode ? Json::Value(std::stoi(http)) : Json::Value();
+        object["milliseconds"] = static_cast<Json::Int64>(duration.count());
+        printJson(environment.out, object);
+    } else {
+        environment.out << dbg::escapeControls(result);
+        if (result == "partSuccess") environment.out << ": some of the jobs or settings were not carried out";
+        environment.out << " (HTTP " << (isCode ? http : "-") << ", " << seconds(duration) << ")" << std::endl;
+    }
+    return result == "success" || result == "partSuccess" ? ExitCode::done : ExitCode::failed;
+}
+
+}  // namespace
+
+ExitCode provision(const Environment& environment, const Options& options, bool wait,
+                   std::chrono::milliseconds timeout) {
+    PassFollower follower(clientName, settling);
+    Session session(environment, options.host);
+    if (wait) session.subscribe("prop-service-state/#", follower);
+    session.connect();
+    const Clock::time_point start = Clock::now();
+    session.properties().set("State.Provisioning", clientName, "request");
+    if (!wait) {
+        if (options.json) {
+            Json::Value object;
+            object["requested"] = true;
+            printJson(environment.out, object);
+        } else {
+            environment.out << "Provisioning requested." << std::endl;
+        }
+        return ExitCode::done;
+    }
+    const std::string result = follow(environment, options, session, follower, timeout);
+    const std::chrono::milliseconds duration = since(start);
+    // The daemon writes the status before the result, so it is there by now.
+    const std::string http = tryGet(session.properties(), "State.Provisioning.HttpErrorCode").value_or("");
+    return report(environment, options, result, http, duration);
+}
+
+}  // namespace zavctl

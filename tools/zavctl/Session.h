@@ -1,0 +1,43 @@
+// One command's connection to the phone.
+#pragma once
+
+#include <functional>
+#include <memory>
+#include <string>
+
+#include "Environment.h"
+
+namespace zavctl {
+
+inline constexpr char clientName[] = "zavctl";
+
+/// A property that has just been written.
+struct Change {
+    std::string param;
+    std::string value;
+    std::string source;
+};
+
+/// Reads a change message; false when it is none.
+bool readChange(const std::string& payload, Change& change);
+
+/// Ends the connection when it goes out of scope; no callback runs from then on.
+class Session {
+ public:
+    Session(const Environment& environment, std::string host);
+    Session(const Session&) = delete;
+    Session& operator=(const Session&) = delete;
+    ~Session();
+
+    /// Before `connect`; the callback must outlive the session.
+    void subscribe(const std::string& topicFilter, ipc::IIPCCallback& callback);
+    void connect();
+    propertyapi::IPropertyApi& properties() { return *properties_; }
+
+ private:
+    const std::string host_;
+    const std::shared_ptr<ipc::IIPCClient> bus_;
+    const std::shared_ptr<propertyapi::IPropertyApi> properties_;
+};
+
+}  // namespace zavctl

@@ -1,0 +1,88 @@
+#include <json/value.h>
+
+#include <algorithm>
+#include <cctype>
+#include <mutex>
+
+#include "Commands.h"
+#include "Output.h"
+#include "Session.h"
+#include "debug/Debug.h"
+
+namespace zavctl {
+
+namespace {
+
+constexpr char changeTopics[] = "prop-service-";
+
+// One subscription, so that changes keep their order. Without a whole group in the prefix that is every topic with two
+// levels, of which the changes are picked out.
+std::string topicFilter(const std::string& prefix) {
+    const std::string::size_type dot = prefix.find('.');
+    if (dot == std::string::npos || dot == 0 || prefix.find_first_of("+#/") < dot) return "+/+";
+    std::string group = prefix.substr(0, dot);
+    std::transform(group.begin(), group.end(), group.begin(),
+                   [](unsigned char letter) { return static_cast<char>(std::tolower(letter)); });
+    return changeTopics + group + "/#";
+}
+
+class Printer final : public ipc::IIPCCallback {
+ public:
+    Printer(const Environment& environment, bool json, std::string prefix)
+        : environment_(environment), json_(json), prefix_(std::move(prefix)) {}
+
+    void connectionLost(const std::string& cause) override {
+        const std::lock_guard<std::mutex> lock(mutex_);
+        environment_.err << "zavctl: connection lost, changes may be missing: " << cause << std::endl;
+    }
+
+    void messageArrived(const std::string& topic, const std::string& content) override {
+        Change change;
+        if (topic.compare(0, sizeof changeTopics - 1, changeTopics) != 0 || !readChange(content, change)) return;
+        if (change.param.compare(0, prefix_.size(), prefix_) != 0) return;
+        const std::lock_guard<std::mutex> lock(mutex_);
+        print(change);
+        if (!environment_.out) environment_.stop.set();  // nobody reads any more
+    }
+
+    void deliveryComplete(const std::string&) override {}
+
+ private:
+    void print(const Change& change) {
+        if (json_) {
+            Json::Value object;
+            object["param"] = change.param;
+            object["value"] = change.value;
+            object["source"] = change.source;
+            printJson(environment_.out, object);
+            return;
+        }
+        environment_.out << dbg::escapeControls(change.param + "=" + change.value);
+        if (!change.source.empty()) environment_.out << "  (" << dbg::escapeControls(change.source) << ")";
+        environment_.out << std::endl;
+    }
+
+    const Environment& environment_;
+    const bool json_;
+    const std::string prefix_;
+    std::mutex mutex_;  // guards the output
+};
+
+}  // namespace
+
+ExitCode watch(const Environment& environment, const Options& options, const std::string& prefix) {
+    environment.catchSignals();
+    Printer printer(environment, options.json, prefix);
+    Session session(environment, options.host);
+    session.subscribe(topicFilter(prefix), printer);
+    session.connect();
+    // Also tells at once when the property service is away.
+    if (session.properties().list(prefix, "").properties.empty()) {
+        environment.err << "zavctl: no key begins with \"" << dbg::escapeControls(prefix) << "\"; watching all the same"
+                        << std::endl;
+    }
+    environment.stop.wait();
+    return ExitCode::done;
+}
+
+}  // namespace zavctl
