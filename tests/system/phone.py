@@ -6,7 +6,6 @@ that passes is a failure that shows what was there instead.
 
 import json
 import os
-import re
 import subprocess
 import threading
 import time
@@ -51,8 +50,6 @@ def clock(*words):
 class Log:
     """The daemon's log as text, from a mark on."""
 
-    LINE = re.compile(r"^(?P<head>.*? (?P<level>error|warning|info) (?P<source>\S+):(?P<line>\d+)):? (?P<text>.*)$", re.I)
-
     def __init__(self, path=f"{HOME}/daemon.log"):
         self.path = path
         self.start = 0
@@ -96,7 +93,8 @@ class Log:
 class Bus:
     """A bus client of another make: hears every change, asks and sets properties, plays watchdog and auto-reboot."""
 
-    TOPICS = ("prop-service-state/#", "prop-service-system/#", "prov-client/#", "prop-service/status")
+    TOPICS = ("prop-service-state/#", "prop-service-system/#", "prop-service-telephony/#", "prop-service-phoneui/#",
+              "prop-service-functionkeys/#", "prov-client/#", "prop-service/status")
 
     def __init__(self):
         self._lock = threading.Lock()
