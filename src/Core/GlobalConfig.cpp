@@ -1,0 +1,101 @@
+#include "Core/GlobalConfig.h"
+
+#include <mutex>
+#include <thread>
+
+#include "Core/Constants.h"
+#include "common/Quote.h"
+#include "debug/Debug.h"
+
+namespace zav {
+
+namespace {
+
+struct Values {
+    std::mutex mutex;
+    std::string softwareVersion;     // guarded by mutex, like those below
+    std::string settingsVersion;
+    std::string customVersion;
+    std::string provisioningServer;
+};
+
+Values& values() {
+    static Values instance;
+    return instance;
+}
+
+std::string copyOut(std::string Values::*member) {
+    const std::lock_guard<std::mutex> lock(values().mutex);
+    return values().*member;
+}
+
+void assign(std::string Values::*member, const std::string& value) {
+    const std::lock_guard<std::mutex> lock(values().mutex);
+    values().*member = value;
+}
+
+}  // namespace
+
+std::string GlobalConfig::getValue(const Properties& properties, const std::string& key) {
+    try {
+        return properties->get(key);
+    } catch (const std::exception& e) {
+        dbg::Debug::error() << "Error getting value for key " << quote(key) << " exception: " << e.what() << std::endl;
+        return {};
+    }
+}
+
+bool GlobalConfig::hasAuthCredentials(const Properties& properties) {
+    return !getValue(properties, constants::factoryAuthUsernameKey).empty() &&
+           !getValue(properties, constants::factoryAuthPasswordKey).empty();
+}
+
+void GlobalConfig::waitForPreconditions(const Properties& properties, unsigned maxWaits, std::chrono::seconds pause) {
+    dbg::Debug::info() << "Waiting for factory auth user name and password" << std::endl;
+    bool met = false;
+    for (unsigned waits = 0;; ++waits) {
+        met = hasAuthCredentials(properties);
+        if (met) break;
+        if (waits >= maxWaits) {
+            dbg::Debug::info() << "Cannot read auth user name or password" << std::endl;
+            break;
+        }
+        dbg::Debug::info() << "Waiting for auth user name and password" << std::endl;
+        std::this_thread::sleep_for(pause);
+    }
+    dbg::Debug::info() << (met ? "Preconditions are met" : "Preconditions are not met") << std::endl;
+}
+
+void GlobalConfig::readProperties(const Properties& properties) {
+    dbg::Debug::info() << "Reading properties to GlobalConfig" << std::endl;
+    assign(&Values::softwareVersion, getValue(properties, constants::softwareVersionKey));
+    assign(&Values::settingsVersion, getValue(properties, constants::settingsVersionKey));
+    assign(&Values::customVersion, getValue(properties, constants::customVersionKey));
+    assign(&Values::provisioningServer, getValue(properties, constants::provisioningServerKey));
+    // Read like the others, but applied only when it changes.
+    static_cast<void>(getValue(properties, constants::debugLevelMaskKey));
+}
+
+std::string GlobalConfig::softwareVersion() { return copyOut(&Values::softwareVersion); }
+std::string GlobalConfig::settingsVersion() { return copyOut(&Values::settingsVersion); }
+std::string GlobalConfig::customVersion() { return copyOut(&Values::customVersion); }
+std::string GlobalConfig::provisioningServer() { return copyOut(&Values::provisioningServer); }
+void GlobalConfig::setProvisioningServer(const std::string& url) { assign(&Values::provisioningServer, url); }
+
+const std::string& GlobalConfig::fileFormatVersion() {
+    static const std::string version = "1.1";
+    return version;
+}
+
+const std::string& GlobalConfig::productIdentifier() {
+    static const std::string identifier = "kd4v";
+    return identifier;
+}
+
+const std::string& GlobalConfig::defaultProvisioningServer() {
+    // Deployments put their own host here; example names resolve nowhere.
+    static const std::string host = "provisioning.example.com";
+    return host;
+}
+
+}  // namespace zav

@@ -1,0 +1,48 @@
+#include "Core/JobHandlers/FileDownloadHandler.h"
+
+#include "Core/Constants.h"
+#include "Core/PassState.h"
+#include "Core/Utils.h"
+#include "debug/Debug.h"
+#include "http/CurlTypes.h"
+#include "http/FormatUrl.h"
+
+namespace zav {
+
+FileDownloadHandler::FileDownloadHandler(const JobDescription& job, std::shared_ptr<Curl> curl, Security& security,
+                                         const std::shared_ptr<propertyapi::IPropertyApi>& properties,
+                                         XMLReader& reader, ProgressReporter& progressReporter,
+                                         ProvisioningStatusReporter& statusReporter)
+    : JobHandler(job, std::move(curl), security, properties, reader, progressReporter, statusReporter) {
+    handlerName_ = "FileDownloadHandler";
+}
+
+int FileDownloadHandler::run() {
+    int result = jobFail;
+    dbg::Debug::info() << "Running FileDownloadHandlerJob on: " << job_->name << std::endl;
+    const std::string url = findNewestUrl(*job_);
+    if (url.empty()) return result;
+
+    const UrlInfo urlInfo = makeJobUrlInfo(url, properties_->get(constants::provisioningServerKey));
+    const std::string source = urlInfo.text();
+    const std::string destination = formatUrl(provisioningPath(job_->name, urlInfo.localName()), properties_);
+    dbg::Debug::info() << "Found job with URL: " << source << std::endl;
+    std::vector<JobDescription> jobs;
+    if (!downloadAndParse(source, destination, jobs)) {
+        const long httpCode = curl_->getHttpCode();
+        lastHttpCode = static_cast<int>(httpCode);
+        statusReporter_.setJobField(job_->name, "xmlFileStatus", constants::failWord);
+        statusReporter_.setJobField(job_->name, "extraInfo", "HTTP: " + CurlTypes::getHTTPCodeDescription(httpCode));
+        return jobFail;
+    }
+    for (const JobDescription& job : jobs) {
+        if (job.items.empty()) {
+            dbg::Debug::info() << "Node: " << job.name << " has no child nodes, skipping" << std::endl;
+        } else {
+            result = startJob(job);
+        }
+    }
+    return result;
+}
+
+}  // namespace zav

@@ -1,0 +1,155 @@
+#include "Core/JobHandlers/JobHandler.h"
+
+#include <tre/tre.h>
+
+#include <algorithm>
+#include <utility>
+
+#include "Core/JobHandlers/JobHandlerFactory.h"
+#include "Core/JobHandlers/ProvisioningFileParser.h"
+#include "Core/PassState.h"
+#include "common/Quote.h"
+#include "debug/Debug.h"
+#include "http/CurlTypes.h"
+#include "http/FileDownloader.h"
+
+namespace zav {
+
+namespace {
+
+constexpr unsigned maximumDepth = 16;
+constexpr const char* oldestVersion = "1000-01-01_01:01:01";
+// In the regular expressions of this library \d is a digit.
+constexpr const char* versionPattern =
+    R"(^(20[0-9][0-9]-(0[1-9]|1[012])-(0[1-9]|[12][0-9]|3[01])_([01][0-9]|2[0-3]):[0-5][0-9]:[0-5][0-9]|V\d\d\d.\d\d\d.\d\d\d)$)";
+
+using AllowedJobs = std::vector<std::pair<std::string, std::string>>;
+
+const AllowedJobs& jobsOfVersion10() {
+    static const AllowedJobs jobs{{"provisioning", "category"}, {"nvm", "file"},       {"custom", "file"},
+                                  {"firmware", "file"},         {"settings", "param"}, {"scenario", "step"}};
+    return jobs;
+}
+
+const AllowedJobs& jobsOfVersion11() {
+    static const AllowedJobs jobs{{"nvm", "param"}, {"custom", "step"}, {"firmware", "file"}};
+    return jobs;
+}
+
+bool contains(const AllowedJobs& jobs, const JobDescription& job) {
+    return std::find(jobs.begin(), jobs.end(), std::make_pair(job.name, job.itemName)) != jobs.end();
+}
+
+bool isAllowed(const JobDescription& job) {
+    const std::string version = currentProvisioningVersion();
+    if (version == "1.0" && contains(jobsOfVersion10(), job)) return true;
+    if (version == "1.1" && contains(jobsOfVersion11(), job)) return true;
+    dbg::Debug::warning() << "Job: " << job.name << " " << job.itemName
+                          << " is not valid for provisioning version: " << version << " and it will not be started"
+                          << std::endl;
+    return false;
+}
+
+// How many handlers run inside each other on this pass thread; the one that the pass itself started is the first.
+thread_local unsigned depth = 1;
+
+class DepthScope {
+ public:
+    DepthScope() { ++depth; }
+    ~DepthScope() { --depth; }
+    DepthScope(const DepthScope&) = delete;
+    DepthScope& operator=(const DepthScope&) = delete;
+};
+
+}  // namespace
+
+JobHandler::JobHandler(const JobDescription& job, std::shared_ptr<Curl> curl, Security& security,
+                       const std::shared_ptr<propertyapi::IPropertyApi>& properties, XMLReader& reader,
+                       ProgressReporter& progressReporter, ProvisioningStatusReporter& statusReporter)
+    : job_(&job),
+      properties_(properties),
+      curl_(std::move(curl)),
+      security_(security),
+      reader_(reader),
+      progressReporter_(progressReporter),
+      statusReporter_(statusReporter) {}
+
+const std::string& JobHandler::getName() { return handlerName_; }
+
+std::string JobHandler::findNewestUrl(const JobDescription& job) {
+    std::string newest = oldestVersion;
+    std::string url;
+    for (const Attributes& item : job.items) {
+        const auto version = item.find("version");
+        if (version == item.end()) {
+            url = item.at("url");
+            dbg::Debug::info() << "Found url without version tag, assuming newest version is: " << url << std::endl;
+            break;
+        }
+        if (isValidVersion(version->second) && version->second > newest) {
+            newest = version->second;
+            url = item.at("url");
+        }
+    }
+    dbg::Debug::info() << "Newest:" << url << std::endl;
+    return url;
+}
+
+int JobHandler::startJob(const JobDescription& job) {
+    if (depth >= maximumDepth) {
+        dbg::Debug::error() << "Job: " << job.name << " is nested more than " << maximumDepth
+                            << " handlers deep and will not be started" << std::endl;
+        return jobFail;
+    }
+    const DepthScope scope;
+    const auto handler =
+        JobHandlerFactory::create(job, curl_, security_, properties_, reader_, progressReporter_, statusReporter_);
+    if (!handler) return jobFail;
+    dbg::Debug::info() << "+++++ Starting " << handler->getName() << std::endl;
+    const int result = handler->run();
+    dbg::Debug::info() << "-----Finishing " << handler->getName() << std::endl;
+    return result;
+}
+
+bool JobHandler::downloadAndParse(const std::string& url, const std::string& destination,
+                                  std::vector<JobDescription>& jobs) {
+    FileDownloader downloader(curl_, security_, properties_);
+    const int code = downloader.downloadFile(url, destination);
+    const long httpCode = curl_->getHttpCode();
+    if (code != 0 || httpCode != 200) {
+        lastHttpCode = static_cast<int>(httpCode);
+        dbg::Debug::warning() << "Error downloading file: " << url << std::endl;
+        dbg::Debug::error() << "Curl Error: " << CurlTypes::getCurlErrorDescription(code)
+                            << " HTTP Error: " << CurlTypes::getHTTPCodeDescription(httpCode) << std::endl;
+        return false;
+    }
+    ProvisioningFileParser parser(destination, reader_, properties_);
+    if (!parser.loadAndVerify()) {
+        dbg::Debug::warning() << "XML verification failed for: " << destination << std::endl;
+        return false;
+    }
+    parser.collectJobs(jobs);
+    return true;
+}
+
+void removeJobsNotAllowed(std::vector<JobDescription>& jobs) {
+    jobs.erase(std::remove_if(jobs.begin(), jobs.end(), [](const JobDescription& job) { return !isAllowed(job); }),
+               jobs.end());
+}
+
+bool isValidVersion(const std::string& version) {
+    regex_t expression{};
+    if (tre_regcomp(&expression, versionPattern, REG_EXTENDED) != 0) {
+        dbg::Debug::error() << "Time Version Expression did not compile" << std::endl;
+        return false;
+    }
+    const bool matches = tre_regexec(&expression, version.c_str(), 0, nullptr, 0) == 0;
+    tre_regfree(&expression);
+    if (!matches) {
+        dbg::Debug::warning() << "Version " << quote(version) << " doesn't match YYYY-MM-DD_HH:MM:SS format."
+                              << std::endl;
+    }
+    return matches;
+}
+
+}  // namespace zav

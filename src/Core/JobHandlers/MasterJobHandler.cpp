@@ -1,0 +1,57 @@
+#include "Core/JobHandlers/MasterJobHandler.h"
+
+#include "Core/Constants.h"
+#include "Core/PassState.h"
+#include "Core/Utils.h"
+#include "debug/Debug.h"
+#include "http/CurlTypes.h"
+#include "http/FormatUrl.h"
+
+namespace zav {
+
+MasterJobHandler::MasterJobHandler(const JobDescription& job, std::shared_ptr<Curl> curl, Security& security,
+                                   const std::shared_ptr<propertyapi::IPropertyApi>& properties, XMLReader& reader,
+                                   ProgressReporter& progressReporter, ProvisioningStatusReporter& statusReporter)
+    : JobHandler(job, std::move(curl), security, properties, reader, progressReporter, statusReporter) {
+    handlerName_ = "MasterJobHandler";
+}
+
+bool MasterJobHandler::isSupportedJobType(const std::string& type) {
+    return type == "firmware" || type == "nvm" || type == "custom";
+}
+
+int MasterJobHandler::run() {
+    for (const Attributes& item : job_->items) {
+        const std::string& type = item.at("type");
+        if (!isSupportedJobType(type)) continue;
+        dbg::Debug::info() << "Job Type: " << type << std::endl;
+        runCategory(type, item.at("url"));
+    }
+    return jobSuccess;
+}
+
+void MasterJobHandler::runCategory(const std::string& type, const std::string& url) {
+    const UrlInfo urlInfo = makeJobUrlInfo(url, properties_->get(constants::provisioningServerKey));
+    const std::string source = urlInfo.text();
+    const std::string destination = formatUrl(provisioningPath(type, urlInfo.localName()), properties_);
+    dbg::Debug::info() << "Found " << type << " job type with URL: " << source << std::endl;
+    jobs_.clear();
+    if (!downloadAndParse(source, destination, jobs_)) {
+        const long httpCode = curl_->getHttpCode();
+        lastHttpCode = static_cast<int>(httpCode);
+        statusReporter_.setJobField(type, "xmlFileStatus", constants::failWord);
+        statusReporter_.setJobField(type, "extraInfo", "HTTP: " + CurlTypes::getHTTPCodeDescription(httpCode));
+        statusReporter_.setJobStatus(type, jobFail);
+        return;
+    }
+    removeJobsNotAllowed(jobs_);
+    for (const JobDescription& job : jobs_) {
+        if (job.items.empty()) {
+            dbg::Debug::info() << "Node: " << job.name << " has no child nodes, skipping" << std::endl;
+        } else {
+            statusReporter_.setJobStatus(type, startJob(job));
+        }
+    }
+}
+
+}  // namespace zav

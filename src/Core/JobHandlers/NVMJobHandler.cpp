@@ -1,0 +1,109 @@
+#include "Core/JobHandlers/NVMJobHandler.h"
+
+#include <sstream>
+#include <utility>
+
+#include "Core/JobHandlers/InvalidFormatException.h"
+#include "common/Quote.h"
+#include "debug/Debug.h"
+
+namespace zav {
+
+namespace {
+
+constexpr const char* functionKeyPrefix = "PhoneUI.Keys.FunctionKeys.";
+constexpr const char* lockPostfix = "LockProvisioning";
+const std::string provisioningSource = "provisioning";
+// Part of the message, and the same whatever compiler builds this.
+constexpr const char* getIndexAndPostfixSignature =
+    "std::pair<const std::basic_string<char>, const std::basic_string<char> > "
+    "zav::{anonymous}::getIndexAndPostfix(const string&, const string&)";
+
+std::pair<const std::string, const std::string> getIndexAndPostfix(const std::string& name, const std::string& prefix) {
+    const auto dot = name.find('.', prefix.length());
+    if (dot == std::string::npos) {
+        throw InvalidFormatException("Function key parameter name invalid " + quote(getIndexAndPostfixSignature));
+    }
+    return {name.substr(prefix.length(), dot - prefix.length()), name.substr(dot + 1)};
+}
+
+}  // namespace
+
+bool isFunctionKeyParam(const std::string& name, const std::string& prefix) {
+    if (name.compare(0, prefix.length(), prefix) != 0) return false;
+    static_cast<void>(std::stoi(getIndexAndPostfix(name, prefix).first, nullptr, 10));
+    return true;
+}
+
+NVMJobHandler::NVMJobHandler(const JobDescription& job, std::shared_ptr<Curl> curl, Security& security,
+                             const std::shared_ptr<propertyapi::IPropertyApi>& properties, XMLReader& reader,
+                             ProgressReporter& progressReporter, ProvisioningStatusReporter& statusReporter)
+    : JobHandler(job, std::move(curl), security, properties, reader, progressReporter, statusReporter) {
+    handlerName_ = "NVMJobHandler";
+}
+
+int NVMJobHandler::run() {
+    total_ = static_cast<int>(job_->items.size());
+    applied_ = 0;
+    applyParams();
+    std::ostringstream text;
+    text << applied_ << "/" << total_ << std::endl;
+    int result = jobPartSuccess;
+    if (applied_ == total_) {
+        result = jobSuccess;
+    } else if (applied_ == 0) {
+        result = jobFail;
+    }
+    statusReporter_.setJobField(getName(), "extraInfo", text.str());
+    return result;
+}
+
+void NVMJobHandler::applyParams() {
+    for (const Attributes& param : job_->items) {
+        std::string name = "???";
+        std::string value = "???";
+        try {
+            name = param.at("name");
+            value = param.at("value");
+            if (isFunctionKeyParam(name, functionKeyPrefix)) {
+                applyFunctionKeyParam(name, value);
+            } else {
+                dbg::Debug::info() << "Applying param: " << quote(name, value, "=") << std::endl;
+                write(name, value);
+            }
+        } catch (const propertyapi::PropertyNotFoundException& e) {
+            dbg::Debug::warning() << e.what() << std::endl;
+        } catch (const std::exception& e) {
+            dbg::Debug::error() << "Could not set param : " << quote(name, value, "=") << " (exception " << e.what()
+                                << ")" << std::endl;
+        }
+    }
+}
+
+void NVMJobHandler::applyFunctionKeyParam(const std::string& name, const std::string& value) {
+    const auto [index, postfix] = getIndexAndPostfix(name, functionKeyPrefix);
+    if (postfix == lockPostfix) {
+        dbg::Debug::warning() << "This parameter can not be set by provisioning " << quote(name) << std::endl;
+    } else if (isFunctionKeyLocked(index)) {
+        dbg::Debug::warning() << "This parameter can not be changed because it is locked " << quote(name) << std::endl;
+    } else {
+        dbg::Debug::info() << "Applying function key param: " << quote(name, value, "=") << std::endl;
+        write(name, value);
+    }
+}
+
+// The flag's key has no "PhoneUI.Keys." in front, unlike the parameters of the key.
+bool NVMJobHandler::isFunctionKeyLocked(const std::string& index) {
+    auto flag = lockCache_.find(index);
+    if (flag == lockCache_.end()) {
+        flag = lockCache_.emplace(index, properties_->get("FunctionKeys." + index + "." + lockPostfix)).first;
+    }
+    return flag->second != "0";
+}
+
+void NVMJobHandler::write(const std::string& name, const std::string& value) {
+    properties_->set(name, provisioningSource, value);
+    ++applied_;
+}
+
+}  // namespace zav

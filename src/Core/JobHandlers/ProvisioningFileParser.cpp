@@ -1,0 +1,196 @@
+#include "Core/JobHandlers/ProvisioningFileParser.h"
+
+#include <algorithm>
+#include <cctype>
+#include <chrono>
+#include <cstdio>
+
+#include "Core/Constants.h"
+#include "Core/GlobalConfig.h"
+#include "Core/PassState.h"
+#include "common/Execute.h"
+#include "common/Quote.h"
+#include "debug/Debug.h"
+
+namespace zav {
+
+namespace {
+
+constexpr const char* oldestFormatVersion = "1.0";
+constexpr std::chrono::milliseconds decryptionTimeout{10000};
+// A walk visits some elements once per level; with hostile nesting that is far more than a file has.
+constexpr std::size_t maximumSteps = 5000000;
+
+int upper(char c) { return std::toupper(static_cast<unsigned char>(c)); }
+
+const char* digit(bool passed) { return passed ? "1" : "0"; }
+
+}  // namespace
+
+ProvisioningFileParser::ProvisioningFileParser(std::string filePath, XMLReader& reader,
+                                               std::shared_ptr<propertyapi::IPropertyApi> properties)
+    : filePath_(std::move(filePath)),
+      reader_(reader),
+      properties_(std::move(properties)),
+      verifiableRoots_{"provisioning", "firmware", "nvm", "settings", "custom", "scenario"} {
+    decrypt();
+}
+
+// Whether a file is encrypted shows only in openssl's success on it. The command is safe to spell like this because
+// every local name is reduced to harmless characters before a file gets it.
+void ProvisioningFileParser::decrypt() {
+    const std::string temporary = filePath_ + ".tmp";
+    try {
+        os::execute("openssl enc -aes-128-cbc -d -in " + filePath_ + " -out " + temporary +
+                        " -pass file:/etc/zav.d/key",
+                    decryptionTimeout);
+        std::rename(temporary.c_str(), filePath_.c_str());
+    } catch (...) {
+        std::remove(temporary.c_str());
+    }
+}
+
+bool ProvisioningFileParser::loadAndVerify() {
+    if (!reader_.load(filePath_)) {
+        dbg::Debug::warning() << "File " << filePath_ << " is corrupted" << std::endl;
+        return false;
+    }
+    return verify();
+}
+
+bool ProvisioningFileParser::parseInitialFile() {
+    if (!loadAndVerify()) return false;
+    const bool isInitial = reader_.name() == "provisioning";
+    if (!isInitial) {
+        dbg::Debug::warning() << "Initial file is does not contain <provisioning> node." << std::endl;
+    }
+    setCurrentProvisioningVersion(reader_.attributes()["version"]);
+    return isInitial;
+}
+
+bool ProvisioningFileParser::verify() {
+    if (std::find(verifiableRoots_.begin(), verifiableRoots_.end(), reader_.name()) == verifiableRoots_.end()) {
+        return false;
+    }
+    dbg::Debug::info() << "File " << filePath_ << " is verifiable" << std::endl;
+    try {
+        const Attributes root = reader_.attributes();
+        const bool product = verifyProduct(root);
+        const bool macAddress = verifyMacAddress(root);
+        const bool version = verifyVersion(root);
+        if (product && macAddress && version) {
+            dbg::Debug::info() << "File " << filePath_ << " verified positively." << std::endl;
+            return true;
+        }
+        dbg::Debug::error() << "File " << filePath_ << " check error: ID=" << digit(product)
+                            << " MAC=" << digit(macAddress) << " VER=" << digit(version) << std::endl;
+    } catch (const std::exception& e) {
+        dbg::Debug::error() << "XML File doesn't meet provisioning requirements. Exception thrown: " << e.what()
+                            << std::endl;
+    }
+    return false;
+}
+
+bool ProvisioningFileParser::verifyProduct(const Attributes& root) const {
+    const auto product = root.find("productID");
+    if (product == root.end()) {
+        dbg::Debug::error() << "Product ID is not specified in xml" << std::endl;
+        return false;
+    }
+    if (product->second != GlobalConfig::productIdentifier()) {
+        dbg::Debug::warning() << "Incorrect product ID "
+                              << quote(product->second, GlobalConfig::productIdentifier(), "=") << std::endl;
+        return false;
+    }
+    return true;
+}
+
+// As far as the device's own address goes: what the file's says beyond it does not count.
+bool ProvisioningFileParser::verifyMacAddress(const Attributes& root) const {
+    const std::string device = properties_->get(constants::macAddressKey);
+    const auto address = root.find("macAddress");
+    if (address == root.end()) {
+        dbg::Debug::info() << "MAC address not provided in XML, skipping check" << std::endl;
+        return true;
+    }
+    return address->second.size() >= device.size() &&
+           std::equal(device.begin(), device.end(), address->second.begin(),
+                      [](char a, char b) { return upper(a) == upper(b); });
+}
+
+bool ProvisioningFileParser::verifyVersion(const Attributes& root) const {
+    const auto version = root.find("version");
+    if (version == root.end()) {
+        dbg::Debug::error() << "Provisioning version is not specified in xml" << std::endl;
+        return false;
+    }
+    // Byte by byte and not as numbers: 1.05 lies in the range, 1.1.0 does not.
+    if (version->second < oldestFormatVersion || version->second > GlobalConfig::fileFormatVersion()) {
+        dbg::Debug::warning() << "Incorrect file format version, provisioning not supported" << std::endl;
+        return false;
+    }
+    const std::string current = currentProvisioningVersion();
+    if (!current.empty() && current != version->second) {
+        dbg::Debug::warning() << "Inconsistient provisioning versions " << quote(current, version->second, "=")
+                              << std::endl;
+        return false;
+    }
+    return true;
+}
+
+struct ProvisioningFileParser::Walk {
+    std::vector<JobDescription>& jobs;
+    std::size_t items = 0;
+    std::size_t steps = 0;
+    bool exceeded() const { return items > maximumItems || steps > maximumSteps; }
+};
+
+bool ProvisioningFileParser::collectJobs(std::vector<JobDescription>& jobs) {
+    const std::size_t before = jobs.size();
+    Walk walk{jobs};
+    collectLevel(reader_.name(), true, walk);
+    if (walk.exceeded()) {
+        dbg::Debug::error() << "File " << filePath_ << " lists more than " << maximumItems
+                            << " items, none of its jobs will be started" << std::endl;
+        jobs.resize(before);
+    }
+    return true;
+}
+
+// A cursor's walk and not a tree's: a saved position stays saved, so after a nested level the outer one goes on from
+// the element that was entered last, and the names seen in a nested level stay in the set. `atElement` is false for a
+// level that holds white space only.
+void ProvisioningFileParser::collectLevel(const std::string& parentName, bool atElement, Walk& walk) {
+    JobDescription job;
+    childNames_.clear();
+    while (atElement && !walk.exceeded()) {
+        ++walk.steps;
+        if (reader_.hasChildren()) {
+            const std::string name = reader_.name();
+            reader_.savePosition();
+            const bool nestedAtElement = reader_.firstChild();
+            collectLevel(name, nestedAtElement, walk);
+        } else {
+            job.itemName = reader_.name();
+            Attributes attributes = reader_.attributes();
+            if (!attributes.empty()) {
+                ++walk.items;
+                job.items.push_back(std::move(attributes));
+            }
+            childNames_.insert(job.itemName);
+        }
+        atElement = reader_.nextSibling();
+    }
+    if (!job.items.empty()) {
+        if (childNames_.size() > 1) {
+            dbg::Debug::info() << "XML child nodes have inconsistient names, please verify xml job: " << parentName
+                               << std::endl;
+        } else {
+            job.name = parentName;
+            walk.jobs.push_back(std::move(job));
+        }
+    }
+    reader_.restorePosition();
+}
+
+}  // namespace zav

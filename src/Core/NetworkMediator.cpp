@@ -1,0 +1,88 @@
+#include "Core/NetworkMediator.h"
+
+#include <condition_variable>
+#include <mutex>
+#include <thread>
+#include <utility>
+
+#include "Core/StopSignal.h"
+#include "debug/Debug.h"
+
+namespace zav {
+
+namespace {
+
+constexpr int stabilisationSeconds = 90;
+
+}  // namespace
+
+// Outlives the mediator for the thread's last breath.
+struct NetworkMediator::Shared {
+    explicit Shared(Timing chosen) : timing(chosen) {}
+
+    const Timing timing;
+    StopSignal stopping;
+    std::mutex mutex;  // held by start until the thread object is in place
+    std::condition_variable ended;
+    std::thread thread;    // guarded by mutex
+    bool running = false;  // guarded by mutex: the thread still holds the dispatcher
+};
+
+NetworkMediator::NetworkMediator() : NetworkMediator(Timing()) {}
+
+NetworkMediator::NetworkMediator(Timing timing) : shared_(std::make_shared<Shared>(timing)) {}
+
+NetworkMediator::~NetworkMediator() {
+    shared_->stopping.stop();
+    std::unique_lock<std::mutex> lock(shared_->mutex);
+    shared_->ended.wait(lock, [this] { return !shared_->running; });
+}
+
+void NetworkMediator::start(std::shared_ptr<Dispatcher> dispatcher, Check isReady) {
+    const std::lock_guard<std::mutex> lock(shared_->mutex);
+    shared_->thread = std::thread([shared = shared_, held = std::move(dispatcher), check = std::move(isReady)]() mutable {
+        {
+            const std::lock_guard<std::mutex> started(shared->mutex);
+        }
+        try {
+            run(shared, held, check);
+        } catch (const std::exception& e) {
+            dbg::Debug::error() << "Network state checker failed: " << e.what() << std::endl;
+        }
+        held.reset();
+        const std::lock_guard<std::mutex> ending(shared->mutex);
+        if (shared->thread.joinable()) shared->thread.detach();
+        shared->running = false;
+        shared->ended.notify_all();
+    });
+    shared_->running = true;
+}
+
+bool NetworkMediator::waitForNetwork(Shared& shared, const Check& isReady) {
+    bool firstFailure = true;
+    while (!isReady()) {
+        if (shared.stopping.waitFor(shared.timing.pollInterval)) return false;
+        if (firstFailure) {
+            dbg::Debug::warning() << "Network not ready yet." << std::endl;
+            firstFailure = false;
+        }
+    }
+    return true;
+}
+
+void NetworkMediator::run(const std::shared_ptr<Shared>& shared, const std::shared_ptr<Dispatcher>& dispatcher,
+                          const Check& isReady) {
+    dbg::Debug::info() << "start network state checker" << std::endl;
+    if (!waitForNetwork(*shared, isReady)) return;
+    {
+        const std::lock_guard<std::mutex> lock(shared->mutex);
+        shared->thread.detach();
+    }
+    dbg::Debug::info() << "Network interface is configured, waiting: " << stabilisationSeconds
+                       << "seconds for stabilization." << std::endl;
+    if (shared->stopping.waitFor(shared->timing.stabilisation)) return;
+    dbg::Debug::info() << "Enabling provisioning function." << std::endl;
+    dispatcher->enableProvisioning();
+}
+
+}  // namespace zav

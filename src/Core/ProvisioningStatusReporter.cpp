@@ -1,0 +1,100 @@
+#include "Core/ProvisioningStatusReporter.h"
+
+#include <map>
+#include <set>
+#include <sstream>
+
+#include <json/writer.h>
+
+#include "Core/Constants.h"
+#include "debug/Debug.h"
+
+namespace zav {
+
+namespace {
+
+constexpr const char* overallStatus = "provisioningStatus";
+constexpr const char* jobStatus = "jobStatus";
+
+// "FileDownloadHandler" and "file" are absent on purpose: those jobs do not count in the overall status.
+const std::map<std::string, std::string>& jobCategoryByName() {
+    static const std::map<std::string, std::string> categories{
+        {"NVMJobHandler", "nvm"}, {"nvm", "nvm"},
+        {"CustomScenarioJobHandler", "custom"}, {"custom", "custom"},
+        {"FirmwareJobHandler", "firmware"}, {"firmware", "firmware"},
+    };
+    return categories;
+}
+
+std::string wordOf(int result) {
+    switch (result) {
+        case jobFail: return constants::failWord;
+        case jobPartSuccess: return constants::partSuccessWord;
+        case jobSuccess: return constants::successWord;
+        default: return {};
+    }
+}
+
+std::string overallOf(const std::set<std::string>& words) {
+    if (words == std::set<std::string>{constants::successWord}) return constants::successWord;
+    if (words == std::set<std::string>{constants::failWord}) return constants::failWord;
+    return constants::partSuccessWord;  // a mixture, or nothing at all
+}
+
+// Looks without inserting.
+const Json::Value& member(const Json::Value& object, const char* name) {
+    return object.isObject() ? object[name] : Json::Value::nullSingleton();
+}
+
+}  // namespace
+
+void ProvisioningStatusReporter::setJobStatus(const std::string& handlerName, int result) {
+    setJobField(handlerName, jobStatus, wordOf(result));
+}
+
+void ProvisioningStatusReporter::setJobField(const std::string& handlerName, const std::string& key,
+                                             const Json::Value& value) {
+    const auto category = jobCategoryByName().find(handlerName);
+    if (category == jobCategoryByName().end()) return;
+    const std::lock_guard<std::mutex> lock(mutex_);
+    document_[category->second][key] = value;
+}
+
+void ProvisioningStatusReporter::reportFinished() {
+    std::ostringstream text;
+    {
+        const std::lock_guard<std::mutex> lock(mutex_);
+        const Json::Value& document = document_;
+        if (member(document, overallStatus).isNull()) {
+            std::set<std::string> words;
+            for (const char* category : {"firmware", "nvm", "custom"}) {
+                const Json::Value& status = member(member(document, category), jobStatus);
+                if (!status.isNull()) {
+                    words.insert(status.asString());
+                } else if (document.isObject()) {
+                    document_.removeMember(category);  // it holds details, but no job of it reported
+                }
+            }
+            document_[overallStatus] = overallOf(words);
+        }
+        text << document;
+    }
+    dbg::Debug::info() << "Finished provisioning, status is" << dbg::verbatim(text.str()) << std::endl;
+}
+
+void ProvisioningStatusReporter::setProvisioningStatus(const std::string& status) {
+    const std::lock_guard<std::mutex> lock(mutex_);
+    document_[overallStatus] = status;
+}
+
+std::string ProvisioningStatusReporter::getProvisioningStatus() {
+    const std::lock_guard<std::mutex> lock(mutex_);
+    return member(document_, overallStatus).asString();
+}
+
+void ProvisioningStatusReporter::resetStatus() {
+    const std::lock_guard<std::mutex> lock(mutex_);
+    document_.clear();
+}
+
+}  // namespace zav

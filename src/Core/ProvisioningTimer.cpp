@@ -1,0 +1,131 @@
+#include "Core/ProvisioningTimer.h"
+
+#include <array>
+#include <ctime>
+#include <string>
+
+#include "Core/Constants.h"
+#include "Core/NightSchedule.h"
+#include "common/Quote.h"
+#include "debug/Debug.h"
+
+namespace zav {
+
+namespace {
+
+// The steady clock of the wait and the wall clock drift apart by a little over a night.
+constexpr std::chrono::minutes clockTolerance{1};
+
+std::string readableTime(std::chrono::system_clock::time_point time) {
+    const std::time_t seconds = std::chrono::system_clock::to_time_t(time);
+    std::array<char, 32> buffer{};
+    if (ctime_r(&seconds, buffer.data()) == nullptr) return {};
+    std::string text(buffer.data());
+    while (!text.empty() && text.back() == '\n') text.pop_back();
+    return text;
+}
+
+}  // namespace
+
+std::chrono::system_clock::time_point TimerClock::now() const { return std::chrono::system_clock::now(); }
+
+std::cv_status TimerClock::waitFor(std::condition_variable& condition, std::unique_lock<std::mutex>& lock,
+                                   std::chrono::nanoseconds duration) const {
+    return condition.wait_for(lock, duration);  // on the steady clock: a wall clock set back must not stall it
+}
+
+const TimerClock& TimerClock::real() {
+    static const TimerClock clock;
+    return clock;
+}
+
+ProvisioningTimer::ProvisioningTimer(std::shared_ptr<propertyapi::IPropertyApi> properties, const TimerClock& clock)
+    : clock_(clock), properties_(std::move(properties)) {}
+
+ProvisioningTimer::~ProvisioningTimer() { ProvisioningTimer::stop(); }
+
+void ProvisioningTimer::start(unsigned period) {
+    const std::lock_guard<std::mutex> control(control_);
+    stopThread();
+    {
+        const std::lock_guard<std::mutex> lock(mutex_);
+        nextTime_ = {};
+        scheduleNext(period);
+        period_ = period;
+        running_ = true;
+    }
+    thread_ = std::thread([this] { run(); });
+}
+
+void ProvisioningTimer::stop() {
+    const std::lock_guard<std::mutex> control(control_);
+    stopThread();
+}
+
+void ProvisioningTimer::stopThread() {
+    if (!thread_.joinable()) return;
+    {
+        const std::lock_guard<std::mutex> lock(mutex_);
+        running_ = false;
+    }
+    wake_.notify_all();
+    thread_.join();
+    thread_ = std::thread();
+}
+
+void ProvisioningTimer::run() {
+    std::unique_lock<std::mutex> lock(mutex_);
+    while (running_) {
+        const std::cv_status woken = clock_.waitFor(wake_, lock, exactWait_);
+        if (woken == std::cv_status::no_timeout || !running_) {
+            dbg::Debug::info() << "Provisioning timer: Abort" << std::endl;
+            continue;
+        }
+        dbg::Debug::info() << "Provisioning timer: Provisioning ready to go" << std::endl;
+        requestProvisioning();
+        dbg::Debug::info() << "Provisioning timer: Preparing to restart timer" << std::endl;
+        scheduleNext(period_);
+    }
+}
+
+void ProvisioningTimer::requestProvisioning() {
+    try {
+        properties_->set(constants::provisioningStateKey, constants::requestWord);
+    } catch (...) {  // not repeated: the next time comes by itself
+    }
+}
+
+void ProvisioningTimer::scheduleNext(unsigned period) {
+    if (period != 0) {
+        schedulePeriodic(period);
+    } else {
+        scheduleNight();
+    }
+    dbg::Debug::info() << "Next provisioning time is at " << quote(readableTime(nextTime_)) << std::endl;
+    dbg::Debug::info() << "That means you have to wait " << waitDuration_.count() << " seconds." << std::endl;
+}
+
+void ProvisioningTimer::schedulePeriodic(unsigned period) {
+    dbg::Debug::info() << "Setting periodical Provisioning" << std::endl;
+    waitDuration_ = std::chrono::seconds(period);
+    exactWait_ = waitDuration_;
+    nextTime_ = clock_.now() + waitDuration_;
+}
+
+void ProvisioningTimer::scheduleNight() {
+    dbg::Debug::info() << "Setting provisioning for night" << std::endl;
+    const auto next = nextNight(scheduleReference(), nightOffset());
+    exactWait_ = next - clock_.now();
+    waitDuration_ = std::chrono::duration_cast<std::chrono::seconds>(exactWait_);
+    nextTime_ = next;
+}
+
+// Now; or, when the wait for a night has just ended a moment before the wall clock got there, just after that time:
+// the same night must not be scheduled twice.
+std::chrono::system_clock::time_point ProvisioningTimer::scheduleReference() const {
+    const auto now = clock_.now();
+    const bool justEnded = now <= nextTime_ && nextTime_ - now < clockTolerance;
+    return justEnded ? nextTime_ + std::chrono::nanoseconds(1) : now;
+}
+
+}  // namespace zav

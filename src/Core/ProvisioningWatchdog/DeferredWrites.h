@@ -1,0 +1,44 @@
+// Property writes that must not get lost when the bus or the property service is away: they are tried again, in their
+// order, until they succeed or a new pass makes them stale. A screen must not stay locked by a broker's restart.
+//
+// Threads: any; the retries run on a thread of their own, which is started when it is first needed.
+#pragma once
+
+#include <condition_variable>
+#include <deque>
+#include <functional>
+#include <mutex>
+#include <thread>
+
+namespace zav {
+
+class DeferredWrites {
+ public:
+    using Write = std::function<void()>;
+
+    DeferredWrites() = default;
+    ~DeferredWrites();
+    DeferredWrites(const DeferredWrites&) = delete;
+    DeferredWrites& operator=(const DeferredWrites&) = delete;
+
+    /// Carries the write out, or keeps it for later when the service is away or earlier writes still wait. A write
+    /// that fails for another reason is dropped. Blocks for one property call. Throws std::system_error when the
+    /// retry thread is needed and cannot be started.
+    void write(const Write& write);
+
+    /// Forgets what waits. When it returns no retry is under way.
+    void cancel();
+
+ private:
+    void retry();
+    static bool carryOut(const Write& write);
+
+    std::mutex attempt_;  // held during each retry, so that cancel can wait for it; taken before mutex_
+    std::mutex mutex_;
+    std::condition_variable changed_;
+    std::deque<Write> waiting_;  // guarded by mutex_
+    bool ending_ = false;        // guarded by mutex_
+    std::thread thread_;         // guarded by mutex_ until ending_
+};
+
+}  // namespace zav

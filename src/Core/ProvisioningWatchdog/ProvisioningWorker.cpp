@@ -1,0 +1,270 @@
+#include "Core/ProvisioningWatchdog/ProvisioningWorker.h"
+
+#include <utility>
+
+#include "Core/Constants.h"
+#include "Core/GlobalConfig.h"
+#include "Core/JobHandlers/JobHandler.h"
+#include "Core/JobHandlers/JobHandlerFactory.h"
+#include "Core/JobHandlers/ProvisioningFileParser.h"
+#include "Core/PassState.h"
+#include "Core/Utils.h"
+#include "debug/Debug.h"
+#include "http/CurlTypes.h"
+#include "http/FileDownloader.h"
+#include "http/FormatUrl.h"
+#include "xml/XMLParser.h"
+
+namespace zav {
+
+namespace {
+
+constexpr const char* uiLocked = "1";
+constexpr const char* uiUnlocked = "0";
+constexpr long httpOk = 200;
+
+// One step of the end of a pass: whatever it throws, the next one still happens.
+template <typename Step>
+void guarded(const char* name, Step step) {
+    try {
+        step();
+    } catch (const std::exception& e) {
+        dbg::Debug::error() << "Could not " << name << ": " << e.what() << std::endl;
+    } catch (...) {
+        dbg::Debug::error() << "Could not " << name << std::endl;
+    }
+}
+
+template <typename Action>
+class AtScopeExit {
+ public:
+    explicit AtScopeExit(Action action) : action_(std::move(action)) {}
+    ~AtScopeExit() { action_(); }
+    AtScopeExit(const AtScopeExit&) = delete;
+    AtScopeExit& operator=(const AtScopeExit&) = delete;
+
+ private:
+    Action action_;
+};
+
+}  // namespace
+
+ProvisioningWorker::ProvisioningWorker(std::shared_ptr<propertyapi::IPropertyApi> properties,
+                                       std::shared_ptr<Curl> curl, Security& security)
+    : properties_(std::move(properties)), curl_(std::move(curl)), security_(security) {
+    using namespace std::placeholders;
+    curl_->setProgressCallback(std::bind(&ProvisioningWorker::onDownloadProgress, this, _1, _2, _3, _4));
+}
+
+ProvisioningWorker::~ProvisioningWorker() {
+    if (thread_.joinable()) thread_.join();
+    curl_->setProgressCallback({});
+}
+
+void ProvisioningWorker::stop() {
+    {
+        const std::lock_guard<std::mutex> lock(stateMutex_);
+        stopping_ = true;
+    }
+    stateChanged_.notify_all();
+    progressReporter_.release();
+}
+
+// True when the way is free, false when the process is ending.
+bool ProvisioningWorker::waitForPreviousPass() {
+    {
+        std::unique_lock<std::mutex> lock(stateMutex_);
+        stateChanged_.wait(lock, [this] { return !passRunning_ || stopping_; });
+        if (stopping_) return false;
+    }
+    if (thread_.joinable()) thread_.join();
+    return true;
+}
+
+void ProvisioningWorker::startProvisioning(std::string url) {
+    const std::lock_guard<std::mutex> serialised(startMutex_);
+    IProvisioningWorker& self = *this;
+    if (!self.isProvisioningFinished()) {
+        dbg::Debug::warning() << "Previous provisioning is not finished yet. Waiting..." << std::endl;
+    }
+    if (!waitForPreviousPass()) return;
+    dbg::Debug::info() << "Start provisioning thread" << std::endl;
+    endWrites_.cancel();
+    progressReporter_.resetProgress();
+    finished_ = false;
+    try {
+        GlobalConfig::readProperties(properties_);
+        const std::string configured = GlobalConfig::provisioningServer();
+        if (!url.empty()) {
+            startThread(makeUrlInfo(url), [] {});
+        } else if (!configured.empty()) {
+            startThread(makeUrlInfo(configured), [this] { publishResult(); });
+        } else {
+            finished_ = true;
+            dbg::Debug::error() << "Provisioning URL not set. Provisioning not started." << std::endl;
+            progressReporter_.notifyProgress();
+        }
+    } catch (...) {
+        progressReporter_.notifyProgress();  // whoever came to wait meanwhile has nothing to wait for
+        throw;
+    }
+}
+
+void ProvisioningWorker::startThread(const UrlInfo& url, const Completion& completion) {
+    const std::lock_guard<std::mutex> lock(stateMutex_);
+    if (stopping_) {
+        finished_ = true;
+        return;
+    }
+    passRunning_ = true;
+    try {
+        thread_ = std::thread([this, url, completion] { provisioningThreadMain(url, completion); });
+    } catch (...) {
+        passRunning_ = false;
+        finished_ = true;
+        throw;
+    }
+}
+
+void ProvisioningWorker::waitForProgress() {
+    if (isProvisioningFinished()) return;
+    {
+        // A pass whose URL could not be split never ran, and still counts as unfinished.
+        const std::lock_guard<std::mutex> lock(stateMutex_);
+        if (!passRunning_) return;
+    }
+    progressReporter_.waitForProgress();
+}
+
+bool ProvisioningWorker::isProvisioningFinished() { return finished_; }
+
+std::string ProvisioningWorker::getProvisioningStatus() { return statusReporter_.getProvisioningStatus(); }
+
+void ProvisioningWorker::provisioningThreadMain(const UrlInfo& url, const Completion& completion) {
+    const AtScopeExit ended([this] {
+        {
+            const std::lock_guard<std::mutex> lock(stateMutex_);
+            passRunning_ = false;
+        }
+        stateChanged_.notify_all();
+    });
+    guarded("start the pass", [this] { startAction(); });
+    const AtScopeExit end([&] { endAction(completion); });
+    try {
+        downloadAndRun(url);
+    } catch (const UrlException& e) {
+        statusReporter_.setProvisioningStatus(constants::failWord);
+        dbg::Debug::error() << e.what() << std::endl;
+    } catch (const std::exception& e) {
+        statusReporter_.setProvisioningStatus(constants::failWord);
+        dbg::Debug::error() << "Something went wrong during provisioning process, an exception was thrown: "
+                            << e.what() << std::endl;
+    } catch (...) {
+        statusReporter_.setProvisioningStatus(constants::failWord);
+        dbg::Debug::error() << "Something went wrong during provisioning process, an exception was thrown: "
+                            << "unknown" << std::endl;
+    }
+}
+
+void ProvisioningWorker::startAction() {
+    dbg::Debug::info() << "Provisioning Started" << std::endl;
+    try {
+        properties_->set(constants::provisioningLockUiKey, uiLocked);
+    } catch (...) {  // an unlocked screen is no reason not to provision
+    }
+    progressReporter_.notifyProgress();
+    statusReporter_.resetStatus();
+}
+
+// The flag is set before the status is formed and published: who sees it true may still read an unset status.
+void ProvisioningWorker::endAction(const Completion& completion) {
+    guarded("unlock the screen", [this] {
+        endWrites_.write([this] { properties_->set(constants::provisioningLockUiKey, uiUnlocked); });
+    });
+    finished_ = true;
+    dbg::Debug::info() << "Provisioning Finished" << std::endl;
+    guarded("form the provisioning status", [this] { statusReporter_.reportFinished(); });
+    guarded("publish the provisioning result", [&] { completion(); });
+    guarded("notify about new certificates", [this] { security_.notifySystemAboutNewCertificates(); });
+    progressReporter_.notifyProgress();
+}
+
+void ProvisioningWorker::downloadAndRun(const UrlInfo& url) {
+    const std::string destination = provisioningDirectory() + url.localName();
+    const std::string source = url.text();
+    dbg::Debug::info() << "Provisioning XML from: " << source << " to: " << destination << std::endl;
+    FileDownloader downloader(curl_, security_, properties_);
+    const std::string expandedDestination = formatUrl(destination, properties_);
+    const int result = downloader.downloadFile(source, expandedDestination);
+    const long httpCode = curl_->getHttpCode();
+    lastHttpCode = static_cast<int>(httpCode);
+    if (result == 0 && httpCode == httpOk) {
+        runPass(expandedDestination);
+        return;
+    }
+    dbg::Debug::error() << "Curl Error: " << CurlTypes::getCurlErrorDescription(result)
+                        << " HTTP Error: " << CurlTypes::getHTTPCodeDescription(httpCode) << std::endl;
+    dbg::Debug::error() << "Worker failed to download initial job" << std::endl;
+    statusReporter_.setProvisioningStatus(constants::failWord);
+}
+
+void ProvisioningWorker::runPass(const std::string& filePath) {
+    XMLParser reader;
+    std::vector<JobDescription> jobs;
+    ProvisioningFileParser parser(filePath, reader, properties_);
+    setCurrentProvisioningVersion({});
+    if (!parser.parseInitialFile()) {
+        dbg::Debug::warning() << "Initial provisioning file verification failed" << std::endl;
+        statusReporter_.setProvisioningStatus(constants::failWord);
+        return;
+    }
+    parser.collectJobs(jobs);
+    dbg::Debug::info() << "Starting provisioning version: " << currentProvisioningVersion() << std::endl;
+    removeJobsNotAllowed(jobs);
+    runJobs(jobs, reader);
+}
+
+void ProvisioningWorker::runJobs(const std::vector<JobDescription>& jobs, XMLReader& reader) {
+    dbg::Debug::info() << "Found " << jobs.size() << " valid provisioning job/s. " << std::endl;
+    for (const JobDescription& job : jobs) {
+        if (job.items.empty()) {
+            dbg::Debug::info() << "Node: " << job.name << " has no child nodes, skipping" << std::endl;
+            continue;
+        }
+        const auto handler = JobHandlerFactory::create(job, curl_, security_, properties_, reader, progressReporter_,
+                                                       statusReporter_);
+        if (!handler) continue;
+        dbg::Debug::info() << "+++++ Starting " << handler->getName() << std::endl;
+        const int result = handler->run();
+        statusReporter_.setJobStatus(handler->getName(), result);
+        dbg::Debug::info() << "-----Finishing " << handler->getName() << std::endl;
+    }
+}
+
+void ProvisioningWorker::publishResult() {
+    const std::string status = getProvisioningStatus();
+    const std::string httpCode = std::to_string(lastHttpCode.load());
+    guarded("publish the HTTP code", [&] {
+        endWrites_.write(
+            [this, httpCode] { properties_->set(constants::provisioningHttpErrorCodeKey, httpCode); });
+    });
+    guarded("publish the status", [&] {
+        endWrites_.write([this, status] { properties_->set(constants::provisioningStateKey, status); });
+    });
+    const bool succeeded = status == constants::successWord || status == constants::partSuccessWord;
+    dbg::Debug::info() << (succeeded ? "Provisioning succeeded. " : "Provisioning failed. ") << std::endl;
+    endWrites_.write([this] {
+        if (properties_->get(constants::firmwareTriggerAutoKey) == constants::requestWord) {
+            properties_->set(constants::firmwareTriggerAutoKey, constants::noVersionWord);
+        }
+    });
+}
+
+// Of libcurl's four numbers only the second tells that something moved.
+void ProvisioningWorker::onDownloadProgress(long, long downloaded, long, long) {
+    if (downloaded == lastProgress_) return;
+    lastProgress_ = downloaded;
+    progressReporter_.notifyProgress();
+}
+
+}  // namespace zav

@@ -1,0 +1,80 @@
+// The daemon's entry: creates everything in order, waits for SIGTERM, and lets go in reverse order.
+
+#include <curl/curl.h>
+
+#include <condition_variable>
+#include <csignal>
+#include <memory>
+#include <mutex>
+#include <utility>
+
+#include "Core/Constants.h"
+#include "Core/Dispatcher.h"
+#include "Core/Init.h"
+#include "Core/NetworkMediator.h"
+#include "Core/ProvisioningTimer.h"
+#include "Core/Utils.h"
+#include "common/Signal.h"
+#include "debug/Debug.h"
+#include "http/Curl.h"
+#include "ipc/IPCFactory.h"
+#include "propertyapi/PropertyApiBuilder.h"
+#include "security/Security.h"
+#include "xml/Library.h"
+
+namespace {
+
+const dbg::Debug channel("ZAV");
+std::condition_variable termination;
+std::mutex terminationMutex;
+
+// Called on the signal thread, in ordinary context.
+void onTerminate(int) {
+    const std::unique_lock<std::mutex> lock(terminationMutex);
+    termination.notify_one();
+}
+
+// One wait without a predicate: any wake-up begins the shutdown, and a SIGTERM before this is lost.
+void waitForTermination() {
+    std::unique_lock<std::mutex> lock(terminationMutex);
+    termination.wait(lock);
+}
+
+int run() {
+    using namespace zav;
+    dbg::Debug::info() << "ZAV starting up..." << std::endl;
+    const auto signals = common::signal::registerHandler();
+    common::signal::registerCustomHandler(SIGTERM, onTerminate);
+    const xml::Library xmlLibrary;
+    const auto bus = ipc::IPCFactory::createInstanceShared(constants::clientName, constants::brokerHost, false);
+    const auto properties = propertyapi::PropertyApiBuilder::getPropertyApi(bus, constants::clientName);
+    ProvisioningTimer timer(properties);
+    Security security(properties);
+    curl_global_init(CURL_GLOBAL_ALL);
+    auto http = std::make_shared<Curl>();
+    const auto dispatcher = std::make_shared<Dispatcher>(bus, properties, timer, http, security);
+    http.reset();
+    dispatcher->startListening();
+    Init init(timer, properties);
+    init.run();
+    dispatcher->startHandling();
+    dbg::Debug::info() << "ZAV initialized." << std::endl;
+    NetworkMediator mediator;  // its end waits for its thread: nothing above dies under it
+    mediator.start(dispatcher, isServerReachable);
+    waitForTermination();
+
+    dispatcher->stopListening();
+    curl_global_cleanup();
+    dbg::Debug::info() << "ZAV exited" << std::endl;
+    return 0;
+}
+
+}  // namespace
+
+int main() {
+    try {
+        return run();
+    } catch (...) {
+        throw;  // abnormal end; caught once so that the objects above are destroyed on the way
+    }
+}

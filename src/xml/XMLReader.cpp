@@ -1,0 +1,107 @@
+#include "xml/XMLReader.h"
+
+#include <fcntl.h>
+#include <libxml/parser.h>
+#include <libxml/tree.h>
+#include <sys/stat.h>
+#include <unistd.h>
+
+#include <array>
+#include <cstring>
+
+#include "xml/EntityLoader.h"
+
+namespace zav {
+
+namespace {
+
+std::string text(const xmlChar* string) {
+    return string == nullptr ? std::string() : std::string(reinterpret_cast<const char*>(string));
+}
+
+// libxml2 opens gzip and xz files as if they were their content, whatever that grows to.
+bool isCompressed(int file) {
+    std::array<unsigned char, 6> head{};
+    const ssize_t count = pread(file, head.data(), head.size(), 0);
+    constexpr std::array<unsigned char, 2> gzip{0x1f, 0x8b};
+    constexpr std::array<unsigned char, 6> xz{0xfd, '7', 'z', 'X', 'Z', 0x00};
+    const auto beginsWith = [&](const auto& magic) {
+        return count >= static_cast<ssize_t>(magic.size()) && std::memcmp(head.data(), magic.data(), magic.size()) == 0;
+    };
+    return beginsWith(gzip) || beginsWith(xz);
+}
+
+bool isReadable(const std::string& path) {
+    const int file = open(path.c_str(), O_RDONLY | O_NOFOLLOW | O_NONBLOCK | O_CLOEXEC);
+    if (file < 0) return false;
+    struct stat status {};
+    const bool readable = fstat(file, &status) == 0 && S_ISREG(status.st_mode) &&
+                          status.st_size <= XMLReader::maximumFileSize && !isCompressed(file);
+    close(file);
+    return readable;
+}
+
+}  // namespace
+
+XMLReader::~XMLReader() { xmlFreeDoc(document_); }
+
+bool XMLReader::load(const std::string& path) {
+    xmlFreeDoc(document_);
+    document_ = nullptr;
+    if (isReadable(path)) {
+        const xml::DocumentScope scope(path);
+        document_ = xmlParseFile(path.c_str());
+    }
+    XMLReader::reset();
+    return document_ != nullptr;
+}
+
+void XMLReader::reset() {
+    current_ = document_ == nullptr ? nullptr : xmlDocGetRootElement(document_);
+    savedPositions_ = {};
+}
+
+bool XMLReader::nextSibling() {
+    if (current_ != nullptr) {
+        current_ = current_->next;
+        skipTextAndComments();
+    }
+    return current_ != nullptr;
+}
+
+bool XMLReader::firstChild() {
+    if (current_ != nullptr) {
+        current_ = current_->children;
+        skipTextAndComments();
+    }
+    return current_ != nullptr;
+}
+
+std::string XMLReader::name() { return current_ == nullptr ? std::string() : text(current_->name); }
+
+std::map<std::string, std::string> XMLReader::attributes() {
+    std::map<std::string, std::string> attributes;
+    if (current_ == nullptr || current_->type != XML_ELEMENT_NODE) return attributes;
+    for (const xmlAttr* attribute = current_->properties; attribute != nullptr; attribute = attribute->next) {
+        xmlChar* value = xmlGetProp(current_, attribute->name);
+        attributes.emplace(text(attribute->name), text(value));
+        xmlFree(value);
+    }
+    return attributes;
+}
+
+bool XMLReader::hasChildren() {
+    return current_ != nullptr && current_->type == XML_ELEMENT_NODE && current_->children != nullptr;
+}
+
+void XMLReader::savePosition() { savedPositions_.push(current_); }
+
+void XMLReader::restorePosition() { current_ = savedPositions_.empty() ? nullptr : savedPositions_.top(); }
+
+void XMLReader::skipTextAndComments() {
+    while (current_ != nullptr && (current_->type == XML_TEXT_NODE || current_->type == XML_COMMENT_NODE)) {
+        current_ = current_->next;
+    }
+}
+
+}  // namespace zav
