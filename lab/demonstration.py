@@ -1,0 +1,146 @@
+"""Three provisioning passes, each shown: what was asked, what changed, the result, how long it took.
+
+Runs inside lab/phone. Everything is asked of the phone itself: the settings before and after are the property
+service's own, the result is zavctl's, the reason of a refusal is the daemon's log line.
+"""
+
+import json
+import os
+import shutil
+import subprocess
+import sys
+import time
+
+SERVER = "https://provisioning.test/"
+FIXTURES = os.path.join(os.environ["LAB_PROJECT"], "lab", "fixtures")
+LOG = os.path.join(os.environ["PHONE"], "daemon.log")
+WWW = "/srv/www"
+
+# What is shown, and what it must come to: title, folder, encrypted, result, the settings that must have changed.
+CASES = [
+    ('format "1.1", encrypted, over HTTPS', "direct", True, "success", {
+        "Telephony.Accounts.0.DisplayName": "Front desk", "Telephony.Accounts.0.UserName": "2001",
+        "PhoneUI.Keys.FunctionKeys.0.Label": "Workshop", "Time.Format": "12h"}),
+    ('format "1.0", two levels: a list of published files, the newest of them', "two-levels", False, "success", {
+        "Telephony.Accounts.0.DisplayName": "Reception", "Telephony.Accounts.1.UserName": "2009",
+        "System.Provision.SettingsVersion": "2026-09-01_08:30:00"}),
+    ("a file for another phone's MAC address", "other-phone", False, "fail", {}),
+]
+
+
+def progress(text):
+    if sys.stdout.isatty():
+        print(f"\r\033[K{text}", end="", flush=True)
+
+
+def zavctl(*words):
+    """(exit status, the object that --json prints)."""
+    done = subprocess.run(["zavctl", "--json", *words], capture_output=True, text=True, timeout=60)
+    lines = [json.loads(line) for line in (done.stdout or done.stderr).splitlines() if line.strip()]
+    return done.returncode, lines
+
+
+def settings():
+    """Every setting of the phone; states come and go with a pass and are left out."""
+    status, lines = zavctl("list")
+    if status != 0:
+        raise RuntimeError(f"zavctl list: {lines}")
+    listed = [one for line in lines for one in (line["properties"] if "properties" in line else [line])]
+    return {one["param"]: one["value"] for one in listed if not one["param"].startswith("State.")}
+
+
+def wait_for_phone():
+    begin = time.monotonic()
+    ready = subprocess.Popen([f"{os.environ['LAB_PROJECT']}/lab/service", "ready", "daemon"])
+    while True:
+        progress(f"The phone boots and waits for its network to settle … {time.monotonic() - begin:.0f} s")
+        try:
+            if ready.wait(0.2) != 0:
+                raise RuntimeError("the phone is not ready")
+            break
+        except subprocess.TimeoutExpired:
+            pass
+    progress("")
+    return time.monotonic() - begin
+
+
+def publish(folder, encrypted):
+    shutil.rmtree(WWW, ignore_errors=True)
+    os.makedirs(WWW, exist_ok=True)
+    names = sorted(os.listdir(os.path.join(FIXTURES, folder)))
+    for name in names:
+        source, destination = os.path.join(FIXTURES, folder, name), os.path.join(WWW, name)
+        if encrypted:
+            subprocess.run(["openssl", "enc", "-aes-128-cbc", "-pass", "file:/etc/zav.d/key", "-in", source, "-out",
+                            destination], check=True, capture_output=True)
+        else:
+            shutil.copyfile(source, destination)
+    return names
+
+
+def requests(since):
+    """What the server was really asked for, from its own access log."""
+    with open(os.path.join(os.environ["PHONE"], "access.log"), encoding="utf-8") as file:
+        lines = file.read().splitlines()
+    return [line.split('"')[1].split()[1] + " " + line.split('"')[2].split()[0] for line in lines[since:]], len(lines)
+
+
+def show(label, lines):
+    for index, line in enumerate(lines):
+        print(f"   {label if index == 0 else '':9}{line}")
+
+
+def run(number, title, folder, encrypted, promised, expected, asked_before):
+    publish(folder, encrypted)
+    before = settings()
+    log_start = os.path.getsize(LOG)
+    progress(f"Provisioning ({title}) …")
+    begin = time.monotonic()
+    status, (answer, *_) = zavctl("provision", "--wait", "--timeout", "20")
+    took = time.monotonic() - begin
+    after = settings()
+    progress("")
+    with open(LOG, "rb") as file:
+        file.seek(log_start)
+        log = file.read().decode(errors="replace").splitlines()
+    changed = {key: value for key, value in after.items() if before.get(key) != value}
+    asked, asked_count = requests(asked_before)
+    result = answer.get("result", answer.get("error", "?"))
+
+    print(f"{number}. {title}")
+    show("asked", [f"{SERVER.rstrip('/')}{line}" for line in asked])
+    width = max(map(len, changed), default=0)
+    show("changed", [f'{key:{width}}  "{before[key]}" → "{value}"' for key, value in changed.items()] or ["nothing"])
+    if result == "fail":
+        show("refused", [line[line.index("File "):] for line in log if " check error: " in line])
+    show("result", [f"{result} (HTTP {answer.get('httpStatus')}), in {took:.2f} s"])
+    print(flush=True)
+
+    wrong = []
+    if result != promised:
+        wrong.append(f"the result is {result}, not {promised}: {answer}")
+    if status != (1 if promised == "fail" else 0):
+        wrong.append(f"zavctl ended with {status}")
+    wrong += [f"{key} is {after.get(key)!r}, not {value!r}" for key, value in expected.items() if after.get(key) != value]
+    if not expected and changed:
+        wrong.append(f"settings changed: {sorted(changed)}")
+    if wrong:
+        print("Not as promised: " + "; ".join(wrong), file=sys.stderr)
+        print("\n".join(log), file=sys.stderr)
+    return not wrong, asked_count
+
+
+def main():
+    booted = wait_for_phone()
+    print("A phone: broker, property service, provisioning server and zavd, in namespaces of their own.")
+    print(f"Its clock hurried through the 90 s in which the network settles: {booted:.1f} s.\n", flush=True)
+    good, asked = True, 0
+    for number, case in enumerate(CASES, 1):
+        fine, asked = run(number, *case, asked)
+        good = good and fine
+    print("All as promised." if good else "Something is not as promised; the log lines are above.")
+    return 0 if good else 1
+
+
+if __name__ == "__main__":
+    sys.exit(main())
