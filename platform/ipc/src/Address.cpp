@@ -1,0 +1,65 @@
+#include "Address.h"
+
+#include <netdb.h>
+#include <sys/socket.h>
+
+#include <charconv>
+#include <memory>
+
+#include "ipc/IPCException.h"
+
+namespace ipc {
+
+Address parseAddress(const std::string& text) {
+    Address address;
+    std::string port;
+    bool hasPort = false;
+    if (!text.empty() && text.front() == '[') {
+        const size_t end = text.find(']');
+        if (end == std::string::npos) throw IPCException("Not a broker's address: " + text);
+        address.host = text.substr(1, end - 1);
+        const std::string rest = text.substr(end + 1);
+        hasPort = !rest.empty();
+        if (hasPort && rest.front() != ':') throw IPCException("Not a broker's address: " + text);
+        if (hasPort) port = rest.substr(1);
+    } else {
+        const size_t colon = text.find(':');
+        // More than one colon without brackets is an IPv6 address of its own.
+        hasPort = colon != std::string::npos && text.find(':', colon + 1) == std::string::npos;
+        address.host = hasPort ? text.substr(0, colon) : text;
+        if (hasPort) port = text.substr(colon + 1);
+    }
+    if (hasPort) {
+        const char* const end = port.data() + port.size();
+        const auto [rest, error] = std::from_chars(port.data(), end, address.port);
+        if (error != std::errc() || rest != end || address.port < 1 || address.port > 65535) {
+            throw IPCException("Not a broker's address: " + text);
+        }
+    }
+    if (address.host.empty()) throw IPCException("Not a broker's address: " + text);
+    return address;
+}
+
+std::vector<std::string> resolve(const Address& address, std::string& failure) {
+    addrinfo hints{};
+    hints.ai_socktype = SOCK_STREAM;
+    addrinfo* found = nullptr;
+    const int result = getaddrinfo(address.host.c_str(), nullptr, &hints, &found);
+    const std::unique_ptr<addrinfo, decltype(&freeaddrinfo)> owner(found, &freeaddrinfo);
+    std::vector<std::string> numeric;
+    if (result == 0) {
+        for (const addrinfo* each = found; each != nullptr; each = each->ai_next) {
+            char host[NI_MAXHOST];
+            if (getnameinfo(each->ai_addr, each->ai_addrlen, host, sizeof host, nullptr, 0, NI_NUMERICHOST) == 0) {
+                numeric.emplace_back(host);
+            }
+        }
+    } else {
+        failure = gai_strerror(result);
+    }
+    // A device whose hosts file is damaged still reaches its own broker.
+    if (numeric.empty() && address.host == "localhost") numeric.emplace_back("127.0.0.1");
+    return numeric;
+}
+
+}  // namespace ipc

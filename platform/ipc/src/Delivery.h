@@ -1,0 +1,72 @@
+// One bounded queue and the thread that empties it into a callback object. Each subscription has one, and each
+// callback object has one for what concerns the connection.
+//
+// Threads: the network thread puts in and never waits; only the delivery's own thread calls the callback.
+#pragma once
+
+#include <condition_variable>
+#include <cstddef>
+#include <deque>
+#include <mutex>
+#include <string>
+#include <string_view>
+#include <thread>
+
+#include "ipc/IIPCCallback.h"
+
+namespace ipc {
+
+class Delivery {
+ public:
+    /// Beyond either limit the oldest goes; the newest always stays.
+    static constexpr std::size_t maxItems = 10000;
+    static constexpr std::size_t maxBytes = 32U * 1024U * 1024U;
+
+    /// `name` is what the overflow warning calls the queue. Starts the thread; throws IPCException if it cannot.
+    Delivery(std::string name, IIPCCallback& callback);
+    Delivery(const Delivery&) = delete;
+    Delivery& operator=(const Delivery&) = delete;
+    ~Delivery();
+
+    void messageArrived(std::string_view topic, std::string_view content);
+    void connectionLost(std::string_view cause);
+    void deliveryComplete(std::string_view topic);
+
+    /// Drops what is queued and returns when no callback runs any more. Not on the delivery's own thread.
+    void stop();
+
+    /// Lets the thread finish what it has in hand, without waiting for it: several queues can end side by side.
+    void askToStop();
+
+    bool isOwnThread() const { return std::this_thread::get_id() == threadId_; }
+    IIPCCallback& callback() const { return callback_; }
+
+ private:
+    enum class Kind { message, lost, complete };
+    struct Item {
+        Kind kind;
+        std::string text;  // the topic, or the cause
+        std::string content;
+    };
+
+    void put(Kind kind, std::string_view text, std::string_view content);
+    void run();
+    void call(const Item& item) noexcept;
+
+    const std::string name_;
+    IIPCCallback& callback_;
+
+    std::mutex mutex_;
+    std::condition_variable changed_;
+    // Guarded by mutex_.
+    std::deque<Item> items_;
+    std::size_t bytes_ = 0;
+    bool overflowing_ = false;
+    bool stopping_ = false;
+
+    std::mutex joining_;
+    std::thread thread_;        // guarded by joining_ once constructed
+    std::thread::id threadId_;  // constant after construction
+};
+
+}  // namespace ipc

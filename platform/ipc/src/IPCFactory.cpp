@@ -1,0 +1,17 @@
+#include "ipc/IPCFactory.h"
+
+#include "Client.h"
+#include "Service.h"
+
+namespace ipc {
+
+std::shared_ptr<IIPCClient> IPCFactory::createInstanceShared(const std::string& clientName, const std::string& host,
+                                                             bool transient) {
+    return std::make_shared<Client>(clientName, host, transient);
+}
+
+std::unique_ptr<IIPCService> IPCFactory::createService(const std::string& clientName) {
+    return std::make_unique<Service>(clientName);
+}
+
+}  // namespace ipc

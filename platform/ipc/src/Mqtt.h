@@ -1,0 +1,78 @@
+// Thin owners and readers for what libmosquitto hands around as bare pointers.
+#pragma once
+
+#include <mosquitto.h>
+#include <mqtt_protocol.h>
+
+#include <cstdint>
+#include <memory>
+#include <string>
+#include <string_view>
+
+namespace ipc {
+
+/// A property list that we send. Texts must be free of NUL bytes; correlation data may hold anything.
+class Properties {
+ public:
+    Properties() = default;
+    Properties(const Properties&) = delete;
+    Properties& operator=(const Properties&) = delete;
+    ~Properties() { mosquitto_property_free_all(&list_); }
+
+    void add32(int identifier, std::uint32_t value) { mosquitto_property_add_int32(&list_, identifier, value); }
+    void addVarint(int identifier, std::uint32_t value) { mosquitto_property_add_varint(&list_, identifier, value); }
+    void addText(int identifier, const std::string& value) {
+        mosquitto_property_add_string(&list_, identifier, value.c_str());
+    }
+    void addBinary(int identifier, const std::string& value) {
+        mosquitto_property_add_binary(&list_, identifier, value.data(), static_cast<std::uint16_t>(value.size()));
+    }
+    const mosquitto_property* get() const { return list_; }
+
+ private:
+    mosquitto_property* list_ = nullptr;
+};
+
+/// One message as it came; valid only while the network thread hands it around.
+struct Incoming {
+    std::string_view topic;
+    std::string_view payload;
+    int qualityOfService = 0;
+    const mosquitto_property* properties = nullptr;
+
+    std::string responseTopic() const;    // empty: none
+    std::string correlationData() const;  // empty: none
+
+    /// Calls `visit(identifier)` for every subscription that the broker says the message is for; returns whether there
+    /// was one.
+    template <typename Visit>
+    bool forEachSubscription(Visit visit) const {
+        std::uint32_t identifier = 0;
+        const mosquitto_property* at =
+            mosquitto_property_read_varint(properties, MQTT_PROP_SUBSCRIPTION_IDENTIFIER, &identifier, false);
+        const bool any = at != nullptr;
+        while (at != nullptr) {
+            visit(identifier);
+            at = mosquitto_property_read_varint(at, MQTT_PROP_SUBSCRIPTION_IDENTIFIER, &identifier, true);
+        }
+        return any;
+    }
+};
+
+struct HandleDeleter {
+    void operator()(mosquitto* handle) const { mosquitto_destroy(handle); }
+};
+using Handle = std::unique_ptr<mosquitto, HandleDeleter>;
+
+/// A new MQTT v5 handle with Nagle's algorithm off. Throws IPCException when there is no memory for it.
+Handle newHandle(const std::string& clientId, bool cleanStart, void* owner);
+
+/// The text of a libmosquitto result; MOSQ_ERR_ERRNO reads as the system's own text for `systemError`.
+std::string resultText(int result, int systemError);
+
+/// The system's text for an errno value.
+std::string systemText(int systemError);
+
+bool topicMatches(const std::string& filter, std::string_view topic);
+
+}  // namespace ipc

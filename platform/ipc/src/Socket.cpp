@@ -1,0 +1,63 @@
+#include "Socket.h"
+
+#include <netdb.h>
+#include <netinet/in.h>
+#include <netinet/tcp.h>
+#include <poll.h>
+#include <sys/socket.h>
+#include <unistd.h>
+
+#include <algorithm>
+#include <cerrno>
+#include <cstdint>
+#include <memory>
+
+#include "Mqtt.h"
+
+namespace ipc {
+
+void acknowledgeAtOnce(int socket) {
+    if (socket < 0) return;
+    const int on = 1;
+    setsockopt(socket, IPPROTO_TCP, TCP_QUICKACK, &on, sizeof on);
+}
+
+std::optional<std::string> probe(const std::string& numericAddress, int port,
+                                 std::chrono::steady_clock::time_point deadline, int cancel) {
+    addrinfo hints{};
+    hints.ai_socktype = SOCK_STREAM;
+    hints.ai_flags = AI_NUMERICHOST | AI_NUMERICSERV;
+    addrinfo* found = nullptr;
+    const int result = getaddrinfo(numericAddress.c_str(), std::to_string(port).c_str(), &hints, &found);
+    if (result != 0) return std::string(gai_strerror(result));
+    const std::unique_ptr<addrinfo, decltype(&freeaddrinfo)> owner(found, &freeaddrinfo);
+
+    struct Descriptor {
+        int fd;
+        ~Descriptor() {
+            if (fd >= 0) close(fd);
+        }
+    };
+    const Descriptor tried{socket(found->ai_family, SOCK_STREAM | SOCK_NONBLOCK | SOCK_CLOEXEC, 0)};
+    if (tried.fd < 0) return systemText(errno);
+    if (connect(tried.fd, found->ai_addr, found->ai_addrlen) == 0) return std::string();
+    if (errno != EINPROGRESS) return systemText(errno);
+
+    using std::chrono::milliseconds;
+    const auto left = std::chrono::ceil<milliseconds>(deadline - std::chrono::steady_clock::now()).count();
+    pollfd watched[2] = {{tried.fd, POLLOUT, 0}, {cancel, POLLIN, 0}};
+    poll(watched, 2, static_cast<int>(std::max<milliseconds::rep>(left, 0)));
+    if (watched[0].revents == 0 && watched[1].revents != 0) return std::nullopt;
+    if (watched[0].revents == 0) return std::string("the broker does not answer");
+    int error = 0;
+    socklen_t size = sizeof error;
+    getsockopt(tried.fd, SOL_SOCKET, SO_ERROR, &error, &size);
+    return error == 0 ? std::string() : systemText(error);
+}
+
+void drain(int eventDescriptor) {
+    std::uint64_t count = 0;
+    [[maybe_unused]] const ssize_t size = read(eventDescriptor, &count, sizeof count);
+}
+
+}  // namespace ipc

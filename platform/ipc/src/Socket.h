@@ -1,0 +1,23 @@
+// The few things that are done to descriptors directly.
+#pragma once
+
+#include <chrono>
+#include <optional>
+#include <string>
+
+namespace ipc {
+
+/// Makes the kernel acknowledge what comes in at once, until it changes its mind: to be repeated after each read. A
+/// broker that has Nagle's algorithm on holds its next packet back until the last one is acknowledged, which costs 40
+/// ms.
+void acknowledgeAtOnce(int socket);
+
+/// Connects to a numeric address and closes again. Returns why it failed; an empty text: something listens there;
+/// nothing: `cancel` became readable first.
+std::optional<std::string> probe(const std::string& numericAddress, int port,
+                                 std::chrono::steady_clock::time_point deadline, int cancel);
+
+/// Empties an eventfd.
+void drain(int eventDescriptor);
+
+}  // namespace ipc
