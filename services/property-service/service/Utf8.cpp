@@ -63,6 +63,7 @@ bool isCleanJson(const std::string& text) {
     bool escaped = false;
     return check(text, [&](unsigned char byte) {
         if (byte < 0x20) return !inString && (byte == '\t' || byte == '\n' || byte == '\r');
+        if (byte == '/' && !inString) return false;
         if (escaped) {
             escaped = false;
         } else if (inString && byte == '\\') {

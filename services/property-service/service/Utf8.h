@@ -8,7 +8,8 @@ namespace propertyservice {
 /// Well-formed UTF-8 (no surrogates, no overlong forms) without a NUL.
 bool isCleanText(const std::string& text);
 
-/// The same of a JSON text, which moreover holds no control byte inside its strings, where JSON wants escapes.
+/// The same of a JSON text, which moreover holds no control byte inside its strings, where JSON wants escapes, and no
+/// comment: both would pass the JSON library.
 bool isCleanJson(const std::string& text);
 
 }  // namespace propertyservice

@@ -1,0 +1,278 @@
+#include "catalogue/Catalogue.h"
+
+#include <gmock/gmock.h>
+#include <gtest/gtest.h>
+
+#include <algorithm>
+#include <fstream>
+
+#include "TemporaryFolder.h"
+#include "catalogue/KeyPattern.h"
+
+namespace propertyservice {
+namespace {
+
+using testing::ElementsAre;
+using testing::HasSubstr;
+
+std::string withKeys(const std::string& keys) { return "{\"version\": 1, \"keys\": {\n" + keys + "\n}}"; }
+
+std::string definition(const std::string& rest) { return "{\"description\": \"d\", " + rest + "}"; }
+
+const CatalogueKey* find(const Catalogue& catalogue, const std::string& key) {
+    const auto found = std::find_if(catalogue.keys().begin(), catalogue.keys().end(),
+                                    [&key](const CatalogueKey& entry) { return entry.key == key; });
+    return found == catalogue.keys().end() ? nullptr : &*found;
+}
+
+std::string errorOf(const std::string& text) {
+    try {
+        Catalogue::parse(text, "c.json");
+    } catch (const CatalogueException& error) {
+        return error.what();
+    }
+    return "no error";
+}
+
+TEST(Catalogue, IndexPatternsAreWrittenOutAndKeysSortedByteByByte) {
+    const Catalogue catalogue = Catalogue::parse(
+        withKeys("\"b.Key\": " + definition(R"("type": "text", "default": "x")") +
+                 ",\n\"F.{0-2}Lock\": " + definition(R"("type": "boolean", "default": "0", "readOnly": true)") +
+                 ",\"F.{9-10}.{0-1}\": " + definition(R"("type": "text", "default": "")")),
+        "c.json");
+    std::vector<std::string> keys;
+    for (const CatalogueKey& entry : catalogue.keys()) keys.push_back(entry.key);
+    EXPECT_THAT(keys, ElementsAre("F.0Lock", "F.10.0", "F.10.1", "F.1Lock", "F.2Lock", "F.9.0", "F.9.1", "b.Key"));
+    EXPECT_EQ(find(catalogue, "b.Key")->definition->defaultValue, "x");
+    EXPECT_EQ(find(catalogue, "b.Key")->definition->description, "d");
+    EXPECT_EQ(find(catalogue, "b.Key")->line, 2);
+    EXPECT_TRUE(find(catalogue, "F.2Lock")->definition->readOnly);
+    EXPECT_FALSE(find(catalogue, "b.Key")->definition->readOnly);
+}
+
+struct RuleCase {
+    const char* definition;
+    const char* value;
+    const char* objection;  // empty: allowed
+};
+
+class Rule : public testing::TestWithParam<RuleCase> {};
+
+TEST_P(Rule, AllowsWhatItsLimitsSay) {
+    const Catalogue catalogue = Catalogue::parse(withKeys("\"k\": " + definition(GetParam().definition)), "c.json");
+    EXPECT_EQ(catalogue.keys().front().definition->rule->objection(GetParam().value), GetParam().objection);
+}
+
+constexpr char integer[] = R"("type": "integer", "min": -5, "max": 7, "default": "0")";
+constexpr char anyInteger[] = R"("type": "integer", "default": "0")";
+constexpr char choice[] = R"("type": "enum", "values": ["a", ""], "default": "a")";
+constexpr char pattern[] = R"("type": "pattern", "pattern": "a|bc*", "default": "a", "maxLength": 4)";
+INSTANTIATE_TEST_SUITE_P(
+    Types, Rule,
+    testing::Values(
+        RuleCase{R"("type": "text", "maxLength": 2, "default": "")", "ab", ""},
+        RuleCase{R"("type": "text", "maxLength": 2, "default": "")", "abc", "must be at most 2 bytes long, not 3"},
+        RuleCase{integer, "-5", ""}, RuleCase{integer, "7", ""},
+        RuleCase{integer, "8", "must be a whole number from -5 to 7"},
+        RuleCase{integer, "-6", "must be a whole number from -5 to 7"},
+        RuleCase{integer, "", "must be a whole number from -5 to 7"},
+        RuleCase{integer, "1 ", "must be a whole number from -5 to 7"},
+        RuleCase{integer, "+1", "must be a whole number from -5 to 7"},
+        RuleCase{integer, "99999999999999999999", "must be a whole number from -5 to 7"},
+        RuleCase{anyInteger, "-9223372036854775808", ""}, RuleCase{anyInteger, "abc", "must be a whole number"},
+        RuleCase{R"("type": "integer", "min": 1, "default": "1")", "0", "must be a whole number of at least 1"},
+        RuleCase{R"("type": "integer", "max": 1, "default": "1")", "2", "must be a whole number of at most 1"},
+        RuleCase{R"("type": "boolean", "default": "1")", "0", ""},
+        RuleCase{R"("type": "boolean", "default": "1")", "true", ""},
+        RuleCase{R"("type": "boolean", "default": "1")", "yes", "must be 0 or 1 (or false or true)"},
+        RuleCase{choice, "", ""}, RuleCase{choice, "b", "must be one of \"a\", \"\""}, RuleCase{pattern, "bccc", ""},
+        RuleCase{pattern, "ab", "must match the pattern a|bc*"},
+        RuleCase{pattern, "a\n", "must match the pattern a|bc*"},
+        RuleCase{pattern, "bcccc", "must be at most 4 bytes long"}));
+
+struct ErrorCase {
+    const char* name;
+    std::string text;
+    const char* error;
+};
+
+class CatalogueError : public testing::TestWithParam<ErrorCase> {};
+
+TEST_P(CatalogueError, NamesFileLineAndKey) { EXPECT_EQ(errorOf(GetParam().text), GetParam().error); }
+
+std::string one(const std::string& rest) { return withKeys("\"a.b\": " + definition(rest)); }
+
+INSTANTIATE_TEST_SUITE_P(
+    Load, CatalogueError,
+    testing::Values(
+        ErrorCase{"Empty", "", "c.json:1:1: Syntax error: value, object or array expected."},
+        ErrorCase{"Syntax", "{\"version\": 1,\n  \"keys\" {}}", "c.json:2:10: Missing ':' after object member name"},
+        ErrorCase{"TrailingText", "{\"version\": 1, \"keys\": {}} x",
+                  "c.json:1:28: Extra non-whitespace after JSON value."},
+        ErrorCase{"DefinedTwice",
+                  withKeys("\"a\": " + definition(R"("type": "text", "default": "")") +
+                           ",\n\"a\": " + definition(R"("type": "text", "default": "")")),
+                  "c.json:3:1: Duplicate key: 'a'"},
+        ErrorCase{"DeepNesting", "{\"version\": 1, \"keys\": " + std::string(500, '[') + std::string(500, ']') + "}",
+                  "c.json: is nested too deeply"},
+        ErrorCase{"NoObject", "[]", "c.json:1: the catalogue must be an object"},
+        ErrorCase{"NoVersion", "{\"keys\": {}}", "c.json:1: \"version\" must be 1"},
+        ErrorCase{"OtherVersion", "{\"version\": 2, \"keys\": {}}", "c.json:1: \"version\" must be 1"},
+        ErrorCase{"NoKeys", "{\"version\": 1}", "c.json:1: \"keys\" is missing or no object"},
+        ErrorCase{"UnknownMember", "{\"version\": 1, \"keys\": {},\n\n\"key\": {}}",
+                  "c.json:3: unknown member \"key\""},
+        ErrorCase{"DefinitionNoObject", withKeys("\"a.b\": 5"), "c.json:2: a.b: the definition must be an object"},
+        ErrorCase{"NoType", one(R"("default": "")"), "c.json:2: a.b: \"type\" is missing"},
+        ErrorCase{"UnknownType", one(R"("type": "float", "default": "")"),
+                  "c.json:2: a.b: unknown type \"float\" (text, integer, boolean, enum or pattern)"},
+        ErrorCase{"MemberOfAnotherType", one(R"("type": "text", "min": 1, "default": "")"),
+                  "c.json:2: a.b: type \"text\" has no member \"min\""},
+        ErrorCase{"NoDefault", one(R"("type": "text")"),
+                  "c.json:2: a.b: \"default\" is missing or no text (write \"5\", not 5)"},
+        ErrorCase{"NumberAsDefault", one(R"("type": "integer", "default": 5)"),
+                  "c.json:2: a.b: \"default\" is missing or no text (write \"5\", not 5)"},
+        ErrorCase{"DefaultAgainstItsOwnType", one(R"("type": "integer", "min": 1, "max": 3, "default": "4")"),
+                  "c.json:2: a.b: the default \"4\" must be a whole number from 1 to 3"},
+        ErrorCase{"NoDescription", withKeys(R"("a.b": {"type": "text", "default": ""})"),
+                  "c.json:2: a.b: \"description\" is missing"},
+        ErrorCase{"DescriptionOfTwoLines", withKeys(R"("a.b": {"type": "text", "default": "", "description": "a\nb"})"),
+                  "c.json:2: a.b: \"description\" must be one line"},
+        ErrorCase{"ReadOnlyNoBoolean", one(R"("type": "text", "default": "", "readOnly": "yes")"),
+                  "c.json:2: a.b: \"readOnly\" must be true or false"},
+        ErrorCase{"MinAboveMax", one(R"("type": "integer", "min": 3, "max": 2, "default": "2")"),
+                  "c.json:2: a.b: \"min\" is greater than \"max\""},
+        ErrorCase{"LimitNoNumber", one(R"("type": "integer", "min": "3", "default": "2")"),
+                  "c.json:2: a.b: \"min\" must be a whole number"},
+        ErrorCase{"LengthTooGreat", one(R"("type": "text", "maxLength": 65537, "default": "2")"),
+                  "c.json:2: a.b: \"maxLength\" must be from 0 to 65536"},
+        ErrorCase{"EnumWithoutValues", one(R"("type": "enum", "default": "2")"),
+                  "c.json:2: a.b: an enum needs \"values\", a list of at least one text"},
+        ErrorCase{"EnumOfNumbers", one(R"("type": "enum", "values": [2], "default": "2")"),
+                  "c.json:2: a.b: every one of \"values\" must be a text"},
+        ErrorCase{"EnumTwice", one(R"("type": "enum", "values": ["2", "2"], "default": "2")"),
+                  "c.json:2: a.b: \"values\" has \"2\" twice"},
+        ErrorCase{"PatternMissing", one(R"("type": "pattern", "default": "2")"),
+                  "c.json:2: a.b: a pattern needs \"pattern\", a POSIX extended regular expression"},
+        ErrorCase{"PatternMalformed", one(R"("type": "pattern", "pattern": "[a", "default": "2")"),
+                  "c.json:2: a.b: \"pattern\" is no POSIX extended regular expression: Unmatched [, [^, [:, [., or [="},
+        ErrorCase{"KeyWithBlank", withKeys("\"a b\": " + definition(R"("type": "text", "default": "")")),
+                  "c.json:2: a b: is no key: letters, digits, \"_\" and \"-\" in segments between dots, at most 255 "
+                  "bytes"},
+        ErrorCase{"KeyWithEmptySegment", withKeys("\"a..b\": " + definition(R"("type": "text", "default": "")")),
+                  "c.json:2: a..b: is no key: letters, digits, \"_\" and \"-\" in segments between dots, at most 255 "
+                  "bytes"},
+        ErrorCase{"RangeBackwards", withKeys("\"a.{7-0}\": " + definition(R"("type": "text", "default": "")")),
+                  "c.json:2: a.{7-0}: \"{7-0}\" is no index range such as {0-7}"},
+        ErrorCase{"RangeOpen", withKeys("\"a.{0-7\": " + definition(R"("type": "text", "default": "")")),
+                  "c.json:2: a.{0-7: \"{\" is not closed"},
+        ErrorCase{"PatternsOverlap",
+                  withKeys("\"a.{0-3}\": " + definition(R"("type": "text", "default": "")") +
+                           ",\n\"a.{3-4}\": " + definition(R"("type": "text", "default": "")")),
+                  "c.json:3: a.3: is defined here and in line 2 as well"}),
+    [](const auto& row) { return row.param.name; });
+
+TEST(KeyPattern, RefusesWhatWouldExplode) {
+    EXPECT_EQ(expandKeyPattern("a.{0-99}.{0-99}").size(), 10000U);
+    EXPECT_THROW(expandKeyPattern("a.{0-99}.{0-100}"), std::invalid_argument);
+    EXPECT_THROW(expandKeyPattern("a.{0-4294967295}"), std::invalid_argument);
+    EXPECT_THROW(expandKeyPattern("a.{00-7}"), std::invalid_argument);
+    EXPECT_THROW(expandKeyPattern("a.{}"), std::invalid_argument);
+}
+
+TEST(Key, HoldsPlainSegmentsOnly) {
+    EXPECT_TRUE(isKey("State"));
+    EXPECT_TRUE(isKey("FunctionKeys.0LockProvisioning"));
+    EXPECT_TRUE(isKey(std::string(255, 'a')));
+    EXPECT_FALSE(isKey(std::string(256, 'a')));
+    for (const char* text : {"", ".", "a.", ".a", "a/b", "a#", "a+", "\xc3\xa4", "a b", "a\n"}) {
+        EXPECT_FALSE(isKey(text)) << text;
+    }
+}
+
+TEST(Catalogue, MissingFileIsNamed) {
+    const TemporaryFolder folder;
+    try {
+        Catalogue::load(folder / "none.json");
+        FAIL();
+    } catch (const CatalogueException& error) {
+        EXPECT_EQ(error.what(), folder / "none.json" + std::string(": cannot be opened: No such file or directory"));
+    }
+    EXPECT_THROW(Catalogue::load(folder / ""), CatalogueException);
+}
+
+TEST(Catalogue, LoadsAFile) {
+    const TemporaryFolder folder;
+    std::ofstream(folder / "c.json") << withKeys("\"a.b\": " + definition(R"("type": "text", "default": "x")"));
+    EXPECT_EQ(Catalogue::load(folder / "c.json").keys().size(), 1U);
+}
+
+TEST(ShippedCatalogue, TakesEveryValueThatServicesHaveRulesOfTheirOwnFor) {
+    const Catalogue catalogue = Catalogue::load(SHIPPED_CATALOGUE);
+    EXPECT_GT(catalogue.keys().size(), 500U);
+    std::vector<std::string> free{"FirmwareManagment.AutomaticCheckForUpdates",
+                                  "NET.MAC.Address",
+                                  "State.FirmwareUpdate.Filename",
+                                  "State.FirmwareUpdate.TriggerAuto",
+                                  "State.FirmwareUpdate.UpdateSystem",
+                                  "State.FirmwareUpdate.Verify",
+                                  "State.LocalDirectoryUpdate.FileName",
+                                  "State.LocalDirectoryUpdate.Verify",
+                                  "State.Provisioning",
+                                  "State.Provisioning.HttpErrorCode",
+                                  "State.Provisioning.LockUI",
+                                  "State.Provisioning.OnBootUp",
+                                  "State.Security.Certificates.Accept",
+                                  "State.Security.Certificates.Invalid",
+                                  "State.Security.Certificates.Pending",
+                                  "State.Security.Certificates.UpdateCABundle",
+                                  "State.System.QA.AutomaticReboot.IsBusy",
+                                  "State.System.QA.AutomaticReboot.IsBusyQuery",
+                                  "System.Debug.LevelMask.ZAV",
+                                  "System.General.DeviceID",
+                                  "System.General.SoftwareVersion",
+                                  "System.Provision.CustomVersion",
+                                  "System.Provision.FactoryAuthPassword",
+                                  "System.Provision.FactoryAuthUsername",
+                                  "System.Provision.Period",
+                                  "System.Provision.ProvisioningServer",
+                                  "System.Provision.ProvisioningVersion",
+                                  "System.Provision.SettingsVersion",
+                                  "Telephony.PhoneSystem.Type"};
+    for (int index = 0; index < 8; ++index) {
+        const std::string number = std::to_string(index);
+        free.push_back("FunctionKeys." + number + ".LockProvisioning");
+        free.push_back("FunctionKeys." + number + "LockProvisioning");
+        free.push_back("PhoneUI.Keys.FunctionKeys." + number + ".LockProvisioning");
+    }
+    for (const std::string& key : free) {
+        const CatalogueKey* const entry = find(catalogue, key);
+        ASSERT_NE(entry, nullptr) << key;
+        EXPECT_FALSE(entry->definition->readOnly) << key;
+        for (const char* value : {"", "0", "1", "-1", "599", "abc", "true", "V001.000.000", "request-check-sync"}) {
+            EXPECT_EQ(entry->definition->rule->objection(value), "") << key;
+        }
+    }
+}
+
+TEST(ShippedCatalogue, HasTheNetworkAndTheFunctionKeys) {
+    const Catalogue catalogue = Catalogue::load(SHIPPED_CATALOGUE);
+    for (const char* key :
+         {"NET.General.DeviceNameInNetwork", "NET.LAN.IP.DHCP.Enabled", "NET.IP.AddressType", "NET.IP.IPv4.Address",
+          "NET.IP.IPv4.SubnetMask", "NET.IP.IPv4.StandardGateway", "NET.IP.IPv4.PreferredDNSServer",
+          "NET.IP.IPv4.AlternateDNSServer", "NET.VLAN.Tagging", "NET.VLAN.LAN.Identifier", "NET.VLAN.LAN.Priority",
+          "NET.VLAN.PC.Identifier", "NET.VLAN.PC.Priority", "NET.IP.IPv4.DHCP.Options.VendorEncapsulated",
+          "NET.IP.IPv4.DHCP.Options.NTP", "NET.SwitchSettings.EnablePortMirroring", "PhoneUI.Keys.FunctionKeys.0.Label",
+          "PhoneUI.Keys.FunctionKeys.7.Value"}) {
+        const CatalogueKey* const entry = find(catalogue, key);
+        ASSERT_NE(entry, nullptr) << key;
+        EXPECT_FALSE(entry->definition->readOnly) << key;
+    }
+    EXPECT_EQ(find(catalogue, "System.General.DeviceID")->definition->defaultValue, "kd4v");
+    EXPECT_EQ(find(catalogue, "State.Provisioning.OnBootUp")->definition->defaultValue, "");
+    EXPECT_NE(find(catalogue, "NET.VLAN.LAN.Identifier")->definition->rule->objection("4096"), "");
+    EXPECT_EQ(find(catalogue, "NET.IP.IPv4.Address")->definition->rule->objection("192.168.1.20"), "");
+    EXPECT_NE(find(catalogue, "NET.IP.IPv4.Address")->definition->rule->objection("here"), "");
+}
+
+}  // namespace
+}  // namespace propertyservice

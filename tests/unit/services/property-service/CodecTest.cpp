@@ -1,0 +1,187 @@
+#include "service/Codec.h"
+
+#include <gtest/gtest.h>
+#include <json/reader.h>
+#include <json/writer.h>
+
+#include <random>
+
+#include "service/Limits.h"
+#include "service/Utf8.h"
+
+namespace propertyservice {
+namespace {
+
+Json::Value parsed(const std::string& json) {
+    Json::CharReaderBuilder builder;
+    Json::CharReaderBuilder::strictMode(&builder.settings_);
+    const std::unique_ptr<Json::CharReader> reader(builder.newCharReader());
+    Json::Value value;
+    std::string errors;
+    EXPECT_TRUE(reader->parse(json.data(), json.data() + json.size(), &value, &errors)) << json << errors;
+    return value;
+}
+
+std::string randomText(std::mt19937& random) {
+    static const std::vector<std::string> letters{
+        "a", "Z", "\"", "\\", "\n",     "\t", "\x01", "\x1f", "\x7f", "/", "{", "}", ":",  ",",
+        "'", " ", "ä",  "€",  "\u2028", "𝄞",  "\\u",  "é",    "0",    "-", ".", "_", "\r", "\xef\xbf\xbf"};
+    std::string text;
+    for (auto length = random() % 12; length > 0; --length) text += letters[random() % letters.size()];
+    return text;
+}
+
+TEST(Codec, WhatItWritesAnotherParserReadsBack) {
+    std::mt19937 random(1);
+    for (int round = 0; round < 5000; ++round) {
+        const std::string key = randomText(random);
+        const std::string value = randomText(random);
+        const std::string source = randomText(random);
+        const Json::Value answer = parsed(valueAnswer(key, value));
+        EXPECT_EQ(answer["param"].asString(), key);
+        EXPECT_EQ(answer["value"].asString(), value);
+        EXPECT_EQ(answer.size(), 2U);
+        const Json::Value change = parsed(changeMessage(key, value, source));
+        EXPECT_EQ(change["param"].asString(), key);
+        EXPECT_EQ(change["value"].asString(), value);
+        EXPECT_EQ(change["source"].asString(), source);
+        EXPECT_EQ(change.size(), 3U);
+        const Json::Value error = parsed(errorAnswer(key, "storage", value));
+        EXPECT_EQ(error["param"].asString(), key);
+        EXPECT_EQ(error["error"].asString(), "storage");
+        EXPECT_EQ(error["reason"].asString(), value);
+    }
+}
+
+TEST(Codec, ReadsWhatAnotherWriterWrites) {
+    std::mt19937 random(2);
+    RequestReader reader;
+    Json::StreamWriterBuilder plain;
+    Json::StreamWriterBuilder utf8;
+    utf8["emitUTF8"] = true;
+    utf8["indentation"] = "";
+    for (int round = 0; round < 5000; ++round) {
+        Json::Value object;
+        object["param"] = randomText(random);
+        object["value"] = randomText(random);
+        if (round % 2 == 0) object["source"] = randomText(random);
+        if (round % 3 == 0) object["other"]["nested"][2] = randomText(random);
+        const std::string payload = Json::writeString(round % 5 == 0 ? utf8 : plain, object);
+        const SetRequest request = reader.set(payload);
+        EXPECT_EQ(request.param, object["param"].asString());
+        EXPECT_EQ(request.value, object["value"].asString());
+        EXPECT_EQ(request.source, round % 2 == 0 ? object["source"].asString() : "");
+    }
+}
+
+TEST(Codec, SurvivesRandomDamage) {
+    std::mt19937 random(3);
+    RequestReader reader;
+    int refused = 0;
+    for (int round = 0; round < 20000; ++round) {
+        std::string payload =
+            R"({"param":"System.Provision.Period","value":"60\u00e40","source":"me","x":[1,{"y":2}]})";
+        for (auto hits = 1 + random() % 3; hits > 0; --hits) {
+            const auto at = random() % payload.size();
+            switch (random() % 3) {
+                case 0:
+                    payload[at] = static_cast<char>(random() % 256);
+                    break;
+                case 1:
+                    payload.erase(at, 1 + random() % 5);
+                    break;
+                default:
+                    payload.insert(at, payload.substr(random() % payload.size(), 5));
+            }
+        }
+        try {
+            const SetRequest request = reader.set(payload);
+            EXPECT_TRUE(isCleanText(request.param) && isCleanText(request.value) && isCleanText(request.source));
+        } catch (const BadRequest&) {
+            ++refused;
+        }
+    }
+    EXPECT_GT(refused, 5000);
+    EXPECT_EQ(reader.get(R"({"param":"a"})").param, "a");
+}
+
+struct Hostile {
+    const char* name;
+    std::string payload;
+    const char* param;
+    const char* reason;
+};
+
+class HostilePayload : public testing::TestWithParam<Hostile> {};
+
+TEST_P(HostilePayload, IsABadRequest) {
+    RequestReader reader;
+    try {
+        reader.set(GetParam().payload);
+        FAIL() << "was accepted";
+    } catch (const BadRequest& error) {
+        EXPECT_STREQ(error.what(), GetParam().reason);
+        EXPECT_EQ(error.param(), GetParam().param);
+    }
+    EXPECT_EQ(reader.set(R"({"param":"a","value":""})").param, "a") << "the next request suffers";
+}
+
+constexpr char noObject[] = "the payload is no JSON object";
+constexpr char noText[] = "the payload is no UTF-8 JSON text";
+INSTANTIATE_TEST_SUITE_P(
+    All, HostilePayload,
+    testing::Values(
+        Hostile{"Empty", "", "", noObject}, Hostile{"Text", "hello", "", noObject},
+        Hostile{"Array", R"(["param","value"])", "", noObject}, Hostile{"Null", "null", "", noObject},
+        Hostile{"Unfinished", R"({"param":"a","value":"b")", "", noObject},
+        Hostile{"TrailingComma", R"({"param":"a","value":"b",})", "", noObject},
+        Hostile{"TrailingText", R"({"param":"a","value":"b"}{})", "", noObject},
+        Hostile{"Comment", R"({"param":"a",/* */"value":"b"})", "", noText},
+        Hostile{"DuplicateMember", R"({"param":"a","param":"b","value":"c"})", "", noObject},
+        Hostile{"DuplicateMemberBelow", R"({"param":"a","value":"c","x":{"y":1,"y":2}})", "", noObject},
+        Hostile{"DeepNesting", R"({"param":"a","value":"c","x":)" + std::string(100000, '[') + "}", "", noObject},
+        Hostile{"DeepButClosed",
+                R"({"param":"a","value":"c","x":)" + std::string(200, '[') + std::string(200, ']') + "}", "", noObject},
+        Hostile{"Huge", R"({"param":"a","value":")" + std::string(maxPayloadBytes, 'x') + "\"}", "",
+                "the payload is larger than 1048576 bytes"},
+        Hostile{"ParamMissing", R"({"value":"b"})", "", "\"param\" is missing"},
+        Hostile{"ParamNumber", R"({"param":5,"value":"b"})", "", "\"param\" is no text"},
+        Hostile{"ValueMissing", R"({"param":"a"})", "a", "\"value\" is missing"},
+        Hostile{"ValueNull", R"({"param":"a","value":null})", "a", "\"value\" is no text"},
+        Hostile{"ValueNumber", R"({"param":"a","value":1})", "a", "\"value\" is no text"},
+        Hostile{"ValueArray", R"({"param":"a","value":["b"]})", "a", "\"value\" is no text"},
+        Hostile{"SourceNumber", R"({"param":"a","value":"b","source":1})", "a", "\"source\" is no text"},
+        Hostile{"InvalidUtf8", "{\"param\":\"a\",\"value\":\"\xff\"}", "", noText},
+        Hostile{"OverlongUtf8", "{\"param\":\"a\",\"value\":\"\xc0\x80\"}", "", noText},
+        Hostile{"SurrogateInUtf8", "{\"param\":\"a\",\"value\":\"\xed\xa0\x80\"}", "", noText},
+        Hostile{"CutUtf8", "{\"param\":\"a\",\"value\":\"\xe2\x82", "", noText},
+        Hostile{"BeyondUnicode", "{\"param\":\"a\",\"value\":\"\xf4\x90\x80\x80\"}", "", noText},
+        Hostile{"RawNul", std::string("{\"param\":\"a\",\"value\":\"b\0\"}", 25), "", noText},
+        Hostile{"RawNewline", "{\"param\":\"a\",\"value\":\"b\nc\"}", "", noText},
+        Hostile{"EscapedNul", R"({"param":"a","value":"b\u0000c"})", "a", "\"value\" is no UTF-8 text without NUL"},
+        Hostile{"HalfSurrogatePair", R"({"param":"a","value":"\udc00"})", "a",
+                "\"value\" is no UTF-8 text without NUL"},
+        Hostile{"OtherHalf", R"({"param":"a","value":"\ud800"})", "", noObject}),
+    [](const auto& row) { return row.param.name; });
+
+TEST(Codec, UnknownMembersAreIgnored) {
+    RequestReader reader;
+    EXPECT_EQ(reader.get(R"({"param":"a","value":7,"x":{"y":[null,1.5,true]}})").param, "a");
+    EXPECT_EQ(reader.list(R"({"prefix":"p","param":3})").prefix, "p");
+}
+
+TEST(Codec, ListNeedsItsPrefix) {
+    RequestReader reader;
+    EXPECT_THROW(reader.list("{}"), BadRequest);
+    EXPECT_THROW(reader.list(R"({"prefix":"","after":1})"), BadRequest);
+    EXPECT_EQ(reader.list(R"({"prefix":"","after":"k"})").after, "k");
+}
+
+TEST(Codec, NothingIsLeftOverFromTheRequestBefore) {
+    RequestReader reader;
+    EXPECT_EQ(reader.set(R"({"param":"a","value":"b","source":"s"})").source, "s");
+    EXPECT_EQ(reader.set(R"({"param":"a","value":"b"})").source, "");
+}
+
+}  // namespace
+}  // namespace propertyservice

@@ -1,0 +1,325 @@
+#include "service/PropertyService.h"
+
+#include <gmock/gmock.h>
+#include <gtest/gtest.h>
+#include <json/reader.h>
+
+#include <map>
+
+#include "service/Limits.h"
+
+namespace propertyservice {
+namespace {
+
+using testing::ElementsAre;
+using testing::HasSubstr;
+using testing::IsEmpty;
+
+class FakeStore final : public IStore {
+ public:
+    std::vector<Entry> load() override { return {values.begin(), values.end()}; }
+
+    void write(const std::vector<Entry>& entries) override {
+        ++transactions;
+        if (full) throw StoreException("disk full");
+        for (const Entry& entry : entries) {
+            if (entry.first == failingKey) throw StoreException("no room for " + entry.first);
+        }
+        for (const Entry& entry : entries) values[entry.first] = entry.second;
+    }
+
+    std::map<std::string, std::string> values;
+    int transactions = 0;
+    bool full = false;
+    std::string failingKey;
+};
+
+const char catalogueText[] = R"({"version": 1, "keys": {
+    "System.Name": {"type": "text", "default": "phone", "description": "d"},
+    "System.Port": {"type": "integer", "min": 1, "max": 9, "default": "5", "description": "d"},
+    "System.Serial": {"type": "text", "default": "42", "readOnly": true, "description": "d"},
+    "State.Provisioning": {"type": "text", "default": "", "description": "d"},
+    "NET.MAC.Address": {"type": "text", "default": "", "description": "d"},
+    "Keys.{0-2}.Label": {"type": "text", "default": "-", "description": "d"}
+}})";
+
+ipc::ServiceRequest request(const std::string& topic, const std::string& payload) {
+    return {topic, payload, "me/reply", "c1", 0};
+}
+ipc::ServiceRequest get(const std::string& key) { return request(getTopic, "{\"param\":\"" + key + "\"}"); }
+ipc::ServiceRequest set(const std::string& key, const std::string& value) {
+    return request(setTopic, "{\"param\":\"" + key + "\",\"value\":\"" + value + "\",\"source\":\"t\"}");
+}
+ipc::ServiceRequest list(const std::string& prefix, const std::string& after = "") {
+    return request(listTopic, "{\"prefix\":\"" + prefix + "\",\"after\":\"" + after + "\"}");
+}
+
+std::string answer(const std::string& key, const std::string& value) {
+    return "me/reply {\"param\":\"" + key + "\",\"value\":\"" + value + "\"}";
+}
+std::string change(const std::string& topic, const std::string& key, const std::string& value) {
+    return topic + " {\"param\":\"" + key + "\",\"value\":\"" + value + "\",\"source\":\"t\"}";
+}
+std::string error(const std::string& key, const std::string& code, const std::string& reason) {
+    return "me/reply {\"param\":\"" + key + "\",\"error\":\"" + code + "\",\"reason\":\"" + reason + "\"}";
+}
+const char refused[] = "the store refused the write; the old value stands";
+
+class Service : public testing::Test {
+ protected:
+    std::vector<std::string> handle(const std::vector<ipc::ServiceRequest>& requests) {
+        std::vector<std::string> messages;
+        for (const ipc::OutgoingMessage& message : service().handle(requests)) {
+            messages.push_back(message.topic + " " + message.payload);
+        }
+        return messages;
+    }
+
+    PropertyService& service() {
+        if (!service_) service_ = std::make_unique<PropertyService>(catalogue, store);
+        return *service_;
+    }
+
+    void restart() { service_.reset(); }
+
+    const Catalogue catalogue = Catalogue::parse(catalogueText, "c.json");
+    FakeStore store;
+
+ private:
+    std::unique_ptr<PropertyService> service_;
+};
+
+TEST_F(Service, AnswersWithTheRequestsOwnCorrelationAndQuality) {
+    ipc::ServiceRequest asked = get("System.Name");
+    asked.qualityOfService = 1;
+    asked.correlationData = std::string("\0\xff", 2);
+    const std::vector<ipc::OutgoingMessage> messages = service().handle({asked});
+    ASSERT_EQ(messages.size(), 1U);
+    EXPECT_EQ(messages[0].correlationData, asked.correlationData);
+    EXPECT_EQ(messages[0].qualityOfService, 1);
+    EXPECT_EQ(messages[0].payload, R"({"param":"System.Name","value":"phone"})");
+}
+
+TEST_F(Service, ASetIsAnsweredStoredAndPublishedWithQualityOne) {
+    const std::vector<ipc::OutgoingMessage> messages = service().handle({set("System.Name", "x")});
+    ASSERT_EQ(messages.size(), 2U);
+    EXPECT_EQ(messages[0].topic, "me/reply");
+    EXPECT_EQ(messages[0].payload, R"({"param":"System.Name","value":"x"})");
+    EXPECT_EQ(messages[0].correlationData, "c1");
+    EXPECT_EQ(messages[1].topic, "prop-service-system/System.Name");
+    EXPECT_EQ(messages[1].payload, R"({"param":"System.Name","value":"x","source":"t"})");
+    EXPECT_EQ(messages[1].qualityOfService, 1);
+    EXPECT_EQ(messages[1].correlationData, "");
+    EXPECT_EQ(store.values["System.Name"], "x");
+}
+
+TEST_F(Service, ChangeTopicsNameTheGroupInLowerCase) {
+    EXPECT_THAT(
+        handle({set("State.Provisioning", "request"), set("NET.MAC.Address", "00"), set("Keys.2.Label", "l")}),
+        ElementsAre(answer("State.Provisioning", "request"),
+                    change("prop-service-state/State.Provisioning", "State.Provisioning", "request"),
+                    answer("NET.MAC.Address", "00"),
+                    change("prop-service-net/NET.MAC.Address", "NET.MAC.Address", "00"), answer("Keys.2.Label", "l"),
+                    change("prop-service-keys/Keys.2.Label", "Keys.2.Label", "l")));
+}
+
+TEST_F(Service, AnEqualValueIsPublishedAgainAndNotWrittenAgain) {
+    handle({set("System.Name", "x")});
+    const int before = store.transactions;
+    EXPECT_THAT(handle({set("System.Name", "x")}),
+                ElementsAre(answer("System.Name", "x"), change("prop-service-system/System.Name", "System.Name", "x")));
+    EXPECT_EQ(store.transactions, before);
+}
+
+TEST_F(Service, ADefaultThatWasSetIsStored) {
+    handle({set("System.Name", "phone")});
+    EXPECT_EQ(store.values["System.Name"], "phone");
+}
+
+TEST_F(Service, AMissingSourceIsEmpty) {
+    EXPECT_THAT(handle({request(setTopic, R"({"param":"System.Name","value":"x"})")}),
+                ElementsAre(answer("System.Name", "x"),
+                            "prop-service-system/System.Name "
+                            "{\"param\":\"System.Name\",\"value\":\"x\",\"source\":\"\"}"));
+}
+
+TEST_F(Service, ErrorsSayWhatIsWrong) {
+    EXPECT_THAT(handle({get("No.Such"), set("No.Such", "1"), get("System.#"), set("System.Port", "10"),
+                        set("System.Serial", "1"), request(getTopic, "x"),
+                        request(setTopic, R"({"param":"System.Name"})"), request(listTopic, "{}")}),
+                ElementsAre(error("No.Such", "not-found", "there is no such key"),
+                            error("No.Such", "not-found", "there is no such key"),
+                            error("System.#", "not-found", "there is no such key"),
+                            error("System.Port", "invalid-value", "System.Port must be a whole number from 1 to 9"),
+                            error("System.Serial", "read-only", "System.Serial may not be written"),
+                            error("", "bad-request", "the payload is no JSON object"),
+                            error("System.Name", "bad-request", "\\\"value\\\" is missing"),
+                            error("", "bad-request", "\\\"prefix\\\" is missing")));
+    EXPECT_EQ(store.transactions, 0);
+    EXPECT_THAT(handle({get("System.Port")}), ElementsAre(answer("System.Port", "5")));
+}
+
+TEST_F(Service, ValuesUpTo64KiB) {
+    const std::string most(maxValueBytes, 'x');
+    EXPECT_EQ(handle({set("System.Name", most)}).size(), 2U);
+    EXPECT_THAT(handle({set("System.Name", most + "x")}),
+                ElementsAre(error("System.Name", "invalid-value", "System.Name must be at most 65536 bytes long")));
+    EXPECT_THAT(handle({get("System.Name")}), ElementsAre(answer("System.Name", most)));
+}
+
+TEST_F(Service, WithoutResponseTopicARequestIsCarriedOutUnanswered) {
+    ipc::ServiceRequest silent = set("System.Name", "x");
+    silent.responseTopic.clear();
+    EXPECT_THAT(handle({silent}), ElementsAre(change("prop-service-system/System.Name", "System.Name", "x")));
+    ipc::ServiceRequest unread = get("System.Name");
+    unread.responseTopic.clear();
+    EXPECT_THAT(handle({unread}), IsEmpty());
+}
+
+TEST_F(Service, RefusesResponseTopicsOfItsOwnAndWildcards) {
+    for (const std::string topic : {"prop-service", "prop-service/set", "prop-service/status",
+                                    "prop-service-state/State.Provisioning", "a/#", "+", "a/+/b"}) {
+        ipc::ServiceRequest asked = set("System.Name", "x");
+        asked.responseTopic = topic;
+        EXPECT_THAT(handle({asked}), IsEmpty()) << topic;
+    }
+    EXPECT_THAT(handle({get("System.Name")}), ElementsAre(answer("System.Name", "phone")));
+    ipc::ServiceRequest asked = get("System.Name");
+    asked.responseTopic = "prop-services/x";
+    EXPECT_EQ(handle({asked}).size(), 1U);
+}
+
+TEST_F(Service, ABatchIsOneTransactionInOrder) {
+    EXPECT_THAT(handle({set("System.Name", "a"), get("System.Name"), set("System.Name", "b"), get("System.Name")}),
+                ElementsAre(answer("System.Name", "a"), change("prop-service-system/System.Name", "System.Name", "a"),
+                            answer("System.Name", "a"), answer("System.Name", "b"),
+                            change("prop-service-system/System.Name", "System.Name", "b"), answer("System.Name", "b")));
+    EXPECT_EQ(store.transactions, 1);
+    EXPECT_EQ(store.values["System.Name"], "b");
+}
+
+TEST_F(Service, AFullStoreKeepsTheOldValueAndRecovers) {
+    handle({set("System.Name", "old")});
+    store.full = true;
+    EXPECT_THAT(handle({set("System.Name", "new"), get("System.Name"), set("State.Provisioning", "x")}),
+                ElementsAre(error("System.Name", "storage", refused), answer("System.Name", "old"),
+                            answer("State.Provisioning", "x"),
+                            change("prop-service-state/State.Provisioning", "State.Provisioning", "x")));
+    store.full = false;
+    EXPECT_THAT(
+        handle({set("System.Name", "new")}),
+        ElementsAre(answer("System.Name", "new"), change("prop-service-system/System.Name", "System.Name", "new")));
+    EXPECT_EQ(store.values["System.Name"], "new");
+}
+
+TEST_F(Service, ARefusedWriteOfABatchCostsNoOtherOne) {
+    store.failingKey = "System.Port";
+    ipc::ServiceRequest silent = set("System.Port", "3");
+    silent.responseTopic.clear();
+    EXPECT_THAT(handle({set("System.Name", "a"), set("System.Port", "2"), silent, set("Keys.0.Label", "b"),
+                        get("System.Port")}),
+                ElementsAre(answer("System.Name", "a"), change("prop-service-system/System.Name", "System.Name", "a"),
+                            error("System.Port", "storage", refused), answer("Keys.0.Label", "b"),
+                            change("prop-service-keys/Keys.0.Label", "Keys.0.Label", "b"), answer("System.Port", "5")));
+    EXPECT_EQ(store.values["Keys.0.Label"], "b");
+    EXPECT_EQ(store.values.count("System.Port"), 0U);
+    store.failingKey.clear();
+    handle({set("System.Port", "5")});
+    EXPECT_EQ(store.values["System.Port"], "5") << "was taken for stored";
+}
+
+TEST_F(Service, StateIsNeverStoredAndStartsAtItsDefault) {
+    handle({set("State.Provisioning", "success")});
+    EXPECT_EQ(store.transactions, 0);
+    EXPECT_THAT(handle({get("State.Provisioning")}), ElementsAre(answer("State.Provisioning", "success")));
+    store.values["State.Provisioning"] = "from an old store";
+    restart();
+    EXPECT_THAT(handle({get("State.Provisioning")}), ElementsAre(answer("State.Provisioning", "")));
+}
+
+TEST_F(Service, StartsWithTheStoredValues) {
+    store.values["System.Name"] = "mine";
+    store.values["System.Port"] = "100";  // no longer allowed
+    store.values["Gone.Key"] = "kept";    // no longer known
+    EXPECT_THAT(handle({get("System.Name"), get("System.Port"), get("Gone.Key")}),
+                ElementsAre(answer("System.Name", "mine"), answer("System.Port", "5"),
+                            error("Gone.Key", "not-found", "there is no such key")));
+    EXPECT_EQ(store.values["Gone.Key"], "kept");
+    handle({set("System.Port", "5")});
+    EXPECT_EQ(store.values["System.Port"], "5") << "the default, set by hand, must replace what is no longer allowed";
+}
+
+TEST_F(Service, ListsByPrefixSorted) {
+    EXPECT_THAT(
+        handle({list("Keys.")}),
+        ElementsAre("me/reply {\"properties\":[{\"param\":\"Keys.0.Label\",\"value\":\"-\"},"
+                    "{\"param\":\"Keys.1.Label\",\"value\":\"-\"},{\"param\":\"Keys.2.Label\",\"value\":\"-\"}]}"));
+    EXPECT_THAT(handle({list("Keys.", "Keys.1.Label")}),
+                ElementsAre("me/reply {\"properties\":[{\"param\":\"Keys.2.Label\",\"value\":\"-\"}]}"));
+    EXPECT_THAT(handle({list("Keys.", "Keys.0.zzz")}), ElementsAre(HasSubstr("[{\"param\":\"Keys.1.Label\"")));
+    for (const char* after : {"Keys.2.Label", "Z"}) {
+        EXPECT_THAT(handle({list("Keys.", after)}), ElementsAre("me/reply {\"properties\":[]}"));
+    }
+    EXPECT_THAT(handle({list("nothing")}), ElementsAre("me/reply {\"properties\":[]}"));
+    EXPECT_THAT(handle({list("", "A")}), ElementsAre(HasSubstr("[{\"param\":\"Keys.0.Label\"")));
+}
+
+Json::Value parsed(const std::string& json) {
+    Json::Value value;
+    const std::unique_ptr<Json::CharReader> reader(Json::CharReaderBuilder().newCharReader());
+    std::string errors;
+    EXPECT_TRUE(reader->parse(json.data(), json.data() + json.size(), &value, &errors)) << errors;
+    return value;
+}
+
+// All keys, page by page.
+std::vector<std::string> listed(PropertyService& service, const std::string& prefix, std::size_t& pages,
+                                std::size_t& largest) {
+    std::vector<std::string> keys;
+    std::string after;
+    do {
+        const std::string payload = service.handle({list(prefix, after)}).at(0).payload;
+        const Json::Value page = parsed(payload);
+        for (const Json::Value& property : page["properties"]) keys.push_back(property["param"].asString());
+        after = page.get("next", "").asString();
+        ++pages;
+        largest = std::max(largest, payload.size());
+    } while (!after.empty() && pages < 1000);
+    return keys;
+}
+
+TEST(Listing, HasPagesOfAThousand) {
+    const Catalogue catalogue = Catalogue::parse(
+        R"({"version":1,"keys":{"a.{0-2500}":{"type":"text","default":"","description":"d"}}})", "c.json");
+    FakeStore store;
+    PropertyService service(catalogue, store);
+    std::size_t pages = 0;
+    std::size_t largest = 0;
+    const std::vector<std::string> keys = listed(service, "", pages, largest);
+    EXPECT_EQ(pages, 3U);
+    EXPECT_EQ(keys.size(), 2501U);
+    EXPECT_TRUE(std::is_sorted(keys.begin(), keys.end()));
+    const Json::Value first = parsed(service.handle({list("a.")}).at(0).payload);
+    EXPECT_EQ(first["properties"].size(), 1000U);
+    EXPECT_EQ(first["next"], first["properties"][999]["param"]);
+    std::size_t wholePages = 0;
+    EXPECT_EQ(listed(service, "a.1", wholePages, largest).size(), 1111U);
+}
+
+TEST(Listing, PagesOfGreatValuesAreShorter) {
+    const Catalogue catalogue = Catalogue::parse(
+        R"({"version":1,"keys":{"a.{0-99}":{"type":"text","default":"","description":"d"}}})", "c.json");
+    FakeStore store;
+    for (int index = 0; index < 100; ++index) {
+        store.values["a." + std::to_string(index)] = std::string(maxValueBytes, 'x');
+    }
+    PropertyService service(catalogue, store);
+    std::size_t pages = 0;
+    std::size_t largest = 0;
+    EXPECT_EQ(listed(service, "", pages, largest).size(), 100U);
+    EXPECT_GT(pages, 5U);
+    EXPECT_LE(largest, maxPageBytes + 1000);
+}
+
+}  // namespace
+}  // namespace propertyservice

@@ -1,0 +1,220 @@
+#include "store/Store.h"
+
+#include <gmock/gmock.h>
+#include <gtest/gtest.h>
+#include <signal.h>
+#include <sqlite3.h>
+#include <sys/resource.h>
+#include <sys/stat.h>
+#include <sys/wait.h>
+#include <unistd.h>
+
+#include <fstream>
+#include <iterator>
+#include <thread>
+
+#include "TemporaryFolder.h"
+
+namespace propertyservice {
+namespace {
+
+using testing::HasSubstr;
+using testing::UnorderedElementsAre;
+using Entry = IStore::Entry;
+
+std::string errorOf(const std::string& path) {
+    try {
+        Store store(path);
+    } catch (const StoreException& error) {
+        return error.what();
+    }
+    return "no error";
+}
+
+std::string bytesOf(const std::string& path) {
+    std::ifstream file(path, std::ios::binary);
+    return {std::istreambuf_iterator<char>(file), std::istreambuf_iterator<char>()};
+}
+
+void execute(const std::string& path, const char* sql) {
+    sqlite3* database = nullptr;
+    ASSERT_EQ(sqlite3_open(path.c_str(), &database), SQLITE_OK);
+    EXPECT_EQ(sqlite3_exec(database, sql, nullptr, nullptr, nullptr), SQLITE_OK) << sqlite3_errmsg(database);
+    sqlite3_close(database);
+}
+
+TEST(Store, HoldsWhatWasWrittenAfterARestart) {
+    const TemporaryFolder folder;
+    const std::string path = folder / "deeper/still/properties.db";
+    {
+        Store store(path);
+        EXPECT_TRUE(store.load().empty());
+        store.write({{"a", "1"}});
+        store.write({{"b", "2"}, {"a", "3"}, {"c", ""}});
+        store.write({});
+        EXPECT_THAT(store.load(), UnorderedElementsAre(Entry("a", "3"), Entry("b", "2"), Entry("c", "")));
+    }
+    Store again(path);
+    EXPECT_THAT(again.load(), UnorderedElementsAre(Entry("a", "3"), Entry("b", "2"), Entry("c", "")));
+}
+
+TEST(Store, KeepsValuesOfTheFullSizeAndAnyText) {
+    const TemporaryFolder folder;
+    const std::string value = std::string(64 * 1024 - 6, 'x') + "ä\n€";
+    {
+        Store store(folder / "s.db");
+        store.write({{"a", value}});
+    }
+    EXPECT_THAT(Store(folder / "s.db").load(), UnorderedElementsAre(Entry("a", value)));
+}
+
+TEST(Store, IsReadableByItsOwnerOnly) {
+    const TemporaryFolder folder;
+    Store store(folder / "s.db");
+    store.write({{"a", "1"}});
+    for (const char* name : {"s.db", "s.db-wal"}) {
+        struct stat status {};
+        ASSERT_EQ(::stat((folder / name).c_str(), &status), 0) << name;
+        EXPECT_EQ(status.st_mode & 0777U, 0600U) << name;
+    }
+}
+
+TEST(Store, OfANewerVersionIsRefusedUntouched) {
+    const TemporaryFolder folder;
+    { Store(folder / "s.db").write({{"a", "1"}}); }
+    execute(folder / "s.db", "PRAGMA user_version = 2");
+    const std::string before = bytesOf(folder / "s.db");
+    std::ofstream(folder / "s.db-wal") << "a log of the newer version";
+    EXPECT_EQ(
+        errorOf(folder / "s.db"),
+        folder / "s.db" + std::string(": was written by a newer version (store format 2, this version knows 1); it "
+                                      "stays as it is"));
+    EXPECT_EQ(bytesOf(folder / "s.db"), before);
+    EXPECT_EQ(bytesOf(folder / "s.db-wal"), "a log of the newer version");
+}
+
+TEST(Store, OfSomethingElseIsRefusedUntouched) {
+    const TemporaryFolder folder;
+    execute(folder / "other.db", "CREATE TABLE property (x)");
+    std::ofstream(folder / "text") << "some text that is longer than nothing";
+    for (const char* name : {"other.db", "text"}) {
+        const std::string before = bytesOf(folder / name);
+        EXPECT_THAT(errorOf(folder / name), HasSubstr("name another file with --store"));
+        EXPECT_EQ(bytesOf(folder / name), before);
+    }
+}
+
+TEST(Store, ThatIsDamagedIsRefused) {
+    const TemporaryFolder folder;
+    { Store(folder / "s.db").write({{"a", "1"}}); }
+    std::fstream(folder / "s.db", std::ios::in | std::ios::out | std::ios::binary).seekp(100) << std::string(8000, 'x');
+    EXPECT_THAT(errorOf(folder / "s.db"), HasSubstr("s.db: cannot be"));
+}
+
+TEST(Store, WhichCannotBeMadeIsRefused) {
+    const TemporaryFolder folder;
+    std::ofstream(folder / "file") << "x";
+    EXPECT_THAT(errorOf(folder / "file/s.db"), HasSubstr("s.db: "));
+    EXPECT_THAT(errorOf(folder / ""), HasSubstr("cannot be opened for writing: Is a directory"));
+}
+
+// Runs the code in a child process, and reports what it answered through its exit status.
+template <typename Code>
+int inChild(Code code) {
+    const pid_t child = ::fork();
+    if (child == 0) ::_exit(code());
+    int status = 0;
+    EXPECT_EQ(::waitpid(child, &status, 0), child);
+    return WIFEXITED(status) ? WEXITSTATUS(status) : -1;
+}
+
+TEST(Store, InUseByAnotherProcessIsRefused) {
+    const TemporaryFolder folder;
+    Store store(folder / "s.db");
+    EXPECT_EQ(
+        inChild([&folder] { return errorOf(folder / "s.db").find("another process uses it") != std::string::npos; }),
+        1);
+    store.write({{"a", "1"}});
+}
+
+TEST(Store, RefusedWriteLeavesTheOldValuesAndALaterOneSucceeds) {
+    const TemporaryFolder folder;
+    Store store(folder / "s.db");
+    store.write({{"a", "old"}, {"b", "old"}});
+    ::signal(SIGXFSZ, SIG_IGN);
+    rlimit before{};
+    ASSERT_EQ(::getrlimit(RLIMIT_FSIZE, &before), 0);
+    rlimit full = before;
+    full.rlim_cur = 20000;  // as a disk that has no more room than this
+    ASSERT_EQ(::setrlimit(RLIMIT_FSIZE, &full), 0);
+    EXPECT_THROW(store.write({{"a", "new"}, {"b", std::string(60000, 'x')}}), StoreException);
+    EXPECT_THROW(store.write({{"a", std::string(60000, 'x')}}), StoreException);
+    ASSERT_EQ(::setrlimit(RLIMIT_FSIZE, &before), 0);
+    EXPECT_THAT(store.load(), UnorderedElementsAre(Entry("a", "old"), Entry("b", "old")));
+    store.write({{"a", "new"}});
+    EXPECT_THAT(store.load(), UnorderedElementsAre(Entry("a", "new"), Entry("b", "old")));
+}
+
+// The child acknowledges every write through the pipe once the store has returned.
+[[noreturn]] void writeForEver(const std::string& path, int acknowledge) {
+    Store store(path);
+    for (std::uint32_t number = 1;; ++number) {
+        const std::string text = std::to_string(number);
+        if (number % 3 == 0) {
+            store.write({{"first", text}, {"number", text}, {"last", text}});
+        } else {
+            store.write({{"number", text}});
+        }
+        if (::write(acknowledge, &number, sizeof number) != sizeof number) ::_exit(1);
+    }
+}
+
+TEST(Store, LosesNothingThatWasAcknowledgedWhenKilled) {
+    const TemporaryFolder folder;
+    for (unsigned round = 0; round < 20; ++round) {
+        const std::string path = folder / ("s" + std::to_string(round / 4) + ".db");
+        int pipe[2];
+        ASSERT_EQ(::pipe(pipe), 0);
+        const pid_t child = ::fork();
+        if (child == 0) writeForEver(path, pipe[1]);
+        ::close(pipe[1]);
+        std::uint32_t acknowledged = 0;
+        for (unsigned reads = 0; reads < 1 + 97 * round; ++reads) {
+            ASSERT_EQ(::read(pipe[0], &acknowledged, sizeof acknowledged), sizeof acknowledged);
+        }
+        ASSERT_EQ(::kill(child, SIGKILL), 0);
+        while (::read(pipe[0], &acknowledged, sizeof acknowledged) == sizeof acknowledged) {
+        }
+        ::close(pipe[0]);
+        ASSERT_EQ(::waitpid(child, nullptr, 0), child);
+
+        Store store(path);
+        std::map<std::string, std::string> values;
+        for (const Entry& entry : store.load()) values.insert(entry);
+        const unsigned long number = std::stoul(values["number"]);
+        EXPECT_GE(number, acknowledged);
+        EXPECT_LE(number, acknowledged + 1);  // one may have been stored and not acknowledged
+        EXPECT_EQ(values["first"], values["last"]) << "half a transaction";
+    }
+}
+
+TEST(LogSync, SyncsOnceForManyWritesAndAgainForLaterOnes) {
+    const TemporaryFolder folder;
+    std::ofstream(folder / "log") << "x";
+    LogSync sync(folder / "log", std::chrono::milliseconds(20));
+    for (unsigned round = 1; round <= 2; ++round) {
+        for (int count = 0; count < 100; ++count) sync.written();
+        while (sync.syncs() < round) std::this_thread::yield();
+        EXPECT_EQ(sync.syncs(), round);
+    }
+}
+
+TEST(LogSync, EndsAtOnceWithASyncOutstanding) {
+    const TemporaryFolder folder;
+    std::ofstream(folder / "log") << "x";
+    LogSync sync(folder / "log", std::chrono::hours(1));
+    sync.written();
+}
+
+}  // namespace
+}  // namespace propertyservice
