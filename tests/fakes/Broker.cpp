@@ -105,7 +105,11 @@ bool Broker::launch() {
     posix_spawnattr_setsigmask(&attributes, &none);
     posix_spawnattr_setsigdefault(&attributes, &all);
     posix_spawnattr_setflags(&attributes, POSIX_SPAWN_SETSIGMASK | POSIX_SPAWN_SETSIGDEF);
-    const int result = posix_spawn(&pid_, program.c_str(), nullptr, &attributes, arguments, environ);
+    posix_spawn_file_actions_t files;
+    posix_spawn_file_actions_init(&files);
+    posix_spawn_file_actions_addopen(&files, STDERR_FILENO, "/dev/null", O_WRONLY, 0);
+    const int result = posix_spawn(&pid_, program.c_str(), &files, &attributes, arguments, environ);
+    posix_spawn_file_actions_destroy(&files);
     posix_spawnattr_destroy(&attributes);
     if (result != 0) throw std::runtime_error("Cannot run " + program);
 
@@ -160,25 +164,29 @@ Relay::~Relay() {
     eventfd_write(wakeup_, 1);
     thread_.join();
     cut();
+    close(listener_);
     close(wakeup_);
 }
 
 void Relay::cut() {
     const std::lock_guard<std::mutex> lock(mutex_);
-    if (listener_ >= 0) close(listener_);
-    listener_ = -1;
-    for (const Pair& pair : pairs_) {
-        close(pair.client);
-        close(pair.broker);
-    }
+    refusing_ = true;
+    for (const Pair& pair : pairs_) drop(pair);
     pairs_.clear();
     eventfd_write(wakeup_, 1);
 }
 
 void Relay::restore() {
     const std::lock_guard<std::mutex> lock(mutex_);
-    if (listener_ < 0) listener_ = listenOn(port_);
-    eventfd_write(wakeup_, 1);
+    refusing_ = false;
+}
+
+void Relay::drop(const Pair& pair) {
+    // The shutdown takes effect even while the relay's own thread polls the sockets.
+    for (const int fd : {pair.client, pair.broker}) {
+        shutdown(fd, SHUT_RDWR);
+        close(fd);
+    }
 }
 
 void Relay::run() {
@@ -187,7 +195,7 @@ void Relay::run() {
         {
             const std::lock_guard<std::mutex> lock(mutex_);
             if (stopping_) return;
-            if (listener_ >= 0) watched.push_back({listener_, POLLIN, 0});
+            watched.push_back({listener_, POLLIN, 0});
             for (const Pair& pair : pairs_) {
                 watched.push_back({pair.client, POLLIN, 0});
                 watched.push_back({pair.broker, POLLIN, 0});
@@ -211,15 +219,12 @@ void Relay::run() {
         for (auto pair = pairs_.begin(); pair != pairs_.end();) {
             const bool open = (!readable(pair->client) || relay(pair->client, pair->broker)) &&
                               (!readable(pair->broker) || relay(pair->broker, pair->client));
-            if (!open) {
-                close(pair->client);
-                close(pair->broker);
-            }
+            if (!open) drop(*pair);
             pair = open ? pair + 1 : pairs_.erase(pair);
         }
-        if (listener_ >= 0 && readable(listener_)) {
+        if (readable(listener_)) {
             const int client = accept4(listener_, nullptr, nullptr, SOCK_CLOEXEC);
-            const int broker = client >= 0 ? connectTo(targetPort_) : -1;
+            const int broker = client >= 0 && !refusing_ ? connectTo(targetPort_) : -1;
             if (broker >= 0) {
                 pairs_.push_back({client, broker});
                 ++connections_;

@@ -55,7 +55,7 @@ class Relay {
 
     std::string address() const { return "127.0.0.1:" + std::to_string(port_); }
 
-    /// Drops every connection, and refuses new ones until `restore`.
+    /// Drops every connection, and every new one at once until `restore`.
     void cut();
     void restore();
 
@@ -68,14 +68,16 @@ class Relay {
         int broker;
     };
     void run();
+    static void drop(const Pair& pair);
 
     const int targetPort_;
     int port_ = 0;
+    int listener_ = -1;
     int wakeup_ = -1;
     std::atomic<int> connections_{0};
     std::mutex mutex_;
     // Guarded by mutex_.
-    int listener_ = -1;
+    bool refusing_ = false;
     std::vector<Pair> pairs_;
     bool stopping_ = false;
     std::thread thread_;

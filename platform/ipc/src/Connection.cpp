@@ -193,7 +193,8 @@ void Connection::stopWaiting() {
 
 std::uint32_t Connection::subscribe(const std::string& filter, int qualityOfService, int retained,
                                     const std::function<void(std::uint32_t)>& registered) {
-    if (hasNul(filter) || mosquitto_sub_topic_check2(filter.data(), filter.size()) != MOSQ_ERR_SUCCESS ||
+    if (filter.empty() || hasNul(filter) ||
+        mosquitto_sub_topic_check2(filter.data(), filter.size()) != MOSQ_ERR_SUCCESS ||
         mosquitto_validate_utf8(filter.data(), static_cast<int>(filter.size())) != MOSQ_ERR_SUCCESS) {
         throw IPCException("Not a topic filter: \"" + filter + "\"");
     }

@@ -95,6 +95,7 @@ void Service::answer(const std::vector<ServiceRequest>& batch) noexcept {
         dbg::Debug::error() << "Unknown exception in the request handler" << std::endl;
     }
     for (OutgoingMessage& message : outgoing) {
+        if (message.topic.empty()) continue;  // the answer to a request that wanted none
         try {
             if (message.qualityOfService > 0 && !connection_->waitForRoom()) return;
             connection_->publish(

@@ -20,7 +20,7 @@ struct ServiceRequest {
 
 /// What goes out, in the order of the list.
 struct OutgoingMessage {
-    std::string topic;
+    std::string topic;  // empty: it is not sent
     std::string payload;
     std::string correlationData;  // empty: none
     int qualityOfService = 0;

@@ -1,0 +1,43 @@
+#include "Address.h"
+
+#include <gtest/gtest.h>
+
+#include "ipc/IPCException.h"
+
+namespace {
+
+TEST(Address, ReadsHostAndPort) {
+    const struct {
+        const char* text;
+        const char* host;
+        int port;
+    } rows[] = {
+        {"localhost", "localhost", 1883}, {"localhost:1884", "localhost", 1884}, {"10.0.0.7:1", "10.0.0.7", 1},
+        {"[::1]", "::1", 1883},           {"[::1]:65535", "::1", 65535},         {"::1", "::1", 1883},
+    };
+    for (const auto& row : rows) {
+        const ipc::Address address = ipc::parseAddress(row.text);
+        EXPECT_EQ(address.host, row.host) << row.text;
+        EXPECT_EQ(address.port, row.port) << row.text;
+    }
+}
+
+TEST(Address, RefusesWhatIsNone) {
+    for (const char* text : {"", ":1883", "localhost:", "localhost:0", "localhost:65536", "localhost:18x",
+                             "localhost:-1", "[::1", "[::1]x", "[]:1"}) {
+        EXPECT_THROW(ipc::parseAddress(text), ipc::IPCException) << text;
+    }
+}
+
+TEST(Address, ResolvesLocalhostAlways) {
+    std::string failure;
+    EXPECT_FALSE(ipc::resolve(ipc::parseAddress("localhost"), failure).empty());
+}
+
+TEST(Address, SaysWhyAHostHasNoAddress) {
+    std::string failure;
+    EXPECT_TRUE(ipc::resolve(ipc::parseAddress("no such host"), failure).empty());
+    EXPECT_FALSE(failure.empty());
+}
+
+}  // namespace

@@ -1,0 +1,149 @@
+// What the bus tests share: a callback object that records, and a service that answers.
+#pragma once
+
+#include <chrono>
+#include <condition_variable>
+#include <functional>
+#include <memory>
+#include <mutex>
+#include <string>
+#include <utility>
+#include <vector>
+
+#include "ipc/IIPCCallback.h"
+#include "ipc/IPCException.h"
+#include "ipc/IPCFactory.h"
+
+namespace bustest {
+
+constexpr std::chrono::seconds patience{30};  // how long a test waits for what must come
+inline const std::string statusTopic = "test-service/status";
+
+/// Records what it is told. `onMessage`, when set, runs inside messageArrived, without the lock.
+class Recorder : public ipc::IIPCCallback {
+ public:
+    using Messages = std::vector<std::pair<std::string, std::string>>;
+
+    void connectionLost(const std::string& cause) override { add(losses_, cause); }
+    void deliveryComplete(const std::string& topic) override { add(completions_, topic); }
+    void messageArrived(const std::string& topic, const std::string& content) override {
+        add(messages_, std::make_pair(topic, content));
+        if (onMessage) onMessage(topic, content);
+    }
+
+    bool waitForMessages(size_t count) { return waitFor(messages_, count); }
+    bool waitForLosses(size_t count) { return waitFor(losses_, count); }
+    bool waitForCompletions(size_t count) { return waitFor(completions_, count); }
+
+    Messages messages() {
+        const std::lock_guard<std::mutex> lock(mutex_);
+        return messages_;
+    }
+    std::vector<std::string> contents() {
+        std::vector<std::string> all;
+        for (const auto& message : messages()) all.push_back(message.second);
+        return all;
+    }
+    std::vector<std::string> completions() {
+        const std::lock_guard<std::mutex> lock(mutex_);
+        return completions_;
+    }
+
+    std::function<void(const std::string&, const std::string&)> onMessage;
+
+ private:
+    template <typename List, typename Value>
+    void add(List& list, Value value) {
+        const std::lock_guard<std::mutex> lock(mutex_);
+        list.push_back(std::move(value));
+        changed_.notify_all();
+    }
+    template <typename List>
+    bool waitFor(const List& list, size_t count) {
+        std::unique_lock<std::mutex> lock(mutex_);
+        return changed_.wait_for(lock, patience, [&] { return list.size() >= count; });
+    }
+
+    std::mutex mutex_;
+    std::condition_variable changed_;
+    Messages messages_;
+    std::vector<std::string> losses_;
+    std::vector<std::string> completions_;
+};
+
+/// A door that callbacks can be held at.
+class Gate {
+ public:
+    void open() {
+        const std::lock_guard<std::mutex> lock(mutex_);
+        open_ = true;
+        changed_.notify_all();
+    }
+    bool pass() {
+        std::unique_lock<std::mutex> lock(mutex_);
+        return changed_.wait_for(lock, patience, [this] { return open_; });
+    }
+
+ private:
+    std::mutex mutex_;
+    std::condition_variable changed_;
+    bool open_ = false;
+};
+
+/// A bus service that answers every request with "re:" and its payload.
+class EchoService {
+ public:
+    explicit EchoService(const std::string& address, ipc::IIPCService::Handler handler = echo)
+        : service_(ipc::IPCFactory::createService("test-service")) {
+        service_->start(address, statusTopic, {"test-service/ask"}, std::move(handler));
+    }
+    void stop() { service_->stop(); }
+
+    static std::vector<ipc::OutgoingMessage> echo(const std::vector<ipc::ServiceRequest>& requests) {
+        std::vector<ipc::OutgoingMessage> answers;
+        for (const auto& request : requests) {
+            answers.push_back(
+                {request.responseTopic, "re:" + request.payload, request.correlationData, request.qualityOfService});
+        }
+        return answers;
+    }
+
+ private:
+    std::unique_ptr<ipc::IIPCService> service_;
+};
+
+inline std::shared_ptr<ipc::IIPCClient> newClient(const std::string& name, bool transient = false) {
+    return ipc::IPCFactory::createInstanceShared(name, "localhost", transient);
+}
+
+inline std::string ask(ipc::IIPCClient& client, const std::string& payload,
+                       std::chrono::milliseconds timeout = patience) {
+    return client.request("test-service/ask", payload, statusTopic, timeout);
+}
+
+/// Waits for a condition that nothing announces.
+template <typename Condition>
+bool eventually(Condition condition) {
+    const auto limit = std::chrono::steady_clock::now() + patience;
+    std::mutex mutex;
+    std::condition_variable never;
+    while (!condition()) {
+        if (std::chrono::steady_clock::now() > limit) return false;
+        std::unique_lock<std::mutex> lock(mutex);
+        never.wait_for(lock, std::chrono::milliseconds(2));
+    }
+    return true;
+}
+
+/// Starts asking until the service answers: for a client that was connected before the service came up.
+inline bool waitForService(ipc::IIPCClient& client) {
+    return eventually([&client] {
+        try {
+            return ask(client, "there?") == "re:there?";
+        } catch (const ipc::IPCException&) {
+            return false;
+        }
+    });
+}
+
+}  // namespace bustest

@@ -1,0 +1,169 @@
+#include <gtest/gtest.h>
+
+#include <atomic>
+
+#include "BusFixtures.h"
+#include "Mqtt.h"
+#include "fakes/Broker.h"
+
+namespace {
+
+using namespace bustest;
+using fakes::Broker;
+
+TEST(Service, AnnouncesItselfAndSaysGoodbye) {
+    Broker broker;
+    Recorder recorder;
+    const auto client = newClient("watcher");
+    client->subscribe(statusTopic, recorder);
+    client->connect(broker.address());
+    EchoService service(broker.address());
+    ASSERT_TRUE(recorder.waitForMessages(1));
+    service.stop();
+    ASSERT_TRUE(recorder.waitForMessages(2));
+    EXPECT_EQ(recorder.contents(), (std::vector<std::string>{"online", "offline"}));
+    client->disconnect();
+}
+
+TEST(Service, TakesRequestsInTheOrderInWhichTheyCame) {
+    Broker broker;
+    Gate first;
+    std::vector<std::string> order;
+    Recorder recorder;
+    EchoService service(broker.address(), [&](const std::vector<ipc::ServiceRequest>& requests) {
+        first.pass();
+        std::vector<ipc::OutgoingMessage> outgoing;
+        for (const auto& request : requests) outgoing.push_back({"test-changes", request.payload, "", 1});
+        return outgoing;
+    });
+    const auto client = newClient("sender");
+    client->subscribe("test-changes", recorder);
+    client->subscribe(statusTopic, recorder);
+    client->connect(broker.address());
+    ASSERT_TRUE(recorder.waitForMessages(1));  // online
+    std::vector<std::string> expected{"online"};
+    for (int i = 0; i < 3000; ++i) {
+        client->publish("test-service/ask", std::to_string(i), 1);
+        expected.push_back(std::to_string(i));
+    }
+    first.open();
+    ASSERT_TRUE(recorder.waitForMessages(3001));
+    EXPECT_EQ(recorder.contents(), expected);
+    client->disconnect();
+}
+
+TEST(Service, CarriesOutARequestWithoutAResponseTopic) {
+    Broker broker;
+    Gate done;
+    EchoService service(broker.address(), [&](const std::vector<ipc::ServiceRequest>& requests) {
+        EXPECT_EQ(requests[0].topic, "test-service/ask");
+        EXPECT_EQ(requests[0].payload, "just do it");
+        EXPECT_EQ(requests[0].responseTopic, "");
+        EXPECT_EQ(requests[0].correlationData, "");
+        EXPECT_EQ(requests[0].qualityOfService, 1);
+        done.open();
+        return EchoService::echo(requests);  // an answer to nowhere does no harm
+    });
+    Recorder recorder;
+    const auto client = newClient("sender");
+    client->watchPresence(statusTopic);
+    client->subscribe(statusTopic, recorder);
+    client->connect(broker.address());
+    ASSERT_TRUE(recorder.waitForMessages(1));
+    client->publish("test-service/ask", "just do it", 1);
+    EXPECT_TRUE(done.pass());
+    client->disconnect();
+}
+
+TEST(Service, OutlivesAnExceptionOfTheHandler) {
+    Broker broker;
+    EchoService service(broker.address(), [](const std::vector<ipc::ServiceRequest>& requests) {
+        if (requests[0].payload == "bad") throw std::runtime_error("no luck");
+        return EchoService::echo(requests);
+    });
+    const auto client = newClient("asker");
+    client->watchPresence(statusTopic);
+    client->connect(broker.address());
+    ASSERT_TRUE(waitForService(*client));
+    EXPECT_THROW(ask(*client, "bad", std::chrono::milliseconds(100)), ipc::IPCTimeoutException);
+    EXPECT_EQ(ask(*client, "good"), "re:good");
+}
+
+TEST(Service, DoesNotCarryOutARetainedRequestAgain) {
+    Broker broker;
+    // A plain MQTT client leaves a retained request behind before the service comes up.
+    const ipc::Handle handle = ipc::newHandle("careless", true, nullptr);
+    ASSERT_EQ(mosquitto_connect(handle.get(), "127.0.0.1", broker.port(), 60), MOSQ_ERR_SUCCESS);
+    ASSERT_EQ(mosquitto_publish(handle.get(), nullptr, "test-service/ask", 7, "planted", 0, true), MOSQ_ERR_SUCCESS);
+    Recorder witness;
+    const auto client = newClient("asker");
+    client->watchPresence(statusTopic);
+    client->subscribe("test-service/ask", witness);
+    client->connect(broker.address());
+    ASSERT_TRUE(witness.waitForMessages(1));  // the broker has it
+    std::atomic<int> planted{0};
+    EchoService service(broker.address(), [&](const std::vector<ipc::ServiceRequest>& requests) {
+        for (const auto& request : requests) planted += request.payload == "planted" ? 1 : 0;
+        return EchoService::echo(requests);
+    });
+    ASSERT_TRUE(waitForService(*client));
+    EXPECT_EQ(planted, 0);
+    mosquitto_disconnect(handle.get());
+}
+
+TEST(Service, StartsWithoutABrokerAndServesWhenThereIsOne) {
+    Broker broker;
+    broker.stop();
+    EchoService service(broker.address());
+    broker.start();
+    const auto client = newClient("asker");
+    client->watchPresence(statusTopic);
+    client->connect(broker.address());
+    EXPECT_TRUE(waitForService(*client));
+}
+
+TEST(Service, ServesAgainAfterTheBrokerWasRestarted) {
+    Broker broker;
+    EchoService service(broker.address());
+    {
+        const auto client = newClient("asker");
+        client->watchPresence(statusTopic);
+        client->connect(broker.address());
+        ASSERT_TRUE(waitForService(*client));
+    }
+    broker.stop();
+    broker.start();
+    const auto client = newClient("asker");
+    client->watchPresence(statusTopic);
+    client->connect(broker.address());
+    EXPECT_TRUE(waitForService(*client));
+}
+
+TEST(Service, StopsWithoutABrokerToo) {
+    Broker broker;
+    const std::string address = broker.address();
+    broker.stop();
+    EchoService service(address);
+    const auto begin = std::chrono::steady_clock::now();
+    service.stop();
+    EXPECT_LT(std::chrono::steady_clock::now() - begin, std::chrono::seconds(5));
+}
+
+TEST(Service, ItsLastWillSpeaksWhenItIsCutOff) {
+    Broker broker;
+    fakes::Relay relay(broker.port());
+    EchoService service(relay.address());
+    Recorder recorder;
+    const auto client = newClient("watcher");
+    client->subscribe(statusTopic, recorder);
+    client->connect(broker.address());
+    ASSERT_TRUE(recorder.waitForMessages(1));
+    relay.cut();
+    ASSERT_TRUE(recorder.waitForMessages(2));
+    relay.restore();
+    ASSERT_TRUE(recorder.waitForMessages(3));
+    EXPECT_EQ(recorder.contents(), (std::vector<std::string>{"online", "offline", "online"}));
+    client->disconnect();
+}
+
+}  // namespace
