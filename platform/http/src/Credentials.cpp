@@ -15,11 +15,6 @@ unsigned effectivePort(const UrlInfo& url) {
     return url.scheme() == "https" ? 443 : 80;
 }
 
-bool isSameServer(const UrlInfo& url, const UrlInfo& configured) {
-    return strcasecmp(url.host().c_str(), configured.host().c_str()) == 0 &&
-           effectivePort(url) == effectivePort(configured);
-}
-
 std::string decoded(const std::string& text) {
     int length = 0;
     const std::unique_ptr<char, decltype(&curl_free)> plain(
@@ -28,6 +23,10 @@ std::string decoded(const std::string& text) {
 }
 
 }  // namespace
+
+bool isSameServer(const UrlInfo& a, const UrlInfo& b) {
+    return strcasecmp(a.host().c_str(), b.host().c_str()) == 0 && effectivePort(a) == effectivePort(b);
+}
 
 std::optional<Credentials> credentialsFor(const UrlInfo& url,
                                           const std::shared_ptr<propertyapi::IPropertyApi>& properties) {

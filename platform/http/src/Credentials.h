@@ -15,6 +15,9 @@ struct Credentials {
     std::string password;
 };
 
+/// Whether both are on the same host and port, the schemes' own ports included.
+bool isSameServer(const UrlInfo& a, const UrlInfo& b);
+
 /// The credentials to be used for `url`: those in the configured provisioning server's URL, or else the factory ones.
 /// Nothing when `url` is not on that server (host and port), would carry them with less protection than the configured
 /// URL does, when none are set, or when the properties cannot be read (which is logged). Blocks for up to three

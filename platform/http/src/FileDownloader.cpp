@@ -1,5 +1,7 @@
 #include "http/FileDownloader.h"
 
+#include <strings.h>
+
 #include <array>
 #include <cstdint>
 #include <new>
@@ -20,6 +22,7 @@ namespace zav {
 
 namespace {
 
+constexpr unsigned mostRedirects = 5;
 constexpr std::uint64_t mebibyte = 1024 * 1024;
 constexpr const char* firmwareFolder = "/config/swupdate/";
 constexpr std::uint64_t firmwareReserve = 16 * mebibyte;  // of its file system, left to the phone
@@ -49,6 +52,10 @@ std::uint64_t firmwareLimit(const PartialFile& file) {
     return room > firmwareReserve ? room - firmwareReserve : 0;
 }
 
+bool isWeb(const std::string& url) {
+    return strncasecmp(url.c_str(), "http://", 7) == 0 || strncasecmp(url.c_str(), "https://", 8) == 0;
+}
+
 // Basic tells the password to everybody on the way, so it needs TLS. The other two are what a phone has the means for.
 unsigned long schemesFor(const UrlInfo& url) {
     return CURLAUTH_DIGEST | CURLAUTH_NTLM | (url.scheme() == "https" ? CURLAUTH_BASIC : 0UL);
@@ -70,7 +77,6 @@ class Download {
 
     int run() {
         int result = attempt();
-        if (result == CURLE_OK && status_ == 401 && findCredentials()) result = attempt();
         ResumePlan plan;
         while (firmware_ && ResumePlan::isBreak(result) && !validator_.empty()) {
             const auto wait = plan.next(file_.size());
@@ -84,29 +90,62 @@ class Download {
     }
 
  private:
+    // From the source to the server that has the file, or has the last word on it.
     int attempt() {
-        Transfer transfer(curl_, security_, file_, limit_);
-        if (firmware_) transfer.useLargeBuffer();
-        if (credentials_) transfer.useCredentials(*credentials_, schemes_);
-        if (!validator_.empty()) transfer.resume(validator_);
-        const int result = transfer.run(source_.text());
-        // An attempt that reached nobody leaves standing what the server said before it.
-        const bool resumedRest = !validator_.empty() && (transfer.status() == 206 || transfer.status() == 0);
-        status_ = resumedRest ? 200 : transfer.status();
-        Transfer::publishStatus(curl_, status_);
-        if (transfer.status() == 200) validator_ = transfer.validator();
-        offeredSchemes_ = transfer.offeredSchemes();
-        return result;
+        Way way(source_);
+        for (;;) {
+            Transfer transfer(curl_, security_, file_, limit_);
+            if (firmware_) transfer.useLargeBuffer();
+            if (way.credentials) transfer.useCredentials(*way.credentials, way.schemes);
+            if (!validator_.empty()) transfer.resume(validator_);
+            const int result = transfer.run(way.url.text());
+            noteStatus(transfer);
+            if (result != CURLE_OK) return result;
+            if (status_ == 401 && findCredentials(way, transfer.offeredSchemes())) continue;
+            if (transfer.redirection().empty()) return result;
+            if (++way.redirects > mostRedirects) return CURLE_TOO_MANY_REDIRECTS;
+            if (!isWeb(transfer.redirection())) return CURLE_UNSUPPORTED_PROTOCOL;
+            follow(way, UrlInfo(transfer.redirection()));
+        }
+    }
+
+    struct Way {
+        explicit Way(const UrlInfo& from) : url(from) {}
+
+        UrlInfo url;
+        unsigned redirects = 0;
+        bool elsewhere = false;  // has left the server where it began
+        std::optional<Credentials> credentials;
+        unsigned long schemes = 0;
+    };
+
+    // Redirects are followed here and not by libcurl: each step is checked like a URL of our own, and credentials go
+    // no further than the server that they are for. Userinfo in a redirect goes nowhere, as in every URL.
+    static void follow(Way& way, const UrlInfo& next) {
+        if (!isSameServer(next, way.url) || next.scheme() != way.url.scheme()) {
+            way.elsewhere = true;
+            way.credentials.reset();
+        }
+        way.url = next;
     }
 
     // Only asked for by servers that want them: most downloads never touch these properties.
-    bool findCredentials() {
-        schemes_ = offeredSchemes_ & schemesFor(source_);
-        credentials_ = credentialsFor(source_, properties_);
-        if (!credentials_ || schemes_ != 0) return credentials_.has_value();
+    bool findCredentials(Way& way, unsigned long offered) const {
+        if (way.credentials || way.elsewhere) return false;
+        way.credentials = credentialsFor(way.url, properties_);
+        way.schemes = offered & schemesFor(way.url);
+        if (!way.credentials || way.schemes != 0) return way.credentials.has_value();
         dbg::Debug::warning() << "The server asks for credentials in a way that would give them away, not sent"
                               << std::endl;
         return false;
+    }
+
+    void noteStatus(const Transfer& transfer) {
+        // The rest of a file is the file; and an attempt that reached nobody leaves standing what was said before.
+        const bool goneOn = !validator_.empty() && (transfer.status() == 206 || transfer.status() == 0);
+        status_ = goneOn ? 200 : transfer.status();
+        Transfer::publishStatus(curl_, status_);
+        if (transfer.status() == 200) validator_ = transfer.validator();
     }
 
     Curl& curl_;
@@ -118,10 +157,7 @@ class Download {
     const SizeLimit limit_;
 
     long status_ = 0;
-    unsigned long offeredSchemes_ = 0;
     std::string validator_;  // of what the file holds, once a server has named it
-    std::optional<Credentials> credentials_;
-    unsigned long schemes_ = 0;
 };
 
 }  // namespace
@@ -134,7 +170,7 @@ int FileDownloader::downloadFile(const std::string& url, const std::string& dest
     Transfer::publishStatus(*curl_, 0);
     try {
         const UrlInfo source(formatUrl(url, properties_));
-        if (source.scheme() != "http" && source.scheme() != "https") return CURLE_UNSUPPORTED_PROTOCOL;
+        if (!isWeb(source.text())) return CURLE_UNSUPPORTED_PROTOCOL;
         return Download(*curl_, security_, properties_, source, destination).run();
     } catch (const UrlException&) {
         return CURLE_URL_MALFORMAT;

@@ -7,21 +7,16 @@
 #include <memory>
 #include <utility>
 
+#include "Pace.h"
+
 namespace zav {
 
 namespace {
 
 constexpr long connectSeconds = 30;
 constexpr long stallSeconds = 120;
-constexpr long mostRedirects = 5;
 
-// A server that keeps dripping never stalls. So the transfer as a whole must keep up with this pace once it had the
-// time in hand: slower than any line that a phone is put on, and a small file still ends within minutes.
-constexpr std::int64_t slowestBytesPerSecond = 1024;
-constexpr std::chrono::seconds timeInHand{300};
-
-constexpr std::uint64_t discardedAtMost = 64 * 1024;        // of the page that comes with an error
-constexpr curl_off_t ignoredAtMost = 1024 * 1024;           // of the page that comes with a redirect
+constexpr std::uint64_t discardedAtMost = 64 * 1024;        // of the page that comes with another answer
 constexpr std::uint64_t limitAskedEvery = 4 * 1024 * 1024;  // the free space changes while a file grows
 
 struct ListFree {
@@ -48,14 +43,47 @@ class Options {
     CURLcode result_ = CURLE_OK;
 };
 
-// The first byte of "bytes FIRST-LAST/TOTAL".
-std::optional<std::uint64_t> firstOfRange(const std::string& contentRange) {
-    const std::string unit = "bytes ";
-    if (contentRange.compare(0, unit.size(), unit) != 0) return std::nullopt;
-    const std::string digits =
-        contentRange.substr(unit.size(), contentRange.find_first_not_of("0123456789", unit.size()) - unit.size());
-    if (digits.empty() || digits.size() > 18) return std::nullopt;
+bool isRedirect(long status) {
+    return status == 301 || status == 302 || status == 303 || status == 307 || status == 308;
+}
+
+// Where `location` leads from `base`; the text itself when it leads nowhere, for the next step to refuse.
+std::string resolved(const std::string& base, const std::string& location) {
+    const std::unique_ptr<CURLU, decltype(&curl_url_cleanup)> url(curl_url(), &curl_url_cleanup);
+    char* text = nullptr;
+    if (location.empty() || url == nullptr || curl_url_set(url.get(), CURLUPART_URL, base.c_str(), 0) != CURLUE_OK ||
+        curl_url_set(url.get(), CURLUPART_URL, location.c_str(), CURLU_NON_SUPPORT_SCHEME | CURLU_URLENCODE) !=
+            CURLUE_OK ||
+        curl_url_get(url.get(), CURLUPART_URL, &text, 0) != CURLUE_OK) {
+        return location;
+    }
+    const std::unique_ptr<char, decltype(&curl_free)> owner(text, &curl_free);
+    return text;
+}
+
+struct ContentRange {
+    std::uint64_t first;
+    std::optional<std::uint64_t> total;  // nothing for "*"
+};
+
+std::optional<std::uint64_t> number(const std::string& digits) {
+    if (digits.empty() || digits.size() > 18 || digits.find_first_not_of("0123456789") != std::string::npos) {
+        return std::nullopt;
+    }
     return std::stoull(digits);
+}
+
+// "bytes FIRST-LAST/TOTAL"
+std::optional<ContentRange> parseContentRange(const std::string& text) {
+    const std::string unit = "bytes ";
+    const auto dash = text.find('-');
+    const auto slash = text.find('/');
+    if (text.compare(0, unit.size(), unit) != 0 || dash == std::string::npos || slash == std::string::npos) {
+        return std::nullopt;
+    }
+    const auto first = number(text.substr(unit.size(), dash - unit.size()));
+    if (!first) return std::nullopt;
+    return ContentRange{*first, number(text.substr(slash + 1))};
 }
 
 }  // namespace
@@ -78,11 +106,7 @@ CURLcode Transfer::setOptions(const std::string& url) {
         .set(CURLOPT_USERAGENT, "zav")
         .set(CURLOPT_HTTP_VERSION, long{CURL_HTTP_VERSION_1_1})
         .set(CURLOPT_PROTOCOLS_STR, "http,https")
-        .set(CURLOPT_REDIR_PROTOCOLS_STR, "http,https")
-        .set(CURLOPT_FOLLOWLOCATION, 1L)
-        .set(CURLOPT_MAXREDIRS, mostRedirects)
-        .set(CURLOPT_UNRESTRICTED_AUTH, 0L)
-        .set(CURLOPT_DISALLOW_USERNAME_IN_URL, 1L)  // a redirect must not bring credentials of its own
+        .set(CURLOPT_FOLLOWLOCATION, 0L)
         .set(CURLOPT_NETRC, long{CURL_NETRC_IGNORED})
         .set(CURLOPT_PROXY, "")  // not even what the environment names
         .set(CURLOPT_NOSIGNAL, 1L)
@@ -125,13 +149,14 @@ int Transfer::run(const std::string& url) {
         options.set(CURLOPT_HTTPHEADER, headers.get()).set(CURLOPT_RANGE, range.c_str());
         if (result == CURLE_OK) result = headers == nullptr ? CURLE_OUT_OF_MEMORY : options.result();
     }
-    if (result == CURLE_OK) result = perform();
+    if (result == CURLE_OK) result = perform(url);
     curl_easy_reset(handle_);  // nothing of ours, credentials least of all, stays behind in the handle
+    state_.httpCode = status_;
     if (failure_) std::rethrow_exception(failure_);
     return result;
 }
 
-CURLcode Transfer::perform() {
+CURLcode Transfer::perform(const std::string& url) {
     begun_ = std::chrono::steady_clock::now();
     offset_ = file_.size();
     const CURLcode result = curl_easy_perform(handle_);
@@ -139,12 +164,17 @@ CURLcode Transfer::perform() {
     long offered = 0;
     curl_easy_getinfo(handle_, CURLINFO_HTTPAUTH_AVAIL, &offered);
     offeredSchemes_ = static_cast<unsigned long>(offered);
-    if (result == CURLE_OK && !bodyBegun_) {
+    if (isRedirect(status_)) redirection_ = resolved(url, header("Location"));
+    if (!bodyBegun_ && (result == CURLE_OK || status_ == 200)) {
         try {
-            beginBody();  // an empty one
+            beginBody();  // an empty one, or one that never came
         } catch (...) {
             failure_ = std::current_exception();
         }
+    }
+    // A server may send less of the rest than there is.
+    if (result == CURLE_OK && !ended_ && total_ && file_.size() != *total_) {
+        ended_ = file_.size() < *total_ ? CURLE_PARTIAL_FILE : CURLE_RANGE_ERROR;
     }
     return ended_.value_or(result);
 }
@@ -157,7 +187,13 @@ std::string Transfer::header(const char* name) const {
 void Transfer::beginBody() {
     bodyBegun_ = true;
     curl_easy_getinfo(handle_, CURLINFO_RESPONSE_CODE, &status_);
-    const bool rest = !resumed_.empty() && status_ == 206 && firstOfRange(header("Content-Range")) == offset_;
+    bool rest = false;
+    if (!resumed_.empty() && status_ == 206) {
+        const auto range = parseContentRange(header("Content-Range"));
+        rest = range && range->first == offset_;
+        if (rest) total_ = range->total;
+        if (!rest) ended_ = CURLE_RANGE_ERROR;
+    }
     kept_ = status_ == 200 || rest;
     if (!kept_) return;
     if (!rest) {
@@ -199,9 +235,7 @@ std::size_t Transfer::onBody(const char* data, std::size_t length) {
 }
 
 int Transfer::onProgress(curl_off_t total, curl_off_t now) {
-    const auto elapsed = std::chrono::steady_clock::now() - begun_ - timeInHand;
-    if (elapsed > std::chrono::seconds(now / slowestBytesPerSecond)) ended_ = CURLE_OPERATION_TIMEDOUT;
-    if (!bodyBegun_ && now > ignoredAtMost) ended_ = CURLE_FILESIZE_EXCEEDED;
+    if (!keepsPace(std::chrono::steady_clock::now() - begun_, now)) ended_ = CURLE_OPERATION_TIMEDOUT;
     const auto offset = static_cast<curl_off_t>(offset_);
     state_.report(total > 0 ? asLong(offset + total) : 0, asLong(offset + now), 0, 0);
     return ended_ ? 1 : 0;

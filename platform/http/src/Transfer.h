@@ -36,12 +36,15 @@ class Transfer {
     /// Asks for the rest behind the file's present size, or for the whole file should `validator` not fit it any more.
     void resume(const std::string& validator) { resumed_ = validator; }
 
-    /// Runs it and returns a libcurl result code. Blocks. What the file throws comes out here.
+    /// Runs it and returns a libcurl result code; the client has the status then. Follows no redirect. Blocks. What
+    /// the file throws comes out here.
     int run(const std::string& url);
 
     long status() const { return status_; }  // 0: no answer
     /// The authentication schemes that the server's 401 offered (libcurl's mask).
     unsigned long offeredSchemes() const { return offeredSchemes_; }
+    /// Where a 301, 302, 303, 307 or 308 leads, as a whole URL if it is one. Empty for every other answer.
+    const std::string& redirection() const { return redirection_; }
     /// What `resume` needs: the file's strong ETag or its date. Empty when the server named neither.
     const std::string& validator() const { return validator_; }
 
@@ -50,7 +53,7 @@ class Transfer {
 
  private:
     CURLcode setOptions(const std::string& url);
-    CURLcode perform();
+    CURLcode perform(const std::string& url);
     std::size_t onBody(const char* data, std::size_t length);
     int onProgress(curl_off_t total, curl_off_t now);
     void beginBody();
@@ -77,13 +80,15 @@ class Transfer {
     long status_ = 0;
     unsigned long offeredSchemes_ = 0;
     bool bodyBegun_ = false;
-    bool kept_ = false;              // the body belongs into the file
-    std::uint64_t offset_ = 0;       // where in the file this body begins
-    std::uint64_t discarded_ = 0;    // bytes of a body that is not kept
-    std::uint64_t allowed_ = 0;      // what the limit said last
-    std::uint64_t askedUpTo_ = 0;    // the size from which it is asked again
-    std::optional<CURLcode> ended_;  // why we ended it ourselves
-    std::exception_ptr failure_;     // what the file threw, carried past libcurl
+    bool kept_ = false;                   // the body belongs into the file
+    std::uint64_t offset_ = 0;            // where in the file this body begins
+    std::uint64_t discarded_ = 0;         // bytes of a body that is not kept
+    std::uint64_t allowed_ = 0;           // what the limit said last
+    std::uint64_t askedUpTo_ = 0;         // the size from which it is asked again
+    std::optional<std::uint64_t> total_;  // of a resumed file, when the server says
+    std::optional<CURLcode> ended_;       // why we ended it ourselves
+    std::exception_ptr failure_;          // what the file threw, carried past libcurl
+    std::string redirection_;
     std::string validator_;
 };
 

@@ -1,0 +1,78 @@
+// What the download tests share: a server, the downloader, and a folder of the test's own below the provisioning files.
+#pragma once
+
+#include <gtest/gtest.h>
+
+#include <filesystem>
+#include <fstream>
+#include <iterator>
+#include <memory>
+#include <string>
+#include <vector>
+
+#include "fakes/FakeProperties.h"
+#include "fakes/HttpServer.h"
+#include "http/Curl.h"
+#include "http/FileDownloader.h"
+#include "security/Security.h"
+
+namespace download {
+
+// Result codes as the downloader reports them.
+constexpr int ok = 0;
+constexpr int unsupportedProtocol = 1;
+constexpr int malformedUrl = 3;
+constexpr int couldNotConnect = 7;
+constexpr int partialFile = 18;
+constexpr int writeError = 23;
+constexpr int rangeError = 33;
+constexpr int tooManyRedirects = 47;
+constexpr int peerNotVerified = 60;
+constexpr int tooLarge = 63;
+
+inline std::string contentOf(const std::string& path) {
+    std::ifstream file(path, std::ios::binary);
+    if (!file) return "<no file>";
+    return {std::istreambuf_iterator<char>(file), std::istreambuf_iterator<char>()};
+}
+
+inline void writeFile(const std::string& path, const std::string& content) {
+    std::filesystem::create_directories(std::filesystem::path(path).parent_path());
+    std::ofstream(path, std::ios::binary) << content;
+}
+
+inline std::vector<std::string> namesIn(const std::string& folder) {
+    std::vector<std::string> names;
+    for (const auto& entry : std::filesystem::directory_iterator(folder)) names.push_back(entry.path().filename());
+    return names;
+}
+
+class Fixture : public testing::Test {
+ protected:
+    Fixture() { std::filesystem::create_directories(folder); }
+    ~Fixture() override { std::filesystem::remove_all(folder); }
+
+    /// Downloads the server's `path` to `target`.
+    int fetch(const std::string& path) { return downloader.downloadFile(server.url(path), target); }
+    int fetch(const std::string& url, const std::string& destination) {
+        return downloader.downloadFile(url, destination);
+    }
+
+    const std::string folder =
+        std::string("/var/volatile/provisioning/") + testing::UnitTest::GetInstance()->current_test_info()->name();
+    const std::string target = folder + "/file.xml";
+    fakes::HttpServer server;
+    std::shared_ptr<fakes::FakeProperties> properties =
+        std::make_shared<fakes::FakeProperties>(fakes::FakeProperties::Values{
+            {"System.Provision.ProvisioningServer", ""},
+            {"System.Provision.FactoryAuthUsername", "factory"},
+            {"System.Provision.FactoryAuthPassword", "secret"},
+            {"System.General.DeviceID", "kd4v"},
+            {"NET.MAC.Address", "00:1A:2B:3C:4D:5E"},
+        });
+    zav::Security security{properties};
+    std::shared_ptr<zav::Curl> curl = std::make_shared<zav::Curl>();
+    zav::FileDownloader downloader{curl, security, properties};
+};
+
+}  // namespace download

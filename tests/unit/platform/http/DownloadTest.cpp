@@ -1,0 +1,236 @@
+#include <sys/stat.h>
+
+#include <cstdlib>
+
+#include "DownloadFixture.h"
+
+namespace {
+
+using namespace download;
+using fakes::HttpAnswer;
+
+class Download : public Fixture {};
+
+mode_t modeOf(const std::string& path) {
+    struct stat status {};
+    return ::lstat(path.c_str(), &status) == 0 ? status.st_mode & 07777U : 0;
+}
+
+TEST_F(Download, PutsTheFileInItsPlace) {
+    server.on("/a.xml", HttpAnswer::ok("content"));
+    EXPECT_EQ(fetch("/a.xml"), ok);
+    EXPECT_EQ(curl->getHttpCode(), 200);
+    EXPECT_EQ(contentOf(target), "content");
+    EXPECT_EQ(modeOf(target), 0600U);
+    EXPECT_EQ(namesIn(folder), std::vector<std::string>{"file.xml"});
+}
+
+TEST_F(Download, MakesTheFolders) {
+    server.on("/a.xml", HttpAnswer::ok("content"));
+    EXPECT_EQ(fetch(server.url("/a.xml"), folder + "/new/deep/file.xml"), ok);
+    EXPECT_EQ(contentOf(folder + "/new/deep/file.xml"), "content");
+    EXPECT_EQ(modeOf(folder + "/new"), 0700U);
+    EXPECT_EQ(modeOf(folder + "/new/deep"), 0700U);
+}
+
+TEST_F(Download, ReplacesAFile) {
+    writeFile(target, "old, and longer than the new one");
+    server.on("/a.xml", HttpAnswer::ok("new"));
+    EXPECT_EQ(fetch("/a.xml"), ok);
+    EXPECT_EQ(contentOf(target), "new");
+}
+
+TEST_F(Download, PutsAnEmptyFileInItsPlace) {
+    writeFile(target, "old");
+    server.on("/a.xml", HttpAnswer::ok(""));
+    EXPECT_EQ(fetch("/a.xml"), ok);
+    EXPECT_EQ(contentOf(target), "");
+}
+
+TEST_F(Download, KeepsBinaryContent) {
+    std::string bytes(300000, '\0');
+    for (std::size_t at = 0; at < bytes.size(); ++at) bytes[at] = static_cast<char>(at * 31 + at / 251);
+    server.on("/a.bin", HttpAnswer::ok(bytes));
+    EXPECT_EQ(fetch("/a.bin"), ok);
+    EXPECT_EQ(contentOf(target), bytes);
+}
+
+TEST_F(Download, SendsQueryAndPathAsTheyStand) {
+    server.on("/d%20ir/a%2fb", HttpAnswer::ok("content"));
+    EXPECT_EQ(fetch("/d%20ir/a%2fb?x=%31&y"), ok);
+    ASSERT_EQ(server.requests().size(), 1U);
+    EXPECT_EQ(server.requests()[0].target, "/d%20ir/a%2fb?x=%31&y");
+}
+
+TEST_F(Download, ExpandsDevicePlaceholders) {
+    server.on("/kd4v/00-1A-2B-3C-4D-5E.xml", HttpAnswer::ok("mine"));
+    EXPECT_EQ(fetch("/%DVID/%MACD.xml"), ok);
+    EXPECT_EQ(contentOf(target), "mine");
+}
+
+TEST_F(Download, FailsWithoutTheDevicesName) {
+    properties->setOffline(true);
+    EXPECT_EQ(fetch("/%DVID.xml"), malformedUrl);
+    EXPECT_EQ(curl->getHttpCode(), 0);
+    EXPECT_TRUE(server.requests().empty());
+}
+
+class OtherStatus : public Fixture, public testing::WithParamInterface<int> {};
+
+TEST_P(OtherStatus, LeavesTheOldFile) {
+    writeFile(target, "old");
+    server.on("/a.xml", HttpAnswer::error(GetParam(), "<html>not what you want</html>"));
+    EXPECT_EQ(fetch("/a.xml"), ok);
+    EXPECT_EQ(curl->getHttpCode(), GetParam());
+    EXPECT_EQ(contentOf(target), "old");
+    EXPECT_EQ(namesIn(folder), std::vector<std::string>{"file.xml"});
+}
+
+INSTANTIATE_TEST_SUITE_P(Download, OtherStatus,
+                         testing::Values(201, 204, 206, 300, 304, 400, 401, 403, 404, 410, 416, 500, 503));
+
+TEST_F(Download, LeavesNoFileWhenThereWasNone) {
+    server.on("/a.xml", HttpAnswer::error(404));
+    EXPECT_EQ(fetch("/a.xml"), ok);
+    EXPECT_TRUE(namesIn(folder).empty());
+}
+
+TEST_F(Download, DoesNotReadAnErrorPageWithoutEnd) {
+    HttpAnswer answer = HttpAnswer::error(404, std::string(5000, 'x'));
+    answer.endless = true;
+    server.on("/a.xml", answer);
+    EXPECT_EQ(fetch("/a.xml"), ok);
+    EXPECT_EQ(curl->getHttpCode(), 404);
+}
+
+TEST_F(Download, ReportsARefusedConnection) {
+    writeFile(target, "old");
+    std::string url;
+    {
+        const fakes::HttpServer gone;
+        url = gone.url("/a.xml");
+    }
+    EXPECT_EQ(fetch(url, target), couldNotConnect);
+    EXPECT_EQ(curl->getHttpCode(), 0);
+    EXPECT_EQ(contentOf(target), "old");
+    EXPECT_EQ(namesIn(folder), std::vector<std::string>{"file.xml"});
+}
+
+TEST_F(Download, ForgetsTheStatusOfTheDownloadBefore) {
+    server.on("/a.xml", HttpAnswer::ok("content"));
+    EXPECT_EQ(fetch("/a.xml"), ok);
+    EXPECT_EQ(curl->getHttpCode(), 200);
+    EXPECT_EQ(fetch("", target), malformedUrl);
+    EXPECT_EQ(curl->getHttpCode(), 0);
+}
+
+TEST_F(Download, KeepsNothingOfABodyThatIsCut) {
+    writeFile(target, "old");
+    server.on("/a.xml", HttpAnswer::ok("a long enough body").cutOffAfter(6));
+    EXPECT_EQ(fetch("/a.xml"), partialFile);
+    EXPECT_EQ(curl->getHttpCode(), 200);
+    EXPECT_EQ(contentOf(target), "old");
+    EXPECT_EQ(namesIn(folder), std::vector<std::string>{"file.xml"});
+    EXPECT_EQ(server.requests().size(), 1U);
+}
+
+TEST_F(Download, TakesABodyWithoutLength) {
+    HttpAnswer answer = HttpAnswer::ok("until the end");
+    answer.withoutLength = true;
+    server.on("/a.xml", answer);
+    EXPECT_EQ(fetch("/a.xml"), ok);
+    EXPECT_EQ(contentOf(target), "until the end");
+}
+
+TEST_F(Download, AsksForNothingPackedAndUnpacksNothing) {
+    server.on("/a.xml", HttpAnswer::ok("\x1f\x8b packed", {{"Content-Encoding", "gzip"}}));
+    EXPECT_EQ(fetch("/a.xml"), ok);
+    EXPECT_EQ(contentOf(target), "\x1f\x8b packed");
+    EXPECT_EQ(server.requests().at(0).header("Accept-Encoding"), "");
+    EXPECT_EQ(server.requests().at(0).header("TE"), "");
+}
+
+TEST_F(Download, KeepsTheConnection) {
+    server.on("/a.xml", HttpAnswer::ok("a"));
+    server.on("/b.xml", HttpAnswer::ok("b"));
+    EXPECT_EQ(fetch("/a.xml"), ok);
+    EXPECT_EQ(fetch("/b.xml"), ok);
+    EXPECT_EQ(contentOf(target), "b");
+    EXPECT_EQ(server.requests().at(0).connection, server.requests().at(1).connection);
+}
+
+TEST_F(Download, IgnoresProxiesOfTheEnvironment) {
+    ASSERT_EQ(::setenv("http_proxy", "http://127.0.0.1:1", 1), 0);
+    ASSERT_EQ(::setenv("ALL_PROXY", "http://127.0.0.1:1", 1), 0);
+    server.on("/a.xml", HttpAnswer::ok("direct"));
+    EXPECT_EQ(fetch("/a.xml"), ok);
+    ::unsetenv("http_proxy");
+    ::unsetenv("ALL_PROXY");
+}
+
+TEST_F(Download, SendsNoCookies) {
+    server.on("/a.xml", HttpAnswer::ok("a", {{"Set-Cookie", "id=1; Path=/"}}));
+    EXPECT_EQ(fetch("/a.xml"), ok);
+    EXPECT_EQ(fetch("/a.xml"), ok);
+    EXPECT_EQ(server.requests().at(1).header("Cookie"), "");
+}
+
+TEST_F(Download, NeedsAFileName) {
+    server.on("/a.xml", HttpAnswer::ok("content"));
+    for (const std::string& destination :
+         {folder + "/", folder + "/.", folder + "/..", folder + "/../x/f", std::string()}) {
+        EXPECT_EQ(fetch(server.url("/a.xml"), destination), writeError) << destination;
+        EXPECT_EQ(curl->getHttpCode(), 0);
+    }
+    EXPECT_TRUE(server.requests().empty());
+}
+
+TEST_F(Download, ReportsAPlaceThatCannotBeWritten) {
+    server.on("/a.xml", HttpAnswer::ok("content"));
+    writeFile(folder + "/plain", "a file, no folder");
+    EXPECT_EQ(fetch(server.url("/a.xml"), folder + "/plain/file.xml"), writeError);
+    EXPECT_EQ(fetch(server.url("/a.xml"), "/proc/no/such/file.xml"), writeError);
+    EXPECT_EQ(fetch(server.url("/a.xml"), folder + "/" + std::string(300, 'n')), writeError);
+    EXPECT_TRUE(server.requests().empty());
+
+    std::filesystem::create_directory(target);
+    EXPECT_EQ(fetch("/a.xml"), writeError);
+    EXPECT_TRUE(std::filesystem::is_directory(target));
+    EXPECT_TRUE(namesIn(target).empty());
+}
+
+TEST_F(Download, FollowsNoLinkThatLiesInTheWay) {
+    const std::string victim = folder + "/victim";
+    writeFile(victim, "precious");
+    std::filesystem::create_symlink(victim, folder + "/.file.xml.part");
+    std::filesystem::create_symlink(victim, target);
+    server.on("/a.xml", HttpAnswer::ok("content"));
+    EXPECT_EQ(fetch("/a.xml"), ok);
+    EXPECT_EQ(contentOf(victim), "precious");
+    EXPECT_EQ(contentOf(target), "content");
+    EXPECT_TRUE(std::filesystem::is_regular_file(std::filesystem::symlink_status(target)));
+}
+
+TEST_F(Download, RemovesWhatAnEarlierOneLeftBehind) {
+    writeFile(folder + "/.file.xml.part", "half a fi");
+    server.on("/a.xml", HttpAnswer::error(404));
+    EXPECT_EQ(fetch("/a.xml"), ok);
+    EXPECT_TRUE(namesIn(folder).empty());
+}
+
+TEST_F(Download, WritesNothingInPlaceBeforeItIsWhole) {
+    writeFile(target, "old");
+    const auto gate = std::make_shared<fakes::Gate>();
+    server.on("/a.xml", HttpAnswer::ok("first second").stallingAfter(5, gate));
+    std::string meanwhile;
+    curl->setProgressCallback([&](long, long now, long, long) {
+        if (now != 5 || !meanwhile.empty()) return;
+        meanwhile = contentOf(target);
+        gate->open();
+    });
+    EXPECT_EQ(fetch("/a.xml"), ok);
+    EXPECT_EQ(meanwhile, "old");
+    EXPECT_EQ(contentOf(target), "first second");
+}
+
+}  // namespace

@@ -1,0 +1,98 @@
+#include "DownloadFixture.h"
+#include "fakes/TestAuthority.h"
+
+namespace {
+
+using namespace download;
+using fakes::HttpAnswer;
+
+const std::string phoneBundle = "/custom/certs/ca-bundle.pem";
+
+class Tls : public Fixture {
+ protected:
+    Tls() {
+        secure.on("/a.xml", HttpAnswer::ok("over TLS"));
+        std::filesystem::remove(phoneBundle);
+    }
+    ~Tls() override { std::filesystem::remove(phoneBundle); }
+
+    void trust(const std::string& bundle) {
+        writeFile(phoneBundle, bundle);
+        security.reloadCertificates();
+    }
+
+    fakes::TestAuthority authority;
+    fakes::HttpServer secure{authority};
+};
+
+TEST_F(Tls, UnknownAuthorityIsRefused) {
+    EXPECT_EQ(fetch(secure.url("/a.xml"), target), peerNotVerified);
+    EXPECT_EQ(curl->getHttpCode(), 0);
+    EXPECT_TRUE(secure.requests().empty());
+    EXPECT_TRUE(namesIn(folder).empty());
+}
+
+TEST_F(Tls, AuthorityInThePhonesBundleIsTrustedAfterAReload) {
+    writeFile(phoneBundle, authority.certificate());
+    EXPECT_EQ(fetch(secure.url("/a.xml"), target), peerNotVerified);
+    security.reloadCertificates();
+    EXPECT_EQ(fetch(secure.url("/a.xml"), target), ok);
+    EXPECT_EQ(contentOf(target), "over TLS");
+}
+
+TEST_F(Tls, TrustThatIsTakenBackEndsOpenConnectionsToo) {
+    trust(authority.certificate());
+    EXPECT_EQ(fetch(secure.url("/a.xml"), target), ok);
+    EXPECT_EQ(fetch(secure.url("/a.xml"), target), ok);
+    EXPECT_EQ(secure.requests().at(0).connection, secure.requests().at(1).connection);
+    std::filesystem::remove(phoneBundle);
+    security.reloadCertificates();
+    EXPECT_EQ(fetch(secure.url("/a.xml"), target), peerNotVerified);
+    EXPECT_EQ(secure.requests().size(), 2U);
+}
+
+TEST_F(Tls, ConnectionOutlivesAReloadThatFindsNothingNew) {
+    trust(authority.certificate());
+    EXPECT_EQ(fetch(secure.url("/a.xml"), target), ok);
+    security.reloadCertificates();
+    EXPECT_EQ(fetch(secure.url("/a.xml"), target), ok);
+    EXPECT_EQ(secure.requests().at(0).connection, secure.requests().at(1).connection);
+}
+
+TEST_F(Tls, CertificateForAnotherHostIsRefused) {
+    trust(authority.certificate());
+    const fakes::HttpServer other(authority.issue("elsewhere.example"));
+    EXPECT_EQ(fetch(other.url("/a.xml"), target), peerNotVerified);
+}
+
+TEST_F(Tls, ExpiredCertificateIsRefused) {
+    trust(authority.certificate());
+    const fakes::HttpServer old(
+        authority.issue("127.0.0.1", fakes::TestAuthority::Hours(-48), fakes::TestAuthority::Hours(-24)));
+    EXPECT_EQ(fetch(old.url("/a.xml"), target), peerNotVerified);
+}
+
+TEST_F(Tls, CertificateOfTheServerItselfMayBeTrusted) {
+    const auto shown = authority.issue("127.0.0.1");
+    fakes::HttpServer own(shown);
+    own.on("/a.xml", HttpAnswer::ok("mine"));
+    trust(shown.certificate);
+    EXPECT_EQ(fetch(own.url("/a.xml"), target), ok);
+}
+
+TEST_F(Tls, VerifiesBehindARedirectToo) {
+    server.on("/a", HttpAnswer::redirect(secure.url("/a.xml")));
+    EXPECT_EQ(fetch("/a"), peerNotVerified);
+    trust(authority.certificate());
+    EXPECT_EQ(fetch("/a"), ok);
+    EXPECT_EQ(contentOf(target), "over TLS");
+}
+
+TEST_F(Tls, BodyThatIsCutIsNoFile) {
+    trust(authority.certificate());
+    secure.on("/cut", HttpAnswer::ok("a long enough body").cutOffAfter(6));
+    EXPECT_EQ(fetch(secure.url("/cut"), target), partialFile);
+    EXPECT_TRUE(namesIn(folder).empty());
+}
+
+}  // namespace

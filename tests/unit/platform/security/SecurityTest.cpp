@@ -1,0 +1,187 @@
+#include "security/Security.h"
+
+#include <gtest/gtest.h>
+#include <openssl/x509_vfy.h>
+
+#include <filesystem>
+#include <fstream>
+#include <string>
+#include <thread>
+
+#include "fakes/FakeProperties.h"
+#include "fakes/TestAuthority.h"
+
+namespace {
+
+using Hours = fakes::TestAuthority::Hours;
+
+const std::string phoneBundle = "/custom/certs/ca-bundle.pem";
+
+void writeFile(const std::string& path, const std::string& content) {
+    std::filesystem::create_directories(std::filesystem::path(path).parent_path());
+    std::ofstream(path, std::ios::binary) << content;
+}
+
+class Security : public testing::Test {
+ protected:
+    Security() { std::filesystem::remove_all(phoneBundle); }
+    ~Security() override { std::filesystem::remove_all(phoneBundle); }
+
+    static std::string logOf(const std::function<void()>& work) {
+        testing::internal::CaptureStderr();
+        work();
+        return testing::internal::GetCapturedStderr();
+    }
+    std::string notification() {
+        return logOf([this] { security.notifySystemAboutNewCertificates(); });
+    }
+
+    std::shared_ptr<fakes::FakeProperties> properties = std::make_shared<fakes::FakeProperties>();
+    fakes::TestAuthority authority;
+    zav::Security security{properties};
+};
+
+TEST_F(Security, TrustsTheSystemBundle) { EXPECT_GT(security.trustedCertificates()->count(), 50U); }
+
+TEST_F(Security, ReadsNoPropertyWhenItIsMade) {
+    EXPECT_TRUE(properties->reads().empty());
+    EXPECT_TRUE(properties->writes().empty());
+}
+
+TEST_F(Security, MissingPhoneBundleIsNoNews) {
+    EXPECT_EQ(logOf([this] { const zav::Security other(properties); }), "");
+}
+
+TEST_F(Security, AddsThePhonesBundleOnReload) {
+    const auto before = security.trustedCertificates();
+    writeFile(phoneBundle, authority.certificate());
+    EXPECT_EQ(security.trustedCertificates(), before);
+    security.reloadCertificates();
+    const auto after = security.trustedCertificates();
+    EXPECT_EQ(after->count(), before->count() + 1);
+    EXPECT_NE(after->store(), before->store());
+}
+
+TEST_F(Security, KeepsTheSameObjectWhileNothingChanged) {
+    const auto before = security.trustedCertificates();
+    security.reloadCertificates();
+    EXPECT_EQ(security.trustedCertificates(), before);
+    writeFile(phoneBundle, authority.certificate());
+    security.reloadCertificates();
+    const auto one = security.trustedCertificates();
+    writeFile(phoneBundle, "# the same\n" + authority.certificate() + authority.certificate());
+    security.reloadCertificates();
+    EXPECT_EQ(security.trustedCertificates(), one);
+}
+
+TEST_F(Security, KeepsWhatCanBeReadOfADamagedBundle) {
+    const auto count = security.trustedCertificates()->count();
+    const std::string broken = "-----BEGIN CERTIFICATE-----\nbm90IG9uZQ==\n-----END CERTIFICATE-----\n";
+    writeFile(phoneBundle, broken + authority.certificate() + "-----BEGIN CERTIFICATE-----\n!!!\n");
+    const std::string log = logOf([this] { security.reloadCertificates(); });
+    EXPECT_NE(log.find("warning"), std::string::npos) << log;
+    EXPECT_NE(log.find(phoneBundle), std::string::npos) << log;
+    EXPECT_EQ(security.trustedCertificates()->count(), count + 1);
+}
+
+TEST_F(Security, SurvivesABundleThatIsNone) {
+    const auto before = security.trustedCertificates();
+    for (const std::string text : {"", "no certificate at all", "-----BEGIN CERTIFICATE-----"}) {
+        writeFile(phoneBundle, text);
+        EXPECT_NO_THROW(security.reloadCertificates());
+        EXPECT_EQ(security.trustedCertificates(), before) << text;
+    }
+    std::filesystem::remove(phoneBundle);
+    std::filesystem::create_directory(phoneBundle);
+    const std::string log = logOf([this] { security.reloadCertificates(); });
+    EXPECT_NE(log.find("not a regular file"), std::string::npos) << log;
+    EXPECT_EQ(security.trustedCertificates(), before);
+}
+
+TEST_F(Security, NotifiesOncePerChange) {
+    EXPECT_EQ(notification(), "");
+    writeFile(phoneBundle, authority.certificate());
+    EXPECT_EQ(notification(), "");  // not reloaded, nothing is trusted that was not before
+    security.reloadCertificates();
+    const std::string expected =
+        "Trusted certificates changed: " + std::to_string(security.trustedCertificates()->count()) + " certificates\n";
+    EXPECT_NE(notification().find(expected), std::string::npos);
+    EXPECT_EQ(notification(), "");
+    std::filesystem::remove(phoneBundle);
+    security.reloadCertificates();
+    EXPECT_NE(notification().find("Trusted certificates changed: "), std::string::npos);
+    EXPECT_TRUE(properties->writes().empty());
+    EXPECT_TRUE(properties->reads().empty());
+}
+
+TEST_F(Security, ThatChangedBackIsNoNews) {
+    writeFile(phoneBundle, authority.certificate());
+    security.reloadCertificates();
+    std::filesystem::remove(phoneBundle);
+    security.reloadCertificates();
+    EXPECT_EQ(notification(), "");
+}
+
+TEST_F(Security, MayBeUsedFromManyThreads) {
+    writeFile(phoneBundle, authority.certificate());
+    std::vector<std::thread> threads;
+    for (int number = 0; number < 4; ++number) {
+        threads.emplace_back([this] {
+            security.reloadCertificates();
+            EXPECT_NE(security.trustedCertificates()->store(), nullptr);
+            security.notifySystemAboutNewCertificates();
+        });
+    }
+    for (auto& thread : threads) thread.join();
+}
+
+class CertificateCheck : public Security {
+ protected:
+    int check(const std::string& content) {
+        writeFile(path, content);
+        return security.checkCertificate(path);
+    }
+    const std::string path = "/custom/certs/_storage/checked.pem";
+};
+
+TEST_F(CertificateCheck, TakesPemAndDer) {
+    const auto good = authority.issue("phone.example");
+    EXPECT_EQ(check(good.certificate), 1);
+    EXPECT_EQ(check(good.der), 1);
+    EXPECT_EQ(check(authority.certificate()), 1);
+    EXPECT_EQ(check("subject=phone\r\n" + good.certificate + "\nsome text\n"), 1);
+}
+
+TEST_F(CertificateCheck, RefusesDatesThatDoNotIncludeToday) {
+    const auto over = authority.issue("phone.example", Hours(-48), Hours(-1));
+    const auto early = authority.issue("phone.example", Hours(1), Hours(48));
+    EXPECT_EQ(check(over.certificate), 0);
+    EXPECT_EQ(check(over.der), 0);
+    EXPECT_EQ(check(early.certificate), 0);
+    EXPECT_EQ(check(early.der), 0);
+}
+
+TEST_F(CertificateCheck, RefusesWhatIsNotOneCertificate) {
+    const auto good = authority.issue("phone.example");
+    EXPECT_EQ(check(""), 0);
+    EXPECT_EQ(check("<html>404</html>"), 0);
+    EXPECT_EQ(check(good.key), 0);
+    EXPECT_EQ(check(good.certificate + authority.certificate()), 0);
+    EXPECT_EQ(check(good.der + "x"), 0);
+    EXPECT_EQ(check(good.der.substr(0, good.der.size() - 1)), 0);
+    EXPECT_EQ(check(good.certificate.substr(0, good.certificate.size() / 2)), 0);
+    EXPECT_EQ(check(good.certificate + "-----BEGIN CERTIFICATE-----\n!!!\n-----END CERTIFICATE-----\n"), 0);
+}
+
+TEST_F(CertificateCheck, ThrowsForAFileThatCannotBeRead) {
+    std::filesystem::remove(path);
+    EXPECT_THROW(security.checkCertificate(path), std::runtime_error);
+    EXPECT_THROW(security.checkCertificate("/custom/certs/_storage"), std::runtime_error);
+    EXPECT_THROW(check(std::string((1U << 20U) + 1, 'x')), std::runtime_error);
+    const std::string link = path + ".link";
+    std::filesystem::remove(link);
+    std::filesystem::create_symlink(path, link);
+    EXPECT_THROW(security.checkCertificate(link), std::runtime_error);
+}
+
+}  // namespace
