@@ -112,7 +112,7 @@ class CommandLine {
             return ExitCode::done;
         } catch (const CLI::ParseError& error) {
             printFailure(environment_.out, environment_.err, options_.json,
-                         {ExitCode::usage, "usage", std::string(error.what()) + " (zavctl --help explains)"});
+                         {ExitCode::usage, "usage", reasonOf(error) + " (zavctl --help explains)"});
             return ExitCode::usage;
         } catch (...) {
             const Failure failure = currentFailure();
@@ -122,6 +122,12 @@ class CommandLine {
     }
 
  private:
+    std::string reasonOf(const CLI::ParseError& error) const {
+        if (!app_.get_subcommands().empty()) return error.what();
+        const std::vector<std::string> remaining = app_.remaining();
+        return remaining.empty() ? "no command given" : "there is no command \"" + remaining.front() + "\"";
+    }
+
     ExitCode flushed() {
         environment_.out.flush();
         if (environment_.out) return code_;

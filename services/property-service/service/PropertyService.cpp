@@ -94,19 +94,19 @@ void PropertyService::carryOut(const ipc::ServiceRequest& request, Messages& mes
 std::string PropertyService::get(const std::string& payload) {
     const GetRequest request = reader_.get(payload);
     const Property* const property = table_.find(request.param);
-    if (property == nullptr) return errorAnswer(request.param, "not-found", "there is no such key");
+    if (property == nullptr) return errorAnswer(request.param, "not-found", "the catalogue has no such key");
     return valueAnswer(property->key, property->value);
 }
 
 std::string PropertyService::set(const std::string& payload, ipc::OutgoingMessage& change) {
     SetRequest request = reader_.set(payload);
     Property* const property = table_.find(request.param);
-    if (property == nullptr) return errorAnswer(request.param, "not-found", "there is no such key");
+    if (property == nullptr) return errorAnswer(request.param, "not-found", "the catalogue has no such key");
     if (property->definition->readOnly) {
-        return errorAnswer(request.param, "read-only", request.param + " may not be written");
+        return errorAnswer(request.param, "read-only", "may not be written by a client");
     }
     const std::string reason = objection(*property, request.value);
-    if (!reason.empty()) return errorAnswer(request.param, "invalid-value", request.param + " " + reason);
+    if (!reason.empty()) return errorAnswer(request.param, "invalid-value", reason);
 
     change = {property->changeTopic, changeMessage(property->key, request.value, request.source), "", 1};
     std::string answer = valueAnswer(property->key, request.value);

@@ -147,11 +147,11 @@ TEST_F(Service, ErrorsSayWhatIsWrong) {
     EXPECT_THAT(handle({get("No.Such"), set("No.Such", "1"), get("System.#"), set("System.Port", "10"),
                         set("System.Serial", "1"), request(getTopic, "x"),
                         request(setTopic, R"({"param":"System.Name"})"), request(listTopic, "{}")}),
-                ElementsAre(error("No.Such", "not-found", "there is no such key"),
-                            error("No.Such", "not-found", "there is no such key"),
-                            error("System.#", "not-found", "there is no such key"),
-                            error("System.Port", "invalid-value", "System.Port must be a whole number from 1 to 9"),
-                            error("System.Serial", "read-only", "System.Serial may not be written"),
+                ElementsAre(error("No.Such", "not-found", "the catalogue has no such key"),
+                            error("No.Such", "not-found", "the catalogue has no such key"),
+                            error("System.#", "not-found", "the catalogue has no such key"),
+                            error("System.Port", "invalid-value", "must be a whole number from 1 to 9"),
+                            error("System.Serial", "read-only", "may not be written by a client"),
                             error("", "bad-request", "the payload is no JSON object"),
                             error("System.Name", "bad-request", "\\\"value\\\" is missing"),
                             error("", "bad-request", "\\\"prefix\\\" is missing")));
@@ -163,7 +163,7 @@ TEST_F(Service, ValuesUpTo64KiB) {
     const std::string most(maxValueBytes, 'x');
     EXPECT_EQ(handle({set("System.Name", most)}).size(), 2U);
     EXPECT_THAT(handle({set("System.Name", most + "x")}),
-                ElementsAre(error("System.Name", "invalid-value", "System.Name must be at most 65536 bytes long")));
+                ElementsAre(error("System.Name", "invalid-value", "must be at most 65536 bytes long")));
     EXPECT_THAT(handle({get("System.Name")}), ElementsAre(answer("System.Name", most)));
 }
 
@@ -243,7 +243,7 @@ TEST_F(Service, StartsWithTheStoredValues) {
     store.values["Gone.Key"] = "kept";    // no longer known
     EXPECT_THAT(handle({get("System.Name"), get("System.Port"), get("Gone.Key")}),
                 ElementsAre(answer("System.Name", "mine"), answer("System.Port", "5"),
-                            error("Gone.Key", "not-found", "there is no such key")));
+                            error("Gone.Key", "not-found", "the catalogue has no such key")));
     EXPECT_EQ(store.values["Gone.Key"], "kept");
     handle({set("System.Port", "5")});
     EXPECT_EQ(store.values["System.Port"], "5") << "the default, set by hand, must replace what is no longer allowed";

@@ -1,0 +1,229 @@
+// The program itself on a real broker: what only shows when everything is put together.
+#include <fcntl.h>
+#include <gmock/gmock.h>
+#include <gtest/gtest.h>
+#include <signal.h>
+#include <spawn.h>
+#include <sys/wait.h>
+#include <unistd.h>
+
+#include <condition_variable>
+#include <fstream>
+#include <iterator>
+#include <mutex>
+#include <thread>
+
+#include "TemporaryFolder.h"
+#include "fakes/Broker.h"
+#include "ipc/IPCFactory.h"
+#include "propertyapi/PropertyApiBuilder.h"
+
+namespace {
+
+using testing::ElementsAre;
+using testing::HasSubstr;
+using namespace std::chrono_literals;
+
+// One run of prop-service, ended by force at the latest when it goes out of scope.
+class Program {
+ public:
+    explicit Program(std::vector<std::string> arguments, const std::string& errors = "/dev/null") {
+        arguments.insert(arguments.begin(), PROP_SERVICE);
+        std::vector<char*> argv;
+        for (std::string& argument : arguments) argv.push_back(argument.data());
+        argv.push_back(nullptr);
+        posix_spawn_file_actions_t actions;
+        posix_spawn_file_actions_init(&actions);
+        for (const int stream : {STDOUT_FILENO, STDERR_FILENO}) {
+            posix_spawn_file_actions_addopen(&actions, stream, errors.c_str(), O_WRONLY | O_CREAT | O_APPEND, 0600);
+        }
+        if (::posix_spawn(&pid_, PROP_SERVICE, &actions, nullptr, argv.data(), environ) != 0) pid_ = -1;
+        posix_spawn_file_actions_destroy(&actions);
+    }
+    Program(const Program&) = delete;
+    Program& operator=(const Program&) = delete;
+    ~Program() {
+        if (pid_ > 0) end(SIGKILL);
+    }
+
+    /// The exit status, or minus the signal that ended it.
+    int end(int signal) {
+        ::kill(pid_, signal);
+        return wait();
+    }
+    int wait() {
+        int status = 0;
+        ::waitpid(pid_, &status, 0);
+        pid_ = -1;
+        return WIFEXITED(status) ? WEXITSTATUS(status) : -WTERMSIG(status);
+    }
+
+ private:
+    pid_t pid_ = -1;
+};
+
+class Recorder final : public ipc::IIPCCallback {
+ public:
+    void connectionLost(const std::string&) override {}
+    void messageArrived(const std::string& topic, const std::string& content) override {
+        const std::lock_guard<std::mutex> lock(mutex_);
+        messages_.push_back(topic + " " + content);
+        changed_.notify_all();
+    }
+    void deliveryComplete(const std::string&) override {}
+
+    std::vector<std::string> waitFor(std::size_t count) {
+        std::unique_lock<std::mutex> lock(mutex_);
+        changed_.wait_for(lock, 20s, [&] { return messages_.size() >= count; });
+        return messages_;
+    }
+
+ private:
+    std::mutex mutex_;
+    std::condition_variable changed_;
+    std::vector<std::string> messages_;  // guarded by mutex_
+};
+
+class PropService : public testing::Test {
+ protected:
+    std::vector<std::string> arguments() const {
+        return {"--store", folder / "s.db", "--catalogue", SHIPPED_CATALOGUE,
+                "--host",  "127.0.0.1",     "--port",      std::to_string(broker.port())};
+    }
+
+    // Repeats the call while the service is not there yet.
+    template <typename Call>
+    auto patiently(Call call) {
+        const auto end = std::chrono::steady_clock::now() + 20s;
+        while (true) {
+            try {
+                return call();
+            } catch (const propertyapi::PropertyOfflineException&) {
+                if (std::chrono::steady_clock::now() > end) throw;
+                std::this_thread::yield();
+            } catch (const propertyapi::PropertyTimeoutException&) {
+                if (std::chrono::steady_clock::now() > end) throw;
+            }
+        }
+    }
+
+    void connect() { bus->connect(broker.address()); }
+
+    const TemporaryFolder folder;
+    fakes::Broker broker{"max_queued_messages 0\n"};
+    const std::shared_ptr<ipc::IIPCClient> bus = ipc::IPCFactory::createInstanceShared("test", broker.address(), true);
+    const std::shared_ptr<propertyapi::IPropertyApi> properties =
+        propertyapi::PropertyApiBuilder::getPropertyApi(bus, "test");
+};
+
+TEST_F(PropService, ServesClientsAndKeepsSettingsOverAnOrderlyRestart) {
+    Recorder changes;
+    bus->subscribe("prop-service-system/#", changes);
+    {
+        Program service(arguments());
+        connect();
+        EXPECT_EQ(patiently([this] { return properties->get("System.General.DeviceID"); }), "kd4v");
+        properties->set("System.Provision.Period", "provisioning", "-1");
+        properties->set("State.Provisioning.LockUI", "1");
+        EXPECT_EQ(properties->get("System.Provision.Period"), "-1");
+        EXPECT_THROW(properties->get("No.Such"), propertyapi::PropertyNotFoundException);
+        EXPECT_THROW(properties->set("NET.VLAN.LAN.Identifier", "5000"), propertyapi::PropertyInvalidValueException);
+        EXPECT_THAT(
+            changes.waitFor(1),
+            ElementsAre("prop-service-system/System.Provision.Period "
+                        "{\"param\":\"System.Provision.Period\",\"value\":\"-1\",\"source\":\"provisioning\"}"));
+        EXPECT_EQ(service.end(SIGTERM), 0);
+    }
+    EXPECT_THROW(properties->get("System.Provision.Period"), propertyapi::PropertyOfflineException);
+    Program service(arguments());
+    EXPECT_EQ(patiently([this] { return properties->get("System.Provision.Period"); }), "-1");
+    EXPECT_EQ(properties->get("State.Provisioning.LockUI"), "0");
+    EXPECT_EQ(service.end(SIGINT), 0);
+}
+
+TEST_F(PropService, KeepsWhatWasAnsweredWhenKilledAndIsKnownToBeGone) {
+    connect();
+    for (int round = 1; round <= 3; ++round) {
+        Program service(arguments());
+        std::string last;
+        for (int number = 0; number < 50; ++number) {
+            last = std::to_string(round * 1000 + number);
+            patiently([&] {
+                properties->set("System.General.Location", last);
+                return 0;
+            });
+        }
+        EXPECT_EQ(service.end(SIGKILL), -SIGKILL);
+        Program again(arguments());
+        EXPECT_EQ(patiently([this] { return properties->get("System.General.Location"); }), last);
+        EXPECT_EQ(again.end(SIGTERM), 0);
+    }
+}
+
+TEST_F(PropService, LivesThroughABrokerThatGoesAndComes) {
+    broker.stop();
+    Program service(arguments());  // no broker at its start
+    broker.start();
+    connect();
+    EXPECT_EQ(patiently([this] { return properties->get("System.General.DeviceID"); }), "kd4v");
+    properties->set("State.Provisioning", "success");
+    broker.stop();
+    broker.start();
+    EXPECT_EQ(patiently([this] { return properties->get("State.Provisioning"); }), "success");
+    EXPECT_EQ(service.end(SIGTERM), 0);
+}
+
+TEST_F(PropService, AnswersEveryoneOfManyClients) {
+    Program service(arguments());
+    connect();
+    patiently([this] { return properties->get("System.General.DeviceID"); });
+    std::vector<std::thread> clients;
+    for (int client = 0; client < 8; ++client) {
+        clients.emplace_back([this, client] {
+            const std::string key = "PhoneUI.Keys.FunctionKeys." + std::to_string(client) + ".Label";
+            for (int number = 0; number < 100; ++number) {
+                properties->set(key, std::to_string(number));
+                EXPECT_EQ(properties->get(key), std::to_string(number));
+            }
+        });
+    }
+    for (std::thread& client : clients) client.join();
+    EXPECT_EQ(service.end(SIGTERM), 0);
+}
+
+struct Start {
+    const char* name;
+    std::vector<std::string> arguments;
+    int status;
+    const char* error;
+};
+
+class PropServiceStart : public testing::TestWithParam<Start> {};
+
+TEST_P(PropServiceStart, EndsWithAReason) {
+    const TemporaryFolder folder;
+    std::ofstream(folder / "bad.json") << "{\"version\": 1,\n \"keys\": {\"a\": {\"type\": \"x\"}}}";
+    std::ofstream(folder / "bad.db") << "no database";
+    std::vector<std::string> arguments = GetParam().arguments;
+    for (std::string& argument : arguments) {
+        if (argument.compare(0, 2, "%/") == 0) argument = folder / argument.substr(2);
+    }
+    Program service(arguments, folder / "errors");
+    EXPECT_EQ(service.wait(), GetParam().status);
+    std::ifstream file(folder / "errors");
+    const std::string errors{std::istreambuf_iterator<char>(file), std::istreambuf_iterator<char>()};
+    EXPECT_THAT(errors, HasSubstr(GetParam().error));
+}
+
+INSTANTIATE_TEST_SUITE_P(
+    All, PropServiceStart,
+    testing::Values(
+        Start{"Help", {"--help"}, 0, "/var/lib/zav/properties.db"}, Start{"Version", {"--version"}, 0, "prop-service "},
+        Start{"UnknownOption", {"--frob"}, 2, "--frob"}, Start{"BadPort", {"--port", "70000"}, 2, "--port"},
+        Start{"NoCatalogue", {"--store", "%/s.db", "--catalogue", "%/none.json"}, 3, "none.json: cannot be opened"},
+        Start{"BadCatalogue", {"--store", "%/s.db", "--catalogue", "%/bad.json"}, 3, "bad.json:2: a: unknown type"},
+        Start{"BadStore", {"--store", "%/bad.db", "--catalogue", SHIPPED_CATALOGUE}, 4, "bad.db: is no property store"},
+        Start{"NoStore", {"--store", "/proc/no/s.db", "--catalogue", SHIPPED_CATALOGUE}, 4, "/proc/no/s.db: "}),
+    [](const auto& row) { return row.param.name; });
+
+}  // namespace

@@ -1,0 +1,102 @@
+#include "PassFollower.h"
+
+#include <gtest/gtest.h>
+
+#include "Phone.h"
+
+namespace zavctl {
+namespace {
+
+using std::chrono::milliseconds;
+using Clock = PassFollower::Clock;
+
+const char state[] = "State.Provisioning";
+const char lock[] = "State.Provisioning.LockUI";
+
+class Follower : public testing::Test {
+ protected:
+    void change(const std::string& key, const std::string& value, const std::string& source = "") {
+        follower.messageArrived("t", changeText(key, value, source));
+    }
+    std::optional<std::string> now() { return follower.waitUntil(Clock::now()); }
+
+    PassFollower follower{"zavctl", std::chrono::hours(1)};
+};
+
+TEST_F(Follower, FollowsAPassFromRequestToResult) {
+    EXPECT_FALSE(now());
+    change(state, "request", "zavctl");
+    EXPECT_FALSE(follower.passBegan());
+    change(lock, "1");
+    EXPECT_TRUE(follower.passBegan());
+    change(lock, "0");
+    change("State.Provisioning.HttpErrorCode", "200");
+    EXPECT_FALSE(now());
+    change(state, "success");
+    EXPECT_EQ(now(), "success");
+}
+
+TEST_F(Follower, AResultBeforeTheRequestIsNotOurs) {
+    change(lock, "1");
+    change(state, "success");
+    change(state, "request", "zavctl");
+    EXPECT_FALSE(now());
+    EXPECT_FALSE(follower.heldBack());
+    EXPECT_FALSE(follower.passBegan());
+}
+
+TEST_F(Follower, TheRequestOfAnotherIsNotOurs) {
+    change(state, "request", "timer");
+    change(lock, "1");
+    change(state, "fail");
+    EXPECT_FALSE(now());
+    EXPECT_FALSE(follower.heldBack());
+}
+
+TEST_F(Follower, TheResultOfAPassThatWasUnderWayIsNotOurs) {
+    change(state, "request", "zavctl");
+    change(lock, "0");
+    change(state, "fail");
+    EXPECT_FALSE(now());
+    EXPECT_EQ(follower.heldBack(), "fail");
+    change(lock, "1");
+    EXPECT_FALSE(follower.heldBack());
+    change(lock, "0");
+    change(state, "success");
+    EXPECT_EQ(now(), "success");
+}
+
+TEST_F(Follower, OnlyTheFirstResultCounts) {
+    change(state, "request", "zavctl");
+    change(lock, "1");
+    change(state, "partSuccess");
+    change(state, "request", "timer");
+    change(lock, "1");
+    change(state, "fail");
+    EXPECT_EQ(now(), "partSuccess");
+}
+
+TEST(FollowerWithoutSettling, AResultWithoutABeginningCountsAfterAMoment) {
+    PassFollower follower("zavctl", milliseconds(1));
+    follower.messageArrived("t", changeText(state, "request-check-sync", "zavctl"));
+    follower.messageArrived("t", changeText(state, "success", ""));
+    EXPECT_EQ(follower.waitUntil(Clock::now() + std::chrono::hours(1)), "success");
+    EXPECT_FALSE(follower.passBegan());
+}
+
+TEST_F(Follower, KnowsThatTheConnectionWasCut) {
+    EXPECT_FALSE(follower.wasCut());
+    follower.connectionLost("x");
+    EXPECT_TRUE(follower.wasCut());
+}
+
+TEST_F(Follower, IgnoresWhatIsNoChange) {
+    change(state, "request", "zavctl");
+    for (const char* content : {"", "x", "[]", "{}", R"({"param":5,"value":"success"})"}) {
+        follower.messageArrived("t", content);
+    }
+    EXPECT_FALSE(follower.heldBack());
+}
+
+}  // namespace
+}  // namespace zavctl
