@@ -31,10 +31,7 @@ class Printer final : public ipc::IIPCCallback {
     Printer(const Environment& environment, bool json, std::string prefix)
         : environment_(environment), json_(json), prefix_(std::move(prefix)) {}
 
-    void connectionLost(const std::string& cause) override {
-        const std::lock_guard<std::mutex> lock(mutex_);
-        environment_.err << "zavctl: connection lost, changes may be missing: " << cause << std::endl;
-    }
+    void connectionLost(const std::string& cause) override { say("connection lost, changes may be missing: " + cause); }
 
     void messageArrived(const std::string& topic, const std::string& content) override {
         Change change;
@@ -46,6 +43,11 @@ class Printer final : public ipc::IIPCCallback {
     }
 
     void deliveryComplete(const std::string&) override {}
+
+    void say(const std::string& text) {
+        const std::lock_guard<std::mutex> lock(mutex_);
+        environment_.err << "zavctl: " << dbg::escapeControls(text) << std::endl;
+    }
 
  private:
     void print(const Change& change) {
@@ -78,8 +80,7 @@ ExitCode watch(const Environment& environment, const Options& options, const std
     session.connect();
     // Also tells at once when the property service is away.
     if (session.properties().list(prefix, "").properties.empty()) {
-        environment.err << "zavctl: no key begins with \"" << dbg::escapeControls(prefix) << "\"; watching all the same"
-                        << std::endl;
+        printer.say("no key begins with \"" + prefix + "\"; watching all the same");
     }
     environment.stop.wait();
     return ExitCode::done;
