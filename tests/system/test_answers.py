@@ -20,7 +20,7 @@ class Row:
 
 
 ROWS = [
-    Row("200", Answer(GOOD), "success", "200", ["Provisioning Started", f"Applying param: '{LABEL}'='good'"]),
+    Row("200", Answer(GOOD), "success", "200", [f"Applying param: '{LABEL}'='good'"]),
     Row("404", Answer("gone", 404), "fail", "404", FAILED),
     Row("304", Answer(status=304), "fail", "304", FAILED),
     Row("204", Answer(status=204), "fail", "204", FAILED),

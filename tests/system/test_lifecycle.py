@@ -119,7 +119,7 @@ class LifecycleTest(phone.PhoneTest):
             self.bus.expect_reconnection()
             phone.service("start", "broker")
             phone.service("restart", "properties")
-            self.bus.wait_ready()
+            self.bus.wait_back()
 
     def test_no_credentials(self):
         self.bus.set("System.Provision.FactoryAuthPassword", "")

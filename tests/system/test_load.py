@@ -1,15 +1,16 @@
 """A thousand settings in one pass, on a broker as it comes and on one without delays: the same order of time."""
 
+import datetime
 import os
 import subprocess
-import time
 
 import phone
 from files import KEY, direct
 from server import Answer, Server
 
 COUNT = 1000
-ROUNDS = 3
+PASSES = 5  # on each broker, each time
+TIMES = 2
 PATTERNS = [KEY + "{}.Label", KEY + "{}.Value", "Telephony.Accounts.{}.Label", "Telephony.Accounts.{}.DisplayName",
             "Telephony.Accounts.{}.UserName"]
 
@@ -32,22 +33,21 @@ class LoadTest(phone.PhoneTest):
         self.bus.mark()
         subprocess.run([f"{phone.PROJECT}/lab/service", "restart", "broker"], check=True, timeout=60,
                        env={**os.environ, "LAB_BROKER": broker})
-        self.bus.wait_ready()
-        phone.wait_until(lambda: self.bus.messages("prop-service/status")[-1:] == [("prop-service/status", "online")],
-                         "the property service on the new broker")
-        best = None
-        for _ in range(ROUNDS):
+        self.bus.wait_back()
+        times = []
+        for _ in range(PASSES):
             self.log.mark()
             # Until the daemon is back on the broker as well, it does not hear the request.
             phone.wait_until(self.asked, "a pass")
-            begin = time.monotonic()
-            self.log.wait("-----Finishing NVMJobHandler", deadline=120)
-            took = time.monotonic() - begin
-            best = took if best is None else min(best, took)
-            self.wait_pass_end()
+            self.wait_pass_end(deadline=120)
+            times.append(self.logged_at("-----Finishing NVMJobHandler") - self.logged_at("+++++ Starting NVMJobHandler"))
             self.assertEqual(self.log.count("Applying "), COUNT)
             self.assertEqual(self.log.count("Provisioning succeeded. "), 1)
-        return best
+        return times
+
+    def logged_at(self, text):
+        (line,) = [line for line in self.log.lines() if text in line]
+        return datetime.datetime.fromisoformat(line.split()[0]).timestamp()
 
     def asked(self):
         self.request()
@@ -58,9 +58,13 @@ class LoadTest(phone.PhoneTest):
             return False
 
     def test_a_thousand_settings(self):
-        tuned = self.measure("tuned")
-        defaults = self.measure("defaults")
-        print(f"1000 settings: {tuned * 1000:.0f} ms, on a broker with defaults {defaults * 1000:.0f} ms")
+        # In turns, and the best of each: what else runs on the machine slows single passes several times over.
+        times = {"tuned": [], "defaults": []}
+        for _ in range(TIMES):
+            for broker, measured in times.items():
+                measured += self.measure(broker)
+        tuned, defaults = (min(measured) for measured in times.values())
+        print(f"1000 settings: {tuned * 1000:.0f} ms, on a broker with defaults {defaults * 1000:.0f} ms, of {times}")
         self.assertLess(defaults, 2 * tuned)
 
 
