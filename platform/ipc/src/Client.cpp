@@ -247,8 +247,9 @@ void Client::connectionReady() {
 
 void Client::connectionLost(const std::string& cause) {
     const std::lock_guard<std::mutex> lock(mutex_);
+    // A connection that breaks before it is of use does not lengthen anyone's patience.
+    if (ready_) since_ = Clock::now();
     ready_ = false;
-    since_ = Clock::now();
     for (auto& [topic, presence] : presence_) presence = Presence::unknown;
     wakeAll();
     for (const auto& events : events_) events->connectionLost(cause);

@@ -61,6 +61,8 @@ class Connection {
 
     /// Messages with quality of service 1 that may wait for the broker.
     static constexpr std::size_t maxWaiting = 10000;
+    /// The largest packet that the broker may send us, and the largest payload that we send.
+    static constexpr std::uint32_t maxPacket = 16U * 1024U * 1024U;
     static constexpr std::chrono::seconds connectTimeout{5};
 
     Connection(Options options, ConnectionListener& listener);
@@ -162,6 +164,7 @@ class Connection {
     bool up_ = false;                 // the broker has accepted: messages may go out
     bool ready_ = false;              // and every subscription is answered
     bool everUp_ = false;
+    bool everReady_ = false;
     bool closing_ = false;
     bool waitingStopped_ = false;
     bool ended_ = false;  // the thread has given up or was closed

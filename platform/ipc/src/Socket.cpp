@@ -1,5 +1,6 @@
 #include "Socket.h"
 
+#include <fcntl.h>
 #include <netdb.h>
 #include <netinet/in.h>
 #include <netinet/tcp.h>
@@ -20,6 +21,11 @@ void acknowledgeAtOnce(int socket) {
     if (socket < 0) return;
     const int on = 1;
     setsockopt(socket, IPPROTO_TCP, TCP_QUICKACK, &on, sizeof on);
+}
+
+void prepareSocket(int socket) {
+    acknowledgeAtOnce(socket);
+    if (socket >= 0) fcntl(socket, F_SETFD, FD_CLOEXEC);
 }
 
 std::optional<std::string> probe(const std::string& numericAddress, int port,

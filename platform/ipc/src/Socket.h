@@ -12,6 +12,9 @@ namespace ipc {
 /// ms.
 void acknowledgeAtOnce(int socket);
 
+/// What libmosquitto leaves to do on a new socket: the above, and that no program we start inherits it.
+void prepareSocket(int socket);
+
 /// Connects to a numeric address and closes again. Returns why it failed; an empty text: something listens there;
 /// nothing: `cancel` became readable first.
 std::optional<std::string> probe(const std::string& numericAddress, int port,

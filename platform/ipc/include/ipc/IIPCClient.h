@@ -1,7 +1,8 @@
 // The bus client: one connection to an MQTT v5 broker. It keeps itself connected: after a cut it reconnects with
 // back-off, subscribes again, and sends what it accepted meanwhile.
 //
-// Threads: every operation may be called from any thread, `disconnect` not from a delivery thread. One network thread
+// Threads: every operation may be called from any thread; `disconnect` throws on a delivery thread, and the last owner
+// must not let go of the client on one. One network thread
 // does all traffic and never runs user code. Each subscription has a bounded queue (10,000 messages, beyond it the
 // oldest goes with a warning) and a delivery thread of its own.
 #pragma once
@@ -33,7 +34,8 @@ class IIPCClient {
     virtual void subscribe(const std::string& topicFilter, IIPCCallback& callback) = 0;
 
     /// Sends one message, quality of service 0 or 1. Returns at once; a message with quality 1 that was accepted while
-    /// the broker is away is sent when it is back. Throws IPCException when there was no connect yet, after
+    /// the broker is away is sent when it is back (twice, when a cut took the acknowledgement); one with quality 0 is
+    /// dropped then. Throws IPCException when there was no connect yet, after
     /// disconnect, or when 10,000 messages wait already.
     virtual void publish(const std::string& topic, const std::string& payload, int qualityOfService) = 0;
 
@@ -44,7 +46,8 @@ class IIPCClient {
     /// correlation data, quality of service 0). Blocks the caller, `timeout` at most, and inside it outlives a
     /// reconnection of up to 2 s. Never call it from code that the network thread waits for.
     /// Throws IPCOfflineException at once when the broker has been away longer than that, or when the service says
-    /// "offline", or has said nothing for a second after the connection; IPCTimeoutException when no answer came.
+    /// "offline", or has said nothing for a second after the connection; IPCTimeoutException when no answer came. What
+    /// was sent already is never sent again: after a cut its answer is lost, and whether it was carried out not known.
     virtual std::string request(const std::string& topic, const std::string& payload, const std::string& statusTopic,
                                 std::chrono::milliseconds timeout) = 0;
 };

@@ -10,7 +10,8 @@ class IPCException : public std::runtime_error {
     using std::runtime_error::runtime_error;
 };
 
-/// The broker, or the service that a request is for, is known to be away: nothing was waited for.
+/// The broker, or the service that a request is for, is known to be away. The request was not sent, or the answer can
+/// no longer come.
 class IPCOfflineException : public IPCException {
  public:
     using IPCException::IPCException;

@@ -1,0 +1,285 @@
+// The half of Connection that runs on its network thread.
+#include <poll.h>
+
+#include <algorithm>
+#include <cerrno>
+#include <optional>
+#include <utility>
+
+#include "Connection.h"
+#include "Socket.h"
+#include "debug/Debug.h"
+
+namespace ipc {
+
+namespace {
+
+using std::chrono::milliseconds;
+
+constexpr int keepAliveSeconds = 60;
+constexpr std::chrono::seconds upkeepInterval{10};
+constexpr milliseconds firstPause{100};
+constexpr milliseconds longestPause{5000};
+constexpr std::chrono::seconds settled{5};  // a connection that lasted this long starts the back-off anew
+constexpr std::uint32_t sessionSeconds = 3600;
+
+}  // namespace
+
+void Connection::run() {
+    std::unique_lock<std::mutex> lock(mutex_);
+    milliseconds pause = firstPause;
+    while (!closing_) {
+        failure_.clear();
+        const auto begin = Clock::now();
+        readyDeadline_ = begin + connectTimeout;
+        connectOnce(lock);
+        if (closing_) break;
+        if (!everUp_ && !forEver_) break;
+        // Two clients of one name push each other off the broker: only a connection that held counts as a success.
+        if (Clock::now() - begin > connectTimeout + settled) pause = firstPause;
+        waitToRetry(lock, pause);
+        pause = std::min(pause * 2, longestPause);
+    }
+    ended_ = true;
+    changed_.notify_all();
+}
+
+void Connection::connectOnce(std::unique_lock<std::mutex>& lock) {
+    lock.unlock();
+    std::string why;
+    const std::vector<std::string> addresses = resolve(address_, why);
+    lock.lock();
+    if (addresses.empty()) failure_ = why;
+    for (const std::string& address : addresses) {
+        if (closing_) return;
+        if (!openHandle(lock, address)) continue;
+        pump(lock);
+        const bool wasUp = up_;
+        up_ = false;
+        ready_ = false;
+        handle_.reset();
+        if (wasUp) {
+            if (!closing_) afterLoss();
+            return;
+        }
+    }
+}
+
+bool Connection::openHandle(std::unique_lock<std::mutex>& lock, const std::string& numericAddress) {
+    const bool keep = options_.keepSession && !sessionDropped_;
+    const auto deadline = readyDeadline_;
+    // libmosquitto's own connect would block for minutes where packets vanish; so ask first, with a time-out.
+    std::optional<std::string> probed;
+    while (!probed) {
+        drain(wakeup_);
+        if (closing_) return false;
+        lock.unlock();
+        probed = probe(numericAddress, address_.port, deadline, wakeup_);
+        lock.lock();
+    }
+    std::string why = *probed;
+    lock.unlock();
+    Handle handle;
+    if (why.empty()) {
+        // What was queued for us during a cut is to arrive, but nothing of the process before this one.
+        handle = newHandle(options_.clientId, !(keep && everUp_), this);
+        mosquitto_connect_v5_callback_set(handle.get(), &onConnect);
+        mosquitto_disconnect_v5_callback_set(handle.get(), &onDisconnect);
+        mosquitto_publish_v5_callback_set(handle.get(), &onPublish);
+        mosquitto_subscribe_v5_callback_set(handle.get(), &onSubscribe);
+        mosquitto_message_v5_callback_set(handle.get(), &onMessage);
+        if (!options_.statusTopic.empty()) {
+            mosquitto_will_set_v5(handle.get(), options_.statusTopic.c_str(), 7, "offline", 1, true, nullptr);
+        }
+        Properties properties;
+        properties.add32(MQTT_PROP_SESSION_EXPIRY_INTERVAL, keep ? sessionSeconds : 0);
+        properties.add32(MQTT_PROP_MAXIMUM_PACKET_SIZE, maxPacket);
+        const int result = mosquitto_connect_bind_v5(handle.get(), numericAddress.c_str(), address_.port,
+                                                     keepAliveSeconds, nullptr, properties.get());
+        if (result != MOSQ_ERR_SUCCESS) why = resultText(result, errno);
+    }
+    lock.lock();
+    if (!why.empty()) {
+        failure_ = why;
+        return false;
+    }
+    failure_.clear();
+    handle_ = std::move(handle);
+    connackSeen_ = false;
+    identifiersAllowed_ = true;
+    backlog_ = 0;
+    unanswered_.clear();
+    nextUpkeep_ = Clock::now() + upkeepInterval;
+    prepareSocket(mosquitto_socket(handle_.get()));
+    return true;
+}
+
+/// Returns when the connection is over, whoever ended it.
+void Connection::pump(std::unique_lock<std::mutex>& lock) {
+    for (;;) {
+        const auto now = Clock::now();
+        if (!mayGoOn(now)) return;
+        auto until = nextUpkeep_;
+        if (!ready_) until = std::min(until, readyDeadline_);
+        if (closing_) until = std::min(until, closeDeadline_);
+        const auto wait = std::chrono::ceil<milliseconds>(until - now).count();
+        const bool reads = !readingPaused_ || closing_;
+        pollfd watched[2] = {{mosquitto_socket(handle_.get()), 0, 0}, {wakeup_, POLLIN, 0}};
+        watched[0].events =
+            static_cast<short>((reads ? POLLIN : 0) | (mosquitto_want_write(handle_.get()) ? POLLOUT : 0));
+        lock.unlock();
+        poll(watched, 2, static_cast<int>(std::max<milliseconds::rep>(wait, 0)));
+        if (watched[1].revents != 0) drain(wakeup_);
+        lock.lock();
+        service(watched[0].revents);
+    }
+}
+
+bool Connection::mayGoOn(Clock::time_point now) {
+    if (mosquitto_socket(handle_.get()) < 0) {
+        fail("the connection was closed");
+        return false;
+    }
+    if (closing_) {
+        const bool flushed = !up_ || (waiting_.empty() && !mosquitto_want_write(handle_.get()));
+        if (!flushed && now < closeDeadline_) return true;
+        if (up_) {
+            Properties properties;
+            properties.add32(MQTT_PROP_SESSION_EXPIRY_INTERVAL, 0);
+            mosquitto_disconnect_v5(handle_.get(), MQTT_RC_NORMAL_DISCONNECTION, properties.get());
+        }
+        return false;
+    }
+    if (!ready_ && now >= readyDeadline_) {
+        fail("the broker does not answer");
+        return false;
+    }
+    return true;
+}
+
+void Connection::service(short events) {
+    mosquitto* const handle = handle_.get();
+    int result = MOSQ_ERR_SUCCESS;
+    if ((events & POLLOUT) != 0) result = mosquitto_loop_write(handle, 1);
+    if (result == MOSQ_ERR_SUCCESS && (events & (POLLIN | POLLERR | POLLHUP)) != 0) {
+        reading_ = true;
+        result = mosquitto_loop_read(handle, 1);
+        reading_ = false;
+        acknowledgeAtOnce(mosquitto_socket(handle));
+    }
+    if (result == MOSQ_ERR_SUCCESS && Clock::now() >= nextUpkeep_) {
+        result = mosquitto_loop_misc(handle);
+        nextUpkeep_ = Clock::now() + upkeepInterval;
+    }
+    if (!mosquitto_want_write(handle)) backlog_ = 0;
+    if (result != MOSQ_ERR_SUCCESS || mosquitto_socket(handle) < 0) return;  // mayGoOn ends it
+    // Here and not in the callbacks, inside which libmosquitto sends nothing.
+    if (connackSeen_ && !up_) accepted();
+    if (up_ && !ready_ && unanswered_.empty()) becomeReady();
+}
+
+void Connection::accepted() {
+    up_ = true;
+    everUp_ = true;
+    for (auto& [identifier, subscription] : subscriptions_) sendSubscription(identifier, subscription);
+    for (Waiting& waiting : waiting_) sendWaiting(waiting);
+    waiting_.erase(std::remove_if(waiting_.begin(), waiting_.end(), [](const Waiting& each) { return each.mid < 0; }),
+                   waiting_.end());
+}
+
+void Connection::becomeReady() {
+    ready_ = true;
+    everReady_ = true;
+    if (!options_.statusTopic.empty()) enqueue({options_.statusTopic, "online", 1, {}, {}}, true);
+    if (options_.logsItself) dbg::Debug::info() << "Connected to the broker" << std::endl;
+    listener_.connectionReady();
+    changed_.notify_all();
+}
+
+void Connection::afterLoss() {
+    if (options_.logsItself) {
+        dbg::Debug::warning() << "Connection to the broker lost: " << failure_ << std::endl;
+    }
+    listener_.connectionLost(failure_);
+    changed_.notify_all();
+}
+
+void Connection::waitToRetry(std::unique_lock<std::mutex>& lock, milliseconds pause) {
+    changed_.wait_until(lock, Clock::now() + pause, [this] { return closing_; });
+}
+
+void Connection::fail(const std::string& cause) {
+    if (failure_.empty()) failure_ = cause;
+}
+
+// ---- callbacks: network thread, mutex_ held ----
+
+void Connection::onConnect(mosquitto*, void* self, int reason, int, const mosquitto_property* properties) {
+    auto& connection = *static_cast<Connection*>(self);
+    if (reason != 0) {
+        connection.fail(mosquitto_reason_string(reason));
+        return;
+    }
+    std::uint8_t allowed = 1;
+    mosquitto_property_read_byte(properties, MQTT_PROP_SUBSCRIPTION_ID_AVAILABLE, &allowed, false);
+    connection.identifiersAllowed_ = allowed != 0;
+    connection.connackSeen_ = true;
+}
+
+void Connection::onDisconnect(mosquitto*, void* self, int reason, const mosquitto_property*) {
+    auto& connection = *static_cast<Connection*>(self);
+    // From 128 on it is the broker's reason, below libmosquitto's.
+    connection.fail(reason >= 128 ? mosquitto_reason_string(reason) : mosquitto_strerror(reason));
+}
+
+void Connection::onPublish(mosquitto*, void* self, int mid, int reason, const mosquitto_property*) {
+    auto& connection = *static_cast<Connection*>(self);
+    // A message with quality of service 0 reports here too, when it is written.
+    if (!connection.reading_) return;
+    auto& waiting = connection.waiting_;
+    const auto found =
+        std::find_if(waiting.begin(), waiting.end(), [mid](const Waiting& each) { return each.mid == mid; });
+    if (found == waiting.end()) return;
+    if (reason < 128) {
+        connection.listener_.messageAcknowledged(found->topic);
+    } else {
+        dbg::Debug::error() << "The broker refuses a message on " << found->topic << ": "
+                            << mosquitto_reason_string(reason) << std::endl;
+    }
+    waiting.erase(found);
+    if (waiting.size() < maxWaiting / 2) connection.changed_.notify_all();
+}
+
+void Connection::onSubscribe(mosquitto*, void* self, int mid, int count, const int* granted,
+                             const mosquitto_property*) {
+    auto& connection = *static_cast<Connection*>(self);
+    const auto answered = connection.unanswered_.find(mid);
+    if (answered == connection.unanswered_.end()) return;
+    const auto found = connection.subscriptions_.find(answered->second);
+    connection.unanswered_.erase(answered);
+    if (found == connection.subscriptions_.end()) return;
+    found->second.answered = true;
+    found->second.refusal = count > 0 && granted[0] >= 128 ? mosquitto_reason_string(granted[0]) : "";
+    // The first time, and for a later `subscribe`, somebody waits for the answer; otherwise the log is the one to tell.
+    const bool waitedFor = !connection.options_.logsItself && (connection.ready_ || !connection.everReady_);
+    if (!found->second.refusal.empty() && !waitedFor) {
+        dbg::Debug::error() << "The broker refuses the subscription " << found->second.filter << ": "
+                            << found->second.refusal << std::endl;
+    }
+    connection.changed_.notify_all();
+}
+
+void Connection::onMessage(mosquitto*, void* self, const mosquitto_message* message,
+                           const mosquitto_property* properties) {
+    auto& connection = *static_cast<Connection*>(self);
+    Incoming incoming;
+    incoming.topic = message->topic;
+    if (message->payloadlen > 0) {
+        incoming.payload = {static_cast<const char*>(message->payload), static_cast<size_t>(message->payloadlen)};
+    }
+    incoming.qualityOfService = message->qos;
+    incoming.properties = properties;
+    if (!connection.listener_.messageArrived(incoming)) connection.readingPaused_ = true;
+}
+
+}  // namespace ipc
