@@ -1,0 +1,69 @@
+#include "Core/Constants.h"
+
+#include <gtest/gtest.h>
+
+namespace {
+
+using namespace zav::constants;
+
+TEST(ConstantsTest, TheComposedTopics) {
+    EXPECT_EQ(systemPropertyTopic, "prop-service-system/#");
+    EXPECT_EQ(statePropertyTopic, "prop-service-state/#");
+    EXPECT_EQ(watchdogQueryTopic, "watchdog/prov-client");
+    EXPECT_EQ(autoRebootQueryTopic, "auto-reboot/prov-client");
+    EXPECT_EQ(watchdogReplyTopic, "prov-client/watchdog");
+    EXPECT_EQ(autoRebootReplyTopic, "prov-client/auto-reboot");
+}
+
+TEST(ConstantsTest, TheMessageTexts) {
+    EXPECT_EQ(watchdogQuery, "Are you alive?");
+    EXPECT_EQ(watchdogReply, "{\"param\":\"Ok\"}");
+    EXPECT_EQ(autoRebootBusyQueryKey, "State.System.QA.AutomaticReboot.IsBusyQuery");
+    EXPECT_EQ(busyReply, "{\"param\":\"State.System.QA.AutomaticReboot.IsBusy\", \"value\":\"1\"}")
+        << "the blank after the comma is part of it";
+    EXPECT_EQ(quitWord, "quit");
+}
+
+TEST(ConstantsTest, TheWords) {
+    EXPECT_EQ(clientName, "prov-client");
+    EXPECT_EQ(brokerHost, "localhost");
+    EXPECT_EQ(requestWord, "request");
+    EXPECT_EQ(requestCheckSyncWord, "request-check-sync");
+    EXPECT_EQ(successWord, "success");
+    EXPECT_EQ(partSuccessWord, "partSuccess");
+    EXPECT_EQ(failWord, "fail");
+    EXPECT_EQ(noVersionWord, "no_version");
+    EXPECT_EQ(bootUpDoneWord, "done");
+}
+
+TEST(ConstantsTest, ThePropertyKeys) {
+    EXPECT_EQ(periodKey, "System.Provision.Period");
+    EXPECT_EQ(provisioningServerKey, "System.Provision.ProvisioningServer");
+    EXPECT_EQ(debugLevelMaskKey, "System.Debug.LevelMask.ZAV");
+    EXPECT_EQ(softwareVersionKey, "System.General.SoftwareVersion");
+    EXPECT_EQ(settingsVersionKey, "System.Provision.SettingsVersion");
+    EXPECT_EQ(customVersionKey, "System.Provision.CustomVersion");
+    EXPECT_EQ(provisioningVersionKey, "System.Provision.ProvisioningVersion");
+    EXPECT_EQ(factoryAuthUsernameKey, "System.Provision.FactoryAuthUsername");
+    EXPECT_EQ(factoryAuthPasswordKey, "System.Provision.FactoryAuthPassword");
+    EXPECT_EQ(provisioningStateKey, "State.Provisioning");
+    EXPECT_EQ(provisioningOnBootUpKey, "State.Provisioning.OnBootUp");
+    EXPECT_EQ(provisioningHttpErrorCodeKey, "State.Provisioning.HttpErrorCode");
+    EXPECT_EQ(provisioningLockUiKey, "State.Provisioning.LockUI");
+    EXPECT_EQ(firmwareTriggerAutoKey, "State.FirmwareUpdate.TriggerAuto");
+    EXPECT_EQ(firmwareVerifyKey, "State.FirmwareUpdate.Verify");
+    EXPECT_EQ(firmwareFilenameKey, "State.FirmwareUpdate.Filename");
+    EXPECT_EQ(firmwareUpdateSystemKey, "State.FirmwareUpdate.UpdateSystem");
+    EXPECT_EQ(updateCaBundleKey, "State.Security.Certificates.UpdateCABundle");
+    EXPECT_EQ(certificatePendingKey, "State.Security.Certificates.Pending");
+    EXPECT_EQ(certificateAcceptKey, "State.Security.Certificates.Accept");
+    EXPECT_EQ(certificateInvalidKey, "State.Security.Certificates.Invalid");
+    EXPECT_EQ(phoneBookFileNameKey, "State.LocalDirectoryUpdate.FileName");
+    EXPECT_EQ(phoneBookVerifyKey, "State.LocalDirectoryUpdate.Verify");
+    EXPECT_EQ(macAddressKey, "NET.MAC.Address");
+    EXPECT_EQ(phoneSystemTypeKey, "Telephony.PhoneSystem.Type");
+    EXPECT_EQ(networkKeys[0], "NET.General.DeviceNameInNetwork");
+    EXPECT_EQ(networkKeys[15], "NET.SwitchSettings.EnablePortMirroring");
+}
+
+}  // namespace

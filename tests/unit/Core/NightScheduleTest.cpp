@@ -1,0 +1,100 @@
+#include "Core/NightSchedule.h"
+
+#include <gtest/gtest.h>
+
+#include <cstdlib>
+#include <ctime>
+
+namespace {
+
+using std::chrono::seconds;
+using std::chrono::system_clock;
+
+/// Central Europe, written out: the test needs no time zone files.
+class NightScheduleTest : public testing::Test {
+ protected:
+    void SetUp() override { setZone("CET-1CEST,M3.5.0,M10.5.0/3"); }
+    void TearDown() override {
+        unsetenv("TZ");
+        tzset();
+    }
+
+    static void setZone(const char* zone) {
+        setenv("TZ", zone, 1);
+        tzset();
+    }
+
+    static system_clock::time_point local(int year, int month, int day, int hour, int minute = 0, int second = 0) {
+        std::tm time{};
+        time.tm_year = year - 1900;
+        time.tm_mon = month - 1;
+        time.tm_mday = day;
+        time.tm_hour = hour;
+        time.tm_min = minute;
+        time.tm_sec = second;
+        time.tm_isdst = -1;
+        return system_clock::from_time_t(std::mktime(&time));
+    }
+
+    static system_clock::time_point next(system_clock::time_point now) {
+        return zav::nextNight(now, zav::nightOffset());
+    }
+};
+
+TEST_F(NightScheduleTest, TheOffsetIsTheSameOnEveryDeviceAndDay) {
+    EXPECT_EQ(zav::nightOffset(), seconds(13995));
+    EXPECT_EQ(zav::drawNightOffset("NET.MAC.Address", 3600, 14400), 13995U);
+}
+
+TEST_F(NightScheduleTest, ADrawStaysInItsRange) {
+    bool others = false;
+    for (int i = 0; i < 200; ++i) {
+        const std::uint32_t value = zav::drawNightOffset(std::to_string(i), 3600, 14400);
+        EXPECT_GE(value, 3600U);
+        EXPECT_LE(value, 14400U);
+        others = others || value != 13995U;
+    }
+    EXPECT_TRUE(others);
+    EXPECT_EQ(zav::drawNightOffset("any", 5, 5), 5U);
+}
+
+TEST_F(NightScheduleTest, BeforeItsTimeTheNightIsTodays) {
+    const auto now = local(2026, 11, 20, 2);
+    EXPECT_EQ(next(now), local(2026, 11, 20, 3, 53, 15));
+    EXPECT_EQ(next(now) - now, seconds(6795));
+}
+
+TEST_F(NightScheduleTest, AfterItsTimeTheNightIsTomorrows) {
+    const auto now = local(2026, 11, 20, 5);
+    EXPECT_EQ(next(now), local(2026, 11, 21, 3, 53, 15));
+    EXPECT_EQ(next(now) - now, seconds(82395));
+}
+
+TEST_F(NightScheduleTest, ExactlyAtItsTimeItIsNotOverYet) {
+    const auto time = local(2026, 11, 20, 3, 53, 15);
+    EXPECT_EQ(next(time), time);
+    EXPECT_EQ(next(time + std::chrono::nanoseconds(1)), time + seconds(86400));
+    EXPECT_EQ(next(time - std::chrono::nanoseconds(1)), time);
+}
+
+TEST_F(NightScheduleTest, AcrossAClockChangeTheWallTimeMovesByAnHour) {
+    // Forwards on 29 March 2026, backwards on 25 October 2026.
+    EXPECT_EQ(next(local(2026, 3, 28, 5)), local(2026, 3, 29, 4, 53, 15));
+    EXPECT_EQ(next(local(2026, 3, 29, 1)), local(2026, 3, 29, 4, 53, 15));
+    // After the change "midnight" is reckoned in summer time: the night is back at its usual time.
+    EXPECT_EQ(next(local(2026, 3, 29, 6)), local(2026, 3, 30, 3, 53, 15));
+    // 02:53:15 in winter time, the second of that morning.
+    const auto october = local(2026, 10, 25, 0) + seconds(13995);
+    EXPECT_EQ(next(local(2026, 10, 24, 5)), october);
+    EXPECT_EQ(next(local(2026, 10, 25, 1)), october);
+    EXPECT_EQ(october, local(2026, 10, 25, 4) - seconds(3600 + 6 * 60 + 45));
+}
+
+TEST_F(NightScheduleTest, AZoneThatChangesWhileTheDaemonRunsCounts) {
+    const auto noon = local(2026, 11, 20, 12);
+    const auto inEurope = next(noon);
+    setenv("TZ", "UTC0", 1);  // without tzset: the function's own business
+    EXPECT_EQ(next(noon) - inEurope, std::chrono::hours(1));
+}
+
+}  // namespace

@@ -1,0 +1,286 @@
+#include "Core/ProvisioningTimer.h"
+
+#include <gtest/gtest.h>
+
+#include <cstdlib>
+#include <ctime>
+
+#include "unit/Core/support/Phone.h"
+
+namespace {
+
+using fakes::info;
+using std::chrono::milliseconds;
+using std::chrono::nanoseconds;
+using std::chrono::seconds;
+using std::chrono::system_clock;
+using Lines = fakes::LogCapture::Lines;
+
+const std::string source = "Core/ProvisioningTimer";
+const Lines fired{info(source, "Provisioning timer: Provisioning ready to go"),
+                  info(source, "Provisioning timer: Preparing to restart timer")};
+
+/// Time stands still until the test moves it. The timer's waits end when the test says so, or when the timer is
+/// stopped.
+class HandClock : public zav::TimerClock {
+ public:
+    explicit HandClock(system_clock::time_point now) : now_(now) {}
+
+    system_clock::time_point now() const override {
+        const std::lock_guard<std::mutex> lock(mutex_);
+        return now_;
+    }
+
+    std::cv_status waitFor(std::condition_variable& condition, std::unique_lock<std::mutex>& lock,
+                           nanoseconds duration) const override {
+        announce(condition, lock, duration);
+        condition.wait(lock);
+        const std::lock_guard<std::mutex> own(mutex_);
+        condition_ = nullptr;
+        if (!timesOut_) return std::cv_status::no_timeout;
+        timesOut_ = false;
+        now_ += duration + error_;
+        return std::cv_status::timeout;
+    }
+
+    /// Ends the wait at hand as one that lasted its time, by a wall clock that is `error` ahead.
+    void elapse(nanoseconds error = {}) { endWait(true, error); }
+    /// Wakes the timer for nothing.
+    void wakeSpuriously() { endWait(false, {}); }
+
+    /// The waits so far, after the `count`-th has begun.
+    std::vector<nanoseconds> waits(std::size_t count) const {
+        std::unique_lock<std::mutex> lock(mutex_);
+        EXPECT_TRUE(changed_.wait_for(lock, seconds(30), [&] { return waits_.size() >= count; }));
+        return waits_;
+    }
+
+ private:
+    void announce(std::condition_variable& condition, std::unique_lock<std::mutex>& lock, nanoseconds duration) const {
+        const std::lock_guard<std::mutex> own(mutex_);
+        condition_ = &condition;
+        timerMutex_ = lock.mutex();
+        waits_.push_back(duration);
+        changed_.notify_all();
+    }
+
+    // Holding the timer's mutex, which the timer gives up only inside its wait.
+    void endWait(bool timesOut, nanoseconds error) const {
+        std::condition_variable* condition = nullptr;
+        std::mutex* timerMutex = nullptr;
+        {
+            std::unique_lock<std::mutex> own(mutex_);
+            ASSERT_TRUE(changed_.wait_for(own, seconds(30), [&] { return condition_ != nullptr; }));
+            condition = condition_;
+            timerMutex = timerMutex_;
+        }
+        const std::lock_guard<std::mutex> timer(*timerMutex);
+        {
+            const std::lock_guard<std::mutex> own(mutex_);
+            timesOut_ = timesOut;
+            error_ = error;
+            condition_ = nullptr;
+        }
+        condition->notify_all();
+    }
+
+    mutable std::mutex mutex_;
+    mutable std::condition_variable changed_;
+    // Guarded by mutex_.
+    mutable system_clock::time_point now_;
+    mutable nanoseconds error_{};
+    mutable bool timesOut_ = false;
+    mutable std::condition_variable* condition_ = nullptr;
+    mutable std::mutex* timerMutex_ = nullptr;
+    mutable std::vector<nanoseconds> waits_;
+};
+
+class ProvisioningTimerTest : public testing::Test {
+ protected:
+    ProvisioningTimerTest() {
+        setenv("TZ", "UTC0", 1);
+        tzset();
+    }
+    ~ProvisioningTimerTest() override {
+        unsetenv("TZ");
+        tzset();
+    }
+
+    static system_clock::time_point on20November(int hour, milliseconds more = {}) {
+        std::tm time{};
+        time.tm_year = 126;
+        time.tm_mon = 10;
+        time.tm_mday = 20;
+        time.tm_hour = hour;
+        return system_clock::from_time_t(timegm(&time)) + more;
+    }
+
+    static Lines schedule(const std::string& kind, const std::string& time, const std::string& wait) {
+        return {info(source, kind), info(source, "Next provisioning time is at '" + time + "'"),
+                info(source, "That means you have to wait " + wait + " seconds.")};
+    }
+
+    std::vector<std::string> requests() const { return phone_.properties->writesTo("State.Provisioning"); }
+
+    tests::Phone phone_;
+};
+
+const std::string periodical = "Setting periodical Provisioning";
+const std::string nightly = "Setting provisioning for night";
+
+TEST_F(ProvisioningTimerTest, APeriodIsCountedFromNow) {
+    HandClock clock(on20November(12));
+    zav::ProvisioningTimer timer(phone_.properties, clock);
+    timer.start(600);
+    EXPECT_EQ(clock.waits(1).back(), seconds(600));
+    EXPECT_EQ(phone_.log.lines(), schedule(periodical, "Fri Nov 20 12:10:00 2026", "600"));
+    phone_.log.forget();
+
+    clock.elapse();
+    EXPECT_EQ(clock.waits(2).back(), seconds(600));
+    EXPECT_EQ(requests(), std::vector<std::string>{"request"});
+    EXPECT_EQ(phone_.properties->writes().front().source, "");
+    Lines expected = fired;
+    for (const auto& line : schedule(periodical, "Fri Nov 20 12:20:00 2026", "600")) expected.push_back(line);
+    EXPECT_EQ(phone_.log.lines(), expected);
+}
+
+TEST_F(ProvisioningTimerTest, PeriodZeroIsTheNight) {
+    HandClock early(on20November(2));
+    HandClock late(on20November(5));
+    zav::ProvisioningTimer before(phone_.properties, early);
+    before.start(0);
+    EXPECT_EQ(phone_.log.lines(), schedule(nightly, "Fri Nov 20 03:53:15 2026", "6795"));
+    phone_.log.forget();
+    zav::ProvisioningTimer after(phone_.properties, late);
+    after.start(0);
+    EXPECT_EQ(phone_.log.lines(), schedule(nightly, "Sat Nov 21 03:53:15 2026", "82395"));
+    early.waits(1);
+    late.waits(1);
+}
+
+struct WakeUp {
+    const char* name;
+    nanoseconds error;  // of the wall clock when the wait ends
+};
+
+class NightTest : public ProvisioningTimerTest, public testing::WithParamInterface<WakeUp> {};
+
+// The logged wait is whole seconds; the real one must not be, or the timer fires again and again until the second is
+// over.
+TEST_P(NightTest, FiresExactlyOnceANight) {
+    HandClock clock(on20November(2, milliseconds(700)));
+    zav::ProvisioningTimer timer(phone_.properties, clock);
+    timer.start(0);
+    EXPECT_EQ(clock.waits(1).back(), milliseconds(6794300));
+    EXPECT_EQ(phone_.log.lines(), schedule(nightly, "Fri Nov 20 03:53:15 2026", "6794"));
+    for (std::size_t night = 1; night <= 3; ++night) {
+        phone_.log.forget();
+        clock.elapse(GetParam().error);
+        const nanoseconds wait = clock.waits(night + 1).back();
+        EXPECT_EQ(requests().size(), night);
+        EXPECT_GT(wait, seconds(86390)) << "night " << night;
+        EXPECT_LT(wait, seconds(86410)) << "night " << night;
+        const std::string day = night == 1 ? "Sat Nov 21" : night == 2 ? "Sun Nov 22" : "Mon Nov 23";
+        EXPECT_TRUE(phone_.log.has(info(source, "Next provisioning time is at '" + day + " 03:53:15 2026'")))
+            << phone_.log.text();
+    }
+}
+
+INSTANTIATE_TEST_SUITE_P(Clocks, NightTest,
+                         testing::Values(WakeUp{"exact", nanoseconds(0)}, WakeUp{"late", milliseconds(3)},
+                                         WakeUp{"aMomentEarly", nanoseconds(-1)},
+                                         WakeUp{"someMillisecondsEarly", milliseconds(-40)},
+                                         WakeUp{"aSecondEarly", seconds(-1)}),
+                         [](const auto& row) { return row.param.name; });
+
+TEST_F(ProvisioningTimerTest, ASpuriousWakeUpWaitsTheWholeTimeAgain) {
+    HandClock clock(on20November(12));
+    zav::ProvisioningTimer timer(phone_.properties, clock);
+    timer.start(700);
+    clock.waits(1);
+    phone_.log.forget();
+    clock.wakeSpuriously();
+    EXPECT_EQ(clock.waits(2), (std::vector<nanoseconds>{seconds(700), seconds(700)}));
+    EXPECT_EQ(phone_.log.lines(), Lines{info(source, "Provisioning timer: Abort")});
+    EXPECT_TRUE(requests().empty());
+}
+
+TEST_F(ProvisioningTimerTest, StopEndsTheWaitWithoutARequest) {
+    HandClock clock(on20November(12));
+    zav::ProvisioningTimer timer(phone_.properties, clock);
+    timer.start(600);
+    clock.waits(1);
+    phone_.log.forget();
+    timer.stop();
+    EXPECT_EQ(phone_.log.lines(), Lines{info(source, "Provisioning timer: Abort")});
+    EXPECT_TRUE(phone_.properties->writes().empty());
+    timer.stop();
+    EXPECT_EQ(phone_.log.lines().size(), 1U);
+}
+
+TEST_F(ProvisioningTimerTest, StopOfATimerThatNeverStartedDoesNothing) {
+    zav::ProvisioningTimer timer(phone_.properties);
+    timer.stop();
+    EXPECT_TRUE(phone_.log.lines().empty());
+}
+
+TEST_F(ProvisioningTimerTest, ASecondStartReplacesTheFirst) {
+    HandClock clock(on20November(12));
+    zav::ProvisioningTimer timer(phone_.properties, clock);
+    timer.start(600);
+    clock.waits(1);
+    timer.start(900);
+    EXPECT_EQ(clock.waits(2).back(), seconds(900));
+    EXPECT_EQ(phone_.log.count(info(source, "Provisioning timer: Abort")), 1U);
+    clock.elapse();
+    clock.waits(3);
+    EXPECT_EQ(requests().size(), 1U) << "one thread, one request";
+}
+
+TEST_F(ProvisioningTimerTest, ARequestThatCannotBeWrittenIsDropped) {
+    HandClock clock(on20November(12));
+    zav::ProvisioningTimer timer(phone_.properties, clock);
+    timer.start(600);
+    clock.waits(1);
+    phone_.log.forget();
+    phone_.properties->setOffline(true);
+    clock.elapse();
+    clock.waits(2);
+    Lines expected = fired;
+    for (const auto& line : schedule(periodical, "Fri Nov 20 12:20:00 2026", "600")) expected.push_back(line);
+    EXPECT_EQ(phone_.log.lines(), expected);
+    phone_.properties->setOffline(false);
+    clock.elapse();
+    clock.waits(3);
+    EXPECT_EQ(requests().size(), 1U) << "not repeated, and the next one comes by itself";
+}
+
+TEST_F(ProvisioningTimerTest, StartsAndStopsOfSeveralThreadsLeaveOneTimer) {
+    HandClock clock(on20November(12));
+    zav::ProvisioningTimer timer(phone_.properties, clock);
+    std::vector<std::thread> threads;
+    for (int i = 0; i < 3; ++i) {
+        threads.emplace_back([&timer] {
+            for (int n = 0; n < 20; ++n) {
+                timer.start(600);
+                timer.stop();
+            }
+        });
+    }
+    for (auto& thread : threads) thread.join();
+    const std::size_t before = clock.waits(0).size();
+    timer.start(600);
+    clock.waits(before + 1);
+    clock.elapse();
+    clock.waits(before + 2);
+    EXPECT_EQ(requests().size(), 1U);
+}
+
+TEST_F(ProvisioningTimerTest, TheRealClockComesToItsTime) {
+    zav::ProvisioningTimer timer(phone_.properties);
+    timer.start(1);
+    EXPECT_TRUE(phone_.properties->waitForWrite("State.Provisioning", "request"));
+}
+
+}  // namespace
