@@ -31,6 +31,19 @@ class RestartsTest(phone.PhoneTest):
         phone.wait_until(lambda: self.server.requests, "the pass's download")
         self.bus.wait_change("State.Provisioning.LockUI", "1")
 
+    def wait_daemon_back(self):
+        """The daemon backs off before it connects anew; in mid-pass it answers this question once it is back."""
+        self.bus.mark()
+
+        def answered():
+            self.busy()
+            try:
+                return self.bus.wait_message("prov-client/auto-reboot", deadline=0.2)
+            except phone.Late:
+                return False
+
+        phone.wait_until(answered, "the daemon on the new broker")
+
     def wait_value(self, key, value):
         phone.wait_until(lambda: self.bus.get(key) == value, lambda: f"{key} = {value}, it is {self.bus.get(key)}")
 
@@ -46,6 +59,7 @@ class RestartsTest(phone.PhoneTest):
         phone.service("restart", "broker")
         self.log.wait("IPC connection lost: ")
         self.bus.wait_back()
+        self.wait_daemon_back()
         self.gate.set()
         self.wait_pass_end()
         self.wait_value("State.Provisioning.LockUI", "0")
