@@ -11,7 +11,12 @@ thread_local const std::string* loadedPath = nullptr;
 
 void swallowError(void*, xmlErrorPtr) {}
 
-void refuse(void* context) { xmlStopParser(static_cast<xmlParserCtxtPtr>(context)); }
+// Stopping alone would hand out what was read so far as a document.
+void refuse(void* context) {
+    const auto parser = static_cast<xmlParserCtxtPtr>(context);
+    parser->wellFormed = 0;
+    xmlStopParser(parser);
+}
 
 void refuseEntity(void* context, const xmlChar*, int, const xmlChar*, const xmlChar*, xmlChar*) { refuse(context); }
 
