@@ -4,15 +4,15 @@
 
 #include "ClockState.h"
 
-#include <algorithm>
-#include <cstdlib>
-#include <cstring>
 #include <dlfcn.h>
 #include <fcntl.h>
-#include <string>
 #include <sys/mman.h>
 #include <sys/time.h>
 #include <unistd.h>
+#include <algorithm>
+#include <cstdlib>
+#include <cstring>
+#include <string>
 
 #define EXPORT extern "C" __attribute__((visibility("default")))
 
@@ -30,24 +30,20 @@ std::int64_t machineNow(clockid_t clock) {
     return fromTimespec(time);
 }
 
-bool isDate(clockid_t clock) {
-    return clock == CLOCK_REALTIME || clock == CLOCK_REALTIME_COARSE || clock == CLOCK_TAI;
-}
+bool isDate(clockid_t clock) { return clock == CLOCK_REALTIME || clock == CLOCK_REALTIME_COARSE || clock == CLOCK_TAI; }
 
 // Programs that the daemon starts keep the machine's time: their environment names this library no longer.
 void forgetPreload() {
     unsetenv("PHONE_CLOCK");
     const char* list = getenv("LD_PRELOAD");
-    if (list == nullptr)
-        return;
+    if (list == nullptr) return;
     std::string kept;
     std::string rest = list;
     while (!rest.empty()) {
         const std::size_t end = std::min(rest.find_first_of(": "), rest.size());
         const std::string one = rest.substr(0, end);
         rest.erase(0, end + 1);
-        if (!one.empty() && one.find("phone-clock.so") == std::string::npos)
-            kept += (kept.empty() ? "" : ":") + one;
+        if (!one.empty() && one.find("phone-clock.so") == std::string::npos) kept += (kept.empty() ? "" : ":") + one;
     }
     if (kept.empty())
         unsetenv("LD_PRELOAD");
@@ -66,8 +62,7 @@ __attribute__((constructor)) void openClock() {
         }
         if (state == nullptr) {
             constexpr char complaint[] = "phone-clock.so: the file named by PHONE_CLOCK is no clock\n";
-            if (write(STDERR_FILENO, complaint, sizeof complaint - 1) < 0)
-                _exit(127);
+            if (write(STDERR_FILENO, complaint, sizeof complaint - 1) < 0) _exit(127);
             _exit(127);
         }
     }
@@ -95,8 +90,7 @@ bool isShifted(clockid_t clock) {
 }
 
 std::int64_t phoneNow(clockid_t clock) {
-    if (state == nullptr || !isShifted(clock))
-        return machineNow(clock);
+    if (state == nullptr || !isShifted(clock)) return machineNow(clock);
     const ClockReading reading = ClockReading::of(*state);
     const std::int64_t real = machineNow(CLOCK_MONOTONIC);
     return isDate(clock) ? reading.wall(machineNow(CLOCK_REALTIME), real) : reading.monotonic(real);
@@ -104,27 +98,23 @@ std::int64_t phoneNow(clockid_t clock) {
 
 std::int64_t slice(clockid_t clock, std::int64_t deadline) {
     const std::int64_t left = deadline - phoneNow(clock);
-    if (left <= 0)
-        return 0;
+    if (left <= 0) return 0;
     const double factor = state != nullptr && isShifted(clock) ? ClockReading::of(*state).factor : 1.0;
     const double machine = static_cast<double>(left) / factor;
-    if (machine >= static_cast<double>(LongestSlice))
-        return LongestSlice;
+    if (machine >= static_cast<double>(LongestSlice)) return LongestSlice;
     return std::max<std::int64_t>(static_cast<std::int64_t>(machine), 1000);
 }
 
 }  // namespace lab
 
 EXPORT int clock_gettime(clockid_t clock, timespec* time) noexcept {
-    if (!lab::isShifted(clock))
-        return lab::Real::functions().clockGettime(clock, time);
+    if (!lab::isShifted(clock)) return lab::Real::functions().clockGettime(clock, time);
     *time = lab::toTimespec(lab::phoneNow(clock));
     return 0;
 }
 
 EXPORT int gettimeofday(timeval* __restrict time, void* __restrict zone) noexcept {
-    if (zone != nullptr)
-        std::memset(zone, 0, sizeof(struct timezone));
+    if (zone != nullptr) std::memset(zone, 0, sizeof(struct timezone));
     const std::int64_t now = lab::phoneNow(CLOCK_REALTIME);
     *time = {now / lab::Second, now % lab::Second / 1000};
     return 0;
@@ -132,14 +122,12 @@ EXPORT int gettimeofday(timeval* __restrict time, void* __restrict zone) noexcep
 
 EXPORT time_t time(time_t* result) noexcept {
     const time_t now = lab::phoneNow(CLOCK_REALTIME) / lab::Second;
-    if (result != nullptr)
-        *result = now;
+    if (result != nullptr) *result = now;
     return now;
 }
 
 EXPORT int timespec_get(timespec* time, int base) noexcept {
-    if (base != TIME_UTC)
-        return 0;
+    if (base != TIME_UTC) return 0;
     *time = lab::toTimespec(lab::phoneNow(CLOCK_REALTIME));
     return base;
 }

@@ -26,9 +26,7 @@ bool isShifted(clockid_t clock);
 // change of factor or a jump is noticed. 0 when the deadline has come.
 std::int64_t slice(clockid_t clock, std::int64_t deadline);
 
-inline timespec toTimespec(std::int64_t time) {
-    return {time / Second, time % Second};
-}
+inline timespec toTimespec(std::int64_t time) { return {time / Second, time % Second}; }
 
 // Saturating: "for ever" is written as a huge number of seconds by some.
 inline std::int64_t fromTimespec(const timespec& time) {

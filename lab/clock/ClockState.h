@@ -35,8 +35,7 @@ struct ClockReading {
             reading.phoneBase = state.phoneBase.load(std::memory_order_acquire);
             reading.wallOffset = state.wallOffset.load(std::memory_order_acquire);
             reading.factor = state.factor.load(std::memory_order_acquire);
-            if (before % 2 == 0 && state.sequence.load(std::memory_order_acquire) == before)
-                return reading;
+            if (before % 2 == 0 && state.sequence.load(std::memory_order_acquire) == before) return reading;
         }
     }
 

@@ -3,17 +3,17 @@
 // the date only (local time), a factor holds from now on. The file is /run/phone/clock in the lab's phone.
 #include "ClockState.h"
 
+#include <fcntl.h>
+#include <sys/file.h>
+#include <sys/mman.h>
+#include <unistd.h>
 #include <cmath>
 #include <cstdlib>
 #include <ctime>
-#include <fcntl.h>
 #include <iostream>
 #include <new>
 #include <stdexcept>
 #include <string>
-#include <sys/file.h>
-#include <sys/mman.h>
-#include <unistd.h>
 
 namespace {
 
@@ -48,8 +48,7 @@ lab::ClockState& map(const std::string& path, bool create) {
     if (file < 0 || flock(file, LOCK_EX) != 0 || (create && ftruncate(file, sizeof(lab::ClockState)) != 0))
         throw std::runtime_error("cannot open " + path);
     void* memory = mmap(nullptr, sizeof(lab::ClockState), PROT_READ | PROT_WRITE, MAP_SHARED, file, 0);
-    if (memory == MAP_FAILED)
-        throw std::runtime_error("cannot map " + path);
+    if (memory == MAP_FAILED) throw std::runtime_error("cannot map " + path);
     // The descriptor stays open on purpose: it holds the lock until the process ends.
     return *static_cast<lab::ClockState*>(memory);
 }
@@ -75,11 +74,9 @@ void run(int count, char** words) {
         fresh->magic = lab::ClockState::Magic;
         return;
     }
-    if (state.magic != lab::ClockState::Magic)
-        throw std::runtime_error(std::string(words[1]) + " is no clock");
+    if (state.magic != lab::ClockState::Magic) throw std::runtime_error(std::string(words[1]) + " is no clock");
     lab::ClockReading clock = lab::ClockReading::of(state);
-    if (action == "show")
-        return show(clock);
+    if (action == "show") return show(clock);
 
     const std::int64_t real = now(CLOCK_MONOTONIC);
     clock.phoneBase = clock.monotonic(real);

@@ -2,16 +2,16 @@
 // invisible: a wait returns for its own reasons only, and EINTR and signals arrive as ever.
 #include "Clock.h"
 
-#include <algorithm>
-#include <array>
-#include <atomic>
-#include <cerrno>
-#include <csignal>
 #include <poll.h>
 #include <pthread.h>
 #include <sys/epoll.h>
 #include <sys/select.h>
 #include <unistd.h>
+#include <algorithm>
+#include <array>
+#include <atomic>
+#include <cerrno>
+#include <csignal>
 
 #define EXPORT extern "C" __attribute__((visibility("default")))
 
@@ -51,12 +51,9 @@ int waitOnCondition(pthread_cond_t* condition, pthread_mutex_t* mutex, clockid_t
         Real::functions().clockGettime(CLOCK_MONOTONIC, &end);
         end = toTimespec(fromTimespec(end) + length);
         const int result = realWait(condition, mutex, CLOCK_MONOTONIC, &end);
-        if (result != ETIMEDOUT)
-            return result;
-        if (count.load() != before)
-            return 0;
-        if (length == 0)
-            return ETIMEDOUT;
+        if (result != ETIMEDOUT) return result;
+        if (count.load() != before) return 0;
+        if (length == 0) return ETIMEDOUT;
     }
 }
 
@@ -65,8 +62,7 @@ int sleepUntil(clockid_t clock, std::int64_t deadline, timespec* left) {
         const timespec time = toTimespec(length);
         if (Real::functions().nanosleep(&time, nullptr) != 0) {
             const int error = errno;
-            if (left != nullptr)
-                *left = toTimespec(std::max<std::int64_t>(deadline - phoneNow(clock), 0));
+            if (left != nullptr) *left = toTimespec(std::max<std::int64_t>(deadline - phoneNow(clock), 0));
             return error;
         }
     }
@@ -76,14 +72,12 @@ int sleepUntil(clockid_t clock, std::int64_t deadline, timespec* left) {
 // Repeats `wait(length of the slice)` until it finds something, fails, or the time is up.
 template <typename Wait>
 int waitSliced(std::int64_t duration, Wait wait) {
-    if (duration == 0)
-        return wait(0);
+    if (duration == 0) return wait(0);
     const std::int64_t deadline = phoneNow(CLOCK_MONOTONIC) + duration;
     for (;;) {
         const std::int64_t length = slice(CLOCK_MONOTONIC, deadline);
         const int result = wait(length);
-        if (result != 0 || length == 0)
-            return result;
+        if (result != 0 || length == 0) return result;
     }
 }
 
@@ -111,17 +105,14 @@ int pollAny(pollfd* descriptors, nfds_t count, int milliseconds) {
 int pselectAny(int count, fd_set* read, fd_set* write, fd_set* except, const timespec* time, const sigset_t* mask) {
     using Pselect = int (*)(int, fd_set*, fd_set*, fd_set*, const timespec*, const sigset_t*);
     static const Pselect realPselect = real<Pselect>("pselect");
-    if (time == nullptr)
-        return realPselect(count, read, write, except, nullptr, mask);
+    if (time == nullptr) return realPselect(count, read, write, except, nullptr, mask);
     const std::array<fd_set*, 3> sets{read, write, except};
     std::array<fd_set, 3> asked{};
     for (std::size_t i = 0; i < sets.size(); ++i)
-        if (sets[i] != nullptr)
-            asked[i] = *sets[i];
+        if (sets[i] != nullptr) asked[i] = *sets[i];
     return waitSliced(fromTimespec(*time), [&](std::int64_t length) {
         for (std::size_t i = 0; i < sets.size(); ++i)
-            if (sets[i] != nullptr)
-                *sets[i] = asked[i];
+            if (sets[i] != nullptr) *sets[i] = asked[i];
         const timespec part = toTimespec(length);
         return realPselect(count, read, write, except, &part, mask);
     });
@@ -163,8 +154,7 @@ EXPORT int clock_nanosleep(clockid_t clock, int flags, const timespec* time, tim
 
 EXPORT int nanosleep(const timespec* time, timespec* left) {
     const int error = sleepUntil(CLOCK_MONOTONIC, phoneNow(CLOCK_MONOTONIC) + fromTimespec(*time), left);
-    if (error == 0)
-        return 0;
+    if (error == 0) return 0;
     errno = error;
     return -1;
 }
@@ -204,8 +194,7 @@ EXPORT int pselect(int count, fd_set* __restrict read, fd_set* __restrict write,
 
 EXPORT int select(int count, fd_set* __restrict read, fd_set* __restrict write, fd_set* __restrict except,
                   timeval* __restrict time) {
-    if (time == nullptr)
-        return pselectAny(count, read, write, except, nullptr, nullptr);
+    if (time == nullptr) return pselectAny(count, read, write, except, nullptr, nullptr);
     const timespec converted{time->tv_sec, time->tv_usec * 1000};
     return pselectAny(count, read, write, except, &converted, nullptr);
 }
@@ -213,8 +202,7 @@ EXPORT int select(int count, fd_set* __restrict read, fd_set* __restrict write, 
 EXPORT int epoll_pwait(int epoll, epoll_event* events, int most, int milliseconds, const sigset_t* mask) {
     using EpollPwait = int (*)(int, epoll_event*, int, int, const sigset_t*);
     static const EpollPwait realWait = real<EpollPwait>("epoll_pwait");
-    if (milliseconds < 0)
-        return realWait(epoll, events, most, milliseconds, mask);
+    if (milliseconds < 0) return realWait(epoll, events, most, milliseconds, mask);
     return waitSliced(milliseconds * Millisecond, [&](std::int64_t length) {
         const auto rounded = static_cast<int>((length + Millisecond - 1) / Millisecond);
         return realWait(epoll, events, most, rounded, mask);

@@ -1,7 +1,11 @@
 // clock-probe WAY SECONDS: waits in that way and says how it ended and how long it took by the clock it sees.
-// clock-probe turns N: two threads hand a turn to and fro, each in a wait of an hour; says how many wakes were for nothing.
-// A turn lasts about as long as the waits' slices, so that signals meet slices that are just ending.
+// clock-probe turns N: two threads hand a turn to and fro, each in a wait of an hour; says how many wakes were for
+// nothing. A turn lasts about as long as the waits' slices, so that signals meet slices that are just ending.
 // clock-probe child: prints its own date and then that of a program it starts.
+#include <poll.h>
+#include <sys/epoll.h>
+#include <sys/select.h>
+#include <unistd.h>
 #include <chrono>
 #include <condition_variable>
 #include <cstdlib>
@@ -9,12 +13,8 @@
 #include <iostream>
 #include <map>
 #include <mutex>
-#include <poll.h>
 #include <string>
-#include <sys/epoll.h>
-#include <sys/select.h>
 #include <thread>
-#include <unistd.h>
 
 namespace {
 
@@ -46,8 +46,7 @@ const char* pollFor(seconds time) {
 
 const char* selectFor(seconds time) {
     int ends[2];
-    if (pipe(ends) != 0)
-        return "failed";
+    if (pipe(ends) != 0) return "failed";
     fd_set set;
     FD_ZERO(&set);
     FD_SET(ends[0], &set);
@@ -105,9 +104,9 @@ int main(int count, char** words) {
         std::cout << takeTurns(number) << std::endl;
         return 0;
     }
-    const std::map<std::string, const char* (*)(seconds)> ways{
-        {"wait_for", waitFor}, {"wait_until", waitUntilDate}, {"sleep", sleepFor},
-        {"poll", pollFor},     {"select", selectFor},         {"epoll", epollFor}};
+    const std::map<std::string, const char* (*)(seconds)> ways{{"wait_for", waitFor}, {"wait_until", waitUntilDate},
+                                                               {"sleep", sleepFor},   {"poll", pollFor},
+                                                               {"select", selectFor}, {"epoll", epollFor}};
     const steady_clock::time_point before = steady_clock::now();
     std::cout << "begin" << std::endl;
     const char* const end = ways.at(way)(seconds(number));

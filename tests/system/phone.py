@@ -47,8 +47,28 @@ def service(action, name, check=True):
 
 
 def clock(*words):
-    """Sets the daemon's clock: ("factor", 100), ("jump", 600), ("date", "2026-11-20 03:50:00.4")."""
+    """Sets the daemon's clock: ("factor", 100), ("date", "2026-11-20 03:50:00.4")."""
     subprocess.run(["phone-clock", f"{HOME}/clock", *map(str, words)], check=True, timeout=10)
+
+
+def asleep(pid):
+    """Whether every thread of the process sleeps."""
+    for task in os.listdir(f"/proc/{pid}/task"):
+        try:
+            with open(f"/proc/{pid}/task/{task}/stat", encoding="ascii") as file:
+                if file.read().rsplit(")", 1)[1].split()[0] != "S":
+                    return False
+        except FileNotFoundError:
+            pass  # a thread that has ended meanwhile
+    return True
+
+
+def jump(seconds):
+    """Moves the daemon's clock ahead, once its threads wait: a wait that has not begun would begin after the jump."""
+    with open(f"{HOME}/daemon.pid", encoding="ascii") as file:
+        pid = int(file.read())
+    wait_until(lambda: asleep(pid), "all threads of the daemon asleep")
+    clock("jump", seconds)
 
 
 class Log:

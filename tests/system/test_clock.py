@@ -7,6 +7,8 @@ import tempfile
 import time
 import unittest
 
+import phone
+
 BUILD = os.environ["LAB_BUILD"]
 WAYS = ("wait_for", "wait_until", "sleep", "poll", "select", "epoll")
 
@@ -31,6 +33,13 @@ class ClockTest(unittest.TestCase):
         self.addCleanup(probe.kill)
         return probe
 
+    def begun(self, *words):
+        """A probe that has fallen asleep in its wait: not before that is the wait's end fixed."""
+        probe = self.probe(*words)
+        self.assertEqual(probe.stdout.readline(), "begin\n")
+        phone.wait_until(lambda: phone.asleep(probe.pid), "the probe asleep")
+        return probe
+
     def finish(self, probe):
         out, _ = probe.communicate(timeout=30)
         self.assertEqual(probe.returncode, 0, out)
@@ -40,8 +49,7 @@ class ClockTest(unittest.TestCase):
         for way in WAYS:
             with self.subTest(way):
                 self.clock("factor", 1)
-                probe = self.probe(way, 900)
-                self.assertEqual(probe.stdout.readline(), "begin\n")
+                probe = self.begun(way, 900)
                 begin = time.monotonic()
                 self.clock("factor", 1000)
                 end, seconds = self.finish(probe)
@@ -54,8 +62,7 @@ class ClockTest(unittest.TestCase):
         for way in WAYS:
             with self.subTest(way):
                 self.clock("factor", 1)
-                probe = self.probe(way, 900)
-                self.assertEqual(probe.stdout.readline(), "begin\n")
+                probe = self.begun(way, 900)
                 self.clock("jump", 700)
                 with self.assertRaises(subprocess.TimeoutExpired):
                     probe.wait(0.2)
@@ -78,8 +85,7 @@ class ClockTest(unittest.TestCase):
         self.assertEqual((preload, file), ("none", "none"))
 
     def test_a_date_moves_the_date_and_no_wait(self):
-        probe = self.probe("wait_for", 900)
-        self.assertEqual(probe.stdout.readline(), "begin\n")
+        probe = self.begun("wait_for", 900)
         self.clock("date", "2030-01-02 03:04:05.250")
         with self.assertRaises(subprocess.TimeoutExpired):
             probe.wait(0.2)

@@ -51,11 +51,11 @@ class TimerTest(phone.PhoneTest):
         for _ in range(3):
             self.log.mark()
             self.bus.mark()
-            phone.clock("jump", 590)
+            phone.jump(590)
             self.alive()  # something to see pass by: ten seconds are left
             self.bus.wait_message("prov-client/watchdog")
             self.log.none(["Provisioning timer: Provisioning ready to go"])
-            phone.clock("jump", 11)
+            phone.jump(11)
             self.wait_pass_end()
             self.log.in_order(["Provisioning timer: Provisioning ready to go",
                                "Provisioning timer: Preparing to restart timer",
@@ -70,7 +70,7 @@ class TimerTest(phone.PhoneTest):
         self.set_period("0")
         self.log.in_order(["Setting provisioning for night", "Next provisioning time is at 'Fri Nov 20 03:53:15 2026'",
                            "That means you have to wait 6794 seconds."])
-        phone.clock("jump", 6780)
+        phone.jump(6780)
         self.alive()
         self.bus.wait_message("prov-client/watchdog")
         self.log.none(["Provisioning timer: Provisioning ready to go"])
@@ -82,13 +82,13 @@ class TimerTest(phone.PhoneTest):
                            "Provisioning timer: Preparing to restart timer", "Setting provisioning for night",
                            "Next provisioning time is at 'Sat Nov 21 03:53:15 2026'",
                            "That means you have to wait 863"])
-        phone.clock("jump", 80_000)
+        phone.jump(80_000)
         self.alive()
         self.bus.wait_message("prov-client/watchdog", 2)
         self.assertEqual(self.log.count("Provisioning timer: Provisioning ready to go"), 1)
         self.assertEqual(self.log.count("Provisioning succeeded. "), 1)
         self.log.mark()
-        phone.clock("jump", 6_500)
+        phone.jump(6_500)
         self.wait_pass_end()
         self.assertEqual(self.log.count("Provisioning timer: Provisioning ready to go"), 1)
 
@@ -102,7 +102,7 @@ class TimerTest(phone.PhoneTest):
         phone.clock("date", "2026-11-20 12:00:00")
         self.set_period("600")
         phone.clock("date", "2026-11-01 12:00:00")
-        phone.clock("jump", 601)
+        phone.jump(601)
         self.wait_pass_end()
         self.assertEqual(self.log.count("Provisioning timer: Provisioning ready to go"), 1)
 
