@@ -4,8 +4,12 @@
 
 #include <cerrno>
 #include <exception>
+#include <iterator>
+#include <optional>
+#include <string>
 #include <system_error>
 #include <utility>
+#include <vector>
 
 #include "Certificates.h"
 #include "debug/Debug.h"
@@ -26,50 +30,69 @@ bool exists(const char* path) {
     return ::stat(path, &status) == 0 || errno != ENOENT;
 }
 
-// Adds what can be read; the rest is told, and the phone goes on with what it has.
-void addBundle(const char* path, Absence absence, std::vector<std::string>& certificates) {
-    if (absence == Absence::normal && !exists(path)) return;
+// What can be read counts; the rest is told, and the phone goes on with what it has.
+std::string readBundle(const char* path, Absence absence) {
+    if (absence == Absence::normal && !exists(path)) return "";
     try {
-        Certificates found = certificatesFromPem(readFile(path, bundleLimit, Links::follow));
-        if (found.damaged > 0) {
-            dbg::Debug::warning() << "Certificate bundle " << path << ": " << found.damaged
-                                  << " damaged entries, ignored" << std::endl;
-        }
-        certificates.insert(certificates.end(), std::make_move_iterator(found.der.begin()),
-                            std::make_move_iterator(found.der.end()));
+        return readFile(path, bundleLimit, Links::follow);
     } catch (const std::exception& exception) {
         dbg::Debug::warning() << "Certificate bundle: " << exception.what() << std::endl;
+        return "";
     }
 }
 
-std::shared_ptr<const TrustedCertificates> readBundles() {
-    std::vector<std::string> certificates;
-    addBundle(systemBundle, Absence::remarkable, certificates);
-    addBundle(phoneBundle, Absence::normal, certificates);
-    return std::make_shared<const TrustedCertificates>(std::move(certificates));
+// The bundles as they were at one moment.
+struct Bundles {
+    std::string system = readBundle(systemBundle, Absence::remarkable);
+    std::string phone = readBundle(phoneBundle, Absence::normal);
+};
+
+std::shared_ptr<const TrustedCertificates> decode(const Bundles& bundles) {
+    Certificates all = certificatesFromPem(bundles.system, Parse::no);
+    Certificates own = certificatesFromPem(bundles.phone, Parse::yes);
+    if (all.damaged > 0) {
+        dbg::Debug::warning() << "Certificate bundle " << systemBundle << ": " << all.damaged
+                              << " damaged entries, ignored" << std::endl;
+    }
+    if (own.damaged > 0) {
+        dbg::Debug::warning() << "Certificate bundle " << phoneBundle << ": " << own.damaged
+                              << " damaged entries, ignored" << std::endl;
+    }
+    all.der.insert(all.der.end(), std::make_move_iterator(own.der.begin()), std::make_move_iterator(own.der.end()));
+    return std::make_shared<const TrustedCertificates>(std::move(all.der));
 }
 
 }  // namespace
 
 struct Security::State {
-    explicit State(const std::shared_ptr<const TrustedCertificates>& first) : trusted(first), notified(first) {}
+    // What is trusted; with the mutex held. The first bundles are decoded when somebody wants to know: a start-up
+    // does not.
+    const std::shared_ptr<const TrustedCertificates>& current() {
+        if (trusted == nullptr) {
+            trusted = notified = decode(*first);
+            first.reset();
+        }
+        return trusted;
+    }
 
-    mutable std::mutex mutex;
+    std::mutex mutex;
     // Guarded by mutex.
+    std::optional<Bundles> first = Bundles();
     std::shared_ptr<const TrustedCertificates> trusted;
     std::shared_ptr<const TrustedCertificates> notified;  // what the phone was told last
 };
 
 Security::Security(std::shared_ptr<propertyapi::IPropertyApi> properties)
-    : properties_(std::move(properties)), state_(std::make_unique<State>(readBundles())) {}
+    : properties_(std::move(properties)), state_(std::make_unique<State>()) {}
 
 Security::~Security() = default;
 
 void Security::reloadCertificates() {
     try {
-        auto read = readBundles();
+        const Bundles bundles;
         const std::lock_guard<std::mutex> lock(state_->mutex);
-        if (!read->sameAs(*state_->trusted)) state_->trusted = std::move(read);
+        auto read = decode(bundles);
+        if (!read->sameAs(*state_->current())) state_->trusted = std::move(read);
     } catch (const std::exception& exception) {
         dbg::Debug::error() << "Certificates were not reloaded: " << exception.what() << std::endl;
     }
@@ -80,7 +103,7 @@ void Security::notifySystemAboutNewCertificates() {
         std::size_t count = 0;
         {
             const std::lock_guard<std::mutex> lock(state_->mutex);
-            if (state_->trusted->sameAs(*state_->notified)) return;
+            if (state_->trusted == state_->notified || state_->trusted->sameAs(*state_->notified)) return;
             state_->notified = state_->trusted;
             count = state_->trusted->count();
         }
@@ -93,13 +116,13 @@ void Security::notifySystemAboutNewCertificates() {
 int Security::checkCertificate(const std::string& path) {
     const std::string bytes = readFile(path, certificateLimit, Links::refuse);
     if (isValidToday(bytes)) return 1;
-    const Certificates found = certificatesFromPem(bytes);
+    const Certificates found = certificatesFromPem(bytes, Parse::yes);
     return found.der.size() == 1 && found.damaged == 0 && isValidToday(found.der.front()) ? 1 : 0;
 }
 
 std::shared_ptr<const TrustedCertificates> Security::trustedCertificates() const {
     const std::lock_guard<std::mutex> lock(state_->mutex);
-    return state_->trusted;
+    return state_->current();
 }
 
 }  // namespace zav
