@@ -32,6 +32,7 @@ const std::string partSuccessWord = "partSuccess";
 const std::string failWord = "fail";
 const std::string noVersionWord = "no_version";
 const std::string bootUpDoneWord = "done";
+const std::string provisioningSource = "provisioning";
 
 const std::string phoneSystemTypeKey = "Telephony.PhoneSystem.Type";
 const std::string phoneSystemTypes[4] = {"3", "7", "8", "9"};

@@ -39,6 +39,7 @@ extern const std::string partSuccessWord;
 extern const std::string failWord;
 extern const std::string noVersionWord;
 extern const std::string bootUpDoneWord;
+extern const std::string provisioningSource;  // who writes settings
 
 // Phone system types
 extern const std::string phoneSystemTypeKey;

@@ -33,6 +33,8 @@ std::string textOf(const Json::Value& object, const std::string& name) {
 // What is no JSON object has the empty key.
 Message parse(const std::string& content) {
     Json::CharReaderBuilder builder;
+    builder["allowTrailingCommas"] = false;
+    builder["skipBom"] = false;
     const std::unique_ptr<Json::CharReader> reader(builder.newCharReader());
     Json::Value object;
     try {
@@ -77,11 +79,23 @@ void Dispatcher::startListening() {
     }
 }
 
-void Dispatcher::stopListening() {
+Dispatcher::~Dispatcher() {
+    try {
+        letGoOfBus();
+    } catch (const std::exception& e) {
+        dbg::Debug::warning() << "Cannot disconnect IPC " << e.what() << std::endl;
+    }
+}
+
+void Dispatcher::letGoOfBus() {
     stopping_.stop();
     worker_.stop();
+    bus_->disconnect();
+}
+
+void Dispatcher::stopListening() {
     try {
-        bus_->disconnect();
+        letGoOfBus();
     } catch (const ipc::IPCException& e) {
         dbg::Debug::warning() << "Cannot disconnect IPC " << e.what() << std::endl;
     }

@@ -26,7 +26,9 @@ class Dispatcher : public ipc::IIPCCallback {
  public:
     Dispatcher(std::shared_ptr<ipc::IIPCClient> bus, std::shared_ptr<propertyapi::IPropertyApi> properties,
                ProvisioningTimer& timer, std::shared_ptr<Curl> http, Security& security);
-    ~Dispatcher() override = default;
+
+    /// Lets go of the bus if stopListening did not: start-up may end in an exception.
+    ~Dispatcher() override;
     Dispatcher(const Dispatcher&) = delete;
     Dispatcher& operator=(const Dispatcher&) = delete;
 
@@ -37,8 +39,8 @@ class Dispatcher : public ipc::IIPCCallback {
     /// Subscribes and connects; from here on messages are logged. Throws std::runtime_error when the bus refuses.
     virtual void startListening();
 
-    /// Lets go of the bus: a request that waits behind a pass is dropped, a held watchdog query stays unanswered, and no
-    /// callback runs any more. The pass in hand goes on.
+    /// Lets go of the bus: a request that waits behind a pass is dropped, a held watchdog query stays unanswered, and
+    /// no callback runs any more. The pass in hand goes on.
     virtual void stopListening();
 
     /// From here on messages are acted on.
@@ -51,6 +53,7 @@ class Dispatcher : public ipc::IIPCCallback {
  private:
     using Handler = void (Dispatcher::*)(const std::string& value);
 
+    void letGoOfBus();
     void dispatch(const std::string& content);
     void setDebugLevelMask(const std::string& value);
     void setTimerPeriod(const std::string& value);

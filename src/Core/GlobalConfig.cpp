@@ -13,7 +13,7 @@ namespace {
 
 struct Values {
     std::mutex mutex;
-    std::string softwareVersion;     // guarded by mutex, like those below
+    std::string softwareVersion;  // guarded by mutex, like those below
     std::string settingsVersion;
     std::string customVersion;
     std::string provisioningServer;

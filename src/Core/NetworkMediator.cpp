@@ -40,21 +40,22 @@ NetworkMediator::~NetworkMediator() {
 
 void NetworkMediator::start(std::shared_ptr<Dispatcher> dispatcher, Check isReady) {
     const std::lock_guard<std::mutex> lock(shared_->mutex);
-    shared_->thread = std::thread([shared = shared_, held = std::move(dispatcher), check = std::move(isReady)]() mutable {
-        {
-            const std::lock_guard<std::mutex> started(shared->mutex);
-        }
-        try {
-            run(shared, held, check);
-        } catch (const std::exception& e) {
-            dbg::Debug::error() << "Network state checker failed: " << e.what() << std::endl;
-        }
-        held.reset();
-        const std::lock_guard<std::mutex> ending(shared->mutex);
-        if (shared->thread.joinable()) shared->thread.detach();
-        shared->running = false;
-        shared->ended.notify_all();
-    });
+    shared_->thread =
+        std::thread([shared = shared_, held = std::move(dispatcher), check = std::move(isReady)]() mutable {
+            { const std::lock_guard<std::mutex> started(shared->mutex); }
+            try {
+                run(shared, held, check);
+            } catch (const std::exception& e) {
+                dbg::Debug::error() << "Network state checker failed: " << e.what() << std::endl;
+            } catch (...) {
+                dbg::Debug::error() << "Network state checker failed" << std::endl;
+            }
+            held.reset();
+            const std::lock_guard<std::mutex> ending(shared->mutex);
+            if (shared->thread.joinable()) shared->thread.detach();
+            shared->running = false;
+            shared->ended.notify_all();
+        });
     shared_->running = true;
 }
 

@@ -1,5 +1,6 @@
 // Waits until the network is usable and has settled, and then enables provisioning. Once a process, on a thread of its
-// own, which nobody has to join; destroying the mediator ends its waits and returns when it has let go of the dispatcher.
+// own, which nobody has to join; destroying the mediator ends its waits and returns when it has let go of the
+// dispatcher.
 #pragma once
 
 #include <chrono>

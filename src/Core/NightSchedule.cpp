@@ -36,7 +36,8 @@ std::chrono::seconds nightOffset() {
     return std::chrono::seconds(drawNightOffset(constants::macAddressKey, earliest, latest));
 }
 
-std::chrono::system_clock::time_point nextNight(std::chrono::system_clock::time_point now, std::chrono::seconds offset) {
+std::chrono::system_clock::time_point nextNight(std::chrono::system_clock::time_point now,
+                                                std::chrono::seconds offset) {
     using std::chrono::system_clock;
     const std::time_t seconds = system_clock::to_time_t(now);
     tzset();  // localtime_r, unlike localtime, need not notice a new time zone

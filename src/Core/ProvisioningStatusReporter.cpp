@@ -19,19 +19,26 @@ constexpr const char* jobStatus = "jobStatus";
 // "FileDownloadHandler" and "file" are absent on purpose: those jobs do not count in the overall status.
 const std::map<std::string, std::string>& jobCategoryByName() {
     static const std::map<std::string, std::string> categories{
-        {"NVMJobHandler", "nvm"}, {"nvm", "nvm"},
-        {"CustomScenarioJobHandler", "custom"}, {"custom", "custom"},
-        {"FirmwareJobHandler", "firmware"}, {"firmware", "firmware"},
+        {"NVMJobHandler", "nvm"},
+        {"nvm", "nvm"},
+        {"CustomScenarioJobHandler", "custom"},
+        {"custom", "custom"},
+        {"FirmwareJobHandler", "firmware"},
+        {"firmware", "firmware"},
     };
     return categories;
 }
 
 std::string wordOf(int result) {
     switch (result) {
-        case jobFail: return constants::failWord;
-        case jobPartSuccess: return constants::partSuccessWord;
-        case jobSuccess: return constants::successWord;
-        default: return {};
+        case jobFail:
+            return constants::failWord;
+        case jobPartSuccess:
+            return constants::partSuccessWord;
+        case jobSuccess:
+            return constants::successWord;
+        default:
+            return {};
     }
 }
 

@@ -36,8 +36,8 @@ class ProvisioningTimer {
     ProvisioningTimer(const ProvisioningTimer&) = delete;
     ProvisioningTimer& operator=(const ProvisioningTimer&) = delete;
 
-    /// Restarts the timer from now; `period` in seconds, 0 for once a night. Throws std::system_error when no thread can
-    /// be started.
+    /// Restarts the timer from now; `period` in seconds, 0 for once a night. Throws std::system_error when no thread
+    /// can be started.
     virtual void start(unsigned period);
 
     /// Ends the timer thread and waits for its end; does nothing when it is not running.

@@ -4,6 +4,7 @@
 #include <net/if.h>
 #include <netinet/in.h>
 #include <sys/socket.h>
+#include <sys/time.h>
 #include <unistd.h>
 
 #include <chrono>
@@ -19,6 +20,7 @@ namespace {
 
 constexpr const char* interfaceNamePattern = "eth";
 constexpr const char* localServerAddress = "127.0.0.1";
+constexpr timeval connectTimeout{5, 0};  // a server that is too busy to accept must not hold the process's end
 constexpr unsigned shortestPeriod = 600;
 constexpr unsigned longestPeriod = 86400;
 constexpr const char* firmwareDirectory = "/config/swupdate/";
@@ -71,6 +73,7 @@ bool canConnect(const addrinfo* addresses, const std::string& host) {
     for (const addrinfo* address = addresses; address != nullptr; address = address->ai_next) {
         const int socket = ::socket(address->ai_family, address->ai_socktype | SOCK_CLOEXEC, address->ai_protocol);
         if (socket < 0) continue;
+        setsockopt(socket, SOL_SOCKET, SO_SNDTIMEO, &connectTimeout, sizeof connectTimeout);
         const bool connected = ::connect(socket, address->ai_addr, address->ai_addrlen) == 0;
         ::close(socket);
         if (connected) {

@@ -24,7 +24,7 @@ void clearReportedError(std::string& lastError, bool ok);
 bool isNetworkInterfaceUp(const ifaddrs* interfaces);
 bool isNetworkInterfaceUp();
 
-/// Whether one of the addresses accepts a TCP connection. `host` is for the messages. Blocks.
+/// Whether one of the addresses accepts a TCP connection. `host` is for the messages. Blocks, 5 s an address at most.
 bool canConnect(const addrinfo* addresses, const std::string& host);
 
 /// Whether the wired interface is up and the phone's own web server accepts connections. Blocks.

@@ -1,20 +1,29 @@
 #include "xml/EntityLoader.h"
 
+#include <libxml/SAX2.h>
+#include <libxml/parser.h>
 #include <libxml/parserInternals.h>
+#include <libxml/xmlIO.h>
 #include <libxml/xmlerror.h>
+#include <unistd.h>
 
 namespace zav::xml {
 
 namespace {
 
-thread_local const std::string* loadedPath = nullptr;
+struct Document {
+    const std::string* path = nullptr;
+    int file = -1;  // -1: libxml2 has it
+    unsigned nodes = 0;
+};
+
+thread_local Document document;
 
 void swallowError(void*, xmlErrorPtr) {}
 
-// Stopping alone would hand out what was read so far as a document.
 void refuse(void* context) {
-    const auto parser = static_cast<xmlParserCtxtPtr>(context);
-    parser->wellFormed = 0;
+    auto* const parser = static_cast<xmlParserCtxtPtr>(context);
+    parser->wellFormed = 0;  // stopping alone would leave a document of what was read so far
     xmlStopParser(parser);
 }
 
@@ -30,25 +39,64 @@ void refuseAttributeList(void* context, const xmlChar*, const xmlChar*, int, int
     refuse(context);
 }
 
+bool fits(void* context, unsigned nodes) {
+    document.nodes += nodes;
+    if (document.nodes <= maximumNodes) return true;
+    refuse(context);
+    return false;
+}
+
+void countElement(void* context, const xmlChar* name, const xmlChar* prefix, const xmlChar* uri, int namespaceCount,
+                  const xmlChar** namespaces, int attributeCount, int defaulted, const xmlChar** attributes) {
+    if (!fits(context, 1 + static_cast<unsigned>(attributeCount) + static_cast<unsigned>(namespaceCount))) return;
+    xmlSAX2StartElementNs(context, name, prefix, uri, namespaceCount, namespaces, attributeCount, defaulted,
+                          attributes);
+}
+
+void countComment(void* context, const xmlChar* text) {
+    if (fits(context, 1)) xmlSAX2Comment(context, text);
+}
+
+void countInstruction(void* context, const xmlChar* target, const xmlChar* data) {
+    if (fits(context, 1)) xmlSAX2ProcessingInstruction(context, target, data);
+}
+
+void countCdata(void* context, const xmlChar* text, int length) {
+    if (fits(context, 1)) xmlSAX2CDataBlock(context, text, length);
+}
+
 }  // namespace
 
-xmlParserInputPtr loadOnlyTheDocument(const char* url, const char*, xmlParserCtxtPtr context) {
-    if (loadedPath == nullptr || url == nullptr || context == nullptr || *loadedPath != url) return nullptr;
-    // Only the document itself gets here, before anything of it is parsed: the place to watch its declarations.
+_xmlParserInput* loadOnlyTheDocument(const char* url, const char*, _xmlParserCtxt* context) {
+    const bool isDocument =
+        document.file >= 0 && url != nullptr && context != nullptr && *document.path == url && context->sax != nullptr;
+    if (!isDocument) return nullptr;
+    // Nothing of the document has been parsed yet: the place to watch what it declares and how much it holds.
     context->sax->entityDecl = refuseEntity;
     context->sax->unparsedEntityDecl = refuseUnparsedEntity;
     context->sax->attributeDecl = refuseAttributeList;
-    return xmlNewInputFromFile(context, url);
+    context->sax->startElementNs = countElement;
+    context->sax->comment = countComment;
+    context->sax->processingInstruction = countInstruction;
+    context->sax->cdataBlock = countCdata;
+
+    xmlParserInputBufferPtr buffer = xmlParserInputBufferCreateFd(document.file, XML_CHAR_ENCODING_NONE);
+    if (buffer == nullptr) return nullptr;
+    document.file = -1;  // closed with the buffer
+    xmlParserInputPtr input = xmlNewIOInputStream(context, buffer, XML_CHAR_ENCODING_NONE);
+    if (input == nullptr) xmlFreeParserInputBuffer(buffer);
+    return input;
 }
 
-DocumentScope::DocumentScope(const std::string& path) {
-    loadedPath = &path;
+DocumentScope::DocumentScope(const std::string& path, int file) {
+    document = {&path, file, 0};
     xmlSetStructuredErrorFunc(nullptr, swallowError);
 }
 
 DocumentScope::~DocumentScope() {
     xmlSetStructuredErrorFunc(nullptr, nullptr);
-    loadedPath = nullptr;
+    if (document.file >= 0) close(document.file);
+    document = {};
 }
 
 }  // namespace zav::xml

@@ -1,21 +1,29 @@
-// What libxml2 may open: the document that this thread is loading, and nothing else. Included by the sources of xml/ only.
+// What libxml2 may open: the document that this thread is loading, and nothing else. For the sources of xml/ only.
 #pragma once
 
-#include <libxml/parser.h>
-
 #include <string>
+
+struct _xmlParserCtxt;
+struct _xmlParserInput;
 
 namespace zav::xml {
 
 /// libxml2's external-entity loader, through which it opens documents too. It refuses everything but the document
-/// of the DocumentScope alive on the calling thread, and makes that document fail when it declares entities or
-/// default attributes: both multiply a small file into gigabytes while it is parsed.
-xmlParserInputPtr loadOnlyTheDocument(const char* url, const char* id, xmlParserCtxtPtr context);
+/// of the DocumentScope alive on the calling thread. That document is read from the scope's descriptor, byte by byte
+/// as it is (libxml2 opening the name would inflate gzip, xz and lzma files), and is made to fail when it declares
+/// entities or default attributes, which multiply a small file into gigabytes while it is parsed, or has more than
+/// maximumNodes nodes.
+_xmlParserInput* loadOnlyTheDocument(const char* url, const char* id, _xmlParserCtxt* context);
 
-/// While it lives, `path` is the one file that libxml2 may open on this thread, and libxml2 prints nothing.
+/// Elements, attributes, comments and the like together: 250,000 items of four attributes.
+constexpr unsigned maximumNodes = 1250000;
+
+/// While it lives, `file` is the one that libxml2 may read on this thread, by the name `path`, and libxml2 prints
+/// nothing.
 class DocumentScope {
  public:
-    explicit DocumentScope(const std::string& path);
+    /// Takes the descriptor over.
+    DocumentScope(const std::string& path, int file);
     ~DocumentScope();
     DocumentScope(const DocumentScope&) = delete;
     DocumentScope& operator=(const DocumentScope&) = delete;

@@ -6,9 +6,6 @@
 #include <sys/stat.h>
 #include <unistd.h>
 
-#include <array>
-#include <cstring>
-
 #include "xml/EntityLoader.h"
 
 namespace zav {
@@ -19,26 +16,16 @@ std::string text(const xmlChar* string) {
     return string == nullptr ? std::string() : std::string(reinterpret_cast<const char*>(string));
 }
 
-// libxml2 opens gzip and xz files as if they were their content, whatever that grows to.
-bool isCompressed(int file) {
-    std::array<unsigned char, 6> head{};
-    const ssize_t count = pread(file, head.data(), head.size(), 0);
-    constexpr std::array<unsigned char, 2> gzip{0x1f, 0x8b};
-    constexpr std::array<unsigned char, 6> xz{0xfd, '7', 'z', 'X', 'Z', 0x00};
-    const auto beginsWith = [&](const auto& magic) {
-        return count >= static_cast<ssize_t>(magic.size()) && std::memcmp(head.data(), magic.data(), magic.size()) == 0;
-    };
-    return beginsWith(gzip) || beginsWith(xz);
-}
-
-bool isReadable(const std::string& path) {
+// A descriptor of the file, or -1 when it is not one that we read.
+int openDocument(const std::string& path) {
     const int file = open(path.c_str(), O_RDONLY | O_NOFOLLOW | O_NONBLOCK | O_CLOEXEC);
-    if (file < 0) return false;
+    if (file < 0) return -1;
     struct stat status {};
-    const bool readable = fstat(file, &status) == 0 && S_ISREG(status.st_mode) &&
-                          status.st_size <= XMLReader::maximumFileSize && !isCompressed(file);
+    if (fstat(file, &status) == 0 && S_ISREG(status.st_mode) && status.st_size <= XMLReader::maximumFileSize) {
+        return file;
+    }
     close(file);
-    return readable;
+    return -1;
 }
 
 }  // namespace
@@ -48,8 +35,8 @@ XMLReader::~XMLReader() { xmlFreeDoc(document_); }
 bool XMLReader::load(const std::string& path) {
     xmlFreeDoc(document_);
     document_ = nullptr;
-    if (isReadable(path)) {
-        const xml::DocumentScope scope(path);
+    if (const int file = openDocument(path); file >= 0) {
+        const xml::DocumentScope scope(path, file);
         document_ = xmlParseFile(path.c_str());
     }
     XMLReader::reset();

@@ -27,7 +27,8 @@ class XMLReader {
     XMLReader& operator=(const XMLReader&) = delete;
 
     /// Replaces the document with the file's. False, and no document, when it is not well-formed XML, declares
-    /// entities or attribute lists, or is not a regular, uncompressed file of at most maximumFileSize. Blocks for the disk.
+    /// entities or attribute lists, has too many nodes, or is not a regular file of at most maximumFileSize. A
+    /// compressed file is not inflated, and so not well-formed. Blocks for the disk.
     virtual bool load(const std::string& path);
 
     /// Back to the root, or to nothing without a document; forgets the saved positions.

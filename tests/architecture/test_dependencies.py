@@ -20,7 +20,7 @@ PLATFORM = {
 FENCED = {
     r"mosquitto.*\.h|mqtt_protocol\.h": r"platform/ipc/src/.*",
     r"curl/.*": r"platform/http/src/.*|src/main\.cpp",
-    r"libxml/.*": r"src/xml/(.*\.cpp|EntityLoader\.h)",
+    r"libxml/.*": r"src/xml/.*\.cpp",
     r"tre/.*": r"src/Core/JobHandlers/JobHandler\.cpp",
     r"sqlite3\.h": r"services/property-service/.*",
     r"openssl/.*": r"platform/(http|security)/src/.*",

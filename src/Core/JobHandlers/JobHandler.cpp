@@ -18,6 +18,7 @@ namespace zav {
 namespace {
 
 constexpr unsigned maximumDepth = 16;
+constexpr unsigned maximumFurtherJobs = 1000;
 constexpr const char* oldestVersion = "1000-01-01_01:01:01";
 // In the regular expressions of this library \d is a digit.
 constexpr const char* versionPattern =
@@ -52,6 +53,8 @@ bool isAllowed(const JobDescription& job) {
 
 // How many handlers run inside each other on this pass thread; the one that the pass itself started is the first.
 thread_local unsigned depth = 1;
+// How many further jobs this pass has started: files that include each other twice need not be deep to be endless.
+thread_local unsigned furtherJobs = 0;
 
 class DepthScope {
  public:
@@ -101,6 +104,12 @@ int JobHandler::startJob(const JobDescription& job) {
                             << " handlers deep and will not be started" << std::endl;
         return jobFail;
     }
+    if (furtherJobs >= maximumFurtherJobs) {
+        dbg::Debug::error() << "Job: " << job.name << " follows " << maximumFurtherJobs
+                            << " further jobs and will not be started" << std::endl;
+        return jobFail;
+    }
+    ++furtherJobs;
     const DepthScope scope;
     const auto handler =
         JobHandlerFactory::create(job, curl_, security_, properties_, reader_, progressReporter_, statusReporter_);

@@ -1,5 +1,6 @@
-// The base of every job handler. One handler serves one job: made by the factory, run once, destroyed. What all handlers
-// share stands here: choosing the newest of several published files, fetching a provisioning file, running further jobs.
+// The base of every job handler. One handler serves one job: made by the factory, run once, destroyed. What all
+// handlers share stands here: choosing the newest of several published files, fetching a provisioning file, running
+// further jobs.
 //
 // Everything runs on the pass thread. The job, security object, reader and reporters outlive the handler.
 #pragma once
@@ -38,7 +39,8 @@ class JobHandler {
     virtual std::string findNewestUrl(const JobDescription& job);
 
     /// Runs a further job with a handler of its own and returns its result, 0 when there is no handler for it. At most
-    /// 16 handlers run inside each other: a file that includes itself ends as a failed job.
+    /// 16 handlers run inside each other, and 1,000 further jobs in a pass: a file that includes itself ends as a
+    /// failed job.
     virtual int startJob(const JobDescription& job);
 
     /// Downloads a provisioning file, verifies it and appends its jobs. Failures are logged.

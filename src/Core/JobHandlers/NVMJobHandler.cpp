@@ -3,6 +3,7 @@
 #include <sstream>
 #include <utility>
 
+#include "Core/Constants.h"
 #include "Core/JobHandlers/InvalidFormatException.h"
 #include "common/Quote.h"
 #include "debug/Debug.h"
@@ -13,7 +14,6 @@ namespace {
 
 constexpr const char* functionKeyPrefix = "PhoneUI.Keys.FunctionKeys.";
 constexpr const char* lockPostfix = "LockProvisioning";
-const std::string provisioningSource = "provisioning";
 // Part of the message, and the same whatever compiler builds this.
 constexpr const char* getIndexAndPostfixSignature =
     "std::pair<const std::basic_string<char>, const std::basic_string<char> > "
@@ -102,7 +102,7 @@ bool NVMJobHandler::isFunctionKeyLocked(const std::string& index) {
 }
 
 void NVMJobHandler::write(const std::string& name, const std::string& value) {
-    properties_->set(name, provisioningSource, value);
+    properties_->set(name, constants::provisioningSource, value);
     ++applied_;
 }
 

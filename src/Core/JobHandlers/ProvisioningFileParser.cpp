@@ -41,9 +41,9 @@ ProvisioningFileParser::ProvisioningFileParser(std::string filePath, XMLReader& 
 void ProvisioningFileParser::decrypt() {
     const std::string temporary = filePath_ + ".tmp";
     try {
-        os::execute("openssl enc -aes-128-cbc -d -in " + filePath_ + " -out " + temporary +
-                        " -pass file:/etc/zav.d/key",
-                    decryptionTimeout);
+        os::execute(
+            "openssl enc -aes-128-cbc -d -in " + filePath_ + " -out " + temporary + " -pass file:/etc/zav.d/key",
+            decryptionTimeout);
         std::rename(temporary.c_str(), filePath_.c_str());
     } catch (...) {
         std::remove(temporary.c_str());
@@ -113,9 +113,8 @@ bool ProvisioningFileParser::verifyMacAddress(const Attributes& root) const {
         dbg::Debug::info() << "MAC address not provided in XML, skipping check" << std::endl;
         return true;
     }
-    return address->second.size() >= device.size() &&
-           std::equal(device.begin(), device.end(), address->second.begin(),
-                      [](char a, char b) { return upper(a) == upper(b); });
+    return address->second.size() >= device.size() && std::equal(device.begin(), device.end(), address->second.begin(),
+                                                                 [](char a, char b) { return upper(a) == upper(b); });
 }
 
 bool ProvisioningFileParser::verifyVersion(const Attributes& root) const {
@@ -151,7 +150,7 @@ bool ProvisioningFileParser::collectJobs(std::vector<JobDescription>& jobs) {
     collectLevel(reader_.name(), true, walk);
     if (walk.exceeded()) {
         dbg::Debug::error() << "File " << filePath_ << " lists more than " << maximumItems
-                            << " items, none of its jobs will be started" << std::endl;
+                            << " items or is nested too heavily, none of its jobs will be started" << std::endl;
         jobs.resize(before);
     }
     return true;

@@ -2,6 +2,7 @@
 
 #include <chrono>
 
+#include "debug/Debug.h"
 #include "propertyapi/PropertyExceptions.h"
 
 namespace zav {
@@ -29,20 +30,20 @@ bool DeferredWrites::carryOut(const Write& write) {
         return false;
     } catch (const propertyapi::PropertyTimeoutException&) {
         return false;
-    } catch (...) {  // refused: it would be refused again
     }
     return true;
 }
 
 void DeferredWrites::write(const Write& write) {
+    bool mustWait = false;
     {
         const std::lock_guard<std::mutex> lock(mutex_);
-        if (!waiting_.empty()) {
-            waiting_.push_back(write);
-            return;
-        }
+        mustWait = !waiting_.empty();
     }
-    if (carryOut(write)) return;
+    if (mustWait || !carryOut(write)) keep(write);
+}
+
+void DeferredWrites::keep(const Write& write) {
     const std::lock_guard<std::mutex> lock(mutex_);
     waiting_.push_back(write);
     if (!thread_.joinable()) thread_ = std::thread([this] { retry(); });
@@ -57,27 +58,32 @@ void DeferredWrites::cancel() {
 
 void DeferredWrites::retry() {
     std::unique_lock<std::mutex> lock(mutex_);
-    while (!ending_) {
-        if (waiting_.empty()) {
-            changed_.wait(lock);
-            continue;
-        }
-        changed_.wait_for(lock, retryInterval, [this] { return ending_; });
-        if (ending_) break;
+    for (bool last = false; !last;) {
+        changed_.wait(lock, [this] { return ending_ || !waiting_.empty(); });
+        last = changed_.wait_for(lock, retryInterval, [this] { return ending_; });
         lock.unlock();
-        {
-            const std::lock_guard<std::mutex> attempt(attempt_);
-            for (;;) {
-                lock.lock();
-                const Write next = waiting_.empty() ? Write() : waiting_.front();
-                lock.unlock();
-                if (!next || !carryOut(next)) break;
-                lock.lock();
-                if (!waiting_.empty()) waiting_.pop_front();
-                lock.unlock();
-            }
-        }
+        tryWaiting();  // once more at the end: the service may be back by now
         lock.lock();
+    }
+}
+
+// In their order, up to the first that must wait on.
+void DeferredWrites::tryWaiting() {
+    const std::lock_guard<std::mutex> attempt(attempt_);
+    for (;;) {
+        Write next;
+        {
+            const std::lock_guard<std::mutex> lock(mutex_);
+            if (waiting_.empty()) return;
+            next = waiting_.front();
+        }
+        try {
+            if (!carryOut(next)) return;
+        } catch (const std::exception& e) {
+            dbg::Debug::error() << "Could not make up for a property write: " << e.what() << std::endl;
+        }
+        const std::lock_guard<std::mutex> lock(mutex_);
+        waiting_.pop_front();
     }
 }
 

@@ -17,23 +17,27 @@ class DeferredWrites {
     using Write = std::function<void()>;
 
     DeferredWrites() = default;
+
+    /// Tries what waits once more, and ends: a pass overtaken by the process's end still unlocks the screen.
     ~DeferredWrites();
     DeferredWrites(const DeferredWrites&) = delete;
     DeferredWrites& operator=(const DeferredWrites&) = delete;
 
-    /// Carries the write out, or keeps it for later when the service is away or earlier writes still wait. A write
-    /// that fails for another reason is dropped. Blocks for one property call. Throws std::system_error when the
-    /// retry thread is needed and cannot be started.
+    /// Carries the write out, or keeps it for later when the service is away or earlier writes still wait. Blocks for
+    /// one property call. Throws what the write throws when it is refused, for it would be refused again, and
+    /// std::system_error when the retry thread is needed and cannot be started; the write waits all the same.
     void write(const Write& write);
 
     /// Forgets what waits. When it returns no retry is under way.
     void cancel();
 
  private:
+    void keep(const Write& write);
     void retry();
+    void tryWaiting();
     static bool carryOut(const Write& write);
 
-    std::mutex attempt_;  // held during each retry, so that cancel can wait for it; taken before mutex_
+    std::mutex attempt_;  // held during each round of retries, so that cancel can wait for it; taken before mutex_
     std::mutex mutex_;
     std::condition_variable changed_;
     std::deque<Write> waiting_;  // guarded by mutex_

@@ -89,7 +89,6 @@ void ProvisioningWorker::startProvisioning(std::string url) {
     }
     if (!waitForPreviousPass()) return;
     dbg::Debug::info() << "Start provisioning thread" << std::endl;
-    endWrites_.cancel();
     progressReporter_.resetProgress();
     finished_ = false;
     try {
@@ -148,6 +147,7 @@ void ProvisioningWorker::provisioningThreadMain(const UrlInfo& url, const Comple
         }
         stateChanged_.notify_all();
     });
+    endWrites_.cancel();  // a new pass makes what is left of the last one stale; a request that starts none does not
     guarded("start the pass", [this] { startAction(); });
     const AtScopeExit end([&] { endAction(completion); });
     try {
@@ -157,8 +157,8 @@ void ProvisioningWorker::provisioningThreadMain(const UrlInfo& url, const Comple
         dbg::Debug::error() << e.what() << std::endl;
     } catch (const std::exception& e) {
         statusReporter_.setProvisioningStatus(constants::failWord);
-        dbg::Debug::error() << "Something went wrong during provisioning process, an exception was thrown: "
-                            << e.what() << std::endl;
+        dbg::Debug::error() << "Something went wrong during provisioning process, an exception was thrown: " << e.what()
+                            << std::endl;
     } catch (...) {
         statusReporter_.setProvisioningStatus(constants::failWord);
         dbg::Debug::error() << "Something went wrong during provisioning process, an exception was thrown: "
@@ -178,9 +178,10 @@ void ProvisioningWorker::startAction() {
 
 // The flag is set before the status is formed and published: who sees it true may still read an unset status.
 void ProvisioningWorker::endAction(const Completion& completion) {
-    guarded("unlock the screen", [this] {
+    try {
         endWrites_.write([this] { properties_->set(constants::provisioningLockUiKey, uiUnlocked); });
-    });
+    } catch (...) {  // as at the start
+    }
     finished_ = true;
     dbg::Debug::info() << "Provisioning Finished" << std::endl;
     guarded("form the provisioning status", [this] { statusReporter_.reportFinished(); });
@@ -231,8 +232,8 @@ void ProvisioningWorker::runJobs(const std::vector<JobDescription>& jobs, XMLRea
             dbg::Debug::info() << "Node: " << job.name << " has no child nodes, skipping" << std::endl;
             continue;
         }
-        const auto handler = JobHandlerFactory::create(job, curl_, security_, properties_, reader, progressReporter_,
-                                                       statusReporter_);
+        const auto handler =
+            JobHandlerFactory::create(job, curl_, security_, properties_, reader, progressReporter_, statusReporter_);
         if (!handler) continue;
         dbg::Debug::info() << "+++++ Starting " << handler->getName() << std::endl;
         const int result = handler->run();
@@ -245,15 +246,13 @@ void ProvisioningWorker::publishResult() {
     const std::string status = getProvisioningStatus();
     const std::string httpCode = std::to_string(lastHttpCode.load());
     guarded("publish the HTTP code", [&] {
-        endWrites_.write(
-            [this, httpCode] { properties_->set(constants::provisioningHttpErrorCodeKey, httpCode); });
+        endWrites_.write([this, httpCode] { properties_->set(constants::provisioningHttpErrorCodeKey, httpCode); });
     });
-    guarded("publish the status", [&] {
-        endWrites_.write([this, status] { properties_->set(constants::provisioningStateKey, status); });
-    });
+    guarded("publish the status",
+            [&] { endWrites_.write([this, status] { properties_->set(constants::provisioningStateKey, status); }); });
     const bool succeeded = status == constants::successWord || status == constants::partSuccessWord;
     dbg::Debug::info() << (succeeded ? "Provisioning succeeded. " : "Provisioning failed. ") << std::endl;
-    endWrites_.write([this] {
+    endWrites_.write([this] {  // the last step: what it throws is the completion's
         if (properties_->get(constants::firmwareTriggerAutoKey) == constants::requestWord) {
             properties_->set(constants::firmwareTriggerAutoKey, constants::noVersionWord);
         }
