@@ -32,6 +32,9 @@ class Store final : public IStore {
     std::vector<Entry> load() override;
     void write(const std::vector<Entry>& entries) override;
 
+    /// How often what was written has been synced to the disk.
+    unsigned syncs() const { return logSync_->syncs(); }
+
  private:
     struct CloseDatabase {
         void operator()(sqlite3* database) const;

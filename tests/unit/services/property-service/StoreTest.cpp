@@ -68,6 +68,17 @@ TEST(Store, KeepsValuesOfTheFullSizeAndAnyText) {
     EXPECT_THAT(Store(folder / "s.db").load(), UnorderedElementsAre(Entry("a", value)));
 }
 
+TEST(Store, SyncsToTheDiskWithinASecondWithoutBeingAsked) {
+    const TemporaryFolder folder;
+    Store store(folder / "s.db");
+    const auto start = std::chrono::steady_clock::now();
+    store.write({{"a", "1"}});
+    while (store.syncs() == 0 && std::chrono::steady_clock::now() < start + std::chrono::seconds(20)) {
+        std::this_thread::yield();
+    }
+    EXPECT_EQ(store.syncs(), 1U);
+}
+
 TEST(Store, IsReadableByItsOwnerOnly) {
     const TemporaryFolder folder;
     Store store(folder / "s.db");
