@@ -79,9 +79,9 @@ class Gate {
         open_ = true;
         changed_.notify_all();
     }
-    bool pass() {
+    bool pass(std::chrono::milliseconds limit = patience) {
         std::unique_lock<std::mutex> lock(mutex_);
-        return changed_.wait_for(lock, patience, [this] { return open_; });
+        return changed_.wait_for(lock, limit, [this] { return open_; });
     }
 
  private:

@@ -174,11 +174,8 @@ TEST(Client, DisconnectWaitsForTheCallbackThatRuns) {
     Broker broker;
     Recorder recorder;
     Gate gate;
-    std::atomic<bool> returned{false};
-    recorder.onMessage = [&](const std::string&, const std::string&) {
-        gate.pass();
-        EXPECT_FALSE(returned);
-    };
+    Gate returned;
+    recorder.onMessage = [&](const std::string&, const std::string&) { gate.pass(); };
     const auto client = newClient("waits");
     client->subscribe("a", recorder);
     client->connect(broker.address());
@@ -186,11 +183,12 @@ TEST(Client, DisconnectWaitsForTheCallbackThatRuns) {
     ASSERT_TRUE(recorder.waitForMessages(1));
     std::thread ending([&] {
         client->disconnect();
-        returned = true;
+        returned.open();
     });
+    EXPECT_FALSE(returned.pass(std::chrono::milliseconds(200)));
     gate.open();
+    EXPECT_TRUE(returned.pass());
     ending.join();
-    EXPECT_TRUE(returned);
 }
 
 TEST(Client, RefusesToDisconnectFromACallback) {

@@ -80,6 +80,29 @@ TEST(Request, ManyThreadsEachGetTheirOwnAnswer) {
     EXPECT_EQ(right, 800);
 }
 
+TEST(Request, TakesNoAnswerButItsOwn) {
+    Broker broker;
+    EchoService service(broker.address(), [](const std::vector<ipc::ServiceRequest>& requests) {
+        std::vector<ipc::OutgoingMessage> outgoing;
+        for (const auto& request : requests) {
+            std::string other = request.correlationData;
+            other[0] = static_cast<char>(other[0] ^ 1);
+            for (const std::string& correlation : {std::string(), std::string(1000, 'x'), other}) {
+                outgoing.push_back({request.responseTopic, "not yours", correlation, 0});
+            }
+            for (const char* answer : {"re:", "a second answer to "}) {
+                outgoing.push_back({request.responseTopic, answer + request.payload, request.correlationData, 0});
+            }
+        }
+        return outgoing;
+    });
+    const auto client = newClient("asker");
+    client->watchPresence(statusTopic);
+    client->connect(broker.address());
+    ASSERT_TRUE(waitForService(*client));
+    for (int i = 0; i < 50; ++i) EXPECT_EQ(ask(*client, std::to_string(i)), "re:" + std::to_string(i));
+}
+
 TEST(Request, TimesOutWhenNobodyAnswers) {
     Broker broker;
     EchoService mute(broker.address(),

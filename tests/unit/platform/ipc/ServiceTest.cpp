@@ -52,6 +52,33 @@ TEST(Service, TakesRequestsInTheOrderInWhichTheyCame) {
     client->disconnect();
 }
 
+TEST(Service, LetsTheSendersWaitWhenItCannotKeepUp) {
+    Broker broker;
+    Gate gate;
+    Recorder recorder;
+    std::atomic<size_t> handled{0};
+    testing::internal::CaptureStderr();
+    {
+        EchoService service(broker.address(), [&](const std::vector<ipc::ServiceRequest>& requests) {
+            gate.pass();
+            handled += requests.size();
+            return std::vector<ipc::OutgoingMessage>();
+        });
+        const auto client = newClient("flood");
+        client->subscribe(statusTopic, recorder);
+        client->connect(broker.address());
+        ASSERT_TRUE(recorder.waitForMessages(1));
+        const std::string large(64UL * 1024UL, 'x');
+        for (int i = 0; i < 700; ++i) client->publish("test-service/ask", large, 1);  // 44 MiB
+        ASSERT_TRUE(recorder.waitForCompletions(700));
+        gate.open();
+        EXPECT_TRUE(eventually([&] { return handled == 700; }));
+        client->disconnect();
+    }
+    const std::string log = testing::internal::GetCapturedStderr();
+    EXPECT_NE(log.find("Requests come faster than they are handled"), std::string::npos) << log;
+}
+
 TEST(Service, CarriesOutARequestWithoutAResponseTopic) {
     Broker broker;
     Gate done;
