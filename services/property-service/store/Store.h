@@ -2,7 +2,7 @@
 //
 // A commit hands the data to the kernel, so it survives `kill -9`. A thread of the store's own syncs the log to the
 // disk at most half a second later, so that a power cut costs less than a second and no caller ever waits for the
-// disk's cache. When the log has grown to 1,000 pages, the commit that finds it so moves it into the database file.
+// disk's cache. When the log has grown to 4 MiB, the commit that finds it so moves it into the database file.
 #pragma once
 
 #include <memory>

@@ -65,8 +65,7 @@ TEST_F(Zavctl, SetWritesInItsOwnName) {
 }
 
 TEST_F(Zavctl, SetTakesAnyValueAsItStands) {
-    for (const std::string value :
-         {"-1", "", "[a,b]", "--wait", "-h x", "a b", "VALUE", "\"q\"", "{}", "%MACD"}) {
+    for (const std::string value : {"-1", "", "[a,b]", "--wait", "-h x", "a b", "VALUE", "\"q\"", "{}", "%MACD"}) {
         phone.properties->forgetCalls();
         ASSERT_EQ(phone.run({"set", "NET.MAC.Address", value, "--json"}), ExitCode::done) << value << phone.err.str();
         EXPECT_THAT(phone.properties->writesTo("NET.MAC.Address"), ElementsAre(value));
