@@ -1,6 +1,7 @@
 #include "xml/EntityLoader.h"
 
 #include <libxml/SAX2.h>
+#include <libxml/dict.h>
 #include <libxml/parser.h>
 #include <libxml/parserInternals.h>
 #include <libxml/xmlIO.h>
@@ -18,6 +19,11 @@ struct Document {
 };
 
 thread_local Document document;
+
+// libxml2 compares the attributes of an element in pairs: 40,000 of them take 20 s, a file full of them hours. Few
+// names for the whole document bound the first such element; behind it the document ends.
+constexpr int maximumAttributes = 64;
+constexpr std::size_t maximumNameBytes = 64U * 1024U;
 
 void swallowError(void*, xmlErrorPtr) {}
 
@@ -48,6 +54,7 @@ bool fits(void* context, unsigned nodes) {
 
 void countElement(void* context, const xmlChar* name, const xmlChar* prefix, const xmlChar* uri, int namespaceCount,
                   const xmlChar** namespaces, int attributeCount, int defaulted, const xmlChar** attributes) {
+    if (attributeCount > maximumAttributes) refuse(context);
     if (!fits(context, 1 + static_cast<unsigned>(attributeCount) + static_cast<unsigned>(namespaceCount))) return;
     xmlSAX2StartElementNs(context, name, prefix, uri, namespaceCount, namespaces, attributeCount, defaulted,
                           attributes);
@@ -79,6 +86,7 @@ _xmlParserInput* loadOnlyTheDocument(const char* url, const char*, _xmlParserCtx
     context->sax->comment = countComment;
     context->sax->processingInstruction = countInstruction;
     context->sax->cdataBlock = countCdata;
+    xmlDictSetLimit(context->dict, maximumNameBytes);
 
     xmlParserInputBufferPtr buffer = xmlParserInputBufferCreateFd(document.file, XML_CHAR_ENCODING_NONE);
     if (buffer == nullptr) return nullptr;

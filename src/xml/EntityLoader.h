@@ -12,7 +12,7 @@ namespace zav::xml {
 /// of the DocumentScope alive on the calling thread. That document is read from the scope's descriptor, byte by byte
 /// as it is (libxml2 opening the name would inflate gzip, xz and lzma files), and is made to fail when it declares
 /// entities or default attributes, which multiply a small file into gigabytes while it is parsed, or has more than
-/// maximumNodes nodes.
+/// maximumNodes nodes, 64 attributes in an element or some ten thousand different names.
 _xmlParserInput* loadOnlyTheDocument(const char* url, const char* id, _xmlParserCtxt* context);
 
 /// Elements, attributes, comments and the like together: 250,000 items of four attributes.

@@ -20,6 +20,14 @@ constexpr const char* oldestFormatVersion = "1.0";
 constexpr std::chrono::milliseconds decryptionTimeout{10000};
 // A walk visits some elements once per level; with hostile nesting that is far more than a file has.
 constexpr std::size_t maximumSteps = 5000000;
+// Of attribute names and values: a walk that visits each element once has fewer than its file has bytes.
+constexpr std::size_t maximumBytes = 4UL * XMLReader::maximumFileSize;
+
+std::size_t bytesOf(const Attributes& attributes) {
+    std::size_t bytes = 0;
+    for (const auto& [name, value] : attributes) bytes += name.size() + value.size();
+    return bytes;
+}
 
 int upper(char c) { return std::toupper(static_cast<unsigned char>(c)); }
 
@@ -141,7 +149,8 @@ struct ProvisioningFileParser::Walk {
     std::vector<JobDescription>& jobs;
     std::size_t items = 0;
     std::size_t steps = 0;
-    bool exceeded() const { return items > maximumItems || steps > maximumSteps; }
+    std::size_t bytes = 0;
+    bool exceeded() const { return items > maximumItems || steps > maximumSteps || bytes > maximumBytes; }
 };
 
 bool ProvisioningFileParser::collectJobs(std::vector<JobDescription>& jobs) {
@@ -174,6 +183,7 @@ void ProvisioningFileParser::collectLevel(const std::string& parentName, bool at
             Attributes attributes = reader_.attributes();
             if (!attributes.empty()) {
                 ++walk.items;
+                walk.bytes += bytesOf(attributes);
                 job.items.push_back(std::move(attributes));
             }
             childNames_.insert(job.itemName);
