@@ -106,7 +106,9 @@ TEST_F(Resume, NeedsAFileThatCanBeKnownAgain) {
 }
 
 TEST_F(Resume, RefusesARestThatBeginsElsewhere) {
-    HttpAnswer wrong = rest(50000, {{"ETag", "\"v1\""}});
+    // As many bytes as are missing, so that nothing but their place is wrong.
+    HttpAnswer wrong = HttpAnswer::ok(content.substr(50000, 300000), {{"Content-Range", "bytes 50000-349999/400000"}});
+    wrong.status = 206;
     server.on("/image", {HttpAnswer::ok(content, {{"ETag", "\"v1\""}}).cutOffAfter(100000), wrong});
     EXPECT_EQ(fetchImage(), rangeError);
     EXPECT_FALSE(std::filesystem::exists(image));
