@@ -249,18 +249,21 @@ class PhoneTest(unittest.TestCase):
 
     @classmethod
     def boot(cls):
-        """Starts the daemon and hurries it through the wait for the network to settle."""
+        """Starts the daemon and lets it skip the wait for the network to settle."""
         for key, value in cls.settings.items():
             cls.bus.set(key, value)
         cls.bus.set("State.Provisioning.OnBootUp", "" if cls.boot_pass else "done")
         cls.log.mark()
         service("start", "daemon")
-        cls.log.wait("for stabilization.")
-        clock("factor", 100)
-        cls.log.wait("Enabling provisioning function.")
-        clock("factor", 1)
+        cls.settle()
         if not cls.boot_pass:
             cls.log.wait("Provisioning on boot up already done, skipping")
+
+    @classmethod
+    def settle(cls):
+        cls.log.wait("for stabilization.")
+        jump(90)
+        cls.log.wait("Enabling provisioning function.")
 
     def setUp(self):
         self.log.mark()

@@ -28,19 +28,12 @@ class LifecycleTest(phone.PhoneTest):
         self.bus.set("System.Provision.ProvisioningServer", self.server.url)
         self.bus.set("State.Provisioning.OnBootUp", "")
         self.bus.set("State.Provisioning", "")
-        phone.clock("factor", 1)
         super().setUp()
 
     def end_daemon(self):
         self.gate.set()
         if phone.service("status", "daemon", check=False) == 0:
             phone.service("kill", "daemon")
-
-    def settle(self):
-        self.log.wait("for stabilization.")
-        phone.clock("factor", 100)
-        self.log.wait("Enabling provisioning function.")
-        phone.clock("factor", 1)
 
     def assert_ends_well(self):
         self.assertEqual(self.terminate(), 0)
@@ -93,18 +86,28 @@ class LifecycleTest(phone.PhoneTest):
         self.addCleanup(phone.service, "restart", "server")
         subprocess.run(["ip", "link", "set", "eth0", "down"], check=True)
         self.addCleanup(subprocess.run, ["ip", "link", "set", "eth0", "up"], check=True)
-        phone.clock("factor", 50)
         phone.service("start", "daemon")
+        self.log.wait("Network interface is not ready yet")
+        for _ in range(3):
+            phone.jump(5)
         self.log.wait("Network not ready yet.")
         self.log.in_order(["start network state checker", "Network interface is not ready yet", "Network not ready yet."])
         subprocess.run(["ip", "link", "set", "eth0", "up"], check=True)
-        self.log.wait("Connection to 127.0.0.1 can not be performed")
+        self.jump_until("Connection to 127.0.0.1 can not be performed")
         phone.service("start", "server")
-        self.log.wait("Enabling provisioning function.")
+        self.jump_until("for stabilization.")
+        self.settle()
         self.assertEqual(self.log.count("Network not ready yet."), 1)
         self.assertEqual(self.log.count("Network interface is not ready yet"), 1)
         self.assertEqual(self.log.count("Connection to 127.0.0.1 can not be performed"), 1)
-        phone.clock("factor", 1)
+
+    def jump_until(self, text):
+        """Poll by poll, until the log has it."""
+        def seen():
+            phone.jump(5)
+            return self.log.count(text)
+
+        phone.wait_until(seen, text)
 
     def test_no_broker_at_start(self):
         phone.service("stop", "broker")
@@ -124,10 +127,11 @@ class LifecycleTest(phone.PhoneTest):
     def test_no_credentials(self):
         self.bus.set("System.Provision.FactoryAuthPassword", "")
         self.addCleanup(self.bus.set, "System.Provision.FactoryAuthPassword", "factory")
-        phone.clock("factor", 20)
         phone.service("start", "daemon")
+        for count in range(1, 11):
+            self.log.wait("Waiting for auth user name and password", count)
+            phone.jump(1)
         self.log.wait("ZAV initialized.")
-        phone.clock("factor", 1)
         self.log.in_order(["Waiting for auth user name and password"] * 10 +
                           ["Cannot read auth user name or password", "Preconditions are not met", "ZAV initialized."])
         self.assertEqual(self.log.count("Waiting for auth user name and password"), 10)
@@ -135,10 +139,11 @@ class LifecycleTest(phone.PhoneTest):
     def test_a_period_that_is_no_number(self):
         self.bus.set("System.Provision.Period", "soon")
         self.addCleanup(self.bus.set, "System.Provision.Period", "86400")
-        phone.clock("factor", 100)
         phone.service("start", "daemon")
+        for count in range(1, 11):
+            self.log.wait("stoi", count)
+            phone.jump(10)
         self.log.wait("ZAV initialized.")
-        phone.clock("factor", 1)
         self.assertEqual(self.log.count("stoi"), 10)
         self.log.in_order(["Setting timer", "Timer not set. Automatic provisioning disabled!", "ZAV initialized."])
 
