@@ -62,7 +62,7 @@ class Connection {
     /// Messages with quality of service 1 that may wait for the broker.
     static constexpr std::size_t maxWaiting = 10000;
     /// The largest packet that the broker may send us, and the largest payload that we send.
-    static constexpr std::uint32_t maxPacket = 16U * 1024U * 1024U;
+    static constexpr std::uint32_t maxPacket = std::uint32_t{16} * 1024 * 1024;
     static constexpr std::chrono::seconds connectTimeout{5};
 
     Connection(Options options, ConnectionListener& listener);

@@ -20,7 +20,7 @@ class Delivery {
  public:
     /// Beyond either limit the oldest goes; the newest always stays.
     static constexpr std::size_t maxItems = 10000;
-    static constexpr std::size_t maxBytes = 32U * 1024U * 1024U;
+    static constexpr std::size_t maxBytes = std::size_t{32} * 1024 * 1024;
 
     /// `name` is what the overflow warning calls the queue. Starts the thread; throws IPCException if it cannot.
     Delivery(std::string name, IIPCCallback& callback);

@@ -13,7 +13,7 @@ namespace {
 
 // Beyond either the socket is left unread until the handler has caught up: senders wait, nothing is dropped.
 constexpr std::size_t maxRequests = 100000;
-constexpr std::size_t maxBytes = 32U * 1024U * 1024U;
+constexpr std::size_t maxBytes = std::size_t{32} * 1024 * 1024;
 
 }  // namespace
 

@@ -8,7 +8,7 @@
 
 namespace propertyapi {
 
-constexpr std::size_t maxValueBytes = 64U * 1024U;
+constexpr std::size_t maxValueBytes = std::size_t{64} * 1024;
 
 std::string getRequest(const std::string& key);
 /// Throws PropertyInvalidValueException when the value is too long or no UTF-8 text.
