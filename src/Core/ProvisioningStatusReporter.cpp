@@ -86,16 +86,24 @@ void ProvisioningStatusReporter::reportFinished() {
         }
         text << document;
     }
+    formed_.notify_all();
     dbg::Debug::info() << "Finished provisioning, status is" << dbg::verbatim(text.str()) << std::endl;
 }
 
 void ProvisioningStatusReporter::setProvisioningStatus(const std::string& status) {
     const std::lock_guard<std::mutex> lock(mutex_);
     document_[overallStatus] = status;
+    formed_.notify_all();
 }
 
 std::string ProvisioningStatusReporter::getProvisioningStatus() {
     const std::lock_guard<std::mutex> lock(mutex_);
+    return member(document_, overallStatus).asString();
+}
+
+std::string ProvisioningStatusReporter::waitForProvisioningStatus(std::chrono::milliseconds timeout) {
+    std::unique_lock<std::mutex> lock(mutex_);
+    formed_.wait_for(lock, timeout, [this] { return !member(document_, overallStatus).isNull(); });
     return member(document_, overallStatus).asString();
 }
 

@@ -6,6 +6,8 @@
 
 #include <json/value.h>
 
+#include <chrono>
+#include <condition_variable>
 #include <mutex>
 #include <string>
 
@@ -29,8 +31,12 @@ class ProvisioningStatusReporter final {
 
     void resetStatus();
 
+    /// The overall status as soon as it is formed; what there is of it after `timeout`.
+    std::string waitForProvisioningStatus(std::chrono::milliseconds timeout);
+
  private:
     std::mutex mutex_;
+    std::condition_variable formed_;
     Json::Value document_;  // guarded by mutex_
 };
 

@@ -23,7 +23,6 @@ constexpr const char* localServerAddress = "127.0.0.1";
 constexpr timeval connectTimeout{5, 0};  // a server that is too busy to accept must not hold the process's end
 constexpr unsigned shortestPeriod = 600;
 constexpr unsigned longestPeriod = 86400;
-constexpr const char* firmwareDirectory = "/config/swupdate/";
 constexpr const char* firmwareCleanUpCommand = "/config/bin/clean-up-utils.sh firmware-update";
 constexpr std::chrono::milliseconds firmwareCleanUpTimeout{10000};
 
@@ -150,8 +149,13 @@ std::string provisioningPath(const std::string& a, const std::string& b) {
     return provisioningDirectory() + a + "/" + b;
 }
 
+const std::string& firmwareDirectory() {
+    static const std::string directory = "/config/swupdate/";
+    return directory;
+}
+
 void cleanFirmwareUpdate() {
-    filesystem::removeAllFromDirectory(firmwareDirectory);
+    filesystem::removeAllFromDirectory(firmwareDirectory());
     os::execute(firmwareCleanUpCommand, firmwareCleanUpTimeout);
 }
 

@@ -53,6 +53,9 @@ const std::string& provisioningDirectory();
 /// provisioningDirectory() + a + "/" + b
 std::string provisioningPath(const std::string& a, const std::string& b);
 
+/// The firmware staging folder, with its "/".
+const std::string& firmwareDirectory();
+
 /// Empties the firmware staging folder and runs the device's clean-up. Blocks, 10 s at most. Throws what the folder's
 /// removal and os::execute throw.
 void cleanFirmwareUpdate();

@@ -1,8 +1,13 @@
 #include "Core/JobHandlers/JobHandlerFactory.h"
 
+#include <utility>
+
+#include "Core/JobHandlers/CustomScenarioJobHandler.h"
 #include "Core/JobHandlers/FileDownloadHandler.h"
+#include "Core/JobHandlers/FirmwareJobHandler.h"
 #include "Core/JobHandlers/MasterJobHandler.h"
 #include "Core/JobHandlers/NVMJobHandler.h"
+#include "Core/ProvisioningWatchdog/ProvisioningWorker.h"
 #include "debug/Debug.h"
 
 namespace zav {
@@ -15,15 +20,29 @@ std::unique_ptr<JobHandler> JobHandlerFactory::create(const JobDescription& job,
     const auto is = [&](const char* name, const char* itemName) {
         return job.name == name && job.itemName == itemName;
     };
-    const auto make = [&](auto* handlerType) -> std::unique_ptr<JobHandler> {
-        using Handler = std::remove_pointer_t<decltype(handlerType)>;
-        return std::make_unique<Handler>(job, std::move(curl), security, properties, reader, progressReporter,
-                                         statusReporter);
-    };
     // The first rule that matches decides.
-    if (job.name == "provisioning") return make(static_cast<MasterJobHandler*>(nullptr));
-    if (is("nvm", "file") || is("custom", "file")) return make(static_cast<FileDownloadHandler*>(nullptr));
-    if (is("nvm", "param") || job.name == "settings") return make(static_cast<NVMJobHandler*>(nullptr));
+    if (job.name == "provisioning") {
+        return std::make_unique<MasterJobHandler>(job, std::move(curl), security, properties, reader, progressReporter,
+                                                  statusReporter);
+    }
+    if (is("nvm", "file") || is("custom", "file")) {
+        return std::make_unique<FileDownloadHandler>(job, std::move(curl), security, properties, reader,
+                                                     progressReporter, statusReporter);
+    }
+    if (is("nvm", "param") || job.name == "settings") {
+        return std::make_unique<NVMJobHandler>(job, std::move(curl), security, properties, reader, progressReporter,
+                                               statusReporter);
+    }
+    if (is("custom", "step") || job.name == "scenario") {
+        // With an HTTP client of its own: on a shared one its progress callback would outlive it.
+        auto worker = std::make_shared<ProvisioningWorker>(properties, std::make_shared<Curl>(), security);
+        return std::make_unique<CustomScenarioJobHandler>(job, std::move(curl), security, properties, reader,
+                                                          progressReporter, statusReporter, std::move(worker));
+    }
+    if (job.name == "firmware") {
+        return std::make_unique<FirmwareJobHandler>(job, std::move(curl), security, properties, reader,
+                                                    progressReporter, statusReporter);
+    }
     dbg::Debug::warning() << "Unknown job type !" << std::endl;
     return nullptr;
 }

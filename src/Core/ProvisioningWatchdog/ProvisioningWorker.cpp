@@ -13,6 +13,7 @@
 #include "http/CurlTypes.h"
 #include "http/FileDownloader.h"
 #include "http/FormatUrl.h"
+#include "version/FirmwareVersionConsts.h"
 #include "xml/XMLParser.h"
 
 namespace zav {
@@ -22,6 +23,9 @@ namespace {
 constexpr const char* uiLocked = "1";
 constexpr const char* uiUnlocked = "0";
 constexpr long httpOk = 200;
+constexpr unsigned maximumDepth = 4;
+constexpr unsigned maximumNestedPasses = 16;
+constexpr std::chrono::seconds statusWait{1};
 
 // One step of the end of a pass: whatever it throws, the next one still happens.
 template <typename Step>
@@ -49,9 +53,24 @@ class AtScopeExit {
 
 }  // namespace
 
+// What a pass and all passes nested in it share.
+struct ProvisioningWorker::Chain {
+    static thread_local std::shared_ptr<Chain> ofThisThread;
+    static thread_local unsigned depthOfThisThread;
+
+    std::atomic<unsigned> nestedPasses{0};
+};
+
+thread_local std::shared_ptr<ProvisioningWorker::Chain> ProvisioningWorker::Chain::ofThisThread;
+thread_local unsigned ProvisioningWorker::Chain::depthOfThisThread = 0;
+
 ProvisioningWorker::ProvisioningWorker(std::shared_ptr<propertyapi::IPropertyApi> properties,
                                        std::shared_ptr<Curl> curl, Security& security)
-    : properties_(std::move(properties)), curl_(std::move(curl)), security_(security) {
+    : properties_(std::move(properties)),
+      curl_(std::move(curl)),
+      security_(security),
+      depth_(Chain::depthOfThisThread + 1),
+      chain_(Chain::ofThisThread) {
     using namespace std::placeholders;
     curl_->setProgressCallback(std::bind(&ProvisioningWorker::onDownloadProgress, this, _1, _2, _3, _4));
 }
@@ -81,8 +100,18 @@ bool ProvisioningWorker::waitForPreviousPass() {
     return true;
 }
 
+// Redirects may lead to each other, or many times to the same place.
+bool ProvisioningWorker::isChainTooLong() {
+    return chain_ && (depth_ > maximumDepth || ++chain_->nestedPasses > maximumNestedPasses);
+}
+
 void ProvisioningWorker::startProvisioning(std::string url) {
     const std::lock_guard<std::mutex> serialised(startMutex_);
+    if (isChainTooLong()) {
+        dbg::Debug::error() << "Redirected too often, provisioning not started" << std::endl;
+        statusReporter_.setProvisioningStatus(constants::failWord);
+        return;
+    }
     IProvisioningWorker& self = *this;
     if (!self.isProvisioningFinished()) {
         dbg::Debug::warning() << "Previous provisioning is not finished yet. Waiting..." << std::endl;
@@ -93,6 +122,7 @@ void ProvisioningWorker::startProvisioning(std::string url) {
     finished_ = false;
     try {
         GlobalConfig::readProperties(properties_);
+        version::FirmwareVersionConsts::getInstance().setRunningVersion(GlobalConfig::softwareVersion());
         const std::string configured = GlobalConfig::provisioningServer();
         if (!url.empty()) {
             startThread(makeUrlInfo(url), [] {});
@@ -127,19 +157,26 @@ void ProvisioningWorker::startThread(const UrlInfo& url, const Completion& compl
 
 void ProvisioningWorker::waitForProgress() {
     if (isProvisioningFinished()) return;
-    {
-        // A pass whose URL could not be split never ran, and still counts as unfinished.
-        const std::lock_guard<std::mutex> lock(stateMutex_);
-        if (!passRunning_) return;
-    }
-    progressReporter_.waitForProgress();
+    // A pass whose URL could not be split never ran, and still counts as unfinished.
+    if (isPassRunning()) progressReporter_.waitForProgress();
+}
+
+bool ProvisioningWorker::isPassRunning() {
+    const std::lock_guard<std::mutex> lock(stateMutex_);
+    return passRunning_;
 }
 
 bool ProvisioningWorker::isProvisioningFinished() { return finished_; }
 
-std::string ProvisioningWorker::getProvisioningStatus() { return statusReporter_.getProvisioningStatus(); }
+// The finished flag is set a moment before the status is formed: who saw it waits that moment.
+std::string ProvisioningWorker::getProvisioningStatus() {
+    if (isProvisioningFinished() && isPassRunning()) return statusReporter_.waitForProvisioningStatus(statusWait);
+    return statusReporter_.getProvisioningStatus();
+}
 
 void ProvisioningWorker::provisioningThreadMain(const UrlInfo& url, const Completion& completion) {
+    Chain::ofThisThread = chain_ ? chain_ : std::make_shared<Chain>();
+    Chain::depthOfThisThread = depth_;
     const AtScopeExit ended([this] {
         {
             const std::lock_guard<std::mutex> lock(stateMutex_);
@@ -176,7 +213,7 @@ void ProvisioningWorker::startAction() {
     statusReporter_.resetStatus();
 }
 
-// The flag is set before the status is formed and published: who sees it true may still read an unset status.
+// The flag is set before the status is formed and published: see getProvisioningStatus.
 void ProvisioningWorker::endAction(const Completion& completion) {
     try {
         endWrites_.write([this] { properties_->set(constants::provisioningLockUiKey, uiUnlocked); });

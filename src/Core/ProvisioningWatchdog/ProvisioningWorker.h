@@ -1,6 +1,9 @@
 // Runs one provisioning pass at a time on a thread of its own: downloads the initial file, has it verified, hands every
 // job to a handler, and publishes the outcome. The heart of the daemon.
 //
+// A worker that is made while a pass runs, on that pass's thread, runs passes nested in it (a redirect): at most 4
+// inside each other, and 16 in all.
+//
 // Threads: startProvisioning is called by the bus delivery thread and the network readiness thread, and serialises
 // them; the other operations by any thread. The pass thread signals progress, also from inside transfers.
 #pragma once
@@ -49,6 +52,10 @@ class ProvisioningWorker : public IProvisioningWorker {
  private:
     using Completion = std::function<void()>;
 
+    struct Chain;
+
+    bool isChainTooLong();
+    bool isPassRunning();
     bool waitForPreviousPass();
     void startThread(const UrlInfo& url, const Completion& completion);
     void provisioningThreadMain(const UrlInfo& url, const Completion& completion);
@@ -68,6 +75,9 @@ class ProvisioningWorker : public IProvisioningWorker {
     const std::shared_ptr<Curl> curl_;
     Security& security_;
     ProvisioningStatusReporter statusReporter_;
+
+    const unsigned depth_;                // 1: not nested
+    const std::shared_ptr<Chain> chain_;  // of the pass that this one is nested in; null when it is not
 
     std::mutex startMutex_;  // held during the whole of startProvisioning; nothing else takes it
     DeferredWrites endWrites_;

@@ -1,0 +1,27 @@
+// A parsed version text.
+#pragma once
+
+#include <string>
+#include <vector>
+
+#include "version/IFirmwareVersion.h"
+
+namespace version {
+
+class FirmwareVersion final : public IFirmwareVersion {
+ public:
+    explicit FirmwareVersion(std::string text);
+
+    Comparison compare(const IFirmwareVersion& offered) const override;
+    const std::string& text() const override { return text_; }
+
+ private:
+    bool parse();
+
+    const std::string text_;
+    std::string productLine_;           // empty: not given
+    std::vector<std::string> numbers_;  // without leading zeros; a zero is empty
+    const bool valid_;
+};
+
+}  // namespace version

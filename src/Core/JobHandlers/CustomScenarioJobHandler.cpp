@@ -1,0 +1,162 @@
+#include "Core/JobHandlers/CustomScenarioJobHandler.h"
+
+#include <utility>
+
+#include "Core/Constants.h"
+#include "Core/PassState.h"
+#include "Core/Utils.h"
+#include "common/Quote.h"
+#include "debug/Debug.h"
+#include "http/CurlTypes.h"
+#include "http/FileDownloader.h"
+#include "http/FormatUrl.h"
+
+namespace zav {
+
+namespace {
+
+constexpr const char* urlAttribute = "url";
+constexpr const char* renewPeriodAttribute = "renewPeriod";
+constexpr const char* flagsAttribute = "flags";
+constexpr const char* forceAcceptFlag = "FORCE_ACCEPT";
+constexpr const char* phoneBookDirectory = "/var/volatile/contacts/";
+constexpr const char* certificateDirectory = "/custom/certs/_storage/";
+constexpr int functionKeys = 8;
+
+std::string attribute(const Attributes& attributes, const std::string& name, const std::string& otherwise) {
+    const auto found = attributes.find(name);
+    return found == attributes.end() ? otherwise : found->second;
+}
+
+// A nested pass sets the version of its own files; the pass around it goes on with the one it had.
+class ProvisioningVersionScope {
+ public:
+    ProvisioningVersionScope() : version_(currentProvisioningVersion()) {}
+    ~ProvisioningVersionScope() { setCurrentProvisioningVersion(version_); }
+    ProvisioningVersionScope(const ProvisioningVersionScope&) = delete;
+    ProvisioningVersionScope& operator=(const ProvisioningVersionScope&) = delete;
+
+ private:
+    const std::string version_;
+};
+
+}  // namespace
+
+CustomScenarioJobHandler::CustomScenarioJobHandler(const JobDescription& job, std::shared_ptr<Curl> curl,
+                                                   Security& security,
+                                                   const std::shared_ptr<propertyapi::IPropertyApi>& properties,
+                                                   XMLReader& reader, ProgressReporter& progressReporter,
+                                                   ProvisioningStatusReporter& statusReporter,
+                                                   std::shared_ptr<IProvisioningWorker> worker)
+    : JobHandler(job, std::move(curl), security, properties, reader, progressReporter, statusReporter),
+      steps_{{"certificate", &CustomScenarioJobHandler::applyCertificateStep},
+             {"UnlockAllFunctionKeys", &CustomScenarioJobHandler::unlockAllFunctionKeysStep},
+             {"Redirect", &CustomScenarioJobHandler::redirectStep},
+             {"LocalPhoneBook", &CustomScenarioJobHandler::localPhoneBookStep}},
+      worker_(std::move(worker)) {
+    handlerName_ = "CustomScenarioJobHandler";
+}
+
+int CustomScenarioJobHandler::run() {
+    bool ok = true;
+    for (const Attributes& step : job_->items) {
+        const std::string type = attribute(step, "type", "???");
+        const auto operation = steps_.find(type);
+        if (operation == steps_.end()) {
+            dbg::Debug::warning() << "Custom step type " << quote(type) << " not implemented" << std::endl;
+            continue;
+        }
+        dbg::Debug::info() << "Executing step: " << quote(type) << std::endl;
+        const bool succeeded = (this->*operation->second)(step);
+        ok = ok && succeeded;
+    }
+    return ok ? jobSuccess : jobFail;
+}
+
+UrlInfo CustomScenarioJobHandler::resolveStepUrl(const Attributes& step) const {
+    return makeJobUrlInfo(step.at(urlAttribute), properties_->get(constants::provisioningServerKey));
+}
+
+// `what` names the file in the error line.
+bool CustomScenarioJobHandler::download(const std::string& what, const std::string& source,
+                                        const std::string& destination) {
+    FileDownloader downloader(curl_, security_, properties_);
+    const int code = downloader.downloadFile(source, destination);
+    const long httpCode = curl_->getHttpCode();
+    if (code == 0 && httpCode == 200) return true;
+    lastHttpCode = static_cast<int>(httpCode);
+    const std::string httpDescription = CurlTypes::getHTTPCodeDescription(httpCode);
+    dbg::Debug::error() << "Error downloading " << what << " file " << quote(source) << " to " << quote(destination)
+                        << " status: " << CurlTypes::getCurlErrorDescription(code)
+                        << " HTTP status: " << httpDescription << std::endl;
+    statusReporter_.setJobField(job_->name, "extraInfo", "HTTP: " + httpDescription);
+    return false;
+}
+
+bool CustomScenarioJobHandler::applyCertificateStep(const Attributes& step) {
+    const UrlInfo urlInfo = resolveStepUrl(step);
+    const std::string source = urlInfo.text();
+    const std::string flags = attribute(step, flagsAttribute, "");
+    dbg::Debug::info() << "Downloading certificate from URL " << quote(source) << " with flags " << quote(flags)
+                       << std::endl;
+    const std::string destination = formatUrl(certificateDirectory + urlInfo.localName(), properties_);
+    // The error line is the firmware job's, its words included.
+    if (!download("firmware", source, destination)) return false;
+    return applyCertificate(destination.substr(std::string(certificateDirectory).size()), destination,
+                            flags == forceAcceptFlag);
+}
+
+bool CustomScenarioJobHandler::applyCertificate(const std::string& fileName, const std::string& path,
+                                                bool forceAccept) {
+    dbg::Debug::info() << "Applying certificate " << quote(fileName) << std::endl;
+    try {
+        if (security_.checkCertificate(path) == 0) {
+            properties_->set(constants::certificateInvalidKey, fileName);
+        } else {
+            properties_->set(forceAccept ? constants::certificateAcceptKey : constants::certificatePendingKey,
+                             fileName);
+        }
+    } catch (const std::exception& e) {
+        dbg::Debug::error() << "Error applying certificate " << quote(fileName, path, "=") << " " << e.what()
+                            << std::endl;
+        return false;
+    }
+    return true;
+}
+
+// These keys have no dot before "LockProvisioning", unlike the flags that settings jobs read.
+bool CustomScenarioJobHandler::unlockAllFunctionKeysStep(const Attributes&) {
+    for (int key = 0; key < functionKeys; ++key) {
+        properties_->set("FunctionKeys." + std::to_string(key) + "LockProvisioning", "0");
+    }
+    return true;
+}
+
+bool CustomScenarioJobHandler::redirectStep(const Attributes& step) {
+    const ProvisioningVersionScope version;
+    worker_->startProvisioning(step.at(urlAttribute));
+    do {
+        worker_->waitForProgress();
+        progressReporter_.notifyProgress();  // what moves there moves here: the watchdog asks this pass
+    } while (!worker_->isProvisioningFinished());
+    return worker_->getProvisioningStatus() == constants::successWord;
+}
+
+bool CustomScenarioJobHandler::localPhoneBookStep(const Attributes& step) {
+    if (properties_->get(constants::provisioningStateKey) == constants::requestCheckSyncWord) {
+        dbg::Debug::info() << "Download of local phone book skipped" << std::endl;
+        return true;
+    }
+    const UrlInfo urlInfo = resolveStepUrl(step);
+    const std::string source = urlInfo.text();
+    dbg::Debug::info() << "Downloading PhoneBook from URL " << quote(source) << std::endl;
+    const std::string fileName = urlInfo.localName();
+    if (!download("LocalPhoneBook", source, phoneBookDirectory + fileName)) return false;
+    properties_->set(constants::phoneBookFileNameKey, fileName);
+    properties_->set(constants::phoneBookVerifyKey, constants::requestWord);
+    const std::string renewPeriod = attribute(step, renewPeriodAttribute, "");
+    if (!renewPeriod.empty()) properties_->set(constants::periodKey, renewPeriod);
+    return true;
+}
+
+}  // namespace zav

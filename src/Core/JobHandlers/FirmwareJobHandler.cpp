@@ -1,0 +1,125 @@
+#include "Core/JobHandlers/FirmwareJobHandler.h"
+
+#include <algorithm>
+
+#include "Core/Constants.h"
+#include "Core/PassState.h"
+#include "Core/Utils.h"
+#include "common/Quote.h"
+#include "debug/Debug.h"
+#include "http/CurlTypes.h"
+#include "http/FileDownloader.h"
+#include "http/FormatUrl.h"
+#include "version/FirmwareVersionConsts.h"
+#include "version/IFirmwareVersionFactory.h"
+
+namespace zav {
+
+namespace {
+
+constexpr const char* forceAcceptFlag = "FORCE_ACCEPT";
+constexpr const char* automaticCheckOn = "1";
+constexpr const char* updateByProvisioning = "provisioning-request";
+
+std::string attribute(const Attributes& attributes, const std::string& name) {
+    const auto found = attributes.find(name);
+    return found == attributes.end() ? std::string() : found->second;
+}
+
+}  // namespace
+
+FirmwareJobHandler::FirmwareJobHandler(const JobDescription& job, std::shared_ptr<Curl> curl, Security& security,
+                                       const std::shared_ptr<propertyapi::IPropertyApi>& properties, XMLReader& reader,
+                                       ProgressReporter& progressReporter, ProvisioningStatusReporter& statusReporter)
+    : JobHandler(job, std::move(curl), security, properties, reader, progressReporter, statusReporter) {
+    handlerName_ = "FirmwareJobHandler";
+}
+
+int FirmwareJobHandler::run() {
+    int result = jobFail;
+    triggeredByRequest_ = properties_->get(constants::firmwareTriggerAutoKey) == constants::requestWord;
+    forceAccept_ = std::any_of(job_->items.begin(), job_->items.end(),
+                               [](const Attributes& item) { return attribute(item, "flags") == forceAcceptFlag; });
+    const bool automatic = properties_->get(constants::firmwareAutomaticCheckKey) == automaticCheckOn;
+    if (!automatic && !triggeredByRequest_ && !forceAccept_) return jobSuccess;
+
+    const std::string url = findUpgradableVersion();
+    if (url.empty()) {
+        dbg::Debug::warning() << "No newer versions found, finishing job" << std::endl;
+    } else {
+        cleanFirmwareUpdate();
+        result = downloadAndInstall(url);
+    }
+    if (triggeredByRequest_) {
+        properties_->set(constants::firmwareTriggerAutoKey,
+                         result == jobSuccess ? constants::successWord : constants::noVersionWord);
+    }
+    return result;
+}
+
+std::string FirmwareJobHandler::findUpgradableVersion() {
+    if (job_->items.size() != 1) {
+        dbg::Debug::warning() << "Multiple firmware version entries are not supported!" << std::endl;
+        return {};
+    }
+    const Attributes& entry = job_->items.front();
+    const std::string offered = attribute(entry, "version");
+    if (!isUpgradable(offered)) return {};
+    const std::string& url = entry.at("url");
+    dbg::Debug::info() << "Found upgradable version: " << offered << " url: " << url << std::endl;
+    return url;
+}
+
+bool FirmwareJobHandler::isUpgradable(const std::string& versionText) const {
+    const auto& consts = version::FirmwareVersionConsts::getInstance();
+    auto& factory = version::IFirmwareVersionFactory::getInstance();
+    const auto running = factory.create(consts.currentVersion(), "");
+    const auto offered = factory.create(consts.offeredVersion(), versionText);
+    switch (running->compare(*offered)) {
+        case version::Comparison::newer:
+            return true;
+        case version::Comparison::older:
+            // Downgrades are for forced jobs, never for somebody who asked for an update.
+            if (forceAccept_ && !triggeredByRequest_) return true;
+            dbg::Debug::error() << quote(offered->text(), running->text(), "is older than") << std::endl;
+            return false;
+        case version::Comparison::equal:
+            dbg::Debug::error() << quote(offered->text(), running->text(), "is equal to") << std::endl;
+            return false;
+        case version::Comparison::malformed:
+            dbg::Debug::error() << "New firmware version" << quote(offered->text()) << "is invalid!" << std::endl;
+            return false;
+        case version::Comparison::noUpgradePath:
+            break;
+    }
+    dbg::Debug::error() << "Current version is not upgradeable to:" << quote(offered->text()) << std::endl;
+    return false;
+}
+
+int FirmwareJobHandler::downloadAndInstall(const std::string& url) {
+    const UrlInfo urlInfo = makeJobUrlInfo(url, properties_->get(constants::provisioningServerKey));
+    const std::string source = urlInfo.text();
+    const std::string destination = formatUrl(firmwareDirectory() + urlInfo.localName(), properties_);
+    FileDownloader downloader(curl_, security_, properties_);
+    const int code = downloader.downloadFile(source, destination);
+    const long httpCode = curl_->getHttpCode();
+    if (code == 0 && httpCode == 200) {
+        // The name that the file has here, so that the system finds it.
+        properties_->set(constants::firmwareFilenameKey, destination.substr(firmwareDirectory().size()));
+        if (triggeredByRequest_) {
+            properties_->set(constants::firmwareVerifyKey, constants::requestWord);
+        } else {
+            properties_->set(constants::firmwareUpdateSystemKey, updateByProvisioning);
+        }
+        return jobSuccess;
+    }
+    lastHttpCode = static_cast<int>(httpCode);
+    const std::string httpDescription = CurlTypes::getHTTPCodeDescription(httpCode);
+    dbg::Debug::error() << "Error downloading firmware file " << quote(source) << " to " << quote(destination)
+                        << " status: " << CurlTypes::getCurlErrorDescription(code)
+                        << " HTTP status: " << httpDescription << std::endl;
+    statusReporter_.setJobField(getName(), "extraInfo", httpDescription);
+    return jobFail;
+}
+
+}  // namespace zav
