@@ -30,7 +30,8 @@ class FlowTest : public testing::TestWithParam<std::string> {
  protected:
     flow::Row prepare() {
         // Bound, and never listening: whoever connects is refused at once.
-        const flow::Row row = flow::readRow(GetParam(), {{"$SERVER", server_.url("")}, {"$CLOSED", "http://127.0.0.1:1"}});
+        const flow::Row row =
+            flow::readRow(GetParam(), {{"$SERVER", server_.url("")}, {"$CLOSED", "http://127.0.0.1:1"}});
         fakes::FakeProperties::Values values = tests::factoryValues();
         for (const auto& [key, value] : row.properties) {
             if (value == "(unknown)") {

@@ -1,0 +1,40 @@
+#include "Core/JobHandlers/JobHandlerFactory.h"
+
+#include "unit/Core/JobHandlers/HandlerFixture.h"
+
+namespace {
+
+struct FactoryRow {
+    const char* name;
+    const char* itemName;
+    const char* handler;  // "" for none
+};
+
+class JobHandlerFactoryTest : public tests::HandlerFixture, public testing::WithParamInterface<FactoryRow> {};
+
+TEST_P(JobHandlerFactoryTest, MakesTheHandlerOfTheFirstRule) {
+    const zav::JobDescription job{GetParam().name, GetParam().itemName, {}};
+    const auto handler = zav::JobHandlerFactory::create(job, phone_.curl, phone_.security, phone_.properties, reader_,
+                                                        progress_, status_);
+    const auto unknown = fakes::warning("Core/JobHandlers/JobHandlerFactory", "Unknown job type !");
+    if (*GetParam().handler == '\0') {
+        EXPECT_EQ(handler, nullptr);
+        EXPECT_EQ(phone_.log.lines(), fakes::LogCapture::Lines{unknown});
+    } else {
+        ASSERT_NE(handler, nullptr);
+        EXPECT_EQ(handler->getName(), GetParam().handler);
+        EXPECT_TRUE(phone_.log.lines().empty());
+    }
+}
+
+INSTANTIATE_TEST_SUITE_P(
+    Table, JobHandlerFactoryTest,
+    testing::Values(FactoryRow{"provisioning", "category", "MasterJobHandler"},
+                    FactoryRow{"provisioning", "anything", "MasterJobHandler"},
+                    FactoryRow{"nvm", "file", "FileDownloadHandler"},
+                    FactoryRow{"custom", "file", "FileDownloadHandler"}, FactoryRow{"nvm", "param", "NVMJobHandler"},
+                    FactoryRow{"settings", "param", "NVMJobHandler"}, FactoryRow{"settings", "file", "NVMJobHandler"},
+                    FactoryRow{"category", "x", ""}, FactoryRow{"nvm", "step", ""}, FactoryRow{"NVM", "param", ""},
+                    FactoryRow{"Provisioning", "category", ""}, FactoryRow{"", "", ""}));
+
+}  // namespace

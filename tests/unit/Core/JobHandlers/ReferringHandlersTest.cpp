@@ -1,0 +1,127 @@
+// The two handlers that fetch further files: the master handler and the file download handler.
+#include <thread>
+
+#include "Core/JobHandlers/FileDownloadHandler.h"
+
+#include "Core/JobHandlers/MasterJobHandler.h"
+#include "http/UrlInfo.h"
+#include "unit/Core/JobHandlers/HandlerFixture.h"
+
+namespace {
+
+using fakes::error;
+using fakes::info;
+using fakes::warning;
+using zav::JobDescription;
+
+class ReferringHandlersTest : public tests::HandlerFixture {
+ protected:
+    void serve(const std::string& path, const std::string& root, const std::string& inside) {
+        server_.on(path, fakes::HttpAnswer::ok(tests::provisioningFile(root, "1.0", inside)));
+    }
+    int runMaster(const std::vector<zav::Attributes>& categories) {
+        const JobDescription job{"provisioning", "category", categories};
+        return make<zav::MasterJobHandler>(job)->run();
+    }
+    int runDownload(const std::vector<zav::Attributes>& files, const std::string& name = "nvm") {
+        const JobDescription job{name, "file", files};
+        return make<zav::FileDownloadHandler>(job)->run();
+    }
+};
+
+TEST_F(ReferringHandlersTest, TheirNames) {
+    const JobDescription job;
+    EXPECT_EQ(make<zav::MasterJobHandler>(job)->getName(), "MasterJobHandler");
+    EXPECT_EQ(make<zav::FileDownloadHandler>(job)->getName(), "FileDownloadHandler");
+}
+
+TEST_F(ReferringHandlersTest, ThreeJobTypesAreSupported) {
+    const JobDescription job;
+    const auto handler = make<zav::MasterJobHandler>(job);
+    for (const char* type : {"firmware", "nvm", "custom"}) EXPECT_TRUE(handler->isSupportedJobType(type));
+    for (const char* type : {"file", "settings", "", "NVM", "provisioning"})
+        EXPECT_FALSE(handler->isSupportedJobType(type));
+}
+
+TEST_F(ReferringHandlersTest, UnsupportedCategoriesAreSkippedInSilence) {
+    EXPECT_EQ(runMaster({{{"type", "file"}}, {{"type", "settings"}}}), 2);
+    EXPECT_TRUE(phone_.log.lines().empty());
+    EXPECT_TRUE(server_.requests().empty());
+}
+
+TEST_F(ReferringHandlersTest, ACategoryWithoutTypeOrUrlThrows) {
+    EXPECT_THROW(runMaster({{{"url", "/x"}}}), std::out_of_range);
+    EXPECT_THROW(runMaster({{{"type", "nvm"}}}), std::out_of_range);
+    EXPECT_THROW(runMaster({{{"type", "nvm"}, {"url", ""}}}), zav::UrlException);
+}
+
+TEST_F(ReferringHandlersTest, ACategoryThatFailsDoesNotStopTheNext) {
+    serve("/good.xml", "nvm", "<file version=\"none\" url=\"/x\"/>");
+    EXPECT_EQ(runMaster({{{"type", "firmware"}, {"url", "/bad.xml"}}, {{"type", "nvm"}, {"url", "/good.xml"}}}), 2);
+    EXPECT_EQ(zav::lastHttpCode, 404);
+    const std::string all = document();
+    EXPECT_NE(all.find("\"extraInfo\" : \"HTTP: 404 Not Found\""), std::string::npos) << all;
+    EXPECT_NE(all.find("\"xmlFileStatus\" : \"fail\""), std::string::npos) << all;
+    EXPECT_NE(all.find("\"nvm\""), std::string::npos) << all;
+    EXPECT_EQ(server_.requests().size(), 2U);
+    EXPECT_TRUE(tests::exists("/var/volatile/provisioning/nvm/good.xml"));
+}
+
+TEST_F(ReferringHandlersTest, AJobFileMayBeAFullUrlWithPlaceholders) {
+    serve("/00:0A:0B:0C:0D:0E.xml", "nvm", "<file version=\"none\" url=\"/x\"/>");
+    runMaster({{{"type", "nvm"}, {"url", server_.url("/%MACC.xml")}}});
+    EXPECT_TRUE(phone_.log.has(
+        info("Core/JobHandlers/MasterJobHandler", "Found nvm job type with URL: " + server_.url("/%MACC.xml"))));
+    EXPECT_EQ(server_.requestsFor("/00:0A:0B:0C:0D:0E.xml").size(), 1U);
+    EXPECT_TRUE(tests::exists("/var/volatile/provisioning/nvm/00:0A:0B:0C:0D:0E.xml"));
+}
+
+TEST_F(ReferringHandlersTest, WithoutAVersionThatCountsNothingIsFetched) {
+    EXPECT_EQ(runDownload({{{"version", "none"}, {"url", "/x"}}}), 0);
+    EXPECT_TRUE(server_.requests().empty());
+    EXPECT_TRUE(phone_.log.has(info("Core/JobHandlers/FileDownloadHandler", "Running FileDownloadHandlerJob on: nvm")));
+    EXPECT_EQ(document().find("\"nvm\""), std::string::npos);
+}
+
+TEST_F(ReferringHandlersTest, AFileThatFailsIsReportedUnderTheJobsName) {
+    EXPECT_EQ(runDownload({{{"url", "/missing.xml"}}}, "custom"), 0);
+    EXPECT_EQ(zav::lastHttpCode, 404);
+    status_.setJobStatus("custom", 0);
+    const std::string all = document();
+    EXPECT_NE(all.find("\"custom\""), std::string::npos) << all;
+    EXPECT_NE(all.find("\"extraInfo\" : \"HTTP: 404 Not Found\""), std::string::npos) << all;
+    EXPECT_NE(all.find("\"xmlFileStatus\" : \"fail\""), std::string::npos) << all;
+}
+
+TEST_F(ReferringHandlersTest, TheResultIsTheLastJobsAlone) {
+    phone_.properties->put("A", "");
+    serve("/fail-then-success.xml", "settings",
+          "<nvm><param name=\"unknown\" value=\"1\"/></nvm><nvm><param name=\"A\" value=\"1\"/></nvm>");
+    EXPECT_EQ(runDownload({{{"url", "/fail-then-success.xml"}}}), 2);
+    serve("/success-then-fail.xml", "settings",
+          "<nvm><param name=\"A\" value=\"1\"/></nvm><nvm><param name=\"unknown\" value=\"1\"/></nvm>");
+    EXPECT_EQ(runDownload({{{"url", "/success-then-fail.xml"}}}), 0);
+    EXPECT_TRUE(phone_.log.has(
+        info("Core/JobHandlers/FileDownloadHandler", "Found job with URL: " + server_.url("/success-then-fail.xml"))));
+}
+
+TEST_F(ReferringHandlersTest, AFileWithoutJobsIsAFailure) {
+    serve("/empty.xml", "settings", "");
+    EXPECT_EQ(runDownload({{{"url", "/empty.xml"}}}), 0);
+}
+
+// Every level names the file twice: without a bound on the number of jobs that is 2^15 downloads.
+TEST_F(ReferringHandlersTest, AFileThatIncludesItselfTwiceEnds) {
+    serve("/twice.xml", "nvm", "<nvm><file url=\"/twice.xml\"/></nvm><nvm><file url=\"/twice.xml\"/></nvm>");
+    std::thread pass([this] {
+        EXPECT_EQ(runDownload({{{"url", "/twice.xml"}}}), 0);
+    });  // counts belong to a pass's thread
+    pass.join();
+    EXPECT_LE(server_.requests().size(), 1001U);
+    EXPECT_TRUE(phone_.log.has(
+        error("Core/JobHandlers/JobHandler", "Job: nvm is nested more than 16 handlers deep and will not be started")));
+    EXPECT_TRUE(phone_.log.has(
+        error("Core/JobHandlers/JobHandler", "Job: nvm follows 1000 further jobs and will not be started")));
+}
+
+}  // namespace

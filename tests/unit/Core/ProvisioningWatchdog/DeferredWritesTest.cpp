@@ -1,0 +1,100 @@
+#include "Core/ProvisioningWatchdog/DeferredWrites.h"
+
+#include <gtest/gtest.h>
+
+#include <memory>
+
+#include "fakes/FakeProperties.h"
+#include "fakes/LogCapture.h"
+#include "propertyapi/PropertyExceptions.h"
+
+namespace {
+
+class DeferredWritesTest : public testing::Test {
+ protected:
+    void write(const std::string& value) {
+        writes_->write([this, value] { properties_.set("key", value); });
+    }
+    std::vector<std::string> written() const { return properties_.writesTo("key"); }
+
+    fakes::LogCapture log_;
+    fakes::FakeProperties properties_{{{"key", ""}}};
+    std::unique_ptr<zav::DeferredWrites> writes_ = std::make_unique<zav::DeferredWrites>();
+};
+
+TEST_F(DeferredWritesTest, AWriteThatWorksIsMadeAtOnce) {
+    write("a");
+    EXPECT_EQ(written(), std::vector<std::string>{"a"});
+}
+
+TEST_F(DeferredWritesTest, WritesAreMadeUpForInTheirOrder) {
+    properties_.setOffline(true);
+    write("a");
+    write("b");
+    EXPECT_TRUE(written().empty());
+    properties_.setOffline(false);
+    write("c");
+    EXPECT_TRUE(properties_.waitForWrite("key", "c"));
+    EXPECT_EQ(written(), (std::vector<std::string>{"a", "b", "c"}));
+    write("d");
+    EXPECT_TRUE(properties_.waitForWrite("key", "d"));
+    EXPECT_EQ(written().size(), 4U) << "each was made once";
+}
+
+TEST_F(DeferredWritesTest, ATimeoutIsTriedAgainToo) {
+    bool first = true;
+    writes_->write([&] {
+        if (std::exchange(first, false)) throw propertyapi::PropertyTimeoutException("no answer");
+        properties_.set("key", "a");
+    });
+    EXPECT_TRUE(properties_.waitForWrite("key", "a"));
+}
+
+TEST_F(DeferredWritesTest, ARefusalIsTheCallersAndNotTriedAgain) {
+    int calls = 0;
+    EXPECT_THROW(writes_->write([&] {
+        ++calls;
+        throw propertyapi::PropertyNotFoundException("no such key");
+    }),
+                 propertyapi::PropertyNotFoundException);
+    write("a");
+    EXPECT_EQ(calls, 1);
+    EXPECT_EQ(written(), std::vector<std::string>{"a"}) << "nothing waits before it";
+}
+
+TEST_F(DeferredWritesTest, ALaterRefusalIsLoggedAndDoesNotHoldTheNext) {
+    properties_.setOffline(true);
+    writes_->write([&] { properties_.set("unknown", "x"); });
+    write("a");
+    properties_.setOffline(false);
+    EXPECT_TRUE(properties_.waitForWrite("key", "a"));
+    EXPECT_TRUE(log_.has(fakes::error("Core/ProvisioningWatchdog/DeferredWrites",
+                                      "Could not make up for a property write: Property 'unknown': not found")));
+}
+
+TEST_F(DeferredWritesTest, CancelForgetsWhatWaits) {
+    properties_.setOffline(true);
+    write("stale");
+    writes_->cancel();
+    properties_.setOffline(false);
+    write("fresh");
+    writes_.reset();  // its last attempt included
+    EXPECT_EQ(written(), std::vector<std::string>{"fresh"});
+}
+
+TEST_F(DeferredWritesTest, ItsEndTriesOnceMore) {
+    properties_.setOffline(true);
+    write("a");
+    properties_.setOffline(false);
+    writes_.reset();
+    EXPECT_EQ(written(), std::vector<std::string>{"a"});
+}
+
+TEST_F(DeferredWritesTest, ItsEndDoesNotWaitForAServiceThatIsAway) {
+    properties_.setOffline(true);
+    write("a");
+    writes_.reset();
+    EXPECT_TRUE(written().empty());
+}
+
+}  // namespace

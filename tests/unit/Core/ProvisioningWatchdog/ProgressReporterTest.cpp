@@ -1,0 +1,70 @@
+#include "Core/ProvisioningWatchdog/ProgressReporter.h"
+
+#include <gtest/gtest.h>
+
+#include <atomic>
+#include <thread>
+
+#include "fakes/LogCapture.h"
+
+namespace {
+
+const std::string source = "Core/ProvisioningWatchdog/ProgressReporter";
+const auto waiting = fakes::info(source, "Waiting for progress");
+const auto consumed = fakes::info(source, "Progress consumed");
+
+class ProgressReporterTest : public testing::Test {
+ protected:
+    /// A waiter on a thread of its own; it stands in its wait when this returns.
+    void startWaiter() {
+        const std::size_t before = log_.count(waiting);
+        waiter_ = std::thread([this] {
+            reporter_.waitForProgress();
+            returned_ = true;
+        });
+        ASSERT_TRUE(log_.waitFor(waiting, before + 1));
+    }
+    ~ProgressReporterTest() override {
+        reporter_.release();
+        if (waiter_.joinable()) waiter_.join();
+    }
+
+    fakes::LogCapture log_;
+    zav::ProgressReporter reporter_;
+    std::atomic<bool> returned_{false};
+    std::thread waiter_;
+};
+
+TEST_F(ProgressReporterTest, SeveralSignalsAreOne) {
+    for (int i = 0; i < 3; ++i) reporter_.notifyProgress();
+    reporter_.waitForProgress();
+    EXPECT_EQ(log_.lines(), (fakes::LogCapture::Lines{waiting, consumed}));
+    startWaiter();
+    EXPECT_FALSE(returned_) << "the second wait blocks";
+    EXPECT_EQ(log_.count(consumed), 1U);
+    reporter_.notifyProgress();
+    waiter_.join();
+    EXPECT_EQ(log_.count(consumed), 2U);
+}
+
+TEST_F(ProgressReporterTest, AResetDropsTheSignal) {
+    reporter_.notifyProgress();
+    reporter_.resetProgress();
+    startWaiter();
+    EXPECT_FALSE(returned_);
+    reporter_.notifyProgress();
+    waiter_.join();
+    EXPECT_TRUE(returned_);
+}
+
+TEST_F(ProgressReporterTest, ReleaseEndsEveryWait) {
+    startWaiter();
+    reporter_.release();
+    waiter_.join();
+    reporter_.waitForProgress();
+    reporter_.resetProgress();
+    reporter_.waitForProgress();
+    EXPECT_EQ(log_.count(consumed), 3U);
+}
+
+}  // namespace

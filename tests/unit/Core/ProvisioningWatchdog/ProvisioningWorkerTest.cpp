@@ -1,0 +1,359 @@
+#include "Core/ProvisioningWatchdog/ProvisioningWorker.h"
+
+#include <gtest/gtest.h>
+
+#include <atomic>
+#include <thread>
+
+#include "Core/PassState.h"
+#include "fakes/HttpServer.h"
+#include "unit/Core/support/Phone.h"
+
+namespace {
+
+using fakes::error;
+using fakes::HttpAnswer;
+using fakes::info;
+using fakes::warning;
+
+const std::string source = "Core/ProvisioningWatchdog/ProvisioningWorker";
+const auto started = info(source, "Start provisioning thread");
+const auto mustWait = warning(source, "Previous provisioning is not finished yet. Waiting...");
+const auto finished = info(source, "Provisioning Finished");
+const auto waiting = info("Core/ProvisioningWatchdog/ProgressReporter", "Waiting for progress");
+const auto consumed = info("Core/ProvisioningWatchdog/ProgressReporter", "Progress consumed");
+const std::string lockUi = "State.Provisioning.LockUI";
+
+/// A security object whose notification fails, or says when it was called.
+class TalkingSecurity : public zav::Security {
+ public:
+    using Security::Security;
+    void notifySystemAboutNewCertificates() override {
+        ++notifications;
+        if (throws) throw 42;
+    }
+    std::atomic<int> notifications{0};
+    std::atomic<bool> throws{false};
+};
+
+class ProvisioningWorkerTest : public testing::Test {
+ protected:
+    ProvisioningWorkerTest() { phone_.properties->put("System.Provision.ProvisioningServer", server_.url("/")); }
+    ~ProvisioningWorkerTest() override {
+        gate_->open();
+        end();
+    }
+
+    void hold() { server_.on("/provisioning.xml", HttpAnswer::error(404).heldBy(gate_)); }
+    /// The worker's end waits for the pass and what follows it.
+    void end() { worker_.reset(); }
+    void runPass(const std::string& url = "") {
+        const std::size_t before = phone_.log.count(finished);
+        worker_->startProvisioning(url);
+        ASSERT_TRUE(phone_.log.waitFor(finished, before + 1));
+    }
+    std::vector<std::string> locks() const { return phone_.properties->writesTo(lockUi); }
+    std::vector<std::string> results() const { return phone_.properties->writesTo("State.Provisioning"); }
+
+    tests::Phone phone_;
+    fakes::HttpServer server_;
+    std::shared_ptr<fakes::Gate> gate_ = std::make_shared<fakes::Gate>();
+    TalkingSecurity security_{phone_.properties};
+    std::unique_ptr<zav::ProvisioningWorker> worker_ =
+        std::make_unique<zav::ProvisioningWorker>(phone_.properties, phone_.curl, security_);
+};
+
+TEST_F(ProvisioningWorkerTest, AtFirstItIsFinishedAndHasNoStatus) {
+    EXPECT_TRUE(worker_->isProvisioningFinished());
+    EXPECT_EQ(worker_->getProvisioningStatus(), "");
+    worker_->waitForProgress();
+    EXPECT_TRUE(phone_.log.lines().empty());
+}
+
+TEST_F(ProvisioningWorkerTest, WithoutAServerNothingStarts) {
+    phone_.properties->put("System.Provision.ProvisioningServer", "");
+    worker_->startProvisioning("");
+    EXPECT_TRUE(worker_->isProvisioningFinished());
+    EXPECT_TRUE(phone_.log.has(error(source, "Provisioning URL not set. Provisioning not started.")));
+    EXPECT_TRUE(phone_.properties->writes().empty());
+}
+
+TEST_F(ProvisioningWorkerTest, AUrlThatCannotBeSplitReachesTheCallerAndNobodyWaits) {
+    EXPECT_THROW(worker_->startProvisioning("http://a b/"), zav::UrlException);
+    EXPECT_FALSE(worker_->isProvisioningFinished()) << "as it is told";
+    worker_->waitForProgress();
+    runPass();
+    end();
+    EXPECT_EQ(results(), std::vector<std::string>{"fail"});
+}
+
+TEST_F(ProvisioningWorkerTest, WhileAPassRunsItIsNotFinishedAndItsStatusIsUnset) {
+    hold();
+    worker_->startProvisioning("");
+    ASSERT_TRUE(gate_->waitUntilReached());
+    EXPECT_FALSE(worker_->isProvisioningFinished());
+    EXPECT_EQ(worker_->getProvisioningStatus(), "");
+    EXPECT_EQ(locks(), std::vector<std::string>{"1"});
+    gate_->open();
+    ASSERT_TRUE(phone_.log.waitFor(finished));
+    EXPECT_TRUE(worker_->isProvisioningFinished());
+    EXPECT_TRUE(phone_.properties->waitForWrite("State.Provisioning", "fail"));
+    EXPECT_EQ(worker_->getProvisioningStatus(), "fail");
+    end();
+    EXPECT_EQ(locks(), (std::vector<std::string>{"1", "0"}));
+    EXPECT_EQ(security_.notifications, 1);
+}
+
+TEST_F(ProvisioningWorkerTest, ASecondRequestWaitsForTheFirstPass) {
+    hold();
+    worker_->startProvisioning("");
+    ASSERT_TRUE(gate_->waitUntilReached());
+    std::atomic<bool> returned{false};
+    std::thread second([&] {
+        worker_->startProvisioning("");
+        returned = true;
+    });
+    ASSERT_TRUE(phone_.log.waitFor(mustWait));
+    EXPECT_FALSE(returned);
+    EXPECT_EQ(phone_.log.count(started), 1U);
+    gate_->open();
+    second.join();
+    ASSERT_TRUE(phone_.log.waitFor(finished, 2));
+    end();
+    EXPECT_EQ(results().size(), 2U);
+    EXPECT_EQ(locks(), (std::vector<std::string>{"1", "0", "1", "0"})) << "one pass after the other";
+}
+
+TEST_F(ProvisioningWorkerTest, TwoCallersAtOnceMakeTwoPassesOneAfterTheOther) {
+    std::vector<std::thread> callers;
+    for (int i = 0; i < 4; ++i) callers.emplace_back([this] { worker_->startProvisioning(""); });
+    for (auto& caller : callers) caller.join();
+    ASSERT_TRUE(phone_.log.waitFor(finished, 4));
+    end();
+    EXPECT_EQ(results().size(), 4U);
+    EXPECT_EQ(locks(), (std::vector<std::string>{"1", "0", "1", "0", "1", "0", "1", "0"}));
+}
+
+TEST_F(ProvisioningWorkerTest, StopDropsARequestThatWaits) {
+    hold();
+    worker_->startProvisioning("");
+    ASSERT_TRUE(gate_->waitUntilReached());
+    std::thread second([&] { worker_->startProvisioning(""); });
+    ASSERT_TRUE(phone_.log.waitFor(mustWait));
+    worker_->stop();
+    second.join();
+    worker_->startProvisioning("");  // and any later one
+    gate_->open();
+    end();
+    EXPECT_EQ(phone_.log.count(started), 1U);
+    EXPECT_EQ(results(), std::vector<std::string>{"fail"});
+}
+
+TEST_F(ProvisioningWorkerTest, BytesThatArriveReleaseAWaiter) {
+    auto more = std::make_shared<fakes::Gate>();
+    server_.on("/provisioning.xml", HttpAnswer::ok(std::string(200000, 'x')).stallingAfter(100000, more));
+    worker_->startProvisioning("");
+    ASSERT_TRUE(more->waitUntilReached());
+    worker_->waitForProgress();
+    EXPECT_FALSE(worker_->isProvisioningFinished());
+    std::thread waiter([&] { worker_->waitForProgress(); });
+    more->open();
+    waiter.join();
+    ASSERT_TRUE(phone_.log.waitFor(finished));
+}
+
+/// An HTTP client whose progress the test makes.
+class HandCurl : public zav::Curl {
+ public:
+    void setProgressCallback(ProgressCallback given) override { callback = std::move(given); }
+    ProgressCallback callback;
+};
+
+TEST_F(ProvisioningWorkerTest, OnlyAChangedCountOfDownloadedBytesIsProgress) {
+    const auto curl = std::make_shared<HandCurl>();
+    zav::ProvisioningWorker worker(phone_.properties, curl, security_);
+    ASSERT_TRUE(curl->callback);
+    hold();
+    worker.startProvisioning("");
+    ASSERT_TRUE(gate_->waitUntilReached());
+    worker.waitForProgress();  // the pass's start
+    std::thread waiter([&] { worker.waitForProgress(); });
+    ASSERT_TRUE(phone_.log.waitFor(waiting, 2));
+    curl->callback(1000, 0, 0, 0);  // as it was at first
+    curl->callback(2000, 0, 5, 6);
+    EXPECT_EQ(phone_.log.count(consumed), 1U);
+    curl->callback(1000, 1, 0, 0);
+    waiter.join();
+    EXPECT_EQ(phone_.log.count(consumed), 2U);
+    std::thread again([&] { worker.waitForProgress(); });
+    ASSERT_TRUE(phone_.log.waitFor(waiting, 3));
+    curl->callback(1000, 1, 0, 0);
+    EXPECT_EQ(phone_.log.count(consumed), 2U);
+    gate_->open();
+    again.join();
+}
+
+TEST_F(ProvisioningWorkerTest, TheWorkersEndTakesItsCallbackBack) {
+    const auto curl = std::make_shared<HandCurl>();
+    { const zav::ProvisioningWorker worker(phone_.properties, curl, security_); }
+    EXPECT_FALSE(curl->callback);
+}
+
+TEST_F(ProvisioningWorkerTest, StopReleasesAWaiterWhileThePassGoesOn) {
+    hold();
+    worker_->startProvisioning("");
+    ASSERT_TRUE(gate_->waitUntilReached());
+    worker_->waitForProgress();
+    std::thread waiter([&] { worker_->waitForProgress(); });
+    ASSERT_TRUE(phone_.log.waitFor(waiting, 2));
+    worker_->stop();
+    waiter.join();
+    EXPECT_FALSE(worker_->isProvisioningFinished());
+}
+
+TEST_F(ProvisioningWorkerTest, APassOnAnExplicitUrlPublishesNothing) {
+    phone_.properties->put("State.FirmwareUpdate.TriggerAuto", "request");
+    runPass(server_.url("/own.xml"));
+    end();
+    EXPECT_EQ(phone_.properties->writes(), (std::vector<fakes::PropertyWrite>{{lockUi, "", "1"}, {lockUi, "", "0"}}));
+}
+
+TEST_F(ProvisioningWorkerTest, EveryPassReadsTheSettingsAgain) {
+    runPass();
+    phone_.properties->put("System.Provision.ProvisioningServer", server_.url("/elsewhere/"));
+    runPass();
+    end();
+    EXPECT_EQ(server_.requestsFor("/elsewhere/provisioning.xml").size(), 1U);
+}
+
+TEST_F(ProvisioningWorkerTest, AScreenThatCannotBeLockedIsNoReasonNotToProvision) {
+    phone_.properties->failCall(fakes::FakeProperties::Call::set, 1);
+    runPass();
+    end();
+    EXPECT_EQ(locks(), std::vector<std::string>{"0"});
+    EXPECT_EQ(results(), std::vector<std::string>{"fail"});
+}
+
+TEST_F(ProvisioningWorkerTest, WhatTheEndCannotWriteIsWrittenWhenTheServiceIsBack) {
+    hold();
+    phone_.properties->put("State.FirmwareUpdate.TriggerAuto", "request");
+    worker_->startProvisioning("");
+    ASSERT_TRUE(gate_->waitUntilReached());
+    phone_.properties->setOffline(true);
+    gate_->open();
+    ASSERT_TRUE(phone_.log.waitFor(info(source, "Provisioning failed. ")));
+    EXPECT_TRUE(worker_->isProvisioningFinished());
+    EXPECT_EQ(locks(), std::vector<std::string>{"1"});
+    phone_.properties->setOffline(false);
+    ASSERT_TRUE(phone_.properties->waitForWrite("State.FirmwareUpdate.TriggerAuto", "no_version"));
+    EXPECT_EQ(phone_.properties->writes(),
+              (std::vector<fakes::PropertyWrite>{{lockUi, "", "1"},
+                                                 {lockUi, "", "0"},
+                                                 {"State.Provisioning.HttpErrorCode", "", "404"},
+                                                 {"State.Provisioning", "", "fail"},
+                                                 {"State.FirmwareUpdate.TriggerAuto", "", "no_version"}}));
+}
+
+TEST_F(ProvisioningWorkerTest, ANewPassMakesOldWritesStale) {
+    hold();
+    worker_->startProvisioning("");
+    ASSERT_TRUE(gate_->waitUntilReached());
+    phone_.properties->failKey(lockUi);
+    phone_.properties->failKey("State.Provisioning");
+    phone_.properties->failKey("State.Provisioning.HttpErrorCode");
+    gate_->open();
+    ASSERT_TRUE(phone_.log.waitFor(info(source, "Provisioning failed. ")));
+    phone_.properties->forgetCalls();
+    server_.on("/provisioning.xml", HttpAnswer::ok(tests::provisioningFile("provisioning", "1.1", "<nvm/>")));
+    runPass();
+    for (const char* key : {"State.Provisioning.LockUI", "State.Provisioning", "State.Provisioning.HttpErrorCode"}) {
+        phone_.properties->restoreKey(key);
+    }
+    end();
+    EXPECT_EQ(results(), std::vector<std::string>{"partSuccess"}) << "the old one's 'fail' is gone";
+    EXPECT_EQ(locks(), std::vector<std::string>{"0"});
+}
+
+TEST_F(ProvisioningWorkerTest, ARequestThatStartsNoPassLeavesTheOldWritesAlone) {
+    hold();
+    worker_->startProvisioning("");
+    ASSERT_TRUE(gate_->waitUntilReached());
+    phone_.properties->failKey(lockUi);
+    gate_->open();
+    ASSERT_TRUE(phone_.log.waitFor(info(source, "Provisioning failed. ")));
+    phone_.properties->put("System.Provision.ProvisioningServer", "");
+    worker_->startProvisioning("");
+    phone_.properties->put("System.Provision.ProvisioningServer", "http://a b/");
+    EXPECT_THROW(worker_->startProvisioning(""), zav::UrlException);
+    phone_.properties->restoreKey(lockUi);
+    EXPECT_TRUE(phone_.properties->waitForWrite(lockUi, "0")) << "a screen must not stay locked";
+}
+
+TEST_F(ProvisioningWorkerTest, EachStepOfTheEndIsOnItsOwn) {
+    security_.throws = true;
+    fakes::FakeProperties::Values values = tests::factoryValues();
+    values["System.Provision.ProvisioningServer"] = server_.url("/");
+    values.erase(lockUi);
+    values.erase("State.Provisioning.HttpErrorCode");
+    values.erase("State.FirmwareUpdate.TriggerAuto");
+    const auto properties = std::make_shared<fakes::FakeProperties>(values);
+    worker_ = std::make_unique<zav::ProvisioningWorker>(properties, phone_.curl, security_);
+    hold();
+    worker_->startProvisioning("");
+    ASSERT_TRUE(gate_->waitUntilReached());
+    worker_->waitForProgress();
+    std::thread waiter([&] { worker_->waitForProgress(); });
+    ASSERT_TRUE(phone_.log.waitFor(waiting, 2));
+    gate_->open();
+    waiter.join();  // the last step came
+    end();
+    EXPECT_EQ(properties->writes(), (std::vector<fakes::PropertyWrite>{{"State.Provisioning", "", "fail"}}));
+    EXPECT_EQ(security_.notifications, 1);
+}
+
+TEST_F(ProvisioningWorkerTest, AnExceptionEndsThePassAsFail) {
+    phone_.properties->put("System.Provision.ProvisioningServer", server_.url("/%MACD.xml"));
+    phone_.properties->failKey("NET.MAC.Address");
+    runPass();
+    end();
+    EXPECT_TRUE(
+        phone_.log.has(error(source,
+                             "Something went wrong during provisioning process, an exception was thrown: Property "
+                             "'NET.MAC.Address': the property service is offline")));
+    EXPECT_EQ(results(), std::vector<std::string>{"fail"});
+}
+
+TEST_F(ProvisioningWorkerTest, AnExceptionInAJobKeepsWhatWasRecorded) {
+    phone_.properties->put("A", "");
+    server_.on("/provisioning.xml",
+               HttpAnswer::ok(tests::provisioningFile("provisioning", "1.0",
+                                                      R"(<category type="nvm" url="/nvm.xml"/><category url="x"/>)")));
+    server_.on("/nvm.xml", HttpAnswer::ok(tests::provisioningFile("nvm", "1.0", R"(<file url="/s.xml"/>)")));
+    server_.on("/s.xml", HttpAnswer::ok(tests::provisioningFile("settings", "1.0", R"(<param name="A" value="1"/>)")));
+    runPass();
+    end();
+    EXPECT_EQ(results(), std::vector<std::string>{"fail"});
+    const auto lines = phone_.log.linesOf("Core/ProvisioningStatusReporter");
+    ASSERT_EQ(lines.size(), 1U);
+    EXPECT_NE(lines[0].text.find("\"jobStatus\" : \"success\""), std::string::npos) << lines[0];
+}
+
+TEST_F(ProvisioningWorkerTest, TheVersionBelongsToThePass) {
+    zav::setCurrentProvisioningVersion("1.0");
+    server_.on("/provisioning.xml", HttpAnswer::ok(tests::provisioningFile("provisioning", "1.1", "<nvm/>")));
+    runPass();
+    end();
+    EXPECT_TRUE(phone_.log.has(info(source, "Starting provisioning version: 1.1"))) << "the old one did not count";
+}
+
+TEST_F(ProvisioningWorkerTest, TheEndOfTheWorkerWaitsForItsPass) {
+    hold();
+    worker_->startProvisioning("");
+    ASSERT_TRUE(gate_->waitUntilReached());
+    gate_->open();
+    end();
+    EXPECT_EQ(results(), std::vector<std::string>{"fail"});
+    EXPECT_EQ(locks(), (std::vector<std::string>{"1", "0"}));
+}
+
+}  // namespace
