@@ -34,6 +34,9 @@ INSTANTIATE_TEST_SUITE_P(
                     FactoryRow{"nvm", "file", "FileDownloadHandler"},
                     FactoryRow{"custom", "file", "FileDownloadHandler"}, FactoryRow{"nvm", "param", "NVMJobHandler"},
                     FactoryRow{"settings", "param", "NVMJobHandler"}, FactoryRow{"settings", "file", "NVMJobHandler"},
+                    FactoryRow{"firmware", "anything", "FirmwareJobHandler"},
+                    FactoryRow{"custom", "step", "CustomScenarioJobHandler"},
+                    FactoryRow{"scenario", "anything", "CustomScenarioJobHandler"}, FactoryRow{"custom", "param", ""},
                     FactoryRow{"category", "x", ""}, FactoryRow{"nvm", "step", ""}, FactoryRow{"NVM", "param", ""},
                     FactoryRow{"Provisioning", "category", ""}, FactoryRow{"", "", ""}));
 

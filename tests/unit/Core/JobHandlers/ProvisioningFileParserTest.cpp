@@ -45,9 +45,8 @@ class ProvisioningFileParserTest : public tests::HandlerFixture {
     std::vector<JobDescription> jobsOf(const std::string& document) {
         tests::writeFile(path, document);
         EXPECT_TRUE(reader_.load(path)) << document;
-        zav::ProvisioningFileParser files("/tmp/nothing to decrypt", reader_, phone_.properties);
         std::vector<JobDescription> jobs;
-        EXPECT_TRUE(files.collectJobs(jobs));
+        EXPECT_TRUE(collector_.collectJobs(jobs));
         return jobs;
     }
     static Lines failed(Lines lines, const std::string& digits) {
@@ -55,6 +54,7 @@ class ProvisioningFileParserTest : public tests::HandlerFixture {
         lines.push_back(error(source, "File " + path + " check error: " + digits));
         return lines;
     }
+    zav::ProvisioningFileParser collector_{"/tmp/nothing to decrypt", reader_, phone_.properties};
     const fakes::LogLine anyMac_ = info(source, "MAC address not provided in XML, skipping check");
 };
 
