@@ -174,6 +174,7 @@ class Connection {
     std::string failure_;      // why this connection failed or ended
     std::size_t backlog_ = 0;  // quality 0 messages since the socket last took everything
     Clock::time_point readyDeadline_;
+    Clock::time_point readySince_;
     Clock::time_point closeDeadline_;
     Clock::time_point nextUpkeep_;
     std::map<std::uint32_t, Subscription> subscriptions_;

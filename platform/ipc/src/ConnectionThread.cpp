@@ -20,7 +20,7 @@ constexpr int keepAliveSeconds = 60;
 constexpr std::chrono::seconds upkeepInterval{10};
 constexpr milliseconds firstPause{100};
 constexpr milliseconds longestPause{5000};
-constexpr std::chrono::seconds settled{5};  // a connection that lasted this long starts the back-off anew
+constexpr std::chrono::seconds settled{1};  // a connection that lasted this long starts the back-off anew
 constexpr std::uint32_t sessionSeconds = 3600;
 
 }  // namespace
@@ -30,13 +30,13 @@ void Connection::run() {
     milliseconds pause = firstPause;
     while (!closing_) {
         failure_.clear();
-        const auto begin = Clock::now();
-        readyDeadline_ = begin + connectTimeout;
+        readyDeadline_ = Clock::now() + connectTimeout;
+        readySince_ = Clock::time_point::max();
         connectOnce(lock);
         if (closing_) break;
         if (!everUp_ && !forEver_) break;
         // Two clients of one name push each other off the broker: only a connection that held counts as a success.
-        if (Clock::now() - begin > connectTimeout + settled) pause = firstPause;
+        if (readySince_ < Clock::now() - settled) pause = firstPause;
         waitToRetry(lock, pause);
         pause = std::min(pause * 2, longestPause);
     }
@@ -189,6 +189,7 @@ void Connection::accepted() {
 
 void Connection::becomeReady() {
     ready_ = true;
+    readySince_ = Clock::now();
     everReady_ = true;
     if (!options_.statusTopic.empty()) enqueue({options_.statusTopic, "online", 1, {}, {}}, true);
     if (options_.logsItself) dbg::Debug::info() << "Connected to the broker" << std::endl;
