@@ -54,7 +54,10 @@ bool fits(void* context, unsigned nodes) {
 
 void countElement(void* context, const xmlChar* name, const xmlChar* prefix, const xmlChar* uri, int namespaceCount,
                   const xmlChar** namespaces, int attributeCount, int defaulted, const xmlChar** attributes) {
-    if (attributeCount > maximumAttributes) refuse(context);
+    if (attributeCount > maximumAttributes) {
+        refuse(context);
+        return;  // the attributes were in the buffer that is gone now
+    }
     if (!fits(context, 1 + static_cast<unsigned>(attributeCount) + static_cast<unsigned>(namespaceCount))) return;
     xmlSAX2StartElementNs(context, name, prefix, uri, namespaceCount, namespaces, attributeCount, defaulted,
                           attributes);
