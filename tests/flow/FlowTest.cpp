@@ -41,6 +41,8 @@ class FlowTest : public testing::TestWithParam<std::string> {
             }
         }
         properties_ = std::make_shared<fakes::FakeProperties>(values);
+        tests::writeFile("/config/bin/clean-up-utils.sh", "#!/bin/sh\n");
+        std::filesystem::permissions("/config/bin/clean-up-utils.sh", std::filesystem::perms::owner_all);
         std::map<std::string, std::vector<fakes::HttpAnswer>> answers;
         for (const flow::Answer& answer : row.server) {
             std::string body = answer.body;
