@@ -71,7 +71,8 @@ int main(int argc, char** argv) {
         dbg::Debug::info() << "Serving " << catalogue.keys().size() << " properties, stored in " << storePath
                            << std::endl;
         bus->start(address(host, port), propertyservice::statusTopic,
-                   {propertyservice::getTopic, propertyservice::setTopic, propertyservice::listTopic},
+                   {propertyservice::getTopic, propertyservice::setTopic, propertyservice::listTopic,
+                    propertyservice::describeTopic, propertyservice::importTopic},
                    [&service](const std::vector<ipc::ServiceRequest>& requests) { return service.handle(requests); });
         termination().get_future().wait();
         bus->stop();

@@ -2,6 +2,7 @@
 
 #include <json/reader.h>
 #include <json/value.h>
+#include <json/writer.h>
 
 #include <algorithm>
 #include <cerrno>
@@ -66,10 +67,31 @@ class Source {
     const std::string& name_;
 };
 
+bool flag(const Json::Value& json, const char* name) {
+    if (json.isMember(name) && !json[name].isBool()) {
+        throw std::invalid_argument("\"" + std::string(name) + "\" must be true or false");
+    }
+    return json[name].asBool();
+}
+
+std::string limitsOf(const Json::Value& json, const std::string& type) {
+    Json::StreamWriterBuilder builder;
+    builder["indentation"] = "";
+    builder["emitUTF8"] = true;
+    std::string limits;
+    for (const std::string& name : limitNames(type)) {
+        if (!json.isMember(name)) continue;
+        limits += (limits.empty() ? "\"" : ",\"") + name + "\":" + Json::writeString(builder, json[name]);
+    }
+    return limits;
+}
+
 std::shared_ptr<const Definition> readDefinition(const Json::Value& json) {
     if (!json.isObject()) throw std::invalid_argument("the definition must be an object");
     auto definition = std::make_shared<Definition>();
     definition->rule = makeValueRule(json);
+    definition->type = json["type"].asString();
+    definition->limits = limitsOf(json, definition->type);
     if (!json["description"].isString() || json["description"].asString().empty()) {
         throw std::invalid_argument("\"description\" is missing");
     }
@@ -77,17 +99,16 @@ std::shared_ptr<const Definition> readDefinition(const Json::Value& json) {
     if (definition->description.find('\n') != std::string::npos) {
         throw std::invalid_argument("\"description\" must be one line");
     }
-    if (json.isMember("readOnly") && !json["readOnly"].isBool()) {
-        throw std::invalid_argument("\"readOnly\" must be true or false");
-    }
-    definition->readOnly = json["readOnly"].asBool();
+    definition->readOnly = flag(json, "readOnly");
+    definition->isVolatile = flag(json, "volatile");
     if (!json["default"].isString()) {
         throw std::invalid_argument("\"default\" is missing or no text (write \"5\", not 5)");
     }
     definition->defaultValue = json["default"].asString();
     const std::string objection = definition->rule->objection(definition->defaultValue);
     if (!objection.empty()) {
-        throw std::invalid_argument("the default \"" + definition->defaultValue + "\" " + objection);
+        const std::string shown = definition->isSecret() ? "" : " \"" + definition->defaultValue + "\"";
+        throw std::invalid_argument("the default" + shown + " " + objection);
     }
     return definition;
 }
@@ -105,6 +126,8 @@ bool isKey(const std::string& text) {
     }
     return previous != '.';
 }
+
+bool isState(const std::string& key) { return key.compare(0, 6, "State.") == 0; }
 
 Catalogue Catalogue::load(const std::string& path) {
     std::ifstream file(path, std::ios::binary);
@@ -142,6 +165,9 @@ Catalogue Catalogue::parse(const std::string& text, const std::string& name) {
                 if (!isKey(key)) {
                     throw std::invalid_argument(
                         "is no key: letters, digits, \"_\" and \"-\" in segments between dots, at most 255 bytes");
+                }
+                if (isState(key) && json.isMember("volatile") && !definition->isVolatile) {
+                    throw std::invalid_argument("keys below \"State.\" are volatile");
                 }
                 catalogue.keys_.push_back({std::move(key), definition, line});
             }

@@ -19,10 +19,16 @@ class CatalogueException : public std::runtime_error {
 
 /// One definition of the file; all keys of an index pattern share it.
 struct Definition {
+    std::string type;
+    std::string limits;  // as JSON members: "\"min\":1,\"max\":9"; empty: none
     std::string defaultValue;
     std::string description;
     bool readOnly = false;
+    bool isVolatile = false;  // beside "State.*", which always is
     std::shared_ptr<const ValueRule> rule;
+
+    /// Its values are for nobody's eyes: no log line and no listing for people shows them.
+    bool isSecret() const { return type == "secret"; }
 };
 
 struct CatalogueKey {
@@ -48,5 +54,8 @@ class Catalogue {
 
 /// Keys hold [A-Za-z0-9._-] only, 255 bytes at most, in segments between dots of which none is empty.
 bool isKey(const std::string& text);
+
+/// Keys below "State." are at their default after every start of the service.
+bool isState(const std::string& key);
 
 }  // namespace propertyservice

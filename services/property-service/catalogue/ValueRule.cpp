@@ -154,9 +154,113 @@ class PatternRule final : public ValueRule {
     regex_t expression_{};
 };
 
+// A limit keeps passwords from being longer than what they are for, or of the wrong letters; no objection repeats them.
+class SecretRule final : public ValueRule {
+ public:
+    explicit SecretRule(const Json::Value& definition) {
+        if (definition.isMember("pattern")) {
+            rule_ = std::make_unique<const PatternRule>(definition);
+        } else {
+            rule_ = std::make_unique<const TextRule>(definition);
+        }
+    }
+
+    std::string objection(const std::string& value) const override { return rule_->objection(value); }
+
+ private:
+    std::unique_ptr<const ValueRule> rule_;
+};
+
+bool matches(const regex_t& expression, const std::string& text) {
+    return ::regexec(&expression, text.c_str(), 0, nullptr, 0) == 0;
+}
+
+class UrlRule final : public ValueRule {
+ public:
+    explicit UrlRule(const Json::Value& definition) : maxLength_(std::min(maxLength(definition), longest)) {
+        if (definition.isMember("schemes")) readSchemes(definition["schemes"]);
+        // scheme, user, host (a name or an IPv6 address in brackets), port, and the rest without blanks
+        ::regcomp(&expression_,
+                  "^[A-Za-z][A-Za-z0-9+.-]*://([^]@/?#[:space:][:cntrl:][]*@)?"
+                  "([[][0-9A-Fa-f:.]+[]]|[^]:@/?#[:space:][:cntrl:][]+)(:[0-9]{1,5})?([/?#][^[:space:][:cntrl:]]*)?$",
+                  REG_EXTENDED | REG_NOSUB);
+    }
+    UrlRule(const UrlRule&) = delete;
+    UrlRule& operator=(const UrlRule&) = delete;
+    ~UrlRule() override { ::regfree(&expression_); }
+
+    std::string objection(const std::string& value) const override {
+        if (value.empty()) return {};
+        if (value.size() > maxLength_) return "must be at most " + std::to_string(maxLength_) + " bytes long";
+        if (!matches(expression_, value) || !hasGoodPort(value)) {
+            return "must be a URL such as https://server.example/path, or empty";
+        }
+        const std::string scheme = lowerCase(value.substr(0, value.find(':')));
+        if (schemes_.empty() || std::find(schemes_.begin(), schemes_.end(), scheme) != schemes_.end()) return {};
+        std::string text = "must begin with";
+        for (const std::string& allowed : schemes_) text += (&allowed == &schemes_[0] ? " " : " or ") + allowed + "://";
+        return text;
+    }
+
+ private:
+    static constexpr std::size_t longest = 2048;
+
+    static std::string lowerCase(std::string text) {
+        std::transform(text.begin(), text.end(), text.begin(), [](char letter) {
+            return letter >= 'A' && letter <= 'Z' ? static_cast<char>(letter + 32) : letter;
+        });
+        return text;
+    }
+
+    void readSchemes(const Json::Value& schemes) {
+        if (!schemes.isArray() || schemes.empty()) {
+            throw std::invalid_argument("\"schemes\" must be a list such as [\"https\"]");
+        }
+        for (const Json::Value& scheme : schemes) {
+            if (!scheme.isString() || scheme.asString().empty() || scheme.asString() != lowerCase(scheme.asString())) {
+                throw std::invalid_argument("every one of \"schemes\" must be a text in lower case");
+            }
+            schemes_.push_back(scheme.asString());
+        }
+    }
+
+    static bool hasGoodPort(const std::string& url) {
+        const std::string::size_type start = url.find("://") + 3;
+        const std::string authority = url.substr(start, url.find_first_of("/?#", start) - start);
+        const std::string::size_type colon = authority.find_last_of(":]@");
+        if (colon == std::string::npos || authority[colon] != ':') return true;
+        const std::optional<std::int64_t> port = wholeNumber(authority.substr(colon + 1));
+        return port && *port >= 1 && *port <= 65535;
+    }
+
+    const std::size_t maxLength_;
+    std::vector<std::string> schemes_;
+    regex_t expression_{};
+};
+
+class MacRule final : public ValueRule {
+ public:
+    std::string objection(const std::string& value) const override {
+        if (value.empty()) return {};
+        // Six pairs of digits, all with the same separator or all without one.
+        const std::string separator = value.size() == 17 ? value.substr(2, 1) : "";
+        bool good = value.size() == 12 || separator == ":" || separator == "-";
+        for (std::size_t at = 0; good && at < value.size(); ++at) {
+            const bool between = !separator.empty() && at % 3 == 2;
+            good = between ? value[at] == separator[0] : isHexadecimal(value[at]);
+        }
+        return good ? "" : "must be a MAC address such as 00:11:22:aa:bb:cc, or empty";
+    }
+
+ private:
+    static bool isHexadecimal(char letter) {
+        return (letter >= '0' && letter <= '9') || (letter >= 'a' && letter <= 'f') || (letter >= 'A' && letter <= 'F');
+    }
+};
+
 struct Type {
     const char* name;
-    std::set<std::string> limits;  // the members that go with it
+    std::vector<std::string> limits;  // the members that go with it
     std::shared_ptr<const ValueRule> (*make)(const Json::Value&);
 };
 
@@ -165,36 +269,54 @@ std::shared_ptr<const ValueRule> make(const Json::Value& definition) {
     return std::make_shared<const Rule>(definition);
 }
 
+template <typename Rule>
+std::shared_ptr<const ValueRule> makePlain(const Json::Value&) {
+    return std::make_shared<const Rule>();
+}
+
 const std::vector<Type>& types() {
     static const std::vector<Type> all{
         {"text", {"maxLength"}, make<TextRule>},
         {"integer", {"min", "max"}, make<IntegerRule>},
-        {"boolean",
-         {},
-         [](const Json::Value&) -> std::shared_ptr<const ValueRule> { return std::make_shared<const BooleanRule>(); }},
+        {"boolean", {}, makePlain<BooleanRule>},
         {"enum", {"values"}, make<EnumRule>},
         {"pattern", {"pattern", "maxLength"}, make<PatternRule>},
+        {"url", {"schemes", "maxLength"}, make<UrlRule>},
+        {"mac", {}, makePlain<MacRule>},
+        {"secret", {"pattern", "maxLength"}, make<SecretRule>},
     };
     return all;
+}
+
+const Type* findType(const std::string& name) {
+    const auto type =
+        std::find_if(types().begin(), types().end(), [&](const Type& candidate) { return name == candidate.name; });
+    return type == types().end() ? nullptr : &*type;
 }
 
 }  // namespace
 
 std::shared_ptr<const ValueRule> makeValueRule(const Json::Value& definition) {
-    static const std::set<std::string> common{"type", "default", "description", "readOnly"};
+    static const std::set<std::string> common{"type", "default", "description", "readOnly", "volatile"};
     if (!definition["type"].isString()) throw std::invalid_argument("\"type\" is missing");
     const std::string name = definition["type"].asString();
-    const auto type =
-        std::find_if(types().begin(), types().end(), [&](const Type& candidate) { return name == candidate.name; });
-    if (type == types().end()) {
-        throw std::invalid_argument("unknown type \"" + name + "\" (text, integer, boolean, enum or pattern)");
+    const Type* const type = findType(name);
+    if (type == nullptr) {
+        throw std::invalid_argument("unknown type \"" + name +
+                                    "\" (text, integer, boolean, enum, pattern, url, mac or secret)");
     }
     for (const std::string& member : definition.getMemberNames()) {
-        if (common.count(member) == 0 && type->limits.count(member) == 0) {
+        if (common.count(member) == 0 &&
+            std::find(type->limits.begin(), type->limits.end(), member) == type->limits.end()) {
             throw std::invalid_argument("type \"" + name + "\" has no member \"" + member + "\"");
         }
     }
     return type->make(definition);
+}
+
+std::vector<std::string> limitNames(const std::string& type) {
+    const Type* const found = findType(type);
+    return found == nullptr ? std::vector<std::string>() : found->limits;
 }
 
 }  // namespace propertyservice

@@ -3,6 +3,7 @@
 
 #include <memory>
 #include <string>
+#include <vector>
 
 namespace Json {
 class Value;
@@ -22,5 +23,8 @@ class ValueRule {
 /// Throws std::invalid_argument with the reason for an unknown type, a missing or contradictory limit, or a member
 /// that neither the type nor every definition has.
 std::shared_ptr<const ValueRule> makeValueRule(const Json::Value& definition);
+
+/// The members that limit values of the type, in the order in which they are described.
+std::vector<std::string> limitNames(const std::string& type);
 
 }  // namespace propertyservice

@@ -16,6 +16,19 @@ std::unique_ptr<Json::CharReader> strictReader() {
     return std::unique_ptr<Json::CharReader>(builder.newCharReader());
 }
 
+std::string textOf(const Json::Value& object, const char* member, const std::string& param, bool required) {
+    const Json::Value* const value = object.find(member, member + std::char_traits<char>::length(member));
+    if (value == nullptr) {
+        if (!required) return {};
+        throw BadRequest(param, "\"" + std::string(member) + "\" is missing");
+    }
+    if (!value->isString()) throw BadRequest(param, "\"" + std::string(member) + "\" is no text");
+    std::string text = value->asString();
+    // Escapes can spell what the payload itself could not hold: a NUL, or half a surrogate pair.
+    if (!isCleanText(text)) throw BadRequest(param, "\"" + std::string(member) + "\" is no UTF-8 text without NUL");
+    return text;
+}
+
 void appendMember(std::string& json, const char* name, const std::string& text) {
     json += json.empty() ? "{\"" : ",\"";
     json += name;
@@ -42,7 +55,37 @@ SetRequest RequestReader::set(const std::string& payload) {
 
 ListRequest RequestReader::list(const std::string& payload) {
     parse(payload);
-    return {text("prefix", "", true), text("after", "", false)};
+    return page();
+}
+
+ListRequest RequestReader::page() const { return {text("prefix", "", true), text("after", "", false)}; }
+
+DescribeRequest RequestReader::describe(const std::string& payload) {
+    parse(payload);
+    if (object_.isMember("param")) return {param(), {}};
+    if (!object_.isMember("prefix")) throw BadRequest("", "\"param\" or \"prefix\" is missing");
+    return {std::nullopt, page()};
+}
+
+ImportRequest RequestReader::import(const std::string& payload) {
+    parse(payload);
+    ImportRequest request{{}, text("source", "", false), false};
+    const Json::Value& apply = object_["apply"];
+    if (!apply.isNull() && !apply.isBool()) throw BadRequest("", "\"apply\" must be true or false");
+    request.apply = apply.asBool();
+    const Json::Value& properties = object_["properties"];
+    if (!properties.isArray()) throw BadRequest("", "\"properties\" is missing or no list");
+    for (const Json::Value& property : properties) {
+        if (!property.isObject()) throw BadRequest("", "every one of \"properties\" must be an object");
+        std::string key = textOf(property, "param", "", true);
+        if (property.isMember("value") && property["value"].isNull()) {
+            request.writes.push_back({std::move(key), std::nullopt});
+        } else {
+            std::string value = textOf(property, "value", key, true);
+            request.writes.push_back({std::move(key), std::move(value)});
+        }
+    }
+    return request;
 }
 
 void RequestReader::parse(const std::string& payload) {
@@ -60,16 +103,7 @@ void RequestReader::parse(const std::string& payload) {
 }
 
 std::string RequestReader::text(const char* member, const std::string& param, bool required) const {
-    const Json::Value* const value = object_.find(member, member + std::char_traits<char>::length(member));
-    if (value == nullptr) {
-        if (!required) return {};
-        throw BadRequest(param, "\"" + std::string(member) + "\" is missing");
-    }
-    if (!value->isString()) throw BadRequest(param, "\"" + std::string(member) + "\" is no text");
-    std::string text = value->asString();
-    // Escapes can spell what the payload itself could not hold: a NUL, or half a surrogate pair.
-    if (!isCleanText(text)) throw BadRequest(param, "\"" + std::string(member) + "\" is no UTF-8 text without NUL");
-    return text;
+    return textOf(object_, member, param, required);
 }
 
 std::string RequestReader::param() const { return text("param", "", true); }
@@ -135,6 +169,27 @@ std::string changeMessage(const std::string& key, const std::string& value, cons
     appendMember(json, "source", source);
     json += '}';
     return json;
+}
+
+std::string importAnswer(std::size_t count) { return "{\"accepted\":" + std::to_string(count) + "}"; }
+
+std::string importRefusal(const std::vector<std::string>& errors) {
+    std::string json = "{\"errors\":[";
+    for (const std::string& error : errors) json += (&error == &errors.front() ? "" : ",") + error;
+    return json + "]}";
+}
+
+std::string description(const std::string& key, const Definition& definition, bool isVolatile) {
+    const bool hidden = definition.isSecret() && !definition.defaultValue.empty();
+    std::string json;
+    appendMember(json, "param", key);
+    appendMember(json, "type", definition.type);
+    appendMember(json, "default", hidden ? "***" : definition.defaultValue);
+    appendMember(json, "description", definition.description);
+    json += definition.readOnly ? ",\"readOnly\":true" : ",\"readOnly\":false";
+    json += isVolatile ? ",\"volatile\":true" : ",\"volatile\":false";
+    if (!definition.limits.empty()) json += "," + definition.limits;
+    return json + "}";
 }
 
 }  // namespace propertyservice

@@ -5,8 +5,12 @@
 #include <json/value.h>
 
 #include <memory>
+#include <optional>
 #include <stdexcept>
 #include <string>
+#include <vector>
+
+#include "catalogue/Catalogue.h"
 
 namespace propertyservice {
 
@@ -35,6 +39,23 @@ struct ListRequest {
     std::string after;
 };
 
+/// Of one key, or a page of all that begin with the prefix.
+struct DescribeRequest {
+    std::optional<std::string> param;
+    ListRequest page;
+};
+
+/// Many sets that are carried out together or not at all.
+struct ImportRequest {
+    struct Write {
+        std::string param;
+        std::optional<std::string> value;  // none: back to the default
+    };
+    std::vector<Write> writes;
+    std::string source;
+    bool apply = false;  // false: only says whether it could be carried out
+};
+
 /// Reads requests. Used by one thread at a time: it keeps its parser from one request to the next. All operations throw
 /// BadRequest, and nothing else, whatever the payload holds. Members that a request does not have are ignored.
 class RequestReader {
@@ -44,11 +65,14 @@ class RequestReader {
     GetRequest get(const std::string& payload);
     SetRequest set(const std::string& payload);
     ListRequest list(const std::string& payload);
+    DescribeRequest describe(const std::string& payload);
+    ImportRequest import(const std::string& payload);
 
  private:
     void parse(const std::string& payload);
     std::string text(const char* member, const std::string& param, bool required) const;
     std::string param() const;
+    ListRequest page() const;
 
     const std::unique_ptr<Json::CharReader> reader_;
     Json::Value object_;
@@ -61,5 +85,10 @@ void appendQuoted(std::string& json, const std::string& text);
 std::string valueAnswer(const std::string& key, const std::string& value);
 std::string errorAnswer(const std::string& key, const char* code, const std::string& reason);
 std::string changeMessage(const std::string& key, const std::string& value, const std::string& source);
+std::string importAnswer(std::size_t count);
+/// `errors` are error answers.
+std::string importRefusal(const std::vector<std::string>& errors);
+/// What the catalogue says about the key; the default of a secret is not told.
+std::string description(const std::string& key, const Definition& definition, bool isVolatile);
 
 }  // namespace propertyservice

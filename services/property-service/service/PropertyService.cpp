@@ -1,6 +1,8 @@
 #include "service/PropertyService.h"
 
 #include <algorithm>
+#include <set>
+#include <utility>
 
 #include "debug/Debug.h"
 #include "service/Limits.h"
@@ -37,6 +39,9 @@ std::vector<ipc::OutgoingMessage> PropertyService::handle(const std::vector<ipc:
         for (const ipc::ServiceRequest& request : requests) carryOut(request, messages);
         commit();
         return messages;
+    } catch (const DamagedStore&) {
+        takeBack();
+        rebuildStore();
     } catch (const StoreException& error) {
         takeBack();
         if (!storeFailing_) dbg::Debug::error() << error.what() << std::endl;
@@ -56,7 +61,7 @@ void PropertyService::carryOutAlone(const ipc::ServiceRequest& request, Messages
         carryOut(request, messages);
         commit();
     } catch (const StoreException&) {
-        const std::string key = writes_.empty() ? std::string() : writes_.back().first;
+        const std::string key = writes_.size() == 1 ? writes_.back().first : std::string();
         takeBack();
         messages.erase(messages.begin() + static_cast<std::ptrdiff_t>(before), messages.end());
         if (request.responseTopic.empty()) return;
@@ -72,23 +77,29 @@ void PropertyService::carryOut(const ipc::ServiceRequest& request, Messages& mes
                               << request.responseTopic << std::endl;
         return;
     }
-    ipc::OutgoingMessage answer{request.responseTopic, "", request.correlationData, request.qualityOfService};
-    ipc::OutgoingMessage change;
+    const auto at = static_cast<std::ptrdiff_t>(messages.size());
+    messages.push_back({request.responseTopic, "", request.correlationData, request.qualityOfService});
+    std::string payload;
     try {
         if (request.topic == getTopic) {
-            answer.payload = get(request.payload);
+            payload = get(request.payload);
         } else if (request.topic == setTopic) {
-            answer.payload = set(request.payload, change);
+            payload = set(request.payload, messages);
         } else if (request.topic == listTopic) {
-            answer.payload = list(request.payload);
-        } else {
-            return;
+            payload = list(request.payload);
+        } else if (request.topic == describeTopic) {
+            payload = describe(request.payload);
+        } else if (request.topic == importTopic) {
+            payload = import(request.payload, messages);
         }
     } catch (const BadRequest& error) {
-        answer.payload = errorAnswer(error.param(), "bad-request", error.what());
+        payload = errorAnswer(error.param(), "bad-request", error.what());
     }
-    if (!answer.topic.empty()) messages.push_back(std::move(answer));
-    if (!change.topic.empty()) messages.push_back(std::move(change));
+    if (request.responseTopic.empty()) {
+        messages.erase(messages.begin() + at);
+    } else {
+        messages[static_cast<std::size_t>(at)].payload = std::move(payload);
+    }
 }
 
 std::string PropertyService::get(const std::string& payload) {
@@ -98,32 +109,58 @@ std::string PropertyService::get(const std::string& payload) {
     return valueAnswer(property->key, property->value);
 }
 
-std::string PropertyService::set(const std::string& payload, ipc::OutgoingMessage& change) {
-    SetRequest request = reader_.set(payload);
-    Property* const property = table_.find(request.param);
-    if (property == nullptr) return errorAnswer(request.param, "not-found", "the catalogue has no such key");
-    if (property->definition->readOnly) {
-        return errorAnswer(request.param, "read-only", "may not be written by a client");
-    }
-    const std::string reason = objection(*property, request.value);
-    if (!reason.empty()) return errorAnswer(request.param, "invalid-value", reason);
-
-    change = {property->changeTopic, changeMessage(property->key, request.value, request.source), "", 1};
-    std::string answer = valueAnswer(property->key, request.value);
-    if (!property->isVolatile && !(property->isStored && property->value == request.value)) {
-        writes_.emplace_back(property->key, request.value);
-        undo_.push_back({property, std::move(property->value), property->isStored});
-        property->isStored = true;
-        property->value = std::move(request.value);
-    } else if (property->isVolatile) {
-        undo_.push_back({property, std::move(property->value), property->isStored});
-        property->value = std::move(request.value);
-    }
-    return answer;
+std::string PropertyService::refusal(const Property* property, const std::string& key, const std::string* value) const {
+    if (property == nullptr) return errorAnswer(key, "not-found", "the catalogue has no such key");
+    if (property->definition->readOnly) return errorAnswer(key, "read-only", "may not be written by a client");
+    const std::string reason = value == nullptr ? std::string() : objection(*property, *value);
+    return reason.empty() ? reason : errorAnswer(key, "invalid-value", reason);
 }
 
-std::string PropertyService::list(const std::string& payload) {
-    const ListRequest request = reader_.list(payload);
+std::string PropertyService::set(const std::string& payload, Messages& messages) {
+    SetRequest request = reader_.set(payload);
+    Property* const property = table_.find(request.param);
+    std::string error = refusal(property, request.param, &request.value);
+    if (!error.empty()) return error;
+    write(*property, std::move(request.value), request.source, messages);
+    return valueAnswer(property->key, property->value);
+}
+
+std::string PropertyService::import(const std::string& payload, Messages& messages) {
+    ImportRequest request = reader_.import(payload);
+    std::vector<std::string> errors;
+    std::set<std::string> seen;
+    for (const ImportRequest::Write& one : request.writes) {
+        std::string error = refusal(table_.find(one.param), one.param, one.value ? &*one.value : nullptr);
+        if (error.empty() && !seen.insert(one.param).second) {
+            error = errorAnswer(one.param, "bad-request", "stands there twice");
+        }
+        if (!error.empty() && errors.size() < maxPageEntries) errors.push_back(std::move(error));
+    }
+    if (!errors.empty()) return importRefusal(errors);
+    if (request.apply) {
+        for (ImportRequest::Write& one : request.writes) {
+            write(*table_.find(one.param), std::move(one.value), request.source, messages);
+        }
+    }
+    return importAnswer(request.writes.size());
+}
+
+void PropertyService::write(Property& property, std::optional<std::string> value, const std::string& source,
+                            Messages& messages) {
+    const bool stored = !property.isVolatile && value.has_value();
+    std::string next = value ? std::move(*value) : property.definition->defaultValue;
+    messages.push_back({property.changeTopic, changeMessage(property.key, next, source), "", 1});
+    const bool toStore = !property.isVolatile && (stored != property.isStored || (stored && property.value != next));
+    if (toStore) writes_.emplace_back(property.key, stored ? std::optional<std::string>(next) : std::nullopt);
+    if (!toStore && property.value == next) return;
+    undo_.push_back({&property, std::move(property.value), property.isStored});
+    property.isStored = stored;
+    property.value = std::move(next);
+}
+
+// Properties from the request's place on, one after the other, until the page is full.
+template <typename Render>
+std::string PropertyService::page(const char* name, const ListRequest& request, Render render) const {
     const std::vector<Property>& all = table_.all();
     auto position =
         std::lower_bound(all.begin(), all.end(), request.prefix,
@@ -137,7 +174,7 @@ std::string PropertyService::list(const std::string& payload) {
     const auto matches = [&request](const Property& property) {
         return property.key.compare(0, request.prefix.size(), request.prefix) == 0;
     };
-    std::string json = "{\"properties\":[";
+    std::string json = "{\"" + std::string(name) + "\":[";
     const Property* last = nullptr;
     for (std::size_t count = 0; position != all.end() && matches(*position); ++position, ++count) {
         const std::size_t most = position->key.size() + position->value.size();
@@ -147,10 +184,26 @@ std::string PropertyService::list(const std::string& payload) {
             return json + "}";
         }
         if (count > 0) json += ',';
-        json += valueAnswer(position->key, position->value);
+        json += render(*position);
         last = &*position;
     }
     return json + "]}";
+}
+
+std::string PropertyService::list(const std::string& payload) {
+    return page("properties", reader_.list(payload),
+                [](const Property& property) { return valueAnswer(property.key, property.value); });
+}
+
+std::string PropertyService::describe(const std::string& payload) {
+    const auto render = [](const Property& property) {
+        return description(property.key, *property.definition, property.isVolatile);
+    };
+    const DescribeRequest request = reader_.describe(payload);
+    if (!request.param) return page("definitions", request.page, render);
+    const Property* const property = table_.find(*request.param);
+    if (property == nullptr) return errorAnswer(*request.param, "not-found", "the catalogue has no such key");
+    return render(*property);
 }
 
 void PropertyService::commit() {
@@ -161,6 +214,22 @@ void PropertyService::commit() {
     }
     writes_.clear();
     undo_.clear();
+}
+
+// Memory still has every value: nothing is lost with the file.
+void PropertyService::rebuildStore() {
+    std::vector<IStore::Entry> entries;
+    for (const Property& property : table_.all()) {
+        if (property.isVolatile) continue;
+        entries.emplace_back(property.key,
+                             property.isStored ? std::optional<std::string>(property.value) : std::nullopt);
+    }
+    try {
+        store_.rebuild(entries);
+    } catch (const StoreException& error) {
+        dbg::Debug::error() << error.what() << std::endl;
+        storeFailing_ = true;
+    }
 }
 
 void PropertyService::takeBack() {

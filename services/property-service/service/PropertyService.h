@@ -20,6 +20,8 @@ inline constexpr char statusTopic[] = "prop-service/status";
 inline constexpr char getTopic[] = "prop-service/get";
 inline constexpr char setTopic[] = "prop-service/set";
 inline constexpr char listTopic[] = "prop-service/list";
+inline constexpr char describeTopic[] = "prop-service/describe";
+inline constexpr char importTopic[] = "prop-service/import";
 
 class PropertyService {
  public:
@@ -39,10 +41,17 @@ class PropertyService {
 
     void carryOut(const ipc::ServiceRequest& request, Messages& messages);
     std::string get(const std::string& payload);
-    std::string set(const std::string& payload, ipc::OutgoingMessage& change);
+    std::string set(const std::string& payload, Messages& messages);
     std::string list(const std::string& payload);
+    std::string describe(const std::string& payload);
+    std::string import(const std::string& payload, Messages& messages);
+    template <typename Render>
+    std::string page(const char* name, const ListRequest& request, Render render) const;
+    std::string refusal(const Property* property, const std::string& key, const std::string* value) const;
+    void write(Property& property, std::optional<std::string> value, const std::string& source, Messages& messages);
     void commit();
     void takeBack();
+    void rebuildStore();
     void carryOutAlone(const ipc::ServiceRequest& request, Messages& messages);
 
     IStore& store_;

@@ -18,8 +18,6 @@ std::string changeTopic(const std::string& key) {
     return "prop-service-" + group + "/" + key;
 }
 
-bool isState(const std::string& key) { return key.compare(0, 6, "State.") == 0; }
-
 std::string objection(const Definition& definition, const std::string& value) {
     if (value.size() > maxValueBytes) return "is too long";
     if (!isCleanText(value)) return "is no UTF-8 text";
@@ -34,23 +32,23 @@ PropertyTable::PropertyTable(const Catalogue& catalogue, const std::vector<IStor
     for (const CatalogueKey& entry : catalogue.keys()) {
         indices_.emplace(entry.key, properties_.size());
         properties_.push_back({entry.key, entry.definition->defaultValue, entry.definition, changeTopic(entry.key),
-                               isState(entry.key), false});
+                               isState(entry.key) || entry.definition->isVolatile, false});
     }
     std::size_t unknown = 0;
     for (const auto& [key, value] : stored) {
         Property* const property = find(key);
-        if (property == nullptr || property->isVolatile) {
+        if (property == nullptr || property->isVolatile || !value) {
             ++unknown;
             continue;
         }
-        const std::string reason = objection(*property->definition, value);
+        const std::string reason = objection(*property->definition, *value);
         if (!reason.empty()) {
             // Not the value itself: it may be a credential.
             dbg::Debug::warning() << "The stored value of " << key << " " << reason << "; the default is used"
                                   << std::endl;
             continue;
         }
-        property->value = value;
+        property->value = *value;
         property->isStored = true;
     }
     if (unknown > 0) {

@@ -16,7 +16,7 @@ struct Property {
     std::string value;
     std::shared_ptr<const Definition> definition;
     std::string changeTopic;  // "prop-service-GROUP/KEY"
-    bool isVolatile;          // "State.*": never stored, at its default after every start
+    bool isVolatile;          // never stored, at its default after every start
     bool isStored;            // the store holds exactly `value`
 };
 

@@ -1,6 +1,7 @@
 // Where values outlive the service. Used by one thread at a time.
 #pragma once
 
+#include <optional>
 #include <stdexcept>
 #include <string>
 #include <utility>
@@ -14,9 +15,16 @@ class StoreException : public std::runtime_error {
     using std::runtime_error::runtime_error;
 };
 
+/// What is stored is not what was written. `IStore::rebuild` makes a good store of it.
+class DamagedStore : public StoreException {
+ public:
+    using StoreException::StoreException;
+};
+
 class IStore {
  public:
-    using Entry = std::pair<std::string, std::string>;  // key, value
+    /// Key and value; no value: the key is stored no longer.
+    using Entry = std::pair<std::string, std::optional<std::string>>;
 
     virtual ~IStore() = default;
 
@@ -26,6 +34,10 @@ class IStore {
     /// Stores all entries in this order, or none of them. Once it has returned they survive the end of the process,
     /// however it ends. Throws StoreException; the old values stand then, and a later write may succeed.
     virtual void write(const std::vector<Entry>& entries) = 0;
+
+    /// After `write` has thrown DamagedStore: sets the damaged store aside and begins anew with these. Throws as
+    /// `write`.
+    virtual void rebuild(const std::vector<Entry>& entries) = 0;
 };
 
 }  // namespace propertyservice

@@ -1,60 +1,45 @@
-// The store on disk: one SQLite file with a write-ahead log, for this process alone.
+// The store on disk: a database that looks after itself.
 //
-// A commit hands the data to the kernel, so it survives `kill -9`. A thread of the store's own syncs the log to the
-// disk at most half a second later, so that a power cut costs less than a second and no caller ever waits for the
-// disk's cache. When the log has grown to 4 MiB, the commit that finds it so moves it into the database file.
+// Once a day, and when it is opened and that is due, it makes a backup of itself; two are kept. A damaged database is
+// set aside and made anew from the last good backup. While the disk can only be read or has no room even to open the
+// database, what was stored is there all the same; writes are refused until the disk takes them again.
 #pragma once
 
+#include <chrono>
 #include <memory>
 #include <string>
 
+#include "store/Database.h"
 #include "store/IStore.h"
-#include "store/LogSync.h"
-
-struct sqlite3;
-struct sqlite3_stmt;
 
 namespace propertyservice {
 
 class Store final : public IStore {
  public:
-    /// The schema that this version writes. A file with a greater one is refused and stays as it is.
-    static constexpr int version = 1;
-
-    /// Opens the file, or creates it (mode 0600) and its folder. Throws StoreException when it is in use by another
-    /// process, newer than this version, no store of ours, damaged, or not writable.
-    explicit Store(const std::string& path);
-    Store(const Store&) = delete;
-    Store& operator=(const Store&) = delete;
-    /// Moves the log into the file and syncs both.
-    ~Store() override;
+    /// Throws StoreException when the file is in use by another process, newer than this version, or of something else.
+    explicit Store(const std::string& path, std::chrono::milliseconds backupInterval = std::chrono::hours(24));
 
     std::vector<Entry> load() override;
     void write(const std::vector<Entry>& entries) override;
+    void rebuild(const std::vector<Entry>& entries) override;
 
     /// How often what was written has been synced to the disk.
-    unsigned syncs() const { return logSync_->syncs(); }
+    unsigned syncs() const { return database_ ? database_->syncs() : 0; }
 
  private:
-    struct CloseDatabase {
-        void operator()(sqlite3* database) const;
-    };
-    struct FinalizeStatement {
-        void operator()(sqlite3_stmt* statement) const;
-    };
+    using Clock = std::chrono::steady_clock;
 
-    void refuseForeignFile() const;
     void open();
-    void prepareSchema();
-    int numberOf(const char* pragma);
-    void execute(const char* sql);
-    void put(const Entry& entry);
-    [[noreturn]] void fail(const std::string& what) const;
+    void restore(const std::string& damage);
+    std::vector<Entry> readCopy() const;
+    void planBackup();
+    void backUp();
 
     const std::string path_;
-    std::unique_ptr<sqlite3, CloseDatabase> database_;
-    std::unique_ptr<sqlite3_stmt, FinalizeStatement> upsert_;
-    std::unique_ptr<LogSync> logSync_;
+    const std::chrono::milliseconds backupInterval_;
+    std::unique_ptr<Database> database_;  // null: it cannot be written at present
+    std::vector<Entry> entries_;          // what was read when it was opened, until `load` takes it
+    Clock::time_point nextBackup_;
 };
 
 }  // namespace propertyservice

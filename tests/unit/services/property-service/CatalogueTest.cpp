@@ -67,6 +67,34 @@ constexpr char integer[] = R"("type": "integer", "min": -5, "max": 7, "default":
 constexpr char anyInteger[] = R"("type": "integer", "default": "0")";
 constexpr char choice[] = R"("type": "enum", "values": ["a", ""], "default": "a")";
 constexpr char pattern[] = R"("type": "pattern", "pattern": "a|bc*", "default": "a", "maxLength": 4)";
+constexpr char url[] = R"("type": "url", "default": "", "maxLength": 64)";
+constexpr char https[] = R"("type": "url", "default": "", "schemes": ["https", "ldaps"])";
+constexpr char mac[] = R"("type": "mac", "default": "")";
+constexpr char secret[] = R"("type": "secret", "default": "", "maxLength": 4)";
+constexpr char pin[] = R"("type": "secret", "default": "", "pattern": "([0-9]{4})?")";
+constexpr char noUrl[] = "must be a URL such as https://server.example/path, or empty";
+constexpr char noMac[] = "must be a MAC address such as 00:11:22:aa:bb:cc, or empty";
+INSTANTIATE_TEST_SUITE_P(
+    MoreTypes, Rule,
+    testing::Values(
+        RuleCase{url, "", ""}, RuleCase{url, "https://server.example/a/b?c=%20#d", ""}, RuleCase{url, "ldap://h", ""},
+        RuleCase{url, "http://u:p@h:8080/%MACD.xml", ""}, RuleCase{url, "http://[fe80::1]:80/", ""},
+        RuleCase{url, "http://[fe80::1]", ""}, RuleCase{url, "http://h\xc3\xb6st/", ""}, RuleCase{url, "h", noUrl},
+        RuleCase{url, "http://", noUrl}, RuleCase{url, "http:///x", noUrl}, RuleCase{url, "http://a b/", noUrl},
+        RuleCase{url, "http://a/b c", noUrl}, RuleCase{url, "http://a:0/", noUrl}, RuleCase{url, "http://a:/", noUrl},
+        RuleCase{url, "http://a:65536/", noUrl}, RuleCase{url, "://a", noUrl}, RuleCase{url, "http://a\n", noUrl},
+        RuleCase{url, "http://u@h:99999", noUrl}, RuleCase{url, "1http://a", noUrl},
+        RuleCase{url, "http://0123456789012345678901234567890123456789012345678901234567",
+                 "must be at most 64 bytes long"},
+        RuleCase{https, "HTTPS://h/", ""}, RuleCase{https, "", ""},
+        RuleCase{https, "http://h/", "must begin with https:// or ldaps://"}, RuleCase{mac, "", ""},
+        RuleCase{mac, "00:11:22:aA:Bb:ff", ""}, RuleCase{mac, "00-11-22-33-44-55", ""},
+        RuleCase{mac, "001122334455", ""}, RuleCase{mac, "00:11:22-33:44:55", noMac},
+        RuleCase{mac, "00:11:22:33:44", noMac}, RuleCase{mac, "00:11:22:33:44:5g", noMac},
+        RuleCase{mac, "00.11.22.33.44.55", noMac}, RuleCase{mac, "0:011:22:33:44:55", noMac},
+        RuleCase{mac, "00112233445g", noMac}, RuleCase{mac, "a", noMac}, RuleCase{mac, "00:11:22:33:44:55:66", noMac},
+        RuleCase{secret, "abcd", ""}, RuleCase{secret, "abcde", "must be at most 4 bytes long, not 5"},
+        RuleCase{pin, "1234", ""}, RuleCase{pin, "123", "must match the pattern ([0-9]{4})?"}));
 INSTANTIATE_TEST_SUITE_P(
     Types, Rule,
     testing::Values(
@@ -124,7 +152,7 @@ INSTANTIATE_TEST_SUITE_P(
         ErrorCase{"DefinitionNoObject", withKeys("\"a.b\": 5"), "c.json:2: a.b: the definition must be an object"},
         ErrorCase{"NoType", one(R"("default": "")"), "c.json:2: a.b: \"type\" is missing"},
         ErrorCase{"UnknownType", one(R"("type": "float", "default": "")"),
-                  "c.json:2: a.b: unknown type \"float\" (text, integer, boolean, enum or pattern)"},
+                  "c.json:2: a.b: unknown type \"float\" (text, integer, boolean, enum, pattern, url, mac or secret)"},
         ErrorCase{"MemberOfAnotherType", one(R"("type": "text", "min": 1, "default": "")"),
                   "c.json:2: a.b: type \"text\" has no member \"min\""},
         ErrorCase{"NoDefault", one(R"("type": "text")"),
@@ -139,6 +167,19 @@ INSTANTIATE_TEST_SUITE_P(
                   "c.json:2: a.b: \"description\" must be one line"},
         ErrorCase{"ReadOnlyNoBoolean", one(R"("type": "text", "default": "", "readOnly": "yes")"),
                   "c.json:2: a.b: \"readOnly\" must be true or false"},
+        ErrorCase{"VolatileNoBoolean", one(R"("type": "text", "default": "", "volatile": "yes")"),
+                  "c.json:2: a.b: \"volatile\" must be true or false"},
+        ErrorCase{"StateIsVolatile",
+                  withKeys("\"State.b\": " + definition(R"("type": "text", "default": "", "volatile": false)")),
+                  "c.json:2: State.b: keys below \"State.\" are volatile"},
+        ErrorCase{"SecretDefaultIsNotRepeated", one(R"("type": "secret", "default": "hunter2", "maxLength": 3)"),
+                  "c.json:2: a.b: the default must be at most 3 bytes long, not 7"},
+        ErrorCase{"UrlDefault", one(R"("type": "url", "default": "x")"),
+                  "c.json:2: a.b: the default \"x\" must be a URL such as https://server.example/path, or empty"},
+        ErrorCase{"SchemesNoList", one(R"("type": "url", "default": "", "schemes": "https")"),
+                  "c.json:2: a.b: \"schemes\" must be a list such as [\"https\"]"},
+        ErrorCase{"SchemeInCapitals", one(R"("type": "url", "default": "", "schemes": ["HTTPS"])"),
+                  "c.json:2: a.b: every one of \"schemes\" must be a text in lower case"},
         ErrorCase{"MinAboveMax", one(R"("type": "integer", "min": 3, "max": 2, "default": "2")"),
                   "c.json:2: a.b: \"min\" is greater than \"max\""},
         ErrorCase{"LimitNoNumber", one(R"("type": "integer", "min": "3", "default": "2")"),
@@ -251,6 +292,15 @@ TEST(ShippedCatalogue, TakesEveryValueThatServicesHaveRulesOfTheirOwnFor) {
         for (const char* value : {"", "0", "1", "-1", "599", "abc", "true", "V001.000.000", "request-check-sync"}) {
             EXPECT_EQ(entry->definition->rule->objection(value), "") << key;
         }
+    }
+}
+
+TEST(ShippedCatalogue, KeepsPasswordsSecret) {
+    const Catalogue catalogue = Catalogue::load(SHIPPED_CATALOGUE);
+    for (const CatalogueKey& entry : catalogue.keys()) {
+        const bool named =
+            entry.key.find("Password") != std::string::npos || entry.key.find("PIN") != std::string::npos;
+        EXPECT_EQ(entry.definition->isSecret(), named) << entry.key;
     }
 }
 

@@ -21,14 +21,27 @@ class FakeStore final : public IStore {
 
     void write(const std::vector<Entry>& entries) override {
         ++transactions;
+        if (damaged) throw DamagedStore("damaged");
         if (full) throw StoreException("disk full");
         for (const Entry& entry : entries) {
             if (entry.first == failingKey) throw StoreException("no room for " + entry.first);
         }
-        for (const Entry& entry : entries) values[entry.first] = entry.second;
+        for (const auto& [key, value] : entries) {
+            if (value) {
+                values[key] = *value;
+            } else {
+                values.erase(key);
+            }
+        }
+    }
+
+    void rebuild(const std::vector<Entry>& entries) override {
+        damaged = false;
+        write(entries);
     }
 
     std::map<std::string, std::string> values;
+    bool damaged = false;
     int transactions = 0;
     bool full = false;
     std::string failingKey;
@@ -40,6 +53,8 @@ const char catalogueText[] = R"({"version": 1, "keys": {
     "System.Serial": {"type": "text", "default": "42", "readOnly": true, "description": "d"},
     "State.Provisioning": {"type": "text", "default": "", "description": "d"},
     "NET.MAC.Address": {"type": "text", "default": "", "description": "d"},
+    "System.Password": {"type": "secret", "maxLength": 8, "default": "start", "description": "s"},
+    "System.Uptime": {"type": "integer", "default": "0", "volatile": true, "description": "d"},
     "Keys.{0-2}.Label": {"type": "text", "default": "-", "description": "d"}
 }})";
 
@@ -262,6 +277,100 @@ TEST_F(Service, ListsByPrefixSorted) {
     }
     EXPECT_THAT(handle({list("nothing")}), ElementsAre("me/reply {\"properties\":[]}"));
     EXPECT_THAT(handle({list("", "A")}), ElementsAre(HasSubstr("[{\"param\":\"Keys.0.Label\"")));
+}
+
+TEST_F(Service, ADamagedStoreIsRebuiltFromMemory) {
+    handle({set("System.Name", "kept"), set("System.Port", "7"), set("State.Provisioning", "x")});
+    handle({request(importTopic, R"({"properties":[{"param":"System.Port","value":null}],"apply":true})")});
+    store.values = {{"System.Port", "of an old backup"}, {"Gone.Key", "kept"}};
+    store.damaged = true;
+    EXPECT_THAT(
+        handle({set("System.Serial", "1"), set("Keys.1.Label", "new")}),
+        ElementsAre(error("System.Serial", "read-only", "may not be written by a client"),
+                    answer("Keys.1.Label", "new"), change("prop-service-keys/Keys.1.Label", "Keys.1.Label", "new")));
+    EXPECT_EQ(store.values, (std::map<std::string, std::string>{
+                                {"System.Name", "kept"}, {"Keys.1.Label", "new"}, {"Gone.Key", "kept"}}));
+}
+
+TEST_F(Service, AKeyThatTheCatalogueCallsVolatileIsNeverStored) {
+    handle({set("System.Uptime", "5")});
+    EXPECT_EQ(store.transactions, 0);
+    restart();
+    EXPECT_THAT(handle({get("System.Uptime")}), ElementsAre(answer("System.Uptime", "0")));
+}
+
+TEST_F(Service, DescribesAKey) {
+    const auto describe = [this](const std::string& payload) { return handle({request(describeTopic, payload)}); };
+    EXPECT_THAT(describe(R"({"param":"System.Port"})"),
+                ElementsAre(R"(me/reply {"param":"System.Port","type":"integer","default":"5","description":"d",)"
+                            R"("readOnly":false,"volatile":false,"min":1,"max":9})"));
+    EXPECT_THAT(describe(R"({"param":"System.Password"})"),
+                ElementsAre(R"(me/reply {"param":"System.Password","type":"secret","default":"***","description":"s",)"
+                            R"("readOnly":false,"volatile":false,"maxLength":8})"));
+    EXPECT_THAT(describe(R"({"prefix":"State."})"),
+                ElementsAre(R"(me/reply {"definitions":[{"param":"State.Provisioning","type":"text","default":"",)"
+                            R"("description":"d","readOnly":false,"volatile":true}]})"));
+    EXPECT_THAT(describe(R"({"param":"No.Such"})"),
+                ElementsAre(error("No.Such", "not-found", "the catalogue has no such key")));
+    EXPECT_THAT(describe("{}"), ElementsAre(error("", "bad-request", R"(\"param\" or \"prefix\" is missing)")));
+}
+
+std::string many(const std::string& properties, bool apply = true) {
+    return "{\"properties\":[" + properties + "],\"source\":\"t\",\"apply\":" + (apply ? "true" : "false") + "}";
+}
+
+TEST_F(Service, AnImportIsOneTransactionPublishedInOrder) {
+    handle({set("System.Name", "before")});
+    const int before = store.transactions;
+    EXPECT_THAT(handle({request(importTopic, many(R"({"param":"System.Port","value":"7"},)"
+                                                  R"({"param":"System.Name","value":null},)"
+                                                  R"({"param":"State.Provisioning","value":"x"})"))}),
+                ElementsAre("me/reply {\"accepted\":3}", change("prop-service-system/System.Port", "System.Port", "7"),
+                            change("prop-service-system/System.Name", "System.Name", "phone"),
+                            change("prop-service-state/State.Provisioning", "State.Provisioning", "x")));
+    EXPECT_EQ(store.transactions, before + 1);
+    EXPECT_EQ(store.values, (std::map<std::string, std::string>{{"System.Port", "7"}})) << "a default is not stored";
+}
+
+TEST_F(Service, AnImportThatIsNotAppliedChangesNothing) {
+    EXPECT_THAT(handle({request(importTopic, many(R"({"param":"System.Port","value":"7"})", false))}),
+                ElementsAre("me/reply {\"accepted\":1}"));
+    EXPECT_THAT(handle({get("System.Port")}), ElementsAre(answer("System.Port", "5")));
+    EXPECT_EQ(store.transactions, 0);
+}
+
+TEST_F(Service, AnImportWithErrorsNamesThemAllAndChangesNothing) {
+    EXPECT_THAT(handle({request(importTopic, many(R"({"param":"System.Name","value":"x"},{"param":"No","value":"1"},)"
+                                                  R"({"param":"System.Port","value":"10"},)"
+                                                  R"({"param":"System.Name","value":"y"},)"
+                                                  R"({"param":"System.Serial","value":null})"))}),
+                ElementsAre("me/reply {\"errors\":["
+                            R"({"param":"No","error":"not-found","reason":"the catalogue has no such key"},)"
+                            R"({"param":"System.Port","error":"invalid-value","reason":)"
+                            R"("must be a whole number from 1 to 9"},)"
+                            R"({"param":"System.Name","error":"bad-request","reason":"stands there twice"},)"
+                            R"({"param":"System.Serial","error":"read-only","reason":)"
+                            R"("may not be written by a client"}]})"));
+    EXPECT_THAT(handle({get("System.Name")}), ElementsAre(answer("System.Name", "phone")));
+    EXPECT_EQ(store.transactions, 0);
+}
+
+TEST_F(Service, AnImportThatTheStoreRefusesChangesNothing) {
+    store.failingKey = "System.Port";
+    EXPECT_THAT(handle({request(importTopic, many(R"({"param":"System.Name","value":"x"},)"
+                                                  R"({"param":"System.Port","value":"7"})")),
+                        get("System.Name")}),
+                ElementsAre(error("", "storage", refused), answer("System.Name", "phone")));
+    EXPECT_TRUE(store.values.empty());
+}
+
+TEST_F(Service, AnImportThatIsNoneIsABadRequest) {
+    for (const char* payload :
+         {"{}", R"({"properties":{}})", R"({"properties":[1]})", R"({"properties":[{"value":"x"}]})",
+          R"({"properties":[{"param":"System.Name"}]})", R"({"properties":[{"param":"System.Name","value":1}]})",
+          R"({"properties":[],"apply":"yes"})"}) {
+        EXPECT_THAT(handle({request(importTopic, payload)}), ElementsAre(HasSubstr("\"error\":\"bad-request\"")));
+    }
 }
 
 Json::Value parsed(const std::string& json) {

@@ -93,12 +93,12 @@ TEST(Store, IsReadableByItsOwnerOnly) {
 TEST(Store, OfANewerVersionIsRefusedUntouched) {
     const TemporaryFolder folder;
     { Store(folder / "s.db").write({{"a", "1"}}); }
-    execute(folder / "s.db", "PRAGMA user_version = 2");
+    execute(folder / "s.db", "PRAGMA user_version = 3");
     const std::string before = bytesOf(folder / "s.db");
     std::ofstream(folder / "s.db-wal") << "a log of the newer version";
     EXPECT_EQ(
         errorOf(folder / "s.db"),
-        folder / "s.db" + std::string(": was written by a newer version (store format 2, this version knows 1); it "
+        folder / "s.db" + std::string(": was written by a newer version (store format 3, this version knows 2); it "
                                       "stays as it is"));
     EXPECT_EQ(bytesOf(folder / "s.db"), before);
     EXPECT_EQ(bytesOf(folder / "s.db-wal"), "a log of the newer version");
@@ -113,13 +113,6 @@ TEST(Store, OfSomethingElseIsRefusedUntouched) {
         EXPECT_THAT(errorOf(folder / name), HasSubstr("name another file with --store"));
         EXPECT_EQ(bytesOf(folder / name), before);
     }
-}
-
-TEST(Store, ThatIsDamagedIsRefused) {
-    const TemporaryFolder folder;
-    { Store(folder / "s.db").write({{"a", "1"}}); }
-    std::fstream(folder / "s.db", std::ios::in | std::ios::out | std::ios::binary).seekp(100) << std::string(8000, 'x');
-    EXPECT_THAT(errorOf(folder / "s.db"), HasSubstr("s.db: cannot be"));
 }
 
 TEST(Store, WhichCannotBeMadeIsRefused) {
@@ -171,6 +164,7 @@ TEST(Store, RefusedWriteLeavesTheOldValuesAndALaterOneSucceeds) {
     Store store(path);
     for (std::uint32_t number = 1;; ++number) {
         const std::string text = std::to_string(number);
+        if (number % 50 == 0) store.write({{"first", std::string(30000, 'x')}, {"last", std::string(30000, 'x')}});
         if (number % 3 == 0) {
             store.write({{"first", text}, {"number", text}, {"last", text}});
         } else {
@@ -182,15 +176,15 @@ TEST(Store, RefusedWriteLeavesTheOldValuesAndALaterOneSucceeds) {
 
 TEST(Store, LosesNothingThatWasAcknowledgedWhenKilled) {
     const TemporaryFolder folder;
-    for (unsigned round = 0; round < 20; ++round) {
-        const std::string path = folder / ("s" + std::to_string(round / 4) + ".db");
+    for (unsigned round = 0; round < 200; ++round) {
+        const std::string path = folder / ("s" + std::to_string(round / 40) + ".db");
         int pipe[2];
         ASSERT_EQ(::pipe(pipe), 0);
         const pid_t child = ::fork();
         if (child == 0) writeForEver(path, pipe[1]);
         ::close(pipe[1]);
         std::uint32_t acknowledged = 0;
-        for (unsigned reads = 0; reads < 1 + 97 * round; ++reads) {
+        for (unsigned reads = 0; reads < 1 + 7 * round; ++reads) {
             ASSERT_EQ(::read(pipe[0], &acknowledged, sizeof acknowledged), sizeof acknowledged);
         }
         ASSERT_EQ(::kill(child, SIGKILL), 0);
@@ -201,7 +195,7 @@ TEST(Store, LosesNothingThatWasAcknowledgedWhenKilled) {
 
         Store store(path);
         std::map<std::string, std::string> values;
-        for (const Entry& entry : store.load()) values.insert(entry);
+        for (const auto& [key, value] : store.load()) values.emplace(key, *value);
         const unsigned long number = std::stoul(values["number"]);
         EXPECT_GE(number, acknowledged);
         EXPECT_LE(number, acknowledged + 1);  // one may have been stored and not acknowledged

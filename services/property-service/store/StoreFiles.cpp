@@ -1,0 +1,184 @@
+#include "store/StoreFiles.h"
+
+#include <fcntl.h>
+#include <sys/stat.h>
+#include <unistd.h>
+
+#include <algorithm>
+#include <array>
+#include <cerrno>
+#include <cstdint>
+#include <ctime>
+#include <filesystem>
+#include <system_error>
+
+#include "store/Database.h"
+
+namespace propertyservice {
+
+namespace {
+
+namespace fs = std::filesystem;
+
+// "ZAVp" in the file's header: a database of something else is not taken for an empty store.
+constexpr int applicationId = 0x5a415670;
+constexpr std::size_t keptDamaged = 2;
+
+std::string reasonOf(int error) { return std::generic_category().message(error); }
+
+[[noreturn]] void fail(const std::string& path, const std::string& what, int error) {
+    const std::string text = path + ": " + what + ": " + reasonOf(error);
+    if (error == EROFS || error == ENOSPC || error == EDQUOT || error == EIO) throw UnwritableStore(text);
+    throw StoreException(text);
+}
+
+std::string folderOf(const std::string& path) {
+    const std::string folder = fs::path(path).parent_path().string();
+    return folder.empty() ? "." : folder;
+}
+
+void syncFile(const std::string& path) {
+    const int file = ::open(path.c_str(), O_RDONLY | O_CLOEXEC);
+    if (file < 0 || ::fsync(file) != 0) {
+        const int error = errno;
+        if (file >= 0) ::close(file);
+        fail(path, "cannot be synced", error);
+    }
+    ::close(file);
+}
+
+void rename(const std::string& from, const std::string& to) {
+    if (::rename(from.c_str(), to.c_str()) != 0) fail(from, "cannot be renamed", errno);
+}
+
+std::string timeStamp() {
+    const std::time_t now = std::time(nullptr);
+    std::tm parts{};
+    ::gmtime_r(&now, &parts);
+    char text[32];
+    std::strftime(text, sizeof text, "%Y%m%dT%H%M%SZ", &parts);
+    return text;
+}
+
+}  // namespace
+
+void createIfMissing(const std::string& path) {
+    std::error_code error;
+    const fs::path folder = fs::path(path).parent_path();
+    if (!folder.empty() && !fs::exists(folder, error)) {
+        fs::create_directories(folder, error);
+        if (error) fail(path, "its folder cannot be made", error.value());
+    }
+    // Settings hold credentials: nobody else reads them. The write-ahead log takes over the mode of the file.
+    const int file = ::open(path.c_str(), O_RDWR | O_CREAT | O_CLOEXEC, 0600);
+    if (file < 0) fail(path, "cannot be opened for writing", errno);
+    struct stat status {};
+    const bool regular = ::fstat(file, &status) == 0 && S_ISREG(status.st_mode);
+    ::close(file);
+    if (!regular) throw StoreException(path + ": is no regular file");
+}
+
+void checkHeader(const std::string& path) {
+    std::array<unsigned char, 100> header{};
+    const int file = ::open(path.c_str(), O_RDONLY | O_CLOEXEC);
+    if (file < 0) fail(path, "cannot be read", errno);
+    const ssize_t length = ::pread(file, header.data(), header.size(), 0);
+    const int error = errno;
+    ::close(file);  // before SQLite opens it: closing later would drop SQLite's locks
+    if (length < 0) fail(path, "cannot be read", error);
+    // With backups beside it there was a store in it.
+    const bool wasOurs = !backupsOf(path).empty();
+    if (length == 0) {
+        if (wasOurs) throw DamagedStore(path + ": is empty, but there are backups of it");
+        return;
+    }
+    const std::string magic(reinterpret_cast<const char*>(header.data()), 15);
+    if (length < static_cast<ssize_t>(header.size()) || magic != "SQLite format 3") {
+        if (wasOurs) throw DamagedStore(path + ": its header is overwritten");
+        throw StoreException(path + ": is no property store; name another file with --store");
+    }
+    const auto number = [&header](std::size_t at) {
+        return static_cast<std::int32_t>(std::uint32_t{header[at]} << 24 | std::uint32_t{header[at + 1]} << 16 |
+                                         std::uint32_t{header[at + 2]} << 8 | std::uint32_t{header[at + 3]});
+    };
+    if (number(68) == applicationId && number(60) > Database::version) {
+        throw StoreException(path + ": was written by a newer version (store format " + std::to_string(number(60)) +
+                             ", this version knows " + std::to_string(Database::version) + "); it stays as it is");
+    }
+    const bool empty = number(68) == 0 && number(60) == 0 && number(40) == 0;  // 40: schema cookie
+    if (number(68) != applicationId && !empty) {
+        throw StoreException(path + ": is a database of something else; name another file with --store");
+    }
+}
+
+void syncFolder(const std::string& path) {
+    const int file = ::open(folderOf(path).c_str(), O_RDONLY | O_DIRECTORY | O_CLOEXEC);
+    if (file < 0) return;
+    ::fsync(file);
+    ::close(file);
+}
+
+void copyFile(const std::string& from, const std::string& to) {
+    const std::string fresh = to + ".new";
+    std::error_code error;
+    fs::copy_file(from, fresh, fs::copy_options::overwrite_existing, error);
+    if (error) fail(from, "cannot be copied", error.value());
+    syncFile(fresh);
+    rename(fresh, to);
+    syncFolder(to);
+}
+
+std::vector<std::string> backupsOf(const std::string& path) {
+    std::vector<std::string> backups;
+    for (const char* name : {".backup-1", ".backup-2"}) {
+        std::error_code error;
+        if (fs::exists(path + name, error)) backups.push_back(path + name);
+    }
+    return backups;
+}
+
+std::optional<std::chrono::seconds> ageOfBackup(const std::string& path) {
+    const std::vector<std::string> backups = backupsOf(path);
+    struct stat status {};
+    if (backups.empty() || ::stat(backups.front().c_str(), &status) != 0) return std::nullopt;
+    return std::chrono::seconds(std::time(nullptr) - status.st_mtime);
+}
+
+std::string beginBackup(const std::string& path) {
+    const std::string fresh = path + ".backup-new";
+    const int file = ::open(fresh.c_str(), O_WRONLY | O_CREAT | O_TRUNC | O_CLOEXEC, 0600);
+    if (file < 0) fail(fresh, "cannot be made", errno);
+    ::close(file);
+    return fresh;
+}
+
+void keepBackup(const std::string& path) {
+    syncFile(path + ".backup-new");
+    std::error_code error;
+    if (fs::exists(path + ".backup-1", error)) rename(path + ".backup-1", path + ".backup-2");
+    rename(path + ".backup-new", path + ".backup-1");
+    syncFolder(path);
+}
+
+std::string setAside(const std::string& path) {
+    const std::string prefix = path + ".damaged-";
+    const std::string aside = prefix + timeStamp();
+    std::error_code error;
+    if (fs::exists(path + "-wal", error)) rename(path + "-wal", aside + "-wal");
+    rename(path, aside);
+    std::vector<std::string> older;
+    for (const fs::directory_entry& entry : fs::directory_iterator(folderOf(path), error)) {
+        const std::string name = (fs::path(path).parent_path() / entry.path().filename()).string();
+        const bool isLog = name.size() > 4 && name.compare(name.size() - 4, 4, "-wal") == 0;
+        if (name.compare(0, prefix.size(), prefix) == 0 && !isLog) older.push_back(name);
+    }
+    std::sort(older.rbegin(), older.rend());
+    for (std::size_t index = keptDamaged; index < older.size(); ++index) {
+        fs::remove(older[index], error);
+        fs::remove(older[index] + "-wal", error);
+    }
+    syncFolder(path);
+    return aside;
+}
+
+}  // namespace propertyservice

@@ -1,0 +1,38 @@
+// The files around the store: the database itself, its backups (PATH.backup-1, the newer, and PATH.backup-2), and what
+// was set aside as damaged (PATH.damaged-TIME, two at most).
+#pragma once
+
+#include <chrono>
+#include <optional>
+#include <string>
+#include <vector>
+
+namespace propertyservice {
+
+/// Makes the file (mode 0600) and its folder. Throws UnwritableStore or StoreException.
+void createIfMissing(const std::string& path);
+
+/// Looks at the file's header without SQLite, which would already move a log that belongs to a newer version. Throws
+/// DamagedStore for what must have been a store of ours, StoreException for one of a newer version or something else.
+void checkHeader(const std::string& path);
+
+/// Syncs the folder of the file: a new name is not safe before.
+void syncFolder(const std::string& path);
+
+/// Makes an exact, synced copy under another name, at once or not at all. Throws StoreException.
+void copyFile(const std::string& from, const std::string& to);
+
+/// The backups that exist, newest first.
+std::vector<std::string> backupsOf(const std::string& path);
+
+/// How old the newest backup is, by the machine's clock; negative when that was set back.
+std::optional<std::chrono::seconds> ageOfBackup(const std::string& path);
+
+/// An empty file (mode 0600) for the next backup; `keepBackup` then makes it the newest one. Both throw StoreException.
+std::string beginBackup(const std::string& path);
+void keepBackup(const std::string& path);
+
+/// Renames the store and its log; returns the new name. Older damaged ones are removed. Throws StoreException.
+std::string setAside(const std::string& path);
+
+}  // namespace propertyservice

@@ -1,0 +1,278 @@
+// What becomes of a store that was torn, damaged, filled up or written by another version.
+#include <gmock/gmock.h>
+#include <gtest/gtest.h>
+#include <sqlite3.h>
+#include <sys/stat.h>
+
+#include <filesystem>
+#include <fstream>
+#include <iterator>
+#include <thread>
+
+#include "TemporaryFolder.h"
+#include "fakes/LogCapture.h"
+#include "store/Store.h"
+#include "store/StoreFiles.h"
+
+namespace propertyservice {
+namespace {
+
+namespace fs = std::filesystem;
+using testing::ElementsAre;
+using testing::HasSubstr;
+using testing::IsEmpty;
+using testing::UnorderedElementsAre;
+using namespace std::chrono_literals;
+using Entry = IStore::Entry;
+
+void execute(const std::string& path, const char* sql) {
+    sqlite3* database = nullptr;
+    ASSERT_EQ(sqlite3_open(path.c_str(), &database), SQLITE_OK);
+    EXPECT_EQ(sqlite3_exec(database, sql, nullptr, nullptr, nullptr), SQLITE_OK) << sqlite3_errmsg(database);
+    sqlite3_close(database);
+}
+
+std::string bytesOf(const std::string& path) {
+    std::ifstream file(path, std::ios::binary);
+    return {std::istreambuf_iterator<char>(file), std::istreambuf_iterator<char>()};
+}
+
+void overwrite(const std::string& path, std::streamoff at, const std::string& bytes) {
+    std::fstream file(path, std::ios::in | std::ios::out | std::ios::binary);
+    file.seekp(at);
+    file << bytes;
+}
+
+std::vector<std::string> namesIn(const TemporaryFolder& folder, const std::string& part) {
+    std::vector<std::string> names;
+    for (const fs::directory_entry& entry : fs::directory_iterator(folder / "")) {
+        const std::string name = entry.path().filename();
+        if (name.find(part) != std::string::npos) names.push_back(name);
+    }
+    std::sort(names.begin(), names.end());
+    return names;
+}
+
+// What the first format looked like.
+constexpr char formatOne[] =
+    "PRAGMA page_size = 1024; PRAGMA journal_mode = WAL; BEGIN;"
+    "CREATE TABLE property (key TEXT PRIMARY KEY NOT NULL, value TEXT NOT NULL) STRICT, WITHOUT ROWID;"
+    "PRAGMA application_id = 1514231408; PRAGMA user_version = 1;"
+    "INSERT INTO property VALUES ('a', '1'), ('b', ''), ('c', 'h\xc3\xb6'); COMMIT";
+
+TEST(OlderStore, IsMigrated) {
+    const TemporaryFolder folder;
+    execute(folder / "s.db", formatOne);
+    {
+        Store store(folder / "s.db");
+        EXPECT_THAT(store.load(), UnorderedElementsAre(Entry("a", "1"), Entry("b", ""), Entry("c", "h\xc3\xb6")));
+        store.write({{"a", "2"}, {"b", std::nullopt}});
+    }
+    EXPECT_THAT(Store(folder / "s.db").load(), UnorderedElementsAre(Entry("a", "2"), Entry("c", "h\xc3\xb6")));
+}
+
+TEST(OlderStore, ThatCannotBeMigratedStaysAsItIs) {
+    const TemporaryFolder folder;
+    execute(folder / "s.db", formatOne);
+    execute(folder / "s.db",
+            "CREATE TRIGGER t BEFORE UPDATE ON property WHEN old.key = 'c' BEGIN SELECT RAISE(ABORT, 'no'); END");
+    EXPECT_THROW(Store store(folder / "s.db"), StoreException);
+    execute(folder / "s.db", "DROP TRIGGER t; INSERT INTO property VALUES ('d', 'still two columns')");
+    EXPECT_EQ(Store(folder / "s.db").load().size(), 4U);
+}
+
+// Sequence numbers that a store holds: every write made "number" and "again" the same.
+unsigned long lastOf(const std::vector<Entry>& entries) {
+    std::string number = "0";
+    std::string again = "0";
+    for (const auto& [key, value] : entries) {
+        if (key == "number") number = *value;
+        if (key == "again") again = *value;
+    }
+    EXPECT_EQ(number, again) << "half a transaction";
+    return std::stoul(number);
+}
+
+TEST(TornLog, LeavesAPrefixWithAllThatWasSynced) {
+    const TemporaryFolder folder;
+    std::size_t synced = 0;
+    constexpr unsigned long before = 6;
+    constexpr unsigned long after = 12;
+    {
+        Store store(folder / "s.db");
+        const auto write = [&store](unsigned long number) {
+            store.write({{"number", std::to_string(number)}, {"again", std::to_string(number)}});
+        };
+        for (unsigned long number = 1; number <= before; ++number) write(number);
+        const unsigned already = store.syncs();
+        synced = fs::file_size(folder / "s.db-wal");
+        while (store.syncs() == already) std::this_thread::yield();
+        for (unsigned long number = before + 1; number <= after; ++number) write(number);
+        fs::create_directory(folder / "torn");
+        fs::copy_file(folder / "s.db", folder / "torn/s.db");
+        fs::copy_file(folder / "s.db-wal", folder / "torn/s.db-wal");
+    }
+    const std::string log = bytesOf(folder / "torn/s.db-wal");
+    ASSERT_GT(log.size(), synced);
+    unsigned long previous = 0;
+    const fakes::LogCapture messages;  // of a store that is taken for damaged
+    for (std::size_t size = 0; size < log.size() + 100; size += 100) {
+        fs::create_directory(folder / "try");
+        fs::copy_file(folder / "torn/s.db", folder / "try/s.db");
+        std::ofstream(folder / "try/s.db-wal", std::ios::binary) << log.substr(0, size);
+        const unsigned long found = lastOf(Store(folder / "try/s.db").load());
+        EXPECT_GE(found, previous) << size;
+        if (size >= synced) {
+            EXPECT_GE(found, before) << size;
+        }
+        if (size >= log.size()) {
+            EXPECT_EQ(found, after);
+        }
+        previous = found;
+        fs::remove_all(folder / "try");
+    }
+    EXPECT_EQ(messages.text(), "");
+}
+
+class Damaged : public testing::Test {
+ protected:
+        void SetUp() override {
+        Store store(path, 1h);
+        store.write({{"a", "0"}, {"b", "x"}});
+    }
+    // What is written is in the store and in its newest backup.
+    void backUp(const char* value) {
+        Store store(path, 0ms);
+        store.load();
+        store.write({{"a", value}});
+    }
+    std::vector<Entry> reopened() {
+        log.forget();
+        return Store(path, 24h).load();
+    }
+
+    const TemporaryFolder folder;
+    const std::string path = folder / "s.db";
+    fakes::LogCapture log;
+};
+
+TEST_F(Damaged, PageIsSetAsideAndTheBackupTakenOver) {
+    backUp("1");
+    overwrite(path, 1100, std::string(3000, 'x'));
+    EXPECT_THAT(reopened(), UnorderedElementsAre(Entry("a", "1"), Entry("b", "x")));
+    EXPECT_THAT(log.text(), HasSubstr("it is kept as " + path + ".damaged-"));
+    EXPECT_THAT(log.text(),
+                HasSubstr("Settings are as they were in the backup " + path + ".backup-1: 2 stored values"));
+    EXPECT_EQ(namesIn(folder, "damaged").size(), 1U);
+    EXPECT_THAT(reopened(), UnorderedElementsAre(Entry("a", "1"), Entry("b", "x")));
+    EXPECT_EQ(log.text(), "");
+}
+
+TEST_F(Damaged, BitInAValueIsFound) {
+    backUp("unmistakable");
+    const std::size_t at = bytesOf(path).find("unmistakable");
+    ASSERT_NE(at, std::string::npos);
+    overwrite(path, static_cast<std::streamoff>(at), "U");
+    EXPECT_THAT(reopened(), UnorderedElementsAre(Entry("a", "unmistakable"), Entry("b", "x")));
+    EXPECT_THAT(log.text(), HasSubstr("a stored value is not what was written"));
+}
+
+TEST_F(Damaged, HeaderOrEmptyFileIsKnownByItsBackups) {
+    backUp("1");
+    overwrite(path, 0, "garbage garbage garbage");
+    EXPECT_THAT(reopened(), UnorderedElementsAre(Entry("a", "1"), Entry("b", "x")));
+    fs::resize_file(path, 0);
+    EXPECT_THAT(reopened(), UnorderedElementsAre(Entry("a", "1"), Entry("b", "x")));
+}
+
+TEST_F(Damaged, BackupGivesWayToTheOneBefore) {
+    backUp("1");
+    backUp("2");
+    overwrite(path + ".backup-1", 1100, std::string(3000, 'x'));
+    overwrite(path, 1100, std::string(3000, 'x'));
+    EXPECT_THAT(reopened(), UnorderedElementsAre(Entry("a", "1"), Entry("b", "x")));
+    EXPECT_THAT(log.text(), HasSubstr("backup-1 is no good"));
+}
+
+TEST_F(Damaged, WithoutABackupItStartsEmpty) {
+    for (const char* name : {".backup-1", ".backup-2"}) fs::remove(path + name);
+    overwrite(path, 1100, std::string(3000, 'x'));
+    EXPECT_THAT(reopened(), IsEmpty());
+    EXPECT_THAT(log.text(), HasSubstr("There is no good backup: settings start at their defaults"));
+    Store store(path);
+    store.write({{"a", "works"}});
+    EXPECT_THAT(store.load(), ElementsAre(Entry("a", "works")));
+}
+
+TEST_F(Damaged, StoresThatAreKeptAreBounded) {
+    for (const char* time : {"20200101T000000Z", "20200102T000000Z", "20200103T000000Z"}) {
+        std::ofstream(path + ".damaged-" + time) << "x";
+        std::ofstream(path + ".damaged-" + time + "-wal") << "x";
+    }
+    overwrite(path, 1100, std::string(3000, 'x'));
+    reopened();
+    const std::vector<std::string> names = namesIn(folder, ".damaged-");
+    ASSERT_EQ(names.size(), 3U) << testing::PrintToString(names);
+    EXPECT_EQ(names[0], "s.db.damaged-20200103T000000Z");
+    EXPECT_EQ(names[1], "s.db.damaged-20200103T000000Z-wal");
+}
+
+TEST_F(Damaged, WhileOpenIsRebuiltFromWhatItsUserHas) {
+    Store store(path, 1h);
+    store.load();
+    store.write({{"gone", "1"}});
+    store.rebuild({{"a", "mine"}, {"gone", std::nullopt}});
+    EXPECT_THAT(store.load(), testing::Contains(Entry("a", "mine")));
+    EXPECT_THAT(store.load(), testing::Not(testing::Contains(Entry("gone", "1"))));
+    store.write({{"a", "again"}});
+}
+
+TEST(Backup, IsMadeOnceADayAndTwoAreKept) {
+    const TemporaryFolder folder;
+    const std::string path = folder / "s.db";
+    {
+        Store store(path);
+        EXPECT_THAT(namesIn(folder, "backup"), IsEmpty()) << "of nothing";
+        store.write({{"a", "1"}});
+        EXPECT_THAT(namesIn(folder, "backup"), IsEmpty());
+    }
+    { Store store(path); }
+    EXPECT_THAT(namesIn(folder, "backup"), ElementsAre("s.db.backup-1"));
+    const auto made = fs::last_write_time(path + ".backup-1");
+    { Store store(path); }
+    EXPECT_THAT(namesIn(folder, "backup"), ElementsAre("s.db.backup-1"));
+    fs::last_write_time(path + ".backup-1", made - 25h);
+    { Store store(path); }
+    EXPECT_THAT(namesIn(folder, "backup"), ElementsAre("s.db.backup-1", "s.db.backup-2"));
+    EXPECT_EQ(fs::last_write_time(path + ".backup-2"), made - 25h);
+    fs::last_write_time(path + ".backup-1", made + 25h);  // the clock was set back
+    { Store store(path); }
+    EXPECT_THAT(namesIn(folder, "backup"), ElementsAre("s.db.backup-1", "s.db.backup-2"));
+    EXPECT_EQ(fs::last_write_time(path + ".backup-2"), made + 25h);
+}
+
+TEST(Backup, IsMadeWhileTheStoreIsInUseAndHoldsWhatWasWritten) {
+    const TemporaryFolder folder;
+    const std::string path = folder / "s.db";
+    Store store(path, 0ms);
+    store.write({{"a", "1"}});
+    store.write({{"a", "2"}});
+    EXPECT_THAT(Store(path + ".backup-1").load(), ElementsAre(Entry("a", "2")));
+    EXPECT_THAT(Store(path + ".backup-2").load(), ElementsAre(Entry("a", "1")));
+    struct stat status {};
+    ASSERT_EQ(::stat((path + ".backup-1").c_str(), &status), 0);
+    EXPECT_EQ(status.st_mode & 0777U, 0600U);
+}
+
+TEST(Backup, ThatCannotBeMadeCostsNoWrite) {
+    const TemporaryFolder folder;
+    fs::create_directory(folder / "s.db.backup-new");
+    fakes::LogCapture log;
+    Store store(folder / "s.db", 0ms);
+    store.write({{"a", "1"}});
+    EXPECT_THAT(store.load(), ElementsAre(Entry("a", "1")));
+    EXPECT_THAT(log.text(), HasSubstr("No backup of the settings was made: "));
+}
+
+}  // namespace
+}  // namespace propertyservice
