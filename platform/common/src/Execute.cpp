@@ -165,7 +165,8 @@ void execute(const std::string& command, std::chrono::milliseconds timeout) {
     }
     const int status = reap(child);
     if (errors.get() >= 0) drain(errors, errorText);
-    if (WIFSIGNALED(status)) fail(command, "was ended by signal " + std::to_string(WTERMSIG(status)) + spoken(errorText));
+    if (WIFSIGNALED(status))
+        fail(command, "was ended by signal " + std::to_string(WTERMSIG(status)) + spoken(errorText));
     if (WEXITSTATUS(status) != 0) {
         fail(command, "ended with status " + std::to_string(WEXITSTATUS(status)) + spoken(errorText));
     }

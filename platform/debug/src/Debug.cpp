@@ -62,7 +62,8 @@ std::string withoutExtension(const char* file) {
 }
 
 void writeWhole(const std::string& text) {
-    // One write keeps a line whole between processes; the mutex keeps the rest of a partial write whole between threads.
+    // One write keeps a line whole between processes; the mutex keeps the rest of a partial write whole between
+    // threads.
     static std::mutex mutex;
     const std::lock_guard<std::mutex> lock(mutex);
     const char* at = text.data();

@@ -46,7 +46,8 @@ class PropertyTimeoutException : public PropertyException {
     using PropertyException::PropertyException;
 };
 
-/// The bus or the property service is away. Nothing was written, unless it went while the set was in hand: read it back.
+/// The bus or the property service is away. Nothing was written, unless it went while the set was in hand: read it
+/// back.
 class PropertyOfflineException : public PropertyException {
  public:
     using PropertyException::PropertyException;

@@ -63,9 +63,10 @@ TEST_F(ExecuteTest, ATimeOutEndsTheWholeGroup) {
     const std::string fifo = file("fifo");
     ASSERT_EQ(mkfifo(fifo.c_str(), 0600), 0);
     const auto start = std::chrono::steady_clock::now();
-    EXPECT_NE(failure("sh -c 'exec 3<>" + fifo + "; echo $$ > " + file("pid") + "; sleep 600' & wait", milliseconds(500))
-                  .find("took longer than 500 ms and was ended"),
-              std::string::npos);
+    EXPECT_NE(
+        failure("sh -c 'exec 3<>" + fifo + "; echo $$ > " + file("pid") + "; sleep 600' & wait", milliseconds(500))
+            .find("took longer than 500 ms and was ended"),
+        std::string::npos);
     EXPECT_LT(std::chrono::steady_clock::now() - start, seconds(60));
     const std::string pid = content(file("pid"));
     ASSERT_FALSE(pid.empty());

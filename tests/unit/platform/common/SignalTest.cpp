@@ -13,7 +13,7 @@ namespace {
 
 std::mutex mutex;
 std::condition_variable changed;
-std::vector<int> received;       // guarded by mutex
+std::vector<int> received;        // guarded by mutex
 std::thread::id receivingThread;  // guarded by mutex
 
 void remember(int signal) {
