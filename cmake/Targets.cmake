@@ -14,6 +14,8 @@ function(zav_test name)
     set(arg_TIMEOUT 120)
   endif()
   add_executable(${name} ${arg_SOURCES})
+  # Tests are compiled often and run once: optimising them costs more than it gives.
+  target_compile_options(${name} PRIVATE $<$<CONFIG:Release>:-O1>)
   set_target_properties(${name} PROPERTIES RUNTIME_OUTPUT_DIRECTORY ${CMAKE_BINARY_DIR}/tests)
   target_include_directories(${name} PRIVATE ${CMAKE_SOURCE_DIR}/tests)
   target_link_libraries(${name} PRIVATE ${arg_LIBS} zav_options GTest::gmock GTest::gtest GTest::gtest_main)
