@@ -1,4 +1,4 @@
-"""Three provisioning passes, each shown: what was asked, what changed, the result, how long it took.
+"""Five provisioning passes in two acts, each shown: what was asked, what changed, the result, how long it took.
 
 Runs inside lab/phone. Everything is asked of the phone itself: the settings before and after are the property
 service's own, the result is zavctl's, the reason of a refusal is the daemon's log line.
@@ -11,20 +11,29 @@ import subprocess
 import sys
 import time
 
-SERVER = "https://provisioning.test/"
+from fleet import Fleet, Moved
+
 FIXTURES = os.path.join(os.environ["LAB_PROJECT"], "lab", "fixtures")
 LOG = os.path.join(os.environ["PHONE"], "daemon.log")
 WWW = "/srv/www"
 
-# What is shown, and what it must come to: title, folder, encrypted, result, the settings that must have changed.
-CASES = [
+# What is shown, and what it must come to: title, folder, encrypted, result, the settings that must have changed, and
+# what else belongs to it.
+FIRST_ACT = [
     ('format "1.1", encrypted, over HTTPS', "direct", True, "success", {
         "Telephony.Accounts.0.DisplayName": "Front desk", "Telephony.Accounts.0.UserName": "2001",
-        "PhoneUI.Keys.FunctionKeys.0.Label": "Workshop", "Time.Format": "12h"}),
+        "PhoneUI.Keys.FunctionKeys.0.Label": "Workshop", "Time.Format": "12h"}, None),
     ('format "1.0", two levels: a list of published files, the newest of them', "two-levels", False, "success", {
         "Telephony.Accounts.0.DisplayName": "Reception", "Telephony.Accounts.1.UserName": "2009",
-        "System.Provision.SettingsVersion": "2026-09-01_08:30:00"}),
-    ("a file for another phone's MAC address", "other-phone", False, "fail", {}),
+        "System.Provision.SettingsVersion": "2026-09-01_08:30:00"}, None),
+    ("a file for another phone's MAC address", "other-phone", False, "fail", {}, None),
+]
+SECOND_ACT = [
+    ('format "1.0", a fleet\'s update in one pass: settings, firmware, a certificate, the phone book', "fleet", False,
+     "success", {"Telephony.Accounts.0.DisplayName": "Reception, ground floor", "System.Provision.Period": "43200",
+                 "System.Provision.SettingsVersion": "2026-11-01_06:00:00"}, Fleet()),
+    ("a redirect to the server whose certificate came with that update", "moved", False, "success",
+     {"Telephony.Accounts.0.Label": "Ground floor"}, Moved()),
 ]
 
 
@@ -82,7 +91,7 @@ def requests(since):
     """What the server was really asked for, from its own access log."""
     with open(os.path.join(os.environ["PHONE"], "access.log"), encoding="utf-8") as file:
         lines = file.read().splitlines()
-    return [line.split('"')[1].split()[1] + " " + line.split('"')[2].split()[0] for line in lines[since:]], len(lines)
+    return lines[since:], len(lines)
 
 
 def show(label, lines):
@@ -90,8 +99,10 @@ def show(label, lines):
         print(f"   {label if index == 0 else '':9}{line}")
 
 
-def run(number, title, folder, encrypted, promised, expected, asked_before):
+def run(number, title, folder, encrypted, promised, expected, more, asked_before):
     publish(folder, encrypted)
+    if more:
+        more.publish(WWW)
     before = settings()
     log_start = os.path.getsize(LOG)
     progress(f"Provisioning ({title}) …")
@@ -108,15 +119,17 @@ def run(number, title, folder, encrypted, promised, expected, asked_before):
     result = answer.get("result", answer.get("error", "?"))
 
     print(f"{number}. {title}")
-    show("asked", [f"{SERVER.rstrip('/')}{line}" for line in asked])
+    show("asked", asked)
     width = max(map(len, changed), default=0)
     show("changed", [f'{key:{width}}  "{before[key]}" → "{value}"' for key, value in changed.items()] or ["nothing"])
     if result == "fail":
         show("refused", [line[line.index("File "):] for line in log if " check error: " in line])
+    parts, wrong = more.report(log) if more else ([], [])
+    for label, lines in parts:
+        show(label, lines)
     show("result", [f"{result} (HTTP {answer.get('httpStatus')}), in {took:.2f} s"])
     print(flush=True)
 
-    wrong = []
     if result != promised:
         wrong.append(f"the result is {result}, not {promised}: {answer}")
     if status != (1 if promised == "fail" else 0):
@@ -136,7 +149,9 @@ def main():
     print("A phone: broker, property service, provisioning server and zavd, in namespaces of their own.")
     print(f"Its clock skipped the 90 s in which the network settles; it is ready after {booted:.1f} s.\n", flush=True)
     good, asked = True, 0
-    for number, case in enumerate(CASES, 1):
+    for number, case in enumerate(FIRST_ACT + SECOND_ACT, 1):
+        if number == len(FIRST_ACT) + 1:
+            print("Second act: everything else that a server may ask of a phone.\n", flush=True)
         fine, asked = run(number, *case, asked)
         good = good and fine
     print("All as promised." if good else "Something is not as promised; the log lines are above.")
