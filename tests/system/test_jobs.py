@@ -231,6 +231,23 @@ class JobsTest(phone.PhoneTest):
         self.wait_pass_end()
         self.log.in_order([f"Applying param: '{LABEL}'='flowed'", "Provisioning Finished", "Provisioning Finished"])
 
+    def test_sigterm_in_a_redirect(self):
+        gate = phone.threading.Event()
+        server = Server({"/provisioning.xml": Answer(initial(settings((LABEL, "late"))), gate=gate, part=10)})
+        self.addCleanup(server.close)
+        self.addCleanup(self.boot)  # for whichever test is next
+        self.publish("provisioning.xml", initial(custom(step("Redirect", url=server.url))))
+        self.request()
+        phone.wait_until(lambda: server.requests, "the nested pass's download")
+        opener = phone.threading.Thread(target=lambda: (self.log.wait("ZAV exited"), gate.set()))
+        opener.start()
+        self.assertEqual(self.terminate(), 0)
+        opener.join()
+        self.log.in_order(["IPC listening terminated", "ZAV exited"])
+        self.assertEqual(self.bus.get("State.Provisioning.LockUI"), "0")
+        self.assertEqual(self.bus.get("State.Provisioning"), "success")
+        self.assertEqual(self.bus.get(LABEL), "late")
+
     def test_firmware_after_a_scenario_twice(self):
         image = os.urandom(2_000_000)
         self.publish("image.bin", image)
