@@ -41,26 +41,26 @@ void waitForTermination() {
 }
 
 int run() {
-    using namespace zav;
     dbg::Debug::info() << "ZAV starting up..." << std::endl;
     const auto signals = common::signal::registerHandler();
     common::signal::registerCustomHandler(SIGTERM, onTerminate);
-    const xml::Library xmlLibrary;
-    const auto bus = ipc::IPCFactory::createInstanceShared(constants::clientName, constants::brokerHost, false);
-    const auto properties = propertyapi::PropertyApiBuilder::getPropertyApi(bus, constants::clientName);
-    ProvisioningTimer timer(properties);
-    Security security(properties);
+    const zav::xml::Library xmlLibrary;
+    const auto bus =
+        ipc::IPCFactory::createInstanceShared(zav::constants::clientName, zav::constants::brokerHost, false);
+    const auto properties = propertyapi::PropertyApiBuilder::getPropertyApi(bus, zav::constants::clientName);
+    zav::ProvisioningTimer timer(properties);
+    zav::Security security(properties);
     curl_global_init(CURL_GLOBAL_ALL);
-    auto http = std::make_shared<Curl>();
-    const auto dispatcher = std::make_shared<Dispatcher>(bus, properties, timer, http, security);
+    auto http = std::make_shared<zav::Curl>();
+    const auto dispatcher = std::make_shared<zav::Dispatcher>(bus, properties, timer, http, security);
     http.reset();
     dispatcher->startListening();
-    Init init(timer, properties);
+    zav::Init init(timer, properties);
     init.run();
     dispatcher->startHandling();
     dbg::Debug::info() << "ZAV initialized." << std::endl;
-    NetworkMediator mediator;  // its end waits for its thread: nothing above dies under it
-    mediator.start(dispatcher, isServerReachable);
+    zav::NetworkMediator mediator;  // its end waits for its thread: nothing above dies under it
+    mediator.start(dispatcher, zav::isServerReachable);
     waitForTermination();
 
     dispatcher->stopListening();

@@ -28,6 +28,7 @@ const char* levelName(unsigned level) {
 
 // The service manager announces a journal on standard error by the device and inode numbers of the descriptor.
 bool isJournal() {
+    // NOLINTNEXTLINE(concurrency-mt-unsafe): read once; nothing here ever changes the environment
     const char* announced = std::getenv("JOURNAL_STREAM");
     struct stat status {};
     if (announced == nullptr || fstat(STDERR_FILENO, &status) != 0) return false;

@@ -71,8 +71,9 @@ ProvisioningWorker::ProvisioningWorker(std::shared_ptr<propertyapi::IPropertyApi
       security_(security),
       depth_(Chain::depthOfThisThread + 1),
       chain_(Chain::ofThisThread) {
-    using namespace std::placeholders;
-    curl_->setProgressCallback(std::bind(&ProvisioningWorker::onDownloadProgress, this, _1, _2, _3, _4));
+    curl_->setProgressCallback([this](long downloadTotal, long downloaded, long uploadTotal, long uploaded) {
+        onDownloadProgress(downloadTotal, downloaded, uploadTotal, uploaded);
+    });
 }
 
 ProvisioningWorker::~ProvisioningWorker() {
