@@ -21,7 +21,8 @@ constexpr char examples[] =
     "  zavctl set System.Provision.ProvisioningServer https://server.example/phones/\n"
     "  zavctl provision --wait --timeout 120\n"
     "  zavctl list NET.\n"
-    "  zavctl watch State. --json";
+    "  zavctl watch State. --json\n"
+    "  zavctl export Audio. >audio.json; zavctl import audio.json --apply";
 
 bool isOption(const std::string& argument) { return argument.size() > 1 && argument.front() == '-'; }
 
@@ -78,6 +79,7 @@ class CommandLine {
 
         CLI::App* const listCommand = app_.add_subcommand("list", "Prints properties, sorted by key");
         listCommand->add_option("PREFIX", prefix_, "How their keys begin; default: all");
+        showSecrets(listCommand);
         listCommand->final_callback([this] { code_ = list(environment_, options_, prefix_); });
 
         CLI::App* const watchCommand = app_.add_subcommand("watch", "Prints changes as they happen, until interrupted");
@@ -94,6 +96,8 @@ class CommandLine {
             code_ = provision(environment_, options_, wait_,
                               std::chrono::duration_cast<std::chrono::milliseconds>(timeout));
         });
+
+        addTransferCommands();
 
         app_.add_subcommand("status", "Prints server, last result, user interface lock, versions and period")
             ->final_callback([this] { code_ = status(environment_, options_); });
@@ -122,6 +126,51 @@ class CommandLine {
     }
 
  private:
+    void showSecrets(CLI::App* command) {
+        command->add_flag("--show-secrets", options_.showSecrets, "Shows passwords and the like as they are");
+    }
+
+    void addTransferCommands() {
+        CLI::App* const describeCommand = app_.add_subcommand("describe", "Prints what a property may hold");
+        describeCommand->add_option("KEY", key_, "The property's key")->required();
+        describeCommand->final_callback([this] { code_ = describe(environment_, options_, key_); });
+
+        CLI::App* const keysCommand = app_.add_subcommand("keys", "Prints the names of properties");
+        keysCommand->add_option("PREFIX", prefix_, "How they begin; default: all");
+        keysCommand->final_callback([this] { code_ = keys(environment_, options_, prefix_); });
+
+        CLI::App* const resetCommand = app_.add_subcommand("reset", "Takes settings back to their defaults");
+        resetCommand->add_option("KEY", key_, "A key, or how many begin, with a dot at its end: Audio.")->required();
+        resetCommand->final_callback([this] { code_ = reset(environment_, options_, key_); });
+
+        CLI::App* const exportCommand = app_.add_subcommand("export", "Prints settings as a file for import");
+        exportCommand->add_option("PREFIX", prefix_, "How their keys begin; default: all");
+        showSecrets(exportCommand);
+        exportCommand->final_callback([this] { code_ = exportSettings(environment_, options_, prefix_); });
+
+        CLI::App* const importCommand =
+            app_.add_subcommand("import", "Shows what a file of settings would change; --apply changes it");
+        importCommand->add_option("FILE", file_, "The file; - is the standard input")->required();
+        importCommand->add_flag("--apply", apply_, "Writes all of it, or nothing if any of it is refused");
+        showSecrets(importCommand);
+        importCommand->final_callback([this] { code_ = importSettings(environment_, options_, file_, apply_); });
+
+        CLI::App* const diffCommand = app_.add_subcommand("diff", "Compares two files of settings");
+        diffCommand->add_option("A", file_, "A file")->required();
+        diffCommand->add_option("B", otherFile_, "Another file; default: the phone");
+        showSecrets(diffCommand);
+        diffCommand->final_callback([this] { code_ = diffSettings(environment_, options_, file_, otherFile_); });
+
+        CLI::App* const backupCommand = app_.add_subcommand("backup", "Writes all settings into a file");
+        backupCommand->add_option("FILE", file_, "The file; only its owner may read it")->required();
+        backupCommand->add_flag("--force", replace_, "Replaces a file that exists");
+        backupCommand->final_callback([this] { code_ = backup(environment_, options_, file_, replace_); });
+
+        CLI::App* const restoreCommand = app_.add_subcommand("restore", "Writes back all settings of a backup");
+        restoreCommand->add_option("FILE", file_, "The file")->required();
+        restoreCommand->final_callback([this] { code_ = restore(environment_, options_, file_); });
+    }
+
     std::string reasonOf(const CLI::ParseError& error) const {
         if (!app_.get_subcommands().empty()) return error.what();
         const std::vector<std::string> remaining = app_.remaining();
@@ -141,6 +190,10 @@ class CommandLine {
     std::string value_;
     std::string standIn_;
     std::string prefix_;
+    std::string file_;
+    std::string otherFile_;
+    bool apply_ = false;
+    bool replace_ = false;
     bool wait_ = false;
     double timeoutSeconds_ = 300;
     ExitCode code_ = ExitCode::done;

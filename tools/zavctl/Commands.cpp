@@ -7,6 +7,7 @@
 #include <utility>
 #include <vector>
 
+#include "Definitions.h"
 #include "Output.h"
 #include "Session.h"
 #include "debug/Debug.h"
@@ -65,20 +66,18 @@ ExitCode set(const Environment& environment, const Options& options, const std::
 ExitCode list(const Environment& environment, const Options& options, const std::string& prefix) {
     Session session(environment, options.host);
     session.connect();
+    Definitions definitions;
+    if (!options.showSecrets) definitions = definitionsOf(session, prefix);
     Json::Value all(Json::arrayValue);
-    std::string after;
-    do {
-        const propertyapi::PropertyPage page = session.properties().list(prefix, after);
-        for (const propertyapi::Property& property : page.properties) {
-            if (options.json) {
-                all.append(pair(property.key, property.value));
-            } else {
-                environment.out << property.key << "=" << dbg::escapeControls(property.value) << "\n";
-            }
+    for (const propertyapi::Property& property : session.list(prefix)) {
+        const std::string value =
+            options.showSecrets ? property.value : shownValue(definitions, property.key, property.value);
+        if (options.json) {
+            all.append(pair(property.key, value));
+        } else {
+            environment.out << property.key << "=" << dbg::escapeControls(value) << "\n";
         }
-        if (!page.next.empty() && page.next <= after) throw std::runtime_error("the property service lists in circles");
-        after = page.next;
-    } while (!after.empty());
+    }
     if (options.json) {
         Json::Value object;
         object["properties"] = std::move(all);

@@ -1,21 +1,13 @@
 #include "Output.h"
 
-#include <json/writer.h>
+#include <algorithm>
 
-#include <memory>
-
+#include "Json.h"
 #include "debug/Debug.h"
 
 namespace zavctl {
 
-void printJson(std::ostream& out, const Json::Value& object) {
-    Json::StreamWriterBuilder builder;
-    builder["indentation"] = "";
-    builder["emitUTF8"] = true;
-    const std::unique_ptr<Json::StreamWriter> writer(builder.newStreamWriter());
-    writer->write(object, &out);
-    out << std::endl;
-}
+void printJson(std::ostream& out, const Json::Value& object) { out << compactJson(object) << std::endl; }
 
 void printFailure(std::ostream& out, std::ostream& err, bool json, const Failure& failure) {
     if (json) {

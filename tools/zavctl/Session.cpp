@@ -2,6 +2,15 @@
 
 #include <json/reader.h>
 #include <json/value.h>
+#include <json/writer.h>
+
+#include <chrono>
+#include <iterator>
+#include <stdexcept>
+#include <utility>
+
+#include "Failure.h"
+#include "Json.h"
 
 namespace zavctl {
 
@@ -15,18 +24,27 @@ std::string textOf(const Json::Value& object, const char* member) {
 }  // namespace
 
 bool readChange(const std::string& payload, Change& change) {
-    const std::unique_ptr<Json::CharReader> reader(Json::CharReaderBuilder().newCharReader());
     Json::Value object;
-    std::string errors;
-    try {
-        if (!reader->parse(payload.data(), payload.data() + payload.size(), &object, &errors)) return false;
-    } catch (const Json::Exception&) {
-        return false;
-    }
-    if (!object.isObject() || !object["param"].isString()) return false;
+    std::string error;
+    if (!parseJson(payload, object, error) || !object.isObject() || !object["param"].isString()) return false;
     change = {textOf(object, "param"), textOf(object, "value"), textOf(object, "source")};
     return true;
 }
+
+namespace {
+
+constexpr std::chrono::seconds patience{5};
+constexpr char statusTopic[] = "prop-service/status";
+
+[[noreturn]] void failAs(const Json::Value& answer) {
+    const std::string word = textOf(answer, "error");
+    const std::string key = textOf(answer, "param");
+    const std::string reason = (key.empty() ? "" : key + ": ") + textOf(answer, "reason");
+    if (word == "not-found") throw Failure(ExitCode::noSuchKey, word, reason + " (zavctl list shows the keys)");
+    throw Failure(ExitCode::failed, word, reason);
+}
+
+}  // namespace
 
 Session::Session(const Environment& environment, std::string host)
     : host_(std::move(host)), bus_(environment.makeBus(host_)), properties_(environment.makeProperties(bus_)) {}
@@ -43,5 +61,28 @@ void Session::subscribe(const std::string& topicFilter, ipc::IIPCCallback& callb
 }
 
 void Session::connect() { bus_->connect(host_); }
+
+Json::Value Session::ask(const std::string& operation, const Json::Value& request) {
+    const std::string text = bus_->request("prop-service/" + operation, compactJson(request), statusTopic, patience);
+    Json::Value answer;
+    std::string error;
+    if (!parseJson(text, answer, error) || !answer.isObject()) {
+        throw Failure(ExitCode::failed, "bad-request", "the property service's answer cannot be understood: " + error);
+    }
+    if (std::as_const(answer)["error"].isString()) failAs(answer);
+    return answer;
+}
+
+std::vector<propertyapi::Property> Session::list(const std::string& prefix) {
+    std::vector<propertyapi::Property> all;
+    std::string after;
+    do {
+        propertyapi::PropertyPage page = properties_->list(prefix, after);
+        if (!page.next.empty() && page.next <= after) throw std::runtime_error("the property service lists in circles");
+        std::move(page.properties.begin(), page.properties.end(), std::back_inserter(all));
+        after = page.next;
+    } while (!after.empty());
+    return all;
+}
 
 }  // namespace zavctl

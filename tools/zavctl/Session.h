@@ -1,9 +1,12 @@
 // One command's connection to the phone.
 #pragma once
 
+#include <json/value.h>
+
 #include <functional>
 #include <memory>
 #include <string>
+#include <vector>
 
 #include "Environment.h"
 
@@ -33,6 +36,13 @@ class Session {
     void subscribe(const std::string& topicFilter, ipc::IIPCCallback& callback);
     void connect();
     propertyapi::IPropertyApi& properties() { return *properties_; }
+
+    /// Asks the property service what the property client has no words for: "describe", "import". Throws what the
+    /// answer's error stands for as a Failure.
+    Json::Value ask(const std::string& operation, const Json::Value& request);
+
+    /// All properties that begin with the prefix, every page of them, sorted by key.
+    std::vector<propertyapi::Property> list(const std::string& prefix);
 
  private:
     const std::string host_;

@@ -35,9 +35,9 @@ class FakeBus final : public ipc::IIPCClient {
     }
     void publish(const std::string&, const std::string&, int) override {}
     void watchPresence(const std::string&) override {}
-    std::string request(const std::string&, const std::string&, const std::string&,
+    std::string request(const std::string& topic, const std::string&, const std::string&,
                         std::chrono::milliseconds) override {
-        return {};
+        return topic == "prop-service/describe" ? descriptions : std::string();
     }
 
     std::vector<std::string> filters() {
@@ -58,6 +58,7 @@ class FakeBus final : public ipc::IIPCClient {
     }
 
     bool away = false;
+    std::string descriptions = R"({"definitions":[]})";
     std::vector<std::string> hosts;
     int disconnects = 0;
 

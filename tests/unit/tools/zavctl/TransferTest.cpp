@@ -1,0 +1,298 @@
+// Commands that need the property service's own word: on the real service, without a bus in between.
+#include <gmock/gmock.h>
+#include <gtest/gtest.h>
+#include <stdlib.h>
+#include <sys/stat.h>
+
+#include <filesystem>
+#include <fstream>
+#include <iterator>
+#include <sstream>
+
+#include "CommandLine.h"
+#include "Json.h"
+#include "SettingsFile.h"
+#include "propertyapi/PropertyApiBuilder.h"
+#include "service/PropertyService.h"
+
+namespace zavctl {
+namespace {
+
+using testing::ElementsAre;
+using testing::HasSubstr;
+using testing::Not;
+
+class MemoryStore final : public propertyservice::IStore {
+ public:
+    std::vector<Entry> load() override { return {}; }
+    void write(const std::vector<Entry>& entries) override {
+        if (full) throw propertyservice::StoreException("full");
+        written += entries.size();
+    }
+    void rebuild(const std::vector<Entry>&) override {}
+
+    bool full = false;
+    std::size_t written = 0;
+};
+
+class ServiceBus final : public ipc::IIPCClient {
+ public:
+    explicit ServiceBus(propertyservice::PropertyService& service) : service_(service) {}
+
+    void connect(const std::string&) override {}
+    void disconnect() override {}
+    void subscribe(const std::string&, ipc::IIPCCallback&) override {}
+    void publish(const std::string&, const std::string&, int) override {}
+    void watchPresence(const std::string&) override {}
+    std::string request(const std::string& topic, const std::string& payload, const std::string&,
+                        std::chrono::milliseconds) override {
+        const auto messages = service_.handle({{topic, payload, "me", "1", 0}});
+        for (std::size_t index = 1; index < messages.size(); ++index) changes.push_back(messages[index].payload);
+        return messages.at(0).payload;
+    }
+
+    std::vector<std::string> changes;
+
+ private:
+    propertyservice::PropertyService& service_;
+};
+
+constexpr char catalogueText[] = R"({"version": 1, "keys": {
+    "Audio.Volume": {"type": "integer", "min": 0, "max": 10, "default": "5", "description": "How loud"},
+    "Audio.Tone": {"type": "text", "default": "ring", "description": "d"},
+    "Web.Password": {"type": "secret", "maxLength": 8, "default": "", "description": "Who may"},
+    "Web.URL": {"type": "url", "schemes": ["https"], "default": "", "description": "d"},
+    "Serial": {"type": "text", "default": "42", "readOnly": true, "description": "d"},
+    "State.Call": {"type": "enum", "values": ["", "yes"], "default": "", "description": "d"}
+}})";
+
+class Transfer : public testing::Test {
+ protected:
+    Transfer() {
+        std::string pattern = "/tmp/zavctl-XXXXXX";
+        folder = ::mkdtemp(pattern.data());
+    }
+    ~Transfer() override { std::filesystem::remove_all(folder); }
+
+    ExitCode run(const std::vector<std::string>& arguments) {
+        out.str("");
+        err.str("");
+        bus->changes.clear();
+        return zavctl::run(arguments,
+                           Environment{out, err, false, stop, [] {}, [this](const std::string&) { return bus; },
+                                       [](std::shared_ptr<ipc::IIPCClient> client) {
+                                           return propertyapi::PropertyApiBuilder::getPropertyApi(std::move(client),
+                                                                                                  "zavctl");
+                                       }});
+    }
+    std::string value(const std::string& key) {
+        run({"get", key});
+        return out.str();
+    }
+    std::string file(const std::string& properties) {
+        const std::string path = folder / "in.json";
+        std::ofstream(path) << R"({"version": 1, "properties": {)" << properties << "}}";
+        return path;
+    }
+
+    const propertyservice::Catalogue catalogue = propertyservice::Catalogue::parse(catalogueText, "c.json");
+    MemoryStore store;
+    propertyservice::PropertyService service{catalogue, store};
+    const std::shared_ptr<ServiceBus> bus = std::make_shared<ServiceBus>(service);
+    std::filesystem::path folder;
+    std::ostringstream out;
+    std::ostringstream err;
+    StopSignal stop;
+};
+
+TEST_F(Transfer, DescribePrintsWhatTheCatalogueSays) {
+    EXPECT_EQ(run({"describe", "Audio.Volume"}), ExitCode::done);
+    EXPECT_EQ(out.str(),
+              "Key          Audio.Volume\n"
+              "Description  How loud\n"
+              "Type         integer, from 0, to 10\n"
+              "Default      5\n"
+              "Written by   any client\n"
+              "Lasts        for good\n");
+    run({"describe", "State.Call"});
+    EXPECT_THAT(out.str(), HasSubstr("Type         enum, one of \"\", \"yes\"\nDefault      empty\n"));
+    EXPECT_THAT(out.str(), HasSubstr("Lasts        until the property service starts again\n"));
+    run({"describe", "Web.URL"});
+    EXPECT_THAT(out.str(), HasSubstr("url, beginning with https\n"));
+    run({"describe", "Serial"});
+    EXPECT_THAT(out.str(), HasSubstr("nobody: it is read-only\n"));
+    run({"describe", "Web.Password", "--json"});
+    EXPECT_EQ(
+        out.str(),
+        "{\"default\":\"\",\"description\":\"Who may\",\"maxLength\":8,\"param\":\"Web.Password\",\"readOnly\":false,"
+        "\"type\":\"secret\",\"volatile\":false}\n");
+    EXPECT_EQ(run({"describe", "Audio"}), ExitCode::noSuchKey);
+    EXPECT_THAT(err.str(), HasSubstr("Audio: the catalogue has no such key"));
+}
+
+TEST_F(Transfer, KeysAreListedByName) {
+    EXPECT_EQ(run({"keys", "Audio."}), ExitCode::done);
+    EXPECT_EQ(out.str(), "Audio.Tone\nAudio.Volume\n");
+    EXPECT_EQ(run({"keys", "Web.", "--json"}), ExitCode::done);
+    EXPECT_EQ(out.str(), "{\"keys\":[\"Web.Password\",\"Web.URL\"]}\n");
+}
+
+TEST_F(Transfer, ListHidesSecretsAndPasswordsInUrls) {
+    run({"set", "Web.Password", "hunter2"});
+    run({"set", "Web.URL", "https://me:hunter2@h/"});
+    EXPECT_EQ(run({"list", "Web."}), ExitCode::done);
+    EXPECT_EQ(out.str(), "Web.Password=***\nWeb.URL=https://me:***@h/\n");
+    EXPECT_EQ(run({"list", "Web.", "--json"}), ExitCode::done);
+    EXPECT_THAT(out.str(), Not(HasSubstr("hunter2")));
+    EXPECT_EQ(run({"list", "Web.", "--show-secrets"}), ExitCode::done);
+    EXPECT_EQ(out.str(), "Web.Password=hunter2\nWeb.URL=https://me:hunter2@h/\n");
+    run({"set", "Web.Password", ""});
+    run({"list", "Web.Password"});
+    EXPECT_EQ(out.str(), "Web.Password=\n") << "that there is none is no secret";
+}
+
+TEST_F(Transfer, ExportHasSettingsOnlyAndNoSecretsUnlessAsked) {
+    run({"set", "Web.Password", "hunter2"});
+    EXPECT_EQ(run({"export"}), ExitCode::done);
+    EXPECT_EQ(err.str(), "zavctl: 1 secret is left out; --show-secrets includes them\n");
+    EXPECT_EQ(out.str(), R"({
+  "properties" : 
+  {
+    "Audio.Tone" : "ring",
+    "Audio.Volume" : "5",
+    "Web.URL" : ""
+  },
+  "version" : 1
+}
+)");
+    EXPECT_EQ(run({"export", "Web.", "--show-secrets", "--json"}), ExitCode::done);
+    EXPECT_EQ(out.str(), "{\"properties\":{\"Web.Password\":\"hunter2\",\"Web.URL\":\"\"},\"version\":1}\n");
+    EXPECT_EQ(err.str(), "");
+}
+
+TEST_F(Transfer, ImportShowsAndThenWritesWhatDiffers) {
+    const std::string path = file(R"("Audio.Volume": "7", "Audio.Tone": "ring", "Web.Password": "hunter2")");
+    EXPECT_EQ(run({"import", path}), ExitCode::done);
+    EXPECT_EQ(out.str(),
+              "-Audio.Volume=5\n+Audio.Volume=7\n-Web.Password=\n+Web.Password=***\n"
+              "2 settings would be written; --apply writes them.\n");
+    EXPECT_EQ(value("Audio.Volume"), "5\n");
+    EXPECT_EQ(run({"import", path, "--apply", "--json"}), ExitCode::done);
+    EXPECT_EQ(out.str(),
+              "{\"applied\":true,\"changes\":[{\"after\":\"7\",\"before\":\"5\",\"param\":\"Audio.Volume\"},"
+              "{\"after\":\"***\",\"before\":\"\",\"param\":\"Web.Password\"}]}\n");
+    EXPECT_THAT(bus->changes, ElementsAre(R"({"param":"Audio.Volume","value":"7","source":"zavctl"})",
+                                          R"({"param":"Web.Password","value":"hunter2","source":"zavctl"})"));
+    EXPECT_EQ(run({"import", path, "--apply"}), ExitCode::done);
+    EXPECT_EQ(out.str(), "Nothing to do: the phone is as the file says.\n");
+    EXPECT_TRUE(bus->changes.empty());
+    EXPECT_EQ(run({"import", file(R"("Audio.Volume": null)"), "--apply"}), ExitCode::done);
+    EXPECT_EQ(out.str(), "-Audio.Volume=7\n+Audio.Volume=5\n1 setting written.\n");
+    EXPECT_EQ(value("Audio.Volume"), "5\n");
+}
+
+TEST_F(Transfer, ImportOfAnythingRefusedWritesNothing) {
+    const std::string path = file(R"("Audio.Tone": "new", "Audio.Volume": "11", "No.Such": "1", "Serial": "1")");
+    for (const bool apply : {false, true}) {
+        EXPECT_EQ(
+            run(apply ? std::vector<std::string>{"import", path, "--apply"} : std::vector<std::string>{"import", path}),
+            ExitCode::failed);
+        EXPECT_EQ(err.str(),
+                  "zavctl: nothing was written, 3 settings are refused; Audio.Volume: must be a whole number from 0 to "
+                  "10; No.Such: the catalogue has no such key; Serial: may not be written by a client\n");
+        EXPECT_EQ(value("Audio.Tone"), "ring\n");
+    }
+    EXPECT_EQ(run({"import", file(R"("No.Such": "1")")}), ExitCode::noSuchKey);
+    store.full = true;
+    EXPECT_EQ(run({"import", file(R"("Audio.Tone": "new", "Audio.Volume": "6")"), "--apply", "--json"}),
+              ExitCode::failed);
+    EXPECT_THAT(out.str(), HasSubstr("\"error\":\"storage\""));
+    EXPECT_EQ(value("Audio.Tone"), "ring\n");
+}
+
+TEST_F(Transfer, FilesThatAreNoneAreNamed) {
+    const std::vector<std::pair<std::string, std::string>> texts{
+        {"", "Line 1, Column 1:"},
+        {"{\"version\": 1,\n \"properties\": {\"a\" 1}}", "Line 2, Column 21:"},
+        {"[]", "holds no settings"},
+        {R"({"version": 2, "properties": {}})", "holds no settings"},
+        {R"({"version": 1, "properties": {"a": "1", "a": "2"}})", "Duplicate key: 'a'"},
+        {R"({"version": 1, "properties": {"a": 5}})", "a: its value must be a text (\"5\", not 5)"}};
+    for (const auto& [text, reason] : texts) {
+        const std::string path = folder / "bad.json";
+        std::ofstream(path) << text;
+        EXPECT_EQ(run({"import", path}), ExitCode::failed) << text;
+        EXPECT_THAT(err.str(), HasSubstr(path + ": "));
+        EXPECT_THAT(err.str(), HasSubstr(reason));
+    }
+    EXPECT_EQ(run({"import", folder / "none"}), ExitCode::failed);
+    EXPECT_THAT(err.str(), HasSubstr("cannot be opened: No such file"));
+}
+
+TEST_F(Transfer, DiffComparesFilesAndThePhone) {
+    const std::string left = folder / "left.json";
+    std::filesystem::copy_file(file(R"("Audio.Tone": "ring", "Audio.Volume": "7", "Web.Password": "old")"), left);
+    const std::string right = file(R"("Audio.Tone": "ring", "Audio.Volume": "8", "Web.URL": "x")");
+    EXPECT_EQ(run({"diff", left, right}), ExitCode::done);
+    EXPECT_EQ(out.str(), "-Audio.Volume=7\n+Audio.Volume=8\n-Web.Password=old\n+Web.URL=x\n");
+    EXPECT_EQ(run({"diff", left, right, "--json"}), ExitCode::done);
+    EXPECT_THAT(out.str(), HasSubstr("{\"after\":null,\"before\":\"old\",\"param\":\"Web.Password\"}"));
+    EXPECT_EQ(run({"diff", left}), ExitCode::done);
+    EXPECT_EQ(out.str(), "-Audio.Volume=7\n+Audio.Volume=5\n-Web.Password=***\n+Web.Password=\n+Web.URL=\n");
+}
+
+TEST_F(Transfer, ResetTakesAKeyOrAPrefixBack) {
+    run({"set", "Audio.Volume", "7"});
+    run({"set", "Audio.Tone", "x"});
+    run({"set", "Web.Password", "x"});
+    EXPECT_EQ(run({"reset", "Audio.Volume"}), ExitCode::done);
+    EXPECT_EQ(out.str(), "");
+    EXPECT_EQ(value("Audio.Volume"), "5\n");
+    EXPECT_EQ(value("Audio.Tone"), "x\n");
+    EXPECT_EQ(run({"reset", "Audio.", "--json"}), ExitCode::done);
+    EXPECT_EQ(out.str(), "{\"reset\":[\"Audio.Tone\"]}\n");
+    EXPECT_THAT(bus->changes, ElementsAre(R"({"param":"Audio.Tone","value":"ring","source":"zavctl"})"));
+    EXPECT_EQ(run({"reset", "Audio."}), ExitCode::done);
+    EXPECT_EQ(out.str(), "0 settings are back at the default.\n");
+    EXPECT_EQ(run({"reset", "Web."}), ExitCode::done);
+    EXPECT_EQ(value("Web.Password"), "\n");
+    EXPECT_EQ(run({"reset", "Audio"}), ExitCode::noSuchKey);
+    EXPECT_EQ(run({"reset", "None."}), ExitCode::noSuchKey);
+    EXPECT_EQ(run({"reset", "Serial"}), ExitCode::failed);
+}
+
+TEST_F(Transfer, BackupAndRestoreBringEverythingBack) {
+    run({"set", "Audio.Volume", "7"});
+    run({"set", "Web.Password", "hunter2"});
+    const std::string path = folder / "backup.json";
+    EXPECT_EQ(run({"backup", path}), ExitCode::done);
+    EXPECT_EQ(out.str(), "4 settings in " + path + ", passwords among them.\n");
+    struct stat status {};
+    ASSERT_EQ(::stat(path.c_str(), &status), 0);
+    EXPECT_EQ(status.st_mode & 0777U, 0600U);
+    EXPECT_EQ(std::distance(std::filesystem::directory_iterator(folder), {}), 1) << "a temporary file is left";
+    EXPECT_EQ(run({"backup", path}), ExitCode::failed);
+    EXPECT_THAT(err.str(), HasSubstr("exists already; --force replaces it"));
+    EXPECT_EQ(run({"backup", path, "--force", "--json"}), ExitCode::done);
+    EXPECT_EQ(std::distance(std::filesystem::directory_iterator(folder), {}), 1);
+
+    run({"set", "Audio.Volume", "1"});
+    run({"reset", "Web."});
+    EXPECT_EQ(run({"restore", path}), ExitCode::done);
+    EXPECT_EQ(out.str(), "2 settings written, 2 as before.\n");
+    EXPECT_EQ(value("Audio.Volume"), "7\n");
+    EXPECT_EQ(value("Web.Password"), "hunter2\n");
+    EXPECT_EQ(run({"backup", folder / "no/such.json"}), ExitCode::failed);
+}
+
+TEST_F(Transfer, RestoreLeavesOutWhatThePhoneNoLongerHas) {
+    EXPECT_EQ(run({"restore", file(R"("Gone.Key": "1", "Audio.Volume": "9", "Serial": "43")")}), ExitCode::done);
+    EXPECT_THAT(err.str(), HasSubstr("zavctl: Gone.Key is left out: this phone has no such setting\n"));
+    EXPECT_THAT(err.str(), HasSubstr("zavctl: Serial is left out"));
+    EXPECT_EQ(value("Audio.Volume"), "9\n");
+    EXPECT_EQ(run({"restore", file(R"("Audio.Tone": "x", "Audio.Volume": "90")")}), ExitCode::failed);
+    EXPECT_EQ(value("Audio.Tone"), "ring\n");
+}
+
+}  // namespace
+}  // namespace zavctl

@@ -1,0 +1,67 @@
+#include "Definitions.h"
+
+#include <stdexcept>
+
+#include "Output.h"
+
+namespace zavctl {
+
+namespace {
+
+std::string textOf(const Json::Value& value) { return value.isString() ? value.asString() : std::string(); }
+
+std::string listed(const Json::Value& values, const char* quote) {
+    std::string text;
+    for (const Json::Value& value : values) text += (text.empty() ? "" : ", ") + (quote + textOf(value) + quote);
+    return text;
+}
+
+std::string limitsOf(const Json::Value& json) {
+    std::string text;
+    const auto add = [&text](const std::string& limit) { text += (text.empty() ? "" : ", ") + limit; };
+    if (json["min"].isInt64()) add("from " + std::to_string(json["min"].asInt64()));
+    if (json["max"].isInt64()) add("to " + std::to_string(json["max"].asInt64()));
+    if (json["values"].isArray()) add("one of " + listed(json["values"], "\""));
+    if (json["schemes"].isArray()) add("beginning with " + listed(json["schemes"], ""));
+    if (json["pattern"].isString()) add("matching " + json["pattern"].asString());
+    if (json["maxLength"].isInt64()) add("at most " + std::to_string(json["maxLength"].asInt64()) + " bytes");
+    return text;
+}
+
+Definition read(const Json::Value& json) {
+    return {textOf(json["type"]),     textOf(json["default"]),  textOf(json["description"]),
+            json["readOnly"] == true, json["volatile"] == true, limitsOf(json)};
+}
+
+}  // namespace
+
+Definition definitionOf(Session& session, const std::string& key) {
+    Json::Value request;
+    request["param"] = key;
+    return read(session.ask("describe", request));
+}
+
+Definitions definitionsOf(Session& session, const std::string& prefix) {
+    Definitions definitions;
+    Json::Value request;
+    request["prefix"] = prefix;
+    std::string after;
+    do {
+        if (!after.empty()) request["after"] = after;
+        const Json::Value page = session.ask("describe", request);
+        for (const Json::Value& json : page["definitions"]) definitions.emplace(textOf(json["param"]), read(json));
+        const std::string next = textOf(page["next"]);
+        if (!next.empty() && next <= after) throw std::runtime_error("the property service lists in circles");
+        after = next;
+    } while (!after.empty());
+    return definitions;
+}
+
+std::string shownValue(const Definitions& definitions, const std::string& key, const std::string& value) {
+    const auto definition = definitions.find(key);
+    const bool secret = definition != definitions.end() && definition->second.isSecret();
+    if (secret && !value.empty()) return "***";
+    return value.find("://") == std::string::npos ? value : withoutPassword(value);
+}
+
+}  // namespace zavctl
