@@ -204,6 +204,17 @@ TEST_F(RedirectTest, ProgressThereIsProgressHere) {
     EXPECT_GE(phone_.log.count(consumed), 2U);
 }
 
+// A pass counts as finished a moment before its result is there; a redirect may look in that moment.
+TEST_F(RedirectTest, WhoSeesThePassFinishedReadsItsResult) {
+    serve(here_, param("here"));
+    zav::ProvisioningWorker worker(phone_.properties, phone_.curl, phone_.security);
+    for (int i = 0; i < 30; ++i) {
+        worker.startProvisioning(here_.url("/"));
+        while (!worker.isProvisioningFinished()) std::this_thread::yield();
+        EXPECT_EQ(worker.getProvisioningStatus(), "success");
+    }
+}
+
 TEST_F(RedirectTest, StoppingLetsTheNestedPassEnd) {
     const auto gate = std::make_shared<fakes::Gate>();
     serve(here_, custom(redirect(there_.url("/"))));
