@@ -27,8 +27,8 @@ def redirect(location):
 
 
 class RawServer:
-    """Answers with bytes. An answer is bytes, or a function that is handed the connection; `answer` is for all paths
-    that have none of their own."""
+    """Answers with bytes. An answer is bytes, a function that is handed the connection, or a list of bytes, one a
+    request; `answer` is for all paths that have none of their own."""
 
     def __init__(self, answers=None, answer=None, certificate=None):
         self.answers = dict(answers or {})
@@ -68,6 +68,8 @@ class RawServer:
                     headers[name.lower()] = value.strip()
                 self.requests.append((path, headers))
                 answer = self.answers.get(path, self.answer)
+                if isinstance(answer, list):
+                    answer = answer.pop(0)
                 if callable(answer):
                     answer(connection)
                 else:
@@ -275,14 +277,17 @@ class HostileTest(phone.PhoneTest):
             "/provisioning.xml": ok(root("provisioning", [
                 element("custom", {}, [element("step", {"type": "certificate", "url": foreign.url + "direct.pem"}),
                                        element("step", {"type": "certificate", "url": "/leaves"}),
+                                       element("step", {"type": "certificate", "url": "/asks-and-leaves"}),
                                        element("step", {"type": "certificate", "url": "/basic"}),
                                        element("step", {"type": "certificate", "url": "/own"})])]).encode()),
-            "/leaves": redirect(foreign.url + "redirected.pem"), "/basic": basic, "/own": asking})
+            "/leaves": redirect(foreign.url + "redirected.pem"), "/basic": basic, "/own": asking,
+            "/asks-and-leaves": [asking, asking, redirect(foreign.url + "with-them.pem")]})
         self.configure(here)
         self.assertEqual(self.provision(), "fail")
-        self.assertEqual({path for path, _ in foreign.requests}, {"/direct.pem", "/redirected.pem"})
+        self.assertEqual({path for path, _ in foreign.requests}, {"/direct.pem", "/redirected.pem", "/with-them.pem"})
         self.assertEqual([headers for _, headers in foreign.requests if "authorization" in headers], [])
         own = {path: headers.get("authorization", "") for path, headers in here.requests}
+        self.assertIn('username="phone"', own["/asks-and-leaves"])
         self.assertIn('username="phone"', own["/own"], "the configured server gets them, as a digest")
         self.assertEqual(own["/basic"], "", "and not readable over plain http")
         self.log.wait("The server asks for credentials in a way that would give them away, not sent")
