@@ -30,6 +30,7 @@ std::string randomText() {
 Connection::Options connectionOptions(const std::string& name, bool transient) {
     Connection::Options options;
     options.clientId = transient ? name + "-" + randomText() : name;
+    options.userName = name;
     options.keepSession = !transient;
     return options;
 }

@@ -46,6 +46,7 @@ class Connection {
 
     struct Options {
         std::string clientId;
+        std::string userName;      // for the broker's access list; without a password
         bool keepSession = false;  // an hour over a cut; else every connection starts clean
         std::string statusTopic;   // when set: "online" and "offline" are kept there, retained
         bool logsItself = false;   // its losses and returns, when there is nobody to tell

@@ -83,6 +83,9 @@ bool Connection::openHandle(std::unique_lock<std::mutex>& lock, const std::strin
     if (why.empty()) {
         // What was queued for us during a cut is to arrive, but nothing of the process before this one.
         handle = newHandle(options_.clientId, !(keep && everUp_), this);
+        if (!options_.userName.empty()) {
+            mosquitto_username_pw_set(handle.get(), options_.userName.c_str(), nullptr);
+        }
         mosquitto_connect_v5_callback_set(handle.get(), &onConnect);
         mosquitto_disconnect_v5_callback_set(handle.get(), &onDisconnect);
         mosquitto_publish_v5_callback_set(handle.get(), &onPublish);

@@ -26,6 +26,7 @@ void Service::start(const std::string& host, const std::string& statusTopic, con
     if (connection_) throw IPCException("The bus service starts once only");
     Connection::Options options;
     options.clientId = name_;
+    options.userName = name_;
     options.statusTopic = statusTopic;
     options.logsItself = true;
     handler_ = std::move(handler);

@@ -136,7 +136,7 @@ TEST(TornLog, LeavesAPrefixWithAllThatWasSynced) {
 
 class Damaged : public testing::Test {
  protected:
-        void SetUp() override {
+    void SetUp() override {
         Store store(path, 1h);
         store.write({{"a", "0"}, {"b", "x"}});
     }
