@@ -1,0 +1,45 @@
+# Completion of zavctl for bash: commands, options, and the names of keys as the running property service has them.
+
+_zavctl_keys() {
+    # Keys hold no blanks and nothing that a shell would read as more than a letter.
+    compgen -W "$(zavctl "${host[@]}" keys "$1" 2>/dev/null)" -- "$1"
+}
+
+_zavctl() {
+    local cur=${COMP_WORDS[COMP_CWORD]} command='' words=0 index word
+    local host=()
+    COMPREPLY=()
+    for ((index = 1; index < COMP_CWORD; index++)); do
+        word=${COMP_WORDS[index]}
+        case $word in
+            --host) ((++index < COMP_CWORD)) && host=(--host "${COMP_WORDS[index]}") ;;
+            --host=*) host=("$word") ;;
+            -*) ;;
+            *) if [ -z "$command" ]; then command=$word; else ((++words)); fi ;;
+        esac
+    done
+    if [[ $cur == -* ]]; then
+        local options='--json --host --help'
+        case $command in
+            '') options+=' --version' ;;
+            list | diff | export) options+=' --show-secrets' ;;
+            import) options+=' --show-secrets --apply' ;;
+            backup) options+=' --force' ;;
+            provision) options+=' --wait --timeout' ;;
+        esac
+        mapfile -t COMPREPLY < <(compgen -W "$options" -- "$cur")
+        return
+    fi
+    case $command in
+        '')
+            mapfile -t COMPREPLY < <(compgen -W 'backup describe diff export get import keys list provision reset restore
+                set status watch' -- "$cur")
+            ;;
+        describe | export | get | keys | list | reset | set | watch)
+            if [ "$words" -eq 0 ]; then mapfile -t COMPREPLY < <(_zavctl_keys "$cur"); fi
+            ;;
+        diff | import | backup | restore) mapfile -t COMPREPLY < <(compgen -f -- "$cur") ;;
+    esac
+}
+
+complete -F _zavctl zavctl
