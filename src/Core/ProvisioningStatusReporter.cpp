@@ -68,7 +68,6 @@ void ProvisioningStatusReporter::setJobField(const std::string& handlerName, con
 }
 
 void ProvisioningStatusReporter::reportFinished() {
-    std::ostringstream text;
     {
         const std::lock_guard<std::mutex> lock(mutex_);
         const Json::Value& document = document_;
@@ -84,10 +83,12 @@ void ProvisioningStatusReporter::reportFinished() {
             }
             document_[overallStatus] = overallOf(words);
         }
+        std::ostringstream text;
         text << document;
+        // Before anybody reads the status: the end of a nested pass stands in the log before what follows from it.
+        dbg::Debug::info() << "Finished provisioning, status is" << dbg::verbatim(text.str()) << std::endl;
     }
     formed_.notify_all();
-    dbg::Debug::info() << "Finished provisioning, status is" << dbg::verbatim(text.str()) << std::endl;
 }
 
 void ProvisioningStatusReporter::setProvisioningStatus(const std::string& status) {

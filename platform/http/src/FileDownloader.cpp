@@ -3,6 +3,7 @@
 #include <strings.h>
 
 #include <array>
+#include <chrono>
 #include <cstdint>
 #include <new>
 #include <optional>
@@ -11,6 +12,7 @@
 #include <utility>
 
 #include "Credentials.h"
+#include "Pace.h"
 #include "PartialFile.h"
 #include "ResumePlan.h"
 #include "Transfer.h"
@@ -78,7 +80,7 @@ class Download {
     int run() {
         int result = attempt();
         ResumePlan plan;
-        while (firmware_ && ResumePlan::isBreak(result) && !validator_.empty()) {
+        while (firmware_ && ResumePlan::isBreak(result) && !validator_.empty() && keepsPace()) {
             const auto wait = plan.next(file_.size());
             if (!wait) break;
             dbg::Debug::info() << "Download broke off after " << file_.size() << " bytes, going on" << std::endl;
@@ -90,11 +92,15 @@ class Download {
     }
 
  private:
+    bool keepsPace() const {
+        return zav::keepsPace(std::chrono::steady_clock::now() - begun_, static_cast<std::int64_t>(file_.size()));
+    }
+
     // From the source to the server that has the file, or has the last word on it.
     int attempt() {
         Way way(source_);
         for (;;) {
-            Transfer transfer(curl_, security_, file_, limit_);
+            Transfer transfer(curl_, security_, file_, limit_, begun_);
             if (firmware_) transfer.useLargeBuffer();
             if (way.credentials) transfer.useCredentials(*way.credentials, way.schemes);
             if (!validator_.empty()) transfer.resume(validator_);
@@ -105,7 +111,12 @@ class Download {
             if (transfer.redirection().empty()) return result;
             if (++way.redirects > mostRedirects) return CURLE_TOO_MANY_REDIRECTS;
             if (!isWeb(transfer.redirection())) return CURLE_UNSUPPORTED_PROTOCOL;
-            follow(way, UrlInfo(transfer.redirection()));
+            const UrlInfo next(transfer.redirection());
+            if (way.url.scheme() == "https" && next.scheme() != "https") {
+                dbg::Debug::warning() << "The server redirects from https to http, not followed" << std::endl;
+                return CURLE_UNSUPPORTED_PROTOCOL;
+            }
+            follow(way, next);
         }
     }
 
@@ -155,6 +166,7 @@ class Download {
     const bool firmware_;
     PartialFile file_;
     const SizeLimit limit_;
+    const std::chrono::steady_clock::time_point begun_ = std::chrono::steady_clock::now();
 
     long status_ = 0;
     std::string validator_;  // of what the file holds, once a server has named it

@@ -88,12 +88,14 @@ std::optional<ContentRange> parseContentRange(const std::string& text) {
 
 }  // namespace
 
-Transfer::Transfer(Curl& curl, const Security& security, PartialFile& file, const SizeLimit& limit)
+Transfer::Transfer(Curl& curl, const Security& security, PartialFile& file, const SizeLimit& limit,
+                   std::chrono::steady_clock::time_point begun)
     : state_(*curl.state_),
       trusted_(security.trustedCertificates()),
       handle_(state_.handleFor(trusted_)),
       file_(file),
-      limit_(limit) {}
+      limit_(limit),
+      begun_(begun) {}
 
 void Transfer::useCredentials(const Credentials& credentials, unsigned long schemes) {
     credentials_ = credentials;
@@ -157,7 +159,6 @@ int Transfer::run(const std::string& url) {
 }
 
 CURLcode Transfer::perform(const std::string& url) {
-    begun_ = std::chrono::steady_clock::now();
     offset_ = file_.size();
     const CURLcode result = curl_easy_perform(handle_);
     curl_easy_getinfo(handle_, CURLINFO_RESPONSE_CODE, &status_);
@@ -235,8 +236,8 @@ std::size_t Transfer::onBody(const char* data, std::size_t length) {
 }
 
 int Transfer::onProgress(curl_off_t total, curl_off_t now) {
-    if (!keepsPace(std::chrono::steady_clock::now() - begun_, now)) ended_ = CURLE_OPERATION_TIMEDOUT;
     const auto offset = static_cast<curl_off_t>(offset_);
+    if (!keepsPace(std::chrono::steady_clock::now() - begun_, offset + now)) ended_ = CURLE_OPERATION_TIMEDOUT;
     state_.report(total > 0 ? asLong(offset + total) : 0, asLong(offset + now), 0, 0);
     return ended_ ? 1 : 0;
 }

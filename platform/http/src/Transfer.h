@@ -25,7 +25,9 @@ using SizeLimit = std::function<std::uint64_t()>;
 
 class Transfer {
  public:
-    Transfer(Curl& curl, const Security& security, PartialFile& file, const SizeLimit& limit);
+    /// `begun` is when the whole download began, of which this is one attempt.
+    Transfer(Curl& curl, const Security& security, PartialFile& file, const SizeLimit& limit,
+             std::chrono::steady_clock::time_point begun);
     Transfer(const Transfer&) = delete;
     Transfer& operator=(const Transfer&) = delete;
 
@@ -70,13 +72,13 @@ class Transfer {
     CURL* const handle_;
     PartialFile& file_;
     const SizeLimit& limit_;
+    const std::chrono::steady_clock::time_point begun_;
     long bufferSize_ = 16L * 1024;
     std::optional<Credentials> credentials_;
     unsigned long schemes_ = 0;
     std::string resumed_;
 
     // What happens meanwhile.
-    std::chrono::steady_clock::time_point begun_;
     long status_ = 0;
     unsigned long offeredSchemes_ = 0;
     bool bodyBegun_ = false;

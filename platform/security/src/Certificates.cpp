@@ -101,7 +101,10 @@ Certificates certificatesFromPem(const std::string& text, Parse parsed) {
         OPENSSL_free(name);
         OPENSSL_free(header);
         OPENSSL_free(data);
-        if (kind != PEM_STRING_X509 && kind != PEM_STRING_X509_OLD) continue;
+        if (kind != PEM_STRING_X509 && kind != PEM_STRING_X509_OLD) {
+            ++found.others;
+            continue;
+        }
         if (parsed == Parse::yes && parse(der) == nullptr) {
             ++found.damaged;
         } else {

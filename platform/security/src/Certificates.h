@@ -18,6 +18,7 @@ std::string readFile(const std::string& path, std::size_t limit, Links links);
 struct Certificates {
     std::vector<std::string> der;
     std::size_t damaged = 0;  // certificate blocks that are no X.509
+    std::size_t others = 0;   // blocks of another kind: keys, and certificates with settings of trust around them
 };
 
 /// Whether each certificate is parsed to see that it is one. That takes OpenSSL a tenth of a millisecond: too long for

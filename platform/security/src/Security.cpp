@@ -75,6 +75,7 @@ struct Security::State {
         return trusted;
     }
 
+    std::mutex reloading;  // held while the bundles are read; taken before mutex
     std::mutex mutex;
     // Guarded by mutex.
     std::optional<Bundles> first = Bundles();
@@ -89,6 +90,8 @@ Security::~Security() = default;
 
 void Security::reloadCertificates() {
     try {
+        // Of two reloads at once the later must not put back what the earlier one read.
+        const std::lock_guard<std::mutex> oneAtATime(state_->reloading);
         const Bundles bundles;
         const std::lock_guard<std::mutex> lock(state_->mutex);
         auto read = decode(bundles);
@@ -117,7 +120,9 @@ int Security::checkCertificate(const std::string& path) {
     const std::string bytes = readFile(path, certificateLimit, Links::refuse);
     if (isValidToday(bytes)) return 1;
     const Certificates found = certificatesFromPem(bytes, Parse::yes);
-    return found.der.size() == 1 && found.damaged == 0 && isValidToday(found.der.front()) ? 1 : 0;
+    // Whoever installs the file may read another of its blocks than the one that was checked: there must be one only.
+    const bool single = found.der.size() == 1 && found.damaged == 0 && found.others == 0;
+    return single && isValidToday(found.der.front()) ? 1 : 0;
 }
 
 std::shared_ptr<const TrustedCertificates> Security::trustedCertificates() const {

@@ -117,8 +117,7 @@ bool CustomScenarioJobHandler::applyCertificate(const std::string& fileName, con
                              fileName);
         }
     } catch (const std::exception& e) {
-        dbg::Debug::error() << "Error applying certificate " << quote(fileName, path, "=") << " " << e.what()
-                            << std::endl;
+        dbg::Debug::error() << "Error applying certificate " << quote(fileName, path, "=") << e.what() << std::endl;
         return false;
     }
     return true;

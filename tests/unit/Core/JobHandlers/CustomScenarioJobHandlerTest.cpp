@@ -221,7 +221,7 @@ TEST_F(CustomScenarioJobHandlerTest, ACertificateThatCannotBeRecordedFailsTheSte
     EXPECT_EQ(runCertificate(authority_.certificate()), 0);
     const auto last = lines().back();
     EXPECT_EQ(last.level, "error");
-    EXPECT_EQ(last.text.rfind("Error applying certificate 'ca.pem'='/custom/certs/_storage/ca.pem' Property "
+    EXPECT_EQ(last.text.rfind("Error applying certificate 'ca.pem'='/custom/certs/_storage/ca.pem'Property "
                               "'State.Security.Certificates.Pending'",
                               0),
               0U)

@@ -88,6 +88,15 @@ TEST_F(Tls, VerifiesBehindARedirectToo) {
     EXPECT_EQ(contentOf(target), "over TLS");
 }
 
+TEST_F(Tls, IsNotLeftBehindByARedirect) {
+    trust(authority.certificate());
+    server.on("/plain.xml", HttpAnswer::ok("anybody's"));
+    secure.on("/moved", HttpAnswer::redirect(server.url("/plain.xml")));
+    EXPECT_EQ(fetch(secure.url("/moved"), target), unsupportedProtocol);
+    EXPECT_TRUE(server.requestsFor("/plain.xml").empty());
+    EXPECT_TRUE(namesIn(folder).empty());
+}
+
 TEST_F(Tls, BodyThatIsCutIsNoFile) {
     trust(authority.certificate());
     secure.on("/cut", HttpAnswer::ok("a long enough body").cutOffAfter(6));

@@ -173,6 +173,19 @@ TEST_F(CertificateCheck, RefusesWhatIsNotOneCertificate) {
     EXPECT_EQ(check(good.certificate + "-----BEGIN CERTIFICATE-----\n!!!\n-----END CERTIFICATE-----\n"), 0);
 }
 
+TEST_F(CertificateCheck, RefusesAnyOtherBlockBesideTheCertificate) {
+    const auto good = authority.issue("phone.example");
+    std::string withTrust = authority.issue("other.example").certificate;
+    for (std::size_t at = 0; (at = withTrust.find("CERTIFICATE", at)) != std::string::npos; at += 19) {
+        withTrust.insert(at, "TRUSTED ");
+    }
+    ASSERT_EQ(withTrust.rfind("-----BEGIN TRUSTED CERTIFICATE-----", 0), 0U);
+    EXPECT_EQ(check(withTrust + good.certificate), 0);
+    EXPECT_EQ(check(good.certificate + withTrust), 0);
+    EXPECT_EQ(check(good.key + good.certificate), 0);
+    EXPECT_EQ(check(good.certificate + good.key), 0);
+}
+
 TEST_F(CertificateCheck, ThrowsForAFileThatCannotBeRead) {
     std::filesystem::remove(path);
     EXPECT_THROW(security.checkCertificate(path), std::runtime_error);
