@@ -1,0 +1,282 @@
+// The property service under load, beside its floor: a responder that only echoes, on the same broker, asked by the
+// same clients in the same minute. First one client that waits for each answer, then 64 of them at once, one request
+// each in hand. Prints the median of the rounds; a goal is a ratio to the floor.
+//
+//   bench_properties [seconds per measurement]
+#include <mosquitto.h>
+#include <mqtt_protocol.h>
+#include <poll.h>
+#include <signal.h>
+#include <spawn.h>
+#include <sys/wait.h>
+#include <unistd.h>
+
+#include <algorithm>
+#include <chrono>
+#include <cstdio>
+#include <cstdlib>
+#include <cstring>
+#include <filesystem>
+#include <memory>
+#include <stdexcept>
+#include <string>
+#include <vector>
+
+#include "fakes/Broker.h"
+
+extern char** environ;
+
+namespace {
+
+using Clock = std::chrono::steady_clock;
+constexpr char address[] = "127.0.0.1";
+constexpr int rounds = 5;
+constexpr int many = 64;
+
+struct FreeHandle {
+    void operator()(mosquitto* handle) const { mosquitto_destroy(handle); }
+};
+using Handle = std::unique_ptr<mosquitto, FreeHandle>;
+
+Handle connected(int port, const std::string& name, void* owner) {
+    Handle handle(mosquitto_new(name.c_str(), true, owner));
+    mosquitto_int_option(handle.get(), MOSQ_OPT_PROTOCOL_VERSION, MQTT_PROTOCOL_V5);
+    mosquitto_int_option(handle.get(), MOSQ_OPT_TCP_NODELAY, 1);
+    if (mosquitto_connect(handle.get(), address, port, 600) != MOSQ_ERR_SUCCESS) throw std::runtime_error("no broker");
+    return handle;
+}
+
+/// Answers on the response topic with what it was sent, and does nothing else.
+int echo(int port) {
+    const Handle handle = connected(port, "echo", nullptr);
+    mosquitto_message_v5_callback_set(
+        handle.get(), [](mosquitto* self, void*, const mosquitto_message* message, const mosquitto_property* asked) {
+            char* topic = nullptr;
+            void* correlation = nullptr;
+            std::uint16_t size = 0;
+            mosquitto_property_read_string(asked, MQTT_PROP_RESPONSE_TOPIC, &topic, false);
+            mosquitto_property_read_binary(asked, MQTT_PROP_CORRELATION_DATA, &correlation, &size, false);
+            mosquitto_property* properties = nullptr;
+            mosquitto_property_add_binary(&properties, MQTT_PROP_CORRELATION_DATA, correlation, size);
+            mosquitto_publish_v5(self, nullptr, topic, message->payloadlen, message->payload, 0, false, properties);
+            mosquitto_property_free_all(&properties);
+            std::free(topic);
+            std::free(correlation);
+        });
+    mosquitto_subscribe(handle.get(), nullptr, "echo/set", 0);
+    return mosquitto_loop_forever(handle.get(), -1, 1);
+}
+
+/// One client: a request in hand at a time, the next one as soon as the answer is there.
+class Client {
+ public:
+    Client(int port, int index, const std::string& request, const std::string& key)
+        : name_("bench-" + std::to_string(index)), request_(request), key_(key), handle_(connected(port, name_, this)) {
+        mosquitto_message_callback_set(handle_.get(), [](mosquitto*, void* self, const mosquitto_message* message) {
+            static_cast<Client*>(self)->answered(*message);
+        });
+        mosquitto_subscribe(handle_.get(), nullptr, (name_ + "/reply").c_str(), 0);
+    }
+
+    void ask() {
+        ++number_;
+        const std::string value = std::to_string(number_);
+        const std::string payload = "{\"param\":\"" + key_ + "\",\"value\":\"" + value + "\",\"source\":\"bench\"}";
+        mosquitto_property* properties = nullptr;
+        mosquitto_property_add_string(&properties, MQTT_PROP_RESPONSE_TOPIC, (name_ + "/reply").c_str());
+        mosquitto_property_add_binary(&properties, MQTT_PROP_CORRELATION_DATA, value.data(),
+                                      static_cast<std::uint16_t>(value.size()));
+        asked_ = Clock::now();
+        mosquitto_publish_v5(handle_.get(), nullptr, request_.c_str(), static_cast<int>(payload.size()), payload.data(),
+                             0, false, properties);
+        mosquitto_property_free_all(&properties);
+    }
+
+    int socket() const { return mosquitto_socket(handle_.get()); }
+    void read() {
+        if (mosquitto_loop_read(handle_.get(), 1) != MOSQ_ERR_SUCCESS) throw std::runtime_error("connection lost");
+        // What a callback publishes waits to be written.
+        if (mosquitto_want_write(handle_.get())) mosquitto_loop_write(handle_.get(), 1);
+    }
+    void stop() { stopped_ = true; }
+    bool waits() const { return times_.size() < number_; }
+    std::vector<double>& times() { return times_; }
+    void forget() {
+        times_.clear();
+        number_ = 0;
+        stopped_ = false;
+    }
+
+ private:
+    void answered(const mosquitto_message& message) {
+        if (std::strstr(static_cast<const char*>(message.payload), "\"error\"") != nullptr) {
+            throw std::runtime_error("a request was refused");
+        }
+        times_.push_back(std::chrono::duration<double, std::micro>(Clock::now() - asked_).count());
+        if (!stopped_) ask();
+    }
+
+    const std::string name_;
+    const std::string request_;
+    const std::string key_;
+    const Handle handle_;
+    std::size_t number_ = 0;
+    bool stopped_ = false;
+    Clock::time_point asked_;
+    std::vector<double> times_;  // microseconds, one for each answer
+};
+
+struct Result {
+    double median = 0;     // microseconds
+    double perSecond = 0;  // of all clients
+    double fairness = 0;   // the slowest client's count to the fastest one's
+    std::size_t lost = 0;
+};
+
+class Load {
+ public:
+    Load(int port, int count, const std::string& request, const std::string& stem) {
+        for (int index = 0; index < count; ++index) {
+            // A key of their own for each: keys with an index from 0 to 63.
+            const std::string key = stem.find('%') == std::string::npos
+                                        ? stem
+                                        : stem.substr(0, stem.find('%')) + std::to_string(index % 3) + ".Keys." +
+                                              std::to_string(index % 20) + ".Label";
+            clients_.push_back(std::make_unique<Client>(port, index, request, key));
+        }
+        pump(std::chrono::milliseconds(200), false);  // subscriptions are acknowledged
+    }
+
+    Result run(std::chrono::duration<double> duration) {
+        for (const auto& client : clients_) client->forget();
+        const auto start = Clock::now();
+        for (const auto& client : clients_) client->ask();
+        pump(std::chrono::duration_cast<Clock::duration>(duration), false);
+        const double seconds = std::chrono::duration<double>(Clock::now() - start).count();
+        for (const auto& client : clients_) client->stop();
+        Result result;
+        std::size_t least = SIZE_MAX;
+        std::size_t most = 0;
+        std::vector<double> all;
+        for (const auto& client : clients_) {
+            least = std::min(least, client->times().size());
+            most = std::max(most, client->times().size());
+            all.insert(all.end(), client->times().begin(), client->times().end());
+        }
+        result.perSecond = static_cast<double>(all.size()) / seconds;
+        std::nth_element(all.begin(), all.begin() + static_cast<std::ptrdiff_t>(all.size() / 2), all.end());
+        result.median = all.at(all.size() / 2);
+        result.fairness = static_cast<double>(least) / static_cast<double>(most);
+        pump(std::chrono::seconds(5), true);
+        for (const auto& client : clients_) result.lost += client->waits() ? 1U : 0U;
+        return result;
+    }
+
+ private:
+    void pump(Clock::duration duration, bool untilAnswered) {
+        const auto end = Clock::now() + duration;
+        std::vector<pollfd> sockets;
+        for (const auto& client : clients_) sockets.push_back({client->socket(), POLLIN, 0});
+        while (Clock::now() < end) {
+            if (untilAnswered &&
+                std::none_of(clients_.begin(), clients_.end(), [](const auto& c) { return c->waits(); })) {
+                return;
+            }
+            if (::poll(sockets.data(), sockets.size(), 10) <= 0) continue;
+            for (std::size_t index = 0; index < sockets.size(); ++index) {
+                if (sockets[index].revents != 0) clients_[index]->read();
+            }
+        }
+    }
+
+    std::vector<std::unique_ptr<Client>> clients_;
+};
+
+class Process {
+ public:
+    explicit Process(std::vector<std::string> arguments) {
+        std::vector<char*> argv;
+        for (std::string& argument : arguments) argv.push_back(argument.data());
+        argv.push_back(nullptr);
+        if (::posix_spawn(&pid_, argv[0], nullptr, nullptr, argv.data(), environ) != 0) pid_ = -1;
+    }
+    Process(const Process&) = delete;
+    Process& operator=(const Process&) = delete;
+    ~Process() {
+        if (pid_ <= 0) return;
+        ::kill(pid_, SIGTERM);
+        ::waitpid(pid_, nullptr, 0);
+    }
+
+ private:
+    pid_t pid_ = -1;
+};
+
+double medianOf(std::vector<double> values) {
+    std::sort(values.begin(), values.end());
+    return values[values.size() / 2];
+}
+
+void measure(int port, int clients, std::chrono::duration<double> duration) {
+    struct Row {
+        const char* name;
+        const char* topic;
+        const char* key;
+        std::vector<double> times, rates, fairness;
+        std::size_t lost = 0;
+    };
+    // Each of many has its own key in the phone's expansion modules, as far as there are.
+    const char* const stored = clients == 1 ? "System.General.Location" : "PhoneUI.Expansion.%";
+    std::vector<Row> rows{{"floor: bare echo responder", "echo/set", stored, {}, {}, {}},
+                          {"get", "prop-service/get", stored, {}, {}, {}},
+                          {"set of a state", "prop-service/set", "State.Provisioning.OnBootUp", {}, {}, {}},
+                          {"set, stored", "prop-service/set", stored, {}, {}, {}}};
+    for (int round = 0; round < rounds; ++round) {
+        for (Row& row : rows) {
+            const Result result = Load(port, clients, row.topic, row.key).run(duration);
+            row.times.push_back(result.median);
+            row.rates.push_back(result.perSecond);
+            row.fairness.push_back(result.fairness);
+            row.lost += result.lost;
+        }
+    }
+    std::printf("%d client%s\n", clients, clients == 1 ? "" : "s at once");
+    for (const Row& row : rows) {
+        std::vector<double> slower, throughput;
+        for (int round = 0; round < rounds; ++round) {
+            const auto at = static_cast<std::size_t>(round);
+            slower.push_back(row.times[at] / rows[0].times[at]);
+            throughput.push_back(row.rates[at] / rows[0].rates[at]);
+        }
+        std::printf("  %-28s median %8.1f us (%.2fx)  %8.0f/s (%.2fx)  slowest/fastest %.2f  lost %zu\n", row.name,
+                    medianOf(row.times), medianOf(slower), medianOf(row.rates), medianOf(throughput),
+                    medianOf(row.fairness), row.lost);
+    }
+    std::fflush(stdout);
+}
+
+}  // namespace
+
+int main(int argc, char** argv) {
+    mosquitto_lib_init();
+    try {
+        if (argc == 3 && std::string(argv[1]) == "--echo") return echo(std::atoi(argv[2]));
+        const std::chrono::duration<double> duration(argc > 1 ? std::atof(argv[1]) : 0.5);
+        std::string folder = "/tmp/bench-properties-XXXXXX";
+        if (::mkdtemp(folder.data()) == nullptr) throw std::runtime_error("no temporary folder");
+        {
+            const fakes::Broker broker("set_tcp_nodelay true\n");
+            const std::string port = std::to_string(broker.port());
+            const Process responder({std::filesystem::read_symlink("/proc/self/exe"), "--echo", port});
+            const Process service({PROP_SERVICE, "--host", address, "--port", port, "--store", folder + "/s.db",
+                                   "--catalogue", CATALOGUE});
+            ::poll(nullptr, 0, 500);  // both are connected by then
+            for (const int clients : {1, many}) measure(broker.port(), clients, duration);
+        }
+        std::filesystem::remove_all(folder);
+        return EXIT_SUCCESS;
+    } catch (const std::exception& error) {
+        std::fprintf(stderr, "bench_properties: %s\n", error.what());
+        return EXIT_FAILURE;
+    }
+}
