@@ -219,6 +219,7 @@ Client::Turn Client::whoseTurn(const Pending& pending, const std::string& status
                                Clock::time_point& until) const {
     if (pending.answered) return Turn::answered;
     if (destroying_) throw IPCOfflineException("The bus client is closed");
+    if (pending.interrupted) throw IPCInterruptedException("The connection broke before the answer came");
     const auto presence = presence_.find(statusTopic);
     if (presence == presence_.end()) throw IPCException("The presence on " + statusTopic + " is not watched");
     const auto now = Clock::now();
@@ -252,6 +253,7 @@ void Client::connectionLost(const std::string& cause) {
     if (ready_) since_ = Clock::now();
     ready_ = false;
     for (auto& [topic, presence] : presence_) presence = Presence::unknown;
+    for (const auto& [number, pending] : pending_) pending->interrupted = pending->sent;
     wakeAll();
     for (const auto& events : events_) events->connectionLost(cause);
 }

@@ -44,6 +44,7 @@ class Client final : public IIPCClient, private ConnectionListener {
     struct Pending {
         bool sent = false;
         bool answered = false;
+        bool interrupted = false;  // the connection broke after it was sent
         std::string answer;
         std::condition_variable changed;
     };

@@ -1,5 +1,6 @@
 #include "PropertyApi.h"
 
+#include <algorithm>
 #include <chrono>
 #include <utility>
 
@@ -21,6 +22,8 @@ void checkKey(const std::string& key) {
     }
 }
 
+std::chrono::steady_clock::time_point deadlineFromNow() { return std::chrono::steady_clock::now() + timeout; }
+
 }  // namespace
 
 PropertyApi::PropertyApi(std::shared_ptr<ipc::IIPCClient> bus, std::string clientName)
@@ -30,23 +33,55 @@ PropertyApi::PropertyApi(std::shared_ptr<ipc::IIPCClient> bus, std::string clien
 
 std::string PropertyApi::get(const std::string& key) {
     checkKey(key);
-    return readValue(key, request("prop-service/get", key, getRequest(key)));
+    return readValue(key, ask("prop-service/get", key, getRequest(key), deadlineFromNow()));
 }
 
 void PropertyApi::set(const std::string& key, const std::string& value) { set(key, clientName_, value); }
 
+// A set whose connection broke may have been carried out, and a second one would be a second event: so it is read back,
+// and made again only when it was not.
 void PropertyApi::set(const std::string& key, const std::string& source, const std::string& value) {
     checkKey(key);
-    readAcceptance(key, request("prop-service/set", key, setRequest(key, source, value)));
+    const auto deadline = deadlineFromNow();
+    const std::string payload = setRequest(key, source, value);
+    try {
+        readAcceptance(key, request("prop-service/set", key, payload, deadline));
+        return;
+    } catch (const ipc::IPCInterruptedException&) {
+    }
+    if (readValue(key, ask("prop-service/get", key, getRequest(key), deadline)) == value) return;
+    try {
+        readAcceptance(key, request("prop-service/set", key, payload, deadline));
+    } catch (const ipc::IPCInterruptedException& error) {
+        throw PropertyTimeoutException("Property '" + key + "': " + error.what());
+    }
 }
 
 PropertyPage PropertyApi::list(const std::string& prefix, const std::string& after) {
-    return readPage(prefix, request("prop-service/list", prefix, listRequest(prefix, after)));
+    return readPage(prefix, ask("prop-service/list", prefix, listRequest(prefix, after), deadlineFromNow()));
 }
 
-std::string PropertyApi::request(const char* topic, const std::string& key, const std::string& payload) {
+// A question that may be asked again when the connection breaks before its answer comes.
+std::string PropertyApi::ask(const char* topic, const std::string& key, const std::string& payload, Deadline deadline) {
+    for (;;) {
+        try {
+            return request(topic, key, payload, deadline);
+        } catch (const ipc::IPCInterruptedException& error) {
+            if (std::chrono::steady_clock::now() >= deadline) {
+                throw PropertyTimeoutException("Property '" + key + "': " + error.what());
+            }
+        }
+    }
+}
+
+std::string PropertyApi::request(const char* topic, const std::string& key, const std::string& payload,
+                                 Deadline deadline) {
+    using std::chrono::milliseconds;
+    const auto left = std::chrono::ceil<milliseconds>(deadline - std::chrono::steady_clock::now());
     try {
-        return bus_->request(topic, payload, statusTopic, timeout);
+        return bus_->request(topic, payload, statusTopic, std::max(left, milliseconds(0)));
+    } catch (const ipc::IPCInterruptedException&) {
+        throw;
     } catch (const ipc::IPCOfflineException& error) {
         throw PropertyOfflineException("Property '" + key + "': " + error.what());
     } catch (const ipc::IPCTimeoutException& error) {

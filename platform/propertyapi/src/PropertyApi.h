@@ -1,6 +1,7 @@
 // The property client over a bus client.
 #pragma once
 
+#include <chrono>
 #include <memory>
 #include <string>
 
@@ -19,7 +20,10 @@ class PropertyApi final : public IPropertyApi {
     PropertyPage list(const std::string& prefix, const std::string& after) override;
 
  private:
-    std::string request(const char* topic, const std::string& key, const std::string& payload);
+    using Deadline = std::chrono::steady_clock::time_point;
+
+    std::string ask(const char* topic, const std::string& key, const std::string& payload, Deadline deadline);
+    std::string request(const char* topic, const std::string& key, const std::string& payload, Deadline deadline);
 
     const std::shared_ptr<ipc::IIPCClient> bus_;
     const std::string clientName_;

@@ -46,8 +46,9 @@ class IIPCClient {
     /// correlation data, quality of service 0). Blocks the caller, `timeout` at most, and inside it outlives a
     /// reconnection of up to 2 s. Never call it from code that the network thread waits for.
     /// Throws IPCOfflineException at once when the broker has been away longer than that, or when the service says
-    /// "offline", or has said nothing for a second after the connection; IPCTimeoutException when no answer came. What
-    /// was sent already is never sent again: after a cut its answer is lost, and whether it was carried out not known.
+    /// "offline", or has said nothing for a second after the connection; IPCTimeoutException when no answer came;
+    /// IPCInterruptedException at once when the connection broke after it was sent: it is never sent again by itself,
+    /// and whether it was carried out is not known.
     virtual std::string request(const std::string& topic, const std::string& payload, const std::string& statusTopic,
                                 std::chrono::milliseconds timeout) = 0;
 };

@@ -23,4 +23,10 @@ class IPCTimeoutException : public IPCException {
     using IPCException::IPCException;
 };
 
+/// The connection broke between the request and its answer: another kind of not knowing, known at once.
+class IPCInterruptedException : public IPCTimeoutException {
+ public:
+    using IPCTimeoutException::IPCTimeoutException;
+};
+
 }  // namespace ipc
