@@ -134,8 +134,12 @@ SERVICE_FILES = ("properties.db", ".log", "/clock", ".pid", ".status", ".start")
 def files():
     """Everything writable on the phone but its services' own files: path -> what it is and when it changed."""
     found = {}
+    project = os.environ["LAB_PROJECT"]  # wherever it lies: it is not the phone's, and cannot be written from here
     for top in ("/config", "/custom", "/var", "/etc/zav.d", "/run", "/tmp", "/srv"):
-        for folder, _, names in os.walk(top):
+        for folder, below, names in os.walk(top):
+            if folder == project:
+                below.clear()
+                continue
             for name in names:
                 path = f"{folder}/{name}"
                 if not any(part in path for part in SERVICE_FILES) and path != INITIAL:
