@@ -1,5 +1,9 @@
 """Start-up, the wait for the network, the pass after boot, and SIGTERM in every state."""
 
+import os
+import re
+import shutil
+import signal
 import subprocess
 import threading
 
@@ -59,6 +63,41 @@ class LifecycleTest(phone.PhoneTest):
         self.log.wait("Provisioning on boot up already done, skipping")
         self.assertEqual(self.server.requests, ["/provisioning.xml"])
 
+    def test_every_line_has_its_time_and_channel(self):
+        phone.service("start", "daemon")
+        self.settle()
+        self.bus.wait_change("State.Provisioning.OnBootUp", "done")
+        self.assert_ends_well()
+        line = re.compile(r"\d{4}-\d\d-\d\dT\d\d:\d\d:\d\d\.\d{3} ZAV (error|warning|info) [\w/-]+:\d+ .")
+        document = re.compile(r"[{}\t]")  # the status keeps its own layout
+        lines = self.log.lines()
+        self.assertEqual([one for one in lines if not line.match(one) and not document.match(one)], [])
+        self.assertGreater(len([one for one in lines if line.match(one)]), len(STARTING) + len(STABILISING))
+
+    def test_arguments_and_environment_are_ignored(self):
+        self.bus.set("State.Provisioning.OnBootUp", "done")
+        environment = {"HOME": "/none", "LANG": "none", "http_proxy": "http://127.0.0.1:9/", "ZAV_HOST": "elsewhere.test",
+                       "MQTT_HOST": "elsewhere.test", "DEBUG": "0", "PATH": "/none"}
+        command = [shutil.which("zavd"), "--help", "--version", "-h", "elsewhere.test", "--host=elsewhere.test"]
+        with open(f"{phone.HOME}/other.log", "wb") as output, subprocess.Popen(
+                command, env=environment, stdin=subprocess.DEVNULL, stdout=subprocess.PIPE, stderr=output) as daemon:
+            self.addCleanup(daemon.kill)
+            log = phone.Log(f"{phone.HOME}/other.log")
+            log.wait(STABILISING[-1])
+            log.in_order([*STARTING[:-1]])
+            log.in_order(STABILISING)
+
+            def ended():
+                if log.count("IPC listening terminated") == 0:
+                    daemon.send_signal(signal.SIGTERM)
+                return daemon.poll() is not None
+
+            phone.wait_until(ended, lambda: "\n".join(log.lines()))
+            self.assertEqual(daemon.returncode, 0)
+            self.assertEqual(daemon.stdout.read(), b"")
+            log.in_order(ENDING)
+        os.unlink(f"{phone.HOME}/other.log")
+
     def test_the_pass_after_boot_is_done_only_after_its_end(self):
         self.server.answers["/provisioning.xml"] = Answer(GOOD, gate=self.gate)
         phone.service("start", "daemon")
@@ -115,7 +154,7 @@ class LifecycleTest(phone.PhoneTest):
             phone.service("start", "daemon")
             phone.wait_until(lambda: phone.service("status", "daemon", check=False) != 0, "end of the daemon")
             with open(f"{phone.HOME}/daemon.status", encoding="ascii") as file:
-                self.assertNotEqual(int(file.read()), 0)
+                self.assertEqual(int(file.read()), 128 + signal.SIGABRT)
             self.log.in_order(["ZAV starting up...", "run IPC listening", "IPC error "])
             self.log.none(["ZAV exited", "ZAV initialized."])
         finally:

@@ -159,10 +159,13 @@ ROWS = [
          [(KEY + "3.Label", "open")], "partSuccess",
          before={"FunctionKeys.2.LockProvisioning": "1", "FunctionKeys.3.LockProvisioning": "0",
                  "FunctionKeys.4.LockProvisioning": ""}),
-    Pass("no handler for a job", {"provisioning.xml": root("provisioning", [
+    Pass("a scenario beside settings", {"provisioning.xml": root("provisioning", [
         element("custom", {}, [element("step", {"type": "UnlockAllFunctionKeys"})]),
         element("nvm", {}, params([(LABEL, "beside")]))])},
-         [f"Applying param: '{LABEL}'='beside'"], [(LABEL, "beside")], "success"),
+         ["Found 2 valid provisioning job/s. ", "+++++ Starting CustomScenarioJobHandler",
+          "Executing step: 'UnlockAllFunctionKeys'", "-----Finishing CustomScenarioJobHandler",
+          "+++++ Starting NVMJobHandler", f"Applying param: '{LABEL}'='beside'", "-----Finishing NVMJobHandler"],
+         [(LABEL, "beside")], "success"),
 ]
 
 
@@ -230,6 +233,43 @@ class PassesTest(phone.PhoneTest):
             self.check(row)
             self.assertEqual([name for _, _, names in os.walk("/var/volatile/provisioning") for name in names
                               if not name.endswith(".xml")], [])
+
+
+class DecryptionTest(phone.PhoneTest):
+    """An openssl that never ends comes first in the daemon's PATH."""
+
+    settings = {"System.Provision.ProvisioningServer": URL}
+    programs = f"{phone.HOME}/programs"
+    pid_file = f"{phone.HOME}/openssl.pid"
+
+    @classmethod
+    def setUpClass(cls):
+        os.makedirs(cls.programs, exist_ok=True)
+        with open(f"{cls.programs}/openssl", "w", encoding="ascii") as file:
+            file.write(f"#!/bin/sh\necho $$ >{cls.pid_file}.new\nmv {cls.pid_file}.new {cls.pid_file}\n"
+                       "exec sleep 600\n")
+        os.chmod(f"{cls.programs}/openssl", 0o755)
+        cls.addClassCleanup(os.environ.__setitem__, "PATH", os.environ["PATH"])
+        os.environ["PATH"] = f"{cls.programs}:{os.environ['PATH']}"
+        super().setUpClass()
+
+    def test_a_decryption_that_hangs_is_ended_after_ten_seconds(self):
+        shutil.rmtree(phone.WWW, ignore_errors=True)
+        os.makedirs(phone.WWW)
+        with open(os.path.join(phone.WWW, "provisioning.xml"), "w", encoding="utf-8") as file:
+            file.write(direct([(LABEL, "plain all the same")]))
+        self.request()
+        phone.wait_until(lambda: os.path.exists(self.pid_file), "openssl's start")
+        with open(self.pid_file, encoding="ascii") as file:
+            process = f"/proc/{int(file.read())}"
+        phone.jump(5)
+        phone.jump(0)  # the daemon has looked and waits again
+        self.assertTrue(os.path.exists(process))
+        self.log.none([f"File {INITIAL} is"])
+        phone.jump(5)
+        self.wait_pass_end()
+        self.assertFalse(os.path.exists(process))
+        self.log.in_order([*VERIFIED, f"Applying param: '{LABEL}'='plain all the same'", "Provisioning succeeded. "])
 
 
 if __name__ == "__main__":

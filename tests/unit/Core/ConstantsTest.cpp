@@ -1,5 +1,6 @@
 #include "Core/Constants.h"
 
+#include <gmock/gmock.h>
 #include <gtest/gtest.h>
 
 namespace {
@@ -34,6 +35,9 @@ TEST(ConstantsTest, TheWords) {
     EXPECT_EQ(failWord, "fail");
     EXPECT_EQ(noVersionWord, "no_version");
     EXPECT_EQ(bootUpDoneWord, "done");
+    EXPECT_EQ(provisioningSource, "provisioning");
+    EXPECT_EQ(messageKey, "param");
+    EXPECT_EQ(messageValue, "value");
 }
 
 TEST(ConstantsTest, ThePropertyKeys) {
@@ -54,6 +58,7 @@ TEST(ConstantsTest, ThePropertyKeys) {
     EXPECT_EQ(firmwareVerifyKey, "State.FirmwareUpdate.Verify");
     EXPECT_EQ(firmwareFilenameKey, "State.FirmwareUpdate.Filename");
     EXPECT_EQ(firmwareUpdateSystemKey, "State.FirmwareUpdate.UpdateSystem");
+    EXPECT_EQ(firmwareAutomaticCheckKey, "FirmwareManagment.AutomaticCheckForUpdates");
     EXPECT_EQ(updateCaBundleKey, "State.Security.Certificates.UpdateCABundle");
     EXPECT_EQ(certificatePendingKey, "State.Security.Certificates.Pending");
     EXPECT_EQ(certificateAcceptKey, "State.Security.Certificates.Accept");
@@ -61,9 +66,21 @@ TEST(ConstantsTest, ThePropertyKeys) {
     EXPECT_EQ(phoneBookFileNameKey, "State.LocalDirectoryUpdate.FileName");
     EXPECT_EQ(phoneBookVerifyKey, "State.LocalDirectoryUpdate.Verify");
     EXPECT_EQ(macAddressKey, "NET.MAC.Address");
+}
+
+TEST(ConstantsTest, TheNetworkKeys) {
+    EXPECT_THAT(networkKeys, testing::ElementsAre(
+                                 "NET.General.DeviceNameInNetwork", "NET.LAN.IP.DHCP.Enabled", "NET.IP.AddressType",
+                                 "NET.IP.IPv4.Address", "NET.IP.IPv4.SubnetMask", "NET.IP.IPv4.StandardGateway",
+                                 "NET.IP.IPv4.PreferredDNSServer", "NET.IP.IPv4.AlternateDNSServer", "NET.VLAN.Tagging",
+                                 "NET.VLAN.LAN.Identifier", "NET.VLAN.LAN.Priority", "NET.VLAN.PC.Identifier",
+                                 "NET.VLAN.PC.Priority", "NET.IP.IPv4.DHCP.Options.VendorEncapsulated",
+                                 "NET.IP.IPv4.DHCP.Options.NTP", "NET.SwitchSettings.EnablePortMirroring"));
+}
+
+TEST(ConstantsTest, ThePhoneSystemTypes) {
     EXPECT_EQ(phoneSystemTypeKey, "Telephony.PhoneSystem.Type");
-    EXPECT_EQ(networkKeys[0], "NET.General.DeviceNameInNetwork");
-    EXPECT_EQ(networkKeys[15], "NET.SwitchSettings.EnablePortMirroring");
+    EXPECT_THAT(phoneSystemTypes, testing::ElementsAre("3", "7", "8", "9"));
 }
 
 }  // namespace

@@ -175,6 +175,15 @@ TEST_F(DispatcherTest, CertificatesAreReloadedAndTheTriggerReset) {
               (std::vector<fakes::PropertyWrite>{{"State.Security.Certificates.UpdateCABundle", "", ""}}));
 }
 
+TEST_F(DispatcherTest, TheCertificateTriggerIsResetLast) {
+    begin();
+    std::vector<std::string> before;
+    phone_.properties->onWrite([&](const auto&) { before = security_.calls(); });
+    bus_->deliver("prop-service-state/x", "State.Security.Certificates.UpdateCABundle", "1");
+    EXPECT_EQ(before, (std::vector<std::string>{"reload", "reload", "notify"})) << "the first is begin's";
+    phone_.properties->onWrite({});
+}
+
 TEST_F(DispatcherTest, AnEmptyCertificateTriggerDoesNothing) {
     begin();
     bus_->deliver("prop-service-state/x", "State.Security.Certificates.UpdateCABundle", "");
@@ -191,6 +200,16 @@ TEST_F(DispatcherTest, AHandlerThatFailsIsLogged) {
                                      "Handling message failed: Property "
                                      "'State.Security.Certificates.UpdateCABundle': the property service is "
                                      "offline")});
+}
+
+TEST_F(DispatcherTest, AHandlerThatThrowsAnythingElseIsLoggedToo) {
+    begin();
+    security_.throws = true;
+    EXPECT_NO_THROW(bus_->deliver("prop-service-state/x", "State.Security.Certificates.UpdateCABundle", "1"));
+    EXPECT_EQ(answers(), Lines{error(source, "Handling message failed")});
+    EXPECT_TRUE(phone_.properties->writes().empty()) << "the trigger stays";
+    askWatchdog();
+    EXPECT_EQ(bus_->count(watchdogReply), 1U);
 }
 
 TEST_F(DispatcherTest, RequestsBeforeTheNetworkIsReadyAreDropped) {

@@ -128,6 +128,26 @@ TEST_F(ProvisioningStatusReporterTest, AResetForgetsEverything) {
     EXPECT_EQ(finish().getMemberNames(), std::vector<std::string>{"provisioningStatus"});
 }
 
+TEST_F(ProvisioningStatusReporterTest, AWaiterReadsTheStatusOnceItIsFormed) {
+    for (const bool set : {false, true}) {
+        reporter_.resetStatus();
+        std::thread pass([&] {
+            reporter_.setJobStatus("nvm", 0);
+            set ? reporter_.setProvisioningStatus("fail") : reporter_.reportFinished();
+        });
+        EXPECT_EQ(reporter_.waitForProvisioningStatus(std::chrono::hours(1)), "fail");
+        pass.join();
+        EXPECT_EQ(reporter_.waitForProvisioningStatus(std::chrono::hours(1)), "fail") << "it is there already";
+    }
+}
+
+TEST_F(ProvisioningStatusReporterTest, AWaitForAStatusThatIsNotFormedEnds) {
+    reporter_.setJobStatus("nvm", 2);
+    const auto start = std::chrono::steady_clock::now();
+    EXPECT_EQ(reporter_.waitForProvisioningStatus(std::chrono::milliseconds(20)), "");
+    EXPECT_GE(std::chrono::steady_clock::now() - start, std::chrono::milliseconds(20));
+}
+
 TEST_F(ProvisioningStatusReporterTest, ReadingWhileAPassWritesIsSafe) {
     std::thread pass([this] {
         for (int i = 0; i < 500; ++i) {

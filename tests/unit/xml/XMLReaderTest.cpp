@@ -1,6 +1,7 @@
 #include "xml/XMLReader.h"
 
 #include <gtest/gtest.h>
+#include <sys/inotify.h>
 #include <sys/stat.h>
 #include <unistd.h>
 
@@ -163,9 +164,14 @@ TEST_F(XMLReaderTest, DeclaredAttributesAreRefused) {
 
 TEST_F(XMLReaderTest, AnExternalSubsetIsNotOpened) {
     writeFile("/tmp/outside.dtd", "<!ATTLIST root stolen CDATA \"yes\">");
-    if (load("<!DOCTYPE root SYSTEM \"/tmp/outside.dtd\"><root own=\"1\"/>")) {
-        EXPECT_EQ(reader_.attributes(), (Attributes{{"own", "1"}}));
-    }
+    const int opened = inotify_init1(IN_NONBLOCK | IN_CLOEXEC);
+    ASSERT_GE(opened, 0);
+    ASSERT_GE(inotify_add_watch(opened, "/tmp/outside.dtd", IN_OPEN), 0);
+    ASSERT_TRUE(load("<!DOCTYPE root SYSTEM \"/tmp/outside.dtd\"><root own=\"1\"/>"));
+    EXPECT_EQ(reader_.attributes(), (Attributes{{"own", "1"}}));
+    inotify_event event{};
+    EXPECT_LT(read(opened, &event, sizeof event), 0) << "somebody opened it";
+    close(opened);
 }
 
 TEST_F(XMLReaderTest, OnlyARegularFileIsRead) {

@@ -228,6 +228,27 @@ TEST_F(CustomScenarioJobHandlerTest, ACertificateThatCannotBeRecordedFailsTheSte
         << last;
 }
 
+/// Security that cannot look at a certificate.
+class BlindSecurity : public zav::Security {
+ public:
+    using Security::Security;
+    int checkCertificate(const std::string& path) override { throw std::runtime_error("cannot read " + path); }
+};
+
+TEST_F(CustomScenarioJobHandlerTest, ACertificateThatCannotBeCheckedFailsTheStep) {
+    server_.on("/ca.pem", HttpAnswer::ok(authority_.certificate()));
+    BlindSecurity security(phone_.properties);
+    const JobDescription job{
+        "custom", "step", {{{"type", "certificate"}, {"url", "/ca.pem"}, {"flags", "FORCE_ACCEPT"}}}};
+    zav::CustomScenarioJobHandler handler(job, phone_.curl, security, phone_.properties, reader_, progress_, status_,
+                                          worker_);
+    EXPECT_EQ(handler.run(), 0);
+    EXPECT_EQ(lines().back(), error(source,
+                                    "Error applying certificate 'ca.pem'='/custom/certs/_storage/ca.pem'cannot read "
+                                    "/custom/certs/_storage/ca.pem"));
+    EXPECT_TRUE(writes().empty());
+}
+
 TEST_F(CustomScenarioJobHandlerTest, PlaceholdersInACertificatesName) {
     server_.on("/00:0A:0B:0C:0D:0E.pem", HttpAnswer::ok(authority_.certificate()));
     EXPECT_EQ(run({{{"type", "certificate"}, {"url", "/%MACC.pem"}}}), 2);

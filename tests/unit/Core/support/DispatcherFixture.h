@@ -36,9 +36,11 @@ class RecordingSecurity : public zav::Security {
         const std::lock_guard<std::mutex> lock(mutex_);
         return calls_;
     }
+    std::atomic<bool> throws{false};  // what is no std::exception
 
  private:
     void record(const char* call) {
+        if (throws) throw 42;
         const std::lock_guard<std::mutex> lock(mutex_);
         calls_.emplace_back(call);
     }

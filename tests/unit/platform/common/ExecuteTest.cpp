@@ -54,6 +54,12 @@ TEST_F(ExecuteTest, ACommandThatDoesNotExistThrows) {
     EXPECT_NE(failure("/no/such/program").find("ended with status 127"), std::string::npos);
 }
 
+TEST_F(ExecuteTest, ACommandThatCannotBeStartedThrows) {
+    const std::string command = "true " + std::string(200000, 'x');  // the kernel takes 128 KiB
+    EXPECT_EQ(failure(command), "Command '" + command + "' cannot be started: Argument list too long");
+    EXPECT_NO_THROW(os::execute("true " + std::string(100000, 'x'), seconds(10)));
+}
+
 TEST_F(ExecuteTest, DeathByASignalThrows) {
     EXPECT_EQ(failure("kill -9 $$"), "Command 'kill -9 $$' was ended by signal 9");
 }

@@ -1,7 +1,11 @@
 #include "debug/Debug.h"
 
+#include <gmock/gmock.h>
 #include <gtest/gtest.h>
+#include <sys/stat.h>
+#include <unistd.h>
 
+#include <cstdlib>
 #include <regex>
 #include <thread>
 #include <vector>
@@ -74,6 +78,34 @@ TEST_F(DebugTest, AMaskThatCannotBeReadIsIgnoredWithAWarning) {
         EXPECT_NE(text.find("is not a number, ignored"), std::string::npos) << mask;
         EXPECT_EQ(written([] { dbg::Debug::info() << "still off" << std::endl; }), "") << mask;
     }
+}
+
+/// A line of each level in a process that is told of a journal: that is asked once a process.
+class JournalTest : public DebugTest {
+ protected:
+    JournalTest() { GTEST_FLAG_SET(death_test_style, "threadsafe"); }
+
+    [[noreturn]] static void logOnJournal(ino_t difference) {
+        struct stat status {};
+        fstat(STDERR_FILENO, &status);
+        const std::string announced = std::to_string(status.st_dev) + ":" + std::to_string(status.st_ino + difference);
+        setenv("JOURNAL_STREAM", announced.c_str(), 1);
+        dbg::Debug::error() << "E" << std::endl;
+        dbg::Debug::warning() << "W" << std::endl;
+        dbg::Debug::info() << "I" << std::endl;
+        std::_Exit(0);
+    }
+};
+
+TEST_F(JournalTest, EachLineHasItsPriority) {
+    EXPECT_EXIT(logOnJournal(0), testing::ExitedWithCode(0),
+                testing::ContainsRegex("<3>[^\n<]* TEST error [^\n]* E\n<4>[^\n<]* TEST warning [^\n]* W\n"
+                                       "<6>[^\n<]* TEST info [^\n]* I\n"));
+}
+
+TEST_F(JournalTest, OnAnotherStandardErrorThereIsNone) {
+    EXPECT_EXIT(logOnJournal(1), testing::ExitedWithCode(0),
+                testing::AllOf(testing::HasSubstr(" I\n"), testing::Not(testing::HasSubstr("<"))));
 }
 
 TEST_F(DebugTest, AnUnfinishedLineIsWrittenAtItsEnd) {

@@ -1,0 +1,163 @@
+// What is rare: a pass that cannot be started, throws what is no exception, or hangs in its last lines.
+#include <fcntl.h>
+#include <gtest/gtest.h>
+#include <pthread.h>
+#include <unistd.h>
+
+#include <system_error>
+#include <thread>
+
+#include "Core/ProvisioningWatchdog/ProvisioningWorker.h"
+#include "fakes/HttpServer.h"
+#include "unit/Core/support/Phone.h"
+
+namespace {
+
+using fakes::error;
+using fakes::HttpAnswer;
+using fakes::info;
+
+const std::string source = "Core/ProvisioningWatchdog/ProvisioningWorker";
+const auto finished = info(source, "Provisioning Finished");
+const std::string lockUi = "State.Provisioning.LockUI";
+
+class PassTroubleTest : public testing::Test {
+ protected:
+    PassTroubleTest() { phone_.properties->put("System.Provision.ProvisioningServer", server_.url("/")); }
+    /// The worker's end waits for the pass and what follows it.
+    void end() { worker_.reset(); }
+    void runPass() {
+        worker_->startProvisioning("");
+        ASSERT_TRUE(phone_.log.waitFor(finished));
+    }
+    std::vector<std::string> results() const { return phone_.properties->writesTo("State.Provisioning"); }
+
+    tests::Phone phone_;
+    fakes::HttpServer server_;
+    std::unique_ptr<zav::ProvisioningWorker> worker_ =
+        std::make_unique<zav::ProvisioningWorker>(phone_.properties, phone_.curl, phone_.security);
+};
+
+/// Properties whose MAC address throws what is no std::exception.
+class StrangeProperties : public fakes::FakeProperties {
+ public:
+    using FakeProperties::FakeProperties;
+    std::string get(const std::string& key) override {
+        if (key == "NET.MAC.Address") throw 42;
+        return FakeProperties::get(key);
+    }
+};
+
+TEST_F(PassTroubleTest, WhatIsNoExceptionEndsThePassAsFailToo) {
+    fakes::FakeProperties::Values values = tests::factoryValues();
+    values["System.Provision.ProvisioningServer"] = server_.url("/");
+    const auto properties = std::make_shared<StrangeProperties>(values);
+    server_.on("/provisioning.xml", HttpAnswer::ok(tests::provisioningFile("provisioning", "1.1", "<nvm/>")));
+    worker_ = std::make_unique<zav::ProvisioningWorker>(properties, phone_.curl, phone_.security);
+    runPass();
+    end();
+    EXPECT_TRUE(phone_.log.has(
+        error(source, "Something went wrong during provisioning process, an exception was thrown: unknown")));
+    EXPECT_EQ(properties->writesTo("State.Provisioning"), std::vector<std::string>{"fail"});
+    EXPECT_EQ(properties->writesTo(lockUi), (std::vector<std::string>{"1", "0"}));
+}
+
+/// While it lives no thread can be started: none finds room for its stack.
+class NoThreads {
+ public:
+    NoThreads() {
+        pthread_attr_t attributes;
+        pthread_getattr_default_np(&attributes);
+        pthread_attr_getstacksize(&attributes, &before_);
+        set(std::size_t{1} << 47U);
+        pthread_attr_destroy(&attributes);
+    }
+    ~NoThreads() { set(before_); }
+    NoThreads(const NoThreads&) = delete;
+    NoThreads& operator=(const NoThreads&) = delete;
+
+ private:
+    static void set(std::size_t size) {
+        pthread_attr_t attributes;
+        pthread_getattr_default_np(&attributes);
+        pthread_attr_setstacksize(&attributes, size);
+        EXPECT_EQ(pthread_setattr_default_np(&attributes), 0);
+        pthread_attr_destroy(&attributes);
+    }
+    std::size_t before_ = 0;
+};
+
+TEST_F(PassTroubleTest, APassWhoseThreadCannotBeStartedReachesTheCallerAndNobodyWaits) {
+    {
+        const NoThreads none;
+        EXPECT_THROW(worker_->startProvisioning(""), std::system_error);
+    }
+    EXPECT_TRUE(worker_->isProvisioningFinished());
+    worker_->waitForProgress();
+    EXPECT_TRUE(phone_.properties->writes().empty());
+    runPass();
+    end();
+    EXPECT_EQ(results(), std::vector<std::string>{"fail"}) << "the next request works";
+}
+
+/// A standard error that takes nothing: who logs waits until it is let go.
+class FullStandardError {
+ public:
+    FullStandardError() {
+        EXPECT_EQ(pipe2(ends_, O_CLOEXEC), 0);
+        fcntl(ends_[1], F_SETFL, O_NONBLOCK);
+        const std::string page(4096, 'x');
+        while (write(ends_[1], page.data(), page.size()) > 0) {
+        }
+        fcntl(ends_[1], F_SETFL, 0);
+    }
+    ~FullStandardError() {
+        release();
+        close(ends_[0]);
+    }
+    FullStandardError(const FullStandardError&) = delete;
+    FullStandardError& operator=(const FullStandardError&) = delete;
+
+    void hold() {
+        before_ = dup(STDERR_FILENO);
+        dup2(ends_[1], STDERR_FILENO);
+    }
+    /// What was written meanwhile is lost, what comes now goes where it went before.
+    void release() {
+        if (before_ < 0) return;
+        dup2(before_, STDERR_FILENO);
+        close(before_);
+        before_ = -1;
+        char page[4096];
+        fcntl(ends_[0], F_SETFL, O_NONBLOCK);
+        while (read(ends_[0], page, sizeof page) > 0) {
+        }
+        close(ends_[1]);
+    }
+
+ private:
+    int ends_[2] = {-1, -1};
+    int before_ = -1;
+};
+
+TEST_F(PassTroubleTest, AStatusThatIsNotFormedIsWaitedForASecond) {
+    FullStandardError full;
+    server_.on("/provisioning.xml", HttpAnswer::ok(tests::provisioningFile("provisioning", "1.1", "")));
+    // The last write before the pass counts as finished; its next line stays in the pipe, and the status comes after.
+    phone_.properties->onWrite([&](const fakes::PropertyWrite& write) {
+        if (write.key == lockUi && write.value == "0") full.hold();
+    });
+    worker_->startProvisioning("");
+    while (!worker_->isProvisioningFinished()) std::this_thread::yield();
+    const auto start = std::chrono::steady_clock::now();
+    EXPECT_EQ(worker_->getProvisioningStatus(), "");
+    const auto waited = std::chrono::steady_clock::now() - start;
+    EXPECT_GE(waited, std::chrono::seconds(1));
+    EXPECT_LT(waited, std::chrono::seconds(10));
+    full.release();
+    EXPECT_EQ(worker_->getProvisioningStatus(), "partSuccess");
+    end();
+    phone_.properties->onWrite({});
+}
+
+}  // namespace
