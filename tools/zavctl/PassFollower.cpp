@@ -19,13 +19,16 @@ void PassFollower::messageArrived(const std::string&, const std::string& content
     if (!readChange(content, change)) return;
     const std::lock_guard<std::mutex> lock(mutex_);
     if (change.param == "State.Provisioning") {
-        if (change.value.find("request") != std::string::npos) {
+        const bool isRequest = change.value.find("request") != std::string::npos;
+        if (!isRequest) earlierPass_ = false;
+        if (isRequest) {
             requested_ = requested_ || change.source == writer_;
         } else if (requested_ && !(result_ && passBegan_)) {
             result_ = change.value;
             counts_ = passBegan_ ? Clock::now() : Clock::now() + settling_;
         }
-    } else if (change.param == "State.Provisioning.LockUI" && change.value == "1" && requested_ && !passBegan_) {
+    } else if (change.param == "State.Provisioning.LockUI" && change.value == "1" && requested_ && !earlierPass_ &&
+               !passBegan_) {
         passBegan_ = true;
         result_.reset();  // that was the pass before ours
     }
@@ -33,6 +36,11 @@ void PassFollower::messageArrived(const std::string&, const std::string& content
 }
 
 void PassFollower::deliveryComplete(const std::string&) {}
+
+void PassFollower::expectEarlierResult() {
+    const std::lock_guard<std::mutex> lock(mutex_);
+    earlierPass_ = true;
+}
 
 std::optional<std::string> PassFollower::waitUntil(Clock::time_point until) {
     std::unique_lock<std::mutex> lock(mutex_);

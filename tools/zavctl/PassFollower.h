@@ -2,7 +2,8 @@
 //
 // The pass that counts begins after our own request was accepted: a pass that was under way already publishes its
 // result too, and ours begins right after it. So a result counts at once when a pass began after the request, and
-// otherwise only when none begins within a moment. The changes come on a delivery thread; one other thread waits.
+// otherwise only when none begins within a moment. While another pass is under way the lock of the screen says nothing:
+// a redirect in it locks the screen again. The changes come on a delivery thread; one other thread waits.
 #pragma once
 
 #include <chrono>
@@ -26,6 +27,9 @@ class PassFollower final : public ipc::IIPCCallback {
     void messageArrived(const std::string& topic, const std::string& content) override;
     void deliveryComplete(const std::string& topic) override;
 
+    /// Another pass is running, as seen before our request: what begins before its result is part of it.
+    void expectEarlierResult();
+
     /// The result once the pass has ended; nothing when `until` comes first.
     std::optional<std::string> waitUntil(Clock::time_point until);
 
@@ -45,6 +49,7 @@ class PassFollower final : public ipc::IIPCCallback {
     std::condition_variable changed_;
     // guarded by mutex_
     bool requested_ = false;
+    bool earlierPass_ = false;
     bool passBegan_ = false;
     bool cut_ = false;
     std::optional<std::string> result_;

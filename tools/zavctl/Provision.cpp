@@ -41,6 +41,10 @@ std::optional<std::string> tryGet(propertyapi::IPropertyApi& properties, const s
     }
 }
 
+bool isScreenLocked(Session& session) {
+    return tryGet(session.properties(), "State.Provisioning.LockUI") == std::optional<std::string>("1");
+}
+
 class ProgressLine {
  public:
     explicit ProgressLine(const Environment& environment, bool json)
@@ -86,8 +90,9 @@ std::string follow(const Environment& environment, const Options& options, Sessi
             progress.clear();
             return *result;
         }
-        // The change may have been published while the connection was cut.
-        if (follower.wasCut()) {
+        // The change may have been published while the connection was cut; with the screen locked it is an earlier
+        // one's.
+        if (follower.wasCut() && !isScreenLocked(session)) {
             const std::optional<std::string> present = tryGet(session.properties(), "State.Provisioning");
             if (present && isResult(*present)) {
                 progress.clear();
@@ -127,6 +132,7 @@ ExitCode provision(const Environment& environment, const Options& options, bool 
     Session session(environment, options.host);
     if (wait) session.subscribe("prop-service-state/#", follower);
     session.connect();
+    if (wait && isScreenLocked(session)) follower.expectEarlierResult();
     const Clock::time_point start = Clock::now();
     session.properties().set("State.Provisioning", clientName, "request");
     if (!wait) {

@@ -66,6 +66,22 @@ TEST_F(Follower, TheResultOfAPassThatWasUnderWayIsNotOurs) {
     EXPECT_EQ(now(), "success");
 }
 
+TEST_F(Follower, ARedirectOfTheEarlierPassIsNotOurs) {
+    follower.expectEarlierResult();
+    change(state, "request", "zavctl");
+    change(lock, "1");  // the redirect's own pass
+    change(lock, "0");
+    EXPECT_FALSE(follower.passBegan());
+    change(lock, "0");
+    change(state, "fail");
+    EXPECT_FALSE(now());
+    change(lock, "1");
+    EXPECT_TRUE(follower.passBegan());
+    change(lock, "0");
+    change(state, "success");
+    EXPECT_EQ(now(), "success");
+}
+
 TEST_F(Follower, OnlyTheFirstResultCounts) {
     change(state, "request", "zavctl");
     change(lock, "1");
