@@ -19,8 +19,10 @@ std::string listed(const Json::Value& values, const char* quote) {
 std::string limitsOf(const Json::Value& json) {
     std::string text;
     const auto add = [&text](const std::string& limit) { text += (text.empty() ? "" : ", ") + limit; };
-    if (json["min"].isInt64()) add("from " + std::to_string(json["min"].asInt64()));
-    if (json["max"].isInt64()) add("to " + std::to_string(json["max"].asInt64()));
+    const bool lower = json["min"].isInt64();
+    const bool upper = json["max"].isInt64();
+    if (lower) add("from " + std::to_string(json["min"].asInt64()));
+    if (upper) text += (lower ? " to " : "to ") + std::to_string(json["max"].asInt64());
     if (json["values"].isArray()) add("one of " + listed(json["values"], "\""));
     if (json["schemes"].isArray()) add("beginning with " + listed(json["schemes"], ""));
     if (json["pattern"].isString()) add("matching " + json["pattern"].asString());

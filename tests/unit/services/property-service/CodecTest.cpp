@@ -74,6 +74,82 @@ TEST(Codec, ReadsWhatAnotherWriterWrites) {
     }
 }
 
+TEST(Codec, ReadsImportsOfAnotherWriter) {
+    std::mt19937 random(4);
+    RequestReader reader;
+    Json::StreamWriterBuilder plain;
+    for (int round = 0; round < 1000; ++round) {
+        Json::Value object;
+        object["properties"] = Json::Value(Json::arrayValue);
+        for (auto count = random() % 6; count > 0; --count) {
+            Json::Value property;
+            property["param"] = randomText(random);
+            property["value"] = count % 3 == 0 ? Json::Value() : Json::Value(randomText(random));
+            object["properties"].append(property);
+        }
+        object["source"] = randomText(random);
+        object["apply"] = round % 2 == 0;
+        const ImportRequest request = reader.import(Json::writeString(plain, object));
+        ASSERT_EQ(request.writes.size(), object["properties"].size());
+        for (Json::ArrayIndex index = 0; index < request.writes.size(); ++index) {
+            const Json::Value& property = object["properties"][index];
+            EXPECT_EQ(request.writes[index].param, property["param"].asString());
+            EXPECT_EQ(request.writes[index].value.has_value(), !property["value"].isNull());
+            EXPECT_EQ(request.writes[index].value.value_or(""), property["value"].asString());
+        }
+        EXPECT_EQ(request.source, object["source"].asString());
+        EXPECT_EQ(request.apply, round % 2 == 0);
+    }
+}
+
+TEST(Codec, DescriptionsOfRandomDefinitionsAreReadBack) {
+    std::mt19937 random(5);
+    for (int round = 0; round < 1000; ++round) {
+        const std::string key = randomText(random);
+        Definition definition;
+        definition.type = round % 4 == 0 ? "secret" : "text";
+        definition.defaultValue = randomText(random);
+        definition.description = randomText(random);
+        definition.readOnly = round % 3 == 0;
+        if (round % 5 == 0) definition.limits = "\"maxLength\":5";
+        const Json::Value json = parsed(description(key, definition, round % 2 == 0));
+        EXPECT_EQ(json["param"].asString(), key);
+        EXPECT_EQ(json["description"].asString(), definition.description);
+        EXPECT_EQ(json["readOnly"].asBool(), definition.readOnly);
+        EXPECT_EQ(json["volatile"].asBool(), round % 2 == 0);
+        EXPECT_EQ(json["maxLength"].isInt(), round % 5 == 0);
+        const bool hidden = definition.isSecret() && !definition.defaultValue.empty();
+        EXPECT_EQ(json["default"].asString(), hidden ? "***" : definition.defaultValue);
+    }
+}
+
+TEST(Codec, DamagedImportsAndDescriptionsAreBadRequestsOrGood) {
+    std::mt19937 random(6);
+    RequestReader reader;
+    int refused = 0;
+    for (int round = 0; round < 10000; ++round) {
+        std::string payload =
+            R"({"properties":[{"param":"a","value":"1"},{"param":"b","value":null}],"apply":true,"prefix":"x"})";
+        for (auto hits = 1 + random() % 3; hits > 0; --hits) {
+            const auto at = random() % payload.size();
+            if (random() % 2 == 0) {
+                payload[at] = static_cast<char>(random() % 256);
+            } else {
+                payload.erase(at, 1 + random() % 5);
+            }
+        }
+        try {
+            for (const ImportRequest::Write& write : reader.import(payload).writes) {
+                EXPECT_TRUE(isCleanText(write.param) && isCleanText(write.value.value_or("")));
+            }
+            reader.describe(payload);
+        } catch (const BadRequest&) {
+            ++refused;
+        }
+    }
+    EXPECT_GT(refused, 5000);
+}
+
 TEST(Codec, SurvivesRandomDamage) {
     std::mt19937 random(3);
     RequestReader reader;

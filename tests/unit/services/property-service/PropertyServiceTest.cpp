@@ -292,6 +292,20 @@ TEST_F(Service, ADamagedStoreIsRebuiltFromMemory) {
                                 {"System.Name", "kept"}, {"Keys.1.Label", "new"}, {"Gone.Key", "kept"}}));
 }
 
+TEST_F(Service, ARebuildThatFailsIsMadeAgainBeforeTheNextWrite) {
+    handle({set("System.Name", "kept")});
+    store.values.clear();
+    store.damaged = true;
+    store.full = true;
+    handle({set("System.Port", "7")});
+    EXPECT_TRUE(store.values.empty());
+    store.full = false;
+    EXPECT_THAT(
+        handle({set("Keys.1.Label", "new")}),
+        ElementsAre(answer("Keys.1.Label", "new"), change("prop-service-keys/Keys.1.Label", "Keys.1.Label", "new")));
+    EXPECT_EQ(store.values, (std::map<std::string, std::string>{{"System.Name", "kept"}, {"Keys.1.Label", "new"}}));
+}
+
 TEST_F(Service, AKeyThatTheCatalogueCallsVolatileIsNeverStored) {
     handle({set("System.Uptime", "5")});
     EXPECT_EQ(store.transactions, 0);

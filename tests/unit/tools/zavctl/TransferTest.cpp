@@ -110,7 +110,7 @@ TEST_F(Transfer, DescribePrintsWhatTheCatalogueSays) {
     EXPECT_EQ(out.str(),
               "Key          Audio.Volume\n"
               "Description  How loud\n"
-              "Type         integer, from 0, to 10\n"
+              "Type         integer, from 0 to 10\n"
               "Default      5\n"
               "Written by   any client\n"
               "Lasts        for good\n");
