@@ -41,7 +41,7 @@ std::vector<ipc::OutgoingMessage> PropertyService::handle(const std::vector<ipc:
         return messages;
     } catch (const DamagedStore&) {
         takeBack();
-        rebuildStore();
+        rebuildNeeded_ = true;  // by the first of the writes below
     } catch (const StoreException& error) {
         takeBack();
         if (!storeFailing_) dbg::Debug::error() << error.what() << std::endl;
@@ -208,7 +208,11 @@ std::string PropertyService::describe(const std::string& payload) {
 
 void PropertyService::commit() {
     if (!writes_.empty()) {
-        store_.write(writes_);
+        if (rebuildNeeded_) {
+            rebuildStore();
+        } else {
+            store_.write(writes_);
+        }
         if (storeFailing_) dbg::Debug::info() << "The store takes writes again" << std::endl;
         storeFailing_ = false;
     }
@@ -216,7 +220,8 @@ void PropertyService::commit() {
     undo_.clear();
 }
 
-// Memory still has every value: nothing is lost with the file.
+// Memory still has every value, those in hand among them: nothing is lost with the file. Until it succeeds nothing else
+// is written, or an old backup would pass for what was answered.
 void PropertyService::rebuildStore() {
     std::vector<IStore::Entry> entries;
     for (const Property& property : table_.all()) {
@@ -227,9 +232,11 @@ void PropertyService::rebuildStore() {
     try {
         store_.rebuild(entries);
     } catch (const StoreException& error) {
-        dbg::Debug::error() << error.what() << std::endl;
+        if (!storeFailing_) dbg::Debug::error() << error.what() << std::endl;
         storeFailing_ = true;
+        throw;
     }
+    rebuildNeeded_ = false;
 }
 
 void PropertyService::takeBack() {

@@ -61,7 +61,8 @@ class PropertyService {
     // Of the call in hand: what goes to the store, and how memory returns to what it was.
     std::vector<IStore::Entry> writes_;
     std::vector<Undo> undo_;
-    bool storeFailing_ = false;  // so that a full disk is logged once, not with every write
+    bool storeFailing_ = false;   // so that a full disk is logged once, not with every write
+    bool rebuildNeeded_ = false;  // the store is damaged, and must have everything again before it takes a write
 };
 
 }  // namespace propertyservice

@@ -36,7 +36,7 @@ class IStore {
     virtual void write(const std::vector<Entry>& entries) = 0;
 
     /// After `write` has thrown DamagedStore: sets the damaged store aside and begins anew with these. Throws as
-    /// `write`.
+    /// `write`; it is to be called again then, before the next write.
     virtual void rebuild(const std::vector<Entry>& entries) = 0;
 };
 

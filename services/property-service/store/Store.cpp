@@ -64,8 +64,11 @@ void Store::open() {
 
 void Store::restore(const std::string& damage) {
     database_.reset();
-    const std::string aside = setAside(path_);
-    dbg::Debug::error() << damage << "; it is kept as " << aside << std::endl;
+    std::error_code unknown;
+    if (std::filesystem::exists(path_, unknown)) {  // not when an earlier attempt got no further than this
+        const std::string aside = setAside(path_);
+        dbg::Debug::error() << damage << "; it is kept as " << aside << std::endl;
+    }
     for (const std::string& backup : backupsOf(path_)) {
         try {
             copyFile(backup, path_);
