@@ -6,7 +6,6 @@
 
 #include <algorithm>
 #include <cerrno>
-#include <cstdio>
 #include <fstream>
 #include <iterator>
 #include <sstream>
@@ -55,7 +54,10 @@ class Source {
     [[noreturn]] void throwSyntaxError(const std::string& errors) const {
         int line = 1;
         int column = 1;
-        std::sscanf(errors.c_str(), "* Line %d, Column %d", &line, &column);
+        std::istringstream place(errors);
+        std::string word;
+        char comma = 0;
+        place >> word >> word >> line >> comma >> word >> column;
         const std::string::size_type start = errors.find('\n');
         std::string reason = start == std::string::npos ? errors : errors.substr(start + 1);
         reason = reason.substr(0, reason.find('\n'));

@@ -148,7 +148,7 @@ std::string PropertyService::import(const std::string& payload, Messages& messag
 void PropertyService::write(Property& property, std::optional<std::string> value, const std::string& source,
                             Messages& messages) {
     const bool stored = !property.isVolatile && value.has_value();
-    std::string next = value ? std::move(*value) : property.definition->defaultValue;
+    std::string next = value ? std::move(*value) : std::string(property.definition->defaultValue);
     messages.push_back({property.changeTopic, changeMessage(property.key, next, source), "", 1});
     const bool toStore = !property.isVolatile && (stored != property.isStored || (stored && property.value != next));
     if (toStore) writes_.emplace_back(property.key, stored ? std::optional<std::string>(next) : std::nullopt);

@@ -145,7 +145,7 @@ std::optional<std::chrono::seconds> ageOfBackup(const std::string& path) {
 }
 
 std::string beginBackup(const std::string& path) {
-    const std::string fresh = path + ".backup-new";
+    std::string fresh = path + ".backup-new";
     const int file = ::open(fresh.c_str(), O_WRONLY | O_CREAT | O_TRUNC | O_CLOEXEC, 0600);
     if (file < 0) fail(fresh, "cannot be made", errno);
     ::close(file);
@@ -162,7 +162,7 @@ void keepBackup(const std::string& path) {
 
 std::string setAside(const std::string& path) {
     const std::string prefix = path + ".damaged-";
-    const std::string aside = prefix + timeStamp();
+    std::string aside = prefix + timeStamp();
     std::error_code error;
     if (fs::exists(path + "-wal", error)) rename(path + "-wal", aside + "-wal");
     rename(path, aside);
