@@ -46,7 +46,8 @@ Handle connected(int port, const std::string& name, void* owner) {
     return handle;
 }
 
-/// Answers on the response topic with what it was sent, and does nothing else.
+/// Answers on the response topic with what it was sent, and does nothing else; on "echo/change" it publishes a change
+/// with quality 1 besides, which is the least that any set costs.
 int echo(int port) {
     const Handle handle = connected(port, "echo", nullptr);
     mosquitto_message_v5_callback_set(
@@ -60,10 +61,14 @@ int echo(int port) {
             mosquitto_property_add_binary(&properties, MQTT_PROP_CORRELATION_DATA, correlation, size);
             mosquitto_publish_v5(self, nullptr, topic, message->payloadlen, message->payload, 0, false, properties);
             mosquitto_property_free_all(&properties);
+            if (std::strcmp(message->topic, "echo/change") == 0) {
+                mosquitto_publish_v5(self, nullptr, "echo-state/State.Bench", message->payloadlen, message->payload, 1,
+                                     false, nullptr);
+            }
             std::free(topic);
             std::free(correlation);
         });
-    mosquitto_subscribe(handle.get(), nullptr, "echo/set", 0);
+    mosquitto_subscribe(handle.get(), nullptr, "echo/+", 0);
     return mosquitto_loop_forever(handle.get(), -1, 1);
 }
 
@@ -228,6 +233,7 @@ void measure(int port, int clients, std::chrono::duration<double> duration) {
     // Each of many has its own key in the phone's expansion modules, as far as there are.
     const char* const stored = clients == 1 ? "System.General.Location" : "PhoneUI.Expansion.%";
     std::vector<Row> rows{{"floor: bare echo responder", "echo/set", stored, {}, {}, {}},
+                          {"echo that tells of a change", "echo/change", stored, {}, {}, {}},
                           {"get", "prop-service/get", stored, {}, {}, {}},
                           {"set of a state", "prop-service/set", "State.Provisioning.OnBootUp", {}, {}, {}},
                           {"set, stored", "prop-service/set", stored, {}, {}, {}}};
