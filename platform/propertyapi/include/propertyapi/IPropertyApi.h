@@ -1,9 +1,9 @@
 // The client of the property service, which keeps every setting and state of the phone as key and text.
 //
 // Threads: every operation may be called from any thread and blocks it until the answer is there, 5 s at most; it
-// fails at once when the bus or the service is known to be away. A call whose connection breaks is made again when it is
-// back within that time, a set only after reading back that it was not carried out. All throw a PropertyException: the
-// types are in PropertyExceptions.h.
+// fails at once when the bus or the service is known to be away. A call whose connection breaks is made again when it
+// is back within that time, a set only after reading back that it was not carried out. All throw a PropertyException:
+// the types are in PropertyExceptions.h.
 #pragma once
 
 #include <string>
