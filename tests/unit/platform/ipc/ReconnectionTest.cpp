@@ -247,15 +247,19 @@ TEST(Reconnection, RequestsFailAtOnceWhenTheBrokerStaysAway) {
     const EchoService service(broker.address());
     const auto client = newClient("asker");
     client->watchPresence(statusTopic);
+    Recorder recorder;
+    client->subscribe("news", recorder);
     client->connect(broker.address());
     ASSERT_TRUE(waitForService(*client));
     broker.stop();
+    ASSERT_TRUE(recorder.waitForLosses(1));
     const auto begin = steady_clock::now();
     EXPECT_THROW(ask(*client, "x"), ipc::IPCOfflineException);
     EXPECT_LT(steady_clock::now() - begin, milliseconds(8000));
     const auto again = steady_clock::now();
     EXPECT_THROW(ask(*client, "x"), ipc::IPCOfflineException);
     EXPECT_LT(steady_clock::now() - again, milliseconds(500));
+    client->disconnect();
 }
 
 TEST(Reconnection, TooManyMessagesAreRefusedNotDropped) {
