@@ -185,9 +185,13 @@ void Connection::accepted() {
     up_ = true;
     everUp_ = true;
     for (auto& [identifier, subscription] : subscriptions_) sendSubscription(identifier, subscription);
+    // The presence of an earlier connection is out of date, and "online" would come before we can be asked.
+    const auto drop = [this](const auto& isDropped) {
+        waiting_.erase(std::remove_if(waiting_.begin(), waiting_.end(), isDropped), waiting_.end());
+    };
+    if (!options_.statusTopic.empty()) drop([this](const Waiting& each) { return each.topic == options_.statusTopic; });
     for (Waiting& waiting : waiting_) sendWaiting(waiting);
-    waiting_.erase(std::remove_if(waiting_.begin(), waiting_.end(), [](const Waiting& each) { return each.mid < 0; }),
-                   waiting_.end());
+    drop([](const Waiting& each) { return each.mid < 0; });
 }
 
 void Connection::becomeReady() {
