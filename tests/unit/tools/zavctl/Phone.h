@@ -89,9 +89,10 @@ class Phone {
     }
 
     ExitCode run(const std::vector<std::string>& arguments) {
-        return zavctl::run(arguments, Environment{out, err, terminal, stop, [this] { catching = true; },
-                                                  [this](const std::string&) { return bus; },
-                                                  [this](std::shared_ptr<ipc::IIPCClient>) { return properties; }});
+        return zavctl::run(arguments,
+                           Environment{out, err, terminal, stop, [this] { catching = true; },
+                                       [this](const std::string&) { return bus; },
+                                       [this](const std::shared_ptr<ipc::IIPCClient>&) { return properties; }});
     }
 
     Json::Value json() const {

@@ -14,7 +14,7 @@ using testing::HasSubstr;
 // Runs `zavctl watch …` on a thread of its own until it is told to end.
 class Watch {
  public:
-    Watch(Phone& phone, std::vector<std::string> arguments)
+    Watch(Phone& phone, const std::vector<std::string>& arguments)
         : phone_(phone), thread_([this, arguments] { code_ = phone_.run(arguments); }) {
         while (phone_.bus->filters().empty()) std::this_thread::yield();
     }
