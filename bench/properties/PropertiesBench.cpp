@@ -1,28 +1,36 @@
 // The property service under load, beside its floor: a responder that only echoes, on the same broker, asked by the
-// same clients in the same minute. First one client that waits for each answer, then 64 of them at once, one request
-// each in hand. Prints the median of the rounds; a goal is a ratio to the floor.
+// same clients in the same minute. First one client that waits for each answer, the phone's own and a bare one; then 64
+// at once, one request each in hand. Everything shares one CPU at first, which makes the work that is done comparable,
+// and has all of them afterwards, where waking another CPU costs what the machine makes of it. Prints the median of the
+// rounds; a goal is a ratio to the floor.
 //
 //   bench_properties [seconds per measurement]
 #include <mosquitto.h>
 #include <mqtt_protocol.h>
 #include <poll.h>
+#include <sched.h>
 #include <signal.h>
 #include <spawn.h>
+#include <sys/epoll.h>
 #include <sys/wait.h>
 #include <unistd.h>
 
 #include <algorithm>
+#include <array>
 #include <chrono>
 #include <cstdio>
 #include <cstdlib>
 #include <cstring>
 #include <filesystem>
+#include <functional>
 #include <memory>
 #include <stdexcept>
 #include <string>
 #include <vector>
 
 #include "fakes/Broker.h"
+#include "ipc/IPCException.h"
+#include "ipc/IPCFactory.h"
 
 extern char** environ;
 
@@ -30,8 +38,10 @@ namespace {
 
 using Clock = std::chrono::steady_clock;
 constexpr char address[] = "127.0.0.1";
-constexpr int rounds = 5;
+constexpr int rounds = 11;
 constexpr int many = 64;
+constexpr char echoStatus[] = "echo/status";
+constexpr char serviceStatus[] = "prop-service/status";
 
 struct FreeHandle {
     void operator()(mosquitto* handle) const { mosquitto_destroy(handle); }
@@ -68,33 +78,27 @@ int echo(int port) {
             std::free(topic);
             std::free(correlation);
         });
-    mosquitto_subscribe(handle.get(), nullptr, "echo/+", 0);
+    mosquitto_publish(handle.get(), nullptr, echoStatus, 6, "online", 1, true);
+    for (const char* const topic : {"echo/set", "echo/change"}) mosquitto_subscribe(handle.get(), nullptr, topic, 0);
     return mosquitto_loop_forever(handle.get(), -1, 1);
 }
 
-/// One client: a request in hand at a time, the next one as soon as the answer is there.
+std::string setRequest(const std::string& key, const std::string& value) {
+    return "{\"param\":\"" + key + "\",\"value\":\"" + value + "\",\"source\":\"bench\"}";
+}
+
+/// One bare client: a request in hand at a time, the next one as soon as the answer is there.
 class Client {
  public:
-    Client(int port, int index, const std::string& request, const std::string& key)
-        : name_("bench-" + std::to_string(index)), request_(request), key_(key), handle_(connected(port, name_, this)) {
+    Client(int port, int index) : name_("bench-" + std::to_string(index)), handle_(connected(port, name_, this)) {
         mosquitto_message_callback_set(handle_.get(), [](mosquitto*, void* self, const mosquitto_message* message) {
             static_cast<Client*>(self)->answered(*message);
         });
+        mosquitto_subscribe_callback_set(handle_.get(), [](mosquitto*, void* self, int, int, const int*) {
+            static_cast<Client*>(self)->subscribed_ = true;
+        });
         mosquitto_subscribe(handle_.get(), nullptr, (name_ + "/reply").c_str(), 0);
-    }
-
-    void ask() {
-        ++number_;
-        const std::string value = std::to_string(number_);
-        const std::string payload = "{\"param\":\"" + key_ + "\",\"value\":\"" + value + "\",\"source\":\"bench\"}";
-        mosquitto_property* properties = nullptr;
-        mosquitto_property_add_string(&properties, MQTT_PROP_RESPONSE_TOPIC, (name_ + "/reply").c_str());
-        mosquitto_property_add_binary(&properties, MQTT_PROP_CORRELATION_DATA, value.data(),
-                                      static_cast<std::uint16_t>(value.size()));
-        asked_ = Clock::now();
-        mosquitto_publish_v5(handle_.get(), nullptr, request_.c_str(), static_cast<int>(payload.size()), payload.data(),
-                             0, false, properties);
-        mosquitto_property_free_all(&properties);
+        while (!subscribed_) mosquitto_loop(handle_.get(), -1, 1);
     }
 
     int socket() const { return mosquitto_socket(handle_.get()); }
@@ -106,13 +110,30 @@ class Client {
     void stop() { stopped_ = true; }
     bool waits() const { return times_.size() < number_; }
     std::vector<double>& times() { return times_; }
-    void forget() {
+    void begin(const std::string& request, const std::string& key) {
+        request_ = request;
+        key_ = key;
         times_.clear();
         number_ = 0;
         stopped_ = false;
+        ask();
     }
 
  private:
+    void ask() {
+        ++number_;
+        const std::string value = std::to_string(number_);
+        const std::string payload = setRequest(key_, value);
+        mosquitto_property* properties = nullptr;
+        mosquitto_property_add_string(&properties, MQTT_PROP_RESPONSE_TOPIC, (name_ + "/reply").c_str());
+        mosquitto_property_add_binary(&properties, MQTT_PROP_CORRELATION_DATA, value.data(),
+                                      static_cast<std::uint16_t>(value.size()));
+        asked_ = Clock::now();
+        mosquitto_publish_v5(handle_.get(), nullptr, request_.c_str(), static_cast<int>(payload.size()), payload.data(),
+                             0, false, properties);
+        mosquitto_property_free_all(&properties);
+    }
+
     void answered(const mosquitto_message& message) {
         if (std::strstr(static_cast<const char*>(message.payload), "\"error\"") != nullptr) {
             throw std::runtime_error("a request was refused");
@@ -122,10 +143,11 @@ class Client {
     }
 
     const std::string name_;
-    const std::string request_;
-    const std::string key_;
     const Handle handle_;
+    std::string request_;
+    std::string key_;
     std::size_t number_ = 0;
+    bool subscribed_ = false;
     bool stopped_ = false;
     Clock::time_point asked_;
     std::vector<double> times_;  // microseconds, one for each answer
@@ -140,22 +162,31 @@ struct Result {
 
 class Load {
  public:
-    Load(int port, int count, const std::string& request, const std::string& stem) {
+    Load(int port, int count) : poll_(::epoll_create1(EPOLL_CLOEXEC)) {
         for (int index = 0; index < count; ++index) {
-            // A key of their own for each: keys with an index from 0 to 63.
+            clients_.push_back(std::make_unique<Client>(port, index));
+            epoll_event event{};
+            event.events = EPOLLIN;
+            event.data.ptr = clients_.back().get();
+            ::epoll_ctl(poll_, EPOLL_CTL_ADD, clients_.back()->socket(), &event);
+        }
+    }
+    Load(const Load&) = delete;
+    Load& operator=(const Load&) = delete;
+    ~Load() { ::close(poll_); }
+
+    Result run(const std::string& request, const std::string& stem, std::chrono::duration<double> duration) {
+        const auto start = Clock::now();
+        int index = 0;
+        for (const auto& client : clients_) {
+            // A key for each in the phone's expansion modules, as far as there are.
             const std::string key = stem.find('%') == std::string::npos
                                         ? stem
                                         : stem.substr(0, stem.find('%')) + std::to_string(index % 3) + ".Keys." +
                                               std::to_string(index % 20) + ".Label";
-            clients_.push_back(std::make_unique<Client>(port, index, request, key));
+            client->begin(request, key);
+            ++index;
         }
-        pump(std::chrono::milliseconds(200), false);  // subscriptions are acknowledged
-    }
-
-    Result run(std::chrono::duration<double> duration) {
-        for (const auto& client : clients_) client->forget();
-        const auto start = Clock::now();
-        for (const auto& client : clients_) client->ask();
         pump(std::chrono::duration_cast<Clock::duration>(duration), false);
         const double seconds = std::chrono::duration<double>(Clock::now() - start).count();
         for (const auto& client : clients_) client->stop();
@@ -180,20 +211,20 @@ class Load {
  private:
     void pump(Clock::duration duration, bool untilAnswered) {
         const auto end = Clock::now() + duration;
-        std::vector<pollfd> sockets;
-        for (const auto& client : clients_) sockets.push_back({client->socket(), POLLIN, 0});
+        std::array<epoll_event, many> ready;
         while (Clock::now() < end) {
             if (untilAnswered &&
                 std::none_of(clients_.begin(), clients_.end(), [](const auto& c) { return c->waits(); })) {
                 return;
             }
-            if (::poll(sockets.data(), sockets.size(), 10) <= 0) continue;
-            for (std::size_t index = 0; index < sockets.size(); ++index) {
-                if (sockets[index].revents != 0) clients_[index]->read();
+            const int count = ::epoll_wait(poll_, ready.data(), static_cast<int>(ready.size()), 10);
+            for (int index = 0; index < count; ++index) {
+                static_cast<Client*>(ready.at(static_cast<std::size_t>(index)).data.ptr)->read();
             }
         }
     }
 
+    const int poll_;
     std::vector<std::unique_ptr<Client>> clients_;
 };
 
@@ -222,7 +253,31 @@ double medianOf(std::vector<double> values) {
     return values[values.size() / 2];
 }
 
-void measure(int port, int clients, std::chrono::duration<double> duration) {
+/// The phone's own client, which waits for each answer.
+Result askInTurn(ipc::IIPCClient& client, const std::string& topic, const std::string& key,
+                 std::chrono::duration<double> duration) {
+    const std::string status = topic.compare(0, 4, "echo") == 0 ? echoStatus : serviceStatus;
+    std::vector<double> times;
+    const auto start = Clock::now();
+    for (auto now = start; now < start + duration;) {
+        const std::string answer =
+            client.request(topic, setRequest(key, std::to_string(times.size())), status, std::chrono::seconds(5));
+        if (answer.find("\"error\"") != std::string::npos) throw std::runtime_error("a request was refused");
+        const auto end = Clock::now();
+        times.push_back(std::chrono::duration<double, std::micro>(end - now).count());
+        now = end;
+    }
+    Result result;
+    result.perSecond = static_cast<double>(times.size()) / std::chrono::duration<double>(Clock::now() - start).count();
+    std::nth_element(times.begin(), times.begin() + static_cast<std::ptrdiff_t>(times.size() / 2), times.end());
+    result.median = times.at(times.size() / 2);
+    result.fairness = 1;
+    return result;
+}
+
+using Measurement = std::function<Result(const char* topic, const char* key)>;
+
+void measure(const char* title, const char* stored, const Measurement& once) {
     struct Row {
         const char* name;
         const char* topic;
@@ -230,8 +285,6 @@ void measure(int port, int clients, std::chrono::duration<double> duration) {
         std::vector<double> times, rates, fairness;
         std::size_t lost = 0;
     };
-    // Each of many has its own key in the phone's expansion modules, as far as there are.
-    const char* const stored = clients == 1 ? "System.General.Location" : "PhoneUI.Expansion.%";
     std::vector<Row> rows{{"floor: bare echo responder", "echo/set", stored, {}, {}, {}},
                           {"echo that tells of a change", "echo/change", stored, {}, {}, {}},
                           {"get", "prop-service/get", stored, {}, {}, {}},
@@ -239,14 +292,14 @@ void measure(int port, int clients, std::chrono::duration<double> duration) {
                           {"set, stored", "prop-service/set", stored, {}, {}, {}}};
     for (int round = 0; round < rounds; ++round) {
         for (Row& row : rows) {
-            const Result result = Load(port, clients, row.topic, row.key).run(duration);
+            const Result result = once(row.topic, row.key);
             row.times.push_back(result.median);
             row.rates.push_back(result.perSecond);
             row.fairness.push_back(result.fairness);
             row.lost += result.lost;
         }
     }
-    std::printf("%d client%s\n", clients, clients == 1 ? "" : "s at once");
+    std::printf("  %s\n", title);
     for (const Row& row : rows) {
         std::vector<double> slower, throughput;
         for (int round = 0; round < rounds; ++round) {
@@ -254,11 +307,45 @@ void measure(int port, int clients, std::chrono::duration<double> duration) {
             slower.push_back(row.times[at] / rows[0].times[at]);
             throughput.push_back(row.rates[at] / rows[0].rates[at]);
         }
-        std::printf("  %-28s median %8.1f us (%.2fx)  %8.0f/s (%.2fx)  slowest/fastest %.2f  lost %zu\n", row.name,
+        std::printf("    %-28s median %8.1f us (%.2fx)  %8.0f/s (%.2fx)  slowest/fastest %.2f  lost %zu\n", row.name,
                     medianOf(row.times), medianOf(slower), medianOf(row.rates), medianOf(throughput),
                     medianOf(row.fairness), row.lost);
     }
     std::fflush(stdout);
+}
+
+void measureAll(std::chrono::duration<double> duration) {
+    std::string folder = "/tmp/bench-properties-XXXXXX";
+    if (::mkdtemp(folder.data()) == nullptr) throw std::runtime_error("no temporary folder");
+    {
+        const fakes::Broker broker("set_tcp_nodelay true\n");
+        const int port = broker.port();
+        const Process responder({std::filesystem::read_symlink("/proc/self/exe"), "--echo", std::to_string(port)});
+        const Process service({PROP_SERVICE, "--host", address, "--port", std::to_string(port), "--store",
+                               folder + "/s.db", "--catalogue", CATALOGUE});
+        ::poll(nullptr, 0, 500);  // both are connected by then
+        const auto bare = [&](int clients) {
+            const auto load = std::make_shared<Load>(port, clients);
+            return [=](const char* topic, const char* which) { return load->run(topic, which, duration); };
+        };
+        const auto own = ipc::IPCFactory::createInstanceShared("bench", address, true);
+        own->watchPresence(echoStatus);
+        own->watchPresence(serviceStatus);
+        own->connect(broker.address());
+        const char* const key = "System.General.Location";
+        measure("the phone's client", key,
+                [&](const char* topic, const char* which) { return askInTurn(*own, topic, which, duration); });
+        measure("a bare client", key, bare(1));
+        measure("64 bare clients at once", "PhoneUI.Expansion.%", bare(many));
+    }
+    std::filesystem::remove_all(folder);
+}
+
+void useFirstCpuOnly() {
+    cpu_set_t one;
+    CPU_ZERO(&one);
+    CPU_SET(0, &one);
+    ::sched_setaffinity(0, sizeof one, &one);
 }
 
 }  // namespace
@@ -267,19 +354,15 @@ int main(int argc, char** argv) {
     mosquitto_lib_init();
     try {
         if (argc == 3 && std::string(argv[1]) == "--echo") return echo(std::atoi(argv[2]));
-        const std::chrono::duration<double> duration(argc > 1 ? std::atof(argv[1]) : 0.5);
-        std::string folder = "/tmp/bench-properties-XXXXXX";
-        if (::mkdtemp(folder.data()) == nullptr) throw std::runtime_error("no temporary folder");
-        {
-            const fakes::Broker broker("set_tcp_nodelay true\n");
-            const std::string port = std::to_string(broker.port());
-            const Process responder({std::filesystem::read_symlink("/proc/self/exe"), "--echo", port});
-            const Process service({PROP_SERVICE, "--host", address, "--port", port, "--store", folder + "/s.db",
-                                   "--catalogue", CATALOGUE});
-            ::poll(nullptr, 0, 500);  // both are connected by then
-            for (const int clients : {1, many}) measure(broker.port(), clients, duration);
-        }
-        std::filesystem::remove_all(folder);
+        const std::chrono::duration<double> duration(argc > 1 ? std::atof(argv[1]) : 0.15);
+        cpu_set_t all;
+        ::sched_getaffinity(0, sizeof all, &all);
+        std::printf("Everything on one CPU\n");
+        useFirstCpuOnly();
+        measureAll(duration);
+        std::printf("On %d CPUs\n", CPU_COUNT(&all));
+        ::sched_setaffinity(0, sizeof all, &all);
+        measureAll(duration);
         return EXIT_SUCCESS;
     } catch (const std::exception& error) {
         std::fprintf(stderr, "bench_properties: %s\n", error.what());

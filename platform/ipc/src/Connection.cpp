@@ -7,6 +7,7 @@
 #include <cerrno>
 #include <utility>
 
+#include "Socket.h"
 #include "Thread.h"
 #include "debug/Debug.h"
 #include "ipc/IPCException.h"
@@ -16,6 +17,7 @@ namespace ipc {
 namespace {
 
 constexpr std::chrono::milliseconds flushTime{500};
+constexpr std::size_t manyBytes = std::size_t{4} * 1024 * 1024;
 
 bool isConnectionFailure(int result) {
     return result == MOSQ_ERR_NO_CONN || result == MOSQ_ERR_CONN_LOST || result == MOSQ_ERR_ERRNO;
@@ -79,6 +81,11 @@ void Connection::dropSession() {
     sessionDropped_ = true;
 }
 
+void Connection::sendTogether() {
+    const std::lock_guard<std::mutex> lock(mutex_);
+    cork();
+}
+
 void Connection::resumeReading() {
     {
         const std::lock_guard<std::mutex> lock(mutex_);
@@ -109,7 +116,7 @@ bool Connection::publish(const Message& message) {
         if (waiting_.size() >= maxWaiting) throw IPCException("Too many messages wait for the broker");
         enqueue(message, false);
         if (waiting_.back().mid < 0) {
-            waiting_.pop_back();
+            forget(std::prev(waiting_.end()));
             throw IPCException("The broker takes no such message: \"" + std::string(message.topic) + "\"");
         }
         return true;
@@ -132,6 +139,7 @@ int Connection::send(const Message& message, bool retain, int* mid) {
     const int result = mosquitto_publish_v5(handle_.get(), mid, std::string(message.topic).c_str(),
                                             static_cast<int>(message.payload.size()), message.payload.data(),
                                             message.qualityOfService, retain, properties.get());
+    if (mosquitto_want_write(handle_.get())) backlogBytes_ += message.payload.size();
     wakeIfBehind();
     return result;
 }
@@ -139,7 +147,18 @@ int Connection::send(const Message& message, bool retain, int* mid) {
 void Connection::enqueue(const Message& message, bool retain) {
     waiting_.push_back({std::string(message.topic), std::string(message.payload), retain, message.responseTopic,
                         message.correlationData, 0});
+    waitingBytes_ += message.payload.size();
     if (up_) sendWaiting(waiting_.back());
+}
+
+std::deque<Connection::Waiting>::iterator Connection::forget(std::deque<Waiting>::iterator waiting) {
+    waitingBytes_ -= waiting->payload.size();
+    return waiting_.erase(waiting);
+}
+
+void Connection::cork() {
+    if (!corked_) setCork(mosquitto_socket(handle_.get()), true);
+    corked_ = true;
 }
 
 void Connection::sendWaiting(Waiting& waiting) {
@@ -158,23 +177,20 @@ void Connection::wakeIfBehind() {
         ++backlog_;
         wake();
     } else {
-        backlog_ = 0;
+        caughtUp();
     }
 }
 
-bool Connection::waitForRoom() {
-    std::unique_lock<std::mutex> lock(mutex_);
-    const auto room = [this] { return waiting_.size() < maxWaiting / 2; };
-    changed_.wait(lock, [&] { return waitingStopped_ || closing_ || room(); });
-    return room();
+void Connection::caughtUp() {
+    backlog_ = 0;
+    backlogBytes_ = 0;
 }
 
-void Connection::stopWaiting() {
-    {
-        const std::lock_guard<std::mutex> lock(mutex_);
-        waitingStopped_ = true;
-    }
-    changed_.notify_all();
+Connection::Congestion Connection::congestion() {
+    const std::lock_guard<std::mutex> lock(mutex_);
+    if (backlog_ >= maxWaiting / 2 || backlogBytes_ >= manyBytes) return Congestion::unsent;
+    if (waiting_.size() >= maxWaiting / 2 || waitingBytes_ >= manyBytes) return Congestion::unacknowledged;
+    return Congestion::none;
 }
 
 // ---- subscriptions ----

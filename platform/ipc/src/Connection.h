@@ -3,8 +3,8 @@
 //
 // Threads: one network thread opens, reads and closes; it alone waits on the socket. Every operation may be called from
 // any thread: one mutex guards the libmosquitto handle and all state, and is never held over anything that waits. The
-// listener is called on the network thread with that mutex held: it must not call back into the connection, run user
-// code or wait.
+// listener is called on the network thread with that mutex held, but for `roundEnded`: it must not call back into the
+// connection, run user code or wait.
 #pragma once
 
 #include <chrono>
@@ -36,6 +36,9 @@ class ConnectionListener {
     virtual void connectionLost(const std::string& cause) = 0;
     /// Returns whether to go on reading; if not, nothing comes before `resumeReading`.
     virtual bool messageArrived(const Incoming& message) = 0;
+    /// What had come is delivered. Called without the mutex: here the listener may use the connection and take its
+    /// time, while nothing more is read.
+    virtual void roundEnded() {}
     /// The broker has a message that was published with quality of service 1.
     virtual void messageAcknowledged(const std::string& topic) = 0;
 };
@@ -60,7 +63,7 @@ class Connection {
         std::string correlationData;  // empty: none
     };
 
-    /// Messages with quality of service 1 that may wait for the broker.
+    /// Messages with quality of service 1 that may wait for the broker, and those with 0 that may wait for the socket.
     static constexpr std::size_t maxWaiting = 10000;
     /// The largest packet that the broker may send us, and the largest payload that we send.
     static constexpr std::uint32_t maxPacket = std::uint32_t{16} * 1024 * 1024;
@@ -87,9 +90,13 @@ class Connection {
     /// is acknowledged. Throws IPCException for a topic or payload that MQTT does not allow, and when too many wait.
     bool publish(const Message& message);
 
-    /// Blocks while more than half of `maxWaiting` wait. Returns false when `stopWaiting` ended that.
-    bool waitForRoom();
-    void stopWaiting();
+    /// What a sender that has much to say should wait for before it goes on: that the socket takes what is sent, or
+    /// that the broker acknowledges it.
+    enum class Congestion { none, unsent, unacknowledged };
+    Congestion congestion();
+
+    /// Inside `roundEnded`: what is published from here to its end leaves in as few segments as possible.
+    void sendTogether();
 
     /// The identifier that the broker names in messages for the filter. `retained` is one of
     /// MQTT_SUB_OPT_SEND_RETAIN_…. `registered` is called with it before the first message can come, as the listener is
@@ -130,6 +137,7 @@ class Connection {
     void pump(std::unique_lock<std::mutex>& lock);
     bool mayGoOn(Clock::time_point now);
     void service(short events);
+    int readWhatCame();
     void accepted();
     void becomeReady();
     void afterLoss();
@@ -147,7 +155,10 @@ class Connection {
     void enqueue(const Message& message, bool retain);
     void sendSubscription(std::uint32_t identifier, Subscription& subscription);
     void fail(const std::string& cause);
+    std::deque<Waiting>::iterator forget(std::deque<Waiting>::iterator waiting);
+    void cork();
     void wakeIfBehind();
+    void caughtUp();
     void wake() const;
 
     const Options options_;
@@ -167,13 +178,15 @@ class Connection {
     bool everUp_ = false;
     bool everReady_ = false;
     bool closing_ = false;
-    bool waitingStopped_ = false;
     bool ended_ = false;  // the thread has given up or was closed
     bool sessionDropped_ = false;
     bool readingPaused_ = false;
     bool reading_ = false;
+    bool corked_ = false;
     std::string failure_;      // why this connection failed or ended
-    std::size_t backlog_ = 0;  // quality 0 messages since the socket last took everything
+    std::size_t backlog_ = 0;  // messages since the socket last took everything
+    std::size_t backlogBytes_ = 0;
+    std::size_t arrivals_ = 0;  // messages and acknowledgements so far
     Clock::time_point readyDeadline_;
     Clock::time_point readySince_;
     Clock::time_point closeDeadline_;
@@ -182,6 +195,7 @@ class Connection {
     std::unordered_map<int, std::uint32_t> unanswered_;  // subscriptions by message identifier
     std::uint32_t nextSubscription_ = 1;
     std::deque<Waiting> waiting_;
+    std::size_t waitingBytes_ = 0;
 
     std::thread thread_;
 };

@@ -22,6 +22,7 @@ constexpr milliseconds firstPause{100};
 constexpr milliseconds longestPause{5000};
 constexpr std::chrono::seconds settled{1};  // a connection that lasted this long starts the back-off anew
 constexpr std::uint32_t sessionSeconds = 3600;
+constexpr std::size_t packetsPerRound = 256;
 
 }  // namespace
 
@@ -110,7 +111,8 @@ bool Connection::openHandle(std::unique_lock<std::mutex>& lock, const std::strin
     handle_ = std::move(handle);
     connackSeen_ = false;
     identifiersAllowed_ = true;
-    backlog_ = 0;
+    corked_ = false;
+    caughtUp();
     unanswered_.clear();
     nextUpkeep_ = Clock::now() + upkeepInterval;
     prepareSocket(mosquitto_socket(handle_.get()));
@@ -134,7 +136,15 @@ void Connection::pump(std::unique_lock<std::mutex>& lock) {
         poll(watched, 2, static_cast<int>(std::max<milliseconds::rep>(wait, 0)));
         if (watched[1].revents != 0) drain(wakeup_);
         lock.lock();
+        // Each acknowledgement that is read lets libmosquitto send another message that waits.
+        if (waiting_.size() > 1) cork();
         service(watched[0].revents);
+        lock.unlock();
+        listener_.roundEnded();
+        lock.lock();
+        if (corked_) setCork(mosquitto_socket(handle_.get()), false);
+        if ((watched[0].revents & POLLIN) != 0 && !corked_) acknowledgeAtOnce(mosquitto_socket(handle_.get()));
+        corked_ = false;
     }
 }
 
@@ -165,20 +175,33 @@ void Connection::service(short events) {
     int result = MOSQ_ERR_SUCCESS;
     if ((events & POLLOUT) != 0) result = mosquitto_loop_write(handle, 1);
     if (result == MOSQ_ERR_SUCCESS && (events & (POLLIN | POLLERR | POLLHUP)) != 0) {
-        reading_ = true;
-        result = mosquitto_loop_read(handle, 1);
-        reading_ = false;
-        acknowledgeAtOnce(mosquitto_socket(handle));
+        result = readWhatCame();
     }
     if (result == MOSQ_ERR_SUCCESS && Clock::now() >= nextUpkeep_) {
         result = mosquitto_loop_misc(handle);
         nextUpkeep_ = Clock::now() + upkeepInterval;
     }
-    if (!mosquitto_want_write(handle)) backlog_ = 0;
+    if (!mosquitto_want_write(handle)) caughtUp();
     if (result != MOSQ_ERR_SUCCESS || mosquitto_socket(handle) < 0) return;  // mayGoOn ends it
     // Here and not in the callbacks, inside which libmosquitto sends nothing.
     if (connackSeen_ && !up_) accepted();
     if (up_ && !ready_ && unanswered_.empty()) becomeReady();
+}
+
+/// A round's worth: libmosquitto by itself reads a single packet.
+int Connection::readWhatCame() {
+    const std::size_t enough = arrivals_ + packetsPerRound;
+    int result = MOSQ_ERR_SUCCESS;
+    bool more = true;
+    reading_ = true;
+    while (more) {
+        const std::size_t before = arrivals_;
+        result = mosquitto_loop_read(handle_.get(), 1);
+        const bool goOn = result == MOSQ_ERR_SUCCESS && !readingPaused_ && arrivals_ > before && arrivals_ < enough;
+        more = goOn && hasMore(mosquitto_socket(handle_.get()));
+    }
+    reading_ = false;
+    return result;
 }
 
 void Connection::accepted() {
@@ -187,7 +210,7 @@ void Connection::accepted() {
     for (auto& [identifier, subscription] : subscriptions_) sendSubscription(identifier, subscription);
     // The presence of an earlier connection is out of date, and "online" would come before we can be asked.
     const auto drop = [this](const auto& isDropped) {
-        waiting_.erase(std::remove_if(waiting_.begin(), waiting_.end(), isDropped), waiting_.end());
+        for (auto each = waiting_.begin(); each != waiting_.end();) each = isDropped(*each) ? forget(each) : each + 1;
     };
     if (!options_.statusTopic.empty()) drop([this](const Waiting& each) { return each.topic == options_.statusTopic; });
     for (Waiting& waiting : waiting_) sendWaiting(waiting);
@@ -244,6 +267,7 @@ void Connection::onPublish(mosquitto*, void* self, int mid, int reason, const mo
     auto& connection = *static_cast<Connection*>(self);
     // A message with quality of service 0 reports here too, when it is written.
     if (!connection.reading_) return;
+    ++connection.arrivals_;
     auto& waiting = connection.waiting_;
     const auto found =
         std::find_if(waiting.begin(), waiting.end(), [mid](const Waiting& each) { return each.mid == mid; });
@@ -254,8 +278,7 @@ void Connection::onPublish(mosquitto*, void* self, int mid, int reason, const mo
         dbg::Debug::error() << "The broker refuses a message on " << found->topic << ": "
                             << mosquitto_reason_string(reason) << std::endl;
     }
-    waiting.erase(found);
-    if (waiting.size() < maxWaiting / 2) connection.changed_.notify_all();
+    connection.forget(found);
 }
 
 void Connection::onSubscribe(mosquitto*, void* self, int mid, int count, const int* granted,
@@ -287,6 +310,7 @@ void Connection::onMessage(mosquitto*, void* self, const mosquitto_message* mess
     }
     incoming.qualityOfService = message->qos;
     incoming.properties = properties;
+    ++connection.arrivals_;
     if (!connection.listener_.messageArrived(incoming)) connection.readingPaused_ = true;
 }
 

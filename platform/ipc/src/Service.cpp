@@ -1,9 +1,9 @@
 #include "Service.h"
 
+#include <algorithm>
 #include <exception>
 #include <utility>
 
-#include "Thread.h"
 #include "debug/Debug.h"
 #include "ipc/IPCException.h"
 
@@ -11,9 +11,13 @@ namespace ipc {
 
 namespace {
 
-// Beyond either the socket is left unread until the handler has caught up: senders wait, nothing is dropped.
+// Beyond either the socket is left unread until what is in hand has been sent: senders wait, nothing is dropped.
 constexpr std::size_t maxRequests = 100000;
 constexpr std::size_t maxBytes = std::size_t{32} * 1024 * 1024;
+// Waiting for acknowledgements the socket has to be read. Beyond this many times the limits requests are dropped then.
+constexpr std::size_t mostTimes = 4;
+// What is handled at once; answers can be large.
+constexpr std::size_t maxBatch = 64;
 
 }  // namespace
 
@@ -33,72 +37,73 @@ void Service::start(const std::string& host, const std::string& statusTopic, con
     connection_ = std::make_unique<Connection>(options, static_cast<ConnectionListener&>(*this));
     // A retained request would be carried out again on every connection.
     for (const std::string& topic : topics) connection_->subscribe(topic, 1, MQTT_SUB_OPT_SEND_RETAIN_NEVER);
-    thread_ = startThread("ipc-service", [this] { handleRequests(); });
     connection_->open(host, true);
 }
 
 void Service::stop() {
-    {
-        const std::lock_guard<std::mutex> lock(mutex_);
-        stopping_ = true;
-        inbox_.clear();
-        inboxBytes_ = 0;
-    }
-    changed_.notify_all();
+    stopping_ = true;
     if (!connection_) return;
-    connection_->stopWaiting();
-    if (thread_.joinable()) thread_.join();
+    // What is carried out is answered before the goodbye.
+    { const std::lock_guard<std::mutex> lock(round_); }
     connection_->close();
 }
 
+bool Service::isFull(std::size_t times) const {
+    return inbox_.size() >= times * maxRequests || inboxBytes_ >= times * maxBytes;
+}
+
 bool Service::messageArrived(const Incoming& message) {
+    if (stopping_) return true;
+    if (isFull(mostTimes)) {
+        if (!dropping_) {
+            dbg::Debug::error() << "Requests are dropped: they come faster than the broker acknowledges changes"
+                                << std::endl;
+        }
+        dropping_ = true;
+        return true;
+    }
     ServiceRequest request{std::string(message.topic), std::string(message.payload), message.responseTopic(),
                            message.correlationData(), message.qualityOfService};
-    const std::lock_guard<std::mutex> lock(mutex_);
-    if (stopping_) return true;
     inboxBytes_ += request.topic.size() + request.payload.size();
     inbox_.push_back(std::move(request));
-    changed_.notify_one();
-    const bool full = inbox_.size() >= maxRequests || inboxBytes_ >= maxBytes;
-    if (full && !paused_) {
-        dbg::Debug::warning() << "Requests come faster than they are handled; the rest has to wait" << std::endl;
-    }
-    paused_ = paused_ || full;
+    paused_ = isFull(1);
     return !paused_;
 }
 
-void Service::handleRequests() {
-    std::vector<ServiceRequest> batch;
-    for (;;) {
-        bool resume = false;
-        {
-            std::unique_lock<std::mutex> lock(mutex_);
-            changed_.wait(lock, [this] { return stopping_ || !inbox_.empty(); });
-            if (stopping_) return;
-            batch.clear();
-            batch.swap(inbox_);
-            inboxBytes_ = 0;
-            resume = paused_;
-            paused_ = false;
-        }
-        if (resume) connection_->resumeReading();
-        answer(batch);
+void Service::roundEnded() {
+    const std::lock_guard<std::mutex> lock(round_);
+    while (sendWhatThereIsRoomFor() && !inbox_.empty() && !stopping_) handleSome();
+    if (!isFull(1)) dropping_ = false;
+    if (paused_ && (!isFull(1) || connection_->congestion() == Connection::Congestion::unacknowledged)) {
+        paused_ = false;
+        connection_->resumeReading();
     }
 }
 
-void Service::answer(const std::vector<ServiceRequest>& batch) noexcept {
-    std::vector<OutgoingMessage> outgoing;
+void Service::handleSome() noexcept {
+    batch_.clear();
+    while (!inbox_.empty() && batch_.size() < maxBatch) {
+        inboxBytes_ -= inbox_.front().topic.size() + inbox_.front().payload.size();
+        batch_.push_back(std::move(inbox_.front()));
+        inbox_.pop_front();
+    }
     try {
-        outgoing = handler_(batch);
+        outbox_ = handler_(batch_);
     } catch (const std::exception& error) {
         dbg::Debug::error() << "Exception in the request handler: " << error.what() << std::endl;
     } catch (...) {
         dbg::Debug::error() << "Unknown exception in the request handler" << std::endl;
     }
-    for (OutgoingMessage& message : outgoing) {
+}
+
+/// Returns whether that was all.
+bool Service::sendWhatThereIsRoomFor() {
+    if (outbox_.size() > 1) connection_->sendTogether();
+    for (; sent_ < outbox_.size(); ++sent_) {
+        if (connection_->congestion() != Connection::Congestion::none) return false;
+        OutgoingMessage& message = outbox_[sent_];
         if (message.topic.empty()) continue;  // the answer to a request that wanted none
         try {
-            if (message.qualityOfService > 0 && !connection_->waitForRoom()) return;
             connection_->publish(
                 {message.topic, message.payload, message.qualityOfService, {}, std::move(message.correlationData)});
         } catch (const std::exception& error) {
@@ -106,6 +111,9 @@ void Service::answer(const std::vector<ServiceRequest>& batch) noexcept {
             dbg::Debug::warning() << "Cannot send on " << message.topic << ": " << error.what() << std::endl;
         }
     }
+    outbox_.clear();
+    sent_ = 0;
+    return true;
 }
 
 }  // namespace ipc

@@ -5,6 +5,7 @@
 #include <netinet/in.h>
 #include <netinet/tcp.h>
 #include <poll.h>
+#include <sys/ioctl.h>
 #include <sys/socket.h>
 #include <unistd.h>
 
@@ -19,8 +20,19 @@ namespace ipc {
 
 void acknowledgeAtOnce(int socket) {
     if (socket < 0) return;
-    const int on = 1;
-    setsockopt(socket, IPPROTO_TCP, TCP_QUICKACK, &on, sizeof on);
+    // With 1 the kernel would acknowledge the next packet at once too, although an answer to it is about to do that.
+    const int now = 2;
+    setsockopt(socket, IPPROTO_TCP, TCP_QUICKACK, &now, sizeof now);
+}
+
+void setCork(int socket, bool on) {
+    const int value = on ? 1 : 0;
+    setsockopt(socket, IPPROTO_TCP, TCP_CORK, &value, sizeof value);
+}
+
+bool hasMore(int socket) {
+    int bytes = 0;
+    return ioctl(socket, FIONREAD, &bytes) == 0 && bytes > 0;
 }
 
 void prepareSocket(int socket) {

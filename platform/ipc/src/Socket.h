@@ -7,10 +7,15 @@
 
 namespace ipc {
 
-/// Makes the kernel acknowledge what comes in at once, until it changes its mind: to be repeated after each read. A
-/// broker that has Nagle's algorithm on holds its next packet back until the last one is acknowledged, which costs 40
-/// ms.
+/// Acknowledges what came in and was not acknowledged by an answer: to be repeated after each read. A broker that has
+/// Nagle's algorithm on holds its next packet back until the last one is acknowledged, which costs 40 ms.
 void acknowledgeAtOnce(int socket);
+
+/// While `on`, what is written leaves in full segments only; what is left then leaves in one when that ends.
+void setCork(int socket, bool on);
+
+/// Whether something can be read without waiting.
+bool hasMore(int socket);
 
 /// What libmosquitto leaves to do on a new socket: the above, and that no program we start inherits it.
 void prepareSocket(int socket);

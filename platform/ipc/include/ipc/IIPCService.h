@@ -1,6 +1,6 @@
 // The other end of `IIPCClient::request`: a program that answers requests on some topics, keeps a retained presence,
-// and publishes notifications. One handler thread calls the handler for one request after the other, in the order in
-// which they came; the network thread runs no user code.
+// and publishes notifications. One thread reads requests, calls the handler and sends what it returns, so that a
+// request is handed to nobody on its way.
 #pragma once
 
 #include <functional>
@@ -28,8 +28,10 @@ struct OutgoingMessage {
 
 class IIPCService {
  public:
-    /// Called on the handler thread with every request that waits, oldest first, so that a handler can group its
-    /// work; returns what is to be sent. An exception that leaves it is logged; its requests stay unanswered.
+    /// Called on the service's thread with requests that wait, 64 at most, oldest first, so that a handler can group
+    /// its work; returns what is to be sent. It may wait for a disk, but never for the bus: nothing is read while it
+    /// runs, and after a minute and a half the broker gives the service up. An exception that leaves it is logged; its
+    /// requests stay unanswered. It is not called again before the broker has taken most of what it returned.
     using Handler = std::function<std::vector<OutgoingMessage>(const std::vector<ServiceRequest>&)>;
 
     virtual ~IIPCService() = default;
@@ -40,7 +42,8 @@ class IIPCService {
     virtual void start(const std::string& host, const std::string& statusTopic, const std::vector<std::string>& topics,
                        Handler handler) = 0;
 
-    /// Says "offline", closes the connection and ends both threads. Requests not yet handed over are dropped.
+    /// Sends what the handler has returned as far as the broker takes it, says "offline", closes the connection and
+    /// ends the thread. Requests not yet handed over are dropped. Waits for a handler that runs.
     virtual void stop() = 0;
 };
 

@@ -3,11 +3,14 @@
 #include <unistd.h>
 
 #include <atomic>
+#include <future>
 #include <string_view>
+#include <thread>
 
 #include "BusFixtures.h"
 #include "Mqtt.h"
 #include "fakes/Broker.h"
+#include "fakes/StubbornBroker.h"
 
 namespace {
 
@@ -84,7 +87,6 @@ TEST(Service, LetsTheSendersWaitWhenItCannotKeepUp) {
     Gate gate;
     Recorder recorder;
     std::atomic<size_t> handled{0};
-    const KeptStderr log;
     EchoService service(broker.address(), [&](const std::vector<ipc::ServiceRequest>& requests) {
         gate.pass();
         handled += requests.size();
@@ -96,10 +98,39 @@ TEST(Service, LetsTheSendersWaitWhenItCannotKeepUp) {
     ASSERT_TRUE(recorder.waitForMessages(1));
     const std::string large(size_t{64} * 1024, 'x');
     for (int i = 0; i < 700; ++i) client->publish("test-service/ask", large, 1);  // 44 MiB
-    EXPECT_TRUE(eventually([&] { return log.contains("Requests come faster than they are handled"); }));
     gate.open();
     EXPECT_TRUE(eventually([&] { return handled == 700; }));
     client->disconnect();
+}
+
+// Whoever waits for the broker's acknowledgements must go on reading: they come behind the requests.
+TEST(Service, HoldsBackAndThenDropsRequestsWhileTheBrokerAcknowledgesNothing) {
+    fakes::StubbornBroker broker;
+    std::atomic<size_t> handled{0};
+    std::atomic<bool> last{false};
+    const KeptStderr log;
+    EchoService service(broker.address(), [&](const std::vector<ipc::ServiceRequest>& requests) {
+        std::vector<ipc::OutgoingMessage> changes;
+        for (const auto& request : requests) {
+            changes.push_back({"test-changes", request.payload, "", 1});
+            last = last || request.payload == "last";
+        }
+        handled += requests.size();
+        return changes;
+    });
+    constexpr size_t kibibyte = 1024;
+    constexpr size_t times = 2500;
+    broker.send("test-service/ask", std::string(64 * kibibyte, 'x'), times);
+    ASSERT_TRUE(eventually([&] { return broker.isTaken() && log.contains("Requests are dropped"); }));
+    const size_t before = handled;
+    EXPECT_GE(before, 64U);   // 4 MiB of changes may wait for the broker
+    EXPECT_LE(before, 192U);  // and what was in hand by then
+    broker.giveIn();
+    const size_t kept = before + 2 * kibibyte;  // 128 MiB
+    EXPECT_TRUE(eventually([&] { return handled >= kept; }));
+    EXPECT_LT(handled, times);
+    broker.send("test-service/ask", "last", 1);
+    EXPECT_TRUE(eventually([&] { return last.load(); }));
 }
 
 TEST(Service, CarriesOutARequestWithoutAResponseTopic) {
@@ -137,6 +168,26 @@ TEST(Service, OutlivesAnExceptionOfTheHandler) {
     ASSERT_TRUE(waitForService(*client));
     EXPECT_THROW(ask(*client, "bad", std::chrono::milliseconds(100)), ipc::IPCTimeoutException);
     EXPECT_EQ(ask(*client, "good"), "re:good");
+}
+
+TEST(Service, AnswersWhatItHasInHandBeforeItStops) {
+    Broker broker;
+    std::future<void> stopped;
+    EchoService service(broker.address(), [&](const std::vector<ipc::ServiceRequest>& requests) {
+        if (requests[0].payload == "stop") {
+            stopped = std::async(std::launch::async, [&] { service.stop(); });
+            for (int i = 0; i < 1000; ++i) std::this_thread::yield();  // it is waiting by now, more often than not
+        }
+        return EchoService::echo(requests);
+    });
+    const auto client = newClient("asker");
+    client->watchPresence(statusTopic);
+    client->connect(broker.address());
+    ASSERT_TRUE(waitForService(*client));
+    std::string answer;
+    EXPECT_NO_THROW(answer = ask(*client, "stop"));
+    stopped.wait();
+    EXPECT_EQ(answer, "re:stop");
 }
 
 TEST(Service, DoesNotCarryOutARetainedRequestAgain) {

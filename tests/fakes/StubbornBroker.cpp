@@ -1,0 +1,151 @@
+#include "fakes/StubbornBroker.h"
+
+#include <arpa/inet.h>
+#include <netinet/in.h>
+#include <poll.h>
+#include <sys/eventfd.h>
+#include <sys/socket.h>
+#include <unistd.h>
+
+#include <stdexcept>
+
+namespace fakes {
+
+namespace {
+
+enum Type { connect = 1, connack = 2, publish = 3, puback = 4, subscribe = 8, suback = 9, pingreq = 12, pingresp = 13 };
+
+std::string packet(int firstByte, const std::string& body) {
+    std::string bytes(1, static_cast<char>(firstByte));
+    std::size_t length = body.size();
+    do {
+        bytes += static_cast<char>((length % 128) | (length >= 128 ? 128 : 0));
+        length /= 128;
+    } while (length > 0);
+    return bytes + body;
+}
+
+std::string text(const std::string& value) {
+    return std::string{static_cast<char>(value.size() / 256), static_cast<char>(value.size() % 256)} + value;
+}
+
+}  // namespace
+
+StubbornBroker::StubbornBroker() : wakeup_(eventfd(0, EFD_NONBLOCK | EFD_CLOEXEC)) {
+    listener_ = socket(AF_INET, SOCK_STREAM | SOCK_CLOEXEC, 0);
+    sockaddr_in address{};
+    address.sin_family = AF_INET;
+    address.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
+    auto* const generic = reinterpret_cast<sockaddr*>(&address);
+    socklen_t size = sizeof address;
+    if (bind(listener_, generic, size) != 0 || listen(listener_, 4) != 0) throw std::runtime_error("Cannot listen");
+    getsockname(listener_, generic, &size);
+    port_ = ntohs(address.sin_port);
+    thread_ = std::thread([this] { run(); });
+}
+
+StubbornBroker::~StubbornBroker() {
+    stopping_ = true;
+    eventfd_write(wakeup_, 1);
+    thread_.join();
+    close(listener_);
+    close(wakeup_);
+}
+
+void StubbornBroker::send(const std::string& topic, const std::string& payload, std::size_t times) {
+    message_ = packet(publish << 4, text(topic) + '\0' + payload);
+    toSend_ = times;
+    eventfd_write(wakeup_, 1);
+}
+
+void StubbornBroker::giveIn() {
+    givesIn_ = true;
+    eventfd_write(wakeup_, 1);
+}
+
+void StubbornBroker::run() {
+    while (!stopping_) {
+        pollfd waiting[2] = {{listener_, POLLIN, 0}, {wakeup_, POLLIN, 0}};
+        poll(waiting, 2, -1);
+        if (waiting[0].revents == 0) continue;
+        const int client = accept4(listener_, nullptr, nullptr, SOCK_NONBLOCK | SOCK_CLOEXEC);
+        input_.clear();
+        output_.clear();
+        owed_.clear();
+        subscribed_ = false;
+        while (!stopping_ && talk(client)) {
+        }
+        close(client);
+    }
+}
+
+bool StubbornBroker::talk(int client) {
+    if (subscribed_ && output_.empty() && toSend_ > 0) {
+        output_ = message_;
+        --toSend_;
+    }
+    pollfd waiting[2] = {{client, static_cast<short>(POLLIN | (output_.empty() ? 0 : POLLOUT)), 0},
+                         {wakeup_, POLLIN, 0}};
+    poll(waiting, 2, -1);
+    if (waiting[1].revents != 0) {
+        eventfd_t count = 0;
+        eventfd_read(wakeup_, &count);
+    }
+    if ((waiting[0].revents & POLLOUT) != 0) {
+        const ssize_t written = ::send(client, output_.data(), output_.size(), MSG_NOSIGNAL);
+        if (written > 0) output_.erase(0, static_cast<std::size_t>(written));
+    }
+    if ((waiting[0].revents & (POLLIN | POLLHUP | POLLERR)) != 0) {
+        char buffer[65536];
+        const ssize_t size = recv(client, buffer, sizeof buffer, 0);
+        if (size <= 0) return false;
+        input_.append(buffer, static_cast<std::size_t>(size));
+        while (const std::size_t taken = takePacket(input_)) input_.erase(0, taken);
+    }
+    if (givesIn_) {
+        for (const std::string& identifier : owed_) output_ += packet(puback << 4, identifier);
+        owed_.clear();
+    }
+    return true;
+}
+
+/// Returns the size of the packet that the bytes begin with, 0 when it is not whole yet.
+std::size_t StubbornBroker::takePacket(const std::string& bytes) {
+    std::size_t length = 0;
+    std::size_t at = 1;
+    for (std::size_t factor = 1;; factor *= 128) {
+        if (at >= bytes.size()) return 0;
+        const auto byte = static_cast<unsigned char>(bytes[at++]);
+        length += (byte % 128U) * factor;
+        if (byte < 128U) break;
+    }
+    if (bytes.size() < at + length) return 0;
+    answer(static_cast<unsigned char>(bytes[0]), bytes.substr(at, length));
+    return at + length;
+}
+
+void StubbornBroker::answer(int first, const std::string& body) {
+    switch (first >> 4) {
+        case connect:
+            output_ += packet(connack << 4, std::string(3, '\0'));
+            break;
+        case subscribe:
+            output_ += packet(suback << 4, body.substr(0, 2) + '\0' + '\1');
+            subscribed_ = true;
+            break;
+        case pingreq:
+            output_ += packet(pingresp << 4, "");
+            break;
+        case publish:
+            if ((first & 0x06) != 0) {
+                const auto topic = static_cast<std::size_t>(static_cast<unsigned char>(body[0])) * 256 +
+                                   static_cast<unsigned char>(body[1]);
+                owed_.push_back(body.substr(2 + topic, 2));
+            }
+            break;
+        default:
+            break;
+    }
+}
+
+}  // namespace fakes

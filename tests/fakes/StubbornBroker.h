@@ -1,0 +1,54 @@
+// A broker for one client that does not acknowledge what the client publishes until it is told to.
+#pragma once
+
+#include <atomic>
+#include <cstddef>
+#include <cstdint>
+#include <string>
+#include <thread>
+#include <vector>
+
+namespace fakes {
+
+/// Speaks just enough MQTT v5 by hand: it accepts the connection and every subscription. Ends with the destructor.
+class StubbornBroker {
+ public:
+    StubbornBroker();
+    StubbornBroker(const StubbornBroker&) = delete;
+    StubbornBroker& operator=(const StubbornBroker&) = delete;
+    ~StubbornBroker();
+
+    std::string address() const { return "127.0.0.1:" + std::to_string(port_); }
+
+    /// Sends the client, once it has subscribed, `times` messages of quality 0.
+    void send(const std::string& topic, const std::string& payload, std::size_t times);
+    /// Whether the client has taken everything that was sent.
+    bool isTaken() const { return toSend_ == 0; }
+
+    /// From now on everything is acknowledged, what came before as well.
+    void giveIn();
+
+ private:
+    void run();
+    bool talk(int client);
+    std::size_t takePacket(const std::string& bytes);
+    void answer(int type, const std::string& packet);
+
+    const int wakeup_;
+    int port_ = 0;
+    int listener_ = -1;
+    std::atomic<std::size_t> toSend_{0};
+    std::atomic<bool> givesIn_{false};
+    std::atomic<bool> stopping_{false};
+    std::string message_;  // constant while toSend_ is not 0
+
+    // The thread's own.
+    std::string input_;
+    std::string output_;
+    std::vector<std::string> owed_;  // message identifiers
+    bool subscribed_ = false;
+
+    std::thread thread_;
+};
+
+}  // namespace fakes
