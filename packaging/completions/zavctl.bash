@@ -6,13 +6,24 @@ _zavctl_keys() {
 }
 
 _zavctl() {
-    local cur=${COMP_WORDS[COMP_CWORD]} command='' words=0 index word
+    local cur=${COMP_WORDS[COMP_CWORD]} command='' words=0 index word name
     local host=()
     COMPREPLY=()
     for ((index = 1; index < COMP_CWORD; index++)); do
         word=${COMP_WORDS[index]}
         case $word in
-            --host) ((++index < COMP_CWORD)) && host=(--host "${COMP_WORDS[index]}") ;;
+            --host)
+                # To readline, = and : are words of their own.
+                [ "${COMP_WORDS[index + 1]-}" != = ] || ((++index))
+                name=${COMP_WORDS[++index]-}
+                if [ "${COMP_WORDS[index + 1]-}" = : ]; then
+                    name+=:${COMP_WORDS[index + 2]-}
+                    ((index += 2))
+                fi
+                # It is the broker that is being written.
+                ((index < COMP_CWORD)) || return
+                host=(--host "$name")
+                ;;
             --host=*) host=("$word") ;;
             -*) ;;
             *) if [ -z "$command" ]; then command=$word; else ((++words)); fi ;;

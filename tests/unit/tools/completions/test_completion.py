@@ -57,6 +57,15 @@ class CompletionTest(unittest.TestCase):
         with open(self.calls, encoding="ascii") as file:
             self.assertEqual(file.read().splitlines()[-1], "--host h:1 keys State")
 
+    def test_the_broker_as_readline_divides_it(self):
+        for host in (["--host", "h", ":", "1"], ["--host", "=", "h", ":", "1"], ["--host=h:1"]):
+            self.assertEqual(self.offered(*host, "get", "NET.M"), ["NET.MAC.Address"])
+            self.assertEqual(self.offered("get", *host, "NET.M"), ["NET.MAC.Address"])
+        with open(self.calls, encoding="ascii") as file:
+            self.assertEqual(set(file.read().splitlines()), {"--host h:1 keys NET.M", "--host=h:1 keys NET.M"})
+        for host in (["--host", "s"], ["--host", "=", "s"], ["--host", "="], ["--host", "h", ":"], ["--host", "h", ":", "1"]):
+            self.assertEqual(self.offered(*host), [], "no command stands there")
+
     def test_a_value_is_not_completed(self):
         self.assertEqual(self.offered("set", "NET.MAC.Address", "N"), [])
 
