@@ -1,0 +1,133 @@
+"""The broker as it is shipped, settings and access list: what it refuses costs nobody the connection."""
+
+import subprocess
+import threading
+import unittest
+
+import paho.mqtt.client as mqtt
+from paho.mqtt.packettypes import PacketTypes
+
+import phone
+
+BROKER = f"{phone.PROJECT}/packaging/broker"
+STATUS = "prop-service/status"
+
+
+class Client:
+    """One connection, which is not made anew; a word for each thing that happens on it."""
+
+    def __init__(self, user=None):
+        self.changed = threading.Condition()
+        self.heard = []
+        self.client = mqtt.Client(f"access-{user}", protocol=mqtt.MQTTv5)
+        if user:
+            self.client.username_pw_set(user)
+        self.client.on_subscribe = lambda *_: self.note("subscribed")
+        self.client.on_message = lambda _client, _data, message: self.note(f"{message.topic} {message.payload.decode()}")
+        self.client.on_publish = lambda *_: self.note("sent")
+        self.client.on_disconnect = lambda *_: self.note("cut off")
+        self.client.on_connect = lambda *_: self.note("connected")
+        self.client.connect("127.0.0.1", 1883)
+        self.client.reconnect_delay_set(600, 600)
+        self.client.loop_start()
+        self.wait("connected")
+
+    def close(self):
+        self.client.on_disconnect = None
+        self.client.disconnect()
+        self.client.loop_stop()
+
+    def note(self, word):
+        with self.changed:
+            self.heard.append(word)
+            self.changed.notify_all()
+
+    def wait(self, word, count=1):
+        """All until now, once the word or the end of the connection is among it."""
+        with self.changed:
+            if not self.changed.wait_for(lambda: self.heard.count(word) >= count or "cut off" in self.heard, phone.DEADLINE):
+                raise phone.Late(f"no {word!r} in {self.heard}")
+            return list(self.heard)
+
+    def subscribe(self, topic):
+        self.client.subscribe(topic, options=mqtt.SubscribeOptions(qos=1))
+
+    def ask(self, text, quality, answer_on):
+        properties = mqtt.Properties(PacketTypes.PUBLISH)
+        properties.ResponseTopic = answer_on
+        self.client.publish("prop-service/get", text, quality, properties=properties)
+
+
+class AccessTest(unittest.TestCase):
+    def setUp(self):
+        with open(f"{BROKER}/mosquitto.conf", encoding="utf-8") as file:
+            settings = file.read()
+        self.assertIn("acl_file /etc/mosquitto/zav.acl\n", settings)
+        # There is no other user and no such folder in this sandbox.
+        with open("/run/phone/shipped.conf", "w", encoding="utf-8") as file:
+            file.write("user root\n" + settings.replace("/etc/mosquitto/zav.acl", f"{BROKER}/acl"))
+        self.start("mosquitto", "-c", "/run/phone/shipped.conf")
+        phone.wait_until(self.serves, "the broker")
+        self.start("prop-service", "--store", "/config/properties.db", "--catalogue",
+                   f"{phone.PROJECT}/services/property-service/catalogue.json")
+        self.looker = self.client()
+        self.looker.subscribe(STATUS)
+        self.looker.wait(f"{STATUS} online")
+
+    def start(self, *command):
+        with open(f"/run/phone/{command[0]}.shipped.log", "ab") as log:
+            process = subprocess.Popen(command, stdout=log, stderr=log)
+        self.addCleanup(process.wait)
+        self.addCleanup(process.kill)
+
+    def serves(self):
+        return subprocess.run(["mosquitto_sub", "-V", "5", "-t", STATUS, "-E", "-W", "5"], stderr=subprocess.DEVNULL, check=False).returncode == 0
+
+    def client(self, user=None):
+        client = Client(user)
+        self.addCleanup(client.close)
+        return client
+
+    def test_a_refused_message_is_dropped_and_its_sender_stays(self):
+        for quality in (0, 1):
+            with self.subTest(quality):
+                client = self.client()
+                client.client.publish("prop-service/set", '{"param":"Time.Format","value":"12h"}', quality)
+                client.subscribe(STATUS)
+                self.assertNotIn("cut off", client.wait(f"{STATUS} online"))
+        tool = self.client("zavctl")
+        tool.subscribe("zavctl/reply/1")
+        tool.wait("subscribed")
+        tool.ask('{"param":"Time.Format"}', 1, "zavctl/reply/1")
+        unchanged = 'zavctl/reply/1 {"param":"Time.Format","value":"24h"}'
+        self.assertIn(unchanged, tool.wait(unchanged))
+
+    def test_a_refused_subscription_hears_nothing_and_leaves_the_others(self):
+        client = self.client()
+        client.subscribe("prop-service-time/#")
+        client.subscribe(STATUS)
+        client.wait(f"{STATUS} online")
+        tool = self.client("zavctl")
+        tool.subscribe("prop-service-time/#")
+        tool.wait("subscribed")
+        change = '{"param":"Time.Format","value":"12h","source":""}'
+        tool.client.publish("prop-service/set", change, 1)
+        tool.wait(f"prop-service-time/Time.Format {change}")
+        # What the broker had for it comes before its answer to this.
+        client.subscribe(STATUS)
+        self.assertEqual([word for word in client.wait("subscribed", 3) if "Time.Format" in word or word == "cut off"], [])
+
+    def test_an_answer_that_is_refused_leaves_the_service_on_the_bus(self):
+        tool = self.client("zavctl")
+        tool.subscribe("zavctl/reply/1")
+        tool.wait("subscribed")
+        for quality in (0, 1):
+            tool.ask('{"param":"Time.Format"}', quality, "zavctl/elsewhere")
+        tool.ask('{"param":"NET.MAC.Address"}', 1, "zavctl/reply/1")
+        answer = 'zavctl/reply/1 {"param":"NET.MAC.Address","value":""}'
+        self.assertIn(answer, tool.wait(answer))
+        self.assertEqual([word for word in self.looker.heard if word.startswith(STATUS)], [f"{STATUS} online"])
+
+
+if __name__ == "__main__":
+    phone.main()
