@@ -38,7 +38,7 @@ namespace {
 
 using Clock = std::chrono::steady_clock;
 constexpr char address[] = "127.0.0.1";
-constexpr int rounds = 11;
+constexpr int rounds = 9;
 constexpr int many = 64;
 constexpr char echoStatus[] = "echo/status";
 constexpr char serviceStatus[] = "prop-service/status";
@@ -354,7 +354,7 @@ int main(int argc, char** argv) {
     mosquitto_lib_init();
     try {
         if (argc == 3 && std::string(argv[1]) == "--echo") return echo(std::atoi(argv[2]));
-        const std::chrono::duration<double> duration(argc > 1 ? std::atof(argv[1]) : 0.15);
+        const std::chrono::duration<double> duration(argc > 1 ? std::atof(argv[1]) : 0.25);
         cpu_set_t all;
         ::sched_getaffinity(0, sizeof all, &all);
         std::printf("Everything on one CPU\n");
