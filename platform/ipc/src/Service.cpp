@@ -12,8 +12,8 @@ namespace ipc {
 namespace {
 
 // Beyond either the socket is left unread until what is in hand has been sent: senders wait, nothing is dropped.
-constexpr std::size_t maxRequests = 100000;
-constexpr std::size_t maxBytes = std::size_t{32} * 1024 * 1024;
+constexpr std::size_t maxRequests = 25000;
+constexpr std::size_t maxBytes = std::size_t{16} * 1024 * 1024;
 // Waiting for acknowledgements the socket has to be read. Beyond this many times the limits requests are dropped then.
 constexpr std::size_t mostTimes = 4;
 // What is handled at once; answers can be large.
@@ -43,8 +43,11 @@ void Service::start(const std::string& host, const std::string& statusTopic, con
 void Service::stop() {
     stopping_ = true;
     if (!connection_) return;
-    // What is carried out is answered before the goodbye.
-    { const std::lock_guard<std::mutex> lock(round_); }
+    {
+        // What is carried out is answered before the goodbye.
+        const std::lock_guard<std::mutex> lock(round_);
+        send(false);
+    }
     connection_->close();
 }
 
@@ -72,7 +75,7 @@ bool Service::messageArrived(const Incoming& message) {
 
 void Service::roundEnded() {
     const std::lock_guard<std::mutex> lock(round_);
-    while (sendWhatThereIsRoomFor() && !inbox_.empty() && !stopping_) handleSome();
+    while (send(true) && !inbox_.empty() && !stopping_) handleSome();
     if (!isFull(1)) dropping_ = false;
     if (paused_ && (!isFull(1) || connection_->congestion() == Connection::Congestion::unacknowledged)) {
         paused_ = false;
@@ -96,11 +99,11 @@ void Service::handleSome() noexcept {
     }
 }
 
-/// Returns whether that was all.
-bool Service::sendWhatThereIsRoomFor() {
+/// Returns whether all of the outbox has been sent.
+bool Service::send(bool onlyWhileThereIsRoom) {
     if (outbox_.size() > 1) connection_->sendTogether();
     for (; sent_ < outbox_.size(); ++sent_) {
-        if (connection_->congestion() != Connection::Congestion::none) return false;
+        if (onlyWhileThereIsRoom && connection_->congestion() != Connection::Congestion::none) return false;
         OutgoingMessage& message = outbox_[sent_];
         if (message.topic.empty()) continue;  // the answer to a request that wanted none
         try {

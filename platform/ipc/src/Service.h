@@ -37,20 +37,22 @@ class Service final : public IIPCService, private ConnectionListener {
 
     bool isFull(std::size_t times) const;
     void handleSome() noexcept;
-    bool sendWhatThereIsRoomFor();
+    bool send(bool onlyWhileThereIsRoom);
 
     const std::string name_;
     Handler handler_;                         // constant once started
     std::unique_ptr<Connection> connection_;  // constant once started
-    std::mutex round_;                        // held while requests are handled and answered
     std::atomic<bool> stopping_{false};
+
+    std::mutex round_;  // held while requests are handled and answered
+    // Guarded by round_.
+    std::vector<OutgoingMessage> outbox_;
+    std::size_t sent_ = 0;  // of the outbox
 
     // The network thread's own.
     std::deque<ServiceRequest> inbox_;
     std::size_t inboxBytes_ = 0;
     std::vector<ServiceRequest> batch_;
-    std::vector<OutgoingMessage> outbox_;
-    std::size_t sent_ = 0;  // of the outbox
     bool paused_ = false;
     bool dropping_ = false;
 };
