@@ -15,6 +15,8 @@ import uuid
 import paho.mqtt.client as mqtt
 from paho.mqtt.packettypes import PacketTypes
 
+from server import Server
+
 DEADLINE = 30
 HOME = os.environ["PHONE"]
 PROJECT = os.environ["LAB_PROJECT"]
@@ -315,6 +317,23 @@ class PhoneTest(unittest.TestCase):
         wait_until(ended, lambda: "end of the daemon:\n" + "\n".join(self.log.lines()[-40:]))
         with open(status) as file:
             return int(file.read())
+
+
+class ServedPhoneTest(PhoneTest):
+    """A phone whose server is the test's own: it begins with the `answers` of the class."""
+
+    answers = {}
+
+    @classmethod
+    def setUpClass(cls):
+        cls.server = Server(cls.answers)
+        cls.settings = {**cls.settings, "System.Provision.ProvisioningServer": cls.server.url}
+        super().setUpClass()
+
+    @classmethod
+    def tearDownClass(cls):
+        super().tearDownClass()
+        cls.server.close()
 
 
 def main():

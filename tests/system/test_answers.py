@@ -36,17 +36,8 @@ ROWS = [
 ]
 
 
-class AnswersTest(phone.PhoneTest):
-    @classmethod
-    def setUpClass(cls):
-        cls.server = Server({"/good.xml": Answer(GOOD)})
-        cls.settings = {"System.Provision.ProvisioningServer": cls.server.url}
-        super().setUpClass()
-
-    @classmethod
-    def tearDownClass(cls):
-        super().tearDownClass()
-        cls.server.close()
+class AnswersTest(phone.ServedPhoneTest):
+    answers = {"/good.xml": Answer(GOOD)}
 
     def setUp(self):
         self.bus.set("System.Provision.ProvisioningServer", self.server.url)

@@ -6,27 +6,18 @@ import subprocess
 
 import phone
 from files import KEY, direct
-from server import Answer, Server
+from server import Answer
 
 COUNT = 1000
 PASSES = 5  # on each broker, each time
 TIMES = 2
 PATTERNS = [KEY + "{}.Label", KEY + "{}.Value", "Telephony.Accounts.{}.Label", "Telephony.Accounts.{}.DisplayName",
             "Telephony.Accounts.{}.UserName"]
+SETTINGS = [(PATTERNS[i % len(PATTERNS)].format(i % 8), f"value {i}") for i in range(COUNT)]
 
 
-class LoadTest(phone.PhoneTest):
-    @classmethod
-    def setUpClass(cls):
-        settings = [(PATTERNS[i % len(PATTERNS)].format(i % 8), f"value {i}") for i in range(COUNT)]
-        cls.server = Server({"/provisioning.xml": Answer(direct(settings))})
-        cls.settings = {"System.Provision.ProvisioningServer": cls.server.url}
-        super().setUpClass()
-
-    @classmethod
-    def tearDownClass(cls):
-        super().tearDownClass()
-        cls.server.close()
+class LoadTest(phone.ServedPhoneTest):
+    answers = {"/provisioning.xml": Answer(direct(SETTINGS))}
 
     def measure(self, broker):
         self.bus.expect_reconnection()

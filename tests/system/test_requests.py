@@ -5,24 +5,13 @@ import time
 
 import phone
 from files import LABEL, direct
-from server import Answer, Server
+from server import Answer
 
 SLOW = 2.0
 SPACING = 0.1
 
 
-class RequestsTest(phone.PhoneTest):
-    @classmethod
-    def setUpClass(cls):
-        cls.server = Server()
-        cls.settings = {"System.Provision.ProvisioningServer": cls.server.url}
-        super().setUpClass()
-
-    @classmethod
-    def tearDownClass(cls):
-        super().tearDownClass()
-        cls.server.close()
-
+class RequestsTest(phone.ServedPhoneTest):
     def setUp(self):
         self.gate = threading.Event()
         self.addCleanup(self.end_pass)

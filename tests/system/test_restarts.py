@@ -4,21 +4,10 @@ import threading
 
 import phone
 from files import LABEL, direct
-from server import Answer, Server
+from server import Answer
 
 
-class RestartsTest(phone.PhoneTest):
-    @classmethod
-    def setUpClass(cls):
-        cls.server = Server()
-        cls.settings = {"System.Provision.ProvisioningServer": cls.server.url}
-        super().setUpClass()
-
-    @classmethod
-    def tearDownClass(cls):
-        super().tearDownClass()
-        cls.server.close()
-
+class RestartsTest(phone.ServedPhoneTest):
     def setUp(self):
         self.gate = threading.Event()
         self.addCleanup(self.gate.set)

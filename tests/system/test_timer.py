@@ -2,20 +2,11 @@
 
 import phone
 from files import LABEL, direct
-from server import Answer, Server
+from server import Answer
 
 
-class TimerTest(phone.PhoneTest):
-    @classmethod
-    def setUpClass(cls):
-        cls.server = Server({"/provisioning.xml": Answer(direct([(LABEL, "on time")]))})
-        cls.settings = {"System.Provision.ProvisioningServer": cls.server.url}
-        super().setUpClass()
-
-    @classmethod
-    def tearDownClass(cls):
-        super().tearDownClass()
-        cls.server.close()
+class TimerTest(phone.ServedPhoneTest):
+    answers = {"/provisioning.xml": Answer(direct([(LABEL, "on time")]))}
 
     def set_period(self, text):
         self.log.mark()

@@ -13,11 +13,14 @@
 #include <cerrno>
 #include <system_error>
 
+#include "common/Descriptor.h"
 #include "common/Quote.h"
 
 namespace os {
 
 namespace {
+
+using common::Descriptor;
 
 constexpr std::size_t keptErrorText = 512;
 
@@ -26,27 +29,6 @@ constexpr std::size_t keptErrorText = 512;
 }
 
 std::string describe(int error) { return std::generic_category().message(error); }
-
-class Descriptor {
- public:
-    Descriptor() = default;
-    explicit Descriptor(int fd) : fd_(fd) {}
-    Descriptor(const Descriptor&) = delete;
-    Descriptor& operator=(const Descriptor&) = delete;
-    ~Descriptor() { close(); }
-    void close() {
-        if (fd_ >= 0) ::close(fd_);
-        fd_ = -1;
-    }
-    int get() const { return fd_; }
-    void reset(int fd) {
-        close();
-        fd_ = fd;
-    }
-
- private:
-    int fd_ = -1;
-};
 
 class SpawnAttributes {
  public:

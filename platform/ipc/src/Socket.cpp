@@ -15,6 +15,7 @@
 #include <memory>
 
 #include "Mqtt.h"
+#include "common/Descriptor.h"
 
 namespace ipc {
 
@@ -50,26 +51,20 @@ std::optional<std::string> probe(const std::string& numericAddress, int port,
     if (result != 0) return std::string(gai_strerror(result));
     const std::unique_ptr<addrinfo, decltype(&freeaddrinfo)> owner(found, &freeaddrinfo);
 
-    struct Descriptor {
-        int fd;
-        ~Descriptor() {
-            if (fd >= 0) close(fd);
-        }
-    };
-    const Descriptor tried{socket(found->ai_family, SOCK_STREAM | SOCK_NONBLOCK | SOCK_CLOEXEC, 0)};
-    if (tried.fd < 0) return systemText(errno);
-    if (connect(tried.fd, found->ai_addr, found->ai_addrlen) == 0) return std::string();
+    const common::Descriptor tried(socket(found->ai_family, SOCK_STREAM | SOCK_NONBLOCK | SOCK_CLOEXEC, 0));
+    if (tried.get() < 0) return systemText(errno);
+    if (connect(tried.get(), found->ai_addr, found->ai_addrlen) == 0) return std::string();
     if (errno != EINPROGRESS) return systemText(errno);
 
     using std::chrono::milliseconds;
     const auto left = std::chrono::ceil<milliseconds>(deadline - std::chrono::steady_clock::now()).count();
-    pollfd watched[2] = {{tried.fd, POLLOUT, 0}, {cancel, POLLIN, 0}};
+    pollfd watched[2] = {{tried.get(), POLLOUT, 0}, {cancel, POLLIN, 0}};
     poll(watched, 2, static_cast<int>(std::max<milliseconds::rep>(left, 0)));
     if (watched[0].revents == 0 && watched[1].revents != 0) return std::nullopt;
     if (watched[0].revents == 0) return std::string("the broker does not answer");
     int error = 0;
     socklen_t size = sizeof error;
-    getsockopt(tried.fd, SOL_SOCKET, SO_ERROR, &error, &size);
+    getsockopt(tried.get(), SOL_SOCKET, SO_ERROR, &error, &size);
     return error == 0 ? std::string() : systemText(error);
 }
 

@@ -15,6 +15,8 @@
 #include <stdexcept>
 #include <system_error>
 
+#include "common/Descriptor.h"
+
 namespace zav {
 
 namespace {
@@ -22,20 +24,6 @@ namespace {
 struct Free {
     void operator()(BIO* bio) const { BIO_free(bio); }
     void operator()(X509* certificate) const { X509_free(certificate); }
-};
-
-class Descriptor {
- public:
-    explicit Descriptor(int fd) : fd_(fd) {}
-    Descriptor(const Descriptor&) = delete;
-    Descriptor& operator=(const Descriptor&) = delete;
-    ~Descriptor() {
-        if (fd_ >= 0) ::close(fd_);
-    }
-    int get() const { return fd_; }
-
- private:
-    const int fd_;
 };
 
 [[noreturn]] void failed(const std::string& path) {
@@ -55,7 +43,7 @@ std::unique_ptr<X509, Free> parse(const std::string& der) {
 
 std::string readFile(const std::string& path, std::size_t limit, Links links) {
     const int noFollow = links == Links::refuse ? O_NOFOLLOW : 0;
-    const Descriptor file(::open(path.c_str(), O_RDONLY | O_CLOEXEC | O_NONBLOCK | noFollow));
+    const common::Descriptor file(::open(path.c_str(), O_RDONLY | O_CLOEXEC | O_NONBLOCK | noFollow));
     if (file.get() < 0) failed(path);
     struct stat status {};
     if (::fstat(file.get(), &status) != 0) failed(path);
