@@ -151,7 +151,7 @@ void Connection::enqueue(const Message& message, bool retain) {
     if (up_) sendWaiting(waiting_.back());
 }
 
-std::deque<Connection::Waiting>::iterator Connection::forget(std::deque<Waiting>::iterator waiting) {
+Connection::WaitingList::iterator Connection::forget(const WaitingList::iterator& waiting) {
     waitingBytes_ -= waiting->payload.size();
     return waiting_.erase(waiting);
 }

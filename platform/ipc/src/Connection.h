@@ -129,6 +129,7 @@ class Connection {
         std::string correlationData;
         int mid = 0;  // 0: not handed to libmosquitto on this connection
     };
+    using WaitingList = std::deque<Waiting>;
 
     // On the network thread.
     void run();
@@ -155,7 +156,7 @@ class Connection {
     void enqueue(const Message& message, bool retain);
     void sendSubscription(std::uint32_t identifier, Subscription& subscription);
     void fail(const std::string& cause);
-    std::deque<Waiting>::iterator forget(std::deque<Waiting>::iterator waiting);
+    WaitingList::iterator forget(const WaitingList::iterator& waiting);
     void cork();
     void wakeIfBehind();
     void caughtUp();
@@ -194,7 +195,7 @@ class Connection {
     std::map<std::uint32_t, Subscription> subscriptions_;
     std::unordered_map<int, std::uint32_t> unanswered_;  // subscriptions by message identifier
     std::uint32_t nextSubscription_ = 1;
-    std::deque<Waiting> waiting_;
+    WaitingList waiting_;
     std::size_t waitingBytes_ = 0;
 
     std::thread thread_;
