@@ -15,14 +15,17 @@ namespace {
 
 enum Type { connect = 1, connack = 2, publish = 3, puback = 4, subscribe = 8, suback = 9, pingreq = 12, pingresp = 13 };
 
-std::string packet(int firstByte, const std::string& body) {
-    std::string bytes(1, static_cast<char>(firstByte));
-    std::size_t length = body.size();
+std::string variableLength(std::size_t length) {
+    std::string bytes;
     do {
         bytes += static_cast<char>((length % 128) | (length >= 128 ? 128 : 0));
         length /= 128;
     } while (length > 0);
-    return bytes + body;
+    return bytes;
+}
+
+std::string packet(int firstByte, const std::string& body) {
+    return static_cast<char>(firstByte) + variableLength(body.size()) + body;
 }
 
 std::string text(const std::string& value) {
@@ -52,8 +55,10 @@ StubbornBroker::~StubbornBroker() {
     close(wakeup_);
 }
 
-void StubbornBroker::send(const std::string& topic, const std::string& payload, std::size_t times) {
-    message_ = packet(publish << 4, text(topic) + '\0' + payload);
+void StubbornBroker::send(const std::string& topic, const std::string& payload, std::size_t times,
+                          const std::string& correlationData) {
+    const std::string properties = correlationData.empty() ? "" : '\x09' + text(correlationData);
+    message_ = packet(publish << 4, text(topic) + variableLength(properties.size()) + properties + payload);
     toSend_ = times;
     eventfd_write(wakeup_, 1);
 }

@@ -21,7 +21,8 @@ class StubbornBroker {
     std::string address() const { return "127.0.0.1:" + std::to_string(port_); }
 
     /// Sends the client, once it has subscribed, `times` messages of quality 0.
-    void send(const std::string& topic, const std::string& payload, std::size_t times);
+    void send(const std::string& topic, const std::string& payload, std::size_t times,
+              const std::string& correlationData = "");
     /// Whether the client has taken everything that was sent.
     bool isTaken() const { return toSend_ == 0; }
 

@@ -139,7 +139,7 @@ int Connection::send(const Message& message, bool retain, int* mid) {
     const int result = mosquitto_publish_v5(handle_.get(), mid, std::string(message.topic).c_str(),
                                             static_cast<int>(message.payload.size()), message.payload.data(),
                                             message.qualityOfService, retain, properties.get());
-    if (mosquitto_want_write(handle_.get())) backlogBytes_ += message.payload.size();
+    if (mosquitto_want_write(handle_.get())) backlogBytes_ += message.payload.size() + message.correlationData.size();
     wakeIfBehind();
     return result;
 }
@@ -147,12 +147,12 @@ int Connection::send(const Message& message, bool retain, int* mid) {
 void Connection::enqueue(const Message& message, bool retain) {
     waiting_.push_back({std::string(message.topic), std::string(message.payload), retain, message.responseTopic,
                         message.correlationData, 0});
-    waitingBytes_ += message.payload.size();
+    waitingBytes_ += message.payload.size() + message.correlationData.size();
     if (up_) sendWaiting(waiting_.back());
 }
 
 Connection::WaitingList::iterator Connection::forget(const WaitingList::iterator& waiting) {
-    waitingBytes_ -= waiting->payload.size();
+    waitingBytes_ -= waiting->payload.size() + waiting->correlationData.size();
     return waiting_.erase(waiting);
 }
 

@@ -112,6 +112,7 @@ bool Connection::openHandle(std::unique_lock<std::mutex>& lock, const std::strin
     connackSeen_ = false;
     identifiersAllowed_ = true;
     corked_ = false;
+    readingPaused_ = false;
     caughtUp();
     unanswered_.clear();
     nextUpkeep_ = Clock::now() + upkeepInterval;
@@ -159,7 +160,9 @@ bool Connection::mayGoOn(Clock::time_point now) {
         if (up_) {
             Properties properties;
             properties.add32(MQTT_PROP_SESSION_EXPIRY_INTERVAL, 0);
-            mosquitto_disconnect_v5(handle_.get(), MQTT_RC_NORMAL_DISCONNECTION, properties.get());
+            // What could not say "offline" itself leaves that to its last will.
+            const int reason = waiting_.empty() ? MQTT_RC_NORMAL_DISCONNECTION : MQTT_RC_DISCONNECT_WITH_WILL_MSG;
+            mosquitto_disconnect_v5(handle_.get(), reason, properties.get());
         }
         return false;
     }

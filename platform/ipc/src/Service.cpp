@@ -1,6 +1,7 @@
 #include "Service.h"
 
 #include <algorithm>
+#include <chrono>
 #include <exception>
 #include <utility>
 
@@ -18,6 +19,12 @@ constexpr std::size_t maxBytes = std::size_t{16} * 1024 * 1024;
 constexpr std::size_t mostTimes = 4;
 // What is handled at once; answers can be large.
 constexpr std::size_t maxBatch = 64;
+constexpr std::chrono::seconds sendTime{2};
+
+std::size_t sizeOf(const ServiceRequest& request) {
+    return request.topic.size() + request.payload.size() + request.responseTopic.size() +
+           request.correlationData.size();
+}
 
 }  // namespace
 
@@ -44,15 +51,24 @@ void Service::stop() {
     stopping_ = true;
     if (!connection_) return;
     {
-        // What is carried out is answered before the goodbye.
-        const std::lock_guard<std::mutex> lock(round_);
-        send(false);
+        // What is carried out is answered, and its change published, before the goodbye.
+        std::unique_lock<std::mutex> lock(round_);
+        allSent_.wait_for(lock, sendTime, [this] { return outbox_.empty(); });
     }
     connection_->close();
 }
 
 bool Service::isFull(std::size_t times) const {
     return inbox_.size() >= times * maxRequests || inboxBytes_ >= times * maxBytes;
+}
+
+void Service::connectionLost(const std::string&) {
+    // Who asked has seen "offline" by the time there is a connection again, and does not expect it any more.
+    const auto lost = [](const ServiceRequest& request) { return request.qualityOfService == 0; };
+    inbox_.erase(std::remove_if(inbox_.begin(), inbox_.end(), lost), inbox_.end());
+    inboxBytes_ = 0;
+    for (const ServiceRequest& request : inbox_) inboxBytes_ += sizeOf(request);
+    paused_ = false;
 }
 
 bool Service::messageArrived(const Incoming& message) {
@@ -67,7 +83,7 @@ bool Service::messageArrived(const Incoming& message) {
     }
     ServiceRequest request{std::string(message.topic), std::string(message.payload), message.responseTopic(),
                            message.correlationData(), message.qualityOfService};
-    inboxBytes_ += request.topic.size() + request.payload.size();
+    inboxBytes_ += sizeOf(request);
     inbox_.push_back(std::move(request));
     paused_ = isFull(1);
     return !paused_;
@@ -75,7 +91,8 @@ bool Service::messageArrived(const Incoming& message) {
 
 void Service::roundEnded() {
     const std::lock_guard<std::mutex> lock(round_);
-    while (send(true) && !inbox_.empty() && !stopping_) handleSome();
+    while (send() && !inbox_.empty() && !stopping_) handleSome();
+    if (outbox_.empty()) allSent_.notify_all();
     if (!isFull(1)) dropping_ = false;
     if (paused_ && (!isFull(1) || connection_->congestion() == Connection::Congestion::unacknowledged)) {
         paused_ = false;
@@ -86,7 +103,7 @@ void Service::roundEnded() {
 void Service::handleSome() noexcept {
     batch_.clear();
     while (!inbox_.empty() && batch_.size() < maxBatch) {
-        inboxBytes_ -= inbox_.front().topic.size() + inbox_.front().payload.size();
+        inboxBytes_ -= sizeOf(inbox_.front());
         batch_.push_back(std::move(inbox_.front()));
         inbox_.pop_front();
     }
@@ -100,10 +117,10 @@ void Service::handleSome() noexcept {
 }
 
 /// Returns whether all of the outbox has been sent.
-bool Service::send(bool onlyWhileThereIsRoom) {
+bool Service::send() {
     if (outbox_.size() > 1) connection_->sendTogether();
     for (; sent_ < outbox_.size(); ++sent_) {
-        if (onlyWhileThereIsRoom && connection_->congestion() != Connection::Congestion::none) return false;
+        if (connection_->congestion() != Connection::Congestion::none) return false;
         OutgoingMessage& message = outbox_[sent_];
         if (message.topic.empty()) continue;  // the answer to a request that wanted none
         try {

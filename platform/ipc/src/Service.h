@@ -4,6 +4,7 @@
 #pragma once
 
 #include <atomic>
+#include <condition_variable>
 #include <cstddef>
 #include <deque>
 #include <memory>
@@ -30,14 +31,14 @@ class Service final : public IIPCService, private ConnectionListener {
  private:
     // On the network thread.
     void connectionReady() override {}
-    void connectionLost(const std::string&) override {}
+    void connectionLost(const std::string& cause) override;
     bool messageArrived(const Incoming& message) override;
     void messageAcknowledged(const std::string&) override {}
     void roundEnded() override;
 
     bool isFull(std::size_t times) const;
     void handleSome() noexcept;
-    bool send(bool onlyWhileThereIsRoom);
+    bool send();
 
     const std::string name_;
     Handler handler_;                         // constant once started
@@ -45,6 +46,7 @@ class Service final : public IIPCService, private ConnectionListener {
     std::atomic<bool> stopping_{false};
 
     std::mutex round_;  // held while requests are handled and answered
+    std::condition_variable allSent_;
     // Guarded by round_.
     std::vector<OutgoingMessage> outbox_;
     std::size_t sent_ = 0;  // of the outbox

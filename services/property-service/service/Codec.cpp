@@ -68,7 +68,7 @@ DescribeRequest RequestReader::describe(const std::string& payload) {
 }
 
 ImportRequest RequestReader::import(const std::string& payload) {
-    parse(payload);
+    parse(payload, maxImportBytes);
     ImportRequest request{{}, text("source", "", false), false};
     const Json::Value& apply = object_["apply"];
     if (!apply.isNull() && !apply.isBool()) throw BadRequest("", "\"apply\" must be true or false");
@@ -88,9 +88,9 @@ ImportRequest RequestReader::import(const std::string& payload) {
     return request;
 }
 
-void RequestReader::parse(const std::string& payload) {
-    if (payload.size() > maxPayloadBytes) {
-        throw BadRequest("", "the payload is larger than " + std::to_string(maxPayloadBytes) + " bytes");
+void RequestReader::parse(const std::string& payload, std::size_t most) {
+    if (payload.size() > most) {
+        throw BadRequest("", "the payload is larger than " + std::to_string(most) + " bytes");
     }
     if (!isCleanJson(payload)) throw BadRequest("", "the payload is no UTF-8 JSON text");
     errors_.clear();

@@ -4,6 +4,7 @@
 #include <json/reader.h>
 #include <json/value.h>
 
+#include <cstddef>
 #include <memory>
 #include <optional>
 #include <stdexcept>
@@ -11,6 +12,7 @@
 #include <vector>
 
 #include "catalogue/Catalogue.h"
+#include "service/Limits.h"
 
 namespace propertyservice {
 
@@ -69,7 +71,7 @@ class RequestReader {
     ImportRequest import(const std::string& payload);
 
  private:
-    void parse(const std::string& payload);
+    void parse(const std::string& payload, std::size_t most = maxPayloadBytes);
     std::string text(const char* member, const std::string& param, bool required) const;
     std::string param() const;
     ListRequest page() const;

@@ -9,6 +9,8 @@ inline constexpr std::size_t maxValueBytes = 64 * 1024;
 inline constexpr std::size_t maxKeyBytes = 255;
 /// Of one request; a value of the full size fits even with every byte of it escaped.
 inline constexpr std::size_t maxPayloadBytes = 1024 * 1024;
+/// Of an import: a backup has all settings in one. A packet of the bus has 16 MiB at most.
+inline constexpr std::size_t maxImportBytes = 15 * 1024 * 1024;
 inline constexpr int maxNesting = 32;
 /// Of one answer to `list`: whichever comes first. A page always has at least one property.
 inline constexpr std::size_t maxPageEntries = 1000;

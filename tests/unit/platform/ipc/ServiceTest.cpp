@@ -104,7 +104,12 @@ TEST(Service, LetsTheSendersWaitWhenItCannotKeepUp) {
 }
 
 // Whoever waits for the broker's acknowledgements must go on reading: they come behind the requests.
-TEST(Service, HoldsBackAndThenDropsRequestsWhileTheBrokerAcknowledgesNothing) {
+class UnacknowledgedService : public testing::TestWithParam<bool> {};
+
+INSTANTIATE_TEST_SUITE_P(LargePayloadOrCorrelationData, UnacknowledgedService, testing::Bool());
+
+TEST_P(UnacknowledgedService, HoldsBackAndThenDropsRequests) {
+    const std::string large(60000, 'x');
     fakes::StubbornBroker broker;
     std::atomic<size_t> handled{0};
     std::atomic<bool> last{false};
@@ -112,21 +117,24 @@ TEST(Service, HoldsBackAndThenDropsRequestsWhileTheBrokerAcknowledgesNothing) {
     EchoService service(broker.address(), [&](const std::vector<ipc::ServiceRequest>& requests) {
         std::vector<ipc::OutgoingMessage> changes;
         for (const auto& request : requests) {
-            changes.push_back({"test-changes", request.payload, "", 1});
+            changes.push_back({"test-changes", large, "", 1});
             last = last || request.payload == "last";
         }
         handled += requests.size();
         return changes;
     });
-    constexpr size_t kibibyte = 1024;
     constexpr size_t times = 1500;
-    broker.send("test-service/ask", std::string(64 * kibibyte, 'x'), times);
+    if (GetParam()) {
+        broker.send("test-service/ask", large, times);
+    } else {
+        broker.send("test-service/ask", "small", times, large);
+    }
     ASSERT_TRUE(eventually([&] { return broker.isTaken() && log.contains("Requests are dropped"); }));
     const size_t before = handled;
-    EXPECT_GE(before, 64U);   // 4 MiB of changes may wait for the broker
+    EXPECT_GE(before, 70U);   // 4 MiB of changes may wait for the broker
     EXPECT_LE(before, 192U);  // and what was in hand by then
     broker.giveIn();
-    const size_t kept = before + kibibyte;  // 64 MiB
+    const size_t kept = before + 1100;  // 64 MiB
     EXPECT_TRUE(eventually([&] { return handled >= kept; }));
     EXPECT_LT(handled, times);
     broker.send("test-service/ask", "last", 1);
@@ -188,6 +196,30 @@ TEST(Service, AnswersWhatItHasInHandBeforeItStops) {
     EXPECT_NO_THROW(answer = ask(*client, "stop"));
     stopped.wait();
     EXPECT_EQ(answer, "re:stop");
+}
+
+TEST(Service, PublishesEveryChangeBeforeItStops) {
+    constexpr size_t many = 12000;  // more than may wait for the broker at a time
+    Broker broker;
+    EchoService service(broker.address(), [&](const std::vector<ipc::ServiceRequest>& requests) {
+        auto messages = EchoService::echo(requests);
+        if (requests[0].payload == "change") {
+            for (size_t i = 0; i < many; ++i) messages.push_back({"test-changes", std::to_string(i), "", 1});
+        }
+        return messages;
+    });
+    std::atomic<size_t> heard{0};
+    Recorder recorder;
+    recorder.onMessage = [&](const std::string&, const std::string&) { ++heard; };
+    const auto client = newClient("asker");
+    client->watchPresence(statusTopic);
+    client->subscribe("test-changes", recorder);
+    client->connect(broker.address());
+    ASSERT_TRUE(waitForService(*client));
+    EXPECT_EQ(ask(*client, "change"), "re:change");
+    service.stop();
+    EXPECT_TRUE(eventually([&] { return heard == many; }));
+    client->disconnect();
 }
 
 TEST(Service, DoesNotCarryOutARetainedRequestAgain) {
