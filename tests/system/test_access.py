@@ -1,5 +1,6 @@
 """The broker as it is shipped, settings and access list: what it refuses costs nobody the connection."""
 
+import os
 import subprocess
 import threading
 import unittest
@@ -65,8 +66,8 @@ class AccessTest(unittest.TestCase):
         self.assertIn("acl_file /etc/mosquitto/zav.acl\n", settings)
         # There is no other user and no such folder in this sandbox.
         with open("/run/phone/shipped.conf", "w", encoding="utf-8") as file:
-            file.write("user root\n" + settings.replace("/etc/mosquitto/zav.acl", f"{BROKER}/acl"))
-        self.start("mosquitto", "-c", "/run/phone/shipped.conf")
+            file.write("user root\npersistence_location /run/phone/\n" + settings.replace("/etc/mosquitto/zav.acl", f"{BROKER}/acl"))
+        self.broker = self.start("mosquitto", "-c", "/run/phone/shipped.conf")
         phone.wait_until(self.serves, "the broker")
         self.start("prop-service", "--store", "/config/properties.db", "--catalogue",
                    f"{phone.PROJECT}/services/property-service/catalogue.json")
@@ -79,6 +80,7 @@ class AccessTest(unittest.TestCase):
             process = subprocess.Popen(command, stdout=log, stderr=log)
         self.addCleanup(process.wait)
         self.addCleanup(process.kill)
+        return process
 
     def serves(self):
         return subprocess.run(["mosquitto_sub", "-V", "5", "-t", STATUS, "-E", "-W", "5"], stderr=subprocess.DEVNULL, check=False).returncode == 0
@@ -127,6 +129,11 @@ class AccessTest(unittest.TestCase):
         answer = 'zavctl/reply/1 {"param":"NET.MAC.Address","value":""}'
         self.assertIn(answer, tool.wait(answer))
         self.assertEqual([word for word in self.looker.heard if word.startswith(STATUS)], [f"{STATUS} online"])
+
+    def test_the_broker_keeps_no_presence_over_its_end(self):
+        self.broker.terminate()
+        self.broker.wait(phone.DEADLINE)
+        self.assertFalse(os.path.exists("/run/phone/mosquitto.db"))
 
 
 if __name__ == "__main__":

@@ -130,8 +130,7 @@ class PatternRule final : public ValueRule {
             throw std::invalid_argument("a pattern needs \"pattern\", a POSIX extended regular expression");
         }
         text_ = pattern.asString();
-        // The whole value has to match, whatever alternatives the expression has.
-        const int error = ::regcomp(&expression_, ("^(" + text_ + ")$").c_str(), REG_EXTENDED | REG_NOSUB);
+        const int error = ::regcomp(&expression_, text_.c_str(), REG_EXTENDED);
         if (error != 0) {
             char reason[200] = "";
             ::regerror(error, &expression_, reason, sizeof reason);
@@ -144,7 +143,11 @@ class PatternRule final : public ValueRule {
 
     std::string objection(const std::string& value) const override {
         if (value.size() > maxLength_) return "must be at most " + std::to_string(maxLength_) + " bytes long";
-        if (::regexec(&expression_, value.c_str(), 0, nullptr, 0) == 0) return {};
+        // The whole value has to match, whatever alternatives the expression has: of the first match in the text it is
+        // the longest that is found.
+        regmatch_t match{};
+        const bool found = ::regexec(&expression_, value.c_str(), 1, &match, 0) == 0;
+        if (found && match.rm_so == 0 && static_cast<std::size_t>(match.rm_eo) == value.size()) return {};
         return "must match the pattern " + text_;
     }
 

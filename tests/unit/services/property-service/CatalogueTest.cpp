@@ -71,6 +71,7 @@ constexpr char url[] = R"("type": "url", "default": "", "maxLength": 64)";
 constexpr char https[] = R"("type": "url", "default": "", "schemes": ["https", "ldaps"])";
 constexpr char mac[] = R"("type": "mac", "default": "")";
 constexpr char secret[] = R"("type": "secret", "default": "", "maxLength": 4)";
+constexpr char anyOrder[] = R"("type": "pattern", "pattern": "a|ab|(a|b|c)*", "default": "a")";
 constexpr char pin[] = R"("type": "secret", "default": "", "pattern": "([0-9]{4})?")";
 constexpr char noUrl[] = "must be a URL such as https://server.example/path, or empty";
 constexpr char noMac[] = "must be a MAC address such as 00:11:22:aa:bb:cc, or empty";
@@ -115,6 +116,7 @@ INSTANTIATE_TEST_SUITE_P(
         RuleCase{R"("type": "boolean", "default": "1")", "yes", "must be 0 or 1 (or false or true)"},
         RuleCase{choice, "", ""}, RuleCase{choice, "b", "must be one of \"a\", \"\""}, RuleCase{pattern, "bccc", ""},
         RuleCase{pattern, "ab", "must match the pattern a|bc*"},
+        RuleCase{pattern, "ba", "must match the pattern a|bc*"}, RuleCase{anyOrder, "abc", ""},
         RuleCase{pattern, "a\n", "must match the pattern a|bc*"},
         RuleCase{pattern, "bcccc", "must be at most 4 bytes long"}));
 
@@ -196,6 +198,8 @@ INSTANTIATE_TEST_SUITE_P(
                   "c.json:2: a.b: a pattern needs \"pattern\", a POSIX extended regular expression"},
         ErrorCase{"PatternMalformed", one(R"("type": "pattern", "pattern": "[a", "default": "2")"),
                   "c.json:2: a.b: \"pattern\" is no POSIX extended regular expression: Unmatched [, [^, [:, [., or [="},
+        ErrorCase{"PatternInHalves", one(R"("type": "pattern", "pattern": "a)|(b", "default": "a")"),
+                  "c.json:2: a.b: \"pattern\" is no POSIX extended regular expression: Unmatched ( or \\("},
         ErrorCase{"KeyWithBlank", withKeys("\"a b\": " + definition(R"("type": "text", "default": "")")),
                   "c.json:2: a b: is no key: letters, digits, \"_\" and \"-\" in segments between dots, at most 255 "
                   "bytes"},

@@ -346,6 +346,17 @@ TEST_F(Service, AnImportIsOneTransactionPublishedInOrder) {
     EXPECT_EQ(store.values, (std::map<std::string, std::string>{{"System.Port", "7"}})) << "a default is not stored";
 }
 
+TEST_F(Service, AnImportMayBeAsLargeAsABackup) {
+    const std::string large(60000, 'x');
+    std::string other;
+    while (other.size() < maxPayloadBytes) other += R"({"param":"No","value":")" + large + "\"},";
+    const auto answered = handle({request(importTopic, many(other + R"({"param":"System.Port","value":"7"})"))});
+    EXPECT_THAT(answered, ElementsAre(HasSubstr("the catalogue has no such key")));
+    while (other.size() < maxImportBytes) other += R"({"param":"No","value":")" + large + "\"},";
+    EXPECT_THAT(handle({request(importTopic, many(other + R"({"param":"System.Port","value":"7"})"))}),
+                ElementsAre(error("", "bad-request", "the payload is larger than 15728640 bytes")));
+}
+
 TEST_F(Service, AnImportThatIsNotAppliedChangesNothing) {
     EXPECT_THAT(handle({request(importTopic, many(R"({"param":"System.Port","value":"7"})", false))}),
                 ElementsAre("me/reply {\"accepted\":1}"));
