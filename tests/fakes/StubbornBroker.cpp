@@ -63,6 +63,11 @@ void StubbornBroker::send(const std::string& topic, const std::string& payload, 
     eventfd_write(wakeup_, 1);
 }
 
+void StubbornBroker::hangUp() {
+    hangsUp_ = true;
+    eventfd_write(wakeup_, 1);
+}
+
 void StubbornBroker::giveIn() {
     givesIn_ = true;
     eventfd_write(wakeup_, 1);
@@ -96,6 +101,7 @@ bool StubbornBroker::talk(int client) {
         eventfd_t count = 0;
         eventfd_read(wakeup_, &count);
     }
+    if (hangsUp_.exchange(false)) return false;
     if ((waiting[0].revents & POLLOUT) != 0) {
         const ssize_t written = ::send(client, output_.data(), output_.size(), MSG_NOSIGNAL);
         if (written > 0) output_.erase(0, static_cast<std::size_t>(written));

@@ -26,6 +26,9 @@ class StubbornBroker {
     /// Whether the client has taken everything that was sent.
     bool isTaken() const { return toSend_ == 0; }
 
+    /// Cuts the connection; the next one is welcome.
+    void hangUp();
+
     /// From now on everything is acknowledged, what came before as well.
     void giveIn();
 
@@ -40,6 +43,7 @@ class StubbornBroker {
     int listener_ = -1;
     std::atomic<std::size_t> toSend_{0};
     std::atomic<bool> givesIn_{false};
+    std::atomic<bool> hangsUp_{false};
     std::atomic<bool> stopping_{false};
     std::string message_;  // constant while toSend_ is not 0
 

@@ -178,6 +178,29 @@ TEST(Service, OutlivesAnExceptionOfTheHandler) {
     EXPECT_EQ(ask(*client, "good"), "re:good");
 }
 
+TEST(Service, ForgetsRequestsThatACutLeftBehind) {
+    const std::string large(60000, 'x');
+    fakes::StubbornBroker broker;
+    std::atomic<size_t> handled{0};
+    std::atomic<bool> last{false};
+    EchoService service(broker.address(), [&](const std::vector<ipc::ServiceRequest>& requests) {
+        std::vector<ipc::OutgoingMessage> changes;
+        for (const auto& request : requests) {
+            changes.push_back({"test-changes", large, "", 1});
+            last = last || request.payload == "last";
+        }
+        handled += requests.size();
+        return changes;
+    });
+    broker.send("test-service/ask", large, 600);  // of which most wait for acknowledgements
+    ASSERT_TRUE(eventually([&] { return broker.isTaken() && handled >= 70; }));
+    broker.hangUp();
+    broker.giveIn();
+    broker.send("test-service/ask", "last", 1);
+    EXPECT_TRUE(eventually([&] { return last.load(); }));
+    EXPECT_LE(handled, 200U);
+}
+
 TEST(Service, AnswersWhatItHasInHandBeforeItStops) {
     Broker broker;
     std::future<void> stopped;
