@@ -144,8 +144,9 @@ void Connection::pump(std::unique_lock<std::mutex>& lock) {
         listener_.roundEnded();
         lock.lock();
         if (corked_) setCork(mosquitto_socket(handle_.get()), false);
-        if ((watched[0].revents & POLLIN) != 0 && !corked_) acknowledgeAtOnce(mosquitto_socket(handle_.get()));
         corked_ = false;
+        // After what was sent, which acknowledges by itself.
+        if ((watched[0].revents & POLLIN) != 0) acknowledgeAtOnce(mosquitto_socket(handle_.get()));
     }
 }
 

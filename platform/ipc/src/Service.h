@@ -1,6 +1,6 @@
-// The bus service over one Connection, on its network thread alone: a request that had to be handed to another thread
-// would take half as long again. Requests that came together are handled together, and what the handler returns leaves
-// together.
+// The bus service over one Connection, on its network thread alone: handing a request to another thread takes a good
+// part of the time that it takes in all. Requests that came together are handled together, and what the handler returns
+// leaves together.
 #pragma once
 
 #include <atomic>
