@@ -177,6 +177,7 @@ void Connection::wakeIfBehind() {
         ++backlog_;
         wake();
     } else {
+        sent_ = true;
         caughtUp();
     }
 }

@@ -184,6 +184,7 @@ class Connection {
     bool readingPaused_ = false;
     bool reading_ = false;
     bool corked_ = false;
+    bool sent_ = false;        // something, in the round in hand
     std::string failure_;      // why this connection failed or ended
     std::size_t backlog_ = 0;  // messages since the socket last took everything
     std::size_t backlogBytes_ = 0;

@@ -137,6 +137,7 @@ void Connection::pump(std::unique_lock<std::mutex>& lock) {
         poll(watched, 2, static_cast<int>(std::max<milliseconds::rep>(wait, 0)));
         if (watched[1].revents != 0) drain(wakeup_);
         lock.lock();
+        sent_ = false;
         // Each acknowledgement that is read lets libmosquitto send another message that waits.
         if (waiting_.size() > 1) cork();
         service(watched[0].revents);
@@ -145,8 +146,8 @@ void Connection::pump(std::unique_lock<std::mutex>& lock) {
         lock.lock();
         if (corked_) setCork(mosquitto_socket(handle_.get()), false);
         corked_ = false;
-        // After what was sent, which acknowledges by itself.
-        if ((watched[0].revents & POLLIN) != 0) acknowledgeAtOnce(mosquitto_socket(handle_.get()));
+        // What was sent since acknowledges by itself.
+        if ((watched[0].revents & POLLIN) != 0 && !sent_) acknowledgeAtOnce(mosquitto_socket(handle_.get()));
     }
 }
 

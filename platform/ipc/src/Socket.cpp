@@ -21,7 +21,8 @@ namespace ipc {
 
 void acknowledgeAtOnce(int socket) {
     if (socket < 0) return;
-    // With 1 the kernel would acknowledge the next packet at once too, although an answer to it is about to do that.
+    // With 1 the kernel would acknowledge the next packet at once too, although an answer to it is about to do that;
+    // and so it would with 2 when there is nothing to acknowledge now.
     const int now = 2;
     setsockopt(socket, IPPROTO_TCP, TCP_QUICKACK, &now, sizeof now);
 }
