@@ -29,7 +29,6 @@
 #include <vector>
 
 #include "fakes/Broker.h"
-#include "ipc/IPCException.h"
 #include "ipc/IPCFactory.h"
 
 extern char** environ;

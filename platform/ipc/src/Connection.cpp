@@ -23,6 +23,12 @@ bool isConnectionFailure(int result) {
     return result == MOSQ_ERR_NO_CONN || result == MOSQ_ERR_CONN_LOST || result == MOSQ_ERR_ERRNO;
 }
 
+/// What counts of a message that has to be kept.
+template <typename Kept>
+std::size_t sizeOf(const Kept& message) {
+    return message.payload.size() + message.correlationData.size();
+}
+
 bool hasNul(std::string_view text) { return text.find('\0') != std::string_view::npos; }
 
 }  // namespace
@@ -139,7 +145,7 @@ int Connection::send(const Message& message, bool retain, int* mid) {
     const int result = mosquitto_publish_v5(handle_.get(), mid, std::string(message.topic).c_str(),
                                             static_cast<int>(message.payload.size()), message.payload.data(),
                                             message.qualityOfService, retain, properties.get());
-    if (mosquitto_want_write(handle_.get())) backlogBytes_ += message.payload.size() + message.correlationData.size();
+    if (mosquitto_want_write(handle_.get())) backlogBytes_ += sizeOf(message);
     wakeIfBehind();
     return result;
 }
@@ -147,12 +153,12 @@ int Connection::send(const Message& message, bool retain, int* mid) {
 void Connection::enqueue(const Message& message, bool retain) {
     waiting_.push_back({std::string(message.topic), std::string(message.payload), retain, message.responseTopic,
                         message.correlationData, 0});
-    waitingBytes_ += message.payload.size() + message.correlationData.size();
+    waitingBytes_ += sizeOf(message);
     if (up_) sendWaiting(waiting_.back());
 }
 
 Connection::WaitingList::iterator Connection::forget(const WaitingList::iterator& waiting) {
-    waitingBytes_ -= waiting->payload.size() + waiting->correlationData.size();
+    waitingBytes_ -= sizeOf(*waiting);
     return waiting_.erase(waiting);
 }
 

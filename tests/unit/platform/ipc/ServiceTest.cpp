@@ -41,6 +41,26 @@ class KeptStderr {
     const int kept_;
 };
 
+/// A handler that makes a large change of each request.
+struct LargeChanges {
+    inline static const std::string large = std::string(60000, 'x');
+
+    std::atomic<size_t> handled{0};
+    std::atomic<bool> last{false};  // the request "last" was among them
+
+    ipc::IIPCService::Handler handler() {
+        return [this](const std::vector<ipc::ServiceRequest>& requests) {
+            std::vector<ipc::OutgoingMessage> messages;
+            for (const auto& request : requests) {
+                messages.push_back({"test-changes", large, "", 1});
+                last = last || request.payload == "last";
+            }
+            handled += requests.size();
+            return messages;
+        };
+    }
+};
+
 TEST(Service, AnnouncesItselfAndSaysGoodbye) {
     Broker broker;
     Recorder recorder;
@@ -109,36 +129,26 @@ class UnacknowledgedService : public testing::TestWithParam<bool> {};
 INSTANTIATE_TEST_SUITE_P(LargePayloadOrCorrelationData, UnacknowledgedService, testing::Bool());
 
 TEST_P(UnacknowledgedService, HoldsBackAndThenDropsRequests) {
-    const std::string large(60000, 'x');
     fakes::StubbornBroker broker;
-    std::atomic<size_t> handled{0};
-    std::atomic<bool> last{false};
+    LargeChanges changes;
     const KeptStderr log;
-    EchoService service(broker.address(), [&](const std::vector<ipc::ServiceRequest>& requests) {
-        std::vector<ipc::OutgoingMessage> changes;
-        for (const auto& request : requests) {
-            changes.push_back({"test-changes", large, "", 1});
-            last = last || request.payload == "last";
-        }
-        handled += requests.size();
-        return changes;
-    });
+    EchoService service(broker.address(), changes.handler());
     constexpr size_t times = 1500;
     if (GetParam()) {
-        broker.send("test-service/ask", large, times);
+        broker.send("test-service/ask", LargeChanges::large, times);
     } else {
-        broker.send("test-service/ask", "small", times, large);
+        broker.send("test-service/ask", "small", times, LargeChanges::large);
     }
     ASSERT_TRUE(eventually([&] { return broker.isTaken() && log.contains("Requests are dropped"); }));
-    const size_t before = handled;
+    const size_t before = changes.handled;
     EXPECT_GE(before, 70U);   // 4 MiB of changes may wait for the broker
     EXPECT_LE(before, 192U);  // and what was in hand by then
     broker.giveIn();
     const size_t kept = before + 1100;  // 64 MiB
-    EXPECT_TRUE(eventually([&] { return handled >= kept; }));
-    EXPECT_LT(handled, times);
+    EXPECT_TRUE(eventually([&] { return changes.handled >= kept; }));
+    EXPECT_LT(changes.handled, times);
     broker.send("test-service/ask", "last", 1);
-    EXPECT_TRUE(eventually([&] { return last.load(); }));
+    EXPECT_TRUE(eventually([&] { return changes.last.load(); }));
 }
 
 TEST(Service, CarriesOutARequestWithoutAResponseTopic) {
@@ -179,26 +189,16 @@ TEST(Service, OutlivesAnExceptionOfTheHandler) {
 }
 
 TEST(Service, ForgetsRequestsThatACutLeftBehind) {
-    const std::string large(60000, 'x');
     fakes::StubbornBroker broker;
-    std::atomic<size_t> handled{0};
-    std::atomic<bool> last{false};
-    EchoService service(broker.address(), [&](const std::vector<ipc::ServiceRequest>& requests) {
-        std::vector<ipc::OutgoingMessage> changes;
-        for (const auto& request : requests) {
-            changes.push_back({"test-changes", large, "", 1});
-            last = last || request.payload == "last";
-        }
-        handled += requests.size();
-        return changes;
-    });
-    broker.send("test-service/ask", large, 600);  // of which most wait for acknowledgements
-    ASSERT_TRUE(eventually([&] { return broker.isTaken() && handled >= 70; }));
+    LargeChanges changes;
+    EchoService service(broker.address(), changes.handler());
+    broker.send("test-service/ask", LargeChanges::large, 600);  // of which most wait for acknowledgements
+    ASSERT_TRUE(eventually([&] { return broker.isTaken() && changes.handled >= 70; }));
     broker.hangUp();
     broker.giveIn();
     broker.send("test-service/ask", "last", 1);
-    EXPECT_TRUE(eventually([&] { return last.load(); }));
-    EXPECT_LE(handled, 200U);
+    EXPECT_TRUE(eventually([&] { return changes.last.load(); }));
+    EXPECT_LE(changes.handled, 200U);
 }
 
 TEST(Service, AnswersWhatItHasInHandBeforeItStops) {
