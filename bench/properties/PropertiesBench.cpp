@@ -154,10 +154,17 @@ class Client {
 
 struct Result {
     double median = 0;     // microseconds
+    double slow = 0;       // microseconds that one in twenty exceeds
     double perSecond = 0;  // of all clients
     double fairness = 0;   // the slowest client's count to the fastest one's
     std::size_t lost = 0;
 };
+
+double quantile(std::vector<double>& values, double share) {
+    const auto at = values.begin() + static_cast<std::ptrdiff_t>(static_cast<double>(values.size()) * share);
+    std::nth_element(values.begin(), at, values.end());
+    return *at;
+}
 
 class Load {
  public:
@@ -199,8 +206,8 @@ class Load {
             all.insert(all.end(), client->times().begin(), client->times().end());
         }
         result.perSecond = static_cast<double>(all.size()) / seconds;
-        std::nth_element(all.begin(), all.begin() + static_cast<std::ptrdiff_t>(all.size() / 2), all.end());
-        result.median = all.at(all.size() / 2);
+        result.median = quantile(all, 0.5);
+        result.slow = quantile(all, 0.95);
         result.fairness = static_cast<double>(least) / static_cast<double>(most);
         pump(std::chrono::seconds(5), true);
         for (const auto& client : clients_) result.lost += client->waits() ? 1U : 0U;
@@ -247,10 +254,7 @@ class Process {
     pid_t pid_ = -1;
 };
 
-double medianOf(std::vector<double> values) {
-    std::sort(values.begin(), values.end());
-    return values[values.size() / 2];
-}
+double medianOf(std::vector<double> values) { return quantile(values, 0.5); }
 
 /// The phone's own client, which waits for each answer.
 Result askInTurn(ipc::IIPCClient& client, const std::string& topic, const std::string& key,
@@ -268,8 +272,8 @@ Result askInTurn(ipc::IIPCClient& client, const std::string& topic, const std::s
     }
     Result result;
     result.perSecond = static_cast<double>(times.size()) / std::chrono::duration<double>(Clock::now() - start).count();
-    std::nth_element(times.begin(), times.begin() + static_cast<std::ptrdiff_t>(times.size() / 2), times.end());
-    result.median = times.at(times.size() / 2);
+    result.median = quantile(times, 0.5);
+    result.slow = quantile(times, 0.95);
     result.fairness = 1;
     return result;
 }
@@ -281,18 +285,19 @@ void measure(const char* title, const char* stored, const Measurement& once) {
         const char* name;
         const char* topic;
         const char* key;
-        std::vector<double> times, rates, fairness;
+        std::vector<double> times, slow, rates, fairness;
         std::size_t lost = 0;
     };
-    std::vector<Row> rows{{"floor: bare echo responder", "echo/set", stored, {}, {}, {}},
-                          {"echo that tells of a change", "echo/change", stored, {}, {}, {}},
-                          {"get", "prop-service/get", stored, {}, {}, {}},
-                          {"set of a state", "prop-service/set", "State.Provisioning.OnBootUp", {}, {}, {}},
-                          {"set, stored", "prop-service/set", stored, {}, {}, {}}};
+    std::vector<Row> rows{{"floor: bare echo responder", "echo/set", stored, {}, {}, {}, {}},
+                          {"echo that tells of a change", "echo/change", stored, {}, {}, {}, {}},
+                          {"get", "prop-service/get", stored, {}, {}, {}, {}},
+                          {"set of a state", "prop-service/set", "State.Provisioning.OnBootUp", {}, {}, {}, {}},
+                          {"set, stored", "prop-service/set", stored, {}, {}, {}, {}}};
     for (int round = 0; round < rounds; ++round) {
         for (Row& row : rows) {
             const Result result = once(row.topic, row.key);
             row.times.push_back(result.median);
+            row.slow.push_back(result.slow);
             row.rates.push_back(result.perSecond);
             row.fairness.push_back(result.fairness);
             row.lost += result.lost;
@@ -306,9 +311,11 @@ void measure(const char* title, const char* stored, const Measurement& once) {
             slower.push_back(row.times[at] / rows[0].times[at]);
             throughput.push_back(row.rates[at] / rows[0].rates[at]);
         }
-        std::printf("    %-28s median %8.1f us (%.2fx)  %8.0f/s (%.2fx)  slowest/fastest %.2f  lost %zu\n", row.name,
-                    medianOf(row.times), medianOf(slower), medianOf(row.rates), medianOf(throughput),
-                    medianOf(row.fairness), row.lost);
+        std::printf(
+            "    %-28s median %7.1f us (%.2fx)  95%% within %7.1f us  %6.0f/s (%.2fx)  slowest/fastest %.2f  lost "
+            "%zu\n",
+            row.name, medianOf(row.times), medianOf(slower), medianOf(row.slow), medianOf(row.rates),
+            medianOf(throughput), medianOf(row.fairness), row.lost);
     }
     std::fflush(stdout);
 }

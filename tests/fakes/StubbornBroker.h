@@ -26,6 +26,11 @@ class StubbornBroker {
     /// Whether the client has taken everything that was sent.
     bool isTaken() const { return toSend_ == 0; }
 
+    /// How many publications wait for their acknowledgement.
+    std::size_t owed() const { return owedCount_; }
+    /// How many publications came in one piece, at most.
+    std::size_t mostAtOnce() const { return mostAtOnce_; }
+
     /// Cuts the connection; the next one is welcome.
     void hangUp();
 
@@ -42,6 +47,8 @@ class StubbornBroker {
     int port_ = 0;
     int listener_ = -1;
     std::atomic<std::size_t> toSend_{0};
+    std::atomic<std::size_t> owedCount_{0};
+    std::atomic<std::size_t> mostAtOnce_{0};
     std::atomic<bool> givesIn_{false};
     std::atomic<bool> hangsUp_{false};
     std::atomic<bool> stopping_{false};
@@ -51,6 +58,7 @@ class StubbornBroker {
     std::string input_;
     std::string output_;
     std::vector<std::string> owed_;  // message identifiers
+    std::size_t published_ = 0;      // of the piece in hand
     bool subscribed_ = false;
 
     std::thread thread_;

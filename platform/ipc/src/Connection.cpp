@@ -1,6 +1,7 @@
 #include "Connection.h"
 
 #include <sys/eventfd.h>
+#include <sys/timerfd.h>
 #include <unistd.h>
 
 #include <algorithm>
@@ -34,14 +35,15 @@ bool hasNul(std::string_view text) { return text.find('\0') != std::string_view:
 }  // namespace
 
 Connection::Connection(Options options, ConnectionListener& listener)
-    : options_(std::move(options)), listener_(listener), wakeup_(eventfd(0, EFD_NONBLOCK | EFD_CLOEXEC)) {
-    if (wakeup_ < 0) throw IPCException("Cannot make an event descriptor: " + systemText(errno));
+    : options_(std::move(options)),
+      listener_(listener),
+      wakeup_(eventfd(0, EFD_NONBLOCK | EFD_CLOEXEC)),
+      timer_(timerfd_create(CLOCK_MONOTONIC, TFD_NONBLOCK | TFD_CLOEXEC)) {
+    if (wakeup_.get() < 0 || timer_.get() < 0)
+        throw IPCException("Cannot make an event descriptor: " + systemText(errno));
 }
 
-Connection::~Connection() {
-    close();
-    ::close(wakeup_);
-}
+Connection::~Connection() { close(); }
 
 void Connection::open(const std::string& host, bool forEver) {
     address_ = parseAddress(host);
@@ -87,6 +89,17 @@ void Connection::dropSession() {
     sessionDropped_ = true;
 }
 
+void Connection::endRoundAt(Clock::time_point time) {
+    const std::lock_guard<std::mutex> lock(mutex_);
+    if (time == timerTime_) return;
+    timerTime_ = time;
+    const auto sinceStart = std::chrono::nanoseconds(time.time_since_epoch()).count();
+    itimerspec when{};
+    when.it_value.tv_sec = static_cast<time_t>(sinceStart / std::nano::den);
+    when.it_value.tv_nsec = static_cast<long>(sinceStart % std::nano::den);
+    timerfd_settime(timer_.get(), TFD_TIMER_ABSTIME, &when, nullptr);
+}
+
 void Connection::sendTogether() {
     const std::lock_guard<std::mutex> lock(mutex_);
     cork();
@@ -104,7 +117,7 @@ void Connection::resumeReading() {
 void Connection::wake() const {
     const std::uint64_t one = 1;
     // A full counter means that a wake-up is pending already.
-    [[maybe_unused]] const ssize_t written = ::write(wakeup_, &one, sizeof one);
+    [[maybe_unused]] const ssize_t written = ::write(wakeup_.get(), &one, sizeof one);
 }
 
 // ---- sending: any thread, mutex_ held ----

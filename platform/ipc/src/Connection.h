@@ -23,6 +23,7 @@
 
 #include "Address.h"
 #include "Mqtt.h"
+#include "common/Descriptor.h"
 
 namespace ipc {
 
@@ -95,6 +96,10 @@ class Connection {
     enum class Congestion { none, unsent, unacknowledged };
     Congestion congestion();
 
+    /// Inside `roundEnded`: another one ends at that time at the latest, if there is a connection then. It replaces the
+    /// time that was given before.
+    void endRoundAt(Clock::time_point time);
+
     /// Inside `roundEnded`: what is published from here to its end leaves in as few segments as possible.
     void sendTogether();
 
@@ -164,8 +169,9 @@ class Connection {
 
     const Options options_;
     ConnectionListener& listener_;
-    const int wakeup_;  // eventfd
-    Address address_;   // constant once the thread runs
+    const common::Descriptor wakeup_;  // eventfd
+    const common::Descriptor timer_;   // timerfd
+    Address address_;                  // constant once the thread runs
     bool forEver_ = false;
 
     std::mutex mutex_;
@@ -193,6 +199,7 @@ class Connection {
     Clock::time_point readySince_;
     Clock::time_point closeDeadline_;
     Clock::time_point nextUpkeep_;
+    Clock::time_point timerTime_;  // what it was set to last
     std::map<std::uint32_t, Subscription> subscriptions_;
     std::unordered_map<int, std::uint32_t> unanswered_;  // subscriptions by message identifier
     std::uint32_t nextSubscription_ = 1;

@@ -20,6 +20,9 @@ constexpr std::size_t mostTimes = 4;
 // What is handled at once; answers can be large.
 constexpr std::size_t maxBatch = 64;
 constexpr std::chrono::seconds sendTime{2};
+// What is deferred is gone with a crash: so long, and so many at most.
+constexpr std::chrono::milliseconds deferral{1};
+constexpr std::size_t maxDeferred = 64;
 
 std::size_t sizeOf(const ServiceRequest& request) {
     return request.topic.size() + request.payload.size() + request.responseTopic.size() +
@@ -53,7 +56,7 @@ void Service::stop() {
     {
         // What is carried out is answered, and its change published, before the goodbye.
         std::unique_lock<std::mutex> lock(round_);
-        allSent_.wait_for(lock, sendTime, [this] { return outbox_.empty(); });
+        allSent_.wait_for(lock, sendTime, [this] { return outbox_.empty() && deferred_.empty(); });
     }
     connection_->close();
 }
@@ -92,7 +95,7 @@ bool Service::messageArrived(const Incoming& message) {
 void Service::roundEnded() {
     const std::lock_guard<std::mutex> lock(round_);
     while (send() && !inbox_.empty() && !stopping_) handleSome();
-    if (outbox_.empty()) allSent_.notify_all();
+    if (outbox_.empty() && deferred_.empty()) allSent_.notify_all();
     if (!isFull(1)) dropping_ = false;
     if (paused_ && (!isFull(1) || connection_->congestion() == Connection::Congestion::unacknowledged)) {
         paused_ = false;
@@ -108,7 +111,9 @@ void Service::handleSome() noexcept {
         inbox_.pop_front();
     }
     try {
-        outbox_ = handler_(batch_);
+        for (OutgoingMessage& message : handler_(batch_)) {
+            (message.deferrable ? deferred_ : outbox_).push_back(std::move(message));
+        }
     } catch (const std::exception& error) {
         dbg::Debug::error() << "Exception in the request handler: " << error.what() << std::endl;
     } catch (...) {
@@ -116,12 +121,30 @@ void Service::handleSome() noexcept {
     }
 }
 
-/// Returns whether all of the outbox has been sent.
+bool Service::deferralEnds() const {
+    if (deferred_.empty()) return false;
+    return stopping_ || deferred_.size() >= maxDeferred || Connection::Clock::now() >= deferredUntil_;
+}
+
+/// Returns whether nothing is left that has to wait for the broker.
 bool Service::send() {
-    if (outbox_.size() > 1) connection_->sendTogether();
-    for (; sent_ < outbox_.size(); ++sent_) {
+    const bool all = deferralEnds();
+    if (outbox_.size() + (all ? deferred_.size() : 0) > 1) connection_->sendTogether();
+    if (!send(outbox_)) return false;
+    if (all) {
+        if (!send(deferred_)) return false;
+        deferredUntil_ = Connection::Clock::now() + deferral;
+    } else if (!deferred_.empty()) {
+        connection_->endRoundAt(deferredUntil_);
+    }
+    return true;
+}
+
+/// Returns whether all of them have been sent.
+bool Service::send(std::deque<OutgoingMessage>& messages) {
+    for (; !messages.empty(); messages.pop_front()) {
         if (connection_->congestion() != Connection::Congestion::none) return false;
-        OutgoingMessage& message = outbox_[sent_];
+        OutgoingMessage& message = messages.front();
         if (message.topic.empty()) continue;  // the answer to a request that wanted none
         try {
             connection_->publish(
@@ -131,8 +154,6 @@ bool Service::send() {
             dbg::Debug::warning() << "Cannot send on " << message.topic << ": " << error.what() << std::endl;
         }
     }
-    outbox_.clear();
-    sent_ = 0;
     return true;
 }
 

@@ -1,6 +1,7 @@
 // The bus service over one Connection, on its network thread alone: handing a request to another thread takes a good
 // part of the time that it takes in all. Requests that came together are handled together, and what the handler returns
-// leaves together.
+// leaves together. What is deferrable leaves a millisecond after its like at the earliest: alone it leaves at once,
+// many leave together.
 #pragma once
 
 #include <atomic>
@@ -38,7 +39,9 @@ class Service final : public IIPCService, private ConnectionListener {
 
     bool isFull(std::size_t times) const;
     void handleSome() noexcept;
+    bool deferralEnds() const;
     bool send();
+    bool send(std::deque<OutgoingMessage>& messages);
 
     const std::string name_;
     Handler handler_;                         // constant once started
@@ -48,8 +51,9 @@ class Service final : public IIPCService, private ConnectionListener {
     std::mutex round_;  // held while requests are handled and answered
     std::condition_variable allSent_;
     // Guarded by round_.
-    std::vector<OutgoingMessage> outbox_;
-    std::size_t sent_ = 0;  // of the outbox
+    std::deque<OutgoingMessage> outbox_;
+    std::deque<OutgoingMessage> deferred_;
+    Connection::Clock::time_point deferredUntil_;  // those that there are, and those to come
 
     // The network thread's own.
     std::deque<ServiceRequest> inbox_;

@@ -149,7 +149,7 @@ void PropertyService::write(Property& property, std::optional<std::string> value
                             Messages& messages) {
     const bool stored = !property.isVolatile && value.has_value();
     std::string next = value ? std::move(*value) : std::string(property.definition->defaultValue);
-    messages.push_back({property.changeTopic, changeMessage(property.key, next, source), "", 1});
+    messages.push_back({property.changeTopic, changeMessage(property.key, next, source), "", 1, true});
     const bool toStore = !property.isVolatile && (stored != property.isStored || (stored && property.value != next));
     if (toStore) writes_.emplace_back(property.key, stored ? std::optional<std::string>(next) : std::nullopt);
     if (!toStore && property.value == next) return;

@@ -18,12 +18,15 @@ struct ServiceRequest {
     int qualityOfService = 0;
 };
 
-/// What goes out, in the order of the list.
+/// What goes out, in the order of the list but for what is deferrable.
 struct OutgoingMessage {
     std::string topic;  // empty: it is not sent
     std::string payload;
     std::string correlationData;  // empty: none
     int qualityOfService = 0;
+    /// Nobody waits for it: it may leave behind what comes after it, and where many are sent up to a millisecond later,
+    /// together with others, which spares the broker and us most of the cost of each. These keep their order too.
+    bool deferrable = false;
 };
 
 class IIPCService {

@@ -245,6 +245,104 @@ TEST(Service, PublishesEveryChangeBeforeItStops) {
     client->disconnect();
 }
 
+/// Publishes each request on "test-changes", deferrable, besides answering it.
+std::vector<ipc::OutgoingMessage> echoAndChange(const std::vector<ipc::ServiceRequest>& requests) {
+    std::vector<ipc::OutgoingMessage> messages = EchoService::echo(requests);
+    for (const auto& request : requests) messages.push_back({"test-changes", request.payload, "", 1, true});
+    return messages;
+}
+
+TEST(Service, KeepsTheOrderOfWhatItDefers) {
+    constexpr size_t many = 3000;
+    Broker broker;
+    std::vector<std::string> order;
+    EchoService service(broker.address(), [&](const std::vector<ipc::ServiceRequest>& requests) {
+        for (const auto& request : requests) order.push_back(request.payload);
+        return echoAndChange(requests);
+    });
+    Recorder recorder;
+    const auto client = newClient("asker");
+    client->watchPresence(statusTopic);
+    client->subscribe("test-changes", recorder);
+    client->connect(broker.address());
+    ASSERT_TRUE(waitForService(*client));
+    for (size_t i = 0; i < many; ++i) {
+        const std::string payload = std::to_string(i);
+        // Many at once, and one after the other.
+        if (i % 1000 < 500) {
+            client->publish("test-service/ask", payload, 1);
+        } else {
+            ASSERT_EQ(ask(*client, payload), "re:" + payload);
+        }
+    }
+    ASSERT_TRUE(recorder.waitForMessages(many + 1));  // the last has no request behind it
+    service.stop();
+    ASSERT_TRUE(recorder.waitForMessages(order.size()));
+    client->disconnect();
+    EXPECT_EQ(recorder.contents(), order);
+}
+
+TEST(Service, SendsADeferrableMessageAloneWithItsAnswer) {
+    fakes::StubbornBroker broker;
+    const EchoService service(broker.address(), [](const std::vector<ipc::ServiceRequest>&) {
+        return std::vector<ipc::OutgoingMessage>{{"test-answers", "", "", 0}, {"test-changes", "", "", 1, true}};
+    });
+    broker.send("test-service/ask", "", 1);
+    ASSERT_TRUE(eventually([&] { return broker.owed() >= 2; }));  // "online" and the change
+    EXPECT_GE(broker.mostAtOnce(), 2U);
+    broker.giveIn();  // for the goodbye
+}
+
+TEST(Service, SendsWhatItDeferredBeforeItStops) {
+    constexpr size_t many = 20;
+    Broker broker;
+    EchoService service(broker.address(), echoAndChange);
+    Recorder recorder;
+    const auto client = newClient("asker");
+    client->watchPresence(statusTopic);
+    client->connect(broker.address());
+    ASSERT_TRUE(waitForService(*client));
+    client->subscribe("test-changes", recorder);
+    for (size_t i = 0; i < many; ++i) ask(*client, "change");
+    service.stop();
+    EXPECT_TRUE(recorder.waitForMessages(many));
+    client->disconnect();
+}
+
+TEST(Service, WhatItDefersOutlivesACut) {
+    Broker broker;
+    fakes::Relay relay(broker.port());
+    std::atomic<bool> cuts{false};
+    const EchoService service(relay.address(), [&](const std::vector<ipc::ServiceRequest>& requests) {
+        if (cuts) relay.cut();
+        return echoAndChange(requests);
+    });
+    Recorder recorder;
+    const auto client = newClient("asker");
+    client->watchPresence(statusTopic);
+    client->connect(broker.address());
+    ASSERT_TRUE(waitForService(*client));
+    client->subscribe("test-changes", recorder);
+    ask(*client, "before");
+    cuts = true;
+    client->publish("test-service/ask", "cut", 1);
+    ASSERT_TRUE(eventually([&] {
+        try {
+            ask(*client, "there?");
+        } catch (const ipc::IPCException&) {
+            return true;
+        }
+        return false;
+    }));
+    cuts = false;
+    relay.restore();
+    EXPECT_TRUE(eventually([&] {
+        const std::vector<std::string> heard = recorder.contents();
+        return heard.size() >= 2 && heard[1] == "cut";
+    }));
+    client->disconnect();
+}
+
 TEST(Service, DoesNotCarryOutARetainedRequestAgain) {
     Broker broker;
     // A plain MQTT client leaves a retained request behind before the service comes up.

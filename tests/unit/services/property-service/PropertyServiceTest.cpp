@@ -124,6 +124,8 @@ TEST_F(Service, ASetIsAnsweredStoredAndPublishedWithQualityOne) {
     EXPECT_EQ(messages[1].topic, "prop-service-system/System.Name");
     EXPECT_EQ(messages[1].payload, R"({"param":"System.Name","value":"x","source":"t"})");
     EXPECT_EQ(messages[1].qualityOfService, 1);
+    EXPECT_FALSE(messages[0].deferrable);
+    EXPECT_TRUE(messages[1].deferrable);
     EXPECT_EQ(messages[1].correlationData, "");
     EXPECT_EQ(store.values["System.Name"], "x");
 }
