@@ -34,7 +34,6 @@ bool readChange(const std::string& payload, Change& change) {
 namespace {
 
 constexpr std::chrono::seconds patience{5};
-constexpr char statusTopic[] = "prop-service/status";
 
 [[noreturn]] void failAs(const Json::Value& answer) {
     const std::string word = textOf(answer, "error");

@@ -13,6 +13,8 @@
 namespace zavctl {
 
 inline constexpr char clientName[] = "zavctl";
+/// Where the property service keeps its presence, "online" or "offline", retained.
+inline constexpr char statusTopic[] = "prop-service/status";
 
 /// A property that has just been written.
 struct Change {

@@ -70,13 +70,33 @@ class Printer final : public ipc::IIPCCallback {
     std::mutex mutex_;  // guards the output
 };
 
+// Says when the property service goes: it takes its last changes along if it crashed, and starts without any.
+class PresencePrinter final : public ipc::IIPCCallback {
+ public:
+    explicit PresencePrinter(Printer& printer) : printer_(printer) {}
+
+    void connectionLost(const std::string&) override {}
+    void messageArrived(const std::string& topic, const std::string& content) override {
+        if (topic != statusTopic) return;
+        if (content == "offline" && wasThere_) printer_.say("the property service is gone, changes may be missing");
+        wasThere_ = content == "online";
+    }
+    void deliveryComplete(const std::string&) override {}
+
+ private:
+    Printer& printer_;
+    bool wasThere_ = false;  // on the delivery thread only
+};
+
 }  // namespace
 
 ExitCode watch(const Environment& environment, const Options& options, const std::string& prefix) {
     environment.catchSignals();
     Printer printer(environment, options.json, prefix);
+    PresencePrinter presence(printer);
     Session session(environment, options.host);
     session.subscribe(topicFilter(prefix), printer);
+    session.subscribe(statusTopic, presence);
     session.connect();
     // Also tells at once when the property service is away.
     if (session.properties().list(prefix, "").properties.empty()) {

@@ -16,7 +16,7 @@ class Watch {
  public:
     Watch(Phone& phone, const std::vector<std::string>& arguments)
         : phone_(phone), thread_([this, arguments] { code_ = phone_.run(arguments); }) {
-        while (phone_.bus->filters().empty()) std::this_thread::yield();
+        while (phone_.bus->filters().size() < 2) std::this_thread::yield();
     }
     Watch(const Watch&) = delete;
     Watch& operator=(const Watch&) = delete;
@@ -39,7 +39,7 @@ fakes::FakeProperties::Values values() { return {{"System.Name", ""}, {"State.Pr
 TEST(Watch, PrintsChangesInTheirOrderUntilItIsStopped) {
     Phone phone(values());
     Watch watch(phone, {"watch"});
-    EXPECT_THAT(phone.bus->filters(), ElementsAre("+/+"));
+    EXPECT_THAT(phone.bus->filters(), ElementsAre("+/+", "prop-service/status"));
     phone.properties->set("System.Name", "zavctl", "a");
     phone.properties->set("State.Provisioning", "", "b\n");
     phone.bus->deliver("prop-service/set", changeText("System.Name", "a request, no change", ""));
@@ -65,7 +65,7 @@ TEST(Watch, PrintsOneJsonObjectALine) {
 TEST(Watch, APrefixWithItsGroupAsksTheBrokerForThatGroupOnly) {
     Phone phone(values());
     Watch watch(phone, {"watch", "State.Prov"});
-    EXPECT_THAT(phone.bus->filters(), ElementsAre("prop-service-state/#"));
+    EXPECT_THAT(phone.bus->filters(), ElementsAre("prop-service-state/#", "prop-service/status"));
     phone.properties->set("State.Provisioning", "", "x");
     phone.properties->set("System.Name", "", "y");
     EXPECT_EQ(watch.end(), ExitCode::done);
@@ -79,6 +79,17 @@ TEST(Watch, SaysWhenNoKeyBeginsSoAndWhenTheConnectionWasLost) {
     EXPECT_EQ(watch.end(), ExitCode::done);
     EXPECT_THAT(phone.err.str(), HasSubstr("no key begins with \"Nothing\""));
     EXPECT_THAT(phone.err.str(), HasSubstr("connection lost, changes may be missing: cut"));
+}
+
+TEST(Watch, SaysWhenThePropertyServiceGoes) {
+    Phone phone(values());
+    Watch watch(phone, {"watch"});
+    for (const char* const presence : {"offline", "online", "online", "offline", "offline", "online"}) {
+        phone.bus->deliver("prop-service/status", presence);
+    }
+    phone.bus->deliver("another/status", "offline");
+    EXPECT_EQ(watch.end(), ExitCode::done);
+    EXPECT_EQ(phone.err.str(), "zavctl: the property service is gone, changes may be missing\n");
 }
 
 TEST(Watch, EndsWhenNobodyReadsAnyMore) {
