@@ -6,6 +6,7 @@
 #include <functional>
 #include <memory>
 #include <mutex>
+#include <stdexcept>
 #include <string>
 #include <utility>
 #include <vector>
@@ -144,6 +145,15 @@ inline bool waitForService(ipc::IIPCClient& client) {
             return false;
         }
     });
+}
+
+/// A client that the service answers.
+inline std::shared_ptr<ipc::IIPCClient> newAsker(const std::string& address) {
+    const auto client = newClient("asker");
+    client->watchPresence(statusTopic);
+    client->connect(address);
+    if (!waitForService(*client)) throw std::runtime_error("The service does not answer");
+    return client;
 }
 
 }  // namespace bustest

@@ -15,11 +15,7 @@ using std::chrono::steady_clock;
 
 /// A client that is connected and has a service to talk to.
 struct Party {
-    explicit Party(const std::string& address) : service(address), client(newClient("asker")) {
-        client->watchPresence(statusTopic);
-        client->connect(address);
-        if (!waitForService(*client)) throw std::runtime_error("The service does not answer");
-    }
+    explicit Party(const std::string& address) : service(address), client(newAsker(address)) {}
     EchoService service;
     std::shared_ptr<ipc::IIPCClient> client;
 };
@@ -96,10 +92,7 @@ TEST(Request, TakesNoAnswerButItsOwn) {
         }
         return outgoing;
     });
-    const auto client = newClient("asker");
-    client->watchPresence(statusTopic);
-    client->connect(broker.address());
-    ASSERT_TRUE(waitForService(*client));
+    const auto client = newAsker(broker.address());
     for (int i = 0; i < 50; ++i) EXPECT_EQ(ask(*client, std::to_string(i)), "re:" + std::to_string(i));
 }
 

@@ -180,10 +180,7 @@ TEST(Service, OutlivesAnExceptionOfTheHandler) {
         if (requests[0].payload == "bad") throw std::runtime_error("no luck");
         return EchoService::echo(requests);
     });
-    const auto client = newClient("asker");
-    client->watchPresence(statusTopic);
-    client->connect(broker.address());
-    ASSERT_TRUE(waitForService(*client));
+    const auto client = newAsker(broker.address());
     EXPECT_THROW(ask(*client, "bad", std::chrono::milliseconds(100)), ipc::IPCTimeoutException);
     EXPECT_EQ(ask(*client, "good"), "re:good");
 }
@@ -211,10 +208,7 @@ TEST(Service, AnswersWhatItHasInHandBeforeItStops) {
         }
         return EchoService::echo(requests);
     });
-    const auto client = newClient("asker");
-    client->watchPresence(statusTopic);
-    client->connect(broker.address());
-    ASSERT_TRUE(waitForService(*client));
+    const auto client = newAsker(broker.address());
     std::string answer;
     EXPECT_NO_THROW(answer = ask(*client, "stop"));
     stopped.wait();
@@ -298,10 +292,7 @@ TEST(Service, SendsWhatItDeferredBeforeItStops) {
     Broker broker;
     EchoService service(broker.address(), echoAndChange);
     Recorder recorder;
-    const auto client = newClient("asker");
-    client->watchPresence(statusTopic);
-    client->connect(broker.address());
-    ASSERT_TRUE(waitForService(*client));
+    const auto client = newAsker(broker.address());
     client->subscribe("test-changes", recorder);
     for (size_t i = 0; i < many; ++i) ask(*client, "change");
     service.stop();
@@ -318,10 +309,7 @@ TEST(Service, WhatItDefersOutlivesACut) {
         return echoAndChange(requests);
     });
     Recorder recorder;
-    const auto client = newClient("asker");
-    client->watchPresence(statusTopic);
-    client->connect(broker.address());
-    ASSERT_TRUE(waitForService(*client));
+    const auto client = newAsker(broker.address());
     client->subscribe("test-changes", recorder);
     ask(*client, "before");
     cuts = true;
@@ -370,27 +358,16 @@ TEST(Service, StartsWithoutABrokerAndServesWhenThereIsOne) {
     broker.stop();
     EchoService service(broker.address());
     broker.start();
-    const auto client = newClient("asker");
-    client->watchPresence(statusTopic);
-    client->connect(broker.address());
-    EXPECT_TRUE(waitForService(*client));
+    EXPECT_NO_THROW(newAsker(broker.address()));
 }
 
 TEST(Service, ServesAgainAfterTheBrokerWasRestarted) {
     Broker broker;
     EchoService service(broker.address());
-    {
-        const auto client = newClient("asker");
-        client->watchPresence(statusTopic);
-        client->connect(broker.address());
-        ASSERT_TRUE(waitForService(*client));
-    }
+    newAsker(broker.address());
     broker.stop();
     broker.start();
-    const auto client = newClient("asker");
-    client->watchPresence(statusTopic);
-    client->connect(broker.address());
-    EXPECT_TRUE(waitForService(*client));
+    EXPECT_NO_THROW(newAsker(broker.address()));
 }
 
 TEST(Service, StopsWithoutABrokerToo) {
