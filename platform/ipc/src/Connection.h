@@ -199,7 +199,7 @@ class Connection {
     Clock::time_point readySince_;
     Clock::time_point closeDeadline_;
     Clock::time_point nextUpkeep_;
-    Clock::time_point timerTime_;  // what it was set to last
+    Clock::time_point timerTime_;  // what it is set to
     std::map<std::uint32_t, Subscription> subscriptions_;
     std::unordered_map<int, std::uint32_t> unanswered_;  // subscriptions by message identifier
     std::uint32_t nextSubscription_ = 1;

@@ -139,6 +139,7 @@ void Connection::pump(std::unique_lock<std::mutex>& lock) {
         if (watched[1].revents != 0) drain(wakeup_.get());
         if (watched[2].revents != 0) drain(timer_.get());
         lock.lock();
+        if (watched[2].revents != 0) timerTime_ = {};
         sent_ = false;
         // Each acknowledgement that is read lets libmosquitto send another message that waits.
         if (waiting_.size() > 1) cork();

@@ -51,11 +51,12 @@ void Service::start(const std::string& host, const std::string& statusTopic, con
 }
 
 void Service::stop() {
-    stopping_ = true;
+    const bool first = !stopping_.exchange(true);
     if (!connection_) return;
-    {
+    if (first) {
         // What is carried out is answered, and its change published, before the goodbye.
         std::unique_lock<std::mutex> lock(round_);
+        send(deferred_);  // also without a connection, when there are no rounds
         allSent_.wait_for(lock, sendTime, [this] { return outbox_.empty() && deferred_.empty(); });
     }
     connection_->close();
@@ -123,7 +124,7 @@ void Service::handleSome() noexcept {
 
 bool Service::deferralEnds() const {
     if (deferred_.empty()) return false;
-    return stopping_ || deferred_.size() >= maxDeferred || Connection::Clock::now() >= deferredUntil_;
+    return deferred_.size() >= maxDeferred || Connection::Clock::now() >= deferredUntil_;
 }
 
 /// Returns whether nothing is left that has to wait for the broker.

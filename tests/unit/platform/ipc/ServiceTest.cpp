@@ -2,8 +2,11 @@
 #include <sys/mman.h>
 #include <unistd.h>
 
+#include <algorithm>
 #include <atomic>
+#include <chrono>
 #include <future>
+#include <stdexcept>
 #include <string_view>
 #include <thread>
 
@@ -269,7 +272,10 @@ TEST(Service, KeepsTheOrderOfWhatItDefers) {
             ASSERT_EQ(ask(*client, payload), "re:" + payload);
         }
     }
-    ASSERT_TRUE(recorder.waitForMessages(many + 1));  // the last has no request behind it
+    const auto begin = std::chrono::steady_clock::now();
+    ASSERT_TRUE(recorder.waitForMessages(many + 1));
+    // The last ones have no request behind them, and do not wait for the upkeep of the connection.
+    EXPECT_LT(std::chrono::steady_clock::now() - begin, std::chrono::seconds(5));
     service.stop();
     ASSERT_TRUE(recorder.waitForMessages(order.size()));
     client->disconnect();
@@ -300,35 +306,89 @@ TEST(Service, SendsWhatItDeferredBeforeItStops) {
     client->disconnect();
 }
 
-TEST(Service, WhatItDefersOutlivesACut) {
-    Broker broker;
-    fakes::Relay relay(broker.port());
-    std::atomic<bool> cuts{false};
-    const EchoService service(relay.address(), [&](const std::vector<ipc::ServiceRequest>& requests) {
-        if (cuts) relay.cut();
-        return echoAndChange(requests);
-    });
-    Recorder recorder;
-    const auto client = newAsker(broker.address());
-    client->subscribe("test-changes", recorder);
-    ask(*client, "before");
-    cuts = true;
-    client->publish("test-service/ask", "cut", 1);
-    ASSERT_TRUE(eventually([&] {
-        try {
-            ask(*client, "there?");
-        } catch (const ipc::IPCException&) {
-            return true;
+/// A service that is cut off while it defers: of hundreds of requests it gets 64 at a time, is cut off, publishes their
+/// changes, and at once makes those of the next.
+class CutService {
+ public:
+    enum class Cut { connection, broker };
+
+    explicit CutService(Cut cut) : cuts_(cut) {
+        constexpr size_t many = 400;
+        client_->subscribe("test-changes", changes_);
+        client_->subscribe("test-service/ask", requests_);
+        client_->publish("test-service/ask", "hold", 0);
+        for (size_t i = 0; i < many; ++i) client_->publish("test-service/ask", std::to_string(i), 0);
+        if (!requests_.waitForMessages(many + 1)) throw std::runtime_error("The broker has not got the requests");
+        gate_.open();
+        if (!cut_.pass()) throw std::runtime_error("There were no 64 requests at a time");
+    }
+    CutService(const CutService&) = delete;
+    CutService& operator=(const CutService&) = delete;
+    ~CutService() { client_->disconnect(); }
+
+    void restore() { relay_.restore(); }
+    void stop() { service_.stop(); }
+    std::vector<std::string> handled() {
+        const std::lock_guard<std::mutex> lock(mutex_);
+        return handled_;
+    }
+    /// The changes that came, without repetitions: what is not acknowledged at the cut comes twice.
+    std::vector<std::string> changes() {
+        std::vector<std::string> once;
+        for (const std::string& each : changes_.contents()) {
+            if (std::find(once.begin(), once.end(), each) == once.end()) once.push_back(each);
         }
-        return false;
-    }));
-    cuts = false;
-    relay.restore();
-    EXPECT_TRUE(eventually([&] {
-        const std::vector<std::string> heard = recorder.contents();
-        return heard.size() >= 2 && heard[1] == "cut";
-    }));
-    client->disconnect();
+        return once;
+    }
+
+ private:
+    std::vector<ipc::OutgoingMessage> handle(const std::vector<ipc::ServiceRequest>& requests) {
+        if (requests[0].payload == "hold") gate_.pass();
+        if (requests.size() == 64 && !isCut_) {
+            if (cuts_ == Cut::broker) {
+                broker_.stop();
+            } else {
+                relay_.cut();
+            }
+            isCut_ = true;
+            cut_.open();
+        }
+        const std::lock_guard<std::mutex> lock(mutex_);
+        for (const auto& request : requests) {
+            if (request.payload != "there?") handled_.push_back(request.payload);
+        }
+        return echoAndChange(requests);
+    }
+
+    const Cut cuts_;
+    Broker broker_;
+    fakes::Relay relay_{broker_.port()};
+    Gate gate_;
+    Gate cut_;
+    bool isCut_ = false;  // the service's thread's own
+    std::mutex mutex_;
+    std::vector<std::string> handled_;  // guarded by mutex_
+    EchoService service_{cuts_ == Cut::broker ? broker_.address() : relay_.address(),
+                         [this](const auto& requests) { return handle(requests); }};
+    const std::shared_ptr<ipc::IIPCClient> client_ = newAsker(broker_.address());
+    Recorder changes_;
+    Recorder requests_;
+};
+
+TEST(Service, WhatItDefersOutlivesACut) {
+    CutService service(CutService::Cut::connection);
+    service.restore();
+    EXPECT_TRUE(eventually([&] { return service.changes() == service.handled(); }))
+        << service.changes().size() << " changes of " << service.handled().size() << " requests";
+}
+
+TEST(Service, StopsAtOnceWhenTheBrokerIsGone) {
+    const KeptStderr log;
+    CutService service(CutService::Cut::broker);
+    ASSERT_TRUE(eventually([&] { return log.contains("Connection to the broker lost"); }));
+    const auto begin = std::chrono::steady_clock::now();
+    service.stop();
+    EXPECT_LT(std::chrono::steady_clock::now() - begin, std::chrono::milliseconds(1500));
 }
 
 TEST(Service, DoesNotCarryOutARetainedRequestAgain) {
