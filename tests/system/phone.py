@@ -217,7 +217,17 @@ class Bus:
         return self._ask("get", {"param": key})["value"]
 
     def set(self, key, value):
-        self._ask("set", {"param": key, "value": value, "source": "test"})
+        """Returns when its change was heard too, which may come a moment behind the answer."""
+        topic = f"prop-service-{key.split('.')[0].lower()}/"
+        change = {"param": key, "value": value, "source": "test"}
+
+        def heard():
+            return sum(json.loads(text) == change for _, text in self.messages(topic + key))
+
+        before = heard()
+        self._ask("set", change)
+        if topic + "#" in self.TOPICS:
+            wait_until(lambda: heard() > before, lambda: f"change {change} in {self.messages(topic)}")
 
 
 def encrypt(text):

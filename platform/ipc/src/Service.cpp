@@ -20,7 +20,8 @@ constexpr std::size_t mostTimes = 4;
 // What is handled at once; answers can be large.
 constexpr std::size_t maxBatch = 64;
 constexpr std::chrono::seconds sendTime{2};
-// What is deferred is gone with a crash: so long, and so many at most.
+// What is deferred is gone with a crash: so long, and so many at most. And only in a rush, which is when as many have
+// come with no pause of that length.
 constexpr std::chrono::milliseconds deferral{1};
 constexpr std::size_t maxDeferred = 64;
 
@@ -112,9 +113,15 @@ void Service::handleSome() noexcept {
         inbox_.pop_front();
     }
     try {
+        const std::size_t before = deferred_.size();
         for (OutgoingMessage& message : handler_(batch_)) {
             (message.deferrable ? deferred_ : outbox_).push_back(std::move(message));
         }
+        if (deferred_.size() == before) return;
+        const auto now = Connection::Clock::now();
+        if (now - lastDeferrable_ >= deferral) rush_ = 0;
+        rush_ += deferred_.size() - before;
+        lastDeferrable_ = now;
     } catch (const std::exception& error) {
         dbg::Debug::error() << "Exception in the request handler: " << error.what() << std::endl;
     } catch (...) {
@@ -124,7 +131,7 @@ void Service::handleSome() noexcept {
 
 bool Service::deferralEnds() const {
     if (deferred_.empty()) return false;
-    return deferred_.size() >= maxDeferred || Connection::Clock::now() >= deferredUntil_;
+    return rush_ <= maxDeferred || deferred_.size() >= maxDeferred || Connection::Clock::now() >= deferredUntil_;
 }
 
 /// Returns whether nothing is left that has to wait for the broker.

@@ -1,7 +1,7 @@
 // The bus service over one Connection, on its network thread alone: handing a request to another thread takes a good
 // part of the time that it takes in all. Requests that came together are handled together, and what the handler returns
-// leaves together. What is deferrable leaves a millisecond after its like at the earliest: alone it leaves at once,
-// many leave together.
+// leaves together. In a rush, what is deferrable leaves a millisecond after its like at the earliest, and many
+// together.
 #pragma once
 
 #include <atomic>
@@ -53,6 +53,8 @@ class Service final : public IIPCService, private ConnectionListener {
     // Guarded by round_.
     std::deque<OutgoingMessage> outbox_;
     std::deque<OutgoingMessage> deferred_;
+    std::size_t rush_ = 0;  // deferrable messages without a pause between them
+    Connection::Clock::time_point lastDeferrable_;
     Connection::Clock::time_point deferredUntil_;  // those that there are, and those to come
 
     // The network thread's own.

@@ -24,8 +24,8 @@ struct OutgoingMessage {
     std::string payload;
     std::string correlationData;  // empty: none
     int qualityOfService = 0;
-    /// Nobody waits for it: it may leave behind what comes after it, and where many are sent up to a millisecond later,
-    /// together with others, which spares the broker and us most of the cost of each. These keep their order too.
+    /// Nobody waits for it: it may leave behind what comes after it, and in a rush, after 64 of its kind with no pause
+    /// of a millisecond, up to a millisecond later and together with others, which costs less. These keep their order.
     bool deferrable = false;
 };
 

@@ -294,7 +294,7 @@ TEST(Service, SendsADeferrableMessageAloneWithItsAnswer) {
 }
 
 TEST(Service, SendsWhatItDeferredBeforeItStops) {
-    constexpr size_t many = 20;
+    constexpr size_t many = 200;  // a rush
     Broker broker;
     EchoService service(broker.address(), echoAndChange);
     Recorder recorder;
