@@ -39,8 +39,9 @@ Connection::Connection(Options options, ConnectionListener& listener)
       listener_(listener),
       wakeup_(eventfd(0, EFD_NONBLOCK | EFD_CLOEXEC)),
       timer_(timerfd_create(CLOCK_MONOTONIC, TFD_NONBLOCK | TFD_CLOEXEC)) {
-    if (wakeup_.get() < 0 || timer_.get() < 0)
+    if (wakeup_.get() < 0 || timer_.get() < 0) {
         throw IPCException("Cannot make an event descriptor: " + systemText(errno));
+    }
 }
 
 Connection::~Connection() { close(); }
