@@ -256,13 +256,17 @@ class Process {
 
 double medianOf(std::vector<double> values) { return quantile(values, 0.5); }
 
-/// The phone's own client, which waits for each answer.
+/// The phone's own client, which waits for each answer, and for `pause` before each request.
 Result askInTurn(ipc::IIPCClient& client, const std::string& topic, const std::string& key,
-                 std::chrono::duration<double> duration) {
+                 std::chrono::duration<double> duration, std::chrono::milliseconds pause) {
     const std::string status = topic.compare(0, 4, "echo") == 0 ? echoStatus : serviceStatus;
     std::vector<double> times;
     const auto start = Clock::now();
     for (auto now = start; now < start + duration;) {
+        if (pause > pause.zero()) {
+            ::poll(nullptr, 0, static_cast<int>(pause.count()));
+            now = Clock::now();
+        }
         const std::string answer =
             client.request(topic, setRequest(key, std::to_string(times.size())), status, std::chrono::seconds(5));
         if (answer.find("\"error\"") != std::string::npos) throw std::runtime_error("a request was refused");
@@ -339,8 +343,13 @@ void measureAll(std::chrono::duration<double> duration) {
         own->watchPresence(serviceStatus);
         own->connect(broker.address());
         const char* const key = "System.General.Location";
-        measure("the phone's client", key,
-                [&](const char* topic, const char* which) { return askInTurn(*own, topic, which, duration); });
+        const auto phones = [&](std::chrono::milliseconds pause) {
+            return [&own, duration, pause](const char* topic, const char* which) {
+                return askInTurn(*own, topic, which, duration, pause);
+            };
+        };
+        measure("the phone's client", key, phones(std::chrono::milliseconds(0)));
+        measure("the phone's client, with 3 ms between its requests", key, phones(std::chrono::milliseconds(3)));
         measure("a bare client", key, bare(1));
         measure("64 bare clients at once", "PhoneUI.Expansion.%", bare(many));
     }

@@ -111,9 +111,7 @@ bool StubbornBroker::talk(int client) {
         const ssize_t size = recv(client, buffer, sizeof buffer, 0);
         if (size <= 0) return false;
         input_.append(buffer, static_cast<std::size_t>(size));
-        published_ = 0;
         while (const std::size_t taken = takePacket(input_)) input_.erase(0, taken);
-        if (published_ > mostAtOnce_) mostAtOnce_ = published_;
     }
     if (givesIn_) {
         for (const std::string& identifier : owed_) output_ += packet(puback << 4, identifier);
@@ -151,7 +149,6 @@ void StubbornBroker::answer(int first, const std::string& body) {
             output_ += packet(pingresp << 4, "");
             break;
         case publish:
-            ++published_;
             if ((first & 0x06) != 0) {
                 const auto topic = static_cast<std::size_t>(static_cast<unsigned char>(body[0])) * 256 +
                                    static_cast<unsigned char>(body[1]);

@@ -28,8 +28,6 @@ class StubbornBroker {
 
     /// How many publications wait for their acknowledgement.
     std::size_t owed() const { return owedCount_; }
-    /// How many publications came in one piece, at most.
-    std::size_t mostAtOnce() const { return mostAtOnce_; }
 
     /// Cuts the connection; the next one is welcome.
     void hangUp();
@@ -48,7 +46,6 @@ class StubbornBroker {
     int listener_ = -1;
     std::atomic<std::size_t> toSend_{0};
     std::atomic<std::size_t> owedCount_{0};
-    std::atomic<std::size_t> mostAtOnce_{0};
     std::atomic<bool> givesIn_{false};
     std::atomic<bool> hangsUp_{false};
     std::atomic<bool> stopping_{false};
@@ -58,7 +55,6 @@ class StubbornBroker {
     std::string input_;
     std::string output_;
     std::vector<std::string> owed_;  // message identifiers
-    std::size_t published_ = 0;      // of the piece in hand
     bool subscribed_ = false;
 
     std::thread thread_;

@@ -20,8 +20,7 @@ constexpr std::size_t mostTimes = 4;
 // What is handled at once; answers can be large.
 constexpr std::size_t maxBatch = 64;
 constexpr std::chrono::seconds sendTime{2};
-// What is deferred is gone with a crash: so long, and so many at most. And only in a rush, which is when as many have
-// come with no pause of that length.
+// What is deferred is gone with a crash: so long, and so many at most.
 constexpr std::chrono::milliseconds deferral{1};
 constexpr std::size_t maxDeferred = 64;
 
@@ -113,15 +112,11 @@ void Service::handleSome() noexcept {
         inbox_.pop_front();
     }
     try {
-        const std::size_t before = deferred_.size();
+        const bool isFirst = deferred_.empty();
         for (OutgoingMessage& message : handler_(batch_)) {
             (message.deferrable ? deferred_ : outbox_).push_back(std::move(message));
         }
-        if (deferred_.size() == before) return;
-        const auto now = Connection::Clock::now();
-        if (now - lastDeferrable_ >= deferral) rush_ = 0;
-        rush_ += deferred_.size() - before;
-        lastDeferrable_ = now;
+        if (isFirst && !deferred_.empty()) deferredUntil_ = Connection::Clock::now() + deferral;
     } catch (const std::exception& error) {
         dbg::Debug::error() << "Exception in the request handler: " << error.what() << std::endl;
     } catch (...) {
@@ -131,7 +126,7 @@ void Service::handleSome() noexcept {
 
 bool Service::deferralEnds() const {
     if (deferred_.empty()) return false;
-    return rush_ <= maxDeferred || deferred_.size() >= maxDeferred || Connection::Clock::now() >= deferredUntil_;
+    return deferred_.size() >= maxDeferred || Connection::Clock::now() >= deferredUntil_;
 }
 
 /// Returns whether nothing is left that has to wait for the broker.
@@ -139,12 +134,8 @@ bool Service::send() {
     const bool all = deferralEnds();
     if (outbox_.size() + (all ? deferred_.size() : 0) > 1) connection_->sendTogether();
     if (!send(outbox_)) return false;
-    if (all) {
-        if (!send(deferred_)) return false;
-        deferredUntil_ = Connection::Clock::now() + deferral;
-    } else if (!deferred_.empty()) {
-        connection_->endRoundAt(deferredUntil_);
-    }
+    if (all) return send(deferred_);
+    if (!deferred_.empty()) connection_->endRoundAt(deferredUntil_);
     return true;
 }
 

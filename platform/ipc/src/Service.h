@@ -1,7 +1,6 @@
 // The bus service over one Connection, on its network thread alone: handing a request to another thread takes a good
 // part of the time that it takes in all. Requests that came together are handled together, and what the handler returns
-// leaves together. In a rush, what is deferrable leaves a millisecond after its like at the earliest, and many
-// together.
+// leaves together, but for what is deferrable: that waits a millisecond for more of its kind, and 64 wait no longer.
 #pragma once
 
 #include <atomic>
@@ -53,9 +52,7 @@ class Service final : public IIPCService, private ConnectionListener {
     // Guarded by round_.
     std::deque<OutgoingMessage> outbox_;
     std::deque<OutgoingMessage> deferred_;
-    std::size_t rush_ = 0;  // deferrable messages without a pause between them
-    Connection::Clock::time_point lastDeferrable_;
-    Connection::Clock::time_point deferredUntil_;  // those that there are, and those to come
+    Connection::Clock::time_point deferredUntil_;
 
     // The network thread's own.
     std::deque<ServiceRequest> inbox_;

@@ -24,8 +24,8 @@ struct OutgoingMessage {
     std::string payload;
     std::string correlationData;  // empty: none
     int qualityOfService = 0;
-    /// Nobody waits for it: it may leave behind what comes after it, and in a rush, after 64 of its kind with no pause
-    /// of a millisecond, up to a millisecond later and together with others, which costs less. These keep their order.
+    /// Nobody waits for it: it leaves a millisecond later, or when 64 of its kind wait, and together with these, which
+    /// costs less. What comes after it may leave before it; those of its kind keep their order.
     bool deferrable = false;
 };
 
