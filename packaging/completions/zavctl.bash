@@ -49,7 +49,10 @@ _zavctl() {
         describe | export | get | keys | list | reset | set | watch)
             if [ "$words" -eq 0 ]; then mapfile -t COMPREPLY < <(_zavctl_keys "$cur"); fi
             ;;
-        diff | import | backup | restore) mapfile -t COMPREPLY < <(compgen -f -- "$cur") ;;
+        diff | import | backup | restore)
+            compopt -o filenames
+            mapfile -t COMPREPLY < <(compgen -f -- "$cur")
+            ;;
     esac
 }
 

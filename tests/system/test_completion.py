@@ -182,6 +182,8 @@ class ZshCompletionTest(unittest.TestCase):
             with self.subTest(command):
                 self.assertEqual(self.offered(f"zavctl {command} au"), ["audio.json", "autumn.json"])
         self.assertEqual(self.offered("zavctl diff audio.json autumn.json au"), [])
+        os.mkdir(f"{self.shell.home}/saved")
+        self.assertEqual(self.completed("zavctl import sav"), "zavctl import saved/")
 
     def test_without_a_service_nothing_is_offered_and_nothing_said(self):
         phone.service("stop", "properties")

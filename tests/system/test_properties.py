@@ -30,11 +30,12 @@ class Client:
         self.answers = []
         self.asked = {}
         self.changes = []
+        self.qualities = []  # of the answers
         self.status = None
         self.ready = threading.Event()
         self.client = mqtt.Client(self.name, protocol=mqtt.MQTTv5)
         self.client.on_connect = lambda client, *_: client.subscribe(
-            [(topic, mqtt.SubscribeOptions(qos=1))
+            [(topic, mqtt.SubscribeOptions(qos=2))
              for topic in (self.name, "prop-service/status", "prop-service-state/#", "prop-service-phoneui/#")])
         self.client.on_subscribe = lambda *_: self.ready.set()
         self.client.on_message = self.arrived
@@ -50,6 +51,7 @@ class Client:
     def arrived(self, _client, _data, message):
         with self.changed:
             if message.topic == self.name:
+                self.qualities.append(message.qos)
                 answer = json.loads(message.payload)
                 asked = getattr(message.properties, "CorrelationData", None)
                 if asked:
@@ -76,12 +78,12 @@ class Client:
     def wait_status(self, status):
         self.wait(lambda: self.status == status, f"status {status}")
 
-    def send(self, operation, correlation=None, **request):
+    def send(self, operation, correlation=None, quality=0, **request):
         properties = mqtt.Properties(PacketTypes.PUBLISH)
         properties.ResponseTopic = self.name
         if correlation:
             properties.CorrelationData = correlation
-        self.client.publish(f"prop-service/{operation}", json.dumps(request), 0, properties=properties)
+        self.client.publish(f"prop-service/{operation}", json.dumps(request), quality, properties=properties)
 
     def ask(self, operation, **request):
         """Its own answer: those to sets that were still on their way may come in between."""
@@ -245,6 +247,15 @@ class PropertiesTest(unittest.TestCase):
             self.assertEqual(self.client.get("System.General.DeviceID"), "kd4v")
             self.assertIsNone(self.client.set(KEYS[0], "again"))
             self.client.wait(lambda: any(one["value"] == "again" for one in self.client.changes), "the change")
+
+    def test_an_answer_has_the_quality_of_its_request(self):
+        self.start()
+        for quality in (0, 1, 2):
+            with self.subTest(quality):
+                self.client.qualities.clear()
+                self.client.ask("set", quality=quality, param=KEYS[0], value=str(quality))
+                self.assertEqual(self.client.qualities, [quality])
+                self.assertEqual(self.client.get(KEYS[0]), str(quality))
 
     def test_changes_come_in_the_order_of_the_sets(self):
         self.start()

@@ -34,6 +34,8 @@ bool readChange(const std::string& payload, Change& change) {
 namespace {
 
 constexpr std::chrono::seconds patience{5};
+// What the property service takes at once.
+constexpr std::size_t maxRequestBytes = 15 * 1024 * 1024;
 
 [[noreturn]] void failAs(const Json::Value& answer) {
     const std::string word = textOf(answer, "error");
@@ -62,7 +64,13 @@ void Session::subscribe(const std::string& topicFilter, ipc::IIPCCallback& callb
 void Session::connect() { bus_->connect(host_); }
 
 Json::Value Session::ask(const std::string& operation, const Json::Value& request) {
-    const std::string text = bus_->request("prop-service/" + operation, compactJson(request), statusTopic, patience);
+    const std::string question = compactJson(request);
+    if (question.size() > maxRequestBytes) {
+        throw Failure(ExitCode::failed, "bad-request",
+                      "the settings are " + std::to_string(question.size()) + " bytes, and the phone takes " +
+                          std::to_string(maxRequestBytes) + " at once: divide the file");
+    }
+    const std::string text = bus_->request("prop-service/" + operation, question, statusTopic, patience);
     Json::Value answer;
     std::string error;
     if (!parseJson(text, answer, error) || !answer.isObject()) {

@@ -14,6 +14,8 @@ namespace zavctl {
 
 namespace {
 
+constexpr Json::ArrayIndex maxErrors = 1000;  // what the property service names at once
+
 struct Difference {
     std::string key;
     std::optional<std::string> before;  // none: not there
@@ -118,9 +120,9 @@ void import(Session& session, const std::vector<Difference>& differences, bool a
         reasons += "; " + error["param"].asString() + ": " + error["reason"].asString();
         allUnknown = allUnknown && error["error"] == "not-found";
     }
-    throw Failure(
-        allUnknown ? ExitCode::noSuchKey : ExitCode::failed, allUnknown ? "not-found" : "invalid-value",
-        "nothing was written, " + counted(errors.size(), "setting is", "settings are") + " refused" + reasons);
+    throw Failure(allUnknown ? ExitCode::noSuchKey : ExitCode::failed, allUnknown ? "not-found" : "invalid-value",
+                  "nothing was written, " + counted(errors.size(), "setting is", "settings are") + " refused" +
+                      (errors.size() < maxErrors ? "" : ", or more") + reasons);
 }
 
 }  // namespace

@@ -19,6 +19,8 @@ namespace {
 
 constexpr std::chrono::milliseconds flushTime{500};
 constexpr std::size_t manyBytes = std::size_t{4} * 1024 * 1024;
+// Brokers cut off who publishes on a topic of more levels; kept until it is acknowledged, it would do so for ever.
+constexpr std::ptrdiff_t maxSlashes = 200;
 
 bool isConnectionFailure(int result) {
     return result == MOSQ_ERR_NO_CONN || result == MOSQ_ERR_CONN_LOST || result == MOSQ_ERR_ERRNO;
@@ -27,10 +29,13 @@ bool isConnectionFailure(int result) {
 /// What counts of a message that has to be kept.
 template <typename Kept>
 std::size_t sizeOf(const Kept& message) {
-    return message.payload.size() + message.correlationData.size();
+    return message.topic.size() + message.payload.size() + message.responseTopic.size() +
+           message.correlationData.size();
 }
 
 bool hasNul(std::string_view text) { return text.find('\0') != std::string_view::npos; }
+
+bool isTooDeep(std::string_view topic) { return std::count(topic.begin(), topic.end(), '/') > maxSlashes; }
 
 }  // namespace
 
@@ -124,7 +129,7 @@ void Connection::wake() const {
 // ---- sending: any thread, mutex_ held ----
 
 bool Connection::publish(const Message& message) {
-    if (message.topic.empty() || hasNul(message.topic) || hasNul(message.responseTopic) ||
+    if (message.topic.empty() || hasNul(message.topic) || isTooDeep(message.topic) || hasNul(message.responseTopic) ||
         message.correlationData.size() > 65535 || message.payload.size() > maxPacket ||
         mosquitto_pub_topic_check2(message.topic.data(), message.topic.size()) != MOSQ_ERR_SUCCESS ||
         mosquitto_validate_utf8(message.topic.data(), static_cast<int>(message.topic.size())) != MOSQ_ERR_SUCCESS) {
@@ -165,8 +170,8 @@ int Connection::send(const Message& message, bool retain, int* mid) {
 }
 
 void Connection::enqueue(const Message& message, bool retain) {
-    waiting_.push_back({std::string(message.topic), std::string(message.payload), retain, message.responseTopic,
-                        message.correlationData, 0});
+    waiting_.push_back({std::string(message.topic), std::string(message.payload), message.qualityOfService, retain,
+                        message.responseTopic, message.correlationData, 0});
     waitingBytes_ += sizeOf(message);
     if (up_) sendWaiting(waiting_.back());
 }
@@ -182,7 +187,8 @@ void Connection::cork() {
 }
 
 void Connection::sendWaiting(Waiting& waiting) {
-    const Message message{waiting.topic, waiting.payload, 1, waiting.responseTopic, waiting.correlationData};
+    const Message message{waiting.topic, waiting.payload, waiting.qualityOfService, waiting.responseTopic,
+                          waiting.correlationData};
     const int result = send(message, waiting.retain, &waiting.mid);
     if (result != MOSQ_ERR_SUCCESS && !isConnectionFailure(result)) {
         // It will never be sent; nothing else may wait behind it.
@@ -212,6 +218,11 @@ Connection::Congestion Connection::congestion() {
     if (backlog_ >= maxWaiting / 2 || backlogBytes_ >= manyBytes) return Congestion::unsent;
     if (waiting_.size() >= maxWaiting / 2 || waitingBytes_ >= manyBytes) return Congestion::unacknowledged;
     return Congestion::none;
+}
+
+std::size_t Connection::unsettled() {
+    const std::lock_guard<std::mutex> lock(mutex_);
+    return up_ ? backlog_ + waiting_.size() : 0;
 }
 
 // ---- subscriptions ----

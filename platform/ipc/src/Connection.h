@@ -96,6 +96,9 @@ class Connection {
     enum class Congestion { none, unsent, unacknowledged };
     Congestion congestion();
 
+    /// How many messages the broker has yet to take or to acknowledge; 0 without a connection.
+    std::size_t unsettled();
+
     /// Inside `roundEnded`: another one ends at that time at the latest, if there is a connection then. It replaces the
     /// time that was given before.
     void endRoundAt(Clock::time_point time);
@@ -129,6 +132,7 @@ class Connection {
     struct Waiting {
         std::string topic;
         std::string payload;
+        int qualityOfService = 0;
         bool retain = false;
         std::string responseTopic;
         std::string correlationData;

@@ -9,6 +9,7 @@
 #include "Connection.h"
 #include "Socket.h"
 #include "debug/Debug.h"
+#include "ipc/IPCException.h"
 
 namespace ipc {
 
@@ -83,7 +84,13 @@ bool Connection::openHandle(std::unique_lock<std::mutex>& lock, const std::strin
     Handle handle;
     if (why.empty()) {
         // What was queued for us during a cut is to arrive, but nothing of the process before this one.
-        handle = newHandle(options_.clientId, !(keep && everUp_), this);
+        try {
+            handle = newHandle(options_.clientId, !(keep && everUp_), this);
+        } catch (const IPCException& error) {
+            why = error.what();
+        }
+    }
+    if (handle) {
         if (!options_.userName.empty()) {
             mosquitto_username_pw_set(handle.get(), options_.userName.c_str(), nullptr);
         }

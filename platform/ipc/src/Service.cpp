@@ -19,7 +19,9 @@ constexpr std::size_t maxBytes = std::size_t{16} * 1024 * 1024;
 constexpr std::size_t mostTimes = 4;
 // What is handled at once; answers can be large.
 constexpr std::size_t maxBatch = 64;
-constexpr std::chrono::seconds sendTime{2};
+// A stop waits for the broker as long as it takes something within the first time, and never longer than the second.
+constexpr std::chrono::milliseconds stillTime{500};
+constexpr std::chrono::seconds sendTime{10};
 // What is deferred is gone with a crash: so long, and so many at most.
 constexpr std::chrono::milliseconds deferral{1};
 constexpr std::size_t maxDeferred = 64;
@@ -46,7 +48,7 @@ void Service::start(const std::string& host, const std::string& statusTopic, con
     handler_ = std::move(handler);
     connection_ = std::make_unique<Connection>(options, static_cast<ConnectionListener&>(*this));
     // A retained request would be carried out again on every connection.
-    for (const std::string& topic : topics) connection_->subscribe(topic, 1, MQTT_SUB_OPT_SEND_RETAIN_NEVER);
+    for (const std::string& topic : topics) connection_->subscribe(topic, 2, MQTT_SUB_OPT_SEND_RETAIN_NEVER);
     connection_->open(host, true);
 }
 
@@ -57,10 +59,26 @@ void Service::stop() {
         // What is carried out is answered, and its change published, before the goodbye.
         std::unique_lock<std::mutex> lock(round_);
         send(deferred_);  // also without a connection, when there are no rounds
-        allSent_.wait_for(lock, sendTime, [this] { return outbox_.empty() && deferred_.empty(); });
+        waitUntilTaken(lock);
     }
     connection_->close();
 }
+
+void Service::waitUntilTaken(std::unique_lock<std::mutex>& lock) {
+    const auto end = Connection::Clock::now() + sendTime;
+    std::size_t before = 0;
+    std::size_t left = unsettled();
+    for (bool goesOn = left > 0; goesOn; goesOn = left > 0 && left < before && Connection::Clock::now() < end) {
+        before = left;
+        allTaken_.wait_for(lock, stillTime, [this] { return unsettled() == 0; });
+        left = unsettled();
+    }
+    if (left > 0) {
+        dbg::Debug::warning() << "The broker has not taken the last " << left << " answers and changes" << std::endl;
+    }
+}
+
+std::size_t Service::unsettled() const { return outbox_.size() + deferred_.size() + connection_->unsettled(); }
 
 bool Service::isFull(std::size_t times) const {
     return inbox_.size() >= times * maxRequests || inboxBytes_ >= times * maxBytes;
@@ -96,7 +114,7 @@ bool Service::messageArrived(const Incoming& message) {
 void Service::roundEnded() {
     const std::lock_guard<std::mutex> lock(round_);
     while (send() && !inbox_.empty() && !stopping_) handleSome();
-    if (outbox_.empty() && deferred_.empty()) allSent_.notify_all();
+    if (stopping_) allTaken_.notify_all();
     if (!isFull(1)) dropping_ = false;
     if (paused_ && (!isFull(1) || connection_->congestion() == Connection::Congestion::unacknowledged)) {
         paused_ = false;
@@ -133,8 +151,8 @@ bool Service::deferralEnds() const {
 bool Service::send() {
     const bool all = deferralEnds();
     if (outbox_.size() + (all ? deferred_.size() : 0) > 1) connection_->sendTogether();
+    if (all && !send(deferred_)) return false;  // first, as answers can be large
     if (!send(outbox_)) return false;
-    if (all) return send(deferred_);
     if (!deferred_.empty()) connection_->endRoundAt(deferredUntil_);
     return true;
 }

@@ -38,6 +38,8 @@ class Service final : public IIPCService, private ConnectionListener {
 
     bool isFull(std::size_t times) const;
     void handleSome() noexcept;
+    void waitUntilTaken(std::unique_lock<std::mutex>& lock);
+    std::size_t unsettled() const;
     bool deferralEnds() const;
     bool send();
     bool send(std::deque<OutgoingMessage>& messages);
@@ -48,7 +50,7 @@ class Service final : public IIPCService, private ConnectionListener {
     std::atomic<bool> stopping_{false};
 
     std::mutex round_;  // held while requests are handled and answered
-    std::condition_variable allSent_;
+    std::condition_variable allTaken_;
     // Guarded by round_.
     std::deque<OutgoingMessage> outbox_;
     std::deque<OutgoingMessage> deferred_;

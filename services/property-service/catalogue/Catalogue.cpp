@@ -13,6 +13,7 @@
 
 #include "catalogue/KeyPattern.h"
 #include "service/Limits.h"
+#include "service/Utf8.h"
 
 namespace propertyservice {
 
@@ -69,6 +70,16 @@ class Source {
     const std::string& name_;
 };
 
+/// The first one, from 1; 0 when the text is UTF-8 throughout.
+int lineThatIsNoUtf8(const std::string& text) {
+    if (isCleanText(text)) return 0;
+    std::istringstream lines(text);
+    std::string line;
+    int number = 1;
+    while (std::getline(lines, line) && isCleanText(line)) ++number;
+    return number;
+}
+
 bool flag(const Json::Value& json, const char* name) {
     if (json.isMember(name) && !json[name].isBool()) {
         throw std::invalid_argument("\"" + std::string(name) + "\" must be true or false");
@@ -98,7 +109,8 @@ std::shared_ptr<const Definition> readDefinition(const Json::Value& json) {
         throw std::invalid_argument("\"description\" is missing");
     }
     definition->description = json["description"].asString();
-    if (definition->description.find('\n') != std::string::npos) {
+    const auto isControl = [](char letter) { return static_cast<unsigned char>(letter) < 0x20 || letter == 0x7f; };
+    if (std::any_of(definition->description.begin(), definition->description.end(), isControl)) {
         throw std::invalid_argument("\"description\" must be one line");
     }
     definition->readOnly = flag(json, "readOnly");
@@ -107,6 +119,12 @@ std::shared_ptr<const Definition> readDefinition(const Json::Value& json) {
         throw std::invalid_argument("\"default\" is missing or no text (write \"5\", not 5)");
     }
     definition->defaultValue = json["default"].asString();
+    if (definition->defaultValue.find('\0') != std::string::npos) {
+        throw std::invalid_argument("the default must not hold a NUL");
+    }
+    if (definition->defaultValue.size() > maxValueBytes) {
+        throw std::invalid_argument("the default must be at most " + std::to_string(maxValueBytes) + " bytes long");
+    }
     const std::string objection = definition->rule->objection(definition->defaultValue);
     if (!objection.empty()) {
         const std::string shown = definition->isSecret() ? "" : " \"" + definition->defaultValue + "\"";
@@ -146,6 +164,7 @@ Catalogue Catalogue::load(const std::string& path) {
 
 Catalogue Catalogue::parse(const std::string& text, const std::string& name) {
     const Source source(text, name);
+    if (const int line = lineThatIsNoUtf8(text)) source.fail(line, "", "is no UTF-8 text");
     const Json::Value root = source.root();
     if (!root.isObject()) source.fail(1, "", "the catalogue must be an object");
     for (const std::string& member : root.getMemberNames()) {

@@ -49,8 +49,8 @@ SetRequest RequestReader::set(const std::string& payload) {
     parse(payload);
     std::string key = param();
     std::string value = text("value", key, true);
-    std::string source = text("source", key, false);
-    return {std::move(key), std::move(value), std::move(source)};
+    std::string writer = source(key);
+    return {std::move(key), std::move(value), std::move(writer)};
 }
 
 ListRequest RequestReader::list(const std::string& payload) {
@@ -68,8 +68,8 @@ DescribeRequest RequestReader::describe(const std::string& payload) {
 }
 
 ImportRequest RequestReader::import(const std::string& payload) {
-    parse(payload, maxImportBytes);
-    ImportRequest request{{}, text("source", "", false), false};
+    parse(payload, maxImportBytes, maxImportParts);
+    ImportRequest request{{}, source(""), false};
     const Json::Value& apply = object_["apply"];
     if (!apply.isNull() && !apply.isBool()) throw BadRequest("", "\"apply\" must be true or false");
     request.apply = apply.asBool();
@@ -85,14 +85,18 @@ ImportRequest RequestReader::import(const std::string& payload) {
             request.writes.push_back({std::move(key), std::move(value)});
         }
     }
+    object_ = Json::Value();  // not to be kept until the next request
     return request;
 }
 
-void RequestReader::parse(const std::string& payload, std::size_t most) {
+void RequestReader::parse(const std::string& payload, std::size_t most, std::size_t mostParts) {
     if (payload.size() > most) {
         throw BadRequest("", "the payload is larger than " + std::to_string(most) + " bytes");
     }
     if (!isCleanJson(payload)) throw BadRequest("", "the payload is no UTF-8 JSON text");
+    if (countParts(payload) > mostParts) {
+        throw BadRequest("", "the payload has more than " + std::to_string(mostParts) + " members and elements");
+    }
     errors_.clear();
     bool parsed = false;
     try {
@@ -104,6 +108,14 @@ void RequestReader::parse(const std::string& payload, std::size_t most) {
 
 std::string RequestReader::text(const char* member, const std::string& param, bool required) const {
     return textOf(object_, member, param, required);
+}
+
+std::string RequestReader::source(const std::string& param) const {
+    std::string source = text("source", param, false);
+    if (source.size() > maxValueBytes) {
+        throw BadRequest(param, "\"source\" is longer than " + std::to_string(maxValueBytes) + " bytes");
+    }
+    return source;
 }
 
 std::string RequestReader::param() const { return text("param", "", true); }

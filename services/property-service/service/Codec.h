@@ -71,8 +71,9 @@ class RequestReader {
     ImportRequest import(const std::string& payload);
 
  private:
-    void parse(const std::string& payload, std::size_t most = maxPayloadBytes);
+    void parse(const std::string& payload, std::size_t most = maxPayloadBytes, std::size_t mostParts = maxParts);
     std::string text(const char* member, const std::string& param, bool required) const;
+    std::string source(const std::string& param) const;
     std::string param() const;
     ListRequest page() const;
 

@@ -150,11 +150,13 @@ void PropertyService::write(Property& property, std::optional<std::string> value
     const bool stored = !property.isVolatile && value.has_value();
     std::string next = value ? std::move(*value) : std::string(property.definition->defaultValue);
     messages.push_back({property.changeTopic, changeMessage(property.key, next, source), "", 1, true});
-    const bool toStore = !property.isVolatile && (stored != property.isStored || (stored && property.value != next));
+    const bool isThere = stored ? property.isStored && property.value == next : !property.isInStore;
+    const bool toStore = !property.isVolatile && !isThere;
     if (toStore) writes_.emplace_back(property.key, stored ? std::optional<std::string>(next) : std::nullopt);
     if (!toStore && property.value == next) return;
-    undo_.push_back({&property, std::move(property.value), property.isStored});
+    undo_.push_back({&property, std::move(property.value), property.isStored, property.isInStore});
     property.isStored = stored;
+    property.isInStore = stored;
     property.value = std::move(next);
 }
 
@@ -243,6 +245,7 @@ void PropertyService::takeBack() {
     for (auto undo = undo_.rbegin(); undo != undo_.rend(); ++undo) {
         undo->property->value = std::move(undo->value);
         undo->property->isStored = undo->isStored;
+        undo->property->isInStore = undo->isInStore;
     }
     undo_.clear();
     writes_.clear();

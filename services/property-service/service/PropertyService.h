@@ -36,6 +36,7 @@ class PropertyService {
         Property* property;
         std::string value;
         bool isStored;
+        bool isInStore;
     };
     using Messages = std::vector<ipc::OutgoingMessage>;
 

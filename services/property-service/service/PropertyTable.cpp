@@ -32,7 +32,7 @@ PropertyTable::PropertyTable(const Catalogue& catalogue, const std::vector<IStor
     for (const CatalogueKey& entry : catalogue.keys()) {
         indices_.emplace(entry.key, properties_.size());
         properties_.push_back({entry.key, entry.definition->defaultValue, entry.definition, changeTopic(entry.key),
-                               isState(entry.key) || entry.definition->isVolatile, false});
+                               isState(entry.key) || entry.definition->isVolatile, false, false});
     }
     std::size_t unknown = 0;
     for (const auto& [key, value] : stored) {
@@ -41,6 +41,7 @@ PropertyTable::PropertyTable(const Catalogue& catalogue, const std::vector<IStor
             ++unknown;
             continue;
         }
+        property->isInStore = true;
         const std::string reason = objection(*property->definition, *value);
         if (!reason.empty()) {
             // Not the value itself: it may be a credential.

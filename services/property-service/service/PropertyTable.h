@@ -18,6 +18,7 @@ struct Property {
     std::string changeTopic;  // "prop-service-GROUP/KEY"
     bool isVolatile;          // never stored, at its default after every start
     bool isStored;            // the store holds exactly `value`
+    bool isInStore;           // or another value, which the catalogue no longer allows
 };
 
 class PropertyTable {

@@ -52,6 +52,25 @@ bool check(const std::string& text, Allowed allowed) {
     return true;
 }
 
+// Whether the place in a JSON text is inside a string.
+class Strings {
+ public:
+    bool inside() const { return inside_; }
+    void pass(unsigned char byte) {
+        if (escaped_) {
+            escaped_ = false;
+        } else if (inside_ && byte == '\\') {
+            escaped_ = true;
+        } else if (byte == '"') {
+            inside_ = !inside_;
+        }
+    }
+
+ private:
+    bool inside_ = false;
+    bool escaped_ = false;
+};
+
 }  // namespace
 
 bool isCleanText(const std::string& text) {
@@ -59,20 +78,23 @@ bool isCleanText(const std::string& text) {
 }
 
 bool isCleanJson(const std::string& text) {
-    bool inString = false;
-    bool escaped = false;
-    return check(text, [&](unsigned char byte) {
-        if (byte < 0x20) return !inString && (byte == '\t' || byte == '\n' || byte == '\r');
-        if (byte == '/' && !inString) return false;
-        if (escaped) {
-            escaped = false;
-        } else if (inString && byte == '\\') {
-            escaped = true;
-        } else if (byte == '"') {
-            inString = !inString;
-        }
+    Strings strings;
+    return check(text, [&strings](unsigned char byte) {
+        if (byte < 0x20) return !strings.inside() && (byte == '\t' || byte == '\n' || byte == '\r');
+        if (byte == '/' && !strings.inside()) return false;
+        strings.pass(byte);
         return true;
     });
+}
+
+std::size_t countParts(const std::string& json) {
+    Strings strings;
+    std::size_t parts = 0;
+    for (const char letter : json) {
+        if (!strings.inside() && (letter == ',' || letter == '[' || letter == '{')) ++parts;
+        strings.pass(static_cast<unsigned char>(letter));
+    }
+    return parts;
 }
 
 }  // namespace propertyservice

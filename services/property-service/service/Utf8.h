@@ -12,4 +12,8 @@ bool isCleanText(const std::string& text);
 /// comment: both would pass the JSON library.
 bool isCleanJson(const std::string& text);
 
+/// How many commas and opening brackets a JSON text has outside its strings: what it holds is at most so many values,
+/// and one more.
+std::size_t countParts(const std::string& json);
+
 }  // namespace propertyservice

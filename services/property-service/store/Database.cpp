@@ -66,6 +66,8 @@ void Database::open() {
     database_.reset(database);
     if (result != SQLITE_OK) fail("cannot be opened");
     sqlite3_extended_result_codes(database, 1);
+    // Until it is known to be ours to change: the end of a connection would merge the log into the file.
+    sqlite3_db_config(database, SQLITE_DBCONFIG_NO_CKPT_ON_CLOSE, 1, nullptr);
     sqlite3_busy_timeout(database, busyMilliseconds);
     // A set writes one page to the log: of this size that costs little more than half of what the default size does.
     execute("PRAGMA page_size = 1024");
@@ -79,7 +81,8 @@ void Database::open() {
 void Database::prepareFormat() {
     execute("BEGIN EXCLUSIVE");
     const int found = numberOf("PRAGMA user_version");
-    if (found > version) fail("was written by a newer version; it stays as it is");
+    if (found > version) throw StoreException(path_ + ": " + newerVersion(found));
+    sqlite3_db_config(database_.get(), SQLITE_DBCONFIG_NO_CKPT_ON_CLOSE, 0, nullptr);
     if (found == 0) {
         execute(
             "CREATE TABLE property (key TEXT PRIMARY KEY NOT NULL, value TEXT NOT NULL, checksum INTEGER NOT NULL "

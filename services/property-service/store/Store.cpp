@@ -15,14 +15,22 @@ namespace {
 
 constexpr std::chrono::hours retryBackup{1};
 
+bool isEmpty(const std::string& path) {
+    std::error_code error;
+    return std::filesystem::file_size(path, error) == 0 && !error && !std::filesystem::exists(path + "-wal", error);
+}
+
 // A folder in memory or wherever temporary files are, for as long as the object lives.
 class TemporaryFolder {
  public:
     TemporaryFolder() {
         std::error_code error;
-        std::string pattern = (std::filesystem::temp_directory_path(error) / "prop-service-XXXXXX").string();
-        if (::mkdtemp(pattern.data()) == nullptr) throw StoreException(pattern + ": cannot be made");
-        path_ = pattern;
+        // The first may be on the disk that takes nothing.
+        for (const std::filesystem::path& folder : {std::filesystem::temp_directory_path(error), {"/dev/shm"}}) {
+            path_ = (folder / "prop-service-XXXXXX").string();
+            if (::mkdtemp(path_.data()) != nullptr) return;
+        }
+        throw StoreException(path_ + ": cannot be made");
     }
     TemporaryFolder(const TemporaryFolder&) = delete;
     TemporaryFolder& operator=(const TemporaryFolder&) = delete;
@@ -39,13 +47,13 @@ class TemporaryFolder {
 }  // namespace
 
 Store::Store(const std::string& path, std::chrono::milliseconds backupInterval)
-    : path_(path), backupInterval_(backupInterval) {
+    : path_(followLinks(path)), backupInterval_(backupInterval) {
     try {
         open();
     } catch (const UnwritableStore& error) {
+        entries_ = readCopy();
         dbg::Debug::error() << error.what() << "; settings are as they were stored, and none can be stored until the "
                             << "disk takes them" << std::endl;
-        entries_ = readCopy();
     }
 }
 
@@ -65,7 +73,10 @@ void Store::open() {
 void Store::restore(const std::string& damage) {
     database_.reset();
     std::error_code unknown;
-    if (std::filesystem::exists(path_, unknown)) {  // not when an earlier attempt got no further than this
+    if (isEmpty(path_)) {
+        dbg::Debug::error() << damage << std::endl;
+        std::filesystem::remove(path_, unknown);
+    } else if (std::filesystem::exists(path_, unknown)) {  // not when an earlier attempt got no further than this
         const std::string aside = setAside(path_);
         dbg::Debug::error() << damage << "; it is kept as " << aside << std::endl;
     }
@@ -95,6 +106,7 @@ void Store::restore(const std::string& damage) {
 std::vector<IStore::Entry> Store::readCopy() const {
     std::vector<std::string> sources = backupsOf(path_);
     sources.insert(sources.begin(), path_);
+    bool isUnreadable = false;
     for (const std::string& source : sources) {
         try {
             const TemporaryFolder folder;
@@ -104,10 +116,15 @@ std::vector<IStore::Entry> Store::readCopy() const {
             copyFile(source, copy);
             if (std::filesystem::exists(source + "-wal", error)) copyFile(source + "-wal", copy + "-wal");
             return Database(copy).load();
+        } catch (const DamagedStore& error) {
+            dbg::Debug::error() << error.what() << std::endl;
         } catch (const StoreException& error) {
             dbg::Debug::error() << error.what() << std::endl;
+            isUnreadable = true;
         }
     }
+    // With defaults in the place of what may be good, sets would make a mixture of the two.
+    if (isUnreadable) throw StoreException(path_ + ": cannot be read, nor written");
     return {};
 }
 

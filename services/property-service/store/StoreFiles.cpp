@@ -23,6 +23,7 @@ namespace fs = std::filesystem;
 // "ZAVp" in the file's header: a database of something else is not taken for an empty store.
 constexpr int applicationId = 0x5a415670;
 constexpr std::size_t keptDamaged = 2;
+constexpr int mostLinks = 40;
 
 std::string reasonOf(int error) { return std::generic_category().message(error); }
 
@@ -102,13 +103,25 @@ void checkHeader(const std::string& path) {
                                          std::uint32_t{header[at + 2]} << 8 | std::uint32_t{header[at + 3]});
     };
     if (number(68) == applicationId && number(60) > Database::version) {
-        throw StoreException(path + ": was written by a newer version (store format " + std::to_string(number(60)) +
-                             ", this version knows " + std::to_string(Database::version) + "); it stays as it is");
+        throw StoreException(path + ": " + newerVersion(number(60)));
     }
     const bool empty = number(68) == 0 && number(60) == 0 && number(40) == 0;  // 40: schema cookie
     if (number(68) != applicationId && !empty) {
         throw StoreException(path + ": is a database of something else; name another file with --store");
     }
+}
+
+std::string newerVersion(int format) {
+    return "was written by a newer version (store format " + std::to_string(format) + ", this version knows " +
+           std::to_string(Database::version) + "); it stays as it is";
+}
+
+std::string followLinks(std::string path) {
+    std::error_code error;
+    for (int count = 0; count < mostLinks && fs::is_symlink(path, error); ++count) {
+        path = (fs::path(path).parent_path() / fs::read_symlink(path, error)).string();
+    }
+    return path;
 }
 
 void syncFolder(const std::string& path) {
@@ -162,8 +175,10 @@ void keepBackup(const std::string& path) {
 
 std::string setAside(const std::string& path) {
     const std::string prefix = path + ".damaged-";
-    std::string aside = prefix + timeStamp();
     std::error_code error;
+    const std::string stamp = prefix + timeStamp();
+    std::string aside = stamp;
+    for (int count = 2; fs::exists(aside, error); ++count) aside = stamp + "-" + std::to_string(count);
     if (fs::exists(path + "-wal", error)) rename(path + "-wal", aside + "-wal");
     rename(path, aside);
     std::vector<std::string> older;

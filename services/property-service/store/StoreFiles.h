@@ -16,6 +16,12 @@ void createIfMissing(const std::string& path);
 /// DamagedStore for what must have been a store of ours, StoreException for one of a newer version or something else.
 void checkHeader(const std::string& path);
 
+/// What is wrong with a store of that format.
+std::string newerVersion(int format);
+
+/// The file that a path leads to in the end, there or not: SQLite keeps the log beside it.
+std::string followLinks(std::string path);
+
 /// Syncs the folder of the file: a new name is not safe before.
 void syncFolder(const std::string& path);
 

@@ -45,7 +45,8 @@ class IIPCService {
     virtual void start(const std::string& host, const std::string& statusTopic, const std::vector<std::string>& topics,
                        Handler handler) = 0;
 
-    /// Sends what the handler has returned as far as the broker takes it, says "offline", closes the connection and
+    /// Sends what the handler has returned, waits until the broker has taken it, as long as it takes something every
+    /// half second and 10 s at most, says "offline", closes the connection and
     /// ends the thread. Requests not yet handed over are dropped. Waits for a handler that runs.
     virtual void stop() = 0;
 };

@@ -404,6 +404,25 @@ TEST(Service, StopsAtOnceWhenTheBrokerIsGone) {
     EXPECT_LT(std::chrono::steady_clock::now() - begin, std::chrono::milliseconds(1500));
 }
 
+TEST(Service, IsNotCutOffForATopicTooDeep) {
+    const KeptStderr log;
+    Broker broker;
+    std::string deep = "test-answers";
+    for (int level = 0; level < 201; ++level) deep += "/a";
+    EchoService service(broker.address(), [&deep](const std::vector<ipc::ServiceRequest>& requests) {
+        auto messages = EchoService::echo(requests);
+        if (requests[0].payload == "deep") messages.insert(messages.begin(), {deep, "", "", 1});
+        return messages;
+    });
+    const auto client = newAsker(broker.address());
+    EXPECT_EQ(ask(*client, "deep"), "re:deep");
+    EXPECT_EQ(ask(*client, "again"), "re:again");
+    client->disconnect();
+    service.stop();
+    EXPECT_TRUE(log.contains("Not a message that can be published"));
+    EXPECT_FALSE(log.contains("Connection to the broker lost"));
+}
+
 TEST(Service, DoesNotCarryOutARetainedRequestAgain) {
     Broker broker;
     // A plain MQTT client leaves a retained request behind before the service comes up.

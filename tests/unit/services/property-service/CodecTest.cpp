@@ -181,6 +181,24 @@ TEST(Codec, SurvivesRandomDamage) {
     EXPECT_EQ(reader.get(R"({"param":"a"})").param, "a");
 }
 
+TEST(Codec, CommasAndBracketsInsideStringsAreNotCounted) {
+    RequestReader reader;
+    const std::string value = "\\\"" + std::string(5000, ',') + std::string(5000, '[');
+    EXPECT_EQ(reader.set(R"({"param":"a","value":")" + value + "\"}").value.size(), 10001U);
+}
+
+TEST(Codec, AnImportIsBounded) {
+    RequestReader reader;
+    const auto import = [&reader](std::size_t count) {
+        std::string payload = R"({"properties":[)";
+        for (std::size_t index = 0; index < count; ++index) payload += R"({"param":"a","value":""},)";
+        payload.back() = ']';
+        return reader.import(payload + "}").writes.size();
+    };
+    EXPECT_EQ(import(60000), 60000U);
+    EXPECT_THROW(import(70000), BadRequest);
+}
+
 struct Hostile {
     const char* name;
     std::string payload;
@@ -215,7 +233,13 @@ INSTANTIATE_TEST_SUITE_P(
         Hostile{"Comment", R"({"param":"a",/* */"value":"b"})", "", noText},
         Hostile{"DuplicateMember", R"({"param":"a","param":"b","value":"c"})", "", noObject},
         Hostile{"DuplicateMemberBelow", R"({"param":"a","value":"c","x":{"y":1,"y":2}})", "", noObject},
-        Hostile{"DeepNesting", R"({"param":"a","value":"c","x":)" + std::string(100000, '[') + "}", "", noObject},
+        Hostile{"DeepNesting", R"({"param":"a","value":"c","x":)" + std::string(900, '[') + "}", "", noObject},
+        Hostile{"ManyElements", R"({"param":"a","value":"c","x":[0)" + std::string(1000, ',') + "]}", "",
+                "the payload has more than 1000 members and elements"},
+        Hostile{"ManyObjects", R"({"param":"a","value":"c","x":)" + std::string(1000, '{') + "}", "",
+                "the payload has more than 1000 members and elements"},
+        Hostile{"SourceTooLong", R"({"param":"a","value":"c","source":")" + std::string(65537, 's') + "\"}", "a",
+                "\"source\" is longer than 65536 bytes"},
         Hostile{"DeepButClosed",
                 R"({"param":"a","value":"c","x":)" + std::string(200, '[') + std::string(200, ']') + "}", "", noObject},
         Hostile{"Huge", R"({"param":"a","value":")" + std::string(maxPayloadBytes, 'x') + "\"}", "",

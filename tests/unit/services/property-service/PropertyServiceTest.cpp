@@ -266,6 +266,12 @@ TEST_F(Service, StartsWithTheStoredValues) {
     EXPECT_EQ(store.values["System.Port"], "5") << "the default, set by hand, must replace what is no longer allowed";
 }
 
+TEST_F(Service, AResetForgetsAStoredValueThatIsNoLongerAllowed) {
+    store.values["System.Port"] = "100";
+    handle({request(importTopic, R"({"properties":[{"param":"System.Port","value":null}],"apply":true})")});
+    EXPECT_EQ(store.values.count("System.Port"), 0U);
+}
+
 TEST_F(Service, ListsByPrefixSorted) {
     EXPECT_THAT(
         handle({list("Keys.")}),

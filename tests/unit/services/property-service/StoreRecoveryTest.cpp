@@ -81,6 +81,45 @@ TEST(OlderStore, ThatCannotBeMigratedStaysAsItIs) {
     EXPECT_EQ(Store(folder / "s.db").load().size(), 4U);
 }
 
+TEST(NewerStore, ThatSaysSoInItsLogOnlyStaysAsItIsToo) {
+    const TemporaryFolder folder;
+    const std::string path = folder / "s.db";
+    { Store store(path); }
+    sqlite3* database = nullptr;
+    ASSERT_EQ(sqlite3_open(path.c_str(), &database), SQLITE_OK);
+    sqlite3_db_config(database, SQLITE_DBCONFIG_NO_CKPT_ON_CLOSE, 1, nullptr);
+    EXPECT_EQ(sqlite3_exec(database, "PRAGMA user_version = 3", nullptr, nullptr, nullptr), SQLITE_OK);
+    sqlite3_close(database);
+    const std::string file = bytesOf(path);
+    const std::string log = bytesOf(path + "-wal");
+    ASSERT_GT(log.size(), 0U);
+    try {
+        Store store(path);
+        FAIL() << "was opened";
+    } catch (const StoreException& error) {
+        EXPECT_STREQ(error.what(),
+                     (path + ": was written by a newer version (store format 3, this version knows 2); it "
+                             "stays as it is")
+                         .c_str());
+    }
+    EXPECT_TRUE(bytesOf(path) == file);
+    EXPECT_TRUE(bytesOf(path + "-wal") == log);
+}
+
+TEST(LinkedStore, IsTheFileThatItLeadsTo) {
+    const TemporaryFolder folder;
+    fs::create_directory(folder / "disk");
+    fs::create_symlink("disk/other.db", folder / "link.db");
+    fs::create_symlink(folder / "link.db", folder / "s.db");
+    {
+        Store store(folder / "s.db");
+        store.write({{"a", "1"}});
+    }
+    EXPECT_THAT(namesIn(folder, "s.db"), ElementsAre("s.db"));
+    EXPECT_THAT(Store(folder / "disk/other.db").load(), ElementsAre(Entry("a", "1")));
+    EXPECT_THAT(Store(folder / "s.db").load(), ElementsAre(Entry("a", "1")));
+}
+
 // Sequence numbers that a store holds: every write made "number" and "again" the same.
 unsigned long lastOf(const std::vector<Entry>& entries) {
     std::string number = "0";
@@ -215,6 +254,23 @@ TEST_F(Damaged, StoresThatAreKeptAreBounded) {
     ASSERT_EQ(names.size(), 3U) << testing::PrintToString(names);
     EXPECT_EQ(names[0], "s.db.damaged-20200103T000000Z");
     EXPECT_EQ(names[1], "s.db.damaged-20200103T000000Z-wal");
+}
+
+TEST_F(Damaged, StoresThatAreKeptTakeNoOthersPlace) {
+    std::ofstream(path, std::ios::binary) << "first";
+    const std::string first = setAside(path);
+    std::ofstream(path, std::ios::binary) << "second";
+    const std::string second = setAside(path);
+    EXPECT_EQ(bytesOf(first), "first");
+    EXPECT_EQ(bytesOf(second), "second");
+}
+
+TEST_F(Damaged, EmptyFileIsNotKept) {
+    backUp("1");
+    fs::resize_file(path, 0);
+    EXPECT_THAT(reopened(), UnorderedElementsAre(Entry("a", "1"), Entry("b", "x")));
+    EXPECT_THAT(namesIn(folder, ".damaged-"), IsEmpty());
+    EXPECT_THAT(log.text(), HasSubstr("is empty, but there are backups of it"));
 }
 
 TEST_F(Damaged, WhileOpenIsRebuiltFromWhatItsUserHas) {
