@@ -151,6 +151,7 @@ class Connection {
     void accepted();
     void becomeReady();
     void afterLoss();
+    void tellFailure();
     void waitToRetry(std::unique_lock<std::mutex>& lock, std::chrono::milliseconds pause);
 
     static void onConnect(mosquitto*, void* self, int reason, int flags, const mosquitto_property*);
@@ -196,6 +197,7 @@ class Connection {
     bool corked_ = false;
     bool sent_ = false;        // something, in the round in hand
     std::string failure_;      // why this connection failed or ended
+    std::string toldFailure_;  // why there is none, as it was logged last
     std::size_t backlog_ = 0;  // messages since the socket last took everything
     std::size_t backlogBytes_ = 0;
     std::size_t arrivals_ = 0;  // messages and acknowledgements so far

@@ -65,6 +65,7 @@ void Connection::connectOnce(std::unique_lock<std::mutex>& lock) {
             return;
         }
     }
+    if (!closing_) tellFailure();
 }
 
 bool Connection::openHandle(std::unique_lock<std::mutex>& lock, const std::string& numericAddress) {
@@ -237,6 +238,7 @@ void Connection::becomeReady() {
     readySince_ = Clock::now();
     everReady_ = true;
     if (!options_.statusTopic.empty()) enqueue({options_.statusTopic, "online", 1, {}, {}}, true);
+    toldFailure_.clear();
     if (options_.logsItself) dbg::Debug::info() << "Connected to the broker" << std::endl;
     listener_.connectionReady();
     changed_.notify_all();
@@ -248,6 +250,13 @@ void Connection::afterLoss() {
     }
     listener_.connectionLost(failure_);
     changed_.notify_all();
+}
+
+void Connection::tellFailure() {
+    if (!options_.logsItself || failure_ == toldFailure_) return;
+    toldFailure_ = failure_;
+    dbg::Debug::warning() << "Cannot connect to the broker at " << address_.host << ":" << address_.port << ": "
+                          << failure_ << "; trying again" << std::endl;
 }
 
 void Connection::waitToRetry(std::unique_lock<std::mutex>& lock, milliseconds pause) {

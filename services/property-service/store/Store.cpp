@@ -7,6 +7,7 @@
 #include <utility>
 
 #include "debug/Debug.h"
+#include "store/LogCheck.h"
 #include "store/StoreFiles.h"
 
 namespace propertyservice {
@@ -59,8 +60,12 @@ Store::Store(const std::string& path, std::chrono::milliseconds backupInterval)
 
 void Store::open() {
     try {
+        const std::size_t lost = changesBehindDamage(path_ + "-wal");
         database_ = std::make_unique<Database>(path_);
         entries_ = database_->load();
+        if (lost > 0) {
+            dbg::Debug::error() << path_ << "-wal: is damaged; the last changes in it are lost: " << lost << std::endl;
+        }
     } catch (const DamagedStore& error) {
         restore(error.what());
     } catch (...) {

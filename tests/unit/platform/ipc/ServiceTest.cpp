@@ -446,9 +446,12 @@ TEST(Service, DoesNotCarryOutARetainedRequestAgain) {
 }
 
 TEST(Service, StartsWithoutABrokerAndServesWhenThereIsOne) {
+    const KeptStderr log;
     Broker broker;
     broker.stop();
     EchoService service(broker.address());
+    EXPECT_TRUE(
+        eventually([&] { return log.contains(("Cannot connect to the broker at " + broker.address()).c_str()); }));
     broker.start();
     EXPECT_NO_THROW(newAsker(broker.address()));
 }

@@ -216,6 +216,38 @@ TEST_F(Damaged, BitInAValueIsFound) {
     EXPECT_THAT(log.text(), HasSubstr("a stored value is not what was written"));
 }
 
+TEST_F(Damaged, LogIsSaidToHaveLostWhatStandsBehind) {
+    std::string file;
+    std::string whole;
+    {
+        Store store(path);
+        for (int number = 1; number <= 6; ++number) store.write({{"a", std::to_string(number)}});
+        file = bytesOf(path);
+        whole = bytesOf(path + "-wal");
+    }
+    constexpr std::size_t frame = 24 + 1024;
+    ASSERT_EQ(whole.size(), 32 + 6 * frame);
+    for (const auto& [at, left] : {std::pair<std::size_t, int>(8, 0),
+                                   {20, 0},
+                                   {32 + frame + 4, 1},
+                                   {32 + frame + 9, 1},
+                                   {32 + 2 * frame + 500, 2},
+                                   {32 + 5 * frame, 5}}) {
+        std::string damaged = whole;
+        damaged[at] = static_cast<char>(damaged[at] ^ 4);
+        std::ofstream(path, std::ios::binary) << file;
+        std::ofstream(path + "-wal", std::ios::binary) << damaged;
+        EXPECT_THAT(reopened(), testing::Contains(Entry("a", std::to_string(left)))) << at;
+        const bool isSaid =
+            log.text().find("s.db-wal: is damaged; the last changes in it are lost: ") != std::string::npos;
+        EXPECT_EQ(isSaid, at > 8 && at < 32 + 5 * frame) << at << log.text();
+    }
+    std::ofstream(path, std::ios::binary) << file;
+    std::ofstream(path + "-wal", std::ios::binary) << whole;
+    EXPECT_THAT(reopened(), testing::Contains(Entry("a", "6")));
+    EXPECT_EQ(log.text(), "");
+}
+
 TEST_F(Damaged, HeaderOrEmptyFileIsKnownByItsBackups) {
     backUp("1");
     overwrite(path, 0, "garbage garbage garbage");
