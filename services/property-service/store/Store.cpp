@@ -67,6 +67,8 @@ void Store::open() {
             dbg::Debug::error() << path_ << "-wal: is damaged; the last changes in it are lost: " << lost << std::endl;
         }
     } catch (const DamagedStore& error) {
+        database_.reset();
+        if (isInUse(path_)) throw StoreException(path_ + ": another process uses it, and it is damaged");
         restore(error.what());
     } catch (...) {
         database_.reset();

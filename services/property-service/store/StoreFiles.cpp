@@ -24,6 +24,9 @@ namespace fs = std::filesystem;
 constexpr int applicationId = 0x5a415670;
 constexpr std::size_t keptDamaged = 2;
 constexpr int mostLinks = 40;
+// Where SQLite locks a database: https://www.sqlite.org/fileformat2.html#the_lock_byte_page
+constexpr off_t firstLockByte = 0x40000000;
+constexpr off_t lockBytes = 512;
 
 std::string reasonOf(int error) { return std::generic_category().message(error); }
 
@@ -109,6 +112,19 @@ void checkHeader(const std::string& path) {
     if (number(68) != applicationId && !empty) {
         throw StoreException(path + ": is a database of something else; name another file with --store");
     }
+}
+
+bool isInUse(const std::string& path) {
+    const int file = ::open(path.c_str(), O_RDWR | O_CLOEXEC);
+    if (file < 0) return false;
+    struct flock lock {};
+    lock.l_type = F_WRLCK;
+    lock.l_whence = SEEK_SET;
+    lock.l_start = firstLockByte;
+    lock.l_len = lockBytes;
+    const bool known = ::fcntl(file, F_GETLK, &lock) == 0;
+    ::close(file);
+    return known && lock.l_type != F_UNLCK;
 }
 
 std::string newerVersion(int format) {

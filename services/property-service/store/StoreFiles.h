@@ -16,6 +16,10 @@ void createIfMissing(const std::string& path);
 /// DamagedStore for what must have been a store of ours, StoreException for one of a newer version or something else.
 void checkHeader(const std::string& path);
 
+/// Whether another process has the database open, its header damaged or not. Not while this one has: it would drop its
+/// own locks.
+bool isInUse(const std::string& path);
+
 /// What is wrong with a store of that format.
 std::string newerVersion(int format);
 

@@ -141,6 +141,20 @@ TEST(Store, InUseByAnotherProcessIsRefused) {
     store.write({{"a", "1"}});
 }
 
+TEST(Store, InUseByAnotherProcessIsRefusedAlsoWhenDamaged) {
+    const TemporaryFolder folder;
+    const std::string path = folder / "s.db";
+    { Store store(path); }
+    Store store(path, std::chrono::milliseconds(0));
+    store.write({{"a", "1"}});  // and makes a backup, by which the file is known to be ours
+    const auto damage = [&path] {
+        return !!(std::fstream(path, std::ios::in | std::ios::out | std::ios::binary) << "garbage garbage garbage");
+    };
+    ASSERT_EQ(inChild(damage), 1) << "in a child, as this process would drop its locks";
+    EXPECT_EQ(inChild([&path] { return errorOf(path).find("another process uses it") != std::string::npos; }), 1);
+    EXPECT_TRUE(std::filesystem::exists(path + "-wal"));
+}
+
 TEST(Store, RefusedWriteLeavesTheOldValuesAndALaterOneSucceeds) {
     const TemporaryFolder folder;
     Store store(folder / "s.db");
