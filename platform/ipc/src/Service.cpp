@@ -2,6 +2,7 @@
 
 #include <algorithm>
 #include <chrono>
+#include <cstdint>
 #include <exception>
 #include <utility>
 
@@ -66,12 +67,11 @@ void Service::stop() {
 
 void Service::waitUntilTaken(std::unique_lock<std::mutex>& lock) {
     const auto end = Connection::Clock::now() + sendTime;
-    std::size_t before = 0;
     std::size_t left = unsettled();
-    for (bool goesOn = left > 0; goesOn; goesOn = left > 0 && left < before && Connection::Clock::now() < end) {
+    for (std::size_t before = SIZE_MAX; left > 0 && left < before && Connection::Clock::now() < end;
+         left = unsettled()) {
         before = left;
         allTaken_.wait_for(lock, stillTime, [this] { return unsettled() == 0; });
-        left = unsettled();
     }
     if (left > 0) {
         dbg::Debug::warning() << "The broker has not taken the last " << left << " answers and changes" << std::endl;
@@ -143,8 +143,7 @@ void Service::handleSome() noexcept {
 }
 
 bool Service::deferralEnds() const {
-    if (deferred_.empty()) return false;
-    return deferred_.size() >= maxDeferred || Connection::Clock::now() >= deferredUntil_;
+    return !deferred_.empty() && (deferred_.size() >= maxDeferred || Connection::Clock::now() >= deferredUntil_);
 }
 
 /// Returns whether nothing is left that has to wait for the broker.

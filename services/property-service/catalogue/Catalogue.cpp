@@ -12,6 +12,7 @@
 #include <system_error>
 
 #include "catalogue/KeyPattern.h"
+#include "debug/Debug.h"
 #include "service/Limits.h"
 #include "service/Utf8.h"
 
@@ -109,8 +110,7 @@ std::shared_ptr<const Definition> readDefinition(const Json::Value& json) {
         throw std::invalid_argument("\"description\" is missing");
     }
     definition->description = json["description"].asString();
-    const auto isControl = [](char letter) { return static_cast<unsigned char>(letter) < 0x20 || letter == 0x7f; };
-    if (std::any_of(definition->description.begin(), definition->description.end(), isControl)) {
+    if (dbg::escapeControls(definition->description) != definition->description) {
         throw std::invalid_argument("\"description\" must be one line");
     }
     definition->readOnly = flag(json, "readOnly");

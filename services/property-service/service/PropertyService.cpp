@@ -147,16 +147,17 @@ std::string PropertyService::import(const std::string& payload, Messages& messag
 
 void PropertyService::write(Property& property, std::optional<std::string> value, const std::string& source,
                             Messages& messages) {
-    const bool stored = !property.isVolatile && value.has_value();
+    const Stored stored = !property.isVolatile && value ? Stored::value : Stored::nothing;
     std::string next = value ? std::move(*value) : std::string(property.definition->defaultValue);
     messages.push_back({property.changeTopic, changeMessage(property.key, next, source), "", 1, true});
-    const bool isThere = stored ? property.isStored && property.value == next : !property.isInStore;
-    const bool toStore = !property.isVolatile && !isThere;
-    if (toStore) writes_.emplace_back(property.key, stored ? std::optional<std::string>(next) : std::nullopt);
+    const bool toStore =
+        !property.isVolatile && (stored != property.stored || (stored == Stored::value && property.value != next));
+    if (toStore) {
+        writes_.emplace_back(property.key, stored == Stored::value ? std::optional<std::string>(next) : std::nullopt);
+    }
     if (!toStore && property.value == next) return;
-    undo_.push_back({&property, std::move(property.value), property.isStored, property.isInStore});
-    property.isStored = stored;
-    property.isInStore = stored;
+    undo_.push_back({&property, std::move(property.value), property.stored});
+    property.stored = stored;
     property.value = std::move(next);
 }
 
@@ -228,8 +229,8 @@ void PropertyService::rebuildStore() {
     std::vector<IStore::Entry> entries;
     for (const Property& property : table_.all()) {
         if (property.isVolatile) continue;
-        entries.emplace_back(property.key,
-                             property.isStored ? std::optional<std::string>(property.value) : std::nullopt);
+        entries.emplace_back(
+            property.key, property.stored == Stored::value ? std::optional<std::string>(property.value) : std::nullopt);
     }
     try {
         store_.rebuild(entries);
@@ -244,8 +245,7 @@ void PropertyService::rebuildStore() {
 void PropertyService::takeBack() {
     for (auto undo = undo_.rbegin(); undo != undo_.rend(); ++undo) {
         undo->property->value = std::move(undo->value);
-        undo->property->isStored = undo->isStored;
-        undo->property->isInStore = undo->isInStore;
+        undo->property->stored = undo->stored;
     }
     undo_.clear();
     writes_.clear();

@@ -35,8 +35,7 @@ class PropertyService {
     struct Undo {
         Property* property;
         std::string value;
-        bool isStored;
-        bool isInStore;
+        Stored stored;
     };
     using Messages = std::vector<ipc::OutgoingMessage>;
 

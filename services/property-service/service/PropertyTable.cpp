@@ -32,7 +32,7 @@ PropertyTable::PropertyTable(const Catalogue& catalogue, const std::vector<IStor
     for (const CatalogueKey& entry : catalogue.keys()) {
         indices_.emplace(entry.key, properties_.size());
         properties_.push_back({entry.key, entry.definition->defaultValue, entry.definition, changeTopic(entry.key),
-                               isState(entry.key) || entry.definition->isVolatile, false, false});
+                               isState(entry.key) || entry.definition->isVolatile, Stored::nothing});
     }
     std::size_t unknown = 0;
     for (const auto& [key, value] : stored) {
@@ -41,16 +41,16 @@ PropertyTable::PropertyTable(const Catalogue& catalogue, const std::vector<IStor
             ++unknown;
             continue;
         }
-        property->isInStore = true;
         const std::string reason = objection(*property->definition, *value);
         if (!reason.empty()) {
+            property->stored = Stored::otherValue;
             // Not the value itself: it may be a credential.
             dbg::Debug::warning() << "The stored value of " << key << " " << reason << "; the default is used"
                                   << std::endl;
             continue;
         }
         property->value = *value;
-        property->isStored = true;
+        property->stored = Stored::value;
     }
     if (unknown > 0) {
         dbg::Debug::info() << unknown << " stored values belong to no key of the catalogue; they are kept" << std::endl;

@@ -11,14 +11,20 @@
 
 namespace propertyservice {
 
+/// What the store holds of a property.
+enum class Stored {
+    nothing,
+    value,       // its value
+    otherValue,  // one that the catalogue no longer allows
+};
+
 struct Property {
     std::string key;
     std::string value;
     std::shared_ptr<const Definition> definition;
     std::string changeTopic;  // "prop-service-GROUP/KEY"
     bool isVolatile;          // never stored, at its default after every start
-    bool isStored;            // the store holds exactly `value`
-    bool isInStore;           // or another value, which the catalogue no longer allows
+    Stored stored;
 };
 
 class PropertyTable {

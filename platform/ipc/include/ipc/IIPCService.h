@@ -46,8 +46,8 @@ class IIPCService {
                        Handler handler) = 0;
 
     /// Sends what the handler has returned, waits until the broker has taken it, as long as it takes something every
-    /// half second and 10 s at most, says "offline", closes the connection and
-    /// ends the thread. Requests not yet handed over are dropped. Waits for a handler that runs.
+    /// half second and 10 s at most, says "offline", closes the connection and ends the thread. Requests not yet handed
+    /// over are dropped. Waits for a handler that runs.
     virtual void stop() = 0;
 };
 

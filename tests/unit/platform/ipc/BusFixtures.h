@@ -147,10 +147,12 @@ inline bool waitForService(ipc::IIPCClient& client) {
     });
 }
 
-/// A client that the service answers.
-inline std::shared_ptr<ipc::IIPCClient> newAsker(const std::string& address) {
+/// A client that the service answers, and that has heard the filter's messages from the first on.
+inline std::shared_ptr<ipc::IIPCClient> newAsker(const std::string& address, const std::string& filter = "",
+                                                 ipc::IIPCCallback* callback = nullptr) {
     const auto client = newClient("asker");
     client->watchPresence(statusTopic);
+    if (callback != nullptr) client->subscribe(filter, *callback);
     client->connect(address);
     if (!waitForService(*client)) throw std::runtime_error("The service does not answer");
     return client;

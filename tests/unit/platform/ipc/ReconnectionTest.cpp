@@ -182,11 +182,7 @@ TEST(Reconnection, ARequestMadeDuringAShortCutWaitsForItsEnd) {
     Relay relay(broker.port());
     const EchoService service(broker.address());
     Recorder recorder;
-    const auto client = newClient("asker");
-    client->watchPresence(statusTopic);
-    client->subscribe("a", recorder);
-    client->connect(relay.address());
-    ASSERT_TRUE(waitForService(*client));
+    const auto client = newAsker(relay.address(), "a", &recorder);
     relay.cut();
     ASSERT_TRUE(recorder.waitForLosses(1));
     std::string answer;
@@ -218,11 +214,7 @@ TEST(Reconnection, ARequestThatWasSentIsNotSentAgain) {
         return EchoService::echo(requests);
     });
     Recorder recorder;
-    const auto client = newClient("asker");
-    client->watchPresence(statusTopic);
-    client->subscribe("a", recorder);
-    client->connect(relay.address());
-    ASSERT_TRUE(waitForService(*client));
+    const auto client = newAsker(relay.address(), "a", &recorder);
     std::atomic<bool> timedOut{false};
     std::thread asking([&] {
         try {
@@ -245,12 +237,8 @@ TEST(Reconnection, ARequestThatWasSentIsNotSentAgain) {
 TEST(Reconnection, RequestsFailAtOnceWhenTheBrokerStaysAway) {
     Broker broker;
     const EchoService service(broker.address());
-    const auto client = newClient("asker");
-    client->watchPresence(statusTopic);
     Recorder recorder;
-    client->subscribe("news", recorder);
-    client->connect(broker.address());
-    ASSERT_TRUE(waitForService(*client));
+    const auto client = newAsker(broker.address(), "news", &recorder);
     broker.stop();
     ASSERT_TRUE(recorder.waitForLosses(1));
     const auto begin = steady_clock::now();

@@ -42,11 +42,7 @@ TEST_P(RequestSpeed, AThousandInARowMeetNoStall) {
         return outgoing;
     });
     Recorder recorder;
-    const auto client = newClient("asker");
-    client->watchPresence(statusTopic);
-    client->subscribe("test-changes/#", recorder);
-    client->connect(broker.address());
-    ASSERT_TRUE(waitForService(*client));
+    const auto client = newAsker(broker.address(), "test-changes/#", &recorder);
     const auto begin = steady_clock::now();
     for (int i = 0; i < 1000; ++i) ASSERT_EQ(ask(*client, std::to_string(i)), "re:" + std::to_string(i));
     const auto took = std::chrono::duration_cast<milliseconds>(steady_clock::now() - begin);

@@ -1,18 +1,16 @@
 #include <gtest/gtest.h>
-#include <sys/mman.h>
-#include <unistd.h>
 
 #include <algorithm>
 #include <atomic>
 #include <chrono>
 #include <future>
 #include <stdexcept>
-#include <string_view>
 #include <thread>
 
 #include "BusFixtures.h"
 #include "Mqtt.h"
 #include "fakes/Broker.h"
+#include "fakes/LogCapture.h"
 #include "fakes/StubbornBroker.h"
 
 namespace {
@@ -20,29 +18,7 @@ namespace {
 using namespace bustest;
 using fakes::Broker;
 
-/// Standard error kept in memory, to be read while it grows.
-class KeptStderr {
- public:
-    KeptStderr() : before_(dup(STDERR_FILENO)), kept_(memfd_create("stderr", MFD_CLOEXEC)) {
-        dup2(kept_, STDERR_FILENO);
-    }
-    KeptStderr(const KeptStderr&) = delete;
-    KeptStderr& operator=(const KeptStderr&) = delete;
-    ~KeptStderr() {
-        dup2(before_, STDERR_FILENO);
-        close(before_);
-        close(kept_);
-    }
-    bool contains(const char* text) const {
-        char buffer[65536];
-        const ssize_t size = pread(kept_, buffer, sizeof buffer, 0);
-        return size > 0 && std::string_view(buffer, static_cast<size_t>(size)).find(text) != std::string_view::npos;
-    }
-
- private:
-    const int before_;
-    const int kept_;
-};
+bool says(const fakes::LogCapture& log, const std::string& text) { return log.text().find(text) != std::string::npos; }
 
 /// A handler that makes a large change of each request.
 struct LargeChanges {
@@ -134,7 +110,7 @@ INSTANTIATE_TEST_SUITE_P(LargePayloadOrCorrelationData, UnacknowledgedService, t
 TEST_P(UnacknowledgedService, HoldsBackAndThenDropsRequests) {
     fakes::StubbornBroker broker;
     LargeChanges changes;
-    const KeptStderr log;
+    const fakes::LogCapture log;
     EchoService service(broker.address(), changes.handler());
     constexpr size_t times = 1500;
     if (GetParam()) {
@@ -142,7 +118,7 @@ TEST_P(UnacknowledgedService, HoldsBackAndThenDropsRequests) {
     } else {
         broker.send("test-service/ask", "small", times, LargeChanges::large);
     }
-    ASSERT_TRUE(eventually([&] { return broker.isTaken() && log.contains("Requests are dropped"); }));
+    ASSERT_TRUE(eventually([&] { return broker.isTaken() && says(log, "Requests are dropped"); }));
     const size_t before = changes.handled;
     EXPECT_GE(before, 70U);   // 4 MiB of changes may wait for the broker
     EXPECT_LE(before, 192U);  // and what was in hand by then
@@ -231,11 +207,7 @@ TEST(Service, PublishesEveryChangeBeforeItStops) {
     std::atomic<size_t> heard{0};
     Recorder recorder;
     recorder.onMessage = [&](const std::string&, const std::string&) { ++heard; };
-    const auto client = newClient("asker");
-    client->watchPresence(statusTopic);
-    client->subscribe("test-changes", recorder);
-    client->connect(broker.address());
-    ASSERT_TRUE(waitForService(*client));
+    const auto client = newAsker(broker.address(), "test-changes", &recorder);
     EXPECT_EQ(ask(*client, "change"), "re:change");
     service.stop();
     EXPECT_TRUE(eventually([&] { return heard == many; }));
@@ -258,11 +230,7 @@ TEST(Service, KeepsTheOrderOfWhatItDefers) {
         return echoAndChange(requests);
     });
     Recorder recorder;
-    const auto client = newClient("asker");
-    client->watchPresence(statusTopic);
-    client->subscribe("test-changes", recorder);
-    client->connect(broker.address());
-    ASSERT_TRUE(waitForService(*client));
+    const auto client = newAsker(broker.address(), "test-changes", &recorder);
     for (size_t i = 0; i < many; ++i) {
         const std::string payload = std::to_string(i);
         // Many at once, and one after the other.
@@ -290,11 +258,7 @@ TEST(Service, SendsWhatItDefersAMillisecondLater) {
         return echoAndChange(requests);
     });
     Recorder recorder;
-    const auto client = newClient("asker");
-    client->watchPresence(statusTopic);
-    client->subscribe("test-changes", recorder);
-    client->connect(broker.address());
-    ASSERT_TRUE(waitForService(*client));
+    const auto client = newAsker(broker.address(), "test-changes", &recorder);
     for (size_t count = 1; count <= 20; ++count) {
         ASSERT_TRUE(recorder.waitForMessages(count));
         const auto deferral = std::chrono::duration_cast<std::chrono::microseconds>(Clock::now() - handled.load());
@@ -396,16 +360,16 @@ TEST(Service, WhatItDefersOutlivesACut) {
 }
 
 TEST(Service, StopsAtOnceWhenTheBrokerIsGone) {
-    const KeptStderr log;
+    const fakes::LogCapture log;
     CutService service(CutService::Cut::broker);
-    ASSERT_TRUE(eventually([&] { return log.contains("Connection to the broker lost"); }));
+    ASSERT_TRUE(eventually([&] { return says(log, "Connection to the broker lost"); }));
     const auto begin = std::chrono::steady_clock::now();
     service.stop();
     EXPECT_LT(std::chrono::steady_clock::now() - begin, std::chrono::milliseconds(1500));
 }
 
 TEST(Service, IsNotCutOffForATopicTooDeep) {
-    const KeptStderr log;
+    const fakes::LogCapture log;
     Broker broker;
     std::string deep = "test-answers";
     for (int level = 0; level < 201; ++level) deep += "/a";
@@ -419,8 +383,8 @@ TEST(Service, IsNotCutOffForATopicTooDeep) {
     EXPECT_EQ(ask(*client, "again"), "re:again");
     client->disconnect();
     service.stop();
-    EXPECT_TRUE(log.contains("Not a message that can be published"));
-    EXPECT_FALSE(log.contains("Connection to the broker lost"));
+    EXPECT_TRUE(says(log, "Not a message that can be published"));
+    EXPECT_FALSE(says(log, "Connection to the broker lost"));
 }
 
 TEST(Service, DoesNotCarryOutARetainedRequestAgain) {
@@ -446,12 +410,11 @@ TEST(Service, DoesNotCarryOutARetainedRequestAgain) {
 }
 
 TEST(Service, StartsWithoutABrokerAndServesWhenThereIsOne) {
-    const KeptStderr log;
+    const fakes::LogCapture log;
     Broker broker;
     broker.stop();
     EchoService service(broker.address());
-    EXPECT_TRUE(
-        eventually([&] { return log.contains(("Cannot connect to the broker at " + broker.address()).c_str()); }));
+    EXPECT_TRUE(eventually([&] { return says(log, "Cannot connect to the broker at " + broker.address()); }));
     broker.start();
     EXPECT_NO_THROW(newAsker(broker.address()));
 }

@@ -210,6 +210,16 @@ TEST_F(Transfer, ImportOfAnythingRefusedWritesNothing) {
     EXPECT_EQ(value("Audio.Tone"), "ring\n");
 }
 
+TEST_F(Transfer, ImportBeyondWhatThePhoneTakesSaysSo) {
+    const std::string large = file(R"("Audio.Tone": ")" + std::string(16 * 1024 * 1024, 'x') + "\"");
+    EXPECT_EQ(run({"import", large, "--apply"}), ExitCode::failed);
+    EXPECT_THAT(err.str(), HasSubstr("and the phone takes 15728640 at once: divide the file"));
+    std::string unknown = R"("No.0": "")";
+    for (int number = 1; number < 1500; ++number) unknown += ", \"No." + std::to_string(number) + R"(": "")";
+    EXPECT_EQ(run({"import", file(unknown), "--apply"}), ExitCode::noSuchKey);
+    EXPECT_THAT(err.str(), HasSubstr("nothing was written, 1000 settings are refused, or more; No.0: "));
+}
+
 TEST_F(Transfer, FilesThatAreNoneAreNamed) {
     const std::vector<std::pair<std::string, std::string>> texts{
         {"", "Line 1, Column 1:"},
