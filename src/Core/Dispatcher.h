@@ -13,7 +13,7 @@
 
 #include "Core/ProvisioningTimer.h"
 #include "Core/ProvisioningWatchdog/ProvisioningWorker.h"
-#include "Core/StopSignal.h"
+#include "common/StopSignal.h"
 #include "http/Curl.h"
 #include "ipc/IIPCCallback.h"
 #include "ipc/IIPCClient.h"
@@ -72,7 +72,7 @@ class Dispatcher : public ipc::IIPCCallback {
     ProvisioningWorker worker_;
     std::atomic<bool> provisioningEnabled_{false};
     std::atomic<bool> handlingStarted_{false};
-    StopSignal stopping_;
+    common::StopSignal stopping_;
 };
 
 }  // namespace zav

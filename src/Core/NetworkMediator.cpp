@@ -5,7 +5,7 @@
 #include <thread>
 #include <utility>
 
-#include "Core/StopSignal.h"
+#include "common/StopSignal.h"
 #include "debug/Debug.h"
 
 namespace zav {
@@ -21,7 +21,7 @@ struct NetworkMediator::Shared {
     explicit Shared(Timing chosen) : timing(chosen) {}
 
     const Timing timing;
-    StopSignal stopping;
+    common::StopSignal stopping;
     std::mutex mutex;  // held by start until the thread object is in place
     std::condition_variable ended;
     std::thread thread;    // guarded by mutex
