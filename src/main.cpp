@@ -14,6 +14,7 @@
 #include "Core/NetworkMediator.h"
 #include "Core/ProvisioningTimer.h"
 #include "Core/Utils.h"
+#include "common/Descriptor.h"
 #include "common/Signal.h"
 #include "debug/Debug.h"
 #include "http/Curl.h"
@@ -72,6 +73,7 @@ int run() {
 }  // namespace
 
 int main() {
+    common::occupyStandardDescriptors();
     try {
         return run();
     } catch (...) {

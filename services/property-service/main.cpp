@@ -7,6 +7,7 @@
 #include <string>
 
 #include "catalogue/Catalogue.h"
+#include "common/Descriptor.h"
 #include "common/Signal.h"
 #include "debug/Debug.h"
 #include "ipc/IPCFactory.h"
@@ -40,6 +41,7 @@ std::string address(const std::string& host, std::uint16_t port) {
 }  // namespace
 
 int main(int argc, char** argv) {
+    common::occupyStandardDescriptors();
     static dbg::Debug channel("PROPS");
 
     std::string storePath = "/var/lib/zav/properties.db";

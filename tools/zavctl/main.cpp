@@ -6,6 +6,7 @@
 
 #include "CommandLine.h"
 #include "Session.h"
+#include "common/Descriptor.h"
 #include "common/Signal.h"
 #include "debug/Debug.h"
 #include "ipc/IPCFactory.h"
@@ -27,6 +28,7 @@ void catchSignals() {
 }  // namespace
 
 int main(int argc, char** argv) {
+    common::occupyStandardDescriptors();
     static dbg::Debug channel("ZAVCTL");
     dbg::Debug::setDebugLevelMask("1");  // what matters is in the output already
     const std::vector<std::string> arguments(argv + 1, argv + argc);

@@ -23,9 +23,17 @@ namespace {
 using common::Descriptor;
 
 constexpr std::size_t keptErrorText = 512;
+constexpr std::chrono::milliseconds stopCheckInterval{250};
+// What a shell answers for a program that it does not find, or may not execute.
+constexpr int cannotExecute = 126;
+constexpr int commandNotFound = 127;
 
 [[noreturn]] void fail(const std::string& command, const std::string& reason) {
     throw ExecuteException("Command " + quote(command) + " " + reason);
+}
+
+[[noreturn]] void failToStart(const std::string& command, const std::string& reason) {
+    throw CommandNotStartedException("Command " + quote(command) + " " + reason);
 }
 
 std::string describe(int error) { return std::generic_category().message(error); }
@@ -97,12 +105,12 @@ std::string spoken(std::string errorText) {
 
 }  // namespace
 
-void execute(const std::string& command, std::chrono::milliseconds timeout) {
+void execute(const std::string& command, std::chrono::milliseconds timeout, const common::StopSignal* stop) {
     using Clock = std::chrono::steady_clock;
     const auto deadline = Clock::now() + timeout;
 
     std::array<int, 2> ends{};
-    if (pipe2(ends.data(), O_CLOEXEC) != 0) fail(command, "cannot be started: " + describe(errno));
+    if (pipe2(ends.data(), O_CLOEXEC) != 0) failToStart(command, "cannot be started: " + describe(errno));
     Descriptor errors(ends[0]);
     Descriptor childErrors(ends[1]);
     fcntl(errors.get(), F_SETFL, O_NONBLOCK);
@@ -115,7 +123,7 @@ void execute(const std::string& command, std::chrono::milliseconds timeout) {
     const std::array<char*, 4> arguments{shell.data(), option.data(), text.data(), nullptr};
     pid_t child = -1;
     const int error = posix_spawn(&child, "/bin/sh", spawn.actions(), spawn.attributes(), arguments.data(), environ);
-    if (error != 0) fail(command, "cannot be started: " + describe(error));
+    if (error != 0) failToStart(command, "cannot be started: " + describe(error));
     childErrors.close();
     const Descriptor ended(static_cast<int>(syscall(SYS_pidfd_open, child, 0)));
     if (ended.get() < 0) {
@@ -127,14 +135,17 @@ void execute(const std::string& command, std::chrono::milliseconds timeout) {
 
     std::string errorText;
     for (;;) {
-        const auto left = std::chrono::ceil<std::chrono::milliseconds>(deadline - Clock::now()).count();
-        if (left <= 0) {
+        const auto left = std::chrono::ceil<std::chrono::milliseconds>(deadline - Clock::now());
+        const bool shuttingDown = stop != nullptr && stop->isOverdue();
+        if (left.count() <= 0 || shuttingDown) {
             kill(-child, SIGKILL);
             reap(child);
-            fail(command, "took longer than " + std::to_string(timeout.count()) + " ms and was ended");
+            fail(command, shuttingDown ? "was ended: the process is shutting down"
+                                       : "took longer than " + std::to_string(timeout.count()) + " ms and was ended");
         }
         std::array<pollfd, 2> waited{pollfd{ended.get(), POLLIN, 0}, pollfd{errors.get(), POLLIN, 0}};
-        const int ready = poll(waited.data(), waited.size(), static_cast<int>(std::min<decltype(left)>(left, 60000)));
+        const auto longest = stop == nullptr ? std::chrono::milliseconds(60000) : stopCheckInterval;
+        const int ready = poll(waited.data(), waited.size(), static_cast<int>(std::min(left, longest).count()));
         if (ready < 0 && errno != EINTR) {
             const int reason = errno;
             kill(-child, SIGKILL);
@@ -149,8 +160,10 @@ void execute(const std::string& command, std::chrono::milliseconds timeout) {
     if (errors.get() >= 0) drain(errors, errorText);
     if (WIFSIGNALED(status))
         fail(command, "was ended by signal " + std::to_string(WTERMSIG(status)) + spoken(errorText));
-    if (WEXITSTATUS(status) != 0) {
-        fail(command, "ended with status " + std::to_string(WEXITSTATUS(status)) + spoken(errorText));
+    if (const int code = WEXITSTATUS(status); code != 0) {
+        const std::string reason = "ended with status " + std::to_string(code) + spoken(errorText);
+        if (code == cannotExecute || code == commandNotFound) failToStart(command, reason);
+        fail(command, reason);
     }
 }
 

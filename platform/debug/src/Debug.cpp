@@ -9,7 +9,8 @@
 #include <cstdlib>
 #include <cstring>
 #include <ctime>
-#include <mutex>
+
+#include "Output.h"
 
 namespace dbg {
 
@@ -62,20 +63,21 @@ std::string withoutExtension(const char* file) {
     return path;
 }
 
-void writeWhole(const std::string& text) {
-    // One write keeps a line whole between processes; the mutex keeps the rest of a partial write whole between
-    // threads.
-    static std::mutex mutex;
-    const std::lock_guard<std::mutex> lock(mutex);
-    const char* at = text.data();
-    std::size_t left = text.size();
-    while (left > 0) {
-        const ssize_t written = ::write(STDERR_FILENO, at, left);
-        if (written < 0 && errno == EINTR) continue;
-        if (written <= 0) return;  // nobody can be told
-        at += written;
-        left -= static_cast<std::size_t>(written);
-    }
+// Never destroyed: a thread may log while the process exits.
+Output& output() {
+    static auto* const standardError = new Output(STDERR_FILENO);
+    return *standardError;
+}
+
+std::string lineOf(unsigned level, const char* file, int line, const std::string& text) {
+    static const bool journal = isJournal();
+    return (journal ? journalPriority(level) : std::string()) + timeStamp() + " " + channelName.load() + " " +
+           levelName(level) + " " + withoutExtension(file) + ":" + std::to_string(line) + " " + text + "\n";
+}
+
+std::string lossNotice(std::size_t lost) {
+    return lineOf(Debug::levelWarning, __builtin_FILE(), __builtin_LINE(),
+                  std::to_string(lost) + " log lines were lost");
 }
 
 }  // namespace
@@ -135,11 +137,7 @@ void Stream::emit() {
     if (!open_) return;
     open_ = false;
     try {
-        static const bool journal = isJournal();
-        std::string line = journal ? journalPriority(level_) : "";
-        line += timeStamp() + " " + channelName.load() + " " + levelName(level_) + " " + withoutExtension(file_) + ":" +
-                std::to_string(line_) + " " + text_ + "\n";
-        writeWhole(line);
+        output().write(lineOf(level_, file_, line_, text_), lossNotice);
     } catch (...) {  // out of memory: the line is lost, the program is not
     }
 }
@@ -162,5 +160,7 @@ void Debug::setDebugLevelMask(const std::string& mask) {
     }
     levelMask.store(static_cast<unsigned>(value & allLevels));
 }
+
+void Debug::beginShutdown() { output().beginShutdown(); }
 
 }  // namespace dbg

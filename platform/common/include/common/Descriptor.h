@@ -1,4 +1,4 @@
-// Owns a file descriptor and closes it. For one thread at a time.
+// Owns a file descriptor and closes it. For one thread at a time. Also keeps the standard descriptors taken.
 #pragma once
 
 #include <unistd.h>
@@ -29,5 +29,9 @@ class Descriptor {
  private:
     int fd_ = -1;
 };
+
+/// Opens /dev/null on each of the descriptors 0 to 2 that is closed, so that no file or socket of ours becomes one of
+/// them and receives log lines. The first thing that a program does; before it starts threads.
+void occupyStandardDescriptors();
 
 }  // namespace common

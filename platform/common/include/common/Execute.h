@@ -5,6 +5,8 @@
 #include <stdexcept>
 #include <string>
 
+#include "common/StopSignal.h"
+
 namespace os {
 
 /// Why a command did not do its work. The text names the command, the reason, and the first of what it wrote to
@@ -14,10 +16,17 @@ class ExecuteException : public std::runtime_error {
     using std::runtime_error::runtime_error;
 };
 
+class CommandNotStartedException : public ExecuteException {
+ public:
+    using ExecuteException::ExecuteException;
+};
+
 /// Runs `command` with "/bin/sh -c" and waits for its end, `timeout` at most. The child has a process group of its own,
 /// standard input and output on /dev/null, no other open files, default signal handling. After the time-out the whole
 /// group is killed and reaped. Blocks the calling thread; any thread may call it.
-/// Throws ExecuteException when the command cannot be started, exits other than 0, dies of a signal or takes too long.
-void execute(const std::string& command, std::chrono::milliseconds timeout);
+/// A command that still runs when `stop` is overdue is killed as well.
+/// Throws ExecuteException when the command cannot be started, exits other than 0, dies of a signal or takes too long;
+/// of these CommandNotStartedException when there is no process or the shell does not find the program.
+void execute(const std::string& command, std::chrono::milliseconds timeout, const common::StopSignal* stop = nullptr);
 
 }  // namespace os

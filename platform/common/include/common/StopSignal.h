@@ -14,6 +14,9 @@ class StopSignal {
     /// What work in hand may still take once the process is shutting down.
     static constexpr std::chrono::seconds grace{5};
 
+    StopSignal() = default;
+    explicit StopSignal(std::chrono::milliseconds ownGrace) : grace_(ownGrace) {}
+
     /// The first call counts.
     void stop() {
         {
@@ -33,7 +36,7 @@ class StopSignal {
     /// Whether the grace period is over: work that is still in hand must end now.
     bool isOverdue(Clock::time_point now = Clock::now()) const {
         const std::lock_guard<std::mutex> lock(mutex_);
-        return stopped_ && now - stoppedAt_ >= grace;
+        return stopped_ && now - stoppedAt_ >= grace_;
     }
 
     /// Waits until stop or the end of the duration; true when stopped.
@@ -43,6 +46,7 @@ class StopSignal {
     }
 
  private:
+    const std::chrono::milliseconds grace_ = grace;
     mutable std::mutex mutex_;
     std::condition_variable changed_;
     bool stopped_ = false;         // guarded by mutex_

@@ -7,7 +7,8 @@
 // journal each line carries its priority. Control bytes in streamed text are escaped, so text from outside can never
 // forge a line; `verbatim` text keeps its own line breaks.
 //
-// Threads: everything here may be called from any thread at any time. Nothing throws.
+// Threads: everything here may be called from any thread at any time. Nothing throws. A line waits 2 s at most for a
+// reader that does not read; while that goes on, later lines are dropped, and counted in a line once it reads again.
 #pragma once
 
 #include <ostream>
@@ -72,6 +73,9 @@ class Debug {
     /// Sets which levels are written: the sum of 1 (error), 2 (warning) and 4 (info), in decimal or as 0x…; all
     /// levels are on until the first call. A text that is no such number is ignored with a warning.
     static void setDebugLevelMask(const std::string& mask);
+
+    /// The process is shutting down: from now on a reader that does not read costs half a second in all.
+    static void beginShutdown();
 };
 
 /// The text with control bytes replaced by `\n`, `\t`, `\x1b` and so on; everything else as it is.

@@ -84,6 +84,31 @@ TEST_F(ExecuteTest, ATimeOutEndsTheWholeGroup) {
     EXPECT_TRUE(state.empty() || state.find(") Z ") != std::string::npos) << state;
 }
 
+TEST_F(ExecuteTest, AShutdownEndsACommandOnceItIsOverdue) {
+    common::StopSignal stop(milliseconds(0));
+    EXPECT_NO_THROW(os::execute("sleep 0.3", seconds(10), &stop)) << "no shutdown yet";
+    stop.stop();
+    const auto start = std::chrono::steady_clock::now();
+    try {
+        os::execute("sleep 600", seconds(600), &stop);
+        ADD_FAILURE() << "the command ran to its end";
+    } catch (const os::ExecuteException& e) {
+        EXPECT_STREQ(e.what(), "Command 'sleep 600' was ended: the process is shutting down");
+    }
+    EXPECT_LT(std::chrono::steady_clock::now() - start, seconds(60));
+}
+
+TEST_F(ExecuteTest, WhatNeverRanIsToldApartFromWhatFailed) {
+    EXPECT_THROW(os::execute("/no/such/program", seconds(10)), os::CommandNotStartedException);
+    EXPECT_THROW(os::execute("/dev/null", seconds(10)), os::CommandNotStartedException);
+    try {
+        os::execute("exit 1", seconds(10));
+    } catch (const os::CommandNotStartedException&) {
+        ADD_FAILURE() << "it ran";
+    } catch (const os::ExecuteException&) {
+    }
+}
+
 TEST_F(ExecuteTest, MuchOutputNeitherBlocksNorFillsTheText) {
     const std::string text = failure("yes error | head -c 1000000 >&2; yes out | head -c 1000000; exit 1");
     EXPECT_NE(text.find("ended with status 1"), std::string::npos);

@@ -1,0 +1,37 @@
+#include "common/Descriptor.h"
+
+#include <fcntl.h>
+#include <gtest/gtest.h>
+#include <sys/stat.h>
+
+#include <cstdlib>
+
+namespace {
+
+bool isDevNull(int descriptor) {
+    struct stat status {};
+    struct stat device {};
+    return fstat(descriptor, &status) == 0 && stat("/dev/null", &device) == 0 && status.st_rdev == device.st_rdev;
+}
+
+// In a process of its own: the test program needs its own descriptors.
+[[noreturn]] void occupyClosedOnes() {
+    const int kept = ::fcntl(STDOUT_FILENO, F_DUPFD, 10);
+    ::close(STDIN_FILENO);
+    ::close(STDERR_FILENO);
+    struct stat before {};
+    struct stat after {};
+    fstat(STDOUT_FILENO, &before);
+    common::occupyStandardDescriptors();
+    fstat(STDOUT_FILENO, &after);
+    const bool untouched = before.st_ino == after.st_ino && before.st_dev == after.st_dev;
+    const int next = ::open("/dev/null", O_RDONLY);
+    std::_Exit(
+        isDevNull(STDIN_FILENO) && isDevNull(STDERR_FILENO) && untouched && next > STDERR_FILENO && kept > 0 ? 0 : 1);
+}
+
+TEST(DescriptorTest, StandardDescriptorsThatAreClosedBecomeDevNull) {
+    EXPECT_EXIT(occupyClosedOnes(), testing::ExitedWithCode(0), "");
+}
+
+}  // namespace
