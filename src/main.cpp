@@ -1,9 +1,10 @@
-// The daemon's entry: creates everything in order, waits for SIGTERM, and lets go in reverse order.
+// The daemon's entry: creates everything in order, waits for SIGTERM, and destroys it in reverse order.
 
 #include <curl/curl.h>
 
 #include <condition_variable>
 #include <csignal>
+#include <cstdlib>
 #include <memory>
 #include <mutex>
 #include <utility>
@@ -12,6 +13,7 @@
 #include "Core/Dispatcher.h"
 #include "Core/Init.h"
 #include "Core/NetworkMediator.h"
+#include "Core/Predecessor.h"
 #include "Core/ProvisioningTimer.h"
 #include "Core/Utils.h"
 #include "common/Descriptor.h"
@@ -43,6 +45,11 @@ void waitForTermination() {
 
 int run() {
     dbg::Debug::info() << "ZAV starting up..." << std::endl;
+    const zav::DaemonLock daemonLock;
+    if (daemonLock.state() == zav::DaemonLock::State::heldByAnother) {
+        dbg::Debug::error() << "another zavd is running" << std::endl;
+        return EXIT_FAILURE;
+    }
     const auto signals = common::signal::registerHandler();
     common::signal::registerCustomHandler(SIGTERM, onTerminate);
     const zav::xml::Library xmlLibrary;
@@ -61,9 +68,12 @@ int run() {
     dispatcher->startHandling();
     dbg::Debug::info() << "ZAV initialized." << std::endl;
     zav::NetworkMediator mediator;  // its end waits for its thread: nothing above dies under it
-    mediator.start(dispatcher, zav::isServerReachable);
+    mediator.start(dispatcher, zav::isServerReachable, [&properties, &daemonLock] {
+        if (daemonLock.state() == zav::DaemonLock::State::held) zav::cleanUpAfterPredecessor(*properties);
+    });
     waitForTermination();
 
+    dbg::Debug::beginShutdown();
     dispatcher->stopListening();
     curl_global_cleanup();
     dbg::Debug::info() << "ZAV exited" << std::endl;

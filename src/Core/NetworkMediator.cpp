@@ -16,7 +16,7 @@ constexpr int stabilisationSeconds = 90;
 
 }  // namespace
 
-// Outlives the mediator for the thread's last breath.
+// Shared with the thread, which may outlive the mediator.
 struct NetworkMediator::Shared {
     explicit Shared(Timing chosen) : timing(chosen) {}
 
@@ -38,24 +38,19 @@ NetworkMediator::~NetworkMediator() {
     shared_->ended.wait(lock, [this] { return !shared_->running; });
 }
 
-void NetworkMediator::start(std::shared_ptr<Dispatcher> dispatcher, Check isReady) {
+void NetworkMediator::start(std::shared_ptr<Dispatcher> dispatcher, Check isReady, std::function<void()> first) {
     const std::lock_guard<std::mutex> lock(shared_->mutex);
-    shared_->thread =
-        std::thread([shared = shared_, held = std::move(dispatcher), check = std::move(isReady)]() mutable {
-            { const std::lock_guard<std::mutex> started(shared->mutex); }
-            try {
-                run(shared, held, check);
-            } catch (const std::exception& e) {
-                dbg::Debug::error() << "Network state checker failed: " << e.what() << std::endl;
-            } catch (...) {
-                dbg::Debug::error() << "Network state checker failed" << std::endl;
-            }
-            held.reset();
-            const std::lock_guard<std::mutex> ending(shared->mutex);
-            if (shared->thread.joinable()) shared->thread.detach();
-            shared->running = false;
-            shared->ended.notify_all();
-        });
+    shared_->thread = std::thread([shared = shared_, held = std::move(dispatcher), check = std::move(isReady),
+                                   before = std::move(first)]() mutable {
+        { const std::lock_guard<std::mutex> started(shared->mutex); }
+        if (before) before();
+        run(shared, held, check);
+        held.reset();
+        const std::lock_guard<std::mutex> ending(shared->mutex);
+        if (shared->thread.joinable()) shared->thread.detach();
+        shared->running = false;
+        shared->ended.notify_all();
+    });
     shared_->running = true;
 }
 

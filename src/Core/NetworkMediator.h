@@ -1,6 +1,9 @@
 // Waits until the network is usable and has settled, and then enables provisioning. Once a process, on a thread of its
 // own, which nobody has to join; destroying the mediator ends its waits and returns when it has let go of the
 // dispatcher.
+//
+// What the readiness check throws ends the process: a daemon that is up and can never be asked to provision would be
+// worse, and the service manager restarts it. The check that the daemon uses throws nothing.
 #pragma once
 
 #include <chrono>
@@ -26,8 +29,9 @@ class NetworkMediator {
     NetworkMediator(const NetworkMediator&) = delete;
     NetworkMediator& operator=(const NetworkMediator&) = delete;
 
-    /// Starts the thread. To be called once. Throws std::system_error when there is no thread to be had.
-    void start(std::shared_ptr<Dispatcher> dispatcher, Check isReady);
+    /// Starts the thread, which begins with `first`. To be called once. Throws std::system_error when there is no
+    /// thread to be had.
+    void start(std::shared_ptr<Dispatcher> dispatcher, Check isReady, std::function<void()> first = {});
 
  private:
     struct Shared;

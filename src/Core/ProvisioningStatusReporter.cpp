@@ -53,6 +53,22 @@ const Json::Value& member(const Json::Value& object, const char* name) {
     return object.isObject() ? object[name] : Json::Value::nullSingleton();
 }
 
+// Completes the document of a pass that has ended.
+void formStatus(Json::Value& document) {
+    const Json::Value& readable = document;
+    if (!member(readable, overallStatus).isNull()) return;
+    std::set<std::string> words;
+    for (const char* category : {"firmware", "nvm", "custom"}) {
+        const Json::Value& status = member(member(readable, category), jobStatus);
+        if (!status.isNull()) {
+            words.insert(status.asString());
+        } else if (readable.isObject()) {
+            document.removeMember(category);  // it holds details, but no job of it reported
+        }
+    }
+    document[overallStatus] = overallOf(words);
+}
+
 }  // namespace
 
 void ProvisioningStatusReporter::setJobStatus(const std::string& handlerName, int result) {
@@ -68,25 +84,20 @@ void ProvisioningStatusReporter::setJobField(const std::string& handlerName, con
 }
 
 void ProvisioningStatusReporter::reportFinished() {
+    Json::Value finished;
     {
         const std::lock_guard<std::mutex> lock(mutex_);
-        const Json::Value& document = document_;
-        if (member(document, overallStatus).isNull()) {
-            std::set<std::string> words;
-            for (const char* category : {"firmware", "nvm", "custom"}) {
-                const Json::Value& status = member(member(document, category), jobStatus);
-                if (!status.isNull()) {
-                    words.insert(status.asString());
-                } else if (document.isObject()) {
-                    document_.removeMember(category);  // it holds details, but no job of it reported
-                }
-            }
-            document_[overallStatus] = overallOf(words);
-        }
-        std::ostringstream text;
-        text << document;
-        // Before anybody reads the status: the end of a nested pass stands in the log before what follows from it.
-        dbg::Debug::info() << "Finished provisioning, status is" << dbg::verbatim(text.str()) << std::endl;
+        finished = document_;
+    }
+    formStatus(finished);
+    std::ostringstream text;
+    text << finished;
+    // Before anybody reads the status, so that the end of a nested pass is in the log before its consequences; without
+    // the lock, so that a slow log does not hold up readers.
+    dbg::Debug::info() << "Finished provisioning, status is" << dbg::verbatim(text.str()) << std::endl;
+    {
+        const std::lock_guard<std::mutex> lock(mutex_);
+        document_ = finished;
     }
     formed_.notify_all();
 }

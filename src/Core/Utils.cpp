@@ -154,9 +154,9 @@ const std::string& firmwareDirectory() {
     return directory;
 }
 
-void cleanFirmwareUpdate() {
+void cleanFirmwareUpdate(const common::StopSignal* stop) {
     filesystem::removeAllFromDirectory(firmwareDirectory());
-    os::execute(firmwareCleanUpCommand, firmwareCleanUpTimeout);
+    os::execute(firmwareCleanUpCommand, firmwareCleanUpTimeout, stop);
 }
 
 }  // namespace zav

@@ -8,6 +8,7 @@
 
 #include <string>
 
+#include "common/StopSignal.h"
 #include "http/UrlInfo.h"
 
 struct ifaddrs;
@@ -57,7 +58,7 @@ std::string provisioningPath(const std::string& a, const std::string& b);
 const std::string& firmwareDirectory();
 
 /// Empties the firmware staging folder and runs the device's clean-up. Blocks, 10 s at most. Throws what the folder's
-/// removal and os::execute throw.
-void cleanFirmwareUpdate();
+/// removal and os::execute throw. `stop` ends the clean-up as it ends os::execute.
+void cleanFirmwareUpdate(const common::StopSignal* stop = nullptr);
 
 }  // namespace zav

@@ -33,14 +33,19 @@ int openDocument(const std::string& path) {
 XMLReader::~XMLReader() { xmlFreeDoc(document_); }
 
 bool XMLReader::load(const std::string& path) {
-    xmlFreeDoc(document_);
-    document_ = nullptr;
+    release();
     if (const int file = openDocument(path); file >= 0) {
         const xml::DocumentScope scope(path, file);
         document_ = xmlParseFile(path.c_str());
     }
     XMLReader::reset();
     return document_ != nullptr;
+}
+
+void XMLReader::release() {
+    xmlFreeDoc(document_);
+    document_ = nullptr;
+    XMLReader::reset();
 }
 
 void XMLReader::reset() {

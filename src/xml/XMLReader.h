@@ -31,6 +31,9 @@ class XMLReader {
     /// compressed file is not inflated, and so not well-formed. Blocks for the disk.
     virtual bool load(const std::string& path);
 
+    /// Frees the document; the reader is then as if none had been loaded.
+    void release();
+
     /// Back to the root, or to nothing without a document; forgets the saved positions.
     virtual void reset();
 

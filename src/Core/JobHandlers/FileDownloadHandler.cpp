@@ -35,7 +35,8 @@ int FileDownloadHandler::run() {
         statusReporter_.setJobField(job_->name, "extraInfo", "HTTP: " + CurlTypes::getHTTPCodeDescription(httpCode));
         return jobFail;
     }
-    for (const JobDescription& job : jobs) {
+    for (JobDescription& next : jobs) {
+        const JobDescription job = std::move(next);  // what has run is not kept
         if (job.items.empty()) {
             dbg::Debug::info() << "Node: " << job.name << " has no child nodes, skipping" << std::endl;
         } else {

@@ -3,6 +3,7 @@
 #include <algorithm>
 
 #include "Core/Constants.h"
+#include "Core/Pass.h"
 #include "Core/PassState.h"
 #include "Core/Utils.h"
 #include "common/Quote.h"
@@ -47,7 +48,7 @@ int FirmwareJobHandler::run() {
     if (url.empty()) {
         dbg::Debug::warning() << "No newer versions found, finishing job" << std::endl;
     } else {
-        cleanFirmwareUpdate();
+        cleanFirmwareUpdate(Pass::current().stop().get());
         result = downloadAndInstall(url);
     }
     if (triggeredByRequest_) {

@@ -7,6 +7,7 @@
 
 #include "Core/JobHandlers/JobHandlerFactory.h"
 #include "Core/JobHandlers/ProvisioningFileParser.h"
+#include "Core/Pass.h"
 #include "Core/PassState.h"
 #include "common/Quote.h"
 #include "debug/Debug.h"
@@ -17,8 +18,6 @@ namespace zav {
 
 namespace {
 
-constexpr unsigned maximumDepth = 16;
-constexpr unsigned maximumFurtherJobs = 1000;
 constexpr const char* oldestVersion = "1000-01-01_01:01:01";
 // In the regular expressions of this library \d is a digit.
 constexpr const char* versionPattern =
@@ -50,19 +49,6 @@ bool isAllowed(const JobDescription& job) {
                           << std::endl;
     return false;
 }
-
-// How many handlers run inside each other on this pass thread; the one that the pass itself started is the first.
-thread_local unsigned depth = 1;
-// How many further jobs this pass has started: files that include each other twice need not be deep to be endless.
-thread_local unsigned furtherJobs = 0;
-
-class DepthScope {
- public:
-    DepthScope() { ++depth; }
-    ~DepthScope() { --depth; }
-    DepthScope(const DepthScope&) = delete;
-    DepthScope& operator=(const DepthScope&) = delete;
-};
 
 }  // namespace
 
@@ -99,18 +85,14 @@ std::string JobHandler::findNewestUrl(const JobDescription& job) {
 }
 
 int JobHandler::startJob(const JobDescription& job) {
-    if (depth >= maximumDepth) {
-        dbg::Debug::error() << "Job: " << job.name << " is nested more than " << maximumDepth
+    Pass& pass = Pass::current();
+    pass.throwIfOverdue();
+    if (!pass.mayNestHandler()) {
+        dbg::Debug::error() << "Job: " << job.name << " is nested more than " << Pass::maximumHandlerDepth
                             << " handlers deep and will not be started" << std::endl;
         return jobFail;
     }
-    if (furtherJobs >= maximumFurtherJobs) {
-        dbg::Debug::error() << "Job: " << job.name << " follows " << maximumFurtherJobs
-                            << " further jobs and will not be started" << std::endl;
-        return jobFail;
-    }
-    ++furtherJobs;
-    const DepthScope scope;
+    const Pass::HandlerScope scope(pass);
     const auto handler =
         JobHandlerFactory::create(job, curl_, security_, properties_, reader_, progressReporter_, statusReporter_);
     if (!handler) return jobFail;
@@ -122,6 +104,11 @@ int JobHandler::startJob(const JobDescription& job) {
 
 bool JobHandler::downloadAndParse(const std::string& url, const std::string& destination,
                                   std::vector<JobDescription>& jobs) {
+    if (!Pass::current().useFile()) {
+        dbg::Debug::error() << "File " << url << " follows " << Pass::maximumFiles
+                            << " others in this pass and will not be downloaded" << std::endl;
+        return false;
+    }
     FileDownloader downloader(curl_, security_, properties_);
     const int code = downloader.downloadFile(url, destination);
     const long httpCode = curl_->getHttpCode();
@@ -138,6 +125,7 @@ bool JobHandler::downloadAndParse(const std::string& url, const std::string& des
         return false;
     }
     parser.collectJobs(jobs);
+    reader_.release();
     return true;
 }
 

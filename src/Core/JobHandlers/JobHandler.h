@@ -39,11 +39,12 @@ class JobHandler {
     virtual std::string findNewestUrl(const JobDescription& job);
 
     /// Runs a further job with a handler of its own and returns its result, 0 when there is no handler for it. At most
-    /// 16 handlers run inside each other, and 1,000 further jobs in a pass: a file that includes itself ends as a
-    /// failed job.
+    /// Pass::maximumHandlerDepth handlers run inside each other: a file that includes itself ends as a failed job.
+    /// Throws ShuttingDownException.
     virtual int startJob(const JobDescription& job);
 
-    /// Downloads a provisioning file, verifies it and appends its jobs. Failures are logged.
+    /// Downloads a provisioning file, verifies it and appends its jobs. Failures are logged, also that the pass has
+    /// downloaded Pass::maximumFiles.
     virtual bool downloadAndParse(const std::string& url, const std::string& destination,
                                   std::vector<JobDescription>& jobs);
 

@@ -45,7 +45,8 @@ void MasterJobHandler::runCategory(const std::string& type, const std::string& u
         return;
     }
     removeJobsNotAllowed(jobs_);
-    for (const JobDescription& job : jobs_) {
+    for (JobDescription& next : jobs_) {
+        const JobDescription job = std::move(next);  // what has run is not kept
         if (job.items.empty()) {
             dbg::Debug::info() << "Node: " << job.name << " has no child nodes, skipping" << std::endl;
         } else {

@@ -5,6 +5,7 @@
 
 #include "Core/Constants.h"
 #include "Core/JobHandlers/InvalidFormatException.h"
+#include "Core/Pass.h"
 #include "common/Quote.h"
 #include "debug/Debug.h"
 
@@ -59,7 +60,13 @@ int NVMJobHandler::run() {
 }
 
 void NVMJobHandler::applyParams() {
+    const Pass& pass = Pass::current();
     for (const Attributes& param : job_->items) {
+        if (pass.isOverdue()) {
+            dbg::Debug::warning() << "The process is shutting down, " << applied_ << " of " << total_
+                                  << " params were applied" << std::endl;
+            return;
+        }
         std::string name = "???";
         std::string value = "???";
         try {

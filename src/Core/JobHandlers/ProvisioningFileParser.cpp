@@ -1,13 +1,19 @@
 #include "Core/JobHandlers/ProvisioningFileParser.h"
 
+#include <fcntl.h>
+
 #include <algorithm>
 #include <cctype>
+#include <cerrno>
 #include <chrono>
 #include <cstdio>
+#include <system_error>
 
 #include "Core/Constants.h"
 #include "Core/GlobalConfig.h"
+#include "Core/Pass.h"
 #include "Core/PassState.h"
+#include "common/Descriptor.h"
 #include "common/Execute.h"
 #include "common/Quote.h"
 #include "debug/Debug.h"
@@ -18,6 +24,7 @@ namespace {
 
 constexpr const char* oldestFormatVersion = "1.0";
 constexpr std::chrono::milliseconds decryptionTimeout{10000};
+constexpr const char* keyFile = "/etc/zav.d/key";
 // A walk visits some elements once per level; with hostile nesting that is far more than a file has.
 constexpr std::size_t maximumSteps = 5000000;
 // Of attribute names and values: a walk that visits each element once has fewer than its file has bytes.
@@ -27,6 +34,13 @@ std::size_t bytesOf(const Attributes& attributes) {
     std::size_t bytes = 0;
     for (const auto& [name, value] : attributes) bytes += name.size() + value.size();
     return bytes;
+}
+
+// Empty when the key can be read.
+std::string whyKeyIsUnreadable() {
+    const common::Descriptor key(::open(keyFile, O_RDONLY | O_CLOEXEC));
+    if (key.get() >= 0) return {};
+    return std::string("Cannot read the key file ") + keyFile + ": " + std::generic_category().message(errno);
 }
 
 int upper(char c) { return std::toupper(static_cast<unsigned char>(c)); }
@@ -48,19 +62,34 @@ ProvisioningFileParser::ProvisioningFileParser(std::string filePath, XMLReader& 
 // every local name is reduced to harmless characters before a file gets it.
 void ProvisioningFileParser::decrypt() {
     const std::string temporary = filePath_ + ".tmp";
+    std::remove(temporary.c_str());  // openssl would write through a link
     try {
         os::execute(
             "openssl enc -aes-128-cbc -d -in " + filePath_ + " -out " + temporary + " -pass file:/etc/zav.d/key",
-            decryptionTimeout);
+            decryptionTimeout, Pass::current().stop().get());
         std::rename(temporary.c_str(), filePath_.c_str());
+        return;
+    } catch (const os::CommandNotStartedException& e) {
+        notDecryptable_ = e.what();
     } catch (...) {
-        std::remove(temporary.c_str());
+        notDecryptable_ = whyKeyIsUnreadable();
     }
+    std::remove(temporary.c_str());
+}
+
+// Once a pass. A plain file needs neither key nor openssl, so this is of interest only when a file proves corrupted.
+void ProvisioningFileParser::reportWhyNotDecrypted() const {
+    if (notDecryptable_.empty()) return;
+    bool& reported = Pass::current().usage()->decryptionReported;
+    if (reported) return;
+    reported = true;
+    dbg::Debug::warning() << "If the file is encrypted, it could not be decrypted: " << notDecryptable_ << std::endl;
 }
 
 bool ProvisioningFileParser::loadAndVerify() {
     if (!reader_.load(filePath_)) {
         dbg::Debug::warning() << "File " << filePath_ << " is corrupted" << std::endl;
+        reportWhyNotDecrypted();
         return false;
     }
     return verify();
@@ -147,21 +176,28 @@ bool ProvisioningFileParser::verifyVersion(const Attributes& root) const {
 
 struct ProvisioningFileParser::Walk {
     std::vector<JobDescription>& jobs;
+    const std::size_t itemsLeft;  // of the pass
     std::size_t items = 0;
     std::size_t steps = 0;
     std::size_t bytes = 0;
-    bool exceeded() const { return items > maximumItems || steps > maximumSteps || bytes > maximumBytes; }
+    bool exceedsFile() const { return items > maximumItems || steps > maximumSteps || bytes > maximumBytes; }
+    bool exceeded() const { return items > itemsLeft || exceedsFile(); }
 };
 
 bool ProvisioningFileParser::collectJobs(std::vector<JobDescription>& jobs) {
     const std::size_t before = jobs.size();
-    Walk walk{jobs};
+    Pass& pass = Pass::current();
+    Walk walk{jobs, pass.itemsLeft()};
     collectLevel(reader_.name(), true, walk);
-    if (walk.exceeded()) {
+    if (walk.exceedsFile()) {
         dbg::Debug::error() << "File " << filePath_ << " lists more than " << maximumItems
                             << " items or is nested too heavily, none of its jobs will be started" << std::endl;
-        jobs.resize(before);
+    } else if (walk.exceeded()) {
+        dbg::Debug::error() << "File " << filePath_ << " brings the pass to more than " << Pass::maximumItems
+                            << " items, none of its jobs will be started" << std::endl;
     }
+    if (walk.exceeded()) jobs.resize(before);
+    pass.useItems(std::min(walk.items, walk.itemsLeft));
     return true;
 }
 

@@ -1,5 +1,6 @@
 #include "Core/ProvisioningWatchdog/DeferredWrites.h"
 
+#include <algorithm>
 #include <chrono>
 
 #include "debug/Debug.h"
@@ -34,18 +35,18 @@ bool DeferredWrites::carryOut(const Write& write) {
     return true;
 }
 
-void DeferredWrites::write(const Write& write) {
+void DeferredWrites::write(Kind kind, const Write& write) {
     bool mustWait = false;
     {
         const std::lock_guard<std::mutex> lock(mutex_);
         mustWait = !waiting_.empty();
     }
-    if (mustWait || !carryOut(write)) keep(write);
+    if (mustWait || !carryOut(write)) keep(kind, write);
 }
 
-void DeferredWrites::keep(const Write& write) {
+void DeferredWrites::keep(Kind kind, const Write& write) {
     const std::lock_guard<std::mutex> lock(mutex_);
-    waiting_.push_back(write);
+    waiting_.push_back({kind, write});
     if (!thread_.joinable()) thread_ = std::thread([this] { retry(); });
     changed_.notify_all();
 }
@@ -54,6 +55,13 @@ void DeferredWrites::cancel() {
     const std::lock_guard<std::mutex> attempt(attempt_);
     const std::lock_guard<std::mutex> lock(mutex_);
     waiting_.clear();
+}
+
+void DeferredWrites::cancel(Kind kind) {
+    const std::lock_guard<std::mutex> attempt(attempt_);
+    const std::lock_guard<std::mutex> lock(mutex_);
+    const auto isOfKind = [kind](const Owed& owed) { return owed.kind == kind; };
+    waiting_.erase(std::remove_if(waiting_.begin(), waiting_.end(), isOfKind), waiting_.end());
 }
 
 void DeferredWrites::retry() {
@@ -75,7 +83,7 @@ void DeferredWrites::tryWaiting() {
         {
             const std::lock_guard<std::mutex> lock(mutex_);
             if (waiting_.empty()) return;
-            next = waiting_.front();
+            next = waiting_.front().write;
         }
         try {
             if (!carryOut(next)) return;

@@ -1,5 +1,6 @@
 // Property writes that must not get lost when the bus or the property service is away: they are tried again, in their
-// order, until they succeed or a new pass makes them stale. A screen must not stay locked by a broker's restart.
+// order, until they succeed or something newer makes them stale: a request that is heard, the last pass's result; a
+// pass that starts, everything. A screen must not stay locked by a broker's restart.
 //
 // Threads: any; the retries run on a thread of their own, which is started when it is first needed.
 #pragma once
@@ -15,6 +16,7 @@ namespace zav {
 class DeferredWrites {
  public:
     using Write = std::function<void()>;
+    enum class Kind { unlock, result };
 
     DeferredWrites() = default;
 
@@ -26,13 +28,20 @@ class DeferredWrites {
     /// Carries the write out, or keeps it for later when the service is away or earlier writes still wait. Blocks for
     /// one property call. Throws what the write throws when it is refused, for it would be refused again, and
     /// std::system_error when the retry thread is needed and cannot be started; the write waits all the same.
-    void write(const Write& write);
+    void write(Kind kind, const Write& write);
 
-    /// Forgets what waits. When it returns no retry is under way.
+    /// Forget what waits, or what waits of one kind. When they return no retry is under way; that may take one property
+    /// call.
     void cancel();
+    void cancel(Kind kind);
 
  private:
-    void keep(const Write& write);
+    struct Owed {
+        Kind kind;
+        Write write;
+    };
+
+    void keep(Kind kind, const Write& write);
     void retry();
     void tryWaiting();
     static bool carryOut(const Write& write);
@@ -40,9 +49,9 @@ class DeferredWrites {
     std::mutex attempt_;  // held during each round of retries, so that cancel can wait for it; taken before mutex_
     std::mutex mutex_;
     std::condition_variable changed_;
-    std::deque<Write> waiting_;  // guarded by mutex_
-    bool ending_ = false;        // guarded by mutex_
-    std::thread thread_;         // guarded by mutex_ until ending_
+    std::deque<Owed> waiting_;  // guarded by mutex_
+    bool ending_ = false;       // guarded by mutex_
+    std::thread thread_;        // guarded by mutex_ until ending_
 };
 
 }  // namespace zav

@@ -19,9 +19,12 @@ void ProgressReporter::resetProgress() {
 
 void ProgressReporter::waitForProgress() {
     dbg::Debug::info() << "Waiting for progress" << std::endl;
-    std::unique_lock<std::mutex> lock(mutex_);
-    signalled_.wait(lock, [this] { return progressAvailable_ || released_; });
-    progressAvailable_ = false;
+    {
+        std::unique_lock<std::mutex> lock(mutex_);
+        signalled_.wait(lock, [this] { return progressAvailable_ || released_; });
+        progressAvailable_ = false;
+    }
+    // Without the lock: a log that is slow must not hold up whoever has progress to report.
     dbg::Debug::info() << "Progress consumed" << std::endl;
 }
 

@@ -9,6 +9,7 @@
 #include "Core/JobHandlers/ProvisioningFileParser.h"
 #include "Core/PassState.h"
 #include "Core/Utils.h"
+#include "common/Memory.h"
 #include "debug/Debug.h"
 #include "http/CurlTypes.h"
 #include "http/FileDownloader.h"
@@ -23,8 +24,6 @@ namespace {
 constexpr const char* uiLocked = "1";
 constexpr const char* uiUnlocked = "0";
 constexpr long httpOk = 200;
-constexpr unsigned maximumDepth = 4;
-constexpr unsigned maximumNestedPasses = 16;
 constexpr std::chrono::seconds statusWait{1};
 
 // One step of the end of a pass: whatever it throws, the next one still happens.
@@ -51,26 +50,27 @@ class AtScopeExit {
     Action action_;
 };
 
+// A nested worker stops with the one around it.
+std::shared_ptr<common::StopSignal> stopOfThisThread() {
+    const Pass* const outer = Pass::ofThisThread();
+    return outer == nullptr ? std::make_shared<common::StopSignal>() : outer->stop();
+}
+
 }  // namespace
-
-// What a pass and all passes nested in it share.
-struct ProvisioningWorker::Chain {
-    static thread_local std::shared_ptr<Chain> ofThisThread;
-    static thread_local unsigned depthOfThisThread;
-
-    std::atomic<unsigned> nestedPasses{0};
-};
-
-thread_local std::shared_ptr<ProvisioningWorker::Chain> ProvisioningWorker::Chain::ofThisThread;
-thread_local unsigned ProvisioningWorker::Chain::depthOfThisThread = 0;
 
 ProvisioningWorker::ProvisioningWorker(std::shared_ptr<propertyapi::IPropertyApi> properties,
                                        std::shared_ptr<Curl> curl, Security& security)
+    : ProvisioningWorker(std::move(properties), std::move(curl), security, stopOfThisThread()) {}
+
+ProvisioningWorker::ProvisioningWorker(std::shared_ptr<propertyapi::IPropertyApi> properties,
+                                       std::shared_ptr<Curl> curl, Security& security,
+                                       std::shared_ptr<common::StopSignal> stop)
     : properties_(std::move(properties)),
       curl_(std::move(curl)),
       security_(security),
-      depth_(Chain::depthOfThisThread + 1),
-      chain_(Chain::ofThisThread) {
+      depth_(Pass::ofThisThread() == nullptr ? 1 : Pass::ofThisThread()->depth() + 1),
+      outerUsage_(Pass::ofThisThread() == nullptr ? nullptr : Pass::ofThisThread()->usage()),
+      stop_(std::move(stop)) {
     curl_->setProgressCallback([this](long downloadTotal, long downloaded, long uploadTotal, long uploaded) {
         onDownloadProgress(downloadTotal, downloaded, uploadTotal, uploaded);
     });
@@ -86,6 +86,7 @@ void ProvisioningWorker::stop() {
         const std::lock_guard<std::mutex> lock(stateMutex_);
         stopping_ = true;
     }
+    stop_->stop();
     stateChanged_.notify_all();
     progressReporter_.release();
 }
@@ -94,7 +95,8 @@ void ProvisioningWorker::stop() {
 bool ProvisioningWorker::waitForPreviousPass() {
     {
         std::unique_lock<std::mutex> lock(stateMutex_);
-        stateChanged_.wait(lock, [this] { return !passRunning_ || stopping_; });
+        // Nor does a signal of the next pass reach those who still wait for the last one.
+        stateChanged_.wait(lock, [this] { return (!passRunning_ && progressWaiters_ == 0) || stopping_; });
         if (stopping_) return false;
     }
     if (thread_.joinable()) thread_.join();
@@ -102,13 +104,14 @@ bool ProvisioningWorker::waitForPreviousPass() {
 }
 
 // Redirects may lead to each other, or many times to the same place.
-bool ProvisioningWorker::isChainTooLong() {
-    return chain_ && (depth_ > maximumDepth || ++chain_->nestedPasses > maximumNestedPasses);
+bool ProvisioningWorker::startsTooManyNestedPasses() const {
+    return outerUsage_ && (depth_ > Pass::maximumDepth || ++outerUsage_->nestedPasses > Pass::maximumNestedPasses);
 }
 
 void ProvisioningWorker::startProvisioning(std::string url) {
+    endWrites_.cancel(DeferredWrites::Kind::result);  // nothing stale may overtake this request
     const std::lock_guard<std::mutex> serialised(startMutex_);
-    if (isChainTooLong()) {
+    if (startsTooManyNestedPasses()) {
         dbg::Debug::error() << "Redirected too often, provisioning not started" << std::endl;
         statusReporter_.setProvisioningStatus(constants::failWord);
         return;
@@ -159,7 +162,28 @@ void ProvisioningWorker::startThread(const UrlInfo& url, const Completion& compl
 void ProvisioningWorker::waitForProgress() {
     if (isProvisioningFinished()) return;
     // A pass whose URL could not be split never ran, and still counts as unfinished.
-    if (isPassRunning()) progressReporter_.waitForProgress();
+    if (!beginToWait()) return;
+    progressReporter_.waitForProgress();
+    endWaiting();
+}
+
+// False when no pass runs.
+bool ProvisioningWorker::beginToWait() {
+    const std::lock_guard<std::mutex> lock(stateMutex_);
+    if (passRunning_) ++progressWaiters_;
+    return passRunning_;
+}
+
+// A signal reaches one waiter only: once the pass is over, each waiter wakes the next.
+void ProvisioningWorker::endWaiting() {
+    bool othersWaitInVain = false;
+    {
+        const std::lock_guard<std::mutex> lock(stateMutex_);
+        --progressWaiters_;
+        othersWaitInVain = !passRunning_ && progressWaiters_ > 0;
+    }
+    stateChanged_.notify_all();
+    if (othersWaitInVain) progressReporter_.notifyProgress();
 }
 
 bool ProvisioningWorker::isPassRunning() {
@@ -176,15 +200,8 @@ std::string ProvisioningWorker::getProvisioningStatus() {
 }
 
 void ProvisioningWorker::provisioningThreadMain(const UrlInfo& url, const Completion& completion) {
-    Chain::ofThisThread = chain_ ? chain_ : std::make_shared<Chain>();
-    Chain::depthOfThisThread = depth_;
-    const AtScopeExit ended([this] {
-        {
-            const std::lock_guard<std::mutex> lock(stateMutex_);
-            passRunning_ = false;
-        }
-        stateChanged_.notify_all();
-    });
+    const AtScopeExit ended([this] { passEnded(); });
+    const Pass pass(outerUsage_ ? outerUsage_ : std::make_shared<Pass::Usage>(), depth_, stop_);
     endWrites_.cancel();  // a new pass makes what is left of the last one stale; a request that starts none does not
     guarded("start the pass", [this] { startAction(); });
     const AtScopeExit end([&] { endAction(completion); });
@@ -204,6 +221,18 @@ void ProvisioningWorker::provisioningThreadMain(const UrlInfo& url, const Comple
     }
 }
 
+void ProvisioningWorker::passEnded() {
+    if (!outerUsage_) common::releaseFreeMemory();  // a phone has little of it, and the next pass may be a day away
+    bool waited = false;
+    {
+        const std::lock_guard<std::mutex> lock(stateMutex_);
+        passRunning_ = false;
+        waited = progressWaiters_ > 0;
+    }
+    stateChanged_.notify_all();
+    if (waited) progressReporter_.notifyProgress();
+}
+
 void ProvisioningWorker::startAction() {
     dbg::Debug::info() << "Provisioning Started" << std::endl;
     try {
@@ -217,7 +246,8 @@ void ProvisioningWorker::startAction() {
 // The flag is set before the status is formed and published: see getProvisioningStatus.
 void ProvisioningWorker::endAction(const Completion& completion) {
     try {
-        endWrites_.write([this] { properties_->set(constants::provisioningLockUiKey, uiUnlocked); });
+        endWrites_.write(DeferredWrites::Kind::unlock,
+                         [this] { properties_->set(constants::provisioningLockUiKey, uiUnlocked); });
     } catch (...) {  // as at the start
     }
     finished_ = true;
@@ -258,14 +288,17 @@ void ProvisioningWorker::runPass(const std::string& filePath) {
         return;
     }
     parser.collectJobs(jobs);
+    reader.release();
     dbg::Debug::info() << "Starting provisioning version: " << currentProvisioningVersion() << std::endl;
     removeJobsNotAllowed(jobs);
-    runJobs(jobs, reader);
+    runJobs(std::move(jobs), reader);
 }
 
-void ProvisioningWorker::runJobs(const std::vector<JobDescription>& jobs, XMLReader& reader) {
+void ProvisioningWorker::runJobs(std::vector<JobDescription> jobs, XMLReader& reader) {
     dbg::Debug::info() << "Found " << jobs.size() << " valid provisioning job/s. " << std::endl;
-    for (const JobDescription& job : jobs) {
+    for (JobDescription& next : jobs) {
+        const JobDescription job = std::move(next);  // what has run is not kept
+        Pass::current().throwIfOverdue();
         if (job.items.empty()) {
             dbg::Debug::info() << "Node: " << job.name << " has no child nodes, skipping" << std::endl;
             continue;
@@ -284,13 +317,16 @@ void ProvisioningWorker::publishResult() {
     const std::string status = getProvisioningStatus();
     const std::string httpCode = std::to_string(lastHttpCode.load());
     guarded("publish the HTTP code", [&] {
-        endWrites_.write([this, httpCode] { properties_->set(constants::provisioningHttpErrorCodeKey, httpCode); });
+        endWrites_.write(DeferredWrites::Kind::result,
+                         [this, httpCode] { properties_->set(constants::provisioningHttpErrorCodeKey, httpCode); });
     });
-    guarded("publish the status",
-            [&] { endWrites_.write([this, status] { properties_->set(constants::provisioningStateKey, status); }); });
+    guarded("publish the status", [&] {
+        endWrites_.write(DeferredWrites::Kind::result,
+                         [this, status] { properties_->set(constants::provisioningStateKey, status); });
+    });
     const bool succeeded = status == constants::successWord || status == constants::partSuccessWord;
     dbg::Debug::info() << (succeeded ? "Provisioning succeeded. " : "Provisioning failed. ") << std::endl;
-    endWrites_.write([this] {  // the last step: what it throws is the completion's
+    endWrites_.write(DeferredWrites::Kind::result, [this] {  // the last step: what it throws is the completion's
         if (properties_->get(constants::firmwareTriggerAutoKey) == constants::requestWord) {
             properties_->set(constants::firmwareTriggerAutoKey, constants::noVersionWord);
         }

@@ -1,8 +1,8 @@
 // Runs one provisioning pass at a time on a thread of its own: downloads the initial file, has it verified, hands every
 // job to a handler, and publishes the outcome. The heart of the daemon.
 //
-// A worker that is made while a pass runs, on that pass's thread, runs passes nested in it (a redirect): at most 4
-// inside each other, and 16 in all.
+// A worker that is made while a pass runs, on that pass's thread, runs passes nested in it (a redirect): at most
+// Pass::maximumDepth inside each other, and Pass::maximumNestedPasses in all.
 //
 // Threads: startProvisioning is called by the bus delivery thread and the network readiness thread, and serialises
 // them; the other operations by any thread. The pass thread signals progress, also from inside transfers.
@@ -18,10 +18,12 @@
 #include <vector>
 
 #include "Core/JobHandlers/JobDescription.h"
+#include "Core/Pass.h"
 #include "Core/ProvisioningStatusReporter.h"
 #include "Core/ProvisioningWatchdog/DeferredWrites.h"
 #include "Core/ProvisioningWatchdog/IProvisioningWorker.h"
 #include "Core/ProvisioningWatchdog/ProgressReporter.h"
+#include "common/StopSignal.h"
 #include "http/Curl.h"
 #include "http/UrlInfo.h"
 #include "propertyapi/IPropertyApi.h"
@@ -35,6 +37,10 @@ class ProvisioningWorker : public IProvisioningWorker {
     ProvisioningWorker(std::shared_ptr<propertyapi::IPropertyApi> properties, std::shared_ptr<Curl> curl,
                        Security& security);
 
+    /// The same with a stop signal of the caller's.
+    ProvisioningWorker(std::shared_ptr<propertyapi::IPropertyApi> properties, std::shared_ptr<Curl> curl,
+                       Security& security, std::shared_ptr<common::StopSignal> stop);
+
     /// Waits for the pass in hand.
     ~ProvisioningWorker() override;
     ProvisioningWorker(const ProvisioningWorker&) = delete;
@@ -45,25 +51,27 @@ class ProvisioningWorker : public IProvisioningWorker {
     bool isProvisioningFinished() override;
     std::string getProvisioningStatus() override;
 
-    /// The process is ending: no further pass starts, a caller that waits behind the running one returns at once, and
-    /// waiters for progress are released. The pass in hand goes on to its end.
+    /// The process is shutting down: no further pass starts, a caller that waits behind the running one returns at
+    /// once, and waiters for progress are released. The pass in hand has a few seconds left (StopSignal::grace), and
+    /// then goes no further than its end action.
     void stop();
 
  private:
     using Completion = std::function<void()>;
 
-    struct Chain;
-
-    bool isChainTooLong();
+    bool startsTooManyNestedPasses() const;
     bool isPassRunning();
+    bool beginToWait();
+    void endWaiting();
     bool waitForPreviousPass();
     void startThread(const UrlInfo& url, const Completion& completion);
     void provisioningThreadMain(const UrlInfo& url, const Completion& completion);
+    void passEnded();
     void startAction();
     void endAction(const Completion& completion);
     void downloadAndRun(const UrlInfo& url);
     void runPass(const std::string& filePath);
-    void runJobs(const std::vector<JobDescription>& jobs, XMLReader& reader);
+    void runJobs(std::vector<JobDescription> jobs, XMLReader& reader);
     void publishResult();
     void onDownloadProgress(long downloadTotal, long downloaded, long uploadTotal, long uploaded);
 
@@ -76,16 +84,18 @@ class ProvisioningWorker : public IProvisioningWorker {
     Security& security_;
     ProvisioningStatusReporter statusReporter_;
 
-    const unsigned depth_;                // 1: not nested
-    const std::shared_ptr<Chain> chain_;  // of the pass that this one is nested in; null when it is not
+    const unsigned depth_;                            // 1: not nested
+    const std::shared_ptr<Pass::Usage> outerUsage_;   // of the pass that this one is nested in; null when it is not
+    const std::shared_ptr<common::StopSignal> stop_;  // shared with the nested workers
 
     std::mutex startMutex_;  // held during the whole of startProvisioning; nothing else takes it
     DeferredWrites endWrites_;
 
     std::mutex stateMutex_;
     std::condition_variable stateChanged_;
-    bool passRunning_ = false;  // guarded by stateMutex_: from the thread's start to its last action
-    bool stopping_ = false;     // guarded by stateMutex_
+    bool passRunning_ = false;      // guarded by stateMutex_: from the thread's start to its last action
+    bool stopping_ = false;         // guarded by stateMutex_
+    unsigned progressWaiters_ = 0;  // guarded by stateMutex_
 };
 
 }  // namespace zav

@@ -82,13 +82,29 @@ TEST_F(NetworkMediatorTest, ItEndsDuringTheBootUpPassOnceTheDispatcherStops) {
     gate->open();
 }
 
-TEST_F(NetworkMediatorTest, ACheckThatThrowsEndsTheThreadAndNotTheProcess) {
-    {
+TEST_F(NetworkMediatorTest, ACheckThatThrowsEndsTheProcess) {
+    GTEST_FLAG_SET(death_test_style, "threadsafe");
+    const auto startWithoutCheck = [this] {
         zav::NetworkMediator mediator(atOnce());
         mediator.start(dispatcher_, {});
-        ASSERT_TRUE(phone_.log.waitFor(error(source, "Network state checker failed: bad_function_call")));
+    };
+    EXPECT_EXIT(startWithoutCheck(), testing::KilledBySignal(SIGABRT), "");
+}
+
+TEST_F(NetworkMediatorTest, TheThreadBeginsWithItsFirstAction) {
+    std::string order;
+    {
+        zav::NetworkMediator mediator(never());
+        mediator.start(
+            dispatcher_,
+            [&] {
+                order += "check ";
+                return true;
+            },
+            [&] { order += "first "; });
+        ASSERT_TRUE(phone_.log.waitFor(stabilising));
     }
-    EXPECT_EQ(dispatcher_.use_count(), 1);
+    EXPECT_EQ(order, "first check ");
 }
 
 TEST_F(NetworkMediatorTest, OneThatNeverStartedEndsToo) { const zav::NetworkMediator mediator(never()); }

@@ -3,9 +3,13 @@
 #include <gtest/gtest.h>
 #include <json/reader.h>
 
+#include <algorithm>
+#include <atomic>
+#include <chrono>
 #include <sstream>
 #include <thread>
 
+#include "fakes/FullStandardError.h"
 #include "fakes/LogCapture.h"
 
 namespace {
@@ -161,6 +165,29 @@ TEST_F(ProvisioningStatusReporterTest, ReadingWhileAPassWritesIsSafe) {
         EXPECT_TRUE(status.empty() || status == "fail" || status == "partSuccess" || status == "success") << status;
     }
     pass.join();
+}
+
+TEST_F(ProvisioningStatusReporterTest, ALogThatNobodyReadsHoldsUpNoReader) {
+    fakes::FullStandardError full;
+    std::atomic<bool> reported{false};
+    full.hold();
+    const auto start = std::chrono::steady_clock::now();
+    std::thread pass([&] {
+        reporter_.reportFinished();
+        reported = true;
+    });
+    auto longest = start - start;
+    while (!reported) {
+        const auto before = std::chrono::steady_clock::now();
+        static_cast<void>(reporter_.getProvisioningStatus());
+        longest = std::max(longest, std::chrono::steady_clock::now() - before);
+    }
+    const auto logged = std::chrono::steady_clock::now() - start;
+    pass.join();
+    full.release();
+    EXPECT_GT(logged, std::chrono::seconds(1)) << "the line waited for its reader";
+    EXPECT_LT(longest, std::chrono::seconds(1));
+    EXPECT_EQ(reporter_.getProvisioningStatus(), "partSuccess");
 }
 
 }  // namespace

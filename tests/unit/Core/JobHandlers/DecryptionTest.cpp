@@ -1,4 +1,6 @@
 // How openssl is asked, and what becomes of its answer.
+#include <gmock/gmock.h>
+
 #include <cstdlib>
 #include <filesystem>
 
@@ -7,6 +9,10 @@
 
 namespace {
 
+using fakes::warning;
+using Lines = fakes::LogCapture::Lines;
+
+const std::string source = "Core/JobHandlers/ProvisioningFileParser";
 const std::string path = "/var/volatile/provisioning/file.xml";
 
 class DecryptionTest : public tests::HandlerFixture {
@@ -15,6 +21,23 @@ class DecryptionTest : public tests::HandlerFixture {
         tests::writeFile(path, "anything");
         const zav::ProvisioningFileParser parser(path, reader_, phone_.properties);
     }
+    void loadCorruptedFile() {
+        tests::writeFile(path, "neither encrypted nor XML");
+        zav::ProvisioningFileParser parser(path, reader_, phone_.properties);
+        EXPECT_FALSE(parser.loadAndVerify());
+    }
+};
+
+// The shell finds no program.
+class WithoutPrograms {
+ public:
+    WithoutPrograms() { setenv("PATH", "/nowhere", 1); }
+    ~WithoutPrograms() { setenv("PATH", path_.c_str(), 1); }
+    WithoutPrograms(const WithoutPrograms&) = delete;
+    WithoutPrograms& operator=(const WithoutPrograms&) = delete;
+
+ private:
+    const std::string path_ = getenv("PATH");
 };
 
 // Words as openssl gets them, one a line; what it says it has decrypted is `output`.
@@ -54,6 +77,53 @@ TEST_F(DecryptionTest, WhatAFailedDecryptionWroteIsRemoved) {
     EXPECT_NE(openssl.words(), "");
     EXPECT_EQ(tests::contentOf(path), "anything");
     EXPECT_FALSE(tests::exists(path + ".tmp"));
+}
+
+TEST_F(DecryptionTest, ALinkAtTheTemporaryNameIsNotWrittenThrough) {
+    tests::writeFile("/tmp/target", "untouched");
+    std::filesystem::remove(path + ".tmp");
+    std::filesystem::create_symlink("/tmp/target", path + ".tmp");
+    tests::writeFile(path, tests::encrypted("<provisioning/>"));
+    const zav::ProvisioningFileParser parser(path, reader_, phone_.properties);
+    EXPECT_EQ(tests::contentOf("/tmp/target"), "untouched");
+    EXPECT_EQ(tests::contentOf(path), "<provisioning/>");
+}
+
+TEST_F(DecryptionTest, AKeyThatCannotBeReadIsNamedOnceAPass) {
+    std::filesystem::remove("/etc/zav.d/key");
+    for (int file = 0; file < 2; ++file) loadCorruptedFile();
+    EXPECT_EQ(phone_.log.lines(),
+              (Lines{warning(source, "File " + path + " is corrupted"),
+                     warning(source,
+                             "If the file is encrypted, it could not be decrypted: Cannot read the key file "
+                             "/etc/zav.d/key: No such file or directory"),
+                     warning(source, "File " + path + " is corrupted")}));
+    zav::Pass next(std::make_shared<zav::Pass::Usage>(), 1, stop_);
+    loadCorruptedFile();
+    EXPECT_EQ(phone_.log.lines().size(), 5U) << "another pass says it again";
+}
+
+TEST_F(DecryptionTest, AnOpensslThatIsMissingIsNamed) {
+    const WithoutPrograms none;
+    loadCorruptedFile();
+    ASSERT_EQ(phone_.log.lines().size(), 2U);
+    EXPECT_THAT(phone_.log.lines().back().text,
+                testing::AllOf(testing::HasSubstr("it could not be decrypted: Command 'openssl enc"),
+                               testing::HasSubstr("openssl: not found")));
+}
+
+TEST_F(DecryptionTest, APlainFileNeedsNeitherKeyNorOpenssl) {
+    std::filesystem::remove("/etc/zav.d/key");
+    const WithoutPrograms none;
+    tests::writeFile(path, tests::provisioningFile("provisioning", "1.0", ""));
+    zav::ProvisioningFileParser parser(path, reader_, phone_.properties);
+    EXPECT_TRUE(parser.loadAndVerify());
+    EXPECT_TRUE(phone_.log.linesOf(source).size() == 3U) << "verifiable, no MAC address, verified";
+}
+
+TEST_F(DecryptionTest, AFileThatIsOnlyCorruptedNamesNoKey) {
+    loadCorruptedFile();
+    EXPECT_EQ(phone_.log.lines(), Lines{warning(source, "File " + path + " is corrupted")});
 }
 
 }  // namespace

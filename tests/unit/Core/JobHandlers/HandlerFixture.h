@@ -7,6 +7,7 @@
 #include <string>
 
 #include "Core/JobHandlers/JobDescription.h"
+#include "Core/Pass.h"
 #include "Core/PassState.h"
 #include "Core/ProvisioningStatusReporter.h"
 #include "Core/ProvisioningWatchdog/ProgressReporter.h"
@@ -39,6 +40,10 @@ class HandlerFixture : public testing::Test {
 
     Phone phone_;
     fakes::HttpServer server_;
+    const std::shared_ptr<common::StopSignal> stop_ =
+        std::make_shared<common::StopSignal>(std::chrono::milliseconds(0));  // without a grace period
+    const std::shared_ptr<zav::Pass::Usage> usage_ = std::make_shared<zav::Pass::Usage>();
+    zav::Pass pass_{usage_, 1, stop_};  // on the test's own thread
     zav::XMLParser reader_;
     zav::ProgressReporter progress_;
     zav::ProvisioningStatusReporter status_;

@@ -73,6 +73,14 @@ TEST_F(NVMJobHandlerTest, AnUnknownKeyIsAWarningAnyOtherFailureAnError) {
                error(source, "Could not set param : " + unread + "=" + unread + " (exception map::at)")}));
 }
 
+TEST_F(NVMJobHandlerTest, AShutdownEndsALongJob) {
+    know("A");
+    phone_.properties->onWrite([this](const fakes::PropertyWrite&) { stop_->stop(); });
+    EXPECT_EQ(run({param("A", "1"), param("A", "2"), param("A", "3")}), 1);
+    EXPECT_EQ(phone_.properties->writesTo("A"), std::vector<std::string>{"1"});
+    EXPECT_TRUE(phone_.log.has(warning(source, "The process is shutting down, 1 of 3 params were applied")));
+}
+
 TEST_F(NVMJobHandlerTest, ControlBytesForgeNoLine) {
     know("A");
     run({param("A", "x\n2026-01-01 ZAV error forged:1")});

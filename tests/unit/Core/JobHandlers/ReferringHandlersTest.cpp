@@ -110,18 +110,46 @@ TEST_F(ReferringHandlersTest, AFileWithoutJobsIsAFailure) {
     EXPECT_EQ(runDownload({{{"url", "/empty.xml"}}}), 0);
 }
 
-// Every level names the file twice: without a bound on the number of jobs that is 2^15 downloads.
+// Every level names the file twice: without a bound on the number of files that is 2^15 downloads.
 TEST_F(ReferringHandlersTest, AFileThatIncludesItselfTwiceEnds) {
     serve("/twice.xml", "nvm", "<nvm><file url=\"/twice.xml\"/></nvm><nvm><file url=\"/twice.xml\"/></nvm>");
-    std::thread pass([this] {
-        EXPECT_EQ(runDownload({{{"url", "/twice.xml"}}}), 0);
-    });  // counts belong to a pass's thread
-    pass.join();
-    EXPECT_LE(server_.requests().size(), 1001U);
+    EXPECT_EQ(runDownload({{{"url", "/twice.xml"}}}), 0);
+    EXPECT_EQ(server_.requests().size(), 1000U);
     EXPECT_TRUE(phone_.log.has(
         error("Core/JobHandlers/JobHandler", "Job: nvm is nested more than 16 handlers deep and will not be started")));
     EXPECT_TRUE(phone_.log.has(
-        error("Core/JobHandlers/JobHandler", "Job: nvm follows 1000 further jobs and will not be started")));
+        error("Core/JobHandlers/JobHandler",
+              "File " + server_.url("/twice.xml") + " follows 1000 others in this pass and will not be downloaded")));
+}
+
+TEST_F(ReferringHandlersTest, AFileOfAThousandGroupsIsApplied) {
+    std::string groups;
+    for (int group = 0; group < 1200; ++group)
+        groups += "<nvm><param name=\"A\" value=\"" + std::to_string(group) + "\"/></nvm>";
+    phone_.properties->put("A", "");
+    serve("/groups.xml", "settings", groups);
+    EXPECT_EQ(runDownload({{{"url", "/groups.xml"}}}), 2);
+    EXPECT_EQ(phone_.properties->writesTo("A").size(), 1200U);
+}
+
+TEST_F(ReferringHandlersTest, AllFilesOfAPassShareOneBudgetOfItems) {
+    phone_.properties->put("A", "");
+    serve("/two.xml", "settings", R"(<param name="A" value="1"/><param name="A" value="2"/>)");
+    usage_->items = zav::Pass::maximumItems - 3;
+    EXPECT_EQ(runDownload({{{"url", "/two.xml"}}}), 2);
+    EXPECT_EQ(runDownload({{{"url", "/two.xml"}}}), 0) << "one item too many";
+    EXPECT_TRUE(phone_.log.has(error("Core/JobHandlers/ProvisioningFileParser",
+                                     "File /var/volatile/provisioning/nvm/two.xml brings the pass to more than "
+                                     "1000000 items, none of its jobs will be started")));
+    EXPECT_EQ(phone_.properties->writesTo("A"), (std::vector<std::string>{"1", "2"}));
+}
+
+TEST_F(ReferringHandlersTest, AShutdownStartsNoFurtherJobs) {
+    phone_.properties->put("A", "");
+    serve("/groups.xml", "settings", R"(<nvm><param name="A" value="1"/></nvm><nvm><param name="A" value="2"/></nvm>)");
+    phone_.properties->onWrite([this](const fakes::PropertyWrite&) { stop_->stop(); });
+    EXPECT_THROW(runDownload({{{"url", "/groups.xml"}}}), zav::ShuttingDownException);
+    EXPECT_EQ(phone_.properties->writesTo("A"), std::vector<std::string>{"1"});
 }
 
 }  // namespace

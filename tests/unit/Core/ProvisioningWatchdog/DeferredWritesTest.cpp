@@ -12,8 +12,10 @@ namespace {
 
 class DeferredWritesTest : public testing::Test {
  protected:
-    void write(const std::string& value) {
-        writes_->write([this, value] { properties_.set("key", value); });
+    using Kind = zav::DeferredWrites::Kind;
+
+    void write(const std::string& value, Kind kind = Kind::result) {
+        writes_->write(kind, [this, value] { properties_.set("key", value); });
     }
     std::vector<std::string> written() const { return properties_.writesTo("key"); }
 
@@ -43,7 +45,7 @@ TEST_F(DeferredWritesTest, WritesAreMadeUpForInTheirOrder) {
 
 TEST_F(DeferredWritesTest, ATimeoutIsTriedAgainToo) {
     bool first = true;
-    writes_->write([&] {
+    writes_->write(Kind::result, [&] {
         if (std::exchange(first, false)) throw propertyapi::PropertyTimeoutException("no answer");
         properties_.set("key", "a");
     });
@@ -52,10 +54,11 @@ TEST_F(DeferredWritesTest, ATimeoutIsTriedAgainToo) {
 
 TEST_F(DeferredWritesTest, ARefusalIsTheCallersAndNotTriedAgain) {
     int calls = 0;
-    EXPECT_THROW(writes_->write([&] {
-        ++calls;
-        throw propertyapi::PropertyNotFoundException("no such key");
-    }),
+    EXPECT_THROW(writes_->write(Kind::result,
+                                [&] {
+                                    ++calls;
+                                    throw propertyapi::PropertyNotFoundException("no such key");
+                                }),
                  propertyapi::PropertyNotFoundException);
     write("a");
     EXPECT_EQ(calls, 1);
@@ -64,7 +67,7 @@ TEST_F(DeferredWritesTest, ARefusalIsTheCallersAndNotTriedAgain) {
 
 TEST_F(DeferredWritesTest, ALaterRefusalIsLoggedAndDoesNotHoldTheNext) {
     properties_.setOffline(true);
-    writes_->write([&] { properties_.set("unknown", "x"); });
+    writes_->write(Kind::result, [&] { properties_.set("unknown", "x"); });
     write("a");
     properties_.setOffline(false);
     EXPECT_TRUE(properties_.waitForWrite("key", "a"));
@@ -80,6 +83,17 @@ TEST_F(DeferredWritesTest, CancelForgetsWhatWaits) {
     write("fresh");
     writes_.reset();  // its last attempt included
     EXPECT_EQ(written(), std::vector<std::string>{"fresh"});
+}
+
+TEST_F(DeferredWritesTest, WhatIsOwedOfOneKindCanBeForgotten) {
+    properties_.setOffline(true);
+    write("result");
+    write("unlock", Kind::unlock);
+    write("another result");
+    writes_->cancel(Kind::result);
+    properties_.setOffline(false);
+    writes_.reset();
+    EXPECT_EQ(written(), std::vector<std::string>{"unlock"});
 }
 
 TEST_F(DeferredWritesTest, ItsEndTriesOnceMore) {

@@ -1,13 +1,12 @@
 // What is rare: a pass that cannot be started, throws what is no exception, or hangs in its last lines.
-#include <fcntl.h>
 #include <gtest/gtest.h>
 #include <pthread.h>
-#include <unistd.h>
 
 #include <system_error>
 #include <thread>
 
 #include "Core/ProvisioningWatchdog/ProvisioningWorker.h"
+#include "fakes/FullStandardError.h"
 #include "fakes/HttpServer.h"
 #include "unit/Core/support/Phone.h"
 
@@ -100,48 +99,8 @@ TEST_F(PassTroubleTest, APassWhoseThreadCannotBeStartedReachesTheCallerAndNobody
     EXPECT_EQ(results(), std::vector<std::string>{"fail"}) << "the next request works";
 }
 
-/// A standard error that takes nothing: who logs waits until it is let go.
-class FullStandardError {
- public:
-    FullStandardError() {
-        EXPECT_EQ(pipe2(ends_, O_CLOEXEC), 0);
-        fcntl(ends_[1], F_SETFL, O_NONBLOCK);
-        const std::string page(4096, 'x');
-        while (write(ends_[1], page.data(), page.size()) > 0) {
-        }
-        fcntl(ends_[1], F_SETFL, 0);
-    }
-    ~FullStandardError() {
-        release();
-        close(ends_[0]);
-    }
-    FullStandardError(const FullStandardError&) = delete;
-    FullStandardError& operator=(const FullStandardError&) = delete;
-
-    void hold() {
-        before_ = dup(STDERR_FILENO);
-        dup2(ends_[1], STDERR_FILENO);
-    }
-    /// What was written meanwhile is lost, what comes now goes where it went before.
-    void release() {
-        if (before_ < 0) return;
-        dup2(before_, STDERR_FILENO);
-        close(before_);
-        before_ = -1;
-        char page[4096];
-        fcntl(ends_[0], F_SETFL, O_NONBLOCK);
-        while (read(ends_[0], page, sizeof page) > 0) {
-        }
-        close(ends_[1]);
-    }
-
- private:
-    int ends_[2] = {-1, -1};
-    int before_ = -1;
-};
-
 TEST_F(PassTroubleTest, AStatusThatIsNotFormedIsWaitedForASecond) {
-    FullStandardError full;
+    fakes::FullStandardError full;
     server_.on("/provisioning.xml", HttpAnswer::ok(tests::provisioningFile("provisioning", "1.1", "")));
     // The last write before the pass counts as finished; its next line stays in the pipe, and the status comes after.
     phone_.properties->onWrite([&](const fakes::PropertyWrite& write) {

@@ -2,9 +2,12 @@
 
 #include <gtest/gtest.h>
 
+#include <algorithm>
 #include <atomic>
+#include <chrono>
 #include <thread>
 
+#include "fakes/FullStandardError.h"
 #include "fakes/LogCapture.h"
 
 namespace {
@@ -65,6 +68,24 @@ TEST_F(ProgressReporterTest, ReleaseEndsEveryWait) {
     reporter_.resetProgress();
     reporter_.waitForProgress();
     EXPECT_EQ(log_.count(consumed), 3U);
+}
+
+TEST_F(ProgressReporterTest, ALogThatNobodyReadsHoldsUpNoSignal) {
+    startWaiter();
+    fakes::FullStandardError full;
+    full.hold();
+    reporter_.notifyProgress();  // the waiter goes on to log
+    const auto start = std::chrono::steady_clock::now();
+    auto longest = start - start;
+    while (!returned_) {
+        const auto before = std::chrono::steady_clock::now();
+        reporter_.notifyProgress();
+        longest = std::max(longest, std::chrono::steady_clock::now() - before);
+    }
+    const auto logged = std::chrono::steady_clock::now() - start;
+    full.release();
+    EXPECT_GT(logged, std::chrono::seconds(1)) << "the line waited for its reader";
+    EXPECT_LT(longest, std::chrono::seconds(1));
 }
 
 }  // namespace

@@ -218,6 +218,79 @@ TEST_F(ProvisioningWorkerTest, StopReleasesAWaiterWhileThePassGoesOn) {
     EXPECT_FALSE(worker_->isProvisioningFinished());
 }
 
+TEST_F(ProvisioningWorkerTest, EveryWaiterReturnsWhenThePassEnds) {
+    hold();
+    worker_->startProvisioning("");
+    ASSERT_TRUE(gate_->waitUntilReached());
+    worker_->waitForProgress();  // the pass's start
+    std::vector<std::thread> waiters;
+    for (int i = 0; i < 4; ++i) waiters.emplace_back([this] { worker_->waitForProgress(); });
+    ASSERT_TRUE(phone_.log.waitFor(waiting, 5));
+    gate_->open();
+    for (auto& waiter : waiters) waiter.join();
+    EXPECT_EQ(phone_.log.count(consumed), 5U);
+}
+
+TEST_F(ProvisioningWorkerTest, WaitersOfOnePassDoNotWaitForTheNext) {
+    const auto nextGate = std::make_shared<fakes::Gate>();
+    hold();
+    worker_->startProvisioning("");
+    ASSERT_TRUE(gate_->waitUntilReached());
+    worker_->waitForProgress();
+    std::vector<std::thread> waiters;
+    for (int i = 0; i < 4; ++i) waiters.emplace_back([this] { worker_->waitForProgress(); });
+    ASSERT_TRUE(phone_.log.waitFor(waiting, 5));
+    std::thread next([this] { worker_->startProvisioning(""); });
+    ASSERT_TRUE(phone_.log.waitFor(mustWait));
+    server_.on("/provisioning.xml", HttpAnswer::error(404).heldBy(nextGate));
+    gate_->open();
+    next.join();
+    EXPECT_TRUE(phone_.log.waitFor(consumed, 5)) << "while the next pass runs";
+    for (auto& waiter : waiters) waiter.join();
+    nextGate->open();
+}
+
+TEST_F(ProvisioningWorkerTest, ARequestDropsTheResultThatIsStillOwed) {
+    hold();
+    worker_->startProvisioning("");
+    ASSERT_TRUE(gate_->waitUntilReached());
+    phone_.properties->failKey(lockUi);
+    phone_.properties->failKey("State.Provisioning");
+    phone_.properties->failKey("State.Provisioning.HttpErrorCode");
+    gate_->open();
+    ASSERT_TRUE(phone_.log.waitFor(info(source, "Provisioning failed. ")));
+    phone_.properties->put("System.Provision.ProvisioningServer", "");
+    worker_->startProvisioning("");  // starts no pass
+    for (const char* key : {"State.Provisioning.LockUI", "State.Provisioning", "State.Provisioning.HttpErrorCode"}) {
+        phone_.properties->restoreKey(key);
+    }
+    EXPECT_TRUE(phone_.properties->waitForWrite(lockUi, "0")) << "the unlocking is owed still";
+    end();
+    EXPECT_TRUE(results().empty());
+}
+
+TEST_F(ProvisioningWorkerTest, AShutdownEndsTheJobsOfAPass) {
+    phone_.properties->put("A", "");
+    worker_ = std::make_unique<zav::ProvisioningWorker>(
+        phone_.properties, phone_.curl, security_, std::make_shared<common::StopSignal>(std::chrono::milliseconds(0)));
+    server_.on(
+        "/provisioning.xml",
+        HttpAnswer::ok(tests::provisioningFile(
+            "provisioning", "1.1", R"(<nvm><param name="A" value="1"/></nvm><nvm><param name="A" value="2"/></nvm>)")));
+    phone_.properties->onWrite([this](const fakes::PropertyWrite& write) {
+        if (write.key == "A") worker_->stop();
+    });
+    worker_->startProvisioning("");
+    ASSERT_TRUE(phone_.log.waitFor(finished));
+    end();
+    EXPECT_EQ(phone_.properties->writesTo("A"), std::vector<std::string>{"1"});
+    EXPECT_EQ(locks(), (std::vector<std::string>{"1", "0"}));
+    EXPECT_EQ(results(), std::vector<std::string>{"fail"});
+    EXPECT_TRUE(phone_.log.has(error(source,
+                                     "Something went wrong during provisioning process, an exception was thrown: The "
+                                     "process is shutting down")));
+}
+
 TEST_F(ProvisioningWorkerTest, APassOnAnExplicitUrlPublishesNothing) {
     phone_.properties->put("State.FirmwareUpdate.TriggerAuto", "request");
     runPass(server_.url("/own.xml"));

@@ -1,0 +1,17 @@
+#include "common/Memory.h"
+
+#include <cstdlib>  // defines __GLIBC__
+
+#ifdef __GLIBC__
+#include <malloc.h>
+#endif
+
+namespace common {
+
+void releaseFreeMemory() {
+#ifdef __GLIBC__
+    malloc_trim(0);
+#endif
+}
+
+}  // namespace common

@@ -1,0 +1,60 @@
+#include "Core/Predecessor.h"
+
+#include <fcntl.h>
+#include <sys/file.h>
+#include <sys/stat.h>
+
+#include <cerrno>
+#include <string>
+#include <system_error>
+
+#include "Core/Constants.h"
+#include "Core/Utils.h"
+#include "debug/Debug.h"
+
+namespace zav {
+
+namespace {
+
+constexpr const char* uiLocked = "1";
+constexpr const char* uiUnlocked = "0";
+
+// No download can take this name: none has a colon.
+const std::string& lockFile() {
+    static const std::string path = provisioningDirectory() + "zavd:lock";
+    return path;
+}
+
+DaemonLock::State lock(common::Descriptor& file) {
+    ::mkdir(provisioningDirectory().c_str(), 0700);
+    file.reset(::open(lockFile().c_str(), O_RDWR | O_CREAT | O_CLOEXEC | O_NOFOLLOW, 0600));
+    if (file.get() >= 0 && ::flock(file.get(), LOCK_EX | LOCK_NB) == 0) return DaemonLock::State::held;
+    if (file.get() >= 0 && errno == EWOULDBLOCK) return DaemonLock::State::heldByAnother;
+    dbg::Debug::warning() << "Cannot lock " << lockFile() << ": " << std::generic_category().message(errno)
+                          << "; a second zavd would not be noticed" << std::endl;
+    return DaemonLock::State::unavailable;
+}
+
+void unlockScreen(propertyapi::IPropertyApi& properties) {
+    std::string state;
+    try {
+        state = properties.get(constants::provisioningLockUiKey);
+    } catch (const propertyapi::PropertyException&) {
+        return;
+    }
+    if (state != uiLocked) return;
+    dbg::Debug::warning() << "The screen was left locked by a zavd that was killed, unlocking it" << std::endl;
+    try {
+        properties.set(constants::provisioningLockUiKey, uiUnlocked);
+    } catch (const propertyapi::PropertyException& e) {
+        dbg::Debug::error() << "Could not unlock the screen: " << e.what() << std::endl;
+    }
+}
+
+}  // namespace
+
+DaemonLock::DaemonLock() : state_(lock(file_)) {}
+
+void cleanUpAfterPredecessor(propertyapi::IPropertyApi& properties) { unlockScreen(properties); }
+
+}  // namespace zav

@@ -1,0 +1,79 @@
+#include "Core/Predecessor.h"
+
+#include <gtest/gtest.h>
+#include <sys/wait.h>
+#include <unistd.h>
+
+#include <filesystem>
+
+#include "unit/Core/support/Phone.h"
+
+namespace {
+
+using State = zav::DaemonLock::State;
+using Lines = fakes::LogCapture::Lines;
+
+const std::string source = "Core/Predecessor";
+const std::string lockUi = "State.Provisioning.LockUI";
+
+class PredecessorTest : public testing::Test {
+ protected:
+    tests::Phone phone_;
+};
+
+TEST_F(PredecessorTest, OneDaemonHoldsTheLock) {
+    std::filesystem::remove_all("/var/volatile/provisioning");
+    const zav::DaemonLock first;
+    EXPECT_EQ(first.state(), State::held);
+    EXPECT_EQ(zav::DaemonLock().state(), State::heldByAnother);
+    EXPECT_TRUE(phone_.log.lines().empty());
+}
+
+TEST_F(PredecessorTest, TheLockIsFreeOnceItsHolderIsGone) {
+    { const zav::DaemonLock first; }
+    EXPECT_EQ(zav::DaemonLock().state(), State::held);
+    const pid_t killed = fork();
+    if (killed == 0) {
+        const zav::DaemonLock lock;
+        _exit(lock.state() == State::held ? 0 : 1);  // without its destructor
+    }
+    int status = -1;
+    ASSERT_EQ(waitpid(killed, &status, 0), killed);
+    EXPECT_EQ(status, 0);
+    EXPECT_EQ(zav::DaemonLock().state(), State::held);
+}
+
+TEST_F(PredecessorTest, ALockThatCannotBeMadeIsLogged) {
+    std::filesystem::remove_all("/var/volatile/provisioning");
+    tests::writeFile("/var/volatile/provisioning", "no folder");
+    EXPECT_EQ(zav::DaemonLock().state(), State::unavailable);
+    std::filesystem::remove("/var/volatile/provisioning");
+    EXPECT_EQ(phone_.log.lines(), Lines{fakes::warning(source,
+                                                       "Cannot lock /var/volatile/provisioning/zavd:lock: Not a "
+                                                       "directory; a second zavd would not be noticed")});
+}
+
+TEST_F(PredecessorTest, AScreenLeftLockedIsUnlocked) {
+    phone_.properties->put(lockUi, "1");
+    zav::cleanUpAfterPredecessor(*phone_.properties);
+    EXPECT_EQ(phone_.properties->writesTo(lockUi), std::vector<std::string>{"0"});
+    EXPECT_EQ(phone_.log.lines(),
+              Lines{fakes::warning(source, "The screen was left locked by a zavd that was killed, unlocking it")});
+}
+
+TEST_F(PredecessorTest, AnUnlockedScreenIsLeftAlone) {
+    for (const char* value : {"0", "", "true"}) {
+        phone_.properties->put(lockUi, value);
+        zav::cleanUpAfterPredecessor(*phone_.properties);
+    }
+    EXPECT_TRUE(phone_.properties->writes().empty());
+    EXPECT_TRUE(phone_.log.lines().empty());
+}
+
+TEST_F(PredecessorTest, AScreenWhoseStateCannotBeReadIsLeftAloneSilently) {
+    phone_.properties->setOffline(true);
+    zav::cleanUpAfterPredecessor(*phone_.properties);
+    EXPECT_TRUE(phone_.log.lines().empty());
+}
+
+}  // namespace
