@@ -17,6 +17,7 @@
 #include "Core/ProvisioningTimer.h"
 #include "Core/Utils.h"
 #include "common/Descriptor.h"
+#include "common/Memory.h"
 #include "common/Signal.h"
 #include "debug/Debug.h"
 #include "http/Curl.h"
@@ -84,6 +85,7 @@ int run() {
 
 int main() {
     common::occupyStandardDescriptors();
+    common::useOneHeap();
     try {
         return run();
     } catch (...) {

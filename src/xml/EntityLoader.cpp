@@ -75,6 +75,13 @@ void countCdata(void* context, const xmlChar* text, int length) {
     if (fits(context, 1)) xmlSAX2CDataBlock(context, text, length);
 }
 
+// Text means nothing in these documents but that its element is not empty: one piece of it is enough to tell that. The
+// line break behind each element would take as much memory as the element.
+void keepFirstText(void* context, const xmlChar* text, int length) {
+    const auto* const parser = static_cast<xmlParserCtxtPtr>(context);
+    if (parser->node != nullptr && parser->node->children == nullptr) xmlSAX2Characters(context, text, length);
+}
+
 }  // namespace
 
 _xmlParserInput* loadOnlyTheDocument(const char* url, const char*, _xmlParserCtxt* context) {
@@ -89,6 +96,9 @@ _xmlParserInput* loadOnlyTheDocument(const char* url, const char*, _xmlParserCtx
     context->sax->comment = countComment;
     context->sax->processingInstruction = countInstruction;
     context->sax->cdataBlock = countCdata;
+    context->sax->characters = keepFirstText;
+    context->sax->ignorableWhitespace = keepFirstText;
+    context->options |= XML_PARSE_COMPACT;  // short attribute values need no memory of their own
     xmlDictSetLimit(context->dict, maximumNameBytes);
 
     xmlParserInputBufferPtr buffer = xmlParserInputBufferCreateFd(document.file, XML_CHAR_ENCODING_NONE);

@@ -8,6 +8,12 @@
 
 namespace common {
 
+void useOneHeap() {
+#ifdef __GLIBC__
+    mallopt(M_ARENA_MAX, 1);
+#endif
+}
+
 void releaseFreeMemory() {
 #ifdef __GLIBC__
     malloc_trim(0);

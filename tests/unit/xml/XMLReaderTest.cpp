@@ -128,6 +128,16 @@ TEST_F(XMLReaderTest, ANewDocumentReplacesTheOldOne) {
     expectNothing();
 }
 
+TEST_F(XMLReaderTest, AReleasedDocumentIsGone) {
+    ASSERT_TRUE(load("<root><a/></root>"));
+    reader_.savePosition();
+    reader_.release();
+    expectNothing();
+    reader_.restorePosition();
+    expectNothing();
+    EXPECT_TRUE(load("<root/>"));
+}
+
 TEST_F(XMLReaderTest, WhatIsNotWellFormedIsRefusedInSilence) {
     for (const char* document : {"", " ", "text", "<", "<a>", "<a></b>", "<a b=1/>", "<a b=\"1\" b=\"2\"/>", "<a/><b/>",
                                  "<a>&undefined;</a>", "<a>\x01</a>", "<a>\xff\xfe</a>", "Salted__12345678garbage",
