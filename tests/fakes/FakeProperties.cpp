@@ -2,6 +2,8 @@
 
 #include <ostream>
 
+#include "propertyapi/PatientCalls.h"
+
 namespace fakes {
 
 namespace {
@@ -25,6 +27,7 @@ std::ostream& operator<<(std::ostream& stream, const PropertyWrite& write) {
 FakeProperties::FakeProperties(Values values) : values_(std::move(values)) {}
 
 void FakeProperties::check(Call kind, const std::string& key) {
+    if (propertyapi::PatientCalls::onThisThread()) patientCalls_.push_back(key);
     if (const auto failing = failingCall_.find(kind); failing != failingCall_.end() && --failing->second == 0) {
         failingCall_.erase(failing);
         offline(key);
@@ -104,10 +107,26 @@ std::vector<std::string> FakeProperties::reads() const {
     return reads_;
 }
 
+std::vector<std::string> FakeProperties::patientCalls() const {
+    const std::lock_guard<std::mutex> lock(mutex_);
+    return patientCalls_;
+}
+
+void FakeProperties::beginShutdown() {
+    const std::lock_guard<std::mutex> lock(mutex_);
+    shutdownBegun_ = true;
+}
+
+bool FakeProperties::shutdownBegun() const {
+    const std::lock_guard<std::mutex> lock(mutex_);
+    return shutdownBegun_;
+}
+
 void FakeProperties::forgetCalls() {
     const std::lock_guard<std::mutex> lock(mutex_);
     writes_.clear();
     reads_.clear();
+    patientCalls_.clear();
 }
 
 void FakeProperties::failCall(Call kind, std::size_t n) {

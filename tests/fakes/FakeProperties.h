@@ -43,6 +43,7 @@ class FakeProperties : public propertyapi::IPropertyApi {
     void set(const std::string& key, const std::string& value) override;
     void set(const std::string& key, const std::string& source, const std::string& value) override;
     propertyapi::PropertyPage list(const std::string& prefix, const std::string& after) override;
+    void beginShutdown() override;
 
     /// Makes the key known with this value, as the phone's owner would: it is no write.
     void put(const std::string& key, const std::string& value);
@@ -55,7 +56,10 @@ class FakeProperties : public propertyapi::IPropertyApi {
     std::vector<std::string> writesTo(const std::string& key) const;
     /// The keys that were read, in order.
     std::vector<std::string> reads() const;
+    /// The keys of the calls that were made under PatientCalls, in order: reads, and writes even if refused.
+    std::vector<std::string> patientCalls() const;
     void forgetCalls();
+    bool shutdownBegun() const;
 
     /// From now on the n-th call of that kind (1 is the next) throws PropertyOfflineException, once.
     void failCall(Call kind, std::size_t n);
@@ -84,6 +88,8 @@ class FakeProperties : public propertyapi::IPropertyApi {
     Values values_;
     std::vector<PropertyWrite> writes_;
     std::vector<std::string> reads_;
+    std::vector<std::string> patientCalls_;
+    bool shutdownBegun_ = false;
     std::map<Call, std::size_t> failingCall_;  // how many calls away
     std::map<std::string, bool> failingKeys_;
     bool offline_ = false;

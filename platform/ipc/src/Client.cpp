@@ -11,8 +11,8 @@ namespace ipc {
 
 namespace {
 
-// How long a request waits for a connection that is gone, and for the first word about a service.
-constexpr std::chrono::milliseconds patience{2000};
+// How long a request waits for a lost connection, and for the first word about a service.
+constexpr std::chrono::milliseconds reconnectWait{2000};
 constexpr std::chrono::milliseconds presenceWait{1000};
 
 std::uint64_t random64() {
@@ -40,8 +40,9 @@ Connection::Options connectionOptions(const std::string& name, bool transient) {
 Client::Client(const std::string& name, std::string host, bool transient)
     : host_(std::move(host)),
       replyTopic_(name + "/reply/" + randomText()),
+      firstRequest_(random64()),
       since_(Clock::now()),
-      nextRequest_(random64()),
+      nextRequest_(firstRequest_),
       connection_(connectionOptions(name, transient), *this) {}
 
 Client::~Client() {
@@ -50,7 +51,7 @@ Client::~Client() {
         std::unique_lock<std::mutex> lock(mutex_);
         destroying_ = true;
         wakeAll();
-        left_.wait(lock, [this] { return pending_.empty(); });
+        left_.wait(lock, [this] { return pending_.empty() && serviceWaits_ == 0; });
     }
     connection_.close();
 }
@@ -71,7 +72,7 @@ void Client::connect(const std::string& host) {
         connection_.close();
         disconnect();
         const std::lock_guard<std::mutex> lock(mutex_);
-        since_ = Clock::now() - patience;  // requests need not wait for a connection that never was
+        since_ = Clock::now() - reconnectWait;  // requests need not wait for a connection that never was
         throw;
     }
     const std::lock_guard<std::mutex> lock(mutex_);
@@ -158,7 +159,7 @@ void Client::publish(const std::string& topic, const std::string& payload, int q
 void Client::watchPresence(const std::string& statusTopic) {
     {
         const std::lock_guard<std::mutex> lock(mutex_);
-        if (!presence_.emplace(statusTopic, Presence::unknown).second) return;
+        if (!services_.emplace(statusTopic, WatchedService()).second) return;
     }
     // Quality 0: what the service said during a cut is out of date, the retained word counts.
     connection_.subscribe(statusTopic, 0, MQTT_SUB_OPT_SEND_RETAIN_ALWAYS);
@@ -166,8 +167,8 @@ void Client::watchPresence(const std::string& statusTopic) {
 
 std::string Client::request(const std::string& topic, const std::string& payload, const std::string& statusTopic,
                             std::chrono::milliseconds timeout) {
-    const auto deadline = Clock::now() + timeout;
-    Pending pending;
+    const auto begun = Clock::now();
+    Pending pending(statusTopic);
     std::unique_lock<std::mutex> lock(mutex_);
     if (destroying_) throw IPCOfflineException("The bus client is closed");
     const std::uint64_t number = nextRequest_++;
@@ -183,14 +184,15 @@ std::string Client::request(const std::string& topic, const std::string& payload
     } const leave{*this, number};
 
     for (;;) {
+        const Clock::time_point deadline = limited(begun + timeout, begun);
         Clock::time_point until = deadline;
-        switch (whoseTurn(pending, statusTopic, deadline, until)) {
-            case Turn::answered:
+        switch (nextStep(pending, deadline, until)) {
+            case Step::finish:
                 return std::move(pending.answer);
-            case Turn::wait:
+            case Step::wait:
                 pending.changed.wait_until(lock, until);
                 break;
-            case Turn::send: {
+            case Step::send: {
                 pending.sent = true;
                 lock.unlock();
                 bool sent = false;
@@ -206,6 +208,7 @@ std::string Client::request(const std::string& topic, const std::string& payload
                 // The connection went just now: wait for the next one, unless that was reported meanwhile.
                 if (!sent) {
                     pending.sent = false;
+                    pending.lost = Lost::nothing;
                     if (ready_) pending.changed.wait_until(lock, std::min(deadline, Clock::now() + presenceWait));
                 }
                 break;
@@ -214,28 +217,67 @@ std::string Client::request(const std::string& topic, const std::string& payload
     }
 }
 
-/// What the caller of a request is to do now; throws when there is nothing left to hope for.
-Client::Turn Client::whoseTurn(const Pending& pending, const std::string& statusTopic, Clock::time_point deadline,
-                               Clock::time_point& until) const {
-    if (pending.answered) return Turn::answered;
+/// What the caller of a request does next; throws when the answer can no longer come.
+Client::Step Client::nextStep(const Pending& pending, Clock::time_point deadline, Clock::time_point& until) const {
+    const std::string& statusTopic = pending.statusTopic;
+    if (pending.answered) return Step::finish;
     if (destroying_) throw IPCOfflineException("The bus client is closed");
-    if (pending.interrupted) throw IPCInterruptedException("The connection broke before the answer came");
-    const auto presence = presence_.find(statusTopic);
-    if (presence == presence_.end()) throw IPCException("The presence on " + statusTopic + " is not watched");
+    if (pending.lost == Lost::connection) {
+        throw IPCInterruptedException("The connection broke before the answer came");
+    }
+    if (pending.lost == Lost::service) {
+        throw IPCServiceLostException("The service of " + statusTopic + " went offline before its answer came");
+    }
+    const auto service = services_.find(statusTopic);
+    if (service == services_.end()) throw IPCException("The presence on " + statusTopic + " is not watched");
+    const Presence presence = service->second.presence;
     const auto now = Clock::now();
     if (!ready_) {
         if (state_ == State::fresh) throw IPCOfflineException("The bus client is not connected");
-        if (now >= since_ + patience) throw IPCOfflineException("There is no connection to the broker");
-        until = std::min(deadline, since_ + patience);
-    } else if (presence->second == Presence::offline) {
+        if (now >= since_ + reconnectWait) throw IPCOfflineException("There is no connection to the broker");
+        until = std::min(deadline, since_ + reconnectWait);
+    } else if (presence == Presence::offline) {
         throw IPCOfflineException("The service of " + statusTopic + " is offline");
-    } else if (presence->second == Presence::unknown) {
+    } else if (presence == Presence::unknown) {
         if (now >= since_ + presenceWait) throw IPCOfflineException("There is no word from " + statusTopic);
         until = std::min(deadline, since_ + presenceWait);
     }
     if (now >= deadline) throw IPCTimeoutException("No answer in time");
-    const bool reachable = ready_ && presence->second == Presence::online;
-    return reachable && !pending.sent ? Turn::send : Turn::wait;
+    const bool reachable = ready_ && presence == Presence::online;
+    return reachable && !pending.sent ? Step::send : Step::wait;
+}
+
+bool Client::waitForService(const std::string& statusTopic, std::chrono::milliseconds patience) {
+    std::unique_lock<std::mutex> lock(mutex_);
+    ++serviceWaits_;
+    struct Leave {
+        Client& client;
+        ~Leave() {
+            --client.serviceWaits_;
+            if (client.destroying_) client.left_.notify_all();
+        }
+    } const leave{*this};
+
+    for (;;) {
+        const auto service = services_.find(statusTopic);
+        if (destroying_ || service == services_.end()) return false;
+        if (ready_ && service->second.presence == Presence::online) return true;
+        if (limit_ || !service->second.lastOnline) return false;
+        const auto until = *service->second.lastOnline + patience;
+        if (Clock::now() >= until) return false;
+        presenceChanged_.wait_until(lock, until);
+    }
+}
+
+void Client::limitRequests(std::chrono::milliseconds limit) {
+    const std::lock_guard<std::mutex> lock(mutex_);
+    limit_ = limit;
+    limitedSince_ = Clock::now();
+    wakeAll();
+}
+
+Client::Clock::time_point Client::limited(Clock::time_point deadline, Clock::time_point begun) const {
+    return limit_ ? std::min(deadline, std::max(begun, limitedSince_) + *limit_) : deadline;
 }
 
 // ---- the network thread ----
@@ -252,8 +294,10 @@ void Client::connectionLost(const std::string& cause) {
     // A connection that breaks before it is of use does not lengthen anyone's patience.
     if (ready_) since_ = Clock::now();
     ready_ = false;
-    for (auto& [topic, presence] : presence_) presence = Presence::unknown;
-    for (const auto& [number, pending] : pending_) pending->interrupted = pending->sent;
+    for (const auto& [number, pending] : pending_) {
+        if (pending->sent) pending->lost = Lost::connection;
+    }
+    for (auto& [topic, service] : services_) setPresence(topic, service, Presence::unknown);
     wakeAll();
     for (const auto& events : events_) events->connectionLost(cause);
 }
@@ -266,12 +310,13 @@ void Client::messageAcknowledged(const std::string& topic) {
 bool Client::messageArrived(const Incoming& message) {
     if (message.topic == replyTopic_) completeRequest(message);
     const std::lock_guard<std::mutex> lock(mutex_);
-    const auto presence = presence_.find(message.topic);
-    if (presence != presence_.end()) {
+    const auto service = services_.find(message.topic);
+    if (service != services_.end()) {
         const bool online = message.payload == "online";
-        presence->second = online                         ? Presence::online
-                           : message.payload == "offline" ? Presence::offline
-                                                          : Presence::unknown;
+        setPresence(service->first, service->second,
+                    online                         ? Presence::online
+                    : message.payload == "offline" ? Presence::offline
+                                                   : Presence::unknown);
         wakeAll();
     }
     // The broker sends a copy for each subscription that matches, and names it: so filters may overlap.
@@ -289,12 +334,24 @@ bool Client::messageArrived(const Incoming& message) {
     return true;
 }
 
+// A request in flight is marked here, not where its caller looks: "online" may follow before the caller wakes.
+void Client::setPresence(const std::string& statusTopic, WatchedService& service, Presence presence) {
+    if (service.presence == Presence::online && presence != Presence::online) service.lastOnline = Clock::now();
+    service.presence = presence;
+    if (presence != Presence::offline) return;
+    for (const auto& [number, pending] : pending_) {
+        if (pending->sent && pending->statusTopic == statusTopic) pending->lost = Lost::service;
+    }
+}
+
 void Client::completeRequest(const Incoming& message) {
     const std::string correlation = message.correlationData();
     std::uint64_t number = 0;
     if (correlation.size() != sizeof number) return;
     std::memcpy(&number, correlation.data(), sizeof number);
     const std::lock_guard<std::mutex> lock(mutex_);
+    if (number - firstRequest_ >= nextRequest_ - firstRequest_) return;
+    ++answers_;
     const auto found = pending_.find(number);
     if (found == pending_.end() || found->second->answered) return;
     found->second->answered = true;
@@ -304,6 +361,7 @@ void Client::completeRequest(const Incoming& message) {
 
 void Client::wakeAll() {
     for (const auto& [number, pending] : pending_) pending->changed.notify_one();
+    presenceChanged_.notify_all();
 }
 
 }  // namespace ipc

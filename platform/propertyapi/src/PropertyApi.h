@@ -1,8 +1,11 @@
-// The property client over a bus client.
+// The property client over a bus client. It decides how long each call waits: see Call.
 #pragma once
 
 #include <chrono>
+#include <cstdint>
 #include <memory>
+#include <mutex>
+#include <optional>
 #include <string>
 
 #include "ipc/IIPCClient.h"
@@ -18,15 +21,38 @@ class PropertyApi final : public IPropertyApi {
     void set(const std::string& key, const std::string& value) override;
     void set(const std::string& key, const std::string& source, const std::string& value) override;
     PropertyPage list(const std::string& prefix, const std::string& after) override;
+    void beginShutdown() override;
 
  private:
-    using Deadline = std::chrono::steady_clock::time_point;
+    using Clock = std::chrono::steady_clock;
 
-    std::string ask(const char* topic, const std::string& key, const std::string& payload, Deadline deadline);
-    std::string request(const char* topic, const std::string& key, const std::string& payload, Deadline deadline);
+    /// One call of the interface, whatever requests it takes.
+    struct Call {
+        std::string key;
+        Clock::time_point begun;
+        Clock::time_point deadline;
+        bool patient = false;
+        bool renewed = false;  // the deadline, because the service came back
+        std::string doubt;     // why the answer to the last request is not known
+    };
+
+    Call begin(const std::string& key);
+    std::string ask(Call& call, const char* topic, const std::string& payload);
+    std::optional<std::string> request(Call& call, const char* topic, const std::string& payload);
+    bool outlastsOutage(Call& call);
+    Clock::time_point deadlineOf(const Call& call);
+    void noteTimeout();
+
+    // With mutex_ held.
+    bool isSilent() const;
 
     const std::shared_ptr<ipc::IIPCClient> bus_;
     const std::string clientName_;
+
+    std::mutex mutex_;
+    // Guarded by mutex_.
+    std::optional<std::uint64_t> answersAtTimeout_;  // the bus client's count when a call timed out last
+    std::optional<Clock::time_point> shutdownBegun_;
 };
 
 }  // namespace propertyapi

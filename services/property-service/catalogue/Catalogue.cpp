@@ -88,6 +88,35 @@ bool flag(const Json::Value& json, const char* name) {
     return json[name].asBool();
 }
 
+std::vector<std::string> refusedSourcesOf(const Json::Value& json) {
+    std::vector<std::string> sources;
+    if (!json.isMember("refusedSources")) return sources;
+    const Json::Value& list = json["refusedSources"];
+    if (!list.isArray() || list.empty()) {
+        throw std::invalid_argument("\"refusedSources\" must be a list such as [\"provisioning\"]");
+    }
+    for (const Json::Value& source : list) {
+        if (!source.isString() || source.asString().empty()) {
+            throw std::invalid_argument("every one of \"refusedSources\" must be a text that is not empty");
+        }
+        if (dbg::escapeControls(source.asString()) != source.asString()) {
+            throw std::invalid_argument("every one of \"refusedSources\" must be one line");
+        }
+        if (std::find(sources.begin(), sources.end(), source.asString()) != sources.end()) {
+            throw std::invalid_argument("\"refusedSources\" has \"" + source.asString() + "\" twice");
+        }
+        sources.push_back(source.asString());
+    }
+    return sources;
+}
+
+/// The rule knows the members that limit values; who may write is not among them.
+std::shared_ptr<const ValueRule> ruleOf(const Json::Value& json) {
+    Json::Value definition = json;
+    definition.removeMember("refusedSources");
+    return makeValueRule(definition);
+}
+
 std::string limitsOf(const Json::Value& json, const std::string& type) {
     Json::StreamWriterBuilder builder;
     builder["indentation"] = "";
@@ -103,7 +132,7 @@ std::string limitsOf(const Json::Value& json, const std::string& type) {
 std::shared_ptr<const Definition> readDefinition(const Json::Value& json) {
     if (!json.isObject()) throw std::invalid_argument("the definition must be an object");
     auto definition = std::make_shared<Definition>();
-    definition->rule = makeValueRule(json);
+    definition->rule = ruleOf(json);
     definition->type = json["type"].asString();
     definition->limits = limitsOf(json, definition->type);
     if (!json["description"].isString() || json["description"].asString().empty()) {
@@ -115,6 +144,10 @@ std::shared_ptr<const Definition> readDefinition(const Json::Value& json) {
     }
     definition->readOnly = flag(json, "readOnly");
     definition->isVolatile = flag(json, "volatile");
+    definition->refusedSources = refusedSourcesOf(json);
+    if (definition->readOnly && !definition->refusedSources.empty()) {
+        throw std::invalid_argument("\"refusedSources\" says nothing beside \"readOnly\": nobody may write the key");
+    }
     if (!json["default"].isString()) {
         throw std::invalid_argument("\"default\" is missing or no text (write \"5\", not 5)");
     }
@@ -134,6 +167,10 @@ std::shared_ptr<const Definition> readDefinition(const Json::Value& json) {
 }
 
 }  // namespace
+
+bool Definition::refuses(const std::string& source) const {
+    return std::find(refusedSources.begin(), refusedSources.end(), source) != refusedSources.end();
+}
 
 bool isKey(const std::string& text) {
     if (text.empty() || text.size() > maxKeyBytes) return false;

@@ -24,8 +24,11 @@ struct Definition {
     std::string defaultValue;
     std::string description;
     bool readOnly = false;
-    bool isVolatile = false;  // beside "State.*", which always is
+    bool isVolatile = false;                  // beside "State.*", which always is
+    std::vector<std::string> refusedSources;  // who may not write it; with readOnly nobody may
     std::shared_ptr<const ValueRule> rule;
+
+    bool refuses(const std::string& source) const;
 
     /// Its values are for nobody's eyes: no log line and no listing for people shows them.
     bool isSecret() const { return type == "secret"; }

@@ -200,6 +200,11 @@ std::string description(const std::string& key, const Definition& definition, bo
     appendMember(json, "description", definition.description);
     json += definition.readOnly ? ",\"readOnly\":true" : ",\"readOnly\":false";
     json += isVolatile ? ",\"volatile\":true" : ",\"volatile\":false";
+    for (const std::string& source : definition.refusedSources) {
+        json += &source == &definition.refusedSources.front() ? ",\"refusedSources\":[" : ",";
+        appendQuoted(json, source);
+    }
+    if (!definition.refusedSources.empty()) json += "]";
     if (!definition.limits.empty()) json += "," + definition.limits;
     return json + "}";
 }

@@ -109,9 +109,13 @@ std::string PropertyService::get(const std::string& payload) {
     return valueAnswer(property->key, property->value);
 }
 
-std::string PropertyService::refusal(const Property* property, const std::string& key, const std::string* value) const {
+std::string PropertyService::refusal(const Property* property, const std::string& key, const std::string& source,
+                                     const std::string* value) const {
     if (property == nullptr) return errorAnswer(key, "not-found", "the catalogue has no such key");
     if (property->definition->readOnly) return errorAnswer(key, "read-only", "may not be written by a client");
+    if (property->definition->refuses(source)) {
+        return errorAnswer(key, "read-only", "may not be written by the source \"" + source + "\"");
+    }
     const std::string reason = value == nullptr ? std::string() : objection(*property, *value);
     return reason.empty() ? reason : errorAnswer(key, "invalid-value", reason);
 }
@@ -119,7 +123,7 @@ std::string PropertyService::refusal(const Property* property, const std::string
 std::string PropertyService::set(const std::string& payload, Messages& messages) {
     SetRequest request = reader_.set(payload);
     Property* const property = table_.find(request.param);
-    std::string error = refusal(property, request.param, &request.value);
+    std::string error = refusal(property, request.param, request.source, &request.value);
     if (!error.empty()) return error;
     write(*property, std::move(request.value), request.source, messages);
     return valueAnswer(property->key, property->value);
@@ -130,7 +134,8 @@ std::string PropertyService::import(const std::string& payload, Messages& messag
     std::vector<std::string> errors;
     std::set<std::string> seen;
     for (const ImportRequest::Write& one : request.writes) {
-        std::string error = refusal(table_.find(one.param), one.param, one.value ? &*one.value : nullptr);
+        std::string error =
+            refusal(table_.find(one.param), one.param, request.source, one.value ? &*one.value : nullptr);
         if (error.empty() && !seen.insert(one.param).second) {
             error = errorAnswer(one.param, "bad-request", "stands there twice");
         }

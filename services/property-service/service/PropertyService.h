@@ -47,7 +47,8 @@ class PropertyService {
     std::string import(const std::string& payload, Messages& messages);
     template <typename Render>
     std::string page(const char* name, const ListRequest& request, Render render) const;
-    std::string refusal(const Property* property, const std::string& key, const std::string* value) const;
+    std::string refusal(const Property* property, const std::string& key, const std::string& source,
+                        const std::string* value) const;
     void write(Property& property, std::optional<std::string> value, const std::string& source, Messages& messages);
     void commit();
     void takeBack();

@@ -8,6 +8,7 @@
 #pragma once
 
 #include <chrono>
+#include <cstdint>
 #include <string>
 
 #include "ipc/IIPCCallback.h"
@@ -46,11 +47,26 @@ class IIPCClient {
     /// correlation data, quality of service 0). Blocks the caller, `timeout` at most, and inside it outlives a
     /// reconnection of up to 2 s. Never call it from code that the network thread waits for.
     /// Throws IPCOfflineException at once when the broker has been away longer than that, or when the service says
-    /// "offline", or has said nothing for a second after the connection; IPCTimeoutException when no answer came;
+    /// "offline", or has said nothing for a second after the connection; IPCServiceLostException, one of these, when
+    /// the service went offline after the request was sent; IPCTimeoutException when no answer came;
     /// IPCInterruptedException at once when the connection broke after it was sent: it is never sent again by itself,
     /// and whether it was carried out is not known.
     virtual std::string request(const std::string& topic, const std::string& payload, const std::string& statusTopic,
                                 std::chrono::milliseconds timeout) = 0;
+
+    /// Waits until the service that is watched on `statusTopic` is online, but no longer than `patience` after it went:
+    /// since it said "offline", or since the connection to the broker broke. Returns whether it is online; false at
+    /// once if it never was, or once requests are limited.
+    virtual bool waitForService(const std::string& /*statusTopic*/, std::chrono::milliseconds /*patience*/) {
+        return false;
+    }
+
+    /// How many answers have come so far, including those that came after their request had timed out.
+    virtual std::uint64_t answersReceived() const { return 0; }
+
+    /// For the end of the process: requests in flight return within `limit` from now, later ones wait `limit` at most,
+    /// and waitForService waits no longer.
+    virtual void limitRequests(std::chrono::milliseconds /*limit*/) {}
 };
 
 }  // namespace ipc

@@ -17,6 +17,12 @@ class IPCOfflineException : public IPCException {
     using IPCException::IPCException;
 };
 
+/// The service went offline after the request was sent. Whether the request was carried out is not known.
+class IPCServiceLostException : public IPCOfflineException {
+ public:
+    using IPCOfflineException::IPCOfflineException;
+};
+
 /// No answer came in time. Whether the request was carried out is not known.
 class IPCTimeoutException : public IPCException {
  public:

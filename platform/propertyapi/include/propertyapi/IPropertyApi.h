@@ -1,9 +1,9 @@
 // The client of the property service, which keeps every setting and state of the phone as key and text.
 //
-// Threads: every operation may be called from any thread and blocks it until the answer is there, 5 s at most; it
-// fails at once when the bus or the service is known to be away. A call whose connection breaks is made again when it
-// is back within that time, a set only after reading back that it was not carried out. All throw a PropertyException:
-// the types are in PropertyExceptions.h.
+// Threads: every operation may be called from any thread and blocks it until the answer is there, 5 s at most. Once a
+// call has timed out, all calls wait 1 s each until an answer comes. A call fails at once while the service is known to
+// be offline, except under PatientCalls. A call whose connection breaks is retried when it is back within its time, a
+// set only if reading back shows that it was not carried out. All throw a PropertyException: see PropertyExceptions.h.
 #pragma once
 
 #include <string>
@@ -39,6 +39,11 @@ class IPropertyApi {
 
     /// The properties whose key begins with `prefix`, from the key after `after` on; 1,000 at most.
     virtual PropertyPage list(const std::string& prefix, const std::string& after) = 0;
+
+    /// The process is shutting down: from now on a call waits 2 s at most, one in flight 2 s from now, and nobody waits
+    /// for a service to come back. Once a call has timed out, before or after this, calls throw
+    /// PropertyTimeoutException at once until an answer comes. Never blocks; repeatable.
+    virtual void beginShutdown() = 0;
 };
 
 }  // namespace propertyapi

@@ -5,6 +5,7 @@
 #include <map>
 #include <sstream>
 
+#include "ScriptedBus.h"
 #include "fakes/Broker.h"
 #include "ipc/IPCException.h"
 #include "ipc/IPCFactory.h"
@@ -13,32 +14,11 @@
 namespace {
 
 using namespace propertyapi;
-
-/// A bus client of which only `request` is of interest: answers what it is told to, and records.
-class ScriptedBus : public ipc::IIPCClient {
- public:
-    void connect(const std::string&) override {}
-    void disconnect() override {}
-    void subscribe(const std::string&, ipc::IIPCCallback&) override {}
-    void publish(const std::string&, const std::string&, int) override {}
-    void watchPresence(const std::string& statusTopic) override { watched = statusTopic; }
-    std::string request(const std::string& requestTopic, const std::string& requestPayload,
-                        const std::string& statusTopic, std::chrono::milliseconds requestTimeout) override {
-        topic = requestTopic;
-        payload = requestPayload;
-        status = statusTopic;
-        timeout = requestTimeout;
-        ++requests;
-        return answer();
-    }
-
-    std::function<std::string()> answer;
-    std::string watched, topic, payload, status;
-    std::chrono::milliseconds timeout{0};
-    int requests = 0;
-};
+using propertytest::ScriptedBus;
 
 struct PropertyApi : testing::Test {
+    static std::string value() { return R"({"param":"A.B","value":"7"})"; }
+
     std::shared_ptr<ScriptedBus> bus = std::make_shared<ScriptedBus>();
     std::shared_ptr<IPropertyApi> properties = PropertyApiBuilder::getPropertyApi(bus, "prov-client");
 };
@@ -46,21 +26,20 @@ struct PropertyApi : testing::Test {
 TEST_F(PropertyApi, WatchesTheServicesPresence) { EXPECT_EQ(bus->watched, "prop-service/status"); }
 
 TEST_F(PropertyApi, Gets) {
-    bus->answer = [] { return R"({"param":"A.B","value":"7"})"; };
+    bus->answers = {value};
     EXPECT_EQ(properties->get("A.B"), "7");
-    EXPECT_EQ(bus->topic, "prop-service/get");
-    EXPECT_EQ(bus->payload, R"({"param":"A.B"})");
+    EXPECT_EQ(bus->asked, propertytest::Topics{"prop-service/get"});
+    EXPECT_EQ(bus->payloads.back(), R"({"param":"A.B"})");
     EXPECT_EQ(bus->status, "prop-service/status");
-    EXPECT_EQ(bus->timeout, std::chrono::milliseconds(5000));
 }
 
 TEST_F(PropertyApi, SetsInItsOwnNameOrAnother) {
-    bus->answer = [] { return R"({"param":"A.B","value":"7"})"; };
+    bus->answers = {value, value};
     properties->set("A.B", "7");
-    EXPECT_EQ(bus->topic, "prop-service/set");
-    EXPECT_EQ(bus->payload, R"({"param":"A.B","value":"7","source":"prov-client"})");
+    EXPECT_EQ(bus->asked, propertytest::Topics{"prop-service/set"});
+    EXPECT_EQ(bus->payloads.back(), R"({"param":"A.B","value":"7","source":"prov-client"})");
     properties->set("A.B", "provisioning", "7");
-    EXPECT_EQ(bus->payload, R"({"param":"A.B","value":"7","source":"provisioning"})");
+    EXPECT_EQ(bus->payloads.back(), R"({"param":"A.B","value":"7","source":"provisioning"})");
 }
 
 TEST_F(PropertyApi, SendsNothingThatNoServiceCouldTake) {
@@ -68,7 +47,7 @@ TEST_F(PropertyApi, SendsNothingThatNoServiceCouldTake) {
     EXPECT_THROW(properties->set("A.B", std::string(65537, 'x')), PropertyInvalidValueException);
     EXPECT_THROW(properties->get("\xff"), PropertyNotFoundException);
     EXPECT_THROW(properties->get(std::string(256, 'K')), PropertyNotFoundException);
-    EXPECT_EQ(bus->requests, 0);
+    EXPECT_TRUE(bus->asked.empty());
 }
 
 TEST_F(PropertyApi, NamesTheKeyWhenTheBusFails) {
@@ -84,11 +63,11 @@ TEST_F(PropertyApi, NamesTheKeyWhenTheBusFails) {
         }
         return std::string("none");
     };
-    bus->answer = []() -> std::string { throw ipc::IPCOfflineException("away"); };
+    bus->answers = {[]() -> std::string { throw ipc::IPCOfflineException("away"); }};
     EXPECT_EQ(textOf(), "offline|Property 'A.B': away");
-    bus->answer = []() -> std::string { throw ipc::IPCTimeoutException("late"); };
+    bus->answers = {[]() -> std::string { throw ipc::IPCTimeoutException("late"); }};
     EXPECT_EQ(textOf(), "timeout|Property 'A.B': late");
-    bus->answer = []() -> std::string { throw ipc::IPCException("odd"); };
+    bus->answers = {[]() -> std::string { throw ipc::IPCException("odd"); }};
     EXPECT_EQ(textOf(), "other|Property 'A.B': odd");
 }
 

@@ -60,6 +60,12 @@ TEST_F(PropService, ServesClientsAndKeepsSettingsOverAnOrderlyRestart) {
         EXPECT_EQ(patiently([this] { return properties->get("System.General.DeviceID"); }), "kd4v");
         properties->set("System.Provision.Period", "provisioning", "-1");
         properties->set("State.Provisioning.LockUI", "1");
+        properties->set("State.Provisioning", "success");
+        EXPECT_THROW(properties->set("State.Provisioning", "provisioning", "request"),
+                     propertyapi::PropertyReadOnlyException);
+        EXPECT_THROW(properties->set("State.FirmwareUpdate.TriggerAuto", "provisioning", "request"),
+                     propertyapi::PropertyReadOnlyException);
+        EXPECT_EQ(properties->get("State.Provisioning"), "success");
         EXPECT_EQ(properties->get("System.Provision.Period"), "-1");
         EXPECT_THROW(properties->get("No.Such"), propertyapi::PropertyNotFoundException);
         EXPECT_THROW(properties->set("NET.VLAN.LAN.Identifier", "5000"), propertyapi::PropertyInvalidValueException);

@@ -180,6 +180,21 @@ INSTANTIATE_TEST_SUITE_P(
                   "c.json:2: a.b: \"readOnly\" must be true or false"},
         ErrorCase{"VolatileNoBoolean", one(R"("type": "text", "default": "", "volatile": "yes")"),
                   "c.json:2: a.b: \"volatile\" must be true or false"},
+        ErrorCase{"RefusedSourcesNoList", one(R"("type": "text", "default": "", "refusedSources": "provisioning")"),
+                  "c.json:2: a.b: \"refusedSources\" must be a list such as [\"provisioning\"]"},
+        ErrorCase{"RefusedSourcesEmpty", one(R"("type": "text", "default": "", "refusedSources": [])"),
+                  "c.json:2: a.b: \"refusedSources\" must be a list such as [\"provisioning\"]"},
+        ErrorCase{"RefusedSourceNoText", one(R"("type": "text", "default": "", "refusedSources": ["a", 5])"),
+                  "c.json:2: a.b: every one of \"refusedSources\" must be a text that is not empty"},
+        ErrorCase{"RefusedSourceEmpty", one(R"("type": "text", "default": "", "refusedSources": [""])"),
+                  "c.json:2: a.b: every one of \"refusedSources\" must be a text that is not empty"},
+        ErrorCase{"RefusedSourceOfTwoLines", one(R"("type": "text", "default": "", "refusedSources": ["a\nb"])"),
+                  "c.json:2: a.b: every one of \"refusedSources\" must be one line"},
+        ErrorCase{"RefusedSourceTwice", one(R"("type": "text", "default": "", "refusedSources": ["a", "b", "a"])"),
+                  "c.json:2: a.b: \"refusedSources\" has \"a\" twice"},
+        ErrorCase{"RefusedSourcesOfAReadOnlyKey",
+                  one(R"("type": "text", "default": "", "readOnly": true, "refusedSources": ["a"])"),
+                  "c.json:2: a.b: \"refusedSources\" says nothing beside \"readOnly\": nobody may write the key"},
         ErrorCase{"StateIsVolatile",
                   withKeys("\"State.b\": " + definition(R"("type": "text", "default": "", "volatile": false)")),
                   "c.json:2: State.b: keys below \"State.\" are volatile"},
@@ -306,6 +321,17 @@ TEST(ShippedCatalogue, TakesEveryValueThatServicesHaveRulesOfTheirOwnFor) {
             EXPECT_EQ(entry->definition->rule->objection(value), "") << key;
         }
     }
+}
+
+TEST(ShippedCatalogue, LetsNoProvisioningFileAskForAPass) {
+    const Catalogue catalogue = Catalogue::load(SHIPPED_CATALOGUE);
+    std::vector<std::string> refused;
+    for (const CatalogueKey& entry : catalogue.keys()) {
+        if (entry.definition->refuses("provisioning")) refused.push_back(entry.key);
+        EXPECT_FALSE(entry.definition->refuses("prov-client")) << entry.key;
+        EXPECT_FALSE(entry.definition->refuses("")) << entry.key;
+    }
+    EXPECT_THAT(refused, ElementsAre("State.FirmwareUpdate.TriggerAuto", "State.Provisioning"));
 }
 
 TEST(ShippedCatalogue, KeepsPasswordsSecret) {

@@ -11,6 +11,8 @@
 namespace propertyservice {
 namespace {
 
+using testing::AllOf;
+using testing::Contains;
 using testing::ElementsAre;
 using testing::HasSubstr;
 using testing::IsEmpty;
@@ -55,6 +57,7 @@ const char catalogueText[] = R"({"version": 1, "keys": {
     "NET.MAC.Address": {"type": "text", "default": "", "description": "d"},
     "System.Password": {"type": "secret", "maxLength": 8, "default": "start", "description": "s"},
     "System.Uptime": {"type": "integer", "default": "0", "volatile": true, "description": "d"},
+    "System.Trigger": {"type": "enum", "values": ["", "go"], "refusedSources": ["file", "web"], "default": "", "description": "d"},
     "Keys.{0-2}.Label": {"type": "text", "default": "-", "description": "d"}
 }})";
 
@@ -174,6 +177,29 @@ TEST_F(Service, ErrorsSayWhatIsWrong) {
                             error("", "bad-request", "\\\"prefix\\\" is missing")));
     EXPECT_EQ(store.transactions, 0);
     EXPECT_THAT(handle({get("System.Port")}), ElementsAre(answer("System.Port", "5")));
+}
+
+TEST_F(Service, ASourceThatAKeyRefusesMayNotWriteIt) {
+    const auto from = [](const std::string& source, const std::string& value) {
+        return request(setTopic, R"({"param":"System.Trigger","value":")" + value + R"(","source":")" + source + "\"}");
+    };
+    const std::string refusal = error("System.Trigger", "read-only", R"(may not be written by the source \"file\")");
+    EXPECT_THAT(handle({from("file", "go")}), ElementsAre(refusal));
+    EXPECT_THAT(handle({from("file", "nonsense")}), ElementsAre(refusal));
+    EXPECT_THAT(handle({from("web", "go")}), ElementsAre(HasSubstr("\"read-only\"")));
+    EXPECT_THAT(handle({get("System.Trigger")}), ElementsAre(answer("System.Trigger", "")));
+    for (const char* source : {"me", "", "File"}) {
+        EXPECT_THAT(handle({from(source, "go")}), ElementsAre(answer("System.Trigger", "go"), HasSubstr("\"go\"")));
+    }
+    const auto import = [](const std::string& source) {
+        return request(importTopic, R"({"properties":[{"param":"System.Name","value":"x"},)"
+                                    R"({"param":"System.Trigger","value":null}],"apply":true)" +
+                                        source + "}");
+    };
+    EXPECT_THAT(handle({import(R"(,"source":"file")")}),
+                ElementsAre(AllOf(HasSubstr("\"errors\":"), HasSubstr("System.Trigger"), HasSubstr("read-only"))));
+    EXPECT_THAT(handle({get("System.Name")}), ElementsAre(answer("System.Name", "phone"))) << "all or nothing";
+    EXPECT_THAT(handle({import("")}), Contains(HasSubstr("\"accepted\":2")));
 }
 
 TEST_F(Service, ValuesUpTo64KiB) {
@@ -329,6 +355,10 @@ TEST_F(Service, DescribesAKey) {
     EXPECT_THAT(describe(R"({"param":"System.Password"})"),
                 ElementsAre(R"(me/reply {"param":"System.Password","type":"secret","default":"***","description":"s",)"
                             R"("readOnly":false,"volatile":false,"maxLength":8})"));
+    EXPECT_THAT(
+        describe(R"({"param":"System.Trigger"})"),
+        ElementsAre(R"(me/reply {"param":"System.Trigger","type":"enum","default":"","description":"d",)"
+                    R"("readOnly":false,"volatile":false,"refusedSources":["file","web"],"values":["","go"]})"));
     EXPECT_THAT(describe(R"({"prefix":"State."})"),
                 ElementsAre(R"(me/reply {"definitions":[{"param":"State.Provisioning","type":"text","default":"",)"
                             R"("description":"d","readOnly":false,"volatile":true}]})"));

@@ -1,0 +1,182 @@
+// What requests and waits do while a service goes and comes, and once they are limited.
+#include <gtest/gtest.h>
+
+#include <thread>
+
+#include "BusFixtures.h"
+#include "fakes/Broker.h"
+
+namespace {
+
+using namespace bustest;
+using fakes::Broker;
+using std::chrono::milliseconds;
+using std::chrono::steady_clock;
+
+/// A client that knows a service which answers nothing, and opens `asked` with each request.
+struct MuteParty {
+    explicit MuteParty(const std::string& address)
+        : service(address, [this](const std::vector<ipc::ServiceRequest>&) {
+              asked.open();
+              return std::vector<ipc::OutgoingMessage>();
+          }) {
+        client->watchPresence(statusTopic);
+        client->connect(address);
+    }
+    Gate asked;
+    EchoService service;
+    const std::shared_ptr<ipc::IIPCClient> client = newClient("asker");
+};
+
+/// Runs it on a thread of its own, and says how it ended.
+template <typename Call>
+std::thread inBackground(std::string& outcome, Call call) {
+    return std::thread([&outcome, call] {
+        try {
+            outcome = call();
+        } catch (const ipc::IPCServiceLostException&) {
+            outcome = "service lost";
+        } catch (const ipc::IPCOfflineException&) {
+            outcome = "offline";
+        } catch (const ipc::IPCTimeoutException&) {
+            outcome = "timeout";
+        }
+    });
+}
+
+TEST(Outage, LosesARequestInFlightEvenIfTheServiceIsBackAtOnce) {
+    Broker broker;
+    MuteParty party(broker.address());
+    std::string outcome;
+    std::thread asking = inBackground(outcome, [&] { return ask(*party.client, "x"); });
+    ASSERT_TRUE(party.asked.pass());
+    const auto other = newClient("announcer");
+    other->connect(broker.address());
+    other->publish(statusTopic, "offline", 1);
+    other->publish(statusTopic, "online", 1);
+    asking.join();
+    EXPECT_EQ(outcome, "service lost");
+}
+
+TEST(Outage, SparesARequestToAnotherService) {
+    Broker broker;
+    MuteParty party(broker.address());
+    party.client->disconnect();
+    const auto client = newClient("watcher");
+    client->watchPresence(statusTopic);
+    client->watchPresence("other/status");
+    Recorder recorder;
+    client->subscribe("other/status", recorder);
+    client->connect(broker.address());
+    std::string outcome;
+    std::thread asking = inBackground(outcome, [&] { return ask(*client, "x", milliseconds(300)); });
+    ASSERT_TRUE(party.asked.pass());
+    client->publish("other/status", "offline", 1);
+    EXPECT_TRUE(recorder.waitForMessages(1));
+    asking.join();
+    EXPECT_EQ(outcome, "timeout");
+    client->disconnect();
+}
+
+TEST(Outage, WaitEndsWhenTheServiceIsBack) {
+    Broker broker;
+    auto service = std::make_unique<EchoService>(broker.address());
+    const auto client = newAsker(broker.address());
+    EXPECT_TRUE(client->waitForService(statusTopic, milliseconds(0))) << "it is online";
+    service.reset();
+    ASSERT_TRUE(eventually([&] { return !client->waitForService(statusTopic, milliseconds(0)); }));
+    std::string outcome;
+    std::thread waiting =
+        inBackground(outcome, [&] { return client->waitForService(statusTopic, patience) ? "back" : "gone"; });
+    const EchoService again(broker.address());
+    waiting.join();
+    EXPECT_EQ(outcome, "back");
+}
+
+TEST(Outage, WaitEndsWithItsPatience) {
+    Broker broker;
+    auto service = std::make_unique<EchoService>(broker.address());
+    const auto client = newAsker(broker.address());
+    service.reset();
+    ASSERT_TRUE(eventually([&] { return !client->waitForService(statusTopic, milliseconds(0)); }));
+    EXPECT_FALSE(client->waitForService(statusTopic, milliseconds(1000)));
+    const auto begin = steady_clock::now();
+    EXPECT_FALSE(client->waitForService(statusTopic, milliseconds(1000)));
+    EXPECT_LT(steady_clock::now() - begin, milliseconds(1000)) << "counted from when it went, not from the call";
+}
+
+TEST(Outage, NobodyWaitsForAServiceThatWasNeverThere) {
+    Broker broker;
+    const auto client = newClient("asker");
+    client->watchPresence(statusTopic);
+    client->connect(broker.address());
+    const auto begin = steady_clock::now();
+    EXPECT_FALSE(client->waitForService(statusTopic, patience));
+    EXPECT_FALSE(client->waitForService("not/watched", patience));
+    EXPECT_LT(steady_clock::now() - begin, patience / 2);
+}
+
+TEST(Outage, WaitOutlastsARestartOfTheBroker) {
+    Broker broker;
+    const EchoService service(broker.address());
+    Recorder recorder;
+    const auto client = newAsker(broker.address(), "a", &recorder);
+    broker.stop();
+    ASSERT_TRUE(recorder.waitForLosses(1));
+    std::string outcome;
+    std::thread waiting =
+        inBackground(outcome, [&] { return client->waitForService(statusTopic, patience) ? "back" : "gone"; });
+    broker.start();
+    waiting.join();
+    EXPECT_EQ(outcome, "back");
+    client->disconnect();
+}
+
+TEST(Outage, NobodyWaitsOnceRequestsAreLimited) {
+    Broker broker;
+    auto service = std::make_unique<EchoService>(broker.address());
+    const auto client = newAsker(broker.address());
+    service.reset();
+    ASSERT_TRUE(eventually([&] { return !client->waitForService(statusTopic, milliseconds(0)); }));
+    std::string outcome;
+    const auto begin = steady_clock::now();
+    std::thread waiting =
+        inBackground(outcome, [&] { return client->waitForService(statusTopic, patience) ? "back" : "gone"; });
+    client->limitRequests(milliseconds(2000));
+    waiting.join();
+    EXPECT_EQ(outcome, "gone");
+    EXPECT_LT(steady_clock::now() - begin, patience / 2);
+}
+
+TEST(LimitedRequests, EndInFlightAndLater) {
+    Broker broker;
+    MuteParty party(broker.address());
+    std::string outcome;
+    std::thread asking = inBackground(outcome, [&] { return ask(*party.client, "x"); });
+    ASSERT_TRUE(party.asked.pass());
+    const auto begin = steady_clock::now();
+    party.client->limitRequests(milliseconds(100));
+    asking.join();
+    EXPECT_EQ(outcome, "timeout");
+    EXPECT_GE(steady_clock::now() - begin, milliseconds(100));
+    EXPECT_THROW(ask(*party.client, "x"), ipc::IPCTimeoutException);
+    EXPECT_LT(steady_clock::now() - begin, patience / 2);
+}
+
+TEST(Answers, AreCountedEvenIfTheyComeLate) {
+    Broker broker;
+    Gate gate;
+    EchoService slow(broker.address(), [&](const std::vector<ipc::ServiceRequest>& requests) {
+        if (requests.front().payload == "slow") gate.pass();
+        return EchoService::echo(requests);
+    });
+    const auto client = newAsker(broker.address());
+    const auto before = client->answersReceived();
+    EXPECT_GT(before, 0U);
+    EXPECT_THROW(ask(*client, "slow", milliseconds(50)), ipc::IPCTimeoutException);
+    EXPECT_EQ(client->answersReceived(), before);
+    gate.open();
+    EXPECT_TRUE(eventually([&] { return client->answersReceived() == before + 1; }));
+}
+
+}  // namespace

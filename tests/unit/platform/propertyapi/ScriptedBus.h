@@ -1,0 +1,76 @@
+// A bus on which requests get the answers that a test has written down, in order, and are recorded. No thread, no
+// time: what a call would wait is recorded too.
+#pragma once
+
+#include <chrono>
+#include <cstdint>
+#include <deque>
+#include <functional>
+#include <optional>
+#include <string>
+#include <vector>
+
+#include "ipc/IIPCClient.h"
+#include "ipc/IPCException.h"
+
+namespace propertytest {
+
+using std::chrono::milliseconds;
+
+class ScriptedBus final : public ipc::IIPCClient {
+ public:
+    using Answer = std::function<std::string()>;
+
+    void connect(const std::string&) override {}
+    void disconnect() override {}
+    void subscribe(const std::string&, ipc::IIPCCallback&) override {}
+    void publish(const std::string&, const std::string&, int) override {}
+    void watchPresence(const std::string& statusTopic) override { watched = statusTopic; }
+    std::string request(const std::string& topic, const std::string& payload, const std::string& statusTopic,
+                        milliseconds timeout) override {
+        asked.push_back(topic);
+        payloads.push_back(payload);
+        timeouts.push_back(timeout);
+        status = statusTopic;
+        if (answers.empty()) throw ipc::IPCTimeoutException("nothing more to say");
+        const Answer answer = answers.front();
+        answers.pop_front();
+        std::string text = answer();
+        ++received;
+        return text;
+    }
+    bool waitForService(const std::string& statusTopic, milliseconds patience) override {
+        asked.push_back("wait for " + statusTopic);
+        patiences.push_back(patience);
+        return comesBack;
+    }
+    std::uint64_t answersReceived() const override { return received; }
+    void limitRequests(milliseconds requestLimit) override { limit = requestLimit; }
+
+    std::deque<Answer> answers;  // an empty list: nobody answers
+    bool comesBack = true;
+    std::uint64_t received = 0;
+
+    std::vector<std::string> asked;  // topics of requests, and waits
+    std::vector<std::string> payloads;
+    std::vector<milliseconds> timeouts;
+    std::vector<milliseconds> patiences;
+    std::optional<milliseconds> limit;
+    std::string watched, status;
+};
+
+using Topics = std::vector<std::string>;
+
+inline ScriptedBus::Answer value(const std::string& text) {
+    return [text] { return R"({"param":"A.Key","value":")" + text + R"("})"; };
+}
+
+inline std::string broken() { throw ipc::IPCInterruptedException("the connection broke"); }
+inline std::string offline() { throw ipc::IPCOfflineException("the service is offline"); }
+inline std::string lost() { throw ipc::IPCServiceLostException("the service went offline"); }
+inline std::string late() { throw ipc::IPCTimeoutException("no answer in time"); }
+
+/// The time that a call was given, some of which it may have used before it was recorded; tells 1, 2 and 5 s apart.
+inline bool isAbout(milliseconds actual, milliseconds expected) { return actual <= expected && actual > expected / 2; }
+
+}  // namespace propertytest
