@@ -75,6 +75,7 @@ int run() {
     waitForTermination();
 
     dbg::Debug::beginShutdown();
+    properties->beginShutdown();
     dispatcher->stopListening();
     curl_global_cleanup();
     dbg::Debug::info() << "ZAV exited" << std::endl;

@@ -14,6 +14,7 @@
 #include "http/CurlTypes.h"
 #include "http/FileDownloader.h"
 #include "http/FormatUrl.h"
+#include "propertyapi/PatientCalls.h"
 #include "version/FirmwareVersionConsts.h"
 #include "xml/XMLParser.h"
 
@@ -202,6 +203,7 @@ std::string ProvisioningWorker::getProvisioningStatus() {
 void ProvisioningWorker::provisioningThreadMain(const UrlInfo& url, const Completion& completion) {
     const AtScopeExit ended([this] { passEnded(); });
     const Pass pass(outerUsage_ ? outerUsage_ : std::make_shared<Pass::Usage>(), depth_, stop_);
+    const propertyapi::PatientCalls patience;  // a crash of the property service must not cost settings
     endWrites_.cancel();  // a new pass makes what is left of the last one stale; a request that starts none does not
     guarded("start the pass", [this] { startAction(); });
     const AtScopeExit end([&] { endAction(completion); });
