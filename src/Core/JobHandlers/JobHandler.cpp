@@ -120,13 +120,14 @@ bool JobHandler::downloadAndParse(const std::string& url, const std::string& des
         return false;
     }
     ProvisioningFileParser parser(destination, reader_, properties_);
-    if (!parser.loadAndVerify()) {
+    const bool verified = parser.loadAndVerify();
+    if (verified) {
+        parser.collectJobs(jobs);
+    } else {
         dbg::Debug::warning() << "XML verification failed for: " << destination << std::endl;
-        return false;
     }
-    parser.collectJobs(jobs);
-    reader_.release();
-    return true;
+    reader_.release();  // large, and not needed while the jobs run
+    return verified;
 }
 
 void removeJobsNotAllowed(std::vector<JobDescription>& jobs) {
