@@ -13,7 +13,18 @@ namespace fakes {
 
 namespace {
 
-enum Type { connect = 1, connack = 2, publish = 3, puback = 4, subscribe = 8, suback = 9, pingreq = 12, pingresp = 13 };
+enum Type {
+    connect = 1,
+    connack = 2,
+    publish = 3,
+    puback = 4,
+    subscribe = 8,
+    suback = 9,
+    pingreq = 12,
+    pingresp = 13,
+    disconnect = 14,
+};
+constexpr unsigned char sessionTakenOver = 0x8e;
 
 std::string variableLength(std::size_t length) {
     std::string bytes;
@@ -68,6 +79,11 @@ void StubbornBroker::hangUp() {
     eventfd_write(wakeup_, 1);
 }
 
+void StubbornBroker::takeOver() {
+    takesOver_ = true;
+    eventfd_write(wakeup_, 1);
+}
+
 void StubbornBroker::giveIn() {
     givesIn_ = true;
     eventfd_write(wakeup_, 1);
@@ -102,6 +118,11 @@ bool StubbornBroker::talk(int client) {
         eventfd_read(wakeup_, &count);
     }
     if (hangsUp_.exchange(false)) return false;
+    if (takesOver_.exchange(false)) {
+        const std::string goodbye = packet(disconnect << 4, std::string{static_cast<char>(sessionTakenOver), '\0'});
+        ::send(client, goodbye.data(), goodbye.size(), MSG_NOSIGNAL);
+        return false;
+    }
     if ((waiting[0].revents & POLLOUT) != 0) {
         const ssize_t written = ::send(client, output_.data(), output_.size(), MSG_NOSIGNAL);
         if (written > 0) output_.erase(0, static_cast<std::size_t>(written));
@@ -143,6 +164,7 @@ void StubbornBroker::answer(int first, const std::string& body) {
             break;
         case subscribe:
             output_ += packet(suback << 4, body.substr(0, 2) + '\0' + '\1');
+            if (!subscribed_) ++connections_;
             subscribed_ = true;
             break;
         case pingreq:

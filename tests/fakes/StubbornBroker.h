@@ -26,11 +26,17 @@ class StubbornBroker {
     /// Whether the client has taken everything that was sent.
     bool isTaken() const { return toSend_ == 0; }
 
+    /// Connections on which the client has subscribed.
+    int connections() const { return connections_; }
+
     /// How many publications wait for their acknowledgement.
     std::size_t owed() const { return owedCount_; }
 
     /// Cuts the connection; the next one is welcome.
     void hangUp();
+
+    /// Tells the client that another one has taken over its session, and cuts the connection; the next one is welcome.
+    void takeOver();
 
     /// From now on everything is acknowledged, what came before as well.
     void giveIn();
@@ -46,8 +52,10 @@ class StubbornBroker {
     int listener_ = -1;
     std::atomic<std::size_t> toSend_{0};
     std::atomic<std::size_t> owedCount_{0};
+    std::atomic<int> connections_{0};
     std::atomic<bool> givesIn_{false};
     std::atomic<bool> hangsUp_{false};
+    std::atomic<bool> takesOver_{false};
     std::atomic<bool> stopping_{false};
     std::string message_;  // constant while toSend_ is not 0
 

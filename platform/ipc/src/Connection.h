@@ -22,6 +22,7 @@
 #include <vector>
 
 #include "Address.h"
+#include "BackOff.h"
 #include "Mqtt.h"
 #include "common/Descriptor.h"
 
@@ -143,13 +144,16 @@ class Connection {
     // On the network thread.
     void run();
     void connectOnce(std::unique_lock<std::mutex>& lock);
+    Clock::duration held() const;
     bool openHandle(std::unique_lock<std::mutex>& lock, const std::string& numericAddress);
     void pump(std::unique_lock<std::mutex>& lock);
     bool mayGoOn(Clock::time_point now);
     void service(short events);
+    bool answersAsBroker();
     int readWhatCame();
     void accepted();
     void becomeReady();
+    void suspectTakeover(std::unique_lock<std::mutex>& lock, const std::string& numericAddress);
     void afterLoss();
     void tellFailure();
     void waitToRetry(std::unique_lock<std::mutex>& lock, std::chrono::milliseconds pause);
@@ -183,7 +187,11 @@ class Connection {
     std::condition_variable changed_;
     // Guarded by mutex_.
     Handle handle_;
+    bool answerBegun_ = false;  // the broker has sent something
     bool connackSeen_ = false;
+    bool refused_ = false;       // by a broker, which said why
+    bool closedByPeer_ = false;  // without a reason
+    BackOff::Loss loss_ = BackOff::Loss::plain;
     bool identifiersAllowed_ = true;  // the broker takes subscription identifiers
     bool up_ = false;                 // the broker has accepted: messages may go out
     bool ready_ = false;              // and every subscription is answered

@@ -19,31 +19,32 @@ using std::chrono::milliseconds;
 
 constexpr int keepAliveSeconds = 60;
 constexpr std::chrono::seconds upkeepInterval{10};
-constexpr milliseconds firstPause{100};
-constexpr milliseconds longestPause{5000};
-constexpr std::chrono::seconds settled{1};  // a connection that lasted this long starts the back-off anew
 constexpr std::uint32_t sessionSeconds = 3600;
 constexpr std::size_t packetsPerRound = 256;
+constexpr unsigned char connackByte = 0x20;
 
 }  // namespace
 
 void Connection::run() {
     std::unique_lock<std::mutex> lock(mutex_);
-    milliseconds pause = firstPause;
+    BackOff backOff;
     while (!closing_) {
         failure_.clear();
+        loss_ = BackOff::Loss::plain;
         readyDeadline_ = Clock::now() + connectTimeout;
         readySince_ = Clock::time_point::max();
         connectOnce(lock);
         if (closing_) break;
         if (!everUp_ && !forEver_) break;
-        // Two clients of one name push each other off the broker: only a connection that held counts as a success.
-        if (readySince_ < Clock::now() - settled) pause = firstPause;
-        waitToRetry(lock, pause);
-        pause = std::min(pause * 2, longestPause);
+        waitToRetry(lock, backOff.next(std::chrono::duration_cast<milliseconds>(held()), loss_));
     }
     ended_ = true;
     changed_.notify_all();
+}
+
+/// How long the last connection was ready.
+Connection::Clock::duration Connection::held() const {
+    return readySince_ == Clock::time_point::max() ? Clock::duration::zero() : Clock::now() - readySince_;
 }
 
 void Connection::connectOnce(std::unique_lock<std::mutex>& lock) {
@@ -52,6 +53,7 @@ void Connection::connectOnce(std::unique_lock<std::mutex>& lock) {
     const std::vector<std::string> addresses = resolve(address_, why);
     lock.lock();
     if (addresses.empty()) failure_ = why;
+    std::string notABroker;
     for (const std::string& address : addresses) {
         if (closing_) return;
         if (!openHandle(lock, address)) continue;
@@ -61,10 +63,16 @@ void Connection::connectOnce(std::unique_lock<std::mutex>& lock) {
         ready_ = false;
         handle_.reset();
         if (wasUp) {
+            suspectTakeover(lock, address);
             if (!closing_) afterLoss();
             return;
         }
+        if (!connackSeen_ && !refused_) {
+            notABroker = "what listens there did not answer as an MQTT broker (" + failure_ + ")";
+        }
     }
+    // The next address may have nobody listening at all, which tells less.
+    if (!notABroker.empty()) failure_ = notABroker;
     if (!closing_) tellFailure();
 }
 
@@ -117,7 +125,10 @@ bool Connection::openHandle(std::unique_lock<std::mutex>& lock, const std::strin
     }
     failure_.clear();
     handle_ = std::move(handle);
+    answerBegun_ = false;
     connackSeen_ = false;
+    refused_ = false;
+    closedByPeer_ = false;
     identifiersAllowed_ = true;
     corked_ = false;
     readingPaused_ = false;
@@ -163,8 +174,9 @@ void Connection::pump(std::unique_lock<std::mutex>& lock) {
 }
 
 bool Connection::mayGoOn(Clock::time_point now) {
+    if (!up_ && !failure_.empty()) return false;
     if (mosquitto_socket(handle_.get()) < 0) {
-        fail("the connection was closed");
+        fail(connackSeen_ ? lossText(MOSQ_ERR_CONN_LOST, 0) : noBrokerText(MOSQ_ERR_CONN_LOST, 0));
         return false;
     }
     if (closing_) {
@@ -180,7 +192,8 @@ bool Connection::mayGoOn(Clock::time_point now) {
         return false;
     }
     if (!ready_ && now >= readyDeadline_) {
-        fail("the broker does not answer");
+        const std::string seconds = std::to_string(connectTimeout.count());
+        fail(connackSeen_ ? "the broker does not answer" : "no answer within " + seconds + " s");
         return false;
     }
     return true;
@@ -188,8 +201,11 @@ bool Connection::mayGoOn(Clock::time_point now) {
 
 void Connection::service(short events) {
     mosquitto* const handle = handle_.get();
+    if (!answersAsBroker()) return;
     int result = MOSQ_ERR_SUCCESS;
-    if ((events & POLLOUT) != 0) result = mosquitto_loop_write(handle, 1);
+    // On a socket that the broker has closed a write would fail before its last word, the reason, is read.
+    const bool closed = (events & (POLLERR | POLLHUP)) != 0;
+    if ((events & POLLOUT) != 0 && !closed) result = mosquitto_loop_write(handle, 1);
     if (result == MOSQ_ERR_SUCCESS && (events & (POLLIN | POLLERR | POLLHUP)) != 0) {
         result = readWhatCame();
     }
@@ -202,6 +218,17 @@ void Connection::service(short events) {
     // Here and not in the callbacks, inside which libmosquitto sends nothing.
     if (connackSeen_ && !up_) accepted();
     if (up_ && !ready_ && unanswered_.empty()) becomeReady();
+}
+
+/// libmosquitto takes any byte for the beginning of a packet, and waits for the rest of it.
+bool Connection::answersAsBroker() {
+    if (answerBegun_) return true;
+    const auto first = peek(mosquitto_socket(handle_.get()));
+    if (!first) return true;
+    answerBegun_ = true;
+    if (*first == connackByte) return true;
+    fail(noBrokerText(MOSQ_ERR_PROTOCOL, 0));
+    return false;
 }
 
 /// A round's worth: libmosquitto by itself reads a single packet.
@@ -244,21 +271,6 @@ void Connection::becomeReady() {
     changed_.notify_all();
 }
 
-void Connection::afterLoss() {
-    if (options_.logsItself) {
-        dbg::Debug::warning() << "Connection to the broker lost: " << failure_ << std::endl;
-    }
-    listener_.connectionLost(failure_);
-    changed_.notify_all();
-}
-
-void Connection::tellFailure() {
-    if (!options_.logsItself || failure_ == toldFailure_) return;
-    toldFailure_ = failure_;
-    dbg::Debug::warning() << "Cannot connect to the broker at " << address_.host << ":" << address_.port << ": "
-                          << failure_ << "; trying again" << std::endl;
-}
-
 void Connection::waitToRetry(std::unique_lock<std::mutex>& lock, milliseconds pause) {
     changed_.wait_until(lock, Clock::now() + pause, [this] { return closing_; });
 }
@@ -272,19 +284,14 @@ void Connection::fail(const std::string& cause) {
 void Connection::onConnect(mosquitto*, void* self, int reason, int, const mosquitto_property* properties) {
     auto& connection = *static_cast<Connection*>(self);
     if (reason != 0) {
-        connection.fail(mosquitto_reason_string(reason));
+        connection.refused_ = reason != MQTT_RC_UNSUPPORTED_PROTOCOL_VERSION;
+        connection.fail(connection.refused_ ? mosquitto_reason_string(reason) : noBrokerText(reason, 0));
         return;
     }
     std::uint8_t allowed = 1;
     mosquitto_property_read_byte(properties, MQTT_PROP_SUBSCRIPTION_ID_AVAILABLE, &allowed, false);
     connection.identifiersAllowed_ = allowed != 0;
     connection.connackSeen_ = true;
-}
-
-void Connection::onDisconnect(mosquitto*, void* self, int reason, const mosquitto_property*) {
-    auto& connection = *static_cast<Connection*>(self);
-    // From 128 on it is the broker's reason, below libmosquitto's.
-    connection.fail(reason >= 128 ? mosquitto_reason_string(reason) : mosquitto_strerror(reason));
 }
 
 void Connection::onPublish(mosquitto*, void* self, int mid, int reason, const mosquitto_property*) {

@@ -39,6 +39,28 @@ std::string resultText(int result, int systemError) {
     return result == MOSQ_ERR_ERRNO ? systemText(systemError) : std::string(mosquitto_strerror(result));
 }
 
+std::string lossText(int reason, int systemError) {
+    if (reason >= 128) return mosquitto_reason_string(reason);
+    // libmosquitto takes a socket that was closed within a packet for a system error, whose text would be "Success".
+    return resultText(reason == MOSQ_ERR_ERRNO && systemError == 0 ? MOSQ_ERR_CONN_LOST : reason, systemError);
+}
+
+std::string noBrokerText(int reason, int systemError) {
+    switch (reason) {
+        case MQTT_RC_UNSUPPORTED_PROTOCOL_VERSION:
+            return "it refuses MQTT v5";
+        case MOSQ_ERR_PROTOCOL:
+        case MOSQ_ERR_MALFORMED_PACKET:
+            return "its answer is not MQTT v5";
+        case MOSQ_ERR_CONN_LOST:
+            return "it closed the connection";
+        case MOSQ_ERR_ERRNO:
+            return systemError == 0 ? "it closed the connection" : systemText(systemError);
+        default:
+            return lossText(reason, systemError);
+    }
+}
+
 std::string systemText(int systemError) {
     char buffer[128] = "";
     return strerror_r(systemError, buffer, sizeof buffer);

@@ -70,6 +70,12 @@ Handle newHandle(const std::string& clientId, bool cleanStart, void* owner);
 /// The text of a libmosquitto result; MOSQ_ERR_ERRNO reads as the system's own text for `systemError`.
 std::string resultText(int result, int systemError);
 
+/// Why a connection to a broker ended, from libmosquitto's result or the broker's reason (128 and above).
+std::string lossText(int reason, int systemError);
+
+/// Why a connection ended, or is to end, that no broker has answered; "it" is what listens there.
+std::string noBrokerText(int reason, int systemError);
+
 /// The system's text for an errno value.
 std::string systemText(int systemError);
 

@@ -37,6 +37,12 @@ bool hasMore(int socket) {
     return ioctl(socket, FIONREAD, &bytes) == 0 && bytes > 0;
 }
 
+std::optional<unsigned char> peek(int socket) {
+    unsigned char next = 0;
+    if (recv(socket, &next, 1, MSG_PEEK | MSG_DONTWAIT) != 1) return std::nullopt;
+    return next;
+}
+
 void prepareSocket(int socket) {
     acknowledgeAtOnce(socket);
     if (socket >= 0) fcntl(socket, F_SETFD, FD_CLOEXEC);

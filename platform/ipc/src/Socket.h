@@ -17,6 +17,9 @@ void setCork(int socket, bool on);
 /// Whether something can be read without waiting.
 bool hasMore(int socket);
 
+/// The next byte, which stays to be read; nothing if none has come.
+std::optional<unsigned char> peek(int socket);
+
 /// What libmosquitto leaves to do on a new socket: the above, and that no program we start inherits it.
 void prepareSocket(int socket);
 

@@ -10,7 +10,8 @@ class IIPCCallback {
  public:
     virtual ~IIPCCallback() = default;
 
-    /// The connection is gone; the client is already trying to get it back.
+    /// The connection is gone; the client is already trying to get it back. If another client has connected under the
+    /// same name, the cause says so, with a "perhaps" where the broker gave no reason.
     virtual void connectionLost(const std::string& cause) = 0;
 
     /// A message came in for a subscription of this callback. One subscription delivers in order, on a thread of its

@@ -45,6 +45,10 @@ class Recorder : public ipc::IIPCCallback {
         for (const auto& message : messages()) all.push_back(message.second);
         return all;
     }
+    std::vector<std::string> losses() {
+        const std::lock_guard<std::mutex> lock(mutex_);
+        return losses_;
+    }
     std::vector<std::string> completions() {
         const std::lock_guard<std::mutex> lock(mutex_);
         return completions_;

@@ -1,0 +1,163 @@
+// Another client connects under the same name, and the broker gives it the session.
+#include <gmock/gmock.h>
+#include <gtest/gtest.h>
+
+#include <atomic>
+#include <thread>
+
+#include "BusFixtures.h"
+#include "fakes/Broker.h"
+#include "fakes/LogCapture.h"
+#include "fakes/StubbornBroker.h"
+
+namespace {
+
+using namespace bustest;
+using fakes::Broker;
+using fakes::StubbornBroker;
+using std::chrono::milliseconds;
+using std::chrono::steady_clock;
+using testing::HasSubstr;
+using testing::Not;
+
+const std::string cause = "another client named \"prov-client\" has taken over the session";
+
+TEST(Takeover, ThatTheBrokerTellsIsTheCauseOfTheLossAndAnsweredAfterASecond) {
+    StubbornBroker broker;
+    Recorder recorder;
+    const auto client = newClient("prov-client");
+    client->subscribe("a", recorder);
+    client->connect(broker.address());
+    const auto begin = steady_clock::now();
+    broker.takeOver();
+    ASSERT_TRUE(recorder.waitForLosses(1));
+    EXPECT_EQ(recorder.losses(), std::vector<std::string>{cause});
+    ASSERT_TRUE(eventually([&] { return broker.connections() == 2; }));
+    EXPECT_GE(steady_clock::now() - begin, milliseconds(1000));
+    client->disconnect();
+}
+
+// What this broker says depends on its version: some close the connection without a word.
+TEST(Takeover, ByARealClientIsNamedInTheCause) {
+    Broker broker;
+    Recorder first;
+    const auto client = newClient("prov-client");
+    client->subscribe("a", first);
+    client->connect(broker.address());
+    Recorder second;
+    const auto other = newClient("prov-client");
+    other->subscribe("a", second);
+    other->connect(broker.address());
+    ASSERT_TRUE(first.waitForLosses(1));
+    EXPECT_THAT(first.losses()[0], HasSubstr(cause));
+    ASSERT_TRUE(second.waitForLosses(1)) << "the first one takes its name back";
+    EXPECT_THAT(second.losses()[0], HasSubstr(cause));
+    other->disconnect();
+    client->disconnect();
+}
+
+TEST(Takeover, IsNamedAlsoWhileMuchIsSent) {
+    Broker broker;
+    Recorder first;
+    const auto client = newClient("prov-client");
+    client->subscribe("a", first);
+    client->connect(broker.address());
+    std::atomic<bool> enough{false};
+    std::thread sending([&] {
+        while (!enough) {
+            try {
+                client->publish("b", std::string(10000, 'x'), 0);
+            } catch (const ipc::IPCException&) {
+                std::this_thread::yield();  // too much waits for the socket
+            }
+        }
+    });
+    const auto other = newClient("prov-client");
+    other->connect(broker.address());
+    EXPECT_TRUE(first.waitForLosses(1));
+    enough = true;
+    sending.join();
+    EXPECT_THAT(first.losses()[0], HasSubstr(cause));
+    client->disconnect();
+}
+
+TEST(Takeover, IsNotSuspectedWhenTheBrokerIsGone) {
+    Broker broker;
+    Recorder recorder;
+    const auto client = newClient("prov-client");
+    client->subscribe("a", recorder);
+    client->connect(broker.address());
+    broker.stop();
+    ASSERT_TRUE(recorder.waitForLosses(1));
+    EXPECT_THAT(recorder.losses()[0], Not(HasSubstr("another client")));
+    client->disconnect();
+}
+
+TEST(Takeover, LeavesAClientThatWorksOnceTheOtherIsGone) {
+    Broker broker;
+    const EchoService service(broker.address());
+    Recorder recorder;
+    const auto client = newAsker(broker.address(), "a", &recorder);
+    {
+        const auto other = newClient("asker");
+        other->connect(broker.address());
+        ASSERT_TRUE(recorder.waitForLosses(1));
+        other->disconnect();
+    }
+    EXPECT_TRUE(waitForService(*client));
+    client->publish("a", "x", 1);
+    EXPECT_TRUE(recorder.waitForMessages(1));
+    client->disconnect();
+}
+
+TEST(Takeover, ThatTheBrokerTellsIsLoggedByAService) {
+    StubbornBroker broker;
+    const fakes::LogCapture log;
+    const EchoService service(broker.address());
+    ASSERT_TRUE(eventually([&] { return broker.connections() == 1; }));
+    broker.takeOver();
+    EXPECT_TRUE(
+        log.waitFor(fakes::error("platform/ipc/src/ConnectionLoss",
+                                 "Another test-service is connected to the broker and has taken over from this one")))
+        << log.text();
+    broker.giveIn();
+}
+
+TEST(Takeover, ByARealServiceIsLogged) {
+    Broker broker;
+    const fakes::LogCapture log;
+    const EchoService service(broker.address());
+    const auto client = newAsker(broker.address());
+    const EchoService other(broker.address());
+    EXPECT_TRUE(eventually([&] { return log.text().find("nother test-service is connected") != std::string::npos; }))
+        << log.text();
+    EXPECT_TRUE(waitForService(*client)) << "one of them answers";
+}
+
+TEST(Takeover, OfAServiceLosesTheRequestInFlight) {
+    Broker broker;
+    Gate asked;
+    EchoService mute(broker.address(), [&](const std::vector<ipc::ServiceRequest>&) {
+        asked.open();
+        return std::vector<ipc::OutgoingMessage>();
+    });
+    const auto client = newClient("asker");
+    client->watchPresence(statusTopic);
+    client->connect(broker.address());
+    std::string outcome;
+    std::thread asking([&] {
+        try {
+            outcome = ask(*client, "x");
+        } catch (const ipc::IPCServiceLostException&) {
+            outcome = "service lost";
+        } catch (const ipc::IPCException& error) {
+            outcome = error.what();
+        }
+    });
+    ASSERT_TRUE(asked.pass());
+    const EchoService other(broker.address());
+    asking.join();
+    EXPECT_EQ(outcome, "service lost");
+}
+
+}  // namespace
