@@ -1,12 +1,12 @@
 #include "fakes/HttpServer.h"
 
+#include <netdb.h>
 #include <netinet/in.h>
 #include <netinet/tcp.h>
 #include <openssl/err.h>
 #include <openssl/pem.h>
 #include <openssl/ssl.h>
 #include <signal.h>
-#include <strings.h>
 #include <sys/socket.h>
 #include <unistd.h>
 
@@ -14,6 +14,8 @@
 #include <array>
 #include <list>
 #include <map>
+#include <mutex>
+#include <sstream>
 #include <stdexcept>
 #include <system_error>
 #include <thread>
@@ -22,10 +24,17 @@ namespace fakes {
 
 namespace {
 
+const char* const loopback = "127.0.0.1";
+
 [[noreturn]] void fail(const char* what) { throw std::system_error(errno, std::generic_category(), what); }
 
-std::shared_ptr<SSL_CTX> makeTls(const TestCertificate& shown) {
+std::shared_ptr<SSL_CTX> makeTls(const TestCertificate& shown, Flaw flaw) {
     std::shared_ptr<SSL_CTX> tls(SSL_CTX_new(TLS_server_method()), SSL_CTX_free);
+    if (flaw == Flaw::oldTls) {
+        SSL_CTX_set_security_level(tls.get(), 0);
+        SSL_CTX_set_min_proto_version(tls.get(), TLS1_VERSION);
+        SSL_CTX_set_max_proto_version(tls.get(), TLS1_1_VERSION);
+    }
     const std::unique_ptr<BIO, decltype(&BIO_free)> certificateText(BIO_new_mem_buf(shown.certificate.data(), -1),
                                                                     &BIO_free);
     const std::unique_ptr<BIO, decltype(&BIO_free)> keyText(BIO_new_mem_buf(shown.key.data(), -1), &BIO_free);
@@ -44,77 +53,6 @@ std::string reasonOf(int status) { return status == 200 ? "OK" : "Scripted"; }
 
 }  // namespace
 
-void Gate::open() {
-    const std::lock_guard<std::mutex> lock(mutex_);
-    open_ = true;
-    changed_.notify_all();
-}
-
-bool Gate::waitUntilReached(std::chrono::milliseconds patience) {
-    std::unique_lock<std::mutex> lock(mutex_);
-    return changed_.wait_for(lock, patience, [this] { return reached_; });
-}
-
-bool Gate::pass() {
-    std::unique_lock<std::mutex> lock(mutex_);
-    reached_ = true;
-    changed_.notify_all();
-    changed_.wait(lock, [this] { return open_ || abandoned_; });
-    return open_;
-}
-
-void Gate::abandon() {
-    const std::lock_guard<std::mutex> lock(mutex_);
-    abandoned_ = true;
-    changed_.notify_all();
-}
-
-std::string HttpRequest::header(const std::string& name) const {
-    const auto found = std::find_if(headers.begin(), headers.end(), [&](const auto& header) {
-        return strcasecmp(header.first.c_str(), name.c_str()) == 0;
-    });
-    return found == headers.end() ? "" : found->second;
-}
-
-HttpAnswer HttpAnswer::ok(std::string body, HttpHeaders headers) {
-    HttpAnswer answer;
-    answer.body = std::move(body);
-    answer.headers = std::move(headers);
-    return answer;
-}
-
-HttpAnswer HttpAnswer::error(int status, std::string body) {
-    HttpAnswer answer;
-    answer.status = status;
-    answer.body = std::move(body);
-    return answer;
-}
-
-HttpAnswer HttpAnswer::redirect(std::string location, int status) {
-    HttpAnswer answer;
-    answer.status = status;
-    answer.headers = {{"Location", std::move(location)}};
-    return answer;
-}
-
-HttpAnswer HttpAnswer::heldBy(std::shared_ptr<Gate> where) const {
-    HttpAnswer answer = *this;
-    answer.gate = std::move(where);
-    return answer;
-}
-
-HttpAnswer HttpAnswer::stallingAfter(std::size_t bytes, std::shared_ptr<Gate> where) const {
-    HttpAnswer answer = heldBy(std::move(where));
-    answer.gateAfter = bytes;
-    return answer;
-}
-
-HttpAnswer HttpAnswer::cutOffAfter(std::size_t bytes) const {
-    HttpAnswer answer = *this;
-    answer.cutAfter = bytes;
-    return answer;
-}
-
 struct HttpServer::State {
     struct Connection {
         int fd = -1;
@@ -124,10 +62,13 @@ struct HttpServer::State {
         std::thread thread;
     };
 
-    explicit State(std::shared_ptr<SSL_CTX> context);
+    State(std::shared_ptr<SSL_CTX> context, const std::string& address, unsigned wantedPort, Flaw wrong);
     ~State();
     void accept();
     void serve(Connection& connection);
+    bool greet(Connection& connection) const;
+    Ending answerRequests(Connection& connection);
+    static void close(Connection& connection, Ending how);
     bool readRequest(Connection& connection, HttpRequest& request) const;
     HttpAnswer answerTo(const HttpRequest& request);
     bool send(Connection& connection, const HttpRequest& request, const HttpAnswer& answer);
@@ -137,12 +78,14 @@ struct HttpServer::State {
     static long read(const Connection& connection, char* buffer, std::size_t length);
 
     const std::shared_ptr<SSL_CTX> tls;
+    const std::string address;
+    const Flaw flaw;
     int listener = -1;
     unsigned port = 0;
     std::thread acceptor;
 
     mutable std::mutex mutex;
-    mutable std::condition_variable requested;
+    mutable std::condition_variable requested;  // or connected
     // Guarded by mutex.
     bool stopping = false;
     std::list<Connection> connections;
@@ -151,18 +94,22 @@ struct HttpServer::State {
     std::vector<HttpRequest> requests;
 };
 
-HttpServer::State::State(std::shared_ptr<SSL_CTX> context) : tls(std::move(context)) {
+HttpServer::State::State(std::shared_ptr<SSL_CTX> context, const std::string& where, unsigned wantedPort, Flaw wrong)
+    : tls(std::move(context)), address(where), flaw(wrong) {
     ::signal(SIGPIPE, SIG_IGN);
-    listener = ::socket(AF_INET, SOCK_STREAM | SOCK_CLOEXEC, 0);
-    sockaddr_in address{};
-    address.sin_family = AF_INET;
-    address.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
-    socklen_t length = sizeof address;
-    if (listener < 0 || ::bind(listener, reinterpret_cast<sockaddr*>(&address), length) != 0 ||
-        ::listen(listener, 64) != 0 || ::getsockname(listener, reinterpret_cast<sockaddr*>(&address), &length) != 0) {
+    addrinfo hints{};
+    hints.ai_flags = AI_NUMERICHOST | AI_NUMERICSERV | AI_PASSIVE;
+    hints.ai_socktype = SOCK_STREAM;
+    addrinfo* found = nullptr;
+    if (::getaddrinfo(address.c_str(), std::to_string(wantedPort).c_str(), &hints, &found) != 0) fail("HttpServer");
+    const std::unique_ptr<addrinfo, decltype(&freeaddrinfo)> owner(found, &freeaddrinfo);
+    listener = ::socket(found->ai_family, SOCK_STREAM | SOCK_CLOEXEC, 0);
+    if (listener < 0 || ::bind(listener, found->ai_addr, found->ai_addrlen) != 0 || ::listen(listener, 64) != 0 ||
+        ::getsockname(listener, found->ai_addr, &found->ai_addrlen) != 0) {
         fail("HttpServer");
     }
-    port = ntohs(address.sin_port);
+    // The port is in the same place in both families.
+    port = ntohs(reinterpret_cast<sockaddr_in*>(found->ai_addr)->sin_port);
     acceptor = std::thread([this] { accept(); });
 }
 
@@ -196,32 +143,58 @@ void HttpServer::State::accept() {
         connection.fd = fd;
         connection.number = number;
         connection.thread = std::thread([this, &connection] { serve(connection); });
+        requested.notify_all();
     }
 }
 
 void HttpServer::State::serve(Connection& connection) {
-    if (tls) {
-        connection.tls = SSL_new(tls.get());
-        SSL_set_fd(connection.tls, connection.fd);
-    }
-    if (connection.tls == nullptr || SSL_accept(connection.tls) == 1) {
-        HttpRequest request;
-        while (readRequest(connection, request)) {
-            request.connection = connection.number;
-            {
-                const std::lock_guard<std::mutex> lock(mutex);
-                requests.push_back(request);
-                requested.notify_all();
-            }
-            if (!send(connection, request, answerTo(request))) break;
-            request = HttpRequest();
+    const Ending ending = greet(connection) ? answerRequests(connection) : Ending::withoutGoodbye;
+    close(connection, ending);
+}
+
+// Whether the connection is ready for requests.
+bool HttpServer::State::greet(Connection& connection) const {
+    char byte = 0;
+    if (flaw == Flaw::silent) {
+        while (::recv(connection.fd, &byte, 1, 0) > 0) {
         }
+        return false;
     }
-    if (connection.tls != nullptr) SSL_shutdown(connection.tls);  // the end of a body without a length is an honest one
+    if (!tls) return true;
+    connection.tls = SSL_new(tls.get());
+    SSL_set_fd(connection.tls, connection.fd);
+    if (flaw != Flaw::cutsHandshake) return SSL_accept(connection.tls) == 1;
+    ::recv(connection.fd, &byte, 1, 0);
+    return false;
+}
+
+Ending HttpServer::State::answerRequests(Connection& connection) {
+    HttpRequest request;
+    while (readRequest(connection, request)) {
+        request.connection = connection.number;
+        {
+            const std::lock_guard<std::mutex> lock(mutex);
+            requests.push_back(request);
+            requested.notify_all();
+        }
+        const HttpAnswer answer = answerTo(request);
+        if (!send(connection, request, answer)) return answer.ending.value_or(Ending::orderly);
+        request = HttpRequest();
+    }
+    return Ending::orderly;
+}
+
+void HttpServer::State::close(Connection& connection, Ending how) {
+    if (connection.tls != nullptr && how == Ending::orderly) SSL_shutdown(connection.tls);
     SSL_free(connection.tls);
     ERR_clear_error();
-    ::shutdown(connection.fd,
-               SHUT_RDWR);  // the descriptor itself stays until the end, so that its number is not reused
+    if (how == Ending::reset) {
+        // Connecting to nobody dissolves the connection at once, and the descriptor stays.
+        const sockaddr nobody{};
+        ::connect(connection.fd, &nobody, sizeof nobody);
+    }
+    // The descriptor itself stays until the end, so that its number is not reused.
+    ::shutdown(connection.fd, SHUT_RDWR);
 }
 
 long HttpServer::State::read(const Connection& connection, char* buffer, std::size_t length) {
@@ -247,6 +220,11 @@ bool HttpServer::State::readRequest(Connection& connection, HttpRequest& request
         const long count = read(connection, buffer.data(), buffer.size());
         if (count <= 0) return false;
         connection.unread.append(buffer.data(), static_cast<std::size_t>(count));
+        if (connection.unread.front() < 'A' || connection.unread.front() > 'Z') {  // TLS, for instance
+            const std::string refusal = "HTTP/1.1 400 Bad Request\r\n\r\n";
+            write(connection, refusal.data(), refusal.size());
+            return false;
+        }
     }
     const std::string head = connection.unread.substr(0, end + 2);
     connection.unread.erase(0, end + 4);
@@ -295,39 +273,53 @@ bool HttpServer::State::send(Connection& connection, const HttpRequest& request,
     const bool closing = answer.withoutLength || answer.endless;
     if (closing) {
         head += "Connection: close\r\n";
+    } else if (answer.chunked) {
+        head += "Transfer-Encoding: chunked\r\n";
     } else if (!bodiless || request.method == "HEAD") {
         head += "Content-Length: " + std::to_string(answer.declaredLength.value_or(answer.body.size())) + "\r\n";
     }
     head += "\r\n";
+    if (answer.raw) head = *answer.raw;
     if (!write(connection, head.data(), head.size())) return false;
-    return (bodiless || sendBody(connection, answer)) && !closing;
+    return (bodiless || sendBody(connection, answer)) && !closing && !answer.ending;
 }
 
 bool HttpServer::State::sendBody(Connection& connection, const HttpAnswer& answer) {
-    if (answer.endless) {
-        while (write(connection, answer.body.data(), answer.body.size())) {
-        }
-        return false;
+    const std::string& endlessly = answer.endless ? answer.body : answer.repeated;
+    std::string body = answer.body;
+    if (answer.chunked) {
+        std::ostringstream size;
+        size << std::hex << body.size();
+        body = size.str() + "\r\n" + body + "\r\n0\r\n\r\n";
     }
-    const std::size_t end = std::min(answer.cutAfter.value_or(answer.body.size()), answer.body.size());
+    const std::size_t end = std::min(answer.cutAfter.value_or(body.size()), body.size());
     const std::size_t pause = answer.gateAfter ? std::min(*answer.gateAfter, end) : 0;
-    if (!write(connection, answer.body.data(), pause)) return false;
+    if (!write(connection, body.data(), pause)) return false;
     if (answer.gateAfter && !stand(answer.gate)) return false;
-    return write(connection, answer.body.data() + pause, end - pause) && !answer.cutAfter;
+    if (!write(connection, body.data() + pause, end - pause) || answer.cutAfter) return false;
+    while (!endlessly.empty() && write(connection, endlessly.data(), endlessly.size())) {
+    }
+    return endlessly.empty();
 }
 
-HttpServer::HttpServer() : state_(std::make_unique<State>(nullptr)) {}
+HttpServer::HttpServer() : HttpServer(loopback, 0) {}
 
 HttpServer::HttpServer(const TestAuthority& authority) : HttpServer(authority.issue("127.0.0.1")) {}
 
-HttpServer::HttpServer(const TestCertificate& certificate) : state_(std::make_unique<State>(makeTls(certificate))) {}
+HttpServer::HttpServer(const TestCertificate& certificate, Flaw flaw)
+    : state_(std::make_unique<State>(makeTls(certificate, flaw), loopback, 0, flaw)) {}
+
+HttpServer::HttpServer(const std::string& address, unsigned port, Flaw flaw)
+    : state_(std::make_unique<State>(nullptr, address, port, flaw)) {}
 
 HttpServer::~HttpServer() = default;
 
 unsigned HttpServer::port() const { return state_->port; }
 
 std::string HttpServer::url(const std::string& path) const {
-    return (state_->tls ? "https://127.0.0.1:" : "http://127.0.0.1:") + std::to_string(state_->port) + path;
+    const std::string& address = state_->address;
+    const std::string host = address.find(':') == std::string::npos ? address : "[" + address + "]";
+    return (state_->tls ? "https://" : "http://") + host + ":" + std::to_string(state_->port) + path;
 }
 
 void HttpServer::on(const std::string& path, HttpAnswer answer) {
@@ -374,6 +366,11 @@ bool HttpServer::waitForRequests(const std::string& path, std::size_t count, std
                                             [&](const HttpRequest& request) { return request.path == path; });
         return static_cast<std::size_t>(matching) >= count;
     });
+}
+
+bool HttpServer::waitForConnections(std::size_t count, std::chrono::milliseconds patience) const {
+    std::unique_lock<std::mutex> lock(state_->mutex);
+    return state_->requested.wait_for(lock, patience, [&] { return state_->connections.size() >= count; });
 }
 
 }  // namespace fakes

@@ -115,4 +115,13 @@ TestCertificate TestAuthority::issue(const std::string& host, Hours begin, Hours
     return {pem(certificate.get()), pem(key.get()), der(certificate.get())};
 }
 
+TestCertificate TestAuthority::selfSigned(const std::string& host) {
+    const auto key = makeKey();
+    const auto certificate = makeCertificate(host, key.get(), Hours(-1), Hours(24));
+    X509_set_issuer_name(certificate.get(), X509_get_subject_name(certificate.get()));
+    extend(certificate.get(), NID_subject_alt_name, (isAddress(host) ? "IP:" : "DNS:") + host);
+    require(X509_sign(certificate.get(), key.get(), EVP_sha256()) > 0, "not signed");
+    return {pem(certificate.get()), pem(key.get()), der(certificate.get())};
+}
+
 }  // namespace fakes

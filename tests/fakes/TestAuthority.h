@@ -30,6 +30,9 @@ class TestAuthority {
     /// A server certificate for a host name or an IP address; it is valid from now + `begin` to now + `end`.
     TestCertificate issue(const std::string& host, Hours begin = Hours(-1), Hours end = Hours(24)) const;
 
+    /// A server certificate that nobody signed but its own key.
+    static TestCertificate selfSigned(const std::string& host);
+
  private:
     struct Keys;
     std::unique_ptr<Keys> keys_;

@@ -63,7 +63,8 @@ std::string shownValue(const Definitions& definitions, const std::string& key, c
     const auto definition = definitions.find(key);
     const bool secret = definition != definitions.end() && definition->second.isSecret();
     if (secret && !value.empty()) return "***";
-    return value.find("://") == std::string::npos ? value : withoutPassword(value);
+    const bool url = definition != definitions.end() && definition->second.type == "url";
+    return url || value.find("://") != std::string::npos ? withoutPassword(value) : value;
 }
 
 }  // namespace zavctl

@@ -1,8 +1,7 @@
 #include "Output.h"
 
-#include <algorithm>
-
 #include "Json.h"
+#include "common/UrlSyntax.h"
 #include "debug/Debug.h"
 
 namespace zavctl {
@@ -20,14 +19,6 @@ void printFailure(std::ostream& out, std::ostream& err, bool json, const Failure
     }
 }
 
-std::string withoutPassword(const std::string& url) {
-    const std::string::size_type scheme = url.find("://");
-    const std::string::size_type start = scheme == std::string::npos ? 0 : scheme + 3;
-    const std::string::size_type end = std::min(url.find_first_of("/?#", start), url.size());
-    const std::string::size_type at = url.rfind('@', end == 0 ? 0 : end - 1);
-    const std::string::size_type colon = url.find(':', start);
-    if (at == std::string::npos || at < start || colon == std::string::npos || colon > at) return url;
-    return url.substr(0, colon + 1) + "***" + url.substr(at);
-}
+std::string withoutPassword(const std::string& url) { return common::withoutPassword(url); }
 
 }  // namespace zavctl

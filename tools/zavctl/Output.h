@@ -16,7 +16,7 @@ void printJson(std::ostream& out, const Json::Value& object);
 /// The failure as the last thing that a command says: in JSON on `out`, in words on `err`.
 void printFailure(std::ostream& out, std::ostream& err, bool json, const Failure& failure);
 
-/// The URL with the password in it replaced by "***".
+/// The URL with the password in it replaced by "***", also when something is wrong with it.
 std::string withoutPassword(const std::string& url);
 
 }  // namespace zavctl

@@ -9,7 +9,8 @@
 
 namespace zav {
 
-Curl::State::State() {
+Curl::State::State(CurlSettings limitsAndClocks)
+    : settings(std::move(limitsAndClocks)), stop(std::make_shared<common::StopSignal>()) {
     if (curl_global_init(CURL_GLOBAL_ALL) != CURLE_OK)
         throw std::runtime_error("The HTTP library cannot be initialised");
 }
@@ -20,13 +21,24 @@ Curl::State::~State() {
 }
 
 CURL* Curl::State::handleFor(std::shared_ptr<const TrustedCertificates> certificates) {
-    if (handle != nullptr && certificates != trusted) {
-        curl_easy_cleanup(handle);
-        handle = nullptr;
-    }
+    if (certificates != trusted) dropHandle();
     trusted = std::move(certificates);
     if (handle == nullptr) handle = curl_easy_init();
     return handle;
+}
+
+void Curl::State::keepHandle() {
+    if (handle != nullptr) curl_easy_reset(handle);
+}
+
+void Curl::State::dropHandle() {
+    curl_easy_cleanup(handle);
+    handle = nullptr;
+}
+
+std::shared_ptr<common::StopSignal> Curl::State::stopSignal() const {
+    const std::lock_guard<std::mutex> lock(stopMutex);
+    return stop;
 }
 
 void Curl::State::report(long total, long now, long uploadTotal, long uploadNow) {
@@ -42,7 +54,9 @@ void Curl::State::report(long total, long now, long uploadTotal, long uploadNow)
     }
 }
 
-Curl::Curl() : state_(std::make_unique<State>()) {}
+Curl::Curl() : Curl(CurlSettings()) {}
+
+Curl::Curl(CurlSettings settings) : state_(std::make_unique<State>(std::move(settings))) {}
 
 Curl::~Curl() = default;
 
@@ -52,6 +66,12 @@ void Curl::setProgressCallback(ProgressCallback callback) {
     auto next = callback ? std::make_shared<ProgressCallback>(std::move(callback)) : nullptr;
     const std::lock_guard<std::recursive_mutex> lock(state_->callbackMutex);
     state_->callback.swap(next);  // the old one is destroyed by the caller, with what it holds
+}
+
+void Curl::stopWith(std::shared_ptr<common::StopSignal> signal) {
+    if (signal == nullptr) signal = std::make_shared<common::StopSignal>();
+    const std::lock_guard<std::mutex> lock(state_->stopMutex);
+    state_->stop.swap(signal);
 }
 
 }  // namespace zav

@@ -7,13 +7,14 @@
 #include <memory>
 #include <mutex>
 
+#include "TlsGoodbye.h"
 #include "http/Curl.h"
 #include "security/TrustedCertificates.h"
 
 namespace zav {
 
 struct Curl::State {
-    State();
+    explicit State(CurlSettings limitsAndClocks);
     ~State();
     State(const State&) = delete;
     State& operator=(const State&) = delete;
@@ -23,15 +24,33 @@ struct Curl::State {
     /// are only as good as the certificates they were verified with.
     CURL* handleFor(std::shared_ptr<const TrustedCertificates> certificates);
 
+    /// Keeps the handle's connections for the next transfer and resets everything else.
+    void keepHandle();
+    /// Destroys the handle and all it knows. Required after a failed transfer: a handle whose last name lookup failed
+    /// refuses options for good, and whatever else an error leaves in it must not decide the next transfer.
+    void dropHandle();
+
+    /// Never null.
+    std::shared_ptr<common::StopSignal> stopSignal() const;
+    /// Whether transfers have to end now.
+    bool isOverdue() const { return stopSignal()->isOverdue(settings.steadyNow()); }
+
     /// Calls the progress callback, if there is one. What it throws is logged and goes no further.
     void report(long total, long now, long uploadTotal, long uploadNow);
 
+    // Constant after construction.
+    const CurlSettings settings;
+
     // The transferring thread's alone.
+    TlsGoodbye goodbye;  // destroyed after the handle, whose connections report to it
     std::shared_ptr<const TrustedCertificates> trusted;
     CURL* handle = nullptr;
 
     // Own synchronisation.
     std::atomic<long> httpCode{0};
+
+    mutable std::mutex stopMutex;
+    std::shared_ptr<common::StopSignal> stop;  // guarded by stopMutex
 
     // Held while the callback runs, so that taking it back waits for its end; recursive, so that a callback may take
     // itself back.

@@ -7,11 +7,15 @@
 #include <unistd.h>
 
 #include <cerrno>
+#include <string_view>
 #include <system_error>
 
 namespace zav {
 
 namespace {
+
+constexpr std::string_view prefix = ".";
+constexpr std::string_view suffix = ".part";
 
 [[noreturn]] void fail(int error, const std::string& what) {
     throw std::system_error(error, std::generic_category(), what);
@@ -34,7 +38,7 @@ PartialFile::PartialFile(const std::string& destination) : destination_(destinat
     const std::string folder = slash == std::string::npos ? "." : destination.substr(0, slash + 1);
     name_ = slash == std::string::npos ? destination : destination.substr(slash + 1);
     if (name_.empty() || name_ == "." || climbs(destination)) fail(EINVAL, "Cannot write " + destination);
-    temporary_ = "." + name_ + ".part";
+    temporary_ = std::string(prefix) + name_ + std::string(suffix);
 
     const auto last = folder.find_last_not_of('/');
     if (last != std::string::npos) makeFolders(folder.substr(0, last + 1));
@@ -53,6 +57,11 @@ PartialFile::~PartialFile() {
     ::close(file_);
     if (!committed_) ::unlinkat(folder_, temporary_.c_str(), 0);
     ::close(folder_);
+}
+
+bool PartialFile::isPartialName(const std::string& name) {
+    return name.size() > prefix.size() + suffix.size() && name.compare(0, prefix.size(), prefix) == 0 &&
+           name.compare(name.size() - suffix.size(), suffix.size(), suffix) == 0;
 }
 
 std::uint64_t PartialFile::freeBytes() const {

@@ -20,6 +20,9 @@ class PartialFile {
     PartialFile(const PartialFile&) = delete;
     PartialFile& operator=(const PartialFile&) = delete;
 
+    /// Whether a file of that name is a temporary one of this class.
+    static bool isPartialName(const std::string& name);
+
     /// Bytes written so far.
     std::uint64_t size() const { return size_; }
 

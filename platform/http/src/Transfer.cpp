@@ -1,21 +1,26 @@
 #include "Transfer.h"
 
 #include <openssl/ssl.h>
+#include <strings.h>
 
 #include <algorithm>
+#include <cctype>
 #include <limits>
 #include <memory>
 #include <utility>
 
+#include "ContentCoding.h"
+#include "CurlOptions.h"
 #include "Pace.h"
+#include "debug/Debug.h"
 
 namespace zav {
 
 namespace {
 
-constexpr long connectSeconds = 30;
-constexpr long stallSeconds = 120;
-
+constexpr long ordinaryBuffer = 16L * 1024;
+constexpr long largeBuffer = 512L * 1024;
+constexpr std::size_t mostHeaderBytes = 256UL * 1024;       // of one transfer, 1xx answers and trailers included
 constexpr std::uint64_t discardedAtMost = 64 * 1024;        // of the page that comes with another answer
 constexpr std::uint64_t limitAskedEvery = 4 * 1024 * 1024;  // the free space changes while a file grows
 
@@ -26,22 +31,6 @@ struct ListFree {
 long asLong(curl_off_t value) {
     return static_cast<long>(std::min<curl_off_t>(value, std::numeric_limits<long>::max()));
 }
-
-// Sets options one after the other and keeps the first that is refused: a transfer without its checks must not run.
-class Options {
- public:
-    explicit Options(CURL* handle) : handle_(handle) {}
-    template <typename T>
-    Options& set(CURLoption option, T value) {
-        if (result_ == CURLE_OK) result_ = curl_easy_setopt(handle_, option, value);
-        return *this;
-    }
-    CURLcode result() const { return result_; }
-
- private:
-    CURL* const handle_;
-    CURLcode result_ = CURLE_OK;
-};
 
 bool isRedirect(long status) {
     return status == 301 || status == 302 || status == 303 || status == 307 || status == 308;
@@ -61,49 +50,30 @@ std::string resolved(const std::string& base, const std::string& location) {
     return text;
 }
 
-struct ContentRange {
-    std::uint64_t first;
-    std::optional<std::uint64_t> total;  // nothing for "*"
-};
-
-std::optional<std::uint64_t> number(const std::string& digits) {
-    if (digits.empty() || digits.size() > 18 || digits.find_first_not_of("0123456789") != std::string::npos) {
-        return std::nullopt;
-    }
-    return std::stoull(digits);
+bool isChunked(std::string codings) {
+    std::transform(codings.begin(), codings.end(), codings.begin(),
+                   [](unsigned char c) { return static_cast<char>(std::tolower(c)); });
+    return codings.find("chunked") != std::string::npos;
 }
 
-// "bytes FIRST-LAST/TOTAL"
-std::optional<ContentRange> parseContentRange(const std::string& text) {
-    const std::string unit = "bytes ";
-    const auto dash = text.find('-');
-    const auto slash = text.find('/');
-    if (text.compare(0, unit.size(), unit) != 0 || dash == std::string::npos || slash == std::string::npos) {
-        return std::nullopt;
-    }
-    const auto first = number(text.substr(unit.size(), dash - unit.size()));
-    if (!first) return std::nullopt;
-    return ContentRange{*first, number(text.substr(slash + 1))};
-}
+// A value from a server, short enough for a log line.
+std::string shortened(const std::string& text) { return text.size() <= 100 ? text : text.substr(0, 100) + "..."; }
 
 }  // namespace
 
-Transfer::Transfer(Curl& curl, const Security& security, PartialFile& file, const SizeLimit& limit,
-                   std::chrono::steady_clock::time_point begun)
+Transfer::Transfer(Curl& curl, const Security& security, const TransferOrder& order)
     : state_(*curl.state_),
       trusted_(security.trustedCertificates()),
       handle_(state_.handleFor(trusted_)),
-      file_(file),
-      limit_(limit),
-      begun_(begun) {}
+      order_(order) {}
 
 void Transfer::useCredentials(const Credentials& credentials, unsigned long schemes) {
     credentials_ = credentials;
     schemes_ = schemes;
 }
 
-CURLcode Transfer::setOptions(const std::string& url) {
-    Options options(handle_);
+CURLcode Transfer::setOptions(const std::string& url, const curl_slist* headers) {
+    CurlOptions options(handle_);
     options.set(CURLOPT_URL, url.c_str())
         .set(CURLOPT_USERAGENT, "zav")
         .set(CURLOPT_HTTP_VERSION, long{CURL_HTTP_VERSION_1_1})
@@ -113,11 +83,11 @@ CURLcode Transfer::setOptions(const std::string& url) {
         .set(CURLOPT_PROXY, "")  // not even what the environment names
         .set(CURLOPT_NOSIGNAL, 1L)
         .set(CURLOPT_QUICK_EXIT, 1L)  // never wait for a name resolution that was given up
-        .set(CURLOPT_CONNECTTIMEOUT, connectSeconds)
+        .set(CURLOPT_CONNECTTIMEOUT, static_cast<long>(state_.settings.connectTimeout.count()))
         .set(CURLOPT_LOW_SPEED_LIMIT, 1L)
-        .set(CURLOPT_LOW_SPEED_TIME, stallSeconds)
+        .set(CURLOPT_LOW_SPEED_TIME, static_cast<long>(state_.settings.stallTimeout.count()))
         .set(CURLOPT_TCP_KEEPALIVE, 1L)
-        .set(CURLOPT_BUFFERSIZE, bufferSize_)
+        .set(CURLOPT_BUFFERSIZE, order_.large ? largeBuffer : ordinaryBuffer)
         .set(CURLOPT_SSLVERSION, long{CURL_SSLVERSION_TLSv1_2})
         .set(CURLOPT_SSL_VERIFYPEER, 1L)
         .set(CURLOPT_SSL_VERIFYHOST, 2L)
@@ -126,6 +96,8 @@ CURLcode Transfer::setOptions(const std::string& url) {
         .set(CURLOPT_CAPATH, static_cast<char*>(nullptr))
         .set(CURLOPT_SSL_CTX_FUNCTION, &Transfer::tlsCallback)
         .set(CURLOPT_SSL_CTX_DATA, this)
+        .set(CURLOPT_HEADERFUNCTION, &Transfer::headerCallback)
+        .set(CURLOPT_HEADERDATA, this)
         .set(CURLOPT_WRITEFUNCTION, &Transfer::bodyCallback)
         .set(CURLOPT_WRITEDATA, this)
         .set(CURLOPT_NOPROGRESS, 0L)
@@ -136,48 +108,80 @@ CURLcode Transfer::setOptions(const std::string& url) {
             .set(CURLOPT_USERNAME, credentials_->user.c_str())
             .set(CURLOPT_PASSWORD, credentials_->password.c_str());
     }
+    if (headers != nullptr) {
+        const std::string range = std::to_string(order_.file.size()) + "-";
+        options.set(CURLOPT_HTTPHEADER, headers).set(CURLOPT_RANGE, range.c_str());
+    }
     return options.result();
 }
 
 int Transfer::run(const std::string& url) {
     if (handle_ == nullptr) return CURLE_OUT_OF_MEMORY;
-    curl_easy_reset(handle_);  // options only; open connections stay
-    CURLcode result = setOptions(url);
+    if (state_.isOverdue()) return CURLE_ABORTED_BY_CALLBACK;
+    curl_easy_reset(handle_);
     std::unique_ptr<curl_slist, ListFree> headers;
-    if (!resumed_.empty()) {
-        headers.reset(curl_slist_append(nullptr, ("If-Range: " + resumed_).c_str()));
-        const std::string range = std::to_string(file_.size()) + "-";
-        Options options(handle_);
-        options.set(CURLOPT_HTTPHEADER, headers.get()).set(CURLOPT_RANGE, range.c_str());
-        if (result == CURLE_OK) result = headers == nullptr ? CURLE_OUT_OF_MEMORY : options.result();
+    if (resumed_) {
+        headers.reset(curl_slist_append(nullptr, ("If-Range: " + resumed_->version.strongValidator()).c_str()));
+        if (headers == nullptr) return CURLE_OUT_OF_MEMORY;
     }
+    CURLcode result = setOptions(url, headers.get());
     if (result == CURLE_OK) result = perform(url);
-    curl_easy_reset(handle_);  // nothing of ours, credentials least of all, stays behind in the handle
+    // Nothing of ours, credentials least of all, stays behind in the handle.
+    if (result == CURLE_OK) {
+        state_.keepHandle();
+    } else {
+        state_.dropHandle();
+    }
     state_.httpCode = status_;
     if (failure_) std::rethrow_exception(failure_);
-    return result;
+    return ended_.value_or(result);
 }
 
+// libcurl's own result; `ended_` is what we make of it.
 CURLcode Transfer::perform(const std::string& url) {
-    offset_ = file_.size();
+    offset_ = order_.file.size();
+    reached_.url = url;
+    state_.goodbye.forget();
     const CURLcode result = curl_easy_perform(handle_);
     curl_easy_getinfo(handle_, CURLINFO_RESPONSE_CODE, &status_);
     long offered = 0;
     curl_easy_getinfo(handle_, CURLINFO_HTTPAUTH_AVAIL, &offered);
     offeredSchemes_ = static_cast<unsigned long>(offered);
+    try {
+        conclude(result, url);
+    } catch (...) {
+        failure_ = std::current_exception();
+    }
+    return result;
+}
+
+void Transfer::conclude(CURLcode result, const std::string& url) {
+    if (failure_) return;
+    if (!headersComplete_) {
+        // libcurl takes a connection that ends inside the headers for the whole answer.
+        if (result == CURLE_OK && !ended_) ended_ = CURLE_RECV_ERROR;
+        return;
+    }
     if (isRedirect(status_)) redirection_ = resolved(url, header("Location"));
-    if (!bodyBegun_ && (result == CURLE_OK || status_ == 200)) {
-        try {
-            beginBody();  // an empty one, or one that never came
-        } catch (...) {
-            failure_ = std::current_exception();
-        }
+    // An empty body, or one that never came.
+    if (!bodyBegun_ && (result == CURLE_OK || status_ == 200)) beginBody();
+    if (result != CURLE_OK || ended_ || !kept_) return;
+    if (!isEndConfirmed(url)) {
+        dbg::Debug::warning() << "The TLS connection was cut before the answer's end, download failed" << std::endl;
+        ended_ = CURLE_PARTIAL_FILE;
     }
+    if (ended_ || !end_) return;
+    if (order_.file.size() != *end_) return endAsMisfit();
     // A server may send less of the rest than there is.
-    if (result == CURLE_OK && !ended_ && total_ && file_.size() != *total_) {
-        ended_ = file_.size() < *total_ ? CURLE_PARTIAL_FILE : CURLE_RANGE_ERROR;
-    }
-    return ended_.value_or(result);
+    if (*end_ != reached_.total) ended_ = CURLE_PARTIAL_FILE;
+}
+
+// Over TLS somebody on the line may cut the connection, but cannot pretend that the server ended it.
+bool Transfer::isEndConfirmed(const std::string& url) const {
+    if (strncasecmp(url.c_str(), "https:", 6) != 0) return true;
+    curl_off_t announced = -1;
+    curl_easy_getinfo(handle_, CURLINFO_CONTENT_LENGTH_DOWNLOAD_T, &announced);
+    return announced >= 0 || isChunked(headers("Transfer-Encoding")) || state_.goodbye.wasReceived();
 }
 
 std::string Transfer::header(const char* name) const {
@@ -185,39 +189,81 @@ std::string Transfer::header(const char* name) const {
     return curl_easy_header(handle_, name, 0, CURLH_HEADER, -1, &found) == CURLHE_OK ? found->value : "";
 }
 
+// All headers of the name, separated by commas.
+std::string Transfer::headers(const char* name) const {
+    std::string values;
+    curl_header* found = nullptr;
+    for (std::size_t at = 0; curl_easy_header(handle_, name, at, CURLH_HEADER, -1, &found) == CURLHE_OK; ++at) {
+        values += (at == 0 ? "" : ",") + std::string(found->value);
+    }
+    return values;
+}
+
+FileVersion Transfer::fileVersion() const { return {headers("ETag"), headers("Last-Modified"), header("Date")}; }
+
 void Transfer::beginBody() {
     bodyBegun_ = true;
     curl_easy_getinfo(handle_, CURLINFO_RESPONSE_CODE, &status_);
-    bool rest = false;
-    if (!resumed_.empty() && status_ == 206) {
-        const auto range = parseContentRange(header("Content-Range"));
-        rest = range && range->first == offset_;
-        if (rest) total_ = range->total;
-        if (!rest) ended_ = CURLE_RANGE_ERROR;
-    }
-    kept_ = status_ == 200 || rest;
-    if (!kept_) return;
-    if (!rest) {
-        if (file_.size() != 0) file_.restart();
-        offset_ = 0;
-    }
-
-    // A weak ETag is no promise about bytes, and If-Range takes none.
-    validator_ = header("ETag");
-    if (validator_.empty() || validator_.front() != '"') validator_ = header("Last-Modified");
-
     curl_off_t announced = -1;
     curl_easy_getinfo(handle_, CURLINFO_CONTENT_LENGTH_DOWNLOAD_T, &announced);
+    if (resumed_ && (status_ == 416 || (status_ == 206 && !continuesFile(announced)))) return endAsMisfit();
+    kept_ = status_ == 200 || (resumed_ && status_ == 206);
+    if (!kept_) return;
+    if (status_ == 200) beginWhole(announced);
+
+    if (const std::string codings = headers("Content-Encoding"); !isAcceptedCoding(codings, order_.fileName)) {
+        dbg::Debug::warning() << "The answer has the content coding '" << shortened(codings)
+                              << "', which nobody asked for; download failed" << std::endl;
+        ended_ = CURLE_BAD_CONTENT_ENCODING;
+        return;
+    }
     checkSize(offset_ + static_cast<std::uint64_t>(std::max<curl_off_t>(announced, 0)));
+}
+
+void Transfer::beginWhole(curl_off_t announced) {
+    if (order_.file.size() != 0) order_.file.restart();
+    offset_ = 0;
+    reached_.version = fileVersion();
+    if (announced >= 0) reached_.total = static_cast<std::uint64_t>(announced);
+}
+
+// Whether a 206 carries exactly the bytes that follow those in the file.
+bool Transfer::continuesFile(curl_off_t announced) {
+    const auto range = parseContentRange(headers("Content-Range"));
+    if (!range || range->first != offset_ || !resumed_->version.isSameAs(fileVersion())) return false;
+    if (resumed_->total && *resumed_->total != range->total) return false;
+    if (announced >= 0 && static_cast<std::uint64_t>(announced) != range->last + 1 - range->first) return false;
+    reached_.version = resumed_->version;
+    reached_.total = range->total;
+    end_ = range->last + 1;
+    return true;
+}
+
+void Transfer::endAsMisfit() {
+    misfit_ = true;
+    ended_ = CURLE_RANGE_ERROR;
 }
 
 // Ends the transfer when the file would be larger than it may be.
 void Transfer::checkSize(std::uint64_t size) {
     if (size > askedUpTo_) {
-        allowed_ = limit_();
-        askedUpTo_ = file_.size() + limitAskedEvery;
+        allowed_ = order_.limit();
+        askedUpTo_ = order_.file.size() + limitAskedEvery;
     }
     if (size > allowed_) ended_ = CURLE_FILESIZE_EXCEEDED;
+}
+
+std::size_t Transfer::onHeader(const char* data, std::size_t length) {
+    const std::string line(data, std::min<std::size_t>(length, 5));
+    if (line == "HTTP/") headersComplete_ = false;
+    if (line == "\r\n" || line == "\n") headersComplete_ = true;
+    headerBytes_ += length;
+    if (headerBytes_ <= mostHeaderBytes) return length;
+    if (!ended_) {
+        dbg::Debug::warning() << "The answer's headers are larger than 256 KiB, download failed" << std::endl;
+        ended_ = CURLE_WEIRD_SERVER_REPLY;
+    }
+    return 0;
 }
 
 std::size_t Transfer::onBody(const char* data, std::size_t length) {
@@ -229,17 +275,27 @@ std::size_t Transfer::onBody(const char* data, std::size_t length) {
         if (discarded_ > discardedAtMost) ended_ = CURLE_OK;
         return ended_ ? 0 : length;
     }
-    checkSize(file_.size() + length);
+    if (end_ && order_.file.size() + length > *end_) endAsMisfit();
+    if (!ended_) checkSize(order_.file.size() + length);
     if (ended_) return 0;
-    file_.append(data, length);
+    order_.file.append(data, length);
+    received_ += length;
     return length;
 }
 
 int Transfer::onProgress(curl_off_t total, curl_off_t now) {
     const auto offset = static_cast<curl_off_t>(offset_);
-    if (!keepsPace(std::chrono::steady_clock::now() - begun_, offset + now)) ended_ = CURLE_OPERATION_TIMEDOUT;
+    const auto elapsed = state_.settings.steadyNow() - order_.begun;
+    if (!ended_ && !keepsPace(elapsed, static_cast<std::int64_t>(order_.received) + now)) {
+        ended_ = CURLE_OPERATION_TIMEDOUT;
+    }
+    if (!ended_ && state_.isOverdue()) ended_ = CURLE_ABORTED_BY_CALLBACK;
     state_.report(total > 0 ? asLong(offset + total) : 0, asLong(offset + now), 0, 0);
     return ended_ ? 1 : 0;
+}
+
+std::size_t Transfer::headerCallback(char* data, std::size_t size, std::size_t count, void* self) {
+    return static_cast<Transfer*>(self)->onHeader(data, size * count);
 }
 
 std::size_t Transfer::bodyCallback(char* data, std::size_t size, std::size_t count, void* self) {
@@ -261,6 +317,7 @@ CURLcode Transfer::tlsCallback(CURL* /*handle*/, void* context, void* self) {
     try {
         X509_STORE* const store = static_cast<Transfer*>(self)->trusted_->store();
         SSL_CTX_set1_cert_store(static_cast<SSL_CTX*>(context), store);
+        static_cast<Transfer*>(self)->state_.goodbye.watch(static_cast<SSL_CTX*>(context));
         return CURLE_OK;
     } catch (...) {
         return CURLE_OUT_OF_MEMORY;

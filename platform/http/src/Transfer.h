@@ -14,6 +14,7 @@
 
 #include "Credentials.h"
 #include "CurlState.h"
+#include "FileVersion.h"
 #include "PartialFile.h"
 #include "http/Curl.h"
 #include "security/Security.h"
@@ -23,20 +24,26 @@ namespace zav {
 /// What a file may grow to, asked again while it grows.
 using SizeLimit = std::function<std::uint64_t()>;
 
+/// What all attempts of a download have in common.
+struct TransferOrder {
+    PartialFile& file;
+    SizeLimit limit;
+    std::string fileName;                         // as it was asked for: decides which content codings are welcome
+    bool large = false;                           // pays for a large buffer
+    std::chrono::steady_clock::time_point begun;  // when the whole download began
+    std::uint64_t received = 0;                   // bytes of the file that earlier attempts brought
+};
+
 class Transfer {
  public:
-    /// `begun` is when the whole download began, of which this is one attempt.
-    Transfer(Curl& curl, const Security& security, PartialFile& file, const SizeLimit& limit,
-             std::chrono::steady_clock::time_point begun);
+    Transfer(Curl& curl, const Security& security, const TransferOrder& order);
     Transfer(const Transfer&) = delete;
     Transfer& operator=(const Transfer&) = delete;
 
-    /// Pays for firmware only.
-    void useLargeBuffer() { bufferSize_ = 512L * 1024; }
     /// Sent when the server asks for them, by the schemes in `schemes` (libcurl's mask) only.
     void useCredentials(const Credentials& credentials, unsigned long schemes);
-    /// Asks for the rest behind the file's present size, or for the whole file should `validator` not fit it any more.
-    void resume(const std::string& validator) { resumed_ = validator; }
+    /// Asks for the rest behind the file's present size, or for the whole file if `point` no longer fits it.
+    void resume(const ResumePoint& point) { resumed_ = point; }
 
     /// Runs it and returns a libcurl result code; the client has the status then. Follows no redirect. Blocks. What
     /// the file throws comes out here.
@@ -47,21 +54,37 @@ class Transfer {
     unsigned long offeredSchemes() const { return offeredSchemes_; }
     /// Where a 301, 302, 303, 307 or 308 leads, as a whole URL if it is one. Empty for every other answer.
     const std::string& redirection() const { return redirection_; }
-    /// What `resume` needs: the file's strong ETag or its date. Empty when the server named neither.
-    const std::string& validator() const { return validator_; }
+    /// Whether the answer carried the whole file, or the rest of it: into the file, as far as it came.
+    bool tookWhole() const { return kept_ && status_ == 200; }
+    bool tookRest() const { return kept_ && status_ == 206; }
+    /// Whether the answer to `resume` does not continue the file. What the file holds then is worth nothing.
+    bool isMisfit() const { return misfit_; }
+    /// What the file holds now; meaningful when it took something.
+    const ResumePoint& reached() const { return reached_; }
+    /// Bytes that this attempt added to the file.
+    std::uint64_t received() const { return received_; }
 
     /// What the client answers for the latest transfer.
     static void publishStatus(Curl& curl, long status) { curl.state_->httpCode = status; }
 
  private:
-    CURLcode setOptions(const std::string& url);
+    CURLcode setOptions(const std::string& url, const curl_slist* headers);
     CURLcode perform(const std::string& url);
+    void conclude(CURLcode result, const std::string& url);
+    void beginBody();
+    void beginWhole(curl_off_t announced);
+    bool continuesFile(curl_off_t announced);
+    void endAsMisfit();
+    void checkSize(std::uint64_t size);
+    std::size_t onHeader(const char* data, std::size_t length);
     std::size_t onBody(const char* data, std::size_t length);
     int onProgress(curl_off_t total, curl_off_t now);
-    void beginBody();
-    void checkSize(std::uint64_t size);
+    bool isEndConfirmed(const std::string& url) const;
     std::string header(const char* name) const;
+    std::string headers(const char* name) const;
+    FileVersion fileVersion() const;
 
+    static std::size_t headerCallback(char* data, std::size_t size, std::size_t count, void* self);
     static std::size_t bodyCallback(char* data, std::size_t size, std::size_t count, void* self);
     static int progressCallback(void* self, curl_off_t total, curl_off_t now, curl_off_t upTotal, curl_off_t upNow);
     static CURLcode tlsCallback(CURL* handle, void* context, void* self);
@@ -70,28 +93,29 @@ class Transfer {
     Curl::State& state_;
     const std::shared_ptr<const TrustedCertificates> trusted_;
     CURL* const handle_;
-    PartialFile& file_;
-    const SizeLimit& limit_;
-    const std::chrono::steady_clock::time_point begun_;
-    long bufferSize_ = 16L * 1024;
+    const TransferOrder& order_;
     std::optional<Credentials> credentials_;
     unsigned long schemes_ = 0;
-    std::string resumed_;
+    std::optional<ResumePoint> resumed_;
 
     // What happens meanwhile.
     long status_ = 0;
     unsigned long offeredSchemes_ = 0;
+    std::size_t headerBytes_ = 0;   // of all answers, trailers included
+    bool headersComplete_ = false;  // of the latest answer
     bool bodyBegun_ = false;
-    bool kept_ = false;                   // the body belongs into the file
-    std::uint64_t offset_ = 0;            // where in the file this body begins
-    std::uint64_t discarded_ = 0;         // bytes of a body that is not kept
-    std::uint64_t allowed_ = 0;           // what the limit said last
-    std::uint64_t askedUpTo_ = 0;         // the size from which it is asked again
-    std::optional<std::uint64_t> total_;  // of a resumed file, when the server says
-    std::optional<CURLcode> ended_;       // why we ended it ourselves
-    std::exception_ptr failure_;          // what the file threw, carried past libcurl
+    bool kept_ = false;  // the body belongs into the file
+    bool misfit_ = false;
+    std::uint64_t offset_ = 0;          // where in the file this body begins
+    std::uint64_t received_ = 0;        // bytes written to the file
+    std::uint64_t discarded_ = 0;       // bytes of a body that is not kept
+    std::uint64_t allowed_ = 0;         // what the limit said last
+    std::uint64_t askedUpTo_ = 0;       // the size from which it is asked again
+    std::optional<std::uint64_t> end_;  // where in the file a resumed body ends
+    std::optional<CURLcode> ended_;     // why we ended it ourselves
+    std::exception_ptr failure_;        // what the file threw, carried past libcurl
     std::string redirection_;
-    std::string validator_;
+    ResumePoint reached_;
 };
 
 }  // namespace zav

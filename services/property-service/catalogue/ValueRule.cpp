@@ -13,6 +13,7 @@
 #include <utility>
 #include <vector>
 
+#include "common/UrlSyntax.h"
 #include "service/Limits.h"
 
 namespace propertyservice {
@@ -174,31 +175,18 @@ class SecretRule final : public ValueRule {
     std::unique_ptr<const ValueRule> rule_;
 };
 
-bool matches(const regex_t& expression, const std::string& text) {
-    return ::regexec(&expression, text.c_str(), 0, nullptr, 0) == 0;
-}
-
 class UrlRule final : public ValueRule {
  public:
     explicit UrlRule(const Json::Value& definition) : maxLength_(std::min(maxLength(definition), longest)) {
         if (definition.isMember("schemes")) readSchemes(definition["schemes"]);
-        // scheme, user, host (a name or an IPv6 address in brackets), port, and the rest without blanks
-        ::regcomp(&expression_,
-                  "^[A-Za-z][A-Za-z0-9+.-]*://([^]@/?#[:space:][:cntrl:][]*@)?"
-                  "([[][0-9A-Fa-f:.]+[]]|[^]:@/?#[:space:][:cntrl:][]+)(:[0-9]{1,5})?([/?#][^[:space:][:cntrl:]]*)?$",
-                  REG_EXTENDED | REG_NOSUB);
     }
-    UrlRule(const UrlRule&) = delete;
-    UrlRule& operator=(const UrlRule&) = delete;
-    ~UrlRule() override { ::regfree(&expression_); }
 
     std::string objection(const std::string& value) const override {
         if (value.empty()) return {};
         if (value.size() > maxLength_) return "must be at most " + std::to_string(maxLength_) + " bytes long";
-        if (!matches(expression_, value) || !hasGoodPort(value)) {
-            return "must be a URL such as https://server.example/path, or empty";
-        }
-        const std::string scheme = lowerCase(value.substr(0, value.find(':')));
+        const std::optional<common::UrlSyntax> url = common::parseUrl(value);
+        if (!url || url->scheme.empty()) return "must be a URL such as https://server.example/path, or empty";
+        const std::string scheme = lowerCase(url->scheme);
         if (schemes_.empty() || std::find(schemes_.begin(), schemes_.end(), scheme) != schemes_.end()) return {};
         std::string text = "must begin with";
         for (const std::string& allowed : schemes_) text += (&allowed == &schemes_[0] ? " " : " or ") + allowed + "://";
@@ -227,18 +215,8 @@ class UrlRule final : public ValueRule {
         }
     }
 
-    static bool hasGoodPort(const std::string& url) {
-        const std::string::size_type start = url.find("://") + 3;
-        const std::string authority = url.substr(start, url.find_first_of("/?#", start) - start);
-        const std::string::size_type colon = authority.find_last_of(":]@");
-        if (colon == std::string::npos || authority[colon] != ':') return true;
-        const std::optional<std::int64_t> port = wholeNumber(authority.substr(colon + 1));
-        return port && *port >= 1 && *port <= 65535;
-    }
-
     const std::size_t maxLength_;
     std::vector<std::string> schemes_;
-    regex_t expression_{};
 };
 
 class MacRule final : public ValueRule {

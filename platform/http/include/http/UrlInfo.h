@@ -16,8 +16,8 @@ class UrlException : public std::runtime_error {
 /// Userinfo stands in no text that this class gives but `userInfo`.
 class UrlInfo {
  public:
-    /// Throws UrlException for empty text or host, blanks, control bytes, a bad port, "." or ".." as a path step, and
-    /// more than 2,048 bytes.
+    /// Throws UrlException for a text that common::parseUrl refuses. `UrlInfo(url.text())` equals `url`, but for
+    /// userinfo.
     explicit UrlInfo(const std::string& url);
 
     const std::string& scheme() const { return scheme_; }

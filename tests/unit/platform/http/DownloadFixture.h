@@ -8,11 +8,13 @@
 #include <iterator>
 #include <memory>
 #include <string>
+#include <utility>
 #include <vector>
 
 #include "fakes/FakeProperties.h"
 #include "fakes/HttpServer.h"
 #include "http/Curl.h"
+#include "http/CurlSettings.h"
 #include "http/FileDownloader.h"
 #include "security/Security.h"
 
@@ -22,11 +24,20 @@ namespace download {
 constexpr int ok = 0;
 constexpr int unsupportedProtocol = 1;
 constexpr int malformedUrl = 3;
+constexpr int hostNotFound = 6;
 constexpr int couldNotConnect = 7;
+constexpr int strangeAnswer = 8;
 constexpr int partialFile = 18;
 constexpr int writeError = 23;
+constexpr int outOfMemory = 27;
+constexpr int timedOut = 28;
 constexpr int rangeError = 33;
+constexpr int tlsFailed = 35;
+constexpr int stopped = 42;
 constexpr int tooManyRedirects = 47;
+constexpr int noAnswer = 52;
+constexpr int receiveError = 56;
+constexpr int badCoding = 61;
 constexpr int peerNotVerified = 60;
 constexpr int tooLarge = 63;
 
@@ -41,6 +52,9 @@ inline void writeFile(const std::string& path, const std::string& content) {
     std::ofstream(path, std::ios::binary) << content;
 }
 
+/// For large files, which a failed comparison must not print.
+inline bool holds(const std::string& path, const std::string& content) { return contentOf(path) == content; }
+
 inline std::vector<std::string> namesIn(const std::string& folder) {
     std::vector<std::string> names;
     for (const auto& entry : std::filesystem::directory_iterator(folder)) names.push_back(entry.path().filename());
@@ -49,7 +63,9 @@ inline std::vector<std::string> namesIn(const std::string& folder) {
 
 class Fixture : public testing::Test {
  protected:
-    Fixture() { std::filesystem::create_directories(folder); }
+    explicit Fixture(zav::CurlSettings settings = {}) : curl(std::make_shared<zav::Curl>(std::move(settings))) {
+        std::filesystem::create_directories(folder);
+    }
     ~Fixture() override { std::filesystem::remove_all(folder); }
 
     /// Downloads the server's `path` to `target`.
@@ -71,7 +87,7 @@ class Fixture : public testing::Test {
             {"NET.MAC.Address", "00:1A:2B:3C:4D:5E"},
         });
     zav::Security security{properties};
-    std::shared_ptr<zav::Curl> curl = std::make_shared<zav::Curl>();
+    const std::shared_ptr<zav::Curl> curl;
     zav::FileDownloader downloader{curl, security, properties};
 };
 

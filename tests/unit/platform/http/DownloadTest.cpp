@@ -3,6 +3,7 @@
 #include <cstdlib>
 
 #include "DownloadFixture.h"
+#include "fakes/LogCapture.h"
 
 namespace {
 
@@ -142,12 +143,102 @@ TEST_F(Download, TakesABodyWithoutLength) {
     EXPECT_EQ(contentOf(target), "until the end");
 }
 
-TEST_F(Download, AsksForNothingPackedAndUnpacksNothing) {
-    server.on("/a.xml", HttpAnswer::ok("\x1f\x8b packed", {{"Content-Encoding", "gzip"}}));
+TEST_F(Download, AsksForNothingPacked) {
+    server.on("/a.xml", HttpAnswer::ok("content", {{"Content-Encoding", "identity"}}));
     EXPECT_EQ(fetch("/a.xml"), ok);
-    EXPECT_EQ(contentOf(target), "\x1f\x8b packed");
+    EXPECT_EQ(contentOf(target), "content");
     EXPECT_EQ(server.requests().at(0).header("Accept-Encoding"), "");
     EXPECT_EQ(server.requests().at(0).header("TE"), "");
+}
+
+class ContentCoding : public Fixture {
+ protected:
+    int fetchCoded(const std::string& path, const fakes::HttpHeaders& headers) {
+        server.on(path, HttpAnswer::ok("\x1f\x8b packed", headers));
+        return fetch(path);
+    }
+};
+
+TEST_F(ContentCoding, FailsTheDownloadWithALine) {
+    const fakes::LogCapture log;
+    EXPECT_EQ(fetchCoded("/a.xml", {{"Content-Encoding", "gzip"}}), badCoding);
+    EXPECT_EQ(curl->getHttpCode(), 200);
+    EXPECT_TRUE(namesIn(folder).empty());
+    EXPECT_TRUE(log.has(fakes::warning("platform/http/src/Transfer",
+                                       "The answer has the content coding 'gzip', which nobody asked for; download "
+                                       "failed")))
+        << log.text();
+}
+
+TEST_F(ContentCoding, ThatTheNameHasIsStoredAsItComes) {
+    EXPECT_EQ(fetchCoded("/image.img.gz", {{"Content-Encoding", "gzip"}}), ok);
+    EXPECT_EQ(contentOf(target), "\x1f\x8b packed");
+}
+
+TEST_F(ContentCoding, OnTopOfAnotherFails) {
+    EXPECT_EQ(fetchCoded("/a.gz", {{"Content-Encoding", "gzip"}, {"Content-Encoding", "br"}}), badCoding);
+    EXPECT_EQ(fetchCoded("/a.gz", {{"Content-Encoding", "identity"}, {"Content-Encoding", "gzip"}}), ok);
+}
+
+TEST_F(ContentCoding, IsMeasuredByTheNameThatWasAskedFor) {
+    server.on("/image.img", HttpAnswer::redirect("/mirror/image.img.gz"));
+    EXPECT_EQ(fetchCoded("/mirror/image.img.gz", {{"Content-Encoding", "gzip"}}), ok);
+    EXPECT_EQ(fetch("/image.img"), badCoding);
+    server.on("/image.img.gz", HttpAnswer::redirect("/mirror/4711"));
+    EXPECT_EQ(fetchCoded("/mirror/4711", {{"Content-Encoding", "gzip"}}), badCoding);
+    EXPECT_EQ(fetch("/image.img.gz"), ok);
+}
+
+TEST_F(ContentCoding, OfAnotherStatusDoesNotMatter) {
+    HttpAnswer missing = HttpAnswer::error(404);
+    missing.headers = {{"Content-Encoding", "gzip"}};
+    server.on("/a.xml", missing);
+    EXPECT_EQ(fetch("/a.xml"), ok);
+    EXPECT_EQ(curl->getHttpCode(), 404);
+}
+
+class HeaderLimit : public Fixture {
+ protected:
+    // So many bytes of header lines.
+    static std::string lines(std::size_t bytes) {
+        std::string text;
+        while (text.size() < bytes) text += "A: " + std::string(1000, 'a') + "\r\n";
+        return text;
+    }
+
+    int fetchBytes(const std::string& bytes) {
+        server.on("/a.xml", HttpAnswer::bytes(bytes));
+        return fetch("/a.xml");
+    }
+
+    const std::string head = "HTTP/1.1 200 OK\r\n";
+    const std::string chunked = "Transfer-Encoding: chunked\r\n\r\n7\r\ncontent\r\n0\r\n";
+};
+
+TEST_F(HeaderLimit, LetsMuchPass) {
+    EXPECT_EQ(fetchBytes(head + lines(120000) + chunked + lines(120000) + "\r\n"), ok);
+    EXPECT_EQ(contentOf(target), "content");
+}
+
+TEST_F(HeaderLimit, CountsHeadersAndTrailersTogether) {
+    const fakes::LogCapture log;
+    EXPECT_EQ(fetchBytes(head + lines(140000) + chunked + lines(140000) + "\r\n"), strangeAnswer);
+    EXPECT_TRUE(namesIn(folder).empty());
+    EXPECT_EQ(log.count(fakes::warning("platform/http/src/Transfer",
+                                       "The answer's headers are larger than 256 KiB, download failed")),
+              1U)
+        << log.text();
+}
+
+TEST_F(HeaderLimit, CountsInterimAnswersToo) {
+    const std::string interim = "HTTP/1.1 103 Early Hints\r\n" + lines(140000) + "\r\n";
+    EXPECT_EQ(fetchBytes(interim + interim + head + chunked + "\r\n"), strangeAnswer);
+}
+
+TEST_F(HeaderLimit, StartsAnewWithEachTransfer) {
+    const std::string much = head + lines(140000) + chunked + "\r\n";
+    EXPECT_EQ(fetchBytes(much), ok);
+    EXPECT_EQ(fetchBytes(much), ok);
 }
 
 TEST_F(Download, KeepsTheConnection) {

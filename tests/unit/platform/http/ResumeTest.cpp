@@ -1,3 +1,5 @@
+#include <ostream>
+
 #include "DownloadFixture.h"
 
 namespace {
@@ -53,7 +55,7 @@ TEST_F(Resume, GoesOnWhereAFirmwareTransferBroke) {
     serveBreaking(3, 100000, {{"ETag", "\"v1\""}});
     EXPECT_EQ(fetchImage(), ok);
     EXPECT_EQ(curl->getHttpCode(), 200);
-    EXPECT_EQ(contentOf(image), content);
+    EXPECT_TRUE(holds(image, content));
     const auto asked = server.requests();
     ASSERT_EQ(asked.size(), 4U);
     EXPECT_EQ(asked[0].header("Range"), "");
@@ -78,10 +80,11 @@ TEST_F(Resume, CountsTheBytesOfTheWholeFile) {
 
 TEST_F(Resume, KnowsAFileByItsDate) {
     const std::string date = "Wed, 18 Nov 2026 10:00:00 GMT";
-    serveBreaking(1, 100000, {{"ETag", "W/\"weak\""}, {"Last-Modified", date}});
+    serveBreaking(1, 100000,
+                  {{"ETag", "W/\"weak\""}, {"Last-Modified", date}, {"Date", "Wed, 18 Nov 2026 10:00:01 GMT"}});
     EXPECT_EQ(fetchImage(), ok);
     EXPECT_EQ(server.requests().at(1).header("If-Range"), date);
-    EXPECT_EQ(contentOf(image), content);
+    EXPECT_TRUE(holds(image, content));
 }
 
 TEST_F(Resume, TakesTheWholeWhenTheFileChanged) {
@@ -98,30 +101,182 @@ TEST_F(Resume, TakesAnEmptyFileWhenTheFileChanged) {
     EXPECT_EQ(contentOf(image), "");
 }
 
-TEST_F(Resume, NeedsAFileThatCanBeKnownAgain) {
-    serveBreaking(1, 100000, {});
-    EXPECT_EQ(fetchImage(), partialFile);
-    EXPECT_EQ(server.requests().size(), 1U);
-    EXPECT_FALSE(std::filesystem::exists(image));
+// Servers whose answers do not let the file be known again.
+class WithoutStrongValidator : public Resume, public testing::WithParamInterface<HttpHeaders> {};
+
+TEST_P(WithoutStrongValidator, StartsAgain) {
+    serveBreaking(2, 100000, GetParam());
+    EXPECT_EQ(fetchImage(), ok);
+    EXPECT_EQ(curl->getHttpCode(), 200);
+    EXPECT_TRUE(holds(image, content));
+    ASSERT_EQ(server.requests().size(), 3U);
+    for (const HttpRequest& request : server.requests()) EXPECT_EQ(request.header("Range"), "");
 }
 
-TEST_F(Resume, RefusesARestThatBeginsElsewhere) {
-    // As many bytes as are missing, so that nothing but their place is wrong.
-    HttpAnswer wrong = HttpAnswer::ok(content.substr(50000, 300000), {{"Content-Range", "bytes 50000-349999/400000"}});
-    wrong.status = 206;
-    server.on("/image", {HttpAnswer::ok(content, {{"ETag", "\"v1\""}}).cutOffAfter(100000), wrong});
+const std::string tenOClock = "Wed, 18 Nov 2026 10:00:00 GMT";
+
+INSTANTIATE_TEST_SUITE_P(
+    Resume, WithoutStrongValidator,
+    testing::Values(HttpHeaders{}, HttpHeaders{{"ETag", "W/\"weak\""}}, HttpHeaders{{"ETag", "bare"}},
+                    HttpHeaders{{"ETag", "\"a\", \"b\""}}, HttpHeaders{{"ETag", "\"a\""}, {"ETag", "\"b\""}},
+                    HttpHeaders{{"Last-Modified", tenOClock}},
+                    HttpHeaders{{"Last-Modified", tenOClock}, {"Date", tenOClock}},
+                    HttpHeaders{{"Last-Modified", tenOClock}, {"Date", "Wed, 18 Nov 2026 09:59:59 GMT"}},
+                    HttpHeaders{{"Last-Modified", "long ago"}, {"Date", tenOClock}}));
+
+TEST_F(Resume, EndsBetweenAttemptsWhenStopped) {
+    const auto stop = std::make_shared<common::StopSignal>();
+    curl->stopWith(stop);
+    server.handle("/image", [this, stop](const HttpRequest&) {
+        if (server.requestsFor("/image").size() == 3) stop->stop();
+        return HttpAnswer::ok(content).cutOffAfter(100000);
+    });
+    EXPECT_EQ(fetchImage(), partialFile);
+    EXPECT_EQ(server.requests().size(), 3U);
+    EXPECT_TRUE(namesIn(staging).empty());
+}
+
+// The first answer is 400,000 bytes long, has the ETag "e1" and breaks after 150,000. The second is the row's, the
+// third is the whole file of the row's version.
+struct Answer {
+    const char* name;
+    int status;
+    HttpHeaders headers;
+    std::size_t length;  // of the body, which is of another image
+    bool chunked = false;
+};
+
+void PrintTo(const Answer& answer, std::ostream* stream) { *stream << answer.name; }
+
+const std::pair<std::string, std::string> e1{"ETag", "\"e1\""};
+const std::pair<std::string, std::string> e2{"ETag", "\"e2\""};
+
+std::pair<std::string, std::string> range(const std::string& text) { return {"Content-Range", "bytes " + text}; }
+
+const Answer misfits[] = {
+    {"AnotherETag", 206, {e2, range("150000-399999/400000")}, 250000},
+    {"WeakETag", 206, {{"ETag", "W/\"e1\""}, range("150000-399999/400000")}, 250000},
+    {"NoValidator", 206, {range("150000-399999/400000")}, 250000},
+    {"ContradictingETags", 206, {e1, e2, range("150000-399999/400000")}, 250000},
+    {"AnotherTotal", 206, {e1, range("150000-150999/151000")}, 1000},
+    {"UnknownTotal", 206, {e1, range("150000-399999/*")}, 250000},
+    {"LaterStart", 206, {e1, range("150001-399999/400000")}, 249999},
+    {"EarlierStart", 206, {e1, range("149999-399999/400000")}, 250001},
+    {"FromTheStart", 206, {e1, range("0-399999/400000")}, 400000},
+    {"EndsBehindTheTotal", 206, {e1, range("150000-400000/400000")}, 250001},
+    {"EndsBeforeItStarts", 206, {e1, range("150000-149999/400000")}, 0},
+    {"NoRange", 206, {e1}, 250000},
+    {"TwoRanges", 206, {e1, range("150000-399999/400000"), range("0-1/2")}, 250000},
+    {"OtherUnit", 206, {e1, {"Content-Range", "lines 150000-399999/400000"}}, 250000},
+    {"HugeNumbers", 206, {e1, range("150000-18446744073709551616/18446744073709551617")}, 250000},
+    {"LengthTooSmallForTheRange", 206, {e1, range("150000-399999/400000")}, 1000},
+    {"LengthTooGreatForTheRange", 206, {e1, range("150000-150999/400000")}, 250000},
+    {"ChunksTooSmallForTheRange", 206, {e1, range("150000-399999/400000")}, 1000, true},
+    {"ChunksTooGreatForTheRange", 206, {e1, range("150000-150999/400000")}, 250000, true},
+    {"EmptyRest", 206, {e1, range("150000-399999/400000")}, 0},
+    {"NotSatisfiable", 416, {{"Content-Range", "bytes */151000"}}, 0},
+    {"NotSatisfiableWithAPage", 416, {}, 3000},
+};
+
+class Misfit : public Resume, public testing::WithParamInterface<Answer> {};
+
+TEST_P(Misfit, StartsAgain) {
+    HttpAnswer second = HttpAnswer::ok(std::string(GetParam().length, 'x'), GetParam().headers);
+    second.status = GetParam().status;
+    second.chunked = GetParam().chunked;
+    server.on("/image", {HttpAnswer::ok(content, {e1}).cutOffAfter(150000), second,
+                         HttpAnswer::ok(std::string(300000, 'n'), {e2})});
+    EXPECT_EQ(fetchImage(), ok);
+    EXPECT_EQ(curl->getHttpCode(), 200);
+    EXPECT_TRUE(holds(image, std::string(300000, 'n')));
+    const auto asked = server.requests();
+    ASSERT_EQ(asked.size(), 3U);
+    EXPECT_EQ(asked[1].header("Range"), "bytes=150000-");
+    EXPECT_EQ(asked[2].header("Range"), "");
+    EXPECT_EQ(asked[2].header("If-Range"), "");
+}
+
+INSTANTIATE_TEST_SUITE_P(Resume, Misfit, testing::ValuesIn(misfits),
+                         [](const auto& row) { return std::string(row.param.name); });
+
+TEST_F(Resume, ThatNeverFitsFails) {
+    // Each resumed request is answered with another image's part; each whole one breaks. A stop ends the endless story.
+    const auto stop = std::make_shared<common::StopSignal>();
+    curl->stopWith(stop);
+    server.handle("/image", [this, stop](const HttpRequest& request) {
+        if (server.requestsFor("/image").size() == 4) stop->stop();
+        if (request.header("Range").empty()) return HttpAnswer::ok(content, {e1}).cutOffAfter(150000);
+        HttpAnswer part = HttpAnswer::ok(std::string(250000, 'x'), {e2, range("150000-399999/400000")});
+        part.status = 206;
+        return part;
+    });
     EXPECT_EQ(fetchImage(), rangeError);
-    EXPECT_FALSE(std::filesystem::exists(image));
+    EXPECT_EQ(server.requests().size(), 4U);
+    EXPECT_TRUE(namesIn(staging).empty());
+}
+
+TEST_F(Resume, IsNotTriedWithAnotherUrl) {
+    // The same ETag at another place says nothing about the bytes there.
+    server.on("/image", {HttpAnswer::redirect("/here/image"), HttpAnswer::redirect("/there/image")});
+    server.on("/here/image", HttpAnswer::ok(content, {e1}).cutOffAfter(150000));
+    server.on("/there/image", HttpAnswer::ok(std::string(400000, 't'), {e1}));
+    EXPECT_EQ(fetchImage(), ok);
+    EXPECT_TRUE(holds(image, std::string(400000, 't')));
+    EXPECT_EQ(server.requestsFor("/there/image").at(0).header("Range"), "");
+}
+
+TEST_F(Resume, WorksBehindARedirect) {
+    server.on("/image", HttpAnswer::redirect("/here/image"));
+    server.on("/here/image", {HttpAnswer::ok(content, {e1}).cutOffAfter(150000), rest(150000, {e1})});
+    EXPECT_EQ(fetchImage(), ok);
+    EXPECT_TRUE(holds(image, content));
+    EXPECT_EQ(server.requestsFor("/here/image").at(1).header("Range"), "bytes=150000-");
+}
+
+TEST_F(Resume, ContinuesAFileWhoseTotalWasNotKnown) {
+    HttpAnswer first = HttpAnswer::ok(content, {e1});
+    first.chunked = true;
+    server.on("/image", {first.cutOffAfter(150000), rest(149993, {e1})});
+    EXPECT_EQ(fetchImage(), ok);
+    EXPECT_TRUE(holds(image, content));
+}
+
+TEST_F(Resume, SurvivesABreakBetweenStatusLineAndRange) {
+    server.on("/image", {HttpAnswer::ok(content, {e1}).cutOffAfter(150000),
+                         HttpAnswer::bytes("HTTP/1.1 206 Partial Content\r\nETag: \"e2\"\r\n"), rest(150000, {e1})});
+    EXPECT_EQ(fetchImage(), ok);
+    EXPECT_TRUE(holds(image, content));
+    EXPECT_EQ(server.requests().size(), 3U);
 }
 
 TEST_F(Resume, AsksOnWhenTheRestWasNotAll) {
-    const HttpHeaders validators{{"ETag", "\"v1\""}};
-    HttpAnswer part = rest(100000, validators);
-    part.body.resize(100000);
-    server.on("/image", {HttpAnswer::ok(content, validators).cutOffAfter(100000), part, rest(200000, validators)});
+    HttpAnswer part = HttpAnswer::ok(content.substr(100000, 100000), {e1, range("100000-199999/400000")});
+    part.status = 206;
+    server.on("/image", {HttpAnswer::ok(content, {e1}).cutOffAfter(100000), part, rest(200000, {e1})});
     EXPECT_EQ(fetchImage(), ok);
-    EXPECT_EQ(contentOf(image), content);
+    EXPECT_TRUE(holds(image, content));
 }
+
+TEST_F(Resume, AttemptThatReachesNobodyKeepsTheFile) {
+    // The second connection is accepted and reset.
+    server.on("/image", {HttpAnswer::ok(content, {e1}).cutOffAfter(150000), HttpAnswer::bytes("", fakes::Ending::reset),
+                         rest(150000, {e1})});
+    EXPECT_EQ(fetchImage(), ok);
+    EXPECT_EQ(curl->getHttpCode(), 200);
+    EXPECT_TRUE(holds(image, content));
+}
+
+class NotAnImage : public Resume, public testing::WithParamInterface<int> {};
+
+TEST_P(NotAnImage, LeavesNoFileAndIsNotTriedAgain) {
+    server.on("/image", HttpAnswer::error(GetParam(), content));
+    EXPECT_EQ(fetchImage(), ok);
+    EXPECT_EQ(curl->getHttpCode(), GetParam());
+    EXPECT_EQ(server.requests().size(), 1U);
+    EXPECT_TRUE(namesIn(staging).empty());
+}
+
+INSTANTIATE_TEST_SUITE_P(Resume, NotAnImage, testing::Values(201, 204, 206, 404, 416, 500));
 
 TEST_F(Resume, ReportsWhatTheServerSaysInTheEnd) {
     server.on("/image", {HttpAnswer::ok(content, {{"ETag", "\"v1\""}}).cutOffAfter(100000), HttpAnswer::error(404)});

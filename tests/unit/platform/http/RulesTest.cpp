@@ -2,6 +2,8 @@
 
 #include <chrono>
 
+#include "ContentCoding.h"
+#include "FileVersion.h"
 #include "Pace.h"
 #include "ResumePlan.h"
 
@@ -60,6 +62,65 @@ TEST(ResumePlan, TellsBreaksFromFailures) {
     for (const int result : {18, 56, 7, 28}) EXPECT_TRUE(ResumePlan::isBreak(result)) << result;
     // Done, too large, not written, not trusted, a wrong range, too many redirects.
     for (const int result : {0, 63, 23, 60, 33, 47}) EXPECT_FALSE(ResumePlan::isBreak(result)) << result;
+}
+
+struct CodingRow {
+    const char* codings;
+    const char* fileName;
+    bool accepted;
+};
+
+TEST(ContentCodingRule, AcceptsWhatTheNameSays) {
+    const CodingRow rows[] = {
+        {"", "a.xml", true},
+        {"identity", "a.xml", true},
+        {"IDENTITY, identity", "a.xml", true},
+        {" , ,", "a.xml", true},
+        {"gzip", "a.xml", false},
+        {"gzip", "", false},
+        {"gzip", ".gz", false},
+        {"gzip", "gz", false},
+        {"gzip", "image.img.gz", true},
+        {"GZip", "IMAGE.GZ", true},
+        {"x-gzip", "image.tgz", true},
+        {"x-gzip", "image.tar.gz", true},
+        {"gzip", "image.gz.xml", false},
+        {"gzip", "image.br", false},
+        {"br", "a.br", true},
+        {"br", "a.gz", false},
+        {"zstd", "a.zst", true},
+        {"xz", "a.txz", true},
+        {"x-xz", "a.xz", true},
+        {"bzip2", "a.bz2", true},
+        {"x-bzip2", "a.tbz2", true},
+        {"compress", "a.Z", true},
+        {"x-compress", "a.z", true},
+        {"deflate", "a.xml", false},
+        {"nonsense", "a.nonsense", false},
+        {"gzip, br", "a.gz", false},
+        {"gzip,gzip", "a.gz", false},
+        {"gzip, identity", "a.gz", true},
+        {"gzip;q=1", "a.gz", false},
+        {"gzi", "a.gz", false},
+    };
+    for (const CodingRow& row : rows) {
+        EXPECT_EQ(zav::isAcceptedCoding(row.codings, row.fileName), row.accepted) << row.codings << " " << row.fileName;
+    }
+}
+
+TEST(ContentRangeRule, ReadsOneForm) {
+    const auto range = zav::parseContentRange("bytes 5-9/20");
+    ASSERT_TRUE(range);
+    EXPECT_EQ(range->first, 5U);
+    EXPECT_EQ(range->last, 9U);
+    EXPECT_EQ(range->total, 20U);
+    EXPECT_TRUE(zav::parseContentRange("Bytes 0-0/1"));
+    for (const char* text : {"", "bytes", "bytes 5-9", "bytes 5-9/", "bytes 5-9/*", "bytes */20", "bytes 9-5/20",
+                             "bytes 5-20/20", "bytes -9/20", "bytes 5-/20", "bytes 5/20-9", "bytes  5-9/20",
+                             "bytes 5 - 9/20", "bytes=5-9/20", "bytes +5-9/20", "bytes 5-9/20,bytes 5-9/20",
+                             "bytes 0x5-9/20", "bytes 5-9/9999999999999999999", "lines 5-9/20"}) {
+        EXPECT_FALSE(zav::parseContentRange(text)) << text;
+    }
 }
 
 }  // namespace

@@ -1,4 +1,5 @@
 #include "DownloadFixture.h"
+#include "fakes/LogCapture.h"
 #include "fakes/TestAuthority.h"
 
 namespace {
@@ -102,6 +103,65 @@ TEST_F(Tls, BodyThatIsCutIsNoFile) {
     secure.on("/cut", HttpAnswer::ok("a long enough body").cutOffAfter(6));
     EXPECT_EQ(fetch(secure.url("/cut"), target), partialFile);
     EXPECT_TRUE(namesIn(folder).empty());
+}
+
+class WithoutLength : public Tls {
+ protected:
+    WithoutLength() { trust(authority.certificate()); }
+
+    // The end of the connection is the end of the body.
+    static HttpAnswer answer(fakes::Ending ending) {
+        HttpAnswer answer = HttpAnswer::ok("a body without a length");
+        answer.withoutLength = true;
+        answer.ending = ending;
+        return answer;
+    }
+};
+
+TEST_F(WithoutLength, EndsWithTheServersGoodbye) {
+    secure.on("/a", answer(fakes::Ending::orderly));
+    EXPECT_EQ(fetch(secure.url("/a"), target), ok);
+    EXPECT_EQ(contentOf(target), "a body without a length");
+}
+
+TEST_F(WithoutLength, IsNoFileWhenTheConnectionIsCut) {
+    secure.on("/a", answer(fakes::Ending::withoutGoodbye));
+    const fakes::LogCapture log;
+    EXPECT_EQ(fetch(secure.url("/a"), target), partialFile);
+    EXPECT_EQ(curl->getHttpCode(), 200);
+    EXPECT_TRUE(namesIn(folder).empty());
+    EXPECT_TRUE(log.has(fakes::warning("platform/http/src/Transfer",
+                                       "The TLS connection was cut before the answer's end, download failed")))
+        << log.text();
+}
+
+TEST_F(WithoutLength, TakesNoOtherConnectionsGoodbye) {
+    secure.on("/a", {answer(fakes::Ending::orderly), answer(fakes::Ending::withoutGoodbye)});
+    EXPECT_EQ(fetch(secure.url("/a"), target), ok);
+    EXPECT_EQ(fetch(secure.url("/a"), target), partialFile);
+}
+
+TEST_F(WithoutLength, IsABreakOfAnImage) {
+    const std::string image = "/config/swupdate/cut.bin";
+    secure.on("/a", {answer(fakes::Ending::withoutGoodbye), answer(fakes::Ending::orderly)});
+    EXPECT_EQ(fetch(secure.url("/a"), image), ok);
+    EXPECT_EQ(contentOf(image), "a body without a length");
+    EXPECT_EQ(secure.requests().size(), 2U);
+    std::filesystem::remove(image);
+}
+
+TEST_F(Tls, BodyWhoseEndIsKnownNeedsNoGoodbye) {
+    trust(authority.certificate());
+    HttpAnswer chunked = HttpAnswer::ok("in chunks");
+    chunked.chunked = true;
+    chunked.ending = fakes::Ending::withoutGoodbye;
+    HttpAnswer counted = HttpAnswer::ok("with a length");
+    counted.ending = fakes::Ending::withoutGoodbye;
+    secure.on("/a", {chunked, counted});
+    EXPECT_EQ(fetch(secure.url("/a"), target), ok);
+    EXPECT_EQ(contentOf(target), "in chunks");
+    EXPECT_EQ(fetch(secure.url("/a"), target), ok);
+    EXPECT_EQ(contentOf(target), "with a length");
 }
 
 }  // namespace

@@ -8,6 +8,7 @@
 
 #include "TemporaryFolder.h"
 #include "catalogue/KeyPattern.h"
+#include "data/UrlVectors.h"
 
 namespace propertyservice {
 namespace {
@@ -63,6 +64,16 @@ TEST_P(Rule, AllowsWhatItsLimitsSay) {
     EXPECT_EQ(catalogue.keys().front().definition->rule->objection(GetParam().value), GetParam().objection);
 }
 
+TEST(UrlRule, AllowsUrlsThatNameTheirScheme) {
+    const Catalogue catalogue =
+        Catalogue::parse(withKeys("\"k\": " + definition(R"("type": "url", "default": "")")), "c");
+    for (const data::UrlVector& row : data::urlVectors(URL_VECTORS)) {
+        const bool allowed = row.ok && row.url.find("://") < row.url.find_first_of("/?#");
+        EXPECT_EQ(catalogue.keys().front().definition->rule->objection(row.url).empty(), allowed)
+            << testing::PrintToString(row.url);
+    }
+}
+
 constexpr char integer[] = R"("type": "integer", "min": -5, "max": 7, "default": "0")";
 constexpr char anyInteger[] = R"("type": "integer", "default": "0")";
 constexpr char choice[] = R"("type": "enum", "values": ["a", ""], "default": "a")";
@@ -80,7 +91,7 @@ INSTANTIATE_TEST_SUITE_P(
     testing::Values(
         RuleCase{url, "", ""}, RuleCase{url, "https://server.example/a/b?c=%20#d", ""}, RuleCase{url, "ldap://h", ""},
         RuleCase{url, "http://u:p@h:8080/%MACD.xml", ""}, RuleCase{url, "http://[fe80::1]:80/", ""},
-        RuleCase{url, "http://[fe80::1]", ""}, RuleCase{url, "http://h\xc3\xb6st/", ""}, RuleCase{url, "h", noUrl},
+        RuleCase{url, "http://[fe80::1]", ""}, RuleCase{url, "http://h\xc3\xb6st/", noUrl}, RuleCase{url, "h", noUrl},
         RuleCase{url, "http://", noUrl}, RuleCase{url, "http:///x", noUrl}, RuleCase{url, "http://a b/", noUrl},
         RuleCase{url, "http://a/b c", noUrl}, RuleCase{url, "http://a:0/", noUrl}, RuleCase{url, "http://a:/", noUrl},
         RuleCase{url, "http://a:65536/", noUrl}, RuleCase{url, "://a", noUrl}, RuleCase{url, "http://a\n", noUrl},

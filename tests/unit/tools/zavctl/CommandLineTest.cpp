@@ -6,6 +6,7 @@
 #include "Failure.h"
 #include "Output.h"
 #include "Phone.h"
+#include "data/UrlVectors.h"
 
 namespace zavctl {
 namespace {
@@ -250,6 +251,12 @@ TEST(WithoutPassword, HidesNothingElse) {
     EXPECT_EQ(withoutPassword("https://u:p@q@h/"), "https://u:***@h/");
     for (const char* url : {"", "https://h/x", "https://h:80/a@b", "https://u@h:80/", "h", "@", ":", "https://"}) {
         EXPECT_EQ(withoutPassword(url), url);
+    }
+}
+
+TEST(WithoutPassword, ShowsEveryUrlAsTheTableSays) {
+    for (const data::UrlVector& row : data::urlVectors(URL_VECTORS)) {
+        EXPECT_EQ(withoutPassword(row.url), row.shown) << testing::PrintToString(row.url);
     }
 }
 

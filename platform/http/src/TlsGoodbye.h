@@ -1,0 +1,30 @@
+// Whether a TLS server ended its connection itself (close_notify), or the connection was cut. libcurl takes both for
+// the end of a body without a length, and somebody on the line could shorten a file that way.
+//
+// Lives as long as the connections it watches, on the thread that transfers.
+#pragma once
+
+#include <openssl/ssl.h>
+
+namespace zav {
+
+class TlsGoodbye {
+ public:
+    TlsGoodbye() = default;
+    TlsGoodbye(const TlsGoodbye&) = delete;
+    TlsGoodbye& operator=(const TlsGoodbye&) = delete;
+
+    /// Watches all connections that are made from `context`. Throws std::bad_alloc.
+    void watch(SSL_CTX* context);
+
+    /// To be called before each transfer.
+    void forget() { received_ = false; }
+    bool wasReceived() const { return received_; }
+
+ private:
+    static void onEvent(const SSL* connection, int where, int value);
+
+    bool received_ = false;
+};
+
+}  // namespace zav

@@ -1,0 +1,123 @@
+// How connections come about: limits in time, and addresses of both families.
+#include <arpa/inet.h>
+#include <sys/socket.h>
+#include <unistd.h>
+
+#include <cerrno>
+#include <fstream>
+
+#include "DownloadFixture.h"
+
+namespace {
+
+using namespace download;
+using fakes::HttpAnswer;
+using fakes::HttpServer;
+
+TEST(Times, OfTheProduct) {
+    const zav::CurlSettings settings;
+    EXPECT_EQ(settings.connectTimeout, std::chrono::seconds(30));
+    EXPECT_EQ(settings.stallTimeout, std::chrono::seconds(120));
+}
+
+// A listening socket that takes no connection any more: whoever connects, waits.
+class FullListener {
+ public:
+    FullListener() {
+        listener_ = ::socket(AF_INET, SOCK_STREAM, 0);
+        sockaddr_in address{};
+        address.sin_family = AF_INET;
+        address.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
+        socklen_t length = sizeof address;
+        auto* const any = reinterpret_cast<sockaddr*>(&address);
+        ::bind(listener_, any, length);
+        ::listen(listener_, 0);
+        ::getsockname(listener_, any, &length);
+        port_ = ntohs(address.sin_port);
+        for (int& client : clients_) {
+            client = ::socket(AF_INET, SOCK_STREAM | SOCK_NONBLOCK, 0);
+            ::connect(client, any, length);
+        }
+    }
+    ~FullListener() {
+        for (const int client : clients_) ::close(client);
+        ::close(listener_);
+    }
+
+    std::string url() const { return "http://127.0.0.1:" + std::to_string(port_) + "/"; }
+
+ private:
+    int listener_ = -1;
+    int clients_[8] = {};
+    unsigned port_ = 0;
+};
+
+zav::CurlSettings withConnectTimeout() {
+    zav::CurlSettings settings;
+    settings.connectTimeout = std::chrono::seconds(1);
+    return settings;
+}
+
+class ConnectTimeout : public Fixture {
+ protected:
+    ConnectTimeout() : Fixture(withConnectTimeout()) {}
+};
+
+TEST_F(ConnectTimeout, EndsAConnectionThatNeverComesAbout) {
+    const FullListener full;
+    EXPECT_EQ(fetch(full.url(), target), timedOut);
+    EXPECT_EQ(curl->getHttpCode(), 0);
+}
+
+TEST_F(ConnectTimeout, IncludesTheTlsHandshake) {
+    const fakes::TestAuthority authority;
+    const HttpServer silent(authority.issue("127.0.0.1"), fakes::Flaw::silent);
+    EXPECT_EQ(fetch(silent.url("/"), target), timedOut);
+}
+
+zav::CurlSettings withStallTimeout() {
+    zav::CurlSettings settings;
+    settings.stallTimeout = std::chrono::seconds(1);
+    return settings;
+}
+
+class StallTimeout : public Fixture {
+ protected:
+    StallTimeout() : Fixture(withStallTimeout()) {}
+};
+
+TEST_F(StallTimeout, EndsATransferThatStands) {
+    server.on("/a", HttpAnswer::ok("content").stallingAfter(3, std::make_shared<fakes::Gate>()));
+    EXPECT_EQ(fetch("/a"), timedOut);
+    EXPECT_TRUE(namesIn(folder).empty());
+}
+
+class Addresses : public Fixture {
+ protected:
+    // "dual" is a name with an address of each family, the newer one first.
+    Addresses() { std::ofstream("/etc/hosts", std::ios::app) << "::1 dual\n127.0.0.1 dual\n"; }
+
+    int fetchFromDual(unsigned port) { return fetch("http://dual:" + std::to_string(port) + "/a", target); }
+};
+
+TEST_F(Addresses, OfVersionSixInBrackets) {
+    HttpServer six("::1", 0);
+    six.on("/a", HttpAnswer::ok("six"));
+    EXPECT_EQ(fetch(six.url("/a"), target), ok);
+    EXPECT_EQ(contentOf(target), "six");
+    EXPECT_EQ(six.requests().at(0).header("Host"), "[::1]:" + std::to_string(six.port()));
+}
+
+TEST_F(Addresses, OfVersionSixByName) {
+    HttpServer six("::1", 0);
+    six.on("/a", HttpAnswer::ok("six"));
+    EXPECT_EQ(fetchFromDual(six.port()), ok);
+}
+
+TEST_F(Addresses, TheNextIsTriedWhenTheFirstIsDead) {
+    server.on("/a", HttpAnswer::ok("four"));
+    EXPECT_EQ(fetchFromDual(server.port()), ok);
+    EXPECT_EQ(contentOf(target), "four");
+}
+
+}  // namespace
