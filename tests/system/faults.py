@@ -16,11 +16,6 @@ GOOD = direct([(LABEL, "good")]).encode()
 SPARE = 1 << 10  # KiB that a phone may keep besides half of what it takes when idle
 
 
-def daemon_pid():
-    with open(f"{phone.HOME}/daemon.pid", encoding="ascii") as file:
-        return int(file.read())
-
-
 def dirty(pid):
     """KiB that belong to this process alone and that no other can take from it."""
     with open(f"/proc/{pid}/smaps_rollup", encoding="ascii") as file:
@@ -65,7 +60,7 @@ class FaultTest(phone.PhoneTest):
         case = cls()
         case.configure(cls.good)
         case.assertEqual(case.provision(), "success")
-        cls.idle = dirty(daemon_pid())
+        cls.idle = dirty(phone.service_pid())
 
     def runTest(self):
         """For measure_idle."""
@@ -85,7 +80,7 @@ class FaultTest(phone.PhoneTest):
         self.check_memory()
 
     def check_memory(self, deadline=5):
-        pid = daemon_pid()
+        pid = phone.service_pid()
         if is_sanitized(pid):
             return
         limit = self.idle * 3 // 2 + SPARE

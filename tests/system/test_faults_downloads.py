@@ -174,15 +174,15 @@ class DownloadFaultsTest(faults.FaultTest):
         self.configure(self.good)
         self.provision()  # there is a file already
         server = self.serve({"/provisioning.xml": row.answer}, certificate=row.certificate, accept=row.accept)
-        faults.reset_peak(faults.daemon_pid())
+        faults.reset_peak(phone.service_pid())
         self.configure(server)
         try:
             code = self.fail_pass()
         finally:
             server.close()
         self.assertIn(row.code, ("", code))
-        if row.peak and not faults.is_sanitized(faults.daemon_pid()):
-            self.assertLess(faults.peak(faults.daemon_pid()), row.peak, "KiB of memory at most")
+        if row.peak and not faults.is_sanitized(phone.service_pid()):
+            self.assertLess(faults.peak(phone.service_pid()), row.peak, "KiB of memory at most")
         self.assertEqual(self.bus.get("State.Provisioning.LockUI"), "0")
         self.assertEqual({name for name in faults.files_below("/var/volatile/provisioning") if name.endswith(".part")}, set())
 
