@@ -4,15 +4,18 @@ daemon's memory is back where it was."""
 import contextlib
 import os
 import re
-import time
+import signal
+import threading
 
 import phone
-from files import LABEL, direct
+from files import LABEL, direct, spread
 from raw_server import RawServer, ok
+from server import Answer, Server
 
 SERVER = "System.Provision.ProvisioningServer"
 INITIAL = "/var/volatile/provisioning/provisioning.xml"
 GOOD = direct([(LABEL, "good")]).encode()
+SETTINGS = spread(5000)
 SPARE = 1 << 10  # KiB that a phone may keep besides half of what it takes when idle
 
 
@@ -104,10 +107,59 @@ class FaultTest(phone.PhoneTest):
         type(self).measure_idle()
 
 
-def passed_time():
-    """A clock of the machine's own, for what must end in real time."""
-    begin = time.monotonic()
-    return lambda: time.monotonic() - begin
+class PassFaultTest(FaultTest):
+    """Catches a pass where the fault is to come. Its server is the case's own, answers wait for `gate`."""
+
+    def setUp(self):
+        self.gate = threading.Event()
+        self.server = Server()
+        self.addCleanup(self.server.close)
+        self.addCleanup(self.gate.set)
+        super().setUp()
+
+    def begin(self, answer):
+        """A pass that has asked the test's server for its file."""
+        self.server.requests.clear()
+        self.server.answers["/provisioning.xml"] = answer
+        self.configure(self.server)
+        self.request()
+        phone.wait_until(lambda: self.server.requests, "the pass's download")
+
+    def begin_settings(self, settings=SETTINGS):
+        """A pass that is in the middle of many settings. The property service is frozen; its process id."""
+        def caught():
+            self.log.mark()
+            self.begin(Answer(direct(settings)))
+            self.log.wait("Applying ", 100)
+            pid = self.freeze("properties")
+            phone.wait_until(lambda: phone.asleep(phone.service_pid()), "the daemon waiting for the service")
+            if self.log.count("-----Finishing NVMJobHandler") == 0:
+                return pid
+            self.thaw(pid)  # too late
+            return self.wait_pass_end()
+
+        return phone.wait_until(caught, "a pass caught in its settings")
+
+    def freeze(self, name):
+        pid = phone.service_pid(name)
+        os.kill(pid, signal.SIGSTOP)
+        self.addCleanup(self.thaw, pid)
+        return pid
+
+    @staticmethod
+    def thaw(pid):
+        try:
+            os.kill(pid, signal.SIGCONT)
+        except ProcessLookupError:
+            pass
+
+    def replace_daemon(self):
+        self.gate.set()
+        phone.clock("factor", 1)
+        for name in ("properties", "broker"):
+            self.thaw(phone.service_pid(name))
+        phone.service("restart", "properties")
+        super().replace_daemon()
 
 
 def files_below(folder):

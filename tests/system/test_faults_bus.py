@@ -1,71 +1,24 @@
 """The broker, the property service and other clients of the bus misbehave while a pass runs, at its end and between
 passes. The result of each pass is published, and the next one succeeds."""
 
-import os
 import shutil
-import signal
 import subprocess
-import threading
 
 import paho.mqtt.client as mqtt
 
 import faults
 import phone
-from files import LABEL, direct, spread
-from server import Answer, Server
+from files import LABEL, direct
+from server import Answer
 
 STATE = "State.Provisioning"
 LOCK = "State.Provisioning.LockUI"
 TRIGGER = "State.FirmwareUpdate.TriggerAuto"
 WATCHDOG_TOPICS = ("watchdog/prov-client", "prop-service-state/x")
 QUERIES = 4  # on each topic: more than a pass without progress can answer
-SETTINGS = spread(5000)
 
 
-class BusFaultsTest(faults.FaultTest):
-    def setUp(self):
-        self.gate = threading.Event()
-        self.server = Server()
-        self.addCleanup(self.server.close)
-        self.addCleanup(self.gate.set)
-        super().setUp()
-
-    def begin(self, answer):
-        """A pass that has asked the test's server for its file."""
-        self.server.requests.clear()
-        self.server.answers["/provisioning.xml"] = answer
-        self.configure(self.server)
-        self.request()
-        phone.wait_until(lambda: self.server.requests, "the pass's download")
-
-    def begin_settings(self):
-        """A pass that is in the middle of many settings. The property service is frozen; its process id."""
-        def caught():
-            self.log.mark()
-            self.begin(Answer(direct(SETTINGS)))
-            self.log.wait("Applying ", 100)
-            pid = self.freeze("properties")
-            phone.wait_until(lambda: phone.asleep(phone.service_pid()), "the daemon waiting for the service")
-            if self.log.count("-----Finishing NVMJobHandler") == 0:
-                return pid
-            self.thaw(pid)  # too late
-            return self.wait_pass_end()
-
-        return phone.wait_until(caught, "a pass caught in its settings")
-
-    def freeze(self, name):
-        pid = phone.service_pid(name)
-        os.kill(pid, signal.SIGSTOP)
-        self.addCleanup(self.thaw, pid)
-        return pid
-
-    @staticmethod
-    def thaw(pid):
-        try:
-            os.kill(pid, signal.SIGCONT)
-        except ProcessLookupError:
-            pass
-
+class BusFaultsTest(faults.PassFaultTest):
     def check_result(self, *allowed):
         """The pass has ended, its result is published and the user interface is unlocked."""
         self.wait_pass_end()
@@ -73,7 +26,7 @@ class BusFaultsTest(faults.FaultTest):
         phone.wait_until(lambda: self.bus.get(STATE) in allowed, lambda: f"{allowed}, it is {self.bus.get(STATE)}")
 
     def check_settings(self):
-        wrong = {key: value for key, value in dict(SETTINGS).items() if self.bus.get(key) != value}
+        wrong = {key: value for key, value in dict(faults.SETTINGS).items() if self.bus.get(key) != value}
         self.assertEqual(wrong, {})
 
     def wait_daemon_on_bus(self):
@@ -89,14 +42,6 @@ class BusFaultsTest(faults.FaultTest):
                 return False
 
         phone.wait_until(answered, lambda: "the daemon on the bus:\n" + "\n".join(self.log.lines()[-20:]))
-
-    def replace_daemon(self):
-        self.gate.set()
-        phone.clock("factor", 1)
-        for name in ("properties", "broker"):
-            self.thaw(phone.service_pid(name))
-        phone.service("restart", "properties")
-        super().replace_daemon()
 
     # Queries.
 
