@@ -43,3 +43,9 @@ def settings_file(settings, version="1.0"):
 LABEL = "Telephony.Accounts.0.Label"
 NAME = "Telephony.Accounts.0.DisplayName"
 KEY = "PhoneUI.Keys.FunctionKeys."
+
+
+def spread(count, word="value"):
+    """So many settings, over 180 keys."""
+    return [(f"PhoneUI.Expansion.{i % 3}.Keys.{i % 20}.{('Label', 'Type', 'Value')[i // 60 % 3]}", f"{word} {i}")
+            for i in range(count)]

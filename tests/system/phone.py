@@ -65,10 +65,14 @@ def asleep(pid):
     return True
 
 
-def jump(seconds):
+def service_pid(name="daemon"):
+    with open(f"{HOME}/{name}.pid", encoding="ascii") as file:
+        return int(file.read())
+
+
+def jump(seconds, pid=None):
     """Moves the daemon's clock ahead, once its threads wait: a wait that has not begun would begin after the jump."""
-    with open(f"{HOME}/daemon.pid", encoding="ascii") as file:
-        pid = int(file.read())
+    pid = pid or service_pid()
     wait_until(lambda: asleep(pid), "all threads of the daemon asleep")
     clock("jump", seconds)
 
@@ -190,6 +194,12 @@ class Bus:
         wait_until(lambda: [c for c in self.changes(key) if value is None or c[1] == value],
                    lambda: f"change of {key} to {value} in {self.changes()}", deadline)
 
+    def listen(self, topic):
+        """Hears one more topic; holds once the broker has said so."""
+        self._ready.clear()
+        self._client.subscribe(topic, 1)
+        self.wait_ready()
+
     def publish(self, topic, payload, qos=1):
         text = payload if isinstance(payload, (str, bytes)) else json.dumps(payload)
         self._client.publish(topic, text, qos).wait_for_publish(DEADLINE)
@@ -310,8 +320,7 @@ class PhoneTest(unittest.TestCase):
 
     def terminate(self):
         """SIGTERM until the daemon ends (one that comes before it waits for it is lost); its exit status."""
-        with open(f"{HOME}/daemon.pid") as file:
-            pid = int(file.read())
+        pid = service_pid()
         status = f"{HOME}/daemon.status"
 
         def ended():

@@ -4,87 +4,15 @@ the folder that it is for."""
 import gzip
 import os
 import shutil
-import socket
-import ssl
 import subprocess
 import threading
 
 import phone
 from files import LABEL, categories, direct, element, params, root, settings_file
+from raw_server import HEAD, RawServer, endless, ok, redirect
 
 INITIAL = "/var/volatile/provisioning/provisioning.xml"
 GOOD = direct([(LABEL, "good")]).encode()
-HEAD = b"HTTP/1.1 200 OK\r\n"
-
-
-def ok(body, *headers):
-    lines = [b"Content-Length: %d" % len(body), *headers]
-    return HEAD + b"".join(line + b"\r\n" for line in lines) + b"\r\n" + body
-
-
-def redirect(location):
-    return b"HTTP/1.1 302 Found\r\nContent-Length: 0\r\nLocation: " + location.encode() + b"\r\n\r\n"
-
-
-class RawServer:
-    """Answers with bytes. An answer is bytes, a function that is handed the connection, or a list of bytes, one a
-    request; `answer` is for all paths that have none of their own."""
-
-    def __init__(self, answers=None, answer=None, certificate=None):
-        self.answers = dict(answers or {})
-        self.answer = answer
-        self.requests = []        # (path, {header: value})
-        self._ending = threading.Event()
-        self._tls = None
-        if certificate:
-            self._tls = ssl.SSLContext(ssl.PROTOCOL_TLS_SERVER)
-            self._tls.load_cert_chain(certificate)
-        self._listening = socket.create_server(("127.0.0.1", 0))
-        self.url = f"http{'s' if certificate else ''}://127.0.0.1:{self._listening.getsockname()[1]}/"
-        threading.Thread(target=self._accept, daemon=True).start()
-
-    def close(self):
-        self._ending.set()
-        self._listening.shutdown(socket.SHUT_RDWR)
-        self._listening.close()
-
-    def _accept(self):
-        while not self._ending.is_set():
-            try:
-                connection, _ = self._listening.accept()
-            except OSError:
-                return
-            threading.Thread(target=self._serve, args=(connection,), daemon=True).start()
-
-    def _serve(self, connection):
-        try:
-            if self._tls:
-                connection = self._tls.wrap_socket(connection, server_side=True)
-            with connection, connection.makefile("rb") as lines:
-                path = lines.readline().split()[1].decode()
-                headers = {}
-                while line := lines.readline().strip():
-                    name, value = line.decode().split(":", 1)
-                    headers[name.lower()] = value.strip()
-                self.requests.append((path, headers))
-                answer = self.answers.get(path, self.answer)
-                if isinstance(answer, list):
-                    answer = answer.pop(0)
-                if callable(answer):
-                    answer(connection)
-                else:
-                    connection.sendall(answer or b"HTTP/1.1 404 Not Found\r\nContent-Length: 0\r\n\r\n")
-        except OSError:
-            pass  # a client that has had enough
-
-
-def endless(head):
-    def answer(connection):
-        connection.sendall(head + b"\r\n")
-        while True:
-            connection.sendall(b"x" * 65536)
-    return answer
-
 
 # What the server says to the request for the initial file -> what the log says.
 ANSWERS = {
