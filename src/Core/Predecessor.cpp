@@ -11,6 +11,7 @@
 #include "Core/Constants.h"
 #include "Core/Utils.h"
 #include "debug/Debug.h"
+#include "http/PartialDownloads.h"
 
 namespace zav {
 
@@ -55,6 +56,7 @@ void unlockScreen(propertyapi::IPropertyApi& properties) {
 
 DaemonLock::DaemonLock() : state_(lock(file_)) {}
 
-void cleanUpAfterPredecessor(propertyapi::IPropertyApi& properties) { unlockScreen(properties); }
+void cleanUpAfterPredecessor(propertyapi::IPropertyApi& properties) {
+    removePartialDownloads(); unlockScreen(properties); }
 
 }  // namespace zav

@@ -72,6 +72,7 @@ ProvisioningWorker::ProvisioningWorker(std::shared_ptr<propertyapi::IPropertyApi
       depth_(Pass::ofThisThread() == nullptr ? 1 : Pass::ofThisThread()->depth() + 1),
       outerUsage_(Pass::ofThisThread() == nullptr ? nullptr : Pass::ofThisThread()->usage()),
       stop_(std::move(stop)) {
+    curl_->stopWith(stop_);
     curl_->setProgressCallback([this](long downloadTotal, long downloaded, long uploadTotal, long uploaded) {
         onDownloadProgress(downloadTotal, downloaded, uploadTotal, uploaded);
     });
