@@ -57,6 +57,8 @@ void unlockScreen(propertyapi::IPropertyApi& properties) {
 DaemonLock::DaemonLock() : state_(lock(file_)) {}
 
 void cleanUpAfterPredecessor(propertyapi::IPropertyApi& properties) {
-    removePartialDownloads(); unlockScreen(properties); }
+    removePartialDownloads();
+    unlockScreen(properties);
+}
 
 }  // namespace zav

@@ -1,11 +1,13 @@
 // Property writes that must not get lost when the bus or the property service is away: they are tried again, in their
 // order, until they succeed or something newer makes them stale: a request that is heard, the last pass's result; a
-// pass that starts, everything. A screen must not stay locked by a broker's restart.
+// pass that starts, everything. A screen must not stay locked by a broker's restart. One write is retried each half
+// second, so that a request that comes with the service's return is heard before the next.
 //
 // Threads: any; the retries run on a thread of their own, which is started when it is first needed.
 #pragma once
 
 #include <condition_variable>
+#include <cstdint>
 #include <deque>
 #include <functional>
 #include <mutex>
@@ -37,21 +39,24 @@ class DeferredWrites {
 
  private:
     struct Owed {
-        Kind kind;
+        std::uint64_t number = 0;
+        Kind kind = Kind::result;
         Write write;
     };
 
     void keep(Kind kind, const Write& write);
     void retry();
-    void tryWaiting();
+    bool tryFirst();
+    void waitForAttempt();
     static bool carryOut(const Write& write);
 
-    std::mutex attempt_;  // held during each round of retries, so that cancel can wait for it; taken before mutex_
+    std::mutex attempt_;  // held during each attempt, so that cancel can wait for it; taken before mutex_
     std::mutex mutex_;
     std::condition_variable changed_;
-    std::deque<Owed> waiting_;  // guarded by mutex_
-    bool ending_ = false;       // guarded by mutex_
-    std::thread thread_;        // guarded by mutex_ until ending_
+    std::deque<Owed> waiting_;      // guarded by mutex_
+    std::uint64_t nextNumber_ = 0;  // guarded by mutex_
+    bool ending_ = false;           // guarded by mutex_
+    std::thread thread_;            // guarded by mutex_ until ending_
 };
 
 }  // namespace zav

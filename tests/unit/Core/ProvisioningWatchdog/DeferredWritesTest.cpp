@@ -2,7 +2,11 @@
 
 #include <gtest/gtest.h>
 
+#include <atomic>
+#include <future>
 #include <memory>
+#include <thread>
+#include <utility>
 
 #include "fakes/FakeProperties.h"
 #include "fakes/LogCapture.h"
@@ -94,6 +98,30 @@ TEST_F(DeferredWritesTest, WhatIsOwedOfOneKindCanBeForgotten) {
     properties_.setOffline(false);
     writes_.reset();
     EXPECT_EQ(written(), std::vector<std::string>{"unlock"});
+}
+
+// Two results are owed; what makes them stale comes while the first is under way.
+TEST_F(DeferredWritesTest, ACancellationSparesOnlyTheWriteUnderWay) {
+    auto ownedBySecond = std::make_shared<int>();
+    const std::weak_ptr<int> second = ownedBySecond;
+    std::atomic<bool> back{false};
+    std::promise<void> underWay;
+    writes_->write(Kind::result, [&] {
+        if (!back) throw propertyapi::PropertyOfflineException("away");
+        underWay.set_value();
+        while (!second.expired()) std::this_thread::yield();
+        properties_.set("key", "first");
+    });
+    writes_->write(Kind::result, [this, token = std::move(ownedBySecond)] { properties_.set("key", "second"); });
+    std::thread canceller([&] {
+        underWay.get_future().wait();
+        writes_->cancel(Kind::result);
+        EXPECT_EQ(written(), std::vector<std::string>{"first"}) << "it waits for that one";
+    });
+    back = true;
+    canceller.join();
+    writes_.reset();
+    EXPECT_EQ(written(), std::vector<std::string>{"first"});
 }
 
 TEST_F(DeferredWritesTest, ItsEndTriesOnceMore) {
