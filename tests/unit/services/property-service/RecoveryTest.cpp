@@ -139,11 +139,9 @@ TEST(Shutdown, WithAFrozenServiceCostsTwoSecondsOnce) {
     Phone phone;
     ASSERT_TRUE(works(*phone.properties));
     phone.service->freeze();
-    std::thread inFlight([&] { EXPECT_THROW(phone.properties->get(key), PropertyTimeoutException); });
     const auto begin = steady_clock::now();
     phone.properties->beginShutdown();
     EXPECT_THROW(phone.properties->set(key, "late"), PropertyTimeoutException);
-    inFlight.join();
     for (int call = 0; call < 100; ++call) EXPECT_THROW(phone.properties->set(key, "x"), PropertyTimeoutException);
     const auto took = steady_clock::now() - begin;
     EXPECT_GE(took, 1900ms);
