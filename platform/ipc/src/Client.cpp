@@ -111,16 +111,20 @@ void Client::disconnect() {
 
 void Client::subscribe(const std::string& topicFilter, IIPCCallback& callback) {
     const auto delivery = std::make_shared<Delivery>(topicFilter, callback);
+    std::shared_ptr<Delivery> events;
     {
         const std::lock_guard<std::mutex> lock(mutex_);
         if (state_ == State::disconnected) throw IPCException("The bus client is disconnected");
-        prepareEvents(callback);
+        events = eventsOf(callback);
     }
+    if (!events) events = std::make_shared<Delivery>("connection events", callback);
     State state = State::fresh;
     const auto registered = [&](std::uint32_t subscription) {
         const std::lock_guard<std::mutex> lock(mutex_);
         state = state_;
-        if (state != State::disconnected) routes_.push_back({subscription, topicFilter, delivery});
+        if (state == State::disconnected) return;
+        routes_.push_back({subscription, topicFilter, delivery});
+        if (!eventsOf(callback)) events_.push_back(events);
     };
     const std::uint32_t subscription = connection_.subscribe(topicFilter, 1, MQTT_SUB_OPT_SEND_RETAIN_NEW, registered);
     if (state == State::fresh) return;
@@ -128,23 +132,33 @@ void Client::subscribe(const std::string& topicFilter, IIPCCallback& callback) {
         if (state == State::disconnected) throw IPCException("The bus client is disconnected");
         connection_.waitForSubscription(subscription);
     } catch (...) {
-        {
-            const std::lock_guard<std::mutex> lock(mutex_);
-            routes_.erase(std::remove_if(routes_.begin(), routes_.end(),
-                                         [&](const Route& each) { return each.delivery == delivery; }),
-                          routes_.end());
-        }
+        const std::shared_ptr<Delivery> unused = dropRoute(delivery);
         connection_.unsubscribe(subscription);
         delivery->stop();
+        if (unused) unused->stop();
         throw;
     }
 }
 
-void Client::prepareEvents(IIPCCallback& callback) {
+std::shared_ptr<Delivery> Client::eventsOf(const IIPCCallback& callback) const {
     for (const auto& events : events_) {
-        if (&events->callback() == &callback) return;
+        if (&events->callback() == &callback) return events;
     }
-    events_.push_back(std::make_shared<Delivery>("connection events", callback));
+    return nullptr;
+}
+
+/// Returns the queue of connection events that nobody needs any more: a callback object that serves no subscription
+/// may be gone by the next loss.
+std::shared_ptr<Delivery> Client::dropRoute(const std::shared_ptr<Delivery>& delivery) {
+    const std::lock_guard<std::mutex> lock(mutex_);
+    const auto serves = [&](const Route& each) { return &each.delivery->callback() == &delivery->callback(); };
+    routes_.erase(
+        std::remove_if(routes_.begin(), routes_.end(), [&](const Route& each) { return each.delivery == delivery; }),
+        routes_.end());
+    if (std::any_of(routes_.begin(), routes_.end(), serves)) return nullptr;
+    std::shared_ptr<Delivery> events = eventsOf(delivery->callback());
+    events_.erase(std::remove(events_.begin(), events_.end(), events), events_.end());
+    return events;
 }
 
 void Client::publish(const std::string& topic, const std::string& payload, int qualityOfService) {
@@ -311,12 +325,10 @@ bool Client::messageArrived(const Incoming& message) {
     if (message.topic == replyTopic_) completeRequest(message);
     const std::lock_guard<std::mutex> lock(mutex_);
     const auto service = services_.find(message.topic);
-    if (service != services_.end()) {
-        const bool online = message.payload == "online";
-        setPresence(service->first, service->second,
-                    online                         ? Presence::online
-                    : message.payload == "offline" ? Presence::offline
-                                                   : Presence::unknown);
+    // Any other word, an emptied topic among them, says nothing about the service.
+    const bool online = message.payload == "online";
+    if (service != services_.end() && (online || message.payload == "offline")) {
+        setPresence(service->first, service->second, online ? Presence::online : Presence::offline);
         wakeAll();
     }
     // The broker sends a copy for each subscription that matches, and names it: so filters may overlap.

@@ -78,7 +78,8 @@ class Client final : public IIPCClient, private ConnectionListener {
     Clock::time_point limited(Clock::time_point deadline, Clock::time_point begun) const;
     void setPresence(const std::string& statusTopic, WatchedService& service, Presence presence);
     void wakeAll();
-    void prepareEvents(IIPCCallback& callback);
+    std::shared_ptr<Delivery> eventsOf(const IIPCCallback& callback) const;
+    std::shared_ptr<Delivery> dropRoute(const std::shared_ptr<Delivery>& delivery);
 
     const std::string host_;
     const std::string replyTopic_;

@@ -141,6 +141,27 @@ TEST(Client, RefusesTopicsAndFiltersThatAreNone) {
     client->disconnect();
 }
 
+TEST(Client, TellsNothingToACallbackWhoseSubscriptionFailed) {
+    Broker broker;
+    Recorder invalid;
+    Recorder unanswered;
+    Recorder served;
+    const auto client = newClient("early");
+    client->subscribe("a", served);
+    client->connect(broker.address());
+    EXPECT_THROW(client->subscribe("a/#/b", invalid), ipc::IPCException);
+    broker.freeze();
+    std::thread also([&] { EXPECT_THROW(client->subscribe("b", served), ipc::IPCException); });
+    EXPECT_THROW(client->subscribe("c", unanswered), ipc::IPCException);
+    also.join();
+    broker.thaw();
+    broker.stop();
+    EXPECT_TRUE(served.waitForLosses(1)) << "it still serves a subscription";
+    client->disconnect();
+    EXPECT_TRUE(invalid.losses().empty());
+    EXPECT_TRUE(unanswered.losses().empty());
+}
+
 TEST(Client, SaysWhenThereWasNoConnectYet) {
     const auto client = newClient("nobody");
     client->watchPresence(statusTopic);

@@ -78,6 +78,19 @@ TEST(Outage, SparesARequestToAnotherService) {
     client->disconnect();
 }
 
+TEST(Outage, IsNotAnnouncedByAnyOtherWord) {
+    Broker broker;
+    const EchoService service(broker.address());
+    Recorder recorder;
+    const auto client = newAsker(broker.address(), statusTopic, &recorder);
+    ASSERT_TRUE(recorder.waitForMessages(1));
+    client->publish(statusTopic, "", 1);
+    client->publish(statusTopic, "garbage", 1);
+    ASSERT_TRUE(recorder.waitForMessages(3));
+    EXPECT_EQ(ask(*client, "x"), "re:x");
+    client->disconnect();
+}
+
 TEST(Outage, WaitEndsWhenTheServiceIsBack) {
     Broker broker;
     auto service = std::make_unique<EchoService>(broker.address());

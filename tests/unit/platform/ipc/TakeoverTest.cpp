@@ -56,28 +56,57 @@ TEST(Takeover, ByARealClientIsNamedInTheCause) {
     client->disconnect();
 }
 
+/// Publishes more than the broker takes, until it ends.
+class Flood {
+ public:
+    explicit Flood(ipc::IIPCClient& client)
+        : thread_([this, &client] {
+              while (!enough_) {
+                  try {
+                      client.publish("b", std::string(10000, 'x'), 0);
+                  } catch (const ipc::IPCException&) {
+                      std::this_thread::yield();  // too much waits for the socket
+                  }
+              }
+          }) {}
+    ~Flood() {
+        enough_ = true;
+        thread_.join();
+    }
+
+ private:
+    std::atomic<bool> enough_{false};
+    std::thread thread_;
+};
+
 TEST(Takeover, IsNamedAlsoWhileMuchIsSent) {
     Broker broker;
-    Recorder first;
+    Recorder recorder;
     const auto client = newClient("prov-client");
-    client->subscribe("a", first);
+    client->subscribe("a", recorder);
     client->connect(broker.address());
-    std::atomic<bool> enough{false};
-    std::thread sending([&] {
-        while (!enough) {
-            try {
-                client->publish("b", std::string(10000, 'x'), 0);
-            } catch (const ipc::IPCException&) {
-                std::this_thread::yield();  // too much waits for the socket
-            }
-        }
-    });
-    const auto other = newClient("prov-client");
-    other->connect(broker.address());
-    EXPECT_TRUE(first.waitForLosses(1));
-    enough = true;
-    sending.join();
-    EXPECT_THAT(first.losses()[0], HasSubstr(cause));
+    {
+        const Flood flood(*client);
+        const auto other = newClient("prov-client");
+        other->connect(broker.address());
+        EXPECT_TRUE(recorder.waitForLosses(1));
+    }
+    EXPECT_THAT(recorder.losses()[0], HasSubstr(cause));
+    client->disconnect();
+}
+
+TEST(Takeover, ThatTheBrokerTellsIsTheCauseAlsoWhileMuchIsSent) {
+    StubbornBroker broker;
+    Recorder recorder;
+    const auto client = newClient("prov-client");
+    client->subscribe("a", recorder);
+    client->connect(broker.address());
+    {
+        const Flood flood(*client);
+        broker.takeOver();
+        EXPECT_TRUE(recorder.waitForLosses(1));
+    }
+    EXPECT_EQ(recorder.losses()[0], cause);
     client->disconnect();
 }
 

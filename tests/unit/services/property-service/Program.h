@@ -37,6 +37,14 @@ class Program {
         if (pid_ > 0) end(SIGKILL);
     }
 
+    /// Holds it, in effect on return.
+    void freeze() const {
+        ::kill(pid_, SIGSTOP);
+        int status = 0;
+        ::waitpid(pid_, &status, WUNTRACED);
+    }
+    void thaw() const { ::kill(pid_, SIGCONT); }
+
     /// The exit status, or minus the signal that ended it.
     int end(int signal) {
         ::kill(pid_, signal);
