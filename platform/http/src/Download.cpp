@@ -84,7 +84,6 @@ bool Download::waitForRetry(std::chrono::seconds pause) {
     if (!resumable) {
         file_.restart();
         reached_ = ResumePoint();
-        misfit_ = false;
     }
     return !client_.stopSignal()->waitFor(pause);
 }
