@@ -118,7 +118,7 @@ const std::string tenOClock = "Wed, 18 Nov 2026 10:00:00 GMT";
 INSTANTIATE_TEST_SUITE_P(
     Resume, WithoutStrongValidator,
     testing::Values(HttpHeaders{}, HttpHeaders{{"ETag", "W/\"weak\""}}, HttpHeaders{{"ETag", "bare"}},
-                    HttpHeaders{{"ETag", "x\""}}, HttpHeaders{{"ETag", "\"a\", \"b\""}},
+                    HttpHeaders{{"ETag", "xy\""}}, HttpHeaders{{"ETag", "\"a\", \"b\""}},
                     HttpHeaders{{"ETag", "\"a\""}, {"ETag", "\"b\""}}, HttpHeaders{{"Last-Modified", tenOClock}},
                     HttpHeaders{{"Last-Modified", tenOClock}, {"Date", tenOClock}},
                     HttpHeaders{{"Last-Modified", tenOClock}, {"Date", "Wed, 18 Nov 2026 09:59:59 GMT"}},
