@@ -10,6 +10,8 @@ namespace zav {
 
 namespace {
 
+constexpr const char* serverKey = "System.Provision.ProvisioningServer";
+
 unsigned effectivePort(const UrlInfo& url) {
     if (url.port() != 0) return url.port();
     return url.scheme() == "https" ? 443 : 80;
@@ -28,17 +30,14 @@ bool isSameServer(const UrlInfo& a, const UrlInfo& b) {
     return strcasecmp(a.host().c_str(), b.host().c_str()) == 0 && effectivePort(a) == effectivePort(b);
 }
 
-std::optional<Credentials> credentialsFor(const UrlInfo& url,
-                                          const std::shared_ptr<propertyapi::IPropertyApi>& properties) {
+std::optional<ConfiguredCredentials> configuredCredentials(
+    const std::shared_ptr<propertyapi::IPropertyApi>& properties) {
     try {
-        const std::string server = properties->get("System.Provision.ProvisioningServer");
+        const std::string server = properties->get(serverKey);
         if (server.empty()) return std::nullopt;
-        const UrlInfo configured(formatUrl(server, properties));
-        if (!isSameServer(url, configured)) return std::nullopt;
-        if (configured.scheme() == "https" && url.scheme() != "https") return std::nullopt;
-
-        Credentials credentials;
-        if (const std::string& own = configured.userInfo(); !own.empty()) {
+        ConfiguredCredentials configured{UrlInfo(formatUrl(server, properties)), {}};
+        Credentials& credentials = configured.credentials;
+        if (const std::string& own = configured.server.userInfo(); !own.empty()) {
             const auto colon = own.find(':');
             credentials.user = decoded(own.substr(0, colon));
             if (colon != std::string::npos) credentials.password = decoded(own.substr(colon + 1));
@@ -47,13 +46,30 @@ std::optional<Credentials> credentialsFor(const UrlInfo& url,
             credentials.password = properties->get("System.Provision.FactoryAuthPassword");
         }
         if (credentials.user.empty()) return std::nullopt;
-        return credentials;
+        return configured;
     } catch (const UrlException&) {
-        return std::nullopt;  // a configured server that is no URL is nobody's server
+        dbg::Debug::warning() << "Credentials not sent: " << serverKey << " is not a URL" << std::endl;
+        return std::nullopt;
     } catch (const propertyapi::PropertyException& exception) {
         dbg::Debug::warning() << "Credentials cannot be read: " << exception.what() << std::endl;
         return std::nullopt;
     }
+}
+
+unsigned long safeSchemes(const UrlInfo& url) {
+    return CURLAUTH_DIGEST | CURLAUTH_NTLM | (url.scheme() == "https" ? CURLAUTH_BASIC : 0UL);
+}
+
+std::string whyHeldBack(const ConfiguredCredentials& configured, const UrlInfo& url, unsigned long offered,
+                        bool moved) {
+    if (!isSameServer(url, configured.server)) return "it is not the configured provisioning server";
+    if (configured.server.scheme() == "https" && url.scheme() != "https") {
+        return "https is configured, but it was asked over http";
+    }
+    if (moved) return "a redirect has left the server or the protocol where the download began";
+    if ((offered & safeSchemes(url)) != 0) return "";
+    if ((offered & CURLAUTH_BASIC) != 0) return "Basic over plain http would give them away";
+    return "it offers neither Digest nor NTLM, nor Basic over TLS";
 }
 
 }  // namespace zav

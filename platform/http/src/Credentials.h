@@ -18,11 +18,24 @@ struct Credentials {
 /// Whether both are on the same host and port, the schemes' own ports included.
 bool isSameServer(const UrlInfo& a, const UrlInfo& b);
 
-/// The credentials to be used for `url`: those in the configured provisioning server's URL, or else the factory ones.
-/// Nothing when `url` is not on that server (host and port), would carry them with less protection than the configured
-/// URL does, when none are set, or when the properties cannot be read (which is logged). Blocks for up to three
-/// properties; throws nothing of its own.
-std::optional<Credentials> credentialsFor(const UrlInfo& url,
-                                          const std::shared_ptr<propertyapi::IPropertyApi>& properties);
+/// The credentials that are configured, and the server they are for.
+struct ConfiguredCredentials {
+    UrlInfo server;
+    Credentials credentials;
+};
+
+/// Those in the configured provisioning server's URL, or else the factory ones. Nothing when no server or no user is
+/// configured, when the server is not a URL, or when the properties cannot be read (the last two are logged). Blocks
+/// for up to three properties; throws nothing of its own.
+std::optional<ConfiguredCredentials> configuredCredentials(
+    const std::shared_ptr<propertyapi::IPropertyApi>& properties);
+
+/// The authentication schemes (libcurl's mask) that may be used with `url`. Basic tells the password to everybody on
+/// the way, so it needs TLS.
+unsigned long safeSchemes(const UrlInfo& url);
+
+/// Why `configured` must not be sent to `url`, which asks for one of the schemes in `offered`; empty if it may.
+/// `moved`: a redirect has left the server or the protocol where the download began.
+std::string whyHeldBack(const ConfiguredCredentials& configured, const UrlInfo& url, unsigned long offered, bool moved);
 
 }  // namespace zav

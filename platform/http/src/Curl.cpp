@@ -1,5 +1,8 @@
 #include "http/Curl.h"
 
+#include <fcntl.h>
+
+#include <cerrno>
 #include <exception>
 #include <stdexcept>
 #include <utility>
@@ -8,6 +11,16 @@
 #include "debug/Debug.h"
 
 namespace zav {
+
+namespace {
+
+// libcurl 7.88 closes descriptor 0 when memory runs out while it sets up a name lookup. The next socket of the process
+// would get that number, and the next such failure would close it, whoever's it is.
+void holdDescriptorZero() {
+    if (::fcntl(0, F_GETFD) < 0 && errno == EBADF) ::open("/dev/null", O_RDWR);
+}
+
+}  // namespace
 
 Curl::State::State(CurlSettings limitsAndClocks)
     : settings(std::move(limitsAndClocks)), stop(std::make_shared<common::StopSignal>()) {
@@ -34,6 +47,7 @@ void Curl::State::keepHandle() {
 void Curl::State::dropHandle() {
     curl_easy_cleanup(handle);
     handle = nullptr;
+    holdDescriptorZero();
 }
 
 std::shared_ptr<common::StopSignal> Curl::State::stopSignal() const {

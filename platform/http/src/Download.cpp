@@ -2,9 +2,13 @@
 
 #include <strings.h>
 
+#include <array>
+#include <ctime>
+
 #include "DownloadFolders.h"
 #include "Pace.h"
 #include "ResumePlan.h"
+#include "common/Release.h"
 #include "debug/Debug.h"
 
 namespace zav {
@@ -19,9 +23,13 @@ std::uint64_t firmwareLimit(const PartialFile& file) {
     return room > firmwareReserve ? room - firmwareReserve : 0;
 }
 
-// Basic tells the password to everybody on the way, so it needs TLS. The other two are what a phone has the means for.
-unsigned long schemesFor(const UrlInfo& url) {
-    return CURLAUTH_DIGEST | CURLAUTH_NTLM | (url.scheme() == "https" ? CURLAUTH_BASIC : 0UL);
+std::string dateOf(std::chrono::system_clock::time_point time) {
+    const std::time_t seconds = std::chrono::system_clock::to_time_t(time);
+    std::tm parts{};
+    std::array<char, 32> text{};
+    ::gmtime_r(&seconds, &parts);
+    std::strftime(text.data(), text.size(), "%Y-%m-%d", &parts);
+    return text.data();
 }
 
 }  // namespace
@@ -56,6 +64,7 @@ int Download::run() {
         result = attempt();
     }
     if (result == CURLE_OK && status_ == 200) file_.commit();
+    explain(result);
     return result;
 }
 
@@ -75,7 +84,6 @@ bool Download::waitForRetry(std::chrono::seconds pause) {
     if (!resumable) {
         file_.restart();
         reached_ = ResumePoint();
-        misfit_ = false;
     }
     return !client_.stopSignal()->waitFor(pause);
 }
@@ -112,21 +120,42 @@ int Download::attempt() {
 // no further than the server that they are for. Userinfo in a redirect goes nowhere, as in every URL.
 void Download::follow(Hop& hop, const UrlInfo& next) const {
     if (!isSameServer(next, hop.url) || next.scheme() != hop.url.scheme()) {
-        hop.elsewhere = true;
+        hop.moved = true;
         hop.credentials.reset();
     }
     hop.url = next;
 }
 
-// Only asked for by servers that want them: most downloads never touch these properties.
+// Only asked for by servers that want them: most downloads never touch these properties. A server that does not get
+// them has had the last word, so there is one line a download.
 bool Download::findCredentials(Hop& hop, unsigned long offered) const {
-    if (hop.credentials || hop.elsewhere) return false;
-    hop.credentials = credentialsFor(hop.url, properties_);
-    hop.schemes = offered & schemesFor(hop.url);
-    if (!hop.credentials || hop.schemes != 0) return hop.credentials.has_value();
-    dbg::Debug::warning() << "The server asks for credentials in a way that would give them away, not sent"
+    if (hop.credentials) return false;
+    const auto configured = configuredCredentials(properties_);
+    std::string reason;
+    if (configured) {
+        reason = whyHeldBack(*configured, hop.url, offered, hop.moved);
+    } else if (!hop.url.userInfo().empty()) {
+        reason = "those in the URL of a file are never used";
+    } else {
+        return false;
+    }
+    if (reason.empty()) {
+        hop.credentials = configured->credentials;
+        hop.schemes = offered & safeSchemes(hop.url);
+        return true;
+    }
+    dbg::Debug::warning() << "Server " << hop.url.origin() << " asks for credentials, not sent: " << reason
                           << std::endl;
     return false;
+}
+
+// A phone that has lost its time takes every certificate for one of the future.
+void Download::explain(int result) const {
+    if (result != CURLE_PEER_FAILED_VERIFICATION && result != CURLE_SSL_CONNECT_ERROR) return;
+    const auto now = client_.settings.systemNow();
+    if (now >= common::releaseDate) return;
+    dbg::Debug::warning() << "The clock is not set: it shows " << dateOf(now) << ", so certificates are not valid yet"
+                          << std::endl;
 }
 
 void Download::note(const Transfer& transfer) {

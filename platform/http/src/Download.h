@@ -38,7 +38,7 @@ class Download {
 
         UrlInfo url;
         unsigned redirects = 0;
-        bool elsewhere = false;  // has left the server where it began
+        bool moved = false;  // has left the server or the protocol where it began
         std::optional<Credentials> credentials;
         unsigned long schemes = 0;
     };
@@ -49,6 +49,7 @@ class Download {
     bool keepsPace() const;
     void follow(Hop& hop, const UrlInfo& next) const;
     bool findCredentials(Hop& hop, unsigned long offered) const;
+    void explain(int result) const;
     void note(const Transfer& transfer);
 
     // Constant after construction.

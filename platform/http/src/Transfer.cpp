@@ -160,6 +160,10 @@ void Transfer::conclude(CURLcode result, const std::string& url) {
     if (!headersComplete_) {
         // libcurl takes a connection that ends inside the headers for the whole answer.
         if (result == CURLE_OK && !ended_) ended_ = CURLE_RECV_ERROR;
+        if (result == CURLE_OUT_OF_MEMORY && status_ != 0) {  // libcurl's word for a line of more than 100 KiB
+            dbg::Debug::warning() << "A header of the answer is too long, or memory ran out; download failed"
+                                  << std::endl;
+        }
         return;
     }
     if (isRedirect(status_)) redirection_ = resolved(url, header("Location"));

@@ -235,6 +235,14 @@ TEST_F(HeaderLimit, CountsInterimAnswersToo) {
     EXPECT_EQ(fetchBytes(interim + interim + head + chunked + "\r\n"), strangeAnswer);
 }
 
+TEST_F(HeaderLimit, OfASingleLineHasALineToo) {
+    const fakes::LogCapture log;
+    EXPECT_EQ(fetchBytes(head + "A: " + std::string(150000, 'a') + "\r\n" + chunked + "\r\n"), outOfMemory);
+    EXPECT_TRUE(log.has(fakes::warning("platform/http/src/Transfer",
+                                       "A header of the answer is too long, or memory ran out; download failed")))
+        << log.text();
+}
+
 TEST_F(HeaderLimit, StartsAnewWithEachTransfer) {
     const std::string much = head + lines(140000) + chunked + "\r\n";
     EXPECT_EQ(fetchBytes(much), ok);

@@ -118,8 +118,8 @@ const std::string tenOClock = "Wed, 18 Nov 2026 10:00:00 GMT";
 INSTANTIATE_TEST_SUITE_P(
     Resume, WithoutStrongValidator,
     testing::Values(HttpHeaders{}, HttpHeaders{{"ETag", "W/\"weak\""}}, HttpHeaders{{"ETag", "bare"}},
-                    HttpHeaders{{"ETag", "\"a\", \"b\""}}, HttpHeaders{{"ETag", "\"a\""}, {"ETag", "\"b\""}},
-                    HttpHeaders{{"Last-Modified", tenOClock}},
+                    HttpHeaders{{"ETag", "xy\""}}, HttpHeaders{{"ETag", "\"a\", \"b\""}},
+                    HttpHeaders{{"ETag", "\"a\""}, {"ETag", "\"b\""}}, HttpHeaders{{"Last-Modified", tenOClock}},
                     HttpHeaders{{"Last-Modified", tenOClock}, {"Date", tenOClock}},
                     HttpHeaders{{"Last-Modified", tenOClock}, {"Date", "Wed, 18 Nov 2026 09:59:59 GMT"}},
                     HttpHeaders{{"Last-Modified", "long ago"}, {"Date", tenOClock}}));
@@ -198,6 +198,16 @@ TEST_P(Misfit, StartsAgain) {
 
 INSTANTIATE_TEST_SUITE_P(Resume, Misfit, testing::ValuesIn(misfits),
                          [](const auto& row) { return std::string(row.param.name); });
+
+TEST_F(Resume, KeepsNothingOfAMisfitThatBreaks) {
+    HttpAnswer part = HttpAnswer::ok(std::string(1000, 'x'), {e1, range("150000-399999/400000")});
+    part.status = 206;
+    server.on("/image",
+              {HttpAnswer::ok(content, {e1}).cutOffAfter(150000), part.cutOffAfter(500), HttpAnswer::ok(content)});
+    EXPECT_EQ(fetchImage(), ok);
+    EXPECT_TRUE(holds(image, content));
+    EXPECT_EQ(server.requests().at(2).header("Range"), "");
+}
 
 TEST_F(Resume, ThatNeverFitsFails) {
     // Each resumed request is answered with another image's part; each whole one breaks. A stop ends the endless story.

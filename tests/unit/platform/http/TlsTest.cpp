@@ -164,4 +164,39 @@ TEST_F(Tls, BodyWhoseEndIsKnownNeedsNoGoodbye) {
     EXPECT_EQ(contentOf(target), "with a length");
 }
 
+// A phone whose clock was never set.
+class UnsetClock : public Fixture {
+ protected:
+    UnsetClock() : Fixture(settings()) {}
+
+    static zav::CurlSettings settings() {
+        zav::CurlSettings settings;
+        settings.systemNow = [] { return std::chrono::system_clock::time_point(std::chrono::hours(24)); };
+        return settings;
+    }
+
+    const fakes::LogLine line = fakes::warning(
+        "platform/http/src/Download", "The clock is not set: it shows 1970-01-02, so certificates are not valid yet");
+};
+
+TEST_F(UnsetClock, IsLoggedWhenTlsFails) {
+    const fakes::TestAuthority authority;
+    const fakes::HttpServer secure(authority);
+    const fakes::LogCapture log;
+    EXPECT_EQ(fetch(secure.url("/a"), target), peerNotVerified);
+    EXPECT_EQ(log.count(line), 1U) << log.text();
+}
+
+TEST_F(UnsetClock, IsNotLoggedForAnythingElse) {
+    const fakes::LogCapture log;
+    EXPECT_EQ(fetch("/missing"), ok);
+    EXPECT_EQ(log.count(line), 0U);
+}
+
+TEST_F(Tls, FailureSaysNothingAboutAClockThatIsSet) {
+    const fakes::LogCapture log;
+    EXPECT_EQ(fetch(secure.url("/a.xml"), target), peerNotVerified);
+    EXPECT_EQ(log.text().find("clock"), std::string::npos) << log.text();
+}
+
 }  // namespace
