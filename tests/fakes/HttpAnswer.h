@@ -49,9 +49,9 @@ struct HttpRequest {
 
 /// How a connection ends.
 enum class Ending {
-    orderly,         // with TLS's own goodbye
-    withoutGoodbye,  // TLS is cut: the end of the connection comes unannounced
-    reset,           // nothing that is under way arrives
+    orderly,             // TLS ends with close_notify
+    withoutCloseNotify,  // TLS is cut
+    reset,               // nothing that is under way arrives
 };
 
 struct HttpAnswer {

@@ -148,7 +148,7 @@ void HttpServer::State::accept() {
 }
 
 void HttpServer::State::serve(Connection& connection) {
-    const Ending ending = greet(connection) ? answerRequests(connection) : Ending::withoutGoodbye;
+    const Ending ending = greet(connection) ? answerRequests(connection) : Ending::withoutCloseNotify;
     close(connection, ending);
 }
 

@@ -224,7 +224,7 @@ class HostileTest(phone.PhoneTest):
         self.assertIn('username="phone"', own["/asks-and-leaves"])
         self.assertIn('username="phone"', own["/own"], "the configured server gets them, as a digest")
         self.assertEqual(own["/basic"], "", "and not readable over plain http")
-        self.log.wait("The server asks for credentials in a way that would give them away, not sent")
+        self.log.wait("asks for credentials, not sent: Basic over plain http would give them away")
         self.assertNotIn("factory", "\n".join(self.log.lines()), "the password stands in no log line")
 
 

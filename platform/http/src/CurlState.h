@@ -7,7 +7,7 @@
 #include <memory>
 #include <mutex>
 
-#include "TlsGoodbye.h"
+#include "CloseNotify.h"
 #include "http/Curl.h"
 #include "security/TrustedCertificates.h"
 
@@ -42,7 +42,7 @@ struct Curl::State {
     const CurlSettings settings;
 
     // The transferring thread's alone.
-    TlsGoodbye goodbye;  // destroyed after the handle, whose connections report to it
+    CloseNotify closeNotify;  // destroyed after the handle, whose connections report to it
     std::shared_ptr<const TrustedCertificates> trusted;
     CURL* handle = nullptr;
 

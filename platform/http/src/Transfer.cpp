@@ -141,7 +141,7 @@ int Transfer::run(const std::string& url) {
 CURLcode Transfer::perform(const std::string& url) {
     offset_ = order_.file.size();
     reached_.url = url;
-    state_.goodbye.forget();
+    state_.closeNotify.forget();
     const CURLcode result = curl_easy_perform(handle_);
     curl_easy_getinfo(handle_, CURLINFO_RESPONSE_CODE, &status_);
     long offered = 0;
@@ -185,7 +185,7 @@ bool Transfer::isEndConfirmed(const std::string& url) const {
     if (strncasecmp(url.c_str(), "https:", 6) != 0) return true;
     curl_off_t announced = -1;
     curl_easy_getinfo(handle_, CURLINFO_CONTENT_LENGTH_DOWNLOAD_T, &announced);
-    return announced >= 0 || isChunked(headers("Transfer-Encoding")) || state_.goodbye.wasReceived();
+    return announced >= 0 || isChunked(headers("Transfer-Encoding")) || state_.closeNotify.wasReceived();
 }
 
 std::string Transfer::header(const char* name) const {
@@ -321,7 +321,7 @@ CURLcode Transfer::tlsCallback(CURL* /*handle*/, void* context, void* self) {
     try {
         X509_STORE* const store = static_cast<Transfer*>(self)->trusted_->store();
         SSL_CTX_set1_cert_store(static_cast<SSL_CTX*>(context), store);
-        static_cast<Transfer*>(self)->state_.goodbye.watch(static_cast<SSL_CTX*>(context));
+        static_cast<Transfer*>(self)->state_.closeNotify.watch(static_cast<SSL_CTX*>(context));
         return CURLE_OK;
     } catch (...) {
         return CURLE_OUT_OF_MEMORY;

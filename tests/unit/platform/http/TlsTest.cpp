@@ -118,14 +118,14 @@ class WithoutLength : public Tls {
     }
 };
 
-TEST_F(WithoutLength, EndsWithTheServersGoodbye) {
+TEST_F(WithoutLength, EndsWithCloseNotify) {
     secure.on("/a", answer(fakes::Ending::orderly));
     EXPECT_EQ(fetch(secure.url("/a"), target), ok);
     EXPECT_EQ(contentOf(target), "a body without a length");
 }
 
 TEST_F(WithoutLength, IsNoFileWhenTheConnectionIsCut) {
-    secure.on("/a", answer(fakes::Ending::withoutGoodbye));
+    secure.on("/a", answer(fakes::Ending::withoutCloseNotify));
     const fakes::LogCapture log;
     EXPECT_EQ(fetch(secure.url("/a"), target), partialFile);
     EXPECT_EQ(curl->getHttpCode(), 200);
@@ -135,28 +135,28 @@ TEST_F(WithoutLength, IsNoFileWhenTheConnectionIsCut) {
         << log.text();
 }
 
-TEST_F(WithoutLength, TakesNoOtherConnectionsGoodbye) {
-    secure.on("/a", {answer(fakes::Ending::orderly), answer(fakes::Ending::withoutGoodbye)});
+TEST_F(WithoutLength, IgnoresCloseNotifyOfAnEarlierConnection) {
+    secure.on("/a", {answer(fakes::Ending::orderly), answer(fakes::Ending::withoutCloseNotify)});
     EXPECT_EQ(fetch(secure.url("/a"), target), ok);
     EXPECT_EQ(fetch(secure.url("/a"), target), partialFile);
 }
 
 TEST_F(WithoutLength, IsABreakOfAnImage) {
     const std::string image = "/config/swupdate/cut.bin";
-    secure.on("/a", {answer(fakes::Ending::withoutGoodbye), answer(fakes::Ending::orderly)});
+    secure.on("/a", {answer(fakes::Ending::withoutCloseNotify), answer(fakes::Ending::orderly)});
     EXPECT_EQ(fetch(secure.url("/a"), image), ok);
     EXPECT_EQ(contentOf(image), "a body without a length");
     EXPECT_EQ(secure.requests().size(), 2U);
     std::filesystem::remove(image);
 }
 
-TEST_F(Tls, BodyWhoseEndIsKnownNeedsNoGoodbye) {
+TEST_F(Tls, BodyWithLengthOrChunksNeedsNoCloseNotify) {
     trust(authority.certificate());
     HttpAnswer chunked = HttpAnswer::ok("in chunks");
     chunked.chunked = true;
-    chunked.ending = fakes::Ending::withoutGoodbye;
+    chunked.ending = fakes::Ending::withoutCloseNotify;
     HttpAnswer counted = HttpAnswer::ok("with a length");
-    counted.ending = fakes::Ending::withoutGoodbye;
+    counted.ending = fakes::Ending::withoutCloseNotify;
     secure.on("/a", {chunked, counted});
     EXPECT_EQ(fetch(secure.url("/a"), target), ok);
     EXPECT_EQ(contentOf(target), "in chunks");

@@ -1,4 +1,4 @@
-#include "TlsGoodbye.h"
+#include "CloseNotify.h"
 
 #include <new>
 
@@ -14,17 +14,17 @@ int slot() {
 
 }  // namespace
 
-void TlsGoodbye::watch(SSL_CTX* context) {
+void CloseNotify::watch(SSL_CTX* context) {
     // Newer versions of libcurl report a cut by themselves once this is off; 7.88 does not.
     SSL_CTX_clear_options(context, SSL_OP_IGNORE_UNEXPECTED_EOF);
     if (slot() < 0 || SSL_CTX_set_ex_data(context, slot(), this) != 1) throw std::bad_alloc();
-    SSL_CTX_set_info_callback(context, &TlsGoodbye::onEvent);
+    SSL_CTX_set_info_callback(context, &CloseNotify::onEvent);
 }
 
-void TlsGoodbye::onEvent(const SSL* connection, int where, int value) {
+void CloseNotify::onEvent(const SSL* connection, int where, int value) {
     constexpr int descriptionMask = 0xff;
     if (where != SSL_CB_READ_ALERT || (value & descriptionMask) != SSL_AD_CLOSE_NOTIFY) return;
-    static_cast<TlsGoodbye*>(SSL_CTX_get_ex_data(SSL_get_SSL_CTX(connection), slot()))->received_ = true;
+    static_cast<CloseNotify*>(SSL_CTX_get_ex_data(SSL_get_SSL_CTX(connection), slot()))->received_ = true;
 }
 
 }  // namespace zav

@@ -8,11 +8,11 @@
 
 namespace zav {
 
-class TlsGoodbye {
+class CloseNotify {
  public:
-    TlsGoodbye() = default;
-    TlsGoodbye(const TlsGoodbye&) = delete;
-    TlsGoodbye& operator=(const TlsGoodbye&) = delete;
+    CloseNotify() = default;
+    CloseNotify(const CloseNotify&) = delete;
+    CloseNotify& operator=(const CloseNotify&) = delete;
 
     /// Watches all connections that are made from `context`. Throws std::bad_alloc.
     void watch(SSL_CTX* context);
