@@ -4,15 +4,14 @@ the folder that it is for."""
 import gzip
 import os
 import shutil
-import subprocess
 import threading
 
+import certificates
+import faults
 import phone
-from files import LABEL, categories, direct, element, params, root, settings_file
-from raw_server import HEAD, RawServer, endless, ok, redirect
-
-INITIAL = "/var/volatile/provisioning/provisioning.xml"
-GOOD = direct([(LABEL, "good")]).encode()
+from faults import GOOD, INITIAL
+from files import LABEL, categories, element, root, settings_file
+from raw_server import HEAD, endless, ok, redirect
 
 # What the server says to the request for the initial file -> what the log says.
 ANSWERS = {
@@ -78,31 +77,7 @@ def files():
     return found
 
 
-class HostileTest(phone.PhoneTest):
-    @classmethod
-    def setUpClass(cls):
-        subprocess.run(["openssl", "req", "-x509", "-newkey", "rsa:2048", "-nodes", "-subj", "/CN=127.0.0.1", "-addext",
-                        "subjectAltName=IP:127.0.0.1", "-days", "2", "-keyout", "/tmp/self.key", "-out", "/tmp/self.crt"],
-                       check=True, capture_output=True)
-        with open("/tmp/self.pem", "wb") as out:
-            for name in ("/tmp/self.crt", "/tmp/self.key"):
-                with open(name, "rb") as file:
-                    out.write(file.read())
-        super().setUpClass()
-
-    def serve(self, answers=None, answer=None, certificate=None):
-        server = RawServer(answers, answer, certificate)
-        self.addCleanup(server.close)
-        return server
-
-    def configure(self, server):
-        self.bus.set("System.Provision.ProvisioningServer", server.url)
-
-    def check_alive(self):
-        good = self.serve({"/provisioning.xml": ok(GOOD)})
-        self.configure(good)
-        self.assertEqual(self.provision(), "success")
-
+class HostileTest(faults.FaultTest):
     def test_answers(self):
         for name, (answer, line) in ANSWERS.items():
             with self.subTest(name):
@@ -197,7 +172,7 @@ class HostileTest(phone.PhoneTest):
         self.check_alive()
 
     def test_a_certificate_that_nobody_vouches_for(self):
-        self.configure(self.serve({"/provisioning.xml": ok(GOOD)}, certificate="/tmp/self.pem"))
+        self.configure(self.serve({"/provisioning.xml": ok(GOOD)}, certificate=certificates.self_signed()))
         self.assertEqual(self.provision(), "fail")
         self.log.wait("Curl Error: SSL peer certificate or SSH remote key was not OK HTTP Error: 0 No answer")
         self.check_alive()
