@@ -31,8 +31,13 @@ std::string limitsOf(const Json::Value& json) {
 }
 
 Definition read(const Json::Value& json) {
-    return {textOf(json["type"]),     textOf(json["default"]),  textOf(json["description"]),
-            json["readOnly"] == true, json["volatile"] == true, limitsOf(json)};
+    return {textOf(json["type"]),
+            textOf(json["default"]),
+            textOf(json["description"]),
+            json["readOnly"] == true,
+            json["volatile"] == true,
+            limitsOf(json),
+            listed(json["refusedSources"], "\"")};
 }
 
 }  // namespace

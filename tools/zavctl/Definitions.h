@@ -14,7 +14,8 @@ struct Definition {
     std::string description;
     bool readOnly = false;
     bool isVolatile = false;
-    std::string limits;  // in words, "from 1 to 9"; empty: none
+    std::string limits;          // in words, "from 1 to 9"; empty: none
+    std::string refusedSources;  // in words, "\"provisioning\""; empty: any client may write it
 
     bool isSecret() const { return type == "secret"; }
 };

@@ -10,6 +10,16 @@
 
 namespace zavctl {
 
+namespace {
+
+std::string writersOf(const Definition& definition) {
+    if (definition.readOnly) return "nobody: it is read-only";
+    if (definition.refusedSources.empty()) return "any client";
+    return "any client except " + definition.refusedSources;
+}
+
+}  // namespace
+
 ExitCode describe(const Environment& environment, const Options& options, const std::string& key) {
     Session session(environment, options.host);
     session.connect();
@@ -25,7 +35,7 @@ ExitCode describe(const Environment& environment, const Options& options, const 
         {"Description", definition.description},
         {"Type", definition.limits.empty() ? definition.type : definition.type + ", " + definition.limits},
         {"Default", definition.defaultValue.empty() ? "empty" : definition.defaultValue},
-        {"Written by", definition.readOnly ? "nobody: it is read-only" : "any client"},
+        {"Written by", writersOf(definition)},
         {"Lasts", definition.isVolatile ? "until the property service starts again" : "for good"},
     };
     for (const auto& [name, text] : lines) {

@@ -110,13 +110,6 @@ std::vector<std::string> refusedSourcesOf(const Json::Value& json) {
     return sources;
 }
 
-/// The rule knows the members that limit values; who may write is not among them.
-std::shared_ptr<const ValueRule> ruleOf(const Json::Value& json) {
-    Json::Value definition = json;
-    definition.removeMember("refusedSources");
-    return makeValueRule(definition);
-}
-
 std::string limitsOf(const Json::Value& json, const std::string& type) {
     Json::StreamWriterBuilder builder;
     builder["indentation"] = "";
@@ -132,7 +125,7 @@ std::string limitsOf(const Json::Value& json, const std::string& type) {
 std::shared_ptr<const Definition> readDefinition(const Json::Value& json) {
     if (!json.isObject()) throw std::invalid_argument("the definition must be an object");
     auto definition = std::make_shared<Definition>();
-    definition->rule = ruleOf(json);
+    definition->rule = makeValueRule(json);
     definition->type = json["type"].asString();
     definition->limits = limitsOf(json, definition->type);
     if (!json["description"].isString() || json["description"].asString().empty()) {

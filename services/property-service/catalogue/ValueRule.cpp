@@ -278,7 +278,8 @@ const Type* findType(const std::string& name) {
 }  // namespace
 
 std::shared_ptr<const ValueRule> makeValueRule(const Json::Value& definition) {
-    static const std::set<std::string> common{"type", "default", "description", "readOnly", "volatile"};
+    static const std::set<std::string> common{"type",     "default",  "description",
+                                              "readOnly", "volatile", "refusedSources"};
     if (!definition["type"].isString()) throw std::invalid_argument("\"type\" is missing");
     const std::string name = definition["type"].asString();
     const Type* const type = findType(name);

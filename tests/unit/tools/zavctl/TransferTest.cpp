@@ -63,7 +63,8 @@ constexpr char catalogueText[] = R"({"version": 1, "keys": {
     "Web.Password": {"type": "secret", "maxLength": 8, "default": "", "description": "Who may"},
     "Web.URL": {"type": "url", "schemes": ["https"], "default": "", "description": "d"},
     "Serial": {"type": "text", "default": "42", "readOnly": true, "description": "d"},
-    "State.Call": {"type": "enum", "values": ["", "yes"], "default": "", "description": "d"}
+    "State.Call": {"type": "enum", "values": ["", "yes"], "refusedSources": ["provisioning"], "default": "",
+                   "description": "d"}
 }})";
 
 class Transfer : public testing::Test {
@@ -116,6 +117,7 @@ TEST_F(Transfer, DescribePrintsWhatTheCatalogueSays) {
               "Lasts        for good\n");
     run({"describe", "State.Call"});
     EXPECT_THAT(out.str(), HasSubstr("Type         enum, one of \"\", \"yes\"\nDefault      empty\n"));
+    EXPECT_THAT(out.str(), HasSubstr("Written by   any client except \"provisioning\"\n"));
     EXPECT_THAT(out.str(), HasSubstr("Lasts        until the property service starts again\n"));
     run({"describe", "Web.URL"});
     EXPECT_THAT(out.str(), HasSubstr("url, beginning with https\n"));
