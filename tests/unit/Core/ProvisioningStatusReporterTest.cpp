@@ -167,7 +167,7 @@ TEST_F(ProvisioningStatusReporterTest, ReadingWhileAPassWritesIsSafe) {
     pass.join();
 }
 
-TEST_F(ProvisioningStatusReporterTest, ALogThatNobodyReadsHoldsUpNoReader) {
+TEST_F(ProvisioningStatusReporterTest, AnUnreadLogDoesNotDelayReaders) {
     fakes::FullStandardError full;
     std::atomic<bool> reported{false};
     full.hold();

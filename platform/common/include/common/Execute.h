@@ -26,7 +26,7 @@ class CommandNotStartedException : public ExecuteException {
 /// group is killed and reaped. Blocks the calling thread; any thread may call it.
 /// A command that still runs when `stop` is overdue is killed as well.
 /// Throws ExecuteException when the command cannot be started, exits other than 0, dies of a signal or takes too long;
-/// of these CommandNotStartedException when there is no process or the shell does not find the program.
+/// of these CommandNotStartedException if no process can be created or the shell does not find the program.
 void execute(const std::string& command, std::chrono::milliseconds timeout, const common::StopSignal* stop = nullptr);
 
 }  // namespace os

@@ -70,7 +70,7 @@ TEST_F(ProgressReporterTest, ReleaseEndsEveryWait) {
     EXPECT_EQ(log_.count(consumed), 3U);
 }
 
-TEST_F(ProgressReporterTest, ALogThatNobodyReadsHoldsUpNoSignal) {
+TEST_F(ProgressReporterTest, AnUnreadLogDoesNotDelaySignals) {
     startWaiter();
     fakes::FullStandardError full;
     full.hold();

@@ -103,7 +103,7 @@ TEST_P(OutputTest, DuringAShutdownAllLinesTogetherWaitBriefly) {
     EXPECT_LT(Clock::now() - begin, dbg::Output::patience);
 }
 
-TEST_P(OutputTest, ALineIsLostWhenNobodyCanReadIt) {
+TEST_P(OutputTest, LinesWithoutAReaderAreDroppedAtOnce) {
     ::close(ends_[0]);
     ends_[0] = -1;
     ::signal(SIGPIPE, SIG_IGN);
