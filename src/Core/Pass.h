@@ -31,7 +31,7 @@ class Pass {
     /// What an outermost pass and everything nested in it have used up.
     struct Usage {
         std::size_t items = 0;      // read from provisioning files
-        unsigned files = 0;         // downloaded beside the initial ones
+        unsigned files = 0;         // of any kind, downloaded beside the initial ones
         unsigned nestedPasses = 0;  // started by redirects
         bool decryptionReported = false;
     };

@@ -5,8 +5,10 @@
 #include <sys/stat.h>
 
 #include <cerrno>
+#include <filesystem>
 #include <string>
 #include <system_error>
+#include <vector>
 
 #include "Core/Constants.h"
 #include "Core/Utils.h"
@@ -45,10 +47,22 @@ void unlockScreen(propertyapi::IPropertyApi& properties) {
     }
     if (state != uiLocked) return;
     dbg::Debug::warning() << "The screen was left locked by a zavd that was killed, unlocking it" << std::endl;
-    try {
-        properties.set(constants::provisioningLockUiKey, uiUnlocked);
-    } catch (const propertyapi::PropertyException& e) {
-        dbg::Debug::error() << "Could not unlock the screen: " << e.what() << std::endl;
+    properties.set(constants::provisioningLockUiKey, uiUnlocked);
+}
+
+// What openssl had decrypted when the daemon was killed, or still decrypts: it may be readable text.
+void removeDecryptedLeftovers() {
+    namespace fs = std::filesystem;
+    std::error_code error;
+    std::vector<fs::path> leftovers;
+    for (fs::recursive_directory_iterator each(provisioningDirectory(), error), end; !error && each != end;
+         each.increment(error)) {
+        if (each->path().extension() == ".tmp" && !each->is_directory(error)) leftovers.push_back(each->path());
+    }
+    for (const fs::path& path : leftovers) {
+        if (fs::remove(path, error)) {
+            dbg::Debug::info() << "Removed a half-decrypted file: " << path.string() << std::endl;
+        }
     }
 }
 
@@ -58,7 +72,12 @@ DaemonLock::DaemonLock() : state_(lock(file_)) {}
 
 void cleanUpAfterPredecessor(propertyapi::IPropertyApi& properties) {
     removePartialDownloads();
-    unlockScreen(properties);
+    try {
+        removeDecryptedLeftovers();
+        unlockScreen(properties);
+    } catch (const std::exception& e) {
+        dbg::Debug::error() << "Could not clean up after an earlier zavd: " << e.what() << std::endl;
+    }
 }
 
 }  // namespace zav

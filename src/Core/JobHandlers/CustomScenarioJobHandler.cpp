@@ -3,6 +3,7 @@
 #include <utility>
 
 #include "Core/Constants.h"
+#include "Core/Pass.h"
 #include "Core/PassState.h"
 #include "Core/Utils.h"
 #include "common/Quote.h"
@@ -60,6 +61,7 @@ CustomScenarioJobHandler::CustomScenarioJobHandler(const JobDescription& job, st
 int CustomScenarioJobHandler::run() {
     bool ok = true;
     for (const Attributes& step : job_->items) {
+        Pass::current().throwIfOverdue();
         const std::string type = attribute(step, "type", "???");
         const auto operation = steps_.find(type);
         if (operation == steps_.end()) {
@@ -80,6 +82,7 @@ UrlInfo CustomScenarioJobHandler::resolveStepUrl(const Attributes& step) const {
 // `what` names the file in the error line.
 bool CustomScenarioJobHandler::download(const std::string& what, const std::string& source,
                                         const std::string& destination) {
+    if (!mayDownload(source)) return false;
     FileDownloader downloader(curl_, security_, properties_);
     const int code = downloader.downloadFile(source, destination);
     const long httpCode = curl_->getHttpCode();

@@ -101,6 +101,7 @@ int FirmwareJobHandler::downloadAndInstall(const std::string& url) {
     const UrlInfo urlInfo = makeJobUrlInfo(url, properties_->get(constants::provisioningServerKey));
     const std::string source = urlInfo.text();
     const std::string destination = formatUrl(firmwareDirectory() + urlInfo.localName(), properties_);
+    if (!mayDownload(source)) return jobFail;
     FileDownloader downloader(curl_, security_, properties_);
     const int code = downloader.downloadFile(source, destination);
     const long httpCode = curl_->getHttpCode();

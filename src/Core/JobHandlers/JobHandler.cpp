@@ -41,6 +41,7 @@ bool contains(const AllowedJobs& jobs, const JobDescription& job) {
 }
 
 bool isAllowed(const JobDescription& job) {
+    Pass::current().throwIfOverdue();
     const std::string version = currentProvisioningVersion();
     if (version == "1.0" && contains(jobsOfVersion10(), job)) return true;
     if (version == "1.1" && contains(jobsOfVersion11(), job)) return true;
@@ -69,6 +70,7 @@ std::string JobHandler::findNewestUrl(const JobDescription& job) {
     std::string newest = oldestVersion;
     std::string url;
     for (const Attributes& item : job.items) {
+        Pass::current().throwIfOverdue();
         const auto version = item.find("version");
         if (version == item.end()) {
             url = item.at("url");
@@ -102,13 +104,18 @@ int JobHandler::startJob(const JobDescription& job) {
     return result;
 }
 
+bool JobHandler::mayDownload(const std::string& url) {
+    Pass& pass = Pass::current();
+    pass.throwIfOverdue();
+    if (pass.useFile()) return true;
+    dbg::Debug::error() << "File " << url << " follows " << Pass::maximumFiles
+                        << " others in this pass and will not be downloaded" << std::endl;
+    return false;
+}
+
 bool JobHandler::downloadAndParse(const std::string& url, const std::string& destination,
                                   std::vector<JobDescription>& jobs) {
-    if (!Pass::current().useFile()) {
-        dbg::Debug::error() << "File " << url << " follows " << Pass::maximumFiles
-                            << " others in this pass and will not be downloaded" << std::endl;
-        return false;
-    }
+    if (!mayDownload(url)) return false;
     FileDownloader downloader(curl_, security_, properties_);
     const int code = downloader.downloadFile(url, destination);
     const long httpCode = curl_->getHttpCode();

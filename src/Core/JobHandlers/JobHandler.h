@@ -43,12 +43,16 @@ class JobHandler {
     /// Throws ShuttingDownException.
     virtual int startJob(const JobDescription& job);
 
-    /// Downloads a provisioning file, verifies it and appends its jobs. Failures are logged, also that the pass has
-    /// downloaded Pass::maximumFiles.
+    /// Downloads a provisioning file, verifies it and appends its jobs. Failures are logged. Throws what mayDownload
+    /// throws.
     virtual bool downloadAndParse(const std::string& url, const std::string& destination,
                                   std::vector<JobDescription>& jobs);
 
  protected:
+    /// Counts a file of any kind that is about to be downloaded. False, with a log line, when the pass has downloaded
+    /// Pass::maximumFiles. Throws ShuttingDownException.
+    static bool mayDownload(const std::string& url);
+
     const JobDescription* const job_;
     const std::shared_ptr<propertyapi::IPropertyApi> properties_;
     const std::shared_ptr<Curl> curl_;

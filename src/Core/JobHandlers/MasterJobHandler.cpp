@@ -1,6 +1,7 @@
 #include "Core/JobHandlers/MasterJobHandler.h"
 
 #include "Core/Constants.h"
+#include "Core/Pass.h"
 #include "Core/PassState.h"
 #include "Core/Utils.h"
 #include "debug/Debug.h"
@@ -22,6 +23,7 @@ bool MasterJobHandler::isSupportedJobType(const std::string& type) {
 
 int MasterJobHandler::run() {
     for (const Attributes& item : job_->items) {
+        Pass::current().throwIfOverdue();
         const std::string& type = item.at("type");
         if (!isSupportedJobType(type)) continue;
         dbg::Debug::info() << "Job Type: " << type << std::endl;

@@ -1,6 +1,7 @@
 #include "Core/JobHandlers/ProvisioningFileParser.h"
 
 #include <fcntl.h>
+#include <unistd.h>
 
 #include <algorithm>
 #include <cctype>
@@ -39,7 +40,8 @@ std::size_t bytesOf(const Attributes& attributes) {
 // Empty when the key can be read.
 std::string whyKeyIsUnreadable() {
     const common::Descriptor key(::open(keyFile, O_RDONLY | O_CLOEXEC));
-    if (key.get() >= 0) return {};
+    char first = 0;
+    if (key.get() >= 0 && ::read(key.get(), &first, 1) >= 0) return {};
     return std::string("Cannot read the key file ") + keyFile + ": " + std::generic_category().message(errno);
 }
 

@@ -76,4 +76,18 @@ TEST_F(PredecessorTest, AScreenWhoseStateCannotBeReadIsLeftAloneSilently) {
     EXPECT_TRUE(phone_.log.lines().empty());
 }
 
+TEST_F(PredecessorTest, HalfDownloadedAndHalfDecryptedFilesAreRemoved) {
+    const std::string folder = "/var/volatile/provisioning/";
+    std::filesystem::create_directories(folder + "nvm");
+    for (const char* name :
+         {"provisioning.xml", "provisioning.xml.tmp", "nvm/settings.xml.tmp", ".settings.xml.part"}) {
+        tests::writeFile(folder + name, "x");
+    }
+    zav::cleanUpAfterPredecessor(*phone_.properties);
+    EXPECT_TRUE(tests::exists(folder + "provisioning.xml"));
+    for (const char* name : {"provisioning.xml.tmp", "nvm/settings.xml.tmp", ".settings.xml.part"}) {
+        EXPECT_FALSE(tests::exists(folder + name)) << name;
+    }
+}
+
 }  // namespace

@@ -319,4 +319,22 @@ TEST_F(CustomScenarioJobHandlerTest, APhoneBookThatIsNotThereFailsAndKeepsTheOld
     EXPECT_NE(text.find("\"extraInfo\" : \"HTTP: 500 Internal Server Error\""), std::string::npos) << text;
 }
 
+TEST_F(CustomScenarioJobHandlerTest, DownloadsCountAgainstTheFilesOfThePass) {
+    server_.on("/book.xml", fakes::HttpAnswer::ok("<book/>"));
+    usage_->files = zav::Pass::maximumFiles - 1;
+    EXPECT_EQ(run({{{"type", "LocalPhoneBook"}, {"url", "/book.xml"}}, {{"type", "certificate"}, {"url", "/one.pem"}}}),
+              0);
+    EXPECT_EQ(server_.requests().size(), 1U);
+    EXPECT_TRUE(phone_.log.has(fakes::error(
+        "Core/JobHandlers/JobHandler",
+        "File " + server_.url("/one.pem") + " follows 1000 others in this pass and will not be downloaded")));
+}
+
+TEST_F(CustomScenarioJobHandlerTest, AShutdownEndsALongScenario) {
+    phone_.properties->onWrite([this](const fakes::PropertyWrite&) { stop_->stop(); });
+    EXPECT_THROW(run({{{"type", "UnlockAllFunctionKeys"}}, {{"type", "UnlockAllFunctionKeys"}}}),
+                 zav::ShuttingDownException);
+    EXPECT_EQ(phone_.properties->writes().size(), 8U) << "the first step alone";
+}
+
 }  // namespace

@@ -321,4 +321,11 @@ TEST_F(FirmwareJobHandlerTest, UrlsThatLeaveTheFolderThrow) {
     }
 }
 
+TEST_F(FirmwareJobHandlerTest, TheImageCountsAgainstTheFilesOfThePass) {
+    usage_->files = zav::Pass::maximumFiles;
+    EXPECT_EQ(run({entry("2.14")}), 0);
+    EXPECT_TRUE(server_.requests().empty());
+    EXPECT_TRUE(phone_.properties->writes().empty());
+}
+
 }  // namespace

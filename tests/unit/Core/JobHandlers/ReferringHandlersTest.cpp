@@ -152,4 +152,12 @@ TEST_F(ReferringHandlersTest, AShutdownStartsNoFurtherJobs) {
     EXPECT_EQ(phone_.properties->writesTo("A"), std::vector<std::string>{"1"});
 }
 
+TEST_F(ReferringHandlersTest, AShutdownEndsAWalkOverCategoriesOrVersions) {
+    stop_->stop();
+    EXPECT_THROW(runMaster({{{"type", "other"}}}), zav::ShuttingDownException);
+    EXPECT_THROW(runDownload({{{"version", "2016-01-01_00:00:00"}, {"url", "/x"}}}), zav::ShuttingDownException);
+    std::vector<JobDescription> jobs{{"settings", "param", {}}};
+    EXPECT_THROW(zav::removeJobsNotAllowed(jobs), zav::ShuttingDownException);
+}
+
 }  // namespace

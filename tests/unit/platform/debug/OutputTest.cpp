@@ -3,14 +3,17 @@
 #include <fcntl.h>
 #include <gtest/gtest.h>
 #include <signal.h>
+#include <stdlib.h>
 #include <sys/socket.h>
+#include <termios.h>
 #include <unistd.h>
 
 #include <array>
-#include <stdexcept>
+#include <atomic>
+#include <condition_variable>
+#include <mutex>
 #include <string>
 #include <thread>
-#include <utility>
 
 namespace {
 
@@ -18,18 +21,41 @@ using Clock = std::chrono::steady_clock;
 
 std::string notice(std::size_t lost) { return std::to_string(lost) + " lost\n"; }
 
-// A pipe or a socket whose reader reads when it is told to.
-class OutputTest : public testing::TestWithParam<bool> {
+enum class Kind { pipe, socket, terminal };
+
+// Something whose reader reads when it is told to.
+class OutputTest : public testing::TestWithParam<Kind> {
  protected:
     OutputTest() {
-        const bool made =
-            GetParam() ? ::socketpair(AF_UNIX, SOCK_STREAM, 0, ends_.data()) == 0 : ::pipe(ends_.data()) == 0;
-        if (!made) throw std::runtime_error("no pipe");
-        if (GetParam()) std::swap(ends_[0], ends_[1]);
+        switch (GetParam()) {
+            case Kind::pipe:
+                made_ = ::pipe(ends_.data()) == 0;
+                break;
+            case Kind::socket:
+                made_ = ::socketpair(AF_UNIX, SOCK_STREAM, 0, ends_.data()) == 0;
+                break;
+            case Kind::terminal:
+                openTerminal();
+                break;
+        }
         ::fcntl(ends_[0], F_SETFL, O_NONBLOCK);
     }
     ~OutputTest() override {
         for (const int end : ends_) ::close(end);
+    }
+    void SetUp() override { ASSERT_TRUE(made_); }
+
+    // The master's end reads what is written to the terminal, which leaves line breaks as they are.
+    void openTerminal() {
+        ends_[0] = ::posix_openpt(O_RDWR | O_NOCTTY);
+        std::array<char, 64> name{};
+        if (::grantpt(ends_[0]) != 0 || ::unlockpt(ends_[0]) != 0) return;
+        if (::ptsname_r(ends_[0], name.data(), name.size()) != 0) return;
+        ends_[1] = ::open(name.data(), O_RDWR | O_NOCTTY);
+        termios settings{};
+        if (::tcgetattr(ends_[1], &settings) != 0) return;
+        settings.c_oflag &= ~static_cast<tcflag_t>(OPOST);
+        made_ = ::tcsetattr(ends_[1], TCSANOW, &settings) == 0;
     }
 
     std::string read() {
@@ -56,7 +82,8 @@ class OutputTest : public testing::TestWithParam<bool> {
         return text + "\n";
     }
 
-    std::array<int, 2> ends_{};
+    std::array<int, 2> ends_{-1, -1};
+    bool made_ = false;
 };
 
 TEST_P(OutputTest, AReaderThatStopsReadingCostsOneWaitAndThenLines) {
@@ -113,7 +140,61 @@ TEST_P(OutputTest, LinesWithoutAReaderAreDroppedAtOnce) {
     EXPECT_LT(Clock::now() - begin, dbg::Output::patience);
 }
 
-INSTANTIATE_TEST_SUITE_P(Kinds, OutputTest, testing::Values(false, true),
-                         [](const auto& kind) { return kind.param ? "Socket" : "Pipe"; });
+// The reader takes a little now and then, and never enough for the line.
+TEST_P(OutputTest, ALineThatIsTakenTooSlowlyIsGivenUp) {
+    dbg::Output output(ends_[1]);
+    std::atomic<bool> ended{false};
+    std::thread reader([&] {
+        std::array<char, 1024> buffer{};
+        std::mutex mutex;
+        std::condition_variable never;
+        while (!ended) {
+            [[maybe_unused]] const ssize_t size = ::read(ends_[0], buffer.data(), buffer.size());
+            std::unique_lock<std::mutex> lock(mutex);
+            never.wait_for(lock, std::chrono::milliseconds(100));
+        }
+    });
+    const auto begin = Clock::now();
+    output.write(std::string(1000000, 'x') + "\n", notice);
+    const auto taken = Clock::now() - begin;
+    ended = true;
+    reader.join();
+    EXPECT_LT(taken, 2 * dbg::Output::patience);
+}
+
+TEST_P(OutputTest, AShutdownDoesNotWaitForALineThatWaits) {
+    dbg::Output output(ends_[1]);
+    std::atomic<bool> waiting{false};
+    std::thread writer([&] {
+        waiting = true;
+        output.write(std::string(1000000, 'x') + "\n", notice);
+    });
+    while (!waiting) std::this_thread::yield();
+    const auto begin = Clock::now();
+    output.beginShutdown();
+    EXPECT_LT(Clock::now() - begin, dbg::Output::shutdownPatience);
+    writer.join();
+    EXPECT_LT(Clock::now() - begin, dbg::Output::patience);
+}
+
+TEST_P(OutputTest, WhatIsOpenedUnderItsNumberIsFollowed) {
+    std::array<int, 2> other{};
+    ASSERT_EQ(::pipe(other.data()), 0);
+    dbg::Output output(ends_[1]);
+    output.write("first\n", notice);
+    ASSERT_EQ(::dup2(other[1], ends_[1]), ends_[1]);
+    output.write("second\n", notice);
+    std::array<char, 64> buffer{};
+    EXPECT_EQ(read(), "first\n");
+    EXPECT_EQ(::read(other[0], buffer.data(), buffer.size()), 7);
+    for (const int end : other) ::close(end);
+}
+
+std::string nameOf(const testing::TestParamInfo<Kind>& kind) {
+    if (kind.param == Kind::pipe) return "Pipe";
+    return kind.param == Kind::socket ? "Socket" : "Terminal";
+}
+
+INSTANTIATE_TEST_SUITE_P(Kinds, OutputTest, testing::Values(Kind::pipe, Kind::socket, Kind::terminal), nameOf);
 
 }  // namespace
