@@ -1,6 +1,5 @@
 #include "Transfer.h"
 
-#include <openssl/ssl.h>
 #include <strings.h>
 
 #include <algorithm>
@@ -82,7 +81,8 @@ CURLcode Transfer::setOptions(const std::string& url, const curl_slist* headers)
         .set(CURLOPT_NETRC, long{CURL_NETRC_IGNORED})
         .set(CURLOPT_PROXY, "")  // not even what the environment names
         .set(CURLOPT_NOSIGNAL, 1L)
-        .set(CURLOPT_QUICK_EXIT, 1L)  // never wait for a name resolution that was given up
+        .set(CURLOPT_MAXCONNECTS, 1L)  // only one is looked at before it is used again
+        .set(CURLOPT_QUICK_EXIT, 1L)   // never wait for a name resolution that was given up
         .set(CURLOPT_CONNECTTIMEOUT, static_cast<long>(state_.settings.connectTimeout.count()))
         .set(CURLOPT_LOW_SPEED_LIMIT, 1L)
         .set(CURLOPT_LOW_SPEED_TIME, static_cast<long>(state_.settings.stallTimeout.count()))
@@ -127,8 +127,8 @@ int Transfer::run(const std::string& url) {
     CURLcode result = setOptions(url, headers.get());
     if (result == CURLE_OK) result = perform(url);
     // Nothing of ours, credentials least of all, stays behind in the handle.
-    if (result == CURLE_OK) {
-        state_.keepHandle();
+    if (result == CURLE_OK && isUsedUp()) {
+        state_.keepHandle(tls_);
     } else {
         state_.dropHandle();
     }
@@ -137,11 +137,14 @@ int Transfer::run(const std::string& url) {
     return ended_.value_or(result);
 }
 
+// Whether all that the server sent belonged to the answer, as far as one can tell. What follows an answer without a
+// body may be a body all the same, and must not be read as the next answer.
+bool Transfer::isUsedUp() const { return !ended_ && !failure_ && (kept_ || !redirection_.empty() || status_ == 401); }
+
 // libcurl's own result; `ended_` is what we make of it.
 CURLcode Transfer::perform(const std::string& url) {
     offset_ = order_.file.size();
     reached_.url = url;
-    state_.closeNotify.forget();
     const CURLcode result = curl_easy_perform(handle_);
     curl_easy_getinfo(handle_, CURLINFO_RESPONSE_CODE, &status_);
     long offered = 0;
@@ -185,7 +188,7 @@ bool Transfer::isEndConfirmed(const std::string& url) const {
     if (strncasecmp(url.c_str(), "https:", 6) != 0) return true;
     curl_off_t announced = -1;
     curl_easy_getinfo(handle_, CURLINFO_CONTENT_LENGTH_DOWNLOAD_T, &announced);
-    return announced >= 0 || isChunked(headers("Transfer-Encoding")) || state_.closeNotify.wasReceived();
+    return announced >= 0 || isChunked(headers("Transfer-Encoding")) || state_.closeNotify.wasReceivedOn(tls_);
 }
 
 std::string Transfer::header(const char* name) const {
@@ -257,9 +260,18 @@ void Transfer::checkSize(std::uint64_t size) {
     if (size > allowed_) ended_ = CURLE_FILESIZE_EXCEEDED;
 }
 
+void Transfer::beginAnswer() {
+    headersComplete_ = false;
+    // libcurl knows it only while it transfers.
+    curl_tlssessioninfo* session = nullptr;
+    curl_easy_getinfo(handle_, CURLINFO_TLS_SSL_PTR, &session);
+    tls_ =
+        session == nullptr || session->backend == CURLSSLBACKEND_NONE ? nullptr : static_cast<SSL*>(session->internals);
+}
+
 std::size_t Transfer::onHeader(const char* data, std::size_t length) {
     const std::string line(data, std::min<std::size_t>(length, 5));
-    if (line == "HTTP/") headersComplete_ = false;
+    if (line == "HTTP/") beginAnswer();
     if (line == "\r\n" || line == "\n") headersComplete_ = true;
     headerBytes_ += length;
     if (headerBytes_ <= mostHeaderBytes) return length;

@@ -3,6 +3,7 @@
 #pragma once
 
 #include <curl/curl.h>
+#include <openssl/ssl.h>
 
 #include <chrono>
 #include <cstdint>
@@ -71,6 +72,8 @@ class Transfer {
     CURLcode setOptions(const std::string& url, const curl_slist* headers);
     CURLcode perform(const std::string& url);
     void conclude(CURLcode result, const std::string& url);
+    bool isUsedUp() const;
+    void beginAnswer();
     void beginBody();
     void beginWhole(curl_off_t announced);
     bool continuesFile(curl_off_t announced);
@@ -99,6 +102,7 @@ class Transfer {
     std::optional<ResumePoint> resumed_;
 
     // What happens meanwhile.
+    const SSL* tls_ = nullptr;  // of the connection that the latest answer came on
     long status_ = 0;
     unsigned long offeredSchemes_ = 0;
     std::size_t headerBytes_ = 0;   // of all answers, trailers included
