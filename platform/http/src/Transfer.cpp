@@ -262,6 +262,7 @@ void Transfer::checkSize(std::uint64_t size) {
 
 void Transfer::beginAnswer() {
     headersComplete_ = false;
+    handedOver_ = 0;
     // libcurl knows it only while it transfers.
     curl_tlssessioninfo* session = nullptr;
     curl_easy_getinfo(handle_, CURLINFO_TLS_SSL_PTR, &session);
@@ -283,6 +284,7 @@ std::size_t Transfer::onHeader(const char* data, std::size_t length) {
 }
 
 std::size_t Transfer::onBody(const char* data, std::size_t length) {
+    handedOver_ += length;
     if (!bodyBegun_) beginBody();
     if (ended_) return 0;
     if (!kept_) {
@@ -302,9 +304,12 @@ std::size_t Transfer::onBody(const char* data, std::size_t length) {
 int Transfer::onProgress(curl_off_t total, curl_off_t now) {
     const auto offset = static_cast<curl_off_t>(offset_);
     const auto elapsed = state_.settings.steadyNow() - order_.begun;
-    if (!ended_ && !keepsPace(elapsed, static_cast<std::int64_t>(order_.received) + now)) {
+    if (!ended_ && !keepsPace(elapsed, static_cast<std::int64_t>(order_.received + received_))) {
         ended_ = CURLE_OPERATION_TIMEDOUT;
     }
+    // libcurl itself reads the page of a 401 that it means to answer.
+    const std::uint64_t read = static_cast<std::uint64_t>(std::max<curl_off_t>(now, 0));
+    if (!ended_ && read > handedOver_ + discardedAtMost) ended_ = CURLE_OK;
     if (!ended_ && state_.isOverdue()) ended_ = CURLE_ABORTED_BY_CALLBACK;
     state_.report(total > 0 ? asLong(offset + total) : 0, asLong(offset + now), 0, 0);
     return ended_ ? 1 : 0;

@@ -112,6 +112,7 @@ class Transfer {
     bool misfit_ = false;
     std::uint64_t offset_ = 0;          // where in the file this body begins
     std::uint64_t received_ = 0;        // bytes written to the file
+    std::uint64_t handedOver_ = 0;      // bytes of the latest answer's body that libcurl handed to us
     std::uint64_t discarded_ = 0;       // bytes of a body that is not kept
     std::uint64_t allowed_ = 0;         // what the limit said last
     std::uint64_t askedUpTo_ = 0;       // the size from which it is asked again
