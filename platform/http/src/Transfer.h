@@ -43,7 +43,7 @@ class Transfer {
 
     /// Sent when the server asks for them, by the schemes in `schemes` (libcurl's mask) only.
     void useCredentials(const Credentials& credentials, unsigned long schemes);
-    /// Asks for the rest behind the file's present size, or for the whole file if `point` no longer fits it.
+    /// Asks for what follows the file's present size, or for the whole file if `point` no longer fits it.
     void resume(const ResumePoint& point) { resumed_ = point; }
 
     /// Runs it and returns a libcurl result code; the client has the status then. Follows no redirect. Blocks. What
@@ -75,6 +75,7 @@ class Transfer {
     bool isUsedUp() const;
     void beginAnswer();
     void beginBody();
+    void checkCodings();
     void beginWhole(curl_off_t announced);
     bool continuesFile(curl_off_t announced);
     void endAsMisfit();
@@ -107,6 +108,7 @@ class Transfer {
     unsigned long offeredSchemes_ = 0;
     std::size_t headerBytes_ = 0;   // of all answers, trailers included
     bool headersComplete_ = false;  // of the latest answer
+    bool chunked_ = false;          // and libcurl takes the chunks apart
     bool bodyBegun_ = false;
     bool kept_ = false;  // the body belongs into the file
     bool misfit_ = false;

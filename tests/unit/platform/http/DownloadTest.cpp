@@ -206,6 +206,12 @@ TEST_F(ContentCoding, OfAnotherStatusDoesNotMatter) {
     EXPECT_EQ(curl->getHttpCode(), 404);
 }
 
+TEST_F(ContentCoding, WithoutAValueIsNone) {
+    EXPECT_EQ(fetchCoded("/a.xml", {{"Content-Encoding", ""}}), ok);
+    EXPECT_EQ(fetchCoded("/a.xml", {{"Content-Encoding", " \t "}}), ok);
+    EXPECT_EQ(fetchCoded("/a.gz", {{"Content-Encoding", ""}, {"Content-Encoding", "gzip "}}), ok);
+}
+
 class HeaderLimit : public Fixture {
  protected:
     // So many bytes of header lines.
