@@ -91,4 +91,10 @@ HttpAnswer HttpAnswer::followedBy(std::string endlessly) const {
     return answer;
 }
 
+HttpAnswer HttpAnswer::with(std::shared_ptr<Afterwards> later) const {
+    HttpAnswer answer = *this;
+    answer.afterwards = std::move(later);
+    return answer;
+}
+
 }  // namespace fakes

@@ -54,6 +54,15 @@ enum class Ending {
     reset,               // nothing that is under way arrives
 };
 
+/// What a server does with a connection that should be idle. `delivered` is reached once the client's
+/// side has it, or has hung up.
+struct Afterwards {
+    std::string sends;
+    bool closes = false;  // TLS, with close_notify
+    std::shared_ptr<Gate> begin = std::make_shared<Gate>();
+    std::shared_ptr<Gate> delivered = std::make_shared<Gate>();
+};
+
 struct HttpAnswer {
     int status = 200;
     HttpHeaders headers;  // besides Content-Length
@@ -68,7 +77,8 @@ struct HttpAnswer {
     bool withoutLength = false;                   // none; the end of the connection is the end of the body
     bool endless = false;                         // the body again and again, without a length
     bool chunked = false;                         // the body in one chunk, without a length
-    std::optional<Ending> ending;                 // closes the connection behind the answer
+    std::optional<Ending> ending;                 // closes the connection after the answer
+    std::shared_ptr<Afterwards> afterwards;
 
     static HttpAnswer ok(std::string body, HttpHeaders headers = {});
     static HttpAnswer error(int status, std::string body = "a page\n");
@@ -79,6 +89,7 @@ struct HttpAnswer {
     HttpAnswer stallingAfter(std::size_t bytes, std::shared_ptr<Gate> where) const;
     HttpAnswer cutOffAfter(std::size_t bytes, Ending how = Ending::orderly) const;
     HttpAnswer followedBy(std::string endlessly) const;
+    HttpAnswer with(std::shared_ptr<Afterwards> later) const;
 };
 
 }  // namespace fakes

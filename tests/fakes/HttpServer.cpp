@@ -1,12 +1,15 @@
 #include "fakes/HttpServer.h"
 
+#include <linux/sockios.h>
 #include <netdb.h>
 #include <netinet/in.h>
 #include <netinet/tcp.h>
 #include <openssl/err.h>
 #include <openssl/pem.h>
 #include <openssl/ssl.h>
+#include <poll.h>
 #include <signal.h>
+#include <sys/ioctl.h>
 #include <sys/socket.h>
 #include <unistd.h>
 
@@ -35,6 +38,7 @@ std::shared_ptr<SSL_CTX> makeTls(const TestCertificate& shown, Flaw flaw) {
         SSL_CTX_set_min_proto_version(tls.get(), TLS1_VERSION);
         SSL_CTX_set_max_proto_version(tls.get(), TLS1_1_VERSION);
     }
+    if (flaw == Flaw::tls12) SSL_CTX_set_max_proto_version(tls.get(), TLS1_2_VERSION);
     const std::unique_ptr<BIO, decltype(&BIO_free)> certificateText(BIO_new_mem_buf(shown.certificate.data(), -1),
                                                                     &BIO_free);
     const std::unique_ptr<BIO, decltype(&BIO_free)> keyText(BIO_new_mem_buf(shown.key.data(), -1), &BIO_free);
@@ -73,6 +77,7 @@ struct HttpServer::State {
     HttpAnswer answerTo(const HttpRequest& request);
     bool send(Connection& connection, const HttpRequest& request, const HttpAnswer& answer);
     bool sendBody(Connection& connection, const HttpAnswer& answer);
+    bool act(const Connection& connection, const Afterwards& afterwards);
     bool stand(const std::shared_ptr<Gate>& gate);
     static bool write(const Connection& connection, const char* data, std::size_t length);
     static long read(const Connection& connection, char* buffer, std::size_t length);
@@ -185,7 +190,8 @@ Ending HttpServer::State::answerRequests(Connection& connection) {
 }
 
 void HttpServer::State::close(Connection& connection, Ending how) {
-    if (connection.tls != nullptr && how == Ending::orderly) SSL_shutdown(connection.tls);
+    const bool closed = connection.tls != nullptr && (SSL_get_shutdown(connection.tls) & SSL_SENT_SHUTDOWN) != 0;
+    if (connection.tls != nullptr && !closed && how == Ending::orderly) SSL_shutdown(connection.tls);
     SSL_free(connection.tls);
     ERR_clear_error();
     if (how == Ending::reset) {
@@ -281,7 +287,23 @@ bool HttpServer::State::send(Connection& connection, const HttpRequest& request,
     head += "\r\n";
     if (answer.raw) head = *answer.raw;
     if (!write(connection, head.data(), head.size())) return false;
-    return (bodiless || sendBody(connection, answer)) && !closing && !answer.ending;
+    if (!bodiless && !sendBody(connection, answer)) return false;
+    if (answer.afterwards && !act(connection, *answer.afterwards)) return false;
+    return !closing && !answer.ending;
+}
+
+// Whether the connection can go on.
+bool HttpServer::State::act(const Connection& connection, const Afterwards& afterwards) {
+    if (!stand(afterwards.begin)) return false;
+    const bool written = write(connection, afterwards.sends.data(), afterwards.sends.size());
+    if (afterwards.closes) SSL_shutdown(connection.tls);
+    const auto isUnderWay = [&] {
+        pollfd watched{connection.fd, 0, 0};
+        int bytes = 0;
+        return ::poll(&watched, 1, 0) == 0 && ::ioctl(connection.fd, SIOCOUTQ, &bytes) == 0 && bytes > 0;
+    };
+    while (isUnderWay()) std::this_thread::yield();
+    return stand(afterwards.delivered) && written && !afterwards.closes;
 }
 
 bool HttpServer::State::sendBody(Connection& connection, const HttpAnswer& answer) {

@@ -28,6 +28,7 @@ namespace fakes {
 enum class Flaw {
     none,
     oldTls,         // speaks TLS 1.1 at most
+    tls12,          // speaks TLS 1.2 at most
     cutsHandshake,  // hangs up in the middle of it
     silent,         // accepts and says nothing
 };

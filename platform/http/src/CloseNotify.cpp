@@ -23,8 +23,10 @@ void CloseNotify::watch(SSL_CTX* context) {
 
 void CloseNotify::onEvent(const SSL* connection, int where, int value) {
     constexpr int descriptionMask = 0xff;
-    if (where != SSL_CB_READ_ALERT || (value & descriptionMask) != SSL_AD_CLOSE_NOTIFY) return;
-    static_cast<CloseNotify*>(SSL_CTX_get_ex_data(SSL_get_SSL_CTX(connection), slot()))->received_ = true;
+    auto* const self = static_cast<CloseNotify*>(SSL_CTX_get_ex_data(SSL_get_SSL_CTX(connection), slot()));
+    // A new connection may lie where the ended one lay.
+    if (where == SSL_CB_HANDSHAKE_START && self->closed_ == connection) self->closed_ = nullptr;
+    if (where == SSL_CB_READ_ALERT && (value & descriptionMask) == SSL_AD_CLOSE_NOTIFY) self->closed_ = connection;
 }
 
 }  // namespace zav

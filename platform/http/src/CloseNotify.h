@@ -17,14 +17,13 @@ class CloseNotify {
     /// Watches all connections that are made from `context`. Throws std::bad_alloc.
     void watch(SSL_CTX* context);
 
-    /// To be called before each transfer.
-    void forget() { received_ = false; }
-    bool wasReceived() const { return received_; }
+    /// Whether the server ended `connection`, which must be alive or have ended in the transfer that asks.
+    bool wasReceivedOn(const SSL* connection) const { return connection != nullptr && closed_ == connection; }
 
  private:
     static void onEvent(const SSL* connection, int where, int value);
 
-    bool received_ = false;
+    const SSL* closed_ = nullptr;  // the latest that the server ended; compared only
 };
 
 }  // namespace zav

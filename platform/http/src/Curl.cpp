@@ -1,6 +1,7 @@
 #include "http/Curl.h"
 
 #include <fcntl.h>
+#include <poll.h>
 
 #include <cerrno>
 #include <exception>
@@ -20,6 +21,12 @@ void holdDescriptorZero() {
     if (::fcntl(0, F_GETFD) < 0 && errno == EBADF) ::open("/dev/null", O_RDWR);
 }
 
+// Between an answer and the next request a server has nothing to say.
+bool isReadable(curl_socket_t socket) {
+    pollfd watched{socket, POLLIN, 0};
+    return socket != CURL_SOCKET_BAD && ::poll(&watched, 1, 0) != 0;
+}
+
 }  // namespace
 
 Curl::State::State(CurlSettings limitsAndClocks)
@@ -34,19 +41,22 @@ Curl::State::~State() {
 }
 
 CURL* Curl::State::handleFor(std::shared_ptr<const TrustedCertificates> certificates) {
-    if (certificates != trusted) dropHandle();
+    if (certificates != trusted || isReadable(kept)) dropHandle();
     trusted = std::move(certificates);
     if (handle == nullptr) handle = curl_easy_init();
     return handle;
 }
 
-void Curl::State::keepHandle() {
-    if (handle != nullptr) curl_easy_reset(handle);
+void Curl::State::keepHandle(const SSL* tls) {
+    curl_easy_getinfo(handle, CURLINFO_ACTIVESOCKET, &kept);
+    if (kept == CURL_SOCKET_BAD || (tls != nullptr && SSL_has_pending(tls) != 0)) return dropHandle();
+    curl_easy_reset(handle);
 }
 
 void Curl::State::dropHandle() {
     curl_easy_cleanup(handle);
     handle = nullptr;
+    kept = CURL_SOCKET_BAD;
     holdDescriptorZero();
 }
 

@@ -21,11 +21,13 @@ struct Curl::State {
 
     /// The handle for a transfer that trusts `certificates`, null when there is no memory. Its open connections are
     /// kept from the last transfer unless that one trusted others: a connection, and a session that could be resumed,
-    /// are only as good as the certificates they were verified with.
+    /// are only as good as the certificates they were verified with. Nor is a connection kept on which something has
+    /// arrived since: it would be taken for the next answer.
     CURL* handleFor(std::shared_ptr<const TrustedCertificates> certificates);
 
-    /// Keeps the handle's connections for the next transfer and resets everything else.
-    void keepHandle();
+    /// Keeps the handle's connection for the next transfer, unless it was closed or holds more than the answer, and
+    /// resets everything else. `tls` is that connection's, null without TLS.
+    void keepHandle(const SSL* tls);
     /// Destroys the handle and all it knows. Required after a failed transfer: a handle whose last name lookup failed
     /// refuses options for good, and whatever else an error leaves in it must not decide the next transfer.
     void dropHandle();
@@ -45,6 +47,7 @@ struct Curl::State {
     CloseNotify closeNotify;  // destroyed after the handle, whose connections report to it
     std::shared_ptr<const TrustedCertificates> trusted;
     CURL* handle = nullptr;
+    curl_socket_t kept = CURL_SOCKET_BAD;  // of the handle's only open connection
 
     // Own synchronisation.
     std::atomic<long> httpCode{0};

@@ -1,10 +1,8 @@
 #include "Transfer.h"
 
-#include <openssl/ssl.h>
 #include <strings.h>
 
 #include <algorithm>
-#include <cctype>
 #include <limits>
 #include <memory>
 #include <utility>
@@ -50,10 +48,20 @@ std::string resolved(const std::string& base, const std::string& location) {
     return text;
 }
 
-bool isChunked(std::string codings) {
-    std::transform(codings.begin(), codings.end(), codings.begin(),
-                   [](unsigned char c) { return static_cast<char>(std::tolower(c)); });
-    return codings.find("chunked") != std::string::npos;
+// libcurl 7.88 leaves the line's end in an empty value.
+std::string trimmed(const std::string& value) {
+    const char* const blanks = " \t\r\n";
+    const auto first = value.find_first_not_of(blanks);
+    return first == std::string::npos ? "" : value.substr(first, value.find_last_not_of(blanks) + 1 - first);
+}
+
+bool isChunked(const std::string& codings) { return strcasecmp(codings.c_str(), "chunked") == 0; }
+
+// Whether libcurl takes the chunks of a body with this header line apart. It looks at one line only, not at those that
+// continue it.
+bool announcesChunks(const std::string& line) {
+    const std::string name = "Transfer-Encoding:";
+    return strncasecmp(line.c_str(), name.c_str(), name.size()) == 0 && isChunked(trimmed(line.substr(name.size())));
 }
 
 // A value from a server, short enough for a log line.
@@ -82,7 +90,8 @@ CURLcode Transfer::setOptions(const std::string& url, const curl_slist* headers)
         .set(CURLOPT_NETRC, long{CURL_NETRC_IGNORED})
         .set(CURLOPT_PROXY, "")  // not even what the environment names
         .set(CURLOPT_NOSIGNAL, 1L)
-        .set(CURLOPT_QUICK_EXIT, 1L)  // never wait for a name resolution that was given up
+        .set(CURLOPT_MAXCONNECTS, 1L)  // only one is looked at before it is used again
+        .set(CURLOPT_QUICK_EXIT, 1L)   // never wait for a name resolution that was given up
         .set(CURLOPT_CONNECTTIMEOUT, static_cast<long>(state_.settings.connectTimeout.count()))
         .set(CURLOPT_LOW_SPEED_LIMIT, 1L)
         .set(CURLOPT_LOW_SPEED_TIME, static_cast<long>(state_.settings.stallTimeout.count()))
@@ -127,21 +136,24 @@ int Transfer::run(const std::string& url) {
     CURLcode result = setOptions(url, headers.get());
     if (result == CURLE_OK) result = perform(url);
     // Nothing of ours, credentials least of all, stays behind in the handle.
-    if (result == CURLE_OK) {
-        state_.keepHandle();
+    if (result == CURLE_OK && isUsedUp()) {
+        state_.keepHandle(tls_);
     } else {
         state_.dropHandle();
     }
-    state_.httpCode = status_;
+    state_.httpCode = tookRest() ? 200 : status_;
     if (failure_) std::rethrow_exception(failure_);
     return ended_.value_or(result);
 }
+
+// Whether all that the server sent belonged to the answer, as far as one can tell. What follows an answer without a
+// body may be a body all the same, and must not be read as the next answer.
+bool Transfer::isUsedUp() const { return !ended_ && !failure_ && (kept_ || !redirection_.empty() || status_ == 401); }
 
 // libcurl's own result; `ended_` is what we make of it.
 CURLcode Transfer::perform(const std::string& url) {
     offset_ = order_.file.size();
     reached_.url = url;
-    state_.closeNotify.forget();
     const CURLcode result = curl_easy_perform(handle_);
     curl_easy_getinfo(handle_, CURLINFO_RESPONSE_CODE, &status_);
     long offered = 0;
@@ -171,7 +183,7 @@ void Transfer::conclude(CURLcode result, const std::string& url) {
     if (!bodyBegun_ && (result == CURLE_OK || status_ == 200)) beginBody();
     if (result != CURLE_OK || ended_ || !kept_) return;
     if (!isEndConfirmed(url)) {
-        dbg::Debug::warning() << "The TLS connection was cut before the answer's end, download failed" << std::endl;
+        dbg::Debug::warning() << "The TLS connection was cut before the answer's end" << std::endl;
         ended_ = CURLE_PARTIAL_FILE;
     }
     if (ended_ || !end_) return;
@@ -185,12 +197,12 @@ bool Transfer::isEndConfirmed(const std::string& url) const {
     if (strncasecmp(url.c_str(), "https:", 6) != 0) return true;
     curl_off_t announced = -1;
     curl_easy_getinfo(handle_, CURLINFO_CONTENT_LENGTH_DOWNLOAD_T, &announced);
-    return announced >= 0 || isChunked(headers("Transfer-Encoding")) || state_.closeNotify.wasReceived();
+    return announced >= 0 || chunked_ || state_.closeNotify.wasReceivedOn(tls_);
 }
 
 std::string Transfer::header(const char* name) const {
     curl_header* found = nullptr;
-    return curl_easy_header(handle_, name, 0, CURLH_HEADER, -1, &found) == CURLHE_OK ? found->value : "";
+    return curl_easy_header(handle_, name, 0, CURLH_HEADER, -1, &found) == CURLHE_OK ? trimmed(found->value) : "";
 }
 
 // All headers of the name, separated by commas.
@@ -198,7 +210,9 @@ std::string Transfer::headers(const char* name) const {
     std::string values;
     curl_header* found = nullptr;
     for (std::size_t at = 0; curl_easy_header(handle_, name, at, CURLH_HEADER, -1, &found) == CURLHE_OK; ++at) {
-        values += (at == 0 ? "" : ",") + std::string(found->value);
+        const std::string value = trimmed(found->value);
+        if (!values.empty() && !value.empty()) values += ",";
+        values += value;
     }
     return values;
 }
@@ -214,14 +228,24 @@ void Transfer::beginBody() {
     kept_ = status_ == 200 || (resumed_ && status_ == 206);
     if (!kept_) return;
     if (status_ == 200) beginWhole(announced);
+    checkCodings();
+    if (ended_) return;
+    checkSize(offset_ + static_cast<std::uint64_t>(std::max<curl_off_t>(announced, 0)));
+}
 
-    if (const std::string codings = headers("Content-Encoding"); !isAcceptedCoding(codings, order_.fileName)) {
-        dbg::Debug::warning() << "The answer has the content coding '" << shortened(codings)
+void Transfer::checkCodings() {
+    const std::string content = headers("Content-Encoding");
+    const std::string transfer = headers("Transfer-Encoding");
+    if (!isAcceptedCoding(content, order_.fileName)) {
+        dbg::Debug::warning() << "The answer has the content coding '" << shortened(content)
                               << "', which nobody asked for; download failed" << std::endl;
         ended_ = CURLE_BAD_CONTENT_ENCODING;
-        return;
+    } else if (!transfer.empty() && !(chunked_ && isChunked(transfer))) {
+        // libcurl would unpack some of them, and not notice where one is cut short.
+        dbg::Debug::warning() << "The answer has the transfer coding '" << shortened(transfer)
+                              << "', which nobody asked for; download failed" << std::endl;
+        ended_ = CURLE_BAD_CONTENT_ENCODING;
     }
-    checkSize(offset_ + static_cast<std::uint64_t>(std::max<curl_off_t>(announced, 0)));
 }
 
 void Transfer::beginWhole(curl_off_t announced) {
@@ -257,10 +281,22 @@ void Transfer::checkSize(std::uint64_t size) {
     if (size > allowed_) ended_ = CURLE_FILESIZE_EXCEEDED;
 }
 
+void Transfer::beginAnswer() {
+    headersComplete_ = false;
+    chunked_ = false;
+    handedOver_ = 0;
+    // libcurl knows it only while it transfers.
+    curl_tlssessioninfo* session = nullptr;
+    curl_easy_getinfo(handle_, CURLINFO_TLS_SSL_PTR, &session);
+    tls_ =
+        session == nullptr || session->backend == CURLSSLBACKEND_NONE ? nullptr : static_cast<SSL*>(session->internals);
+}
+
 std::size_t Transfer::onHeader(const char* data, std::size_t length) {
-    const std::string line(data, std::min<std::size_t>(length, 5));
-    if (line == "HTTP/") headersComplete_ = false;
+    const std::string line(data, length);
+    if (line.compare(0, 5, "HTTP/") == 0) beginAnswer();
     if (line == "\r\n" || line == "\n") headersComplete_ = true;
+    if (!headersComplete_ && announcesChunks(line)) chunked_ = true;
     headerBytes_ += length;
     if (headerBytes_ <= mostHeaderBytes) return length;
     if (!ended_) {
@@ -271,6 +307,7 @@ std::size_t Transfer::onHeader(const char* data, std::size_t length) {
 }
 
 std::size_t Transfer::onBody(const char* data, std::size_t length) {
+    handedOver_ += length;
     if (!bodyBegun_) beginBody();
     if (ended_) return 0;
     if (!kept_) {
@@ -290,9 +327,12 @@ std::size_t Transfer::onBody(const char* data, std::size_t length) {
 int Transfer::onProgress(curl_off_t total, curl_off_t now) {
     const auto offset = static_cast<curl_off_t>(offset_);
     const auto elapsed = state_.settings.steadyNow() - order_.begun;
-    if (!ended_ && !keepsPace(elapsed, static_cast<std::int64_t>(order_.received) + now)) {
+    if (!ended_ && !keepsPace(elapsed, static_cast<std::int64_t>(order_.received + received_))) {
         ended_ = CURLE_OPERATION_TIMEDOUT;
     }
+    // libcurl itself reads the page of a 401 that it means to answer.
+    const std::uint64_t read = static_cast<std::uint64_t>(std::max<curl_off_t>(now, 0));
+    if (!ended_ && read > handedOver_ + discardedAtMost) ended_ = CURLE_OK;
     if (!ended_ && state_.isOverdue()) ended_ = CURLE_ABORTED_BY_CALLBACK;
     state_.report(total > 0 ? asLong(offset + total) : 0, asLong(offset + now), 0, 0);
     return ended_ ? 1 : 0;

@@ -3,6 +3,7 @@
 #pragma once
 
 #include <curl/curl.h>
+#include <openssl/ssl.h>
 
 #include <chrono>
 #include <cstdint>
@@ -42,7 +43,7 @@ class Transfer {
 
     /// Sent when the server asks for them, by the schemes in `schemes` (libcurl's mask) only.
     void useCredentials(const Credentials& credentials, unsigned long schemes);
-    /// Asks for the rest behind the file's present size, or for the whole file if `point` no longer fits it.
+    /// Asks for what follows the file's present size, or for the whole file if `point` no longer fits it.
     void resume(const ResumePoint& point) { resumed_ = point; }
 
     /// Runs it and returns a libcurl result code; the client has the status then. Follows no redirect. Blocks. What
@@ -71,7 +72,10 @@ class Transfer {
     CURLcode setOptions(const std::string& url, const curl_slist* headers);
     CURLcode perform(const std::string& url);
     void conclude(CURLcode result, const std::string& url);
+    bool isUsedUp() const;
+    void beginAnswer();
     void beginBody();
+    void checkCodings();
     void beginWhole(curl_off_t announced);
     bool continuesFile(curl_off_t announced);
     void endAsMisfit();
@@ -99,15 +103,18 @@ class Transfer {
     std::optional<ResumePoint> resumed_;
 
     // What happens meanwhile.
+    const SSL* tls_ = nullptr;  // of the connection that the latest answer came on
     long status_ = 0;
     unsigned long offeredSchemes_ = 0;
     std::size_t headerBytes_ = 0;   // of all answers, trailers included
     bool headersComplete_ = false;  // of the latest answer
+    bool chunked_ = false;          // and libcurl takes the chunks apart
     bool bodyBegun_ = false;
     bool kept_ = false;  // the body belongs into the file
     bool misfit_ = false;
     std::uint64_t offset_ = 0;          // where in the file this body begins
     std::uint64_t received_ = 0;        // bytes written to the file
+    std::uint64_t handedOver_ = 0;      // bytes of the latest answer's body that libcurl handed to us
     std::uint64_t discarded_ = 0;       // bytes of a body that is not kept
     std::uint64_t allowed_ = 0;         // what the limit said last
     std::uint64_t askedUpTo_ = 0;       // the size from which it is asked again

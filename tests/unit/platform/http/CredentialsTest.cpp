@@ -183,6 +183,33 @@ TEST_F(Credentials, WrongOnesAreTriedOnceAndReportedAs401) {
     EXPECT_EQ(authorizations(secure), std::vector<std::string>{basicFactory});
 }
 
+// libcurl reads the page of a 401 between its two requests, and hands none of it over.
+class RefusalWithoutEnd : public Credentials {
+ protected:
+    void expectEnd(const std::string& page, const std::string& endlessly) {
+        const std::string digest = R"(WWW-Authenticate: Digest realm="r", nonce="n", qop="auth")";
+        const std::string refusal = "HTTP/1.1 401 Unauthorized\r\n" + digest + "\r\n";
+        server.on("/a.xml", {challenge(digest.substr(digest.find(": ") + 2)),
+                             HttpAnswer::bytes(refusal + page).followedBy(endlessly)});
+        server.on("/good", HttpAnswer::ok("good"));
+        properties->put(serverKey, server.url("/"));
+        EXPECT_EQ(fetch("/a.xml"), ok);
+        EXPECT_EQ(curl->getHttpCode(), 401);
+        EXPECT_TRUE(namesIn(folder).empty());
+        EXPECT_EQ(server.requestsFor("/a.xml").size(), 2U);
+        EXPECT_EQ(fetch("/good"), ok);
+        EXPECT_EQ(contentOf(target), "good");
+    }
+};
+
+TEST_F(RefusalWithoutEnd, OfChunksEnds) {
+    expectEnd("Transfer-Encoding: chunked\r\n\r\n", "1000\r\n" + std::string(4096, 'x') + "\r\n");
+}
+
+TEST_F(RefusalWithoutEnd, OfAHugeLengthEnds) {
+    expectEnd("Content-Length: 9000000000000\r\n\r\n", std::string(4096, 'x'));
+}
+
 TEST_F(Credentials, ThatCannotBeReadAreLoggedAndMissing) {
     properties->put(serverKey, server.url("/"));
     askForDigest(server, "/a", "factory", "secret");

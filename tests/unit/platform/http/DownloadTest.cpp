@@ -143,6 +143,15 @@ TEST_F(Download, TakesABodyWithoutLength) {
     EXPECT_EQ(contentOf(target), "until the end");
 }
 
+TEST_F(Download, TakesABodyInManySmallChunks) {
+    const std::size_t count = 200000;
+    std::string bytes = "HTTP/1.1 200 OK\r\nTransfer-Encoding: chunked\r\n\r\n";
+    for (std::size_t at = 0; at < count; ++at) bytes += "1\r\nx\r\n";
+    server.on("/a.xml", HttpAnswer::bytes(bytes + "0\r\n\r\n"));
+    EXPECT_EQ(fetch("/a.xml"), ok);
+    EXPECT_TRUE(holds(target, std::string(count, 'x')));
+}
+
 TEST_F(Download, AsksForNothingPacked) {
     server.on("/a.xml", HttpAnswer::ok("content", {{"Content-Encoding", "identity"}}));
     EXPECT_EQ(fetch("/a.xml"), ok);
@@ -195,6 +204,12 @@ TEST_F(ContentCoding, OfAnotherStatusDoesNotMatter) {
     server.on("/a.xml", missing);
     EXPECT_EQ(fetch("/a.xml"), ok);
     EXPECT_EQ(curl->getHttpCode(), 404);
+}
+
+TEST_F(ContentCoding, WithoutAValueIsNone) {
+    EXPECT_EQ(fetchCoded("/a.xml", {{"Content-Encoding", ""}}), ok);
+    EXPECT_EQ(fetchCoded("/a.xml", {{"Content-Encoding", " \t "}}), ok);
+    EXPECT_EQ(fetchCoded("/a.gz", {{"Content-Encoding", ""}, {"Content-Encoding", "gzip "}}), ok);
 }
 
 class HeaderLimit : public Fixture {

@@ -54,6 +54,15 @@ TEST_F(Redirect, WithoutAnAimIsNoFile) {
     EXPECT_TRUE(namesIn(folder).empty());
 }
 
+TEST_F(Redirect, WithAnEmptyAimLeadsNowhere) {
+    for (const char* aim : {"", "  ", "\t"}) {
+        server.on("/a", HttpAnswer::redirect(aim));
+        EXPECT_EQ(fetch("/a"), ok);
+        EXPECT_EQ(curl->getHttpCode(), 302);
+        EXPECT_TRUE(namesIn(folder).empty());
+    }
+}
+
 TEST_F(Redirect, PageThatNeverEndsIsNotReadToTheEnd) {
     HttpAnswer answer = HttpAnswer::redirect("/file");
     answer.body = std::string(10000, 'r');
