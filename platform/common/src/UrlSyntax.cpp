@@ -56,6 +56,12 @@ bool hasDotStep(const std::string& path) {
     }
 }
 
+// Whether a path without a scheme was meant as "//user:password@host", after a misspelled one.
+bool hasPassword(const std::string& path) {
+    const auto at = path.rfind('@');
+    return at != std::string::npos && path.find(':') < at;
+}
+
 bool isPort(const std::string& digits) {
     if (digits.empty() || digits.size() > 5 || !std::all_of(digits.begin(), digits.end(), isDigit)) return false;
     const unsigned long port = std::stoul(digits);
@@ -81,7 +87,7 @@ bool isVersionSix(const std::string& address) {
     return ::inet_pton(AF_INET6, address.c_str(), bytes.data()) == 1;
 }
 
-// Splits "[userinfo@]host[:port]"; false when it is none.
+// Splits "[userinfo@]host[:port]"; false when it is not one.
 bool readAuthority(std::string text, UrlSyntax& url) {
     if (const auto at = text.find('@'); at != std::string::npos) {
         url.userInfo = text.substr(0, at);
@@ -110,19 +116,20 @@ std::optional<UrlSyntax> parseUrl(const std::string& text) {
     if (!readAuthority(text.substr(begin, end - begin), url)) return std::nullopt;
     url.path = text.substr(end, std::min(text.find_first_of("?#", end), text.size()) - end);
     if (hasDotStep(url.path)) return std::nullopt;
+    if (url.scheme.empty() && hasPassword(url.path)) return std::nullopt;
     return url;
 }
 
 std::string withoutPassword(const std::string& url) {
-    const std::size_t begin = authorityBegin(url);
-    const std::size_t end = std::min(url.find_first_of("/?#", begin), url.size());
-    const std::size_t colon = url.find(':', begin);
-    if (colon == std::string::npos || colon > end) return url;
-    std::size_t at = url.substr(0, end).rfind('@');
-    // A password with a "/", "?" or "#" of its own: what was meant as userinfo then reaches to the last "@".
-    if (at == std::string::npos && !parseUrl(url)) at = url.rfind('@');
-    if (at == std::string::npos || at < colon) return url;
-    return url.substr(0, colon + 1) + "***" + url.substr(at);
+    const auto syntax = parseUrl(url);
+    if (syntax && syntax->userInfo.find(':') == std::string::npos) return url;
+    // In a text that is not a URL everything up to the last "@" may have been meant as userinfo.
+    const std::size_t end = syntax ? url.find_first_of("/?#", authorityBegin(url)) : std::string::npos;
+    const std::size_t at = url.rfind('@', end);
+    if (at == std::string::npos) return url;
+    std::size_t colon = url.find(':');
+    while (colon < at && url.compare(colon, 3, "://") == 0) colon = url.find(':', colon + 1);
+    return (colon < at ? url.substr(0, colon + 1) : "") + "***" + url.substr(at);
 }
 
 }  // namespace common

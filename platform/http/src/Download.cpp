@@ -92,7 +92,7 @@ bool Download::keepsPace() const {
     return zav::keepsPace(client_.settings.steadyNow() - order_.begun, static_cast<std::int64_t>(order_.received));
 }
 
-// From the source to the server that has the file, or has the last word on it.
+// Follows redirects from the source to the final answer.
 int Download::attempt() {
     Hop hop(source_);
     for (;;) {
@@ -126,8 +126,8 @@ void Download::follow(Hop& hop, const UrlInfo& next) const {
     hop.url = next;
 }
 
-// Only asked for by servers that want them: most downloads never touch these properties. A server that does not get
-// them has had the last word, so there is one line a download.
+// Only read for servers that ask: most downloads never touch these properties. The download ends with a server that
+// does not get them, so there is one line a download.
 bool Download::findCredentials(Hop& hop, unsigned long offered) const {
     if (hop.credentials) return false;
     const auto configured = configuredCredentials(properties_);

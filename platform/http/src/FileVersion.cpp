@@ -12,6 +12,13 @@ bool isStrong(const std::string& etag) {
     return etag.size() > 2 && etag.front() == '"' && etag.find('"', 1) == etag.size() - 1;
 }
 
+// A comma comes only after the day's name; a second one joins two headers.
+bool isOneDate(const std::string& text) {
+    const std::string longestDay = "Wednesday";
+    const auto comma = text.find(',');
+    return comma == std::string::npos || (comma <= longestDay.size() && text.find(',', comma + 1) == std::string::npos);
+}
+
 bool contradict(const std::string& a, const std::string& b) { return !a.empty() && !b.empty() && a != b; }
 
 std::optional<std::uint64_t> number(const std::string& digits) {
@@ -24,7 +31,9 @@ std::optional<std::uint64_t> number(const std::string& digits) {
 }  // namespace
 
 std::string FileVersion::strongValidator() const {
-    if (isStrong(etag)) return etag;
+    // A date must not stand for a file that has an ETag.
+    if (!etag.empty()) return isStrong(etag) ? etag : "";
+    if (!isOneDate(lastModified) || !isOneDate(date)) return "";
     const time_t changed = curl_getdate(lastModified.c_str(), nullptr);
     const time_t sent = curl_getdate(date.c_str(), nullptr);
     return changed >= 0 && sent > changed ? lastModified : "";

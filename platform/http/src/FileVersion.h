@@ -13,8 +13,8 @@ struct FileVersion {
     std::string lastModified;
     std::string date;
 
-    /// What If-Range may carry: a strong ETag, or a Last-Modified that lies before the answer's Date (a file that
-    /// changes twice in a second keeps its date). Empty when neither is there.
+    /// What If-Range may carry: a strong ETag, or without any ETag one Last-Modified that lies before the answer's Date
+    /// (a file that changes twice in a second keeps its date). Empty when neither is there.
     std::string strongValidator() const;
 
     /// Whether `other` is certainly of the same version: it repeats the strong validator and contradicts nothing.

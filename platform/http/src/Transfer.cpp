@@ -217,7 +217,7 @@ std::string Transfer::headers(const char* name) const {
     return values;
 }
 
-FileVersion Transfer::fileVersion() const { return {headers("ETag"), headers("Last-Modified"), header("Date")}; }
+FileVersion Transfer::fileVersion() const { return {headers("ETag"), headers("Last-Modified"), headers("Date")}; }
 
 void Transfer::beginBody() {
     bodyBegun_ = true;
@@ -274,9 +274,9 @@ void Transfer::endAsMisfit() {
 
 // Ends the transfer when the file would be larger than it may be.
 void Transfer::checkSize(std::uint64_t size) {
-    if (size > askedUpTo_) {
+    if (size > recheckAt_) {
         allowed_ = order_.limit();
-        askedUpTo_ = order_.file.size() + limitAskedEvery;
+        recheckAt_ = order_.file.size() + limitAskedEvery;
     }
     if (size > allowed_) ended_ = CURLE_FILESIZE_EXCEEDED;
 }

@@ -117,7 +117,7 @@ class Transfer {
     std::uint64_t handedOver_ = 0;      // bytes of the latest answer's body that libcurl handed to us
     std::uint64_t discarded_ = 0;       // bytes of a body that is not kept
     std::uint64_t allowed_ = 0;         // what the limit said last
-    std::uint64_t askedUpTo_ = 0;       // the size from which it is asked again
+    std::uint64_t recheckAt_ = 0;       // the size from which it is asked again
     std::optional<std::uint64_t> end_;  // where in the file a resumed body ends
     std::optional<CURLcode> ended_;     // why we ended it ourselves
     std::exception_ptr failure_;        // what the file threw, carried past libcurl

@@ -16,13 +16,14 @@ struct UrlSyntax {
     std::string path;  // begins with "/" when there is one
 };
 
-/// Nothing for a text that is no URL: empty or over 2,048 bytes, with blanks or control bytes; a host that is neither a
-/// name of letters, digits and "-._~" (the placeholders %MACC, %MACD and %DVID included) nor an IPv6 address without a
-/// zone; a port outside 1 to 65535; a second "@"; "." or ".." as a path step, also with escaped dots.
+/// Nothing for a text that is not a URL: empty or over 2,048 bytes, with blanks or control bytes; a host that is
+/// neither a name of letters, digits and "-._~" (the placeholders %MACC, %MACD and %DVID included) nor an IPv6 address
+/// without a zone; a port outside 1 to 65535; a second "@"; "." or ".." as a path step, also with escaped dots; without
+/// a scheme a path with a ":" before an "@", such as "https//user:password@host".
 std::optional<UrlSyntax> parseUrl(const std::string& text);
 
-/// The text with the password of its userinfo replaced by "***". A text that is no URL is shown with everything hidden
-/// that may have been meant as a password.
+/// The text with the password of its userinfo replaced by "***". A text that is not a URL is shown with everything
+/// hidden that may have been meant as a password.
 std::string withoutPassword(const std::string& url);
 
 }  // namespace common

@@ -6,7 +6,8 @@
 
 namespace zav {
 
-/// A text that is no URL we use. The text is fixed; the log line around it names the URL where there is one.
+/// The text is not a URL that we use. what() is always the same; the log line around it names the URL where there is
+/// one.
 class UrlException : public std::runtime_error {
  public:
     UrlException() : std::runtime_error("Url is incorrect, please verify") {}

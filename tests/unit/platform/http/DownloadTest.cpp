@@ -206,7 +206,7 @@ TEST_F(ContentCoding, OfAnotherStatusDoesNotMatter) {
     EXPECT_EQ(curl->getHttpCode(), 404);
 }
 
-TEST_F(ContentCoding, WithoutAValueIsNone) {
+TEST_F(ContentCoding, WithoutAValueIsIgnored) {
     EXPECT_EQ(fetchCoded("/a.xml", {{"Content-Encoding", ""}}), ok);
     EXPECT_EQ(fetchCoded("/a.xml", {{"Content-Encoding", " \t "}}), ok);
     EXPECT_EQ(fetchCoded("/a.gz", {{"Content-Encoding", ""}, {"Content-Encoding", "gzip "}}), ok);

@@ -46,7 +46,7 @@ TEST_F(Redirect, ToAnotherServerIsFollowed) {
     EXPECT_EQ(contentOf(target), "from there");
 }
 
-TEST_F(Redirect, WithoutAnAimIsNoFile) {
+TEST_F(Redirect, WithoutALocationIsNotFollowed) {
     HttpAnswer answer = HttpAnswer::error(302);
     server.on("/a", answer);
     EXPECT_EQ(fetch("/a"), ok);
@@ -54,9 +54,9 @@ TEST_F(Redirect, WithoutAnAimIsNoFile) {
     EXPECT_TRUE(namesIn(folder).empty());
 }
 
-TEST_F(Redirect, WithAnEmptyAimLeadsNowhere) {
-    for (const char* aim : {"", "  ", "\t"}) {
-        server.on("/a", HttpAnswer::redirect(aim));
+TEST_F(Redirect, WithAnEmptyLocationIsNotFollowed) {
+    for (const char* location : {"", "  ", "\t"}) {
+        server.on("/a", HttpAnswer::redirect(location));
         EXPECT_EQ(fetch("/a"), ok);
         EXPECT_EQ(curl->getHttpCode(), 302);
         EXPECT_TRUE(namesIn(folder).empty());
@@ -73,7 +73,7 @@ TEST_F(Redirect, PageThatNeverEndsIsNotReadToTheEnd) {
     EXPECT_EQ(contentOf(target), "content");
 }
 
-TEST_F(Redirect, ThatIsNoneIsNotFollowed) {
+TEST_F(Redirect, OfAnotherStatusIsNotFollowed) {
     for (const int status : {201, 300, 304, 305, 306, 404}) {
         server.on("/a", HttpAnswer::redirect("/file", status));
         EXPECT_EQ(fetch("/a"), ok);
@@ -100,10 +100,10 @@ TEST_F(Redirect, ToNobodyHasNoStatus) {
     EXPECT_EQ(curl->getHttpCode(), 0);
 }
 
-TEST_F(Redirect, ToATextThatIsNoUrlIsRefused) {
-    for (const std::string aim : {"http://", "http://host:0/", "http://[::1/a", "//:0/", "http://a b:x/"}) {
-        server.on("/a", HttpAnswer::redirect(aim));
-        EXPECT_NE(fetch("/a"), ok) << aim;
+TEST_F(Redirect, ToAnInvalidUrlIsRefused) {
+    for (const std::string location : {"http://", "http://host:0/", "http://[::1/a", "//:0/", "http://a b:x/"}) {
+        server.on("/a", HttpAnswer::redirect(location));
+        EXPECT_NE(fetch("/a"), ok) << location;
         EXPECT_TRUE(namesIn(folder).empty());
     }
 }

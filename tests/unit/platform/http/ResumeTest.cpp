@@ -1,3 +1,6 @@
+#include <signal.h>
+#include <sys/resource.h>
+
 #include <ostream>
 
 #include "DownloadFixture.h"
@@ -80,8 +83,7 @@ TEST_F(Resume, CountsTheBytesOfTheWholeFile) {
 
 TEST_F(Resume, KnowsAFileByItsDate) {
     const std::string date = "Wed, 18 Nov 2026 10:00:00 GMT";
-    serveBreaking(1, 100000,
-                  {{"ETag", "W/\"weak\""}, {"Last-Modified", date}, {"Date", "Wed, 18 Nov 2026 10:00:01 GMT"}});
+    serveBreaking(1, 100000, {{"Last-Modified", date}, {"Date", "Wed, 18 Nov 2026 10:00:01 GMT"}});
     EXPECT_EQ(fetchImage(), ok);
     EXPECT_EQ(server.requests().at(1).header("If-Range"), date);
     EXPECT_TRUE(holds(image, content));
@@ -114,6 +116,7 @@ TEST_P(WithoutStrongValidator, StartsAgain) {
 }
 
 const std::string tenOClock = "Wed, 18 Nov 2026 10:00:00 GMT";
+const std::string later = "Wed, 18 Nov 2026 10:00:01 GMT";
 
 INSTANTIATE_TEST_SUITE_P(
     Resume, WithoutStrongValidator,
@@ -122,7 +125,10 @@ INSTANTIATE_TEST_SUITE_P(
                     HttpHeaders{{"ETag", "\"a\""}, {"ETag", "\"b\""}}, HttpHeaders{{"Last-Modified", tenOClock}},
                     HttpHeaders{{"Last-Modified", tenOClock}, {"Date", tenOClock}},
                     HttpHeaders{{"Last-Modified", tenOClock}, {"Date", "Wed, 18 Nov 2026 09:59:59 GMT"}},
-                    HttpHeaders{{"Last-Modified", "long ago"}, {"Date", tenOClock}}));
+                    HttpHeaders{{"Last-Modified", "long ago"}, {"Date", tenOClock}},
+                    HttpHeaders{{"ETag", "W/\"weak\""}, {"Last-Modified", tenOClock}, {"Date", later}},
+                    HttpHeaders{{"Last-Modified", tenOClock}, {"Last-Modified", tenOClock}, {"Date", later}},
+                    HttpHeaders{{"Last-Modified", tenOClock}, {"Date", later}, {"Date", later}}));
 
 TEST_F(Resume, EndsBetweenAttemptsWhenStopped) {
     const auto stop = std::make_shared<common::StopSignal>();
@@ -294,6 +300,24 @@ TEST_F(Resume, ReportsWhatTheServerSaysInTheEnd) {
     EXPECT_EQ(curl->getHttpCode(), 404);
     EXPECT_FALSE(std::filesystem::exists(image));
     EXPECT_TRUE(namesIn(staging).empty());
+}
+
+TEST_F(Resume, ThatCannotBeWrittenIsStillReportedAs200) {
+    server.handle("/image", [this](const HttpRequest& request) {
+        const HttpHeaders validators{{"ETag", "\"v1\""}};
+        if (request.header("Range").empty()) return HttpAnswer::ok(content, validators).cutOffAfter(150000);
+        const rlimit small{200000, RLIM_INFINITY};
+        ::setrlimit(RLIMIT_FSIZE, &small);
+        return rest(150000, validators);
+    });
+    const auto before = ::signal(SIGXFSZ, SIG_IGN);
+    EXPECT_EQ(fetchImage(), writeError);
+    EXPECT_EQ(curl->getHttpCode(), 200);
+    EXPECT_FALSE(std::filesystem::exists(image));
+    EXPECT_EQ(server.requests().size(), 2U);
+    const rlimit none{RLIM_INFINITY, RLIM_INFINITY};
+    ::setrlimit(RLIMIT_FSIZE, &none);
+    ::signal(SIGXFSZ, before);
 }
 
 TEST_F(Resume, IsForFirmwareOnly) {

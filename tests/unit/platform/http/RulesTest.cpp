@@ -108,6 +108,24 @@ TEST(ContentCodingRule, AcceptsWhatTheNameSays) {
     }
 }
 
+TEST(FileVersionRule, ComparesByAStrongETagOrByOneDate) {
+    const std::string day = "Wed, 18 Nov 2026 10:00:00 GMT";
+    const std::string later = "Wed, 18 Nov 2026 10:00:01 GMT";
+    const std::string old = "Wednesday, 18-Nov-26 10:00:00 GMT";
+    const std::string bare = "Wed Nov 18 10:00:00 2026";
+    using zav::FileVersion;
+    EXPECT_EQ((FileVersion{"\"a\"", day, later}.strongValidator()), "\"a\"");
+    EXPECT_EQ((FileVersion{"", day, later}.strongValidator()), day);
+    EXPECT_EQ((FileVersion{"", old, later}.strongValidator()), old);
+    EXPECT_EQ((FileVersion{"", bare, later}.strongValidator()), bare);
+    for (const FileVersion& version :
+         {FileVersion{"W/\"a\"", day, later}, FileVersion{"a", day, later}, FileVersion{"\"a\",\"a\"", day, later},
+          FileVersion{"", day, day}, FileVersion{"", day, ""}, FileVersion{"", day + "," + day, later},
+          FileVersion{"", bare + "," + bare, later}, FileVersion{"", day, later + "," + later}}) {
+        EXPECT_EQ(version.strongValidator(), "") << version.etag << " " << version.lastModified << " " << version.date;
+    }
+}
+
 TEST(ContentRangeRule, ReadsOneForm) {
     const auto range = zav::parseContentRange("bytes 5-9/20");
     ASSERT_TRUE(range);

@@ -98,7 +98,7 @@ TEST_F(Tls, IsNotLeftBehindByARedirect) {
     EXPECT_TRUE(namesIn(folder).empty());
 }
 
-TEST_F(Tls, BodyThatIsCutIsNoFile) {
+TEST_F(Tls, DropsABodyThatIsCut) {
     trust(authority.certificate());
     secure.on("/cut", HttpAnswer::ok("a long enough body").cutOffAfter(6));
     EXPECT_EQ(fetch(secure.url("/cut"), target), partialFile);
@@ -124,7 +124,7 @@ TEST_F(WithoutLength, EndsWithCloseNotify) {
     EXPECT_EQ(contentOf(target), "a body without a length");
 }
 
-TEST_F(WithoutLength, IsNoFileWhenTheConnectionIsCut) {
+TEST_F(WithoutLength, DropsABodyWhoseConnectionIsCut) {
     secure.on("/a", answer(fakes::Ending::withoutCloseNotify));
     const fakes::LogCapture log;
     EXPECT_EQ(fetch(secure.url("/a"), target), partialFile);
