@@ -1,5 +1,5 @@
 // What this system takes for a URL: [scheme://][userinfo@]host[:port][/path][?query][#fragment]. The one place where
-// that is decided, for whoever downloads, stores or shows one. Pure functions, for any thread.
+// that is decided, for all code that downloads, stores or shows one. Pure functions, for any thread.
 #pragma once
 
 #include <optional>
