@@ -16,7 +16,7 @@ namespace zav {
 namespace {
 
 // libcurl 7.88 closes descriptor 0 when memory runs out while it sets up a name lookup. The next socket of the process
-// would get that number, and the next such failure would close it, whoever's it is.
+// would get that number, and the next such failure would close it, no matter who uses it.
 void holdDescriptorZero() {
     if (::fcntl(0, F_GETFD) < 0 && errno == EBADF) ::open("/dev/null", O_RDWR);
 }

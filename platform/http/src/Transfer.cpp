@@ -234,17 +234,17 @@ void Transfer::beginBody() {
 }
 
 void Transfer::checkCodings() {
+    const auto refuse = [this](const char* kind, const std::string& codings) {
+        dbg::Debug::warning() << "The answer has the " << kind << " coding '" << shortened(codings)
+                              << "', which nobody asked for; download failed" << std::endl;
+        ended_ = CURLE_BAD_CONTENT_ENCODING;
+    };
     const std::string content = headers("Content-Encoding");
     const std::string transfer = headers("Transfer-Encoding");
     if (!isAcceptedCoding(content, order_.fileName)) {
-        dbg::Debug::warning() << "The answer has the content coding '" << shortened(content)
-                              << "', which nobody asked for; download failed" << std::endl;
-        ended_ = CURLE_BAD_CONTENT_ENCODING;
+        refuse("content", content);
     } else if (!transfer.empty() && !(chunked_ && isChunked(transfer))) {
-        // libcurl would unpack some of them, and not notice where one is cut short.
-        dbg::Debug::warning() << "The answer has the transfer coding '" << shortened(transfer)
-                              << "', which nobody asked for; download failed" << std::endl;
-        ended_ = CURLE_BAD_CONTENT_ENCODING;
+        refuse("transfer", transfer);  // libcurl would unpack some of them, and not notice where one is cut short
     }
 }
 

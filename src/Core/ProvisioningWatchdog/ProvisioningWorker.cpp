@@ -140,7 +140,7 @@ void ProvisioningWorker::startProvisioning(std::string url) {
             progressReporter_.notifyProgress();
         }
     } catch (...) {
-        progressReporter_.notifyProgress();  // whoever came to wait meanwhile has nothing to wait for
+        progressReporter_.notifyProgress();  // a waiter that came meanwhile has nothing to wait for
         throw;
     }
 }

@@ -2,6 +2,7 @@
 
 #include <gtest/gtest.h>
 
+#include <array>
 #include <atomic>
 #include <thread>
 #include <utility>
@@ -25,6 +26,8 @@ const auto finished = info(source, "Provisioning Finished");
 const auto waiting = info("Core/ProvisioningWatchdog/ProgressReporter", "Waiting for progress");
 const auto consumed = info("Core/ProvisioningWatchdog/ProgressReporter", "Progress consumed");
 const std::string lockUi = "State.Provisioning.LockUI";
+constexpr std::array<const char*, 3> endKeys{"State.Provisioning.LockUI", "State.Provisioning",
+                                             "State.Provisioning.HttpErrorCode"};
 
 /// A security object whose notification fails, or says when it was called.
 class TalkingSecurity : public zav::Security {
@@ -53,6 +56,18 @@ class ProvisioningWorkerTest : public testing::Test {
         const std::size_t before = phone_.log.count(finished);
         worker_->startProvisioning(url);
         ASSERT_TRUE(phone_.log.waitFor(finished, before + 1));
+    }
+    /// A pass that fails, and whose last writes are refused as if the service were away.
+    void runPassThatOwesItsEnd() {
+        hold();
+        worker_->startProvisioning("");
+        ASSERT_TRUE(gate_->waitUntilReached());
+        for (const char* key : endKeys) phone_.properties->failKey(key);
+        gate_->open();
+        ASSERT_TRUE(phone_.log.waitFor(info(source, "Provisioning failed. ")));
+    }
+    void acceptWritesOfTheEnd() {
+        for (const char* key : endKeys) phone_.properties->restoreKey(key);
     }
     std::vector<std::string> locks() const { return phone_.properties->writesTo(lockUi); }
     std::vector<std::string> results() const { return phone_.properties->writesTo("State.Provisioning"); }
@@ -259,19 +274,10 @@ TEST_F(ProvisioningWorkerTest, WaitersOfOnePassDoNotWaitForTheNext) {
 }
 
 TEST_F(ProvisioningWorkerTest, ARequestDropsTheResultThatIsStillOwed) {
-    hold();
-    worker_->startProvisioning("");
-    ASSERT_TRUE(gate_->waitUntilReached());
-    phone_.properties->failKey(lockUi);
-    phone_.properties->failKey("State.Provisioning");
-    phone_.properties->failKey("State.Provisioning.HttpErrorCode");
-    gate_->open();
-    ASSERT_TRUE(phone_.log.waitFor(info(source, "Provisioning failed. ")));
+    ASSERT_NO_FATAL_FAILURE(runPassThatOwesItsEnd());
     phone_.properties->put("System.Provision.ProvisioningServer", "");
     worker_->startProvisioning("");  // starts no pass
-    for (const char* key : {"State.Provisioning.LockUI", "State.Provisioning", "State.Provisioning.HttpErrorCode"}) {
-        phone_.properties->restoreKey(key);
-    }
+    acceptWritesOfTheEnd();
     EXPECT_TRUE(phone_.properties->waitForWrite(lockUi, "0")) << "the unlocking is owed still";
     end();
     EXPECT_TRUE(results().empty());
@@ -343,20 +349,11 @@ TEST_F(ProvisioningWorkerTest, WhatTheEndCannotWriteIsWrittenWhenTheServiceIsBac
 }
 
 TEST_F(ProvisioningWorkerTest, ANewPassMakesOldWritesStale) {
-    hold();
-    worker_->startProvisioning("");
-    ASSERT_TRUE(gate_->waitUntilReached());
-    phone_.properties->failKey(lockUi);
-    phone_.properties->failKey("State.Provisioning");
-    phone_.properties->failKey("State.Provisioning.HttpErrorCode");
-    gate_->open();
-    ASSERT_TRUE(phone_.log.waitFor(info(source, "Provisioning failed. ")));
+    ASSERT_NO_FATAL_FAILURE(runPassThatOwesItsEnd());
     phone_.properties->forgetCalls();
     server_.on("/provisioning.xml", HttpAnswer::ok(tests::provisioningFile("provisioning", "1.1", "<nvm/>")));
     runPass();
-    for (const char* key : {"State.Provisioning.LockUI", "State.Provisioning", "State.Provisioning.HttpErrorCode"}) {
-        phone_.properties->restoreKey(key);
-    }
+    acceptWritesOfTheEnd();
     end();
     EXPECT_EQ(results(), std::vector<std::string>{"partSuccess"}) << "the old one's 'fail' is gone";
     EXPECT_EQ(locks(), std::vector<std::string>{"0"});
