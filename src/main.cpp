@@ -1,4 +1,4 @@
-// The daemon's entry: creates everything in order, waits for SIGTERM, and destroys it in reverse order.
+// Entry point of zavd: creates everything in order, waits for SIGTERM, destroys it in reverse order.
 
 #include <curl/curl.h>
 
@@ -32,13 +32,13 @@ const dbg::Debug channel("ZAV");
 std::condition_variable termination;
 std::mutex terminationMutex;
 
-// Called on the signal thread, in ordinary context.
+// Runs on the signal thread, not in a signal handler.
 void onTerminate(int) {
     const std::unique_lock<std::mutex> lock(terminationMutex);
     termination.notify_one();
 }
 
-// One wait without a predicate: any wake-up begins the shutdown, and a SIGTERM before this is lost.
+// Waits without a predicate: a SIGTERM that arrives before this is lost, a spurious wake-up ends the process.
 void waitForTermination() {
     std::unique_lock<std::mutex> lock(terminationMutex);
     termination.wait(lock);
@@ -68,7 +68,7 @@ int run() {
     init.run();
     dispatcher->startHandling();
     dbg::Debug::info() << "ZAV initialized." << std::endl;
-    zav::NetworkMediator mediator;  // its end waits for its thread: nothing above dies under it
+    zav::NetworkMediator mediator;  // its destructor waits for its thread, which uses the objects above
     mediator.start(dispatcher, zav::isServerReachable, [&properties, &daemonLock] {
         if (daemonLock.state() == zav::DaemonLock::State::held) zav::cleanUpAfterPredecessor(*properties);
     });
@@ -90,6 +90,6 @@ int main() {
     try {
         return run();
     } catch (...) {
-        throw;  // abnormal end; caught once so that the objects above are destroyed on the way
+        throw;  // caught and thrown again so that the stack is unwound and destructors run
     }
 }

@@ -10,7 +10,7 @@ const std::string stateSuffix = "-state";
 const std::string watchdogServiceName = "watchdog";
 const std::string autoRebootServiceName = "auto-reboot";
 
-// Built in this file, in this order, from the pieces above.
+// Initialised from the pieces above, so they must come after them in this file.
 const std::string systemPropertyTopic = propertyServiceName + systemSuffix + "/" + "#";
 const std::string statePropertyTopic = propertyServiceName + stateSuffix + "/" + "#";
 const std::string watchdogQueryTopic = watchdogServiceName + "/" + clientName;
@@ -32,6 +32,8 @@ const std::string partSuccessWord = "partSuccess";
 const std::string failWord = "fail";
 const std::string noVersionWord = "no_version";
 const std::string bootUpDoneWord = "done";
+const std::string uiLocked = "1";
+const std::string uiUnlocked = "0";
 const std::string provisioningSource = "provisioning";
 
 const std::string phoneSystemTypeKey = "Telephony.PhoneSystem.Type";

@@ -1,5 +1,5 @@
-// The names that the service shares with the rest of the phone: bus names and topics, message texts, request and
-// result words, property keys. Constant after start-up; not to be used by constructors of static objects.
+// Names shared with the rest of the phone: bus names and topics, messages, request and result words, property keys.
+// Initialised before main; constructors of static objects must not use them.
 #pragma once
 
 #include <string>
@@ -15,7 +15,7 @@ extern const std::string stateSuffix;
 extern const std::string watchdogServiceName;
 extern const std::string autoRebootServiceName;
 
-// Topics. A query comes on SERVICE/prov-client, its answer goes to prov-client/SERVICE.
+// Topics. A query arrives on SERVICE/prov-client, its reply goes to prov-client/SERVICE.
 extern const std::string systemPropertyTopic;
 extern const std::string statePropertyTopic;
 extern const std::string watchdogQueryTopic;
@@ -39,7 +39,9 @@ extern const std::string partSuccessWord;
 extern const std::string failWord;
 extern const std::string noVersionWord;
 extern const std::string bootUpDoneWord;
-extern const std::string provisioningSource;  // who writes settings
+extern const std::string uiLocked;
+extern const std::string uiUnlocked;
+extern const std::string provisioningSource;  // the source of settings written by a pass
 
 // Phone system types
 extern const std::string phoneSystemTypeKey;

@@ -30,20 +30,19 @@ std::string textOf(const Json::Value& object, const std::string& name) {
     return member.isArray() || member.isObject() ? std::string() : member.asString();
 }
 
-// What is no JSON object has the empty key.
+// The key is empty if the content is not a JSON object.
 Message parse(const std::string& content) {
     Json::CharReaderBuilder builder;
     builder["allowTrailingCommas"] = false;
     builder["skipBom"] = false;
     const std::unique_ptr<Json::CharReader> reader(builder.newCharReader());
-    Json::Value object;
+    Json::Value message;
     try {
-        const bool parsed = reader->parse(content.data(), content.data() + content.size(), &object, nullptr);
-        if (!parsed || !object.isObject()) return {};
-    } catch (const Json::Exception&) {  // nested too deep
+        const bool parsed = reader->parse(content.data(), content.data() + content.size(), &message, nullptr);
+        if (!parsed || !message.isObject()) return {};
+    } catch (const Json::Exception&) {  // nested too deeply
         return {};
     }
-    const Json::Value& message = object;
     return {textOf(message, constants::messageKey), textOf(message, constants::messageValue)};
 }
 
@@ -81,13 +80,13 @@ void Dispatcher::startListening() {
 
 Dispatcher::~Dispatcher() {
     try {
-        letGoOfBus();
+        disconnect();
     } catch (const std::exception& e) {
         dbg::Debug::warning() << "Cannot disconnect IPC " << e.what() << std::endl;
     }
 }
 
-void Dispatcher::letGoOfBus() {
+void Dispatcher::disconnect() {
     stopping_.stop();
     worker_.stop();
     bus_->disconnect();
@@ -95,7 +94,7 @@ void Dispatcher::letGoOfBus() {
 
 void Dispatcher::stopListening() {
     try {
-        letGoOfBus();
+        disconnect();
     } catch (const ipc::IPCException& e) {
         dbg::Debug::warning() << "Cannot disconnect IPC " << e.what() << std::endl;
     }
@@ -158,7 +157,7 @@ void Dispatcher::handleProvisioningRequest(const std::string& value) {
     if (value.find(constants::requestWord) != std::string::npos) worker_.startProvisioning("");
 }
 
-// Silence means: not busy.
+// No reply means not busy.
 void Dispatcher::handleAutoRebootQuery(const std::string&) {
     try {
         if (!worker_.isProvisioningFinished()) {
@@ -169,7 +168,7 @@ void Dispatcher::handleAutoRebootQuery(const std::string&) {
     }
 }
 
-// The empty value is also how this handler's own reset comes back.
+// The reset at the end arrives here again, as a change to the empty value.
 void Dispatcher::updateCertificateBundle(const std::string& value) {
     if (value.empty()) return;
     security_.reloadCertificates();
@@ -177,7 +176,7 @@ void Dispatcher::updateCertificateBundle(const std::string& value) {
     properties_->set(constants::updateCaBundleKey, "");
 }
 
-// A pass that hangs leaves the watchdog without an answer, on purpose.
+// A hanging pass must leave the watchdog without a reply.
 void Dispatcher::handleWatchdogQuery(const std::string&) {
     try {
         worker_.waitForProgress();
@@ -193,7 +192,7 @@ void Dispatcher::enableProvisioning() {
     try {
         provisionOnBootUp();
     } catch (const propertyapi::PropertyNotFoundException&) {
-        // A phone without that state has no boot-up provisioning.
+        // A phone without this property has no boot-up provisioning.
     } catch (const std::exception& e) {
         dbg::Debug::error() << "PropertyApi exception: " << e.what() << std::endl;
     }

@@ -1,9 +1,9 @@
-// The daemon's only receiver of bus messages: turns each into a key and a value and calls the handler for the key. It
-// owns the provisioning worker, starts passes, answers the watchdog and the auto-reboot query, forwards settings that
-// change, and runs the pass after boot-up.
+// Receives all bus messages of the daemon and calls the handler for each message's key: starts passes, answers the
+// watchdog and the auto-reboot query, applies changed settings. Also runs the boot-up pass. Owns the provisioning
+// worker.
 //
-// Threads: the three callbacks run on the bus client's delivery threads (one a subscription), enableProvisioning on the
-// network readiness thread, the rest on the main thread.
+// Threads: the callbacks run on the bus client's delivery threads (one per subscription), enableProvisioning on the
+// network readiness thread, everything else on the main thread.
 #pragma once
 
 #include <atomic>
@@ -27,7 +27,7 @@ class Dispatcher : public ipc::IIPCCallback {
     Dispatcher(std::shared_ptr<ipc::IIPCClient> bus, std::shared_ptr<propertyapi::IPropertyApi> properties,
                ProvisioningTimer& timer, std::shared_ptr<Curl> http, Security& security);
 
-    /// Lets go of the bus if stopListening did not: start-up may end in an exception.
+    /// Disconnects if stopListening was not called, as when start-up ends in an exception.
     ~Dispatcher() override;
     Dispatcher(const Dispatcher&) = delete;
     Dispatcher& operator=(const Dispatcher&) = delete;
@@ -36,24 +36,24 @@ class Dispatcher : public ipc::IIPCCallback {
     void messageArrived(const std::string& topic, const std::string& content) override;
     void deliveryComplete(const std::string& topic) override;
 
-    /// Subscribes and connects; from here on messages are logged. Throws std::runtime_error when the bus refuses.
+    /// Subscribes and connects. Messages are logged from now on. Throws std::runtime_error if the bus refuses.
     virtual void startListening();
 
-    /// Lets go of the bus: a request that waits behind a pass is dropped, a held watchdog query stays unanswered, and
-    /// no callback runs any more. The pass in hand goes on.
+    /// Disconnects; no callback runs after it returns. Drops a request that waits for the running pass, leaves a
+    /// pending watchdog query unanswered, and lets the running pass continue.
     virtual void stopListening();
 
-    /// From here on messages are acted on.
+    /// Messages are handled from now on.
     virtual void startHandling();
 
-    /// The network is ready: provisioning requests count from here on, and the pass after boot-up runs, unless it ran
-    /// before. Blocks until that pass has ended.
+    /// Call when the network is ready: accepts provisioning requests from now on and runs the boot-up pass, unless it
+    /// has run since boot. Blocks until that pass has ended.
     virtual void enableProvisioning();
 
  private:
     using Handler = void (Dispatcher::*)(const std::string& value);
 
-    void letGoOfBus();
+    void disconnect();
     void dispatch(const std::string& content);
     void setDebugLevelMask(const std::string& value);
     void setTimerPeriod(const std::string& value);

@@ -13,7 +13,7 @@ namespace {
 
 struct Values {
     std::mutex mutex;
-    std::string softwareVersion;  // guarded by mutex, like those below
+    std::string softwareVersion;  // guarded by mutex, like the members below
     std::string settingsVersion;
     std::string customVersion;
     std::string provisioningServer;
@@ -72,7 +72,7 @@ void GlobalConfig::readProperties(const Properties& properties) {
     assign(&Values::settingsVersion, getValue(properties, constants::settingsVersionKey));
     assign(&Values::customVersion, getValue(properties, constants::customVersionKey));
     assign(&Values::provisioningServer, getValue(properties, constants::provisioningServerKey));
-    // Read like the others, but applied only when it changes.
+    // Read, but applied only when a change arrives on the bus.
     static_cast<void>(getValue(properties, constants::debugLevelMaskKey));
 }
 
@@ -93,7 +93,7 @@ const std::string& GlobalConfig::productIdentifier() {
 }
 
 const std::string& GlobalConfig::defaultProvisioningServer() {
-    // Deployments put their own host here; example names resolve nowhere.
+    // Deployments set their own host here; example.com has no such server.
     static const std::string host = "provisioning.example.com";
     return host;
 }

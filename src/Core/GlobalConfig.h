@@ -1,8 +1,7 @@
-// The few settings that several parts of the daemon read: what is installed, the provisioning server, and what a
-// provisioning file must say to be ours. Filled from the property service at start-up and at the start of every pass.
+// Process-wide configuration: installed versions, provisioning server, and the product and format version that
+// provisioning files must have. Read from the property service at start-up and at the start of every pass.
 //
-// Threads: the main thread and pass starters fill it, the bus delivery thread replaces the server, the pass reads: the
-// values that change are behind one mutex and copied out.
+// Threads: any. One mutex guards the values; getters return copies.
 #pragma once
 
 #include <chrono>
@@ -17,13 +16,13 @@ class GlobalConfig {
  public:
     using Properties = std::shared_ptr<propertyapi::IPropertyApi>;
 
-    /// The key's value; an empty text, and an error line, when it cannot be read.
+    /// The property's value. Logs an error and returns an empty string if it cannot be read.
     static std::string getValue(const Properties& properties, const std::string& key);
 
-    /// Whether the factory user name and password are both there.
+    /// Whether factory user name and password are both set.
     static bool hasAuthCredentials(const Properties& properties);
 
-    /// Waits until the factory credentials are there, `maxWaits` times `pause` at most, and goes on either way.
+    /// Waits until the factory credentials are set, for at most `maxWaits` times `pause`.
     static void waitForPreconditions(const Properties& properties, unsigned maxWaits, std::chrono::seconds pause);
 
     static void readProperties(const Properties& properties);
@@ -34,7 +33,7 @@ class GlobalConfig {
     static std::string provisioningServer();
     static void setProvisioningServer(const std::string& url);
 
-    /// The highest format version of provisioning files that is understood.
+    /// The highest supported format version of provisioning files.
     static const std::string& fileFormatVersion();
     static const std::string& productIdentifier();
     static const std::string& defaultProvisioningServer();

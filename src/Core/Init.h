@@ -1,5 +1,5 @@
-// The part of start-up that depends on the property service: factory credentials, configuration, timer period.
-// Runs on the main thread.
+// Start-up steps that need the property service: factory credentials, configuration, timer period. Threads: main
+// thread.
 #pragma once
 
 #include <chrono>
@@ -20,8 +20,10 @@ class Init {
     Init(ProvisioningTimer& timer, std::shared_ptr<propertyapi::IPropertyApi> properties);
     Init(ProvisioningTimer& timer, std::shared_ptr<propertyapi::IPropertyApi> properties, Timing timing);
 
-    /// Goes on whatever is missing; blocks for about 110 s at the most.
+    /// Continues without what is missing. Blocks for up to 10 credentialsPause, then as setTimer does.
     void run();
+
+    /// Starts the timer with the configured period. Retries 10 times, periodPause apart, if it cannot be read.
     void setTimer();
 
  private:

@@ -10,22 +10,16 @@
 
 namespace zav {
 
-namespace {
-
-constexpr int stabilisationSeconds = 90;
-
-}  // namespace
-
 // Shared with the thread, which may outlive the mediator.
 struct NetworkMediator::Shared {
     explicit Shared(Timing chosen) : timing(chosen) {}
 
     const Timing timing;
     common::StopSignal stopping;
-    std::mutex mutex;  // held by start until the thread object is in place
+    std::mutex mutex;  // held by start until `thread` is assigned
     std::condition_variable ended;
     std::thread thread;    // guarded by mutex
-    bool running = false;  // guarded by mutex: the thread still holds the dispatcher
+    bool running = false;  // guarded by mutex: the thread still uses the dispatcher
 };
 
 NetworkMediator::NetworkMediator() : NetworkMediator(Timing()) {}
@@ -74,7 +68,7 @@ void NetworkMediator::run(const std::shared_ptr<Shared>& shared, const std::shar
         const std::lock_guard<std::mutex> lock(shared->mutex);
         shared->thread.detach();
     }
-    dbg::Debug::info() << "Network interface is configured, waiting: " << stabilisationSeconds
+    dbg::Debug::info() << "Network interface is configured, waiting: " << stabilisationTime.count()
                        << "seconds for stabilization." << std::endl;
     if (shared->stopping.waitFor(shared->timing.stabilisation)) return;
     dbg::Debug::info() << "Enabling provisioning function." << std::endl;

@@ -1,9 +1,8 @@
-// Waits until the network is usable and has settled, and then enables provisioning. Once a process, on a thread of its
-// own, which nobody has to join; destroying the mediator ends its waits and returns when it has let go of the
-// dispatcher.
+// Waits until the network is ready and stable, then enables provisioning, once per process.
 //
-// What the readiness check throws ends the process: a daemon that is up and can never be asked to provision would be
-// worse, and the service manager restarts it. The check that the daemon uses throws nothing.
+// Threads: runs on a thread of its own. The destructor ends the waits and returns once the thread no longer uses the
+// dispatcher. An exception from the readiness check terminates the process, so that the service manager restarts it: a
+// daemon that never accepts provisioning requests would be worse. isServerReachable does not throw.
 #pragma once
 
 #include <chrono>
@@ -18,9 +17,11 @@ class NetworkMediator {
  public:
     using Check = std::function<bool()>;
 
+    static constexpr std::chrono::seconds stabilisationTime{90};
+
     struct Timing {
         std::chrono::milliseconds pollInterval{5000};
-        std::chrono::seconds stabilisation{90};  // logged as 90, whatever a test puts here
+        std::chrono::seconds stabilisation{stabilisationTime};
     };
 
     NetworkMediator();
@@ -29,8 +30,8 @@ class NetworkMediator {
     NetworkMediator(const NetworkMediator&) = delete;
     NetworkMediator& operator=(const NetworkMediator&) = delete;
 
-    /// Starts the thread, which begins with `first`. To be called once. Throws std::system_error when there is no
-    /// thread to be had.
+    /// Starts the thread, which calls `first` before anything else. Call once. Throws std::system_error if no thread
+    /// can be started.
     void start(std::shared_ptr<Dispatcher> dispatcher, Check isReady, std::function<void()> first = {});
 
  private:

@@ -40,7 +40,7 @@ std::chrono::system_clock::time_point nextNight(std::chrono::system_clock::time_
                                                 std::chrono::seconds offset) {
     using std::chrono::system_clock;
     const std::time_t seconds = system_clock::to_time_t(now);
-    tzset();  // localtime_r, unlike localtime, need not notice a new time zone
+    tzset();  // localtime_r need not re-read the time zone
     std::tm midnight{};
     localtime_r(&seconds, &midnight);
     midnight.tm_sec = 0;

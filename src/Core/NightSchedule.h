@@ -1,4 +1,4 @@
-// When the nightly provisioning falls: a fixed time after local midnight. Pure functions.
+// Time of the nightly provisioning: a fixed offset after local midnight. Pure functions.
 #pragma once
 
 #include <chrono>
@@ -7,15 +7,15 @@
 
 namespace zav {
 
-/// Seconds after midnight for a seed text, evenly in [first, last]: the ISO seed sequence of its characters seeds the
-/// minimal-standard generator, whose values are scaled down by buckets, those outside the last whole one drawn again.
-/// Written out here, because standard libraries may distribute differently.
+/// A number in [first, last], uniformly distributed over seed texts: std::seed_seq of the characters seeds
+/// std::minstd_rand0, whose values are divided into equal buckets; values beyond the last full bucket are drawn again.
+/// Does not use std::uniform_int_distribution, whose results differ between standard libraries.
 std::uint32_t drawNightOffset(const std::string& seedText, std::uint32_t first, std::uint32_t last);
 
-/// 13995 s, 03:53:15, on every device and day: the seed is the name of the MAC address property, not its value.
+/// 13995 s (03:53:15) on every phone: the seed is the name of the MAC address property, not its value.
 std::chrono::seconds nightOffset();
 
-/// Local midnight at the start of today plus the offset, or exactly 24 h later when that lies before `now`.
+/// Local midnight at the start of today plus the offset, or exactly 24 h later if that is before `now`.
 std::chrono::system_clock::time_point nextNight(std::chrono::system_clock::time_point now, std::chrono::seconds offset);
 
 }  // namespace zav

@@ -1,9 +1,8 @@
-// The provisioning pass that runs on a thread: what it may still use up together with all that is nested in it
-// (included files, redirects), how deep it is in handlers, and whether the process is shutting down.
+// Limits of the provisioning pass that runs on a thread: items and files that it has used together with included files
+// and nested passes (redirects), nesting of handlers, and shutdown.
 //
-// The worker makes one on the pass thread for the length of the pass. What a nested pass uses up counts for the
-// outermost pass, whose limits it shares; the two run on threads of their own, but never at the same time, because the
-// outer one waits for the inner one. No locks.
+// Threads: the worker creates a Pass on the pass thread for the duration of the pass. A nested pass has a thread of its
+// own and shares the Usage of the outermost pass without locking, because the outer thread waits for the inner one.
 #pragma once
 
 #include <cstddef>
@@ -14,7 +13,7 @@
 
 namespace zav {
 
-/// A pass goes no further because the process is shutting down.
+/// Ends a pass because the process is shutting down.
 class ShuttingDownException : public std::runtime_error {
  public:
     ShuttingDownException() : std::runtime_error("The process is shutting down") {}
@@ -28,23 +27,23 @@ class Pass {
     static constexpr unsigned maximumDepth = 4;
     static constexpr unsigned maximumHandlerDepth = 16;
 
-    /// What an outermost pass and everything nested in it have used up.
+    /// Counted over an outermost pass and everything nested in it.
     struct Usage {
         std::size_t items = 0;      // read from provisioning files
-        unsigned files = 0;         // of any kind, downloaded beside the initial ones
+        unsigned files = 0;         // downloaded, except initial files
         unsigned nestedPasses = 0;  // started by redirects
         bool decryptionReported = false;
     };
 
-    /// The pass of the calling thread until it is destroyed. `depth` is 1 for an outermost pass.
+    /// Becomes the calling thread's pass until destruction. `depth` is 1 for an outermost pass.
     Pass(std::shared_ptr<Usage> usage, unsigned depth, std::shared_ptr<common::StopSignal> stop);
     ~Pass();
     Pass(const Pass&) = delete;
     Pass& operator=(const Pass&) = delete;
 
-    /// Null where no pass runs on the calling thread.
+    /// Null if no pass runs on the calling thread.
     static Pass* ofThisThread();
-    /// Throws std::logic_error where no pass runs on the calling thread.
+    /// Throws std::logic_error if no pass runs on the calling thread.
     static Pass& current();
 
     const std::shared_ptr<Usage>& usage() const { return usage_; }
@@ -52,17 +51,17 @@ class Pass {
     unsigned depth() const { return depth_; }
 
     std::size_t itemsLeft() const { return maximumItems - usage_->items; }
-    /// `count` must not be greater than itemsLeft.
+    /// `count` must not exceed itemsLeft().
     void useItems(std::size_t count) { usage_->items += count; }
-    /// False when the pass has downloaded as many files as it may.
+    /// Counts a file. False if the pass has downloaded maximumFiles already.
     bool useFile();
 
-    /// Whether work that takes long must end now.
+    /// Whether long work must end now: shutdown has begun and its grace period is over.
     bool isOverdue() const { return stop_->isOverdue(); }
-    /// Throws ShuttingDownException if it must.
+    /// Throws ShuttingDownException if isOverdue().
     void throwIfOverdue() const;
 
-    /// Counts a handler that runs inside another one.
+    /// Counts a nested handler while it runs.
     class HandlerScope {
      public:
         explicit HandlerScope(Pass& pass) : pass_(pass) { ++pass_.handlerDepth_; }
@@ -79,8 +78,8 @@ class Pass {
     const std::shared_ptr<Usage> usage_;
     const unsigned depth_;
     const std::shared_ptr<common::StopSignal> stop_;
-    Pass* const outer_;          // of the same thread, as a rule none
-    unsigned handlerDepth_ = 1;  // the handler that the pass itself started is the first
+    Pass* const outer_;          // of the same thread; usually null
+    unsigned handlerDepth_ = 1;  // the handler started by the worker is the first
 };
 
 }  // namespace zav

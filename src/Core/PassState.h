@@ -1,5 +1,4 @@
-// Two values that belong to the provisioning pass at hand and are shared by everything that takes part in it.
-// Threads: any.
+// Two process-wide values of the current provisioning pass. Threads: any.
 #pragma once
 
 #include <atomic>
@@ -7,11 +6,11 @@
 
 namespace zav {
 
-/// The version of the provisioning file that is being run; empty until the initial file is verified.
+/// Format version of the running provisioning file; empty until the initial file is verified.
 std::string currentProvisioningVersion();
 void setCurrentProvisioningVersion(const std::string& version);
 
-/// HTTP status of the initial download, or of the latest failed one after it; 0 when there was no answer.
+/// HTTP status of the initial download, or of the latest failed download after it; 0 if there was no response.
 extern std::atomic<int> lastHttpCode;
 
 }  // namespace zav

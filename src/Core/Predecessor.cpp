@@ -19,10 +19,7 @@ namespace zav {
 
 namespace {
 
-constexpr const char* uiLocked = "1";
-constexpr const char* uiUnlocked = "0";
-
-// No download can take this name: none has a colon.
+// Downloaded files never have a colon in their name.
 const std::string& lockFile() {
     static const std::string path = provisioningDirectory() + "zavd:lock";
     return path;
@@ -34,7 +31,7 @@ DaemonLock::State lock(common::Descriptor& file) {
     if (file.get() >= 0 && ::flock(file.get(), LOCK_EX | LOCK_NB) == 0) return DaemonLock::State::held;
     if (file.get() >= 0 && errno == EWOULDBLOCK) return DaemonLock::State::heldByAnother;
     dbg::Debug::warning() << "Cannot lock " << lockFile() << ": " << std::generic_category().message(errno)
-                          << "; a second zavd would not be noticed" << std::endl;
+                          << "; a second zavd would not be detected" << std::endl;
     return DaemonLock::State::unavailable;
 }
 
@@ -45,12 +42,12 @@ void unlockScreen(propertyapi::IPropertyApi& properties) {
     } catch (const propertyapi::PropertyException&) {
         return;
     }
-    if (state != uiLocked) return;
+    if (state != constants::uiLocked) return;
     dbg::Debug::warning() << "The screen was left locked by a zavd that was killed, unlocking it" << std::endl;
-    properties.set(constants::provisioningLockUiKey, uiUnlocked);
+    properties.set(constants::provisioningLockUiKey, constants::uiUnlocked);
 }
 
-// What openssl had decrypted when the daemon was killed, or still decrypts: it may be readable text.
+// openssl may still be writing one. They may hold decrypted settings.
 void removeDecryptedLeftovers() {
     namespace fs = std::filesystem;
     std::error_code error;

@@ -1,4 +1,4 @@
-// One daemon a phone, and nothing left behind by the one before it, which may have been killed in the middle of a pass.
+// Ensures a single daemon per phone, and cleans up after one that was killed during a pass.
 #pragma once
 
 #include <memory>
@@ -8,13 +8,13 @@
 
 namespace zav {
 
-/// Held by the one daemon that runs, until it is destroyed or the process dies. A lock on a file in the folder of
-/// downloaded provisioning files, which is made if it is missing.
+/// A file lock in the folder of downloaded provisioning files, held until destruction or the end of the process.
+/// Creates the folder if it is missing.
 class DaemonLock {
  public:
     enum class State { held, heldByAnother, unavailable };
 
-    /// Unavailable: the file cannot be made or locked, which is logged; the daemon goes on without.
+    /// Logs a warning if the file cannot be created or locked (`unavailable`); the daemon then runs without a lock.
     DaemonLock();
 
     State state() const { return state_; }
@@ -24,9 +24,8 @@ class DaemonLock {
     State state_;
 };
 
-/// For the holder of the lock, when no pass can run yet: unlocks a screen that a predecessor left locked, with a
-/// warning, and removes files that it had downloaded half. Blocks for two property calls; never throws, and logs
-/// nothing when the property cannot be read.
+/// Unlocks a screen that the predecessor left locked, and removes files that it left partly downloaded or decrypted.
+/// Call while holding the lock, before any pass can run. Blocks for up to two property calls. Never throws.
 void cleanUpAfterPredecessor(propertyapi::IPropertyApi& properties);
 
 }  // namespace zav

@@ -16,7 +16,7 @@ namespace {
 constexpr const char* overallStatus = "provisioningStatus";
 constexpr const char* jobStatus = "jobStatus";
 
-// "FileDownloadHandler" and "file" are absent on purpose: those jobs do not count in the overall status.
+// Without "FileDownloadHandler" and "file": those jobs do not count in the overall status.
 const std::map<std::string, std::string>& jobCategoryByName() {
     static const std::map<std::string, std::string> categories{
         {"NVMJobHandler", "nvm"},
@@ -42,19 +42,19 @@ std::string wordOf(int result) {
     }
 }
 
-std::string overallOf(const std::set<std::string>& words) {
+std::string overallStatusOf(const std::set<std::string>& words) {
     if (words == std::set<std::string>{constants::successWord}) return constants::successWord;
     if (words == std::set<std::string>{constants::failWord}) return constants::failWord;
-    return constants::partSuccessWord;  // a mixture, or nothing at all
+    return constants::partSuccessWord;  // mixed results, or none
 }
 
-// Looks without inserting.
+// Does not insert a missing member, unlike operator[] of a mutable object.
 const Json::Value& member(const Json::Value& object, const char* name) {
     return object.isObject() ? object[name] : Json::Value::nullSingleton();
 }
 
-// Completes the document of a pass that has ended.
-void formStatus(Json::Value& document) {
+// Adds the overall status, unless it is set, and removes categories without a job status.
+void addOverallStatus(Json::Value& document) {
     const Json::Value& readable = document;
     if (!member(readable, overallStatus).isNull()) return;
     std::set<std::string> words;
@@ -63,10 +63,10 @@ void formStatus(Json::Value& document) {
         if (!status.isNull()) {
             words.insert(status.asString());
         } else if (readable.isObject()) {
-            document.removeMember(category);  // it holds details, but no job of it reported
+            document.removeMember(category);
         }
     }
-    document[overallStatus] = overallOf(words);
+    document[overallStatus] = overallStatusOf(words);
 }
 
 }  // namespace
@@ -84,28 +84,28 @@ void ProvisioningStatusReporter::setJobField(const std::string& handlerName, con
 }
 
 void ProvisioningStatusReporter::reportFinished() {
-    Json::Value finished;
+    Json::Value document;
     {
         const std::lock_guard<std::mutex> lock(mutex_);
-        finished = document_;
+        document = document_;
     }
-    formStatus(finished);
+    addOverallStatus(document);
     std::ostringstream text;
-    text << finished;
-    // Before anybody reads the status, so that the end of a nested pass is in the log before its consequences; without
-    // the lock, so that a slow log does not hold up readers.
+    text << document;
+    // Logged before the status is published, so that the end of a nested pass precedes its consequences in the log;
+    // and without the lock, so that a slow log does not block readers.
     dbg::Debug::info() << "Finished provisioning, status is" << dbg::verbatim(text.str()) << std::endl;
     {
         const std::lock_guard<std::mutex> lock(mutex_);
-        document_ = finished;
+        document_ = document;
     }
-    formed_.notify_all();
+    finished_.notify_all();
 }
 
 void ProvisioningStatusReporter::setProvisioningStatus(const std::string& status) {
     const std::lock_guard<std::mutex> lock(mutex_);
     document_[overallStatus] = status;
-    formed_.notify_all();
+    finished_.notify_all();
 }
 
 std::string ProvisioningStatusReporter::getProvisioningStatus() {
@@ -115,7 +115,7 @@ std::string ProvisioningStatusReporter::getProvisioningStatus() {
 
 std::string ProvisioningStatusReporter::waitForProvisioningStatus(std::chrono::milliseconds timeout) {
     std::unique_lock<std::mutex> lock(mutex_);
-    formed_.wait_for(lock, timeout, [this] { return !member(document_, overallStatus).isNull(); });
+    finished_.wait_for(lock, timeout, [this] { return !member(document_, overallStatus).isNull(); });
     return member(document_, overallStatus).asString();
 }
 

@@ -1,7 +1,7 @@
-// The outcome of one provisioning pass as a JSON document: a status per job category and one overall status. It is
-// logged when the pass ends and kept until the next one starts.
+// The result of a provisioning pass as a JSON document: a status for each job category and an overall status. Logged
+// when the pass ends, kept until the next pass starts.
 //
-// Threads: the pass writes, any thread may read; one mutex around the document.
+// Threads: any; the pass thread writes.
 #pragma once
 
 #include <json/value.h>
@@ -13,30 +13,30 @@
 
 namespace zav {
 
-/// What a job handler returns.
+/// Result of a job handler.
 enum JobResult : int { jobFail = 0, jobPartSuccess = 1, jobSuccess = 2 };
 
 class ProvisioningStatusReporter final {
  public:
-    /// Records the result word of a handler, given by its class name or its job type; any other name is ignored.
-    virtual void setJobStatus(const std::string& handlerName, int result);
-    virtual void setJobField(const std::string& handlerName, const std::string& key, const Json::Value& value);
+    /// Records a result for the category of the handler, given by class name or job type. Ignores other names.
+    void setJobStatus(const std::string& handlerName, int result);
+    void setJobField(const std::string& handlerName, const std::string& key, const Json::Value& value);
 
-    /// Forms the overall status, unless one was set before, and logs the document.
-    virtual void reportFinished();
-    virtual void setProvisioningStatus(const std::string& status);
+    /// Computes the overall status, unless it is set already, and logs the document.
+    void reportFinished();
+    void setProvisioningStatus(const std::string& status);
 
-    /// "success", "partSuccess" or "fail"; empty while the pass has not formed it.
-    virtual std::string getProvisioningStatus();
+    /// "success", "partSuccess" or "fail"; empty until the pass has finished.
+    std::string getProvisioningStatus();
 
     void resetStatus();
 
-    /// The overall status as soon as it is formed; what there is of it after `timeout`.
+    /// Waits for the overall status; empty after `timeout`.
     std::string waitForProvisioningStatus(std::chrono::milliseconds timeout);
 
  private:
     std::mutex mutex_;
-    std::condition_variable formed_;
+    std::condition_variable finished_;
     Json::Value document_;  // guarded by mutex_
 };
 

@@ -13,7 +13,7 @@ namespace zav {
 
 namespace {
 
-// The steady clock of the wait and the wall clock drift apart by a little over a night.
+// The steady clock that times the wait and the wall clock drift apart over a night.
 constexpr std::chrono::minutes clockTolerance{1};
 
 std::string readableTime(std::chrono::system_clock::time_point time) {
@@ -31,7 +31,7 @@ std::chrono::system_clock::time_point TimerClock::now() const { return std::chro
 
 std::cv_status TimerClock::waitFor(std::condition_variable& condition, std::unique_lock<std::mutex>& lock,
                                    std::chrono::nanoseconds duration) const {
-    return condition.wait_for(lock, duration);  // on the steady clock: a wall clock set back must not stall it
+    return condition.wait_for(lock, duration);  // steady clock: setting the wall clock back must not stall it
 }
 
 const TimerClock& TimerClock::real() {
@@ -120,8 +120,8 @@ void ProvisioningTimer::scheduleNight() {
     nextTime_ = next;
 }
 
-// Now; or, when the wait for a night has just ended a moment before the wall clock got there, just after that time:
-// the same night must not be scheduled twice.
+// Now, or just after the last scheduled time if the wall clock has not quite reached it yet: the same night must not be
+// scheduled twice.
 std::chrono::system_clock::time_point ProvisioningTimer::scheduleReference() const {
     const auto now = clock_.now();
     const bool justEnded = now <= nextTime_ && nextTime_ - now < clockTolerance;

@@ -1,8 +1,7 @@
-// Asks for a provisioning pass when it is due, every period or once a night, by writing "request" to
-// "State.Provisioning": the rest of the daemon reacts to that as to any other request.
+// Requests a provisioning pass periodically or once a night by writing "request" to "State.Provisioning", like any
+// other requester.
 //
-// Threads: start and stop are called by the main thread and the bus delivery thread (never by the timer's own); one
-// timer thread, which writes the property with the mutex held.
+// Threads: any but the timer's own may call start and stop. The timer thread writes the property with the mutex held.
 #pragma once
 
 #include <chrono>
@@ -15,13 +14,13 @@
 
 namespace zav {
 
-/// The timer's view of time: tests put their own in its place.
+/// Time source of the timer; replaced in tests.
 class TimerClock {
  public:
     virtual ~TimerClock() = default;
     virtual std::chrono::system_clock::time_point now() const;
 
-    /// Waits on the condition, `duration` at most.
+    /// Waits for the condition, for at most `duration`.
     virtual std::cv_status waitFor(std::condition_variable& condition, std::unique_lock<std::mutex>& lock,
                                    std::chrono::nanoseconds duration) const;
 
@@ -36,11 +35,11 @@ class ProvisioningTimer {
     ProvisioningTimer(const ProvisioningTimer&) = delete;
     ProvisioningTimer& operator=(const ProvisioningTimer&) = delete;
 
-    /// Restarts the timer from now; `period` in seconds, 0 for once a night. Throws std::system_error when no thread
-    /// can be started.
+    /// Restarts the timer from now. `period` is in seconds, 0 for once a night. Throws std::system_error if the thread
+    /// cannot be started.
     virtual void start(unsigned period);
 
-    /// Ends the timer thread and waits for its end; does nothing when it is not running.
+    /// Stops and joins the timer thread, if it runs.
     virtual void stop();
 
  protected:
@@ -57,9 +56,9 @@ class ProvisioningTimer {
     const TimerClock& clock_;
     std::mutex control_;  // serialises start and stop
 
-    std::chrono::system_clock::time_point nextTime_;  // guarded by mutex_, like those below except the thread
-    std::chrono::seconds waitDuration_{-1};           // whole seconds, as they are logged
-    std::chrono::nanoseconds exactWait_{0};           // what is really waited, so that the wait never ends early
+    std::chrono::system_clock::time_point nextTime_;  // guarded by mutex_, like the members below except thread_
+    std::chrono::seconds waitDuration_{-1};           // exactWait_ in whole seconds, for the log
+    std::chrono::nanoseconds exactWait_{0};
     std::condition_variable wake_;
     std::thread thread_;  // guarded by control_
     unsigned period_ = 0;

@@ -20,7 +20,7 @@ namespace {
 
 constexpr const char* interfaceNamePattern = "eth";
 constexpr const char* localServerAddress = "127.0.0.1";
-constexpr timeval connectTimeout{5, 0};  // a server that is too busy to accept must not hold the process's end
+constexpr timeval connectTimeout{5, 0};  // a server that does not accept must not delay shutdown
 constexpr unsigned shortestPeriod = 600;
 constexpr unsigned longestPeriod = 86400;
 constexpr const char* firmwareCleanUpCommand = "/config/bin/clean-up-utils.sh firmware-update";
@@ -115,7 +115,7 @@ unsigned checkPeriod(const std::string& text) {
         dbg::Debug::warning() << "Period must be at least 10 min., setting period to 10 min." << std::endl;
         return shortestPeriod;
     }
-    if (period > longestPeriod) {  // a negative number is a very large one here
+    if (period > longestPeriod) {  // includes negative numbers, which became very large ones
         dbg::Debug::warning() << "Period must be no longer than 24h, setting period to 24h" << std::endl;
         return longestPeriod;
     }

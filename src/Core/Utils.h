@@ -1,7 +1,6 @@
 // Network readiness, the provisioning period, and the URLs and local paths of provisioning files.
 //
-// Threads: the network checks are called by one thread at a time (they share the text of the last error that was
-// reported); everything else by any.
+// Threads: any; the network checks from one thread at a time, because they share the last reported error.
 #pragma once
 
 #include <netdb.h>
@@ -15,50 +14,51 @@ struct ifaddrs;
 
 namespace zav {
 
-/// Logs the message as an error of source line `line`, unless it is the last one reported.
+/// Logs an error with source line `line`, unless it repeats the last one.
 void reportErrorOnce(std::string& lastError, const std::string& message, int line);
 
-/// When `ok`, forgets the last reported error, so that the next failure is logged again.
+/// If `ok`, clears the last reported error, so that the next failure is logged again.
 void clearReportedError(std::string& lastError, bool ok);
 
-/// Whether the first wired interface of the list (any name that contains "eth") is up and running.
+/// Whether the first interface whose name contains "eth" is up and running.
 bool isNetworkInterfaceUp(const ifaddrs* interfaces);
 bool isNetworkInterfaceUp();
 
-/// Whether one of the addresses accepts a TCP connection. `host` is for the messages. Blocks, 5 s an address at most.
+/// Whether one of the addresses accepts a TCP connection. `host` is for log lines. Blocks for up to 5 s per address.
 bool canConnect(const addrinfo* addresses, const std::string& host);
 
-/// Whether the wired interface is up and the phone's own web server accepts connections. Blocks.
+/// Whether the wired interface is up and the phone's own web server accepts connections. Blocks for up to 5 s. Throws
+/// only on lack of memory.
 bool isServerReachable();
 
-/// Seconds between two provisioning passes: 0 (nightly), or 600 to 86,400, to which other numbers are moved with a
-/// warning. Throws what std::stoi throws for a text that is no number.
+/// Provisioning period in seconds: 0 (nightly) or 600 to 86,400; clamps other numbers and logs a warning. Throws what
+/// std::stoi throws if the text is not a number.
 unsigned checkPeriod(const std::string& text);
 
-/// The URL with the file name "provisioning.xml" when it has none. Throws UrlException.
+/// Parses a URL and adds the file name "provisioning.xml" if it has none. Throws UrlException.
 UrlInfo makeUrlInfo(const std::string& url);
 
-/// A file named in a provisioning file: "/…" is below the server's own path, anything else a full URL.
-/// Throws UrlException.
+/// Resolves a file reference in a provisioning file: "/…" is relative to the directory of `baseUrl`, anything else is a
+/// full URL. Throws UrlException.
 UrlInfo makeJobUrlInfo(const std::string& path, const std::string& baseUrl);
 
 /// scheme://host[:port]/path/ without the file name.
 std::string serverPrefix(const UrlInfo& urlInfo);
 
-/// The port in decimal, or the scheme when there is none, for name resolution.
+/// The service name for getaddrinfo: the port, or the scheme if the URL has no port.
 std::string serviceOf(const UrlInfo& urlInfo);
 
-/// The folder of downloaded provisioning files, with its "/".
+/// The folder of downloaded provisioning files, ending in "/".
 const std::string& provisioningDirectory();
 
 /// provisioningDirectory() + a + "/" + b
 std::string provisioningPath(const std::string& a, const std::string& b);
 
-/// The firmware staging folder, with its "/".
+/// The firmware staging folder, ending in "/".
 const std::string& firmwareDirectory();
 
-/// Empties the firmware staging folder and runs the device's clean-up. Blocks, 10 s at most. Throws what the folder's
-/// removal and os::execute throw. `stop` ends the clean-up as it ends os::execute.
+/// Empties the firmware staging folder and runs the device's clean-up script. Blocks for up to 10 s; `stop` ends the
+/// script earlier, see os::execute. Throws what filesystem::removeAllFromDirectory and os::execute throw.
 void cleanFirmwareUpdate(const common::StopSignal* stop = nullptr);
 
 }  // namespace zav

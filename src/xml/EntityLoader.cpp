@@ -14,14 +14,14 @@ namespace {
 
 struct Document {
     const std::string* path = nullptr;
-    int file = -1;  // -1: libxml2 has it
+    int file = -1;  // -1: owned by libxml2
     unsigned nodes = 0;
 };
 
 thread_local Document document;
 
-// libxml2 compares the attributes of an element in pairs: 40,000 of them take 20 s, a file full of them hours. Few
-// names for the whole document bound the first such element; behind it the document ends.
+// libxml2 compares the attributes of an element in pairs: 40,000 of them take 20 s. Limiting the names of the document
+// bounds the first such element; countElement then ends the document.
 constexpr int maximumAttributes = 64;
 constexpr std::size_t maximumNameBytes = 64U * 1024U;
 
@@ -29,7 +29,7 @@ void swallowError(void*, xmlErrorPtr) {}
 
 void refuse(void* context) {
     auto* const parser = static_cast<xmlParserCtxtPtr>(context);
-    parser->wellFormed = 0;  // stopping alone would leave a document of what was read so far
+    parser->wellFormed = 0;  // xmlStopParser alone would return what was read so far
     xmlStopParser(parser);
 }
 
@@ -56,7 +56,7 @@ void countElement(void* context, const xmlChar* name, const xmlChar* prefix, con
                   const xmlChar** namespaces, int attributeCount, int defaulted, const xmlChar** attributes) {
     if (attributeCount > maximumAttributes) {
         refuse(context);
-        return;  // the attributes were in the buffer that is gone now
+        return;  // `attributes` points into the buffer that refuse() freed
     }
     if (!fits(context, 1 + static_cast<unsigned>(attributeCount) + static_cast<unsigned>(namespaceCount))) return;
     xmlSAX2StartElementNs(context, name, prefix, uri, namespaceCount, namespaces, attributeCount, defaulted,
@@ -75,8 +75,8 @@ void countCdata(void* context, const xmlChar* text, int length) {
     if (fits(context, 1)) xmlSAX2CDataBlock(context, text, length);
 }
 
-// Text means nothing in these documents but that its element is not empty: one piece of it is enough to tell that. The
-// line break behind each element would take as much memory as the element.
+// Text only tells that its element is not empty, for which one text node is enough. Keeping all line breaks between
+// elements would double the memory.
 void keepFirstText(void* context, const xmlChar* text, int length) {
     const auto* const parser = static_cast<xmlParserCtxtPtr>(context);
     if (parser->node != nullptr && parser->node->children == nullptr) xmlSAX2Characters(context, text, length);
@@ -88,7 +88,7 @@ _xmlParserInput* loadOnlyTheDocument(const char* url, const char*, _xmlParserCtx
     const bool isDocument =
         document.file >= 0 && url != nullptr && context != nullptr && *document.path == url && context->sax != nullptr;
     if (!isDocument) return nullptr;
-    // Nothing of the document has been parsed yet: the place to watch what it declares and how much it holds.
+    // Nothing has been parsed yet, so the handlers see the whole document.
     context->sax->entityDecl = refuseEntity;
     context->sax->unparsedEntityDecl = refuseUnparsedEntity;
     context->sax->attributeDecl = refuseAttributeList;
@@ -98,7 +98,7 @@ _xmlParserInput* loadOnlyTheDocument(const char* url, const char*, _xmlParserCtx
     context->sax->cdataBlock = countCdata;
     context->sax->characters = keepFirstText;
     context->sax->ignorableWhitespace = keepFirstText;
-    context->options |= XML_PARSE_COMPACT;  // short attribute values need no memory of their own
+    context->options |= XML_PARSE_COMPACT;  // stores short attribute values without an allocation
     xmlDictSetLimit(context->dict, maximumNameBytes);
 
     xmlParserInputBufferPtr buffer = xmlParserInputBufferCreateFd(document.file, XML_CHAR_ENCODING_NONE);

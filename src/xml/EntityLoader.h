@@ -1,4 +1,4 @@
-// What libxml2 may open: the document that this thread is loading, and nothing else. For the sources of xml/ only.
+// Restricts libxml2 to the document that the calling thread is loading. Internal to xml/.
 #pragma once
 
 #include <string>
@@ -8,21 +8,20 @@ struct _xmlParserInput;
 
 namespace zav::xml {
 
-/// libxml2's external-entity loader, through which it opens documents too. It refuses everything but the document
-/// of the DocumentScope alive on the calling thread. That document is read from the scope's descriptor, byte by byte
-/// as it is (libxml2 opening the name would inflate gzip, xz and lzma files), and is made to fail when it declares
-/// entities or default attributes, which multiply a small file into gigabytes while it is parsed, or has more than
-/// maximumNodes nodes, 64 attributes in an element or some ten thousand different names.
+/// libxml2's external-entity loader, which also opens the document itself. Refuses everything except the document of
+/// the calling thread's DocumentScope, which it reads from the scope's descriptor (given a name, libxml2 would inflate
+/// gzip, xz and lzma files). Parsing fails if the document declares entities or attribute lists, which can expand a
+/// small file to gigabytes, or has more than maximumNodes nodes, 64 attributes in an element, or 64 KiB of distinct
+/// names.
 _xmlParserInput* loadOnlyTheDocument(const char* url, const char* id, _xmlParserCtxt* context);
 
-/// Elements, attributes, comments and the like together: 250,000 items of four attributes.
+/// Elements, attributes, comments and similar together. Enough for 250,000 items with four attributes.
 constexpr unsigned maximumNodes = 1250000;
 
-/// While it lives, `file` is the one that libxml2 may read on this thread, by the name `path`, and libxml2 prints
-/// nothing.
+/// While it exists, libxml2 may read only `file` on this thread, under the name `path`, and prints no errors.
 class DocumentScope {
  public:
-    /// Takes the descriptor over.
+    /// Takes ownership of the descriptor.
     DocumentScope(const std::string& path, int file);
     ~DocumentScope();
     DocumentScope(const DocumentScope&) = delete;

@@ -11,13 +11,13 @@ namespace zav::xml {
 namespace {
 
 std::mutex mutex;
-unsigned holders = 0;  // guarded by mutex
+unsigned instances = 0;  // guarded by mutex
 
 }  // namespace
 
 Library::Library() {
     const std::lock_guard<std::mutex> lock(mutex);
-    if (holders++ == 0) {
+    if (instances++ == 0) {
         xmlInitParser();
         xmlSetExternalEntityLoader(loadOnlyTheDocument);
     }
@@ -25,7 +25,7 @@ Library::Library() {
 
 Library::~Library() {
     const std::lock_guard<std::mutex> lock(mutex);
-    if (--holders == 0) xmlCleanupParser();
+    if (--instances == 0) xmlCleanupParser();
 }
 
 }  // namespace zav::xml

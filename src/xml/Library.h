@@ -1,7 +1,5 @@
-// libxml2 as a whole: set up once before any thread uses it, cleaned up when nothing uses it any more.
-//
-// The entry holds one Library for the life of the process, and every XMLReader holds one. libxml2's clean-up resets
-// state of the whole process, so it runs only when the last holder goes. Any thread may create and destroy holders.
+// Initialises libxml2 for the process, and cleans it up when the last Library is destroyed. main holds one Library, and
+// so does every XMLReader. Threads: any.
 #pragma once
 
 namespace zav::xml {

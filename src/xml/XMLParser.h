@@ -1,7 +1,5 @@
-// The reader that the service creates, with the format's element and attribute names by number.
+// The reader that the daemon uses for provisioning files.
 #pragma once
-
-#include <string>
 
 #include "xml/XMLReader.h"
 
@@ -12,8 +10,5 @@ class XMLParser : public XMLReader {
     XMLParser() = default;
     ~XMLParser() override = default;
 };
-
-/// The name with that number, empty for a number that has none. Number 2 has none.
-const std::string& formatName(unsigned number);
 
 }  // namespace zav

@@ -16,7 +16,7 @@ std::string text(const xmlChar* string) {
     return string == nullptr ? std::string() : std::string(reinterpret_cast<const char*>(string));
 }
 
-// A descriptor of the file, or -1 when it is not one that we read.
+// Returns -1 unless the path is a regular file of acceptable size.
 int openDocument(const std::string& path) {
     const int file = open(path.c_str(), O_RDONLY | O_NOFOLLOW | O_NONBLOCK | O_CLOEXEC);
     if (file < 0) return -1;

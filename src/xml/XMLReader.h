@@ -1,8 +1,8 @@
-// A cursor over one XML document: load a file, step through elements, read names and attributes.
+// A cursor over one XML document. A successful `load` places it on the root; descend with hasChildren, savePosition and
+// firstChild, advance with nextSibling, return with restorePosition. Without a current element queries return empty
+// values. Throws only on lack of memory.
 //
-// `load` first; on success the cursor stands on the root. Descend with hasChildren, savePosition, firstChild; walk with
-// nextSibling; come back with restorePosition. Without a current element every query answers "nothing". One reader is
-// used by one thread. Only allocation failures throw.
+// Threads: one reader is used by one thread.
 #pragma once
 
 #include <map>
@@ -18,7 +18,7 @@ namespace zav {
 
 class XMLReader {
  public:
-    /// The largest file that is read, in bytes.
+    /// Larger files are refused. Bytes.
     static constexpr long maximumFileSize = 16L * 1024 * 1024;
 
     XMLReader() = default;
@@ -26,32 +26,33 @@ class XMLReader {
     XMLReader(const XMLReader&) = delete;
     XMLReader& operator=(const XMLReader&) = delete;
 
-    /// Replaces the document with the file's. False, and no document, when it is not well-formed XML, declares
-    /// entities or attribute lists, has too many nodes, or is not a regular file of at most maximumFileSize. A
-    /// compressed file is not inflated, and so not well-formed. Blocks for the disk.
+    /// Loads a document, replacing the current one. Returns false, with no document loaded, if the file is not a
+    /// regular file of at most maximumFileSize, is not well-formed XML, declares entities or attribute lists, or has
+    /// too many nodes. Compressed files are not inflated. Blocks for disk reads.
     virtual bool load(const std::string& path);
 
-    /// Frees the document; the reader is then as if none had been loaded.
+    /// Frees the document.
     void release();
 
-    /// Back to the root, or to nothing without a document; forgets the saved positions.
+    /// Returns to the root and clears the saved positions.
     virtual void reset();
 
-    /// Moves on, passing over text and comments; false when nothing is left there.
+    /// Move to the next sibling or first child, skipping text and comments. False, with no current element, if there is
+    /// none.
     virtual bool nextSibling();
     virtual bool firstChild();
 
     virtual std::string name();
 
-    /// Attribute names and values of the current element; of a repeated name the first.
+    /// Attributes of the current element; the first one of a repeated local name.
     virtual std::map<std::string, std::string> attributes();
 
-    /// Whether the current element holds anything, be it only white space.
+    /// Whether the current element has any content, even just white space.
     virtual bool hasChildren();
 
     virtual void savePosition();
 
-    /// Back to the position saved last, which stays saved; to nothing when none is.
+    /// Returns to the position saved last, without removing it; to no element if none was saved.
     virtual void restorePosition();
 
  private:

@@ -8,8 +8,6 @@
 #include "Core/Utils.h"
 #include "common/Quote.h"
 #include "debug/Debug.h"
-#include "http/CurlTypes.h"
-#include "http/FileDownloader.h"
 #include "http/FormatUrl.h"
 
 namespace zav {
@@ -17,19 +15,12 @@ namespace zav {
 namespace {
 
 constexpr const char* urlAttribute = "url";
-constexpr const char* renewPeriodAttribute = "renewPeriod";
-constexpr const char* flagsAttribute = "flags";
 constexpr const char* forceAcceptFlag = "FORCE_ACCEPT";
 constexpr const char* phoneBookDirectory = "/var/volatile/contacts/";
 constexpr const char* certificateDirectory = "/custom/certs/_storage/";
 constexpr int functionKeys = 8;
 
-std::string attribute(const Attributes& attributes, const std::string& name, const std::string& otherwise) {
-    const auto found = attributes.find(name);
-    return found == attributes.end() ? otherwise : found->second;
-}
-
-// A nested pass sets the version of its own files; the pass around it goes on with the one it had.
+// Restores the outer pass's version: a nested pass sets that of its own files.
 class ProvisioningVersionScope {
  public:
     ProvisioningVersionScope() : version_(currentProvisioningVersion()) {}
@@ -62,7 +53,7 @@ int CustomScenarioJobHandler::run() {
     bool ok = true;
     for (const Attributes& step : job_->items) {
         Pass::current().throwIfOverdue();
-        const std::string type = attribute(step, "type", "???");
+        const std::string type = attributeOr(step, "type", "???");
         const auto operation = steps_.find(type);
         if (operation == steps_.end()) {
             dbg::Debug::warning() << "Custom step type " << quote(type) << " not implemented" << std::endl;
@@ -79,32 +70,23 @@ UrlInfo CustomScenarioJobHandler::resolveStepUrl(const Attributes& step) const {
     return makeJobUrlInfo(step.at(urlAttribute), properties_->get(constants::provisioningServerKey));
 }
 
-// `what` names the file in the error line.
-bool CustomScenarioJobHandler::download(const std::string& what, const std::string& source,
-                                        const std::string& destination) {
-    if (!mayDownload(source)) return false;
-    FileDownloader downloader(curl_, security_, properties_);
-    const int code = downloader.downloadFile(source, destination);
-    const long httpCode = curl_->getHttpCode();
-    if (code == 0 && httpCode == 200) return true;
-    lastHttpCode = static_cast<int>(httpCode);
-    const std::string httpDescription = CurlTypes::getHTTPCodeDescription(httpCode);
-    dbg::Debug::error() << "Error downloading " << what << " file " << quote(source) << " to " << quote(destination)
-                        << " status: " << CurlTypes::getCurlErrorDescription(code)
-                        << " HTTP status: " << httpDescription << std::endl;
-    statusReporter_.setJobField(job_->name, "extraInfo", "HTTP: " + httpDescription);
+bool CustomScenarioJobHandler::downloadAndReport(const std::string& kind, const std::string& source,
+                                                 const std::string& destination) {
+    if (!countDownload(source)) return false;
+    if (download(kind, source, destination)) return true;
+    statusReporter_.setJobField(job_->name, "extraInfo", "HTTP: " + lastHttpStatus());
     return false;
 }
 
 bool CustomScenarioJobHandler::applyCertificateStep(const Attributes& step) {
     const UrlInfo urlInfo = resolveStepUrl(step);
     const std::string source = urlInfo.text();
-    const std::string flags = attribute(step, flagsAttribute, "");
+    const std::string flags = attributeOr(step, "flags", "");
     dbg::Debug::info() << "Downloading certificate from URL " << quote(source) << " with flags " << quote(flags)
                        << std::endl;
     const std::string destination = formatUrl(certificateDirectory + urlInfo.localName(), properties_);
-    // The error line is the firmware job's, its words included.
-    if (!download("firmware", source, destination)) return false;
+    // The error line calls a certificate a firmware file too.
+    if (!downloadAndReport("firmware", source, destination)) return false;
     return applyCertificate(destination.substr(std::string(certificateDirectory).size()), destination,
                             flags == forceAcceptFlag);
 }
@@ -126,7 +108,7 @@ bool CustomScenarioJobHandler::applyCertificate(const std::string& fileName, con
     return true;
 }
 
-// These keys have no dot before "LockProvisioning", unlike the flags that settings jobs read.
+// No dot before "LockProvisioning", unlike in the keys that settings jobs read.
 bool CustomScenarioJobHandler::unlockAllFunctionKeysStep(const Attributes&) {
     for (int key = 0; key < functionKeys; ++key) {
         properties_->set("FunctionKeys." + std::to_string(key) + "LockProvisioning", "0");
@@ -139,7 +121,7 @@ bool CustomScenarioJobHandler::redirectStep(const Attributes& step) {
     worker_->startProvisioning(step.at(urlAttribute));
     do {
         worker_->waitForProgress();
-        progressReporter_.notifyProgress();  // what moves there moves here: the watchdog asks this pass
+        progressReporter_.notifyProgress();  // the watchdog waits for progress of the outer pass
     } while (!worker_->isProvisioningFinished());
     return worker_->getProvisioningStatus() == constants::successWord;
 }
@@ -153,10 +135,10 @@ bool CustomScenarioJobHandler::localPhoneBookStep(const Attributes& step) {
     const std::string source = urlInfo.text();
     dbg::Debug::info() << "Downloading PhoneBook from URL " << quote(source) << std::endl;
     const std::string fileName = urlInfo.localName();
-    if (!download("LocalPhoneBook", source, phoneBookDirectory + fileName)) return false;
+    if (!downloadAndReport("LocalPhoneBook", source, phoneBookDirectory + fileName)) return false;
     properties_->set(constants::phoneBookFileNameKey, fileName);
     properties_->set(constants::phoneBookVerifyKey, constants::requestWord);
-    const std::string renewPeriod = attribute(step, renewPeriodAttribute, "");
+    const std::string renewPeriod = attributeOr(step, "renewPeriod", "");
     if (!renewPeriod.empty()) properties_->set(constants::periodKey, renewPeriod);
     return true;
 }

@@ -1,5 +1,4 @@
-// A scenario: its steps run in document order, each by the operation for its type. A step that fails makes the job fail
-// and does not stop the others.
+// Runs the steps of a scenario in document order. A failed step fails the job, but the remaining steps still run.
 #pragma once
 
 #include <map>
@@ -12,7 +11,7 @@ namespace zav {
 
 class CustomScenarioJobHandler : public JobHandler {
  public:
-    /// `worker` runs the pass that a redirect asks for; its HTTP client is not this handler's.
+    /// `worker` runs the passes that redirects start; it must not share `curl`.
     CustomScenarioJobHandler(const JobDescription& job, std::shared_ptr<Curl> curl, Security& security,
                              const std::shared_ptr<propertyapi::IPropertyApi>& properties, XMLReader& reader,
                              ProgressReporter& progressReporter, ProvisioningStatusReporter& statusReporter,
@@ -31,7 +30,7 @@ class CustomScenarioJobHandler : public JobHandler {
     bool localPhoneBookStep(const Attributes& step);
     bool applyCertificate(const std::string& fileName, const std::string& path, bool forceAccept);
     UrlInfo resolveStepUrl(const Attributes& step) const;
-    bool download(const std::string& what, const std::string& source, const std::string& destination);
+    bool downloadAndReport(const std::string& kind, const std::string& source, const std::string& destination);
 
     const std::map<std::string, Step> steps_;
     const std::shared_ptr<IProvisioningWorker> worker_;

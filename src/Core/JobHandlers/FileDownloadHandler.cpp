@@ -1,10 +1,8 @@
 #include "Core/JobHandlers/FileDownloadHandler.h"
 
 #include "Core/Constants.h"
-#include "Core/PassState.h"
 #include "Core/Utils.h"
 #include "debug/Debug.h"
-#include "http/CurlTypes.h"
 #include "http/FormatUrl.h"
 
 namespace zav {
@@ -18,10 +16,9 @@ FileDownloadHandler::FileDownloadHandler(const JobDescription& job, std::shared_
 }
 
 int FileDownloadHandler::run() {
-    int result = jobFail;
     dbg::Debug::info() << "Running FileDownloadHandlerJob on: " << job_->name << std::endl;
     const std::string url = findNewestUrl(*job_);
-    if (url.empty()) return result;
+    if (url.empty()) return jobFail;
 
     const UrlInfo urlInfo = makeJobUrlInfo(url, properties_->get(constants::provisioningServerKey));
     const std::string source = urlInfo.text();
@@ -29,20 +26,11 @@ int FileDownloadHandler::run() {
     dbg::Debug::info() << "Found job with URL: " << source << std::endl;
     std::vector<JobDescription> jobs;
     if (!downloadAndParse(source, destination, jobs)) {
-        const long httpCode = curl_->getHttpCode();
-        lastHttpCode = static_cast<int>(httpCode);
-        statusReporter_.setJobField(job_->name, "xmlFileStatus", constants::failWord);
-        statusReporter_.setJobField(job_->name, "extraInfo", "HTTP: " + CurlTypes::getHTTPCodeDescription(httpCode));
+        reportFailedFile(job_->name);
         return jobFail;
     }
-    for (JobDescription& next : jobs) {
-        const JobDescription job = std::move(next);  // what has run is not kept
-        if (job.items.empty()) {
-            dbg::Debug::info() << "Node: " << job.name << " has no child nodes, skipping" << std::endl;
-        } else {
-            result = startJob(job);
-        }
-    }
+    int result = jobFail;
+    runEach(jobs, [&](const JobDescription& job) { result = startJob(job); });
     return result;
 }
 

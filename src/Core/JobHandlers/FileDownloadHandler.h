@@ -1,4 +1,4 @@
-// A job that points to a further provisioning file: the newest of its files is fetched and that file's jobs are run.
+// Downloads the newest of the provisioning files that a job lists, and runs that file's jobs.
 #pragma once
 
 #include "Core/JobHandlers/JobHandler.h"
@@ -11,7 +11,7 @@ class FileDownloadHandler : public JobHandler {
                         const std::shared_ptr<propertyapi::IPropertyApi>& properties, XMLReader& reader,
                         ProgressReporter& progressReporter, ProvisioningStatusReporter& statusReporter);
 
-    /// The result of the last job of the file that ran, fail when none did.
+    /// Returns the result of the last job that ran, jobFail if none ran.
     int run() override;
 };
 

@@ -4,12 +4,9 @@
 
 #include "Core/Constants.h"
 #include "Core/Pass.h"
-#include "Core/PassState.h"
 #include "Core/Utils.h"
 #include "common/Quote.h"
 #include "debug/Debug.h"
-#include "http/CurlTypes.h"
-#include "http/FileDownloader.h"
 #include "http/FormatUrl.h"
 #include "version/FirmwareVersionConsts.h"
 #include "version/IFirmwareVersionFactory.h"
@@ -21,11 +18,6 @@ namespace {
 constexpr const char* forceAcceptFlag = "FORCE_ACCEPT";
 constexpr const char* automaticCheckOn = "1";
 constexpr const char* updateByProvisioning = "provisioning-request";
-
-std::string attribute(const Attributes& attributes, const std::string& name) {
-    const auto found = attributes.find(name);
-    return found == attributes.end() ? std::string() : found->second;
-}
 
 }  // namespace
 
@@ -39,8 +31,9 @@ FirmwareJobHandler::FirmwareJobHandler(const JobDescription& job, std::shared_pt
 int FirmwareJobHandler::run() {
     int result = jobFail;
     triggeredByRequest_ = properties_->get(constants::firmwareTriggerAutoKey) == constants::requestWord;
-    forceAccept_ = std::any_of(job_->items.begin(), job_->items.end(),
-                               [](const Attributes& item) { return attribute(item, "flags") == forceAcceptFlag; });
+    forceAccept_ = std::any_of(job_->items.begin(), job_->items.end(), [](const Attributes& item) {
+        return attributeOr(item, "flags", "") == forceAcceptFlag;
+    });
     const bool automatic = properties_->get(constants::firmwareAutomaticCheckKey) == automaticCheckOn;
     if (!automatic && !triggeredByRequest_ && !forceAccept_) return jobSuccess;
 
@@ -64,7 +57,7 @@ std::string FirmwareJobHandler::findUpgradableVersion() {
         return {};
     }
     const Attributes& entry = job_->items.front();
-    const std::string offered = attribute(entry, "version");
+    const std::string offered = attributeOr(entry, "version", "");
     if (!isUpgradable(offered)) return {};
     const std::string& url = entry.at("url");
     dbg::Debug::info() << "Found upgradable version: " << offered << " url: " << url << std::endl;
@@ -80,7 +73,7 @@ bool FirmwareJobHandler::isUpgradable(const std::string& versionText) const {
         case version::Comparison::newer:
             return true;
         case version::Comparison::older:
-            // Downgrades are for forced jobs, never for somebody who asked for an update.
+            // A forced job may downgrade, an update that a user requested may not.
             if (forceAccept_ && !triggeredByRequest_) return true;
             dbg::Debug::error() << quote(offered->text(), running->text(), "is older than") << std::endl;
             return false;
@@ -101,27 +94,19 @@ int FirmwareJobHandler::downloadAndInstall(const std::string& url) {
     const UrlInfo urlInfo = makeJobUrlInfo(url, properties_->get(constants::provisioningServerKey));
     const std::string source = urlInfo.text();
     const std::string destination = formatUrl(firmwareDirectory() + urlInfo.localName(), properties_);
-    if (!mayDownload(source)) return jobFail;
-    FileDownloader downloader(curl_, security_, properties_);
-    const int code = downloader.downloadFile(source, destination);
-    const long httpCode = curl_->getHttpCode();
-    if (code == 0 && httpCode == 200) {
-        // The name that the file has here, so that the system finds it.
-        properties_->set(constants::firmwareFilenameKey, destination.substr(firmwareDirectory().size()));
-        if (triggeredByRequest_) {
-            properties_->set(constants::firmwareVerifyKey, constants::requestWord);
-        } else {
-            properties_->set(constants::firmwareUpdateSystemKey, updateByProvisioning);
-        }
-        return jobSuccess;
+    if (!countDownload(source)) return jobFail;
+    if (!download("firmware", source, destination)) {
+        statusReporter_.setJobField(getName(), "extraInfo", lastHttpStatus());
+        return jobFail;
     }
-    lastHttpCode = static_cast<int>(httpCode);
-    const std::string httpDescription = CurlTypes::getHTTPCodeDescription(httpCode);
-    dbg::Debug::error() << "Error downloading firmware file " << quote(source) << " to " << quote(destination)
-                        << " status: " << CurlTypes::getCurlErrorDescription(code)
-                        << " HTTP status: " << httpDescription << std::endl;
-    statusReporter_.setJobField(getName(), "extraInfo", httpDescription);
-    return jobFail;
+    // The name on disk, with placeholders expanded: the updater looks for it there.
+    properties_->set(constants::firmwareFilenameKey, destination.substr(firmwareDirectory().size()));
+    if (triggeredByRequest_) {
+        properties_->set(constants::firmwareVerifyKey, constants::requestWord);
+    } else {
+        properties_->set(constants::firmwareUpdateSystemKey, updateByProvisioning);
+    }
+    return jobSuccess;
 }
 
 }  // namespace zav

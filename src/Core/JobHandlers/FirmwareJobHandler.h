@@ -1,5 +1,5 @@
-// A firmware job: decides whether the phone may move to the one version that is offered, downloads the image into the
-// staging folder, and hands the update over to the system by writing state properties.
+// Decides whether the offered firmware version may be installed, downloads the image into the staging folder, and
+// starts the system's updater by writing state properties.
 #pragma once
 
 #include "Core/JobHandlers/JobHandler.h"
@@ -14,10 +14,10 @@ class FirmwareJobHandler : public JobHandler {
 
     int run() override;
 
-    /// Blocks for the download. Throws UrlException for a URL that is none.
+    /// Blocks for the download. Throws UrlException if the URL is invalid.
     virtual int downloadAndInstall(const std::string& url);
 
-    /// The URL to download, empty when the job offers nothing that the phone may move to.
+    /// The URL to download; empty if the offered version may not be installed.
     virtual std::string findUpgradableVersion();
 
  private:

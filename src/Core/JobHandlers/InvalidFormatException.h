@@ -1,4 +1,4 @@
-// A name in a provisioning file that does not have the form it must have.
+// Thrown for a malformed parameter name in a provisioning file.
 #pragma once
 
 #include <stdexcept>

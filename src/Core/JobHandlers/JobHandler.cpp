@@ -5,6 +5,7 @@
 #include <algorithm>
 #include <utility>
 
+#include "Core/Constants.h"
 #include "Core/JobHandlers/JobHandlerFactory.h"
 #include "Core/JobHandlers/ProvisioningFileParser.h"
 #include "Core/Pass.h"
@@ -19,7 +20,7 @@ namespace zav {
 namespace {
 
 constexpr const char* oldestVersion = "1000-01-01_01:01:01";
-// In the regular expressions of this library \d is a digit.
+// \d is a digit in this library's syntax.
 constexpr const char* versionPattern =
     R"(^(20[0-9][0-9]-(0[1-9]|1[012])-(0[1-9]|[12][0-9]|3[01])_([01][0-9]|2[0-3]):[0-5][0-9]:[0-5][0-9]|V\d\d\d.\d\d\d.\d\d\d)$)";
 
@@ -104,7 +105,7 @@ int JobHandler::startJob(const JobDescription& job) {
     return result;
 }
 
-bool JobHandler::mayDownload(const std::string& url) {
+bool JobHandler::countDownload(const std::string& url) {
     Pass& pass = Pass::current();
     pass.throwIfOverdue();
     if (pass.useFile()) return true;
@@ -115,11 +116,11 @@ bool JobHandler::mayDownload(const std::string& url) {
 
 bool JobHandler::downloadAndParse(const std::string& url, const std::string& destination,
                                   std::vector<JobDescription>& jobs) {
-    if (!mayDownload(url)) return false;
+    if (!countDownload(url)) return false;
     FileDownloader downloader(curl_, security_, properties_);
     const int code = downloader.downloadFile(url, destination);
     const long httpCode = curl_->getHttpCode();
-    if (code != 0 || httpCode != 200) {
+    if (code != 0 || httpCode != httpOk) {
         lastHttpCode = static_cast<int>(httpCode);
         dbg::Debug::warning() << "Error downloading file: " << url << std::endl;
         dbg::Debug::error() << "Curl Error: " << CurlTypes::getCurlErrorDescription(code)
@@ -133,8 +134,35 @@ bool JobHandler::downloadAndParse(const std::string& url, const std::string& des
     } else {
         dbg::Debug::warning() << "XML verification failed for: " << destination << std::endl;
     }
-    reader_.release();  // large, and not needed while the jobs run
+    reader_.release();  // the document is large, and the jobs do not need it
     return verified;
+}
+
+bool JobHandler::download(const std::string& kind, const std::string& source, const std::string& destination,
+                          const char* file, int line) {
+    FileDownloader downloader(curl_, security_, properties_);
+    const int code = downloader.downloadFile(source, destination);
+    const long httpCode = curl_->getHttpCode();
+    if (code == 0 && httpCode == httpOk) return true;
+    lastHttpCode = static_cast<int>(httpCode);
+    dbg::Debug::error(file, line) << "Error downloading " << kind << " file " << quote(source) << " to "
+                                  << quote(destination) << " status: " << CurlTypes::getCurlErrorDescription(code)
+                                  << " HTTP status: " << CurlTypes::getHTTPCodeDescription(httpCode) << std::endl;
+    return false;
+}
+
+std::string JobHandler::lastHttpStatus() const { return CurlTypes::getHTTPCodeDescription(curl_->getHttpCode()); }
+
+void JobHandler::reportFailedFile(const std::string& handlerName) {
+    lastHttpCode = static_cast<int>(curl_->getHttpCode());
+    statusReporter_.setJobField(handlerName, "xmlFileStatus", constants::failWord);
+    statusReporter_.setJobField(handlerName, "extraInfo", "HTTP: " + lastHttpStatus());
+}
+
+bool hasItems(const JobDescription& job, const char* file, int line) {
+    if (!job.items.empty()) return true;
+    dbg::Debug::info(file, line) << "Node: " << job.name << " has no child nodes, skipping" << std::endl;
+    return false;
 }
 
 void removeJobsNotAllowed(std::vector<JobDescription>& jobs) {

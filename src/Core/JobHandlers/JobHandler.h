@@ -1,12 +1,12 @@
-// The base of every job handler. One handler serves one job: made by the factory, run once, destroyed. What all
-// handlers share stands here: choosing the newest of several published files, fetching a provisioning file, running
-// further jobs.
+// Base class of the job handlers, with what they share: selecting the newest of several published files, downloading
+// and verifying a provisioning file, running nested jobs. The factory creates one handler for each job; it runs once.
 //
-// Everything runs on the pass thread. The job, security object, reader and reporters outlive the handler.
+// Threads: the pass thread only. The job, security object, reader and reporters must outlive the handler.
 #pragma once
 
 #include <memory>
 #include <string>
+#include <utility>
 #include <vector>
 
 #include "Core/JobHandlers/JobDescription.h"
@@ -28,30 +28,39 @@ class JobHandler {
     JobHandler(const JobHandler&) = delete;
     JobHandler& operator=(const JobHandler&) = delete;
 
-    /// Does the job. Returns a JobResult. Blocks for as long as the job takes; may throw std::exception, which ends
-    /// the pass as "fail".
+    /// Executes the job and returns a JobResult. Blocks until the job is done. An exception ends the pass as "fail".
     virtual int run() = 0;
 
     virtual const std::string& getName();
 
-    /// The URL of the newest of the job's files, empty when none qualifies. Throws std::out_of_range for a file that
-    /// has a version and no URL.
+    /// The URL of the newest of the job's files; empty if no file has a valid version. Throws std::out_of_range if that
+    /// file has no URL.
     virtual std::string findNewestUrl(const JobDescription& job);
 
-    /// Runs a further job with a handler of its own and returns its result, 0 when there is no handler for it. At most
-    /// Pass::maximumHandlerDepth handlers run inside each other: a file that includes itself ends as a failed job.
-    /// Throws ShuttingDownException.
+    /// Runs a nested job and returns its result, or jobFail if no handler exists for it or if handlers are already
+    /// nested Pass::maximumHandlerDepth deep (a file that includes itself). Throws ShuttingDownException.
     virtual int startJob(const JobDescription& job);
 
-    /// Downloads a provisioning file, verifies it and appends its jobs. Failures are logged. Throws what mayDownload
-    /// throws.
+    /// Downloads a provisioning file, verifies it and appends its jobs. Logs the reason if it returns false. Throws
+    /// ShuttingDownException.
     virtual bool downloadAndParse(const std::string& url, const std::string& destination,
                                   std::vector<JobDescription>& jobs);
 
  protected:
-    /// Counts a file of any kind that is about to be downloaded. False, with a log line, when the pass has downloaded
-    /// Pass::maximumFiles. Throws ShuttingDownException.
-    static bool mayDownload(const std::string& url);
+    /// Counts a file that is about to be downloaded. Logs an error and returns false once the pass has downloaded
+    /// Pass::maximumFiles files. Throws ShuttingDownException.
+    static bool countDownload(const std::string& url);
+
+    /// Downloads a file that is not a provisioning file. On failure logs an error that calls it a `kind` file, records
+    /// the HTTP status, and returns false. Blocks for the transfer. The log line names the caller's source file.
+    bool download(const std::string& kind, const std::string& source, const std::string& destination,
+                  const char* file = __builtin_FILE(), int line = __builtin_LINE());
+
+    /// Records the HTTP status of the latest transfer and reports the job's provisioning file as failed.
+    void reportFailedFile(const std::string& handlerName);
+
+    /// In words, for reports.
+    std::string lastHttpStatus() const;
 
     const JobDescription* const job_;
     const std::shared_ptr<propertyapi::IPropertyApi> properties_;
@@ -63,10 +72,24 @@ class JobHandler {
     std::string handlerName_ = "JobHandler";
 };
 
-/// Removes the jobs that the version of the running pass does not allow, with a warning for each.
+/// False, with a log line of the given source position, if the job has no items.
+bool hasItems(const JobDescription& job, const char* file, int line);
+
+/// Calls `runJob` for each job that has items, in order, and frees each job before the next one runs. Logs a line of
+/// the caller's source file for a job without items.
+template <typename RunJob>
+void runEach(std::vector<JobDescription>& jobs, RunJob runJob, const char* file = __builtin_FILE(),
+             int line = __builtin_LINE()) {
+    for (JobDescription& next : jobs) {
+        const JobDescription job = std::move(next);
+        if (hasItems(job, file, line)) runJob(job);
+    }
+}
+
+/// Removes the jobs that the format version of the running pass does not allow. Logs a warning for each.
 void removeJobsNotAllowed(std::vector<JobDescription>& jobs);
 
-/// Whether the text is a version of a published file: a time stamp or the "V" form.
+/// Whether the text is the version of a published file: a time stamp or the "V" form. Logs a warning if not.
 bool isValidVersion(const std::string& version);
 
 }  // namespace zav

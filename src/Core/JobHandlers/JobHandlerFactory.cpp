@@ -20,7 +20,7 @@ std::unique_ptr<JobHandler> JobHandlerFactory::create(const JobDescription& job,
     const auto is = [&](const char* name, const char* itemName) {
         return job.name == name && job.itemName == itemName;
     };
-    // The first rule that matches decides.
+    // The first match wins.
     if (job.name == "provisioning") {
         return std::make_unique<MasterJobHandler>(job, std::move(curl), security, properties, reader, progressReporter,
                                                   statusReporter);
@@ -34,7 +34,7 @@ std::unique_ptr<JobHandler> JobHandlerFactory::create(const JobDescription& job,
                                                statusReporter);
     }
     if (is("custom", "step") || job.name == "scenario") {
-        // With an HTTP client of its own: on a shared one its progress callback would outlive it.
+        // An HTTP client of its own: a shared one would keep the worker's progress callback after its destruction.
         auto worker = std::make_shared<ProvisioningWorker>(properties, std::make_shared<Curl>(), security);
         return std::make_unique<CustomScenarioJobHandler>(job, std::move(curl), security, properties, reader,
                                                           progressReporter, statusReporter, std::move(worker));

@@ -1,4 +1,4 @@
-// Chooses the handler for a job by the job's name and item name.
+// Creates the handler for a job, chosen by the job's name and item name.
 #pragma once
 
 #include <memory>
@@ -9,7 +9,7 @@ namespace zav {
 
 class JobHandlerFactory {
  public:
-    /// The handler, or null, with a warning, for a job that none is for. The arguments are those of JobHandler.
+    /// Returns null, and logs a warning, if no handler exists for the job. See JobHandler for the arguments.
     static std::unique_ptr<JobHandler> create(const JobDescription& job, std::shared_ptr<Curl> curl, Security& security,
                                               const std::shared_ptr<propertyapi::IPropertyApi>& properties,
                                               XMLReader& reader, ProgressReporter& progressReporter,

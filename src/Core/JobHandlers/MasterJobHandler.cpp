@@ -2,10 +2,8 @@
 
 #include "Core/Constants.h"
 #include "Core/Pass.h"
-#include "Core/PassState.h"
 #include "Core/Utils.h"
 #include "debug/Debug.h"
-#include "http/CurlTypes.h"
 #include "http/FormatUrl.h"
 
 namespace zav {
@@ -39,22 +37,12 @@ void MasterJobHandler::runCategory(const std::string& type, const std::string& u
     dbg::Debug::info() << "Found " << type << " job type with URL: " << source << std::endl;
     jobs_.clear();
     if (!downloadAndParse(source, destination, jobs_)) {
-        const long httpCode = curl_->getHttpCode();
-        lastHttpCode = static_cast<int>(httpCode);
-        statusReporter_.setJobField(type, "xmlFileStatus", constants::failWord);
-        statusReporter_.setJobField(type, "extraInfo", "HTTP: " + CurlTypes::getHTTPCodeDescription(httpCode));
+        reportFailedFile(type);
         statusReporter_.setJobStatus(type, jobFail);
         return;
     }
     removeJobsNotAllowed(jobs_);
-    for (JobDescription& next : jobs_) {
-        const JobDescription job = std::move(next);  // what has run is not kept
-        if (job.items.empty()) {
-            dbg::Debug::info() << "Node: " << job.name << " has no child nodes, skipping" << std::endl;
-        } else {
-            statusReporter_.setJobStatus(type, startJob(job));
-        }
-    }
+    runEach(jobs_, [&](const JobDescription& job) { statusReporter_.setJobStatus(type, startJob(job)); });
 }
 
 }  // namespace zav

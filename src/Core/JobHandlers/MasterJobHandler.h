@@ -1,4 +1,4 @@
-// The categories of a "1.0" initial file: for each one its job file is fetched and that file's jobs are run.
+// Runs the categories of a "1.0" initial file: downloads the job file of each category and runs its jobs.
 #pragma once
 
 #include "Core/JobHandlers/JobHandler.h"
@@ -11,7 +11,7 @@ class MasterJobHandler : public JobHandler {
                      const std::shared_ptr<propertyapi::IPropertyApi>& properties, XMLReader& reader,
                      ProgressReporter& progressReporter, ProvisioningStatusReporter& statusReporter);
 
-    /// Always success: the outcome is what the categories record in the status reporter.
+    /// Always returns jobSuccess: each category reports its own result to the status reporter.
     int run() override;
 
     virtual bool isSupportedJobType(const std::string& type);
@@ -19,7 +19,7 @@ class MasterJobHandler : public JobHandler {
  private:
     void runCategory(const std::string& type, const std::string& url);
 
-    std::vector<JobDescription> jobs_;  // of the category at hand
+    std::vector<JobDescription> jobs_;  // of the current category
 };
 
 }  // namespace zav

@@ -15,7 +15,7 @@ namespace {
 
 constexpr const char* functionKeyPrefix = "PhoneUI.Keys.FunctionKeys.";
 constexpr const char* lockPostfix = "LockProvisioning";
-// Part of the message, and the same whatever compiler builds this.
+// Part of the error text; spelled out because __PRETTY_FUNCTION__ differs between compilers.
 constexpr const char* getIndexAndPostfixSignature =
     "std::pair<const std::basic_string<char>, const std::basic_string<char> > "
     "zav::{anonymous}::getIndexAndPostfix(const string&, const string&)";
@@ -99,7 +99,7 @@ void NVMJobHandler::applyFunctionKeyParam(const std::string& name, const std::st
     }
 }
 
-// The flag's key has no "PhoneUI.Keys." in front, unlike the parameters of the key.
+// Unlike the key's parameters, its lock flag has no "PhoneUI.Keys." prefix.
 bool NVMJobHandler::isFunctionKeyLocked(const std::string& index) {
     auto flag = lockCache_.find(index);
     if (flag == lockCache_.end()) {

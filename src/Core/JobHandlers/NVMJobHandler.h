@@ -1,5 +1,5 @@
-// Writes the parameters of a settings job into the property service. Parameters of a function key are refused while
-// the key is locked against provisioning; the lock flag itself can never be set by provisioning.
+// Writes the parameters of a settings job to the property service. Skips parameters of a function key that is locked
+// against provisioning, and the lock flags themselves.
 #pragma once
 
 #include <map>
@@ -14,7 +14,7 @@ class NVMJobHandler : public JobHandler {
                   const std::shared_ptr<propertyapi::IPropertyApi>& properties, XMLReader& reader,
                   ProgressReporter& progressReporter, ProvisioningStatusReporter& statusReporter);
 
-    /// Success when every parameter was written, fail when none was, partial success otherwise.
+    /// jobSuccess if every parameter was written, jobFail if none was, jobPartSuccess otherwise.
     int run() override;
 
     virtual void applyParams();
@@ -24,13 +24,13 @@ class NVMJobHandler : public JobHandler {
  private:
     void write(const std::string& name, const std::string& value);
 
-    std::map<std::string, std::string> lockCache_;  // function-key index to lock flag, read once a job
+    std::map<std::string, std::string> lockCache_;  // function-key index to lock flag, read once per job
     int total_ = 0;
     int applied_ = 0;
 };
 
-/// Whether the name addresses a function key. Throws InvalidFormatException, or what std::stoi throws, for one that
-/// begins like it and has no index.
+/// Whether the parameter belongs to a function key. If the name has the prefix and no valid index, throws
+/// InvalidFormatException or what std::stoi throws.
 bool isFunctionKeyParam(const std::string& name, const std::string& prefix);
 
 }  // namespace zav

@@ -26,9 +26,9 @@ namespace {
 constexpr const char* oldestFormatVersion = "1.0";
 constexpr std::chrono::milliseconds decryptionTimeout{10000};
 constexpr const char* keyFile = "/etc/zav.d/key";
-// A walk visits some elements once per level; with hostile nesting that is far more than a file has.
+// The walk visits some elements once per nesting level, so a hostile file can multiply its work.
 constexpr std::size_t maximumSteps = 5000000;
-// Of attribute names and values: a walk that visits each element once has fewer than its file has bytes.
+// Attribute names and values together. A walk that visits each element once collects less than the file size.
 constexpr std::size_t maximumBytes = 4UL * XMLReader::maximumFileSize;
 
 std::size_t bytesOf(const Attributes& attributes) {
@@ -37,8 +37,8 @@ std::size_t bytesOf(const Attributes& attributes) {
     return bytes;
 }
 
-// Empty when the key can be read.
-std::string whyKeyIsUnreadable() {
+// Empty if the key is readable.
+std::string keyFileError() {
     const common::Descriptor key(::open(keyFile, O_RDONLY | O_CLOEXEC));
     char first = 0;
     if (key.get() >= 0 && ::read(key.get(), &first, 1) >= 0) return {};
@@ -60,11 +60,11 @@ ProvisioningFileParser::ProvisioningFileParser(std::string filePath, XMLReader& 
     decrypt();
 }
 
-// Whether a file is encrypted shows only in openssl's success on it. The command is safe to spell like this because
-// every local name is reduced to harmless characters before a file gets it.
+// Only openssl's exit status tells whether the file was encrypted. The path needs no quoting: local file names are
+// reduced to safe characters before the download.
 void ProvisioningFileParser::decrypt() {
     const std::string temporary = filePath_ + ".tmp";
-    std::remove(temporary.c_str());  // openssl would write through a link
+    std::remove(temporary.c_str());  // openssl would follow a symbolic link
     try {
         os::execute(
             "openssl enc -aes-128-cbc -d -in " + filePath_ + " -out " + temporary + " -pass file:/etc/zav.d/key",
@@ -72,26 +72,26 @@ void ProvisioningFileParser::decrypt() {
         std::rename(temporary.c_str(), filePath_.c_str());
         return;
     } catch (const os::CommandNotStartedException& e) {
-        notDecryptable_ = e.what();
+        decryptionError_ = e.what();
     } catch (...) {
-        notDecryptable_ = whyKeyIsUnreadable();
+        decryptionError_ = keyFileError();
     }
     std::remove(temporary.c_str());
 }
 
-// Once a pass. A plain file needs neither key nor openssl, so this is of interest only when a file proves corrupted.
-void ProvisioningFileParser::reportWhyNotDecrypted() const {
-    if (notDecryptable_.empty()) return;
+// Once per pass, and only for a corrupted file: a plain file needs neither key nor openssl.
+void ProvisioningFileParser::reportDecryptionError() const {
+    if (decryptionError_.empty()) return;
     bool& reported = Pass::current().usage()->decryptionReported;
     if (reported) return;
     reported = true;
-    dbg::Debug::warning() << "If the file is encrypted, it could not be decrypted: " << notDecryptable_ << std::endl;
+    dbg::Debug::warning() << "If the file is encrypted, it could not be decrypted: " << decryptionError_ << std::endl;
 }
 
 bool ProvisioningFileParser::loadAndVerify() {
     if (!reader_.load(filePath_)) {
         dbg::Debug::warning() << "File " << filePath_ << " is corrupted" << std::endl;
-        reportWhyNotDecrypted();
+        reportDecryptionError();
         return false;
     }
     return verify();
@@ -144,7 +144,7 @@ bool ProvisioningFileParser::verifyProduct(const Attributes& root) const {
     return true;
 }
 
-// As far as the device's own address goes: what the file's says beyond it does not count.
+// Compares as many characters as the device's own address has, ignoring case.
 bool ProvisioningFileParser::verifyMacAddress(const Attributes& root) const {
     const std::string device = properties_->get(constants::macAddressKey);
     const auto address = root.find("macAddress");
@@ -162,7 +162,7 @@ bool ProvisioningFileParser::verifyVersion(const Attributes& root) const {
         dbg::Debug::error() << "Provisioning version is not specified in xml" << std::endl;
         return false;
     }
-    // Byte by byte and not as numbers: 1.05 lies in the range, 1.1.0 does not.
+    // Compared as strings: "1.05" is in range, "1.1.0" is not.
     if (version->second < oldestFormatVersion || version->second > GlobalConfig::fileFormatVersion()) {
         dbg::Debug::warning() << "Incorrect file format version, provisioning not supported" << std::endl;
         return false;
@@ -203,9 +203,8 @@ bool ProvisioningFileParser::collectJobs(std::vector<JobDescription>& jobs) {
     return true;
 }
 
-// A cursor's walk and not a tree's: a saved position stays saved, so after a nested level the outer one goes on from
-// the element that was entered last, and the names seen in a nested level stay in the set. `atElement` is false for a
-// level that holds white space only.
+// The reader keeps a restored position on its stack, so after a nested level the outer one continues from the element
+// entered last, and child names of the nested level stay in the set. `atElement` is false if the level has no element.
 void ProvisioningFileParser::collectLevel(const std::string& parentName, bool atElement, Walk& walk) {
     JobDescription job;
     childNames_.clear();

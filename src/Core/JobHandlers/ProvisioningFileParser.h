@@ -1,7 +1,7 @@
-// One downloaded provisioning file: decrypted in place, verified against this device, and turned into a list of jobs.
+// Decrypts a downloaded provisioning file, verifies that it is for this phone, and lists its jobs.
 //
-// Construct; then parseInitialFile for the initial file or loadAndVerify for a job file; then, only if that was true,
-// collectJobs. Runs on the pass thread. The reader belongs to the caller and outlives the parser.
+// Call parseInitialFile (initial file) or loadAndVerify (job file) first, and collectJobs only if it returned true.
+// Threads: the pass thread only. The reader must outlive the parser.
 #pragma once
 
 #include <cstddef>
@@ -18,11 +18,11 @@ namespace zav {
 
 class ProvisioningFileParser {
  public:
-    /// What one file may yield; beyond it the file yields no job.
+    /// A file with more items yields no jobs.
     static constexpr std::size_t maximumItems = 250000;
 
-    /// Decrypts the file where it lies; one that cannot be decrypted stays as it was downloaded. Whatever stands at the
-    /// name of the temporary file is removed first. Blocks for a command, 10 s at most.
+    /// Decrypts the file in place, or leaves it as it is if that fails. Removes an existing file at the temporary name,
+    /// `filePath` + ".tmp". Blocks for up to 10 s while openssl runs.
     ProvisioningFileParser(std::string filePath, XMLReader& reader,
                            std::shared_ptr<propertyapi::IPropertyApi> properties);
     virtual ~ProvisioningFileParser() = default;
@@ -31,21 +31,21 @@ class ProvisioningFileParser {
 
     virtual bool loadAndVerify();
 
-    /// The same for the file that a pass begins with; it sets the version of the pass.
+    /// loadAndVerify for the initial file; also sets the format version of the pass.
     virtual bool parseInitialFile();
 
-    /// Appends the jobs of the document to `jobs`. Always true. A file that lists more than maximumItems, or more than
-    /// the pass may still read, yields no job; what was read of it counts for the pass all the same.
+    /// Appends the jobs of the document to `jobs`; always returns true. A file with more items than maximumItems, or
+    /// than the pass has left, yields no jobs, but its items count against the pass.
     virtual bool collectJobs(std::vector<JobDescription>& jobs);
 
-    /// Product, MAC address and version of the loaded document.
+    /// Checks product, MAC address and format version of the loaded document.
     virtual bool verify();
 
  private:
     struct Walk;
 
     void decrypt();
-    void reportWhyNotDecrypted() const;
+    void reportDecryptionError() const;
     bool verifyProduct(const Attributes& root) const;
     bool verifyMacAddress(const Attributes& root) const;
     bool verifyVersion(const Attributes& root) const;
@@ -56,7 +56,7 @@ class ProvisioningFileParser {
     const std::shared_ptr<propertyapi::IPropertyApi> properties_;
     const std::vector<std::string> verifiableRoots_;
     std::set<std::string> childNames_;
-    std::string notDecryptable_;  // why no file at all could be decrypted; empty: because of this one, if at all
+    std::string decryptionError_;  // set if no file can be decrypted: key unreadable, openssl not started
 };
 
 }  // namespace zav

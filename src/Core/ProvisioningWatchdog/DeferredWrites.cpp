@@ -23,8 +23,8 @@ DeferredWrites::~DeferredWrites() {
     if (thread_.joinable()) thread_.join();
 }
 
-// False when it must be made again.
-bool DeferredWrites::carryOut(const Write& write) {
+// False if the write must be retried.
+bool DeferredWrites::execute(const Write& write) {
     try {
         write();
     } catch (const propertyapi::PropertyOfflineException&) {
@@ -39,14 +39,14 @@ void DeferredWrites::write(Kind kind, const Write& write) {
     bool mustWait = false;
     {
         const std::lock_guard<std::mutex> lock(mutex_);
-        mustWait = !waiting_.empty();
+        mustWait = !pending_.empty();
     }
-    if (mustWait || !carryOut(write)) keep(kind, write);
+    if (mustWait || !execute(write)) keep(kind, write);
 }
 
 void DeferredWrites::keep(Kind kind, const Write& write) {
     const std::lock_guard<std::mutex> lock(mutex_);
-    waiting_.push_back({nextNumber_++, kind, write});
+    pending_.push_back({nextNumber_++, kind, write});
     if (!thread_.joinable()) thread_ = std::thread([this] { retry(); });
     changed_.notify_all();
 }
@@ -54,7 +54,7 @@ void DeferredWrites::keep(Kind kind, const Write& write) {
 void DeferredWrites::cancel() {
     {
         const std::lock_guard<std::mutex> lock(mutex_);
-        waiting_.clear();
+        pending_.clear();
     }
     waitForAttempt();
 }
@@ -62,44 +62,45 @@ void DeferredWrites::cancel() {
 void DeferredWrites::cancel(Kind kind) {
     {
         const std::lock_guard<std::mutex> lock(mutex_);
-        const auto isOfKind = [kind](const Owed& owed) { return owed.kind == kind; };
-        waiting_.erase(std::remove_if(waiting_.begin(), waiting_.end(), isOfKind), waiting_.end());
+        const auto isOfKind = [kind](const Pending& pending) { return pending.kind == kind; };
+        pending_.erase(std::remove_if(pending_.begin(), pending_.end(), isOfKind), pending_.end());
     }
     waitForAttempt();
 }
 
 void DeferredWrites::waitForAttempt() { const std::lock_guard<std::mutex> attempt(attempt_); }
 
-// One write each time: the service that is back may bring a request that makes the next ones stale.
+// One write per interval: a service that has just returned may deliver a request that cancels the others.
 void DeferredWrites::retry() {
     std::unique_lock<std::mutex> lock(mutex_);
     for (;;) {
-        changed_.wait(lock, [this] { return ending_ || !waiting_.empty(); });
+        changed_.wait(lock, [this] { return ending_ || !pending_.empty(); });
         const bool last = changed_.wait_for(lock, retryInterval, [this] { return ending_; });
         lock.unlock();
-        while (tryFirst() && last) {  // at the end all of them: the service may be back by now
+        while (tryFirst() && last) {  // on shutdown, all of them
         }
         lock.lock();
         if (last) return;
     }
 }
 
-// False when there was none, or it must be made again.
+// False if nothing is pending or the write must be retried.
 bool DeferredWrites::tryFirst() {
     const std::lock_guard<std::mutex> attempt(attempt_);
-    Owed first{};
+    Pending first{};
     {
         const std::lock_guard<std::mutex> lock(mutex_);
-        if (waiting_.empty()) return false;
-        first = waiting_.front();
+        if (pending_.empty()) return false;
+        first = pending_.front();
     }
     try {
-        if (!carryOut(first.write)) return false;
+        if (!execute(first.write)) return false;
     } catch (const std::exception& e) {
-        dbg::Debug::error() << "Could not make up for a property write: " << e.what() << std::endl;
+        dbg::Debug::error() << "Deferred property write failed: " << e.what() << std::endl;
     }
     const std::lock_guard<std::mutex> lock(mutex_);
-    if (!waiting_.empty() && waiting_.front().number == first.number) waiting_.pop_front();  // else it was cancelled
+    if (!pending_.empty() && pending_.front().number == first.number)
+        pending_.pop_front();  // otherwise cancelled meanwhile
     return true;
 }
 

@@ -1,9 +1,8 @@
-// Property writes that must not get lost when the bus or the property service is away: they are tried again, in their
-// order, until they succeed or something newer makes them stale: a request that is heard, the last pass's result; a
-// pass that starts, everything. A screen must not stay locked by a broker's restart. One write is retried each half
-// second, so that a request that comes with the service's return is heard before the next.
+// Property writes at the end of a pass that must survive an outage of the bus or the property service: without them a
+// broker restart would leave the screen locked. Retries them in order, one each half second, until they succeed or are
+// cancelled as stale: a new request cancels the last result, a pass that starts cancels everything.
 //
-// Threads: any; the retries run on a thread of their own, which is started when it is first needed.
+// Threads: any. Retries run on a thread of their own, started when first needed.
 #pragma once
 
 #include <condition_variable>
@@ -22,23 +21,23 @@ class DeferredWrites {
 
     DeferredWrites() = default;
 
-    /// Tries what waits once more, and ends: a pass overtaken by the process's end still unlocks the screen.
+    /// Tries the pending writes once more, so that a shutdown during a pass still unlocks the screen.
     ~DeferredWrites();
     DeferredWrites(const DeferredWrites&) = delete;
     DeferredWrites& operator=(const DeferredWrites&) = delete;
 
-    /// Carries the write out, or keeps it for later when the service is away or earlier writes still wait. Blocks for
-    /// one property call. Throws what the write throws when it is refused, for it would be refused again, and
-    /// std::system_error when the retry thread is needed and cannot be started; the write waits all the same.
+    /// Executes the write, or keeps it for later if the service is away or earlier writes are pending. Blocks for one
+    /// property call. Throws what a refused write throws (a retry would be refused too), and std::system_error if the
+    /// retry thread cannot be started; the write is then still pending.
     void write(Kind kind, const Write& write);
 
-    /// Forget what waits, or what waits of one kind. When they return no retry is under way; that may take one property
-    /// call.
+    /// Drops all pending writes, or those of one kind. Returns when no retry is in progress, which may take one
+    /// property call.
     void cancel();
     void cancel(Kind kind);
 
  private:
-    struct Owed {
+    struct Pending {
         std::uint64_t number = 0;
         Kind kind = Kind::result;
         Write write;
@@ -48,15 +47,15 @@ class DeferredWrites {
     void retry();
     bool tryFirst();
     void waitForAttempt();
-    static bool carryOut(const Write& write);
+    static bool execute(const Write& write);
 
-    std::mutex attempt_;  // held during each attempt, so that cancel can wait for it; taken before mutex_
+    std::mutex attempt_;  // held during each retry so that cancel can wait for it; locked before mutex_
     std::mutex mutex_;
     std::condition_variable changed_;
-    std::deque<Owed> waiting_;      // guarded by mutex_
+    std::deque<Pending> pending_;   // guarded by mutex_
     std::uint64_t nextNumber_ = 0;  // guarded by mutex_
     bool ending_ = false;           // guarded by mutex_
-    std::thread thread_;            // guarded by mutex_ until ending_
+    std::thread thread_;            // guarded by mutex_ until ending_ is set
 };
 
 }  // namespace zav

@@ -1,4 +1,4 @@
-// What the rest of the daemon may ask of provisioning: start a pass, watch it, read its result.
+// Starts and observes provisioning passes.
 #pragma once
 
 #include <string>
@@ -7,16 +7,16 @@ namespace zav {
 
 class IProvisioningWorker {
  public:
-    /// Starts a pass on `url`, or on the configured server when it is empty, and returns when its thread runs. While an
-    /// earlier pass runs it waits for that first. Throws UrlException for a URL that cannot be split.
+    /// Starts a pass with `url`, or with the configured server if it is empty, and returns once the pass thread runs.
+    /// Waits for the previous pass to end first. Throws UrlException if the URL is invalid.
     virtual void startProvisioning(std::string url) = 0;
 
-    /// Blocks until the running pass shows progress; returns at once when no pass runs.
+    /// Blocks until the running pass reports progress; returns at once if no pass runs.
     virtual void waitForProgress() = 0;
 
     virtual bool isProvisioningFinished() = 0;
 
-    /// The overall status of the latest pass; empty until that is formed.
+    /// The overall status of the latest pass; empty until it is known.
     virtual std::string getProvisioningStatus() = 0;
 
     virtual ~IProvisioningWorker() = default;

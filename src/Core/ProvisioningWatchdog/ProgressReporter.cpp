@@ -24,7 +24,7 @@ void ProgressReporter::waitForProgress() {
         signalled_.wait(lock, [this] { return progressAvailable_ || released_; });
         progressAvailable_ = false;
     }
-    // Without the lock: a log that is slow must not delay those who report progress.
+    // After unlocking: a slow log must not block notifyProgress.
     dbg::Debug::info() << "Progress consumed" << std::endl;
 }
 

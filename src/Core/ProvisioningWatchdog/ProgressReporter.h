@@ -1,7 +1,8 @@
-// The hand-off by which a running pass tells one waiting thread that something happened. It carries no value: any
-// number of signals between two waits are one.
+// Signal from a running pass to one waiting thread that the pass makes progress. Signals between two waits count as
+// one.
 //
-// Threads: the pass notifies, the watchdog's delivery thread waits, whoever starts a pass resets. One waiter at a time.
+// Threads: the pass thread notifies, the watchdog's delivery thread waits, the thread that starts a pass resets. One
+// waiter at a time.
 #pragma once
 
 #include <condition_variable>
@@ -13,13 +14,13 @@ class ProgressReporter {
  public:
     void notifyProgress();
 
-    /// Drops a signal that is left over from an earlier pass.
+    /// Drops a signal that an earlier pass left.
     void resetProgress();
 
-    /// Blocks until there is a signal and consumes it. Waits for ever unless there is one, or `release` is called.
+    /// Blocks until a signal arrives, and consumes it, or until `release` is called.
     void waitForProgress();
 
-    /// From now on no wait blocks: the process is ending.
+    /// Ends all waits, now and later. For shutdown.
     void release();
 
  private:

@@ -22,12 +22,9 @@ namespace zav {
 
 namespace {
 
-constexpr const char* uiLocked = "1";
-constexpr const char* uiUnlocked = "0";
-constexpr long httpOk = 200;
 constexpr std::chrono::seconds statusWait{1};
 
-// One step of the end of a pass: whatever it throws, the next one still happens.
+// Logs what `step` throws, so that the steps after it still run.
 template <typename Step>
 void guarded(const char* name, Step step) {
     try {
@@ -51,7 +48,7 @@ class AtScopeExit {
     Action action_;
 };
 
-// A nested worker stops with the one around it.
+// A nested worker shares the stop signal of the outer one.
 std::shared_ptr<common::StopSignal> stopOfThisThread() {
     const Pass* const outer = Pass::ofThisThread();
     return outer == nullptr ? std::make_shared<common::StopSignal>() : outer->stop();
@@ -93,11 +90,11 @@ void ProvisioningWorker::stop() {
     progressReporter_.release();
 }
 
-// True when the way is free, false when the process is ending.
+// False if the process is shutting down.
 bool ProvisioningWorker::waitForPreviousPass() {
     {
         std::unique_lock<std::mutex> lock(stateMutex_);
-        // Nor does a signal of the next pass reach those who still wait for the last one.
+        // Waiters of the previous pass must be gone too, or a signal of the next pass would wake them.
         stateChanged_.wait(lock, [this] { return (!passRunning_ && progressWaiters_ == 0) || stopping_; });
         if (stopping_) return false;
     }
@@ -105,21 +102,22 @@ bool ProvisioningWorker::waitForPreviousPass() {
     return true;
 }
 
-// Redirects may lead to each other, or many times to the same place.
-bool ProvisioningWorker::startsTooManyNestedPasses() const {
-    return outerUsage_ && (depth_ > Pass::maximumDepth || ++outerUsage_->nestedPasses > Pass::maximumNestedPasses);
+// Ends loops of redirects. False if the limits are reached.
+bool ProvisioningWorker::countNestedPass() {
+    if (!outerUsage_) return true;
+    if (depth_ > Pass::maximumDepth) return false;
+    return ++outerUsage_->nestedPasses <= Pass::maximumNestedPasses;
 }
 
 void ProvisioningWorker::startProvisioning(std::string url) {
-    endWrites_.cancel(DeferredWrites::Kind::result);  // nothing stale may overtake this request
+    endWrites_.cancel(DeferredWrites::Kind::result);  // a stale result must not overwrite this request
     const std::lock_guard<std::mutex> serialised(startMutex_);
-    if (startsTooManyNestedPasses()) {
+    if (!countNestedPass()) {
         dbg::Debug::error() << "Redirected too often, provisioning not started" << std::endl;
         statusReporter_.setProvisioningStatus(constants::failWord);
         return;
     }
-    IProvisioningWorker& self = *this;
-    if (!self.isProvisioningFinished()) {
+    if (!isProvisioningFinished()) {
         dbg::Debug::warning() << "Previous provisioning is not finished yet. Waiting..." << std::endl;
     }
     if (!waitForPreviousPass()) return;
@@ -131,7 +129,7 @@ void ProvisioningWorker::startProvisioning(std::string url) {
         version::FirmwareVersionConsts::getInstance().setRunningVersion(GlobalConfig::softwareVersion());
         const std::string configured = GlobalConfig::provisioningServer();
         if (!url.empty()) {
-            startThread(makeUrlInfo(url), [] {});
+            startThread(makeUrlInfo(url), nullptr);
         } else if (!configured.empty()) {
             startThread(makeUrlInfo(configured), [this] { publishResult(); });
         } else {
@@ -140,7 +138,7 @@ void ProvisioningWorker::startProvisioning(std::string url) {
             progressReporter_.notifyProgress();
         }
     } catch (...) {
-        progressReporter_.notifyProgress();  // a waiter that came meanwhile has nothing to wait for
+        progressReporter_.notifyProgress();  // release a waiter that arrived meanwhile
         throw;
     }
 }
@@ -163,20 +161,20 @@ void ProvisioningWorker::startThread(const UrlInfo& url, const Completion& compl
 
 void ProvisioningWorker::waitForProgress() {
     if (isProvisioningFinished()) return;
-    // A pass whose URL could not be split never ran, and still counts as unfinished.
+    // After an invalid URL `finished_` is false, but no pass runs.
     if (!beginToWait()) return;
     progressReporter_.waitForProgress();
     endWaiting();
 }
 
-// False when no pass runs.
+// False if no pass runs.
 bool ProvisioningWorker::beginToWait() {
     const std::lock_guard<std::mutex> lock(stateMutex_);
     if (passRunning_) ++progressWaiters_;
     return passRunning_;
 }
 
-// A signal reaches one waiter only: once the pass is over, each waiter wakes the next.
+// A signal wakes one waiter only, so once the pass is over each waiter wakes the next.
 void ProvisioningWorker::endWaiting() {
     bool othersWaitInVain = false;
     {
@@ -195,7 +193,7 @@ bool ProvisioningWorker::isPassRunning() {
 
 bool ProvisioningWorker::isProvisioningFinished() { return finished_; }
 
-// The finished flag is set a moment before the status is formed: who saw it waits that moment.
+// `finished_` is set shortly before the status is known: wait for it.
 std::string ProvisioningWorker::getProvisioningStatus() {
     if (isProvisioningFinished() && isPassRunning()) return statusReporter_.waitForProvisioningStatus(statusWait);
     return statusReporter_.getProvisioningStatus();
@@ -204,8 +202,8 @@ std::string ProvisioningWorker::getProvisioningStatus() {
 void ProvisioningWorker::provisioningThreadMain(const UrlInfo& url, const Completion& completion) {
     const AtScopeExit ended([this] { passEnded(); });
     const Pass pass(outerUsage_ ? outerUsage_ : std::make_shared<Pass::Usage>(), depth_, stop_);
-    const propertyapi::PatientCalls patience;  // a crash of the property service must not cost settings
-    endWrites_.cancel();  // a new pass makes what is left of the last one stale; a request that starts none does not
+    const propertyapi::PatientCalls patience;  // no setting is lost if the property service restarts
+    endWrites_.cancel();                       // only a pass that starts makes the pending unlock stale
     guarded("start the pass", [this] { startAction(); });
     const AtScopeExit end([&] { endAction(completion); });
     try {
@@ -225,7 +223,7 @@ void ProvisioningWorker::provisioningThreadMain(const UrlInfo& url, const Comple
 }
 
 void ProvisioningWorker::passEnded() {
-    if (!outerUsage_) common::releaseFreeMemory();  // a phone has little of it, and the next pass may be a day away
+    if (!outerUsage_) common::releaseFreeMemory();  // the next pass may be a day away
     bool waited = false;
     {
         const std::lock_guard<std::mutex> lock(stateMutex_);
@@ -239,24 +237,24 @@ void ProvisioningWorker::passEnded() {
 void ProvisioningWorker::startAction() {
     dbg::Debug::info() << "Provisioning Started" << std::endl;
     try {
-        properties_->set(constants::provisioningLockUiKey, uiLocked);
-    } catch (...) {  // an unlocked screen is no reason not to provision
+        properties_->set(constants::provisioningLockUiKey, constants::uiLocked);
+    } catch (...) {  // provision even if the screen cannot be locked
     }
     progressReporter_.notifyProgress();
     statusReporter_.resetStatus();
 }
 
-// The flag is set before the status is formed and published: see getProvisioningStatus.
+// `finished_` is set before the status is known: see getProvisioningStatus.
 void ProvisioningWorker::endAction(const Completion& completion) {
     try {
         endWrites_.write(DeferredWrites::Kind::unlock,
-                         [this] { properties_->set(constants::provisioningLockUiKey, uiUnlocked); });
-    } catch (...) {  // as at the start
+                         [this] { properties_->set(constants::provisioningLockUiKey, constants::uiUnlocked); });
+    } catch (...) {  // as in startAction
     }
     finished_ = true;
     dbg::Debug::info() << "Provisioning Finished" << std::endl;
     guarded("form the provisioning status", [this] { statusReporter_.reportFinished(); });
-    guarded("publish the provisioning result", [&] { completion(); });
+    if (completion) guarded("publish the provisioning result", completion);
     guarded("notify about new certificates", [this] { security_.notifySystemAboutNewCertificates(); });
     progressReporter_.notifyProgress();
 }
@@ -299,21 +297,16 @@ void ProvisioningWorker::runPass(const std::string& filePath) {
 
 void ProvisioningWorker::runJobs(std::vector<JobDescription> jobs, XMLReader& reader) {
     dbg::Debug::info() << "Found " << jobs.size() << " valid provisioning job/s. " << std::endl;
-    for (JobDescription& next : jobs) {
-        const JobDescription job = std::move(next);  // what has run is not kept
+    runEach(jobs, [&](const JobDescription& job) {
         Pass::current().throwIfOverdue();
-        if (job.items.empty()) {
-            dbg::Debug::info() << "Node: " << job.name << " has no child nodes, skipping" << std::endl;
-            continue;
-        }
         const auto handler =
             JobHandlerFactory::create(job, curl_, security_, properties_, reader, progressReporter_, statusReporter_);
-        if (!handler) continue;
+        if (!handler) return;
         dbg::Debug::info() << "+++++ Starting " << handler->getName() << std::endl;
         const int result = handler->run();
         statusReporter_.setJobStatus(handler->getName(), result);
         dbg::Debug::info() << "-----Finishing " << handler->getName() << std::endl;
-    }
+    });
 }
 
 void ProvisioningWorker::publishResult() {
@@ -329,14 +322,14 @@ void ProvisioningWorker::publishResult() {
     });
     const bool succeeded = status == constants::successWord || status == constants::partSuccessWord;
     dbg::Debug::info() << (succeeded ? "Provisioning succeeded. " : "Provisioning failed. ") << std::endl;
-    endWrites_.write(DeferredWrites::Kind::result, [this] {  // the last step: what it throws is the completion's
+    endWrites_.write(DeferredWrites::Kind::result, [this] {  // last, so it may throw to the caller
         if (properties_->get(constants::firmwareTriggerAutoKey) == constants::requestWord) {
             properties_->set(constants::firmwareTriggerAutoKey, constants::noVersionWord);
         }
     });
 }
 
-// Of libcurl's four numbers only the second tells that something moved.
+// Only received bytes count as progress.
 void ProvisioningWorker::onDownloadProgress(long, long downloaded, long, long) {
     if (downloaded == lastProgress_) return;
     lastProgress_ = downloaded;

@@ -1,11 +1,11 @@
-// Runs one provisioning pass at a time on a thread of its own: downloads the initial file, has it verified, hands every
-// job to a handler, and publishes the outcome. The heart of the daemon.
+// Runs one provisioning pass at a time on a thread of its own: downloads and verifies the initial file, runs a handler
+// for each job, and publishes the result.
 //
-// A worker that is made while a pass runs, on that pass's thread, runs passes nested in it (a redirect): at most
-// Pass::maximumDepth inside each other, and Pass::maximumNestedPasses in all.
+// A worker created on a pass thread runs passes nested in that pass (redirects), at most Pass::maximumDepth deep and
+// Pass::maximumNestedPasses in all.
 //
-// Threads: startProvisioning is called by the bus delivery thread and the network readiness thread, and serialises
-// them; the other operations by any thread. The pass thread signals progress, also from inside transfers.
+// Threads: any. startProvisioning, which the bus delivery threads and the network readiness thread call, is serialised.
+// The pass thread signals progress, also during transfers.
 #pragma once
 
 #include <atomic>
@@ -37,11 +37,11 @@ class ProvisioningWorker : public IProvisioningWorker {
     ProvisioningWorker(std::shared_ptr<propertyapi::IPropertyApi> properties, std::shared_ptr<Curl> curl,
                        Security& security);
 
-    /// The same with a stop signal of the caller's.
+    /// Uses the caller's stop signal.
     ProvisioningWorker(std::shared_ptr<propertyapi::IPropertyApi> properties, std::shared_ptr<Curl> curl,
                        Security& security, std::shared_ptr<common::StopSignal> stop);
 
-    /// Waits for the pass in hand.
+    /// Waits for the running pass.
     ~ProvisioningWorker() override;
     ProvisioningWorker(const ProvisioningWorker&) = delete;
     ProvisioningWorker& operator=(const ProvisioningWorker&) = delete;
@@ -51,15 +51,14 @@ class ProvisioningWorker : public IProvisioningWorker {
     bool isProvisioningFinished() override;
     std::string getProvisioningStatus() override;
 
-    /// The process is shutting down: no further pass starts, a caller that waits behind the running one returns at
-    /// once, and waiters for progress are released. The pass in hand has a few seconds left (StopSignal::grace), and
-    /// then goes no further than its end action.
+    /// For shutdown: no new pass starts, callers that wait for the running pass or for progress return at once, and the
+    /// running pass has StopSignal::grace left before it skips to its end action.
     void stop();
 
  private:
-    using Completion = std::function<void()>;
+    using Completion = std::function<void()>;  // null: nothing to publish
 
-    bool startsTooManyNestedPasses() const;
+    bool countNestedPass();
     bool isPassRunning();
     bool beginToWait();
     void endWaiting();
@@ -78,22 +77,22 @@ class ProvisioningWorker : public IProvisioningWorker {
     ProgressReporter progressReporter_;
     std::thread thread_;  // guarded by startMutex_
     std::atomic<bool> finished_{true};
-    long lastProgress_ = 0;  // of the transferring thread
+    long lastProgress_ = 0;  // bytes; used by the transferring thread only
     const std::shared_ptr<propertyapi::IPropertyApi> properties_;
     const std::shared_ptr<Curl> curl_;
     Security& security_;
     ProvisioningStatusReporter statusReporter_;
 
-    const unsigned depth_;                            // 1: not nested
-    const std::shared_ptr<Pass::Usage> outerUsage_;   // of the pass that this one is nested in; null when it is not
+    const unsigned depth_;                            // 1 if not nested
+    const std::shared_ptr<Pass::Usage> outerUsage_;   // of the outer pass; null if not nested
     const std::shared_ptr<common::StopSignal> stop_;  // shared with the nested workers
 
-    std::mutex startMutex_;  // held during the whole of startProvisioning; nothing else takes it
+    std::mutex startMutex_;  // held by startProvisioning from start to end
     DeferredWrites endWrites_;
 
     std::mutex stateMutex_;
     std::condition_variable stateChanged_;
-    bool passRunning_ = false;      // guarded by stateMutex_: from the thread's start to its last action
+    bool passRunning_ = false;      // guarded by stateMutex_: the pass thread has not reached passEnded
     bool stopping_ = false;         // guarded by stateMutex_
     unsigned progressWaiters_ = 0;  // guarded by stateMutex_
 };

@@ -50,7 +50,7 @@ TEST_F(PredecessorTest, ALockThatCannotBeMadeIsLogged) {
     std::filesystem::remove("/var/volatile/provisioning");
     EXPECT_EQ(phone_.log.lines(), Lines{fakes::warning(source,
                                                        "Cannot lock /var/volatile/provisioning/zavd:lock: Not a "
-                                                       "directory; a second zavd would not be noticed")});
+                                                       "directory; a second zavd would not be detected")});
 }
 
 TEST_F(PredecessorTest, AScreenLeftLockedIsUnlocked) {

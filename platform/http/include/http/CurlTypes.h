@@ -5,6 +5,9 @@
 
 namespace zav {
 
+/// The only status of a successful download.
+constexpr long httpOk = 200;
+
 struct CurlTypes {
     /// libcurl's own description of a result code, "No error" for 0.
     static std::string getCurlErrorDescription(int code);

@@ -76,7 +76,7 @@ TEST_F(DeferredWritesTest, ALaterRefusalIsLoggedAndDoesNotHoldTheNext) {
     properties_.setOffline(false);
     EXPECT_TRUE(properties_.waitForWrite("key", "a"));
     EXPECT_TRUE(log_.has(fakes::error("Core/ProvisioningWatchdog/DeferredWrites",
-                                      "Could not make up for a property write: Property 'unknown': not found")));
+                                      "Deferred property write failed: Property 'unknown': not found")));
 }
 
 TEST_F(DeferredWritesTest, CancelForgetsWhatWaits) {
