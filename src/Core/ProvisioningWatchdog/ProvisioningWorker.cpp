@@ -24,7 +24,6 @@ namespace {
 
 constexpr const char* uiLocked = "1";
 constexpr const char* uiUnlocked = "0";
-constexpr long httpOk = 200;
 constexpr std::chrono::seconds statusWait{1};
 
 // One step of the end of a pass: whatever it throws, the next one still happens.
