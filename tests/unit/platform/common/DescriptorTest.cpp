@@ -30,6 +30,21 @@ bool isDevNull(int descriptor) {
         isDevNull(STDIN_FILENO) && isDevNull(STDERR_FILENO) && untouched && next > STDERR_FILENO && kept > 0 ? 0 : 1);
 }
 
+TEST(DescriptorTest, IsClosedUnlessReleased) {
+    int released = -1;
+    int closed = -1;
+    {
+        common::Descriptor first(::open("/dev/null", O_RDONLY));
+        const common::Descriptor second(::open("/dev/null", O_RDONLY));
+        closed = second.get();
+        released = first.release();
+        EXPECT_LT(first.get(), 0);
+    }
+    EXPECT_EQ(::fcntl(closed, F_GETFD), -1);
+    EXPECT_GE(::fcntl(released, F_GETFD), 0);
+    ::close(released);
+}
+
 TEST(DescriptorTest, ClosedStandardDescriptorsBecomeDevNull) {
     EXPECT_EXIT(occupyClosedDescriptors(), testing::ExitedWithCode(0), "");
 }
