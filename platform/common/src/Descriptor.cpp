@@ -6,7 +6,7 @@ namespace common {
 
 void occupyStandardDescriptors() {
     for (int descriptor = STDIN_FILENO; descriptor <= STDERR_FILENO; ++descriptor) {
-        // open returns the lowest free descriptor, which is this one.
+        // open returns the lowest free number, which is this one.
         if (::fcntl(descriptor, F_GETFD) < 0) ::open("/dev/null", O_RDWR);
     }
 }

@@ -4,6 +4,7 @@
 #include <signal.h>
 
 #include <atomic>
+#include <cerrno>
 #include <map>
 #include <mutex>
 #include <system_error>
@@ -15,18 +16,18 @@ namespace {
 
 using CustomHandler = void (*)(int);
 
-class Receiver final : public Reception {
+class ReceiverThread final : public SignalReceiver {
  public:
-    Receiver() {
+    ReceiverThread() {
         ::signal(SIGPIPE, SIG_IGN);
         // The thread's own wake-up call: blocked everywhere, taken by sigwait only.
         block(wakeUp());
     }
 
-    Receiver(const Receiver&) = delete;
-    Receiver& operator=(const Receiver&) = delete;
+    ReceiverThread(const ReceiverThread&) = delete;
+    ReceiverThread& operator=(const ReceiverThread&) = delete;
 
-    ~Receiver() override;
+    ~ReceiverThread() override;
 
     void add(int signal, CustomHandler handler) {
         block(signal);
@@ -35,7 +36,7 @@ class Receiver final : public Reception {
         if (!thread_.joinable()) {
             thread_ = std::thread([this] { receive(); });
         } else {
-            pthread_kill(thread_.native_handle(), wakeUp());  // it waits for the old set
+            pthread_kill(thread_.native_handle(), wakeUp());  // or it would keep waiting for the old set
         }
     }
 
@@ -50,7 +51,7 @@ class Receiver final : public Reception {
         if (error != 0) throw std::system_error(error, std::generic_category(), "cannot block a signal");
     }
 
-    sigset_t waitedFor() {
+    sigset_t handledSignals() {
         sigset_t set;
         sigemptyset(&set);
         sigaddset(&set, wakeUp());
@@ -59,22 +60,22 @@ class Receiver final : public Reception {
         return set;
     }
 
-    CustomHandler handlerOf(int signal) {
+    CustomHandler handlerFor(int signal) {
         const std::lock_guard<std::mutex> lock(mutex_);
         const auto found = handlers_.find(signal);
         return found == handlers_.end() ? nullptr : found->second;
     }
 
     void receive() {
-        // A signal that is registered later must find no thread in which it is not blocked, this one included.
+        // A signal that is registered later must be blocked in this thread too.
         sigset_t all;
         sigfillset(&all);
         pthread_sigmask(SIG_BLOCK, &all, nullptr);
         while (!ending_) {
-            const sigset_t set = waitedFor();
+            const sigset_t set = handledSignals();
             int received = 0;
             if (sigwait(&set, &received) != 0) continue;
-            if (const CustomHandler handler = handlerOf(received); handler != nullptr) handler(received);
+            if (const CustomHandler handler = handlerFor(received); handler != nullptr) handler(received);
         }
     }
 
@@ -84,9 +85,9 @@ class Receiver final : public Reception {
     std::thread thread_;                     // started by add, joined by the destructor
 };
 
-std::atomic<Receiver*> current{nullptr};
+std::atomic<ReceiverThread*> current{nullptr};
 
-Receiver::~Receiver() {
+ReceiverThread::~ReceiverThread() {
     current = nullptr;
     if (!thread_.joinable()) return;
     ending_ = true;
@@ -96,14 +97,14 @@ Receiver::~Receiver() {
 
 }  // namespace
 
-std::unique_ptr<Reception> registerHandler() {
-    auto receiver = std::make_unique<Receiver>();
+std::unique_ptr<SignalReceiver> registerHandler() {
+    auto receiver = std::make_unique<ReceiverThread>();
     current = receiver.get();
     return receiver;
 }
 
 void registerCustomHandler(int signal, void (*handler)(int)) {
-    Receiver* receiver = current;
+    ReceiverThread* receiver = current;
     if (receiver == nullptr) {
         throw std::system_error(EINVAL, std::generic_category(), "registerHandler was not called");
     }

@@ -4,27 +4,27 @@
 
 #include <algorithm>
 #include <array>
+#include <cstddef>
+
+#include "common/Ascii.h"
 
 namespace common {
 
 namespace {
 
-constexpr std::size_t longestUrl = 2048;
-
-bool isAlpha(char c) { return (c >= 'a' && c <= 'z') || (c >= 'A' && c <= 'Z'); }
-bool isDigit(char c) { return c >= '0' && c <= '9'; }
+constexpr std::size_t maxUrlLength = 2048;
 
 bool isBlankOrControl(char c) {
     const auto byte = static_cast<unsigned char>(c);
     return byte <= 0x20 || byte == 0x7f;
 }
 
-// The length of "scheme" when the text begins with "scheme://", else 0.
+// The length of SCHEME if the text begins with "SCHEME://", else 0.
 std::size_t schemeLength(const std::string& text) {
     const auto end = text.find("://");
-    if (end == std::string::npos || end == 0 || !isAlpha(text[0])) return 0;
-    const auto belongs = [](char c) { return isAlpha(c) || isDigit(c) || c == '+' || c == '-' || c == '.'; };
-    return std::all_of(text.begin(), text.begin() + static_cast<std::ptrdiff_t>(end), belongs) ? end : 0;
+    if (end == std::string::npos || end == 0 || !isAsciiLetter(text[0])) return 0;
+    const auto isSchemeChar = [](char c) { return isAsciiLetterOrDigit(c) || c == '+' || c == '-' || c == '.'; };
+    return std::all_of(text.begin(), text.begin() + static_cast<std::ptrdiff_t>(end), isSchemeChar) ? end : 0;
 }
 
 std::size_t authorityBegin(const std::string& text) {
@@ -32,63 +32,64 @@ std::size_t authorityBegin(const std::string& text) {
     return scheme == 0 ? 0 : scheme + 3;
 }
 
-// Whether a path step reads as "." or "..": also with its dots escaped, as every server reads them.
-bool isDotStep(const std::string& step) {
+// Whether a path segment is "." or "..". Escaped dots count, because servers decode them.
+bool isDotSegment(const std::string& segment) {
     std::string plain;
-    for (std::size_t at = 0; at < step.size(); ++at) {
-        if (step[at] == '%' && at + 2 < step.size() && step[at + 1] == '2' && (step[at + 2] | 0x20) == 'e') {
+    for (std::size_t at = 0; at < segment.size(); ++at) {
+        if (segment[at] == '%' && at + 2 < segment.size() && segment[at + 1] == '2' &&
+            (segment[at + 2] | 0x20) == 'e') {
             plain += '.';
             at += 2;
         } else {
-            plain += step[at];
+            plain += segment[at];
         }
     }
     return plain == "." || plain == "..";
 }
 
-bool hasDotStep(const std::string& path) {
+bool hasDotSegment(const std::string& path) {
     std::size_t begin = 0;
     for (;;) {
         const auto end = path.find('/', begin);
-        if (isDotStep(path.substr(begin, end == std::string::npos ? end : end - begin))) return true;
+        if (isDotSegment(path.substr(begin, end == std::string::npos ? end : end - begin))) return true;
         if (end == std::string::npos) return false;
         begin = end + 1;
     }
 }
 
-// Whether a path without a scheme was meant as "//user:password@host", after a misspelled one.
-bool hasPassword(const std::string& path) {
+// Whether the path of a URL without a scheme may contain a password, as in the misspelt "https//user:password@host".
+bool mayContainPassword(const std::string& path) {
     const auto at = path.rfind('@');
     return at != std::string::npos && path.find(':') < at;
 }
 
 bool isPort(const std::string& digits) {
-    if (digits.empty() || digits.size() > 5 || !std::all_of(digits.begin(), digits.end(), isDigit)) return false;
+    if (digits.empty() || digits.size() > 5 || !std::all_of(digits.begin(), digits.end(), isAsciiDigit)) return false;
     const unsigned long port = std::stoul(digits);
     return port >= 1 && port <= 65535;
 }
 
-// An escape or a byte outside ASCII in a host would mean one name here and another to the resolver.
+// Escapes and bytes outside ASCII are refused: the resolver might read another name than we do.
 bool isHostName(const std::string& host) {
     static const std::array<std::string, 3> placeholders{"%MACC", "%MACD", "%DVID"};
     for (std::size_t at = 0; at < host.size(); ++at) {
         const char c = host[at];
-        if (isAlpha(c) || isDigit(c) || c == '-' || c == '.' || c == '_' || c == '~') continue;
-        const auto stands = [&](const std::string& name) { return host.compare(at, name.size(), name) == 0; };
-        const auto* const placeholder = std::find_if(placeholders.begin(), placeholders.end(), stands);
+        if (isAsciiLetterOrDigit(c) || c == '-' || c == '.' || c == '_' || c == '~') continue;
+        const auto isHere = [&](const std::string& name) { return host.compare(at, name.size(), name) == 0; };
+        const auto* const placeholder = std::find_if(placeholders.begin(), placeholders.end(), isHere);
         if (placeholder == placeholders.end()) return false;
         at += placeholder->size() - 1;
     }
     return !host.empty();
 }
 
-bool isVersionSix(const std::string& address) {
+bool isIpv6Address(const std::string& address) {
     std::array<unsigned char, 16> bytes{};
     return ::inet_pton(AF_INET6, address.c_str(), bytes.data()) == 1;
 }
 
-// Splits "[userinfo@]host[:port]"; false when it is not one.
-bool readAuthority(std::string text, UrlSyntax& url) {
+// Splits "[userinfo@]host[:port]". Returns false if it is invalid.
+bool parseAuthority(std::string text, UrlSyntax& url) {
     if (const auto at = text.find('@'); at != std::string::npos) {
         url.userInfo = text.substr(0, at);
         text.erase(0, at + 1);
@@ -97,7 +98,7 @@ bool readAuthority(std::string text, UrlSyntax& url) {
     const bool bracketed = !text.empty() && text.front() == '[';
     const std::size_t end = bracketed ? text.find(']') + 1 : std::min(text.find(':'), text.size());
     url.host = text.substr(0, end);
-    if (bracketed ? end < 3 || !isVersionSix(text.substr(1, end - 2)) : !isHostName(url.host)) return false;
+    if (bracketed ? end < 3 || !isIpv6Address(text.substr(1, end - 2)) : !isHostName(url.host)) return false;
     if (end == text.size()) return true;
     url.port = text.substr(end + 1);
     return text[end] == ':' && isPort(url.port);
@@ -106,24 +107,24 @@ bool readAuthority(std::string text, UrlSyntax& url) {
 }  // namespace
 
 std::optional<UrlSyntax> parseUrl(const std::string& text) {
-    if (text.empty() || text.size() > longestUrl || std::any_of(text.begin(), text.end(), isBlankOrControl)) {
+    if (text.empty() || text.size() > maxUrlLength || std::any_of(text.begin(), text.end(), isBlankOrControl)) {
         return std::nullopt;
     }
     UrlSyntax url;
     url.scheme = text.substr(0, schemeLength(text));
     const std::size_t begin = authorityBegin(text);
     const std::size_t end = std::min(text.find_first_of("/?#", begin), text.size());
-    if (!readAuthority(text.substr(begin, end - begin), url)) return std::nullopt;
+    if (!parseAuthority(text.substr(begin, end - begin), url)) return std::nullopt;
     url.path = text.substr(end, std::min(text.find_first_of("?#", end), text.size()) - end);
-    if (hasDotStep(url.path)) return std::nullopt;
-    if (url.scheme.empty() && hasPassword(url.path)) return std::nullopt;
+    if (hasDotSegment(url.path)) return std::nullopt;
+    if (url.scheme.empty() && mayContainPassword(url.path)) return std::nullopt;
     return url;
 }
 
 std::string withoutPassword(const std::string& url) {
     const auto syntax = parseUrl(url);
     if (syntax && syntax->userInfo.find(':') == std::string::npos) return url;
-    // In a text that is not a URL everything up to the last "@" may have been meant as userinfo.
+    // If the text is not a URL, everything before the last "@" may have been meant as userinfo.
     const std::size_t end = syntax ? url.find_first_of("/?#", authorityBegin(url)) : std::string::npos;
     const std::size_t at = url.rfind('@', end);
     if (at == std::string::npos) return url;

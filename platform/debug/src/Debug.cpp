@@ -7,7 +7,6 @@
 #include <atomic>
 #include <cerrno>
 #include <cstdlib>
-#include <cstring>
 #include <ctime>
 
 #include "Output.h"
@@ -27,16 +26,16 @@ const char* levelName(unsigned level) {
     return "info";
 }
 
-// The service manager announces a journal on standard error by the device and inode numbers of the descriptor.
+// If standard error is the journal, the service manager sets JOURNAL_STREAM to its device and inode numbers.
 bool isJournal() {
-    // NOLINTNEXTLINE(concurrency-mt-unsafe): read once; nothing here ever changes the environment
-    const char* announced = std::getenv("JOURNAL_STREAM");
+    // NOLINTNEXTLINE(concurrency-mt-unsafe): the environment is never changed
+    const char* journal = std::getenv("JOURNAL_STREAM");
     struct stat status {};
-    if (announced == nullptr || fstat(STDERR_FILENO, &status) != 0) return false;
-    return std::to_string(status.st_dev) + ":" + std::to_string(status.st_ino) == announced;
+    if (journal == nullptr || fstat(STDERR_FILENO, &status) != 0) return false;
+    return std::to_string(status.st_dev) + ":" + std::to_string(status.st_ino) == journal;
 }
 
-// <3> error, <4> warning, <6> informational: the journal's reading of syslog's priorities.
+// Syslog priorities as line prefixes, which the journal strips: 3 error, 4 warning, 6 informational.
 const char* journalPriority(unsigned level) {
     if (level == Debug::levelError) return "<3>";
     if (level == Debug::levelWarning) return "<4>";
@@ -63,7 +62,7 @@ std::string withoutExtension(const char* file) {
     return path;
 }
 
-// Never destroyed: a thread may log while the process exits.
+// Never destroyed, because threads may log while the process exits.
 Output& output() {
     static auto* const standardError = new Output(STDERR_FILENO);
     return *standardError;
@@ -128,7 +127,7 @@ Stream& Stream::operator<<(Verbatim text) {
 }
 
 Stream& Stream::operator<<(std::ostream& (*)(std::ostream&)) {
-    // std::endl is the one manipulator that is streamed here.
+    // The only manipulator in use is std::endl.
     emit();
     return *this;
 }
@@ -138,7 +137,7 @@ void Stream::emit() {
     open_ = false;
     try {
         output().write(lineOf(level_, file_, line_, text_), lossNotice);
-    } catch (...) {  // out of memory: the line is lost, the program is not
+    } catch (...) {  // out of memory: the line is dropped
     }
 }
 

@@ -14,9 +14,8 @@ namespace dbg {
 
 namespace {
 
-// A shutdown is noticed this late at most, and a reader that takes less than we write is asked again.
-constexpr std::chrono::milliseconds waitedAtOnce{100};
-constexpr std::chrono::milliseconds retryPause{10};
+constexpr std::chrono::milliseconds pollInterval{100};  // within which a waiting line sees beginShutdown
+constexpr std::chrono::milliseconds retryPause{10};     // before a write that wrote nothing is repeated
 
 }  // namespace
 
@@ -27,59 +26,61 @@ void Output::closeTarget() {
     nonBlocking_ = -1;
 }
 
-// A terminal that has room for one byte is ready, and a longer write to it blocks; so does a pipe that another process
-// fills between our look and our write. The flag that prevents this belongs to the open file description, which we may
-// share with others, so we open one of our own. A regular file never blocks, and must keep its shared offset; a socket
-// has a flag for each call.
+// After poll reports a terminal or pipe as writable, a write can still block: a terminal with room for one byte is
+// writable, and another process may fill the pipe in between. O_NONBLOCK would prevent it, but belongs to the open file
+// description, which other processes may share, so open a second description. Regular files never block, and their
+// offset must stay shared. Sockets have MSG_DONTWAIT.
 void Output::openTarget() {
     struct stat status {};
     if (::fstat(descriptor_, &status) != 0) return;
-    if (status.st_dev == device_ && status.st_ino == node_) return;
+    if (status.st_dev == device_ && status.st_ino == inode_) return;
     closeTarget();
     device_ = status.st_dev;
-    node_ = status.st_ino;
+    inode_ = status.st_ino;
     if (!S_ISFIFO(status.st_mode) && !S_ISCHR(status.st_mode)) return;
     const std::string path = "/proc/self/fd/" + std::to_string(descriptor_);
     nonBlocking_ = ::open(path.c_str(), O_WRONLY | O_NONBLOCK | O_NOCTTY | O_CLOEXEC);
 }
 
-// False when the descriptor did not take all of it.
-bool Output::put(const std::string& text, std::chrono::milliseconds wait) {
+// Returns false if part of the text was not written.
+bool Output::writeAll(const std::string& text, std::chrono::milliseconds timeout) {
     openTarget();
-    const auto deadline = Clock::now() + wait;
-    const std::string whole = broken_ ? "\n" + text : text;
+    const auto deadline = Clock::now() + timeout;
+    const std::string whole = truncated_ ? "\n" + text : text;
     std::size_t written = 0;
-    while (written < whole.size() && this->wait(deadline, true)) {
+    while (written < whole.size() && wait(deadline, true)) {
         bool mayRetry = false;
-        const std::size_t some = putSome(whole.data() + written, whole.size() - written, mayRetry);
-        written += some;
-        if (some == 0 && !(mayRetry && this->wait(deadline, false))) break;
+        const std::size_t count = writeSome(whole.data() + written, whole.size() - written, mayRetry);
+        written += count;
+        if (count == 0 && !(mayRetry && wait(deadline, false))) break;
     }
-    if (written > 0) broken_ = written < whole.size();
+    if (written > 0) truncated_ = written < whole.size();
     return written == whole.size();
 }
 
-// Waits until there is room, or else just for a moment; false once the deadline or a shutdown's patience is over.
-bool Output::wait(Clock::time_point deadline, bool forRoom) {
+// Waits until the descriptor is writable, or else for `retryPause`. Returns false after the deadline, and during a
+// shutdown once `shutdownTimeout` is used up.
+bool Output::wait(Clock::time_point deadline, bool untilWritable) {
     using std::chrono::milliseconds;
     pollfd waited{nonBlocking_ >= 0 ? nonBlocking_ : descriptor_, POLLOUT, 0};
-    const nfds_t count = forRoom ? 1 : 0;
-    if (forRoom && ::poll(&waited, count, 0) > 0) return true;
+    const nfds_t count = untilWritable ? 1 : 0;
+    if (untilWritable && ::poll(&waited, count, 0) > 0) return true;
     for (;;) {
         const auto begin = Clock::now();
-        auto slice = std::min(forRoom ? waitedAtOnce : retryPause, std::chrono::ceil<milliseconds>(deadline - begin));
+        auto slice =
+            std::min(untilWritable ? pollInterval : retryPause, std::chrono::ceil<milliseconds>(deadline - begin));
         if (shuttingDown_) slice = std::min(slice, shutdownLeft_);
         if (slice.count() <= 0) return false;
         const int ready = ::poll(&waited, count, static_cast<int>(slice.count()));
         if (shuttingDown_) {
             shutdownLeft_ -= std::min(shutdownLeft_, std::chrono::ceil<milliseconds>(Clock::now() - begin));
         }
-        if (ready > 0 || !forRoom) return true;
+        if (ready > 0 || !untilWritable) return true;
     }
 }
 
-// How much was taken. When nothing was, `mayRetry` tells whether that can change.
-std::size_t Output::putSome(const char* text, std::size_t length, bool& mayRetry) const {
+// Returns the number of bytes written. If it is 0, sets `mayRetry` to whether a later call may succeed.
+std::size_t Output::writeSome(const char* text, std::size_t length, bool& mayRetry) const {
     ssize_t written = -1;
     if (nonBlocking_ >= 0) {
         written = ::write(nonBlocking_, text, length);

@@ -1,13 +1,13 @@
-// Which content codings a download may have. Nothing is ever decoded: a file is stored as it comes, so a coded one is
-// welcome only where it was asked for by name.
+// The content codings that a download may have. Files are stored as they are received, never decoded, so a coding is
+// accepted only if the name of the requested file has its suffix.
 #pragma once
 
 #include <string>
 
 namespace zav {
 
-/// Whether a file that was requested as `fileName` may come with this value of Content-Encoding: no coding, "identity",
-/// or the one whose suffix the name has ("gzip" for image.img.gz). Several codings on top of each other never may.
+/// Whether the file that was requested as `fileName` may have these codings, a value of Content-Encoding: none,
+/// "identity", or the single one that belongs to the suffix ("gzip" for image.img.gz).
 bool isAcceptedCoding(const std::string& codings, const std::string& fileName);
 
 }  // namespace zav

@@ -1,8 +1,8 @@
 #include "Credentials.h"
 
-#include <curl/curl.h>
 #include <strings.h>
 
+#include "CurlPointers.h"
 #include "debug/Debug.h"
 #include "http/FormatUrl.h"
 
@@ -19,8 +19,7 @@ unsigned effectivePort(const UrlInfo& url) {
 
 std::string decoded(const std::string& text) {
     int length = 0;
-    const std::unique_ptr<char, decltype(&curl_free)> plain(
-        curl_easy_unescape(nullptr, text.c_str(), static_cast<int>(text.size()), &length), &curl_free);
+    const CurlText plain(curl_easy_unescape(nullptr, text.c_str(), static_cast<int>(text.size()), &length));
     return plain == nullptr ? text : std::string(plain.get(), static_cast<std::size_t>(length));
 }
 
@@ -37,10 +36,10 @@ std::optional<ConfiguredCredentials> configuredCredentials(
         if (server.empty()) return std::nullopt;
         ConfiguredCredentials configured{UrlInfo(formatUrl(server, properties)), {}};
         Credentials& credentials = configured.credentials;
-        if (const std::string& own = configured.server.userInfo(); !own.empty()) {
-            const auto colon = own.find(':');
-            credentials.user = decoded(own.substr(0, colon));
-            if (colon != std::string::npos) credentials.password = decoded(own.substr(colon + 1));
+        if (const std::string& userInfo = configured.server.userInfo(); !userInfo.empty()) {
+            const auto colon = userInfo.find(':');
+            credentials.user = decoded(userInfo.substr(0, colon));
+            if (colon != std::string::npos) credentials.password = decoded(userInfo.substr(colon + 1));
         } else {
             credentials.user = properties->get("System.Provision.FactoryAuthUsername");
             credentials.password = properties->get("System.Provision.FactoryAuthPassword");

@@ -1,4 +1,4 @@
-// Name and password for a server that asks for them.
+// The configured credentials, and where they may be sent.
 #pragma once
 
 #include <memory>
@@ -15,27 +15,27 @@ struct Credentials {
     std::string password;
 };
 
-/// Whether both are on the same host and port, the schemes' own ports included.
+/// Whether both URLs have the same host and port; a missing port is the default of the scheme.
 bool isSameServer(const UrlInfo& a, const UrlInfo& b);
 
-/// The credentials that are configured, and the server they are for.
+/// The configured credentials and the server they are for.
 struct ConfiguredCredentials {
     UrlInfo server;
     Credentials credentials;
 };
 
-/// Those in the configured provisioning server's URL, or else the factory ones. Nothing when no server or no user is
-/// configured, when the server is not a URL, or when the properties cannot be read (the last two are logged). Blocks
-/// for up to three properties; throws nothing of its own.
+/// Reads the credentials from the URL of the configured provisioning server, or if it has none, the factory ones.
+/// Returns nothing if no server or no user is configured, and after logging it, if the server is not a URL or a
+/// property cannot be read. Blocks on property reads.
 std::optional<ConfiguredCredentials> configuredCredentials(
     const std::shared_ptr<propertyapi::IPropertyApi>& properties);
 
-/// The authentication schemes (libcurl's mask) that may be used with `url`. Basic tells the password to everybody on
-/// the way, so it needs TLS.
+/// The authentication schemes (a libcurl mask) that are allowed for `url`: Basic only with TLS, because it sends the
+/// password in plain text.
 unsigned long safeSchemes(const UrlInfo& url);
 
-/// Why `configured` must not be sent to `url`, which asks for one of the schemes in `offered`; empty if it may.
-/// `moved`: a redirect has left the server or the protocol where the download began.
+/// The reason why `configured` must not be sent to `url`, whose server offers the schemes in `offered`, as text for the
+/// log; empty if there is none. `moved`: a redirect has left the server or the protocol where the download began.
 std::string whyHeldBack(const ConfiguredCredentials& configured, const UrlInfo& url, unsigned long offered, bool moved);
 
 }  // namespace zav

@@ -15,13 +15,13 @@ namespace zav {
 
 namespace {
 
-// libcurl 7.88 closes descriptor 0 when memory runs out while it sets up a name lookup. The next socket of the process
-// would get that number, and the next such failure would close it, no matter who uses it.
-void holdDescriptorZero() {
+// If memory runs out while libcurl 7.88 sets up a name lookup, it closes descriptor 0. The next file or socket of the
+// process would get that number, and the next such failure would close it.
+void occupyDescriptorZero() {
     if (::fcntl(0, F_GETFD) < 0 && errno == EBADF) ::open("/dev/null", O_RDWR);
 }
 
-// Between an answer and the next request a server has nothing to say.
+// Between a response and the next request, a socket is readable only if the server closed it or sent too much.
 bool isReadable(curl_socket_t socket) {
     pollfd watched{socket, POLLIN, 0};
     return socket != CURL_SOCKET_BAD && ::poll(&watched, 1, 0) != 0;
@@ -29,10 +29,9 @@ bool isReadable(curl_socket_t socket) {
 
 }  // namespace
 
-Curl::State::State(CurlSettings limitsAndClocks)
-    : settings(std::move(limitsAndClocks)), stop(std::make_shared<common::StopSignal>()) {
-    if (curl_global_init(CURL_GLOBAL_ALL) != CURLE_OK)
-        throw std::runtime_error("The HTTP library cannot be initialised");
+Curl::State::State(CurlSettings clientSettings)
+    : settings(std::move(clientSettings)), stop(std::make_shared<common::StopSignal>()) {
+    if (curl_global_init(CURL_GLOBAL_ALL) != CURLE_OK) throw std::runtime_error("Cannot initialise libcurl");
 }
 
 Curl::State::~State() {
@@ -41,23 +40,23 @@ Curl::State::~State() {
 }
 
 CURL* Curl::State::handleFor(std::shared_ptr<const TrustedCertificates> certificates) {
-    if (certificates != trusted || isReadable(kept)) dropHandle();
+    if (certificates != trusted || isReadable(keptSocket)) dropHandle();
     trusted = std::move(certificates);
     if (handle == nullptr) handle = curl_easy_init();
     return handle;
 }
 
 void Curl::State::keepHandle(const SSL* tls) {
-    curl_easy_getinfo(handle, CURLINFO_ACTIVESOCKET, &kept);
-    if (kept == CURL_SOCKET_BAD || (tls != nullptr && SSL_has_pending(tls) != 0)) return dropHandle();
+    curl_easy_getinfo(handle, CURLINFO_ACTIVESOCKET, &keptSocket);
+    if (keptSocket == CURL_SOCKET_BAD || (tls != nullptr && SSL_has_pending(tls) != 0)) return dropHandle();
     curl_easy_reset(handle);
 }
 
 void Curl::State::dropHandle() {
     curl_easy_cleanup(handle);
     handle = nullptr;
-    kept = CURL_SOCKET_BAD;
-    holdDescriptorZero();
+    keptSocket = CURL_SOCKET_BAD;
+    occupyDescriptorZero();
 }
 
 std::shared_ptr<common::StopSignal> Curl::State::stopSignal() const {
@@ -65,12 +64,12 @@ std::shared_ptr<common::StopSignal> Curl::State::stopSignal() const {
     return stop;
 }
 
-void Curl::State::report(long total, long now, long uploadTotal, long uploadNow) {
+void Curl::State::report(long total, long now, long uploadTotal, long uploaded) {
     const std::lock_guard<std::recursive_mutex> lock(callbackMutex);
-    const auto current = callback;  // keeps it alive while it takes itself back
+    const auto current = callback;  // keeps it alive if it removes itself
     if (current == nullptr) return;
     try {
-        (*current)(total, now, uploadTotal, uploadNow);
+        (*current)(total, now, uploadTotal, uploaded);
     } catch (const std::exception& exception) {
         dbg::Debug::warning() << "Progress callback: " << exception.what() << std::endl;
     } catch (...) {
@@ -89,7 +88,7 @@ long Curl::getHttpCode() const { return state_->httpCode; }
 void Curl::setProgressCallback(ProgressCallback callback) {
     auto next = callback ? std::make_shared<ProgressCallback>(std::move(callback)) : nullptr;
     const std::lock_guard<std::recursive_mutex> lock(state_->callbackMutex);
-    state_->callback.swap(next);  // the old one is destroyed by the caller, with what it holds
+    state_->callback.swap(next);  // the old one is destroyed after the lock is released
 }
 
 void Curl::stopWith(std::shared_ptr<common::StopSignal> signal) {

@@ -4,7 +4,7 @@
 
 namespace zav {
 
-void CurlOptions::note(CURLoption option, CURLcode result) {
+void CurlOptions::record(CURLoption option, CURLcode result) {
     result_ = result;
     if (result == CURLE_OK) return;
     const curl_easyoption* const known = curl_easy_option_by_id(option);

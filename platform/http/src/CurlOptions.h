@@ -1,5 +1,5 @@
-// Sets the options of a handle one after the other and keeps the first that is refused: a transfer without its checks
-// must not run. The refused one is named in the log.
+// Sets options of a handle. After the first one that fails, which is logged, it sets no others: a transfer must not run
+// without all its options.
 #pragma once
 
 #include <curl/curl.h>
@@ -12,14 +12,14 @@ class CurlOptions {
 
     template <typename T>
     CurlOptions& set(CURLoption option, T value) {
-        if (result_ == CURLE_OK) note(option, curl_easy_setopt(handle_, option, value));
+        if (result_ == CURLE_OK) record(option, curl_easy_setopt(handle_, option, value));
         return *this;
     }
 
     CURLcode result() const { return result_; }
 
  private:
-    void note(CURLoption option, CURLcode result);
+    void record(CURLoption option, CURLcode result);
 
     CURL* const handle_;
     CURLcode result_ = CURLE_OK;

@@ -1,4 +1,4 @@
-// What a Curl holds: the handle with its open connections, and what is told to others about the transfer.
+// The members of Curl: the libcurl handle with its open connection, and what other threads may access.
 #pragma once
 
 #include <curl/curl.h>
@@ -14,40 +14,39 @@
 namespace zav {
 
 struct Curl::State {
-    explicit State(CurlSettings limitsAndClocks);
+    explicit State(CurlSettings clientSettings);
     ~State();
     State(const State&) = delete;
     State& operator=(const State&) = delete;
 
-    /// The handle for a transfer that trusts `certificates`, null when there is no memory. Its open connections are
-    /// kept from the last transfer unless that one trusted others: a connection, and a session that could be resumed,
-    /// are only as good as the certificates they were verified with. Nor is a connection kept on which something has
-    /// arrived since: it would be taken for the next answer.
+    /// The handle for a transfer that trusts `certificates`; null if out of memory. Its connection from the last
+    /// transfer is reused, except after a change of the trusted certificates (it was verified with the old ones, and so
+    /// was its TLS session), and if data has arrived on it since (which would be read as the next response).
     CURL* handleFor(std::shared_ptr<const TrustedCertificates> certificates);
 
-    /// Keeps the handle's connection for the next transfer, unless it was closed or holds more than the answer, and
-    /// resets everything else. `tls` is that connection's, null without TLS.
+    /// Resets the handle after a successful transfer. Keeps its connection, unless it is closed or has data after the
+    /// response. `tls` belongs to that connection; null without TLS.
     void keepHandle(const SSL* tls);
-    /// Destroys the handle and all it knows. Required after a failed transfer: a handle whose last name lookup failed
-    /// refuses options for good, and whatever else an error leaves in it must not decide the next transfer.
+    /// Destroys the handle. Required after a failed transfer, which must not affect the next one: for example, a handle
+    /// whose last name lookup failed rejects options from then on.
     void dropHandle();
 
     /// Never null.
     std::shared_ptr<common::StopSignal> stopSignal() const;
-    /// Whether transfers have to end now.
+    /// Whether transfers must end now.
     bool isOverdue() const { return stopSignal()->isOverdue(settings.steadyNow()); }
 
-    /// Calls the progress callback, if there is one. What it throws is logged and goes no further.
-    void report(long total, long now, long uploadTotal, long uploadNow);
+    /// Calls the progress callback, if any. Logs its exceptions and does not throw them.
+    void report(long total, long now, long uploadTotal, long uploaded);
 
     // Constant after construction.
     const CurlSettings settings;
 
-    // The transferring thread's alone.
+    // Only for the transferring thread.
     CloseNotify closeNotify;  // destroyed after the handle, whose connections report to it
     std::shared_ptr<const TrustedCertificates> trusted;
     CURL* handle = nullptr;
-    curl_socket_t kept = CURL_SOCKET_BAD;  // of the handle's only open connection
+    curl_socket_t keptSocket = CURL_SOCKET_BAD;  // of the only open connection
 
     // Own synchronisation.
     std::atomic<long> httpCode{0};
@@ -55,8 +54,7 @@ struct Curl::State {
     mutable std::mutex stopMutex;
     std::shared_ptr<common::StopSignal> stop;  // guarded by stopMutex
 
-    // Held while the callback runs, so that taking it back waits for its end; recursive, so that a callback may take
-    // itself back.
+    // Held while the callback runs, so that its removal waits for it. Recursive, so that a callback may remove itself.
     std::recursive_mutex callbackMutex;
     std::shared_ptr<ProgressCallback> callback;  // guarded by callbackMutex
 };

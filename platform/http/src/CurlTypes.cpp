@@ -84,9 +84,8 @@ constexpr std::array<StatusName, 62> statusNames{{
 std::string CurlTypes::getCurlErrorDescription(int code) { return curl_easy_strerror(static_cast<CURLcode>(code)); }
 
 std::string CurlTypes::getHTTPCodeDescription(long code) {
-    const auto* const known = std::find_if(statusNames.begin(), statusNames.end(), [code](const StatusName& status) {
-        return status.name != nullptr && status.code == code;
-    });
+    const auto* const known = std::find_if(statusNames.begin(), statusNames.end(),
+                                           [code](const StatusName& status) { return status.code == code; });
     const std::string number = std::to_string(code);
     return known == statusNames.end() ? number : number + " " + known->name;
 }

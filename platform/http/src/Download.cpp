@@ -6,24 +6,26 @@
 #include <ctime>
 
 #include "DownloadFolders.h"
+#include "HttpStatus.h"
 #include "Pace.h"
 #include "ResumePlan.h"
 #include "common/Release.h"
 #include "debug/Debug.h"
+#include "http/CurlTypes.h"
 
 namespace zav {
 
 namespace {
 
-constexpr unsigned mostRedirects = 5;
-constexpr std::uint64_t firmwareReserve = 16 * mebibyte;  // of its file system, left to the phone
+constexpr unsigned maxRedirects = 5;
+constexpr std::uint64_t firmwareReserve = 16 * mebibyte;  // left free on the file system
 
 std::uint64_t firmwareLimit(const PartialFile& file) {
-    const std::uint64_t room = file.freeBytes() + file.size();
-    return room > firmwareReserve ? room - firmwareReserve : 0;
+    const std::uint64_t available = file.freeBytes() + file.size();
+    return available > firmwareReserve ? available - firmwareReserve : 0;
 }
 
-std::string dateOf(std::chrono::system_clock::time_point time) {
+std::string formatDate(std::chrono::system_clock::time_point time) {
     const std::time_t seconds = std::chrono::system_clock::to_time_t(time);
     std::tm parts{};
     std::array<char, 32> text{};
@@ -34,7 +36,7 @@ std::string dateOf(std::chrono::system_clock::time_point time) {
 
 }  // namespace
 
-bool isWeb(const std::string& url) {
+bool isHttpUrl(const std::string& url) {
     return strncasecmp(url.c_str(), "http://", 7) == 0 || strncasecmp(url.c_str(), "https://", 8) == 0;
 }
 
@@ -47,11 +49,11 @@ Download::Download(Curl& curl, const Security& security, const std::shared_ptr<p
       source_(source),
       firmware_(isFirmware(destination)),
       file_(destination),
-      order_{file_, {}, source.fileName(), firmware_, client_.settings.steadyNow()} {
+      context_{file_, {}, source.fileName(), firmware_, client_.settings.steadyNow()} {
     if (firmware_) {
-        order_.limit = [this] { return firmwareLimit(file_); };
+        context_.limit = [this] { return firmwareLimit(file_); };
     } else {
-        order_.limit = [bytes = fixedLimit(destination)] { return bytes; };
+        context_.limit = [bytes = fixedLimit(destination)] { return bytes; };
     }
 }
 
@@ -63,19 +65,19 @@ int Download::run() {
         if (!pause || !waitForRetry(*pause)) break;
         result = attempt();
     }
-    if (result == CURLE_OK && status_ == 200) file_.commit();
-    explain(result);
+    if (result == CURLE_OK && status_ == httpOk) file_.commit();
+    logUnsetClock(result);
     return result;
 }
 
 bool Download::mayRetry(int result) const {
-    return firmware_ && begun_ && (misfit_ || ResumePlan::isBreak(result)) && keepsPace();
+    return firmware_ && started_ && (mismatch_ || ResumePlan::isRetryable(result)) && keepsPace();
 }
 
-// False when the process is shutting down.
+// Returns false if the process is shutting down.
 bool Download::waitForRetry(std::chrono::seconds pause) {
-    const bool resumable = !misfit_ && !reached_.version.strongValidator().empty();
-    if (misfit_) {
+    const bool resumable = !mismatch_ && !resumePoint_.version.strongValidator().empty();
+    if (mismatch_) {
         dbg::Debug::info() << "The server's answer does not continue the file, starting again" << std::endl;
     } else {
         dbg::Debug::info() << "Download broke off after " << file_.size() << " bytes, "
@@ -83,30 +85,31 @@ bool Download::waitForRetry(std::chrono::seconds pause) {
     }
     if (!resumable) {
         file_.restart();
-        reached_ = ResumePoint();
+        resumePoint_ = ResumePoint();
     }
     return !client_.stopSignal()->waitFor(pause);
 }
 
 bool Download::keepsPace() const {
-    return zav::keepsPace(client_.settings.steadyNow() - order_.begun, static_cast<std::int64_t>(order_.received));
+    return zav::keepsPace(client_.settings.steadyNow() - context_.startedAt,
+                          static_cast<std::int64_t>(context_.received));
 }
 
-// Follows redirects from the source to the final answer.
+// Follows redirects from the source to the final response.
 int Download::attempt() {
     Hop hop(source_);
     for (;;) {
-        Transfer transfer(curl_, security_, order_);
+        Transfer transfer(curl_, security_, context_);
         if (hop.credentials) transfer.useCredentials(*hop.credentials, hop.schemes);
-        // A validator means something only together with its URL.
-        if (file_.size() != 0 && hop.url.text() == reached_.url) transfer.resume(reached_);
+        // A validator is valid for its URL only.
+        if (file_.size() != 0 && hop.url.text() == resumePoint_.url) transfer.resume(resumePoint_);
         const int result = transfer.run(hop.url.text());
-        note(transfer);
+        record(transfer);
         if (result != CURLE_OK) return result;
-        if (status_ == 401 && findCredentials(hop, transfer.offeredSchemes())) continue;
+        if (status_ == HttpStatus::unauthorized && addCredentials(hop, transfer.offeredSchemes())) continue;
         if (transfer.redirection().empty()) return result;
-        if (++hop.redirects > mostRedirects) return CURLE_TOO_MANY_REDIRECTS;
-        if (!isWeb(transfer.redirection())) return CURLE_UNSUPPORTED_PROTOCOL;
+        if (++hop.redirects > maxRedirects) return CURLE_TOO_MANY_REDIRECTS;
+        if (!isHttpUrl(transfer.redirection())) return CURLE_UNSUPPORTED_PROTOCOL;
         const UrlInfo next(transfer.redirection());
         if (hop.url.scheme() == "https" && next.scheme() != "https") {
             dbg::Debug::warning() << "The server redirects from https to http, not followed" << std::endl;
@@ -116,8 +119,8 @@ int Download::attempt() {
     }
 }
 
-// Redirects are followed here and not by libcurl: each step is checked like a URL of our own, and credentials go
-// no further than the server that they are for. Userinfo in a redirect goes nowhere, as in every URL.
+// libcurl does not follow the redirects, so that each URL is checked, and credentials are not sent to another server.
+// Userinfo in a redirect is ignored.
 void Download::follow(Hop& hop, const UrlInfo& next) const {
     if (!isSameServer(next, hop.url) || next.scheme() != hop.url.scheme()) {
         hop.moved = true;
@@ -126,9 +129,9 @@ void Download::follow(Hop& hop, const UrlInfo& next) const {
     hop.url = next;
 }
 
-// Only read for servers that ask: most downloads never touch these properties. The download ends with a server that
-// does not get them, so there is one line a download.
-bool Download::findCredentials(Hop& hop, unsigned long offered) const {
+// Reads the credentials only after a 401: most downloads do not need them. Returns false if there are none to send,
+// which ends the download.
+bool Download::addCredentials(Hop& hop, unsigned long offered) const {
     if (hop.credentials) return false;
     const auto configured = configuredCredentials(properties_);
     std::string reason;
@@ -149,23 +152,23 @@ bool Download::findCredentials(Hop& hop, unsigned long offered) const {
     return false;
 }
 
-// A phone that has lost its time takes every certificate for one of the future.
-void Download::explain(int result) const {
+// While the clock of the phone shows a date in the past, certificates are not valid yet.
+void Download::logUnsetClock(int result) const {
     if (result != CURLE_PEER_FAILED_VERIFICATION && result != CURLE_SSL_CONNECT_ERROR) return;
     const auto now = client_.settings.systemNow();
     if (now >= common::releaseDate) return;
-    dbg::Debug::warning() << "The clock is not set: it shows " << dateOf(now) << ", so certificates are not valid yet"
-                          << std::endl;
+    dbg::Debug::warning() << "The clock is not set: it shows " << formatDate(now)
+                          << ", so certificates are not valid yet" << std::endl;
 }
 
-void Download::note(const Transfer& transfer) {
-    // A 206 completes the file; an attempt without an answer keeps the earlier status.
-    status_ = transfer.tookRest() || (begun_ && transfer.status() == 0) ? 200 : transfer.status();
-    Transfer::publishStatus(curl_, status_);
-    misfit_ = transfer.isMisfit();
-    order_.received += transfer.received();
-    begun_ = begun_ || transfer.status() == 200;
-    if (transfer.tookWhole() || transfer.tookRest()) reached_ = transfer.reached();
+void Download::record(const Transfer& transfer) {
+    // A 206 completes the file; an attempt without a response keeps the earlier status.
+    status_ = transfer.storedRest() || (started_ && transfer.status() == 0) ? httpOk : transfer.status();
+    Transfer::setClientStatus(curl_, status_);
+    mismatch_ = transfer.isMismatch();
+    context_.received += transfer.received();
+    started_ = started_ || transfer.status() == httpOk;
+    if (transfer.storedWholeFile() || transfer.storedRest()) resumePoint_ = transfer.resumePoint();
 }
 
 }  // namespace zav

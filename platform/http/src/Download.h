@@ -1,5 +1,5 @@
-// One call of downloadFile: its attempts, the redirects and credentials of each, and what they have in common. Lives
-// for that call, on its thread.
+// One call of FileDownloader::downloadFile: retries interrupted attempts, follows redirects and finds credentials. Not
+// thread-safe.
 #pragma once
 
 #include <memory>
@@ -16,29 +16,30 @@
 
 namespace zav {
 
-/// Whether the text is an http or https URL.
-bool isWeb(const std::string& url);
+/// Whether the text begins like an http or https URL.
+bool isHttpUrl(const std::string& url);
 
 class Download {
  public:
-    /// Throws std::system_error when the destination cannot be written.
+    /// All arguments must outlive this object. Throws std::system_error if the destination cannot be written.
     Download(Curl& curl, const Security& security, const std::shared_ptr<propertyapi::IPropertyApi>& properties,
              const UrlInfo& source, const std::string& destination);
     Download(const Download&) = delete;
     Download& operator=(const Download&) = delete;
 
-    /// Returns a libcurl result code. A firmware transfer that breaks off is tried again: from where it broke if the
-    /// server lets the file be known again, else from its start. Throws what the file and the URLs of redirects throw.
+    /// Runs the download and returns a libcurl result code. An interrupted firmware transfer is retried: it is resumed
+    /// if the server sent a strong validator, else started again. Throws std::system_error if the file cannot be
+    /// written, and UrlException for a redirect to an invalid URL.
     int run();
 
  private:
-    // Where an attempt has got to.
+    // The current request of an attempt.
     struct Hop {
-        explicit Hop(const UrlInfo& from) : url(from) {}
+        explicit Hop(const UrlInfo& first) : url(first) {}
 
         UrlInfo url;
         unsigned redirects = 0;
-        bool moved = false;  // has left the server or the protocol where it began
+        bool moved = false;  // a redirect has left the server or the protocol of the first hop
         std::optional<Credentials> credentials;
         unsigned long schemes = 0;
     };
@@ -48,9 +49,9 @@ class Download {
     bool waitForRetry(std::chrono::seconds pause);
     bool keepsPace() const;
     void follow(Hop& hop, const UrlInfo& next) const;
-    bool findCredentials(Hop& hop, unsigned long offered) const;
-    void explain(int result) const;
-    void note(const Transfer& transfer);
+    bool addCredentials(Hop& hop, unsigned long offered) const;
+    void logUnsetClock(int result) const;
+    void record(const Transfer& transfer);
 
     // Constant after construction.
     Curl& curl_;
@@ -61,11 +62,11 @@ class Download {
     const bool firmware_;
 
     PartialFile file_;
-    TransferOrder order_;
+    TransferContext context_;
     long status_ = 0;
-    bool begun_ = false;   // a server has answered with the file
-    bool misfit_ = false;  // the last answer did not continue what the file holds
-    ResumePoint reached_;  // by what the file holds; a later attempt may go on from there
+    bool started_ = false;     // there was a response with the file
+    bool mismatch_ = false;    // the last response did not continue the file
+    ResumePoint resumePoint_;  // of the bytes in the file
 };
 
 }  // namespace zav

@@ -1,5 +1,5 @@
-// The folders that downloads go to, in one table: how large a file may grow there, and where to look for files that a
-// killed process left half-downloaded.
+// The folders that downloads are stored in: the size limit of their files, and where to look for half-downloaded files
+// of a killed process.
 #pragma once
 
 #include <array>
@@ -10,7 +10,7 @@ namespace zav {
 
 struct DownloadFolder {
     const char* path;     // ends with "/"
-    std::uint64_t limit;  // bytes of a file; 0: the free space less a reserve
+    std::uint64_t limit;  // bytes per file; 0: the free space less a reserve (firmware)
     bool hasSubfolders;
 };
 
@@ -23,10 +23,11 @@ constexpr std::array<DownloadFolder, 4> downloadFolders{{
     {"/var/volatile/contacts/", 64 * mebibyte, false},
 }};
 
-/// The folder of firmware images, whose broken transfers are tried again.
+/// Whether `destination` is a firmware image, whose interrupted transfers are retried.
 bool isFirmware(const std::string& destination);
 
-/// The limit of a file at `destination`; that of provisioning files outside the folders above. Not for firmware.
+/// The size limit in bytes of a file at `destination`, which must not be firmware. Outside the folders above it is that
+/// of provisioning files.
 std::uint64_t fixedLimit(const std::string& destination);
 
 }  // namespace zav

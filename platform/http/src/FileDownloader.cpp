@@ -16,10 +16,10 @@ FileDownloader::FileDownloader(std::shared_ptr<Curl> curl, Security& security,
     : curl_(std::move(curl)), security_(security), properties_(std::move(properties)) {}
 
 int FileDownloader::downloadFile(const std::string& url, const std::string& destination) {
-    Transfer::publishStatus(*curl_, 0);
+    Transfer::setClientStatus(*curl_, 0);
     try {
         const UrlInfo source(formatUrl(url, properties_));
-        if (!isWeb(source.text())) return CURLE_UNSUPPORTED_PROTOCOL;
+        if (!isHttpUrl(source.text())) return CURLE_UNSUPPORTED_PROTOCOL;
         return Download(*curl_, security_, properties_, source, destination).run();
     } catch (const UrlException&) {
         return CURLE_URL_MALFORMAT;

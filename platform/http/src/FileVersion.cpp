@@ -7,21 +7,22 @@ namespace zav {
 
 namespace {
 
-// One ETag, not a list of them.
+// A list of ETags is not one.
 bool isStrong(const std::string& etag) {
     return etag.size() > 2 && etag.front() == '"' && etag.find('"', 1) == etag.size() - 1;
 }
 
-// A comma comes only after the day's name; a second one joins two headers.
-bool isOneDate(const std::string& text) {
-    const std::string longestDay = "Wednesday";
+// A date has a comma after the name of the day, if any; another one joins two headers.
+bool isSingleDate(const std::string& text) {
+    const std::string longestDayName = "Wednesday";
     const auto comma = text.find(',');
-    return comma == std::string::npos || (comma <= longestDay.size() && text.find(',', comma + 1) == std::string::npos);
+    return comma == std::string::npos ||
+           (comma <= longestDayName.size() && text.find(',', comma + 1) == std::string::npos);
 }
 
-bool contradict(const std::string& a, const std::string& b) { return !a.empty() && !b.empty() && a != b; }
+bool differ(const std::string& a, const std::string& b) { return !a.empty() && !b.empty() && a != b; }
 
-std::optional<std::uint64_t> number(const std::string& digits) {
+std::optional<std::uint64_t> parseNumber(const std::string& digits) {
     if (digits.empty() || digits.size() > 18 || digits.find_first_not_of("0123456789") != std::string::npos) {
         return std::nullopt;
     }
@@ -31,9 +32,9 @@ std::optional<std::uint64_t> number(const std::string& digits) {
 }  // namespace
 
 std::string FileVersion::strongValidator() const {
-    // A date must not stand for a file that has an ETag.
+    // With an ETag, even a weak one, the date is not used.
     if (!etag.empty()) return isStrong(etag) ? etag : "";
-    if (!isOneDate(lastModified) || !isOneDate(date)) return "";
+    if (!isSingleDate(lastModified) || !isSingleDate(date)) return "";
     const time_t changed = curl_getdate(lastModified.c_str(), nullptr);
     const time_t sent = curl_getdate(date.c_str(), nullptr);
     return changed >= 0 && sent > changed ? lastModified : "";
@@ -41,7 +42,7 @@ std::string FileVersion::strongValidator() const {
 
 bool FileVersion::isSameAs(const FileVersion& other) const {
     const std::string validator = strongValidator();
-    if (validator.empty() || contradict(etag, other.etag) || contradict(lastModified, other.lastModified)) return false;
+    if (validator.empty() || differ(etag, other.etag) || differ(lastModified, other.lastModified)) return false;
     return validator == other.etag || validator == other.lastModified;
 }
 
@@ -53,9 +54,9 @@ std::optional<ContentRange> parseContentRange(const std::string& text) {
         slash == std::string::npos || slash < dash) {
         return std::nullopt;
     }
-    const auto first = number(text.substr(unit.size(), dash - unit.size()));
-    const auto last = number(text.substr(dash + 1, slash - dash - 1));
-    const auto total = number(text.substr(slash + 1));
+    const auto first = parseNumber(text.substr(unit.size(), dash - unit.size()));
+    const auto last = parseNumber(text.substr(dash + 1, slash - dash - 1));
+    const auto total = parseNumber(text.substr(slash + 1));
     if (!first || !last || !total || *first > *last || *last >= *total) return std::nullopt;
     return ContentRange{*first, *last, *total};
 }

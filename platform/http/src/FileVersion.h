@@ -1,4 +1,4 @@
-// Which version of a file an answer carries, and whether a later answer continues it.
+// Identifies the version of a file, so that an interrupted download continues the same file.
 #pragma once
 
 #include <cstdint>
@@ -7,25 +7,25 @@
 
 namespace zav {
 
-/// The headers of one answer that tell the version of its file; empty where missing.
+/// The headers of a response that identify the version of its file; empty if missing.
 struct FileVersion {
     std::string etag;
     std::string lastModified;
     std::string date;
 
-    /// What If-Range may carry: a strong ETag, or without any ETag one Last-Modified that lies before the answer's Date
-    /// (a file that changes twice in a second keeps its date). Empty when neither is there.
+    /// The value for If-Range: a strong ETag, or if there is no ETag, a Last-Modified that is earlier than Date (a file
+    /// that changes twice in one second keeps its date). Empty if there is neither.
     std::string strongValidator() const;
 
-    /// Whether `other` is certainly of the same version: it repeats the strong validator and contradicts nothing.
+    /// Whether `other` has the same strong validator, and no header that differs.
     bool isSameAs(const FileVersion& other) const;
 };
 
-/// What a broken download may go on from.
+/// Where an interrupted download can be resumed.
 struct ResumePoint {
-    std::string url;  // of the answer that the bytes so far came with
+    std::string url;  // that sent the bytes in the file
     FileVersion version;
-    std::optional<std::uint64_t> total;  // bytes of the whole file, once a server has said
+    std::optional<std::uint64_t> total;  // bytes of the whole file, if known
 };
 
 /// "Content-Range: bytes FIRST-LAST/TOTAL"
@@ -35,7 +35,7 @@ struct ContentRange {
     std::uint64_t total;
 };
 
-/// Nothing for any other form, an unknown total ("*") and a range that does not lie within its total.
+/// Returns nothing for any other form, for an unknown total ("*") and for a range that is not within the total.
 std::optional<ContentRange> parseContentRange(const std::string& text);
 
 }  // namespace zav

@@ -3,26 +3,25 @@
 #include <algorithm>
 #include <cctype>
 
+#include "common/Ascii.h"
+
 namespace zav {
 
 namespace {
 
 constexpr std::size_t placeholderLength = 5;
 
-bool isAllowed(char c) {
-    return (c >= '0' && c <= '9') || (c >= 'a' && c <= 'z') || (c >= 'A' && c <= 'Z') || c == ':' || c == '.' ||
-           c == '_' || c == '-';
-}
+bool isAllowed(char c) { return common::isAsciiLetterOrDigit(c) || c == ':' || c == '.' || c == '_' || c == '-'; }
 
-std::string reduced(std::string value) {
+std::string onlyAllowed(std::string value) {
     value.erase(std::remove_if(value.begin(), value.end(), [](char c) { return !isAllowed(c); }), value.end());
     return value;
 }
 
-// The address with `separator` between its pairs, however it is stored: "0A:1B…", "0a-1b…" or "0a1b…". What is no
-// address keeps its own shape.
-std::string separated(const std::string& address, char separator) {
-    std::string text = reduced(address);
+// The MAC address with `separator` between its pairs of digits. It may be stored as "0A:1B…", "0a-1b…" or "0a1b…". In a
+// value that is not a MAC address only ":" and "-" are replaced.
+std::string formatMac(const std::string& address, char separator) {
+    std::string text = onlyAllowed(address);
     std::string digits = text;
     digits.erase(std::remove_if(digits.begin(), digits.end(), [](char c) { return c == ':' || c == '-' || c == '.'; }),
                  digits.end());
@@ -50,11 +49,11 @@ std::string formatUrl(const std::string& text, const std::shared_ptr<propertyapi
         const std::string placeholder = text.substr(percent, placeholderLength);
         at = percent + placeholderLength;
         if (placeholder == "%MACC") {
-            expanded += separated(properties->get("NET.MAC.Address"), ':');
+            expanded += formatMac(properties->get("NET.MAC.Address"), ':');
         } else if (placeholder == "%MACD") {
-            expanded += separated(properties->get("NET.MAC.Address"), '-');
+            expanded += formatMac(properties->get("NET.MAC.Address"), '-');
         } else if (placeholder == "%DVID") {
-            expanded += reduced(properties->get("System.General.DeviceID"));
+            expanded += onlyAllowed(properties->get("System.General.DeviceID"));
         } else {
             expanded += '%';
             at = percent + 1;

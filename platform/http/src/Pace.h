@@ -1,4 +1,4 @@
-// How slow a transfer may be.
+// The minimum speed of a download.
 #pragma once
 
 #include <chrono>
@@ -6,13 +6,13 @@
 
 namespace zav {
 
-/// Whether a download that has `bytes` after this time may go on. A server that keeps dripping never stalls, so the
-/// download as a whole, with all its attempts, must bring 1 KiB a second, with five minutes in hand: slower than any
-/// line that a phone is put on, and a small file still ends within minutes, whatever the server does.
+/// Whether a download that has received `bytes` after `elapsed` may continue. The stall timeout does not end a transfer
+/// of a byte now and then, so all attempts of a download together must receive 1 KiB per second, not counting the first
+/// five minutes. Any line that a phone is used on is faster.
 inline bool keepsPace(std::chrono::steady_clock::duration elapsed, std::int64_t bytes) {
-    constexpr std::int64_t slowestBytesPerSecond = 1024;
-    constexpr std::chrono::seconds timeInHand{300};
-    return elapsed <= timeInHand + std::chrono::seconds(bytes / slowestBytesPerSecond);
+    constexpr std::int64_t minBytesPerSecond = 1024;
+    constexpr std::chrono::seconds allowance{300};
+    return elapsed <= allowance + std::chrono::seconds(bytes / minBytesPerSecond);
 }
 
 }  // namespace zav

@@ -13,13 +13,14 @@
 
 #include "DownloadFolders.h"
 #include "PartialFile.h"
+#include "common/Descriptor.h"
 #include "debug/Debug.h"
 
 namespace zav {
 
 namespace {
 
-constexpr unsigned deepestFolder = 16;  // downloads lie one folder deep
+constexpr unsigned maxDepth = 16;  // more than the one level that downloads use
 
 struct CloseFolder {
     void operator()(DIR* folder) const { ::closedir(folder); }
@@ -40,15 +41,14 @@ void removeFile(int folder, const std::string& path, const std::string& name) {
     }
 }
 
-// `path` ends with "/" and is for the log; `name` is the folder's, below the folder `above`.
-void clean(int above, const std::string& name, const std::string& path, unsigned subfolders) {
-    const int descriptor = ::openat(above, name.c_str(), O_RDONLY | O_DIRECTORY | O_NOFOLLOW | O_CLOEXEC);
-    if (descriptor < 0) return;
-    const std::unique_ptr<DIR, CloseFolder> folder(::fdopendir(descriptor));
-    if (folder == nullptr) {
-        ::close(descriptor);
-        return;
-    }
+// Cleans the folder `name` in the folder `parent`, and subfolders down to `depth` levels. `path` is its path for the
+// log and ends with "/".
+void clean(int parent, const std::string& name, const std::string& path, unsigned depth) {
+    common::Descriptor opened(::openat(parent, name.c_str(), O_RDONLY | O_DIRECTORY | O_NOFOLLOW | O_CLOEXEC));
+    if (opened.get() < 0) return;
+    const std::unique_ptr<DIR, CloseFolder> folder(::fdopendir(opened.get()));
+    if (folder == nullptr) return;
+    const int descriptor = opened.release();  // closedir closes it
     for (const std::string& entry : namesIn(folder.get())) {
         struct stat status {};
         if (entry == "." || entry == ".." || ::fstatat(descriptor, entry.c_str(), &status, AT_SYMLINK_NOFOLLOW) != 0) {
@@ -56,8 +56,8 @@ void clean(int above, const std::string& name, const std::string& path, unsigned
         }
         if (S_ISREG(status.st_mode) && PartialFile::isPartialName(entry)) {
             removeFile(descriptor, path, entry);
-        } else if (S_ISDIR(status.st_mode) && subfolders > 0) {
-            clean(descriptor, entry, path + entry + "/", subfolders - 1);
+        } else if (S_ISDIR(status.st_mode) && depth > 0) {
+            clean(descriptor, entry, path + entry + "/", depth - 1);
         }
     }
 }
@@ -68,10 +68,10 @@ void removePartialDownloads() noexcept {
     try {
         for (const DownloadFolder& folder : downloadFolders) {
             const std::string path = folder.path;
-            clean(AT_FDCWD, path.substr(0, path.size() - 1), path, folder.hasSubfolders ? deepestFolder : 0);
+            clean(AT_FDCWD, path.substr(0, path.size() - 1), path, folder.hasSubfolders ? maxDepth : 0);
         }
     } catch (...) {
-        dbg::Debug::warning() << "Half-downloaded files cannot be looked for: no memory" << std::endl;
+        dbg::Debug::warning() << "Cannot look for half-downloaded files: out of memory" << std::endl;
     }
 }
 

@@ -21,12 +21,12 @@ constexpr std::string_view suffix = ".part";
     throw std::system_error(error, std::generic_category(), what);
 }
 
-bool climbs(const std::string& path) { return ("/" + path + "/").find("/../") != std::string::npos; }
+bool hasParentSegment(const std::string& path) { return ("/" + path + "/").find("/../") != std::string::npos; }
 
 void makeFolders(const std::string& path) {
     for (std::size_t end = path.find('/', 1);; end = path.find('/', end + 1)) {
         const std::string folder = path.substr(0, end);
-        if (::mkdir(folder.c_str(), 0700) != 0 && errno != EEXIST) fail(errno, "Cannot make the folder " + folder);
+        if (::mkdir(folder.c_str(), 0700) != 0 && errno != EEXIST) fail(errno, "Cannot create the folder " + folder);
         if (end == std::string::npos) return;
     }
 }
@@ -37,26 +37,21 @@ PartialFile::PartialFile(const std::string& destination) : destination_(destinat
     const auto slash = destination.rfind('/');
     const std::string folder = slash == std::string::npos ? "." : destination.substr(0, slash + 1);
     name_ = slash == std::string::npos ? destination : destination.substr(slash + 1);
-    if (name_.empty() || name_ == "." || climbs(destination)) fail(EINVAL, "Cannot write " + destination);
-    temporary_ = std::string(prefix) + name_ + std::string(suffix);
+    if (name_.empty() || name_ == "." || hasParentSegment(destination)) fail(EINVAL, "Cannot write " + destination);
+    temporaryName_ = std::string(prefix) + name_ + std::string(suffix);
 
     const auto last = folder.find_last_not_of('/');
     if (last != std::string::npos) makeFolders(folder.substr(0, last + 1));
-    folder_ = ::open(folder.c_str(), O_RDONLY | O_DIRECTORY | O_CLOEXEC);
-    if (folder_ < 0) fail(errno, "Cannot open the folder " + folder);
-    ::unlinkat(folder_, temporary_.c_str(), 0);
-    file_ = ::openat(folder_, temporary_.c_str(), O_WRONLY | O_CREAT | O_EXCL | O_NOFOLLOW | O_CLOEXEC, 0600);
-    if (file_ < 0) {
-        const int error = errno;
-        ::close(folder_);
-        fail(error, "Cannot write beside " + destination);
-    }
+    folder_.reset(::open(folder.c_str(), O_RDONLY | O_DIRECTORY | O_CLOEXEC));
+    if (folder_.get() < 0) fail(errno, "Cannot open the folder " + folder);
+    ::unlinkat(folder_.get(), temporaryName_.c_str(), 0);
+    file_.reset(
+        ::openat(folder_.get(), temporaryName_.c_str(), O_WRONLY | O_CREAT | O_EXCL | O_NOFOLLOW | O_CLOEXEC, 0600));
+    if (file_.get() < 0) fail(errno, "Cannot create a temporary file for " + destination);
 }
 
 PartialFile::~PartialFile() {
-    ::close(file_);
-    if (!committed_) ::unlinkat(folder_, temporary_.c_str(), 0);
-    ::close(folder_);
+    if (!committed_) ::unlinkat(folder_.get(), temporaryName_.c_str(), 0);
 }
 
 bool PartialFile::isPartialName(const std::string& name) {
@@ -66,13 +61,13 @@ bool PartialFile::isPartialName(const std::string& name) {
 
 std::uint64_t PartialFile::freeBytes() const {
     struct statvfs status {};
-    if (::fstatvfs(folder_, &status) != 0) fail(errno, "Cannot ask for the free space beside " + destination_);
+    if (::fstatvfs(folder_.get(), &status) != 0) fail(errno, "Cannot determine the free space for " + destination_);
     return std::uint64_t{status.f_bavail} * std::uint64_t{status.f_frsize};
 }
 
 void PartialFile::append(const char* data, std::size_t length) {
     while (length > 0) {
-        const ssize_t written = ::write(file_, data, length);
+        const ssize_t written = ::write(file_.get(), data, length);
         if (written < 0 && errno == EINTR) continue;
         if (written < 0) fail(errno, "Cannot write " + destination_);
         data += written;
@@ -82,16 +77,19 @@ void PartialFile::append(const char* data, std::size_t length) {
 }
 
 void PartialFile::restart() {
-    if (::ftruncate(file_, 0) != 0 || ::lseek(file_, 0, SEEK_SET) != 0) fail(errno, "Cannot write " + destination_);
+    if (::ftruncate(file_.get(), 0) != 0 || ::lseek(file_.get(), 0, SEEK_SET) != 0) {
+        fail(errno, "Cannot write " + destination_);
+    }
     size_ = 0;
 }
 
 void PartialFile::commit() {
-    if (::fsync(file_) != 0) fail(errno, "Cannot sync " + destination_);
-    if (::renameat(folder_, temporary_.c_str(), folder_, name_.c_str()) != 0)
+    if (::fsync(file_.get()) != 0) fail(errno, "Cannot sync " + destination_);
+    if (::renameat(folder_.get(), temporaryName_.c_str(), folder_.get(), name_.c_str()) != 0) {
         fail(errno, "Cannot replace " + destination_);
+    }
     committed_ = true;
-    if (::fsync(folder_) != 0) fail(errno, "Cannot sync the folder of " + destination_);
+    if (::fsync(folder_.get()) != 0) fail(errno, "Cannot sync the folder of " + destination_);
 }
 
 }  // namespace zav

@@ -1,18 +1,20 @@
-// A file that is being downloaded: a temporary one beside its destination, which takes the destination's place in one
-// step or vanishes. For one thread.
+// The file of a running download: a temporary file beside the destination, which replaces the destination in one step
+// or is removed. Not thread-safe.
 #pragma once
 
 #include <cstddef>
 #include <cstdint>
 #include <string>
 
+#include "common/Descriptor.h"
+
 namespace zav {
 
 class PartialFile {
  public:
-    /// Makes the destination's folder (0700) and the temporary file (0600) in it; one left behind earlier is removed
-    /// first, a link is never followed. Throws std::system_error when that cannot be done, also for a destination that
-    /// ends with "/" or climbs with "..".
+    /// Creates the folders of the destination (0700) and the temporary file (0600). Removes an earlier temporary file;
+    /// does not follow a symbolic link. Throws std::system_error on failure, and if the destination ends with "/" or
+    /// contains "..".
     explicit PartialFile(const std::string& destination);
 
     /// Removes the temporary file unless it was committed.
@@ -20,13 +22,15 @@ class PartialFile {
     PartialFile(const PartialFile&) = delete;
     PartialFile& operator=(const PartialFile&) = delete;
 
-    /// Whether a file of that name is a temporary one of this class.
+    /// Whether `name` is the name of such a temporary file.
     static bool isPartialName(const std::string& name);
 
     /// Bytes written so far.
     std::uint64_t size() const { return size_; }
 
-    /// Bytes that could still be written to the folder's file system by an ordinary process.
+    // These throw std::system_error.
+
+    /// Bytes that an unprivileged process could still write to the file system.
     std::uint64_t freeBytes() const;
 
     void append(const char* data, std::size_t length);
@@ -34,15 +38,15 @@ class PartialFile {
     /// Empties the file.
     void restart();
 
-    /// Syncs the file, puts it in the destination's place and syncs the folder. Blocks for the disk.
+    /// Syncs the file, replaces the destination with it and syncs the folder. Blocks on the disk.
     void commit();
 
  private:
     const std::string destination_;
-    std::string name_;       // of the destination, within its folder
-    std::string temporary_;  // likewise
-    int folder_ = -1;
-    int file_ = -1;
+    std::string name_;           // of the destination, within its folder
+    std::string temporaryName_;  // within the same folder
+    common::Descriptor folder_;
+    common::Descriptor file_;
     std::uint64_t size_ = 0;
     bool committed_ = false;
 };

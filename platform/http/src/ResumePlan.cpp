@@ -8,23 +8,22 @@ namespace zav {
 
 namespace {
 
-constexpr unsigned attemptsAtMost = 100;
-constexpr unsigned idleAtMost = 10;
-constexpr std::uint64_t worthwhile = 64 * 1024;
-constexpr std::chrono::seconds longestWait{30};
+constexpr unsigned maxAttempts = 100;
+constexpr unsigned maxIdleAttempts = 10;
+constexpr std::uint64_t minProgress = 64 * 1024;
+constexpr std::chrono::seconds maxPause{30};
 
 }  // namespace
 
 std::optional<std::chrono::seconds> ResumePlan::next(std::uint64_t size) {
-    // A file that begins anew is not ahead of where it was.
-    idle_ = size >= size_ + worthwhile ? 0 : idle_ + 1;
+    idle_ = size >= size_ + minProgress ? 0 : idle_ + 1;
     size_ = size;
-    if (++attempts_ >= attemptsAtMost || idle_ >= idleAtMost) return std::nullopt;
+    if (++attempts_ >= maxAttempts || idle_ >= maxIdleAttempts) return std::nullopt;
     if (idle_ <= 1) return std::chrono::seconds{0};
-    return std::min(std::chrono::seconds{1U << (idle_ - 2)}, longestWait);
+    return std::min(std::chrono::seconds{1U << (idle_ - 2)}, maxPause);
 }
 
-bool ResumePlan::isBreak(int result) {
+bool ResumePlan::isRetryable(int result) {
     switch (result) {
         case CURLE_COULDNT_RESOLVE_HOST:
         case CURLE_COULDNT_CONNECT:

@@ -1,4 +1,4 @@
-// When a download that broke off is tried again, and when it is given up.
+// Decides when an interrupted download is retried, and when it fails. Not thread-safe.
 #pragma once
 
 #include <chrono>
@@ -9,18 +9,18 @@ namespace zav {
 
 class ResumePlan {
  public:
-    /// To be asked after each attempt that broke off, with the file's size by then: how long to wait before the next,
-    /// or nothing when enough is enough. An attempt that brought little counts as one that brought nothing: ten of
-    /// those in a row are the end, a hundred attempts are the end in any case.
+    /// Call after each interrupted attempt with the current size of the file. Returns the pause before the next
+    /// attempt, or nothing if there must not be one: after ten attempts in a row without progress (less than 64 KiB
+    /// each), and after a hundred attempts in all.
     std::optional<std::chrono::seconds> next(std::uint64_t size);
 
-    /// Whether an attempt that ended with this libcurl result code broke off, rather than failed for good.
-    static bool isBreak(int result);
+    /// Whether an attempt that ended with this libcurl result code was interrupted, so that another one may succeed.
+    static bool isRetryable(int result);
 
  private:
     std::uint64_t size_ = 0;
     unsigned attempts_ = 0;
-    unsigned idle_ = 0;
+    unsigned idle_ = 0;  // attempts in a row without progress
 };
 
 }  // namespace zav

@@ -4,11 +4,10 @@
 
 #include <algorithm>
 #include <limits>
-#include <memory>
-#include <utility>
 
 #include "ContentCoding.h"
 #include "CurlOptions.h"
+#include "CurlPointers.h"
 #include "Pace.h"
 #include "debug/Debug.h"
 
@@ -16,27 +15,24 @@ namespace zav {
 
 namespace {
 
-constexpr long ordinaryBuffer = 16L * 1024;
-constexpr long largeBuffer = 512L * 1024;
-constexpr std::size_t mostHeaderBytes = 256UL * 1024;       // of one transfer, 1xx answers and trailers included
-constexpr std::uint64_t discardedAtMost = 64 * 1024;        // of the page that comes with another answer
-constexpr std::uint64_t limitAskedEvery = 4 * 1024 * 1024;  // the free space changes while a file grows
-
-struct ListFree {
-    void operator()(curl_slist* list) const { curl_slist_free_all(list); }
-};
+constexpr long normalBufferSize = 16L * 1024;
+constexpr long largeBufferSize = 512L * 1024;
+constexpr std::size_t maxHeaderBytes = 256UL * 1024;           // of one transfer, 1xx responses and trailers included
+constexpr std::uint64_t maxDiscardedBytes = 64 * 1024;         // of a body that is not stored
+constexpr std::uint64_t limitCheckInterval = 4 * 1024 * 1024;  // bytes of the file
 
 long asLong(curl_off_t value) {
     return static_cast<long>(std::min<curl_off_t>(value, std::numeric_limits<long>::max()));
 }
 
 bool isRedirect(long status) {
-    return status == 301 || status == 302 || status == 303 || status == 307 || status == 308;
+    return status == HttpStatus::movedPermanently || status == HttpStatus::found || status == HttpStatus::seeOther ||
+           status == HttpStatus::temporaryRedirect || status == HttpStatus::permanentRedirect;
 }
 
-// Where `location` leads from `base`; the text itself when it leads nowhere, for the next step to refuse.
-std::string resolved(const std::string& base, const std::string& location) {
-    const std::unique_ptr<CURLU, decltype(&curl_url_cleanup)> url(curl_url(), &curl_url_cleanup);
+// `location` relative to `base`. If that is not a URL, `location` itself, which the caller refuses.
+std::string resolve(const std::string& base, const std::string& location) {
+    const CurlUrl url(curl_url());
     char* text = nullptr;
     if (location.empty() || url == nullptr || curl_url_set(url.get(), CURLUPART_URL, base.c_str(), 0) != CURLUE_OK ||
         curl_url_set(url.get(), CURLUPART_URL, location.c_str(), CURLU_NON_SUPPORT_SCHEME | CURLU_URLENCODE) !=
@@ -44,11 +40,11 @@ std::string resolved(const std::string& base, const std::string& location) {
         curl_url_get(url.get(), CURLUPART_URL, &text, 0) != CURLUE_OK) {
         return location;
     }
-    const std::unique_ptr<char, decltype(&curl_free)> owner(text, &curl_free);
+    const CurlText owner(text);
     return text;
 }
 
-// libcurl 7.88 leaves the line's end in an empty value.
+// libcurl 7.88 keeps the line break of an empty value.
 std::string trimmed(const std::string& value) {
     const char* const blanks = " \t\r\n";
     const auto first = value.find_first_not_of(blanks);
@@ -57,23 +53,22 @@ std::string trimmed(const std::string& value) {
 
 bool isChunked(const std::string& codings) { return strcasecmp(codings.c_str(), "chunked") == 0; }
 
-// Whether libcurl takes the chunks of a body with this header line apart. It looks at one line only, not at those that
-// continue it.
-bool announcesChunks(const std::string& line) {
+// Whether libcurl decodes a chunked body because of this header line. It ignores continuation lines.
+bool isChunkedHeader(const std::string& line) {
     const std::string name = "Transfer-Encoding:";
     return strncasecmp(line.c_str(), name.c_str(), name.size()) == 0 && isChunked(trimmed(line.substr(name.size())));
 }
 
-// A value from a server, short enough for a log line.
+// Limits a value from a server for the log.
 std::string shortened(const std::string& text) { return text.size() <= 100 ? text : text.substr(0, 100) + "..."; }
 
 }  // namespace
 
-Transfer::Transfer(Curl& curl, const Security& security, const TransferOrder& order)
+Transfer::Transfer(Curl& curl, const Security& security, const TransferContext& context)
     : state_(*curl.state_),
       trusted_(security.trustedCertificates()),
       handle_(state_.handleFor(trusted_)),
-      order_(order) {}
+      context_(context) {}
 
 void Transfer::useCredentials(const Credentials& credentials, unsigned long schemes) {
     credentials_ = credentials;
@@ -88,19 +83,19 @@ CURLcode Transfer::setOptions(const std::string& url, const curl_slist* headers)
         .set(CURLOPT_PROTOCOLS_STR, "http,https")
         .set(CURLOPT_FOLLOWLOCATION, 0L)
         .set(CURLOPT_NETRC, long{CURL_NETRC_IGNORED})
-        .set(CURLOPT_PROXY, "")  // not even what the environment names
+        .set(CURLOPT_PROXY, "")  // no proxy, not even from the environment
         .set(CURLOPT_NOSIGNAL, 1L)
-        .set(CURLOPT_MAXCONNECTS, 1L)  // only one is looked at before it is used again
-        .set(CURLOPT_QUICK_EXIT, 1L)   // never wait for a name resolution that was given up
+        .set(CURLOPT_MAXCONNECTS, 1L)  // handleFor checks only one
+        .set(CURLOPT_QUICK_EXIT, 1L)   // do not wait for the thread of an aborted name lookup
         .set(CURLOPT_CONNECTTIMEOUT, static_cast<long>(state_.settings.connectTimeout.count()))
         .set(CURLOPT_LOW_SPEED_LIMIT, 1L)
         .set(CURLOPT_LOW_SPEED_TIME, static_cast<long>(state_.settings.stallTimeout.count()))
         .set(CURLOPT_TCP_KEEPALIVE, 1L)
-        .set(CURLOPT_BUFFERSIZE, order_.large ? largeBuffer : ordinaryBuffer)
+        .set(CURLOPT_BUFFERSIZE, context_.large ? largeBufferSize : normalBufferSize)
         .set(CURLOPT_SSLVERSION, long{CURL_SSLVERSION_TLSv1_2})
         .set(CURLOPT_SSL_VERIFYPEER, 1L)
         .set(CURLOPT_SSL_VERIFYHOST, 2L)
-        // What is trusted comes with the callback, already parsed.
+        // tlsCallback sets the trusted certificates, already parsed.
         .set(CURLOPT_CAINFO, static_cast<char*>(nullptr))
         .set(CURLOPT_CAPATH, static_cast<char*>(nullptr))
         .set(CURLOPT_SSL_CTX_FUNCTION, &Transfer::tlsCallback)
@@ -118,7 +113,7 @@ CURLcode Transfer::setOptions(const std::string& url, const curl_slist* headers)
             .set(CURLOPT_PASSWORD, credentials_->password.c_str());
     }
     if (headers != nullptr) {
-        const std::string range = std::to_string(order_.file.size()) + "-";
+        const std::string range = std::to_string(context_.file.size()) + "-";
         options.set(CURLOPT_HTTPHEADER, headers).set(CURLOPT_RANGE, range.c_str());
     }
     return options.result();
@@ -128,76 +123,83 @@ int Transfer::run(const std::string& url) {
     if (handle_ == nullptr) return CURLE_OUT_OF_MEMORY;
     if (state_.isOverdue()) return CURLE_ABORTED_BY_CALLBACK;
     curl_easy_reset(handle_);
-    std::unique_ptr<curl_slist, ListFree> headers;
-    if (resumed_) {
-        headers.reset(curl_slist_append(nullptr, ("If-Range: " + resumed_->version.strongValidator()).c_str()));
+    CurlList headers;
+    if (resumeFrom_) {
+        headers.reset(curl_slist_append(nullptr, ("If-Range: " + resumeFrom_->version.strongValidator()).c_str()));
         if (headers == nullptr) return CURLE_OUT_OF_MEMORY;
     }
     CURLcode result = setOptions(url, headers.get());
     if (result == CURLE_OK) result = perform(url);
-    // Nothing of ours, credentials least of all, stays behind in the handle.
-    if (result == CURLE_OK && isUsedUp()) {
+    // Both remove our options from the handle, credentials in particular.
+    if (result == CURLE_OK && isFullyRead()) {
         state_.keepHandle(tls_);
     } else {
         state_.dropHandle();
     }
-    state_.httpCode = tookRest() ? 200 : status_;
+    state_.httpCode = storedRest() ? httpOk : status_;
     if (failure_) std::rethrow_exception(failure_);
     return ended_.value_or(result);
 }
 
-// Whether all that the server sent belonged to the answer, as far as one can tell. What follows an answer without a
-// body may be a body all the same, and must not be read as the next answer.
-bool Transfer::isUsedUp() const { return !ended_ && !failure_ && (kept_ || !redirection_.empty() || status_ == 401); }
+// Whether the connection can be reused. A server may send a body with a response that has none, such as a 204; it would
+// be read as the next response.
+bool Transfer::isFullyRead() const {
+    return !ended_ && !failure_ && (storing_ || !redirection_.empty() || status_ == HttpStatus::unauthorized);
+}
 
-// libcurl's own result; `ended_` is what we make of it.
+// Returns the result of libcurl; `ended_` overrides it.
 CURLcode Transfer::perform(const std::string& url) {
-    offset_ = order_.file.size();
-    reached_.url = url;
+    offset_ = context_.file.size();
+    resumePoint_.url = url;
     const CURLcode result = curl_easy_perform(handle_);
     curl_easy_getinfo(handle_, CURLINFO_RESPONSE_CODE, &status_);
     long offered = 0;
     curl_easy_getinfo(handle_, CURLINFO_HTTPAUTH_AVAIL, &offered);
     offeredSchemes_ = static_cast<unsigned long>(offered);
     try {
-        conclude(result, url);
+        finish(result, url);
     } catch (...) {
         failure_ = std::current_exception();
     }
     return result;
 }
 
-void Transfer::conclude(CURLcode result, const std::string& url) {
+void Transfer::finish(CURLcode result, const std::string& url) {
     if (failure_) return;
     if (!headersComplete_) {
-        // libcurl takes a connection that ends inside the headers for the whole answer.
+        // libcurl accepts a response that ends inside the headers.
         if (result == CURLE_OK && !ended_) ended_ = CURLE_RECV_ERROR;
-        if (result == CURLE_OUT_OF_MEMORY && status_ != 0) {  // libcurl's word for a line of more than 100 KiB
+        if (result == CURLE_OUT_OF_MEMORY && status_ != 0) {  // also for a line of over 100 KiB
             dbg::Debug::warning() << "A header of the answer is too long, or memory ran out; download failed"
                                   << std::endl;
         }
         return;
     }
-    if (isRedirect(status_)) redirection_ = resolved(url, header("Location"));
-    // An empty body, or one that never came.
-    if (!bodyBegun_ && (result == CURLE_OK || status_ == 200)) beginBody();
-    if (result != CURLE_OK || ended_ || !kept_) return;
+    if (isRedirect(status_)) redirection_ = resolve(url, header("Location"));
+    // The body is empty or was not received.
+    if (!bodyBegun_ && (result == CURLE_OK || status_ == httpOk)) beginBody();
+    if (result != CURLE_OK || ended_ || !storing_) return;
     if (!isEndConfirmed(url)) {
         dbg::Debug::warning() << "The TLS connection was cut before the answer's end" << std::endl;
         ended_ = CURLE_PARTIAL_FILE;
     }
     if (ended_ || !end_) return;
-    if (order_.file.size() != *end_) return endAsMisfit();
-    // A server may send less of the rest than there is.
-    if (*end_ != reached_.total) ended_ = CURLE_PARTIAL_FILE;
+    if (context_.file.size() != *end_) return endAsMismatch();
+    // A server may send only part of the requested range.
+    if (*end_ != resumePoint_.total) ended_ = CURLE_PARTIAL_FILE;
 }
 
-// Over TLS somebody on the line may cut the connection, but cannot pretend that the server ended it.
+// Over TLS an attacker can cut the connection, but cannot forge a close_notify.
 bool Transfer::isEndConfirmed(const std::string& url) const {
     if (strncasecmp(url.c_str(), "https:", 6) != 0) return true;
-    curl_off_t announced = -1;
-    curl_easy_getinfo(handle_, CURLINFO_CONTENT_LENGTH_DOWNLOAD_T, &announced);
-    return announced >= 0 || chunked_ || state_.closeNotify.wasReceivedOn(tls_);
+    return contentLength() >= 0 || chunked_ || state_.closeNotify.wasReceivedOn(tls_);
+}
+
+// -1 if unknown.
+curl_off_t Transfer::contentLength() const {
+    curl_off_t length = -1;
+    curl_easy_getinfo(handle_, CURLINFO_CONTENT_LENGTH_DOWNLOAD_T, &length);
+    return length;
 }
 
 std::string Transfer::header(const char* name) const {
@@ -205,8 +207,8 @@ std::string Transfer::header(const char* name) const {
     return curl_easy_header(handle_, name, 0, CURLH_HEADER, -1, &found) == CURLHE_OK ? trimmed(found->value) : "";
 }
 
-// All headers of the name, separated by commas.
-std::string Transfer::headers(const char* name) const {
+// All headers of this name, separated by commas.
+std::string Transfer::joinedHeaders(const char* name) const {
     std::string values;
     curl_header* found = nullptr;
     for (std::size_t at = 0; curl_easy_header(handle_, name, at, CURLH_HEADER, -1, &found) == CURLHE_OK; ++at) {
@@ -217,75 +219,79 @@ std::string Transfer::headers(const char* name) const {
     return values;
 }
 
-FileVersion Transfer::fileVersion() const { return {headers("ETag"), headers("Last-Modified"), headers("Date")}; }
+FileVersion Transfer::fileVersion() const {
+    return {joinedHeaders("ETag"), joinedHeaders("Last-Modified"), joinedHeaders("Date")};
+}
 
 void Transfer::beginBody() {
     bodyBegun_ = true;
     curl_easy_getinfo(handle_, CURLINFO_RESPONSE_CODE, &status_);
-    curl_off_t announced = -1;
-    curl_easy_getinfo(handle_, CURLINFO_CONTENT_LENGTH_DOWNLOAD_T, &announced);
-    if (resumed_ && (status_ == 416 || (status_ == 206 && !continuesFile(announced)))) return endAsMisfit();
-    kept_ = status_ == 200 || (resumed_ && status_ == 206);
-    if (!kept_) return;
-    if (status_ == 200) beginWhole(announced);
+    const bool isRest = resumeFrom_ && status_ == HttpStatus::partialContent;
+    if (resumeFrom_ && status_ == HttpStatus::rangeNotSatisfiable) return endAsMismatch();
+    if (isRest && !beginRest()) return endAsMismatch();
+    storing_ = status_ == httpOk || isRest;
+    if (!storing_) return;
+    if (status_ == httpOk) beginWholeFile();
     checkCodings();
     if (ended_) return;
-    checkSize(offset_ + static_cast<std::uint64_t>(std::max<curl_off_t>(announced, 0)));
+    checkSize(offset_ + static_cast<std::uint64_t>(std::max<curl_off_t>(contentLength(), 0)));
 }
 
 void Transfer::checkCodings() {
-    const auto refuse = [this](const char* kind, const std::string& codings) {
-        dbg::Debug::warning() << "The answer has the " << kind << " coding '" << shortened(codings)
-                              << "', which nobody asked for; download failed" << std::endl;
+    const auto refuse = [this](const char* logText, const std::string& codings) {
+        dbg::Debug::warning() << logText << shortened(codings) << "', which nobody asked for; download failed"
+                              << std::endl;
         ended_ = CURLE_BAD_CONTENT_ENCODING;
     };
-    const std::string content = headers("Content-Encoding");
-    const std::string transfer = headers("Transfer-Encoding");
-    if (!isAcceptedCoding(content, order_.fileName)) {
-        refuse("content", content);
+    const std::string content = joinedHeaders("Content-Encoding");
+    const std::string transfer = joinedHeaders("Transfer-Encoding");
+    if (!isAcceptedCoding(content, context_.fileName)) {
+        refuse("The answer has the content coding '", content);
     } else if (!transfer.empty() && !(chunked_ && isChunked(transfer))) {
-        refuse("transfer", transfer);  // libcurl would unpack some of them, and not notice where one is cut short
+        // libcurl would decode some of them without noticing a truncated body.
+        refuse("The answer has the transfer coding '", transfer);
     }
 }
 
-void Transfer::beginWhole(curl_off_t announced) {
-    if (order_.file.size() != 0) order_.file.restart();
+void Transfer::beginWholeFile() {
+    if (context_.file.size() != 0) context_.file.restart();
     offset_ = 0;
-    reached_.version = fileVersion();
-    if (announced >= 0) reached_.total = static_cast<std::uint64_t>(announced);
+    resumePoint_.version = fileVersion();
+    if (contentLength() >= 0) resumePoint_.total = static_cast<std::uint64_t>(contentLength());
 }
 
-// Whether a 206 carries exactly the bytes that follow those in the file.
-bool Transfer::continuesFile(curl_off_t announced) {
-    const auto range = parseContentRange(headers("Content-Range"));
-    if (!range || range->first != offset_ || !resumed_->version.isSameAs(fileVersion())) return false;
-    if (resumed_->total && *resumed_->total != range->total) return false;
-    if (announced >= 0 && static_cast<std::uint64_t>(announced) != range->last + 1 - range->first) return false;
-    reached_.version = resumed_->version;
-    reached_.total = range->total;
+// Returns false if the 206 does not have exactly the bytes after those in the file.
+bool Transfer::beginRest() {
+    const auto range = parseContentRange(joinedHeaders("Content-Range"));
+    if (!range || range->first != offset_ || !resumeFrom_->version.isSameAs(fileVersion())) return false;
+    if (resumeFrom_->total && *resumeFrom_->total != range->total) return false;
+    const curl_off_t length = contentLength();
+    if (length >= 0 && static_cast<std::uint64_t>(length) != range->last + 1 - range->first) return false;
+    resumePoint_.version = resumeFrom_->version;
+    resumePoint_.total = range->total;
     end_ = range->last + 1;
     return true;
 }
 
-void Transfer::endAsMisfit() {
-    misfit_ = true;
+void Transfer::endAsMismatch() {
+    mismatch_ = true;
     ended_ = CURLE_RANGE_ERROR;
 }
 
-// Ends the transfer when the file would be larger than it may be.
+// Ends the transfer if a file of `size` bytes exceeds the limit.
 void Transfer::checkSize(std::uint64_t size) {
     if (size > recheckAt_) {
-        allowed_ = order_.limit();
-        recheckAt_ = order_.file.size() + limitAskedEvery;
+        sizeLimit_ = context_.limit();
+        recheckAt_ = context_.file.size() + limitCheckInterval;
     }
-    if (size > allowed_) ended_ = CURLE_FILESIZE_EXCEEDED;
+    if (size > sizeLimit_) ended_ = CURLE_FILESIZE_EXCEEDED;
 }
 
-void Transfer::beginAnswer() {
+void Transfer::beginResponse() {
     headersComplete_ = false;
     chunked_ = false;
-    handedOver_ = 0;
-    // libcurl knows it only while it transfers.
+    delivered_ = 0;
+    // Only available while libcurl transfers.
     curl_tlssessioninfo* session = nullptr;
     curl_easy_getinfo(handle_, CURLINFO_TLS_SSL_PTR, &session);
     tls_ =
@@ -294,11 +300,11 @@ void Transfer::beginAnswer() {
 
 std::size_t Transfer::onHeader(const char* data, std::size_t length) {
     const std::string line(data, length);
-    if (line.compare(0, 5, "HTTP/") == 0) beginAnswer();
+    if (line.compare(0, 5, "HTTP/") == 0) beginResponse();
     if (line == "\r\n" || line == "\n") headersComplete_ = true;
-    if (!headersComplete_ && announcesChunks(line)) chunked_ = true;
+    if (!headersComplete_ && isChunkedHeader(line)) chunked_ = true;
     headerBytes_ += length;
-    if (headerBytes_ <= mostHeaderBytes) return length;
+    if (headerBytes_ <= maxHeaderBytes) return length;
     if (!ended_) {
         dbg::Debug::warning() << "The answer's headers are larger than 256 KiB, download failed" << std::endl;
         ended_ = CURLE_WEIRD_SERVER_REPLY;
@@ -307,32 +313,32 @@ std::size_t Transfer::onHeader(const char* data, std::size_t length) {
 }
 
 std::size_t Transfer::onBody(const char* data, std::size_t length) {
-    handedOver_ += length;
+    delivered_ += length;
     if (!bodyBegun_) beginBody();
     if (ended_) return 0;
-    if (!kept_) {
+    if (!storing_) {
         discarded_ += length;
-        // The answer is known: its page need not be read to an end that may never come.
-        if (discarded_ > discardedAtMost) ended_ = CURLE_OK;
+        // The status is the result; the body may be endless.
+        if (discarded_ > maxDiscardedBytes) ended_ = CURLE_OK;
         return ended_ ? 0 : length;
     }
-    if (end_ && order_.file.size() + length > *end_) endAsMisfit();
-    if (!ended_) checkSize(order_.file.size() + length);
+    if (end_ && context_.file.size() + length > *end_) endAsMismatch();
+    if (!ended_) checkSize(context_.file.size() + length);
     if (ended_) return 0;
-    order_.file.append(data, length);
+    context_.file.append(data, length);
     received_ += length;
     return length;
 }
 
 int Transfer::onProgress(curl_off_t total, curl_off_t now) {
     const auto offset = static_cast<curl_off_t>(offset_);
-    const auto elapsed = state_.settings.steadyNow() - order_.begun;
-    if (!ended_ && !keepsPace(elapsed, static_cast<std::int64_t>(order_.received + received_))) {
+    const auto elapsed = state_.settings.steadyNow() - context_.startedAt;
+    if (!ended_ && !keepsPace(elapsed, static_cast<std::int64_t>(context_.received + received_))) {
         ended_ = CURLE_OPERATION_TIMEDOUT;
     }
-    // libcurl itself reads the page of a 401 that it means to answer.
+    // libcurl reads the body of a 401 itself, without onBody, if it repeats the request with credentials.
     const std::uint64_t read = static_cast<std::uint64_t>(std::max<curl_off_t>(now, 0));
-    if (!ended_ && read > handedOver_ + discardedAtMost) ended_ = CURLE_OK;
+    if (!ended_ && read > delivered_ + maxDiscardedBytes) ended_ = CURLE_OK;
     if (!ended_ && state_.isOverdue()) ended_ = CURLE_ABORTED_BY_CALLBACK;
     state_.report(total > 0 ? asLong(offset + total) : 0, asLong(offset + now), 0, 0);
     return ended_ ? 1 : 0;
@@ -352,8 +358,8 @@ std::size_t Transfer::bodyCallback(char* data, std::size_t size, std::size_t cou
     }
 }
 
-int Transfer::progressCallback(void* self, curl_off_t total, curl_off_t now, curl_off_t /*upTotal*/,
-                               curl_off_t /*upNow*/) {
+int Transfer::progressCallback(void* self, curl_off_t total, curl_off_t now, curl_off_t /*uploadTotal*/,
+                               curl_off_t /*uploaded*/) {
     return static_cast<Transfer*>(self)->onProgress(total, now);
 }
 

@@ -1,5 +1,4 @@
-// One GET into a partial file: the options that every transfer has, the checks while it runs, and what came of it.
-// Lives for one attempt, on one thread.
+// One GET request whose body is stored in a partial file. Used once, by one thread.
 #pragma once
 
 #include <curl/curl.h>
@@ -16,113 +15,120 @@
 #include "Credentials.h"
 #include "CurlState.h"
 #include "FileVersion.h"
+#include "HttpStatus.h"
 #include "PartialFile.h"
 #include "http/Curl.h"
+#include "http/CurlTypes.h"
 #include "security/Security.h"
 
 namespace zav {
 
-/// What a file may grow to, asked again while it grows.
+/// Returns the size limit of the file in bytes. Called repeatedly, because the free space may change.
 using SizeLimit = std::function<std::uint64_t()>;
 
-/// What all attempts of a download have in common.
-struct TransferOrder {
+/// What all transfers of a download share.
+struct TransferContext {
     PartialFile& file;
     SizeLimit limit;
-    std::string fileName;                         // as it was asked for: decides which content codings are welcome
-    bool large = false;                           // pays for a large buffer
-    std::chrono::steady_clock::time_point begun;  // when the whole download began
-    std::uint64_t received = 0;                   // bytes of the file that earlier attempts brought
+    std::string fileName;                             // as requested; decides which content codings are accepted
+    bool large = false;                               // use a large buffer
+    std::chrono::steady_clock::time_point startedAt;  // of the download
+    std::uint64_t received = 0;                       // bytes that earlier transfers stored
 };
 
 class Transfer {
  public:
-    Transfer(Curl& curl, const Security& security, const TransferOrder& order);
+    /// `curl` and `context` must outlive this object.
+    Transfer(Curl& curl, const Security& security, const TransferContext& context);
     Transfer(const Transfer&) = delete;
     Transfer& operator=(const Transfer&) = delete;
 
-    /// Sent when the server asks for them, by the schemes in `schemes` (libcurl's mask) only.
+    /// Sets the credentials to send if the server asks for them by one of `schemes` (a libcurl mask).
     void useCredentials(const Credentials& credentials, unsigned long schemes);
-    /// Asks for what follows the file's present size, or for the whole file if `point` no longer fits it.
-    void resume(const ResumePoint& point) { resumed_ = point; }
+    /// Requests the bytes after the current size of the file, or the whole file if it has changed since `point`.
+    void resume(const ResumePoint& point) { resumeFrom_ = point; }
 
-    /// Runs it and returns a libcurl result code; the client has the status then. Follows no redirect. Blocks. What
-    /// the file throws comes out here.
+    /// Runs the transfer, sets the status of the client and returns a libcurl result code. Does not follow redirects.
+    /// Blocks. Throws std::system_error if the file cannot be written.
     int run(const std::string& url);
 
-    long status() const { return status_; }  // 0: no answer
-    /// The authentication schemes that the server's 401 offered (libcurl's mask).
+    /// 0 if there was no response.
+    long status() const { return status_; }
+    /// The authentication schemes that a 401 offered (a libcurl mask).
     unsigned long offeredSchemes() const { return offeredSchemes_; }
-    /// Where a 301, 302, 303, 307 or 308 leads, as a whole URL if it is one. Empty for every other answer.
+    /// The target of a redirect, as an absolute URL if it is valid. Empty for any other response.
     const std::string& redirection() const { return redirection_; }
-    /// Whether the answer carried the whole file, or the rest of it: into the file, as far as it came.
-    bool tookWhole() const { return kept_ && status_ == 200; }
-    bool tookRest() const { return kept_ && status_ == 206; }
-    /// Whether the answer to `resume` does not continue the file. What the file holds then is worth nothing.
-    bool isMisfit() const { return misfit_; }
-    /// What the file holds now; meaningful when it took something.
-    const ResumePoint& reached() const { return reached_; }
-    /// Bytes that this attempt added to the file.
+    /// Whether the response was the whole file, or the rest of a resumed one, and its body was stored as far as it
+    /// came.
+    bool storedWholeFile() const { return storing_ && status_ == httpOk; }
+    bool storedRest() const { return storing_ && status_ == HttpStatus::partialContent; }
+    /// Whether the response to `resume` did not continue the file. The content of the file is then useless.
+    bool isMismatch() const { return mismatch_; }
+    /// Describes the bytes in the file. Valid after storedWholeFile or storedRest.
+    const ResumePoint& resumePoint() const { return resumePoint_; }
+    /// Bytes that this transfer stored.
     std::uint64_t received() const { return received_; }
 
-    /// What the client answers for the latest transfer.
-    static void publishStatus(Curl& curl, long status) { curl.state_->httpCode = status; }
+    /// Sets what Curl::getHttpCode returns.
+    static void setClientStatus(Curl& curl, long status) { curl.state_->httpCode = status; }
 
  private:
     CURLcode setOptions(const std::string& url, const curl_slist* headers);
     CURLcode perform(const std::string& url);
-    void conclude(CURLcode result, const std::string& url);
-    bool isUsedUp() const;
-    void beginAnswer();
+    void finish(CURLcode result, const std::string& url);
+    bool isFullyRead() const;
+    void beginResponse();
     void beginBody();
     void checkCodings();
-    void beginWhole(curl_off_t announced);
-    bool continuesFile(curl_off_t announced);
-    void endAsMisfit();
+    void beginWholeFile();
+    bool beginRest();
+    void endAsMismatch();
     void checkSize(std::uint64_t size);
     std::size_t onHeader(const char* data, std::size_t length);
     std::size_t onBody(const char* data, std::size_t length);
     int onProgress(curl_off_t total, curl_off_t now);
     bool isEndConfirmed(const std::string& url) const;
+    curl_off_t contentLength() const;
     std::string header(const char* name) const;
-    std::string headers(const char* name) const;
+    std::string joinedHeaders(const char* name) const;
     FileVersion fileVersion() const;
 
     static std::size_t headerCallback(char* data, std::size_t size, std::size_t count, void* self);
     static std::size_t bodyCallback(char* data, std::size_t size, std::size_t count, void* self);
-    static int progressCallback(void* self, curl_off_t total, curl_off_t now, curl_off_t upTotal, curl_off_t upNow);
+    static int progressCallback(void* self, curl_off_t total, curl_off_t now, curl_off_t uploadTotal,
+                                curl_off_t uploaded);
     static CURLcode tlsCallback(CURL* handle, void* context, void* self);
 
-    // Constant while it runs.
+    // Constant while the transfer runs.
     Curl::State& state_;
     const std::shared_ptr<const TrustedCertificates> trusted_;
     CURL* const handle_;
-    const TransferOrder& order_;
+    const TransferContext& context_;
     std::optional<Credentials> credentials_;
     unsigned long schemes_ = 0;
-    std::optional<ResumePoint> resumed_;
+    std::optional<ResumePoint> resumeFrom_;
 
-    // What happens meanwhile.
-    const SSL* tls_ = nullptr;  // of the connection that the latest answer came on
+    // State of the transfer.
+    const SSL* tls_ = nullptr;  // of the connection that the last response came on
     long status_ = 0;
     unsigned long offeredSchemes_ = 0;
-    std::size_t headerBytes_ = 0;   // of all answers, trailers included
-    bool headersComplete_ = false;  // of the latest answer
-    bool chunked_ = false;          // and libcurl takes the chunks apart
+    std::size_t headerBytes_ = 0;   // of all responses, 1xx and trailers included
+    bool headersComplete_ = false;  // of the last response
+    bool chunked_ = false;          // libcurl decodes the chunks
     bool bodyBegun_ = false;
-    bool kept_ = false;  // the body belongs into the file
-    bool misfit_ = false;
-    std::uint64_t offset_ = 0;          // where in the file this body begins
-    std::uint64_t received_ = 0;        // bytes written to the file
-    std::uint64_t handedOver_ = 0;      // bytes of the latest answer's body that libcurl handed to us
-    std::uint64_t discarded_ = 0;       // bytes of a body that is not kept
-    std::uint64_t allowed_ = 0;         // what the limit said last
-    std::uint64_t recheckAt_ = 0;       // the size from which it is asked again
-    std::optional<std::uint64_t> end_;  // where in the file a resumed body ends
-    std::optional<CURLcode> ended_;     // why we ended it ourselves
-    std::exception_ptr failure_;        // what the file threw, carried past libcurl
+    bool storing_ = false;  // the body is stored in the file
+    bool mismatch_ = false;
+    std::uint64_t offset_ = 0;          // position of the body in the file
+    std::uint64_t received_ = 0;        // bytes stored
+    std::uint64_t delivered_ = 0;       // bytes of the last response that libcurl passed to onBody
+    std::uint64_t discarded_ = 0;       // bytes of a body that is not stored
+    std::uint64_t sizeLimit_ = 0;       // result of the last call of context_.limit
+    std::uint64_t recheckAt_ = 0;       // file size at which the limit is read again
+    std::optional<std::uint64_t> end_;  // position of the end of a resumed body in the file
+    std::optional<CURLcode> ended_;     // the result, if we ended the transfer
+    std::exception_ptr failure_;        // thrown in a callback; rethrown by run
     std::string redirection_;
-    ResumePoint reached_;
+    ResumePoint resumePoint_;
 };
 
 }  // namespace zav

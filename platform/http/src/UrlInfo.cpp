@@ -1,41 +1,37 @@
 #include "http/UrlInfo.h"
 
-#include <curl/curl.h>
-
 #include <algorithm>
 #include <cctype>
-#include <memory>
 
+#include "CurlPointers.h"
+#include "common/Ascii.h"
 #include "common/UrlSyntax.h"
 
 namespace zav {
 
 namespace {
 
-constexpr std::size_t longestLocalName = 200;
+constexpr std::size_t maxLocalNameLength = 200;
 
-bool isAlpha(char c) { return (c >= 'a' && c <= 'z') || (c >= 'A' && c <= 'Z'); }
-bool isDigit(char c) { return c >= '0' && c <= '9'; }
-
-class Parsed {
+class ParsedUrl {
  public:
-    explicit Parsed(const std::string& text) {
-        // PATH_AS_IS: otherwise dot steps would be resolved here and never be seen.
+    explicit ParsedUrl(const std::string& text) {
         if (handle_ == nullptr ||
-            curl_url_set(handle_.get(), CURLUPART_URL, text.c_str(), CURLU_PATH_AS_IS) != CURLUE_OK)
+            curl_url_set(handle_.get(), CURLUPART_URL, text.c_str(), CURLU_PATH_AS_IS) != CURLUE_OK) {
             throw UrlException();
+        }
     }
 
-    // The part as it stands in the text, empty when there is none.
+    // Undecoded; empty if missing.
     std::string part(CURLUPart which) const {
         char* text = nullptr;
         if (curl_url_get(handle_.get(), which, &text, 0) != CURLUE_OK) return "";
-        const std::unique_ptr<char, decltype(&curl_free)> owner(text, &curl_free);
+        const CurlText owner(text);
         return text;
     }
 
  private:
-    std::unique_ptr<CURLU, decltype(&curl_url_cleanup)> handle_{curl_url(), &curl_url_cleanup};
+    CurlUrl handle_{curl_url()};
 };
 
 }  // namespace
@@ -48,8 +44,8 @@ UrlInfo::UrlInfo(const std::string& url) {
     std::transform(scheme_.begin(), scheme_.end(), scheme_.begin(),
                    [](unsigned char c) { return static_cast<char>(std::tolower(c)); });
 
-    // Every scheme is split by the rules of http; which ones are used is the downloader's business.
-    const Parsed parsed("http://" + (scheme.empty() ? url : url.substr(scheme.size() + 3)));
+    // All schemes are parsed by the rules of http; the downloader refuses those it does not support.
+    const ParsedUrl parsed("http://" + (scheme.empty() ? url : url.substr(scheme.size() + 3)));
     host_ = parsed.part(CURLUPART_HOST);
     if (host_.size() > 2 && host_.front() == '[') host_ = host_.substr(1, host_.size() - 2);
     if (!syntax->port.empty()) port_ = static_cast<unsigned>(std::stoul(syntax->port));
@@ -74,10 +70,10 @@ std::string UrlInfo::text() const { return origin() + path_ + fileName_ + (query
 std::string UrlInfo::localName() const { return localFileName(fileName_); }
 
 std::string localFileName(const std::string& name) {
-    static const std::string others = "._%+=,@~-";
-    std::string local = name.substr(0, longestLocalName);
+    static const std::string punctuation = "._%+=,@~-";
+    std::string local = name.substr(0, maxLocalNameLength);
     for (char& c : local) {
-        if (!isAlpha(c) && !isDigit(c) && others.find(c) == std::string::npos) c = '_';
+        if (!common::isAsciiLetterOrDigit(c) && punctuation.find(c) == std::string::npos) c = '_';
     }
     if (!local.empty() && local.front() == '-') local.front() = '_';
     if (local == "." || local == "..") local.assign(local.size(), '_');

@@ -12,8 +12,10 @@
 #include <cerrno>
 #include <limits>
 #include <memory>
+#include <new>
 #include <stdexcept>
 #include <system_error>
+#include <utility>
 
 #include "common/Descriptor.h"
 
@@ -26,7 +28,7 @@ struct Free {
     void operator()(X509* certificate) const { X509_free(certificate); }
 };
 
-[[noreturn]] void failed(const std::string& path) {
+[[noreturn]] void throwReadError(const std::string& path) {
     throw std::system_error(errno, std::generic_category(), "Cannot read " + path);
 }
 
@@ -44,9 +46,9 @@ std::unique_ptr<X509, Free> parse(const std::string& der) {
 std::string readFile(const std::string& path, std::size_t limit, Links links) {
     const int noFollow = links == Links::refuse ? O_NOFOLLOW : 0;
     const common::Descriptor file(::open(path.c_str(), O_RDONLY | O_CLOEXEC | O_NONBLOCK | noFollow));
-    if (file.get() < 0) failed(path);
+    if (file.get() < 0) throwReadError(path);
     struct stat status {};
-    if (::fstat(file.get(), &status) != 0) failed(path);
+    if (::fstat(file.get(), &status) != 0) throwReadError(path);
     if (!S_ISREG(status.st_mode)) throw std::runtime_error("Cannot read " + path + ": not a regular file");
 
     std::string bytes;
@@ -55,7 +57,7 @@ std::string readFile(const std::string& path, std::size_t limit, Links links) {
     for (;;) {
         const ssize_t count = ::read(file.get(), buffer.data(), buffer.size());
         if (count < 0 && errno == EINTR) continue;
-        if (count < 0) failed(path);
+        if (count < 0) throwReadError(path);
         if (count == 0) return bytes;
         bytes.append(buffer.data(), static_cast<std::size_t>(count));
         if (bytes.size() > limit) throw std::runtime_error("Cannot read " + path + ": too long");
@@ -71,7 +73,7 @@ Certificates certificatesFromPem(const std::string& text, Parse parsed) {
         char* header = nullptr;
         unsigned char* data = nullptr;
         long length = 0;
-        // The plain block reader: it decodes, but never asks anybody for a password.
+        // Unlike PEM_read_bio_X509, this function never asks for a password.
         const int read = PEM_read_bio(source.get(), &name, &header, &data, &length);
         if (read != 1) {
             const unsigned long error = ERR_peek_last_error();
@@ -104,7 +106,7 @@ Certificates certificatesFromPem(const std::string& text, Parse parsed) {
 bool isValidToday(const std::string& der) {
     const auto certificate = parse(der);
     if (certificate == nullptr) return false;
-    // Both compare a time with now: -1 earlier, 1 later, 0 a date that cannot be read.
+    // X509_cmp_current_time returns 0 for a date that cannot be read.
     return X509_cmp_current_time(X509_get0_notBefore(certificate.get())) < 0 &&
            X509_cmp_current_time(X509_get0_notAfter(certificate.get())) > 0;
 }

@@ -5,11 +5,10 @@
 #include <cerrno>
 #include <exception>
 #include <iterator>
+#include <mutex>
 #include <optional>
 #include <string>
-#include <system_error>
 #include <utility>
-#include <vector>
 
 #include "Certificates.h"
 #include "debug/Debug.h"
@@ -20,44 +19,45 @@ namespace {
 
 constexpr const char* systemBundle = "/etc/ssl/certs/ca-certificates.crt";
 constexpr const char* phoneBundle = "/custom/certs/ca-bundle.pem";
-constexpr std::size_t bundleLimit = std::size_t{16} << 20U;
-constexpr std::size_t certificateLimit = std::size_t{1} << 20U;
+constexpr std::size_t maxBundleSize = std::size_t{16} << 20U;
+constexpr std::size_t maxCertificateSize = std::size_t{1} << 20U;
 
-enum class Absence { normal, remarkable };
+enum class IfMissing { ignore, warn };
 
 bool exists(const char* path) {
     struct stat status {};
     return ::stat(path, &status) == 0 || errno != ENOENT;
 }
 
-// What can be read counts; the rest is told, and the phone goes on with what it has.
-std::string readBundle(const char* path, Absence absence) {
-    if (absence == Absence::normal && !exists(path)) return "";
+// A bundle that cannot be read counts as empty, so that the certificates of the other one are still trusted.
+std::string readBundle(const char* path, IfMissing ifMissing) {
+    if (ifMissing == IfMissing::ignore && !exists(path)) return "";
     try {
-        return readFile(path, bundleLimit, Links::follow);
+        return readFile(path, maxBundleSize, Links::follow);
     } catch (const std::exception& exception) {
         dbg::Debug::warning() << "Certificate bundle: " << exception.what() << std::endl;
         return "";
     }
 }
 
-// The bundles as they were at one moment.
+// The content of the bundle files.
 struct Bundles {
-    std::string system = readBundle(systemBundle, Absence::remarkable);
-    std::string phone = readBundle(phoneBundle, Absence::normal);
+    std::string system = readBundle(systemBundle, IfMissing::warn);
+    std::string phone = readBundle(phoneBundle, IfMissing::ignore);
 };
 
+Certificates decodeBundle(const char* path, const std::string& text, Parse parsed) {
+    Certificates found = certificatesFromPem(text, parsed);
+    if (found.damaged > 0) {
+        dbg::Debug::warning() << "Certificate bundle " << path << ": " << found.damaged << " damaged entries, ignored"
+                              << std::endl;
+    }
+    return found;
+}
+
 std::shared_ptr<const TrustedCertificates> decode(const Bundles& bundles) {
-    Certificates all = certificatesFromPem(bundles.system, Parse::no);
-    Certificates own = certificatesFromPem(bundles.phone, Parse::yes);
-    if (all.damaged > 0) {
-        dbg::Debug::warning() << "Certificate bundle " << systemBundle << ": " << all.damaged
-                              << " damaged entries, ignored" << std::endl;
-    }
-    if (own.damaged > 0) {
-        dbg::Debug::warning() << "Certificate bundle " << phoneBundle << ": " << own.damaged
-                              << " damaged entries, ignored" << std::endl;
-    }
+    Certificates all = decodeBundle(systemBundle, bundles.system, Parse::no);
+    Certificates own = decodeBundle(phoneBundle, bundles.phone, Parse::yes);
     all.der.insert(all.der.end(), std::make_move_iterator(own.der.begin()), std::make_move_iterator(own.der.end()));
     return std::make_shared<const TrustedCertificates>(std::move(all.der));
 }
@@ -65,8 +65,7 @@ std::shared_ptr<const TrustedCertificates> decode(const Bundles& bundles) {
 }  // namespace
 
 struct Security::State {
-    // What is trusted; with the mutex held. The first bundles are decoded when somebody wants to know: a start-up
-    // does not.
+    // With the mutex held. Decodes the first bundles when they are first needed, to keep the start-up short.
     const std::shared_ptr<const TrustedCertificates>& current() {
         if (trusted == nullptr) {
             trusted = notified = decode(*first);
@@ -80,7 +79,7 @@ struct Security::State {
     // Guarded by mutex.
     std::optional<Bundles> first = Bundles();
     std::shared_ptr<const TrustedCertificates> trusted;
-    std::shared_ptr<const TrustedCertificates> notified;  // what the phone was told last
+    std::shared_ptr<const TrustedCertificates> notified;  // announced last
 };
 
 Security::Security(std::shared_ptr<propertyapi::IPropertyApi> properties)
@@ -90,14 +89,14 @@ Security::~Security() = default;
 
 void Security::reloadCertificates() {
     try {
-        // Of two reloads at once the later must not put back what the earlier one read.
+        // Two reloads at once must not store their results in the wrong order.
         const std::lock_guard<std::mutex> oneAtATime(state_->reloading);
         const Bundles bundles;
         const std::lock_guard<std::mutex> lock(state_->mutex);
         auto read = decode(bundles);
         if (!read->sameAs(*state_->current())) state_->trusted = std::move(read);
     } catch (const std::exception& exception) {
-        dbg::Debug::error() << "Certificates were not reloaded: " << exception.what() << std::endl;
+        dbg::Debug::error() << "Cannot reload certificates: " << exception.what() << std::endl;
     }
 }
 
@@ -112,15 +111,15 @@ void Security::notifySystemAboutNewCertificates() {
         }
         dbg::Debug::info() << "Trusted certificates changed: " << count << " certificates" << std::endl;
     } catch (const std::exception& exception) {
-        dbg::Debug::error() << "Nobody was told about new certificates: " << exception.what() << std::endl;
+        dbg::Debug::error() << "Cannot announce new certificates: " << exception.what() << std::endl;
     }
 }
 
 int Security::checkCertificate(const std::string& path) {
-    const std::string bytes = readFile(path, certificateLimit, Links::refuse);
+    const std::string bytes = readFile(path, maxCertificateSize, Links::refuse);
     if (isValidToday(bytes)) return 1;
     const Certificates found = certificatesFromPem(bytes, Parse::yes);
-    // Whoever installs the file may read another of its blocks than the one that was checked: there must be one only.
+    // Whoever installs the file might use another block than the one that was checked.
     const bool single = found.der.size() == 1 && found.damaged == 0 && found.others == 0;
     return single && isValidToday(found.der.front()) ? 1 : 0;
 }

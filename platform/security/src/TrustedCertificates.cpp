@@ -36,7 +36,7 @@ x509_store_st* TrustedCertificates::store() const {
             X509_free(certificate);
         }
         ERR_clear_error();
-        // Whoever is in the bundle is trusted for itself: a server's own certificate or an intermediate one will do.
+        // A certificate in the bundle is trusted without its issuer: it may be a server's own or an intermediate one.
         X509_STORE_set_flags(store, X509_V_FLAG_TRUSTED_FIRST | X509_V_FLAG_PARTIAL_CHAIN);
         store_ = store;
     });

@@ -19,8 +19,8 @@ class FirmwareVersion final : public IFirmwareVersion {
     bool parse();
 
     const std::string text_;
-    std::string productLine_;           // empty: not given
-    std::vector<std::string> numbers_;  // without leading zeros; a zero is empty
+    std::string productLine_;           // empty if there is none
+    std::vector<std::string> numbers_;  // decimal, without leading zeros: 0 is empty
     const bool valid_;
 };
 

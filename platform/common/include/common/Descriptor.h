@@ -1,20 +1,22 @@
-// Owns a file descriptor and closes it. For one thread at a time. Also keeps the standard descriptors taken.
+// Owns a file descriptor. Not thread-safe.
 #pragma once
 
 #include <unistd.h>
+
+#include <utility>
 
 namespace common {
 
 class Descriptor {
  public:
     Descriptor() = default;
-    /// Takes over `fd`; a negative one is none.
+    /// Takes ownership of `fd`; a negative value means none.
     explicit Descriptor(int fd) : fd_(fd) {}
     Descriptor(const Descriptor&) = delete;
     Descriptor& operator=(const Descriptor&) = delete;
     ~Descriptor() { close(); }
 
-    /// Repeatable.
+    /// May be called again.
     void close() {
         if (fd_ >= 0) ::close(fd_);
         fd_ = -1;
@@ -23,15 +25,17 @@ class Descriptor {
         close();
         fd_ = fd;
     }
-    /// Negative: none.
+    /// Gives up ownership: the caller closes what this returns.
+    [[nodiscard]] int release() { return std::exchange(fd_, -1); }
+    /// Negative if there is none.
     int get() const { return fd_; }
 
  private:
     int fd_ = -1;
 };
 
-/// Opens /dev/null on each of the descriptors 0 to 2 that is closed, so that no file or socket of ours becomes one of
-/// them and receives log lines. The first thing that a program does; before it starts threads.
+/// Opens /dev/null on each of the descriptors 0 to 2 that is closed. Otherwise the next file or socket would get that
+/// number, and with it the log lines. Call first in `main`, before any thread is started.
 void occupyStandardDescriptors();
 
 }  // namespace common

@@ -1,13 +1,13 @@
-// What the device does with whole folders.
+// Operations on whole folders.
 #pragma once
 
 #include <string>
 
 namespace filesystem {
 
-/// Removes everything in the folder, sub-folders included, and leaves the folder itself. Links are removed, never
-/// followed. A folder that does not exist is empty already. Throws std::filesystem::filesystem_error when something
-/// cannot be removed; the rest has then been tried all the same.
+/// Removes everything in the folder, but not the folder itself. Symbolic links are removed, not followed. A folder that
+/// does not exist is not an error. Throws std::filesystem::filesystem_error if the folder cannot be read, or if an
+/// entry cannot be removed; all other entries are removed first.
 void removeAllFromDirectory(const std::string& directory);
 
 }  // namespace filesystem

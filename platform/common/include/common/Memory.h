@@ -1,13 +1,13 @@
-// The process's heap.
+// The heap of the process.
 #pragma once
 
 namespace common {
 
-/// Makes all threads allocate from one heap, the only one that the C library gives back whole. Before the first thread.
+/// Makes all threads allocate from the main heap, the only one that releaseFreeMemory can return to the system. Call
+/// before any thread is started. Does nothing unless the C library is glibc.
 void useOneHeap();
 
-/// Gives memory that is free back to the system, where the C library keeps it otherwise. Takes milliseconds; any
-/// thread.
+/// Returns free memory to the system. Takes milliseconds. Any thread. Does nothing unless the C library is glibc.
 void releaseFreeMemory();
 
 }  // namespace common

@@ -1,4 +1,4 @@
-// How texts stand in log lines: between single quotes, with control bytes escaped.
+// Quotes text for log lines: single quotes, control bytes escaped.
 #pragma once
 
 #include <string>

@@ -1,4 +1,4 @@
-// When this release was made. A clock that shows an earlier date has not been set.
+// The date of this release. A system clock that shows an earlier date has not been set.
 #pragma once
 
 #include <chrono>

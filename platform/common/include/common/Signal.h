@@ -1,24 +1,24 @@
-// Signals in ordinary context: the signals of interest are blocked in every thread and received by one thread of
-// this library, which calls the handlers. A handler may therefore lock, allocate and log.
+// Signal handlers that run on an ordinary thread: the handled signals are blocked in all threads, and one thread of
+// this library receives them with sigwait and calls the handlers. Handlers may therefore lock, allocate and log.
 #pragma once
 
 #include <memory>
 
 namespace common::signal {
 
-/// Ends and joins the receiving thread when destroyed; signals that come later stay blocked and do nothing.
-class Reception {
+/// Stops and joins the receiving thread when destroyed. The handled signals stay blocked.
+class SignalReceiver {
  public:
-    virtual ~Reception() = default;
+    virtual ~SignalReceiver() = default;
 };
 
-/// Call first in `main`, before any other thread exists: SIGPIPE is ignored from here on. Keep the result until the
-/// end of `main`.
-[[nodiscard]] std::unique_ptr<Reception> registerHandler();
+/// Prepares the process for handlers and ignores SIGPIPE. Call first in `main`, before any thread is started, and keep
+/// the result until the end of `main`. Throws std::system_error if a signal cannot be blocked.
+[[nodiscard]] std::unique_ptr<SignalReceiver> registerHandler();
 
-/// From now on `handler` is called with `signal` on the receiving thread each time the signal comes. To be called
-/// from the thread that called registerHandler, before any other thread is started.
-/// Throws std::system_error if the signal cannot be blocked or the thread not be started.
+/// Calls `handler(signal)` on the receiving thread whenever `signal` arrives. Call on the thread that called
+/// registerHandler, before any other thread is started.
+/// Throws std::system_error without registerHandler, or if the signal cannot be blocked or the thread not be started.
 void registerCustomHandler(int signal, void (*handler)(int));
 
 }  // namespace common::signal

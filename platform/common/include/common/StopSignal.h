@@ -1,4 +1,4 @@
-// Tells code that waits or takes its time that the process is shutting down. Threads: any.
+// Tells long-running code that the process is shutting down. Any thread.
 #pragma once
 
 #include <chrono>
@@ -11,13 +11,13 @@ class StopSignal {
  public:
     using Clock = std::chrono::steady_clock;
 
-    /// What work in hand may still take once the process is shutting down.
+    /// The default grace period: how long running work may continue after stop().
     static constexpr std::chrono::seconds grace{5};
 
     StopSignal() = default;
-    explicit StopSignal(std::chrono::milliseconds ownGrace) : grace_(ownGrace) {}
+    explicit StopSignal(std::chrono::milliseconds gracePeriod) : grace_(gracePeriod) {}
 
-    /// The first call counts.
+    /// Starts the grace period and ends all waits, for good. Further calls do nothing.
     void stop() {
         {
             const std::lock_guard<std::mutex> lock(mutex_);
@@ -33,13 +33,13 @@ class StopSignal {
         return stopped_;
     }
 
-    /// Whether the grace period is over: work that is still in hand must end now.
+    /// Whether the grace period is over: running work must end now.
     bool isOverdue(Clock::time_point now = Clock::now()) const {
         const std::lock_guard<std::mutex> lock(mutex_);
         return stopped_ && now - stoppedAt_ >= grace_;
     }
 
-    /// Waits until stop or the end of the duration; true when stopped.
+    /// Waits for stop(), up to `duration`. Returns whether it was called.
     bool waitFor(std::chrono::milliseconds duration) {
         std::unique_lock<std::mutex> lock(mutex_);
         return changed_.wait_for(lock, duration, [this] { return stopped_; });

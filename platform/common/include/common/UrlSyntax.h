@@ -1,5 +1,5 @@
-// What this system takes for a URL: [scheme://][userinfo@]host[:port][/path][?query][#fragment]. The one place where
-// that is decided, for all code that downloads, stores or shows one. Pure functions, for any thread.
+// The URLs that this system accepts: [scheme://][userinfo@]host[:port][/path][?query][#fragment]. All code that
+// downloads, stores or displays a URL checks it here. Pure functions; any thread.
 #pragma once
 
 #include <optional>
@@ -7,23 +7,26 @@
 
 namespace common {
 
-/// The parts as they stand in the text, without the characters that separate them; empty where missing.
+/// The parts of a URL, undecoded and without their separators; empty if missing.
 struct UrlSyntax {
     std::string scheme;
     std::string userInfo;
     std::string host;  // an IPv6 address with its brackets
     std::string port;
-    std::string path;  // begins with "/" when there is one
+    std::string path;  // begins with "/" unless it is empty
 };
 
-/// Nothing for a text that is not a URL: empty or over 2,048 bytes, with blanks or control bytes; a host that is
-/// neither a name of letters, digits and "-._~" (the placeholders %MACC, %MACD and %DVID included) nor an IPv6 address
-/// without a zone; a port outside 1 to 65535; a second "@"; "." or ".." as a path step, also with escaped dots; without
-/// a scheme a path with a ":" before an "@", such as "https//user:password@host".
+/// Returns nothing if the text is not an acceptable URL:
+/// - it is empty, longer than 2,048 bytes, or contains blanks or control bytes;
+/// - the host is neither an IPv6 address without a zone nor a name of letters, digits, "-._~" and the placeholders
+///   %MACC, %MACD and %DVID;
+/// - the port is not in 1 to 65535, or the userinfo contains "@", "[" or "]";
+/// - a path segment is "." or "..", with escaped dots too;
+/// - there is no scheme and the path has a ":" before an "@", as in the misspelt "https//user:password@host".
 std::optional<UrlSyntax> parseUrl(const std::string& text);
 
-/// The text with the password of its userinfo replaced by "***". A text that is not a URL is shown with everything
-/// hidden that may have been meant as a password.
+/// The text with the password of its userinfo replaced by "***". If the text is not a URL, everything that may have
+/// been meant as a password is replaced.
 std::string withoutPassword(const std::string& url);
 
 }  // namespace common

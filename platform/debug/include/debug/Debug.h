@@ -1,14 +1,14 @@
-// The process's log. A program constructs one Debug with its channel name; every module then writes lines through
-// the static functions:
+// The log of the process. The program constructs one Debug with its channel name; all modules then log through the
+// static functions:
 //
 //     dbg::Debug::info() << "Found " << count << " valid provisioning job/s. " << std::endl;
 //
-// A line goes to standard error in one write: time, channel, level, source path without extension, line, text. On a
-// journal each line carries its priority. Control bytes in streamed text are escaped, so text from outside can never
-// forge a line; `verbatim` text keeps its own line breaks.
+// A line goes to standard error: time, channel, level, source path without extension, line number, text. If standard
+// error is the journal, each line has its priority. Control bytes in streamed text are escaped, so that text from
+// outside cannot forge a line; `verbatim` text keeps its line breaks.
 //
-// Threads: everything here may be called from any thread at any time. Nothing throws. A line waits 2 s at most for a
-// reader that does not read; while that goes on, later lines are dropped, and counted in a line once it reads again.
+// Threads: all functions may be called from any thread at any time and do not throw. If the reader stalls, one line
+// waits up to 2 s and the lines after it are dropped; their number is logged once the reader resumes.
 #pragma once
 
 #include <ostream>
@@ -17,13 +17,13 @@
 
 namespace dbg {
 
-/// Text that is printed as it stands, line breaks included (a document of our own making, never text from outside).
+/// Text that is logged unescaped, with its line breaks. Only for text that the program itself made.
 struct Verbatim {
     const std::string& text;
 };
 inline Verbatim verbatim(const std::string& text) { return {text}; }
 
-/// One open log line. It is written when `std::endl` is streamed, or else when the stream is destroyed.
+/// One log line. It is written when `std::endl` is streamed, at the latest when the stream is destroyed.
 class Stream {
  public:
     Stream(unsigned level, const char* file, int line);
@@ -52,33 +52,33 @@ class Stream {
     const unsigned level_;
     const char* const file_;
     const int line_;
-    bool open_;  // false: masked out, or already written
+    bool open_;  // false if the level is off or the line is written
     std::string text_;
 };
 
-/// The channel of the process, and the level mask of all its lines.
+/// The channel name and the level mask of the process.
 class Debug {
  public:
     static constexpr unsigned levelError = 1;
     static constexpr unsigned levelWarning = 2;
     static constexpr unsigned levelInfo = 4;
 
-    /// Names the process's channel. One object a process, with static storage; its destruction changes nothing.
+    /// Sets the channel name; `channel` must have static storage duration. One object per process.
     explicit Debug(const char* channel);
 
     static Stream info(const char* file = __builtin_FILE(), int line = __builtin_LINE());
     static Stream warning(const char* file = __builtin_FILE(), int line = __builtin_LINE());
     static Stream error(const char* file = __builtin_FILE(), int line = __builtin_LINE());
 
-    /// Sets which levels are written: the sum of 1 (error), 2 (warning) and 4 (info), in decimal or as 0x…; all
-    /// levels are on until the first call. A text that is no such number is ignored with a warning.
+    /// Sets the levels that are logged: the sum of 1 (error), 2 (warning) and 4 (info), decimal or as 0x… in
+    /// hexadecimal. The default is all levels. If `mask` is not a number, logs a warning and changes nothing.
     static void setDebugLevelMask(const std::string& mask);
 
-    /// The process is shutting down: from now on a reader that does not read costs half a second in all.
+    /// To be called when the process shuts down: from now on all lines together wait up to 0.5 s for a stalled reader.
     static void beginShutdown();
 };
 
-/// The text with control bytes replaced by `\n`, `\t`, `\x1b` and so on; everything else as it is.
+/// The text with control bytes replaced by `\n`, `\t`, `\x1b` and so on.
 std::string escapeControls(const std::string& text);
 
 }  // namespace dbg

@@ -1,6 +1,6 @@
-// The HTTP client that a pass shares among all its downloads.
+// The HTTP client that all downloads of a pass share.
 //
-// Threads: transfers run on the calling thread, one at a time; the owner sees to that. setProgressCallback, stopWith
+// Threads: transfers run on the calling thread; the owner must run only one at a time. setProgressCallback, stopWith
 // and getHttpCode may be called from any thread.
 #pragma once
 
@@ -17,29 +17,31 @@ class Curl {
  public:
     using ProgressCallback = std::function<void(long, long, long, long)>;
 
-    /// Takes a reference on libcurl's global initialisation, so that a clean-up elsewhere cannot pull it away.
+    /// Holds a reference to libcurl's global initialisation, so that a cleanup elsewhere does not affect this client.
+    /// Throws std::runtime_error if libcurl cannot be initialised.
     Curl();
     explicit Curl(CurlSettings settings);
     virtual ~Curl();
     Curl(const Curl&) = delete;
     Curl& operator=(const Curl&) = delete;
 
-    /// The HTTP status of the latest transfer; 0 when there was no answer.
+    /// The HTTP status of the last transfer; 0 if there was no response.
     virtual long getHttpCode() const;
 
-    /// Called during transfers, on the transferring thread, with libcurl's four numbers: download total, downloaded so
-    /// far, upload total, uploaded so far (bytes of the whole file, also when it is resumed). An empty function
-    /// takes the callback back; once this returns, the old one does not run any more and will not be called again.
+    /// The callback runs during transfers, on the transferring thread. Its arguments are bytes: download total (0 if
+    /// unknown), downloaded so far, upload total, uploaded so far; those of a resumed file count from its beginning. An
+    /// empty function removes the callback. When this returns, the previous callback is not running and will not be
+    /// called again; unless called from the callback itself, this waits for that.
     virtual void setProgressCallback(ProgressCallback callback);
 
-    /// Obeys `signal` from now on, also in a download that is running. Once it is given, the pause between two
-    /// attempts ends at once and no further attempt is made; once it is overdue, the running transfer and all later
-    /// ones fail with CURLE_ABORTED_BY_CALLBACK, within about a second. Null: never stops.
+    /// Sets the signal that stops downloads, the running one included. When it is stopped, there are no further
+    /// attempts, and the pause before one ends. When it is overdue, the running transfer and all later ones fail with
+    /// CURLE_ABORTED_BY_CALLBACK, within about a second. Null: never stops.
     virtual void stopWith(std::shared_ptr<common::StopSignal> signal);
 
  private:
-    friend class Transfer;  // platform/http/src: the one user of the handle
-    friend class Download;  // likewise: obeys the settings and the stop signal
+    friend class Transfer;  // uses the handle
+    friend class Download;  // uses the settings and the stop signal
     struct State;
     std::unique_ptr<State> state_;
 };

@@ -1,4 +1,4 @@
-// Time limits and clocks of an HTTP client. The defaults are the product's; tests set shorter limits and own clocks.
+// Timeouts and clocks of an HTTP client. Only tests change the defaults.
 #pragma once
 
 #include <chrono>
@@ -8,9 +8,9 @@ namespace zav {
 
 struct CurlSettings {
     std::chrono::seconds connectTimeout{30};  // name lookup, TCP and TLS handshake together
-    std::chrono::seconds stallTimeout{120};   // without a byte of the body
+    std::chrono::seconds stallTimeout{120};   // without receiving a byte of the body
 
-    // Called on the transferring thread. The first measures durations, the second tells the date.
+    // Called on the transferring thread.
     std::function<std::chrono::steady_clock::time_point()> steadyNow = &std::chrono::steady_clock::now;
     std::function<std::chrono::system_clock::time_point()> systemNow = &std::chrono::system_clock::now;
 };

@@ -1,4 +1,4 @@
-// Result codes of transfers as text for log lines and reports.
+// Descriptions of result codes, for log lines and reports.
 #pragma once
 
 #include <string>
@@ -9,10 +9,10 @@ namespace zav {
 constexpr long httpOk = 200;
 
 struct CurlTypes {
-    /// libcurl's own description of a result code, "No error" for 0.
+    /// libcurl's description of a result code; "No error" for 0.
     static std::string getCurlErrorDescription(int code);
 
-    /// "404 Not Found"; "0 No answer" when there was none; the number alone for a code without a registered name.
+    /// "404 Not Found"; "0 No answer" for 0; the number alone if the status has no registered name.
     static std::string getHTTPCodeDescription(long code);
 };
 

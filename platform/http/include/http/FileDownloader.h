@@ -1,4 +1,4 @@
-// One file from a server to its place on the phone, whole or not at all.
+// Downloads files over http and https.
 #pragma once
 
 #include <memory>
@@ -15,13 +15,17 @@ class FileDownloader {
     FileDownloader(std::shared_ptr<Curl> curl, Security& security,
                    std::shared_ptr<propertyapi::IPropertyApi> properties);
 
-    /// Downloads `url` (device placeholders expanded) to `destination` and returns a libcurl result code, 0 when the
-    /// transfer worked; `Curl::getHttpCode` then tells the HTTP status. Only for status 200 is the destination
-    /// replaced, in one step and synced; otherwise the old file stands and no partial one is left.
-    /// http and https only, at most 5 redirects; TLS is verified, always. Connect 30 s, stalled 120 s; at most 16 MiB
-    /// for provisioning files, 1 MiB for certificates, 64 MiB for phone books, the free space less a reserve for
-    /// firmware. Factory credentials go to the configured server's host and port only. Blocks. Throws nothing of its
-    /// own: a place that cannot be written is CURLE_WRITE_ERROR with a log line.
+    /// Downloads `url`, with its device placeholders expanded, to `destination`. Returns a libcurl result code: 0 if
+    /// the transfer succeeded, and then `Curl::getHttpCode` is the HTTP status. Only a transfer that succeeds with
+    /// status 200 replaces the destination, in one step and synced; otherwise it is unchanged and no partial file
+    /// remains.
+    ///
+    /// Follows up to 5 redirects, http and https only. TLS certificates are always verified. Timeouts: 30 s to connect,
+    /// 120 s without data. Size limits: 16 MiB for provisioning files, 1 MiB for certificates, 64 MiB for phone books,
+    /// the free space less a reserve for firmware. Factory credentials are sent to the configured server only.
+    ///
+    /// Blocks for the whole download. Errors are result codes: an invalid URL is CURLE_URL_MALFORMAT, a destination
+    /// that cannot be written CURLE_WRITE_ERROR with a log line.
     int downloadFile(const std::string& url, const std::string& destination);
 
  private:

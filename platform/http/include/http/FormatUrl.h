@@ -8,9 +8,9 @@
 
 namespace zav {
 
-/// The text with %MACC (MAC address with ":"), %MACD (with "-") and %DVID (property "System.General.DeviceID")
-/// expanded once. A property is read only where its placeholder stands; its value is reduced to [0-9A-Za-z:._-].
-/// Blocks for the property service. Throws its PropertyException.
+/// Expands %MACC (MAC address with ":"), %MACD (with "-") and %DVID (property "System.General.DeviceID"), once. Reads a
+/// property only if its placeholder occurs, and removes all characters but [0-9A-Za-z:._-] from its value.
+/// Blocks on the property service. Throws PropertyException if a property cannot be read.
 std::string formatUrl(const std::string& text, const std::shared_ptr<propertyapi::IPropertyApi>& properties);
 
 }  // namespace zav

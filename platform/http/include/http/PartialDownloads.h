@@ -1,11 +1,11 @@
-// What downloads leave behind when the process is killed.
+// Removes what downloads leave behind when the process is killed.
 #pragma once
 
 namespace zav {
 
-/// Removes the files named ".NAME.part" that an earlier process left half-downloaded in the download folders, with an
-/// info line for each; a file that cannot be removed is a warning. Follows no links and touches regular files only.
-/// To be called while nothing is downloaded: a running download loses its file. Never throws.
+/// Removes regular files named ".NAME.part" from the download folders. Logs each one: an info line, or a warning if it
+/// cannot be removed. Does not follow symbolic links. Must not be called while a download is running, which would lose
+/// its file. Does not throw.
 void removePartialDownloads() noexcept;
 
 }  // namespace zav

@@ -1,12 +1,10 @@
-// What the phone trusts: the certificate bundles that downloads are verified against, and the check of a single
-// certificate file. The system's own bundle always counts; the phone's, "/custom/certs/ca-bundle.pem", is added when
-// it is there. OpenSSL parses everything in process.
+// The certificates that the phone trusts, and the check of a single certificate file. Downloads are verified against
+// the system's bundle and the phone's own, "/custom/certs/ca-bundle.pem", if it exists. OpenSSL parses in process.
 //
-// Threads: any; one mutex inside. The constructor reads no property.
+// Any thread. The constructor reads no property.
 #pragma once
 
 #include <memory>
-#include <mutex>
 #include <string>
 
 #include "propertyapi/IPropertyApi.h"
@@ -21,19 +19,19 @@ class Security {
     Security(const Security&) = delete;
     Security& operator=(const Security&) = delete;
 
-    /// Reads the bundles again. A bundle that is missing or damaged is logged; what can be read counts. Never throws.
+    /// Reads the bundles again. Errors in a bundle are logged and the certificates that can be read are used. Does not
+    /// throw.
     virtual void reloadCertificates();
 
-    /// Tells the rest of the phone that the trusted certificates are others than at the last call; does nothing when
-    /// they are the same. Never throws, and never writes "State.Security.Certificates.UpdateCABundle".
+    /// Announces the trusted certificates if they differ from those announced last: currently a log line. Never writes
+    /// "State.Security.Certificates.UpdateCABundle". Does not throw.
     virtual void notifySystemAboutNewCertificates();
 
-    /// Whether the file holds exactly one X.509 certificate, PEM or DER, that is valid today: 1 yes, 0 no. A second
-    /// certificate would be one that nobody checked.
-    /// Throws std::runtime_error when the file cannot be read: missing, a link, no regular file, over 1 MiB.
+    /// Returns 1 if the file consists of exactly one X.509 certificate, PEM or DER, whose dates include now; else 0.
+    /// Throws std::runtime_error if the file is missing, not a regular file, a symbolic link or larger than 1 MiB.
     virtual int checkCertificate(const std::string& path);
 
-    /// What is trusted now: the system bundle and the phone's. The same object until a reload finds other certificates.
+    /// The certificates of both bundles. Returns the same object until a reload finds other certificates.
     virtual std::shared_ptr<const TrustedCertificates> trustedCertificates() const;
 
  private:

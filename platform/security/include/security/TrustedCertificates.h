@@ -1,9 +1,8 @@
-// One state of what the phone trusts, as certificates. A value that never changes: readers keep the one they were
-// given while a reload makes the next. Safe from any thread.
+// An immutable set of trusted certificates. Readers keep the set they hold while a reload creates a new one. Any
+// thread.
 #pragma once
 
 #include <cstddef>
-#include <memory>
 #include <mutex>
 #include <string>
 #include <vector>
@@ -14,7 +13,7 @@ namespace zav {
 
 class TrustedCertificates {
  public:
-    /// `certificates` are X.509 in DER, in any order; one that stands there twice counts once.
+    /// `certificates` are X.509 in DER, in any order; duplicates are dropped.
     explicit TrustedCertificates(std::vector<std::string> certificates);
     ~TrustedCertificates();
     TrustedCertificates(const TrustedCertificates&) = delete;
@@ -23,8 +22,8 @@ class TrustedCertificates {
     std::size_t count() const { return certificates_.size(); }
     bool sameAs(const TrustedCertificates& other) const { return certificates_ == other.certificates_; }
 
-    /// The certificates as OpenSSL verifies with them, made at the first call (some milliseconds) and shared from then
-    /// on: a new connection takes a reference and parses nothing. Lives as long as this object and the references.
+    /// The set as OpenSSL's store, owned by this object; take a reference to keep it longer. Created at the first call
+    /// (some milliseconds), so that new connections need not parse anything. Throws std::bad_alloc.
     x509_store_st* store() const;
 
  private:

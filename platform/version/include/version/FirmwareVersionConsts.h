@@ -1,4 +1,5 @@
-// The kinds of versions that the factory makes, and the version that is running. One object a process; any thread.
+// The kinds of versions that IFirmwareVersionFactory creates, and the running version. One object per process. Any
+// thread.
 #pragma once
 
 #include <mutex>
@@ -10,9 +11,9 @@ class FirmwareVersionConsts {
  public:
     static FirmwareVersionConsts& getInstance();
 
-    /// A version given by its text.
+    /// The kind of a version that is created from its text.
     const std::string& offeredVersion() const { return offeredVersion_; }
-    /// The version that is running; its text is what setRunningVersion was given last.
+    /// The kind of the running version; its text is that of the last setRunningVersion.
     const std::string& currentVersion() const { return currentVersion_; }
 
     void setRunningVersion(const std::string& text);

@@ -1,30 +1,30 @@
-// A firmware version, and how another one compares with it.
+// A firmware version and its comparison with another one.
 //
-// The text is `[LINE-][V]NUMBER{.NUMBER}`: "V2.13.7", "2.13", "kd4v-2.13.7". Missing parts count as 0, numbers have any
-// length, LINE names a product line (letters and digits) and may be left out by either side.
+// The text has the form `[LINE-][V]NUMBER{.NUMBER}`: "V2.13.7", "2.13", "kd4v-2.13.7", at most 128 bytes. Missing
+// numbers count as 0. LINE is a product line (letters and digits); if both versions name one, they must be equal.
 #pragma once
 
 #include <string>
 
 namespace version {
 
-/// What an offered version is to the running one.
+/// How an offered version compares with the running one.
 enum class Comparison : int {
     newer = 0,
     older = 1,
     equal = 2,
-    malformed = 3,      // the offered text is no version
-    noUpgradePath = 4,  // the running version is unknown, or the offered one belongs to another product line
+    malformed = 3,      // the offered text is not a version
+    noUpgradePath = 4,  // the running version is unknown, or of another product line
 };
 
 class IFirmwareVersion {
  public:
     virtual ~IFirmwareVersion() = default;
 
-    /// This version is the running one, `offered` the other.
+    /// Compares `offered` with this version as the running one.
     virtual Comparison compare(const IFirmwareVersion& offered) const = 0;
 
-    /// The text as it was given.
+    /// The text that the version was created from, valid or not.
     virtual const std::string& text() const = 0;
 };
 

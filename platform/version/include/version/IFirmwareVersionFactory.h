@@ -1,4 +1,4 @@
-// Makes version objects. One factory a process; any thread.
+// Creates version objects. One factory per process. Any thread.
 #pragma once
 
 #include <memory>
@@ -13,8 +13,8 @@ class IFirmwareVersionFactory {
     static IFirmwareVersionFactory& getInstance();
     virtual ~IFirmwareVersionFactory() = default;
 
-    /// A version of a kind that FirmwareVersionConsts names; the text counts for offered versions only.
-    /// Throws std::invalid_argument for another kind.
+    /// `kind` is one of FirmwareVersionConsts; the running version ignores `text`. An invalid text is not an error
+    /// here: compare reports it. Throws std::invalid_argument if the kind is unknown.
     virtual std::unique_ptr<IFirmwareVersion> create(const std::string& kind, const std::string& text) = 0;
 };
 

@@ -14,8 +14,8 @@ bool isDevNull(int descriptor) {
     return fstat(descriptor, &status) == 0 && stat("/dev/null", &device) == 0 && status.st_rdev == device.st_rdev;
 }
 
-// In a process of its own: the test program needs its own descriptors.
-[[noreturn]] void occupyClosedOnes() {
+// Runs in a process of its own, because it closes the standard descriptors.
+[[noreturn]] void occupyClosedDescriptors() {
     const int kept = ::fcntl(STDOUT_FILENO, F_DUPFD, 10);
     ::close(STDIN_FILENO);
     ::close(STDERR_FILENO);
@@ -30,8 +30,23 @@ bool isDevNull(int descriptor) {
         isDevNull(STDIN_FILENO) && isDevNull(STDERR_FILENO) && untouched && next > STDERR_FILENO && kept > 0 ? 0 : 1);
 }
 
-TEST(DescriptorTest, StandardDescriptorsThatAreClosedBecomeDevNull) {
-    EXPECT_EXIT(occupyClosedOnes(), testing::ExitedWithCode(0), "");
+TEST(DescriptorTest, IsClosedUnlessReleased) {
+    int released = -1;
+    int closed = -1;
+    {
+        common::Descriptor first(::open("/dev/null", O_RDONLY));
+        const common::Descriptor second(::open("/dev/null", O_RDONLY));
+        closed = second.get();
+        released = first.release();
+        EXPECT_LT(first.get(), 0);
+    }
+    EXPECT_EQ(::fcntl(closed, F_GETFD), -1);
+    EXPECT_GE(::fcntl(released, F_GETFD), 0);
+    ::close(released);
+}
+
+TEST(DescriptorTest, ClosedStandardDescriptorsBecomeDevNull) {
+    EXPECT_EXIT(occupyClosedDescriptors(), testing::ExitedWithCode(0), "");
 }
 
 }  // namespace

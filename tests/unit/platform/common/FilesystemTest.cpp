@@ -24,7 +24,7 @@ class RemoveAllFromDirectoryTest : public testing::Test {
     fs::path folder_;
 };
 
-TEST_F(RemoveAllFromDirectoryTest, RemovesEverythingAndLeavesTheFolder) {
+TEST_F(RemoveAllFromDirectoryTest, RemovesEverythingButTheFolder) {
     fs::create_directories(folder_ / "a/b/c");
     std::ofstream(folder_ / "a/b/file") << "x";
     std::ofstream(folder_ / ".hidden") << "x";
@@ -33,7 +33,7 @@ TEST_F(RemoveAllFromDirectoryTest, RemovesEverythingAndLeavesTheFolder) {
     EXPECT_TRUE(fs::is_empty(folder_));
 }
 
-TEST_F(RemoveAllFromDirectoryTest, RemovesLinksAndNotWhatTheyPointAt) {
+TEST_F(RemoveAllFromDirectoryTest, RemovesLinksButNotTheirTargets) {
     fs::create_directories(folder_ / "kept");
     fs::create_directories(folder_ / "emptied");
     std::ofstream(folder_ / "kept/file") << "x";
@@ -43,11 +43,11 @@ TEST_F(RemoveAllFromDirectoryTest, RemovesLinksAndNotWhatTheyPointAt) {
     EXPECT_TRUE(fs::exists(folder_ / "kept/file"));
 }
 
-TEST_F(RemoveAllFromDirectoryTest, AMissingFolderIsEmptyAlready) {
+TEST_F(RemoveAllFromDirectoryTest, MissingFolderIsNotAnError) {
     EXPECT_NO_THROW(filesystem::removeAllFromDirectory(folder_ / "missing"));
 }
 
-TEST_F(RemoveAllFromDirectoryTest, AFileIsNoFolder) {
+TEST_F(RemoveAllFromDirectoryTest, ThrowsForAFile) {
     std::ofstream(folder_ / "file") << "x";
     EXPECT_THROW(filesystem::removeAllFromDirectory(folder_ / "file"), fs::filesystem_error);
     EXPECT_TRUE(fs::exists(folder_ / "file"));

@@ -28,9 +28,9 @@ bool waitForSignals(std::size_t count) {
     return changed.wait_for(lock, std::chrono::seconds(30), [&] { return received.size() >= count; });
 }
 
-TEST(SignalTest, HandlersRunInOrdinaryContextOnAThreadOfTheirOwn) {
+TEST(SignalTest, HandlersRunOnTheReceivingThread) {
     {
-        const auto reception = common::signal::registerHandler();
+        const auto receiver = common::signal::registerHandler();
         common::signal::registerCustomHandler(SIGTERM, remember);
         common::signal::registerCustomHandler(SIGUSR1, remember);
         kill(getpid(), SIGTERM);
@@ -41,7 +41,7 @@ TEST(SignalTest, HandlersRunInOrdinaryContextOnAThreadOfTheirOwn) {
         EXPECT_EQ(received, (std::vector<int>{SIGTERM, SIGUSR1}));
         EXPECT_NE(receivingThread, std::this_thread::get_id());
     }
-    // After the end of the reception a signal stays pending and ends nothing.
+    // Without the receiver the signal stays blocked.
     kill(getpid(), SIGTERM);
     sigset_t pending;
     sigpending(&pending);
@@ -49,8 +49,8 @@ TEST(SignalTest, HandlersRunInOrdinaryContextOnAThreadOfTheirOwn) {
     EXPECT_EQ(received.size(), 2U);
 }
 
-TEST(SignalTest, WritingToAClosedPipeIsAnErrorAndNoDeath) {
-    const auto reception = common::signal::registerHandler();
+TEST(SignalTest, WritingToAClosedPipeFailsWithEpipe) {
+    const auto receiver = common::signal::registerHandler();
     int ends[2];
     ASSERT_EQ(pipe(ends), 0);
     close(ends[0]);
@@ -59,7 +59,7 @@ TEST(SignalTest, WritingToAClosedPipeIsAnErrorAndNoDeath) {
     close(ends[1]);
 }
 
-TEST(SignalTest, ACustomHandlerNeedsTheReception) {
+TEST(SignalTest, CustomHandlerRequiresRegisterHandler) {
     EXPECT_THROW(common::signal::registerCustomHandler(SIGTERM, remember), std::system_error);
 }
 

@@ -9,7 +9,7 @@ namespace {
 
 using namespace std::chrono_literals;
 
-TEST(StopSignalTest, EndsAWaitAndStays) {
+TEST(StopSignalTest, StopEndsWaitsForGood) {
     common::StopSignal signal;
     EXPECT_FALSE(signal.isStopped());
     EXPECT_FALSE(signal.waitFor(0ms));
@@ -20,7 +20,7 @@ TEST(StopSignalTest, EndsAWaitAndStays) {
     EXPECT_TRUE(signal.waitFor(1h));
 }
 
-TEST(StopSignalTest, IsOverdueOnceTheGracePeriodIsOver) {
+TEST(StopSignalTest, IsOverdueAfterTheGracePeriod) {
     common::StopSignal signal;
     EXPECT_FALSE(signal.isOverdue(std::chrono::steady_clock::now() + 1h)) << "not stopped";
     const auto before = std::chrono::steady_clock::now();

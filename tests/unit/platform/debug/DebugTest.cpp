@@ -27,7 +27,7 @@ class DebugTest : public testing::Test {
     }
 };
 
-TEST_F(DebugTest, ALineHasTimeChannelLevelSourceAndText) {
+TEST_F(DebugTest, LineHasTimeChannelLevelSourceAndText) {
     const int line = __LINE__ + 1;
     const std::string text = written([] { dbg::Debug::warning() << "Period is " << 600 << " seconds." << std::endl; });
     const std::regex expected(R"(\d{4}-\d\d-\d\dT\d\d:\d\d:\d\d\.\d{3} TEST warning )"
@@ -48,7 +48,7 @@ TEST_F(DebugTest, VerbatimTextKeepsItsLayout) {
     EXPECT_NE(text.find("is\n{\n\t\"a\" : 1\n}\n\n"), std::string::npos) << text;
 }
 
-TEST_F(DebugTest, TheMaskChoosesTheLevels) {
+TEST_F(DebugTest, MaskSelectsTheLevels) {
     const auto all = [] {
         dbg::Debug::error() << "E" << std::endl;
         dbg::Debug::warning() << "W" << std::endl;
@@ -71,7 +71,7 @@ TEST_F(DebugTest, TheMaskChoosesTheLevels) {
     EXPECT_EQ(levels("0"), "");
 }
 
-TEST_F(DebugTest, AMaskThatCannotBeReadIsIgnoredWithAWarning) {
+TEST_F(DebugTest, InvalidMaskIsIgnoredWithAWarning) {
     dbg::Debug::setDebugLevelMask("3");
     for (const char* mask : {"", "x", "-1", "7 ", "0x", "99999999999999999999999", "1\n"}) {
         const std::string text = written([&] { dbg::Debug::setDebugLevelMask(mask); });
@@ -80,16 +80,16 @@ TEST_F(DebugTest, AMaskThatCannotBeReadIsIgnoredWithAWarning) {
     }
 }
 
-/// A line of each level in a process that is told of a journal: that is asked once a process.
+/// Logs a line of each level in a process of its own, because JOURNAL_STREAM is read once.
 class JournalTest : public DebugTest {
  protected:
     JournalTest() { GTEST_FLAG_SET(death_test_style, "threadsafe"); }
 
-    [[noreturn]] static void logOnJournal(ino_t difference) {
+    [[noreturn]] static void logWithJournalStream(ino_t inodeOffset) {
         struct stat status {};
         fstat(STDERR_FILENO, &status);
-        const std::string announced = std::to_string(status.st_dev) + ":" + std::to_string(status.st_ino + difference);
-        setenv("JOURNAL_STREAM", announced.c_str(), 1);
+        const std::string journal = std::to_string(status.st_dev) + ":" + std::to_string(status.st_ino + inodeOffset);
+        setenv("JOURNAL_STREAM", journal.c_str(), 1);
         dbg::Debug::error() << "E" << std::endl;
         dbg::Debug::warning() << "W" << std::endl;
         dbg::Debug::info() << "I" << std::endl;
@@ -97,22 +97,22 @@ class JournalTest : public DebugTest {
     }
 };
 
-TEST_F(JournalTest, EachLineHasItsPriority) {
-    EXPECT_EXIT(logOnJournal(0), testing::ExitedWithCode(0),
+TEST_F(JournalTest, EachLineHasAPriority) {
+    EXPECT_EXIT(logWithJournalStream(0), testing::ExitedWithCode(0),
                 testing::ContainsRegex("<3>[^\n<]* TEST error [^\n]* E\n<4>[^\n<]* TEST warning [^\n]* W\n"
                                        "<6>[^\n<]* TEST info [^\n]* I\n"));
 }
 
-TEST_F(JournalTest, OnAnotherStandardErrorThereIsNone) {
-    EXPECT_EXIT(logOnJournal(1), testing::ExitedWithCode(0),
+TEST_F(JournalTest, NoPriorityIfStandardErrorIsNotTheJournal) {
+    EXPECT_EXIT(logWithJournalStream(1), testing::ExitedWithCode(0),
                 testing::AllOf(testing::HasSubstr(" I\n"), testing::Not(testing::HasSubstr("<"))));
 }
 
-TEST_F(DebugTest, AnUnfinishedLineIsWrittenAtItsEnd) {
+TEST_F(DebugTest, LineWithoutEndlIsWrittenOnDestruction) {
     EXPECT_NE(written([] { dbg::Debug::info() << "no end of line"; }).find("no end of line\n"), std::string::npos);
 }
 
-TEST_F(DebugTest, LinesOfManyThreadsStayWhole) {
+TEST_F(DebugTest, LinesOfManyThreadsAreNotInterleaved) {
     const std::string text = written([] {
         std::vector<std::thread> threads;
         for (int i = 0; i < 4; ++i) {

@@ -23,7 +23,7 @@ std::string notice(std::size_t lost) { return std::to_string(lost) + " lost\n"; 
 
 enum class Kind { pipe, socket, terminal };
 
-// Something whose reader reads when it is told to.
+// A pipe, socket or terminal whose reader reads only when told to.
 class OutputTest : public testing::TestWithParam<Kind> {
  protected:
     OutputTest() {
@@ -45,7 +45,7 @@ class OutputTest : public testing::TestWithParam<Kind> {
     }
     void SetUp() override { ASSERT_TRUE(made_); }
 
-    // The master's end reads what is written to the terminal, which leaves line breaks as they are.
+    // The first end is the terminal's master. The terminal does not translate line breaks.
     void openTerminal() {
         ends_[0] = ::posix_openpt(O_RDWR | O_NOCTTY);
         std::array<char, 64> name{};
@@ -67,10 +67,10 @@ class OutputTest : public testing::TestWithParam<Kind> {
         return all;
     }
 
-    // Until a line is lost; all lines of one length.
+    // Writes lines of equal length until one is lost. Returns how many were written.
     std::size_t fill(dbg::Output& output) {
         std::size_t lines = 0;
-        for (auto begin = Clock::now(); Clock::now() - begin < dbg::Output::patience / 2; ++lines) {
+        for (auto begin = Clock::now(); Clock::now() - begin < dbg::Output::lineTimeout / 2; ++lines) {
             begin = Clock::now();
             output.write(line(lines), notice);
         }
@@ -86,12 +86,12 @@ class OutputTest : public testing::TestWithParam<Kind> {
     bool made_ = false;
 };
 
-TEST_P(OutputTest, AReaderThatStopsReadingCostsOneWaitAndThenLines) {
+TEST_P(OutputTest, StalledReaderDelaysOneLineAndDropsTheNext) {
     dbg::Output output(ends_[1]);
     const std::size_t written = fill(output);
     const auto begin = Clock::now();
     for (int more = 0; more < 100; ++more) output.write("dropped\n", notice);
-    EXPECT_LT(Clock::now() - begin, dbg::Output::patience);
+    EXPECT_LT(Clock::now() - begin, dbg::Output::lineTimeout);
 
     std::string expected;
     for (std::size_t number = 0; number < written; ++number) expected += line(number);
@@ -102,13 +102,13 @@ TEST_P(OutputTest, AReaderThatStopsReadingCostsOneWaitAndThenLines) {
     const std::string end = "101 lost\nhere again\n";
     ASSERT_GE(seen.size(), end.size());
     EXPECT_EQ(seen.substr(seen.size() - end.size()), end);
-    // What stands before is the part of the lost line that still fitted, ended as a line.
+    // Before it is the part of the lost line that was written, and a line break.
     if (seen.size() > end.size()) {
         EXPECT_EQ(seen[seen.size() - end.size() - 1], '\n');
     }
 }
 
-TEST_P(OutputTest, ASlowReaderGetsEveryLine) {
+TEST_P(OutputTest, SlowReaderGetsEveryLine) {
     dbg::Output output(ends_[1]);
     constexpr std::size_t lines = 2000;
     std::string seen;
@@ -122,12 +122,12 @@ TEST_P(OutputTest, ASlowReaderGetsEveryLine) {
     EXPECT_EQ(seen.find("lost"), std::string::npos);
 }
 
-TEST_P(OutputTest, DuringAShutdownAllLinesTogetherWaitBriefly) {
+TEST_P(OutputTest, AllLinesShareOneTimeoutDuringShutdown) {
     dbg::Output output(ends_[1]);
     output.beginShutdown();
     const auto begin = Clock::now();
     for (std::size_t number = 0; number < 2000; ++number) output.write(line(number), notice);
-    EXPECT_LT(Clock::now() - begin, dbg::Output::patience);
+    EXPECT_LT(Clock::now() - begin, dbg::Output::lineTimeout);
 }
 
 TEST_P(OutputTest, LinesWithoutAReaderAreDroppedAtOnce) {
@@ -137,11 +137,11 @@ TEST_P(OutputTest, LinesWithoutAReaderAreDroppedAtOnce) {
     dbg::Output output(ends_[1]);
     const auto begin = Clock::now();
     for (int number = 0; number < 100; ++number) output.write("x\n", notice);
-    EXPECT_LT(Clock::now() - begin, dbg::Output::patience);
+    EXPECT_LT(Clock::now() - begin, dbg::Output::lineTimeout);
 }
 
-// The reader takes a little now and then, and never enough for the line.
-TEST_P(OutputTest, ALineThatIsTakenTooSlowlyIsGivenUp) {
+// The reader reads a little now and then, too slowly for the line.
+TEST_P(OutputTest, LineThatIsReadTooSlowlyIsDropped) {
     dbg::Output output(ends_[1]);
     std::atomic<bool> ended{false};
     std::thread reader([&] {
@@ -159,10 +159,10 @@ TEST_P(OutputTest, ALineThatIsTakenTooSlowlyIsGivenUp) {
     const auto taken = Clock::now() - begin;
     ended = true;
     reader.join();
-    EXPECT_LT(taken, 2 * dbg::Output::patience);
+    EXPECT_LT(taken, 2 * dbg::Output::lineTimeout);
 }
 
-TEST_P(OutputTest, AShutdownDoesNotWaitForALineThatWaits) {
+TEST_P(OutputTest, BeginShutdownDoesNotBlockOnAWaitingLine) {
     dbg::Output output(ends_[1]);
     std::atomic<bool> waiting{false};
     std::thread writer([&] {
@@ -172,12 +172,12 @@ TEST_P(OutputTest, AShutdownDoesNotWaitForALineThatWaits) {
     while (!waiting) std::this_thread::yield();
     const auto begin = Clock::now();
     output.beginShutdown();
-    EXPECT_LT(Clock::now() - begin, dbg::Output::shutdownPatience);
+    EXPECT_LT(Clock::now() - begin, dbg::Output::shutdownTimeout);
     writer.join();
-    EXPECT_LT(Clock::now() - begin, dbg::Output::patience);
+    EXPECT_LT(Clock::now() - begin, dbg::Output::lineTimeout);
 }
 
-TEST_P(OutputTest, WhatIsOpenedUnderItsNumberIsFollowed) {
+TEST_P(OutputTest, FollowsAReopenedDescriptor) {
     std::array<int, 2> other{};
     ASSERT_EQ(::pipe(other.data()), 0);
     dbg::Output output(ends_[1]);

@@ -1,12 +1,12 @@
-// How connections come about: limits in time, and addresses of both families.
+// Connecting: timeouts, and addresses of both families.
 #include <arpa/inet.h>
 #include <sys/socket.h>
-#include <unistd.h>
 
-#include <cerrno>
+#include <array>
 #include <fstream>
 
 #include "DownloadFixture.h"
+#include "common/Descriptor.h"
 
 namespace {
 
@@ -14,41 +14,36 @@ using namespace download;
 using fakes::HttpAnswer;
 using fakes::HttpServer;
 
-TEST(Times, OfTheProduct) {
+TEST(CurlSettings, DefaultTimeouts) {
     const zav::CurlSettings settings;
     EXPECT_EQ(settings.connectTimeout, std::chrono::seconds(30));
     EXPECT_EQ(settings.stallTimeout, std::chrono::seconds(120));
 }
 
-// A listening socket that takes no connection any more: whoever connects, waits.
+// A listening socket whose queue is full, so that further connection attempts wait.
 class FullListener {
  public:
     FullListener() {
-        listener_ = ::socket(AF_INET, SOCK_STREAM, 0);
         sockaddr_in address{};
         address.sin_family = AF_INET;
         address.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
         socklen_t length = sizeof address;
         auto* const any = reinterpret_cast<sockaddr*>(&address);
-        ::bind(listener_, any, length);
-        ::listen(listener_, 0);
-        ::getsockname(listener_, any, &length);
+        ::bind(listener_.get(), any, length);
+        ::listen(listener_.get(), 0);
+        ::getsockname(listener_.get(), any, &length);
         port_ = ntohs(address.sin_port);
-        for (int& client : clients_) {
-            client = ::socket(AF_INET, SOCK_STREAM | SOCK_NONBLOCK, 0);
-            ::connect(client, any, length);
+        for (common::Descriptor& client : clients_) {
+            client.reset(::socket(AF_INET, SOCK_STREAM | SOCK_NONBLOCK, 0));
+            ::connect(client.get(), any, length);
         }
-    }
-    ~FullListener() {
-        for (const int client : clients_) ::close(client);
-        ::close(listener_);
     }
 
     std::string url() const { return "http://127.0.0.1:" + std::to_string(port_) + "/"; }
 
  private:
-    int listener_ = -1;
-    int clients_[8] = {};
+    common::Descriptor listener_{::socket(AF_INET, SOCK_STREAM, 0)};
+    std::array<common::Descriptor, 8> clients_;
     unsigned port_ = 0;
 };
 
@@ -63,7 +58,7 @@ class ConnectTimeout : public Fixture {
     ConnectTimeout() : Fixture(withConnectTimeout()) {}
 };
 
-TEST_F(ConnectTimeout, EndsAConnectionThatNeverComesAbout) {
+TEST_F(ConnectTimeout, EndsAConnectionAttempt) {
     const FullListener full;
     EXPECT_EQ(fetch(full.url(), target), timedOut);
     EXPECT_EQ(curl->getHttpCode(), 0);
@@ -86,7 +81,7 @@ class StallTimeout : public Fixture {
     StallTimeout() : Fixture(withStallTimeout()) {}
 };
 
-TEST_F(StallTimeout, EndsATransferThatStands) {
+TEST_F(StallTimeout, EndsAStalledTransfer) {
     server.on("/a", HttpAnswer::ok("content").stallingAfter(3, std::make_shared<fakes::Gate>()));
     EXPECT_EQ(fetch("/a"), timedOut);
     EXPECT_TRUE(namesIn(folder).empty());
@@ -94,13 +89,13 @@ TEST_F(StallTimeout, EndsATransferThatStands) {
 
 class Addresses : public Fixture {
  protected:
-    // "dual" is a name with an address of each family, the newer one first.
+    // "dual" has an IPv6 and an IPv4 address, in this order.
     Addresses() { std::ofstream("/etc/hosts", std::ios::app) << "::1 dual\n127.0.0.1 dual\n"; }
 
     int fetchFromDual(unsigned port) { return fetch("http://dual:" + std::to_string(port) + "/a", target); }
 };
 
-TEST_F(Addresses, OfVersionSixInBrackets) {
+TEST_F(Addresses, Ipv6InBrackets) {
     HttpServer six("::1", 0);
     six.on("/a", HttpAnswer::ok("six"));
     EXPECT_EQ(fetch(six.url("/a"), target), ok);
@@ -108,13 +103,13 @@ TEST_F(Addresses, OfVersionSixInBrackets) {
     EXPECT_EQ(six.requests().at(0).header("Host"), "[::1]:" + std::to_string(six.port()));
 }
 
-TEST_F(Addresses, OfVersionSixByName) {
+TEST_F(Addresses, Ipv6ByName) {
     HttpServer six("::1", 0);
     six.on("/a", HttpAnswer::ok("six"));
     EXPECT_EQ(fetchFromDual(six.port()), ok);
 }
 
-TEST_F(Addresses, TheNextIsTriedWhenTheFirstIsDead) {
+TEST_F(Addresses, UnreachableAddressIsSkipped) {
     server.on("/a", HttpAnswer::ok("four"));
     EXPECT_EQ(fetchFromDual(server.port()), ok);
     EXPECT_EQ(contentOf(target), "four");

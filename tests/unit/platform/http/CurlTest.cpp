@@ -32,7 +32,7 @@ TEST_F(Progress, CountsTheBytesOfTheFile) {
     EXPECT_EQ(total, 1000);
 }
 
-TEST_F(Progress, IsNotReportedAfterTheCallbackWasTakenBack) {
+TEST_F(Progress, IsNotReportedAfterRemoval) {
     server.on("/a.xml", HttpAnswer::ok("content"));
     int calls = 0;
     curl->setProgressCallback([&](long, long, long, long) { ++calls; });
@@ -44,20 +44,20 @@ TEST_F(Progress, IsNotReportedAfterTheCallbackWasTakenBack) {
     EXPECT_EQ(calls, 0);
 }
 
-TEST_F(Progress, CallbackMayTakeItselfBack) {
+TEST_F(Progress, CallbackMayRemoveItself) {
     server.on("/a.xml", HttpAnswer::ok("content"));
     int calls = 0;
     const auto held = std::make_shared<int>(7);
     curl->setProgressCallback([&calls, held, this](long, long, long, long) {
         curl->setProgressCallback({});
-        calls += *held == 7 ? 1 : 100;  // what it holds still lives
+        calls += *held == 7 ? 1 : 100;  // the captures are still alive
     });
     EXPECT_EQ(fetch("/a.xml"), ok);
     EXPECT_EQ(calls, 1);
     EXPECT_EQ(held.use_count(), 1);
 }
 
-TEST_F(Progress, TakingBackWaitsForACallThatRuns) {
+TEST_F(Progress, RemovalWaitsForARunningCallback) {
     server.on("/a.xml", HttpAnswer::ok("content"));
     std::promise<void> entered;
     std::promise<void> release;
@@ -73,14 +73,14 @@ TEST_F(Progress, TakingBackWaitsForACallThatRuns) {
     });
     auto download = std::async(std::launch::async, [&] { return fetch("/a.xml"); });
     entered.get_future().wait();
-    auto takenBack = std::async(std::launch::async, [&] {
+    auto removal = std::async(std::launch::async, [&] {
         curl->setProgressCallback({});
         return running.load();
     });
-    // Never true for a correct one, however slow the machine; the wait only gives a wrong one its chance.
-    EXPECT_NE(takenBack.wait_for(std::chrono::milliseconds(50)), std::future_status::ready);
+    // Not ready on any machine, however slow; waiting only lets an incorrect implementation fail.
+    EXPECT_NE(removal.wait_for(std::chrono::milliseconds(50)), std::future_status::ready);
     release.set_value();
-    EXPECT_FALSE(takenBack.get());
+    EXPECT_FALSE(removal.get());
     EXPECT_EQ(download.get(), ok);
 }
 
@@ -93,8 +93,7 @@ TEST_F(Progress, SurvivesACallbackThatThrows) {
     EXPECT_EQ(contentOf(target), "content");
 }
 
-TEST(Curl, KeepsTheLibraryForItself) {
-    // Each client holds a reference on the global initialisation: the end of one leaves the other working.
+TEST(Curl, HoldsAReferenceToTheGlobalInitialisation) {
     fakes::HttpServer server;
     server.on("/a.xml", HttpAnswer::ok("content"));
     const auto properties = std::make_shared<fakes::FakeProperties>();

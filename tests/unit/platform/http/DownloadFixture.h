@@ -1,4 +1,4 @@
-// What the download tests share: a server, the downloader, and a folder of the test's own below the provisioning files.
+// Fixture of the download tests: a server, a downloader, and a folder of its own for each test.
 #pragma once
 
 #include <gtest/gtest.h>
@@ -7,6 +7,7 @@
 #include <fstream>
 #include <iterator>
 #include <memory>
+#include <optional>
 #include <string>
 #include <utility>
 #include <vector>
@@ -20,13 +21,13 @@
 
 namespace download {
 
-// Result codes as the downloader reports them.
+// libcurl's result codes.
 constexpr int ok = 0;
 constexpr int unsupportedProtocol = 1;
 constexpr int malformedUrl = 3;
 constexpr int hostNotFound = 6;
 constexpr int couldNotConnect = 7;
-constexpr int strangeAnswer = 8;
+constexpr int invalidResponse = 8;
 constexpr int partialFile = 18;
 constexpr int writeError = 23;
 constexpr int outOfMemory = 27;
@@ -35,11 +36,13 @@ constexpr int rangeError = 33;
 constexpr int tlsFailed = 35;
 constexpr int stopped = 42;
 constexpr int tooManyRedirects = 47;
-constexpr int noAnswer = 52;
+constexpr int noResponse = 52;
 constexpr int receiveError = 56;
-constexpr int badCoding = 61;
 constexpr int peerNotVerified = 60;
+constexpr int badCoding = 61;
 constexpr int tooLarge = 63;
+
+inline const std::string phoneBundle = "/custom/certs/ca-bundle.pem";
 
 inline std::string contentOf(const std::string& path) {
     std::ifstream file(path, std::ios::binary);
@@ -52,7 +55,7 @@ inline void writeFile(const std::string& path, const std::string& content) {
     std::ofstream(path, std::ios::binary) << content;
 }
 
-/// For large files, which a failed comparison must not print.
+/// For large files: a failed comparison of their contents would print them.
 inline bool holds(const std::string& path, const std::string& content) { return contentOf(path) == content; }
 
 inline std::vector<std::string> namesIn(const std::string& folder) {
@@ -61,14 +64,31 @@ inline std::vector<std::string> namesIn(const std::string& folder) {
     return names;
 }
 
+/// A response whose body ends with the connection.
+inline fakes::HttpAnswer withoutLength(const std::string& body, std::optional<fakes::Ending> ending = std::nullopt) {
+    fakes::HttpAnswer answer = fakes::HttpAnswer::ok(body);
+    answer.withoutLength = true;
+    answer.ending = ending;
+    return answer;
+}
+
 class Fixture : public testing::Test {
  protected:
     explicit Fixture(zav::CurlSettings settings = {}) : curl(std::make_shared<zav::Curl>(std::move(settings))) {
         std::filesystem::create_directories(folder);
     }
-    ~Fixture() override { std::filesystem::remove_all(folder); }
+    ~Fixture() override {
+        std::filesystem::remove_all(folder);
+        std::filesystem::remove(phoneBundle);
+    }
 
-    /// Downloads the server's `path` to `target`.
+    /// Makes `bundle`, PEM, the phone's own bundle.
+    void trust(const std::string& bundle) {
+        writeFile(phoneBundle, bundle);
+        security.reloadCertificates();
+    }
+
+    /// Downloads `path` of the server to `target`.
     int fetch(const std::string& path) { return downloader.downloadFile(server.url(path), target); }
     int fetch(const std::string& url, const std::string& destination) {
         return downloader.downloadFile(url, destination);

@@ -17,7 +17,7 @@ mode_t modeOf(const std::string& path) {
     return ::lstat(path.c_str(), &status) == 0 ? status.st_mode & 07777U : 0;
 }
 
-TEST_F(Download, PutsTheFileInItsPlace) {
+TEST_F(Download, StoresTheFile) {
     server.on("/a.xml", HttpAnswer::ok("content"));
     EXPECT_EQ(fetch("/a.xml"), ok);
     EXPECT_EQ(curl->getHttpCode(), 200);
@@ -26,7 +26,7 @@ TEST_F(Download, PutsTheFileInItsPlace) {
     EXPECT_EQ(namesIn(folder), std::vector<std::string>{"file.xml"});
 }
 
-TEST_F(Download, MakesTheFolders) {
+TEST_F(Download, CreatesTheFolders) {
     server.on("/a.xml", HttpAnswer::ok("content"));
     EXPECT_EQ(fetch(server.url("/a.xml"), folder + "/new/deep/file.xml"), ok);
     EXPECT_EQ(contentOf(folder + "/new/deep/file.xml"), "content");
@@ -41,7 +41,7 @@ TEST_F(Download, ReplacesAFile) {
     EXPECT_EQ(contentOf(target), "new");
 }
 
-TEST_F(Download, PutsAnEmptyFileInItsPlace) {
+TEST_F(Download, StoresAnEmptyFile) {
     writeFile(target, "old");
     server.on("/a.xml", HttpAnswer::ok(""));
     EXPECT_EQ(fetch("/a.xml"), ok);
@@ -56,7 +56,7 @@ TEST_F(Download, KeepsBinaryContent) {
     EXPECT_EQ(contentOf(target), bytes);
 }
 
-TEST_F(Download, SendsQueryAndPathAsTheyStand) {
+TEST_F(Download, SendsPathAndQueryUnchanged) {
     server.on("/d%20ir/a%2fb", HttpAnswer::ok("content"));
     EXPECT_EQ(fetch("/d%20ir/a%2fb?x=%31&y"), ok);
     ASSERT_EQ(server.requests().size(), 1U);
@@ -69,7 +69,7 @@ TEST_F(Download, ExpandsDevicePlaceholders) {
     EXPECT_EQ(contentOf(target), "mine");
 }
 
-TEST_F(Download, FailsWithoutTheDevicesName) {
+TEST_F(Download, FailsIfAPlaceholderCannotBeExpanded) {
     properties->setOffline(true);
     EXPECT_EQ(fetch("/%DVID.xml"), malformedUrl);
     EXPECT_EQ(curl->getHttpCode(), 0);
@@ -96,7 +96,7 @@ TEST_F(Download, LeavesNoFileWhenThereWasNone) {
     EXPECT_TRUE(namesIn(folder).empty());
 }
 
-TEST_F(Download, DoesNotReadAnErrorPageWithoutEnd) {
+TEST_F(Download, AbandonsAnEndlessErrorPage) {
     HttpAnswer answer = HttpAnswer::error(404, std::string(5000, 'x'));
     answer.endless = true;
     server.on("/a.xml", answer);
@@ -117,7 +117,7 @@ TEST_F(Download, ReportsARefusedConnection) {
     EXPECT_EQ(namesIn(folder), std::vector<std::string>{"file.xml"});
 }
 
-TEST_F(Download, ForgetsTheStatusOfTheDownloadBefore) {
+TEST_F(Download, ResetsTheStatus) {
     server.on("/a.xml", HttpAnswer::ok("content"));
     EXPECT_EQ(fetch("/a.xml"), ok);
     EXPECT_EQ(curl->getHttpCode(), 200);
@@ -125,7 +125,7 @@ TEST_F(Download, ForgetsTheStatusOfTheDownloadBefore) {
     EXPECT_EQ(curl->getHttpCode(), 0);
 }
 
-TEST_F(Download, KeepsNothingOfABodyThatIsCut) {
+TEST_F(Download, DiscardsATruncatedBody) {
     writeFile(target, "old");
     server.on("/a.xml", HttpAnswer::ok("a long enough body").cutOffAfter(6));
     EXPECT_EQ(fetch("/a.xml"), partialFile);
@@ -135,15 +135,13 @@ TEST_F(Download, KeepsNothingOfABodyThatIsCut) {
     EXPECT_EQ(server.requests().size(), 1U);
 }
 
-TEST_F(Download, TakesABodyWithoutLength) {
-    HttpAnswer answer = HttpAnswer::ok("until the end");
-    answer.withoutLength = true;
-    server.on("/a.xml", answer);
+TEST_F(Download, AcceptsABodyWithoutLength) {
+    server.on("/a.xml", withoutLength("until the end"));
     EXPECT_EQ(fetch("/a.xml"), ok);
     EXPECT_EQ(contentOf(target), "until the end");
 }
 
-TEST_F(Download, TakesABodyInManySmallChunks) {
+TEST_F(Download, AcceptsManySmallChunks) {
     const std::size_t count = 200000;
     std::string bytes = "HTTP/1.1 200 OK\r\nTransfer-Encoding: chunked\r\n\r\n";
     for (std::size_t at = 0; at < count; ++at) bytes += "1\r\nx\r\n";
@@ -152,7 +150,7 @@ TEST_F(Download, TakesABodyInManySmallChunks) {
     EXPECT_TRUE(holds(target, std::string(count, 'x')));
 }
 
-TEST_F(Download, AsksForNothingPacked) {
+TEST_F(Download, RequestsNoCodings) {
     server.on("/a.xml", HttpAnswer::ok("content", {{"Content-Encoding", "identity"}}));
     EXPECT_EQ(fetch("/a.xml"), ok);
     EXPECT_EQ(contentOf(target), "content");
@@ -168,28 +166,26 @@ class ContentCoding : public Fixture {
     }
 };
 
-TEST_F(ContentCoding, FailsTheDownloadWithALine) {
+TEST_F(ContentCoding, FailsTheDownloadAndIsLogged) {
     const fakes::LogCapture log;
     EXPECT_EQ(fetchCoded("/a.xml", {{"Content-Encoding", "gzip"}}), badCoding);
     EXPECT_EQ(curl->getHttpCode(), 200);
     EXPECT_TRUE(namesIn(folder).empty());
-    EXPECT_TRUE(log.has(fakes::warning("platform/http/src/Transfer",
-                                       "The answer has the content coding 'gzip', which nobody asked for; download "
-                                       "failed")))
-        << log.text();
+    const std::string line = "The answer has the content coding 'gzip', which nobody asked for; download failed";
+    EXPECT_TRUE(log.has(fakes::warning("platform/http/src/Transfer", line))) << log.text();
 }
 
-TEST_F(ContentCoding, ThatTheNameHasIsStoredAsItComes) {
+TEST_F(ContentCoding, OfTheSuffixIsStoredUndecoded) {
     EXPECT_EQ(fetchCoded("/image.img.gz", {{"Content-Encoding", "gzip"}}), ok);
     EXPECT_EQ(contentOf(target), "\x1f\x8b packed");
 }
 
-TEST_F(ContentCoding, OnTopOfAnotherFails) {
+TEST_F(ContentCoding, CombinedWithAnotherFails) {
     EXPECT_EQ(fetchCoded("/a.gz", {{"Content-Encoding", "gzip"}, {"Content-Encoding", "br"}}), badCoding);
     EXPECT_EQ(fetchCoded("/a.gz", {{"Content-Encoding", "identity"}, {"Content-Encoding", "gzip"}}), ok);
 }
 
-TEST_F(ContentCoding, IsMeasuredByTheNameThatWasAskedFor) {
+TEST_F(ContentCoding, IsComparedWithTheRequestedName) {
     server.on("/image.img", HttpAnswer::redirect("/mirror/image.img.gz"));
     EXPECT_EQ(fetchCoded("/mirror/image.img.gz", {{"Content-Encoding", "gzip"}}), ok);
     EXPECT_EQ(fetch("/image.img"), badCoding);
@@ -198,7 +194,7 @@ TEST_F(ContentCoding, IsMeasuredByTheNameThatWasAskedFor) {
     EXPECT_EQ(fetch("/image.img.gz"), ok);
 }
 
-TEST_F(ContentCoding, OfAnotherStatusDoesNotMatter) {
+TEST_F(ContentCoding, IsIgnoredUnlessTheStatusIs200) {
     HttpAnswer missing = HttpAnswer::error(404);
     missing.headers = {{"Content-Encoding", "gzip"}};
     server.on("/a.xml", missing);
@@ -214,7 +210,7 @@ TEST_F(ContentCoding, WithoutAValueIsIgnored) {
 
 class HeaderLimit : public Fixture {
  protected:
-    // So many bytes of header lines.
+    // At least `bytes` of header lines.
     static std::string lines(std::size_t bytes) {
         std::string text;
         while (text.size() < bytes) text += "A: " + std::string(1000, 'a') + "\r\n";
@@ -230,14 +226,14 @@ class HeaderLimit : public Fixture {
     const std::string chunked = "Transfer-Encoding: chunked\r\n\r\n7\r\ncontent\r\n0\r\n";
 };
 
-TEST_F(HeaderLimit, LetsMuchPass) {
+TEST_F(HeaderLimit, AllowsLargeHeaders) {
     EXPECT_EQ(fetchBytes(head + lines(120000) + chunked + lines(120000) + "\r\n"), ok);
     EXPECT_EQ(contentOf(target), "content");
 }
 
 TEST_F(HeaderLimit, CountsHeadersAndTrailersTogether) {
     const fakes::LogCapture log;
-    EXPECT_EQ(fetchBytes(head + lines(140000) + chunked + lines(140000) + "\r\n"), strangeAnswer);
+    EXPECT_EQ(fetchBytes(head + lines(140000) + chunked + lines(140000) + "\r\n"), invalidResponse);
     EXPECT_TRUE(namesIn(folder).empty());
     EXPECT_EQ(log.count(fakes::warning("platform/http/src/Transfer",
                                        "The answer's headers are larger than 256 KiB, download failed")),
@@ -245,12 +241,12 @@ TEST_F(HeaderLimit, CountsHeadersAndTrailersTogether) {
         << log.text();
 }
 
-TEST_F(HeaderLimit, CountsInterimAnswersToo) {
+TEST_F(HeaderLimit, CountsInterimResponses) {
     const std::string interim = "HTTP/1.1 103 Early Hints\r\n" + lines(140000) + "\r\n";
-    EXPECT_EQ(fetchBytes(interim + interim + head + chunked + "\r\n"), strangeAnswer);
+    EXPECT_EQ(fetchBytes(interim + interim + head + chunked + "\r\n"), invalidResponse);
 }
 
-TEST_F(HeaderLimit, OfASingleLineHasALineToo) {
+TEST_F(HeaderLimit, OfASingleLineIsLogged) {
     const fakes::LogCapture log;
     EXPECT_EQ(fetchBytes(head + "A: " + std::string(150000, 'a') + "\r\n" + chunked + "\r\n"), outOfMemory);
     EXPECT_TRUE(log.has(fakes::warning("platform/http/src/Transfer",
@@ -258,13 +254,13 @@ TEST_F(HeaderLimit, OfASingleLineHasALineToo) {
         << log.text();
 }
 
-TEST_F(HeaderLimit, StartsAnewWithEachTransfer) {
+TEST_F(HeaderLimit, IsPerTransfer) {
     const std::string much = head + lines(140000) + chunked + "\r\n";
     EXPECT_EQ(fetchBytes(much), ok);
     EXPECT_EQ(fetchBytes(much), ok);
 }
 
-TEST_F(Download, KeepsTheConnection) {
+TEST_F(Download, ReusesTheConnection) {
     server.on("/a.xml", HttpAnswer::ok("a"));
     server.on("/b.xml", HttpAnswer::ok("b"));
     EXPECT_EQ(fetch("/a.xml"), ok);
@@ -273,7 +269,7 @@ TEST_F(Download, KeepsTheConnection) {
     EXPECT_EQ(server.requests().at(0).connection, server.requests().at(1).connection);
 }
 
-TEST_F(Download, IgnoresProxiesOfTheEnvironment) {
+TEST_F(Download, IgnoresProxyVariables) {
     ASSERT_EQ(::setenv("http_proxy", "http://127.0.0.1:1", 1), 0);
     ASSERT_EQ(::setenv("ALL_PROXY", "http://127.0.0.1:1", 1), 0);
     server.on("/a.xml", HttpAnswer::ok("direct"));
@@ -289,7 +285,7 @@ TEST_F(Download, SendsNoCookies) {
     EXPECT_EQ(server.requests().at(1).header("Cookie"), "");
 }
 
-TEST_F(Download, NeedsAFileName) {
+TEST_F(Download, RequiresAFileName) {
     server.on("/a.xml", HttpAnswer::ok("content"));
     for (const std::string& destination :
          {folder + "/", folder + "/.", folder + "/..", folder + "/../x/f", std::string()}) {
@@ -299,7 +295,7 @@ TEST_F(Download, NeedsAFileName) {
     EXPECT_TRUE(server.requests().empty());
 }
 
-TEST_F(Download, ReportsAPlaceThatCannotBeWritten) {
+TEST_F(Download, FailsIfTheDestinationCannotBeWritten) {
     server.on("/a.xml", HttpAnswer::ok("content"));
     writeFile(folder + "/plain", "a file, no folder");
     EXPECT_EQ(fetch(server.url("/a.xml"), folder + "/plain/file.xml"), writeError);
@@ -313,7 +309,7 @@ TEST_F(Download, ReportsAPlaceThatCannotBeWritten) {
     EXPECT_TRUE(namesIn(target).empty());
 }
 
-TEST_F(Download, FollowsNoLinkThatLiesInTheWay) {
+TEST_F(Download, DoesNotFollowSymbolicLinks) {
     const std::string victim = folder + "/victim";
     writeFile(victim, "precious");
     std::filesystem::create_symlink(victim, folder + "/.file.xml.part");
@@ -325,14 +321,14 @@ TEST_F(Download, FollowsNoLinkThatLiesInTheWay) {
     EXPECT_TRUE(std::filesystem::is_regular_file(std::filesystem::symlink_status(target)));
 }
 
-TEST_F(Download, RemovesWhatAnEarlierOneLeftBehind) {
+TEST_F(Download, RemovesAnEarlierPartialFile) {
     writeFile(folder + "/.file.xml.part", "half a fi");
     server.on("/a.xml", HttpAnswer::error(404));
     EXPECT_EQ(fetch("/a.xml"), ok);
     EXPECT_TRUE(namesIn(folder).empty());
 }
 
-TEST_F(Download, WritesNothingInPlaceBeforeItIsWhole) {
+TEST_F(Download, ReplacesTheFileOnlyWhenComplete) {
     writeFile(target, "old");
     const auto gate = std::make_shared<fakes::Gate>();
     server.on("/a.xml", HttpAnswer::ok("first second").stallingAfter(5, gate));

@@ -1,4 +1,4 @@
-// Whatever a download failed of, the next one with the same client works.
+// After a failed download, the next one with the same client works.
 #include <gmock/gmock.h>
 #include <sys/mount.h>
 
@@ -17,14 +17,13 @@ using fakes::HttpAnswer;
 using fakes::HttpServer;
 using fakes::TestAuthority;
 
-const std::string phoneBundle = "/custom/certs/ca-bundle.pem";
 const std::string head = "HTTP/1.1 200 OK\r\n";
 const std::string chunked = "Transfer-Encoding: chunked\r\n\r\n";
 constexpr long anyStatus = -1;
 constexpr bool atTheLimit = true;
 
-// Short where a download ends at the limit, long enough for a busy machine elsewhere.
-zav::CurlSettings timesOf(bool waits) {
+// Short for rows that end at a time limit; otherwise long enough for a busy machine.
+zav::CurlSettings timeouts(bool waits) {
     const std::chrono::seconds limit(waits ? 1 : 20);
     zav::CurlSettings settings;
     settings.connectTimeout = limit;
@@ -46,17 +45,15 @@ void PrintTo(const Row& row, std::ostream* stream) { *stream << row.name; }
 
 class AfterFailure : public Fixture {
  public:
-    explicit AfterFailure(bool waits = false) : Fixture(timesOf(waits)) {
-        writeFile(phoneBundle, authority.certificate());
-        security.reloadCertificates();
+    explicit AfterFailure(bool waits = false) : Fixture(timeouts(waits)) {
+        trust(authority.certificate());
         server.on("/good", HttpAnswer::ok("good"));
         secure.on("/good", HttpAnswer::ok("good over TLS"));
     }
-    ~AfterFailure() override { std::filesystem::remove(phoneBundle); }
 
-    // Downloads of one kind each.
-    int of(const std::string& url) { return fetch(url, target); }
-    int to(const std::string& destination) { return fetch(server.url("/good"), destination); }
+    // Each runs one download and returns its result.
+    int get(const std::string& url) { return fetch(url, target); }
+    int storeAt(const std::string& destination) { return fetch(server.url("/good"), destination); }
     int answered(const HttpAnswer& answer) { return answeredBy(server, answer); }
     int answeredOverTls(const HttpAnswer& answer) { return answeredBy(secure, answer); }
     int answeredWith(const std::string& bytes) { return answered(HttpAnswer::bytes(bytes)); }
@@ -67,8 +64,8 @@ class AfterFailure : public Fixture {
     int stalling(const HttpAnswer& answer) {
         return answered(answer.stallingAfter(0, std::make_shared<fakes::Gate>()));
     }
-    int shown(const fakes::TestCertificate& certificate, Flaw flaw = Flaw::none) {
-        return of(HttpServer(certificate, flaw).url("/"));
+    int getWithCertificate(const fakes::TestCertificate& certificate, Flaw flaw = Flaw::none) {
+        return get(HttpServer(certificate, flaw).url("/"));
     }
     int ontoAFullDisk() {
         const std::string small = folder + "/small";
@@ -81,16 +78,12 @@ class AfterFailure : public Fixture {
         return result;
     }
 
-    static HttpAnswer large() { return HttpAnswer::ok(std::string(500000, 'l')); }
-    static HttpAnswer withoutLength() {
-        HttpAnswer answer = large();
-        answer.withoutLength = true;
-        return answer;
-    }
+    static HttpAnswer large() { return HttpAnswer::ok(largeBody()); }
+    static std::string largeBody() { return std::string(500000, 'l'); }
     fakes::TestCertificate issued(int beginHours, int endHours) const {
         return authority.issue("127.0.0.1", TestAuthority::Hours(beginHours), TestAuthority::Hours(endHours));
     }
-    static std::string refusing() { return HttpServer().url("/"); }
+    static std::string closedPort() { return HttpServer().url("/"); }
     static std::string labels(int count) {
         std::string text;
         for (int label = 0; label < count; ++label) text += ".a";
@@ -105,11 +98,11 @@ class AfterFailure : public Fixture {
         EXPECT_TRUE(namesIn(folder).empty());
     }
 
-    void expectTheNextToWork() {
-        EXPECT_EQ(of(server.url("/good")), ok);
+    void expectNextDownloadWorks() {
+        EXPECT_EQ(get(server.url("/good")), ok);
         EXPECT_EQ(curl->getHttpCode(), 200);
         EXPECT_EQ(contentOf(target), "good");
-        EXPECT_EQ(of(secure.url("/good")), ok);
+        EXPECT_EQ(get(secure.url("/good")), ok);
         EXPECT_EQ(contentOf(target), "good over TLS");
     }
 
@@ -120,7 +113,7 @@ class AfterFailure : public Fixture {
  private:
     int answeredBy(HttpServer& which, const HttpAnswer& answer) {
         which.on("/bad", answer);
-        return of(which.url("/bad"));
+        return get(which.url("/bad"));
     }
 };
 
@@ -129,29 +122,43 @@ using std::string;
 
 const Row rows[] = {
     // Names and connections.
-    {"UnknownHost", {hostNotFound}, [](Test& t) { return t.of("http://no-such-host.invalid/a"); }},
-    {"UnknownHostOverTls", {hostNotFound}, [](Test& t) { return t.of("https://no-such-host.invalid/a"); }},
-    {"LabelTooLong", {hostNotFound}, [](Test& t) { return t.of("http://" + string(70, 'a') + "/a"); }},
-    {"HostTooLong", {malformedUrl, hostNotFound}, [](Test& t) { return t.of("http://a" + t.labels(1000) + "/a"); }},
-    {"NonAsciiHost", {malformedUrl, hostNotFound}, [](Test& t) { return t.of("http://\xc3\xbc.invalid/a"); }},
-    {"Refused", {couldNotConnect}, [](Test& t) { return t.of(t.refusing()); }},
+    {"UnknownHost", {hostNotFound}, [](Test& t) { return t.get("http://no-such-host.invalid/a"); }},
+    {"UnknownHostOverTls", {hostNotFound}, [](Test& t) { return t.get("https://no-such-host.invalid/a"); }},
+    {"LabelTooLong", {hostNotFound}, [](Test& t) { return t.get("http://" + string(70, 'a') + "/a"); }},
+    {"HostTooLong", {malformedUrl, hostNotFound}, [](Test& t) { return t.get("http://a" + t.labels(1000) + "/a"); }},
+    {"NonAsciiHost", {malformedUrl, hostNotFound}, [](Test& t) { return t.get("http://\xc3\xbc.invalid/a"); }},
+    {"Refused", {couldNotConnect}, [](Test& t) { return t.get(t.closedPort()); }},
     {"Silence",
      {timedOut},
-     [](Test& t) { return t.of(HttpServer("127.0.0.1", 0, Flaw::silent).url("/")); },
+     [](Test& t) { return t.get(HttpServer("127.0.0.1", 0, Flaw::silent).url("/")); },
      0,
      atTheLimit},
     // TLS.
-    {"UnknownAuthority", {peerNotVerified}, [](Test& t) { return t.shown(TestAuthority("X").issue("127.0.0.1")); }},
-    {"AuthorityOfTheSameName", {tlsFailed}, [](Test& t) { return t.shown(TestAuthority().issue("127.0.0.1")); }},
-    {"SelfSigned", {peerNotVerified}, [](Test& t) { return t.shown(TestAuthority::selfSigned("127.0.0.1")); }},
-    {"WrongName", {peerNotVerified}, [](Test& t) { return t.shown(t.authority.issue("elsewhere.example")); }},
-    {"Expired", {peerNotVerified}, [](Test& t) { return t.shown(t.issued(-48, -24)); }},
-    {"NotYetValid", {peerNotVerified}, [](Test& t) { return t.shown(t.issued(24, 48)); }},
-    {"OldTls", {tlsFailed}, [](Test& t) { return t.shown(t.issued(-1, 1), Flaw::oldTls); }},
-    {"HandshakeCut", {tlsFailed}, [](Test& t) { return t.shown(t.issued(-1, 1), Flaw::cutsHandshake); }},
-    {"HandshakeStalls", {timedOut}, [](Test& t) { return t.shown(t.issued(-1, 1), Flaw::silent); }, 0, atTheLimit},
-    {"PlainHttpOnATlsPort", {tlsFailed}, [](Test& t) { return t.of("https" + t.server.url("/a").substr(4)); }},
-    {"TlsOnAPlainPort", {noAnswer, receiveError}, [](Test& t) { return t.of("http" + t.secure.url("/a").substr(5)); }},
+    {"UnknownAuthority",
+     {peerNotVerified},
+     [](Test& t) { return t.getWithCertificate(TestAuthority("X").issue("127.0.0.1")); }},
+    {"AuthorityOfTheSameName",
+     {tlsFailed},
+     [](Test& t) { return t.getWithCertificate(TestAuthority().issue("127.0.0.1")); }},
+    {"SelfSigned",
+     {peerNotVerified},
+     [](Test& t) { return t.getWithCertificate(TestAuthority::selfSigned("127.0.0.1")); }},
+    {"WrongName",
+     {peerNotVerified},
+     [](Test& t) { return t.getWithCertificate(t.authority.issue("elsewhere.example")); }},
+    {"Expired", {peerNotVerified}, [](Test& t) { return t.getWithCertificate(t.issued(-48, -24)); }},
+    {"NotYetValid", {peerNotVerified}, [](Test& t) { return t.getWithCertificate(t.issued(24, 48)); }},
+    {"OldTls", {tlsFailed}, [](Test& t) { return t.getWithCertificate(t.issued(-1, 1), Flaw::oldTls); }},
+    {"HandshakeCut", {tlsFailed}, [](Test& t) { return t.getWithCertificate(t.issued(-1, 1), Flaw::cutsHandshake); }},
+    {"HandshakeStalls",
+     {timedOut},
+     [](Test& t) { return t.getWithCertificate(t.issued(-1, 1), Flaw::silent); },
+     0,
+     atTheLimit},
+    {"PlainHttpOnATlsPort", {tlsFailed}, [](Test& t) { return t.get("https" + t.server.url("/a").substr(4)); }},
+    {"TlsOnAPlainPort",
+     {noResponse, receiveError},
+     [](Test& t) { return t.get("http" + t.secure.url("/a").substr(5)); }},
     {"TlsCutInsideTheHeaders",
      {receiveError},
      [](Test& t) { return t.answeredOverTls(HttpAnswer::bytes(head + "Con", Ending::withoutCloseNotify)); },
@@ -162,12 +169,14 @@ const Row rows[] = {
      200},
     {"TlsCutWhereTheBodyMightEnd",
      {partialFile, receiveError},
-     [](Test& t) { return t.answeredOverTls(t.withoutLength().cutOffAfter(9000, Ending::withoutCloseNotify)); },
+     [](Test& t) {
+         return t.answeredOverTls(withoutLength(t.largeBody()).cutOffAfter(9000, Ending::withoutCloseNotify));
+     },
      200},
-    // Breaks.
-    {"ClosedBeforeTheAnswer", {noAnswer}, [](Test& t) { return t.answeredWith(""); }},
+    // Interruptions.
+    {"ClosedBeforeTheAnswer", {noResponse}, [](Test& t) { return t.answeredWith(""); }},
     {"ResetBeforeTheAnswer", {receiveError}, [](Test& t) { return t.answered(HttpAnswer::bytes("", Ending::reset)); }},
-    {"ClosedInsideTheStatusLine", {noAnswer}, [](Test& t) { return t.answeredWith("HTTP/1.1 200 O"); }, anyStatus},
+    {"ClosedInsideTheStatusLine", {noResponse}, [](Test& t) { return t.answeredWith("HTTP/1.1 200 O"); }, anyStatus},
     {"ClosedInsideTheHeaders", {receiveError}, [](Test& t) { return t.answeredWith(head + "A: b\r\nCon"); }, 200},
     {"ClosedAfterAnInterimAnswer",
      {receiveError},
@@ -189,13 +198,13 @@ const Row rows[] = {
      200,
      atTheLimit},
     {"StallInsideTheBody", {timedOut}, [](Test& t) { return t.stalling(t.large()); }, 200, atTheLimit},
-    // Answers that are not HTTP, or not what they say.
+    // Invalid responses.
     {"NotHttp", {unsupportedProtocol}, [](Test& t) { return t.answeredWith("SSH-2.0-x\r\n"); }},
     {"UnknownVersion", {unsupportedProtocol}, [](Test& t) { return t.answeredWith("HTTP/9.9 200 OK\r\n\r\n"); }},
-    {"NulInAHeader", {strangeAnswer}, [](Test& t) { return t.answeredWith(head + string("A: \0\r\n\r\n", 8)); }, 200},
-    {"BadLength", {strangeAnswer}, [](Test& t) { return t.answeredWith(head + "Content-Length: x\r\n\r\n"); }, 200},
+    {"NulInAHeader", {invalidResponse}, [](Test& t) { return t.answeredWith(head + string("A: \0\r\n\r\n", 8)); }, 200},
+    {"BadLength", {invalidResponse}, [](Test& t) { return t.answeredWith(head + "Content-Length: x\r\n\r\n"); }, 200},
     {"TwoLengths",
-     {strangeAnswer, partialFile},
+     {invalidResponse, partialFile},
      [](Test& t) { return t.answeredWith(head + "Content-Length: 3\r\nContent-Length: 9\r\n\r\nabc"); },
      200},
     {"LengthTooGreat",
@@ -224,16 +233,16 @@ const Row rows[] = {
      },
      200},
     {"HeaderLineTooLong",
-     {outOfMemory, strangeAnswer},
+     {outOfMemory, invalidResponse},
      [](Test& t) { return t.answeredWith(head + "A: " + string(150000, 'a') + "\r\n\r\n"); },
      200},
-    {"HeadersWithoutEnd", {strangeAnswer}, [](Test& t) { return t.flooded(head, "A: b\r\n"); }, 200},
+    {"HeadersWithoutEnd", {invalidResponse}, [](Test& t) { return t.flooded(head, "A: b\r\n"); }, 200},
     {"TrailersWithoutEnd",
-     {strangeAnswer},
+     {invalidResponse},
      [](Test& t) { return t.flooded(head + chunked + "0\r\n", "A: b\r\n"); },
      200},
     {"InterimAnswersWithoutEnd",
-     {strangeAnswer},
+     {invalidResponse},
      [](Test& t) { return t.flooded("", "HTTP/1.1 103 Early Hints\r\nA: b\r\n\r\n"); },
      103},
     // Redirects.
@@ -244,16 +253,16 @@ const Row rows[] = {
      {malformedUrl, hostNotFound},
      [](Test& t) { return t.redirected("http://\xc3\xbc.invalid/"); },
      anyStatus},
-    {"RedirectToNobody", {couldNotConnect}, [](Test& t) { return t.redirected(t.refusing()); }},
+    {"RedirectToAClosedPort", {couldNotConnect}, [](Test& t) { return t.redirected(t.closedPort()); }},
     {"RedirectToAnInvalidUrl", {malformedUrl}, [](Test& t) { return t.redirected("http://[::1/"); }, 302},
     {"RedirectToAnotherScheme", {unsupportedProtocol}, [](Test& t) { return t.redirected("ftp://127.0.0.1/"); }, 302},
     // Files.
     {"TooLarge", {tooLarge}, [](Test& t) { return t.flooded(head + "\r\n", string(65536, 'x')); }, 200},
     {"FullDisk", {writeError}, [](Test& t) { return t.ontoAFullDisk(); }, 200},
-    {"NoSuchPlace", {writeError}, [](Test& t) { return t.to("/proc/no/such/file"); }},
-    // Answers without a file.
+    {"NoSuchFolder", {writeError}, [](Test& t) { return t.storeAt("/proc/no/such/file"); }},
+    // Responses without a file.
     {"NoContent", {ok}, [](Test& t) { return t.answered(HttpAnswer::error(204)); }, 204},
-    {"PartNotAskedFor", {ok}, [](Test& t) { return t.answered(HttpAnswer::error(206)); }, 206},
+    {"UnrequestedPart", {ok}, [](Test& t) { return t.answered(HttpAnswer::error(206)); }, 206},
     {"NotModified", {ok}, [](Test& t) { return t.answered(HttpAnswer::error(304)); }, 304},
     {"Unauthorized", {ok}, [](Test& t) { return t.answered(HttpAnswer::error(401)); }, 401},
     {"NotFound", {ok}, [](Test& t) { return t.answered(HttpAnswer::error(404)); }, 404},
@@ -265,21 +274,21 @@ class Failure : public AfterFailure, public testing::WithParamInterface<Row> {
     Failure() : AfterFailure(GetParam().waits) {}
 };
 
-TEST_P(Failure, CostsOneDownload) {
+TEST_P(Failure, DoesNotAffectTheNextDownload) {
     expectFailure(GetParam());
-    expectTheNextToWork();
+    expectNextDownloadWorks();
 }
 
 INSTANTIATE_TEST_SUITE_P(Download, Failure, testing::ValuesIn(rows),
                          [](const auto& row) { return std::string(row.param.name); });
 
-TEST_F(AfterFailure, EveryOtherFailureIsTheSame) {
+TEST_F(AfterFailure, OtherFailuresHaveTheSameResult) {
     for (const Row& row : rows) {
         if (row.waits) continue;
         SCOPED_TRACE(row.name);
         expectFailure(row);
     }
-    expectTheNextToWork();
+    expectNextDownloadWorks();
 }
 
 }  // namespace

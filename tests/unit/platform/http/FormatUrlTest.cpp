@@ -25,14 +25,14 @@ TEST_F(FormatUrl, ExpandsEachPlaceholder) {
     EXPECT_EQ(format("/var/%DVID/%MACD%DVID"), "/var/kd4v/00-1A-2b-3C-4D-5Ekd4v");
 }
 
-TEST_F(FormatUrl, LeavesEverythingElse) {
+TEST_F(FormatUrl, LeavesOtherTextUnchanged) {
     for (const std::string text : {"", "%", "%%", "100%", "%MAC", "%macc", "%MACX", "a%20b%2f", "%DVI"}) {
         EXPECT_EQ(format(text), text);
     }
     EXPECT_EQ(format("%%DVID%"), "%kd4v%");
 }
 
-TEST_F(FormatUrl, ReadsAPropertyOnlyForItsPlaceholder) {
+TEST_F(FormatUrl, ReadsAPropertyOnlyIfItsPlaceholderOccurs) {
     format("http://h/plain.xml");
     EXPECT_EQ(properties->reads(), Names{});
     format("%DVID");
@@ -47,14 +47,14 @@ TEST_F(FormatUrl, ExpandsOnce) {
     EXPECT_EQ(format("%DVID"), "MACC");
 }
 
-TEST_F(FormatUrl, TakesNothingFromAPropertyThatIsMoreThanAName) {
+TEST_F(FormatUrl, RemovesUnsafeCharactersFromValues) {
     properties->put("System.General.DeviceID", "a/../b;$(id)\n'\"?#%20_:.-Z9");
     EXPECT_EQ(format("%DVID"), "a..bid20_:.-Z9");
     properties->put("NET.MAC.Address", "a/b;c");
     EXPECT_EQ(format("%MACC"), "abc");
 }
 
-TEST_F(FormatUrl, KnowsAnAddressInAnyOfItsShapes) {
+TEST_F(FormatUrl, AcceptsAnyMacAddressFormat) {
     for (const std::string stored : {"001A2b3C4D5E", "00-1A-2b-3C-4D-5E", "001A.2b3C.4D5E", "00:1A:2b:3C:4D:5E"}) {
         properties->put("NET.MAC.Address", stored);
         EXPECT_EQ(format("%MACC %MACD"), "00:1A:2b:3C:4D:5E 00-1A-2b-3C-4D-5E") << stored;
@@ -65,7 +65,7 @@ TEST_F(FormatUrl, KnowsAnAddressInAnyOfItsShapes) {
     EXPECT_EQ(format("%MACC"), "no:address");
 }
 
-TEST_F(FormatUrl, PassesOnWhyAPropertyCannotBeRead) {
+TEST_F(FormatUrl, ThrowsIfAPropertyCannotBeRead) {
     properties->failKey("NET.MAC.Address");
     EXPECT_THROW(format("%MACD"), propertyapi::PropertyOfflineException);
     EXPECT_NO_THROW(format("%DVID"));

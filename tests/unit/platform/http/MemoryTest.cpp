@@ -1,5 +1,5 @@
-// Downloads while memory runs out: each allocation of libcurl fails once, and so do all from each one on. What failed
-// then must cost the next download nothing.
+// Downloads while memory runs out. In turn, each allocation of libcurl fails, alone or with all later ones. The next
+// download must work.
 #include <curl/curl.h>
 #include <fcntl.h>
 
@@ -16,56 +16,58 @@ namespace {
 using namespace download;
 using fakes::HttpAnswer;
 
-// Counts down to the allocation that fails.
-class Dial {
+// Makes one allocation fail, or all from that one on.
+class FailingAllocation {
  public:
-    void failAt(long allocation, bool allAfterwards) {
-        allAfterwards_ = allAfterwards;
+    void failAt(long allocation, bool andAllLater) {
+        andAllLater_ = andAllLater;
         left_ = allocation;
     }
     void off() { left_ = never; }
-    /// Whether the dialled allocation has come.
+    /// Whether the allocation was made.
     bool wasReached() const { return left_ <= 0; }
     bool fails() {
         const long left = left_.fetch_sub(1);
-        return allAfterwards_ ? left <= 1 : left == 1;
+        return andAllLater_ ? left <= 1 : left == 1;
     }
 
  private:
     static constexpr long never = 1L << 60;
 
     std::atomic<long> left_{never};
-    std::atomic<bool> allAfterwards_{false};
+    std::atomic<bool> andAllLater_{false};
 };
 
-Dial dial;
+FailingAllocation failingAllocation;
 
-void* allocate(std::size_t size) { return dial.fails() ? nullptr : std::malloc(size); }
-void* reallocate(void* block, std::size_t size) { return dial.fails() ? nullptr : std::realloc(block, size); }
-void* allocateZeroed(std::size_t count, std::size_t size) { return dial.fails() ? nullptr : std::calloc(count, size); }
-char* duplicate(const char* text) { return dial.fails() ? nullptr : ::strdup(text); }
+void* allocate(std::size_t size) { return failingAllocation.fails() ? nullptr : std::malloc(size); }
+void* reallocate(void* block, std::size_t size) {
+    return failingAllocation.fails() ? nullptr : std::realloc(block, size);
+}
+void* allocateZeroed(std::size_t count, std::size_t size) {
+    return failingAllocation.fails() ? nullptr : std::calloc(count, size);
+}
+char* duplicate(const char* text) { return failingAllocation.fails() ? nullptr : ::strdup(text); }
 
-// Before the first client: libcurl keeps the functions that it was first initialised with.
+// Must run before the first client: only the first initialisation of libcurl sets its memory functions.
 const bool replaced =
     curl_global_init_mem(CURL_GLOBAL_ALL, allocate, std::free, reallocate, duplicate, allocateZeroed) == CURLE_OK;
 
-class NoMemory : public Fixture, public testing::WithParamInterface<bool> {
+class OutOfMemory : public Fixture, public testing::WithParamInterface<bool> {
  protected:
-    NoMemory() {
-        writeFile("/custom/certs/ca-bundle.pem", authority.certificate());
-        security.reloadCertificates();
+    OutOfMemory() {
+        trust(authority.certificate());
         server.on("/a", HttpAnswer::ok("content"));
         secure.on("/a", HttpAnswer::ok("content"));
     }
-    ~NoMemory() override { std::filesystem::remove("/custom/certs/ca-bundle.pem"); }
 
-    // Downloads with each allocation failing in turn, and once more without; returns how many there were.
+    // Downloads with each allocation failing in turn, and once without a failure. Returns the number of allocations.
     long run(const std::string& url) {
         for (long allocation = 1;; ++allocation) {
-            dial.failAt(allocation, GetParam());
+            failingAllocation.failAt(allocation, GetParam());
             const int result = fetch(url, target);
-            const bool reached = dial.wasReached();
-            dial.off();
+            const bool reached = failingAllocation.wasReached();
+            failingAllocation.off();
             if (result == ok) {
                 EXPECT_EQ(contentOf(target), "content");
             } else {
@@ -83,21 +85,23 @@ class NoMemory : public Fixture, public testing::WithParamInterface<bool> {
     fakes::HttpServer secure{authority};
 };
 
-TEST_P(NoMemory, CostsOneDownloadAtMost) {
+TEST_P(OutOfMemory, FailsOneDownloadAtMost) {
     ASSERT_TRUE(replaced);
     EXPECT_GT(run(server.url("/a")), 20);
 }
 
-TEST_P(NoMemory, CostsOneDownloadOverTlsAtMost) { EXPECT_GT(run(secure.url("/a")), 20); }
+TEST_P(OutOfMemory, FailsOneTlsDownloadAtMost) { EXPECT_GT(run(secure.url("/a")), 20); }
 
-TEST_P(NoMemory, CostsNothingMoreForAnUnknownHost) { EXPECT_GT(run("http://" + std::string(70, 'a') + "/a"), 20); }
+TEST_P(OutOfMemory, FailsOneDownloadFromAnUnknownHostAtMost) {
+    EXPECT_GT(run("http://" + std::string(70, 'a') + "/a"), 20);
+}
 
-TEST_P(NoMemory, CostsOneRedirectedDownloadAtMost) {
+TEST_P(OutOfMemory, FailsOneRedirectedDownloadAtMost) {
     server.on("/moved", HttpAnswer::redirect(secure.url("/a")));
     EXPECT_GT(run(server.url("/moved")), 40);
 }
 
-INSTANTIATE_TEST_SUITE_P(Download, NoMemory, testing::Bool(),
-                         [](const auto& all) { return all.param ? "FromOneOn" : "Once"; });
+INSTANTIATE_TEST_SUITE_P(Download, OutOfMemory, testing::Bool(),
+                         [](const auto& all) { return all.param ? "AllLater" : "Once"; });
 
 }  // namespace

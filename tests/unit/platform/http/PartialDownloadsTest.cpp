@@ -37,7 +37,7 @@ class PartialDownloads : public testing::Test {
     }
 };
 
-TEST_F(PartialDownloads, AreRemovedInEveryFolderWithALineEach) {
+TEST_F(PartialDownloads, AreRemovedFromEveryFolderAndLogged) {
     const std::vector<std::string> left{provisioning + ".a.xml.part",           provisioning + "server/.b.xml.part",
                                         provisioning + "server/deeper/.c.part", firmware + ".image.bin.part",
                                         certificates + ".ca.pem.part",          contacts + ".book.xml.part"};
@@ -51,7 +51,7 @@ TEST_F(PartialDownloads, AreRemovedInEveryFolderWithALineEach) {
     EXPECT_EQ(log.lines().size(), left.size());
 }
 
-TEST_F(PartialDownloads, NothingElseIsTouched) {
+TEST_F(PartialDownloads, OtherFilesAreNotRemoved) {
     const std::vector<std::string> others{provisioning + "a.xml",  provisioning + "a.part",      provisioning + ".part",
                                           provisioning + ".a.xml", provisioning + ".a.part~",    "/tmp/away/.a.part",
                                           "/config/.a.part",       firmware + "unpacked/.a.part"};
@@ -79,7 +79,7 @@ TEST_F(PartialDownloads, LinksAreNotFollowed) {
     std::filesystem::remove(contacts.substr(0, contacts.size() - 1));
 }
 
-TEST_F(PartialDownloads, MissingFoldersAreNoNews) {
+TEST_F(PartialDownloads, MissingFoldersAreNotLogged) {
     for (const std::string& folder : {provisioning, firmware, certificates, contacts}) {
         std::filesystem::remove_all(folder);
     }
@@ -88,7 +88,7 @@ TEST_F(PartialDownloads, MissingFoldersAreNoNews) {
     EXPECT_TRUE(log.lines().empty()) << log.text();
 }
 
-TEST_F(PartialDownloads, ThatCannotBeRemovedAreWarnings) {
+TEST_F(PartialDownloads, ThatCannotBeRemovedAreLogged) {
     writeFile(firmware + ".a.part", "half");
     ASSERT_EQ(::mount("/config", "/config", nullptr, MS_BIND | MS_REC, nullptr), 0);
     ASSERT_EQ(::mount(nullptr, "/config", nullptr, MS_REMOUNT | MS_BIND | MS_RDONLY, nullptr), 0);
@@ -100,8 +100,8 @@ TEST_F(PartialDownloads, ThatCannotBeRemovedAreWarnings) {
         << log.text();
 }
 
-TEST_F(PartialDownloads, OfAKilledProcessAreFound) {
-    // What a download really leaves: the name is the one that this module looks for.
+TEST_F(PartialDownloads, OfAKilledProcessAreRemoved) {
+    // Checks that downloads use the name that removePartialDownloads looks for.
     fakes::HttpServer server;
     const auto gate = std::make_shared<fakes::Gate>();
     server.on("/a", fakes::HttpAnswer::ok("content").stallingAfter(3, gate));

@@ -7,7 +7,7 @@ using fakes::HttpAnswer;
 
 class Redirect : public Fixture {
  protected:
-    // /1 leads to /2 and so on, /steps to the file.
+    // /1 redirects to /2 and so on, the last one to the file.
     void chain(int steps) {
         for (int step = 1; step <= steps; ++step) {
             server.on(
@@ -32,7 +32,7 @@ TEST_F(Redirect, IsNotFollowedASixthTime) {
     EXPECT_EQ(server.requests().size(), 6U);
 }
 
-TEST_F(Redirect, LoopEnds) {
+TEST_F(Redirect, LoopIsEnded) {
     server.on("/loop", HttpAnswer::redirect("/loop"));
     EXPECT_EQ(fetch("/loop"), tooManyRedirects);
     EXPECT_TRUE(namesIn(folder).empty());
@@ -63,7 +63,7 @@ TEST_F(Redirect, WithAnEmptyLocationIsNotFollowed) {
     }
 }
 
-TEST_F(Redirect, PageThatNeverEndsIsNotReadToTheEnd) {
+TEST_F(Redirect, EndlessBodyIsAbandoned) {
     HttpAnswer answer = HttpAnswer::redirect("/file");
     answer.body = std::string(10000, 'r');
     answer.endless = true;
@@ -73,7 +73,7 @@ TEST_F(Redirect, PageThatNeverEndsIsNotReadToTheEnd) {
     EXPECT_EQ(contentOf(target), "content");
 }
 
-TEST_F(Redirect, OfAnotherStatusIsNotFollowed) {
+TEST_F(Redirect, WithAnotherStatusIsNotFollowed) {
     for (const int status : {201, 300, 304, 305, 306, 404}) {
         server.on("/a", HttpAnswer::redirect("/file", status));
         EXPECT_EQ(fetch("/a"), ok);
@@ -89,7 +89,7 @@ TEST_F(Redirect, MayBeRelative) {
     EXPECT_EQ(server.requestsFor("/dir/other/b").at(0).target, "/dir/other/b?x=1");
 }
 
-TEST_F(Redirect, ToNobodyHasNoStatus) {
+TEST_F(Redirect, ToAClosedPortHasNoStatus) {
     std::string gone;
     {
         const fakes::HttpServer other;
@@ -117,7 +117,7 @@ TEST_P(OtherScheme, IsRefused) {
     EXPECT_FALSE(std::filesystem::exists(target));
 }
 
-TEST_P(OtherScheme, IsRefusedBehindARedirect) {
+TEST_P(OtherScheme, IsRefusedAfterARedirect) {
     server.on("/a", HttpAnswer::redirect(GetParam()));
     EXPECT_EQ(fetch("/a"), unsupportedProtocol);
     EXPECT_FALSE(std::filesystem::exists(target));
@@ -131,7 +131,7 @@ INSTANTIATE_TEST_SUITE_P(Redirect, OtherScheme,
 TEST_F(Redirect, ToAFileIsRefused) {
     server.on("/a", HttpAnswer::redirect("file:///etc/passwd"));
     EXPECT_EQ(fetch("/a"), unsupportedProtocol);
-    EXPECT_EQ(fetch("file:///etc/passwd", target), malformedUrl);  // a URL without a host
+    EXPECT_EQ(fetch("file:///etc/passwd", target), malformedUrl);  // has no host
     EXPECT_FALSE(std::filesystem::exists(target));
 }
 

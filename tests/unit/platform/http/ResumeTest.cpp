@@ -25,9 +25,9 @@ class Resume : public Fixture {
         curl->setProgressCallback({});
     }
 
-    // Serves `content`, ranges included, and breaks off after `bytes` of each of the first `breaks` answers.
-    void serveBreaking(unsigned breaks, std::size_t bytes, const HttpHeaders& validators) {
-        server.handle("/image", [this, breaks, bytes, validators,
+    // Serves `content` with ranges, and cuts each of the first `cuts` responses after `bytes`.
+    void serveCutting(unsigned cuts, std::size_t bytes, const HttpHeaders& validators) {
+        server.handle("/image", [this, cuts, bytes, validators,
                                  count = std::make_shared<unsigned>(0)](const HttpRequest& request) mutable {
             HttpAnswer answer = HttpAnswer::ok(content, validators);
             const std::string range = request.header("Range");
@@ -35,7 +35,7 @@ class Resume : public Fixture {
             bool current = false;
             for (const auto& validator : validators) current = current || validator.second == known;
             if (!range.empty() && current) answer = rest(std::stoul(range.substr(6)), validators);
-            return (*count)++ < breaks ? answer.cutOffAfter(bytes) : answer;
+            return (*count)++ < cuts ? answer.cutOffAfter(bytes) : answer;
         });
     }
 
@@ -54,8 +54,8 @@ class Resume : public Fixture {
     const std::string image = staging + "image.bin";
 };
 
-TEST_F(Resume, GoesOnWhereAFirmwareTransferBroke) {
-    serveBreaking(3, 100000, {{"ETag", "\"v1\""}});
+TEST_F(Resume, ContinuesAnInterruptedFirmwareTransfer) {
+    serveCutting(3, 100000, {{"ETag", "\"v1\""}});
     EXPECT_EQ(fetchImage(), ok);
     EXPECT_EQ(curl->getHttpCode(), 200);
     EXPECT_TRUE(holds(image, content));
@@ -67,8 +67,8 @@ TEST_F(Resume, GoesOnWhereAFirmwareTransferBroke) {
     EXPECT_EQ(asked[3].header("Range"), "bytes=300000-");
 }
 
-TEST_F(Resume, CountsTheBytesOfTheWholeFile) {
-    serveBreaking(1, 250000, {{"ETag", "\"v1\""}});
+TEST_F(Resume, ReportsProgressOfTheWholeFile) {
+    serveCutting(1, 250000, {{"ETag", "\"v1\""}});
     std::vector<long> seen;
     long total = 0;
     curl->setProgressCallback([&](long all, long now, long, long) {
@@ -81,33 +81,33 @@ TEST_F(Resume, CountsTheBytesOfTheWholeFile) {
     EXPECT_EQ(total, 400000);
 }
 
-TEST_F(Resume, KnowsAFileByItsDate) {
+TEST_F(Resume, UsesLastModified) {
     const std::string date = "Wed, 18 Nov 2026 10:00:00 GMT";
-    serveBreaking(1, 100000, {{"Last-Modified", date}, {"Date", "Wed, 18 Nov 2026 10:00:01 GMT"}});
+    serveCutting(1, 100000, {{"Last-Modified", date}, {"Date", "Wed, 18 Nov 2026 10:00:01 GMT"}});
     EXPECT_EQ(fetchImage(), ok);
     EXPECT_EQ(server.requests().at(1).header("If-Range"), date);
     EXPECT_TRUE(holds(image, content));
 }
 
-TEST_F(Resume, TakesTheWholeWhenTheFileChanged) {
+TEST_F(Resume, StartsAgainIfTheFileChanged) {
     server.on("/image", {HttpAnswer::ok(std::string(200000, 'o'), {{"ETag", "\"old\""}}).cutOffAfter(150000),
                          HttpAnswer::ok("new, and short", {{"ETag", "\"new\""}})});
     EXPECT_EQ(fetchImage(), ok);
     EXPECT_EQ(contentOf(image), "new, and short");
 }
 
-TEST_F(Resume, TakesAnEmptyFileWhenTheFileChanged) {
+TEST_F(Resume, AcceptsAnEmptyFileIfTheFileChanged) {
     server.on("/image", {HttpAnswer::ok(std::string(200000, 'o'), {{"ETag", "\"old\""}}).cutOffAfter(150000),
                          HttpAnswer::ok("", {{"ETag", "\"new\""}})});
     EXPECT_EQ(fetchImage(), ok);
     EXPECT_EQ(contentOf(image), "");
 }
 
-// Servers whose answers do not let the file be known again.
+// Responses without a strong validator.
 class WithoutStrongValidator : public Resume, public testing::WithParamInterface<HttpHeaders> {};
 
 TEST_P(WithoutStrongValidator, StartsAgain) {
-    serveBreaking(2, 100000, GetParam());
+    serveCutting(2, 100000, GetParam());
     EXPECT_EQ(fetchImage(), ok);
     EXPECT_EQ(curl->getHttpCode(), 200);
     EXPECT_TRUE(holds(image, content));
@@ -130,7 +130,7 @@ INSTANTIATE_TEST_SUITE_P(
                     HttpHeaders{{"Last-Modified", tenOClock}, {"Last-Modified", tenOClock}, {"Date", later}},
                     HttpHeaders{{"Last-Modified", tenOClock}, {"Date", later}, {"Date", later}}));
 
-TEST_F(Resume, EndsBetweenAttemptsWhenStopped) {
+TEST_F(Resume, StopPreventsTheNextAttempt) {
     const auto stop = std::make_shared<common::StopSignal>();
     curl->stopWith(stop);
     server.handle("/image", [this, stop](const HttpRequest&) {
@@ -142,24 +142,24 @@ TEST_F(Resume, EndsBetweenAttemptsWhenStopped) {
     EXPECT_TRUE(namesIn(staging).empty());
 }
 
-// The first answer is 400,000 bytes long, has the ETag "e1" and breaks after 150,000. The second is the row's, the
-// third is the whole file of the row's version.
-struct Answer {
+// The first response is 400,000 bytes long, has the ETag "e1" and is cut after 150,000. The second is that of the row,
+// the third another file as a whole.
+struct SecondResponse {
     const char* name;
     int status;
     HttpHeaders headers;
-    std::size_t length;  // of the body, which is of another image
+    std::size_t length;  // of the body, which belongs to another image
     bool chunked = false;
 };
 
-void PrintTo(const Answer& answer, std::ostream* stream) { *stream << answer.name; }
+void PrintTo(const SecondResponse& row, std::ostream* stream) { *stream << row.name; }
 
 const std::pair<std::string, std::string> e1{"ETag", "\"e1\""};
 const std::pair<std::string, std::string> e2{"ETag", "\"e2\""};
 
 std::pair<std::string, std::string> range(const std::string& text) { return {"Content-Range", "bytes " + text}; }
 
-const Answer misfits[] = {
+const SecondResponse mismatches[] = {
     {"AnotherETag", 206, {e2, range("150000-399999/400000")}, 250000},
     {"WeakETag", 206, {{"ETag", "W/\"e1\""}, range("150000-399999/400000")}, 250000},
     {"NoValidator", 206, {range("150000-399999/400000")}, 250000},
@@ -184,9 +184,9 @@ const Answer misfits[] = {
     {"NotSatisfiableWithAPage", 416, {}, 3000},
 };
 
-class Misfit : public Resume, public testing::WithParamInterface<Answer> {};
+class Mismatch : public Resume, public testing::WithParamInterface<SecondResponse> {};
 
-TEST_P(Misfit, StartsAgain) {
+TEST_P(Mismatch, StartsAgain) {
     HttpAnswer second = HttpAnswer::ok(std::string(GetParam().length, 'x'), GetParam().headers);
     second.status = GetParam().status;
     second.chunked = GetParam().chunked;
@@ -202,10 +202,10 @@ TEST_P(Misfit, StartsAgain) {
     EXPECT_EQ(asked[2].header("If-Range"), "");
 }
 
-INSTANTIATE_TEST_SUITE_P(Resume, Misfit, testing::ValuesIn(misfits),
+INSTANTIATE_TEST_SUITE_P(Resume, Mismatch, testing::ValuesIn(mismatches),
                          [](const auto& row) { return std::string(row.param.name); });
 
-TEST_F(Resume, KeepsNothingOfAMisfitThatBreaks) {
+TEST_F(Resume, DiscardsAnInterruptedMismatch) {
     HttpAnswer part = HttpAnswer::ok(std::string(1000, 'x'), {e1, range("150000-399999/400000")});
     part.status = 206;
     server.on("/image",
@@ -215,8 +215,8 @@ TEST_F(Resume, KeepsNothingOfAMisfitThatBreaks) {
     EXPECT_EQ(server.requests().at(2).header("Range"), "");
 }
 
-TEST_F(Resume, ThatNeverFitsFails) {
-    // Each resumed request is answered with another image's part; each whole one breaks. A stop ends the endless story.
+TEST_F(Resume, FailsIfNoResponseContinuesTheFile) {
+    // Each request for a range gets a part of another image, each other request is cut. The stop ends the retries.
     const auto stop = std::make_shared<common::StopSignal>();
     curl->stopWith(stop);
     server.handle("/image", [this, stop](const HttpRequest& request) {
@@ -231,8 +231,8 @@ TEST_F(Resume, ThatNeverFitsFails) {
     EXPECT_TRUE(namesIn(staging).empty());
 }
 
-TEST_F(Resume, IsNotTriedWithAnotherUrl) {
-    // The same ETag at another place says nothing about the bytes there.
+TEST_F(Resume, StartsAgainIfTheUrlChanged) {
+    // An ETag is valid for its URL only.
     server.on("/image", {HttpAnswer::redirect("/here/image"), HttpAnswer::redirect("/there/image")});
     server.on("/here/image", HttpAnswer::ok(content, {e1}).cutOffAfter(150000));
     server.on("/there/image", HttpAnswer::ok(std::string(400000, 't'), {e1}));
@@ -241,7 +241,7 @@ TEST_F(Resume, IsNotTriedWithAnotherUrl) {
     EXPECT_EQ(server.requestsFor("/there/image").at(0).header("Range"), "");
 }
 
-TEST_F(Resume, WorksBehindARedirect) {
+TEST_F(Resume, WorksAfterARedirect) {
     server.on("/image", HttpAnswer::redirect("/here/image"));
     server.on("/here/image", {HttpAnswer::ok(content, {e1}).cutOffAfter(150000), rest(150000, {e1})});
     EXPECT_EQ(fetchImage(), ok);
@@ -249,7 +249,7 @@ TEST_F(Resume, WorksBehindARedirect) {
     EXPECT_EQ(server.requestsFor("/here/image").at(1).header("Range"), "bytes=150000-");
 }
 
-TEST_F(Resume, ContinuesAFileWhoseTotalWasNotKnown) {
+TEST_F(Resume, ContinuesAFileOfUnknownTotal) {
     HttpAnswer first = HttpAnswer::ok(content, {e1});
     first.chunked = true;
     server.on("/image", {first.cutOffAfter(150000), rest(149993, {e1})});
@@ -257,7 +257,7 @@ TEST_F(Resume, ContinuesAFileWhoseTotalWasNotKnown) {
     EXPECT_TRUE(holds(image, content));
 }
 
-TEST_F(Resume, SurvivesABreakBetweenStatusLineAndRange) {
+TEST_F(Resume, SurvivesAnInterruptionInsideTheHeaders) {
     server.on("/image", {HttpAnswer::ok(content, {e1}).cutOffAfter(150000),
                          HttpAnswer::bytes("HTTP/1.1 206 Partial Content\r\nETag: \"e2\"\r\n"), rest(150000, {e1})});
     EXPECT_EQ(fetchImage(), ok);
@@ -265,7 +265,7 @@ TEST_F(Resume, SurvivesABreakBetweenStatusLineAndRange) {
     EXPECT_EQ(server.requests().size(), 3U);
 }
 
-TEST_F(Resume, AsksOnWhenTheRestWasNotAll) {
+TEST_F(Resume, RequestsTheRestOfAShorterRange) {
     HttpAnswer part = HttpAnswer::ok(content.substr(100000, 100000), {e1, range("100000-199999/400000")});
     part.status = 206;
     server.on("/image", {HttpAnswer::ok(content, {e1}).cutOffAfter(100000), part, rest(200000, {e1})});
@@ -273,7 +273,7 @@ TEST_F(Resume, AsksOnWhenTheRestWasNotAll) {
     EXPECT_TRUE(holds(image, content));
 }
 
-TEST_F(Resume, AttemptThatReachesNobodyKeepsTheFile) {
+TEST_F(Resume, AttemptWithoutAResponseKeepsTheFile) {
     // The second connection is accepted and reset.
     server.on("/image", {HttpAnswer::ok(content, {e1}).cutOffAfter(150000), HttpAnswer::bytes("", fakes::Ending::reset),
                          rest(150000, {e1})});
@@ -284,7 +284,7 @@ TEST_F(Resume, AttemptThatReachesNobodyKeepsTheFile) {
 
 class NotAnImage : public Resume, public testing::WithParamInterface<int> {};
 
-TEST_P(NotAnImage, LeavesNoFileAndIsNotTriedAgain) {
+TEST_P(NotAnImage, LeavesNoFileAndIsNotRetried) {
     server.on("/image", HttpAnswer::error(GetParam(), content));
     EXPECT_EQ(fetchImage(), ok);
     EXPECT_EQ(curl->getHttpCode(), GetParam());
@@ -294,7 +294,7 @@ TEST_P(NotAnImage, LeavesNoFileAndIsNotTriedAgain) {
 
 INSTANTIATE_TEST_SUITE_P(Resume, NotAnImage, testing::Values(201, 204, 206, 404, 416, 500));
 
-TEST_F(Resume, ReportsWhatTheServerSaysInTheEnd) {
+TEST_F(Resume, ReportsTheLastStatus) {
     server.on("/image", {HttpAnswer::ok(content, {{"ETag", "\"v1\""}}).cutOffAfter(100000), HttpAnswer::error(404)});
     EXPECT_EQ(fetchImage(), ok);
     EXPECT_EQ(curl->getHttpCode(), 404);
@@ -302,7 +302,7 @@ TEST_F(Resume, ReportsWhatTheServerSaysInTheEnd) {
     EXPECT_TRUE(namesIn(staging).empty());
 }
 
-TEST_F(Resume, ThatCannotBeWrittenIsStillReportedAs200) {
+TEST_F(Resume, ReportsStatus200IfTheFileCannotBeWritten) {
     server.handle("/image", [this](const HttpRequest& request) {
         const HttpHeaders validators{{"ETag", "\"v1\""}};
         if (request.header("Range").empty()) return HttpAnswer::ok(content, validators).cutOffAfter(150000);
@@ -321,7 +321,7 @@ TEST_F(Resume, ThatCannotBeWrittenIsStillReportedAs200) {
 }
 
 TEST_F(Resume, IsForFirmwareOnly) {
-    serveBreaking(1, 100000, {{"ETag", "\"v1\""}});
+    serveCutting(1, 100000, {{"ETag", "\"v1\""}});
     EXPECT_EQ(fetch("/image"), partialFile);
     EXPECT_EQ(server.requests().size(), 1U);
 }

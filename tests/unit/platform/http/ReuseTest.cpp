@@ -1,4 +1,4 @@
-// What is left on a connection after an answer never becomes part of the next download.
+// Data that a server sends after a response never becomes part of the next download.
 #include <ostream>
 
 #include "DownloadFixture.h"
@@ -13,31 +13,22 @@ using fakes::Flaw;
 using fakes::HttpAnswer;
 using fakes::HttpServer;
 
-const std::string phoneBundle = "/custom/certs/ca-bundle.pem";
-
 enum class Transport { plain, tls12, tls13 };
 
 void PrintTo(Transport transport, std::ostream* stream) { *stream << static_cast<int>(transport); }
 
-HttpAnswer withoutLength(Ending ending) {
-    HttpAnswer answer = HttpAnswer::ok("a body without a length");
-    answer.withoutLength = true;
-    answer.ending = ending;
-    return answer;
-}
+const std::string body = "a body without a length";
 
 class Reuse : public Fixture, public testing::WithParamInterface<Transport> {
  protected:
     Reuse() {
-        writeFile(phoneBundle, authority.certificate());
-        security.reloadCertificates();
+        trust(authority.certificate());
         peer.on("/good", HttpAnswer::ok("good"));
     }
-    ~Reuse() override { std::filesystem::remove(phoneBundle); }
 
     int get(const std::string& path) { return fetch(peer.url(path), target); }
 
-    void expectTheNextToWork() {
+    void expectNextDownloadWorks() {
         EXPECT_EQ(get("/good"), ok);
         EXPECT_EQ(curl->getHttpCode(), 200);
         EXPECT_EQ(contentOf(target), "good");
@@ -48,8 +39,8 @@ class Reuse : public Fixture, public testing::WithParamInterface<Transport> {
         return requests.empty() ? 0 : requests.back().connection;
     }
 
-    // Lets the server do to the idle connection what the script says.
-    static void happen(Afterwards& script) {
+    // Lets the server run the script on the idle connection.
+    static void run(Afterwards& script) {
         script.begin->open();
         ASSERT_TRUE(script.delivered->waitUntilReached());
         script.delivered->open();
@@ -73,8 +64,8 @@ TEST_P(Reuse, DropsAConnectionThatSentASecondAnswer) {
     peer.on("/first", HttpAnswer::ok("first").with(script));
     EXPECT_EQ(get("/first"), ok);
     EXPECT_EQ(contentOf(target), "first");
-    happen(*script);
-    expectTheNextToWork();
+    run(*script);
+    expectNextDownloadWorks();
 }
 
 TEST_P(Reuse, DropsASecondAnswerThatCameWithTheFirst) {
@@ -83,21 +74,21 @@ TEST_P(Reuse, DropsASecondAnswerThatCameWithTheFirst) {
     peer.on("/first", both);
     EXPECT_EQ(get("/first"), ok);
     EXPECT_EQ(contentOf(target), "first");
-    expectTheNextToWork();
+    expectNextDownloadWorks();
 }
 
-TEST_P(Reuse, LooksAtTheConnectionBeforeARedirectToo) {
+TEST_P(Reuse, DropsAConnectionThatSentASecondAnswerAfterARedirect) {
     const auto elsewhere = serverOf(GetParam(), authority);
     elsewhere->on("/there", HttpAnswer::ok("there"));
     script->sends = evil;
     peer.on("/first", HttpAnswer::redirect(elsewhere->url("/there")).with(script));
     EXPECT_EQ(get("/first"), ok);
     EXPECT_EQ(contentOf(target), "there");
-    happen(*script);
-    expectTheNextToWork();
+    run(*script);
+    expectNextDownloadWorks();
 }
 
-TEST_P(Reuse, KeepsAConnectionAcrossRedirectsAndWholeFiles) {
+TEST_P(Reuse, KeepsTheConnectionAfterRedirectsAndWholeFiles) {
     peer.on("/first", HttpAnswer::redirect("/good"));
     EXPECT_EQ(get("/first"), ok);
     EXPECT_EQ(get("/good"), ok);
@@ -107,14 +98,14 @@ TEST_P(Reuse, KeepsAConnectionAcrossRedirectsAndWholeFiles) {
 
 class ReuseAfter : public Reuse {
  protected:
-    // An answer that should have no body, or a shorter one, followed by more.
+    // After a response without a body, or with a shorter one, the server sends more.
     void expectDropped(const std::string& answer, int status) {
         script->sends = evil;
         peer.on("/first", HttpAnswer::bytes(answer).with(script));
         EXPECT_EQ(get("/first"), ok);
         EXPECT_EQ(curl->getHttpCode(), status);
-        happen(*script);
-        expectTheNextToWork();
+        run(*script);
+        expectNextDownloadWorks();
         EXPECT_EQ(connectionOf("/good"), 2U);
     }
 };
@@ -134,17 +125,17 @@ class ReuseOfTls : public Reuse {};
 TEST_P(ReuseOfTls, CloseNotifyOnAnIdleConnectionDoesNotEndTheNextBody) {
     script->closes = true;
     peer.on("/first", HttpAnswer::ok("first").with(script));
-    peer.on("/cut", withoutLength(Ending::withoutCloseNotify));
+    peer.on("/cut", withoutLength(body, Ending::withoutCloseNotify));
     EXPECT_EQ(get("/first"), ok);
-    happen(*script);
+    run(*script);
     EXPECT_EQ(get("/cut"), partialFile);
     EXPECT_EQ(connectionOf("/cut"), 2U);
     EXPECT_EQ(contentOf(target), "first");
 }
 
-// The request is sent again on a new connection, within the same transfer.
+// libcurl repeats the request on a new connection, within the same transfer.
 TEST_P(ReuseOfTls, CloseNotifyInsteadOfAnAnswerDoesNotEndTheBodyOfTheNextConnection) {
-    peer.on("/cut", {HttpAnswer::bytes(""), withoutLength(Ending::withoutCloseNotify)});
+    peer.on("/cut", {HttpAnswer::bytes(""), withoutLength(body, Ending::withoutCloseNotify)});
     EXPECT_EQ(get("/good"), ok);
     EXPECT_EQ(get("/cut"), partialFile);
     ASSERT_EQ(peer.requestsFor("/cut").size(), 2U);
@@ -152,11 +143,11 @@ TEST_P(ReuseOfTls, CloseNotifyInsteadOfAnAnswerDoesNotEndTheBodyOfTheNextConnect
 }
 
 TEST_P(ReuseOfTls, CloseNotifyEndsABodyAfterAnotherConnectionWasClosed) {
-    peer.on("/whole", {HttpAnswer::bytes(""), withoutLength(Ending::orderly)});
+    peer.on("/whole", {HttpAnswer::bytes(""), withoutLength(body, Ending::orderly)});
     EXPECT_EQ(get("/good"), ok);
     EXPECT_EQ(get("/whole"), ok);
     ASSERT_EQ(peer.requestsFor("/whole").size(), 2U);
-    EXPECT_EQ(contentOf(target), "a body without a length");
+    EXPECT_EQ(contentOf(target), body);
 }
 
 constexpr Transport all[] = {Transport::plain, Transport::tls12, Transport::tls13};

@@ -17,32 +17,32 @@ using zav::ResumePlan;
 
 constexpr std::uint64_t mebibyte = 1024 * 1024;
 
-TEST(Pace, GivesEveryServerFiveMinutes) {
+TEST(Pace, DoesNotCountTheFirstFiveMinutes) {
     EXPECT_TRUE(keepsPace(seconds(0), 0));
     EXPECT_TRUE(keepsPace(minutes(5), 0));
     EXPECT_FALSE(keepsPace(minutes(5) + seconds(1), 0));
 }
 
-TEST(Pace, LetsASlowLineGoOn) {
+TEST(Pace, AllowsASlowLine) {
     // 2 KiB a second for two hours.
     EXPECT_TRUE(keepsPace(hours(2), 2 * 1024 * 7200));
 }
 
-TEST(Pace, EndsADrippingServer) {
-    // Ten bytes a minute never stall; after ten minutes it is over all the same.
+TEST(Pace, EndsADrippingTransfer) {
+    // Ten bytes a minute do not stall.
     EXPECT_FALSE(keepsPace(minutes(10), 100));
 }
 
-TEST(ResumePlan, TriesTheFirstTimeAtOnce) { EXPECT_EQ(ResumePlan().next(0), seconds(0)); }
+TEST(ResumePlan, FirstRetryHasNoPause) { EXPECT_EQ(ResumePlan().next(0), seconds(0)); }
 
-TEST(ResumePlan, WaitsLongerEachTimeAndGivesUp) {
+TEST(ResumePlan, BacksOffAndGivesUpAfterTenIdleAttempts) {
     ResumePlan plan;
     const long expected[] = {0, 1, 2, 4, 8, 16, 30, 30, 30};
     for (const long wait : expected) EXPECT_EQ(plan.next(100), seconds(wait));
     EXPECT_EQ(plan.next(100), std::nullopt);
 }
 
-TEST(ResumePlan, BeginsAnewWithEachStepForward) {
+TEST(ResumePlan, ProgressResetsTheBackOff) {
     ResumePlan plan;
     for (int idle = 0; idle < 9; ++idle) EXPECT_NE(plan.next(0), std::nullopt);
     EXPECT_EQ(plan.next(mebibyte), seconds(0));
@@ -50,18 +50,18 @@ TEST(ResumePlan, BeginsAnewWithEachStepForward) {
     EXPECT_EQ(plan.next(mebibyte + 2), std::nullopt);
 }
 
-TEST(ResumePlan, EndsWithAHundredAttempts) {
+TEST(ResumePlan, GivesUpAfterAHundredAttempts) {
     ResumePlan plan;
     std::uint64_t size = 0;
     for (int attempt = 1; attempt < 100; ++attempt) EXPECT_NE(plan.next(size += mebibyte), std::nullopt);
     EXPECT_EQ(plan.next(size + mebibyte), std::nullopt);
 }
 
-TEST(ResumePlan, TellsBreaksFromFailures) {
-    // A cut body, a failed receive, a refused connection, a time-out.
-    for (const int result : {18, 56, 7, 28}) EXPECT_TRUE(ResumePlan::isBreak(result)) << result;
-    // Done, too large, not written, not trusted, a wrong range, too many redirects.
-    for (const int result : {0, 63, 23, 60, 33, 47}) EXPECT_FALSE(ResumePlan::isBreak(result)) << result;
+TEST(ResumePlan, RetriesOnlyAfterAnInterruption) {
+    // A truncated body, a failed receive, a refused connection, a timeout.
+    for (const int result : {18, 56, 7, 28}) EXPECT_TRUE(ResumePlan::isRetryable(result)) << result;
+    // Success, too large, not written, not trusted, an invalid range, too many redirects.
+    for (const int result : {0, 63, 23, 60, 33, 47}) EXPECT_FALSE(ResumePlan::isRetryable(result)) << result;
 }
 
 struct CodingRow {
@@ -70,7 +70,7 @@ struct CodingRow {
     bool accepted;
 };
 
-TEST(ContentCodingRule, AcceptsWhatTheNameSays) {
+TEST(ContentCodingRule, AcceptsTheCodingOfTheSuffix) {
     const CodingRow rows[] = {
         {"", "a.xml", true},
         {"identity", "a.xml", true},
@@ -108,7 +108,7 @@ TEST(ContentCodingRule, AcceptsWhatTheNameSays) {
     }
 }
 
-TEST(FileVersionRule, ComparesByAStrongETagOrByOneDate) {
+TEST(FileVersionRule, StrongETagOrSingleDateIsAValidator) {
     const std::string day = "Wed, 18 Nov 2026 10:00:00 GMT";
     const std::string later = "Wed, 18 Nov 2026 10:00:01 GMT";
     const std::string old = "Wednesday, 18-Nov-26 10:00:00 GMT";
@@ -126,7 +126,7 @@ TEST(FileVersionRule, ComparesByAStrongETagOrByOneDate) {
     }
 }
 
-TEST(ContentRangeRule, ReadsOneForm) {
+TEST(ContentRangeRule, AcceptsCompleteRangesOnly) {
     const auto range = zav::parseContentRange("bytes 5-9/20");
     ASSERT_TRUE(range);
     EXPECT_EQ(range->first, 5U);

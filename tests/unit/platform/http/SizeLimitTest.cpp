@@ -21,7 +21,7 @@ class SizeLimit : public Fixture {
         std::filesystem::remove(phoneBook);
     }
 
-    // One byte comes, and the rest never: only the announced length can end this.
+    // Sends one byte and stalls: only the announced length can end the transfer.
     std::string announcing(std::uint64_t length) {
         HttpAnswer answer = HttpAnswer::ok("xx").stallingAfter(1, std::make_shared<fakes::Gate>());
         answer.declaredLength = length;
@@ -43,9 +43,7 @@ TEST_F(SizeLimit, OfACertificateIsOneMebibyte) {
 
 TEST_F(SizeLimit, OfProvisioningFilesIsSixteenMebibytes) {
     server.on("/fits", HttpAnswer::ok(std::string(16 * mebibyte, 'p')));
-    HttpAnswer large = HttpAnswer::ok(std::string(16 * mebibyte + 1, 'p'));
-    large.withoutLength = true;
-    server.on("/large", large);
+    server.on("/large", withoutLength(std::string(16 * mebibyte + 1, 'p')));
     EXPECT_EQ(fetch("/fits"), ok);
     EXPECT_EQ(std::filesystem::file_size(target), 16 * mebibyte);
     EXPECT_EQ(fetch("/large"), tooLarge);
@@ -60,7 +58,7 @@ TEST_F(SizeLimit, OfPhoneBooksIsSixtyFourMebibytes) {
     EXPECT_EQ(fetch(announcing(64 * mebibyte + 1), phoneBook), tooLarge);
 }
 
-TEST_F(SizeLimit, EndsABodyWithoutEnd) {
+TEST_F(SizeLimit, EndsAnEndlessBody) {
     HttpAnswer answer = HttpAnswer::ok(std::string(10000, 'e'));
     answer.endless = true;
     server.on("/endless", answer);
@@ -75,9 +73,7 @@ TEST_F(SizeLimit, OfFirmwareIsTheFreeSpaceLessAReserve) {
     std::filesystem::create_directories(staging);
     ASSERT_EQ(::mount("tmpfs", staging.c_str(), "tmpfs", 0, "size=20m"), 0) << std::strerror(errno);
     server.on("/fits", HttpAnswer::ok(std::string(3 * mebibyte, 'f')));
-    HttpAnswer unannounced = HttpAnswer::ok(std::string(5 * mebibyte, 'f'));
-    unannounced.withoutLength = true;
-    server.on("/large", unannounced);
+    server.on("/large", withoutLength(std::string(5 * mebibyte, 'f')));
     EXPECT_EQ(fetch(server.url("/fits"), staging + "/fits.bin"), ok);
     EXPECT_EQ(fetch(server.url("/large"), staging + "/large.bin"), tooLarge);
     EXPECT_EQ(fetch(announcing(5 * mebibyte), staging + "/announced.bin"), tooLarge);

@@ -1,17 +1,17 @@
-// What the stop signal does to downloads.
+// Downloads and the stop signal.
 #include <net/if.h>
 #include <netinet/in.h>
 #include <sched.h>
 #include <sys/ioctl.h>
 #include <sys/mount.h>
 #include <sys/socket.h>
-#include <unistd.h>
 
 #include <atomic>
 #include <future>
 #include <thread>
 
 #include "DownloadFixture.h"
+#include "common/Descriptor.h"
 #include "fakes/LogCapture.h"
 
 namespace {
@@ -20,7 +20,7 @@ using namespace download;
 using fakes::HttpAnswer;
 using std::chrono::seconds;
 
-// A steady clock that the test moves on.
+// A steady clock that the test can advance.
 class Clock {
  public:
     zav::CurlSettings settings() {
@@ -28,7 +28,7 @@ class Clock {
         settings.steadyNow = [this] { return std::chrono::steady_clock::now() + seconds(ahead_); };
         return settings;
     }
-    void moveOn(seconds time) { ahead_ += time.count(); }
+    void advance(seconds time) { ahead_ += time.count(); }
 
  private:
     std::atomic<seconds::rep> ahead_{0};
@@ -43,9 +43,9 @@ class Stop : private WithClock, public Fixture {
     Stop() : Fixture(clock.settings()) { curl->stopWith(signal); }
     ~Stop() override { std::filesystem::remove(image); }
 
-    void stopAndLetTheGracePass() {
+    void stopAndPassTheGracePeriod() {
         signal->stop();
-        clock.moveOn(common::StopSignal::grace);
+        clock.advance(common::StopSignal::grace);
     }
 
     std::future<int> fetchMeanwhile(const std::string& url) {
@@ -57,7 +57,7 @@ class Stop : private WithClock, public Fixture {
     const std::shared_ptr<fakes::Gate> gate = std::make_shared<fakes::Gate>();
 };
 
-TEST_F(Stop, LeavesATransferItsGrace) {
+TEST_F(Stop, AllowsTheGracePeriod) {
     server.on("/a", HttpAnswer::ok("content").stallingAfter(3, gate));
     auto download = fetchMeanwhile(server.url("/a"));
     ASSERT_TRUE(gate->waitUntilReached());
@@ -67,29 +67,29 @@ TEST_F(Stop, LeavesATransferItsGrace) {
     EXPECT_EQ(contentOf(target), "content");
 }
 
-TEST_F(Stop, EndsAStalledTransferAfterTheGrace) {
+TEST_F(Stop, EndsAStalledTransferAfterTheGracePeriod) {
     server.on("/a", HttpAnswer::ok("content").stallingAfter(3, gate));
     auto download = fetchMeanwhile(server.url("/a"));
     ASSERT_TRUE(gate->waitUntilReached());
-    stopAndLetTheGracePass();
+    stopAndPassTheGracePeriod();
     EXPECT_EQ(download.get(), stopped);
     EXPECT_TRUE(namesIn(folder).empty());
 }
 
-TEST_F(Stop, EndsAFlowingTransferAfterTheGrace) {
+TEST_F(Stop, EndsAFlowingTransferAfterTheGracePeriod) {
     server.on("/a", HttpAnswer::bytes("HTTP/1.1 200 OK\r\n\r\n").followedBy("x"));
     curl->setProgressCallback([this](long, long now, long, long) {
-        if (now > 0) stopAndLetTheGracePass();
+        if (now > 0) stopAndPassTheGracePeriod();
     });
     EXPECT_EQ(fetch(server.url("/a"), image), stopped);
     EXPECT_FALSE(std::filesystem::exists(image));
 }
 
-TEST_F(Stop, EndsATransferThatWaitsForItsAnswer) {
+TEST_F(Stop, EndsATransferThatWaitsForAResponse) {
     fakes::HttpServer silent("127.0.0.1", 0, fakes::Flaw::silent);
     auto download = fetchMeanwhile(silent.url("/a"));
     ASSERT_TRUE(silent.waitForConnections());
-    stopAndLetTheGracePass();
+    stopAndPassTheGracePeriod();
     EXPECT_EQ(download.get(), stopped);
 }
 
@@ -98,14 +98,14 @@ TEST_F(Stop, EndsATransferInTheTlsHandshake) {
     fakes::HttpServer silent(authority.issue("127.0.0.1"), fakes::Flaw::silent);
     auto download = fetchMeanwhile(silent.url("/a"));
     ASSERT_TRUE(silent.waitForConnections());
-    stopAndLetTheGracePass();
+    stopAndPassTheGracePeriod();
     EXPECT_EQ(download.get(), stopped);
 }
 
-// A network whose name server never answers. Only for the thread that makes it, and the threads which that starts.
-class DeafNetwork {
+// A network whose name server never answers, for the thread that creates it and the threads started by that one.
+class SilentNameServer {
  public:
-    DeafNetwork() {
+    SilentNameServer() {
         ifreq loopback{};
         std::string("lo").copy(loopback.ifr_name, sizeof loopback.ifr_name);
         loopback.ifr_flags = IFF_UP;
@@ -114,44 +114,46 @@ class DeafNetwork {
         address.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
         address.sin_port = htons(53);
         writeFile("/tmp/resolv.conf", "nameserver 127.0.0.1\noptions timeout:30\n");
-        works_ = ::unshare(CLONE_NEWNET) == 0 && (nameServer_ = ::socket(AF_INET, SOCK_DGRAM, 0)) >= 0 &&
-                 ::ioctl(nameServer_, SIOCSIFFLAGS, &loopback) == 0 &&
-                 ::bind(nameServer_, reinterpret_cast<sockaddr*>(&address), sizeof address) == 0 &&
+        works_ = ::unshare(CLONE_NEWNET) == 0 && openNameServer() &&
+                 ::ioctl(nameServer_.get(), SIOCSIFFLAGS, &loopback) == 0 &&
+                 ::bind(nameServer_.get(), reinterpret_cast<sockaddr*>(&address), sizeof address) == 0 &&
                  ::mount("/tmp/resolv.conf", "/etc/resolv.conf", nullptr, MS_BIND, nullptr) == 0;
     }
-    ~DeafNetwork() {
-        ::umount("/etc/resolv.conf");
-        ::close(nameServer_);
-    }
+    ~SilentNameServer() { ::umount("/etc/resolv.conf"); }
 
     bool works() const { return works_; }
-    /// Waits until somebody has asked it.
-    void waitForAQuestion() const {
-        char question = 0;
-        ::recv(nameServer_, &question, sizeof question, 0);
+    /// Waits until the name server receives a query.
+    void waitForQuery() const {
+        char query = 0;
+        ::recv(nameServer_.get(), &query, sizeof query, 0);
     }
 
  private:
-    int nameServer_ = -1;
+    bool openNameServer() {
+        nameServer_.reset(::socket(AF_INET, SOCK_DGRAM, 0));
+        return nameServer_.get() >= 0;
+    }
+
+    common::Descriptor nameServer_;
     bool works_ = false;
 };
 
 TEST_F(Stop, EndsATransferThatWaitsForANameServer) {
     int result = ok;
     std::thread([&] {
-        const DeafNetwork network;
+        const SilentNameServer network;
         ASSERT_TRUE(network.works());
         auto download = fetchMeanwhile("http://somewhere.example/a");
-        network.waitForAQuestion();
-        stopAndLetTheGracePass();
+        network.waitForQuery();
+        stopAndPassTheGracePeriod();
         result = download.get();
     }).join();
     EXPECT_EQ(result, stopped);
 }
 
-TEST_F(Stop, LetsNoTransferBeginAfterTheGrace) {
+TEST_F(Stop, PreventsTransfersAfterTheGracePeriod) {
     server.on("/a", HttpAnswer::ok("content"));
-    stopAndLetTheGracePass();
+    stopAndPassTheGracePeriod();
     EXPECT_EQ(fetch("/a"), stopped);
     EXPECT_EQ(curl->getHttpCode(), 0);
     EXPECT_TRUE(server.requests().empty());
@@ -161,7 +163,7 @@ TEST_F(Stop, EndsThePauseBeforeTheNextAttempt) {
     server.on("/image", HttpAnswer::ok("content").cutOffAfter(3));
     const fakes::LogCapture log;
     auto download = std::async(std::launch::async, [this] { return fetch(server.url("/image"), image); });
-    // The first two attempts follow at once, the third after a second.
+    // The pauses before the second, third and fourth attempt are 0, 1 and 2 s.
     ASSERT_TRUE(
         log.waitFor(fakes::info("platform/http/src/Download", "Download broke off after 3 bytes, starting again"), 3));
     signal->stop();
@@ -170,10 +172,10 @@ TEST_F(Stop, EndsThePauseBeforeTheNextAttempt) {
     EXPECT_FALSE(std::filesystem::exists(image));
 }
 
-TEST_F(Stop, WithoutASignalNothingStops) {
+TEST_F(Stop, NullSignalNeverStops) {
     server.on("/a", HttpAnswer::ok("content"));
     curl->stopWith(nullptr);
-    stopAndLetTheGracePass();
+    stopAndPassTheGracePeriod();
     EXPECT_EQ(fetch("/a"), ok);
 }
 

@@ -7,20 +7,9 @@ namespace {
 using namespace download;
 using fakes::HttpAnswer;
 
-const std::string phoneBundle = "/custom/certs/ca-bundle.pem";
-
 class Tls : public Fixture {
  protected:
-    Tls() {
-        secure.on("/a.xml", HttpAnswer::ok("over TLS"));
-        std::filesystem::remove(phoneBundle);
-    }
-    ~Tls() override { std::filesystem::remove(phoneBundle); }
-
-    void trust(const std::string& bundle) {
-        writeFile(phoneBundle, bundle);
-        security.reloadCertificates();
-    }
+    Tls() { secure.on("/a.xml", HttpAnswer::ok("over TLS")); }
 
     fakes::TestAuthority authority;
     fakes::HttpServer secure{authority};
@@ -41,7 +30,7 @@ TEST_F(Tls, AuthorityInThePhonesBundleIsTrustedAfterAReload) {
     EXPECT_EQ(contentOf(target), "over TLS");
 }
 
-TEST_F(Tls, TrustThatIsTakenBackEndsOpenConnectionsToo) {
+TEST_F(Tls, RevokedTrustClosesOpenConnections) {
     trust(authority.certificate());
     EXPECT_EQ(fetch(secure.url("/a.xml"), target), ok);
     EXPECT_EQ(fetch(secure.url("/a.xml"), target), ok);
@@ -52,7 +41,7 @@ TEST_F(Tls, TrustThatIsTakenBackEndsOpenConnectionsToo) {
     EXPECT_EQ(secure.requests().size(), 2U);
 }
 
-TEST_F(Tls, ConnectionOutlivesAReloadThatFindsNothingNew) {
+TEST_F(Tls, ReloadWithoutChangesKeepsTheConnection) {
     trust(authority.certificate());
     EXPECT_EQ(fetch(secure.url("/a.xml"), target), ok);
     security.reloadCertificates();
@@ -81,7 +70,7 @@ TEST_F(Tls, CertificateOfTheServerItselfMayBeTrusted) {
     EXPECT_EQ(fetch(own.url("/a.xml"), target), ok);
 }
 
-TEST_F(Tls, VerifiesBehindARedirectToo) {
+TEST_F(Tls, VerifiesAfterARedirect) {
     server.on("/a", HttpAnswer::redirect(secure.url("/a.xml")));
     EXPECT_EQ(fetch("/a"), peerNotVerified);
     trust(authority.certificate());
@@ -89,7 +78,7 @@ TEST_F(Tls, VerifiesBehindARedirectToo) {
     EXPECT_EQ(contentOf(target), "over TLS");
 }
 
-TEST_F(Tls, IsNotLeftBehindByARedirect) {
+TEST_F(Tls, RedirectToHttpIsRefused) {
     trust(authority.certificate());
     server.on("/plain.xml", HttpAnswer::ok("anybody's"));
     secure.on("/moved", HttpAnswer::redirect(server.url("/plain.xml")));
@@ -98,7 +87,7 @@ TEST_F(Tls, IsNotLeftBehindByARedirect) {
     EXPECT_TRUE(namesIn(folder).empty());
 }
 
-TEST_F(Tls, DropsABodyThatIsCut) {
+TEST_F(Tls, DiscardsATruncatedBody) {
     trust(authority.certificate());
     secure.on("/cut", HttpAnswer::ok("a long enough body").cutOffAfter(6));
     EXPECT_EQ(fetch(secure.url("/cut"), target), partialFile);
@@ -109,13 +98,7 @@ class WithoutLength : public Tls {
  protected:
     WithoutLength() { trust(authority.certificate()); }
 
-    // The end of the connection is the end of the body.
-    static HttpAnswer answer(fakes::Ending ending) {
-        HttpAnswer answer = HttpAnswer::ok("a body without a length");
-        answer.withoutLength = true;
-        answer.ending = ending;
-        return answer;
-    }
+    static HttpAnswer answer(fakes::Ending ending) { return withoutLength("a body without a length", ending); }
 };
 
 TEST_F(WithoutLength, EndsWithCloseNotify) {
@@ -124,7 +107,7 @@ TEST_F(WithoutLength, EndsWithCloseNotify) {
     EXPECT_EQ(contentOf(target), "a body without a length");
 }
 
-TEST_F(WithoutLength, DropsABodyWhoseConnectionIsCut) {
+TEST_F(WithoutLength, DiscardsABodyWithoutCloseNotify) {
     secure.on("/a", answer(fakes::Ending::withoutCloseNotify));
     const fakes::LogCapture log;
     EXPECT_EQ(fetch(secure.url("/a"), target), partialFile);
@@ -141,7 +124,7 @@ TEST_F(WithoutLength, IgnoresCloseNotifyOfAnEarlierConnection) {
     EXPECT_EQ(fetch(secure.url("/a"), target), partialFile);
 }
 
-TEST_F(WithoutLength, IsABreakOfAnImage) {
+TEST_F(WithoutLength, IsRetriedForFirmware) {
     const std::string image = "/config/swupdate/cut.bin";
     secure.on("/a", {answer(fakes::Ending::withoutCloseNotify), answer(fakes::Ending::orderly)});
     EXPECT_EQ(fetch(secure.url("/a"), image), ok);
@@ -164,7 +147,7 @@ TEST_F(Tls, BodyWithLengthOrChunksNeedsNoCloseNotify) {
     EXPECT_EQ(contentOf(target), "with a length");
 }
 
-// A phone whose clock was never set.
+// The clock of the phone is not set.
 class UnsetClock : public Fixture {
  protected:
     UnsetClock() : Fixture(settings()) {}
@@ -193,7 +176,7 @@ TEST_F(UnsetClock, IsNotLoggedForAnythingElse) {
     EXPECT_EQ(log.count(line), 0U);
 }
 
-TEST_F(Tls, FailureSaysNothingAboutAClockThatIsSet) {
+TEST_F(Tls, FailureDoesNotMentionAClockThatIsSet) {
     const fakes::LogCapture log;
     EXPECT_EQ(fetch(secure.url("/a.xml"), target), peerNotVerified);
     EXPECT_EQ(log.text().find("clock"), std::string::npos) << log.text();

@@ -16,7 +16,7 @@ using zav::UrlInfo;
 
 class Url : public testing::TestWithParam<data::UrlVector> {};
 
-TEST_P(Url, HasItsPartsOrIsRefused) {
+TEST_P(Url, IsSplitOrRefused) {
     const data::UrlVector& row = GetParam();
     if (!row.ok) {
         EXPECT_THROW(UrlInfo{row.url}, zav::UrlException);
@@ -43,8 +43,8 @@ TEST(RefusedUrl, EmptyOrTooLong) {
     }
 }
 
-// A text of pieces that matter to somebody who reads URLs. Always the same ones.
-std::string generated(std::mt19937& random) {
+// A random text of pieces that matter to a URL parser.
+std::string randomText(std::mt19937& random) {
     static const std::vector<std::string> pieces{"http",     "https",
                                                  "ftp",      "://",
                                                  ":",        "/",
@@ -86,11 +86,11 @@ std::string generated(std::mt19937& random) {
     return text;
 }
 
-TEST(UrlInfo, IsTheSameWhenReadAgain) {
+TEST(UrlInfo, SurvivesARoundTrip) {
     std::mt19937 random(20261122);
     int accepted = 0;
     for (int run = 0; run < 200000; ++run) {
-        const std::string text = generated(random);
+        const std::string text = randomText(random);
         try {
             const UrlInfo url(text);
             const UrlInfo again(url.text());
@@ -105,17 +105,17 @@ TEST(UrlInfo, IsTheSameWhenReadAgain) {
             ASSERT_EQ(again.userInfo(), "") << text;
             ASSERT_FALSE(url.host().empty()) << text;
         } catch (const zav::UrlException&) {
-            ASSERT_FALSE(common::parseUrl(text)) << "two opinions on " << testing::PrintToString(text);
+            ASSERT_FALSE(common::parseUrl(text)) << "parseUrl accepts " << testing::PrintToString(text);
         }
     }
     EXPECT_GT(accepted, 20000);
 }
 
-TEST(UrlInfo, ReadsUpTo2048Bytes) {
+TEST(UrlInfo, AcceptsUpTo2048Bytes) {
     EXPECT_EQ(UrlInfo("h/" + std::string(2046, 'a')).fileName(), std::string(2046, 'a'));
 }
 
-TEST(UrlInfo, SaysTheSameForEveryBadText) {
+TEST(UrlInfo, HasOneErrorTextForAllInvalidUrls) {
     try {
         const UrlInfo url("");
         FAIL() << url.text();
@@ -124,7 +124,7 @@ TEST(UrlInfo, SaysTheSameForEveryBadText) {
     }
 }
 
-TEST(UrlInfo, TakesAnotherFileName) {
+TEST(UrlInfo, FileNameCanBeReplaced) {
     UrlInfo url("http://u:p@host/dir/?x=1");
     url.setFileName("provisioning.xml");
     EXPECT_EQ(url.text(), "http://host/dir/provisioning.xml?x=1");
@@ -139,7 +139,7 @@ void PrintTo(const NameRow& row, std::ostream* stream) { *stream << testing::Pri
 
 class LocalFileName : public testing::TestWithParam<NameRow> {};
 
-TEST_P(LocalFileName, IsHarmless) { EXPECT_EQ(zav::localFileName(GetParam().name), GetParam().local); }
+TEST_P(LocalFileName, HasOnlySafeCharacters) { EXPECT_EQ(zav::localFileName(GetParam().name), GetParam().local); }
 
 INSTANTIATE_TEST_SUITE_P(UrlInfo, LocalFileName,
                          testing::Values(NameRow{"", ""}, NameRow{"file.xml", "file.xml"},

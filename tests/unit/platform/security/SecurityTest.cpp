@@ -43,12 +43,12 @@ class Security : public testing::Test {
 
 TEST_F(Security, TrustsTheSystemBundle) { EXPECT_GT(security.trustedCertificates()->count(), 50U); }
 
-TEST_F(Security, ReadsNoPropertyWhenItIsMade) {
+TEST_F(Security, ConstructorReadsNoProperty) {
     EXPECT_TRUE(properties->reads().empty());
     EXPECT_TRUE(properties->writes().empty());
 }
 
-TEST_F(Security, MissingPhoneBundleIsNoNews) {
+TEST_F(Security, MissingPhoneBundleIsNotLogged) {
     EXPECT_EQ(logOf([this] { const zav::Security other(properties); }), "");
 }
 
@@ -62,7 +62,7 @@ TEST_F(Security, AddsThePhonesBundleOnReload) {
     EXPECT_NE(after->store(), before->store());
 }
 
-TEST_F(Security, KeepsTheSameObjectWhileNothingChanged) {
+TEST_F(Security, ReloadWithoutChangesKeepsTheObject) {
     const auto before = security.trustedCertificates();
     security.reloadCertificates();
     EXPECT_EQ(security.trustedCertificates(), before);
@@ -74,7 +74,7 @@ TEST_F(Security, KeepsTheSameObjectWhileNothingChanged) {
     EXPECT_EQ(security.trustedCertificates(), one);
 }
 
-TEST_F(Security, KeepsWhatCanBeReadOfADamagedBundle) {
+TEST_F(Security, KeepsTheValidCertificatesOfADamagedBundle) {
     const auto count = security.trustedCertificates()->count();
     const std::string broken = "-----BEGIN CERTIFICATE-----\nbm90IG9uZQ==\n-----END CERTIFICATE-----\n";
     writeFile(phoneBundle, broken + authority.certificate() + "-----BEGIN CERTIFICATE-----\n!!!\n");
@@ -84,9 +84,9 @@ TEST_F(Security, KeepsWhatCanBeReadOfADamagedBundle) {
     EXPECT_EQ(security.trustedCertificates()->count(), count + 1);
 }
 
-TEST_F(Security, SurvivesABundleThatIsNone) {
+TEST_F(Security, IgnoresABundleWithoutCertificates) {
     const auto before = security.trustedCertificates();
-    for (const std::string text : {"", "no certificate at all", "-----BEGIN CERTIFICATE-----"}) {
+    for (const std::string text : {"", "not a certificate", "-----BEGIN CERTIFICATE-----"}) {
         writeFile(phoneBundle, text);
         EXPECT_NO_THROW(security.reloadCertificates());
         EXPECT_EQ(security.trustedCertificates(), before) << text;
@@ -98,10 +98,10 @@ TEST_F(Security, SurvivesABundleThatIsNone) {
     EXPECT_EQ(security.trustedCertificates(), before);
 }
 
-TEST_F(Security, NotifiesOncePerChange) {
+TEST_F(Security, AnnouncesEachChangeOnce) {
     EXPECT_EQ(notification(), "");
     writeFile(phoneBundle, authority.certificate());
-    EXPECT_EQ(notification(), "");  // not reloaded, nothing is trusted that was not before
+    EXPECT_EQ(notification(), "");  // not reloaded yet
     security.reloadCertificates();
     const std::string expected =
         "Trusted certificates changed: " + std::to_string(security.trustedCertificates()->count()) + " certificates\n";
@@ -114,7 +114,7 @@ TEST_F(Security, NotifiesOncePerChange) {
     EXPECT_TRUE(properties->reads().empty());
 }
 
-TEST_F(Security, ThatChangedBackIsNoNews) {
+TEST_F(Security, DoesNotAnnounceAChangeThatWasReverted) {
     writeFile(phoneBundle, authority.certificate());
     security.reloadCertificates();
     std::filesystem::remove(phoneBundle);
@@ -144,7 +144,7 @@ class CertificateCheck : public Security {
     const std::string path = "/custom/certs/_storage/checked.pem";
 };
 
-TEST_F(CertificateCheck, TakesPemAndDer) {
+TEST_F(CertificateCheck, AcceptsPemAndDer) {
     const auto good = authority.issue("phone.example");
     EXPECT_EQ(check(good.certificate), 1);
     EXPECT_EQ(check(good.der), 1);
@@ -152,7 +152,7 @@ TEST_F(CertificateCheck, TakesPemAndDer) {
     EXPECT_EQ(check("subject=phone\r\n" + good.certificate + "\nsome text\n"), 1);
 }
 
-TEST_F(CertificateCheck, RefusesDatesThatDoNotIncludeToday) {
+TEST_F(CertificateCheck, RejectsExpiredAndFutureCertificates) {
     const auto over = authority.issue("phone.example", Hours(-48), Hours(-1));
     const auto early = authority.issue("phone.example", Hours(1), Hours(48));
     EXPECT_EQ(check(over.certificate), 0);
@@ -161,7 +161,7 @@ TEST_F(CertificateCheck, RefusesDatesThatDoNotIncludeToday) {
     EXPECT_EQ(check(early.der), 0);
 }
 
-TEST_F(CertificateCheck, RefusesWhatIsNotOneCertificate) {
+TEST_F(CertificateCheck, RejectsAnythingButOneCertificate) {
     const auto good = authority.issue("phone.example");
     EXPECT_EQ(check(""), 0);
     EXPECT_EQ(check("<html>404</html>"), 0);
@@ -173,7 +173,7 @@ TEST_F(CertificateCheck, RefusesWhatIsNotOneCertificate) {
     EXPECT_EQ(check(good.certificate + "-----BEGIN CERTIFICATE-----\n!!!\n-----END CERTIFICATE-----\n"), 0);
 }
 
-TEST_F(CertificateCheck, RefusesAnyOtherBlockBesideTheCertificate) {
+TEST_F(CertificateCheck, RejectsOtherBlocksBesideTheCertificate) {
     const auto good = authority.issue("phone.example");
     std::string withTrust = authority.issue("other.example").certificate;
     for (std::size_t at = 0; (at = withTrust.find("CERTIFICATE", at)) != std::string::npos; at += 19) {
@@ -191,7 +191,7 @@ TEST_F(CertificateCheck, ThrowsForAFileThatCannotBeRead) {
     EXPECT_THROW(security.checkCertificate(path), std::runtime_error);
     EXPECT_THROW(security.checkCertificate("/custom/certs/_storage"), std::runtime_error);
     EXPECT_THROW(check(std::string((1U << 20U) + 1, 'x')), std::runtime_error);
-    // A link to a good certificate: what a server sent is never one.
+    // A symbolic link to a valid certificate.
     EXPECT_EQ(check(authority.certificate()), 1);
     const std::string link = path + ".link";
     std::filesystem::remove(link);

@@ -28,7 +28,7 @@ class ComparisonTest : public testing::TestWithParam<Row> {
     ~ComparisonTest() override { FirmwareVersionConsts::getInstance().setRunningVersion({}); }
 };
 
-TEST_P(ComparisonTest, HasTheOutcomeOfTheRow) {
+TEST_P(ComparisonTest, ComparesWithTheRunningVersion) {
     auto& consts = FirmwareVersionConsts::getInstance();
     auto& factory = IFirmwareVersionFactory::getInstance();
     consts.setRunningVersion(GetParam().running);
@@ -84,7 +84,7 @@ INSTANTIATE_TEST_SUITE_P(NoUpgradePath, ComparisonTest,
                                          Row{"kd4v-2.13.7", "kd5-2.13.7", Comparison::noUpgradePath},
                                          Row{"kd4v-2.13.7", "KD4V-2.14", Comparison::noUpgradePath}));
 
-TEST(Factory, KnowsTwoKinds) {
+TEST(Factory, ThrowsForAnUnknownKind) {
     auto& factory = IFirmwareVersionFactory::getInstance();
     const auto& consts = FirmwareVersionConsts::getInstance();
     EXPECT_NE(consts.currentVersion(), consts.offeredVersion());
@@ -92,7 +92,7 @@ TEST(Factory, KnowsTwoKinds) {
     EXPECT_THROW(factory.create("", "1.0"), std::invalid_argument);
 }
 
-TEST(Factory, TheRunningVersionIsTheLatestOneThatWasSet) {
+TEST(Factory, RunningVersionIsTheOneSetLast) {
     auto& consts = FirmwareVersionConsts::getInstance();
     consts.setRunningVersion("1.0");
     const auto before = IFirmwareVersionFactory::getInstance().create(consts.currentVersion(), "7.0");
@@ -103,7 +103,7 @@ TEST(Factory, TheRunningVersionIsTheLatestOneThatWasSet) {
     consts.setRunningVersion({});
 }
 
-TEST(Factory, ServesSeveralThreads) {
+TEST(Factory, MayBeUsedFromManyThreads) {
     auto& consts = FirmwareVersionConsts::getInstance();
     std::vector<std::thread> threads;
     for (int i = 0; i < 4; ++i) {
