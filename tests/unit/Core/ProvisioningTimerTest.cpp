@@ -159,6 +159,16 @@ TEST_F(ProvisioningTimerTest, PeriodZeroIsTheNight) {
     late.waits(1);
 }
 
+// Unlike a night whose wait has just ended, which must not be scheduled again.
+TEST_F(ProvisioningTimerTest, ARestartJustBeforeTheNightKeepsTheNight) {
+    HandClock clock(on20November(3, std::chrono::minutes(53)));
+    zav::ProvisioningTimer timer(phone_.properties, clock);
+    timer.start(0);
+    EXPECT_EQ(clock.waits(1).back(), seconds(15));
+    timer.start(0);
+    EXPECT_EQ(clock.waits(2).back(), seconds(15));
+}
+
 struct WakeUp {
     const char* name;
     nanoseconds error;  // of the wall clock when the wait ends
