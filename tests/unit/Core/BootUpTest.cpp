@@ -1,4 +1,4 @@
-// When the pass after boot-up runs.
+// When the pass after boot-up runs, and when not.
 #include "unit/Core/support/DispatcherFixture.h"
 
 namespace {
@@ -16,5 +16,16 @@ TEST_P(BootUpTest, AnyOtherWordThanDoneRunsThePass) {
 }
 
 INSTANTIATE_TEST_SUITE_P(Words, BootUpTest, testing::Values("Done", "DONE", "done ", "not done", "don", "0"));
+
+using BootUpStopTest = tests::DispatcherFixture;
+
+// The request is dropped then, and what did not run is not done.
+TEST_F(BootUpStopTest, AStopBeforeThePassWritesNoDone) {
+    holdThePass()->open();
+    dispatcher_->stopListening();
+    dispatcher_->enableProvisioning();
+    EXPECT_TRUE(server_.requests().empty());
+    EXPECT_TRUE(phone_.properties->writes().empty());
+}
 
 }  // namespace

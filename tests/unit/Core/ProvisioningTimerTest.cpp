@@ -197,6 +197,17 @@ TEST_P(NightTest, FiresExactlyOnceANight) {
     }
 }
 
+// Nothing tells it from a clock that was wrong before: the night of the new time is still to come.
+TEST_F(ProvisioningTimerTest, AClockSetBackByAnHourMeetsTheNightAgain) {
+    HandClock clock(on20November(2));
+    zav::ProvisioningTimer timer(phone_.properties, clock);
+    timer.start(0);
+    clock.waits(1);
+    clock.elapse(-std::chrono::hours(1));
+    EXPECT_EQ(clock.waits(2).back(), std::chrono::hours(1));
+    EXPECT_EQ(requests().size(), 1U);
+}
+
 INSTANTIATE_TEST_SUITE_P(Clocks, NightTest,
                          testing::Values(WakeUp{"exact", nanoseconds(0)}, WakeUp{"late", milliseconds(3)},
                                          WakeUp{"aMomentEarly", nanoseconds(-1)},
