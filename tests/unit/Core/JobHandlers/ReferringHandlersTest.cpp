@@ -119,6 +119,17 @@ TEST_F(ReferringHandlersTest, ACategoriesResultIsItsLastJobs) {
     EXPECT_NE(document().find("\"jobStatus\" : \"fail\""), std::string::npos) << document();
 }
 
+TEST_F(ReferringHandlersTest, ACategoryKnowsNothingOfTheJobsOfTheOneBefore) {
+    serve("/nvm.xml", "nvm", R"(<file version="none" url="/x"/>)");
+    serve("/custom.xml", "custom", R"(<file version="none" url="/x"/>)");
+    runMaster({{{"type", "nvm"}, {"url", "/nvm.xml"}}, {{"type", "custom"}, {"url", "/custom.xml"}}});
+    EXPECT_EQ(phone_.log.count(info("Core/JobHandlers/JobHandler", "+++++ Starting FileDownloadHandler")), 2U);
+    for (const auto& line : phone_.log.linesOf("Core/JobHandlers/JobHandler")) {
+        EXPECT_EQ(line.text.find("is not valid for provisioning version"), std::string::npos) << line;
+    }
+    EXPECT_TRUE(phone_.log.linesOf("Core/JobHandlers/MasterJobHandler").back().text.find("Found custom") == 0);
+}
+
 // A settings job of the first category moves the server.
 TEST_F(ReferringHandlersTest, EachCategoryReadsTheServerAnew) {
     serve("/nvm.xml", "nvm", R"(<file url="/settings.xml"/>)");

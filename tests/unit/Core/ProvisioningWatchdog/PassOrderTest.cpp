@@ -135,4 +135,15 @@ TEST_F(PassOrderTest, ANewPassDropsASignalLeftOver) {
     worker_.reset();
 }
 
+// The caller's thread serves others too; only the pass may wait for a service that comes back.
+TEST_F(PassOrderTest, OnlyCallsOfThePassItselfArePatient) {
+    worker_->startProvisioning("");
+    ASSERT_TRUE(phone_.log.waitFor(info(source, "Provisioning failed. ")));
+    worker_.reset();
+    EXPECT_EQ(properties_->patientCalls(),
+              (std::vector<std::string>{"State.Provisioning.LockUI", "State.Provisioning.LockUI",
+                                        "State.Provisioning.HttpErrorCode", "State.Provisioning",
+                                        "State.FirmwareUpdate.TriggerAuto"}));
+}
+
 }  // namespace
