@@ -175,6 +175,24 @@ class LifecycleTest(phone.PhoneTest):
                           ["Cannot read auth user name or password", "Preconditions are not met", "ZAV initialized."])
         self.assertEqual(self.log.count("Waiting for auth user name and password"), 10)
 
+    def test_a_sigterm_during_the_wait_for_credentials_is_lost(self):
+        self.bus.set("System.Provision.FactoryAuthPassword", "")
+        self.addCleanup(self.bus.set, "System.Provision.FactoryAuthPassword", "factory")
+        self.bus.set("State.Provisioning.OnBootUp", "done")
+        phone.service("start", "daemon")
+        self.log.wait("Waiting for auth user name and password")
+        os.kill(phone.service_pid(), signal.SIGTERM)
+        for count in range(1, 11):
+            self.log.wait("Waiting for auth user name and password", count)
+            phone.jump(1)
+        self.log.wait("ZAV initialized.")
+        self.settle()
+        self.log.wait("Provisioning on boot up already done, skipping")
+        self.log.none(["IPC listening terminated"])
+        self.request()
+        self.wait_pass_end()
+        self.assert_ends_well()
+
     def test_a_period_that_is_no_number(self):
         self.bus.set("System.Provision.Period", "soon")
         self.addCleanup(self.bus.set, "System.Provision.Period", "86400")

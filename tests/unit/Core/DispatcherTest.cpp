@@ -106,7 +106,8 @@ TEST_F(DispatcherTest, AMessageWithoutAHandlerIsLoggedWhole) {
     for (const char* content :
          {R"({"param":"Audio.Volume","value":"5"})", R"({"value":"x"})", "{}", "[]", "", "request",
           "{\"param\":", R"(["param","State.Provisioning"])", R"({"param":{"a":1},"value":"x"})", R"({"param":["a"]})",
-          "42", "null", R"("State.Provisioning")"}) {
+          "42", "null", R"("State.Provisioning")", R"({"param":"System.Provision.Period","value":"900",})",
+          "\xef\xbb\xbf{\"param\":\"System.Provision.Period\",\"value\":\"900\"}"}) {
         phone_.log.forget();
         bus_->deliver("prop-service-system/x", content);
         EXPECT_EQ(phone_.log.lines(),

@@ -97,4 +97,13 @@ TEST_F(NightScheduleTest, AZoneThatChangesWhileTheDaemonRunsCounts) {
     EXPECT_EQ(next(noon) - inEurope, std::chrono::hours(1));
 }
 
+TEST_F(NightScheduleTest, AZoneThatChangesTheDateCounts) {
+    setZone("UTC0");
+    const auto evening = local(2026, 11, 20, 20);
+    setenv("TZ", "<+14>-14", 1);  // where it is ten in the morning of the 21st
+    const auto night = next(evening);
+    tzset();
+    EXPECT_EQ(night, local(2026, 11, 22, 3, 53, 15));
+}
+
 }  // namespace

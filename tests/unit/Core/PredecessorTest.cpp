@@ -79,12 +79,14 @@ TEST_F(PredecessorTest, AScreenWhoseStateCannotBeReadIsLeftAloneSilently) {
 TEST_F(PredecessorTest, HalfDownloadedAndHalfDecryptedFilesAreRemoved) {
     const std::string folder = "/var/volatile/provisioning/";
     std::filesystem::create_directories(folder + "nvm");
+    std::filesystem::create_directories(folder + "folder.tmp");
     for (const char* name :
          {"provisioning.xml", "provisioning.xml.tmp", "nvm/settings.xml.tmp", ".settings.xml.part"}) {
         tests::writeFile(folder + name, "x");
     }
     zav::cleanUpAfterPredecessor(*phone_.properties);
     EXPECT_TRUE(tests::exists(folder + "provisioning.xml"));
+    EXPECT_TRUE(tests::exists(folder + "folder.tmp"));
     for (const char* name : {"provisioning.xml.tmp", "nvm/settings.xml.tmp", ".settings.xml.part"}) {
         EXPECT_FALSE(tests::exists(folder + name)) << name;
     }

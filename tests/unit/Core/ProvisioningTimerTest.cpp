@@ -159,6 +159,16 @@ TEST_F(ProvisioningTimerTest, PeriodZeroIsTheNight) {
     late.waits(1);
 }
 
+// Unlike a night whose wait has just ended, which must not be scheduled again.
+TEST_F(ProvisioningTimerTest, ARestartJustBeforeTheNightKeepsTheNight) {
+    HandClock clock(on20November(3, std::chrono::minutes(53)));
+    zav::ProvisioningTimer timer(phone_.properties, clock);
+    timer.start(0);
+    EXPECT_EQ(clock.waits(1).back(), seconds(15));
+    timer.start(0);
+    EXPECT_EQ(clock.waits(2).back(), seconds(15));
+}
+
 struct WakeUp {
     const char* name;
     nanoseconds error;  // of the wall clock when the wait ends
@@ -185,6 +195,17 @@ TEST_P(NightTest, FiresExactlyOnceANight) {
         EXPECT_TRUE(phone_.log.has(info(source, "Next provisioning time is at '" + day + " 03:53:15 2026'")))
             << phone_.log.text();
     }
+}
+
+// Nothing tells it from a clock that was wrong before: the night of the new time is still to come.
+TEST_F(ProvisioningTimerTest, AClockSetBackByAnHourMeetsTheNightAgain) {
+    HandClock clock(on20November(2));
+    zav::ProvisioningTimer timer(phone_.properties, clock);
+    timer.start(0);
+    clock.waits(1);
+    clock.elapse(-std::chrono::hours(1));
+    EXPECT_EQ(clock.waits(2).back(), std::chrono::hours(1));
+    EXPECT_EQ(requests().size(), 1U);
 }
 
 INSTANTIATE_TEST_SUITE_P(Clocks, NightTest,

@@ -6,6 +6,8 @@
 #include <net/if.h>
 #include <netinet/in.h>
 #include <sched.h>
+#include <sys/mount.h>
+#include <sys/resource.h>
 #include <sys/socket.h>
 #include <unistd.h>
 
@@ -204,6 +206,55 @@ TEST_F(UtilsTest, TheServerIsReachableOnceInterfaceAndServerAre) {
         phone_.log.forget();
         EXPECT_FALSE(zav::isServerReachable());
         EXPECT_EQ(phone_.log.lines(), (Lines{checking, refused})) << "after a success it is reported again";
+    }).join();
+}
+
+/// While it lives, the process can open no further descriptor.
+class NoDescriptors {
+ public:
+    NoDescriptors() {
+        getrlimit(RLIMIT_NOFILE, &before_);
+        const int lowestFree = dup(0);
+        close(lowestFree);
+        const rlimit full{static_cast<rlim_t>(lowestFree), before_.rlim_max};
+        EXPECT_EQ(setrlimit(RLIMIT_NOFILE, &full), 0);
+    }
+    ~NoDescriptors() { setrlimit(RLIMIT_NOFILE, &before_); }
+    NoDescriptors(const NoDescriptors&) = delete;
+    NoDescriptors& operator=(const NoDescriptors&) = delete;
+
+ private:
+    rlimit before_{};
+};
+
+TEST_F(UtilsTest, InterfacesThatCannotBeListedAreAnErrorEachTime) {
+    const auto line = error(source, "Could not get network interfaces list");
+    {
+        const NoDescriptors none;
+        EXPECT_FALSE(zav::isNetworkInterfaceUp());
+        EXPECT_FALSE(zav::isServerReachable());
+    }
+    EXPECT_EQ(phone_.log.count(line), 2U);
+    EXPECT_EQ(phone_.log.count(info(source, "Network interface is ready. Checking server address...")), 0U);
+}
+
+// In namespaces of its own, whose /etc/services does not know "http".
+TEST_F(UtilsTest, AnAddressThatCannotBeResolvedIsReportedOnce) {
+    const auto checking = info(source, "Network interface is ready. Checking server address...");
+    const auto unknown = error(source, "Could not get address information for [127.0.0.1][http]");
+    std::thread([&] {
+        ASSERT_EQ(unshare(CLONE_NEWNET | CLONE_NEWNS), 0) << "run me in lab/sandbox";
+        ASSERT_EQ(mount(nullptr, "/", nullptr, MS_REC | MS_PRIVATE, nullptr), 0);
+        ASSERT_EQ(mount("/dev/null", "/etc/services", nullptr, MS_BIND, nullptr), 0);
+        EXPECT_FALSE(zav::isServerReachable());  // no interface: whatever was reported before is forgotten
+        os::execute("ip link add eth0 type veth peer name wire && ip link set wire up && ip link set eth0 up",
+                    std::chrono::seconds(20));
+        const auto deadline = std::chrono::steady_clock::now() + std::chrono::seconds(30);
+        while (!zav::isNetworkInterfaceUp() && std::chrono::steady_clock::now() < deadline) std::this_thread::yield();
+        phone_.log.forget();
+        EXPECT_FALSE(zav::isServerReachable());
+        EXPECT_FALSE(zav::isServerReachable());
+        EXPECT_EQ(phone_.log.lines(), (Lines{checking, unknown, checking}));
     }).join();
 }
 

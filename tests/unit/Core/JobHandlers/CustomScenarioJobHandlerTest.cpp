@@ -286,6 +286,16 @@ TEST_F(CustomScenarioJobHandlerTest, APhoneBookIsHandedOver) {
                               info(source, "Downloading PhoneBook from URL '" + server_.url("/book.xml") + "'")}));
 }
 
+// The URL is the device's, the local name is not: the phone's address book looks for the name that it is given.
+TEST_F(CustomScenarioJobHandlerTest, PlaceholdersInAPhoneBooksNameStay) {
+    server_.on("/00-0A-0B-0C-0D-0E.xml", HttpAnswer::ok("<contacts/>"));
+    EXPECT_EQ(run({{{"type", "LocalPhoneBook"}, {"url", "/%MACD.xml"}}}), 2);
+    EXPECT_EQ(tests::contentOf("/var/volatile/contacts/%MACD.xml"), "<contacts/>");
+    EXPECT_FALSE(tests::exists("/var/volatile/contacts/00-0A-0B-0C-0D-0E.xml"));
+    EXPECT_EQ(phone_.properties->writesTo("State.LocalDirectoryUpdate.FileName"),
+              std::vector<std::string>{"%MACD.xml"});
+}
+
 TEST_F(CustomScenarioJobHandlerTest, WithoutARenewPeriodThePeriodStays) {
     server_.on("/book.xml", HttpAnswer::ok("<contacts/>"));
     EXPECT_EQ(run({{{"type", "LocalPhoneBook"}, {"url", "/book.xml"}},

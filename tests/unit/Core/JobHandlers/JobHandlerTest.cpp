@@ -69,6 +69,12 @@ TEST_F(JobHandlerTest, AFileWithoutUrlThrows) {
     EXPECT_THROW(newest({{{"name", "x"}}}), std::out_of_range);
 }
 
+TEST_F(JobHandlerTest, AnInvalidVersionNeedsNoUrl) {
+    EXPECT_EQ(newest({{{"version", "2016-13-01_00:00:00"}}, file("2016-01-01_00:00:00", "b")}), "b");
+    EXPECT_EQ(newest({file("2016-01-01_00:00:00", "b"), {{"version", "2015-01-01_00:00:00"}}}), "b")
+        << "nor does an older one";
+}
+
 TEST_F(JobHandlerTest, VersionStrings) {
     for (const char* version : {"2016-03-01_12:00:00", "2000-01-01_00:00:00", "2099-12-31_23:59:59", "V001.000.000",
                                 "V123x456y789", "2016-02-31_00:00:00"}) {

@@ -128,6 +128,15 @@ TEST_F(NVMJobHandlerTest, TheLockItselfIsAlwaysRefused) {
     EXPECT_TRUE(phone_.properties->reads().empty());
 }
 
+TEST_F(NVMJobHandlerTest, ANameThatOnlyEndsInTheLocksNameIsAnOrdinaryParameter) {
+    const std::string name = prefix + "2.a.LockProvisioning";
+    know("FunctionKeys.2.LockProvisioning", "0");
+    know(name);
+    EXPECT_EQ(run({param(name, "1")}), 2);
+    EXPECT_EQ(phone_.log.lines(), Lines{info(source, "Applying function key param: '" + name + "'='1'")});
+    EXPECT_EQ(phone_.properties->writesTo(name), std::vector<std::string>{"1"});
+}
+
 TEST_F(NVMJobHandlerTest, ALockThatCannotBeReadIsAWarningEachTime) {
     know(prefix + "2.Label");
     EXPECT_EQ(run({param(prefix + "2.Label", "a"), param(prefix + "2.Label", "b")}), 0);

@@ -105,6 +105,87 @@ TEST_F(ReferringHandlersTest, TheResultIsTheLastJobsAlone) {
         info("Core/JobHandlers/FileDownloadHandler", "Found job with URL: " + server_.url("/success-then-fail.xml"))));
 }
 
+TEST_F(ReferringHandlersTest, ACategoriesResultIsItsLastJobs) {
+    phone_.properties->put("A", "");
+    serve("/good.xml", "settings", R"(<param name="A" value="1"/>)");
+    const std::string good = R"(<nvm><file url="/good.xml"/></nvm>)";
+    const std::string missing = R"(<nvm><file url="/missing.xml"/></nvm>)";
+    serve("/fail-then-success.xml", "nvm", missing + good);
+    serve("/success-then-fail.xml", "nvm", good + missing);
+    EXPECT_EQ(runMaster({{{"type", "nvm"}, {"url", "/fail-then-success.xml"}}}), 2);
+    EXPECT_NE(document().find("\"jobStatus\" : \"success\""), std::string::npos) << document();
+    status_.resetStatus();
+    EXPECT_EQ(runMaster({{{"type", "nvm"}, {"url", "/success-then-fail.xml"}}}), 2);
+    EXPECT_NE(document().find("\"jobStatus\" : \"fail\""), std::string::npos) << document();
+}
+
+TEST_F(ReferringHandlersTest, ACategoryKnowsNothingOfTheJobsOfTheOneBefore) {
+    serve("/nvm.xml", "nvm", R"(<file version="none" url="/x"/>)");
+    serve("/custom.xml", "custom", R"(<file version="none" url="/x"/>)");
+    runMaster({{{"type", "nvm"}, {"url", "/nvm.xml"}}, {{"type", "custom"}, {"url", "/custom.xml"}}});
+    EXPECT_EQ(phone_.log.count(info("Core/JobHandlers/JobHandler", "+++++ Starting FileDownloadHandler")), 2U);
+    for (const auto& line : phone_.log.linesOf("Core/JobHandlers/JobHandler")) {
+        EXPECT_EQ(line.text.find("is not valid for provisioning version"), std::string::npos) << line;
+    }
+    EXPECT_TRUE(phone_.log.linesOf("Core/JobHandlers/MasterJobHandler").back().text.find("Found custom") == 0);
+}
+
+// A settings job of the first category moves the server.
+TEST_F(ReferringHandlersTest, EachCategoryReadsTheServerAnew) {
+    serve("/nvm.xml", "nvm", R"(<file url="/settings.xml"/>)");
+    serve("/settings.xml", "settings",
+          "<param name=\"System.Provision.ProvisioningServer\" value=\"" + server_.url("/moved/") + "\"/>");
+    runMaster({{{"type", "nvm"}, {"url", "/nvm.xml"}}, {{"type", "custom"}, {"url", "/custom.xml"}}});
+    EXPECT_EQ(server_.requestsFor("/moved/custom.xml").size(), 1U);
+    EXPECT_TRUE(server_.requestsFor("/custom.xml").empty());
+}
+
+// The code is that of the latest failure, and an answer that cannot be used is one although it came with 200.
+TEST_F(ReferringHandlersTest, AFileThatIsNotVerifiedSetsTheHttpCode) {
+    server_.on("/other.xml", fakes::HttpAnswer::ok("<nvm version=\"1.0\" productID=\"other\"/>"));
+    runMaster({{{"type", "nvm"}, {"url", "/missing.xml"}}});
+    ASSERT_EQ(zav::lastHttpCode, 404);
+    runMaster({{{"type", "nvm"}, {"url", "/other.xml"}}});
+    EXPECT_EQ(zav::lastHttpCode, 200);
+    runDownload({{{"url", "/missing.xml"}}});
+    ASSERT_EQ(zav::lastHttpCode, 404);
+    runDownload({{{"url", "/other.xml"}}});
+    EXPECT_EQ(zav::lastHttpCode, 200);
+}
+
+TEST_F(ReferringHandlersTest, PlaceholdersInAnIncludedFilesNameAreExpanded) {
+    serve("/00-0A-0B-0C-0D-0E.xml", "settings", "");
+    runDownload({{{"url", "/%MACD.xml"}}});
+    EXPECT_TRUE(tests::exists("/var/volatile/provisioning/nvm/00-0A-0B-0C-0D-0E.xml"));
+    EXPECT_FALSE(tests::exists("/var/volatile/provisioning/nvm/%MACD.xml"));
+}
+
+/// A handler whose downloads yield these jobs, whatever is downloaded.
+template <typename Handler>
+class Supplied : public Handler {
+ public:
+    using Handler::Handler;
+    bool downloadAndParse(const std::string&, const std::string&, std::vector<JobDescription>& jobs) override {
+        jobs = {{"nvm", "param", {}}, {"nvm", "file", {}}};
+        return true;
+    }
+};
+
+TEST_F(ReferringHandlersTest, JobsWithoutItemsAreSkipped) {
+    const auto line = [](const std::string& handler) {
+        return info("Core/JobHandlers/" + handler, "Node: nvm has no child nodes, skipping");
+    };
+    const JobDescription files{"nvm", "file", {{{"url", "/any.xml"}}}};
+    EXPECT_EQ(make<Supplied<zav::FileDownloadHandler>>(files)->run(), 0);
+    EXPECT_EQ(phone_.log.count(line("FileDownloadHandler")), 2U);
+    const JobDescription categories{"provisioning", "category", {{{"type", "nvm"}, {"url", "/any.xml"}}}};
+    EXPECT_EQ(make<Supplied<zav::MasterJobHandler>>(categories)->run(), 2);
+    EXPECT_EQ(phone_.log.count(line("MasterJobHandler")), 1U) << "the version does not allow the other";
+    EXPECT_FALSE(phone_.log.has(info("Core/JobHandlers/JobHandler", "+++++ Starting NVMJobHandler")));
+    EXPECT_FALSE(phone_.log.has(info("Core/JobHandlers/JobHandler", "+++++ Starting FileDownloadHandler")));
+    EXPECT_EQ(document().find("\"jobStatus\""), std::string::npos) << document();
+}
+
 TEST_F(ReferringHandlersTest, AFileWithoutJobsIsAFailure) {
     serve("/empty.xml", "settings", "");
     EXPECT_EQ(runDownload({{{"url", "/empty.xml"}}}), 0);

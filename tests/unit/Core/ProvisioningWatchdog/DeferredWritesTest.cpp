@@ -47,6 +47,16 @@ TEST_F(DeferredWritesTest, WritesAreMadeUpForInTheirOrder) {
     EXPECT_EQ(written().size(), 4U) << "each was made once";
 }
 
+// The retry thread has nothing to do between two outages, and must be told of the next write.
+TEST_F(DeferredWritesTest, ASecondOutageIsMadeUpForToo) {
+    for (const char* value : {"a", "b", "c"}) {
+        properties_.setOffline(true);
+        write(value);
+        properties_.setOffline(false);
+        EXPECT_TRUE(properties_.waitForWrite("key", value, std::chrono::seconds(10)));
+    }
+}
+
 TEST_F(DeferredWritesTest, ATimeoutIsTriedAgainToo) {
     bool first = true;
     writes_->write(Kind::result, [&] {
@@ -130,6 +140,14 @@ TEST_F(DeferredWritesTest, ItsEndTriesOnceMore) {
     properties_.setOffline(false);
     writes_.reset();
     EXPECT_EQ(written(), std::vector<std::string>{"a"});
+}
+
+TEST_F(DeferredWritesTest, ItsEndMakesUpForEverything) {
+    properties_.setOffline(true);
+    for (const char* value : {"a", "b", "c"}) write(value);
+    properties_.setOffline(false);
+    writes_.reset();
+    EXPECT_EQ(written(), (std::vector<std::string>{"a", "b", "c"}));
 }
 
 TEST_F(DeferredWritesTest, ItsEndDoesNotWaitForAServiceThatIsAway) {

@@ -29,6 +29,9 @@ const std::string lockUi = "State.Provisioning.LockUI";
 constexpr std::array<const char*, 3> endKeys{"State.Provisioning.LockUI", "State.Provisioning",
                                              "State.Provisioning.HttpErrorCode"};
 
+// How long a test looks for what must not come.
+constexpr std::chrono::milliseconds lookout{200};
+
 /// A security object whose notification fails, or says when it was called.
 class TalkingSecurity : public zav::Security {
  public:
@@ -197,13 +200,15 @@ TEST_F(ProvisioningWorkerTest, OnlyAChangedCountOfDownloadedBytesIsProgress) {
     curl->callback(1000, 0, 0, 0);  // as it was at first
     curl->callback(2000, 0, 5, 6);
     std::thread waiter([&] { worker.waitForProgress(); });
-    ASSERT_TRUE(phone_.log.waitFor(waiting, 2));
+    EXPECT_TRUE(phone_.log.waitFor(waiting, 2));
+    EXPECT_FALSE(phone_.log.waitFor(consumed, 2, lookout)) << "nothing has come yet";
     dbg::Debug::info() << "a byte comes" << std::endl;
     curl->callback(1000, 1, 0, 0);
     waiter.join();
     curl->callback(1000, 1, 0, 0);
     std::thread again([&] { worker.waitForProgress(); });
-    ASSERT_TRUE(phone_.log.waitFor(waiting, 3));
+    EXPECT_TRUE(phone_.log.waitFor(waiting, 3));
+    EXPECT_FALSE(phone_.log.waitFor(consumed, 3, lookout)) << "the same number again";
     dbg::Debug::info() << "the answer comes" << std::endl;
     gate_->open();
     again.join();

@@ -70,10 +70,15 @@ TEST_F(Download, ExpandsDevicePlaceholders) {
 }
 
 TEST_F(Download, FailsIfAPlaceholderCannotBeExpanded) {
+    const fakes::LogCapture log;
     properties->setOffline(true);
     EXPECT_EQ(fetch("/%DVID.xml"), malformedUrl);
     EXPECT_EQ(curl->getHttpCode(), 0);
     EXPECT_TRUE(server.requests().empty());
+    EXPECT_EQ(log.lines(), fakes::LogCapture::Lines{fakes::warning(
+                               "platform/http/src/FileDownloader",
+                               "URL cannot be completed: Property 'System.General.DeviceID': the property service is "
+                               "offline")});
 }
 
 class OtherStatus : public Fixture, public testing::WithParamInterface<int> {};
@@ -296,6 +301,7 @@ TEST_F(Download, RequiresAFileName) {
 }
 
 TEST_F(Download, FailsIfTheDestinationCannotBeWritten) {
+    const fakes::LogCapture log;
     server.on("/a.xml", HttpAnswer::ok("content"));
     writeFile(folder + "/plain", "a file, no folder");
     EXPECT_EQ(fetch(server.url("/a.xml"), folder + "/plain/file.xml"), writeError);
@@ -307,6 +313,11 @@ TEST_F(Download, FailsIfTheDestinationCannotBeWritten) {
     EXPECT_EQ(fetch("/a.xml"), writeError);
     EXPECT_TRUE(std::filesystem::is_directory(target));
     EXPECT_TRUE(namesIn(target).empty());
+    const auto lines = log.lines();
+    ASSERT_EQ(lines.size(), 4U);
+    for (const auto& line : lines) EXPECT_EQ(line.level, "error") << line;
+    EXPECT_EQ(lines[0], fakes::error("platform/http/src/FileDownloader",
+                                     "Cannot open the folder " + folder + "/plain/: Not a directory"));
 }
 
 TEST_F(Download, DoesNotFollowSymbolicLinks) {

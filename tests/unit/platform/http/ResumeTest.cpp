@@ -103,6 +103,30 @@ TEST_F(Resume, AcceptsAnEmptyFileIfTheFileChanged) {
     EXPECT_EQ(contentOf(image), "");
 }
 
+TEST_F(Resume, GoesOnWithAChangedFileThatBreaksOffToo) {
+    const HttpHeaders changed{{"ETag", "\"new\""}};
+    server.on("/image", {HttpAnswer::ok(std::string(200000, 'o'), {{"ETag", "\"old\""}}).cutOffAfter(150000),
+                         HttpAnswer::ok(content, changed).cutOffAfter(80000), rest(80000, changed)});
+    EXPECT_EQ(fetchImage(), ok);
+    EXPECT_TRUE(holds(image, content));
+    const auto asked = server.requests();
+    ASSERT_EQ(asked.size(), 3U);
+    EXPECT_EQ(asked[1].header("Range"), "bytes=150000-");
+    EXPECT_EQ(asked[2].header("Range"), "bytes=80000-");
+    EXPECT_EQ(asked[2].header("If-Range"), "\"new\"");
+}
+
+// The first break is tried again at once, the next one that brought little a second later.
+TEST_F(Resume, PausesBeforeItTriesAgain) {
+    const HttpHeaders known{{"ETag", "\"v1\""}};
+    server.on("/image", {HttpAnswer::ok(content, known).cutOffAfter(1000), rest(1000, known).cutOffAfter(1000),
+                         rest(2000, known)});
+    const auto begin = std::chrono::steady_clock::now();
+    EXPECT_EQ(fetchImage(), ok);
+    EXPECT_GE(std::chrono::steady_clock::now() - begin, std::chrono::seconds(1));
+    EXPECT_TRUE(holds(image, content));
+}
+
 // Responses without a strong validator.
 class WithoutStrongValidator : public Resume, public testing::WithParamInterface<HttpHeaders> {};
 

@@ -23,6 +23,12 @@ TEST(Pace, DoesNotCountTheFirstFiveMinutes) {
     EXPECT_FALSE(keepsPace(minutes(5) + seconds(1), 0));
 }
 
+TEST(Pace, AsksForOneKibibyteASecondAfterThat) {
+    EXPECT_TRUE(keepsPace(minutes(5) + seconds(100), 100 * 1024));
+    EXPECT_FALSE(keepsPace(minutes(5) + seconds(100), 100 * 1024 - 1));
+    EXPECT_FALSE(keepsPace(minutes(5) + seconds(101), 100 * 1024));
+}
+
 TEST(Pace, AllowsASlowLine) {
     // 2 KiB a second for two hours.
     EXPECT_TRUE(keepsPace(hours(2), 2 * 1024 * 7200));
@@ -50,6 +56,26 @@ TEST(ResumePlan, ProgressResetsTheBackOff) {
     EXPECT_EQ(plan.next(mebibyte + 2), std::nullopt);
 }
 
+TEST(ResumePlan, AStepForwardIsSixtyFourKibibytes) {
+    constexpr std::uint64_t step = 64 * 1024;
+    ResumePlan enough;
+    EXPECT_EQ(enough.next(step), seconds(0));
+    EXPECT_EQ(enough.next(2 * step), seconds(0));
+    EXPECT_EQ(enough.next(3 * step), seconds(0));
+    ResumePlan tooLittle;
+    EXPECT_EQ(tooLittle.next(step - 1), seconds(0));
+    EXPECT_EQ(tooLittle.next(2 * (step - 1)), seconds(1));
+    EXPECT_EQ(tooLittle.next(3 * (step - 1)), seconds(2));
+}
+
+TEST(ResumePlan, AFileThatBeginsAnewIsCountedFromItsNewSize) {
+    ResumePlan plan;
+    EXPECT_EQ(plan.next(mebibyte), seconds(0));
+    EXPECT_EQ(plan.next(0), seconds(0)) << "the first without a step forward";
+    EXPECT_EQ(plan.next(0), seconds(1));
+    EXPECT_EQ(plan.next(64 * 1024), seconds(0)) << "far from where it was, and ahead of where it began anew";
+}
+
 TEST(ResumePlan, GivesUpAfterAHundredAttempts) {
     ResumePlan plan;
     std::uint64_t size = 0;
@@ -60,6 +86,8 @@ TEST(ResumePlan, GivesUpAfterAHundredAttempts) {
 TEST(ResumePlan, RetriesOnlyAfterAnInterruption) {
     // A truncated body, a failed receive, a refused connection, a timeout.
     for (const int result : {18, 56, 7, 28}) EXPECT_TRUE(ResumePlan::isRetryable(result)) << result;
+    // An unknown host, a failed handshake, a failed send, no response.
+    for (const int result : {6, 35, 55, 52}) EXPECT_TRUE(ResumePlan::isRetryable(result)) << result;
     // Success, too large, not written, not trusted, an invalid range, too many redirects.
     for (const int result : {0, 63, 23, 60, 33, 47}) EXPECT_FALSE(ResumePlan::isRetryable(result)) << result;
 }

@@ -48,7 +48,9 @@ INSTANTIATE_TEST_SUITE_P(
                     Row{"2", "3", Comparison::newer}, Row{"kd4v-2.13.7", "kd4v-2.14", Comparison::newer},
                     Row{"2.13.7", "kd4v-2.14", Comparison::newer}, Row{"kd4v-2.13.7", "2.14", Comparison::newer},
                     Row{"1.18446744073709551616", "1.18446744073709551617", Comparison::newer},
-                    Row{"1.0", "1." + hundredDigits, Comparison::newer}, Row{"2.13.7", "kd4v-3", Comparison::newer}));
+                    Row{"1.0", "1." + hundredDigits, Comparison::newer}, Row{"2.13.7", "kd4v-3", Comparison::newer},
+                    Row{"2.13.7", std::string(128, '1'), Comparison::newer}, Row{"1", "1.0.0.0.1", Comparison::newer},
+                    Row{"9", "10", Comparison::newer}, Row{"azAZ09-1", "azAZ09-2", Comparison::newer}));
 
 INSTANTIATE_TEST_SUITE_P(
     Older, ComparisonTest,
@@ -76,6 +78,14 @@ INSTANTIATE_TEST_SUITE_P(
                     Row{"2.13.7", "２.14", Comparison::malformed}, Row{"2.13.7", "latest", Comparison::malformed},
                     Row{"2.13.7", std::string(129, '1'), Comparison::malformed},
                     Row{"", "latest", Comparison::malformed}));
+
+// The neighbours of digits and letters.
+INSTANTIATE_TEST_SUITE_P(
+    NextToDigitsAndLetters, ComparisonTest,
+    testing::Values(Row{"1", "2./", Comparison::malformed}, Row{"1", "2.:", Comparison::malformed},
+                    Row{"1", "a/-2", Comparison::malformed}, Row{"1", "a:-2", Comparison::malformed},
+                    Row{"1", "a@-2", Comparison::malformed}, Row{"1", "a[-2", Comparison::malformed},
+                    Row{"1", "a`-2", Comparison::malformed}, Row{"1", "a{-2", Comparison::malformed}));
 
 INSTANTIATE_TEST_SUITE_P(NoUpgradePath, ComparisonTest,
                          testing::Values(Row{"", "2.14", Comparison::noUpgradePath},
