@@ -12,8 +12,8 @@ class Reception {
     virtual ~Reception() = default;
 };
 
-/// Call first in `main`, before any other thread exists: SIGPIPE is ignored from here on. Keep the result until the
-/// end of `main`.
+/// Call first in `main`, before any other thread exists: SIGPIPE is ignored from here on, and
+/// SIGCHLD has its default effect. Keep the result until the end of `main`.
 [[nodiscard]] std::unique_ptr<Reception> registerHandler();
 
 /// From now on `handler` is called with `signal` on the receiving thread each time the signal comes. To be called

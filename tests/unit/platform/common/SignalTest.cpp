@@ -49,6 +49,12 @@ TEST(SignalTest, HandlersRunInOrdinaryContextOnAThreadOfTheirOwn) {
     EXPECT_EQ(received.size(), 2U);
 }
 
+TEST(SignalTest, AnIgnoredChildSignalOfTheParentIsNotInherited) {
+    const auto before = signal(SIGCHLD, SIG_IGN);
+    const auto reception = common::signal::registerHandler();
+    EXPECT_EQ(signal(SIGCHLD, before), SIG_DFL);
+}
+
 TEST(SignalTest, WritingToAClosedPipeIsAnErrorAndNoDeath) {
     const auto reception = common::signal::registerHandler();
     int ends[2];
