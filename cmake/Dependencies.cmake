@@ -8,7 +8,7 @@ find_package(SQLite3 REQUIRED)
 find_package(CLI11 REQUIRED)
 pkg_check_modules(MOSQUITTO REQUIRED IMPORTED_TARGET libmosquitto)
 pkg_check_modules(JSONCPP REQUIRED IMPORTED_TARGET jsoncpp)
-find_library(TRE_LIBRARY tre REQUIRED)  # its pkg-config file carries compiler flags that are not ours
+pkg_check_modules(PCRE2_POSIX REQUIRED IMPORTED_TARGET libpcre2-posix>=10.37)
 if(ZAV_TESTS OR NOT DEFINED ZAV_TESTS)
   find_package(GTest REQUIRED)
 endif()
