@@ -26,9 +26,6 @@ using common::Descriptor;
 
 constexpr std::size_t keptErrorText = 512;
 constexpr std::chrono::milliseconds stopCheckInterval{250};
-// Other threads may open files between the look at what is open and the start of the child. The kernel gives out the
-// lowest free descriptor, so those lie at most this many above the highest.
-constexpr int openedMeanwhile = 64;
 // What a shell answers for a program that it does not find, or may not execute.
 constexpr int cannotExecute = 126;
 constexpr int commandNotFound = 127;
@@ -69,11 +66,7 @@ class SpawnAttributes {
         posix_spawn_file_actions_addopen(&actions_, STDIN_FILENO, "/dev/null", O_RDONLY, 0);
         posix_spawn_file_actions_addopen(&actions_, STDOUT_FILENO, "/dev/null", O_WRONLY, 0);
         posix_spawn_file_actions_adddup2(&actions_, errorPipe, STDERR_FILENO);
-        // One by one, because few C libraries close all from a number on. Closing what is not open is allowed.
-        const int last = common::highestOpenDescriptor() + openedMeanwhile;
-        for (int descriptor = STDERR_FILENO + 1; descriptor <= last; ++descriptor) {
-            if (posix_spawn_file_actions_addclose(&actions_, descriptor) != 0) break;  // the process's limit
-        }
+        common::closeInChild(actions_);
     }
 
     const posix_spawnattr_t* attributes() const { return &attributes_; }

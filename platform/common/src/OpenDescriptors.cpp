@@ -14,6 +14,8 @@ namespace common {
 namespace {
 
 constexpr long mostTried = 65536;
+// The kernel gives out the lowest free descriptor: so many new ones lie at most so far above the highest.
+constexpr int openedMeanwhile = 64;
 
 int highestByTrying() {
     const long limit = sysconf(_SC_OPEN_MAX);
@@ -37,6 +39,14 @@ int highestOpenDescriptor(const char* listing) {
         }
     }
     return error ? highestByTrying() : highest;
+}
+
+void closeInChild(posix_spawn_file_actions_t& actions) {
+    // One by one, because few C libraries close all from a number on. Closing what is not open is allowed.
+    const int last = highestOpenDescriptor() + openedMeanwhile;
+    for (int descriptor = STDERR_FILENO + 1; descriptor <= last; ++descriptor) {
+        if (posix_spawn_file_actions_addclose(&actions, descriptor) != 0) return;  // beyond the process's limit
+    }
 }
 
 }  // namespace common
