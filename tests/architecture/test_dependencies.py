@@ -21,7 +21,7 @@ FENCED = {
     r"mosquitto.*\.h|mqtt_protocol\.h": r"platform/ipc/src/.*",
     r"curl/.*": r"platform/http/src/.*|src/main\.cpp",
     r"libxml/.*": r"src/xml/.*\.cpp",
-    r"tre/.*": r"src/Core/JobHandlers/JobHandler\.cpp",
+    r"pcre2.*\.h": r"src/Core/JobHandlers/RegularExpression\.cpp",
     r"sqlite3\.h": r"services/property-service/.*",
     r"openssl/.*": r"platform/(http|security)/src/.*",
     r"CLI/.*": r"services/.*|tools/.*",

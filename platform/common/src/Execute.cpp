@@ -4,15 +4,17 @@
 #include <poll.h>
 #include <signal.h>
 #include <spawn.h>
-#include <sys/syscall.h>
 #include <sys/wait.h>
 #include <unistd.h>
 
 #include <algorithm>
 #include <array>
 #include <cerrno>
+#include <optional>
 #include <system_error>
 
+#include "ChildEnd.h"
+#include "OpenDescriptors.h"
 #include "common/Descriptor.h"
 #include "common/Quote.h"
 
@@ -64,7 +66,7 @@ class SpawnAttributes {
         posix_spawn_file_actions_addopen(&actions_, STDIN_FILENO, "/dev/null", O_RDONLY, 0);
         posix_spawn_file_actions_addopen(&actions_, STDOUT_FILENO, "/dev/null", O_WRONLY, 0);
         posix_spawn_file_actions_adddup2(&actions_, errorPipe, STDERR_FILENO);
-        posix_spawn_file_actions_addclosefrom_np(&actions_, STDERR_FILENO + 1);
+        common::closeInChild(actions_);
     }
 
     const posix_spawnattr_t* attributes() const { return &attributes_; }
@@ -91,76 +93,108 @@ void drain(Descriptor& pipe, std::string& kept) {
     }
 }
 
-int reap(pid_t child) {
-    int status = 0;
-    while (waitpid(child, &status, 0) < 0 && errno == EINTR) {
+// The running shell. Destroyed before it was waited for, it is killed with its whole group.
+class Shell {
+ public:
+    /// Throws CommandNotStartedException.
+    Shell(const std::string& command, int errorPipe) {
+        SpawnAttributes spawn;
+        spawn.prepare(errorPipe);
+        std::string shell = "sh";
+        std::string option = "-c";
+        std::string text = command;
+        const std::array<char*, 4> arguments{shell.data(), option.data(), text.data(), nullptr};
+        const int error =
+            posix_spawn(&process_, "/bin/sh", spawn.actions(), spawn.attributes(), arguments.data(), environ);
+        if (error != 0) failToStart(command, "cannot be started: " + describe(error));
     }
-    return status;
-}
+    Shell(const Shell&) = delete;
+    Shell& operator=(const Shell&) = delete;
+    ~Shell() {
+        if (reaped_) return;
+        kill(-process_, SIGKILL);
+        reap();
+    }
+
+    /// Throws std::system_error.
+    void watch() { end_.emplace(process_); }
+    int endDescriptor() const { return end_->descriptor(); }
+
+    /// Waits for the end. The exit status as waitpid reports it; nothing, with errno set, if it is lost.
+    std::optional<int> reap() {
+        end_.reset();  // it may still be looking at the process
+        reaped_ = true;
+        int status = 0;
+        while (waitpid(process_, &status, 0) < 0) {
+            if (errno != EINTR) return std::nullopt;
+        }
+        return status;
+    }
+
+ private:
+    pid_t process_ = -1;
+    std::optional<common::ChildEnd> end_;
+    bool reaped_ = false;
+};
 
 std::string spoken(std::string errorText) {
     while (!errorText.empty() && errorText.back() == '\n') errorText.pop_back();
     return errorText.empty() ? "" : ": " + quote(errorText);
 }
 
+struct Limits {
+    std::chrono::milliseconds timeout;
+    const common::StopSignal* stop;
+};
+
+// Returns once the shell has ended, with the beginning of what it wrote to standard error until then.
+std::string awaitEnd(const std::string& command, const Shell& shell, Descriptor& errors, const Limits& limits) {
+    using Clock = std::chrono::steady_clock;
+    const auto deadline = Clock::now() + limits.timeout;
+    std::string errorText;
+    for (;;) {
+        if (limits.stop != nullptr && limits.stop->isOverdue()) {
+            fail(command, "was ended: the process is shutting down");
+        }
+        const auto left = std::chrono::ceil<std::chrono::milliseconds>(deadline - Clock::now());
+        if (left.count() <= 0) {
+            fail(command, "took longer than " + std::to_string(limits.timeout.count()) + " ms and was ended");
+        }
+        std::array<pollfd, 2> waited{pollfd{shell.endDescriptor(), POLLIN, 0}, pollfd{errors.get(), POLLIN, 0}};
+        const auto longest = limits.stop == nullptr ? std::chrono::milliseconds(60000) : stopCheckInterval;
+        const int ready = poll(waited.data(), waited.size(), static_cast<int>(std::min(left, longest).count()));
+        if (ready < 0 && errno != EINTR) fail(command, "cannot be waited for: " + describe(errno));
+        if (ready <= 0) continue;
+        if (waited[1].revents != 0) drain(errors, errorText);
+        if (waited[0].revents != 0) return errorText;
+    }
+}
+
 }  // namespace
 
 void execute(const std::string& command, std::chrono::milliseconds timeout, const common::StopSignal* stop) {
-    using Clock = std::chrono::steady_clock;
-    const auto deadline = Clock::now() + timeout;
-
     std::array<int, 2> ends{};
     if (pipe2(ends.data(), O_CLOEXEC) != 0) failToStart(command, "cannot be started: " + describe(errno));
     Descriptor errors(ends[0]);
-    Descriptor childErrors(ends[1]);
+    Descriptor shellErrors(ends[1]);
     fcntl(errors.get(), F_SETFL, O_NONBLOCK);
 
-    SpawnAttributes spawn;
-    spawn.prepare(childErrors.get());
-    std::string shell = "sh";
-    std::string option = "-c";
-    std::string text = command;
-    const std::array<char*, 4> arguments{shell.data(), option.data(), text.data(), nullptr};
-    pid_t child = -1;
-    const int error = posix_spawn(&child, "/bin/sh", spawn.actions(), spawn.attributes(), arguments.data(), environ);
-    if (error != 0) failToStart(command, "cannot be started: " + describe(error));
-    childErrors.close();
-    const Descriptor ended(static_cast<int>(syscall(SYS_pidfd_open, child, 0)));
-    if (ended.get() < 0) {
-        const int reason = errno;
-        kill(-child, SIGKILL);
-        reap(child);
-        fail(command, "cannot be waited for: " + describe(reason));
+    Shell shell(command, shellErrors.get());
+    shellErrors.close();
+    try {
+        shell.watch();
+    } catch (const std::system_error& failure) {
+        fail(command, "cannot be waited for: " + describe(failure.code().value()));
     }
-
-    std::string errorText;
-    for (;;) {
-        const auto left = std::chrono::ceil<std::chrono::milliseconds>(deadline - Clock::now());
-        const bool shuttingDown = stop != nullptr && stop->isOverdue();
-        if (left.count() <= 0 || shuttingDown) {
-            kill(-child, SIGKILL);
-            reap(child);
-            fail(command, shuttingDown ? "was ended: the process is shutting down"
-                                       : "took longer than " + std::to_string(timeout.count()) + " ms and was ended");
-        }
-        std::array<pollfd, 2> waited{pollfd{ended.get(), POLLIN, 0}, pollfd{errors.get(), POLLIN, 0}};
-        const auto longest = stop == nullptr ? std::chrono::milliseconds(60000) : stopCheckInterval;
-        const int ready = poll(waited.data(), waited.size(), static_cast<int>(std::min(left, longest).count()));
-        if (ready < 0 && errno != EINTR) {
-            const int reason = errno;
-            kill(-child, SIGKILL);
-            reap(child);
-            fail(command, "cannot be waited for: " + describe(reason));
-        }
-        if (ready <= 0) continue;
-        if (waited[1].revents != 0) drain(errors, errorText);
-        if (waited[0].revents != 0) break;
-    }
-    const int status = reap(child);
+    std::string errorText = awaitEnd(command, shell, errors, {timeout, stop});
+    const std::optional<int> status = shell.reap();
+    // A program that ignores SIGCHLD loses the status of its children.
+    if (!status) fail(command, "cannot be waited for: " + describe(errno));
     if (errors.get() >= 0) drain(errors, errorText);
-    if (WIFSIGNALED(status))
-        fail(command, "was ended by signal " + std::to_string(WTERMSIG(status)) + spoken(errorText));
-    if (const int code = WEXITSTATUS(status); code != 0) {
+    if (WIFSIGNALED(*status)) {
+        fail(command, "was ended by signal " + std::to_string(WTERMSIG(*status)) + spoken(errorText));
+    }
+    if (const int code = WEXITSTATUS(*status); code != 0) {
         const std::string reason = "ended with status " + std::to_string(code) + spoken(errorText);
         if (code == cannotExecute || code == commandNotFound) failToStart(command, reason);
         fail(command, reason);

@@ -2,20 +2,24 @@
 
 #include <cstdlib>  // defines __GLIBC__
 
-#ifdef __GLIBC__
+// uClibc claims to be glibc.
+#if defined(__GLIBC__) && !defined(__UCLIBC__)
 #include <malloc.h>
+#define ZAV_GLIBC_HEAP 1
+#else
+#define ZAV_GLIBC_HEAP 0
 #endif
 
 namespace common {
 
 void useOneHeap() {
-#ifdef __GLIBC__
+#if ZAV_GLIBC_HEAP
     mallopt(M_ARENA_MAX, 1);
 #endif
 }
 
 void releaseFreeMemory() {
-#ifdef __GLIBC__
+#if ZAV_GLIBC_HEAP
     malloc_trim(0);
 #endif
 }

@@ -20,6 +20,8 @@ class ReceiverThread final : public SignalReceiver {
  public:
     ReceiverThread() {
         ::signal(SIGPIPE, SIG_IGN);
+        // A parent may have left it ignored: the kernel would then drop the exit status of our children.
+        ::signal(SIGCHLD, SIG_DFL);
         // The thread's own wake-up call: blocked everywhere, taken by sigwait only.
         block(wakeUp());
     }

@@ -8,6 +8,14 @@
 
 namespace ipc {
 
+namespace {
+
+// C libraries disagree on what strerror_r returns: the text, or whether it wrote one into the buffer.
+[[maybe_unused]] const char* textOf(const char* text, const char* /*buffer*/) { return text; }
+[[maybe_unused]] const char* textOf(int error, const char* buffer) { return error == 0 ? buffer : "unknown error"; }
+
+}  // namespace
+
 std::string Incoming::responseTopic() const {
     char* text = nullptr;
     if (mosquitto_property_read_string(properties, MQTT_PROP_RESPONSE_TOPIC, &text, false) == nullptr) return {};
@@ -63,7 +71,7 @@ std::string noBrokerText(int reason, int systemError) {
 
 std::string systemText(int systemError) {
     char buffer[128] = "";
-    return strerror_r(systemError, buffer, sizeof buffer);
+    return textOf(strerror_r(systemError, buffer, sizeof buffer), buffer);
 }
 
 bool topicMatches(const std::string& filter, std::string_view topic) {

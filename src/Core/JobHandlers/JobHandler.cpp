@@ -1,13 +1,13 @@
 #include "Core/JobHandlers/JobHandler.h"
 
-#include <tre/tre.h>
-
 #include <algorithm>
+#include <optional>
 #include <utility>
 
 #include "Core/Constants.h"
 #include "Core/JobHandlers/JobHandlerFactory.h"
 #include "Core/JobHandlers/ProvisioningFileParser.h"
+#include "Core/JobHandlers/RegularExpression.h"
 #include "Core/Pass.h"
 #include "Core/PassState.h"
 #include "common/Quote.h"
@@ -20,7 +20,6 @@ namespace zav {
 namespace {
 
 constexpr const char* oldestVersion = "1000-01-01_01:01:01";
-// \d is a digit in this library's syntax.
 constexpr const char* versionPattern =
     R"(^(20[0-9][0-9]-(0[1-9]|1[012])-(0[1-9]|[12][0-9]|3[01])_([01][0-9]|2[0-3]):[0-5][0-9]:[0-5][0-9]|V\d\d\d.\d\d\d.\d\d\d)$)";
 
@@ -171,18 +170,16 @@ void removeJobsNotAllowed(std::vector<JobDescription>& jobs) {
 }
 
 bool isValidVersion(const std::string& version) {
-    regex_t expression{};
-    if (tre_regcomp(&expression, versionPattern, REG_EXTENDED) != 0) {
+    const std::optional<bool> matches = matchesWhole(versionPattern, version);
+    if (!matches) {
         dbg::Debug::error() << "Time Version Expression did not compile" << std::endl;
         return false;
     }
-    const bool matches = tre_regexec(&expression, version.c_str(), 0, nullptr, 0) == 0;
-    tre_regfree(&expression);
-    if (!matches) {
+    if (!*matches) {
         dbg::Debug::warning() << "Version " << quote(version) << " doesn't match YYYY-MM-DD_HH:MM:SS format."
                               << std::endl;
     }
-    return matches;
+    return *matches;
 }
 
 }  // namespace zav

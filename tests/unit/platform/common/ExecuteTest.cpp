@@ -1,13 +1,18 @@
 #include "common/Execute.h"
 
+#include <fcntl.h>
 #include <gtest/gtest.h>
 #include <signal.h>
+#include <sys/stat.h>
 #include <unistd.h>
 
+#include <atomic>
 #include <filesystem>
 #include <fstream>
 #include <sstream>
 #include <string>
+#include <thread>
+#include <vector>
 
 namespace {
 
@@ -84,6 +89,36 @@ TEST_F(ExecuteTest, ATimeOutEndsTheWholeGroup) {
     EXPECT_TRUE(state.empty() || state.find(") Z ") != std::string::npos) << state;
 }
 
+TEST_F(ExecuteTest, AProcessLeftBehindDoesNotDelayTheEnd) {
+    const auto start = std::chrono::steady_clock::now();
+    os::execute("sleep 600 & echo $! > " + file("pid"), seconds(500));  // it keeps standard error open
+    EXPECT_LT(std::chrono::steady_clock::now() - start, seconds(60));
+    EXPECT_EQ(kill(std::stoi(content(file("pid"))), SIGKILL), 0) << "it is still there";
+}
+
+TEST_F(ExecuteTest, ALostExitStatusIsAFailure) {
+    const auto before = signal(SIGCHLD, SIG_IGN);
+    const std::string text = failure("exit 0");
+    signal(SIGCHLD, before);
+    EXPECT_EQ(text, "Command 'exit 0' cannot be waited for: No child processes");
+}
+
+TEST_F(ExecuteTest, CommandsRunBesideEachOther) {
+    std::vector<std::thread> threads;
+    std::atomic<int> right{0};
+    for (int thread = 1; thread <= 8; ++thread) {
+        threads.emplace_back([&right, thread] {
+            for (int round = 0; round < 10; ++round) {
+                const std::string command = "exit " + std::to_string(thread);
+                const std::string expected = "Command '" + command + "' ended with status " + std::to_string(thread);
+                if (failure(command, seconds(100)) == expected) ++right;
+            }
+        });
+    }
+    for (std::thread& thread : threads) thread.join();
+    EXPECT_EQ(right, 80);
+}
+
 TEST_F(ExecuteTest, AShutdownEndsACommandOnceItIsOverdue) {
     common::StopSignal stop(milliseconds(0));
     EXPECT_NO_THROW(os::execute("sleep 0.3", seconds(10), &stop)) << "no shutdown yet";
@@ -119,7 +154,11 @@ TEST_F(ExecuteTest, TheChildHasNoDescriptorsOfOurs) {
     const int inherited = dup(STDERR_FILENO);  // without close-on-exec
     ASSERT_GE(inherited, 3);
     EXPECT_NO_THROW(os::execute("test ! -e /proc/self/fd/" + std::to_string(inherited), seconds(10)));
+    const int high = fcntl(STDERR_FILENO, F_DUPFD, 700);
+    ASSERT_GE(high, 700);
+    EXPECT_NO_THROW(os::execute("test ! -e /proc/self/fd/" + std::to_string(high), seconds(10)));
     close(inherited);
+    close(high);
     EXPECT_NO_THROW(os::execute("test $(readlink /proc/self/fd/0) = /dev/null", seconds(10)));
 }
 

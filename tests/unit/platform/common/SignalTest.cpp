@@ -49,6 +49,12 @@ TEST(SignalTest, HandlersRunOnTheReceivingThread) {
     EXPECT_EQ(received.size(), 2U);
 }
 
+TEST(SignalTest, RegisterHandlerRestoresAnIgnoredSigchld) {
+    const auto before = signal(SIGCHLD, SIG_IGN);
+    const auto receiver = common::signal::registerHandler();
+    EXPECT_EQ(signal(SIGCHLD, before), SIG_DFL);
+}
+
 TEST(SignalTest, WritingToAClosedPipeFailsWithEpipe) {
     const auto receiver = common::signal::registerHandler();
     int ends[2];

@@ -1,0 +1,22 @@
+# What a release build is hardened with, on the same INTERFACE target as the warnings.
+include(CheckCXXSourceCompiles)
+
+# _FORTIFY_SOURCE is left to whoever sets it: the builder's flags, also with -U, or the compiler's own default. The C
+# library warns of it in code that is not optimised. The result is cached for these flags only, because they may change.
+set(flags "${CMAKE_CXX_FLAGS} ${CMAKE_CXX_FLAGS_RELEASE}")
+string(MD5 key "${flags}")
+set(CMAKE_REQUIRED_FLAGS "${CMAKE_CXX_FLAGS_RELEASE}")
+set(CMAKE_REQUIRED_QUIET ON)
+check_cxx_source_compiles("
+  #if defined(_FORTIFY_SOURCE) || !defined(__OPTIMIZE__)
+  #error
+  #endif
+  int main() {}" ZAV_MAY_FORTIFY_${key})
+unset(CMAKE_REQUIRED_FLAGS)
+unset(CMAKE_REQUIRED_QUIET)
+if(ZAV_MAY_FORTIFY_${key} AND NOT flags MATCHES "_FORTIFY_SOURCE")
+  target_compile_definitions(zav_options INTERFACE $<$<CONFIG:Release>:_FORTIFY_SOURCE=2>)
+endif()
+
+target_compile_options(zav_options INTERFACE $<$<CONFIG:Release>:-fstack-protector-strong>)
+target_link_options(zav_options INTERFACE $<$<CONFIG:Release>:-Wl,-z,relro,-z,now>)

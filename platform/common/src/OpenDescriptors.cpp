@@ -1,0 +1,52 @@
+#include "OpenDescriptors.h"
+
+#include <fcntl.h>
+#include <unistd.h>
+
+#include <algorithm>
+#include <charconv>
+#include <filesystem>
+#include <string>
+#include <system_error>
+
+namespace common {
+
+namespace {
+
+constexpr long mostTried = 65536;
+// The kernel gives out the lowest free descriptor: so many new ones lie at most so far above the highest.
+constexpr int openedMeanwhile = 64;
+
+int highestByTrying() {
+    const long limit = sysconf(_SC_OPEN_MAX);
+    int descriptor = static_cast<int>(limit < 0 ? mostTried : std::min(limit, mostTried)) - 1;
+    while (descriptor > STDERR_FILENO && fcntl(descriptor, F_GETFD) < 0) --descriptor;
+    return std::max(descriptor, STDERR_FILENO);
+}
+
+}  // namespace
+
+int highestOpenDescriptor(const char* listing) {
+    std::error_code error;
+    std::filesystem::directory_iterator entry(listing, error);
+    if (error) return highestByTrying();
+    int highest = STDERR_FILENO;
+    for (; entry != std::filesystem::directory_iterator(); entry.increment(error)) {
+        const std::string name = entry->path().filename().string();
+        int descriptor = 0;
+        if (std::from_chars(name.data(), name.data() + name.size(), descriptor).ec == std::errc()) {
+            highest = std::max(highest, descriptor);
+        }
+    }
+    return error ? highestByTrying() : highest;
+}
+
+void closeInChild(posix_spawn_file_actions_t& actions) {
+    // One by one, because few C libraries close all from a number on. Closing what is not open is allowed.
+    const int last = highestOpenDescriptor() + openedMeanwhile;
+    for (int descriptor = STDERR_FILENO + 1; descriptor <= last; ++descriptor) {
+        if (posix_spawn_file_actions_addclose(&actions, descriptor) != 0) return;  // beyond the process's limit
+    }
+}
+
+}  // namespace common
