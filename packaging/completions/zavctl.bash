@@ -8,6 +8,7 @@ _zavctl_keys() {
 _zavctl() {
     local cur=${COMP_WORDS[COMP_CWORD]} command='' words=0 index word name
     local host=()
+    local commands='backup describe diff export get help import keys list provision reset restore set status watch'
     COMPREPLY=()
     for ((index = 1; index < COMP_CWORD; index++)); do
         word=${COMP_WORDS[index]}
@@ -33,7 +34,8 @@ _zavctl() {
         local options='--json --host --help'
         case $command in
             '') options+=' --version' ;;
-            list | diff | export) options+=' --show-secrets' ;;
+            list | export) options+=' --show-secrets' ;;
+            diff) options+=' --show-secrets --all' ;;
             import) options+=' --show-secrets --apply' ;;
             backup) options+=' --force' ;;
             provision) options+=' --wait --timeout' ;;
@@ -42,10 +44,8 @@ _zavctl() {
         return
     fi
     case $command in
-        '')
-            mapfile -t COMPREPLY < <(compgen -W 'backup describe diff export get import keys list provision reset restore
-                set status watch' -- "$cur")
-            ;;
+        '') mapfile -t COMPREPLY < <(compgen -W "$commands" -- "$cur") ;;
+        help) if [ "$words" -eq 0 ]; then mapfile -t COMPREPLY < <(compgen -W "$commands" -- "$cur"); fi ;;
         describe | export | get | keys | list | reset | set | watch)
             if [ "$words" -eq 0 ]; then mapfile -t COMPREPLY < <(_zavctl_keys "$cur"); fi
             ;;

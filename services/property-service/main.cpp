@@ -1,7 +1,6 @@
 // prop-service: keeps every setting and state of the phone and serves them on the bus. Wiring only.
 #include <CLI/CLI.hpp>
 #include <csignal>
-#include <cstdint>
 #include <future>
 #include <iostream>
 #include <string>
@@ -10,6 +9,8 @@
 #include "common/Descriptor.h"
 #include "common/Signal.h"
 #include "debug/Debug.h"
+#include "ipc/Address.h"
+#include "ipc/IPCException.h"
 #include "ipc/IPCFactory.h"
 #include "service/PropertyService.h"
 #include "store/Store.h"
@@ -33,9 +34,19 @@ void onTerminate(int) {
     }
 }
 
-std::string address(const std::string& host, std::uint16_t port) {
-    const bool bareIpv6 = host.find(':') != std::string::npos && host.front() != '[';
-    return (bareIpv6 ? "[" + host + "]" : host) + ":" + std::to_string(port);
+std::string objectionToHost(const std::string& host) {
+    try {
+        ipc::parseAddress(host);
+        return {};
+    } catch (const ipc::IPCException& error) {
+        return error.what();
+    }
+}
+
+// As the bus takes it: an IPv6 address stands in brackets before a port.
+std::string withPort(const ipc::Address& address, int port) {
+    const bool isIpv6 = address.host.find(':') != std::string::npos;
+    return (isIpv6 ? "[" + address.host + "]" : address.host) + ":" + std::to_string(port);
 }
 
 }  // namespace
@@ -47,16 +58,24 @@ int main(int argc, char** argv) {
     std::string storePath = "/var/lib/zav/properties.db";
     std::string cataloguePath = "/usr/share/zav/catalogue.json";
     std::string host = "localhost";
-    std::uint16_t port = 1883;
+    int port = 0;
     CLI::App app{"Keeps every setting and state of the phone, and serves them on the bus.", "prop-service"};
     app.add_option("--store", storePath, "File that holds the settings; made if it is missing")->capture_default_str();
     app.add_option("--catalogue", cataloguePath, "File that says which keys there are")->capture_default_str();
-    app.add_option("--host", host, "The broker's host")->capture_default_str();
-    app.add_option("--port", port, "The broker's port")->check(CLI::Range(1, 65535))->capture_default_str();
+    app.add_option("--host", host, "The broker: HOST, HOST:PORT or [IPV6]:PORT")
+        ->check(objectionToHost)
+        ->capture_default_str();
+    const CLI::Option* const portOption =
+        app.add_option("--port", port, "The broker's port, if --host has none")->check(CLI::Range(1, 65535));
     app.set_version_flag("--version", "prop-service " ZAV_VERSION);
     app.footer(exitCodes);
     try {
         app.parse(argc, argv);
+        const ipc::Address address = ipc::parseAddress(host);
+        if (portOption->count() > 0 && address.hasPort) {
+            throw CLI::ValidationError("--port", "the port stands in --host already");
+        }
+        host = withPort(address, portOption->count() > 0 ? port : address.port);
     } catch (const CLI::ParseError& error) {
         return app.exit(error) == 0 ? done : usage;
     }
@@ -72,7 +91,7 @@ int main(int argc, char** argv) {
         const auto bus = ipc::IPCFactory::createService("prop-service");
         dbg::Debug::info() << "Serving " << catalogue.keys().size() << " properties, stored in " << storePath
                            << std::endl;
-        bus->start(address(host, port), propertyservice::statusTopic,
+        bus->start(host, propertyservice::statusTopic,
                    {propertyservice::getTopic, propertyservice::setTopic, propertyservice::listTopic,
                     propertyservice::describeTopic, propertyservice::importTopic},
                    [&service](const std::vector<ipc::ServiceRequest>& requests) { return service.handle(requests); });

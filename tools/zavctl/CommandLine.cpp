@@ -1,61 +1,33 @@
 #include "CommandLine.h"
 
 #include <CLI/CLI.hpp>
-#include <algorithm>
+#include <functional>
 #include <optional>
 
+#include "Arguments.h"
 #include "Commands.h"
 #include "Failure.h"
+#include "Help.h"
 #include "Output.h"
+#include "ipc/Address.h"
+#include "ipc/IPCException.h"
 
 namespace zavctl {
 
 namespace {
 
-constexpr char examples[] =
-    "Exit status: 0 done (also a pass that ended partSuccess), 1 the operation failed (a pass that ended fail, a "
-    "value\n"
-    "that is not allowed), 2 usage, 3 bus or property service unreachable, 4 no such key, 5 timed out.\n"
-    "\n"
-    "Examples:\n"
-    "  zavctl set System.Provision.ProvisioningServer https://server.example/phones/\n"
-    "  zavctl provision --wait --timeout 120\n"
-    "  zavctl list NET.\n"
-    "  zavctl watch State. --json\n"
-    "  zavctl export Audio. >audio.json; zavctl import audio.json --apply";
-
-bool isOption(const std::string& argument) { return argument.size() > 1 && argument.front() == '-'; }
-
-// A value is taken as it stands: "-1", "", "[a,b]" and "--" are values too, and the option parser would read its own
-// meaning into them. So it is taken out of `set KEY VALUE` before the parser sees it, and a stand-in left.
-std::optional<std::string> takeValue(std::vector<std::string>& arguments) {
-    static const std::vector<std::string> flags{"--json", "--help", "-h"};
-    bool command = false;
-    bool key = false;
-    for (std::size_t at = 0; at < arguments.size(); ++at) {
-        std::string& argument = arguments[at];
-        if (std::find(flags.begin(), flags.end(), argument) != flags.end() || argument.compare(0, 7, "--host=") == 0) {
-            continue;
-        }
-        if (argument == "--host") {
-            ++at;
-        } else if (key) {
-            if (argument == "--" && at + 1 < arguments.size()) {
-                arguments.erase(arguments.begin() + static_cast<std::ptrdiff_t>(at));
-            }
-            std::string value = std::move(arguments[at]);
-            arguments[at] = "VALUE";
-            return value;
-        } else if (command) {
-            if (isOption(argument)) return std::nullopt;  // unknown: the parser says so
-            key = true;
-        } else if (argument == "set") {
-            command = true;
-        } else {
-            return std::nullopt;
-        }
+std::string objectionToHost(const std::string& host) {
+    try {
+        ipc::parseAddress(host);
+        return {};
+    } catch (const ipc::IPCException& error) {
+        return error.what();
     }
-    return std::nullopt;
+}
+
+Failure usageFailure(const std::string& command, const std::string& reason) {
+    return {ExitCode::usage, "usage",
+            reason + " (zavctl " + (command.empty() ? "" : command + " ") + "--help explains)"};
 }
 
 class CommandLine {
@@ -63,135 +35,181 @@ class CommandLine {
     explicit CommandLine(const Environment& environment) : environment_(environment) {
         app_.set_version_flag("--version", "zavctl " ZAV_VERSION);
         app_.add_flag("--json", options_.json, "Prints JSON, one object a line; also for errors");
-        app_.add_option("--host", options_.host, "The broker, as HOST or HOST:PORT")->capture_default_str();
-        app_.footer(examples);
+        app_.add_option("--host", options_.host, "The broker: HOST, HOST:PORT or [IPV6]:PORT")
+            ->check(objectionToHost)
+            ->capture_default_str();
+        app_.footer(generalFooter());
         app_.require_subcommand(1);
         app_.fallthrough();
-
-        CLI::App* const getCommand = app_.add_subcommand("get", "Prints the value of a property");
-        getCommand->add_option("KEY", key_, "The property's key")->required();
-        getCommand->final_callback([this] { code_ = get(environment_, options_, key_); });
-
-        CLI::App* const setCommand = app_.add_subcommand("set", "Writes the value of a property");
-        setCommand->add_option("KEY", key_, "The property's key")->required();
-        setCommand->add_option("VALUE", standIn_, "The value, taken as it stands")->required();
-        setCommand->final_callback([this] { code_ = set(environment_, options_, key_, value_); });
-
-        CLI::App* const listCommand = app_.add_subcommand("list", "Prints properties, sorted by key");
-        listCommand->add_option("PREFIX", prefix_, "How their keys begin; default: all");
-        showSecrets(listCommand);
-        listCommand->final_callback([this] { code_ = list(environment_, options_, prefix_); });
-
-        CLI::App* const watchCommand = app_.add_subcommand("watch", "Prints changes as they happen, until interrupted");
-        watchCommand->add_option("PREFIX", prefix_, "How their keys begin; default: all");
-        watchCommand->final_callback([this] { code_ = watch(environment_, options_, prefix_); });
-
-        CLI::App* const provisionCommand = app_.add_subcommand("provision", "Asks for a provisioning pass");
-        provisionCommand->add_flag("--wait", wait_, "Follows the pass to its end; prints result and HTTP status");
-        provisionCommand->add_option("--timeout", timeoutSeconds_, "Seconds to wait at most")
-            ->check(CLI::Range(0.001, 1e6))
-            ->capture_default_str();
-        provisionCommand->final_callback([this] {
-            const std::chrono::duration<double> timeout(timeoutSeconds_);
-            code_ = provision(environment_, options_, wait_,
-                              std::chrono::duration_cast<std::chrono::milliseconds>(timeout));
-        });
-
+        addPropertyCommands();
+        addProvisioningCommands();
         addTransferCommands();
-
-        app_.add_subcommand("status", "Prints server, last result, user interface lock, versions and period")
-            ->final_callback([this] { code_ = status(environment_, options_); });
+        addFileCommands();
+        CLI::App* const helpCommand =
+            addCommand("help", "Explains a command; without one, lists the commands", [this] { return help(); });
+        addPositional(helpCommand, "COMMAND", "The command", false);
     }
 
-    ExitCode run(std::vector<std::string> arguments) {
-        // For errors that come before the option is read.
-        options_.json = std::find(arguments.begin(), arguments.end(), "--json") != arguments.end();
-        if (std::optional<std::string> value = takeValue(arguments)) value_ = std::move(*value);
-        std::reverse(arguments.begin(), arguments.end());  // as the parser wants it
+    ExitCode run(const std::vector<std::string>& words) {
+        const Arguments arguments = divide(app_, words);
         try {
-            app_.parse(std::move(arguments));
-            return flushed();
-        } catch (const CLI::Success& success) {  // help and version
-            app_.exit(success, environment_.out, environment_.err);
-            return ExitCode::done;
-        } catch (const CLI::ParseError& error) {
-            printFailure(environment_.out, environment_.err, options_.json,
-                         {ExitCode::usage, "usage", reasonOf(error) + " (zavctl --help explains)"});
-            return ExitCode::usage;
+            execute(arguments);
+            environment_.out.flush();
+            if (!environment_.out) throw Failure(ExitCode::failed, "failed", "the output could not be written");
+            return code_;
         } catch (...) {
             const Failure failure = currentFailure();
-            printFailure(environment_.out, environment_.err, options_.json, failure);
+            printFailure(environment_.out, environment_.err, arguments.json, failure);
             return failure.code();
         }
     }
 
  private:
-    void showSecrets(CLI::App* command) {
+    void execute(const Arguments& arguments) {
+        try {
+            if (!arguments.error.empty()) throw usageFailure(arguments.command, arguments.error);
+            positionals_ = arguments.positionals;
+            app_.parse(forParser(arguments));
+        } catch (const CLI::Success& success) {  // help and version
+            app_.exit(success, environment_.out, environment_.err);
+        } catch (const CLI::RequiredError& error) {
+            throw usageFailure(arguments.command, arguments.command.empty() ? "no command given" : error.what());
+        } catch (const CLI::ParseError& error) {
+            throw usageFailure(arguments.command, error.what());
+        }
+    }
+
+    // In the order that the parser wants, last one first. It sees how many positional arguments there are, not what
+    // they are.
+    static std::vector<std::string> forParser(const Arguments& arguments) {
+        std::vector<std::string> words(arguments.positionals.size(), "given");
+        if (!words.empty()) words.emplace_back("--");
+        words.insert(words.end(), arguments.options.rbegin(), arguments.options.rend());
+        return words;
+    }
+
+    CLI::App* addCommand(const char* name, const char* description, std::function<ExitCode()> action) {
+        CLI::App* const command = app_.add_subcommand(name, description);
+        command->footer(footerOf(name));
+        command->final_callback([this, action = std::move(action)] { code_ = action(); });
+        return command;
+    }
+
+    void addPositional(CLI::App* command, const char* name, const char* description, bool required) {
+        command->add_option(name, ignored_, description)->required(required);
+    }
+
+    /// The command's n-th positional argument, "" if it was left out.
+    std::string positional(std::size_t index) const {
+        return index < positionals_.size() ? positionals_[index] : std::string();
+    }
+
+    void addShowSecrets(CLI::App* command) {
         command->add_flag("--show-secrets", options_.showSecrets, "Shows passwords and the like as they are");
     }
 
+    void addPropertyCommands() {
+        CLI::App* command = addCommand("get", "Prints the value of a property",
+                                       [this] { return get(environment_, options_, positional(0)); });
+        addPositional(command, "KEY", "The property's key", true);
+
+        command = addCommand("set", "Writes the value of a property",
+                             [this] { return set(environment_, options_, positional(0), positional(1)); });
+        addPositional(command, "KEY", "The property's key", true);
+        addPositional(command, "VALUE", "The value, taken literally; after \"--\" even if it is one of the options",
+                      true);
+
+        command = addCommand("list", "Prints properties, sorted by key",
+                             [this] { return list(environment_, options_, positional(0)); });
+        addPositional(command, "PREFIX", "How their keys begin; default: all", false);
+        addShowSecrets(command);
+
+        command = addCommand("keys", "Prints the names of properties",
+                             [this] { return keys(environment_, options_, positional(0)); });
+        addPositional(command, "PREFIX", "How they begin; default: all", false);
+
+        command = addCommand("describe", "Prints what a property may hold",
+                             [this] { return describe(environment_, options_, positional(0)); });
+        addPositional(command, "KEY", "The property's key", true);
+
+        command = addCommand("watch", "Prints changes as they happen, until interrupted",
+                             [this] { return watch(environment_, options_, positional(0)); });
+        addPositional(command, "PREFIX", "How their keys begin; default: all", false);
+    }
+
+    void addProvisioningCommands() {
+        CLI::App* const command = addCommand("provision", "Asks for a provisioning pass", [this] {
+            const std::chrono::duration<double> timeout(timeoutSeconds_);
+            return provision(environment_, options_, wait_,
+                             std::chrono::duration_cast<std::chrono::milliseconds>(timeout));
+        });
+        command->add_flag("--wait", wait_, "Follows the pass to its end; prints result and HTTP status");
+        command->add_option("--timeout", timeoutSeconds_, "Seconds to wait at most")
+            ->check(CLI::Range(0.001, 1e6))
+            ->capture_default_str();
+        addCommand("status", "Prints server, last result, user interface lock, versions and period",
+                   [this] { return status(environment_, options_); });
+    }
+
     void addTransferCommands() {
-        CLI::App* const describeCommand = app_.add_subcommand("describe", "Prints what a property may hold");
-        describeCommand->add_option("KEY", key_, "The property's key")->required();
-        describeCommand->final_callback([this] { code_ = describe(environment_, options_, key_); });
+        CLI::App* command = addCommand("export", "Prints settings as a file for import",
+                                       [this] { return exportSettings(environment_, options_, positional(0)); });
+        addPositional(command, "PREFIX", "How their keys begin; default: all", false);
+        addShowSecrets(command);
 
-        CLI::App* const keysCommand = app_.add_subcommand("keys", "Prints the names of properties");
-        keysCommand->add_option("PREFIX", prefix_, "How they begin; default: all");
-        keysCommand->final_callback([this] { code_ = keys(environment_, options_, prefix_); });
+        command = addCommand("import", "Shows what a file of settings would change; --apply changes it",
+                             [this] { return importSettings(environment_, options_, positional(0), apply_); });
+        addPositional(command, "FILE", "The file; - is the standard input", true);
+        command->add_flag("--apply", apply_, "Writes all of it, or nothing if any of it is refused");
+        addShowSecrets(command);
 
-        CLI::App* const resetCommand = app_.add_subcommand("reset", "Takes settings back to their defaults");
-        resetCommand->add_option("KEY", key_, "A key, or how many begin, with a dot at its end: Audio.")->required();
-        resetCommand->final_callback([this] { code_ = reset(environment_, options_, key_); });
+        command = addCommand("diff", "Compares a file of settings with another one, or with the phone",
+                             [this] { return diff(); });
+        addPositional(command, "A", "A file; - is the standard input", true);
+        addPositional(command, "B", "Another file; default: the phone, for the keys that A has", false);
+        command->add_flag("--all", all_, "Compares all settings of the phone, also those that the file does not have");
+        addShowSecrets(command);
 
-        CLI::App* const exportCommand = app_.add_subcommand("export", "Prints settings as a file for import");
-        exportCommand->add_option("PREFIX", prefix_, "How their keys begin; default: all");
-        showSecrets(exportCommand);
-        exportCommand->final_callback([this] { code_ = exportSettings(environment_, options_, prefix_); });
-
-        CLI::App* const importCommand =
-            app_.add_subcommand("import", "Shows what a file of settings would change; --apply changes it");
-        importCommand->add_option("FILE", file_, "The file; - is the standard input")->required();
-        importCommand->add_flag("--apply", apply_, "Writes all of it, or nothing if any of it is refused");
-        showSecrets(importCommand);
-        importCommand->final_callback([this] { code_ = importSettings(environment_, options_, file_, apply_); });
-
-        CLI::App* const diffCommand = app_.add_subcommand("diff", "Compares two files of settings");
-        diffCommand->add_option("A", file_, "A file")->required();
-        diffCommand->add_option("B", otherFile_, "Another file; default: the phone");
-        showSecrets(diffCommand);
-        diffCommand->final_callback([this] { code_ = diffSettings(environment_, options_, file_, otherFile_); });
-
-        CLI::App* const backupCommand = app_.add_subcommand("backup", "Writes all settings into a file");
-        backupCommand->add_option("FILE", file_, "The file; only its owner may read it")->required();
-        backupCommand->add_flag("--force", replace_, "Replaces a file that exists");
-        backupCommand->final_callback([this] { code_ = backup(environment_, options_, file_, replace_); });
-
-        CLI::App* const restoreCommand = app_.add_subcommand("restore", "Writes back all settings of a backup");
-        restoreCommand->add_option("FILE", file_, "The file")->required();
-        restoreCommand->final_callback([this] { code_ = restore(environment_, options_, file_); });
+        command = addCommand("reset", "Resets settings to their defaults",
+                             [this] { return reset(environment_, options_, positional(0)); });
+        addPositional(command, "KEY", "A key, or how many begin, with a dot at its end: Audio.", true);
     }
 
-    std::string reasonOf(const CLI::ParseError& error) const {
-        if (!app_.get_subcommands().empty()) return error.what();
-        const std::vector<std::string> remaining = app_.remaining();
-        return remaining.empty() ? "no command given" : "there is no command \"" + remaining.front() + "\"";
+    void addFileCommands() {
+        CLI::App* command = addCommand("backup", "Writes all settings into a file",
+                                       [this] { return backup(environment_, options_, positional(0), replace_); });
+        addPositional(command, "FILE", "The file, which only its owner may read; - is the standard output", true);
+        command->add_flag("--force", replace_, "Replaces a file that exists");
+
+        command = addCommand("restore", "Writes back all settings of a backup",
+                             [this] { return restore(environment_, options_, positional(0)); });
+        addPositional(command, "FILE", "The file; - is the standard input", true);
     }
 
-    ExitCode flushed() {
-        environment_.out.flush();
-        if (environment_.out) return code_;
-        throw Failure(ExitCode::failed, "failed", "the output could not be written");
+    ExitCode diff() {
+        if (positionals_.size() == 1) return diffSettings(environment_, options_, positionals_[0], std::nullopt, all_);
+        if (all_) throw usageFailure("diff", "--all compares a file with the phone, not with another file");
+        return diffSettings(environment_, options_, positionals_[0], positionals_[1], false);
+    }
+
+    ExitCode help() {
+        if (positionals_.empty()) {
+            environment_.out << app_.get_formatter()->make_help(&app_, app_.get_name(), CLI::AppFormatMode::Normal);
+            return ExitCode::done;
+        }
+        const std::vector<CLI::App*> found =
+            app_.get_subcommands([this](const CLI::App* command) { return command->get_name() == positional(0); });
+        if (found.empty()) throw usageFailure("", "there is no command \"" + positional(0) + "\"");
+        environment_.out << found.front()->help(app_.get_name());
+        return ExitCode::done;
     }
 
     const Environment& environment_;
-    CLI::App app_{"Looks into and steers a phone through its property service.", "zavctl"};
+    CLI::App app_{"Inspects and controls a phone through its property service.", "zavctl"};
     Options options_;
-    std::string key_;
-    std::string value_;
-    std::string standIn_;
-    std::string prefix_;
-    std::string file_;
-    std::string otherFile_;
+    std::vector<std::string> positionals_;
+    std::string ignored_;  // where the parser leaves what it saw in place of the positional arguments
+    bool all_ = false;
     bool apply_ = false;
     bool replace_ = false;
     bool wait_ = false;
@@ -202,7 +220,7 @@ class CommandLine {
 }  // namespace
 
 ExitCode run(std::vector<std::string> arguments, const Environment& environment) {
-    return CommandLine(environment).run(std::move(arguments));
+    return CommandLine(environment).run(arguments);
 }
 
 }  // namespace zavctl

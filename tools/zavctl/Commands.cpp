@@ -40,6 +40,11 @@ std::string periodInWords(const std::string& period) {
     return isNumber(period) ? "every " + period + " s" : period;
 }
 
+std::string lastResult(const std::string& state, bool pending, bool locked) {
+    if (pending) return locked ? "not known while a pass runs" : "not known: a request is pending";
+    return state.empty() ? "none since the start" : state;
+}
+
 }  // namespace
 
 ExitCode get(const Environment& environment, const Options& options, const std::string& key) {
@@ -69,7 +74,7 @@ ExitCode list(const Environment& environment, const Options& options, const std:
     Definitions definitions;
     if (!options.showSecrets) definitions = definitionsOf(session, prefix);
     Json::Value all(Json::arrayValue);
-    for (const propertyapi::Property& property : session.list(prefix)) {
+    for (const propertyapi::Property& property : session.listSome(prefix)) {
         const std::string value =
             options.showSecrets ? property.value : shownValue(definitions, property.key, property.value);
         if (options.json) {
@@ -92,7 +97,8 @@ ExitCode status(const Environment& environment, const Options& options) {
     session.connect();
     propertyapi::IPropertyApi& properties = session.properties();
     const std::string server = withoutPassword(orEmpty(properties, "System.Provision.ProvisioningServer"));
-    const std::string result = orEmpty(properties, "State.Provisioning");
+    const std::string state = orEmpty(properties, "State.Provisioning");
+    const bool pending = state.find("request") != std::string::npos;  // the result before it is overwritten
     const std::string http = orEmpty(properties, "State.Provisioning.HttpErrorCode");
     const bool locked = orEmpty(properties, "State.Provisioning.LockUI") == "1";
     const std::string software = orEmpty(properties, "System.General.SoftwareVersion");
@@ -103,7 +109,8 @@ ExitCode status(const Environment& environment, const Options& options) {
     if (options.json) {
         Json::Value object;
         object["server"] = server;
-        object["result"] = result;
+        object["requestPending"] = pending;
+        object["result"] = pending ? Json::Value() : Json::Value(state);
         object["httpStatus"] = isNumber(http) ? Json::Value(std::stoi(http)) : Json::Value();
         object["uiLocked"] = locked;
         object["softwareVersion"] = software;
@@ -116,7 +123,7 @@ ExitCode status(const Environment& environment, const Options& options) {
     }
     const std::vector<std::pair<const char*, std::string>> lines{
         {"Server", server.empty() ? "none: provisioning is off" : server},
-        {"Last result", result.empty() ? "none since the start" : result},
+        {"Last result", lastResult(state, pending, locked)},
         {"HTTP status", http},
         {"User interface", locked ? "locked by a pass" : "free"},
         {"Software version", software},

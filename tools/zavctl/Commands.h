@@ -2,6 +2,7 @@
 #pragma once
 
 #include <chrono>
+#include <optional>
 #include <string>
 
 #include "Environment.h"
@@ -28,11 +29,12 @@ ExitCode keys(const Environment& environment, const Options& options, const std:
 ExitCode exportSettings(const Environment& environment, const Options& options, const std::string& prefix);
 /// Shows what would change; writes it with `apply` only.
 ExitCode importSettings(const Environment& environment, const Options& options, const std::string& path, bool apply);
-/// Of two files; with no second one, of the file and the phone.
+/// Of two files; with no second one, of the file and the phone: the file's keys or, with `all`, all settings.
 ExitCode diffSettings(const Environment& environment, const Options& options, const std::string& before,
-                      const std::string& after);
+                      const std::optional<std::string>& after, bool all);
 /// A key, or everything that begins with a prefix that ends in a dot.
 ExitCode reset(const Environment& environment, const Options& options, const std::string& key);
+/// To a new file; `path` "-" is the output. With `replace`, a file that exists is replaced.
 ExitCode backup(const Environment& environment, const Options& options, const std::string& path, bool replace);
 ExitCode restore(const Environment& environment, const Options& options, const std::string& path);
 

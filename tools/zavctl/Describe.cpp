@@ -50,7 +50,7 @@ ExitCode keys(const Environment& environment, const Options& options, const std:
     session.connect();
     Json::Value object;
     object["keys"] = Json::Value(Json::arrayValue);
-    for (const propertyapi::Property& property : session.list(prefix)) {
+    for (const propertyapi::Property& property : session.listSome(prefix)) {
         if (options.json) {
             object["keys"].append(property.key);
         } else {

@@ -1,6 +1,7 @@
 // What a command works with: the output, the way to the bus, and the wish to end. Tests bring their own.
 #pragma once
 
+#include <chrono>
 #include <condition_variable>
 #include <functional>
 #include <memory>
@@ -34,6 +35,8 @@ struct Environment {
     std::function<void()> catchSignals;
     std::function<std::shared_ptr<ipc::IIPCClient>(const std::string& host)> makeBus;
     std::function<std::shared_ptr<propertyapi::IPropertyApi>(std::shared_ptr<ipc::IIPCClient>)> makeProperties;
+    /// How long a pass may take to begin before the user is told why it may not.
+    std::chrono::milliseconds hintAfter{2000};
 };
 
 }  // namespace zavctl

@@ -9,12 +9,18 @@ namespace zavctl {
 PassFollower::PassFollower(std::string writer, std::chrono::milliseconds settling)
     : writer_(std::move(writer)), settling_(settling) {}
 
-void PassFollower::connectionLost(const std::string&) {
-    const std::lock_guard<std::mutex> lock(mutex_);
-    cut_ = true;
+void PassFollower::connectionLost(const std::string& cause) { lose("the connection to the broker was lost: " + cause); }
+
+void PassFollower::lose(const std::string& reason) {
+    {
+        const std::lock_guard<std::mutex> lock(mutex_);
+        if (lost_.empty()) lost_ = reason;
+    }
+    changed_.notify_all();
 }
 
-void PassFollower::messageArrived(const std::string&, const std::string& content) {
+void PassFollower::messageArrived(const std::string& topic, const std::string& content) {
+    if (topic == statusTopic && content == "offline") lose("the property service went away");
     Change change;
     if (!readChange(content, change)) return;
     const std::lock_guard<std::mutex> lock(mutex_);
@@ -47,7 +53,7 @@ std::optional<std::string> PassFollower::waitUntil(Clock::time_point until) {
     while (true) {
         const Clock::time_point now = Clock::now();
         if (result_ && counts_ <= now) return result_;
-        if (until <= now) return std::nullopt;
+        if (until <= now || !lost_.empty()) return std::nullopt;
         changed_.wait_until(lock, result_ ? std::min(counts_, until) : until);
     }
 }
@@ -62,9 +68,14 @@ bool PassFollower::passBegan() const {
     return passBegan_;
 }
 
-bool PassFollower::wasCut() const {
+bool PassFollower::isBehindEarlierPass() const {
     const std::lock_guard<std::mutex> lock(mutex_);
-    return cut_;
+    return earlierPass_;
+}
+
+std::string PassFollower::lost() const {
+    const std::lock_guard<std::mutex> lock(mutex_);
+    return lost_;
 }
 
 }  // namespace zavctl

@@ -21,8 +21,6 @@ using Clock = PassFollower::Clock;
 constexpr std::chrono::seconds settling{2};
 constexpr std::chrono::seconds look{1};
 
-bool isResult(const std::string& word) { return word == "success" || word == "partSuccess" || word == "fail"; }
-
 std::string seconds(std::chrono::milliseconds duration) {
     char text[32];
     std::snprintf(text, sizeof text, "%.1f s", static_cast<double>(duration.count()) / 1000);
@@ -62,19 +60,34 @@ class ProgressLine {
     const bool shown_;
 };
 
-[[noreturn]] void failTimedOut(Session& session, const PassFollower& follower, std::chrono::milliseconds timeout) {
-    std::string reason;
-    if (follower.passBegan()) {
-        reason = "the provisioning pass has not ended within " + seconds(timeout) +
-                 "; it goes on: zavctl status shows its result, --timeout S waits longer";
-    } else if (tryGet(session.properties(), "System.Provision.ProvisioningServer") == std::optional<std::string>("")) {
-        reason = "no provisioning pass began within " + seconds(timeout) +
-                 ": no server is set; zavctl set System.Provision.ProvisioningServer URL sets it";
-    } else {
-        reason = "no provisioning pass began within " + seconds(timeout) +
-                 ": zavd is not running, or has not seen a stable network yet (it takes 90 s after it is up), or the "
-                 "server's URL is wrong; its log says which";
+// Why a pass that was asked for may not have begun.
+std::string likelyReason(Session& session, const PassFollower& follower) {
+    if (follower.isBehindEarlierPass()) {
+        return "another pass is running; the one asked for begins when it has ended";
     }
+    if (tryGet(session.properties(), "System.Provision.ProvisioningServer") == std::optional<std::string>("")) {
+        return "no server is set; zavctl set System.Provision.ProvisioningServer URL sets it";
+    }
+    const std::optional<std::string> bootPass = tryGet(session.properties(), "State.Provisioning.OnBootUp");
+    if (bootPass && *bootPass != "done") {
+        return "zavd has not enabled provisioning since the phone's start (it waits until the network has been up for "
+               "90 s), or is not running";
+    }
+    return "zavd is not running, or was restarted and waits until the network has been up for 90 s, or the server's "
+           "URL is wrong; its log says which";
+}
+
+[[noreturn]] void failLost(const std::string& reason) {
+    throw Failure(ExitCode::unreachable, "unreachable",
+                  reason + " (the pass may go on: zavctl status shows its result later)");
+}
+
+[[noreturn]] void failTimedOut(Session& session, const PassFollower& follower, std::chrono::milliseconds timeout) {
+    const std::string reason =
+        follower.passBegan()
+            ? "the provisioning pass has not ended within " + seconds(timeout) +
+                  "; it goes on: zavctl status shows its result, --timeout S waits longer"
+            : "no provisioning pass began within " + seconds(timeout) + ": " + likelyReason(session, follower);
     throw Failure(ExitCode::timedOut, "timed-out", reason);
 }
 
@@ -83,27 +96,23 @@ std::string follow(const Environment& environment, const Options& options, Sessi
     ProgressLine progress(environment, options.json);
     const Clock::time_point start = Clock::now();
     const Clock::time_point end = start + timeout;
+    Clock::time_point hintAt = std::min(end, start + environment.hintAfter);
     while (true) {
         progress.show(follower.passBegan() ? "Provisioning" : "Waiting for the pass to begin", since(start));
-        const std::optional<std::string> result = follower.waitUntil(std::min(end, Clock::now() + look));
-        if (result) {
-            progress.clear();
-            return *result;
-        }
-        // The change may have been published while the connection was cut; with the screen locked it is an earlier
-        // one's.
-        if (follower.wasCut() && !isScreenLocked(session)) {
-            const std::optional<std::string> present = tryGet(session.properties(), "State.Provisioning");
-            if (present && isResult(*present)) {
-                progress.clear();
-                return *present;
-            }
-        }
+        const std::optional<std::string> result = follower.waitUntil(std::min({end, hintAt, Clock::now() + look}));
+        if (result || !follower.lost().empty() || Clock::now() >= end) progress.clear();
+        if (result) return *result;
+        if (const std::string reason = follower.lost(); !reason.empty()) failLost(reason);
         if (Clock::now() >= end) {
-            progress.clear();
             if (const std::optional<std::string> heldBack = follower.heldBack()) return *heldBack;
             failTimedOut(session, follower, timeout);
         }
+        if (Clock::now() < hintAt) continue;
+        hintAt = end;
+        if (follower.passBegan() || follower.heldBack()) continue;
+        const std::string reason = likelyReason(session, follower);
+        progress.clear();
+        environment.err << "zavctl: no provisioning pass has begun yet: " << reason << std::endl;
     }
 }
 
@@ -130,7 +139,10 @@ ExitCode provision(const Environment& environment, const Options& options, bool 
                    std::chrono::milliseconds timeout) {
     PassFollower follower(clientName, settling);
     Session session(environment, options.host);
-    if (wait) session.subscribe("prop-service-state/#", follower);
+    if (wait) {
+        session.subscribe("prop-service-state/#", follower);
+        session.subscribe(statusTopic, follower);
+    }
     session.connect();
     if (wait && isScreenLocked(session)) follower.expectEarlierResult();
     const Clock::time_point start = Clock::now();

@@ -92,4 +92,29 @@ std::vector<propertyapi::Property> Session::list(const std::string& prefix) {
     return all;
 }
 
+std::vector<propertyapi::Property> Session::listSome(const std::string& prefix) {
+    std::vector<propertyapi::Property> some = list(prefix);
+    if (some.empty() && !prefix.empty()) {
+        throw Failure(ExitCode::noSuchKey, "not-found", "no key begins with \"" + prefix + "\"");
+    }
+    return some;
+}
+
+std::vector<propertyapi::Property> Session::listUncatalogued() {
+    std::vector<propertyapi::Property> all;
+    Json::Value request;
+    request["uncatalogued"] = true;
+    for (bool more = true; more;) {
+        const Json::Value page = ask("list", request);
+        for (const Json::Value& one : page["properties"]) all.push_back({textOf(one, "param"), textOf(one, "value")});
+        const std::string next = textOf(page, "next");
+        more = !next.empty();
+        if (more && next <= textOf(request, "after")) {
+            throw std::runtime_error("the property service lists in circles");
+        }
+        request["after"] = next;
+    }
+    return all;
+}
+
 }  // namespace zavctl

@@ -45,6 +45,10 @@ class Session {
 
     /// All properties that begin with the prefix, every page of them, sorted by key.
     std::vector<propertyapi::Property> list(const std::string& prefix);
+    /// The same; a prefix with which no key begins is a Failure.
+    std::vector<propertyapi::Property> listSome(const std::string& prefix);
+    /// What the store holds for keys that the catalogue does not have (any more), sorted by key.
+    std::vector<propertyapi::Property> listUncatalogued();
 
  private:
     const std::string host_;

@@ -1,9 +1,5 @@
 #include "SettingsFile.h"
 
-#include <fcntl.h>
-#include <sys/stat.h>
-#include <unistd.h>
-
 #include <cerrno>
 #include <fstream>
 #include <iostream>
@@ -38,18 +34,8 @@ std::string contentOf(const std::string& path) {
         text.append(buffer, static_cast<std::size_t>(stream.gcount()));
         if (text.size() > maxFileBytes) fail(path, "is larger than 64 MiB");
     }
-    if (stream.bad()) fail(path, "cannot be read");
+    if (stream.bad()) fail(path, "cannot be read: " + reasonOf(errno));
     return text;
-}
-
-bool writeAll(int file, const std::string& text) {
-    std::size_t written = 0;
-    while (written < text.size()) {
-        const ssize_t count = ::write(file, text.data() + written, text.size() - written);
-        if (count < 0) return false;
-        written += static_cast<std::size_t>(count);
-    }
-    return ::fsync(file) == 0;
 }
 
 }  // namespace
@@ -78,27 +64,6 @@ Settings readSettings(const std::string& path) {
         settings[key] = value.isNull() ? std::nullopt : std::optional<std::string>(value.asString());
     }
     return settings;
-}
-
-void writeSettings(const std::string& path, const Settings& settings, bool replace) {
-    struct stat status {};
-    if (!replace && ::lstat(path.c_str(), &status) == 0) {
-        fail(path, "exists already; --force replaces it");
-    }
-    std::string fresh = path + ".XXXXXX";
-    const int file = ::mkostemp(fresh.data(), O_CLOEXEC);  // mode 0600
-    if (file < 0) fail(path, "cannot be made: " + reasonOf(errno));
-    const bool written = writeAll(file, readableJson(toJson(settings)) + "\n");
-    int error = errno;
-    ::close(file);
-    bool placed = false;
-    if (written) {
-        // A link, unlike a renaming, never replaces what somebody else has put there meanwhile.
-        placed = (replace ? ::rename(fresh.c_str(), path.c_str()) : ::link(fresh.c_str(), path.c_str())) == 0;
-        error = errno;
-    }
-    if (!placed || !replace) ::unlink(fresh.c_str());
-    if (!placed) fail(path, "cannot be written: " + reasonOf(error));
 }
 
 }  // namespace zavctl

@@ -18,8 +18,4 @@ Json::Value toJson(const Settings& settings);
 /// "-" reads the standard input. Throws a Failure that names the file and what is wrong.
 Settings readSettings(const std::string& path);
 
-/// Writes the file at once or not at all, for its owner's eyes only. Throws a Failure, also when it exists already and
-/// is not to be replaced.
-void writeSettings(const std::string& path, const Settings& settings, bool replace);
-
 }  // namespace zavctl

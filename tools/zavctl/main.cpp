@@ -1,28 +1,44 @@
-// zavctl: looks into and steers a phone through its property service. Wiring only.
+// zavctl: inspects and controls a phone through its property service. Wiring only.
 #include <unistd.h>
 
+#include <chrono>
 #include <csignal>
+#include <cstdlib>
 #include <iostream>
 
 #include "CommandLine.h"
 #include "Session.h"
 #include "common/Descriptor.h"
 #include "common/Signal.h"
+#include "common/StopSignal.h"
 #include "debug/Debug.h"
 #include "ipc/IPCFactory.h"
 #include "propertyapi/PropertyApiBuilder.h"
 
 namespace {
 
+// How long an interrupted command has to end in order. One that waits for a broker, an answer or a reader of its output
+// does not notice the interruption.
+constexpr std::chrono::milliseconds graceAfterInterruption{200};
+
 zavctl::StopSignal& stopSignal() {
     static zavctl::StopSignal signal;
     return signal;
 }
 
+common::StopSignal& commandEnded() {
+    static common::StopSignal signal;
+    return signal;
+}
+
+void onInterruption(int) {
+    stopSignal().set();
+    // Every line of the output was flushed when it was complete, so nothing that was printed gets lost.
+    if (!commandEnded().waitFor(graceAfterInterruption)) std::_Exit(static_cast<int>(zavctl::ExitCode::done));
+}
+
 void catchSignals() {
-    for (const int signal : {SIGINT, SIGTERM}) {
-        common::signal::registerCustomHandler(signal, [](int) { stopSignal().set(); });
-    }
+    for (const int signal : {SIGINT, SIGTERM}) common::signal::registerCustomHandler(signal, onInterruption);
 }
 
 }  // namespace
@@ -33,6 +49,8 @@ int main(int argc, char** argv) {
     dbg::Debug::setDebugLevelMask("1");  // what matters is in the output already
     const std::vector<std::string> arguments(argv + 1, argv + argc);
 
+    stopSignal();
+    commandEnded();
     const auto reception = common::signal::registerHandler();
 
     const zavctl::Environment environment{
@@ -45,5 +63,7 @@ int main(int argc, char** argv) {
         [](std::shared_ptr<ipc::IIPCClient> bus) {
             return propertyapi::PropertyApiBuilder::getPropertyApi(std::move(bus), zavctl::clientName);
         }};
-    return static_cast<int>(zavctl::run(arguments, environment));
+    const zavctl::ExitCode code = zavctl::run(arguments, environment);
+    commandEnded().stop();
+    return static_cast<int>(code);
 }

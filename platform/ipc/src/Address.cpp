@@ -10,33 +10,44 @@
 
 namespace ipc {
 
+namespace {
+
+[[noreturn]] void refuse(const std::string& text, const char* reason) {
+    throw IPCException("\"" + text + "\" is not a broker's address: " + reason);
+}
+
+int parsePort(const std::string& text, const std::string& port) {
+    int number = 0;
+    const char* const end = port.data() + port.size();
+    const auto [rest, error] = std::from_chars(port.data(), end, number);
+    if (error != std::errc() || rest != end || number < 1 || number > 65535) {
+        refuse(text, "the port must be a number from 1 to 65535");
+    }
+    return number;
+}
+
+}  // namespace
+
 Address parseAddress(const std::string& text) {
     Address address;
     std::string port;
-    bool hasPort = false;
     if (!text.empty() && text.front() == '[') {
         const size_t end = text.find(']');
-        if (end == std::string::npos) throw IPCException("Not a broker's address: " + text);
+        if (end == std::string::npos) refuse(text, "the closing bracket is missing");
         address.host = text.substr(1, end - 1);
         const std::string rest = text.substr(end + 1);
-        hasPort = !rest.empty();
-        if (hasPort && rest.front() != ':') throw IPCException("Not a broker's address: " + text);
-        if (hasPort) port = rest.substr(1);
+        address.hasPort = !rest.empty();
+        if (address.hasPort && rest.front() != ':') refuse(text, "only :PORT may follow the bracket");
+        if (address.hasPort) port = rest.substr(1);
     } else {
         const size_t colon = text.find(':');
         // More than one colon without brackets is an IPv6 address of its own.
-        hasPort = colon != std::string::npos && text.find(':', colon + 1) == std::string::npos;
-        address.host = hasPort ? text.substr(0, colon) : text;
-        if (hasPort) port = text.substr(colon + 1);
+        address.hasPort = colon != std::string::npos && text.find(':', colon + 1) == std::string::npos;
+        address.host = address.hasPort ? text.substr(0, colon) : text;
+        if (address.hasPort) port = text.substr(colon + 1);
     }
-    if (hasPort) {
-        const char* const end = port.data() + port.size();
-        const auto [rest, error] = std::from_chars(port.data(), end, address.port);
-        if (error != std::errc() || rest != end || address.port < 1 || address.port > 65535) {
-            throw IPCException("Not a broker's address: " + text);
-        }
-    }
-    if (address.host.empty()) throw IPCException("Not a broker's address: " + text);
+    if (address.host.empty()) refuse(text, "the host is missing");
+    if (address.hasPort) address.port = parsePort(text, port);
     return address;
 }
 

@@ -55,10 +55,13 @@ SetRequest RequestReader::set(const std::string& payload) {
 
 ListRequest RequestReader::list(const std::string& payload) {
     parse(payload);
-    return page();
+    const Json::Value& uncatalogued = object_["uncatalogued"];
+    if (uncatalogued.isNull() || uncatalogued == false) return page();
+    if (!uncatalogued.isBool()) throw BadRequest("", "\"uncatalogued\" must be true or false");
+    return {"", text("after", "", false), true};
 }
 
-ListRequest RequestReader::page() const { return {text("prefix", "", true), text("after", "", false)}; }
+ListRequest RequestReader::page() const { return {text("prefix", "", true), text("after", "", false), false}; }
 
 DescribeRequest RequestReader::describe(const std::string& payload) {
     parse(payload);

@@ -39,6 +39,7 @@ struct SetRequest {
 struct ListRequest {
     std::string prefix;
     std::string after;
+    bool uncatalogued = false;  // what is stored for keys that the catalogue does not have, instead of properties
 };
 
 /// Of one key, or a page of all that begin with the prefix.

@@ -166,24 +166,23 @@ void PropertyService::write(Property& property, std::optional<std::string> value
     property.value = std::move(next);
 }
 
-// Properties from the request's place on, one after the other, until the page is full.
-template <typename Render>
-std::string PropertyService::page(const char* name, const ListRequest& request, Render render) const {
-    const std::vector<Property>& all = table_.all();
-    auto position =
-        std::lower_bound(all.begin(), all.end(), request.prefix,
-                         [](const Property& property, const std::string& key) { return property.key < key; });
+// Entries from the request's place on, one after the other, until the page is full.
+template <typename Entry, typename Render>
+std::string PropertyService::page(const char* name, const std::vector<Entry>& all, const ListRequest& request,
+                                  Render render) {
+    auto position = std::lower_bound(all.begin(), all.end(), request.prefix,
+                                     [](const Entry& entry, const std::string& key) { return entry.key < key; });
     if (!request.after.empty()) {
         const auto behind =
             std::upper_bound(all.begin(), all.end(), request.after,
-                             [](const std::string& key, const Property& property) { return key < property.key; });
+                             [](const std::string& key, const Entry& entry) { return key < entry.key; });
         position = std::max(position, behind);
     }
-    const auto matches = [&request](const Property& property) {
-        return property.key.compare(0, request.prefix.size(), request.prefix) == 0;
+    const auto matches = [&request](const Entry& entry) {
+        return entry.key.compare(0, request.prefix.size(), request.prefix) == 0;
     };
     std::string json = "{\"" + std::string(name) + "\":[";
-    const Property* last = nullptr;
+    const Entry* last = nullptr;
     for (std::size_t count = 0; position != all.end() && matches(*position); ++position, ++count) {
         const std::size_t most = position->key.size() + position->value.size();
         if (count == maxPageEntries || (count > 0 && json.size() + most > maxPageBytes)) {
@@ -199,8 +198,10 @@ std::string PropertyService::page(const char* name, const ListRequest& request, 
 }
 
 std::string PropertyService::list(const std::string& payload) {
-    return page("properties", reader_.list(payload),
-                [](const Property& property) { return valueAnswer(property.key, property.value); });
+    const auto render = [](const auto& entry) { return valueAnswer(entry.key, entry.value); };
+    const ListRequest request = reader_.list(payload);
+    if (request.uncatalogued) return page("properties", table_.uncatalogued(), request, render);
+    return page("properties", table_.all(), request, render);
 }
 
 std::string PropertyService::describe(const std::string& payload) {
@@ -208,7 +209,7 @@ std::string PropertyService::describe(const std::string& payload) {
         return description(property.key, *property.definition, property.isVolatile);
     };
     const DescribeRequest request = reader_.describe(payload);
-    if (!request.param) return page("definitions", request.page, render);
+    if (!request.param) return page("definitions", table_.all(), request.page, render);
     const Property* const property = table_.find(*request.param);
     if (property == nullptr) return errorAnswer(*request.param, "not-found", "the catalogue has no such key");
     return render(*property);

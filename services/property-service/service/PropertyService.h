@@ -45,8 +45,8 @@ class PropertyService {
     std::string list(const std::string& payload);
     std::string describe(const std::string& payload);
     std::string import(const std::string& payload, Messages& messages);
-    template <typename Render>
-    std::string page(const char* name, const ListRequest& request, Render render) const;
+    template <typename Entry, typename Render>
+    static std::string page(const char* name, const std::vector<Entry>& all, const ListRequest& request, Render render);
     std::string refusal(const Property* property, const std::string& key, const std::string& source,
                         const std::string* value) const;
     void write(Property& property, std::optional<std::string> value, const std::string& source, Messages& messages);

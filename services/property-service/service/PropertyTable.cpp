@@ -39,6 +39,9 @@ PropertyTable::PropertyTable(const Catalogue& catalogue, const std::vector<IStor
         Property* const property = find(key);
         if (property == nullptr || property->isVolatile || !value) {
             ++unknown;
+            // What a client could not have written cannot be told to one.
+            const bool isTellable = value && value->size() <= maxValueBytes && isCleanText(key) && isCleanText(*value);
+            if (property == nullptr && isTellable) uncatalogued_.push_back({key, *value});
             continue;
         }
         const std::string reason = objection(*property->definition, *value);
@@ -52,6 +55,8 @@ PropertyTable::PropertyTable(const Catalogue& catalogue, const std::vector<IStor
         property->value = *value;
         property->stored = Stored::value;
     }
+    std::sort(uncatalogued_.begin(), uncatalogued_.end(),
+              [](const UncataloguedValue& left, const UncataloguedValue& right) { return left.key < right.key; });
     if (unknown > 0) {
         dbg::Debug::info() << unknown << " stored values belong to no key of the catalogue; they are kept" << std::endl;
     }

@@ -27,6 +27,12 @@ struct Property {
     Stored stored;
 };
 
+/// What the store holds for a key that the catalogue does not have.
+struct UncataloguedValue {
+    std::string key;
+    std::string value;
+};
+
 class PropertyTable {
  public:
     /// Starts from the catalogue's defaults and takes over the stored values. A stored value that the catalogue no
@@ -39,9 +45,13 @@ class PropertyTable {
     /// All properties, sorted by key byte by byte.
     const std::vector<Property>& all() const { return properties_; }
 
+    /// Stored values that the constructor left alone for want of a key, sorted likewise.
+    const std::vector<UncataloguedValue>& uncatalogued() const { return uncatalogued_; }
+
  private:
     std::vector<Property> properties_;
     std::unordered_map<std::string, std::size_t> indices_;
+    std::vector<UncataloguedValue> uncatalogued_;
 };
 
 }  // namespace propertyservice

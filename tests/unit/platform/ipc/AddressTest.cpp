@@ -2,6 +2,8 @@
 
 #include <gtest/gtest.h>
 
+#include <string>
+
 #include "ipc/IPCException.h"
 
 namespace {
@@ -19,6 +21,7 @@ TEST(Address, ReadsHostAndPort) {
         const ipc::Address address = ipc::parseAddress(row.text);
         EXPECT_EQ(address.host, row.host) << row.text;
         EXPECT_EQ(address.port, row.port) << row.text;
+        EXPECT_EQ(address.hasPort, row.port != 1883) << row.text;
     }
 }
 
@@ -26,6 +29,27 @@ TEST(Address, RefusesWhatIsNone) {
     for (const char* text : {"", ":1883", "localhost:", "localhost:0", "localhost:65536", "localhost:18x",
                              "localhost:-1", "[::1", "[::1]x", "[]:1"}) {
         EXPECT_THROW(ipc::parseAddress(text), ipc::IPCException) << text;
+    }
+}
+
+TEST(Address, NamesTheTextAndWhatIsWrongWithIt) {
+    const struct {
+        const char* text;
+        const char* reason;
+    } rows[] = {
+        {"", "\"\" is not a broker's address: the host is missing"},
+        {":1883", "\":1883\" is not a broker's address: the host is missing"},
+        {"h:65536", "\"h:65536\" is not a broker's address: the port must be a number from 1 to 65535"},
+        {"[::1", "\"[::1\" is not a broker's address: the closing bracket is missing"},
+        {"[::1]x", "\"[::1]x\" is not a broker's address: only :PORT may follow the bracket"},
+    };
+    for (const auto& row : rows) {
+        try {
+            ipc::parseAddress(row.text);
+            ADD_FAILURE() << row.text;
+        } catch (const ipc::IPCException& error) {
+            EXPECT_STREQ(error.what(), row.reason);
+        }
     }
 }
 

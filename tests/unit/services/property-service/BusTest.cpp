@@ -82,6 +82,15 @@ TEST_F(PropService, ServesClientsAndKeepsSettingsOverAnOrderlyRestart) {
     EXPECT_EQ(service.end(SIGINT), 0);
 }
 
+TEST_F(PropService, TakesTheBrokersPortInTheHostToo) {
+    connect();
+    for (const std::string& host : {broker.address(), "[127.0.0.1]:" + std::to_string(broker.port())}) {
+        Program service({"--store", folder / "s.db", "--catalogue", SHIPPED_CATALOGUE, "--host", host});
+        EXPECT_EQ(patiently([this] { return properties->get("System.General.DeviceID"); }), "kd4v") << host;
+        EXPECT_EQ(service.end(SIGTERM), 0);
+    }
+}
+
 TEST_F(PropService, KeepsWhatWasAnsweredWhenKilledAndIsKnownToBeGone) {
     connect();
     for (int round = 1; round <= 3; ++round) {
@@ -161,6 +170,13 @@ INSTANTIATE_TEST_SUITE_P(
     testing::Values(
         Start{"Help", {"--help"}, 0, "/var/lib/zav/properties.db"}, Start{"Version", {"--version"}, 0, "prop-service "},
         Start{"UnknownOption", {"--frob"}, 2, "--frob"}, Start{"BadPort", {"--port", "70000"}, 2, "--port"},
+        Start{"BadHost",
+              {"--host", "localhost:0"},
+              2,
+              "--host: \"localhost:0\" is not a broker's address: the port must be"},
+        Start{
+            "BadBracket", {"--host", "[::1"}, 2, "--host: \"[::1\" is not a broker's address: the closing bracket is"},
+        Start{"TwoPorts", {"--host", "localhost:1", "--port", "2"}, 2, "--port: the port stands in --host already"},
         Start{"NoCatalogue", {"--store", "%/s.db", "--catalogue", "%/none.json"}, 3, "none.json: cannot be opened"},
         Start{"BadCatalogue", {"--store", "%/s.db", "--catalogue", "%/bad.json"}, 3, "bad.json:2: a: unknown type"},
         Start{"BadStore", {"--store", "%/bad.db", "--catalogue", SHIPPED_CATALOGUE}, 4, "bad.db: is no property store"},

@@ -100,10 +100,36 @@ TEST(FollowerWithoutSettling, AResultWithoutABeginningCountsAfterAMoment) {
     EXPECT_FALSE(follower.passBegan());
 }
 
-TEST_F(Follower, KnowsThatTheConnectionWasCut) {
-    EXPECT_FALSE(follower.wasCut());
+TEST_F(Follower, LosesThePassWithTheBrokerOrTheService) {
+    const auto never = Clock::now() + std::chrono::hours(1);
+    follower.messageArrived("prop-service/status", "online");
+    follower.messageArrived("another/status", "offline");
+    EXPECT_EQ(follower.lost(), "");
+    follower.messageArrived("prop-service/status", "offline");
+    EXPECT_FALSE(follower.waitUntil(never)) << "and does not wait";
+    EXPECT_EQ(follower.lost(), "the property service went away");
+    PassFollower other("zavctl", std::chrono::hours(1));
+    other.connectionLost("x");
+    EXPECT_FALSE(other.waitUntil(never));
+    EXPECT_EQ(other.lost(), "the connection to the broker was lost: x");
+}
+
+TEST_F(Follower, AResultThatCameBeforeTheLossCounts) {
+    change(state, "request", "zavctl");
+    change(lock, "1");
+    change(state, "success");
     follower.connectionLost("x");
-    EXPECT_TRUE(follower.wasCut());
+    EXPECT_EQ(now(), "success");
+}
+
+TEST_F(Follower, KnowsWhetherAnEarlierPassIsRunning) {
+    EXPECT_FALSE(follower.isBehindEarlierPass());
+    follower.expectEarlierResult();
+    EXPECT_TRUE(follower.isBehindEarlierPass());
+    change(state, "request", "zavctl");
+    EXPECT_TRUE(follower.isBehindEarlierPass());
+    change(state, "fail");
+    EXPECT_FALSE(follower.isBehindEarlierPass());
 }
 
 TEST_F(Follower, IgnoresWhatIsNoChange) {

@@ -5,6 +5,7 @@
 #include <json/value.h>
 #include <json/writer.h>
 
+#include <chrono>
 #include <memory>
 #include <mutex>
 #include <sstream>
@@ -89,10 +90,10 @@ class Phone {
     }
 
     ExitCode run(const std::vector<std::string>& arguments) {
-        return zavctl::run(arguments,
-                           Environment{out, err, terminal, stop, [this] { catching = true; },
-                                       [this](const std::string&) { return bus; },
-                                       [this](const std::shared_ptr<ipc::IIPCClient>&) { return properties; }});
+        return zavctl::run(
+            arguments, Environment{out, err, terminal, stop, [this] { catching = true; },
+                                   [this](const std::string&) { return bus; },
+                                   [this](const std::shared_ptr<ipc::IIPCClient>&) { return properties; }, hintAfter});
     }
 
     Json::Value json() const {
@@ -110,6 +111,7 @@ class Phone {
     std::ostringstream err;
     bool terminal = false;
     bool catching = false;
+    std::chrono::milliseconds hintAfter{2000};
     StopSignal stop;
 };
 

@@ -1,6 +1,9 @@
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
 
+#include <algorithm>
+#include <thread>
+
 #include "Phone.h"
 
 namespace zavctl {
@@ -69,7 +72,8 @@ TEST_F(Provision, FailIsOne) {
 TEST_F(Provision, AStaleResultDoesNotCount) {
     EXPECT_EQ(phone.run({"provision", "--wait", "--timeout", "0.05"}), ExitCode::timedOut);
     EXPECT_EQ(phone.out.str(), "");
-    EXPECT_THAT(phone.err.str(), HasSubstr("no provisioning pass began within 0.1 s: zavd is not running, or has not"));
+    EXPECT_THAT(phone.err.str(),
+                HasSubstr("no provisioning pass began within 0.1 s: zavd is not running, or was restarted"));
 }
 
 TEST_F(Provision, TimeOutNamesAMissingServer) {
@@ -88,14 +92,84 @@ TEST_F(Provision, TimeOutOfAPassThatGoesOnSaysSo) {
     EXPECT_THAT(phone.err.str(), HasSubstr("has not ended within"));
 }
 
-TEST_F(Provision, AResultPublishedDuringACutIsReadBack) {
+TEST_F(Provision, ALostBrokerOrServiceIsThreeAtOnce) {
+    for (const bool broker : {true, false}) {
+        phone.properties->onWrite([this, broker](const fakes::PropertyWrite& write) {
+            phone.publish(write);
+            if (write.value != "request") return;
+            if (broker) {
+                phone.bus->cut();
+            } else {
+                phone.bus->deliver("prop-service/status", "offline");
+            }
+        });
+        phone.err.str("");
+        EXPECT_EQ(phone.run({"provision", "--wait", "--timeout", "60"}), ExitCode::unreachable);
+        EXPECT_THAT(phone.err.str(), HasSubstr(broker ? "the connection to the broker was lost: cut"
+                                                      : "the property service went away"));
+        EXPECT_THAT(phone.err.str(), HasSubstr("the pass may go on: zavctl status shows its result later"));
+    }
+}
+
+class ProvisionHint : public Provision {
+ protected:
+    ProvisionHint() { phone.hintAfter = std::chrono::milliseconds(1); }
+
+    // Runs `provision --wait` and ends it with a result once the hint has been thought of, so that it must have gone
+    // on.
+    std::string hint(const std::string& lastKey) {
+        phone.properties->forgetCalls();
+        phone.err.str("");
+        std::thread daemon([this, &lastKey] {
+            const auto isRead = [this, &lastKey] {
+                const std::vector<std::string> reads = phone.properties->reads();
+                return std::find(reads.begin(), reads.end(), lastKey) != reads.end();
+            };
+            while (phone.properties->writes().empty() || !isRead()) std::this_thread::yield();
+            phone.publish({state, "", "success"});  // of an earlier pass, if there is one
+            phone.publish({"State.Provisioning.LockUI", "", "1"});
+            phone.publish({state, "", "success"});
+        });
+        EXPECT_EQ(phone.run({"provision", "--wait", "--timeout", "60"}), ExitCode::done);
+        daemon.join();
+        return phone.err.str();
+    }
+};
+
+TEST_F(ProvisionHint, SaysOnceWhyNoPassMayHaveBegun) {
+    const std::string begin = "zavctl: no provisioning pass has begun yet: ";
+    phone.properties->put("State.Provisioning.OnBootUp", "done");
+    std::string text = hint("State.Provisioning.OnBootUp");
+    EXPECT_EQ(text.find(begin + "zavd is not running, or was restarted"), 0U) << text;
+    EXPECT_EQ(std::count(text.begin(), text.end(), '\n'), 1);
+
+    phone.properties->put("State.Provisioning.OnBootUp", "");
+    text = hint("State.Provisioning.OnBootUp");
+    EXPECT_EQ(text.find(begin + "zavd has not enabled provisioning since the phone's start"), 0U) << text;
+
+    phone.properties->put("System.Provision.ProvisioningServer", "");
+    text = hint("System.Provision.ProvisioningServer");
+    EXPECT_EQ(text.find(begin + "no server is set"), 0U) << text;
+}
+
+TEST_F(ProvisionHint, NamesAPassThatIsRunningAlready) {
+    phone.properties->put("State.Provisioning.LockUI", "1");
+    EXPECT_EQ(phone.run({"provision", "--wait", "--timeout", "0.05"}), ExitCode::timedOut);
+    EXPECT_EQ(
+        phone.err.str(),
+        "zavctl: no provisioning pass has begun yet: another pass is running; the one asked for begins when it has "
+        "ended\n"
+        "zavctl: no provisioning pass began within 0.1 s: another pass is running; the one asked for begins when "
+        "it has ended\n");
+}
+
+TEST_F(ProvisionHint, SaysNothingOnceAPassHasBegun) {
     phone.properties->onWrite([this](const fakes::PropertyWrite& write) {
-        if (write.value != "request") return;
-        phone.bus->cut();
-        phone.properties->put(state, "partSuccess");
+        phone.publish(write);
+        if (write.value == "request") phone.properties->set("State.Provisioning.LockUI", "", "1");
     });
-    EXPECT_EQ(phone.run({"provision", "--wait"}), ExitCode::done);
-    EXPECT_THAT(phone.out.str(), HasSubstr("partSuccess"));
+    EXPECT_EQ(phone.run({"provision", "--wait", "--timeout", "0.05", "--json"}), ExitCode::timedOut);
+    EXPECT_EQ(phone.err.str(), "");
 }
 
 TEST_F(Provision, ProgressIsShownOnATerminalOnly) {

@@ -7,6 +7,7 @@
 #include <filesystem>
 #include <fstream>
 #include <iterator>
+#include <optional>
 #include <sstream>
 
 #include "CommandLine.h"
@@ -24,20 +25,21 @@ using testing::Not;
 
 class MemoryStore final : public propertyservice::IStore {
  public:
-    std::vector<Entry> load() override { return {}; }
+    std::vector<Entry> load() override { return stored; }
     void write(const std::vector<Entry>& entries) override {
         if (full) throw propertyservice::StoreException("full");
         written += entries.size();
     }
     void rebuild(const std::vector<Entry>&) override {}
 
+    std::vector<Entry> stored;
     bool full = false;
     std::size_t written = 0;
 };
 
 class ServiceBus final : public ipc::IIPCClient {
  public:
-    explicit ServiceBus(propertyservice::PropertyService& service) : service_(service) {}
+    explicit ServiceBus(std::optional<propertyservice::PropertyService>& service) : service_(service) {}
 
     void connect(const std::string&) override {}
     void disconnect() override {}
@@ -46,7 +48,7 @@ class ServiceBus final : public ipc::IIPCClient {
     void watchPresence(const std::string&) override {}
     std::string request(const std::string& topic, const std::string& payload, const std::string&,
                         std::chrono::milliseconds) override {
-        const auto messages = service_.handle({{topic, payload, "me", "1", 0}});
+        const auto messages = service_->handle({{topic, payload, "me", "1", 0}});
         for (std::size_t index = 1; index < messages.size(); ++index) changes.push_back(messages[index].payload);
         return messages.at(0).payload;
     }
@@ -54,7 +56,7 @@ class ServiceBus final : public ipc::IIPCClient {
     std::vector<std::string> changes;
 
  private:
-    propertyservice::PropertyService& service_;
+    std::optional<propertyservice::PropertyService>& service_;
 };
 
 constexpr char catalogueText[] = R"({"version": 1, "keys": {
@@ -90,6 +92,11 @@ class Transfer : public testing::Test {
         run({"get", key});
         return out.str();
     }
+    // The service starts with these in its store.
+    void startWith(std::vector<propertyservice::IStore::Entry> entries) {
+        store.stored = std::move(entries);
+        service.emplace(catalogue, store);
+    }
     std::string file(const std::string& properties) {
         const std::string path = folder / "in.json";
         std::ofstream(path) << R"({"version": 1, "properties": {)" << properties << "}}";
@@ -98,7 +105,7 @@ class Transfer : public testing::Test {
 
     const propertyservice::Catalogue catalogue = propertyservice::Catalogue::parse(catalogueText, "c.json");
     MemoryStore store;
-    propertyservice::PropertyService service{catalogue, store};
+    std::optional<propertyservice::PropertyService> service{std::in_place, catalogue, store};
     const std::shared_ptr<ServiceBus> bus = std::make_shared<ServiceBus>(service);
     std::filesystem::path folder;
     std::ostringstream out;
@@ -239,6 +246,8 @@ TEST_F(Transfer, FilesThatAreNoneAreNamed) {
     }
     EXPECT_EQ(run({"import", folder / "none"}), ExitCode::failed);
     EXPECT_THAT(err.str(), HasSubstr("cannot be opened: No such file"));
+    EXPECT_EQ(run({"import", folder}), ExitCode::failed);
+    EXPECT_THAT(err.str(), HasSubstr(folder.string() + ": cannot be read: Is a directory"));
 }
 
 TEST_F(Transfer, DiffComparesFilesAndThePhone) {
@@ -250,7 +259,29 @@ TEST_F(Transfer, DiffComparesFilesAndThePhone) {
     EXPECT_EQ(run({"diff", left, right, "--json"}), ExitCode::done);
     EXPECT_THAT(out.str(), HasSubstr("{\"after\":null,\"before\":\"old\",\"param\":\"Web.Password\"}"));
     EXPECT_EQ(run({"diff", left}), ExitCode::done);
+    EXPECT_EQ(out.str(), "-Audio.Volume=7\n+Audio.Volume=5\n-Web.Password=***\n+Web.Password=\n");
+    EXPECT_EQ(run({"diff", "--all", left}), ExitCode::done);
     EXPECT_EQ(out.str(), "-Audio.Volume=7\n+Audio.Volume=5\n-Web.Password=***\n+Web.Password=\n+Web.URL=\n");
+}
+
+TEST_F(Transfer, DiffWithThePhoneComparesExactlyTheKeysOfTheFile) {
+    EXPECT_EQ(run({"diff", file(R"("Audio.Tone": "ring", "Audio.Volume": null, "Web.Password": null)")}),
+              ExitCode::done);
+    EXPECT_EQ(out.str(), "") << "null is the default";
+    EXPECT_EQ(run({"diff", file(R"("No.Such": "1", "Serial": "41", "State.Call": "yes")"), "--json"}), ExitCode::done);
+    EXPECT_EQ(out.str(),
+              "{\"changes\":[{\"after\":null,\"before\":\"1\",\"param\":\"No.Such\"},"
+              "{\"after\":\"42\",\"before\":\"41\",\"param\":\"Serial\"},"
+              "{\"after\":\"\",\"before\":\"yes\",\"param\":\"State.Call\"}]}\n");
+}
+
+TEST_F(Transfer, ExportOfNothingIsFour) {
+    for (const char* prefix : {"Nothing.", "State."}) {
+        EXPECT_EQ(run({"export", prefix}), ExitCode::noSuchKey);
+        EXPECT_EQ(out.str(), "");
+        EXPECT_EQ(err.str(), "zavctl: no setting begins with \"" + std::string(prefix) + "\"\n");
+    }
+    EXPECT_EQ(run({"export", "Web.Password"}), ExitCode::done) << "there is one, though it is left out";
 }
 
 TEST_F(Transfer, ResetTakesAKeyOrAPrefixBack) {
@@ -295,6 +326,48 @@ TEST_F(Transfer, BackupAndRestoreBringEverythingBack) {
     EXPECT_EQ(value("Audio.Volume"), "7\n");
     EXPECT_EQ(value("Web.Password"), "hunter2\n");
     EXPECT_EQ(run({"backup", folder / "no/such.json"}), ExitCode::failed);
+}
+
+TEST_F(Transfer, BackupToTheOutputIsOnlyTheFile) {
+    EXPECT_EQ(run({"backup", "-"}), ExitCode::done);
+    const std::string text = out.str();
+    EXPECT_EQ(err.str(), "zavctl: 4 settings in the output, passwords among them.\n");
+    EXPECT_EQ(run({"backup", folder / "file"}), ExitCode::done);
+    std::ifstream file(folder / "file");
+    EXPECT_EQ(text, (std::string{std::istreambuf_iterator<char>(file), std::istreambuf_iterator<char>()}));
+    EXPECT_EQ(run({"backup", "-", "--json"}), ExitCode::done);
+    EXPECT_EQ(out.str(), text);
+    EXPECT_EQ(run({"backup", "/dev/full", "--force"}), ExitCode::failed);
+    EXPECT_EQ(err.str(), "zavctl: /dev/full: cannot be written: No space left on device\n");
+}
+
+TEST_F(Transfer, BackupKeepsAndNamesWhatTheCatalogueHasLost) {
+    startWith({{"Old.Z", "z"}, {"Old.A", "a"}, {"Audio.Volume", "7"}, {"Old.Binary", "\xff"}, {"State.Call", "yes"}});
+    const std::string path = folder / "backup.json";
+    EXPECT_EQ(run({"backup", path}), ExitCode::done);
+    EXPECT_EQ(err.str(),
+              "zavctl: Old.A is stored, but not in the catalogue; the backup keeps its value\n"
+              "zavctl: Old.Z is stored, but not in the catalogue; the backup keeps its value\n");
+    EXPECT_EQ(out.str(), "6 settings in " + path + ", passwords among them.\n");
+    const Settings settings = readSettings(path);
+    EXPECT_EQ(settings.at("Old.A"), "a");
+    EXPECT_EQ(settings.at("Old.Z"), "z");
+    EXPECT_EQ(settings.at("Audio.Volume"), "7");
+    EXPECT_EQ(run({"backup", path, "--force", "--json"}), ExitCode::done);
+    EXPECT_EQ(err.str(), "");
+    EXPECT_THAT(out.str(), HasSubstr("\"uncatalogued\":[\"Old.A\",\"Old.Z\"]"));
+    EXPECT_EQ(run({"restore", path}), ExitCode::done);
+    EXPECT_THAT(err.str(), HasSubstr("zavctl: Old.A is left out: this phone has no such setting\n"));
+    EXPECT_EQ(run({"get", "Old.A"}), ExitCode::noSuchKey);
+}
+
+TEST_F(Transfer, BackupFollowsAllPagesOfWhatTheCatalogueHasLost) {
+    std::vector<propertyservice::IStore::Entry> entries;
+    for (int number = 0; number < 2500; ++number) entries.emplace_back("Old." + std::to_string(number), "x");
+    startWith(entries);
+    const std::string path = folder / "backup.json";
+    EXPECT_EQ(run({"backup", path}), ExitCode::done);
+    EXPECT_EQ(readSettings(path).size(), 2504U);
 }
 
 TEST_F(Transfer, RestoreLeavesOutWhatThePhoneNoLongerHas) {

@@ -1,0 +1,108 @@
+#include "Arguments.h"
+
+namespace zavctl {
+
+namespace {
+
+bool looksLikeOption(const std::string& word) { return word.size() > 1 && word.front() == '-'; }
+
+const CLI::App* commandOf(const CLI::App& app, const std::string& name) {
+    for (const CLI::App* const command : app.get_subcommands({})) {
+        if (command->get_name() == name) return command;
+    }
+    return nullptr;
+}
+
+std::size_t positionalCount(const CLI::App& command) {
+    return command.get_options([](const CLI::Option* option) { return option->get_positional(); }).size();
+}
+
+class Division {
+ public:
+    explicit Division(const CLI::App& app) : app_(app) {}
+
+    Arguments of(const std::vector<std::string>& words) {
+        for (std::size_t at = 0; at < words.size() && result_.error.empty(); ++at) {
+            const std::string& word = words[at];
+            const std::string* const next = at + 1 < words.size() ? &words[at + 1] : nullptr;
+            const CLI::Option* const option = literal_ ? nullptr : optionOf(word);
+            if (option != nullptr) {
+                if (takeOption(*option, word, next)) ++at;
+                behindKey_ = false;
+            } else if (!literal_ && word == "--" && !(behindKey_ && next == nullptr)) {
+                takeSeparator();
+            } else {
+                takeWord(word);
+                behindKey_ = isValueNext();
+            }
+        }
+        return std::move(result_);
+    }
+
+ private:
+    const CLI::Option* optionOf(const std::string& word) const {
+        if (!looksLikeOption(word) || word == "--") return nullptr;
+        const std::string name = word.substr(0, word.find('='));
+        const CLI::Option* const own = command_ == nullptr ? nullptr : command_->get_option_no_throw(name);
+        return own != nullptr ? own : app_.get_option_no_throw(name);
+    }
+
+    /// Whether the next word belongs to it. The parser would look for a missing value in whatever comes behind.
+    bool takeOption(const CLI::Option& option, const std::string& word, const std::string* next) {
+        const std::size_t equals = word.find('=');
+        result_.json = result_.json || word == "--json";
+        if (option.get_items_expected_max() == 0) {
+            result_.options.push_back(word);
+            return false;
+        }
+        result_.options.push_back(word.substr(0, equals));
+        if (equals != std::string::npos) {
+            result_.options.push_back(word.substr(equals + 1));
+            return false;
+        }
+        if (next == nullptr) {
+            result_.error = word + " needs a value";
+        } else {
+            result_.options.push_back(*next);
+        }
+        return true;
+    }
+
+    bool isValueNext() const { return result_.command == "set" && result_.positionals.size() == 1; }
+
+    void takeSeparator() {
+        literal_ = true;
+        if (command_ == nullptr) result_.error = "a command must stand before \"--\"";
+    }
+
+    void takeWord(const std::string& word) {
+        if (!literal_ && looksLikeOption(word) && !isValueNext()) {
+            // Not the parser's to refuse: it takes what looks like a number for a positional argument.
+            result_.error = "unknown option \"" + word + "\"";
+        } else if (command_ == nullptr) {
+            command_ = commandOf(app_, word);
+            if (command_ == nullptr) {
+                result_.error = "there is no command \"" + word + "\"";
+                return;
+            }
+            result_.command = word;
+            result_.options.push_back(word);
+        } else if (result_.positionals.size() == positionalCount(*command_)) {
+            result_.error = "unexpected argument \"" + word + "\"";
+        } else {
+            result_.positionals.push_back(word);
+        }
+    }
+
+    const CLI::App& app_;
+    const CLI::App* command_ = nullptr;
+    bool literal_ = false;
+    bool behindKey_ = false;  // the word before was the key of `set`: a last "--" is its value
+    Arguments result_;
+};
+
+}  // namespace
+
+Arguments divide(const CLI::App& app, const std::vector<std::string>& words) { return Division(app).of(words); }
+
+}  // namespace zavctl

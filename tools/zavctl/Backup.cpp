@@ -1,0 +1,95 @@
+// All settings, secrets included, into a file and back.
+#include "Commands.h"
+#include "Differences.h"
+#include "Failure.h"
+#include "Json.h"
+#include "Output.h"
+#include "PrivateFile.h"
+#include "debug/Debug.h"
+
+namespace zavctl {
+
+namespace {
+
+// Settings of an older or newer version of the phone's software. A service of an older version does not tell them.
+Settings uncataloguedOf(Session& session) {
+    Settings settings;
+    try {
+        for (propertyapi::Property& one : session.listUncatalogued()) settings[one.key] = std::move(one.value);
+    } catch (const Failure& failure) {
+        if (failure.word() != "bad-request") throw;
+    }
+    return settings;
+}
+
+Json::Value namesOf(const Settings& settings) {
+    Json::Value names(Json::arrayValue);
+    for (const auto& [key, value] : settings) names.append(key);
+    return names;
+}
+
+}  // namespace
+
+ExitCode backup(const Environment& environment, const Options& options, const std::string& path, bool replace) {
+    Session session(environment, options.host);
+    session.connect();
+    Settings settings = settingsOf(session, "", definitionsOf(session, ""));
+    const Settings uncatalogued = uncataloguedOf(session);
+    settings.insert(uncatalogued.begin(), uncatalogued.end());
+    const std::string text = readableJson(toJson(settings)) + "\n";
+    const bool toOutput = path == "-";
+    if (toOutput) {
+        environment.out << text;
+    } else {
+        writePrivateFile(path, text, replace);
+    }
+    if (options.json && !toOutput) {
+        Json::Value object;
+        object["file"] = path;
+        object["settings"] = static_cast<Json::UInt64>(settings.size());
+        object["uncatalogued"] = namesOf(uncatalogued);
+        printJson(environment.out, object);
+        return ExitCode::done;
+    }
+    for (const auto& [key, value] : uncatalogued) {
+        environment.err << "zavctl: " << dbg::escapeControls(key)
+                        << " is stored, but not in the catalogue; the backup keeps its value" << std::endl;
+    }
+    const std::string count = counted(settings.size(), "setting", "settings");
+    if (toOutput) {
+        environment.err << "zavctl: " << count << " in the output, passwords among them." << std::endl;
+    } else {
+        environment.out << count << " in " << dbg::escapeControls(path) << ", passwords among them." << std::endl;
+    }
+    return ExitCode::done;
+}
+
+ExitCode restore(const Environment& environment, const Options& options, const std::string& path) {
+    Settings settings = readSettings(path);
+    Session session(environment, options.host);
+    session.connect();
+    const Definitions definitions = definitionsOf(session, "");
+    for (auto one = settings.begin(); one != settings.end();) {
+        if (isSetting(definitions, one->first)) {
+            ++one;
+            continue;
+        }
+        environment.err << "zavctl: " << dbg::escapeControls(one->first)
+                        << " is left out: this phone has no such setting" << std::endl;
+        one = settings.erase(one);
+    }
+    const std::vector<Difference> differences = changesTo(valuesOf(session, ""), settings);
+    if (!differences.empty()) writeChanges(session, differences, true);
+    if (options.json) {
+        Json::Value object;
+        object["changes"] = DifferencePrinter(definitions, options.showSecrets).json(differences);
+        object["applied"] = true;
+        printJson(environment.out, object);
+    } else {
+        environment.out << counted(differences.size(), "setting", "settings") << " written, "
+                        << settings.size() - differences.size() << " as before." << std::endl;
+    }
+    return ExitCode::done;
+}
+
+}  // namespace zavctl

@@ -1,0 +1,122 @@
+#include "Differences.h"
+
+#include <algorithm>
+#include <iterator>
+
+#include "Failure.h"
+#include "debug/Debug.h"
+
+namespace zavctl {
+
+namespace {
+
+constexpr Json::ArrayIndex maxErrors = 1000;  // what the property service names at once
+
+}  // namespace
+
+std::string counted(std::size_t count, const char* one, const char* more) {
+    return std::to_string(count) + " " + (count == 1 ? one : more);
+}
+
+Settings valuesOf(Session& session, const std::string& prefix) {
+    Settings values;
+    for (propertyapi::Property& property : session.list(prefix)) values[property.key] = std::move(property.value);
+    return values;
+}
+
+bool isSetting(const Definitions& definitions, const std::string& key) {
+    const auto found = definitions.find(key);
+    return found != definitions.end() && !found->second.isVolatile && !found->second.readOnly;
+}
+
+Settings settingsOf(Session& session, const std::string& prefix, const Definitions& definitions) {
+    Settings settings = valuesOf(session, prefix);
+    for (auto one = settings.begin(); one != settings.end();) {
+        one = isSetting(definitions, one->first) ? std::next(one) : settings.erase(one);
+    }
+    return settings;
+}
+
+Settings withDefaults(Settings settings, const Definitions& definitions) {
+    for (auto& [key, value] : settings) {
+        const auto definition = definitions.find(key);
+        if (value || definition == definitions.end()) continue;
+        const bool isHidden = definition->second.isSecret() && !definition->second.defaultValue.empty();
+        if (!isHidden) value = definition->second.defaultValue;
+    }
+    return settings;
+}
+
+std::vector<Difference> changesTo(const Settings& before, const Settings& after) {
+    std::vector<Difference> differences;
+    for (const auto& [key, value] : after) {
+        const auto found = before.find(key);
+        const std::optional<std::string> old = found == before.end() ? std::nullopt : found->second;
+        if (found == before.end() || old != value) differences.push_back({key, old, value});
+    }
+    return differences;
+}
+
+std::vector<Difference> compare(const Settings& before, const Settings& after) {
+    std::vector<Difference> differences = changesTo(before, after);
+    for (const auto& [key, value] : before) {
+        if (after.count(key) == 0) differences.push_back({key, value, std::nullopt});
+    }
+    std::sort(differences.begin(), differences.end(),
+              [](const Difference& left, const Difference& right) { return left.key < right.key; });
+    return differences;
+}
+
+void writeChanges(Session& session, const std::vector<Difference>& differences, bool apply) {
+    Json::Value request;
+    request["source"] = clientName;
+    request["apply"] = apply;
+    request["properties"] = Json::Value(Json::arrayValue);
+    for (const Difference& one : differences) {
+        Json::Value property;
+        property["param"] = one.key;
+        property["value"] = one.after ? Json::Value(*one.after) : Json::Value();
+        request["properties"].append(std::move(property));
+    }
+    const Json::Value answer = session.ask("import", request);
+    const Json::Value& errors = answer["errors"];
+    if (!errors.isArray()) return;
+    std::string reasons;
+    bool allUnknown = true;
+    for (const Json::Value& error : errors) {
+        reasons += "; " + error["param"].asString() + ": " + error["reason"].asString();
+        allUnknown = allUnknown && error["error"] == "not-found";
+    }
+    throw Failure(allUnknown ? ExitCode::noSuchKey : ExitCode::failed, allUnknown ? "not-found" : "invalid-value",
+                  "nothing was written, " + counted(errors.size(), "setting is", "settings are") + " refused" +
+                      (errors.size() < maxErrors ? "" : ", or more") + reasons);
+}
+
+std::string DifferencePrinter::shown(const std::string& key, const std::string& value) const {
+    return showSecrets_ ? value : shownValue(definitions_, key, value);
+}
+
+std::string DifferencePrinter::line(const std::string& key, const std::string& value) const {
+    return dbg::escapeControls(key + "=" + shown(key, value)) + "\n";
+}
+
+void DifferencePrinter::print(std::ostream& out, const std::vector<Difference>& differences) const {
+    for (const Difference& one : differences) {
+        if (one.before) out << "-" << line(one.key, *one.before);
+        if (one.after) out << "+" << line(one.key, *one.after);
+    }
+}
+
+Json::Value DifferencePrinter::json(const std::vector<Difference>& differences) const {
+    Json::Value list(Json::arrayValue);
+    for (const Difference& one : differences) {
+        Json::Value object;
+        object["param"] = one.key;
+        object["before"] = one.before ? Json::Value(shown(one.key, *one.before)) : Json::Value();
+        object["after"] = one.after ? Json::Value(shown(one.key, *one.after)) : Json::Value();
+        list.append(std::move(object));
+    }
+    return list;
+}
+
+}  // namespace zavctl
