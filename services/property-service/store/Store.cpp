@@ -176,9 +176,9 @@ void Store::rebuild(const std::vector<Entry>& entries) {
 // succeeds nothing is written, as it would end up in files that have no name.
 void Store::renewIfDisplaced() {
     using State = FileMark::State;
+    if (database_->isInPlace()) return;
     const State file = database_->fileState();
     const State log = database_->logState();
-    if (file == State::inPlace && log == State::inPlace) return;
     const bool isLogOnly = file == State::inPlace;
     std::string report = path_ + (isLogOnly ? "-wal: was " : ": was ") +
                          ((isLogOnly ? log : file) == State::deleted ? "deleted" : "replaced") + " while in use";

@@ -53,6 +53,16 @@ TEST(Codec, WhatItWritesAnotherParserReadsBack) {
     }
 }
 
+TEST(Codec, ControlCharactersAreEscapes) {
+    for (int byte = 0; byte < 0x80; ++byte) {
+        std::string json;
+        appendQuoted(json, std::string(1, static_cast<char>(byte)));
+        const bool isEscape = byte < 0x20 || byte == 0x7f || byte == '"' || byte == '\\';
+        EXPECT_EQ(json[1] == '\\', isEscape) << byte << json;
+        EXPECT_EQ(parsed("[" + json + "]")[0].asString(), std::string(1, static_cast<char>(byte)));
+    }
+}
+
 TEST(Codec, ReadsWhatAnotherWriterWrites) {
     std::mt19937 random(2);
     RequestReader reader;

@@ -149,16 +149,20 @@ TEST_F(RefusalLog, HasARebuildThatFailsOnce) {
 
 TEST_F(RefusalLog, HasStoredValuesThatAreNotUsed) {
     FakeStore old;
-    old.values = {{"Net.Port", "10"}, {"Net.PIN", "hidden"}, {"Gone.Key", "x"}, {"State.Old", "x"}};
+    const std::string tooLong(65537, 'a');
+    old.values = {{"Net.Names.0", tooLong}, {"Net.Trigger", std::string("a\0b", 3)},
+                  {"Net.MAC", "\xff"},      {"Net.Port", "10"},
+                  {"Net.PIN", "hidden"},    {"Gone.Key", "x"},
+                  {"State.Old", "x"}};
     const PropertyService service(catalogue_, old);
+    const auto unused = [](const std::string& key, const std::string& reason) {
+        return fakes::warning(tableSource, "The stored value of " + key + " " + reason + "; the default is used");
+    };
     EXPECT_THAT(
         log_.lines(),
-        ElementsAre(fakes::warning(tableSource,
-                                   "The stored value of Net.PIN must match the pattern [0-9]*; the "
-                                   "default is used"),
-                    fakes::warning(tableSource,
-                                   "The stored value of Net.Port must be a whole number from 1 to 9; the "
-                                   "default is used"),
+        ElementsAre(unused("Net.MAC", "is no UTF-8 text"), unused("Net.Names.0", "is too long"),
+                    unused("Net.PIN", "must match the pattern [0-9]*"),
+                    unused("Net.Port", "must be a whole number from 1 to 9"), unused("Net.Trigger", "is no UTF-8 text"),
                     fakes::info(tableSource, "2 stored values belong to no key of the catalogue; they are kept")));
 }
 
