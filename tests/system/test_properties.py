@@ -231,6 +231,44 @@ class PropertiesTest(unittest.TestCase):
         self.start()
         self.assertEqual(self.client.get(KEYS[0]), "after")
 
+    def test_first_start_on_a_disk_that_takes_nothing(self):
+        mounts = {"read-only": (lambda: self.remount("ro"), lambda: self.remount("rw")),
+                  "full": (self.fill, self.make_room)}
+        for name, (spoil, mend) in mounts.items():
+            with self.subTest(name):
+                spoil()
+                self.start()
+                self.assertEqual(self.client.get("System.General.DeviceID"), "kd4v")
+                self.assertEqual(self.client.set(KEYS[0], "lost"), "storage")
+                self.assertEqual(self.client.get(KEYS[0]), "")
+                self.assertIsNone(self.client.set("State.Provisioning", "request"))
+                mend()
+                self.assertIsNone(self.client.set(KEYS[0], "after"))
+                self.end(9)
+                self.start()
+                self.assertEqual(self.client.get(KEYS[0]), "after")
+                self.end(15)
+                for file in os.listdir(self.folder):
+                    os.unlink(f"{self.folder}/{file}")
+
+    def test_files_deleted_while_it_runs(self):
+        self.start()
+        self.assertIsNone(self.client.set(KEYS[0], "before"))
+        for signal in (9, 15):
+            with self.subTest(signal):
+                for file in os.listdir(self.folder):
+                    os.unlink(f"{self.folder}/{file}")
+                if signal == 9:  # an orderly end needs no set to notice
+                    self.assertIsNone(self.client.set(KEYS[1], "after"))
+                self.end(signal)
+                self.start()
+                self.assertEqual([self.client.get(key) for key in KEYS[:2]], ["before", "after"])
+        with open("/run/phone/prop-service.log", encoding="utf-8", errors="replace") as log:
+            self.assertEqual(log.read().count("properties.db: was deleted while in use; the settings are written anew: "), 2)
+
+    def remount(self, mode):
+        subprocess.run(["mount", "-o", f"remount,{mode}", self.folder], check=True)
+
     def test_presence_over_kills_and_brokers(self):
         self.start()
         self.end(9)

@@ -51,12 +51,15 @@ class Listener:
             return found()
 
     def ask(self, operation, request, qos=1):
+        return self.ask_text(operation, json.dumps(request), qos)
+
+    def ask_text(self, operation, request, qos=1):
         """The answer as it was heard."""
         topic = f"{self.name}/{uuid.uuid4().hex}"
         properties = mqtt.Properties(PacketTypes.PUBLISH)
         properties.ResponseTopic = topic
         properties.CorrelationData = b"c"
-        self.client.publish(f"prop-service/{operation}", json.dumps(request), qos, properties=properties)
+        self.client.publish(f"prop-service/{operation}", request.encode(), qos, properties=properties)
         return self.wait(lambda one: one[0] == topic, f"answer to {operation} {request}")[0]
 
     def all_retained(self):
@@ -95,6 +98,17 @@ class PropertiesProtocolTest(unittest.TestCase):
                                          f"changes of {key}", len(qualities))
             self.assertEqual([(one[2], one[3]) for one in changes], [(False, 1)] * len(qualities))
         self.assertEqual(self.listen().all_retained(), [("prop-service/status", "online")])
+
+    def test_requests_are_strict_json(self):
+        for payload in (f'{{"param":"{KEY}","x":01}}', f'{{"param":"{KEY}","x":2.}}', f'{{"param":"{KEY}","x":"\\udc00"}}',
+                        f'\ufeff{{"param":"{KEY}"}}', f'{{"param":"{KEY}"}} x', f'{{"param":"{KEY}",}}'):
+            with self.subTest(payload):
+                answer = json.loads(self.listener.ask_text("get", payload)[1])
+                self.assertEqual(answer, {"param": "", "error": "bad-request", "reason": "the payload is not JSON in UTF-8"})
+        answer = json.loads(self.listener.ask_text("get", f'{{"param":"{KEY}","x":1,"x":2}}')[1])
+        self.assertEqual(answer["reason"], "the payload has a duplicate member")
+        answer = json.loads(self.listener.ask_text("get", f' {{"x":[-0.5e+1,null,"\\u0000"],"param":"{KEY}"}} ')[1])
+        self.assertEqual(answer["param"], KEY)
 
     def test_its_start_publishes_no_changes(self):
         self.listener.ask("set", {"param": STATE, "value": "success"})

@@ -51,8 +51,8 @@ std::vector<std::string> expandKeyPattern(const std::string& pattern) {
         }
         std::vector<std::string> longer;
         for (const std::string& key : keys) {
-            for (unsigned number = indices.first; number <= indices.last; ++number) {
-                longer.push_back(key + std::to_string(number));
+            for (unsigned offset = 0; offset <= indices.last - indices.first; ++offset) {
+                longer.push_back(key + std::to_string(indices.first + offset));
             }
         }
         keys = std::move(longer);

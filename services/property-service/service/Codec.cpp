@@ -2,16 +2,19 @@
 
 #include <cstdio>
 
+#include "service/JsonScan.h"
 #include "service/Limits.h"
-#include "service/Utf8.h"
 
 namespace propertyservice {
 
 namespace {
 
+constexpr char notJson[] = "the payload is not JSON in UTF-8";
+
 std::unique_ptr<Json::CharReader> strictReader() {
     Json::CharReaderBuilder builder;
     Json::CharReaderBuilder::strictMode(&builder.settings_);
+    builder["strictRoot"] = false;  // what is JSON and what is an object are told apart
     builder["stackLimit"] = maxNesting;
     return std::unique_ptr<Json::CharReader>(builder.newCharReader());
 }
@@ -22,10 +25,11 @@ std::string textOf(const Json::Value& object, const char* member, const std::str
         if (!required) return {};
         throw BadRequest(param, "\"" + std::string(member) + "\" is missing");
     }
-    if (!value->isString()) throw BadRequest(param, "\"" + std::string(member) + "\" is no text");
+    if (!value->isString()) throw BadRequest(param, "\"" + std::string(member) + "\" must be a string");
     std::string text = value->asString();
-    // Escapes can spell what the payload itself could not hold: a NUL, or half a surrogate pair.
-    if (!isCleanText(text)) throw BadRequest(param, "\"" + std::string(member) + "\" is no UTF-8 text without NUL");
+    if (text.find('\0') != std::string::npos) {
+        throw BadRequest(param, "\"" + std::string(member) + "\" must not contain a NUL");
+    }
     return text;
 }
 
@@ -96,17 +100,23 @@ void RequestReader::parse(const std::string& payload, std::size_t most, std::siz
     if (payload.size() > most) {
         throw BadRequest("", "the payload is larger than " + std::to_string(most) + " bytes");
     }
-    if (!isCleanJson(payload)) throw BadRequest("", "the payload is no UTF-8 JSON text");
-    if (countParts(payload) > mostParts) {
+    const std::optional<std::size_t> parts = countJsonParts(payload);
+    if (!parts) throw BadRequest("", notJson);
+    if (*parts > mostParts) {
         throw BadRequest("", "the payload has more than " + std::to_string(mostParts) + " members and elements");
     }
     errors_.clear();
     bool parsed = false;
     try {
         parsed = reader_->parse(payload.data(), payload.data() + payload.size(), &object_, &errors_);
-    } catch (const Json::Exception&) {  // nested too deeply
+    } catch (const Json::Exception&) {
+        throw BadRequest("", "the payload is nested more than " + std::to_string(maxNesting) + " deep");
     }
-    if (!parsed || !object_.isObject()) throw BadRequest("", "the payload is no JSON object");
+    if (!parsed) {
+        const bool isTwice = errors_.find("Duplicate key") != std::string::npos;
+        throw BadRequest("", isTwice ? "the payload has a duplicate member" : notJson);
+    }
+    if (!object_.isObject()) throw BadRequest("", "the payload must be a JSON object");
 }
 
 std::string RequestReader::text(const char* member, const std::string& param, bool required) const {

@@ -6,10 +6,16 @@
 
 #include "debug/Debug.h"
 #include "service/Limits.h"
+#include "service/Utf8.h"
 
 namespace propertyservice {
 
 namespace {
+
+constexpr char noSuchKey[] = "the catalogue has no such key";
+// A refused value and its source are shown in the log as far as this, and so many of one import.
+constexpr std::size_t loggedCharacters = 80;
+constexpr std::size_t loggedOfAnImport = 10;
 
 // Answers may go anywhere but to the service's own topics, where they would pass for a request or a change.
 bool isOwnTopic(const std::string& topic) {
@@ -35,6 +41,7 @@ PropertyService::PropertyService(const Catalogue& catalogue, IStore& store)
 std::vector<ipc::OutgoingMessage> PropertyService::handle(const std::vector<ipc::ServiceRequest>& requests) {
     Messages messages;
     messages.reserve(2 * requests.size());
+    isRetry_ = false;
     try {
         for (const ipc::ServiceRequest& request : requests) carryOut(request, messages);
         commit();
@@ -51,6 +58,7 @@ std::vector<ipc::OutgoingMessage> PropertyService::handle(const std::vector<ipc:
         throw;
     }
     messages.clear();
+    isRetry_ = true;
     for (const ipc::ServiceRequest& request : requests) carryOutAlone(request, messages);
     return messages;
 }
@@ -73,8 +81,10 @@ void PropertyService::carryOutAlone(const ipc::ServiceRequest& request, Messages
 
 void PropertyService::carryOut(const ipc::ServiceRequest& request, Messages& messages) {
     if (isOwnTopic(request.responseTopic) || !isPublishable(request.responseTopic)) {
-        dbg::Debug::warning() << "Refused a request on " << request.topic << ": its response topic is "
-                              << request.responseTopic << std::endl;
+        if (!isRetry_) {
+            dbg::Debug::warning() << "Refused a request on " << request.topic << ": its response topic is "
+                                  << request.responseTopic << std::endl;
+        }
         return;
     }
     const auto at = static_cast<std::ptrdiff_t>(messages.size());
@@ -105,26 +115,38 @@ void PropertyService::carryOut(const ipc::ServiceRequest& request, Messages& mes
 std::string PropertyService::get(const std::string& payload) {
     const GetRequest request = reader_.get(payload);
     const Property* const property = table_.find(request.param);
-    if (property == nullptr) return errorAnswer(request.param, "not-found", "the catalogue has no such key");
+    if (property == nullptr) return errorAnswer(request.param, "not-found", noSuchKey);
     return valueAnswer(property->key, property->value);
 }
 
-std::string PropertyService::refusal(const Property* property, const std::string& key, const std::string& source,
-                                     const std::string* value) const {
-    if (property == nullptr) return errorAnswer(key, "not-found", "the catalogue has no such key");
-    if (property->definition->readOnly) return errorAnswer(key, "read-only", "may not be written by a client");
+std::optional<PropertyService::Refusal> PropertyService::refusalOf(const Property* property, const std::string& source,
+                                                                   const std::string* value) const {
+    if (property == nullptr) return Refusal{"not-found", noSuchKey};
+    if (property->definition->readOnly) return Refusal{"read-only", "may not be written by a client"};
     if (property->definition->refuses(source)) {
-        return errorAnswer(key, "read-only", "may not be written by the source \"" + source + "\"");
+        return Refusal{"read-only", "may not be written by the source \"" + source + "\""};
     }
-    const std::string reason = value == nullptr ? std::string() : objection(*property, *value);
-    return reason.empty() ? reason : errorAnswer(key, "invalid-value", reason);
+    std::string reason = value == nullptr ? std::string() : objection(*property, *value);
+    if (reason.empty()) return std::nullopt;
+    return Refusal{"invalid-value", std::move(reason)};
+}
+
+void PropertyService::logRefusal(const Property& property, const std::string& value, const std::string& source,
+                                 const Refusal& refusal) const {
+    if (isRetry_) return;
+    const std::string shown =
+        property.definition->isSecret() ? "***" : "\"" + visibleBeginning(value, loggedCharacters) + "\"";
+    dbg::Debug::warning() << "Refused " << property.key << " = " << shown << " from \""
+                          << visibleBeginning(source, loggedCharacters) << "\": " << refusal.reason << std::endl;
 }
 
 std::string PropertyService::set(const std::string& payload, Messages& messages) {
     SetRequest request = reader_.set(payload);
     Property* const property = table_.find(request.param);
-    std::string error = refusal(property, request.param, request.source, &request.value);
-    if (!error.empty()) return error;
+    if (const std::optional<Refusal> refusal = refusalOf(property, request.source, &request.value)) {
+        if (property != nullptr) logRefusal(*property, request.value, request.source, *refusal);
+        return errorAnswer(request.param, refusal->code, refusal->reason);
+    }
     write(*property, std::move(request.value), request.source, messages);
     return valueAnswer(property->key, property->value);
 }
@@ -134,12 +156,13 @@ std::string PropertyService::import(const std::string& payload, Messages& messag
     std::vector<std::string> errors;
     std::set<std::string> seen;
     for (const ImportRequest::Write& one : request.writes) {
-        std::string error =
-            refusal(table_.find(one.param), one.param, request.source, one.value ? &*one.value : nullptr);
-        if (error.empty() && !seen.insert(one.param).second) {
-            error = errorAnswer(one.param, "bad-request", "stands there twice");
-        }
-        if (!error.empty() && errors.size() < maxPageEntries) errors.push_back(std::move(error));
+        const Property* const property = table_.find(one.param);
+        std::optional<Refusal> refusal = refusalOf(property, request.source, one.value ? &*one.value : nullptr);
+        if (!refusal && !seen.insert(one.param).second) refusal = Refusal{"bad-request", "stands there twice"};
+        if (!refusal || errors.size() == maxPageEntries) continue;
+        const bool isLogged = request.apply && errors.size() < loggedOfAnImport;
+        if (isLogged && property != nullptr && one.value) logRefusal(*property, *one.value, request.source, *refusal);
+        errors.push_back(errorAnswer(one.param, refusal->code, refusal->reason));
     }
     if (!errors.empty()) return importRefusal(errors);
     if (request.apply) {
@@ -211,7 +234,7 @@ std::string PropertyService::describe(const std::string& payload) {
     const DescribeRequest request = reader_.describe(payload);
     if (!request.param) return page("definitions", table_.all(), request.page, render);
     const Property* const property = table_.find(*request.param);
-    if (property == nullptr) return errorAnswer(*request.param, "not-found", "the catalogue has no such key");
+    if (property == nullptr) return errorAnswer(*request.param, "not-found", noSuchKey);
     return render(*property);
 }
 

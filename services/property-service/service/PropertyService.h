@@ -32,6 +32,10 @@ class PropertyService {
     std::vector<ipc::OutgoingMessage> handle(const std::vector<ipc::ServiceRequest>& requests);
 
  private:
+    struct Refusal {
+        const char* code;
+        std::string reason;
+    };
     struct Undo {
         Property* property;
         std::string value;
@@ -47,8 +51,10 @@ class PropertyService {
     std::string import(const std::string& payload, Messages& messages);
     template <typename Entry, typename Render>
     static std::string page(const char* name, const std::vector<Entry>& all, const ListRequest& request, Render render);
-    std::string refusal(const Property* property, const std::string& key, const std::string& source,
-                        const std::string* value) const;
+    std::optional<Refusal> refusalOf(const Property* property, const std::string& source,
+                                     const std::string* value) const;
+    void logRefusal(const Property& property, const std::string& value, const std::string& source,
+                    const Refusal& refusal) const;
     void write(Property& property, std::optional<std::string> value, const std::string& source, Messages& messages);
     void commit();
     void takeBack();
@@ -62,6 +68,7 @@ class PropertyService {
     // Of the call in hand: what goes to the store, and how memory returns to what it was.
     std::vector<IStore::Entry> writes_;
     std::vector<Undo> undo_;
+    bool isRetry_ = false;        // what is refused is in the log already
     bool storeFailing_ = false;   // so that a full disk is logged once, not with every write
     bool rebuildNeeded_ = false;  // the store is damaged, and must have everything again before it takes a write
 };

@@ -1,14 +1,13 @@
 #include "service/Utf8.h"
 
-#include <cstddef>
+#include <cstdio>
+
+#include "debug/Debug.h"
 
 namespace propertyservice {
 
-namespace {
-
-// How many bytes the well-formed multi-byte sequence at `at` has; 0 if it is none. The bounds of the second byte shut
-// out overlong forms, surrogates and what lies beyond U+10FFFF.
-std::size_t sequenceLength(const std::string& text, std::size_t at) {
+// The bounds of the second byte exclude overlong forms, surrogates and what lies beyond U+10FFFF.
+std::size_t utf8SequenceLength(const std::string& text, std::size_t at) {
     const auto byte = [&text](std::size_t position) {
         return position < text.size() ? static_cast<unsigned char>(text[position]) : 0U;
     };
@@ -36,65 +35,35 @@ std::size_t sequenceLength(const std::string& text, std::size_t at) {
     return length;
 }
 
-template <typename Allowed>
-bool check(const std::string& text, Allowed allowed) {
+bool isCleanText(const std::string& text) {
     for (std::size_t at = 0; at < text.size();) {
         const auto byte = static_cast<unsigned char>(text[at]);
-        if (byte < 0x80) {
-            if (!allowed(byte)) return false;
-            ++at;
-        } else {
-            const std::size_t length = sequenceLength(text, at);
-            if (length == 0) return false;
-            at += length;
-        }
+        const std::size_t length = byte < 0x80 ? 1 : utf8SequenceLength(text, at);
+        if (byte == 0 || length == 0) return false;
+        at += length;
     }
     return true;
 }
 
-// Whether the place in a JSON text is inside a string.
-class Strings {
- public:
-    bool inside() const { return inside_; }
-    void pass(unsigned char byte) {
-        if (escaped_) {
-            escaped_ = false;
-        } else if (inside_ && byte == '\\') {
-            escaped_ = true;
-        } else if (byte == '"') {
-            inside_ = !inside_;
+std::string visibleBeginning(const std::string& text, std::size_t most) {
+    std::string begin;
+    std::size_t at = 0;
+    for (std::size_t count = 0; count < most && at < text.size(); ++count) {
+        const auto byte = static_cast<unsigned char>(text[at]);
+        const std::size_t length = byte < 0x80 ? 1 : utf8SequenceLength(text, at);
+        if (length == 0) break;
+        const std::string character = text.substr(at, length);
+        const auto last = static_cast<unsigned char>(character.back());
+        if (byte == 0xc2 && last < 0xa0) {  // U+0080 to U+009F: terminals obey some of them
+            char escape[7];
+            std::snprintf(escape, sizeof escape, "\\u%04x", last);
+            begin += escape;
+        } else {
+            begin += dbg::escapeControls(character);
         }
+        at += length;
     }
-
- private:
-    bool inside_ = false;
-    bool escaped_ = false;
-};
-
-}  // namespace
-
-bool isCleanText(const std::string& text) {
-    return check(text, [](unsigned char byte) { return byte != 0; });
-}
-
-bool isCleanJson(const std::string& text) {
-    Strings strings;
-    return check(text, [&strings](unsigned char byte) {
-        if (byte < 0x20) return !strings.inside() && (byte == '\t' || byte == '\n' || byte == '\r');
-        if (byte == '/' && !strings.inside()) return false;
-        strings.pass(byte);
-        return true;
-    });
-}
-
-std::size_t countParts(const std::string& json) {
-    Strings strings;
-    std::size_t parts = 0;
-    for (const char letter : json) {
-        if (!strings.inside() && (letter == ',' || letter == '[' || letter == '{')) ++parts;
-        strings.pass(static_cast<unsigned char>(letter));
-    }
-    return parts;
+    return at < text.size() ? begin + "..." : begin;
 }
 
 }  // namespace propertyservice

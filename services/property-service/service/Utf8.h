@@ -1,19 +1,19 @@
 // Checks of text that came from outside.
 #pragma once
 
+#include <cstddef>
 #include <string>
 
 namespace propertyservice {
 
+/// How many bytes the well-formed multi-byte sequence at `at` has; 0 if there is none.
+std::size_t utf8SequenceLength(const std::string& text, std::size_t at);
+
 /// Well-formed UTF-8 (no surrogates, no overlong forms) without a NUL.
 bool isCleanText(const std::string& text);
 
-/// The same of a JSON text, which moreover holds no control byte inside its strings, where JSON wants escapes, and no
-/// comment: both would pass the JSON library.
-bool isCleanJson(const std::string& text);
-
-/// How many commas and opening brackets a JSON text has outside its strings: what it holds is at most so many values,
-/// and one more.
-std::size_t countParts(const std::string& json);
+/// The first characters of a UTF-8 text, `most` of them, for a log line: control characters as escapes, and "..."
+/// behind what is not the whole text.
+std::string visibleBeginning(const std::string& text, std::size_t most);
 
 }  // namespace propertyservice

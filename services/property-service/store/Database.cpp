@@ -5,8 +5,6 @@
 #include <cstdint>
 #include <system_error>
 
-#include "store/StoreFiles.h"
-
 namespace propertyservice {
 
 namespace {
@@ -56,6 +54,8 @@ Database::Database(const std::string& path) : path_(path) {
     } catch (const std::system_error& error) {
         throw UnwritableStore(path_ + ": its log cannot be synced: " + error.what());
     }
+    fileMark_.emplace(path_);
+    logMark_.emplace(path_ + "-wal");
 }
 
 Database::~Database() = default;
@@ -149,12 +149,15 @@ std::vector<IStore::Entry> Database::load() {
     return entries;
 }
 
-void Database::copyTo(const std::string& path) {
-    load();
+std::size_t Database::copyTo(const std::string& path) {
+    const std::size_t rows = load().size();
     const Statement statement = prepare("VACUUM INTO ?1");
     bind(statement.get(), 1, path);
     if (sqlite3_step(statement.get()) != SQLITE_DONE) fail("cannot be copied to " + path);
+    return rows;
 }
+
+void Database::abandon() { sqlite3_db_config(database_.get(), SQLITE_DBCONFIG_NO_CKPT_ON_CLOSE, 1, nullptr); }
 
 void Database::write(const std::vector<Entry>& entries) {
     if (entries.empty()) return;

@@ -6,12 +6,15 @@
 // row carries a checksum, as a page that flash memory has changed would else pass for a setting.
 #pragma once
 
+#include <cstddef>
 #include <memory>
+#include <optional>
 #include <string>
 #include <vector>
 
 #include "store/IStore.h"
 #include "store/LogSync.h"
+#include "store/StoreFiles.h"
 
 struct sqlite3;
 struct sqlite3_stmt;
@@ -45,8 +48,16 @@ class Database {
     std::vector<Entry> load();
     void write(const std::vector<Entry>& entries);
 
-    /// Writes a copy to the file, which must be empty, after it has checked every row.
-    void copyTo(const std::string& path);
+    /// Writes a copy to the file, which must be empty, after it has checked every row. Returns the number of rows.
+    std::size_t copyTo(const std::string& path);
+
+    /// Whether the file is still the one at its path, and its log was not deleted: a microsecond, for every write.
+    bool isInPlace() const { return fileState() == FileMark::State::inPlace && !logSync_->isDeleted(); }
+    FileMark::State fileState() const { return fileMark_->state(); }
+    FileMark::State logState() const { return logMark_->state(); }
+
+    /// From now on it leaves everything at its path alone, its destructor too: other files are there, or will be.
+    void abandon();
 
     /// How often what was written has been synced to the disk.
     unsigned syncs() const { return logSync_->syncs(); }
@@ -74,6 +85,8 @@ class Database {
     Statement upsert_;
     Statement remove_;
     std::unique_ptr<LogSync> logSync_;
+    std::optional<FileMark> fileMark_;
+    std::optional<FileMark> logMark_;
 };
 
 }  // namespace propertyservice

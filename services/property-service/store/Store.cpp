@@ -15,6 +15,7 @@ namespace propertyservice {
 namespace {
 
 constexpr std::chrono::hours retryBackup{1};
+constexpr std::chrono::hours secondBackup{1};  // behind the first, which has little more than one setting
 
 bool isEmpty(const std::string& path) {
     std::error_code error;
@@ -55,6 +56,14 @@ Store::Store(const std::string& path, std::chrono::milliseconds backupInterval)
         entries_ = readCopy();
         dbg::Debug::error() << error.what() << "; settings are as they were stored, and none can be stored until the "
                             << "disk takes them" << std::endl;
+    }
+}
+
+Store::~Store() {
+    try {
+        if (database_) renewIfDisplaced();
+    } catch (const std::exception& error) {
+        dbg::Debug::error() << error.what() << "; the settings are lost with the deleted files" << std::endl;
     }
 }
 
@@ -145,7 +154,13 @@ void Store::write(const std::vector<Entry>& entries) {
     if (!database_) {
         open();
         entries_.clear();
+    } else {
+        renewIfDisplaced();
     }
+    commit(entries);
+}
+
+void Store::commit(const std::vector<Entry>& entries) {
     database_->write(entries);
     if (Clock::now() >= nextBackup_) backUp();
 }
@@ -154,16 +169,50 @@ void Store::rebuild(const std::vector<Entry>& entries) {
     restore(path_ + ": is damaged");
     entries_.clear();
     planBackup();
-    database_->write(entries);
+    commit(entries);
+}
+
+// The database that is open still has everything: a copy takes the place of whatever is at the path now. Until that
+// succeeds nothing is written, as it would end up in files that have no name.
+void Store::renewIfDisplaced() {
+    using State = FileMark::State;
+    if (database_->isInPlace()) return;
+    const State file = database_->fileState();
+    const State log = database_->logState();
+    const bool isLogOnly = file == State::inPlace;
+    std::string report = path_ + (isLogOnly ? "-wal: was " : ": was ") +
+                         ((isLogOnly ? log : file) == State::deleted ? "deleted" : "replaced") + " while in use";
+    if (file == State::replaced && isInUse(path_)) throw StoreException(report + " by another process, which uses it");
+    const std::string fresh = beginStore(path_);
+    const std::size_t count = database_->copyTo(fresh);
+    if (file == State::replaced) {
+        std::error_code none;
+        if (log == State::inPlace) std::filesystem::remove(path_ + "-wal", none);  // it is not the other file's
+        report += "; the other file is kept as " + setAside(path_);
+    }
+    install(fresh, path_);
+    database_->abandon();
+    database_.reset();
+    dbg::Debug::error() << report << "; the settings are written anew: " << count << " stored values" << std::endl;
+    entries_.clear();
+    database_ = std::make_unique<Database>(path_);
+    planBackup();
+}
+
+// A store that never had two backups is a young one.
+std::chrono::milliseconds Store::pauseUntilBackup() const {
+    return backupsOf(path_).size() < 2 ? std::min<std::chrono::milliseconds>(backupInterval_, secondBackup)
+                                       : backupInterval_;
 }
 
 void Store::planBackup() {
     const std::optional<std::chrono::seconds> age = ageOfBackup(path_);
-    const bool due = !age || *age < std::chrono::seconds(0) || *age >= backupInterval_;
+    const std::chrono::milliseconds pause = pauseUntilBackup();
+    const bool due = !age || *age < std::chrono::seconds(0) || *age >= pause;
     if (!due) {
-        nextBackup_ = Clock::now() + backupInterval_ - *age;
+        nextBackup_ = Clock::now() + pause - *age;
     } else if (entries_.empty()) {
-        nextBackup_ = Clock::now() + std::min<std::chrono::milliseconds>(backupInterval_, retryBackup);
+        nextBackup_ = Clock::now();  // with the next write: of nothing none is made
     } else {
         backUp();
     }
@@ -174,6 +223,7 @@ void Store::backUp() {
     try {
         database_->copyTo(beginBackup(path_));
         keepBackup(path_);
+        nextBackup_ = Clock::now() + pauseUntilBackup();
     } catch (const DamagedStore&) {
         throw;
     } catch (const StoreException& error) {

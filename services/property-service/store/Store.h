@@ -1,7 +1,8 @@
 // The store on disk: a database that looks after itself.
 //
-// Once a day, and when it is opened and that is due, it makes a backup of itself; two are kept. A damaged database is
-// set aside and made anew from the last good backup. While the disk can only be read or has no room even to open the
+// It makes a backup of itself with the first write, an hour later and then once a day; two are kept. A damaged database
+// is set aside and made anew from the last good backup. When its files are deleted or replaced while it is open, the
+// next write, or the destructor, makes them anew. While the disk can only be read or has no room even to open the
 // database, what was stored is there all the same; writes are refused until the disk takes them again.
 #pragma once
 
@@ -18,6 +19,9 @@ class Store final : public IStore {
  public:
     /// Throws StoreException when the file is in use by another process, newer than this version, or of something else.
     explicit Store(const std::string& path, std::chrono::milliseconds backupInterval = std::chrono::hours(24));
+    Store(const Store&) = delete;
+    Store& operator=(const Store&) = delete;
+    ~Store() override;
 
     std::vector<Entry> load() override;
     void write(const std::vector<Entry>& entries) override;
@@ -32,6 +36,9 @@ class Store final : public IStore {
     void open();
     void restore(const std::string& damage);
     std::vector<Entry> readCopy() const;
+    void commit(const std::vector<Entry>& entries);
+    void renewIfDisplaced();
+    std::chrono::milliseconds pauseUntilBackup() const;
     void planBackup();
     void backUp();
 

@@ -24,6 +24,8 @@ namespace fs = std::filesystem;
 constexpr int applicationId = 0x5a415670;
 constexpr std::size_t keptDamaged = 2;
 constexpr int mostLinks = 40;
+// Further ahead than this a version number is damage.
+constexpr int mostVersionsAhead = 16;
 // Where SQLite locks a database: https://www.sqlite.org/fileformat2.html#the_lock_byte_page
 constexpr off_t firstLockByte = 0x40000000;
 constexpr off_t lockBytes = 512;
@@ -66,6 +68,21 @@ std::string timeStamp() {
 
 }  // namespace
 
+FileMark::FileMark(std::string path) : path_(std::move(path)) {
+    struct stat status {};
+    if (::stat(path_.c_str(), &status) != 0) fail(path_, "cannot be found", errno);
+    device_ = status.st_dev;
+    inode_ = status.st_ino;
+}
+
+FileMark::State FileMark::state() const {
+    struct stat status {};
+    if (::stat(path_.c_str(), &status) != 0) {
+        return errno == ENOENT || errno == ENOTDIR ? State::deleted : State::inPlace;
+    }
+    return status.st_dev == device_ && status.st_ino == inode_ ? State::inPlace : State::replaced;
+}
+
 void createIfMissing(const std::string& path) {
     std::error_code error;
     const fs::path folder = fs::path(path).parent_path();
@@ -105,11 +122,19 @@ void checkHeader(const std::string& path) {
         return static_cast<std::int32_t>(std::uint32_t{header[at]} << 24 | std::uint32_t{header[at + 1]} << 16 |
                                          std::uint32_t{header[at + 2]} << 8 | std::uint32_t{header[at + 3]});
     };
-    if (number(68) == applicationId && number(60) > Database::version) {
-        throw StoreException(path + ": " + newerVersion(number(60)));
+    const bool isOurs = number(68) == applicationId;
+    const std::int32_t found = number(60);
+    if (isOurs && found > Database::version && found <= Database::version + mostVersionsAhead) {
+        throw StoreException(path + ": " + newerVersion(found));
     }
-    const bool empty = number(68) == 0 && number(60) == 0 && number(40) == 0;  // 40: schema cookie
-    if (number(68) != applicationId && !empty) {
+    // Both numbers are written in one transaction, and no version of the service writes others.
+    // With other format numbers than these SQLite would not write to the file, or not open it.
+    const bool isFormat = (header[18] == 1 || header[18] == 2) && (header[19] == 1 || header[19] == 2) &&
+                          number(44) >= 1 && number(44) <= 4;
+    const bool isFlipped = isOurs ? found < 1 || found > Database::version || !isFormat : wasOurs;
+    if (isFlipped) throw DamagedStore(path + ": its header is damaged");
+    const bool empty = number(68) == 0 && found == 0 && number(40) == 0;  // 40: schema cookie
+    if (!isOurs && !empty) {
         throw StoreException(path + ": is a database of something else; name another file with --store");
     }
 }
@@ -186,6 +211,22 @@ void keepBackup(const std::string& path) {
     std::error_code error;
     if (fs::exists(path + ".backup-1", error)) rename(path + ".backup-1", path + ".backup-2");
     rename(path + ".backup-new", path + ".backup-1");
+    syncFolder(path);
+}
+
+std::string beginStore(const std::string& path) {
+    std::string fresh = path + ".new";
+    std::error_code none;
+    fs::remove(fresh, none);  // of an earlier attempt
+    createIfMissing(fresh);
+    return fresh;
+}
+
+void install(const std::string& fresh, const std::string& path) {
+    syncFile(fresh);
+    std::error_code none;
+    fs::remove(path + "-wal", none);
+    rename(fresh, path);
     syncFolder(path);
 }
 

@@ -2,12 +2,30 @@
 // was set aside as damaged (PATH.damaged-TIME, two at most).
 #pragma once
 
+#include <sys/types.h>
+
 #include <chrono>
 #include <optional>
 #include <string>
 #include <vector>
 
 namespace propertyservice {
+
+/// Remembers which file is at a path, so that it is noticed when another one is, or none.
+class FileMark {
+ public:
+    enum class State { inPlace, deleted, replaced };
+
+    explicit FileMark(std::string path);
+
+    /// One system call. As long as nothing else can be told, the file is in its place.
+    State state() const;
+
+ private:
+    std::string path_;
+    dev_t device_ = 0;
+    ino_t inode_ = 0;
+};
 
 /// Makes the file (mode 0600) and its folder. Throws UnwritableStore or StoreException.
 void createIfMissing(const std::string& path);
@@ -41,6 +59,12 @@ std::optional<std::chrono::seconds> ageOfBackup(const std::string& path);
 /// An empty file (mode 0600) for the next backup; `keepBackup` then makes it the newest one. Both throw StoreException.
 std::string beginBackup(const std::string& path);
 void keepBackup(const std::string& path);
+
+/// An empty file (mode 0600) beside the store, for a new one, and the store's folder. `install` then puts it in the
+/// store's place at once or not at all, and removes a log that belongs to what was there. Both throw UnwritableStore or
+/// StoreException.
+std::string beginStore(const std::string& path);
+void install(const std::string& fresh, const std::string& path);
 
 /// Renames the store and its log; returns the new name. Older damaged ones are removed. Throws StoreException.
 std::string setAside(const std::string& path);

@@ -53,6 +53,16 @@ TEST(Codec, WhatItWritesAnotherParserReadsBack) {
     }
 }
 
+TEST(Codec, ControlCharactersAreEscapes) {
+    for (int byte = 0; byte < 0x80; ++byte) {
+        std::string json;
+        appendQuoted(json, std::string(1, static_cast<char>(byte)));
+        const bool isEscape = byte < 0x20 || byte == 0x7f || byte == '"' || byte == '\\';
+        EXPECT_EQ(json[1] == '\\', isEscape) << byte << json;
+        EXPECT_EQ(parsed("[" + json + "]")[0].asString(), std::string(1, static_cast<char>(byte)));
+    }
+}
+
 TEST(Codec, ReadsWhatAnotherWriterWrites) {
     std::mt19937 random(2);
     RequestReader reader;
@@ -220,22 +230,24 @@ TEST_P(HostilePayload, IsABadRequest) {
     EXPECT_EQ(reader.set(R"({"param":"a","value":""})").param, "a") << "the next request suffers";
 }
 
-constexpr char noObject[] = "the payload is no JSON object";
-constexpr char noText[] = "the payload is no UTF-8 JSON text";
+constexpr char noObject[] = "the payload must be a JSON object";
+constexpr char notJson[] = "the payload is not JSON in UTF-8";
+constexpr char twice[] = "the payload has a duplicate member";
+constexpr char tooDeep[] = "the payload is nested more than 32 deep";
 INSTANTIATE_TEST_SUITE_P(
     All, HostilePayload,
     testing::Values(
-        Hostile{"Empty", "", "", noObject}, Hostile{"Text", "hello", "", noObject},
+        Hostile{"Empty", "", "", notJson}, Hostile{"Text", "hello", "", notJson},
         Hostile{"Array", R"(["param","value"])", "", noObject}, Hostile{"Null", "null", "", noObject},
-        Hostile{"Unfinished", R"({"param":"a","value":"b")", "", noObject},
-        Hostile{"TrailingComma", R"({"param":"a","value":"b",})", "", noObject},
-        Hostile{"TrailingText", R"({"param":"a","value":"b"}{})", "", noObject},
-        Hostile{"Comment", R"({"param":"a",/* */"value":"b"})", "", noText},
-        Hostile{"DuplicateMember", R"({"param":"a","param":"b","value":"c"})", "", noObject},
-        Hostile{"DuplicateMemberBelow", R"({"param":"a","value":"c","x":{"y":1,"y":2}})", "", noObject},
+        Hostile{"Unfinished", R"({"param":"a","value":"b")", "", notJson},
+        Hostile{"TrailingComma", R"({"param":"a","value":"b",})", "", notJson},
+        Hostile{"TrailingText", R"({"param":"a","value":"b"}{})", "", notJson},
+        Hostile{"Comment", R"({"param":"a",/* */"value":"b"})", "", notJson},
+        Hostile{"DuplicateMember", R"({"param":"a","param":"b","value":"c"})", "", twice},
+        Hostile{"DuplicateMemberBelow", R"({"param":"a","value":"c","x":{"y":1,"y":2}})", "", twice},
         Hostile{"DeepNesting", R"({"param":"a","value":"c","x":)" + std::string(100000, '[') + "}", "",
                 "the payload has more than 1000 members and elements"},
-        Hostile{"LessDeepNesting", R"({"param":"a","value":"c","x":)" + std::string(900, '[') + "}", "", noObject},
+        Hostile{"LessDeepNesting", R"({"param":"a","value":"c","x":)" + std::string(900, '[') + "}", "", tooDeep},
         Hostile{"ManyElements", R"({"param":"a","value":"c","x":[0)" + std::string(1000, ',') + "]}", "",
                 "the payload has more than 1000 members and elements"},
         Hostile{"ManyObjects", R"({"param":"a","value":"c","x":)" + std::string(1000, '{') + "}", "",
@@ -243,27 +255,27 @@ INSTANTIATE_TEST_SUITE_P(
         Hostile{"SourceTooLong", R"({"param":"a","value":"c","source":")" + std::string(65537, 's') + "\"}", "a",
                 "\"source\" is longer than 65536 bytes"},
         Hostile{"DeepButClosed",
-                R"({"param":"a","value":"c","x":)" + std::string(200, '[') + std::string(200, ']') + "}", "", noObject},
+                R"({"param":"a","value":"c","x":)" + std::string(200, '[') + std::string(200, ']') + "}", "", tooDeep},
         Hostile{"Huge", R"({"param":"a","value":")" + std::string(maxPayloadBytes, 'x') + "\"}", "",
                 "the payload is larger than 1048576 bytes"},
         Hostile{"ParamMissing", R"({"value":"b"})", "", "\"param\" is missing"},
-        Hostile{"ParamNumber", R"({"param":5,"value":"b"})", "", "\"param\" is no text"},
+        Hostile{"ParamNumber", R"({"param":5,"value":"b"})", "", "\"param\" must be a string"},
         Hostile{"ValueMissing", R"({"param":"a"})", "a", "\"value\" is missing"},
-        Hostile{"ValueNull", R"({"param":"a","value":null})", "a", "\"value\" is no text"},
-        Hostile{"ValueNumber", R"({"param":"a","value":1})", "a", "\"value\" is no text"},
-        Hostile{"ValueArray", R"({"param":"a","value":["b"]})", "a", "\"value\" is no text"},
-        Hostile{"SourceNumber", R"({"param":"a","value":"b","source":1})", "a", "\"source\" is no text"},
-        Hostile{"InvalidUtf8", "{\"param\":\"a\",\"value\":\"\xff\"}", "", noText},
-        Hostile{"OverlongUtf8", "{\"param\":\"a\",\"value\":\"\xc0\x80\"}", "", noText},
-        Hostile{"SurrogateInUtf8", "{\"param\":\"a\",\"value\":\"\xed\xa0\x80\"}", "", noText},
-        Hostile{"CutUtf8", "{\"param\":\"a\",\"value\":\"\xe2\x82", "", noText},
-        Hostile{"BeyondUnicode", "{\"param\":\"a\",\"value\":\"\xf4\x90\x80\x80\"}", "", noText},
-        Hostile{"RawNul", std::string("{\"param\":\"a\",\"value\":\"b\0\"}", 25), "", noText},
-        Hostile{"RawNewline", "{\"param\":\"a\",\"value\":\"b\nc\"}", "", noText},
-        Hostile{"EscapedNul", R"({"param":"a","value":"b\u0000c"})", "a", "\"value\" is no UTF-8 text without NUL"},
-        Hostile{"HalfSurrogatePair", R"({"param":"a","value":"\udc00"})", "a",
-                "\"value\" is no UTF-8 text without NUL"},
-        Hostile{"OtherHalf", R"({"param":"a","value":"\ud800"})", "", noObject}),
+        Hostile{"ValueNull", R"({"param":"a","value":null})", "a", "\"value\" must be a string"},
+        Hostile{"ValueNumber", R"({"param":"a","value":1})", "a", "\"value\" must be a string"},
+        Hostile{"ValueArray", R"({"param":"a","value":["b"]})", "a", "\"value\" must be a string"},
+        Hostile{"SourceNumber", R"({"param":"a","value":"b","source":1})", "a", "\"source\" must be a string"},
+        Hostile{"InvalidUtf8", "{\"param\":\"a\",\"value\":\"\xff\"}", "", notJson},
+        Hostile{"OverlongUtf8", "{\"param\":\"a\",\"value\":\"\xc0\x80\"}", "", notJson},
+        Hostile{"SurrogateInUtf8", "{\"param\":\"a\",\"value\":\"\xed\xa0\x80\"}", "", notJson},
+        Hostile{"CutUtf8", "{\"param\":\"a\",\"value\":\"\xe2\x82", "", notJson},
+        Hostile{"BeyondUnicode", "{\"param\":\"a\",\"value\":\"\xf4\x90\x80\x80\"}", "", notJson},
+        Hostile{"RawNul", std::string("{\"param\":\"a\",\"value\":\"b\0\"}", 25), "", notJson},
+        Hostile{"RawNewline", "{\"param\":\"a\",\"value\":\"b\nc\"}", "", notJson},
+        Hostile{"EscapedNul", R"({"param":"a","value":"b\u0000c"})", "a", "\"value\" must not contain a NUL"},
+        Hostile{"LowSurrogate", R"({"param":"a","value":"\udc00"})", "", notJson},
+        Hostile{"HighSurrogate", R"({"param":"a","value":"\ud800"})", "", notJson},
+        Hostile{"SurrogateAndLetter", R"({"param":"a","value":"\ud800\u0041"})", "", notJson}),
     [](const auto& row) { return row.param.name; });
 
 TEST(Codec, UnknownMembersAreIgnored) {

@@ -6,6 +6,8 @@
 
 #include <map>
 
+#include "FakeStore.h"
+#include "fakes/LogCapture.h"
 #include "service/Limits.h"
 
 namespace propertyservice {
@@ -16,38 +18,6 @@ using testing::Contains;
 using testing::ElementsAre;
 using testing::HasSubstr;
 using testing::IsEmpty;
-
-class FakeStore final : public IStore {
- public:
-    std::vector<Entry> load() override { return {values.begin(), values.end()}; }
-
-    void write(const std::vector<Entry>& entries) override {
-        ++transactions;
-        if (damaged) throw DamagedStore("damaged");
-        if (full) throw StoreException("disk full");
-        for (const Entry& entry : entries) {
-            if (entry.first == failingKey) throw StoreException("no room for " + entry.first);
-        }
-        for (const auto& [key, value] : entries) {
-            if (value) {
-                values[key] = *value;
-            } else {
-                values.erase(key);
-            }
-        }
-    }
-
-    void rebuild(const std::vector<Entry>& entries) override {
-        damaged = false;
-        write(entries);
-    }
-
-    std::map<std::string, std::string> values;
-    bool damaged = false;
-    int transactions = 0;
-    bool full = false;
-    std::string failingKey;
-};
 
 const char catalogueText[] = R"({"version": 1, "keys": {
     "System.Name": {"type": "text", "default": "phone", "description": "d"},
@@ -172,7 +142,7 @@ TEST_F(Service, ErrorsSayWhatIsWrong) {
                             error("System.#", "not-found", "the catalogue has no such key"),
                             error("System.Port", "invalid-value", "must be a whole number from 1 to 9"),
                             error("System.Serial", "read-only", "may not be written by a client"),
-                            error("", "bad-request", "the payload is no JSON object"),
+                            error("", "bad-request", "the payload is not JSON in UTF-8"),
                             error("System.Name", "bad-request", "\\\"value\\\" is missing"),
                             error("", "bad-request", "\\\"prefix\\\" is missing")));
     EXPECT_EQ(store.transactions, 0);

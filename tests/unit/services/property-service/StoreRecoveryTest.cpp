@@ -189,6 +189,13 @@ class Damaged : public testing::Test {
         log.forget();
         return Store(path, 24h).load();
     }
+    void expectErrors(std::size_t count) const {
+        const fakes::LogCapture::Lines lines = log.lines();
+        EXPECT_EQ(lines.size(), count) << log.text();
+        for (const fakes::LogLine& line : lines) {
+            EXPECT_EQ(line, fakes::error("services/property-service/store/Store", line.text));
+        }
+    }
 
     const TemporaryFolder folder;
     const std::string path = folder / "s.db";
@@ -202,6 +209,7 @@ TEST_F(Damaged, PageIsSetAsideAndTheBackupTakenOver) {
     EXPECT_THAT(log.text(), HasSubstr("it is kept as " + path + ".damaged-"));
     EXPECT_THAT(log.text(),
                 HasSubstr("Settings are as they were in the backup " + path + ".backup-1: 2 stored values"));
+    expectErrors(2);
     EXPECT_EQ(namesIn(folder, "damaged").size(), 1U);
     EXPECT_THAT(reopened(), UnorderedElementsAre(Entry("a", "1"), Entry("b", "x")));
     EXPECT_EQ(log.text(), "");
@@ -241,6 +249,7 @@ TEST_F(Damaged, LogIsSaidToHaveLostWhatStandsBehind) {
         const bool isSaid =
             log.text().find("s.db-wal: is damaged; the last changes in it are lost: ") != std::string::npos;
         EXPECT_EQ(isSaid, at > 8 && at < 32 + 5 * frame) << at << log.text();
+        expectErrors(isSaid ? 1 : 0);
     }
     std::ofstream(path, std::ios::binary) << file;
     std::ofstream(path + "-wal", std::ios::binary) << whole;
@@ -263,6 +272,7 @@ TEST_F(Damaged, BackupGivesWayToTheOneBefore) {
     overwrite(path, 1100, std::string(3000, 'x'));
     EXPECT_THAT(reopened(), UnorderedElementsAre(Entry("a", "1"), Entry("b", "x")));
     EXPECT_THAT(log.text(), HasSubstr("backup-1 is no good"));
+    expectErrors(3);
 }
 
 TEST_F(Damaged, WithoutABackupItStartsEmpty) {
@@ -270,6 +280,7 @@ TEST_F(Damaged, WithoutABackupItStartsEmpty) {
     overwrite(path, 1100, std::string(3000, 'x'));
     EXPECT_THAT(reopened(), IsEmpty());
     EXPECT_THAT(log.text(), HasSubstr("There is no good backup: settings start at their defaults"));
+    expectErrors(2);
     Store store(path);
     store.write({{"a", "works"}});
     EXPECT_THAT(store.load(), ElementsAre(Entry("a", "works")));
@@ -303,6 +314,7 @@ TEST_F(Damaged, EmptyFileIsNotKept) {
     EXPECT_THAT(reopened(), UnorderedElementsAre(Entry("a", "1"), Entry("b", "x")));
     EXPECT_THAT(namesIn(folder, ".damaged-"), IsEmpty());
     EXPECT_THAT(log.text(), HasSubstr("is empty, but there are backups of it"));
+    expectErrors(2);
 }
 
 TEST_F(Damaged, WhileOpenIsRebuiltFromWhatItsUserHas) {
@@ -322,21 +334,64 @@ TEST(Backup, IsMadeOnceADayAndTwoAreKept) {
         Store store(path);
         EXPECT_THAT(namesIn(folder, "backup"), IsEmpty()) << "of nothing";
         store.write({{"a", "1"}});
-        EXPECT_THAT(namesIn(folder, "backup"), IsEmpty());
+        EXPECT_THAT(namesIn(folder, "backup"), ElementsAre("s.db.backup-1"));
+        store.write({{"a", "2"}});
+        EXPECT_THAT(namesIn(folder, "backup"), ElementsAre("s.db.backup-1"));
     }
-    { Store store(path); }
-    EXPECT_THAT(namesIn(folder, "backup"), ElementsAre("s.db.backup-1"));
+    EXPECT_THAT(Database(path + ".backup-1").load(), ElementsAre(Entry("a", "1")));
     const auto made = fs::last_write_time(path + ".backup-1");
-    { Store store(path); }
+    // Whether a start makes one when the newest is so old.
+    const auto isMade = [&path, made](std::chrono::minutes age) {
+        fs::last_write_time(path + ".backup-1", made - age);
+        { Store store(path); }
+        return fs::last_write_time(path + ".backup-1") != made - age;
+    };
+    EXPECT_FALSE(isMade(59min)) << "the second comes an hour behind the first";
     EXPECT_THAT(namesIn(folder, "backup"), ElementsAre("s.db.backup-1"));
-    fs::last_write_time(path + ".backup-1", made - 25h);
-    { Store store(path); }
+    EXPECT_TRUE(isMade(61min));
     EXPECT_THAT(namesIn(folder, "backup"), ElementsAre("s.db.backup-1", "s.db.backup-2"));
-    EXPECT_EQ(fs::last_write_time(path + ".backup-2"), made - 25h);
-    fs::last_write_time(path + ".backup-1", made + 25h);  // the clock was set back
-    { Store store(path); }
+    EXPECT_FALSE(isMade(23h + 59min));
+    EXPECT_TRUE(isMade(24h + 1min));
+    EXPECT_EQ(fs::last_write_time(path + ".backup-2"), made - 24h - 1min);
+    EXPECT_TRUE(isMade(-2min)) << "the clock was set back";
     EXPECT_THAT(namesIn(folder, "backup"), ElementsAre("s.db.backup-1", "s.db.backup-2"));
-    EXPECT_EQ(fs::last_write_time(path + ".backup-2"), made + 25h);
+    EXPECT_EQ(fs::last_write_time(path + ".backup-2"), made + 2min);
+}
+
+TEST(FirstDay, FlippedBitsInTheHeaderCostOneBackupAndNotTheStart) {
+    const TemporaryFolder folder;
+    const std::string path = folder / "s.db";
+    {
+        Store store(path);
+        store.load();
+        store.write({{"a", "1"}});
+        store.write({{"a", "2"}});
+    }
+    const std::string whole = bytesOf(path);
+    ASSERT_GT(whole.size(), 100U);
+    fakes::LogCapture log;
+    std::vector<int> newer;
+    for (std::size_t bit = 0; bit < 8 * 100; ++bit) {
+        log.forget();
+        std::string damaged = whole;
+        damaged[bit / 8] = static_cast<char>(damaged[bit / 8] ^ (1 << bit % 8));
+        std::ofstream(path, std::ios::binary) << damaged;
+        try {
+            Store store(path);
+            EXPECT_THAT(store.load(), testing::AnyOf(ElementsAre(Entry("a", "1")), ElementsAre(Entry("a", "2"))))
+                << bit;
+            store.write({{"a", "3"}});
+        } catch (const StoreException& error) {
+            const std::string text = error.what();
+            const auto at = text.find("store format ");
+            EXPECT_NE(at, std::string::npos) << bit << ": " << text << "\n" << log.text();
+            if (at == std::string::npos) continue;
+            newer.push_back(std::stoi(text.substr(at + 13)));
+        }
+    }
+    EXPECT_THAT(newer, ElementsAre(3, 6, 10, 18)) << "as good as a newer version's";
+    fs::resize_file(path, 50);
+    EXPECT_EQ(Store(path).load().size(), 1U);
 }
 
 TEST(Backup, IsMadeWhileTheStoreIsInUseAndHoldsWhatWasWritten) {
@@ -359,7 +414,10 @@ TEST(Backup, ThatCannotBeMadeCostsNoWrite) {
     Store store(folder / "s.db", 0ms);
     store.write({{"a", "1"}});
     EXPECT_THAT(store.load(), ElementsAre(Entry("a", "1")));
-    EXPECT_THAT(log.text(), HasSubstr("No backup of the settings was made: "));
+    const fakes::LogCapture::Lines lines = log.lines();
+    ASSERT_EQ(lines.size(), 1U);
+    EXPECT_EQ(lines[0].level, "warning");
+    EXPECT_THAT(lines[0].text, HasSubstr("No backup of the settings was made: "));
 }
 
 }  // namespace

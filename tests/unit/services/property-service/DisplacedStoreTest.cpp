@@ -1,0 +1,219 @@
+// A store whose files are deleted or replaced while the service has them open loses nothing.
+#include <gmock/gmock.h>
+#include <gtest/gtest.h>
+#include <sys/stat.h>
+#include <sys/wait.h>
+#include <unistd.h>
+
+#include <filesystem>
+#include <fstream>
+#include <functional>
+#include <iterator>
+
+#include "TemporaryFolder.h"
+#include "fakes/LogCapture.h"
+#include "store/Store.h"
+
+namespace propertyservice {
+namespace {
+
+namespace fs = std::filesystem;
+using testing::AllOf;
+using testing::ElementsAre;
+using testing::HasSubstr;
+using testing::IsEmpty;
+using testing::SizeIs;
+using testing::UnorderedElementsAre;
+using Entry = IStore::Entry;
+
+const std::string source = "services/property-service/store/Store";
+
+std::string bytesOf(const std::string& path) {
+    std::ifstream file(path, std::ios::binary);
+    return {std::istreambuf_iterator<char>(file), std::istreambuf_iterator<char>()};
+}
+
+class DisplacedStore : public testing::Test {
+ protected:
+    void SetUp() override {
+        store = std::make_unique<Store>(path);
+        store->load();
+        for (int number = 1; number <= 20; ++number) store->write({{"a", std::to_string(number)}, {"kept", "x"}});
+        log.forget();
+    }
+
+    // What a service would find that starts now, after this one was killed.
+    std::vector<Entry> foundAfterAKill() {
+        const fs::path copy = folder / "copy";
+        fs::remove_all(copy);
+        fs::create_directories(copy);
+        for (const fs::directory_entry& entry : fs::directory_iterator(fs::path(path).parent_path())) {
+            if (entry.path().filename().string().compare(0, 4, "s.db") == 0) fs::copy(entry.path(), copy, recursive);
+        }
+        return Store(copy / "s.db").load();
+    }
+
+    // The next write finds the files gone, and after it everything is in place, once and for all.
+    void expectRenewal(const std::string& report) {
+        store->write({{"b", "new"}});
+        EXPECT_THAT(log.lines(), ElementsAre(fakes::error(source, report + "; the settings are written anew: 2 stored "
+                                                                           "values")));
+        log.forget();
+        const std::vector<Entry> all{{"a", "20"}, {"kept", "x"}, {"b", "new"}};
+        EXPECT_THAT(foundAfterAKill(), testing::UnorderedElementsAreArray(all));
+        EXPECT_THAT(store->load(), testing::UnorderedElementsAreArray(all));
+        store->write({{"a", "21"}});
+        EXPECT_THAT(foundAfterAKill(), UnorderedElementsAre(Entry("a", "21"), Entry("kept", "x"), Entry("b", "new")));
+        EXPECT_THAT(log.lines(), IsEmpty());
+        store.reset();
+        EXPECT_THAT(Store(path).load(), UnorderedElementsAre(Entry("a", "21"), Entry("kept", "x"), Entry("b", "new")));
+        EXPECT_THAT(log.lines(), IsEmpty());
+        EXPECT_FALSE(fs::exists(path + ".new"));
+        EXPECT_FALSE(fs::exists(path + "-shm")) << "the index of the log is in memory: there is no such file to lose";
+    }
+
+    static constexpr fs::copy_options recursive = fs::copy_options::recursive;
+    const TemporaryFolder folder;
+    const std::string home = folder / "zav";
+    const std::string path = home + "/s.db";
+    fakes::LogCapture log;
+    std::unique_ptr<Store> store;
+};
+
+TEST_F(DisplacedStore, WhoseFileIsDeletedIsWrittenAnew) {
+    fs::remove(path);
+    expectRenewal(path + ": was deleted while in use");
+}
+
+TEST_F(DisplacedStore, WhoseLogIsDeletedIsWrittenAnew) {
+    fs::remove(path + "-wal");
+    expectRenewal(path + "-wal: was deleted while in use");
+}
+
+TEST_F(DisplacedStore, WhoseFilesAreAllDeletedIsWrittenAnewWithABackup) {
+    for (const char* name : {"", "-wal", ".backup-1"}) ASSERT_TRUE(fs::remove(path + name)) << name;
+    expectRenewal(path + ": was deleted while in use");
+    EXPECT_THAT(Store(path + ".backup-1").load(), SizeIs(3));
+}
+
+TEST_F(DisplacedStore, WhoseFolderIsDeletedIsWrittenAnew) {
+    fs::remove_all(home);
+    expectRenewal(path + ": was deleted while in use");
+    struct stat status {};
+    ASSERT_EQ(::stat(path.c_str(), &status), 0);
+    EXPECT_EQ(status.st_mode & 0777U, 0600U);
+}
+
+TEST_F(DisplacedStore, WhoseFolderIsRenamedIsWrittenAnewAndLeavesTheOtherAlone) {
+    fs::rename(home, home + "-other");
+    const std::string before = bytesOf(home + "-other/s.db") + bytesOf(home + "-other/s.db-wal");
+    expectRenewal(path + ": was deleted while in use");
+    EXPECT_TRUE(bytesOf(home + "-other/s.db") + bytesOf(home + "-other/s.db-wal") == before);
+}
+
+TEST_F(DisplacedStore, WhoseFileIsReplacedKeepsTheOtherFile) {
+    std::ofstream(folder / "other") << "of somebody else";
+    fs::rename(folder / "other", path);
+    store->write({{"b", "new"}});
+    ASSERT_THAT(log.lines(), SizeIs(1));
+    EXPECT_EQ(log.lines()[0].level, "error");
+    EXPECT_THAT(log.lines()[0].text,
+                AllOf(HasSubstr(path + ": was replaced while in use; the other file is kept as " + path + ".damaged-"),
+                      HasSubstr("; the settings are written anew: 2 stored values")));
+    std::vector<std::string> kept;
+    for (const fs::directory_entry& entry : fs::directory_iterator(home)) {
+        if (entry.path().string().find(".damaged-") != std::string::npos) kept.push_back(entry.path());
+    }
+    ASSERT_THAT(kept, SizeIs(1)) << "the log is not the other file's";
+    EXPECT_EQ(bytesOf(kept[0]), "of somebody else");
+    EXPECT_THAT(foundAfterAKill(), UnorderedElementsAre(Entry("a", "20"), Entry("kept", "x"), Entry("b", "new")));
+}
+
+TEST_F(DisplacedStore, WhoseLogIsReplacedTakesNothingFromTheOtherLog) {
+    std::string foreign;
+    {
+        Store other(folder / "other.db");
+        other.load();
+        for (int number = 0; number < 50; ++number) other.write({{"a", "foreign"}, {"z", "foreign"}});
+        foreign = bytesOf(folder / "other.db-wal");
+    }
+    std::ofstream(folder / "log", std::ios::binary) << foreign;
+    fs::rename(folder / "log", path + "-wal");
+    expectRenewal(path + "-wal: was replaced while in use");
+}
+
+TEST_F(DisplacedStore, IsWrittenAnewAtTheEndWithoutAWrite) {
+    fs::remove_all(home);
+    store.reset();
+    EXPECT_THAT(log.lines(), ElementsAre(fakes::error(source, path + ": was deleted while in use; the settings are "
+                                                                     "written anew: 2 stored values")));
+    EXPECT_THAT(Store(path).load(), UnorderedElementsAre(Entry("a", "20"), Entry("kept", "x")));
+}
+
+TEST_F(DisplacedStore, ThatCannotBeWrittenAnewRefusesWritesUntilItCan) {
+    fs::remove_all(home);
+    std::ofstream(home) << "a file where the folder was";
+    EXPECT_THROW(store->write({{"a", "lost"}}), StoreException);
+    EXPECT_THROW(store->write({{"b", "lost"}}), StoreException);
+    EXPECT_THAT(log.lines(), IsEmpty()) << "whoever asked is told";
+    fs::remove(home);
+    expectRenewal(path + ": was deleted while in use");
+}
+
+TEST_F(DisplacedStore, ThatCannotBeWrittenAnewAtTheEndSaysSo) {
+    fs::remove_all(home);
+    std::ofstream(home) << "a file where the folder was";
+    store.reset();
+    ASSERT_THAT(log.lines(), SizeIs(1));
+    EXPECT_EQ(log.lines()[0].level, "error");
+    EXPECT_THAT(log.lines()[0].text,
+                AllOf(HasSubstr("Not a directory"), HasSubstr("; the settings are lost with the deleted files")));
+}
+
+TEST_F(DisplacedStore, LeavesAnotherServicesFileAlone) {
+    fs::remove_all(home);
+    int ready[2];
+    int done[2];
+    ASSERT_EQ(::pipe(ready), 0);
+    ASSERT_EQ(::pipe(done), 0);
+    const pid_t child = ::fork();
+    char byte = 'x';
+    if (child == 0) {
+        Store other(path);
+        other.load();
+        other.write({{"theirs", "1"}});
+        static_cast<void>(!::write(ready[1], &byte, 1));
+        static_cast<void>(!::read(done[0], &byte, 1));
+        ::_exit(0);
+    }
+    ASSERT_EQ(::read(ready[0], &byte, 1), 1);
+    try {
+        store->write({{"a", "lost"}});
+        ADD_FAILURE() << "was written";
+    } catch (const StoreException& error) {
+        EXPECT_EQ(error.what(), path + ": was replaced while in use by another process, which uses it");
+    }
+    EXPECT_THAT(foundAfterAKill(), UnorderedElementsAre(Entry("theirs", "1")));
+    ASSERT_EQ(::write(done[1], &byte, 1), 1);
+    ASSERT_EQ(::waitpid(child, nullptr, 0), child);
+    for (const int end : {ready[0], ready[1], done[0], done[1]}) ::close(end);
+    store->write({{"b", "new"}});
+    EXPECT_THAT(foundAfterAKill(), UnorderedElementsAre(Entry("a", "20"), Entry("kept", "x"), Entry("b", "new")));
+}
+
+TEST_F(DisplacedStore, IsNotSeenWhereNothingWasTouched) {
+    const auto inode = [this] {
+        struct stat status {};
+        EXPECT_EQ(::stat(path.c_str(), &status), 0);
+        return status.st_ino;
+    };
+    const ino_t before = inode();
+    const std::string large(60000, 'x');
+    for (int number = 0; number < 300; ++number) store->write({{"a", large + std::to_string(number)}});
+    EXPECT_LT(fs::file_size(path + "-wal"), 20U * 1024 * 1024) << "the log was merged in between";
+    EXPECT_EQ(inode(), before);
+    EXPECT_THAT(log.lines(), IsEmpty());
+}
+
+}  // namespace
+}  // namespace propertyservice

@@ -1,0 +1,44 @@
+// A store in memory that can be full, damaged, or without room for one key.
+#pragma once
+
+#include <map>
+#include <string>
+#include <vector>
+
+#include "store/IStore.h"
+
+namespace propertyservice {
+
+class FakeStore final : public IStore {
+ public:
+    std::vector<Entry> load() override { return {values.begin(), values.end()}; }
+
+    void write(const std::vector<Entry>& entries) override {
+        ++transactions;
+        if (damaged) throw DamagedStore("damaged");
+        if (full) throw StoreException("disk full");
+        for (const Entry& entry : entries) {
+            if (entry.first == failingKey) throw StoreException("no room for " + entry.first);
+        }
+        for (const auto& [key, value] : entries) {
+            if (value) {
+                values[key] = *value;
+            } else {
+                values.erase(key);
+            }
+        }
+    }
+
+    void rebuild(const std::vector<Entry>& entries) override {
+        damaged = false;
+        write(entries);
+    }
+
+    std::map<std::string, std::string> values;
+    bool damaged = false;
+    int transactions = 0;
+    bool full = false;
+    std::string failingKey;
+};
+
+}  // namespace propertyservice
