@@ -1,7 +1,6 @@
 #include "Connection.h"
 
 #include <sys/eventfd.h>
-#include <sys/timerfd.h>
 #include <unistd.h>
 
 #include <algorithm>
@@ -40,13 +39,8 @@ bool isTooDeep(std::string_view topic) { return std::count(topic.begin(), topic.
 }  // namespace
 
 Connection::Connection(Options options, ConnectionListener& listener)
-    : options_(std::move(options)),
-      listener_(listener),
-      wakeup_(eventfd(0, EFD_NONBLOCK | EFD_CLOEXEC)),
-      timer_(timerfd_create(CLOCK_MONOTONIC, TFD_NONBLOCK | TFD_CLOEXEC)) {
-    if (wakeup_.get() < 0 || timer_.get() < 0) {
-        throw IPCException("Cannot make an event descriptor: " + systemText(errno));
-    }
+    : options_(std::move(options)), listener_(listener), wakeup_(eventfd(0, EFD_NONBLOCK | EFD_CLOEXEC)) {
+    if (wakeup_.get() < 0) throw IPCException("Cannot make an event descriptor: " + systemText(errno));
 }
 
 Connection::~Connection() { close(); }
@@ -93,17 +87,6 @@ void Connection::close() {
 void Connection::dropSession() {
     const std::lock_guard<std::mutex> lock(mutex_);
     sessionDropped_ = true;
-}
-
-void Connection::endRoundAt(Clock::time_point time) {
-    const std::lock_guard<std::mutex> lock(mutex_);
-    if (time == timerTime_) return;
-    timerTime_ = time;
-    const auto sinceStart = std::chrono::nanoseconds(time.time_since_epoch()).count();
-    itimerspec when{};
-    when.it_value.tv_sec = static_cast<time_t>(sinceStart / std::nano::den);
-    when.it_value.tv_nsec = static_cast<long>(sinceStart % std::nano::den);
-    timerfd_settime(timer_.get(), TFD_TIMER_ABSTIME, &when, nullptr);
 }
 
 void Connection::sendTogether() {

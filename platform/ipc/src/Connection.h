@@ -100,10 +100,6 @@ class Connection {
     /// How many messages the broker has yet to take or to acknowledge; 0 without a connection.
     std::size_t unsettled();
 
-    /// Inside `roundEnded`: another one ends at that time at the latest, if there is a connection then. It replaces the
-    /// time that was given before.
-    void endRoundAt(Clock::time_point time);
-
     /// Inside `roundEnded`: what is published from here to its end leaves in as few segments as possible.
     void sendTogether();
 
@@ -179,7 +175,6 @@ class Connection {
     const Options options_;
     ConnectionListener& listener_;
     const common::Descriptor wakeup_;  // eventfd
-    const common::Descriptor timer_;   // timerfd
     Address address_;                  // constant once the thread runs
     bool forEver_ = false;
 
@@ -213,7 +208,6 @@ class Connection {
     Clock::time_point readySince_;
     Clock::time_point closeDeadline_;
     Clock::time_point nextUpkeep_;
-    Clock::time_point timerTime_;  // what it is set to
     std::map<std::uint32_t, Subscription> subscriptions_;
     std::unordered_map<int, std::uint32_t> unanswered_;  // subscriptions by message identifier
     std::uint32_t nextSubscription_ = 1;

@@ -149,16 +149,13 @@ void Connection::pump(std::unique_lock<std::mutex>& lock) {
         if (closing_) until = std::min(until, closeDeadline_);
         const auto wait = std::chrono::ceil<milliseconds>(until - now).count();
         const bool reads = !readingPaused_ || closing_;
-        pollfd watched[3] = {
-            {mosquitto_socket(handle_.get()), 0, 0}, {wakeup_.get(), POLLIN, 0}, {timer_.get(), POLLIN, 0}};
+        pollfd watched[2] = {{mosquitto_socket(handle_.get()), 0, 0}, {wakeup_.get(), POLLIN, 0}};
         watched[0].events =
             static_cast<short>((reads ? POLLIN : 0) | (mosquitto_want_write(handle_.get()) ? POLLOUT : 0));
         lock.unlock();
-        poll(watched, 3, static_cast<int>(std::max<milliseconds::rep>(wait, 0)));
+        poll(watched, 2, static_cast<int>(std::max<milliseconds::rep>(wait, 0)));
         if (watched[1].revents != 0) drain(wakeup_.get());
-        if (watched[2].revents != 0) drain(timer_.get());
         lock.lock();
-        if (watched[2].revents != 0) timerTime_ = {};
         sent_ = false;
         // Each acknowledgement that is read lets libmosquitto send another message that waits.
         if (waiting_.size() > 1) cork();

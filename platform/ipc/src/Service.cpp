@@ -23,9 +23,6 @@ constexpr std::size_t maxBatch = 64;
 // A stop waits for the broker as long as it takes something within the first time, and never longer than the second.
 constexpr std::chrono::milliseconds stillTime{500};
 constexpr std::chrono::seconds sendTime{10};
-// What is deferred is gone with a crash: so long, and so many at most.
-constexpr std::chrono::milliseconds deferral{1};
-constexpr std::size_t maxDeferred = 64;
 
 std::size_t sizeOf(const ServiceRequest& request) {
     return request.topic.size() + request.payload.size() + request.responseTopic.size() +
@@ -59,7 +56,6 @@ void Service::stop() {
     if (first) {
         // What is carried out is answered, and its change published, before the goodbye.
         std::unique_lock<std::mutex> lock(round_);
-        send(deferred_);  // also without a connection, when there are no rounds
         waitUntilTaken(lock);
     }
     connection_->close();
@@ -78,7 +74,7 @@ void Service::waitUntilTaken(std::unique_lock<std::mutex>& lock) {
     }
 }
 
-std::size_t Service::unsettled() const { return outbox_.size() + deferred_.size() + connection_->unsettled(); }
+std::size_t Service::unsettled() const { return outbox_.size() + connection_->unsettled(); }
 
 bool Service::isFull(std::size_t times) const {
     return inbox_.size() >= times * maxRequests || inboxBytes_ >= times * maxBytes;
@@ -130,11 +126,7 @@ void Service::handleSome() noexcept {
         inbox_.pop_front();
     }
     try {
-        const bool isFirst = deferred_.empty();
-        for (OutgoingMessage& message : handler_(batch_)) {
-            (message.deferrable ? deferred_ : outbox_).push_back(std::move(message));
-        }
-        if (isFirst && !deferred_.empty()) deferredUntil_ = Connection::Clock::now() + deferral;
+        for (OutgoingMessage& message : handler_(batch_)) outbox_.push_back(std::move(message));
     } catch (const std::exception& error) {
         dbg::Debug::error() << "Exception in the request handler: " << error.what() << std::endl;
     } catch (...) {
@@ -142,25 +134,12 @@ void Service::handleSome() noexcept {
     }
 }
 
-bool Service::deferralEnds() const {
-    return !deferred_.empty() && (deferred_.size() >= maxDeferred || Connection::Clock::now() >= deferredUntil_);
-}
-
 /// Returns whether nothing is left that has to wait for the broker.
 bool Service::send() {
-    const bool all = deferralEnds();
-    if (outbox_.size() + (all ? deferred_.size() : 0) > 1) connection_->sendTogether();
-    if (all && !send(deferred_)) return false;  // first, as answers can be large
-    if (!send(outbox_)) return false;
-    if (!deferred_.empty()) connection_->endRoundAt(deferredUntil_);
-    return true;
-}
-
-/// Returns whether all of them have been sent.
-bool Service::send(std::deque<OutgoingMessage>& messages) {
-    for (; !messages.empty(); messages.pop_front()) {
+    if (outbox_.size() > 1) connection_->sendTogether();
+    for (; !outbox_.empty(); outbox_.pop_front()) {
         if (connection_->congestion() != Connection::Congestion::none) return false;
-        OutgoingMessage& message = messages.front();
+        OutgoingMessage& message = outbox_.front();
         if (message.topic.empty()) continue;  // the answer to a request that wanted none
         try {
             connection_->publish(

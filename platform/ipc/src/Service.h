@@ -1,6 +1,6 @@
 // The bus service over one Connection, on its network thread alone: handing a request to another thread takes a good
 // part of the time that it takes in all. Requests that came together are handled together, and what the handler returns
-// leaves together, but for what is deferrable: that waits a millisecond for more of its kind, and 64 wait no longer.
+// leaves together and in its order.
 #pragma once
 
 #include <atomic>
@@ -40,9 +40,7 @@ class Service final : public IIPCService, private ConnectionListener {
     void handleSome() noexcept;
     void waitUntilTaken(std::unique_lock<std::mutex>& lock);
     std::size_t unsettled() const;
-    bool deferralEnds() const;
     bool send();
-    bool send(std::deque<OutgoingMessage>& messages);
 
     const std::string name_;
     Handler handler_;                         // constant once started
@@ -53,8 +51,6 @@ class Service final : public IIPCService, private ConnectionListener {
     std::condition_variable allTaken_;
     // Guarded by round_.
     std::deque<OutgoingMessage> outbox_;
-    std::deque<OutgoingMessage> deferred_;
-    Connection::Clock::time_point deferredUntil_;
 
     // The network thread's own.
     std::deque<ServiceRequest> inbox_;
