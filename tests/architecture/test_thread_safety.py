@@ -1,9 +1,14 @@
-"""Locking that the compiler checks: clang refuses each misuse of common/ThreadSafety.h."""
+"""Locking that the compiler checks: clang refuses each misuse of common/ThreadSafety.h, and libraries that have been
+annotated use no other locks."""
 
+import re
 import subprocess
 import unittest
 
 import tree
+
+ANNOTATED = ("platform/ipc", "platform/propertyapi")
+BARE_LOCK = re.compile(r"std::(mutex|condition_variable\w*|unique_lock|lock_guard|scoped_lock)\b")
 
 COUNTER = """
 #include "common/ThreadSafety.h"
@@ -55,6 +60,11 @@ class ThreadSafety(unittest.TestCase):
     def test_misuses_are_refused(self):
         for member in WRONG:
             self.assertIn("-Wthread-safety", findings(member), member)
+
+    def test_annotated_libraries_use_annotated_locks_only(self):
+        wrong = [f"{name}: {match}" for name in tree.sources(*ANNOTATED)
+                 for match in BARE_LOCK.findall((tree.ROOT / name).read_text())]
+        self.assertEqual(wrong, [])
 
 
 if __name__ == "__main__":

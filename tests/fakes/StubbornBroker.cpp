@@ -151,6 +151,7 @@ bool StubbornBroker::talk(int client) {
     }
     owedCount_ = owed_.size();
     if (!holdsSubscriptions_) acceptSubscriptions();
+    heldCount_ = subscriptions_.size();
     return true;
 }
 

@@ -36,6 +36,8 @@ class StubbornBroker {
     /// From now on subscriptions are not answered, until `answerSubscriptions`.
     void holdSubscriptions() { holdsSubscriptions_ = true; }
     void answerSubscriptions();
+    /// How many subscriptions wait for their answer.
+    std::size_t heldSubscriptions() const { return heldCount_; }
 
     /// How many publications wait for their acknowledgement.
     std::size_t owed() const { return owedCount_; }
@@ -61,6 +63,7 @@ class StubbornBroker {
     int listener_ = -1;
     std::atomic<std::size_t> toSend_{0};
     std::atomic<std::size_t> owedCount_{0};
+    std::atomic<std::size_t> heldCount_{0};
     std::atomic<int> connections_{0};
     std::atomic<bool> givesIn_{false};
     std::atomic<bool> hangsUp_{false};

@@ -16,8 +16,8 @@ namespace {
 // Beyond either the socket is left unread until what is in hand has been sent: senders wait, nothing is dropped.
 constexpr std::size_t maxRequests = 25000;
 constexpr std::size_t maxBytes = std::size_t{16} * 1024 * 1024;
-// Waiting for acknowledgements the socket has to be read. Beyond this many times the limits requests are dropped then.
-constexpr std::size_t mostTimes = 4;
+// The socket is read while acknowledgements are outstanding; beyond this multiple of the limits, requests are dropped.
+constexpr std::size_t hardLimitFactor = 4;
 // What is handled at once; answers can be large.
 constexpr std::size_t maxBatch = 64;
 // A stop waits for the broker as long as it takes something within the first time, and never longer than the second.
@@ -55,19 +55,19 @@ void Service::stop() {
     if (!connection_) return;
     if (first) {
         // What is carried out is answered, and its change published, before the goodbye.
-        std::unique_lock<std::mutex> lock(round_);
-        waitUntilTaken(lock);
+        const common::LockGuard lock(round_);
+        waitUntilTaken();
     }
     connection_->close();
 }
 
-void Service::waitUntilTaken(std::unique_lock<std::mutex>& lock) {
+void Service::waitUntilTaken() {
     const auto end = Connection::Clock::now() + sendTime;
     std::size_t left = unsettled();
     for (std::size_t before = SIZE_MAX; left > 0 && left < before && Connection::Clock::now() < end;
          left = unsettled()) {
         before = left;
-        allTaken_.wait_for(lock, stillTime, [this] { return unsettled() == 0; });
+        allTaken_.waitFor(round_, stillTime, [this]() REQUIRES(round_) { return unsettled() == 0; });
     }
     if (left > 0) {
         dbg::Debug::warning() << "The broker has not taken the last " << left << " answers and changes" << std::endl;
@@ -91,7 +91,7 @@ void Service::connectionLost(const std::string&) {
 
 bool Service::messageArrived(const Incoming& message) {
     if (stopping_) return true;
-    if (isFull(mostTimes)) {
+    if (isFull(hardLimitFactor)) {
         if (!dropping_) {
             dbg::Debug::error() << "Requests are dropped: they come faster than the broker acknowledges changes"
                                 << std::endl;
@@ -108,11 +108,11 @@ bool Service::messageArrived(const Incoming& message) {
 }
 
 void Service::roundEnded() {
-    const std::lock_guard<std::mutex> lock(round_);
+    const common::LockGuard lock(round_);
     while (send() && !inbox_.empty() && !stopping_) handleSome();
-    if (stopping_) allTaken_.notify_all();
+    if (stopping_) allTaken_.notifyAll();
     if (!isFull(1)) dropping_ = false;
-    if (paused_ && (!isFull(1) || connection_->congestion() == Connection::Congestion::unacknowledged)) {
+    if (paused_ && (!isFull(1) || connection_->congestion() == Congestion::unacknowledged)) {
         paused_ = false;
         connection_->resumeReading();
     }
@@ -138,7 +138,7 @@ void Service::handleSome() noexcept {
 bool Service::send() {
     if (outbox_.size() > 1) connection_->sendTogether();
     for (; !outbox_.empty(); outbox_.pop_front()) {
-        if (connection_->congestion() != Connection::Congestion::none) return false;
+        if (connection_->congestion() != Congestion::none) return false;
         OutgoingMessage& message = outbox_.front();
         if (message.topic.empty()) continue;  // the answer to a request that wanted none
         try {

@@ -3,6 +3,7 @@
 
 #include <algorithm>
 #include <chrono>
+#include <future>
 #include <mutex>
 #include <stdexcept>
 
@@ -133,6 +134,19 @@ TEST(Service, ServesAgainAfterTheBrokerWasRestarted) {
     broker.stop();
     broker.start();
     EXPECT_NO_THROW(newAsker(broker.address()));
+}
+
+TEST(Service, SaysOfflineLastWhenItStopsBeforeItIsSubscribed) {
+    fakes::StubbornBroker broker;
+    broker.holdSubscriptions();
+    EchoService service(broker.address());
+    ASSERT_TRUE(eventually([&] { return broker.heldSubscriptions() == 1; }));
+    auto stopped = std::async(std::launch::async, [&] { service.stop(); });
+    ASSERT_TRUE(eventually([&] { return !broker.published().empty(); }));
+    broker.answerSubscriptions();
+    broker.giveIn();
+    stopped.wait();
+    EXPECT_EQ(broker.published(), std::vector<std::string>{statusTopic}) << "\"online\" after \"offline\"";
 }
 
 TEST(Service, StopsWithoutABrokerToo) {
