@@ -140,7 +140,7 @@ TEST(Link, IsOverOnceItsPeerAnswersAsNoBrokerWould) {
     EXPECT_EQ(driver.link.failure(), "its answer is not MQTT v5");
 }
 
-TEST(Link, TellsATakeoverFromAnOtherEnd) {
+TEST(Link, TellsATakeoverFromAnyOtherEnd) {
     for (const bool takesOver : {true, false}) {
         fakes::StubbornBroker broker;
         Driver driver(broker.address());
