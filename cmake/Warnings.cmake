@@ -12,6 +12,7 @@ target_compile_options(zav_options INTERFACE
   -Wnon-virtual-dtor    # deleting through a base
   -Wformat=2            # format strings from variables
   -Wundef               # a macro that silently reads as 0
+  $<$<CXX_COMPILER_ID:Clang>:-Wthread-safety>  # a guarded member that is touched without its mutex
   # Log lines carry the source's path below src/, platform code below the root; never this machine's folders.
   -fmacro-prefix-map=${CMAKE_SOURCE_DIR}/=
   -fmacro-prefix-map=${CMAKE_SOURCE_DIR}/src/=

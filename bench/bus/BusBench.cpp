@@ -162,12 +162,12 @@ void properties(const char* broker, const std::string& address) {
         [](const std::vector<ipc::ServiceRequest>& requests) {
             std::vector<ipc::OutgoingMessage> answers;
             for (const auto& request : requests) {
-                answers.push_back({request.responseTopic, R"({"param":"State.Bench.Key","value":"1"})",
-                                   request.correlationData, request.qualityOfService});
                 if (request.topic == "prop-service/set") {
                     answers.push_back({"prop-service-state/State.Bench.Key",
                                        R"({"param":"State.Bench.Key","value":"1","source":"bench"})", "", 1});
                 }
+                answers.push_back({request.responseTopic, R"({"param":"State.Bench.Key","value":"1"})",
+                                   request.correlationData, request.qualityOfService});
             }
             return answers;
         });

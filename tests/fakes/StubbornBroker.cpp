@@ -89,6 +89,16 @@ void StubbornBroker::giveIn() {
     eventfd_write(wakeup_, 1);
 }
 
+std::vector<std::string> StubbornBroker::published() const {
+    const std::lock_guard<std::mutex> lock(mutex_);
+    return published_;
+}
+
+void StubbornBroker::answerSubscriptions() {
+    holdsSubscriptions_ = false;
+    eventfd_write(wakeup_, 1);
+}
+
 void StubbornBroker::run() {
     while (!stopping_) {
         pollfd waiting[2] = {{listener_, POLLIN, 0}, {wakeup_, POLLIN, 0}};
@@ -98,6 +108,7 @@ void StubbornBroker::run() {
         input_.clear();
         output_.clear();
         owed_.clear();
+        subscriptions_.clear();
         subscribed_ = false;
         while (!stopping_ && talk(client)) {
         }
@@ -139,7 +150,18 @@ bool StubbornBroker::talk(int client) {
         owed_.clear();
     }
     owedCount_ = owed_.size();
+    if (!holdsSubscriptions_) acceptSubscriptions();
+    heldCount_ = subscriptions_.size();
     return true;
+}
+
+void StubbornBroker::acceptSubscriptions() {
+    for (const std::string& identifier : subscriptions_) {
+        output_ += packet(suback << 4, identifier + '\0' + '\1');
+        if (!subscribed_) ++connections_;
+        subscribed_ = true;
+    }
+    subscriptions_.clear();
 }
 
 /// Returns the size of the packet that the bytes begin with, 0 when it is not whole yet.
@@ -163,20 +185,19 @@ void StubbornBroker::answer(int first, const std::string& body) {
             output_ += packet(connack << 4, std::string(3, '\0'));
             break;
         case subscribe:
-            output_ += packet(suback << 4, body.substr(0, 2) + '\0' + '\1');
-            if (!subscribed_) ++connections_;
-            subscribed_ = true;
+            subscriptions_.push_back(body.substr(0, 2));
             break;
         case pingreq:
             output_ += packet(pingresp << 4, "");
             break;
-        case publish:
-            if ((first & 0x06) != 0) {
-                const auto topic = static_cast<std::size_t>(static_cast<unsigned char>(body[0])) * 256 +
-                                   static_cast<unsigned char>(body[1]);
-                owed_.push_back(body.substr(2 + topic, 2));
-            }
+        case publish: {
+            const auto topic = static_cast<std::size_t>(static_cast<unsigned char>(body[0])) * 256 +
+                               static_cast<unsigned char>(body[1]);
+            const std::lock_guard<std::mutex> lock(mutex_);
+            published_.push_back(body.substr(2, topic));
+            if ((first & 0x06) != 0) owed_.push_back(body.substr(2 + topic, 2));
             break;
+        }
         default:
             break;
     }

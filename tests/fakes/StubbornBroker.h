@@ -4,6 +4,7 @@
 #include <atomic>
 #include <cstddef>
 #include <cstdint>
+#include <mutex>
 #include <string>
 #include <thread>
 #include <vector>
@@ -29,6 +30,15 @@ class StubbornBroker {
     /// Connections on which the client has subscribed.
     int connections() const { return connections_; }
 
+    /// The topics of everything that was published, in order of arrival.
+    std::vector<std::string> published() const;
+
+    /// From now on subscriptions are not answered, until `answerSubscriptions`.
+    void holdSubscriptions() { holdsSubscriptions_ = true; }
+    void answerSubscriptions();
+    /// How many subscriptions wait for their answer.
+    std::size_t heldSubscriptions() const { return heldCount_; }
+
     /// How many publications wait for their acknowledgement.
     std::size_t owed() const { return owedCount_; }
 
@@ -46,23 +56,29 @@ class StubbornBroker {
     bool talk(int client);
     std::size_t takePacket(const std::string& bytes);
     void answer(int type, const std::string& packet);
+    void acceptSubscriptions();
 
     const int wakeup_;
     int port_ = 0;
     int listener_ = -1;
     std::atomic<std::size_t> toSend_{0};
     std::atomic<std::size_t> owedCount_{0};
+    std::atomic<std::size_t> heldCount_{0};
     std::atomic<int> connections_{0};
     std::atomic<bool> givesIn_{false};
     std::atomic<bool> hangsUp_{false};
     std::atomic<bool> takesOver_{false};
+    std::atomic<bool> holdsSubscriptions_{false};
     std::atomic<bool> stopping_{false};
-    std::string message_;  // constant while toSend_ is not 0
+    mutable std::mutex mutex_;
+    std::vector<std::string> published_;  // guarded by mutex_
+    std::string message_;                 // constant while toSend_ is not 0
 
     // The thread's own.
     std::string input_;
     std::string output_;
-    std::vector<std::string> owed_;  // message identifiers
+    std::vector<std::string> owed_;           // message identifiers
+    std::vector<std::string> subscriptions_;  // message identifiers of those not answered yet
     bool subscribed_ = false;
 
     std::thread thread_;

@@ -1,30 +1,41 @@
 // One connection to the broker that keeps itself alive; the bus client and the bus service are both built on it. It
 // subscribes again and sends again what the broker has not acknowledged, on every connection.
 //
+//     idle ──open──▶ connecting ◀──time is up── pausing
+//                     │      └────failed──────▶  ▲ ▲
+//                     │ CONNACK                  │ │
+//                     ▼                          │ │
+//                 subscribing ───────lost────────┘ │
+//                     │ every subscription answered│
+//                     ▼                            │
+//                   ready ───────────lost──────────┘
+//
+//     close:  subscribing, ready ──▶ flushing ──▶ ended,  any other ──▶ ended
+//     a first attempt that fails, unless it is to be retried:  connecting ──▶ ended
+//
 // Threads: one network thread opens, reads and closes; it alone waits on the socket. Every operation may be called from
-// any thread: one mutex guards the libmosquitto handle and all state, and is never held over anything that waits. The
-// listener is called on the network thread with that mutex held, but for `roundEnded`: it must not call back into the
-// connection, run user code or wait.
+// any thread: one mutex guards the link and all state, and is never held over anything that waits. The listener is
+// called on the network thread with that mutex held, but for `roundEnded`: it must not call back into the connection,
+// run user code or wait.
 #pragma once
 
 #include <chrono>
-#include <condition_variable>
 #include <cstddef>
 #include <cstdint>
-#include <deque>
 #include <functional>
-#include <map>
-#include <mutex>
+#include <memory>
 #include <string>
-#include <string_view>
 #include <thread>
-#include <unordered_map>
-#include <vector>
 
 #include "Address.h"
 #include "BackOff.h"
-#include "Mqtt.h"
-#include "common/Descriptor.h"
+#include "ConnectionLoss.h"
+#include "Link.h"
+#include "Message.h"
+#include "Outbox.h"
+#include "Subscriptions.h"
+#include "Waker.h"
+#include "common/ThreadSafety.h"
 
 namespace ipc {
 
@@ -45,7 +56,7 @@ class ConnectionListener {
     virtual void messageAcknowledged(const std::string& topic) = 0;
 };
 
-class Connection {
+class Connection : private LinkListener {
  public:
     using Clock = std::chrono::steady_clock;
 
@@ -57,168 +68,108 @@ class Connection {
         bool logsItself = false;   // its losses and returns, when there is nobody to tell
     };
 
-    struct Message {
-        std::string_view topic;
-        std::string_view payload;
-        int qualityOfService = 0;
-        std::string responseTopic;    // empty: none
-        std::string correlationData;  // empty: none
-    };
-
-    /// Messages with quality of service 1 that may wait for the broker, and those with 0 that may wait for the socket.
-    static constexpr std::size_t maxWaiting = 10000;
-    /// The largest packet that the broker may send us, and the largest payload that we send.
-    static constexpr std::uint32_t maxPacket = std::uint32_t{16} * 1024 * 1024;
     static constexpr std::chrono::seconds connectTimeout{5};
 
     Connection(Options options, ConnectionListener& listener);
     Connection(const Connection&) = delete;
     Connection& operator=(const Connection&) = delete;
-    ~Connection();
+    ~Connection() override;
 
     /// Starts the network thread. With `forEver` it tries until it is closed; otherwise a first attempt that fails
-    /// is the last. Throws IPCException for an address that is none.
+    /// is the last. Throws IPCException if the address is invalid.
     void open(const std::string& host, bool forEver);
 
     /// Waits until every subscription is answered. Throws IPCException when the first attempt fails or takes too long,
     /// or a subscription is refused.
-    void waitUntilReady();
+    void waitUntilReady() EXCLUDES(mutex_);
 
     /// Sends what is still to be sent as far as the broker takes it within half a second, says goodbye, ends the
     /// thread. Repeatable.
-    void close();
+    void close() EXCLUDES(mutex_);
 
     /// Returns false when it was not sent: quality 0 while there is no connection. Quality 1 is always kept until it
     /// is acknowledged. Throws IPCException for a topic or payload that MQTT does not allow, and when too many wait.
-    bool publish(const Message& message);
+    bool publish(const Message& message) EXCLUDES(mutex_);
 
-    /// What a sender that has much to say should wait for before it goes on: that the socket takes what is sent, or
-    /// that the broker acknowledges it.
-    enum class Congestion { none, unsent, unacknowledged };
-    Congestion congestion();
+    Congestion congestion() EXCLUDES(mutex_);
 
     /// How many messages the broker has yet to take or to acknowledge; 0 without a connection.
-    std::size_t unsettled();
-
-    /// Inside `roundEnded`: another one ends at that time at the latest, if there is a connection then. It replaces the
-    /// time that was given before.
-    void endRoundAt(Clock::time_point time);
+    std::size_t unsettled() EXCLUDES(mutex_);
 
     /// Inside `roundEnded`: what is published from here to its end leaves in as few segments as possible.
-    void sendTogether();
+    void sendTogether() EXCLUDES(mutex_);
 
     /// The identifier that the broker names in messages for the filter. `retained` is one of
     /// MQTT_SUB_OPT_SEND_RETAIN_…. `registered` is called with it before the first message can come, as the listener is
-    /// called: with the mutex held. Throws IPCException for a filter that is none.
+    /// called: with the mutex held. Throws IPCException if the filter is invalid.
     std::uint32_t subscribe(const std::string& filter, int qualityOfService, int retained,
-                            const std::function<void(std::uint32_t)>& registered = {});
+                            const std::function<void(std::uint32_t)>& registered = {}) EXCLUDES(mutex_);
     /// Waits for the broker's answer, 5 s at most. Throws IPCException when it refuses or does not answer.
-    void waitForSubscription(std::uint32_t identifier);
-    void unsubscribe(std::uint32_t identifier);
+    void waitForSubscription(std::uint32_t identifier) EXCLUDES(mutex_);
+    void unsubscribe(std::uint32_t identifier) EXCLUDES(mutex_);
 
     /// From now on a lost session is not taken up again.
-    void dropSession();
+    void dropSession() EXCLUDES(mutex_);
 
-    void resumeReading();
+    void resumeReading() EXCLUDES(mutex_);
 
  private:
-    struct Subscription {
-        std::string filter;
-        int qualityOfService = 0;
-        int retained = 0;
-        unsigned users = 1;
-        bool answered = false;
-        std::string refusal;
-    };
-    struct Waiting {
-        std::string topic;
-        std::string payload;
-        int qualityOfService = 0;
-        bool retain = false;
-        std::string responseTopic;
-        std::string correlationData;
-        int mid = 0;  // 0: not handed to libmosquitto on this connection
-    };
-    using WaitingList = std::deque<Waiting>;
+    enum class State { idle, connecting, subscribing, ready, pausing, flushing, ended };
+    /// How far any connection has come.
+    enum class Best { nothing, accepted, ready };
 
-    // On the network thread.
-    void run();
-    void connectOnce(std::unique_lock<std::mutex>& lock);
-    Clock::duration held() const;
-    bool openHandle(std::unique_lock<std::mutex>& lock, const std::string& numericAddress);
-    void pump(std::unique_lock<std::mutex>& lock);
-    bool mayGoOn(Clock::time_point now);
-    void service(short events);
-    bool answersAsBroker();
-    int readWhatCame();
-    void accepted();
-    void becomeReady();
-    void suspectTakeover(std::unique_lock<std::mutex>& lock, const std::string& numericAddress);
-    void afterLoss();
-    void tellFailure();
-    void waitToRetry(std::unique_lock<std::mutex>& lock, std::chrono::milliseconds pause);
+    /// Whether there is a link on which messages may go out.
+    bool isUp() const REQUIRES(mutex_) {
+        return state_ == State::subscribing || state_ == State::ready || state_ == State::flushing;
+    }
+    bool isClosing() const REQUIRES(mutex_) { return state_ == State::flushing || state_ == State::ended; }
 
-    static void onConnect(mosquitto*, void* self, int reason, int flags, const mosquitto_property*);
-    static void onDisconnect(mosquitto*, void* self, int reason, const mosquitto_property*);
-    static void onPublish(mosquitto*, void* self, int mid, int reason, const mosquitto_property*);
-    static void onSubscribe(mosquitto*, void* self, int mid, int count, const int* granted, const mosquitto_property*);
-    static void onMessage(mosquitto*, void* self, const mosquitto_message* message, const mosquitto_property*);
+    // On the network thread: one attempt after another, and the rounds of one.
+    void run() EXCLUDES(mutex_);
+    BackOff::Loss attempt() REQUIRES(mutex_);
+    std::unique_ptr<Link> dial(const std::string& numericAddress) REQUIRES(mutex_);
+    void pump() REQUIRES(mutex_);
+    bool mayGoOn() REQUIRES(mutex_);
+    bool mayGoOnFlushing(Clock::time_point now) REQUIRES(mutex_);
+    short waitForEvents() REQUIRES(mutex_);
+    void serve(short events) REQUIRES(mutex_);
+    void beginSubscribing() REQUIRES(mutex_);
+    void becomeReady() REQUIRES(mutex_);
+    BackOff::Loss afterLoss(const std::string& numericAddress) REQUIRES(mutex_);
+    bool suspectsTakeover(const std::string& numericAddress) REQUIRES(mutex_);
+    std::chrono::milliseconds held() const;
 
-    // With mutex_ held.
-    int send(const Message& message, bool retain, int* mid);
-    void sendWaiting(Waiting& waiting);
-    void enqueue(const Message& message, bool retain);
-    void sendSubscription(std::uint32_t identifier, Subscription& subscription);
-    void fail(const std::string& cause);
-    WaitingList::iterator forget(const WaitingList::iterator& waiting);
-    void cork();
-    void wakeIfBehind();
-    void caughtUp();
-    void wake() const;
+    // Inside Link::serve, on the network thread with mutex_ held.
+    void acknowledged(int identifier, int reason) override;
+    void subscribed(int identifier, const std::string& refusal) override;
+    bool arrived(const Incoming& message) override;
+
+    void enqueue(const Message& message, bool retain) REQUIRES(mutex_);
+    void send(Outbox::Entry& entry) REQUIRES(mutex_);
+    void sendSubscription(std::uint32_t identifier) REQUIRES(mutex_);
+    void noteWritten(std::size_t bytes) REQUIRES(mutex_);
 
     const Options options_;
     ConnectionListener& listener_;
-    const common::Descriptor wakeup_;  // eventfd
-    const common::Descriptor timer_;   // timerfd
-    Address address_;                  // constant once the thread runs
-    bool forEver_ = false;
+    const Waker waker_;
+    Address address_;       // constant once the thread runs
+    bool forEver_ = false;  // likewise
 
-    std::mutex mutex_;
-    std::condition_variable changed_;
-    // Guarded by mutex_.
-    Handle handle_;
-    bool answerBegun_ = false;  // the broker has sent something
-    bool connackSeen_ = false;
-    bool refused_ = false;       // by a broker, which said why
-    bool closedByPeer_ = false;  // without a reason
-    BackOff::Loss loss_ = BackOff::Loss::plain;
-    bool identifiersAllowed_ = true;  // the broker takes subscription identifiers
-    bool up_ = false;                 // the broker has accepted: messages may go out
-    bool ready_ = false;              // and every subscription is answered
-    bool everUp_ = false;
-    bool everReady_ = false;
-    bool closing_ = false;
-    bool ended_ = false;  // the thread has given up or was closed
-    bool sessionDropped_ = false;
-    bool readingPaused_ = false;
-    bool reading_ = false;
-    bool corked_ = false;
-    bool sent_ = false;        // something, in the round in hand
-    std::string failure_;      // why this connection failed or ended
-    std::string toldFailure_;  // why there is none, as it was logged last
-    std::size_t backlog_ = 0;  // messages since the socket last took everything
-    std::size_t backlogBytes_ = 0;
-    std::size_t arrivals_ = 0;  // messages and acknowledgements so far
+    common::Mutex mutex_;
+    common::ConditionVariable changed_;
+    State state_ GUARDED_BY(mutex_) = State::idle;
+    Best best_ GUARDED_BY(mutex_) = Best::nothing;
+    bool keepSession_ GUARDED_BY(mutex_);
+    std::unique_ptr<Link> link_ GUARDED_BY(mutex_) PT_GUARDED_BY(mutex_);  // replaced by the network thread only
+    std::string failure_ GUARDED_BY(mutex_);                               // why the last link failed or ended
+    Clock::time_point closeDeadline_ GUARDED_BY(mutex_);
+    Subscriptions subscriptions_ GUARDED_BY(mutex_);
+    Outbox outbox_ GUARDED_BY(mutex_);
+
+    // The network thread's own.
+    ConnectionLoss log_;
     Clock::time_point readyDeadline_;
     Clock::time_point readySince_;
-    Clock::time_point closeDeadline_;
-    Clock::time_point nextUpkeep_;
-    Clock::time_point timerTime_;  // what it is set to
-    std::map<std::uint32_t, Subscription> subscriptions_;
-    std::unordered_map<int, std::uint32_t> unanswered_;  // subscriptions by message identifier
-    std::uint32_t nextSubscription_ = 1;
-    WaitingList waiting_;
-    std::size_t waitingBytes_ = 0;
 
     std::thread thread_;
 };

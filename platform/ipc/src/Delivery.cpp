@@ -24,38 +24,47 @@ void Delivery::deliveryComplete(std::string_view topic) { put(Kind::complete, to
 void Delivery::put(Kind kind, std::string_view text, std::string_view content) {
     bool warn = false;
     {
-        const std::lock_guard<std::mutex> lock(mutex_);
+        const common::LockGuard lock(mutex_);
         if (stopping_) return;
         items_.push_back({kind, std::string(text), std::string(content)});
         bytes_ += text.size() + content.size();
-        while (items_.size() > 1 && (items_.size() > maxItems || bytes_ > maxBytes)) {
-            bytes_ -= items_.front().text.size() + items_.front().content.size();
-            items_.pop_front();
-            warn = warn || !overflowing_;
-            overflowing_ = true;
-        }
+        warn = trim();
     }
-    changed_.notify_one();
+    changed_.notifyOne();
     if (warn) {
         dbg::Debug::warning() << "Messages for \"" << name_ << "\" come faster than they are handled; the oldest go"
                               << std::endl;
     }
 }
 
-void Delivery::run() {
-    std::unique_lock<std::mutex> lock(mutex_);
-    for (;;) {
-        changed_.wait(lock, [this] { return stopping_ || !items_.empty(); });
-        if (stopping_) return;
-        const Item item = std::move(items_.front());
+bool Delivery::trim() {
+    const bool wasOverflowing = overflowing_;
+    while (items_.size() > 1 && (items_.size() > maxItems || bytes_ > maxBytes)) {
+        bytes_ -= items_.front().text.size() + items_.front().content.size();
         items_.pop_front();
-        bytes_ -= item.text.size() + item.content.size();
-        // Half empty again: the next overflow is another one, and warns again.
-        if (items_.size() < maxItems / 2 && bytes_ < maxBytes / 2) overflowing_ = false;
-        lock.unlock();
-        call(item);
-        lock.lock();
+        overflowing_ = true;
     }
+    return overflowing_ && !wasOverflowing;
+}
+
+void Delivery::run() {
+    const common::LockGuard lock(mutex_);
+    for (;;) {
+        changed_.wait(mutex_, [this]() REQUIRES(mutex_) { return stopping_ || !items_.empty(); });
+        if (stopping_) return;
+        const Item item = take();
+        const common::UnlockGuard unlocked(mutex_);
+        call(item);
+    }
+}
+
+Delivery::Item Delivery::take() {
+    Item item = std::move(items_.front());
+    items_.pop_front();
+    bytes_ -= item.text.size() + item.content.size();
+    // Half empty again: the next overflow is another one, and warns again.
+    if (items_.size() < maxItems / 2 && bytes_ < maxBytes / 2) overflowing_ = false;
+    return item;
 }
 
 void Delivery::call(const Item& item) noexcept {
@@ -80,17 +89,17 @@ void Delivery::call(const Item& item) noexcept {
 
 void Delivery::askToStop() {
     {
-        const std::lock_guard<std::mutex> lock(mutex_);
+        const common::LockGuard lock(mutex_);
         stopping_ = true;
         items_.clear();
         bytes_ = 0;
     }
-    changed_.notify_one();
+    changed_.notifyOne();
 }
 
 void Delivery::stop() {
     askToStop();
-    const std::lock_guard<std::mutex> lock(joining_);
+    const common::LockGuard lock(joining_);
     if (thread_.joinable()) thread_.join();
 }
 

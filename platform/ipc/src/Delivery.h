@@ -4,14 +4,13 @@
 // Threads: the network thread puts in and never waits; only the delivery's own thread calls the callback.
 #pragma once
 
-#include <condition_variable>
 #include <cstddef>
 #include <deque>
-#include <mutex>
 #include <string>
 #include <string_view>
 #include <thread>
 
+#include "common/ThreadSafety.h"
 #include "ipc/IIPCCallback.h"
 
 namespace ipc {
@@ -50,22 +49,24 @@ class Delivery {
     };
 
     void put(Kind kind, std::string_view text, std::string_view content);
+    /// Returns whether that began an overflow.
+    bool trim() REQUIRES(mutex_);
     void run();
+    Item take() REQUIRES(mutex_);
     void call(const Item& item) noexcept;
 
     const std::string name_;
     IIPCCallback& callback_;
 
-    std::mutex mutex_;
-    std::condition_variable changed_;
-    // Guarded by mutex_.
-    std::deque<Item> items_;
-    std::size_t bytes_ = 0;
-    bool overflowing_ = false;
-    bool stopping_ = false;
+    common::Mutex mutex_;
+    common::ConditionVariable changed_;
+    std::deque<Item> items_ GUARDED_BY(mutex_);
+    std::size_t bytes_ GUARDED_BY(mutex_) = 0;
+    bool overflowing_ GUARDED_BY(mutex_) = false;
+    bool stopping_ GUARDED_BY(mutex_) = false;
 
-    std::mutex joining_;
-    std::thread thread_;        // guarded by joining_ once constructed
+    common::Mutex joining_;
+    std::thread thread_ GUARDED_BY(joining_);
     std::thread::id threadId_;  // constant after construction
 };
 

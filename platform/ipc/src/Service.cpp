@@ -16,16 +16,13 @@ namespace {
 // Beyond either the socket is left unread until what is in hand has been sent: senders wait, nothing is dropped.
 constexpr std::size_t maxRequests = 25000;
 constexpr std::size_t maxBytes = std::size_t{16} * 1024 * 1024;
-// Waiting for acknowledgements the socket has to be read. Beyond this many times the limits requests are dropped then.
-constexpr std::size_t mostTimes = 4;
+// The socket is read while acknowledgements are outstanding; beyond this multiple of the limits, requests are dropped.
+constexpr std::size_t hardLimitFactor = 4;
 // What is handled at once; answers can be large.
 constexpr std::size_t maxBatch = 64;
 // A stop waits for the broker as long as it takes something within the first time, and never longer than the second.
 constexpr std::chrono::milliseconds stillTime{500};
 constexpr std::chrono::seconds sendTime{10};
-// What is deferred is gone with a crash: so long, and so many at most.
-constexpr std::chrono::milliseconds deferral{1};
-constexpr std::size_t maxDeferred = 64;
 
 std::size_t sizeOf(const ServiceRequest& request) {
     return request.topic.size() + request.payload.size() + request.responseTopic.size() +
@@ -58,27 +55,26 @@ void Service::stop() {
     if (!connection_) return;
     if (first) {
         // What is carried out is answered, and its change published, before the goodbye.
-        std::unique_lock<std::mutex> lock(round_);
-        send(deferred_);  // also without a connection, when there are no rounds
-        waitUntilTaken(lock);
+        const common::LockGuard lock(round_);
+        waitUntilTaken();
     }
     connection_->close();
 }
 
-void Service::waitUntilTaken(std::unique_lock<std::mutex>& lock) {
+void Service::waitUntilTaken() {
     const auto end = Connection::Clock::now() + sendTime;
     std::size_t left = unsettled();
     for (std::size_t before = SIZE_MAX; left > 0 && left < before && Connection::Clock::now() < end;
          left = unsettled()) {
         before = left;
-        allTaken_.wait_for(lock, stillTime, [this] { return unsettled() == 0; });
+        allTaken_.waitFor(round_, stillTime, [this]() REQUIRES(round_) { return unsettled() == 0; });
     }
     if (left > 0) {
         dbg::Debug::warning() << "The broker has not taken the last " << left << " answers and changes" << std::endl;
     }
 }
 
-std::size_t Service::unsettled() const { return outbox_.size() + deferred_.size() + connection_->unsettled(); }
+std::size_t Service::unsettled() const { return outbox_.size() + connection_->unsettled(); }
 
 bool Service::isFull(std::size_t times) const {
     return inbox_.size() >= times * maxRequests || inboxBytes_ >= times * maxBytes;
@@ -95,7 +91,7 @@ void Service::connectionLost(const std::string&) {
 
 bool Service::messageArrived(const Incoming& message) {
     if (stopping_) return true;
-    if (isFull(mostTimes)) {
+    if (isFull(hardLimitFactor)) {
         if (!dropping_) {
             dbg::Debug::error() << "Requests are dropped: they come faster than the broker acknowledges changes"
                                 << std::endl;
@@ -112,11 +108,11 @@ bool Service::messageArrived(const Incoming& message) {
 }
 
 void Service::roundEnded() {
-    const std::lock_guard<std::mutex> lock(round_);
+    const common::LockGuard lock(round_);
     while (send() && !inbox_.empty() && !stopping_) handleSome();
-    if (stopping_) allTaken_.notify_all();
+    if (stopping_) allTaken_.notifyAll();
     if (!isFull(1)) dropping_ = false;
-    if (paused_ && (!isFull(1) || connection_->congestion() == Connection::Congestion::unacknowledged)) {
+    if (paused_ && (!isFull(1) || connection_->congestion() == Congestion::unacknowledged)) {
         paused_ = false;
         connection_->resumeReading();
     }
@@ -130,11 +126,7 @@ void Service::handleSome() noexcept {
         inbox_.pop_front();
     }
     try {
-        const bool isFirst = deferred_.empty();
-        for (OutgoingMessage& message : handler_(batch_)) {
-            (message.deferrable ? deferred_ : outbox_).push_back(std::move(message));
-        }
-        if (isFirst && !deferred_.empty()) deferredUntil_ = Connection::Clock::now() + deferral;
+        for (OutgoingMessage& message : handler_(batch_)) outbox_.push_back(std::move(message));
     } catch (const std::exception& error) {
         dbg::Debug::error() << "Exception in the request handler: " << error.what() << std::endl;
     } catch (...) {
@@ -142,25 +134,12 @@ void Service::handleSome() noexcept {
     }
 }
 
-bool Service::deferralEnds() const {
-    return !deferred_.empty() && (deferred_.size() >= maxDeferred || Connection::Clock::now() >= deferredUntil_);
-}
-
 /// Returns whether nothing is left that has to wait for the broker.
 bool Service::send() {
-    const bool all = deferralEnds();
-    if (outbox_.size() + (all ? deferred_.size() : 0) > 1) connection_->sendTogether();
-    if (all && !send(deferred_)) return false;  // first, as answers can be large
-    if (!send(outbox_)) return false;
-    if (!deferred_.empty()) connection_->endRoundAt(deferredUntil_);
-    return true;
-}
-
-/// Returns whether all of them have been sent.
-bool Service::send(std::deque<OutgoingMessage>& messages) {
-    for (; !messages.empty(); messages.pop_front()) {
-        if (connection_->congestion() != Connection::Congestion::none) return false;
-        OutgoingMessage& message = messages.front();
+    if (outbox_.size() > 1) connection_->sendTogether();
+    for (; !outbox_.empty(); outbox_.pop_front()) {
+        if (connection_->congestion() != Congestion::none) return false;
+        OutgoingMessage& message = outbox_.front();
         if (message.topic.empty()) continue;  // the answer to a request that wanted none
         try {
             connection_->publish(

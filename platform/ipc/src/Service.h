@@ -1,18 +1,17 @@
 // The bus service over one Connection, on its network thread alone: handing a request to another thread takes a good
 // part of the time that it takes in all. Requests that came together are handled together, and what the handler returns
-// leaves together, but for what is deferrable: that waits a millisecond for more of its kind, and 64 wait no longer.
+// leaves together and in its order.
 #pragma once
 
 #include <atomic>
-#include <condition_variable>
 #include <cstddef>
 #include <deque>
 #include <memory>
-#include <mutex>
 #include <string>
 #include <vector>
 
 #include "Connection.h"
+#include "common/ThreadSafety.h"
 #include "ipc/IIPCService.h"
 
 namespace ipc {
@@ -37,24 +36,19 @@ class Service final : public IIPCService, private ConnectionListener {
     void roundEnded() override;
 
     bool isFull(std::size_t times) const;
-    void handleSome() noexcept;
-    void waitUntilTaken(std::unique_lock<std::mutex>& lock);
-    std::size_t unsettled() const;
-    bool deferralEnds() const;
-    bool send();
-    bool send(std::deque<OutgoingMessage>& messages);
+    void handleSome() noexcept REQUIRES(round_);
+    void waitUntilTaken() REQUIRES(round_);
+    std::size_t unsettled() const REQUIRES(round_);
+    bool send() REQUIRES(round_);
 
     const std::string name_;
     Handler handler_;                         // constant once started
     std::unique_ptr<Connection> connection_;  // constant once started
     std::atomic<bool> stopping_{false};
 
-    std::mutex round_;  // held while requests are handled and answered
-    std::condition_variable allTaken_;
-    // Guarded by round_.
-    std::deque<OutgoingMessage> outbox_;
-    std::deque<OutgoingMessage> deferred_;
-    Connection::Clock::time_point deferredUntil_;
+    common::Mutex round_;  // held while requests are handled and answered
+    common::ConditionVariable allTaken_;
+    std::deque<OutgoingMessage> outbox_ GUARDED_BY(round_);
 
     // The network thread's own.
     std::deque<ServiceRequest> inbox_;

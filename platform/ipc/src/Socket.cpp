@@ -11,7 +11,6 @@
 
 #include <algorithm>
 #include <cerrno>
-#include <cstdint>
 #include <memory>
 
 #include "Mqtt.h"
@@ -73,11 +72,6 @@ std::optional<std::string> probe(const std::string& numericAddress, int port,
     socklen_t size = sizeof error;
     getsockopt(tried.get(), SOL_SOCKET, SO_ERROR, &error, &size);
     return error == 0 ? std::string() : systemText(error);
-}
-
-void drain(int eventDescriptor) {
-    std::uint64_t count = 0;
-    [[maybe_unused]] const ssize_t size = read(eventDescriptor, &count, sizeof count);
 }
 
 }  // namespace ipc

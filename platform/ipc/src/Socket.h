@@ -1,4 +1,4 @@
-// The few things that are done to descriptors directly.
+// Socket calls that libmosquitto does not cover.
 #pragma once
 
 #include <chrono>
@@ -27,8 +27,5 @@ void prepareSocket(int socket);
 /// nothing: `cancel` became readable first.
 std::optional<std::string> probe(const std::string& numericAddress, int port,
                                  std::chrono::steady_clock::time_point deadline, int cancel);
-
-/// Empties an eventfd.
-void drain(int eventDescriptor);
 
 }  // namespace ipc

@@ -66,7 +66,7 @@ PropertyPage PropertyApi::list(const std::string& prefix, const std::string& aft
 
 void PropertyApi::beginShutdown() {
     {
-        const std::lock_guard<std::mutex> lock(mutex_);
+        const common::LockGuard lock(mutex_);
         if (shutdownBegun_) return;
         shutdownBegun_ = Clock::now();
     }
@@ -78,7 +78,7 @@ PropertyApi::Call PropertyApi::begin(const std::string& key) {
     call.key = key;
     call.begun = Clock::now();
     call.patient = PatientCalls::onThisThread();
-    const std::lock_guard<std::mutex> lock(mutex_);
+    const common::LockGuard lock(mutex_);
     const bool silent = isSilent();
     if (silent && shutdownBegun_) throw PropertyTimeoutException(about(key, "the property service does not answer"));
     call.deadline = call.begun + (silent ? timeoutWhileSilent : shutdownBegun_ ? timeoutInShutdown : timeout);
@@ -128,13 +128,13 @@ bool PropertyApi::outlastsOutage(Call& call) {
 }
 
 PropertyApi::Clock::time_point PropertyApi::deadlineOf(const Call& call) {
-    const std::lock_guard<std::mutex> lock(mutex_);
+    const common::LockGuard lock(mutex_);
     if (!shutdownBegun_) return call.deadline;
     return std::min(call.deadline, std::max(call.begun, *shutdownBegun_) + timeoutInShutdown);
 }
 
 void PropertyApi::noteTimeout() {
-    const std::lock_guard<std::mutex> lock(mutex_);
+    const common::LockGuard lock(mutex_);
     answersAtTimeout_ = bus_->answersReceived();
 }
 

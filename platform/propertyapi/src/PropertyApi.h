@@ -4,10 +4,10 @@
 #include <chrono>
 #include <cstdint>
 #include <memory>
-#include <mutex>
 #include <optional>
 #include <string>
 
+#include "common/ThreadSafety.h"
 #include "ipc/IIPCClient.h"
 #include "propertyapi/IPropertyApi.h"
 
@@ -43,16 +43,14 @@ class PropertyApi final : public IPropertyApi {
     Clock::time_point deadlineOf(const Call& call);
     void noteTimeout();
 
-    // With mutex_ held.
-    bool isSilent() const;
+    bool isSilent() const REQUIRES(mutex_);
 
     const std::shared_ptr<ipc::IIPCClient> bus_;
     const std::string clientName_;
 
-    std::mutex mutex_;
-    // Guarded by mutex_.
-    std::optional<std::uint64_t> answersAtTimeout_;  // the bus client's count when a call timed out last
-    std::optional<Clock::time_point> shutdownBegun_;
+    common::Mutex mutex_;
+    std::optional<std::uint64_t> answersAtTimeout_ GUARDED_BY(mutex_);  // the bus client's count at the last time-out
+    std::optional<Clock::time_point> shutdownBegun_ GUARDED_BY(mutex_);
 };
 
 }  // namespace propertyapi

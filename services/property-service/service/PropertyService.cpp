@@ -87,8 +87,6 @@ void PropertyService::carryOut(const ipc::ServiceRequest& request, Messages& mes
         }
         return;
     }
-    const auto at = static_cast<std::ptrdiff_t>(messages.size());
-    messages.push_back({request.responseTopic, "", request.correlationData, request.qualityOfService});
     std::string payload;
     try {
         if (request.topic == getTopic) {
@@ -105,11 +103,8 @@ void PropertyService::carryOut(const ipc::ServiceRequest& request, Messages& mes
     } catch (const BadRequest& error) {
         payload = errorAnswer(error.param(), "bad-request", error.what());
     }
-    if (request.responseTopic.empty()) {
-        messages.erase(messages.begin() + at);
-    } else {
-        messages[static_cast<std::size_t>(at)].payload = std::move(payload);
-    }
+    if (request.responseTopic.empty()) return;
+    messages.push_back({request.responseTopic, std::move(payload), request.correlationData, request.qualityOfService});
 }
 
 std::string PropertyService::get(const std::string& payload) {
@@ -177,7 +172,7 @@ void PropertyService::write(Property& property, std::optional<std::string> value
                             Messages& messages) {
     const Stored stored = !property.isVolatile && value ? Stored::value : Stored::nothing;
     std::string next = value ? std::move(*value) : std::string(property.definition->defaultValue);
-    messages.push_back({property.changeTopic, changeMessage(property.key, next, source), "", 1, true});
+    messages.push_back({property.changeTopic, changeMessage(property.key, next, source), "", 1});
     const bool toStore =
         !property.isVolatile && (stored != property.stored || (stored == Stored::value && property.value != next));
     if (toStore) {

@@ -28,7 +28,8 @@ class PropertyService {
     /// Reads what `store` holds; throws StoreException if it cannot. `store` must outlive the service.
     PropertyService(const Catalogue& catalogue, IStore& store);
 
-    /// Answers and changes for the requests, in their order.
+    /// Changes and answers for the requests, in their order. The changes that a request makes come before its answer:
+    /// a service that is killed while it sends may leave a change without its answer, but no answer without its change.
     std::vector<ipc::OutgoingMessage> handle(const std::vector<ipc::ServiceRequest>& requests);
 
  private:

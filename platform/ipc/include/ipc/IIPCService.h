@@ -18,15 +18,13 @@ struct ServiceRequest {
     int qualityOfService = 0;
 };
 
-/// What goes out, in the order of the list but for what is deferrable.
+/// What goes out, in the order of the list. A message leaves only after those before it: a process that is killed in
+/// between has sent nothing that comes later in the list.
 struct OutgoingMessage {
     std::string topic;  // empty: it is not sent
     std::string payload;
     std::string correlationData;  // empty: none
     int qualityOfService = 0;
-    /// Nobody waits for it: it leaves a millisecond later, or when 64 of its kind wait, and together with these, which
-    /// costs less. What comes after it may leave before it; those of its kind keep their order.
-    bool deferrable = false;
 };
 
 class IIPCService {

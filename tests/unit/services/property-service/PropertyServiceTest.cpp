@@ -91,33 +91,31 @@ TEST_F(Service, AnswersWithTheRequestsOwnCorrelationAndQuality) {
 TEST_F(Service, ASetIsAnsweredStoredAndPublishedWithQualityOne) {
     const std::vector<ipc::OutgoingMessage> messages = service().handle({set("System.Name", "x")});
     ASSERT_EQ(messages.size(), 2U);
-    EXPECT_EQ(messages[0].topic, "me/reply");
-    EXPECT_EQ(messages[0].payload, R"({"param":"System.Name","value":"x"})");
-    EXPECT_EQ(messages[0].correlationData, "c1");
-    EXPECT_EQ(messages[1].topic, "prop-service-system/System.Name");
-    EXPECT_EQ(messages[1].payload, R"({"param":"System.Name","value":"x","source":"t"})");
-    EXPECT_EQ(messages[1].qualityOfService, 1);
-    EXPECT_FALSE(messages[0].deferrable);
-    EXPECT_TRUE(messages[1].deferrable);
-    EXPECT_EQ(messages[1].correlationData, "");
+    EXPECT_EQ(messages[0].topic, "prop-service-system/System.Name");
+    EXPECT_EQ(messages[0].payload, R"({"param":"System.Name","value":"x","source":"t"})");
+    EXPECT_EQ(messages[0].qualityOfService, 1);
+    EXPECT_EQ(messages[0].correlationData, "");
+    EXPECT_EQ(messages[1].topic, "me/reply") << "an answer never leaves before its change";
+    EXPECT_EQ(messages[1].payload, R"({"param":"System.Name","value":"x"})");
+    EXPECT_EQ(messages[1].correlationData, "c1");
     EXPECT_EQ(store.values["System.Name"], "x");
 }
 
 TEST_F(Service, ChangeTopicsNameTheGroupInLowerCase) {
     EXPECT_THAT(
         handle({set("State.Provisioning", "request"), set("NET.MAC.Address", "00"), set("Keys.2.Label", "l")}),
-        ElementsAre(answer("State.Provisioning", "request"),
-                    change("prop-service-state/State.Provisioning", "State.Provisioning", "request"),
-                    answer("NET.MAC.Address", "00"),
-                    change("prop-service-net/NET.MAC.Address", "NET.MAC.Address", "00"), answer("Keys.2.Label", "l"),
-                    change("prop-service-keys/Keys.2.Label", "Keys.2.Label", "l")));
+        ElementsAre(change("prop-service-state/State.Provisioning", "State.Provisioning", "request"),
+                    answer("State.Provisioning", "request"),
+                    change("prop-service-net/NET.MAC.Address", "NET.MAC.Address", "00"),
+                    answer("NET.MAC.Address", "00"), change("prop-service-keys/Keys.2.Label", "Keys.2.Label", "l"),
+                    answer("Keys.2.Label", "l")));
 }
 
 TEST_F(Service, AnEqualValueIsPublishedAgainAndNotWrittenAgain) {
     handle({set("System.Name", "x")});
     const int before = store.transactions;
     EXPECT_THAT(handle({set("System.Name", "x")}),
-                ElementsAre(answer("System.Name", "x"), change("prop-service-system/System.Name", "System.Name", "x")));
+                ElementsAre(change("prop-service-system/System.Name", "System.Name", "x"), answer("System.Name", "x")));
     EXPECT_EQ(store.transactions, before);
 }
 
@@ -128,9 +126,9 @@ TEST_F(Service, ADefaultThatWasSetIsStored) {
 
 TEST_F(Service, AMissingSourceIsEmpty) {
     EXPECT_THAT(handle({request(setTopic, R"({"param":"System.Name","value":"x"})")}),
-                ElementsAre(answer("System.Name", "x"),
-                            "prop-service-system/System.Name "
-                            "{\"param\":\"System.Name\",\"value\":\"x\",\"source\":\"\"}"));
+                ElementsAre("prop-service-system/System.Name "
+                            "{\"param\":\"System.Name\",\"value\":\"x\",\"source\":\"\"}",
+                            answer("System.Name", "x")));
 }
 
 TEST_F(Service, ErrorsSayWhatIsWrong) {
@@ -159,7 +157,7 @@ TEST_F(Service, ASourceThatAKeyRefusesMayNotWriteIt) {
     EXPECT_THAT(handle({from("web", "go")}), ElementsAre(HasSubstr("\"read-only\"")));
     EXPECT_THAT(handle({get("System.Trigger")}), ElementsAre(answer("System.Trigger", "")));
     for (const char* source : {"me", "", "File"}) {
-        EXPECT_THAT(handle({from(source, "go")}), ElementsAre(answer("System.Trigger", "go"), HasSubstr("\"go\"")));
+        EXPECT_THAT(handle({from(source, "go")}), ElementsAre(HasSubstr("\"go\""), answer("System.Trigger", "go")));
     }
     const auto import = [](const std::string& source) {
         return request(importTopic, R"({"properties":[{"param":"System.Name","value":"x"},)"
@@ -204,9 +202,9 @@ TEST_F(Service, RefusesResponseTopicsOfItsOwnAndWildcards) {
 
 TEST_F(Service, ABatchIsOneTransactionInOrder) {
     EXPECT_THAT(handle({set("System.Name", "a"), get("System.Name"), set("System.Name", "b"), get("System.Name")}),
-                ElementsAre(answer("System.Name", "a"), change("prop-service-system/System.Name", "System.Name", "a"),
-                            answer("System.Name", "a"), answer("System.Name", "b"),
-                            change("prop-service-system/System.Name", "System.Name", "b"), answer("System.Name", "b")));
+                ElementsAre(change("prop-service-system/System.Name", "System.Name", "a"), answer("System.Name", "a"),
+                            answer("System.Name", "a"), change("prop-service-system/System.Name", "System.Name", "b"),
+                            answer("System.Name", "b"), answer("System.Name", "b")));
     EXPECT_EQ(store.transactions, 1);
     EXPECT_EQ(store.values["System.Name"], "b");
 }
@@ -216,12 +214,12 @@ TEST_F(Service, AFullStoreKeepsTheOldValueAndRecovers) {
     store.full = true;
     EXPECT_THAT(handle({set("System.Name", "new"), get("System.Name"), set("State.Provisioning", "x")}),
                 ElementsAre(error("System.Name", "storage", refused), answer("System.Name", "old"),
-                            answer("State.Provisioning", "x"),
-                            change("prop-service-state/State.Provisioning", "State.Provisioning", "x")));
+                            change("prop-service-state/State.Provisioning", "State.Provisioning", "x"),
+                            answer("State.Provisioning", "x")));
     store.full = false;
     EXPECT_THAT(
         handle({set("System.Name", "new")}),
-        ElementsAre(answer("System.Name", "new"), change("prop-service-system/System.Name", "System.Name", "new")));
+        ElementsAre(change("prop-service-system/System.Name", "System.Name", "new"), answer("System.Name", "new")));
     EXPECT_EQ(store.values["System.Name"], "new");
 }
 
@@ -231,9 +229,10 @@ TEST_F(Service, ARefusedWriteOfABatchCostsNoOtherOne) {
     silent.responseTopic.clear();
     EXPECT_THAT(handle({set("System.Name", "a"), set("System.Port", "2"), silent, set("Keys.0.Label", "b"),
                         get("System.Port")}),
-                ElementsAre(answer("System.Name", "a"), change("prop-service-system/System.Name", "System.Name", "a"),
-                            error("System.Port", "storage", refused), answer("Keys.0.Label", "b"),
-                            change("prop-service-keys/Keys.0.Label", "Keys.0.Label", "b"), answer("System.Port", "5")));
+                ElementsAre(change("prop-service-system/System.Name", "System.Name", "a"), answer("System.Name", "a"),
+                            error("System.Port", "storage", refused),
+                            change("prop-service-keys/Keys.0.Label", "Keys.0.Label", "b"), answer("Keys.0.Label", "b"),
+                            answer("System.Port", "5")));
     EXPECT_EQ(store.values["Keys.0.Label"], "b");
     EXPECT_EQ(store.values.count("System.Port"), 0U);
     store.failingKey.clear();
@@ -291,7 +290,7 @@ TEST_F(Service, ADamagedStoreIsRebuiltFromMemory) {
     EXPECT_THAT(
         handle({set("System.Serial", "1"), set("Keys.1.Label", "new")}),
         ElementsAre(error("System.Serial", "read-only", "may not be written by a client"),
-                    answer("Keys.1.Label", "new"), change("prop-service-keys/Keys.1.Label", "Keys.1.Label", "new")));
+                    change("prop-service-keys/Keys.1.Label", "Keys.1.Label", "new"), answer("Keys.1.Label", "new")));
     EXPECT_EQ(store.values, (std::map<std::string, std::string>{
                                 {"System.Name", "kept"}, {"Keys.1.Label", "new"}, {"Gone.Key", "kept"}}));
 }
@@ -306,7 +305,7 @@ TEST_F(Service, ARebuildThatFailsIsMadeAgainBeforeTheNextWrite) {
     store.full = false;
     EXPECT_THAT(
         handle({set("Keys.1.Label", "new")}),
-        ElementsAre(answer("Keys.1.Label", "new"), change("prop-service-keys/Keys.1.Label", "Keys.1.Label", "new")));
+        ElementsAre(change("prop-service-keys/Keys.1.Label", "Keys.1.Label", "new"), answer("Keys.1.Label", "new")));
     EXPECT_EQ(store.values, (std::map<std::string, std::string>{{"System.Name", "kept"}, {"Keys.1.Label", "new"}}));
 }
 
@@ -347,9 +346,10 @@ TEST_F(Service, AnImportIsOneTransactionPublishedInOrder) {
     EXPECT_THAT(handle({request(importTopic, many(R"({"param":"System.Port","value":"7"},)"
                                                   R"({"param":"System.Name","value":null},)"
                                                   R"({"param":"State.Provisioning","value":"x"})"))}),
-                ElementsAre("me/reply {\"accepted\":3}", change("prop-service-system/System.Port", "System.Port", "7"),
+                ElementsAre(change("prop-service-system/System.Port", "System.Port", "7"),
                             change("prop-service-system/System.Name", "System.Name", "phone"),
-                            change("prop-service-state/State.Provisioning", "State.Provisioning", "x")));
+                            change("prop-service-state/State.Provisioning", "State.Provisioning", "x"),
+                            "me/reply {\"accepted\":3}"));
     EXPECT_EQ(store.transactions, before + 1);
     EXPECT_EQ(store.values, (std::map<std::string, std::string>{{"System.Port", "7"}})) << "a default is not stored";
 }

@@ -3,10 +3,14 @@
 #include <gtest/gtest.h>
 #include <signal.h>
 
+#include <algorithm>
+#include <atomic>
 #include <chrono>
+#include <condition_variable>
 #include <fstream>
 #include <future>
 #include <memory>
+#include <mutex>
 #include <string>
 #include <thread>
 #include <vector>
@@ -104,6 +108,70 @@ TEST_F(Restart, LosesNoSetOfAPatientThread) {
     writer.join();
     EXPECT_TRUE(failures.empty()) << failures.size() << " failed, the first: " << failures.front();
     EXPECT_EQ(valuesThatAreThere(), sets);
+}
+
+/// The payloads of the changes that come.
+class Changes final : public ipc::IIPCCallback {
+ public:
+    void connectionLost(const std::string&) override {}
+    void deliveryComplete(const std::string&) override {}
+    void messageArrived(const std::string&, const std::string& content) override {
+        const std::lock_guard<std::mutex> lock(mutex_);
+        contents_.push_back(content);
+        changed_.notify_all();
+    }
+
+    /// Waits until one came whose value this is; false after 30 s.
+    bool waitFor(const std::string& value) {
+        std::unique_lock<std::mutex> lock(mutex_);
+        return changed_.wait_for(lock, 30s, [&] { return has(value); });
+    }
+    bool heard(const std::string& value) {
+        const std::lock_guard<std::mutex> lock(mutex_);
+        return has(value);
+    }
+
+ private:
+    bool has(const std::string& value) const {
+        const std::string member = "\"value\":\"" + value + "\"";
+        return std::any_of(contents_.rbegin(), contents_.rend(),
+                           [&](const std::string& each) { return each.find(member) != std::string::npos; });
+    }
+
+    std::mutex mutex_;
+    std::condition_variable changed_;
+    std::vector<std::string> contents_;  // guarded by mutex_
+};
+
+TEST_F(Restart, LosesNoChangeOfASetThatWasAnswered) {
+    Changes changes;
+    bus->subscribe("prop-service-test/#", changes);
+    for (int round = 0; round < 5; ++round) {
+        const std::string name = "round " + std::to_string(round) + " set ";
+        std::promise<void> underWay;
+        std::atomic<int> answered{0};
+        std::thread writer([&] {
+            try {
+                for (int number = 0;; ++number) {
+                    if (number == 50) underWay.set_value();
+                    properties->set(key(0), name + std::to_string(number));
+                    ++answered;
+                }
+            } catch (const propertyapi::PropertyException&) {
+            }
+        });
+        underWay.get_future().wait();
+        EXPECT_EQ(service->end(SIGKILL), -SIGKILL);
+        writer.join();
+        start();
+        while (!isThere()) std::this_thread::yield();
+        properties->set(key(0), name + "end");
+        ASSERT_TRUE(changes.waitFor(name + "end"));
+        for (int number = 0; number < answered; ++number) {
+            EXPECT_TRUE(changes.heard(name + std::to_string(number))) << name << number << " of " << answered;
+        }
+    }
+    bus->disconnect();
 }
 
 TEST_F(Restart, FailsTheSetsOfAnImpatientThreadAtOnce) {

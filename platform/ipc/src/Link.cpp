@@ -1,0 +1,223 @@
+#include "Link.h"
+
+#include <poll.h>
+
+#include <cerrno>
+
+#include "Socket.h"
+
+namespace ipc {
+
+namespace {
+
+constexpr int keepAliveSeconds = 60;
+constexpr std::chrono::seconds upkeepInterval{10};
+constexpr std::size_t packetsPerRound = 256;
+constexpr unsigned char connackByte = 0x20;
+
+}  // namespace
+
+Link::Link(const Options& options, LinkListener& listener)
+    : options_(options), listener_(listener), handle_(newHandle(options.clientId, options.cleanStart, this)) {
+    mosquitto* const handle = handle_.get();
+    if (!options.userName.empty()) mosquitto_username_pw_set(handle, options.userName.c_str(), nullptr);
+    if (!options.willTopic.empty()) {
+        mosquitto_will_set_v5(handle, options.willTopic.c_str(), 7, "offline", 1, true, nullptr);
+    }
+    mosquitto_connect_v5_callback_set(handle, &onConnect);
+    mosquitto_disconnect_v5_callback_set(handle, &onDisconnect);
+    mosquitto_publish_v5_callback_set(handle, &onPublish);
+    mosquitto_subscribe_v5_callback_set(handle, &onSubscribe);
+    mosquitto_message_v5_callback_set(handle, &onMessage);
+}
+
+std::string Link::connect(const std::string& numericAddress, int port) {
+    Properties properties;
+    properties.add32(MQTT_PROP_SESSION_EXPIRY_INTERVAL, options_.sessionSeconds);
+    properties.add32(MQTT_PROP_MAXIMUM_PACKET_SIZE, maxPacket);
+    const int result = mosquitto_connect_bind_v5(handle_.get(), numericAddress.c_str(), port, keepAliveSeconds, nullptr,
+                                                 properties.get());
+    if (result != MOSQ_ERR_SUCCESS) return resultText(result, errno);
+    nextUpkeep_ = Clock::now() + upkeepInterval;
+    prepareSocket(descriptor());
+    return {};
+}
+
+bool Link::isOver() const { return !failure_.empty() || descriptor() < 0; }
+
+std::string Link::failure() const {
+    if (!failure_.empty() || descriptor() >= 0) return failure_;
+    return stage_ == Stage::accepted ? lossText(MOSQ_ERR_CONN_LOST, 0) : noBrokerText(MOSQ_ERR_CONN_LOST, 0);
+}
+
+void Link::fail(const std::string& cause) {
+    if (failure_.empty()) failure_ = cause;
+}
+
+// ---- sending ----
+
+int Link::publish(const Message& message, bool retain, int* identifier) {
+    Properties properties;
+    if (!message.responseTopic.empty()) properties.addText(MQTT_PROP_RESPONSE_TOPIC, message.responseTopic);
+    if (!message.correlationData.empty()) {
+        properties.addBinary(MQTT_PROP_CORRELATION_DATA, message.correlationData);
+    }
+    const int result = mosquitto_publish_v5(handle_.get(), identifier, std::string(message.topic).c_str(),
+                                            static_cast<int>(message.payload.size()), message.payload.data(),
+                                            message.qualityOfService, retain, properties.get());
+    noteWrite();
+    return result;
+}
+
+int Link::subscribe(const std::string& filter, int qualityOfService, int retained, std::uint32_t subscription,
+                    int* identifier) {
+    Properties properties;
+    if (identifiersAllowed_) properties.addVarint(MQTT_PROP_SUBSCRIPTION_IDENTIFIER, subscription);
+    const int result =
+        mosquitto_subscribe_v5(handle_.get(), identifier, filter.c_str(), qualityOfService, retained, properties.get());
+    noteWrite();
+    return result;
+}
+
+void Link::unsubscribe(const std::string& filter) {
+    mosquitto_unsubscribe(handle_.get(), nullptr, filter.c_str());
+    noteWrite();
+}
+
+void Link::disconnect(bool will) {
+    Properties properties;
+    properties.add32(MQTT_PROP_SESSION_EXPIRY_INTERVAL, 0);
+    mosquitto_disconnect_v5(handle_.get(), will ? MQTT_RC_DISCONNECT_WITH_WILL_MSG : MQTT_RC_NORMAL_DISCONNECTION,
+                            properties.get());
+}
+
+void Link::noteWrite() {
+    if (!isBehind()) wrote_ = true;
+}
+
+// ---- the loop ----
+
+short Link::eventsToAwait(bool readAnyway) const {
+    const bool reads = readAnyway || !readingPaused_;
+    return static_cast<short>((reads ? POLLIN : 0) | (isBehind() ? POLLOUT : 0));
+}
+
+void Link::beginRound() { wrote_ = false; }
+
+bool Link::serve(short events) {
+    mosquitto* const handle = handle_.get();
+    if (!beginsAsBroker()) return false;
+    int result = MOSQ_ERR_SUCCESS;
+    // On a socket that the broker has closed a write would fail before its last word, the reason, is read.
+    const bool closed = (events & (POLLERR | POLLHUP)) != 0;
+    if ((events & POLLOUT) != 0 && !closed) result = mosquitto_loop_write(handle, 1);
+    if (result == MOSQ_ERR_SUCCESS && (events & (POLLIN | POLLERR | POLLHUP)) != 0) result = readWhatCame();
+    if (result == MOSQ_ERR_SUCCESS && Clock::now() >= nextUpkeep_) {
+        result = mosquitto_loop_misc(handle);
+        nextUpkeep_ = Clock::now() + upkeepInterval;
+    }
+    return result == MOSQ_ERR_SUCCESS && descriptor() >= 0;
+}
+
+/// libmosquitto takes any byte for the beginning of a packet, and waits for the rest of it.
+bool Link::beginsAsBroker() {
+    if (stage_ != Stage::silent) return true;
+    const auto first = peek(descriptor());
+    if (!first) return true;
+    stage_ = Stage::answering;
+    if (*first == connackByte) return true;
+    fail(noBrokerText(MOSQ_ERR_PROTOCOL, 0));
+    return false;
+}
+
+/// A round's worth: libmosquitto by itself reads a single packet.
+int Link::readWhatCame() {
+    const std::size_t enough = arrivals_ + packetsPerRound;
+    int result = MOSQ_ERR_SUCCESS;
+    bool more = true;
+    reading_ = true;
+    while (more) {
+        const std::size_t before = arrivals_;
+        result = mosquitto_loop_read(handle_.get(), 1);
+        const bool goOn = result == MOSQ_ERR_SUCCESS && !readingPaused_ && arrivals_ > before && arrivals_ < enough;
+        more = goOn && hasMore(descriptor());
+    }
+    reading_ = false;
+    return result;
+}
+
+void Link::sendTogether() {
+    if (!corked_) setCork(descriptor(), true);
+    corked_ = true;
+}
+
+void Link::endRound(short events) {
+    if (corked_) setCork(descriptor(), false);
+    corked_ = false;
+    // What was written since acknowledges by itself.
+    if ((events & POLLIN) != 0 && !wrote_) acknowledgeAtOnce(descriptor());
+}
+
+bool Link::resumeReading() {
+    const bool wasPaused = readingPaused_;
+    readingPaused_ = false;
+    return wasPaused;
+}
+
+// ---- libmosquitto's callbacks ----
+
+void Link::onConnect(mosquitto*, void* self, int reason, int, const mosquitto_property* properties) {
+    auto& link = *static_cast<Link*>(self);
+    if (reason != 0) {
+        const bool refused = reason != MQTT_RC_UNSUPPORTED_PROTOCOL_VERSION;
+        if (refused) link.stage_ = Stage::refused;
+        link.fail(refused ? mosquitto_reason_string(reason) : noBrokerText(reason, 0));
+        return;
+    }
+    std::uint8_t allowed = 1;
+    mosquitto_property_read_byte(properties, MQTT_PROP_SUBSCRIPTION_ID_AVAILABLE, &allowed, false);
+    link.identifiersAllowed_ = allowed != 0;
+    link.stage_ = Stage::accepted;
+}
+
+void Link::onDisconnect(mosquitto*, void* self, int reason, const mosquitto_property*) {
+    const int systemError = errno;
+    auto& link = *static_cast<Link*>(self);
+    if (reason == MQTT_RC_SESSION_TAKEN_OVER) {
+        link.loss_ = BackOff::Loss::takeover;
+        link.fail("another client named \"" + link.options_.clientId + "\" has taken over the session");
+        return;
+    }
+    const bool reset = systemError == 0 || systemError == ECONNRESET || systemError == EPIPE;
+    link.closedByPeer_ = reason == MOSQ_ERR_CONN_LOST || (reason == MOSQ_ERR_ERRNO && reset);
+    link.fail(link.stage_ == Stage::accepted ? lossText(reason, systemError) : noBrokerText(reason, systemError));
+}
+
+void Link::onPublish(mosquitto*, void* self, int identifier, int reason, const mosquitto_property*) {
+    auto& link = *static_cast<Link*>(self);
+    // A message with quality of service 0 reports here too, when it is written.
+    if (!link.reading_) return;
+    ++link.arrivals_;
+    link.listener_.acknowledged(identifier, reason);
+}
+
+void Link::onSubscribe(mosquitto*, void* self, int identifier, int count, const int* granted,
+                       const mosquitto_property*) {
+    const bool refused = count > 0 && granted[0] >= 128;
+    static_cast<Link*>(self)->listener_.subscribed(identifier, refused ? mosquitto_reason_string(granted[0]) : "");
+}
+
+void Link::onMessage(mosquitto*, void* self, const mosquitto_message* message, const mosquitto_property* properties) {
+    auto& link = *static_cast<Link*>(self);
+    Incoming incoming;
+    incoming.topic = message->topic;
+    if (message->payloadlen > 0) {
+        incoming.payload = {static_cast<const char*>(message->payload), static_cast<size_t>(message->payloadlen)};
+    }
+    incoming.qualityOfService = message->qos;
+    incoming.properties = properties;
+    ++link.arrivals_;
+    if (!link.listener_.arrived(incoming)) link.readingPaused_ = true;
+}
+
+}  // namespace ipc

@@ -1,0 +1,128 @@
+// One MQTT connection from its CONNECT to its end, over libmosquitto: what is written and read on one socket. A new
+// attempt is a new Link.
+//
+//     silent ──▶ answering ──CONNACK──▶ accepted
+//       │            └───────CONNACK with a reason──▶ refused
+//       └── any other first byte: over
+//
+// From every stage it can be over: then `failure` says why. `silent` is a peer that has sent nothing, `answering` one
+// that may be a broker.
+//
+// No locking of its own: guarded by the connection's mutex, as libmosquitto does not lock what it shares with its
+// callbacks. Only `connect` may take long; call it before anyone else knows the Link. The listener is called inside
+// `serve` and must not call back.
+#pragma once
+
+#include <chrono>
+#include <cstddef>
+#include <cstdint>
+#include <string>
+
+#include "BackOff.h"
+#include "Message.h"
+#include "Mqtt.h"
+
+namespace ipc {
+
+class LinkListener {
+ public:
+    virtual ~LinkListener() = default;
+
+    /// The broker has taken the message, or refuses it with a reason of 128 and above.
+    virtual void acknowledged(int identifier, int reason) = 0;
+    /// The broker has answered a subscription; an empty `refusal` grants it.
+    virtual void subscribed(int identifier, const std::string& refusal) = 0;
+    /// Returns whether to go on reading; if not, nothing is read before `resumeReading`.
+    virtual bool arrived(const Incoming& message) = 0;
+};
+
+class Link {
+ public:
+    using Clock = std::chrono::steady_clock;
+    enum class Stage { silent, answering, accepted, refused };
+
+    struct Options {
+        std::string clientId;
+        std::string userName;
+        std::string willTopic;  // "offline" is left there, retained; empty: none
+        bool cleanStart = true;
+        std::uint32_t sessionSeconds = 0;
+    };
+
+    /// Throws IPCException when there is no memory for it.
+    Link(const Options& options, LinkListener& listener);
+    Link(const Link&) = delete;
+    Link& operator=(const Link&) = delete;
+
+    /// Connects the socket and sends CONNECT. Returns why it failed, or an empty text. May block.
+    std::string connect(const std::string& numericAddress, int port);
+
+    Stage stage() const { return stage_; }
+    bool isOver() const;
+    /// Why it is over, empty while it is not.
+    std::string failure() const;
+    BackOff::Loss loss() const { return loss_; }
+    /// Whether the peer ended it without a reason.
+    bool isClosedByPeer() const { return closedByPeer_; }
+    /// It is over for this reason, unless there is one already.
+    void fail(const std::string& cause);
+
+    // ---- sending: each returns libmosquitto's result; what the socket does not take at once waits for `serve` ----
+
+    int publish(const Message& message, bool retain, int* identifier);
+    int subscribe(const std::string& filter, int qualityOfService, int retained, std::uint32_t subscription,
+                  int* identifier);
+    void unsubscribe(const std::string& filter);
+    /// The goodbye; with `will` the broker publishes the last will all the same.
+    void disconnect(bool will);
+    bool isBehind() const { return mosquitto_want_write(handle_.get()); }
+
+    // ---- the loop of the network thread: wait for the descriptor, then one round ----
+
+    int descriptor() const { return mosquitto_socket(handle_.get()); }
+    /// What to wait for; `readAnyway` also while reading is paused.
+    short eventsToAwait(bool readAnyway) const;
+    Clock::time_point upkeepAt() const { return nextUpkeep_; }
+
+    void beginRound();
+    /// Writes, reads and keeps alive; returns whether it is still up.
+    bool serve(short events);
+    /// What is written from here to the end of the round leaves in as few segments as possible.
+    void sendTogether();
+    void endRound(short events);
+
+    /// Returns whether it was paused.
+    bool resumeReading();
+
+ private:
+    bool beginsAsBroker();
+    int readWhatCame();
+    void noteWrite();
+
+    static void onConnect(mosquitto*, void* self, int reason, int flags, const mosquitto_property*);
+    static void onDisconnect(mosquitto*, void* self, int reason, const mosquitto_property*);
+    static void onPublish(mosquitto*, void* self, int identifier, int reason, const mosquitto_property*);
+    static void onSubscribe(mosquitto*, void* self, int identifier, int count, const int* granted,
+                            const mosquitto_property*);
+    static void onMessage(mosquitto*, void* self, const mosquitto_message* message, const mosquitto_property*);
+
+    const Options options_;
+    LinkListener& listener_;
+    const Handle handle_;
+
+    Stage stage_ = Stage::silent;
+    std::string failure_;
+    BackOff::Loss loss_ = BackOff::Loss::plain;
+    bool closedByPeer_ = false;
+    bool identifiersAllowed_ = true;  // the broker takes subscription identifiers
+    Clock::time_point nextUpkeep_;
+
+    // Of the round in hand.
+    bool corked_ = false;
+    bool wrote_ = false;
+    bool reading_ = false;
+    bool readingPaused_ = false;
+    std::size_t arrivals_ = 0;  // messages and acknowledgements so far
+};
+
+}  // namespace ipc

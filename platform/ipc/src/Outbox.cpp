@@ -1,0 +1,68 @@
+#include "Outbox.h"
+
+#include <algorithm>
+#include <utility>
+
+namespace ipc {
+
+Outbox::Entry& Outbox::add(const Message& message, bool retain) {
+    entries_.push_back({std::string(message.topic), std::string(message.payload), message.qualityOfService, retain,
+                        message.responseTopic, message.correlationData, Entry::unsent});
+    bytes_ += sizeOf(message);
+    return entries_.back();
+}
+
+std::optional<std::string> Outbox::settle(int identifier) {
+    const auto found = std::find_if(entries_.begin(), entries_.end(),
+                                    [identifier](const Entry& each) { return each.identifier == identifier; });
+    if (found == entries_.end()) return std::nullopt;
+    bytes_ -= sizeOf(*found);
+    std::string topic = std::move(found->topic);
+    entries_.erase(found);
+    return topic;
+}
+
+void Outbox::dropTopic(std::string_view topic) {
+    dropIf([topic](const Entry& each) { return each.topic == topic; });
+}
+
+bool Outbox::dropRefused() {
+    return dropIf([](const Entry& each) { return each.identifier == Entry::refused; });
+}
+
+template <typename Condition>
+bool Outbox::dropIf(Condition condition) {
+    const std::size_t before = entries_.size();
+    for (auto each = entries_.begin(); each != entries_.end();) {
+        if (condition(*each)) {
+            bytes_ -= sizeOf(*each);
+            each = entries_.erase(each);
+        } else {
+            ++each;
+        }
+    }
+    return entries_.size() != before;
+}
+
+void Outbox::startConnection() {
+    for (Entry& each : entries_) each.identifier = Entry::unsent;
+    noteAllSent();
+}
+
+void Outbox::noteUnsent(std::size_t bytes) {
+    ++unsent_;
+    unsentBytes_ += bytes;
+}
+
+void Outbox::noteAllSent() {
+    unsent_ = 0;
+    unsentBytes_ = 0;
+}
+
+Congestion Outbox::congestion() const {
+    if (unsent_ >= maxWaiting / 2 || unsentBytes_ >= manyBytes) return Congestion::unsent;
+    if (entries_.size() >= maxWaiting / 2 || bytes_ >= manyBytes) return Congestion::unacknowledged;
+    return Congestion::none;
+}
+
+}  // namespace ipc

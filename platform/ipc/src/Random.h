@@ -1,0 +1,14 @@
+// Random numbers that tell clients and their requests apart; not for secrets.
+#pragma once
+
+#include <cstdint>
+#include <string>
+
+namespace ipc {
+
+std::uint64_t random64();
+
+/// 16 hexadecimal digits.
+std::string randomText();
+
+}  // namespace ipc

@@ -1,0 +1,240 @@
+#include "Requests.h"
+
+#include <algorithm>
+#include <cstring>
+#include <utility>
+
+#include "Random.h"
+#include "ipc/IPCException.h"
+
+namespace ipc {
+
+namespace {
+
+// How long a request waits for a lost connection, and for the first word about a service.
+constexpr std::chrono::milliseconds reconnectWait{2000};
+constexpr std::chrono::milliseconds presenceWait{1000};
+
+std::string correlationOf(std::uint64_t number) {
+    std::string correlation(sizeof number, '\0');
+    std::memcpy(correlation.data(), &number, sizeof number);
+    return correlation;
+}
+
+}  // namespace
+
+Requests::Requests() : first_(random64()), since_(Clock::now()), next_(first_) {}
+
+bool Requests::watch(const std::string& statusTopic) {
+    const common::LockGuard lock(mutex_);
+    return services_.emplace(statusTopic, WatchedService()).second;
+}
+
+// ---- requests ----
+
+std::uint64_t Requests::enter(Pending& pending) {
+    const common::LockGuard lock(mutex_);
+    if (closed_) throw IPCOfflineException("The bus client is closed");
+    const std::uint64_t number = next_++;
+    pending_.emplace(number, &pending);
+    return number;
+}
+
+void Requests::leave(std::uint64_t number) {
+    const common::LockGuard lock(mutex_);
+    pending_.erase(number);
+    if (closed_) left_.notifyAll();
+}
+
+std::string Requests::ask(const std::string& statusTopic, std::chrono::milliseconds timeout, const Send& send) {
+    const auto begun = Clock::now();
+    Pending pending(statusTopic);
+    // Whatever happens, the network thread must not find this frame's `pending` later.
+    struct Stay {
+        Requests& requests;
+        const std::uint64_t number;
+        ~Stay() { requests.leave(number); }
+    } const stay{*this, enter(pending)};
+
+    const common::LockGuard lock(mutex_);
+    for (;;) {
+        const Clock::time_point deadline = limited(begun + timeout, begun);
+        Clock::time_point until = deadline;
+        switch (nextStep(pending, deadline, until)) {
+            case Step::finish:
+                return std::move(pending.answer);
+            case Step::wait:
+                pending.changed.waitUntil(mutex_, until);
+                break;
+            case Step::send:
+                sendOnce(pending, stay.number, deadline, send);
+                break;
+        }
+    }
+}
+
+/// What the caller of a request does next; throws when the answer can no longer come.
+Requests::Step Requests::nextStep(const Pending& pending, Clock::time_point deadline, Clock::time_point& until) const {
+    const std::string& statusTopic = pending.statusTopic;
+    if (pending.stage == Pending::Stage::answered) return Step::finish;
+    if (closed_) throw IPCOfflineException("The bus client is closed");
+    if (pending.stage == Pending::Stage::connectionLost) {
+        throw IPCInterruptedException("The connection broke before the answer came");
+    }
+    if (pending.stage == Pending::Stage::serviceLost) {
+        throw IPCServiceLostException("The service of " + statusTopic + " went offline before its answer came");
+    }
+    const Presence presence = presenceOf(statusTopic);
+    const auto now = Clock::now();
+    if (broker_ == Broker::neverConnected) throw IPCOfflineException("The bus client is not connected");
+    if (broker_ == Broker::away) {
+        if (now >= since_ + reconnectWait) throw IPCOfflineException("There is no connection to the broker");
+        until = std::min(deadline, since_ + reconnectWait);
+    } else if (presence == Presence::offline) {
+        throw IPCOfflineException("The service of " + statusTopic + " is offline");
+    } else if (presence == Presence::unknown) {
+        if (now >= since_ + presenceWait) throw IPCOfflineException("There is no word from " + statusTopic);
+        until = std::min(deadline, since_ + presenceWait);
+    }
+    if (now >= deadline) throw IPCTimeoutException("No answer in time");
+    const bool reachable = broker_ == Broker::connected && presence == Presence::online;
+    return reachable && pending.stage == Pending::Stage::unsent ? Step::send : Step::wait;
+}
+
+Requests::Presence Requests::presenceOf(const std::string& statusTopic) const {
+    const auto service = services_.find(statusTopic);
+    if (service == services_.end()) throw IPCException("The presence on " + statusTopic + " is not watched");
+    return service->second.presence;
+}
+
+void Requests::sendOnce(Pending& pending, std::uint64_t number, Clock::time_point deadline, const Send& send) {
+    pending.stage = Pending::Stage::sent;
+    bool sent = false;
+    {
+        const common::UnlockGuard unlocked(mutex_);
+        sent = send(correlationOf(number));
+    }
+    if (sent || pending.stage == Pending::Stage::answered) return;
+    // The connection went just now: wait for the next one, unless that was reported meanwhile.
+    pending.stage = Pending::Stage::unsent;
+    if (broker_ == Broker::connected) {
+        pending.changed.waitUntil(mutex_, std::min(deadline, Clock::now() + presenceWait));
+    }
+}
+
+void Requests::limit(std::chrono::milliseconds limit) {
+    const common::LockGuard lock(mutex_);
+    limit_ = limit;
+    limitedSince_ = Clock::now();
+    wakeAll();
+}
+
+Requests::Clock::time_point Requests::limited(Clock::time_point deadline, Clock::time_point begun) const {
+    return limit_ ? std::min(deadline, std::max(begun, limitedSince_) + *limit_) : deadline;
+}
+
+void Requests::close() {
+    const common::LockGuard lock(mutex_);
+    closed_ = true;
+    wakeAll();
+    left_.wait(mutex_, [this]() REQUIRES(mutex_) { return pending_.empty() && serviceWaits_ == 0; });
+}
+
+// ---- waits for a service ----
+
+bool Requests::waitForService(const std::string& statusTopic, std::chrono::milliseconds patience) {
+    const common::LockGuard lock(mutex_);
+    ++serviceWaits_;
+    const bool isOnline = awaitService(statusTopic, patience);
+    --serviceWaits_;
+    if (closed_) left_.notifyAll();
+    return isOnline;
+}
+
+bool Requests::awaitService(const std::string& statusTopic, std::chrono::milliseconds patience) {
+    for (;;) {
+        const auto service = services_.find(statusTopic);
+        if (closed_ || service == services_.end()) return false;
+        if (broker_ == Broker::connected && service->second.presence == Presence::online) return true;
+        if (limit_ || !service->second.lastOnline) return false;
+        const auto until = *service->second.lastOnline + patience;
+        if (Clock::now() >= until) return false;
+        presenceChanged_.waitUntil(mutex_, until);
+    }
+}
+
+// ---- what happened ----
+
+void Requests::connecting() {
+    const common::LockGuard lock(mutex_);
+    broker_ = Broker::away;
+    since_ = Clock::now();
+}
+
+void Requests::connectFailed() {
+    const common::LockGuard lock(mutex_);
+    broker_ = Broker::away;
+    since_ = Clock::now() - reconnectWait;
+}
+
+void Requests::connected() {
+    const common::LockGuard lock(mutex_);
+    broker_ = Broker::connected;
+    since_ = Clock::now();
+    wakeAll();
+}
+
+void Requests::connectionLost() {
+    const common::LockGuard lock(mutex_);
+    // A connection that breaks before it is of use does not lengthen anyone's patience.
+    if (broker_ == Broker::connected) since_ = Clock::now();
+    broker_ = Broker::away;
+    for (const auto& [number, pending] : pending_) {
+        if (pending->stage == Pending::Stage::sent) pending->stage = Pending::Stage::connectionLost;
+    }
+    for (auto& [topic, service] : services_) setPresence(topic, service, Presence::unknown);
+    wakeAll();
+}
+
+void Requests::presenceArrived(std::string_view topic, std::string_view word) {
+    // Any other word, an emptied topic among them, says nothing about the service.
+    const bool isOnline = word == "online";
+    if (!isOnline && word != "offline") return;
+    const common::LockGuard lock(mutex_);
+    const auto service = services_.find(topic);
+    if (service == services_.end()) return;
+    setPresence(service->first, service->second, isOnline ? Presence::online : Presence::offline);
+    wakeAll();
+}
+
+// A request in flight is marked here, not where its caller looks: "online" may follow before the caller wakes.
+void Requests::setPresence(const std::string& statusTopic, WatchedService& service, Presence presence) {
+    if (service.presence == Presence::online && presence != Presence::online) service.lastOnline = Clock::now();
+    service.presence = presence;
+    if (presence != Presence::offline) return;
+    for (const auto& [number, pending] : pending_) {
+        const bool isInFlight = pending->stage == Pending::Stage::sent && pending->statusTopic == statusTopic;
+        if (isInFlight) pending->stage = Pending::Stage::serviceLost;
+    }
+}
+
+void Requests::answerArrived(const std::string& correlationData, std::string_view answer) {
+    std::uint64_t number = 0;
+    if (correlationData.size() != sizeof number) return;
+    std::memcpy(&number, correlationData.data(), sizeof number);
+    const common::LockGuard lock(mutex_);
+    if (number - first_ >= next_ - first_) return;
+    ++answers_;
+    const auto found = pending_.find(number);
+    if (found == pending_.end() || found->second->stage == Pending::Stage::answered) return;
+    found->second->stage = Pending::Stage::answered;
+    found->second->answer = answer;
+    found->second->changed.notifyOne();
+}
+
+void Requests::wakeAll() {
+    for (const auto& [number, pending] : pending_) pending->changed.notifyOne();
+    presenceChanged_.notifyAll();
+}
+
+}  // namespace ipc

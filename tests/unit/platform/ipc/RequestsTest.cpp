@@ -1,0 +1,144 @@
+// Requests without a bus: what happens to one is told from inside its `send`, where the connection would be.
+#include "Requests.h"
+
+#include <gtest/gtest.h>
+
+#include <future>
+#include <string>
+#include <vector>
+
+#include "BusFixtures.h"
+#include "ipc/IPCException.h"
+
+namespace {
+
+using ipc::Requests;
+using std::chrono::milliseconds;
+const std::string status = "test-service/status";
+
+class RequestsTest : public testing::Test {
+ protected:
+    /// A connection on which the service has said that it is online.
+    void serve() {
+        requests.watch(status);
+        requests.connecting();
+        requests.connected();
+        requests.presenceArrived(status, "online");
+    }
+
+    std::string ask(const Requests::Send& send, milliseconds timeout = bustest::patience) {
+        return requests.ask(status, timeout, send);
+    }
+
+    Requests requests;
+};
+
+TEST_F(RequestsTest, IsAnsweredByItsOwnCorrelationData) {
+    serve();
+    std::vector<std::string> sent;
+    const auto answered = [&](std::string correlation) {
+        requests.answerArrived("not ours", "wrong");
+        requests.answerArrived(std::string(8, '\0'), "wrong");
+        for (const std::string& earlier : sent) requests.answerArrived(earlier, "late");
+        sent.push_back(correlation);
+        requests.answerArrived(correlation, "answer " + std::to_string(sent.size()));
+        requests.answerArrived(correlation, "a second one");
+        return true;
+    };
+    EXPECT_EQ(ask(answered), "answer 1");
+    EXPECT_EQ(ask(answered), "answer 2");
+    EXPECT_EQ(requests.answers(), 5U) << "repeated and late ones count, foreign ones do not";
+}
+
+TEST_F(RequestsTest, FailsAtOnceWithoutItsService) {
+    const auto never = [](std::string) -> bool { throw std::logic_error("it was sent"); };
+    EXPECT_THROW(ask(never), ipc::IPCException) << "not watched";
+    requests.watch(status);
+    EXPECT_THROW(ask(never), ipc::IPCOfflineException) << "never connected";
+    requests.connectFailed();
+    EXPECT_THROW(ask(never), ipc::IPCOfflineException) << "no connection to wait for";
+    requests.connected();
+    requests.presenceArrived(status, "offline");
+    EXPECT_THROW(ask(never), ipc::IPCOfflineException);
+}
+
+TEST_F(RequestsTest, TimesOut) {
+    serve();
+    EXPECT_THROW(ask([](std::string) { return true; }, milliseconds(5)), ipc::IPCTimeoutException);
+}
+
+TEST_F(RequestsTest, IsInterruptedByTheEndOfItsConnection) {
+    serve();
+    const auto cut = [&](std::string) {
+        requests.connectionLost();
+        requests.connected();
+        requests.presenceArrived(status, "online");
+        return true;
+    };
+    EXPECT_THROW(ask(cut), ipc::IPCInterruptedException);
+}
+
+TEST_F(RequestsTest, IsLostWithItsServiceEvenIfThatIsBackAtOnce) {
+    serve();
+    const auto restart = [&](std::string) {
+        requests.presenceArrived(status, "offline");
+        requests.presenceArrived(status, "online");
+        return true;
+    };
+    EXPECT_THROW(ask(restart), ipc::IPCServiceLostException);
+}
+
+TEST_F(RequestsTest, IsSentOnTheNextConnectionIfItWasNot) {
+    serve();
+    int attempts = 0;
+    bustest::Gate lost;
+    const auto reconnection = std::async(std::launch::async, [&] {
+        lost.pass();
+        requests.connected();
+        requests.presenceArrived(status, "online");
+    });
+    EXPECT_EQ(ask([&](std::string correlation) {
+                  if (++attempts == 1) {
+                      requests.connectionLost();
+                      lost.open();
+                      return false;
+                  }
+                  requests.answerArrived(correlation, "here");
+                  return true;
+              }),
+              "here");
+    EXPECT_EQ(attempts, 2);
+}
+
+TEST_F(RequestsTest, LeavesNothingBehindWhenSendingThrows) {
+    serve();
+    EXPECT_THROW(ask([](std::string) -> bool { throw ipc::IPCException("too many"); }), ipc::IPCException);
+    requests.close();  // would wait for it
+}
+
+TEST_F(RequestsTest, EndsAtOnceWhenTheClientDoes) {
+    serve();
+    std::future<void> closed;
+    const auto begin = Requests::Clock::now();
+    EXPECT_THROW(ask([&](std::string) {
+                     closed = std::async(std::launch::async, [this] { requests.close(); });
+                     return true;
+                 }),
+                 ipc::IPCOfflineException);
+    closed.wait();
+    EXPECT_LT(Requests::Clock::now() - begin, bustest::patience / 2) << "it waited for its time-out";
+    EXPECT_THROW(ask([](std::string) { return true; }), ipc::IPCOfflineException);
+}
+
+TEST_F(RequestsTest, LimitEndsWhatIsInFlight) {
+    serve();
+    const auto begin = Requests::Clock::now();
+    EXPECT_THROW(ask([&](std::string) {
+                     requests.limit(milliseconds(0));
+                     return true;
+                 }),
+                 ipc::IPCTimeoutException);
+    EXPECT_LT(Requests::Clock::now() - begin, bustest::patience / 2) << "it waited for its time-out";
+}
+
+}  // namespace

@@ -1,0 +1,49 @@
+// What the tests of the bus service share besides the bus fixtures: its handlers.
+#pragma once
+
+#include <atomic>
+#include <cstddef>
+#include <string>
+#include <vector>
+
+#include "BusFixtures.h"
+#include "fakes/LogCapture.h"
+
+namespace bustest {
+
+inline bool says(const fakes::LogCapture& log, const std::string& text) {
+    return log.text().find(text) != std::string::npos;
+}
+
+/// A handler that makes a large change of each request.
+struct LargeChanges {
+    inline static const std::string large = std::string(60000, 'x');
+
+    std::atomic<size_t> handled{0};
+    std::atomic<bool> last{false};  // the request "last" was among them
+
+    ipc::IIPCService::Handler handler() {
+        return [this](const std::vector<ipc::ServiceRequest>& requests) {
+            std::vector<ipc::OutgoingMessage> messages;
+            for (const auto& request : requests) {
+                messages.push_back({"test-changes", large, "", 1});
+                last = last || request.payload == "last";
+            }
+            handled += requests.size();
+            return messages;
+        };
+    }
+};
+
+/// Publishes each request on "test-changes" and then answers it.
+inline std::vector<ipc::OutgoingMessage> changeAndEcho(const std::vector<ipc::ServiceRequest>& requests) {
+    std::vector<ipc::OutgoingMessage> messages;
+    for (const auto& request : requests) {
+        messages.push_back({"test-changes", request.payload, "", 1});
+        messages.push_back(
+            {request.responseTopic, "re:" + request.payload, request.correlationData, request.qualityOfService});
+    }
+    return messages;
+}
+
+}  // namespace bustest
