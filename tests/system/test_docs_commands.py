@@ -89,6 +89,16 @@ class CommandsTest(unittest.TestCase):
                 self.assertEqual(status, 0, said)
                 self.assertRegex(said, r"Total Tests: [1-9]")
 
+    def test_scripts_refuse_arguments_that_they_do_not_know(self):
+        copy = Copy()
+        self.addCleanup(copy.folder.cleanup)
+        for name in ("build", "demo", "format", "setup", "test"):
+            with self.subTest(name):
+                status, said = copy.run(f"scripts/{name} --nothing")
+                self.assertEqual(status, 2, said)
+                self.assertIn(f"scripts/{name}", said)
+                self.assertFalse(os.path.exists(f"{copy.folder.name}/calls"))
+
     def test_commands_of_scripts(self):
         copy = Copy()
         self.addCleanup(copy.folder.cleanup)
