@@ -114,6 +114,17 @@ def exists(page, link):
     return anchor in [re.sub(r"[^\w\- ]", "", heading.lower()).replace(" ", "-") for heading in headings]
 
 
+def table(page, heading):
+    """The rows, as lists of cells, of the table whose first column has that heading."""
+    rows, inside = [], False
+    for line in (ROOT / page).read_text(encoding="utf-8").splitlines():
+        cells = [cell.strip() for cell in line.split("|")[1:-1]]
+        inside = bool(cells) and (inside or cells[0] == heading)
+        if inside and cells[0] != heading and not line.startswith("|--"):
+            rows.append(cells)
+    return rows
+
+
 def mistakes(page):
     """[(line, files, changes, result, log texts)]: the rows of each table that begins with the columns "Right" and
     "Wrong". The files are {name: text} of the example before the table, the changes are [(right, wrong)] in them."""

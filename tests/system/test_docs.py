@@ -5,6 +5,7 @@ becomes of it: examples.py. What runs on the machine itself is tried by test_doc
 """
 
 import configparser
+import itertools
 import json
 import os
 import re
@@ -232,6 +233,47 @@ class DocsTest(unittest.TestCase):
                 self.assertEqual(printed[-1].split()[0].rstrip(":"), result, "\n".join(log.lines()))
                 phone.wait_until(lambda: all(log.count(text) for text in texts),
                                  lambda: f"{texts} in:\n" + "\n".join(log.lines()), 5)
+
+    def offer(self, running, offered, flags="", request=False):
+        """("success" or "fail", the daemon's log) of a pass that offers a firmware version to a phone that runs another. A
+        request for an update starts the pass by itself."""
+        publish({"provisioning.xml": '<provisioning version="1.1" productID="kd4v"><firmware><file url="/kd4v.img" '
+                                     f'version="{offered}"{flags}/></firmware></provisioning>', "kd4v.img": "an image"})
+        log = phone.Log()
+        log.mark()
+        succeed(f"zavctl set System.General.SoftwareVersion '{running}'")
+        succeed("zavctl set State.FirmwareUpdate.TriggerAuto request" if request else "zavctl provision")
+        phone.wait_until(lambda: log.count("Provisioning succeeded. ") + log.count("Provisioning failed. "), lambda: log.lines())
+        return "success" if log.count("Provisioning succeeded. ") else "fail", log
+
+    def test_firmware_versions_compare_as_their_page_says(self):
+        lines = {"0": "Found upgradable version", "1": "is older than", "2": "is equal to", "3": "is invalid!",
+                 "4": "is not upgradeable to"}
+        words = {"nothing": "", "over 128 bytes": "1" * 129}
+        rows = examples.table("docs/firmware-versions.md", "Running")
+        self.assertGreater(len(rows), 7)
+        for running, offered, outcome, _ in rows:
+            for here, there in itertools.product(running.split(", "), offered.split(", ")):
+                with self.subTest(f"{here} {there}"):
+                    _, log = self.offer(words.get(here, here.strip("`")), words.get(there, there.strip("`")))
+                    self.assertEqual([digit for digit, line in lines.items() if log.count(line)], [outcome[0]])
+
+    def test_firmware_is_installed_as_its_page_says(self):
+        offers = {"newer": ["2.14"], "older": ["2.12"], "equal, malformed, no upgrade path": ["2.13", "latest", "kd5-2.14"]}
+        flags = ' flags="FORCE_ACCEPT"'
+        rows = examples.table("docs/firmware-versions.md", "Outcome")
+        self.assertEqual([row[0] for row in rows], list(offers))
+        for outcome, unforced, forced, both in rows:
+            for offered in offers[outcome]:
+                for automatic, requested, flag, wanted in [("1", False, "", unforced), ("0", True, "", unforced), ("0", False, flags, forced),
+                                                           ("0", True, flags, both)]:
+                    with self.subTest(f"{offered} {automatic} {requested} {flag}"):
+                        succeed(f"zavctl set FirmwareManagment.AutomaticCheckForUpdates {automatic}")
+                        succeed("zavctl set State.FirmwareUpdate.TriggerAuto ''")
+                        result, _ = self.offer("kd4v-2.13", offered, flag, requested)
+                        self.assertEqual(result, {"installs": "success", "refuses": "fail"}[wanted])
+                        phone.wait_until(lambda: (execute("zavctl get State.FirmwareUpdate.TriggerAuto")[1] == [
+                            "" if not requested else "success" if result == "success" else "no_version"]), "the answer to the request")
 
     def test_no_proxy_is_asked(self):
         proxies = {name: "http://127.0.0.1:9/" for name in ("http_proxy", "https_proxy", "HTTPS_PROXY", "all_proxy", "ALL_PROXY")}
