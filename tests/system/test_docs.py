@@ -234,6 +234,12 @@ class DocsTest(unittest.TestCase):
                 phone.wait_until(lambda: all(log.count(text) for text in texts),
                                  lambda: f"{texts} in:\n" + "\n".join(log.lines()), 5)
 
+    def test_a_byte_order_mark_is_harmless(self):
+        publish({"provisioning.xml": '\ufeff<?xml version="1.0" encoding="utf-8"?><provisioning version="1.1" productID="kd4v">'
+                                     '<nvm><param name="Audio.Ringer.Volume" value="9"/></nvm></provisioning>'})
+        succeed("zavctl provision --wait")
+        self.assertEqual(succeed("zavctl get Audio.Ringer.Volume"), ["9"])
+
     def offer(self, running, offered, flags="", request=False):
         """("success" or "fail", the daemon's log) of a pass that offers a firmware version to a phone that runs another. A
         request for an update starts the pass by itself."""
@@ -281,6 +287,7 @@ class DocsTest(unittest.TestCase):
         self.addCleanup(lambda: [os.environ.pop(name) for name in proxies])
         phone.service("restart", "daemon")
         phone.service("ready", "daemon")
+        succeed("zavctl set NET.Proxy.HTTP http://127.0.0.1:9/")
         for scheme in ("http", "https"):
             succeed(f"zavctl set System.Provision.ProvisioningServer {scheme}://provisioning.test/")
             status, printed = execute("zavctl provision --wait")

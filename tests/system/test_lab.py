@@ -29,7 +29,7 @@ class OptionsTest(unittest.TestCase):
         folder = tempfile.TemporaryDirectory()
         self.addCleanup(folder.cleanup)
         self.folder = folder.name
-        self.options = [("--www", f"{PROJECT}/lab/fixtures/direct"), ("--bind", self.folder), ("--set", "Time.Format=12h"),
+        self.options = [("--www", f"{PROJECT}/lab/fixtures/direct", "--bind", self.folder), ("--set", "Time.Format=12h"),
                         ("--state",), ("--real-time",), ("--clock-by-hand",), ("--broker-defaults",), ("--device-services",),
                         ("--no-boot-pass",), *((option,) for option in NOTHING)]
 
