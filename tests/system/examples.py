@@ -1,6 +1,6 @@
 """The examples of README.md and docs/*.md: every block of code, what it is, and how its output is compared.
 
-What a block is, says its info string:
+The info string says what a block is:
 
     ```xml NAME         a file that the provisioning server publishes; provisioning.xml begins a new example
     ```console          commands, each behind "$ ", and all that they print
@@ -10,7 +10,7 @@ What a block is, says its info string:
     ```ini              a part of a systemd unit
     ```conf             a configuration of the broker
 
-or, where that is not enough, a comment on the line before the block:
+A comment on the line before the block says more:
 
     <!-- figure -->              not an example: a picture, or a list of names
     <!-- published: FILE... -->  further files on the server: images, certificates, phone books
@@ -40,7 +40,7 @@ class Block:
 
     @property
     def kind(self):
-        """One of KINDS, "figure", or "" for a block that nobody knows."""
+        """One of KINDS, "figure", or "" if it is unknown."""
         if self.comment and self.comment[0] == "figure":
             return "figure"
         if self.info in ("", "console") and self.text.startswith("$ "):
@@ -76,7 +76,7 @@ def pages():
 
 
 def blocks(page, text=None):
-    """All blocks of a page, those made by indentation among them: nobody can say what these are."""
+    """All blocks of a page, also those made by indentation, whose kind is always unknown."""
     lines = (text if text is not None else (ROOT / page).read_text(encoding="utf-8")).splitlines()
     found, comment, number = [], None, 0
     while number < len(lines):
