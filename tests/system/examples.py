@@ -6,7 +6,7 @@ The info string says what a block is:
     ```console          commands, each behind "$ ", and all that they print
     ```sh               commands that succeed; those below lab/ and scripts/, and ctest, run on the machine
     ```log              lines of the daemon's log, in this order, since the example began
-    ```json catalogue   a catalogue that the property service starts with
+    ```json             a catalogue (it has "keys"), with which the property service starts
     ```ini              a part of a systemd unit
     ```conf             a configuration of the broker
 
