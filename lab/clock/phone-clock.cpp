@@ -1,6 +1,7 @@
 // phone-clock FILE create|show|factor N|jump SECONDS|date "YYYY-MM-DD HH:MM:SS[.fraction]"
 // Sets the clock that the preloaded library shows to the daemon. A jump moves the date and every wait, a date moves
 // the date only (local time), a factor holds from now on. The file is /run/phone/clock in the lab's phone.
+// Dates before 1970 are refused, as Linux refuses them for its own clock.
 #include "ClockState.h"
 
 #include <fcntl.h>
@@ -18,6 +19,8 @@
 namespace {
 
 constexpr std::int64_t Second = 1'000'000'000;
+// 2200-01-01 00:00:00 UTC: in nanoseconds, later dates come near what 64 bits hold.
+constexpr std::int64_t LatestDate = 7'258'118'400;
 
 std::int64_t now(clockid_t clock) {
     timespec time{};
@@ -26,10 +29,10 @@ std::int64_t now(clockid_t clock) {
 }
 
 double number(const std::string& text, double low, double high) {
-    std::size_t used = 0;
-    const double value = std::stod(text, &used);
-    if (used != text.size() || !(value >= low && value <= high))
-        throw std::runtime_error("'" + text + "' is out of range");
+    char* end = nullptr;
+    const double value = std::strtod(text.c_str(), &end);
+    if (text.empty() || *end != '\0') throw std::runtime_error("'" + text + "' is not a number");
+    if (!(value >= low && value <= high)) throw std::runtime_error("'" + text + "' is out of range");
     return value;
 }
 
@@ -37,10 +40,15 @@ std::int64_t parseDate(const std::string& text) {
     std::tm fields{};
     const char* rest = strptime(text.c_str(), "%Y-%m-%d %H:%M:%S", &fields);
     if (rest == nullptr)
-        throw std::runtime_error("'" + text + "' is no date of the form YYYY-MM-DD HH:MM:SS[.fraction]");
+        throw std::runtime_error("'" + text + "' is not a date of the form YYYY-MM-DD HH:MM:SS[.fraction]");
     const double fraction = *rest == '\0' ? 0.0 : number(std::string("0") + rest, 0, 1);
+    const int day = fields.tm_mday;
     fields.tm_isdst = -1;
-    return static_cast<std::int64_t>(std::mktime(&fields)) * Second + std::llround(fraction * 1e9);
+    const std::int64_t seconds = std::mktime(&fields);
+    if (seconds < 0) throw std::runtime_error("'" + text + "' is before 1970-01-01 00:00:00 UTC");
+    if (seconds >= LatestDate) throw std::runtime_error("'" + text + "' is after the year 2199");
+    if (fields.tm_mday != day) throw std::runtime_error("'" + text + "': the month has no such day");
+    return seconds * Second + std::llround(fraction * 1e9);
 }
 
 lab::ClockState& map(const std::string& path, bool create) {
@@ -74,7 +82,7 @@ void run(int count, char** words) {
         fresh->magic = lab::ClockState::Magic;
         return;
     }
-    if (state.magic != lab::ClockState::Magic) throw std::runtime_error(std::string(words[1]) + " is no clock");
+    if (state.magic != lab::ClockState::Magic) throw std::runtime_error(std::string(words[1]) + " is not a clock");
     lab::ClockReading clock = lab::ClockReading::of(state);
     if (action == "show") return show(clock);
 

@@ -1,6 +1,8 @@
 """A service of the phone on its bus: hears changes of State properties in order, writes properties.
 
     serve({"State.X": handler})      # handler(value, heard); `heard` holds the latest value of every State property
+
+It waits for a broker that comes later, and prints "ready" whenever its subscription holds.
 """
 
 import json
@@ -37,8 +39,8 @@ def serve(handlers):
     client.on_subscribe = lambda *_: print("ready")
     client.on_message = on_message
     client.reconnect_delay_set(1, 1)
-    client.connect("127.0.0.1", 1883)
-    client.loop_forever()
+    client.connect_async("127.0.0.1", 1883)
+    client.loop_forever(retry_first_connection=True)
 
 
 def inside(folder, name):

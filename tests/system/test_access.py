@@ -8,10 +8,14 @@ import unittest
 import paho.mqtt.client as mqtt
 from paho.mqtt.packettypes import PacketTypes
 
+import examples
 import phone
 
 BROKER = f"{phone.PROJECT}/packaging/broker"
 STATUS = "prop-service/status"
+PASSWORDS = "/run/phone/passwords"
+QUESTION = ["mosquitto_rr", "-V", "5", "-W", "10", "-t", "prop-service/get", "-e", "zavctl/reply/1", "-m",
+            '{"param":"Time.Format"}', "-u", "zavctl"]
 
 
 class Client:
@@ -59,21 +63,25 @@ class Client:
         self.client.publish("prop-service/get", text, quality, properties=properties)
 
 
-class AccessTest(unittest.TestCase):
-    def setUp(self):
-        with open(f"{BROKER}/mosquitto.conf", encoding="utf-8") as file:
-            settings = file.read()
-        self.assertIn("acl_file /etc/mosquitto/zav.acl\n", settings)
+def shipped():
+    with open(f"{BROKER}/mosquitto.conf", encoding="utf-8") as file:
+        return file.read()
+
+
+class BrokerTest(unittest.TestCase):
+    """A case with a broker and a property service of its own."""
+
+    def start_broker(self, settings):
         # There is no other user and no such folder in this sandbox.
+        for name, path in (("zav.acl", f"{BROKER}/acl"), ("zav.passwords", PASSWORDS), ("certs/phone", "/run/phone/server")):
+            settings = settings.replace(f"/etc/mosquitto/{name}", path)
         with open("/run/phone/shipped.conf", "w", encoding="utf-8") as file:
-            file.write("user root\npersistence_location /run/phone/\n" + settings.replace("/etc/mosquitto/zav.acl", f"{BROKER}/acl"))
+            file.write(f"persistence_location /run/phone/\n{settings}\nuser root\n")
         self.broker = self.start("mosquitto", "-c", "/run/phone/shipped.conf")
-        phone.wait_until(self.serves, "the broker")
+
+    def start_properties(self):
         self.start("prop-service", "--store", "/config/properties.db", "--catalogue",
                    f"{phone.PROJECT}/services/property-service/catalogue.json")
-        self.looker = self.client()
-        self.looker.subscribe(STATUS)
-        self.looker.wait(f"{STATUS} online")
 
     def start(self, *command):
         with open(f"/run/phone/{command[0]}.shipped.log", "ab") as log:
@@ -81,6 +89,16 @@ class AccessTest(unittest.TestCase):
         self.addCleanup(process.wait)
         self.addCleanup(process.kill)
         return process
+
+
+class AccessTest(BrokerTest):
+    def setUp(self):
+        self.start_broker(shipped())
+        phone.wait_until(self.serves, "the broker")
+        self.start_properties()
+        self.looker = self.client()
+        self.looker.subscribe(STATUS)
+        self.looker.wait(f"{STATUS} online")
 
     def serves(self):
         return subprocess.run(["mosquitto_sub", "-V", "5", "-t", STATUS, "-E", "-W", "5"], stderr=subprocess.DEVNULL, check=False).returncode == 0
@@ -134,6 +152,34 @@ class AccessTest(unittest.TestCase):
         self.broker.terminate()
         self.broker.wait(phone.DEADLINE)
         self.assertFalse(os.path.exists("/run/phone/mosquitto.db"))
+
+
+class PasswordTest(BrokerTest):
+    def run_command(self, *words):
+        done = subprocess.run(words, capture_output=True, text=True, timeout=30, check=False)
+        return done.returncode, done.stdout + done.stderr
+
+    def setUp(self):
+        self.assertEqual(self.run_command("mosquitto_passwd", "-b", "-c", PASSWORDS, "zavctl", "secret")[0], 0)
+
+    def test_a_password_locks_the_phones_own_programs_out(self):
+        self.start_broker(shipped().replace("allow_anonymous true", f"allow_anonymous false\npassword_file {PASSWORDS}"))
+        remote = [*QUESTION, "-P", "secret"]
+        phone.wait_until(lambda: "Connection refused" not in self.run_command(*remote, "-W", "1")[1], "the broker")
+        status, said = self.run_command("zavctl", "get", "Time.Format")
+        self.assertEqual(status, 3, said)
+
+    def test_another_machine_has_a_listener_with_a_password(self):
+        (block,) = (block for block in examples.blocks("docs/security.md") if block.kind == "conf")
+        self.start_broker("per_listener_settings true\n" + shipped() + block.text)
+        self.start_properties()
+        phone.wait_until(lambda: self.run_command("zavctl", "set", "Time.Format", "24h") == (0, ""), "the phone's own programs")
+        remote = [*QUESTION, "-p", "8883", "--cafile", "/run/phone/authority.crt"]
+        self.assertEqual(self.run_command(*remote, "-P", "secret"), (0, '{"param":"Time.Format","value":"24h"}\n'))
+        for wrong in (["-P", "guess"], []):
+            status, said = self.run_command(*remote, *wrong)
+            self.assertNotEqual(status, 0)
+            self.assertRegex(said, "(?i)not authori[sz]ed")
 
 
 if __name__ == "__main__":

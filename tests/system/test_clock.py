@@ -18,11 +18,12 @@ class ClockTest(unittest.TestCase):
         self.folder = tempfile.TemporaryDirectory()
         self.addCleanup(self.folder.cleanup)
         self.file = os.path.join(self.folder.name, "clock")
+        self.environment = {**os.environ, "TZ": "UTC"}
         self.clock("create")
 
     def clock(self, *words):
         return subprocess.run([f"{BUILD}/lab/phone-clock", self.file, *map(str, words)], check=True, timeout=10,
-                              capture_output=True, text=True).stdout
+                              env=self.environment, capture_output=True, text=True).stdout
 
     def probe(self, *words):
         environment = {**os.environ, "LD_PRELOAD": f"{BUILD}/lab/phone-clock.so", "PHONE_CLOCK": self.file}
@@ -90,6 +91,26 @@ class ClockTest(unittest.TestCase):
         with self.assertRaises(subprocess.TimeoutExpired):
             probe.wait(0.2)
         self.assertTrue(self.clock("show").startswith("2030-01-02 03:04:0"))
+
+    def test_the_first_and_the_last_date(self):
+        for day in ("1970-01-01", "2199-12-31"):
+            self.clock("date", f"{day} 00:00:00")
+            self.assertTrue(self.clock("show").startswith(f"{day} 00:0"))
+
+    def test_what_no_phones_clock_shows_is_refused_and_changes_nothing(self):
+        self.clock("date", "2030-01-02 03:04:05")
+        for words, reason in [(("date", "1969-12-31 23:59:59"), "is before 1970-01-01 00:00:00 UTC"),
+                              (("date", "0001-01-01 00:00:00"), "is before 1970-01-01 00:00:00 UTC"),
+                              (("date", "2200-01-01 00:00:00"), "is after the year 2199"),
+                              (("date", "2030-02-30 00:00:00"), "the month has no such day"),
+                              (("date", "tomorrow"), "is not a date of the form"), (("factor", "fast"), "'fast' is not a number"),
+                              (("factor", "0"), "'0' is out of range"), (("jump", "-1"), "'-1' is out of range")]:
+            with self.subTest(words):
+                done = subprocess.run([f"{BUILD}/lab/phone-clock", self.file, *words], env=self.environment, capture_output=True,
+                                      text=True, timeout=10, check=False)
+                self.assertEqual(done.returncode, 2)
+                self.assertRegex(done.stderr, rf"\Aphone-clock: .*{reason}.*\n\Z")
+                self.assertTrue(self.clock("show").startswith("2030-01-02 03:04:"))
 
 
 if __name__ == "__main__":

@@ -1,0 +1,118 @@
+"""The commands of README.md and docs/*.md that run on a developer's machine: those of lab/, of scripts/, and ctest.
+
+Runs on the machine itself: test_docs_commands.py BUILD_DIRECTORY. What scripts/ does is tried in a copy of the tree that
+holds this build's programs and stand-ins for cmake, ninja and ctest: building and testing everything has tests enough.
+"""
+
+import os
+import re
+import shutil
+import subprocess
+import sys
+import tempfile
+import unittest
+
+import examples
+
+BUILD = os.path.realpath(sys.argv.pop() if len(sys.argv) > 1 else examples.ROOT / "build" / "release")
+STANDINS = {
+    "cmake": 'mkdir -p "build/$2" && touch "build/$2/build.ninja"',
+    "ninja": 'echo "ninja: no work to do."',
+    "ctest": 'while [ $# -gt 0 ]; do [ "$1" != --output-junit ] || '
+             'echo \'<testsuite tests="3" failures="0" skipped="0">\' >"$2"; shift; done',
+}
+
+
+def commands():
+    """(block, command), without the comment behind it."""
+    return [(block, command) for page in examples.pages() for block in examples.blocks(page) if block.on_the_machine()
+            for command, _ in block.commands()]
+
+
+class Copy:
+    """A copy of the tree in which the release build is made, and `calls` of the programs that stand in for others."""
+
+    def __init__(self):
+        self.folder = tempfile.TemporaryDirectory()
+        self.root = f"{self.folder.name}/tree"
+        shutil.copytree(examples.ROOT, self.root, symlinks=True, ignore=lambda folder, names: [
+            name for name in names if folder == str(examples.ROOT) and name in (".git", "build")])
+        for part in ("bin", "lab"):
+            shutil.copytree(f"{BUILD}/{part}", f"{self.root}/build/release/{part}",
+                            ignore=lambda folder, names: [n for n in names if n.startswith("bench_") or n == "CMakeFiles"])
+        os.makedirs(f"{self.folder.name}/bin")
+        for name, script in STANDINS.items():
+            with open(f"{self.folder.name}/bin/{name}", "w", encoding="utf-8") as file:
+                file.write(f'#!/bin/bash\necho "{name} $*" >>"{self.folder.name}/calls"\n{script}\n')
+            os.chmod(file.name, 0o755)
+
+    def run(self, command):
+        environment = {**os.environ, "PATH": f"{self.folder.name}/bin:{os.environ['PATH']}"}
+        return run(command, self.root, environment)
+
+    def calls(self):
+        with open(f"{self.folder.name}/calls", encoding="utf-8") as file:
+            return file.read()
+
+
+def run(command, folder, environment=None):
+    """(exit status, what was said); a shell that is asked for ends at once."""
+    done = subprocess.run(["bash", "-c", command], cwd=folder, env=environment, input=b"exit 0\n",
+                          stdout=subprocess.PIPE, stderr=subprocess.STDOUT, timeout=150, check=False)
+    return done.returncode, done.stdout.decode(errors="replace")
+
+
+class CommandsTest(unittest.TestCase):
+    def with_first_word(self, first):
+        found = [(block, command) for block, command in commands() if re.match(first, command)]
+        self.assertTrue(found)
+        return found
+
+    def test_every_command_is_tried_somewhere(self):
+        rest = [f"{block}: {command}" for block, command in commands() if not re.match(r"(lab|scripts)/|ctest ", command)]
+        self.assertEqual(rest, [])
+
+    def test_commands_of_the_lab(self):
+        for block, command in self.with_first_word("lab/"):
+            with self.subTest(f"{block}: {command}"):
+                here = re.sub(r"^lab/phone", f"lab/phone --build {BUILD}", command)
+                status, said = run(here.replace("build/release", os.path.relpath(BUILD, examples.ROOT)), examples.ROOT)
+                self.assertEqual(status, 0, said)
+                if "--gtest_filter" in command:
+                    self.assertRegex(said, r"\[  PASSED  \] [1-9]")
+
+    def test_selections_of_tests_find_some(self):
+        for block, command in self.with_first_word("ctest "):
+            with self.subTest(f"{block}: {command}"):
+                here = re.sub(r"--preset \S+", f"--test-dir {BUILD} -N", re.sub(r" #.*", "", command))
+                status, said = run(here, examples.ROOT)
+                self.assertEqual(status, 0, said)
+                self.assertRegex(said, r"Total Tests: [1-9]")
+
+    def test_scripts_refuse_arguments_that_they_do_not_know(self):
+        copy = Copy()
+        self.addCleanup(copy.folder.cleanup)
+        for name in ("build", "demo", "format", "setup", "test"):
+            with self.subTest(name):
+                status, said = copy.run(f"scripts/{name} --nothing")
+                self.assertEqual(status, 2, said)
+                self.assertIn(f"scripts/{name}", said)
+                self.assertFalse(os.path.exists(f"{copy.folder.name}/calls"))
+
+    def test_commands_of_scripts(self):
+        copy = Copy()
+        self.addCleanup(copy.folder.cleanup)
+        for block, command in self.with_first_word("scripts/"):
+            with self.subTest(f"{block}: {command}"):
+                status, said = copy.run(command)
+                self.assertEqual(status, 0, said)
+                if command.startswith("scripts/demo"):
+                    self.assertIn("All as promised.", said)
+                if re.match(r"scripts/test *(#|$)", command):
+                    self.assertIn("9 passed, 0 failed, 0 skipped", said)
+                    for preset in ("release", "asan-ubsan", "tsan"):
+                        self.assertIn(f"ctest --preset {preset} ", copy.calls())
+
+
+if __name__ == "__main__":
+    unittest.main(verbosity=2)
