@@ -2,8 +2,8 @@
 // owns the provisioning worker, starts passes, answers the watchdog and the auto-reboot query, forwards settings that
 // change, and runs the pass after boot-up.
 //
-// Threads: the three callbacks run on the bus client's delivery threads (one a subscription), enableProvisioning on the
-// network readiness thread, the rest on the main thread.
+// Threads: the three callbacks run on the bus client's delivery threads (one for each subscription, one for connection
+// events), enableProvisioning on the network readiness thread, the rest on the main thread.
 #pragma once
 
 #include <atomic>

@@ -28,12 +28,12 @@ class DeferredWrites {
     DeferredWrites& operator=(const DeferredWrites&) = delete;
 
     /// Carries the write out, or keeps it for later when the service is away or earlier writes still wait. Blocks for
-    /// one property call. Throws what the write throws when it is refused, for it would be refused again, and
-    /// std::system_error when the retry thread is needed and cannot be started; the write waits all the same.
+    /// the property calls of the write. Throws what the write throws when it is refused, for it would be refused again,
+    /// and std::system_error when the retry thread is needed and cannot be started; the write waits all the same.
     void write(Kind kind, const Write& write);
 
-    /// Forget what waits, or what waits of one kind. When they return no retry is under way; that may take one property
-    /// call.
+    /// Forget what waits, or what waits of one kind. When they return no retry is under way; that may take the property
+    /// calls of one write.
     void cancel();
     void cancel(Kind kind);
 

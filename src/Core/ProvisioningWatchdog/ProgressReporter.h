@@ -1,7 +1,8 @@
 // The hand-off by which a running pass tells one waiting thread that something happened. It carries no value: any
 // number of signals between two waits are one.
 //
-// Threads: the pass notifies, the watchdog's delivery thread waits, whoever starts a pass resets. One waiter at a time.
+// Threads: the pass notifies; the watchdog's delivery thread waits, or the pass around a nested one; whoever starts a
+// pass resets. A signal wakes one waiter: the worker wakes the others when the pass has ended.
 #pragma once
 
 #include <condition_variable>

@@ -5,7 +5,8 @@
 // Pass::maximumDepth inside each other, and Pass::maximumNestedPasses in all.
 //
 // Threads: startProvisioning is called by the bus delivery thread and the network readiness thread, and serialises
-// them; the other operations by any thread. The pass thread signals progress, also from inside transfers.
+// them; of a nested worker by the pass around it. The other operations are for any thread. The pass thread signals
+// progress, also from inside transfers; a thread of DeferredWrites makes up for writes at a pass's end that failed.
 #pragma once
 
 #include <atomic>

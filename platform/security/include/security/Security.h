@@ -2,7 +2,7 @@
 // certificate file. The system's own bundle always counts; the phone's, "/custom/certs/ca-bundle.pem", is added when
 // it is there. OpenSSL parses everything in process.
 //
-// Threads: any; one mutex inside. The constructor reads no property.
+// Threads: any. The first caller waits until the bundles are parsed. The constructor reads no property.
 #pragma once
 
 #include <memory>
