@@ -46,6 +46,13 @@ class Pictures(unittest.TestCase):
         found = {name.rsplit("/", 1)[1] for name in tree.files("docs/pictures") if name.endswith(".svg")}
         self.assertEqual(shown, found)
 
+    def test_the_sequence_writes_states_in_the_order_of_a_real_pass(self):
+        sequence = (tree.ROOT / "docs/pictures/pass.msc").read_text(encoding="utf-8")
+        row = (tree.ROOT / "tests/flow/rows/format_1_1_plain.txt").read_text(encoding="utf-8")
+        writes = row.split("\n[writes]\n", 1)[1].split("\n[", 1)[0]
+        self.assertEqual(re.findall(r'pass => service \[label="set (State[.\w]+)', sequence),
+                         re.findall(r"^(State[.\w]+) =", writes, re.M))
+
     def test_columns_of_a_terminal_stay_columns(self):
         lines = ["$ run", "   key     \"a\" → \"b\"", "", "   longer  <c> & d"]
         self.assertEqual(pictures.texts(pictures.terminal(lines)), [line.strip() for line in lines if line])

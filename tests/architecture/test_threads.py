@@ -38,6 +38,14 @@ def names(cell, word):
     return re.search(rf"\b{word}\b", cell) is not None
 
 
+def drawn():
+    """What the picture's source draws: the names of files behind each component, and all arrows."""
+    source = text("docs/pictures/threads.dot")
+    components = {node: [label] for node, label in re.findall(r'^\s*(\w+) \[label="([A-Z]\w+)"\]', source, re.M)}
+    components["handlers"] = [r"\w+Handler", "JobHandlerFactory"]
+    return components, re.findall(r"^\s*(\w+) -> (\w+)", source, re.M)
+
+
 class Threads(unittest.TestCase):
     def test_every_place_that_starts_a_thread_has_a_row_and_the_reverse(self):
         starting = {name for name in tree.sources(*PRODUCT) if STARTS.search(text(name))}
@@ -49,6 +57,19 @@ class Threads(unittest.TestCase):
         missing = [row[0] for row in table("Threads")
                    if re.search(r"zavd|prop-service", row[1]) and row[0].lower() not in picture]
         self.assertEqual(missing, [])
+
+    def test_an_arrow_between_components_is_an_include(self):
+        components, arrows = drawn()
+        wrong = []
+        for begin, end in arrows:
+            if begin in components and end in components:
+                header = re.compile(rf"(^|/)I?({'|'.join(components[end])})\.h$")
+                if not any(header.search(target) for name in tree.sources(*PRODUCT)
+                           if re.search(rf"/({'|'.join(components[begin])})\.\w+$", name)
+                           for _, target in tree.includes(name)):
+                    wrong.append(f"{begin} -> {end}")
+        self.assertGreater(len(arrows), 20)
+        self.assertEqual(wrong, [])
 
     def test_every_lock_has_a_row(self):
         rows = [row[0] for row in table("Locks")]

@@ -41,7 +41,9 @@ class DemoTest(unittest.TestCase):
     def test_the_picture_shows_what_it_prints(self):
         with open(os.path.join(PROJECT, "docs", "pictures", "demo.svg"), encoding="utf-8") as file:
             picture = pictures.texts(file.read())
-        printed = [line.strip() for line in pictures.shown(demonstration()[1]) if line.strip()]
+        status, said = demonstration()
+        self.assertEqual(status, 0, said)
+        printed = [line.strip() for line in pictures.shown(said) if line.strip()]
         self.assertEqual(pictures.timeless(picture), pictures.timeless(["$ scripts/demo", *printed]),
                          "scripts/pictures demo mends this")
 
