@@ -2,8 +2,8 @@
 // watchdog and the auto-reboot query, applies changed settings. Also runs the boot-up pass. Owns the provisioning
 // worker.
 //
-// Threads: the callbacks run on the bus client's delivery threads (one per subscription), enableProvisioning on the
-// network readiness thread, everything else on the main thread.
+// Threads: the callbacks run on the bus client's delivery threads (one for each subscription, one for connection
+// events), enableProvisioning on the network readiness thread, everything else on the main thread.
 #pragma once
 
 #include <atomic>

@@ -3,6 +3,7 @@
 Runs on the machine itself, not inside lab/phone: test_demo.py BUILD_DIRECTORY
 """
 
+import functools
 import os
 import shutil
 import subprocess
@@ -11,6 +12,9 @@ import unittest
 
 PROJECT = os.path.dirname(os.path.dirname(os.path.dirname(os.path.abspath(__file__))))
 BUILD = sys.argv.pop() if len(sys.argv) > 1 else os.path.join(PROJECT, "build", "release")
+sys.path.insert(0, os.path.join(PROJECT, "docs", "pictures"))
+import pictures  # noqa: E402
+
 NOTHING = ("--no-broker", "--no-properties", "--no-server", "--no-daemon")
 
 
@@ -21,14 +25,27 @@ def phone(options, command, before=()):
     return done.returncode, done.stdout.decode()
 
 
+@functools.lru_cache(maxsize=1)
+def demonstration():
+    return phone(["--no-boot-pass", "--device-services"], ["/usr/bin/python3", "-B", "lab/demonstration.py"])
+
+
 class DemoTest(unittest.TestCase):
     def test_without_a_terminal(self):
-        status, said = phone(["--no-boot-pass", "--device-services"],
-                             ["/usr/bin/python3", "-B", "lab/demonstration.py"])
+        status, said = demonstration()
         self.assertEqual(status, 0, said)
         self.assertNotIn("\x1b", said)
         self.assertNotIn("\r", said)
         self.assertTrue(said.endswith("All as promised.\n"), said)
+
+    def test_the_picture_shows_what_it_prints(self):
+        with open(os.path.join(PROJECT, "docs", "pictures", "demo.svg"), encoding="utf-8") as file:
+            picture = pictures.texts(file.read())
+        status, said = demonstration()
+        self.assertEqual(status, 0, said)
+        printed = [line.strip() for line in pictures.shown(said) if line.strip()]
+        self.assertEqual(pictures.timeless(picture), pictures.timeless(["$ scripts/demo", *printed]),
+                         "scripts/pictures demo mends this")
 
 
 class LabTest(unittest.TestCase):

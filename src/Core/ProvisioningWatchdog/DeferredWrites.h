@@ -26,13 +26,13 @@ class DeferredWrites {
     DeferredWrites(const DeferredWrites&) = delete;
     DeferredWrites& operator=(const DeferredWrites&) = delete;
 
-    /// Executes the write, or keeps it for later if the service is away or earlier writes are pending. Blocks for one
-    /// property call. Throws what a refused write throws (a retry would be refused too), and std::system_error if the
-    /// retry thread cannot be started; the write is then still pending.
+    /// Executes the write, or keeps it for later if the service is away or earlier writes are pending. Blocks for the
+    /// property calls of the write. Throws what a refused write throws (a retry would be refused too), and
+    /// std::system_error if the retry thread cannot be started; the write is then still pending.
     void write(Kind kind, const Write& write);
 
-    /// Drops all pending writes, or those of one kind. Returns when no retry is in progress, which may take one
-    /// property call.
+    /// Drops all pending writes, or those of one kind. Returns when no retry is in progress, which may take
+    /// the property calls of one write.
     void cancel();
     void cancel(Kind kind);
 

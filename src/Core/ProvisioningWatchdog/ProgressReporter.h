@@ -1,8 +1,8 @@
 // Signal from a running pass to one waiting thread that the pass makes progress. Signals between two waits count as
 // one.
 //
-// Threads: the pass thread notifies, the watchdog's delivery thread waits, the thread that starts a pass resets. One
-// waiter at a time.
+// Threads: the pass thread notifies; the watchdog's delivery thread waits, or the outer pass of a nested one; the
+// thread that starts a pass resets. A signal wakes one waiter; the worker wakes the others when the pass has ended.
 #pragma once
 
 #include <condition_variable>

@@ -4,8 +4,9 @@
 // A worker created on a pass thread runs passes nested in that pass (redirects), at most Pass::maximumDepth deep and
 // Pass::maximumNestedPasses in all.
 //
-// Threads: any. startProvisioning, which the bus delivery threads and the network readiness thread call, is serialised.
-// The pass thread signals progress, also during transfers.
+// Threads: any. startProvisioning, which the bus delivery threads, the network readiness thread and (for a nested
+// worker) the outer pass call, is serialised. The pass thread signals progress, also during transfers. DeferredWrites
+// retries failed writes of the end of a pass on a thread of its own.
 #pragma once
 
 #include <atomic>

@@ -13,8 +13,8 @@ class SignalReceiver {
 };
 
 /// Prepares the process for handlers: ignores SIGPIPE, and sets SIGCHLD to its default action. Call first in `main`,
-/// before any thread is started, and keep the result until the end of `main`. Throws std::system_error if a signal cannot
-/// be blocked.
+/// before any thread is started, and keep the result until the end of `main`. Throws std::system_error if a signal
+/// cannot be blocked.
 [[nodiscard]] std::unique_ptr<SignalReceiver> registerHandler();
 
 /// Calls `handler(signal)` on the receiving thread whenever `signal` arrives. Call on the thread that called

@@ -3,8 +3,9 @@
 //
 // Threads: every operation may be called from any thread; `disconnect` throws on a delivery thread, and the last owner
 // must not let go of the client on one. One network thread
-// does all traffic and never runs user code. Each subscription has a bounded queue (10,000 messages, beyond it the
-// oldest goes with a warning) and a delivery thread of its own.
+// reads, opens and closes, and never runs user code. Each subscription has a bounded queue (10,000 messages, beyond it
+// the oldest goes with a warning) and a delivery thread of its own, and so have the connection events of each callback
+// object.
 #pragma once
 
 #include <chrono>

@@ -1,7 +1,7 @@
 // The certificates that the phone trusts, and the check of a single certificate file. Downloads are verified against
 // the system's bundle and the phone's own, "/custom/certs/ca-bundle.pem", if it exists. OpenSSL parses in process.
 //
-// Any thread. The constructor reads no property.
+// Threads: any. The first caller waits until the bundles are parsed. The constructor reads no property.
 #pragma once
 
 #include <memory>
