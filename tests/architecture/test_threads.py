@@ -8,11 +8,14 @@ import tree
 
 PAGE = "docs/threads.md"
 PRODUCT = ("src", "platform", "services", "tools", "lab")
-# Where a thread begins. The second line is how platform/ipc starts its own; its helper is not a thread of its own.
-STARTS = re.compile(r"\bstd::j?thread\s*(?:\w+\s*)?[({]\s*\[|\bthread_\s*[({]\s*\[|\bstd::async\b|\bpthread_create\b"
+# Where a thread begins: an object that is given something to run. platform/ipc starts its own through `startThread`,
+# whose body is not a thread of its own.
+STARTS = re.compile(r"\bstd::j?thread\s*[({]\s*(?!std::move\b)[^\s)}]"
+                    r"|\bstd::j?thread\s+(?!startThread\b)\w+\s*[({]\s*[^\s)}]"
+                    r"|\bthread_\s*[({]\s*\[|\bthreads?_?\.emplace_back\(|\bstd::async\b|\bpthread_create\b"
                     r"|\bstartThread\(\s*\"")
-LOCK = re.compile(r"^\s*(?:static\s+|mutable\s+)*(?:std::(?:recursive_|shared_|timed_)*mutex|(?:common::)?Mutex)\s+(\w+)"
-                  r"\s*(?:;|\{\}|=)", re.M)
+LOCK = re.compile(r"^\s*(?:static\s+|mutable\s+)*"
+                  r"(?:std::(?:recursive_|shared_|timed_)*mutex|(?:common::)?Mutex)\s+(\w+)\s*(?:;|\{\}|=)", re.M)
 CODE = re.compile(r"`([^`]+)`")
 
 
