@@ -148,6 +148,15 @@ class AccessTest(BrokerTest):
         self.assertIn(answer, tool.wait(answer))
         self.assertEqual([word for word in self.looker.heard if word.startswith(STATUS)], [f"{STATUS} online"])
 
+    def test_the_pages_requests_pass_the_access_list(self):
+        requests = [command for block in examples.blocks("docs/bus-protocol.md") if block.kind == "console"
+                    for command, _ in block.commands() if command.startswith("mosquitto_rr ")]
+        self.assertGreater(len(requests), 2)
+        for request in requests:
+            with self.subTest(request):
+                done = subprocess.run(["bash", "-c", f"{request} -W 10"], capture_output=True, text=True, timeout=30, check=False)
+                self.assertEqual((done.returncode, done.stdout[:10]), (0, '{"param":"'), done.stderr)
+
     def test_the_broker_keeps_no_presence_over_its_end(self):
         self.broker.terminate()
         self.broker.wait(phone.DEADLINE)
