@@ -1,6 +1,7 @@
 """The broker as it is shipped, settings and access list: what it refuses costs nobody the connection."""
 
 import os
+import shutil
 import subprocess
 import threading
 import unittest
@@ -148,36 +149,77 @@ class AccessTest(BrokerTest):
         self.assertIn(answer, tool.wait(answer))
         self.assertEqual([word for word in self.looker.heard if word.startswith(STATUS)], [f"{STATUS} online"])
 
+    def test_the_pages_requests_pass_the_access_list(self):
+        requests = [command for block in examples.blocks("docs/bus-protocol.md") if block.kind == "console"
+                    for command, _ in block.commands() if command.startswith("mosquitto_rr ")]
+        self.assertGreater(len(requests), 2)
+        for request in requests:
+            with self.subTest(request):
+                done = subprocess.run(["bash", "-c", f"{request} -W 10"], capture_output=True, text=True, timeout=30, check=False)
+                self.assertEqual((done.returncode, done.stdout[:10]), (0, '{"param":"'), done.stderr)
+
     def test_the_broker_keeps_no_presence_over_its_end(self):
         self.broker.terminate()
         self.broker.wait(phone.DEADLINE)
         self.assertFalse(os.path.exists("/run/phone/mosquitto.db"))
 
 
+def run_command(*words):
+    done = subprocess.run(words, capture_output=True, text=True, timeout=30, check=False)
+    return done.returncode, done.stdout + done.stderr
+
+
+class WholePhoneTest(BrokerTest):
+    """The daemon on the shipped broker."""
+
+    def test_a_pass_and_a_watchdog_query(self):
+        self.start_broker(shipped())
+        self.start_properties()
+        for key, value in (("System.Provision.ProvisioningServer", "http://provisioning.test/"), ("State.Provisioning.OnBootUp", "done"),
+                           ("System.Provision.FactoryAuthUsername", "phone"), ("System.Provision.FactoryAuthPassword", "factory")):
+            phone.wait_until(lambda: run_command("zavctl", "set", key, value)[0] == 0, key)
+        phone.service("start", "server")
+        self.addCleanup(phone.service, "kill", "server")
+        shutil.copyfile(f"{phone.PROJECT}/lab/fixtures/direct/provisioning.xml", f"{phone.WWW}/provisioning.xml")
+        phone.service("start", "daemon")
+        self.addCleanup(phone.service, "kill", "daemon")
+        log = phone.Log()
+        log.wait("for stabilization.")
+        phone.jump(90)
+        log.wait("Enabling provisioning function.")
+        status, said = run_command("zavctl", "provision", "--wait")
+        self.assertEqual((status, said.split()[0]), (0, "success"), said)
+        with subprocess.Popen(["mosquitto_sub", "-V", "5", "-u", "watchdog", "-W", "30", "-C", "1", "-t", "prov-client/watchdog"],
+                              stdout=subprocess.PIPE, text=True) as listener:
+            def answered():
+                run_command("mosquitto_pub", "-V", "5", "-u", "watchdog", "-t", "watchdog/prov-client", "-m", '{"param":"Are you alive?"}')
+                return listener.poll() is not None
+            phone.wait_until(answered, "the watchdog's answer")
+            self.assertEqual(listener.stdout.read(), '{"param":"Ok"}\n')
+
+
 class PasswordTest(BrokerTest):
-    def run_command(self, *words):
-        done = subprocess.run(words, capture_output=True, text=True, timeout=30, check=False)
-        return done.returncode, done.stdout + done.stderr
 
     def setUp(self):
-        self.assertEqual(self.run_command("mosquitto_passwd", "-b", "-c", PASSWORDS, "zavctl", "secret")[0], 0)
+        self.assertEqual(run_command("mosquitto_passwd", "-b", "-c", PASSWORDS, "zavctl", "secret")[0], 0)
 
     def test_a_password_locks_the_phones_own_programs_out(self):
         self.start_broker(shipped().replace("allow_anonymous true", f"allow_anonymous false\npassword_file {PASSWORDS}"))
         remote = [*QUESTION, "-P", "secret"]
-        phone.wait_until(lambda: "Connection refused" not in self.run_command(*remote, "-W", "1")[1], "the broker")
-        status, said = self.run_command("zavctl", "get", "Time.Format")
+        phone.wait_until(lambda: "Connection refused" not in run_command(*remote, "-W", "1")[1], "the broker")
+        status, said = run_command("zavctl", "get", "Time.Format")
         self.assertEqual(status, 3, said)
+        self.assertIn("Not authorized", said)
 
     def test_another_machine_has_a_listener_with_a_password(self):
         (block,) = (block for block in examples.blocks("docs/security.md") if block.kind == "conf")
         self.start_broker("per_listener_settings true\n" + shipped() + block.text)
         self.start_properties()
-        phone.wait_until(lambda: self.run_command("zavctl", "set", "Time.Format", "24h") == (0, ""), "the phone's own programs")
+        phone.wait_until(lambda: run_command("zavctl", "set", "Time.Format", "24h") == (0, ""), "the phone's own programs")
         remote = [*QUESTION, "-p", "8883", "--cafile", "/run/phone/authority.crt"]
-        self.assertEqual(self.run_command(*remote, "-P", "secret"), (0, '{"param":"Time.Format","value":"24h"}\n'))
+        self.assertEqual(run_command(*remote, "-P", "secret"), (0, '{"param":"Time.Format","value":"24h"}\n'))
         for wrong in (["-P", "guess"], []):
-            status, said = self.run_command(*remote, *wrong)
+            status, said = run_command(*remote, *wrong)
             self.assertNotEqual(status, 0)
             self.assertRegex(said, "(?i)not authori[sz]ed")
 
