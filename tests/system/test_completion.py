@@ -129,6 +129,8 @@ class ZshCompletionTest(unittest.TestCase):
         self.assertEqual(self.offered("zavctl "), commands())
         self.assertEqual(self.offered("zavctl --json --host localhost re"), ["reset", "restore"])
         self.assertEqual(self.completed("zavctl stat"), "zavctl status ")
+        self.assertEqual(self.offered("zavctl help "), commands())
+        self.assertEqual(self.completed("zavctl help stat"), "zavctl help status ")
         self.assertEqual(self.offered("zavctl --version "), [])
         self.assertEqual(self.offered("zavctl no-such "), ["--help", "--host", "--json"])
 

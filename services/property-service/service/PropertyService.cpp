@@ -256,6 +256,7 @@ void PropertyService::rebuildStore() {
         entries.emplace_back(
             property.key, property.stored == Stored::value ? std::optional<std::string>(property.value) : std::nullopt);
     }
+    for (const UncataloguedValue& one : table_.uncatalogued()) entries.emplace_back(one.key, one.value);
     try {
         store_.rebuild(entries);
     } catch (const StoreException& error) {

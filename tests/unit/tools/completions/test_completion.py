@@ -39,6 +39,10 @@ class CompletionTest(unittest.TestCase):
         self.assertEqual(self.offered("re"), ["reset", "restore"])
         self.assertEqual(self.offered("--json", "--host", "h:1", "st"), ["status"])
 
+    def test_help_completes_commands(self):
+        self.assertEqual(self.offered("help", "re"), ["reset", "restore"])
+        self.assertEqual(self.offered("help", "reset", "re"), [])
+
     def test_every_command_is_offered(self):
         text = subprocess.run([ZAVCTL, "--help"], capture_output=True, text=True, check=True).stdout
         section = text[text.index("Subcommands:"):].split("\n\n")[0]
@@ -72,6 +76,7 @@ class CompletionTest(unittest.TestCase):
     def test_options(self):
         self.assertEqual(self.offered("import", "--a"), ["--apply"])
         self.assertEqual(self.offered("list", "--sh"), ["--show-secrets"])
+        self.assertEqual(self.offered("diff", "--a"), ["--all"])
         self.assertEqual(self.offered("provision", "--w"), ["--wait"])
 
     def test_without_a_service_nothing_is_offered(self):

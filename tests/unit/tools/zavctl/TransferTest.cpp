@@ -19,6 +19,7 @@
 namespace zavctl {
 namespace {
 
+using testing::Contains;
 using testing::ElementsAre;
 using testing::HasSubstr;
 using testing::Not;
@@ -28,12 +29,14 @@ class MemoryStore final : public propertyservice::IStore {
     std::vector<Entry> load() override { return stored; }
     void write(const std::vector<Entry>& entries) override {
         if (full) throw propertyservice::StoreException("full");
+        if (damaged) throw propertyservice::DamagedStore("damaged");
         written += entries.size();
     }
-    void rebuild(const std::vector<Entry>&) override {}
+    void rebuild(const std::vector<Entry>& entries) override { stored = entries; }
 
     std::vector<Entry> stored;
     bool full = false;
+    bool damaged = false;
     std::size_t written = 0;
 };
 
@@ -359,6 +362,13 @@ TEST_F(Transfer, BackupKeepsAndNamesWhatTheCatalogueHasLost) {
     EXPECT_EQ(run({"restore", path}), ExitCode::done);
     EXPECT_THAT(err.str(), HasSubstr("zavctl: Old.A is left out: this phone has no such setting\n"));
     EXPECT_EQ(run({"get", "Old.A"}), ExitCode::noSuchKey);
+}
+
+TEST_F(Transfer, WhatTheCatalogueHasLostSurvivesADamagedStore) {
+    startWith({{"Old.A", "a"}});
+    store.damaged = true;
+    EXPECT_EQ(run({"set", "Audio.Volume", "7"}), ExitCode::done);
+    EXPECT_THAT(store.stored, Contains(propertyservice::IStore::Entry("Old.A", "a")));
 }
 
 TEST_F(Transfer, BackupFollowsAllPagesOfWhatTheCatalogueHasLost) {
