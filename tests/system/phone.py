@@ -6,6 +6,7 @@ that passes is a failure that shows what was there instead.
 
 import json
 import os
+import re
 import subprocess
 import threading
 import time
@@ -75,6 +76,15 @@ def jump(seconds, pid=None):
     pid = pid or service_pid()
     wait_until(lambda: asleep(pid), "all threads of the daemon asleep")
     clock("jump", seconds)
+
+
+def jump_pauses(log, jumped):
+    """Jumps over the pauses between a download's attempts, each once it is announced; `jumped` of them have been.
+    Returns how many have been by now. Any other jump could end a wait that has just begun on a busy machine."""
+    announced = re.findall(r"(?:going on|starting again) in (\d+) s", "\n".join(log.lines()))
+    for seconds in announced[jumped:]:
+        jump(int(seconds))
+    return len(announced)
 
 
 class Log:
@@ -294,9 +304,12 @@ class PhoneTest(unittest.TestCase):
     def request(self, word="request", key="State.Provisioning"):
         self.bus.set(key, word)
 
+    def passes_ended(self):
+        """By the last line that a pass on the configured server writes."""
+        return self.log.count("Provisioning succeeded. ") + self.log.count("Provisioning failed. ")
+
     def wait_pass_end(self, count=1, deadline=DEADLINE):
-        """The last thing a pass on the configured server does in the log."""
-        wait_until(lambda: self.log.count("Provisioning succeeded. ") + self.log.count("Provisioning failed. ") >= count,
+        wait_until(lambda: self.passes_ended() >= count,
                    lambda: f"end of {count} pass(es) in:\n" + "\n".join(self.log.lines()[-60:]), deadline)
 
     def provision(self, word="request"):

@@ -127,13 +127,14 @@ class FirmwareFaultsTest(faults.FaultTest):
         self.log.mark()
         self.bus.mark()
         self.request()
-        for _ in range(50):
-            try:
-                self.wait_pass_end(deadline=0.3)
-                break
-            except phone.Late:
-                phone.jump(5)
-        self.wait_pass_end()
+        jumped = 0
+
+        def ended():
+            nonlocal jumped
+            jumped = phone.jump_pauses(self.log, jumped)
+            return self.passes_ended() > 0
+
+        phone.wait_until(ended, lambda: "end of the pass in:\n" + "\n".join(self.log.lines()[-60:]), 60)
         self.bus.wait_change("State.Provisioning.LockUI", "0")
         return phone.wait_until(lambda: [v for k, v in self.bus.changes("State.Provisioning") if "request" not in v],
                                 lambda: f"the pass's result in {self.bus.changes()}")[-1]

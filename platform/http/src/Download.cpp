@@ -77,11 +77,12 @@ bool Download::mayRetry(int result) const {
 // Returns false if the process is shutting down.
 bool Download::waitForRetry(std::chrono::seconds pause) {
     const bool resumable = !mismatch_ && !resumePoint_.version.strongValidator().empty();
+    const std::string when = pause.count() == 0 ? "" : " in " + std::to_string(pause.count()) + " s";
     if (mismatch_) {
-        dbg::Debug::info() << "The server's answer does not continue the file, starting again" << std::endl;
+        dbg::Debug::info() << "The server's answer does not continue the file, starting again" << when << std::endl;
     } else {
         dbg::Debug::info() << "Download broke off after " << file_.size() << " bytes, "
-                           << (resumable ? "going on" : "starting again") << std::endl;
+                           << (resumable ? "going on" : "starting again") << when << std::endl;
     }
     if (!resumable) {
         file_.restart();
