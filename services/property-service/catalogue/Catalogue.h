@@ -30,7 +30,7 @@ struct Definition {
 
     bool refuses(const std::string& source) const;
 
-    /// Its values are for nobody's eyes: no log line and no listing for people shows them.
+    /// The service's log and lists for people show *** in the place of its values. Requests and changes carry them.
     bool isSecret() const { return type == "secret"; }
 };
 

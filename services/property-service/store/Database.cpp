@@ -157,8 +157,6 @@ std::size_t Database::copyTo(const std::string& path) {
     return rows;
 }
 
-void Database::abandon() { sqlite3_db_config(database_.get(), SQLITE_DBCONFIG_NO_CKPT_ON_CLOSE, 1, nullptr); }
-
 void Database::write(const std::vector<Entry>& entries) {
     if (entries.empty()) return;
     try {

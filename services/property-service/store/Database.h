@@ -41,7 +41,7 @@ class Database {
     explicit Database(const std::string& path);
     Database(const Database&) = delete;
     Database& operator=(const Database&) = delete;
-    /// Moves the log into the file and syncs both.
+    /// Moves the log into the file and syncs both, unless the file is no longer at its path.
     ~Database();
 
     /// Throws DamagedStore when a row is not what was written.
@@ -55,9 +55,6 @@ class Database {
     bool isInPlace() const { return fileState() == FileMark::State::inPlace && !logSync_->isDeleted(); }
     FileMark::State fileState() const { return fileMark_->state(); }
     FileMark::State logState() const { return logMark_->state(); }
-
-    /// From now on it leaves everything at its path alone, its destructor too: other files are there, or will be.
-    void abandon();
 
     /// How often what was written has been synced to the disk.
     unsigned syncs() const { return logSync_->syncs(); }

@@ -191,8 +191,7 @@ void Store::renewIfDisplaced() {
         report += "; the other file is kept as " + setAside(path_);
     }
     install(fresh, path_);
-    database_->abandon();
-    database_.reset();
+    database_.reset();  // before there is a new log, which it would take for its own
     dbg::Debug::error() << report << "; the settings are written anew: " << count << " stored values" << std::endl;
     entries_.clear();
     database_ = std::make_unique<Database>(path_);

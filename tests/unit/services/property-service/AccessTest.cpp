@@ -74,7 +74,7 @@ TEST_F(Access, TheDaemonAndTheToolDoTheirWork) {
     EXPECT_EQ(daemon.properties->get("State.Provisioning.LockUI"), "1");
     EXPECT_FALSE(tool.properties->list("System.", "").properties.empty());
     EXPECT_THAT(tool.bus->request("prop-service/describe", R"({"param":"NET.MAC.Address"})", "prop-service/status", 5s),
-                HasSubstr("\"type\":\"text\""));
+                HasSubstr("\"type\":\"mac\""));
     EXPECT_THAT(tool.bus->request("prop-service/import", R"({"properties":[]})", "prop-service/status", 5s),
                 HasSubstr("\"accepted\":0"));
     EXPECT_THAT(daemon.heard.waitFor(1), ElementsAre(HasSubstr("State.Provisioning.LockUI")));

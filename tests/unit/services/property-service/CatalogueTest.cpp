@@ -143,6 +143,8 @@ INSTANTIATE_TEST_SUITE_P(
         RuleCase{R"("type": "pattern", "pattern": "x*", "default": "", "maxLength": 3)", "xxxx",
                  "must be at most 3 bytes long"},
         RuleCase{R"("type": "pattern", "pattern": "x*", "default": "", "maxLength": 0)", "", ""},
+        RuleCase{R"("type": "pattern", "pattern": "bc", "default": "bc")", "abc", "must match the pattern bc"},
+        RuleCase{R"("type": "pattern", "pattern": "bc", "default": "bc")", "bcd", "must match the pattern bc"},
         RuleCase{https, "https://h", ""}, RuleCase{https, "ldaps://h", ""},
         RuleCase{https, "httpss://h", "must begin with https:// or ldaps://"}, RuleCase{mac, "00112233445", noMac},
         RuleCase{mac, "0011223344556", noMac}, RuleCase{mac, "00:11:22:33:44:5", noMac},
@@ -368,6 +370,25 @@ TEST(Catalogue, MissingFileIsNamed) {
         EXPECT_EQ(error.what(), folder / "none.json" + std::string(": cannot be opened: No such file or directory"));
     }
     EXPECT_THROW(Catalogue::load(folder / ""), CatalogueException);
+}
+
+TEST(Catalogue, MayHaveEightMebibytes) {
+    const TemporaryFolder folder;
+    std::string text = withKeys("\"a.b\": " + definition(R"("type": "text", "default": "x")"));
+    text += std::string(8 * 1024 * 1024 - text.size(), ' ');
+    std::ofstream(folder / "c.json") << text;
+    EXPECT_EQ(Catalogue::load(folder / "c.json").keys().size(), 1U);
+    std::ofstream(folder / "c.json") << text << ' ';
+    EXPECT_THROW(Catalogue::load(folder / "c.json"), CatalogueException);
+}
+
+TEST(Catalogue, ADefaultMayHave64KiB) {
+    const auto errorOfDefault = [](std::size_t bytes) {
+        return errorOf(
+            withKeys("\"k\": " + definition(R"("type": "text", "default": ")" + std::string(bytes, 'x') + "\"")));
+    };
+    EXPECT_EQ(errorOfDefault(65536), "no error");
+    EXPECT_EQ(errorOfDefault(65537), "c.json:2: k: the default must be at most 65536 bytes long");
 }
 
 TEST(Catalogue, LoadsAFile) {

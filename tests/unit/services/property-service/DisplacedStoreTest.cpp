@@ -96,6 +96,12 @@ TEST_F(DisplacedStore, WhoseFilesAreAllDeletedIsWrittenAnewWithABackup) {
     EXPECT_THAT(Store(path + ".backup-1").load(), SizeIs(3));
 }
 
+TEST_F(DisplacedStore, IsWrittenAnewOverTheRestOfAnEarlierAttempt) {
+    std::ofstream(path + ".new") << "half a store";
+    fs::remove(path);
+    expectRenewal(path + ": was deleted while in use");
+}
+
 TEST_F(DisplacedStore, WhoseFolderIsDeletedIsWrittenAnew) {
     fs::remove_all(home);
     expectRenewal(path + ": was deleted while in use");

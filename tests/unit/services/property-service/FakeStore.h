@@ -31,12 +31,14 @@ class FakeStore final : public IStore {
 
     void rebuild(const std::vector<Entry>& entries) override {
         damaged = false;
+        ++rebuilds;
         write(entries);
     }
 
     std::map<std::string, std::string> values;
     bool damaged = false;
     int transactions = 0;
+    int rebuilds = 0;
     bool full = false;
     std::string failingKey;
 };

@@ -25,6 +25,7 @@ const char catalogueText[] = R"({"version": 1, "keys": {
     "System.Serial": {"type": "text", "default": "42", "readOnly": true, "description": "d"},
     "State.Provisioning": {"type": "text", "default": "", "description": "d"},
     "NET.MAC.Address": {"type": "text", "default": "", "description": "d"},
+    "ZAzaZ.09": {"type": "text", "default": "", "description": "d"},
     "System.Password": {"type": "secret", "maxLength": 8, "default": "start", "description": "s"},
     "System.Uptime": {"type": "integer", "default": "0", "volatile": true, "description": "d"},
     "System.Trigger": {"type": "enum", "values": ["", "go"], "refusedSources": ["file", "web"], "default": "", "description": "d"},
@@ -111,6 +112,11 @@ TEST_F(Service, ChangeTopicsNameTheGroupInLowerCase) {
                     answer("Keys.2.Label", "l")));
 }
 
+TEST_F(Service, ChangeTopicsHaveEveryLetterInLowerCase) {
+    EXPECT_THAT(handle({set("ZAzaZ.09", "x")}),
+                ElementsAre(answer("ZAzaZ.09", "x"), change("prop-service-zazaz/ZAzaZ.09", "ZAzaZ.09", "x")));
+}
+
 TEST_F(Service, AnEqualValueIsPublishedAgainAndNotWrittenAgain) {
     handle({set("System.Name", "x")});
     const int before = store.transactions;
@@ -194,6 +200,9 @@ TEST_F(Service, RefusesResponseTopicsOfItsOwnAndWildcards) {
         asked.responseTopic = topic;
         EXPECT_THAT(handle({asked}), IsEmpty()) << topic;
     }
+    ipc::ServiceRequest withNul = set("System.Name", "x");
+    withNul.responseTopic = std::string("a\0b", 3);
+    EXPECT_THAT(handle({withNul}), IsEmpty());
     EXPECT_THAT(handle({get("System.Name")}), ElementsAre(answer("System.Name", "phone")));
     ipc::ServiceRequest asked = get("System.Name");
     asked.responseTopic = "prop-services/x";
@@ -293,6 +302,8 @@ TEST_F(Service, ADamagedStoreIsRebuiltFromMemory) {
                     change("prop-service-keys/Keys.1.Label", "Keys.1.Label", "new"), answer("Keys.1.Label", "new")));
     EXPECT_EQ(store.values, (std::map<std::string, std::string>{
                                 {"System.Name", "kept"}, {"Keys.1.Label", "new"}, {"Gone.Key", "kept"}}));
+    handle({set("Keys.1.Label", "later")});
+    EXPECT_EQ(store.rebuilds, 1);
 }
 
 TEST_F(Service, ARebuildThatFailsIsMadeAgainBeforeTheNextWrite) {
@@ -386,6 +397,20 @@ TEST_F(Service, AnImportWithErrorsNamesThemAllAndChangesNothing) {
                             R"("may not be written by a client"}]})"));
     EXPECT_THAT(handle({get("System.Name")}), ElementsAre(answer("System.Name", "phone")));
     EXPECT_EQ(store.transactions, 0);
+}
+
+TEST_F(Service, AnImportNamesAThousandErrorsAtMost) {
+    const auto errorsOf = [this](int count) {
+        std::string properties = R"({"param":"No","value":""})";
+        for (int index = 1; index < count; ++index) properties += R"(,{"param":"No","value":""})";
+        const std::string text = handle({request(importTopic, many(properties))}).at(0);
+        int errors = 0;
+        for (auto at = text.find("not-found"); at != std::string::npos; at = text.find("not-found", at + 1)) ++errors;
+        return errors;
+    };
+    EXPECT_EQ(errorsOf(999), 999);
+    EXPECT_EQ(errorsOf(1000), 1000);
+    EXPECT_EQ(errorsOf(1001), 1000);
 }
 
 TEST_F(Service, AnImportThatTheStoreRefusesChangesNothing) {

@@ -71,6 +71,19 @@ TEST(OlderStore, IsMigrated) {
     EXPECT_THAT(Store(folder / "s.db").load(), UnorderedElementsAre(Entry("a", "2"), Entry("c", "h\xc3\xb6")));
 }
 
+TEST(StoreFormat, ChecksumsStayAsTheyAre) {
+    const TemporaryFolder folder;
+    execute(folder / "s.db",
+            "PRAGMA page_size = 1024; BEGIN;"
+            "CREATE TABLE property (key TEXT PRIMARY KEY NOT NULL, value TEXT NOT NULL, checksum INTEGER NOT NULL "
+            "DEFAULT 0) STRICT, WITHOUT ROWID;"
+            "PRAGMA application_id = 1514231408; PRAGMA user_version = 2;"
+            "INSERT INTO property VALUES ('a', '1', -1886190099773330193), ('b', '', 623207621776481119); COMMIT");
+    EXPECT_THAT(Database(folder / "s.db").load(), UnorderedElementsAre(Entry("a", "1"), Entry("b", "")));
+    execute(folder / "s.db", "UPDATE property SET checksum = checksum + 1 WHERE key = 'b'");
+    EXPECT_THROW(Database(folder / "s.db").load(), DamagedStore);
+}
+
 TEST(OlderStore, ThatCannotBeMigratedStaysAsItIs) {
     const TemporaryFolder folder;
     execute(folder / "s.db", formatOne);
