@@ -12,6 +12,7 @@
 #include "ipc/Address.h"
 #include "ipc/IPCException.h"
 #include "ipc/IPCFactory.h"
+#include "propertyprotocol/Topics.h"
 #include "service/PropertyService.h"
 #include "store/Store.h"
 
@@ -88,12 +89,12 @@ int main(int argc, char** argv) {
         const propertyservice::Catalogue catalogue = propertyservice::Catalogue::load(cataloguePath);
         propertyservice::Store store(storePath);
         propertyservice::PropertyService service(catalogue, store);
-        const auto bus = ipc::IPCFactory::createService("prop-service");
+        const auto bus = ipc::IPCFactory::createService(propertyprotocol::serviceName);
         dbg::Debug::info() << "Serving " << catalogue.keys().size() << " properties, stored in " << storePath
                            << std::endl;
-        bus->start(host, propertyservice::statusTopic,
-                   {propertyservice::getTopic, propertyservice::setTopic, propertyservice::listTopic,
-                    propertyservice::describeTopic, propertyservice::importTopic},
+        bus->start(host, propertyprotocol::statusTopic,
+                   {propertyprotocol::getTopic, propertyprotocol::setTopic, propertyprotocol::listTopic,
+                    propertyprotocol::describeTopic, propertyprotocol::importTopic},
                    [&service](const std::vector<ipc::ServiceRequest>& requests) { return service.handle(requests); });
         termination().get_future().wait();
         bus->stop();

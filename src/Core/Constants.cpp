@@ -1,10 +1,12 @@
 #include "Core/Constants.h"
 
+#include "propertyprotocol/Topics.h"
+
 namespace zav::constants {
 
 const std::string clientName = "prov-client";
 const std::string brokerHost = "localhost";
-const std::string propertyServiceName = "prop-service";
+const std::string propertyServiceName = propertyprotocol::serviceName;
 const std::string systemSuffix = "-system";
 const std::string stateSuffix = "-state";
 const std::string watchdogServiceName = "watchdog";

@@ -10,7 +10,8 @@ PLATFORM = {
     "debug": set(),
     "common": {"debug"},
     "ipc": {"debug", "common"},
-    "propertyapi": {"debug", "common", "ipc"},
+    "propertyprotocol": set(),
+    "propertyapi": {"debug", "common", "ipc", "propertyprotocol"},
     "security": {"debug", "common", "ipc", "propertyapi"},
     "http": {"debug", "common", "ipc", "propertyapi", "security"},
     "version": {"debug", "common"},
@@ -77,6 +78,25 @@ class DependencyRules(unittest.TestCase):
                  for name in tree.sources("services", "tools", "lab")
                  for kind, target in tree.includes(name)
                  if kind == '"' and re.match(r"(Core|xml|src|tests)/", target)]
+        self.assertEqual(wrong, [])
+
+    def test_the_parts_of_the_property_service_include_downwards(self):
+        below = {"catalogue": {"catalogue"}, "store": {"store"}, "service": {"catalogue", "store", "service"}}
+        wrong = []
+        for name in tree.sources("services/property-service"):
+            part = re.match(r"services/property-service/(?:(\w+)/)?", name).group(1)
+            for kind, target in tree.includes(name):
+                other = target.split("/")[0]
+                if kind == '"' and part and other in below and other not in below[part]:
+                    wrong.append(f"{name} includes {target}")
+        self.assertEqual(wrong, [])
+
+    def test_tools_and_services_do_not_include_each_other(self):
+        wrong = [f"{name} includes {target}"
+                 for place, others in (("tools", r"(catalogue|store|service)/"), ("services", r"zavctl/"))
+                 for name in tree.sources(place)
+                 for kind, target in tree.includes(name)
+                 if kind == '"' and re.match(others, target)]
         self.assertEqual(wrong, [])
 
     def test_fenced_libraries_are_included_in_their_place_only(self):

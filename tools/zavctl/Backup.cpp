@@ -6,6 +6,7 @@
 #include "Output.h"
 #include "PrivateFile.h"
 #include "debug/Debug.h"
+#include "propertyprotocol/Errors.h"
 
 namespace zavctl {
 
@@ -17,7 +18,7 @@ Settings uncataloguedOf(Session& session) {
     try {
         for (propertyapi::Property& one : session.listUncatalogued()) settings[one.key] = std::move(one.value);
     } catch (const Failure& failure) {
-        if (failure.word() != "bad-request") throw;
+        if (failure.word() != propertyprotocol::errors::badRequest) throw;
     }
     return settings;
 }

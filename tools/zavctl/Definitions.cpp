@@ -3,6 +3,7 @@
 #include <stdexcept>
 
 #include "Output.h"
+#include "propertyprotocol/Topics.h"
 
 namespace zavctl {
 
@@ -45,7 +46,7 @@ Definition read(const Json::Value& json) {
 Definition definitionOf(Session& session, const std::string& key) {
     Json::Value request;
     request["param"] = key;
-    return read(session.ask("describe", request));
+    return read(session.ask(propertyprotocol::describeTopic, request));
 }
 
 Definitions definitionsOf(Session& session, const std::string& prefix) {
@@ -55,7 +56,7 @@ Definitions definitionsOf(Session& session, const std::string& prefix) {
     std::string after;
     do {
         if (!after.empty()) request["after"] = after;
-        const Json::Value page = session.ask("describe", request);
+        const Json::Value page = session.ask(propertyprotocol::describeTopic, request);
         for (const Json::Value& json : page["definitions"]) definitions.emplace(textOf(json["param"]), read(json));
         const std::string next = textOf(page["next"]);
         if (!next.empty() && next <= after) throw std::runtime_error("the property service lists in circles");

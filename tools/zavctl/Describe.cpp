@@ -7,6 +7,7 @@
 #include "Output.h"
 #include "Session.h"
 #include "debug/Debug.h"
+#include "propertyprotocol/Topics.h"
 
 namespace zavctl {
 
@@ -26,7 +27,7 @@ ExitCode describe(const Environment& environment, const Options& options, const 
     if (options.json) {
         Json::Value request;
         request["param"] = key;
-        printJson(environment.out, session.ask("describe", request));
+        printJson(environment.out, session.ask(propertyprotocol::describeTopic, request));
         return ExitCode::done;
     }
     const Definition definition = definitionOf(session, key);

@@ -5,6 +5,8 @@
 
 #include "Failure.h"
 #include "debug/Debug.h"
+#include "propertyprotocol/Errors.h"
+#include "propertyprotocol/Topics.h"
 
 namespace zavctl {
 
@@ -78,16 +80,17 @@ void writeChanges(Session& session, const std::vector<Difference>& differences, 
         property["value"] = one.after ? Json::Value(*one.after) : Json::Value();
         request["properties"].append(std::move(property));
     }
-    const Json::Value answer = session.ask("import", request);
+    const Json::Value answer = session.ask(propertyprotocol::importTopic, request);
     const Json::Value& errors = answer["errors"];
     if (!errors.isArray()) return;
     std::string reasons;
     bool allUnknown = true;
     for (const Json::Value& error : errors) {
         reasons += "; " + error["param"].asString() + ": " + error["reason"].asString();
-        allUnknown = allUnknown && error["error"] == "not-found";
+        allUnknown = allUnknown && error["error"] == propertyprotocol::errors::notFound;
     }
-    throw Failure(allUnknown ? ExitCode::noSuchKey : ExitCode::failed, allUnknown ? "not-found" : "invalid-value",
+    throw Failure(allUnknown ? ExitCode::noSuchKey : ExitCode::failed,
+                  allUnknown ? propertyprotocol::errors::notFound : propertyprotocol::errors::invalidValue,
                   "nothing was written, " + counted(errors.size(), "setting is", "settings are") + " refused" +
                       (errors.size() < maxErrors ? "" : ", or more") + reasons);
 }

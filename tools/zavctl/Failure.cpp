@@ -2,6 +2,7 @@
 
 #include "ipc/IPCException.h"
 #include "propertyapi/PropertyExceptions.h"
+#include "propertyprotocol/Errors.h"
 
 namespace zavctl {
 
@@ -11,19 +12,20 @@ Failure currentFailure() {
     } catch (const Failure& failure) {
         return failure;
     } catch (const propertyapi::PropertyNotFoundException& error) {
-        return {ExitCode::noSuchKey, "not-found", std::string(error.what()) + " (zavctl list shows the keys)"};
+        return {ExitCode::noSuchKey, propertyprotocol::errors::notFound,
+                std::string(error.what()) + " (zavctl list shows the keys)"};
     } catch (const propertyapi::PropertyInvalidValueException& error) {
-        return {ExitCode::failed, "invalid-value", error.what()};
+        return {ExitCode::failed, propertyprotocol::errors::invalidValue, error.what()};
     } catch (const propertyapi::PropertyReadOnlyException& error) {
-        return {ExitCode::failed, "read-only", error.what()};
+        return {ExitCode::failed, propertyprotocol::errors::readOnly, error.what()};
     } catch (const propertyapi::PropertyStorageException& error) {
-        return {ExitCode::failed, "storage", error.what()};
+        return {ExitCode::failed, propertyprotocol::errors::storage, error.what()};
     } catch (const propertyapi::PropertyTimeoutException& error) {
         return {ExitCode::timedOut, "timed-out", error.what()};
     } catch (const propertyapi::PropertyOfflineException& error) {
         return {ExitCode::unreachable, "unreachable", std::string(error.what()) + " (is prop-service running?)"};
     } catch (const propertyapi::PropertyException& error) {
-        return {ExitCode::failed, "bad-request", error.what()};
+        return {ExitCode::failed, propertyprotocol::errors::badRequest, error.what()};
     } catch (const ipc::IPCException& error) {
         return {ExitCode::unreachable, "unreachable",
                 std::string(error.what()) + " (is the broker running? --host names another one)"};

@@ -3,6 +3,8 @@
 #include <algorithm>
 
 #include "Session.h"
+#include "propertyprotocol/Change.h"
+#include "propertyprotocol/Topics.h"
 
 namespace zavctl {
 
@@ -20,9 +22,10 @@ void PassFollower::lose(const std::string& reason) {
 }
 
 void PassFollower::messageArrived(const std::string& topic, const std::string& content) {
-    if (topic == statusTopic && content == "offline") lose("the property service went away");
-    Change change;
-    if (!readChange(content, change)) return;
+    if (topic == propertyprotocol::statusTopic && content == propertyprotocol::offlineStatus)
+        lose("the property service went away");
+    propertyprotocol::Change change;
+    if (!propertyprotocol::readChange(content, change)) return;
     const std::lock_guard<std::mutex> lock(mutex_);
     if (change.param == "State.Provisioning") {
         const bool isRequest = change.value.find("request") != std::string::npos;

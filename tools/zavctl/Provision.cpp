@@ -11,6 +11,7 @@
 #include "PassFollower.h"
 #include "Session.h"
 #include "debug/Debug.h"
+#include "propertyprotocol/Topics.h"
 
 namespace zavctl {
 
@@ -140,8 +141,8 @@ ExitCode provision(const Environment& environment, const Options& options, bool 
     PassFollower follower(clientName, settling);
     Session session(environment, options.host);
     if (wait) {
-        session.subscribe("prop-service-state/#", follower);
-        session.subscribe(statusTopic, follower);
+        session.subscribe(propertyprotocol::changeFilter("State"), follower);
+        session.subscribe(propertyprotocol::statusTopic, follower);
     }
     session.connect();
     if (wait && isScreenLocked(session)) follower.expectEarlierResult();

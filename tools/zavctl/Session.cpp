@@ -11,37 +11,28 @@
 
 #include "Failure.h"
 #include "Json.h"
+#include "propertyprotocol/Errors.h"
+#include "propertyprotocol/Limits.h"
+#include "propertyprotocol/Topics.h"
 
 namespace zavctl {
 
 namespace {
+
+namespace errors = propertyprotocol::errors;
 
 std::string textOf(const Json::Value& object, const char* member) {
     const Json::Value& value = object[member];
     return value.isString() ? value.asString() : std::string();
 }
 
-}  // namespace
-
-bool readChange(const std::string& payload, Change& change) {
-    Json::Value object;
-    std::string error;
-    if (!parseJson(payload, object, error) || !object.isObject() || !object["param"].isString()) return false;
-    change = {textOf(object, "param"), textOf(object, "value"), textOf(object, "source")};
-    return true;
-}
-
-namespace {
-
 constexpr std::chrono::seconds patience{5};
-// What the property service takes at once.
-constexpr std::size_t maxRequestBytes = 15 * 1024 * 1024;
 
 [[noreturn]] void failAs(const Json::Value& answer) {
     const std::string word = textOf(answer, "error");
     const std::string key = textOf(answer, "param");
     const std::string reason = (key.empty() ? "" : key + ": ") + textOf(answer, "reason");
-    if (word == "not-found") throw Failure(ExitCode::noSuchKey, word, reason + " (zavctl list shows the keys)");
+    if (word == errors::notFound) throw Failure(ExitCode::noSuchKey, word, reason + " (zavctl list shows the keys)");
     throw Failure(ExitCode::failed, word, reason);
 }
 
@@ -63,18 +54,19 @@ void Session::subscribe(const std::string& topicFilter, ipc::IIPCCallback& callb
 
 void Session::connect() { bus_->connect(host_); }
 
-Json::Value Session::ask(const std::string& operation, const Json::Value& request) {
+Json::Value Session::ask(const std::string& topic, const Json::Value& request) {
     const std::string question = compactJson(request);
-    if (question.size() > maxRequestBytes) {
-        throw Failure(ExitCode::failed, "bad-request",
+    if (question.size() > propertyprotocol::maxImportBytes) {
+        throw Failure(ExitCode::failed, errors::badRequest,
                       "the settings are " + std::to_string(question.size()) + " bytes, and the phone takes " +
-                          std::to_string(maxRequestBytes) + " at once: divide the file");
+                          std::to_string(propertyprotocol::maxImportBytes) + " at once: divide the file");
     }
-    const std::string text = bus_->request("prop-service/" + operation, question, statusTopic, patience);
+    const std::string text = bus_->request(topic, question, propertyprotocol::statusTopic, patience);
     Json::Value answer;
     std::string error;
     if (!parseJson(text, answer, error) || !answer.isObject()) {
-        throw Failure(ExitCode::failed, "bad-request", "the property service's answer cannot be understood: " + error);
+        throw Failure(ExitCode::failed, errors::badRequest,
+                      "the property service's answer cannot be understood: " + error);
     }
     if (std::as_const(answer)["error"].isString()) failAs(answer);
     return answer;
@@ -95,7 +87,7 @@ std::vector<propertyapi::Property> Session::list(const std::string& prefix) {
 std::vector<propertyapi::Property> Session::listSome(const std::string& prefix) {
     std::vector<propertyapi::Property> some = list(prefix);
     if (some.empty() && !prefix.empty()) {
-        throw Failure(ExitCode::noSuchKey, "not-found", "no key begins with \"" + prefix + "\"");
+        throw Failure(ExitCode::noSuchKey, errors::notFound, "no key begins with \"" + prefix + "\"");
     }
     return some;
 }
@@ -105,7 +97,7 @@ std::vector<propertyapi::Property> Session::listUncatalogued() {
     Json::Value request;
     request["uncatalogued"] = true;
     for (bool more = true; more;) {
-        const Json::Value page = ask("list", request);
+        const Json::Value page = ask(propertyprotocol::listTopic, request);
         for (const Json::Value& one : page["properties"]) all.push_back({textOf(one, "param"), textOf(one, "value")});
         const std::string next = textOf(page, "next");
         more = !next.empty();

@@ -13,19 +13,6 @@
 namespace zavctl {
 
 inline constexpr char clientName[] = "zavctl";
-/// Where the property service keeps its presence, "online" or "offline", retained.
-inline constexpr char statusTopic[] = "prop-service/status";
-
-/// A property that has just been written.
-struct Change {
-    std::string param;
-    std::string value;
-    std::string source;
-};
-
-/// Reads a change message; false when it is none.
-bool readChange(const std::string& payload, Change& change);
-
 /// Ends the connection when it goes out of scope; no callback runs from then on.
 class Session {
  public:
@@ -39,9 +26,8 @@ class Session {
     void connect();
     propertyapi::IPropertyApi& properties() { return *properties_; }
 
-    /// Asks the property service what the property client has no words for: "describe", "import". Throws what the
-    /// answer's error stands for as a Failure.
-    Json::Value ask(const std::string& operation, const Json::Value& request);
+    /// Sends a request that the property client does not know: describe, import. Throws a Failure for an error answer.
+    Json::Value ask(const std::string& topic, const Json::Value& request);
 
     /// All properties that begin with the prefix, every page of them, sorted by key.
     std::vector<propertyapi::Property> list(const std::string& prefix);

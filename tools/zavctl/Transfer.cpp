@@ -4,6 +4,7 @@
 #include "Failure.h"
 #include "Json.h"
 #include "Output.h"
+#include "propertyprotocol/Errors.h"
 
 namespace zavctl {
 
@@ -13,7 +14,8 @@ ExitCode exportSettings(const Environment& environment, const Options& options, 
     const Definitions definitions = definitionsOf(session, prefix);
     Settings settings = settingsOf(session, prefix, definitions);
     if (settings.empty() && !prefix.empty()) {
-        throw Failure(ExitCode::noSuchKey, "not-found", "no setting begins with \"" + prefix + "\"");
+        throw Failure(ExitCode::noSuchKey, propertyprotocol::errors::notFound,
+                      "no setting begins with \"" + prefix + "\"");
     }
     std::size_t hidden = 0;
     for (auto one = settings.begin(); one != settings.end() && !options.showSecrets;) {
@@ -95,7 +97,8 @@ ExitCode reset(const Environment& environment, const Options& options, const std
     if (many) {
         const Definitions definitions = definitionsOf(session, key);
         if (definitions.empty()) {
-            throw Failure(ExitCode::noSuchKey, "not-found", "no key begins with \"" + key + "\"");
+            throw Failure(ExitCode::noSuchKey, propertyprotocol::errors::notFound,
+                          "no key begins with \"" + key + "\"");
         }
         for (const auto& [name, value] : settingsOf(session, key, definitions)) {
             if (*value != definitions.at(name).defaultValue) differences.push_back({name, value, std::nullopt});

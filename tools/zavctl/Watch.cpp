@@ -1,29 +1,24 @@
 #include <json/value.h>
 
-#include <algorithm>
-#include <cctype>
 #include <mutex>
 
 #include "Commands.h"
 #include "Output.h"
 #include "Session.h"
 #include "debug/Debug.h"
+#include "propertyprotocol/Change.h"
+#include "propertyprotocol/Topics.h"
 
 namespace zavctl {
 
 namespace {
-
-constexpr char changeTopics[] = "prop-service-";
 
 // One subscription, so that changes keep their order. Without a whole group in the prefix that is every topic with two
 // levels, of which the changes are picked out.
 std::string topicFilter(const std::string& prefix) {
     const std::string::size_type dot = prefix.find('.');
     if (dot == std::string::npos || dot == 0 || prefix.find_first_of("+#/") < dot) return "+/+";
-    std::string group = prefix.substr(0, dot);
-    std::transform(group.begin(), group.end(), group.begin(),
-                   [](unsigned char letter) { return static_cast<char>(std::tolower(letter)); });
-    return changeTopics + group + "/#";
+    return propertyprotocol::changeFilter(prefix.substr(0, dot));
 }
 
 class Printer final : public ipc::IIPCCallback {
@@ -34,8 +29,8 @@ class Printer final : public ipc::IIPCCallback {
     void connectionLost(const std::string& cause) override { say("connection lost, changes may be missing: " + cause); }
 
     void messageArrived(const std::string& topic, const std::string& content) override {
-        Change change;
-        if (topic.compare(0, sizeof changeTopics - 1, changeTopics) != 0 || !readChange(content, change)) return;
+        propertyprotocol::Change change;
+        if (!propertyprotocol::isChangeTopic(topic) || !propertyprotocol::readChange(content, change)) return;
         if (change.param.compare(0, prefix_.size(), prefix_) != 0) return;
         const std::lock_guard<std::mutex> lock(mutex_);
         print(change);
@@ -50,7 +45,7 @@ class Printer final : public ipc::IIPCCallback {
     }
 
  private:
-    void print(const Change& change) {
+    void print(const propertyprotocol::Change& change) {
         if (json_) {
             Json::Value object;
             object["param"] = change.param;
@@ -77,9 +72,10 @@ class PresencePrinter final : public ipc::IIPCCallback {
 
     void connectionLost(const std::string&) override {}
     void messageArrived(const std::string& topic, const std::string& content) override {
-        if (topic != statusTopic) return;
-        if (content == "offline" && wasThere_) printer_.say("the property service is gone, changes may be missing");
-        wasThere_ = content == "online";
+        if (topic != propertyprotocol::statusTopic) return;
+        if (content == propertyprotocol::offlineStatus && wasThere_)
+            printer_.say("the property service is gone, changes may be missing");
+        wasThere_ = content == propertyprotocol::onlineStatus;
     }
     void deliveryComplete(const std::string&) override {}
 
@@ -96,7 +92,7 @@ ExitCode watch(const Environment& environment, const Options& options, const std
     PresencePrinter presence(printer);
     Session session(environment, options.host);
     session.subscribe(topicFilter(prefix), printer);
-    session.subscribe(statusTopic, presence);
+    session.subscribe(propertyprotocol::statusTopic, presence);
     session.connect();
     // Also tells at once when the property service is away.
     if (session.properties().list(prefix, "").properties.empty()) {

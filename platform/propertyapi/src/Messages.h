@@ -1,14 +1,11 @@
 // The texts of the property service's protocol: requests written, answers read. Pure functions.
 #pragma once
 
-#include <cstddef>
 #include <string>
 
 #include "propertyapi/IPropertyApi.h"
 
 namespace propertyapi {
-
-constexpr std::size_t maxValueBytes = std::size_t{64} * 1024;
 
 std::string getRequest(const std::string& key);
 /// Throws PropertyInvalidValueException when the value is too long or no UTF-8 text.
@@ -20,7 +17,5 @@ std::string listRequest(const std::string& prefix, const std::string& after);
 std::string readValue(const std::string& key, const std::string& answer);
 void readAcceptance(const std::string& key, const std::string& answer);
 PropertyPage readPage(const std::string& prefix, const std::string& answer);
-
-bool isUtf8(const std::string& text);
 
 }  // namespace propertyapi

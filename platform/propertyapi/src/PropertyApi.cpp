@@ -7,24 +7,28 @@
 #include "Messages.h"
 #include "ipc/IPCException.h"
 #include "propertyapi/PatientCalls.h"
+#include "propertyprotocol/Limits.h"
+#include "propertyprotocol/Topics.h"
+#include "propertyprotocol/Utf8.h"
 
 namespace propertyapi {
 
 namespace {
 
-const char* const statusTopic = "prop-service/status";
-const char* const getTopic = "prop-service/get";
-const char* const setTopic = "prop-service/set";
-const char* const listTopic = "prop-service/list";
+using propertyprotocol::getTopic;
+using propertyprotocol::listTopic;
+using propertyprotocol::maxKeyBytes;
+using propertyprotocol::setTopic;
+using propertyprotocol::statusTopic;
+
 constexpr std::chrono::milliseconds timeout{5000};
 constexpr std::chrono::milliseconds timeoutWhileSilent{1000};
 constexpr std::chrono::milliseconds timeoutInShutdown{2000};
 constexpr std::chrono::milliseconds patience{5000};
-constexpr std::size_t maxKeyBytes = 255;
 
 // A key that no service can know, and that might not even be a text, is not sent.
 void checkKey(const std::string& key) {
-    if (key.size() > maxKeyBytes || !isUtf8(key)) {
+    if (key.size() > maxKeyBytes || !propertyprotocol::isUtf8(key)) {
         throw PropertyNotFoundException("Property '" + key.substr(0, maxKeyBytes) + "': unknown key");
     }
 }

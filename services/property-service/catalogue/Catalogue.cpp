@@ -13,8 +13,8 @@
 
 #include "catalogue/KeyPattern.h"
 #include "debug/Debug.h"
-#include "service/Limits.h"
-#include "service/Utf8.h"
+#include "propertyprotocol/Limits.h"
+#include "propertyprotocol/Utf8.h"
 
 namespace propertyservice {
 
@@ -73,11 +73,11 @@ class Source {
 
 /// The first one, from 1; 0 when the text is UTF-8 throughout.
 int lineThatIsNoUtf8(const std::string& text) {
-    if (isCleanText(text)) return 0;
+    if (propertyprotocol::isUtf8WithoutNul(text)) return 0;
     std::istringstream lines(text);
     std::string line;
     int number = 1;
-    while (std::getline(lines, line) && isCleanText(line)) ++number;
+    while (std::getline(lines, line) && propertyprotocol::isUtf8WithoutNul(line)) ++number;
     return number;
 }
 
@@ -148,8 +148,9 @@ std::shared_ptr<const Definition> readDefinition(const Json::Value& json) {
     if (definition->defaultValue.find('\0') != std::string::npos) {
         throw std::invalid_argument("the default must not hold a NUL");
     }
-    if (definition->defaultValue.size() > maxValueBytes) {
-        throw std::invalid_argument("the default must be at most " + std::to_string(maxValueBytes) + " bytes long");
+    if (definition->defaultValue.size() > propertyprotocol::maxValueBytes) {
+        throw std::invalid_argument("the default must be at most " + std::to_string(propertyprotocol::maxValueBytes) +
+                                    " bytes long");
     }
     const std::string objection = definition->rule->objection(definition->defaultValue);
     if (!objection.empty()) {
@@ -166,7 +167,7 @@ bool Definition::refuses(const std::string& source) const {
 }
 
 bool isKey(const std::string& text) {
-    if (text.empty() || text.size() > maxKeyBytes) return false;
+    if (text.empty() || text.size() > propertyprotocol::maxKeyBytes) return false;
     char previous = '.';
     for (const char letter : text) {
         const bool plain = (letter >= 'A' && letter <= 'Z') || (letter >= 'a' && letter <= 'z') ||

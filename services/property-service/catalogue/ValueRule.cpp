@@ -14,7 +14,7 @@
 #include <vector>
 
 #include "common/UrlSyntax.h"
-#include "service/Limits.h"
+#include "propertyprotocol/Limits.h"
 
 namespace propertyservice {
 
@@ -35,10 +35,11 @@ std::int64_t wholeMember(const Json::Value& definition, const char* name, std::i
 }
 
 std::size_t maxLength(const Json::Value& definition) {
-    const auto most = static_cast<std::int64_t>(maxValueBytes);
+    const auto most = static_cast<std::int64_t>(propertyprotocol::maxValueBytes);
     const std::int64_t length = wholeMember(definition, "maxLength", most);
     if (length < 0 || length > most) {
-        throw std::invalid_argument("\"maxLength\" must be from 0 to " + std::to_string(maxValueBytes));
+        throw std::invalid_argument("\"maxLength\" must be from 0 to " +
+                                    std::to_string(propertyprotocol::maxValueBytes));
     }
     return static_cast<std::size_t>(length);
 }

@@ -1,13 +1,14 @@
 #include "service/Codec.h"
 
-#include <cstdio>
-
-#include "service/JsonScan.h"
+#include "propertyprotocol/Json.h"
+#include "propertyprotocol/Utf8.h"
 #include "service/Limits.h"
 
 namespace propertyservice {
 
 namespace {
+
+using propertyprotocol::appendMember;
 
 constexpr char notJson[] = "the payload is not JSON in UTF-8";
 
@@ -31,13 +32,6 @@ std::string textOf(const Json::Value& object, const char* member, const std::str
         throw BadRequest(param, "\"" + std::string(member) + "\" must not contain a NUL");
     }
     return text;
-}
-
-void appendMember(std::string& json, const char* name, const std::string& text) {
-    json += json.empty() ? "{\"" : ",\"";
-    json += name;
-    json += "\":";
-    appendQuoted(json, text);
 }
 
 }  // namespace
@@ -100,7 +94,7 @@ void RequestReader::parse(const std::string& payload, std::size_t most, std::siz
     if (payload.size() > most) {
         throw BadRequest("", "the payload is larger than " + std::to_string(most) + " bytes");
     }
-    const std::optional<std::size_t> parts = countJsonParts(payload);
+    const std::optional<std::size_t> parts = propertyprotocol::countJsonParts(payload);
     if (!parts) throw BadRequest("", notJson);
     if (*parts > mostParts) {
         throw BadRequest("", "the payload has more than " + std::to_string(mostParts) + " members and elements");
@@ -133,41 +127,6 @@ std::string RequestReader::source(const std::string& param) const {
 
 std::string RequestReader::param() const { return text("param", "", true); }
 
-void appendQuoted(std::string& json, const std::string& text) {
-    json += '"';
-    std::size_t plain = 0;  // where the run of bytes that stand for themselves began
-    for (std::size_t at = 0; at < text.size(); ++at) {
-        const char letter = text[at];
-        const auto byte = static_cast<unsigned char>(letter);
-        if (byte >= 0x20 && letter != '"' && letter != '\\' && byte != 0x7f) continue;
-        json.append(text, plain, at - plain);
-        plain = at + 1;
-        switch (letter) {
-            case '"':
-                json += "\\\"";
-                break;
-            case '\\':
-                json += "\\\\";
-                break;
-            case '\n':
-                json += "\\n";
-                break;
-            case '\r':
-                json += "\\r";
-                break;
-            case '\t':
-                json += "\\t";
-                break;
-            default:
-                char escape[7];
-                std::snprintf(escape, sizeof escape, "\\u%04x", byte);
-                json += escape;
-        }
-    }
-    json.append(text, plain, text.size() - plain);
-    json += '"';
-}
-
 std::string valueAnswer(const std::string& key, const std::string& value) {
     std::string json;
     json.reserve(key.size() + value.size() + 32);
@@ -182,16 +141,6 @@ std::string errorAnswer(const std::string& key, const char* code, const std::str
     appendMember(json, "param", key);
     appendMember(json, "error", code);
     appendMember(json, "reason", reason);
-    json += '}';
-    return json;
-}
-
-std::string changeMessage(const std::string& key, const std::string& value, const std::string& source) {
-    std::string json;
-    json.reserve(key.size() + value.size() + source.size() + 48);
-    appendMember(json, "param", key);
-    appendMember(json, "value", value);
-    appendMember(json, "source", source);
     json += '}';
     return json;
 }
@@ -215,7 +164,7 @@ std::string description(const std::string& key, const Definition& definition, bo
     json += isVolatile ? ",\"volatile\":true" : ",\"volatile\":false";
     for (const std::string& source : definition.refusedSources) {
         json += &source == &definition.refusedSources.front() ? ",\"refusedSources\":[" : ",";
-        appendQuoted(json, source);
+        propertyprotocol::appendString(json, source);
     }
     if (!definition.refusedSources.empty()) json += "]";
     if (!definition.limits.empty()) json += "," + definition.limits;

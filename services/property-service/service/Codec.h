@@ -72,7 +72,7 @@ class RequestReader {
     ImportRequest import(const std::string& payload);
 
  private:
-    void parse(const std::string& payload, std::size_t most = maxPayloadBytes, std::size_t mostParts = maxParts);
+    void parse(const std::string& payload, std::size_t most = maxRequestBytes, std::size_t mostParts = maxParts);
     std::string text(const char* member, const std::string& param, bool required) const;
     std::string source(const std::string& param) const;
     std::string param() const;
@@ -83,12 +83,8 @@ class RequestReader {
     std::string errors_;
 };
 
-/// Appends the text as a JSON string. The text must be UTF-8.
-void appendQuoted(std::string& json, const std::string& text);
-
 std::string valueAnswer(const std::string& key, const std::string& value);
 std::string errorAnswer(const std::string& key, const char* code, const std::string& reason);
-std::string changeMessage(const std::string& key, const std::string& value, const std::string& source);
 std::string importAnswer(std::size_t count);
 /// `errors` are error answers.
 std::string importRefusal(const std::vector<std::string>& errors);

@@ -5,24 +5,23 @@
 #include <utility>
 
 #include "debug/Debug.h"
+#include "propertyprotocol/Change.h"
+#include "propertyprotocol/Errors.h"
+#include "propertyprotocol/Json.h"
+#include "propertyprotocol/Topics.h"
+#include "service/Excerpt.h"
 #include "service/Limits.h"
-#include "service/Utf8.h"
 
 namespace propertyservice {
 
 namespace {
 
+namespace errors = propertyprotocol::errors;
+
 constexpr char noSuchKey[] = "the catalogue has no such key";
 // A refused value and its source are shown in the log as far as this, and so many of one import.
 constexpr std::size_t loggedCharacters = 80;
 constexpr std::size_t loggedOfAnImport = 10;
-
-// Answers may go anywhere but to the service's own topics, where they would pass for a request or a change.
-bool isOwnTopic(const std::string& topic) {
-    static const std::string own = "prop-service";
-    if (topic.compare(0, own.size(), own) != 0) return false;
-    return topic.size() == own.size() || topic[own.size()] == '/' || topic[own.size()] == '-';
-}
 
 bool isPublishable(const std::string& topic) {
     return topic.find_first_of(std::string("+#\0", 3)) == std::string::npos;
@@ -74,13 +73,14 @@ void PropertyService::carryOutAlone(const ipc::ServiceRequest& request, Messages
         messages.erase(messages.begin() + static_cast<std::ptrdiff_t>(before), messages.end());
         if (request.responseTopic.empty()) return;
         messages.push_back({request.responseTopic,
-                            errorAnswer(key, "storage", "the store refused the write; the old value stands"),
+                            errorAnswer(key, errors::storage, "the store refused the write; the old value stands"),
                             request.correlationData, request.qualityOfService});
     }
 }
 
 void PropertyService::carryOut(const ipc::ServiceRequest& request, Messages& messages) {
-    if (isOwnTopic(request.responseTopic) || !isPublishable(request.responseTopic)) {
+    // A response on one of these would pass for a request or a change.
+    if (propertyprotocol::isServiceTopic(request.responseTopic) || !isPublishable(request.responseTopic)) {
         if (!isRetry_) {
             dbg::Debug::warning() << "Refused a request on " << request.topic << ": its response topic is "
                                   << request.responseTopic << std::endl;
@@ -89,19 +89,19 @@ void PropertyService::carryOut(const ipc::ServiceRequest& request, Messages& mes
     }
     std::string payload;
     try {
-        if (request.topic == getTopic) {
+        if (request.topic == propertyprotocol::getTopic) {
             payload = get(request.payload);
-        } else if (request.topic == setTopic) {
+        } else if (request.topic == propertyprotocol::setTopic) {
             payload = set(request.payload, messages);
-        } else if (request.topic == listTopic) {
+        } else if (request.topic == propertyprotocol::listTopic) {
             payload = list(request.payload);
-        } else if (request.topic == describeTopic) {
+        } else if (request.topic == propertyprotocol::describeTopic) {
             payload = describe(request.payload);
-        } else if (request.topic == importTopic) {
+        } else if (request.topic == propertyprotocol::importTopic) {
             payload = import(request.payload, messages);
         }
     } catch (const BadRequest& error) {
-        payload = errorAnswer(error.param(), "bad-request", error.what());
+        payload = errorAnswer(error.param(), errors::badRequest, error.what());
     }
     if (request.responseTopic.empty()) return;
     messages.push_back({request.responseTopic, std::move(payload), request.correlationData, request.qualityOfService});
@@ -110,20 +110,20 @@ void PropertyService::carryOut(const ipc::ServiceRequest& request, Messages& mes
 std::string PropertyService::get(const std::string& payload) {
     const GetRequest request = reader_.get(payload);
     const Property* const property = table_.find(request.param);
-    if (property == nullptr) return errorAnswer(request.param, "not-found", noSuchKey);
+    if (property == nullptr) return errorAnswer(request.param, errors::notFound, noSuchKey);
     return valueAnswer(property->key, property->value);
 }
 
 std::optional<PropertyService::Refusal> PropertyService::refusalOf(const Property* property, const std::string& source,
                                                                    const std::string* value) const {
-    if (property == nullptr) return Refusal{"not-found", noSuchKey};
-    if (property->definition->readOnly) return Refusal{"read-only", "may not be written by a client"};
+    if (property == nullptr) return Refusal{errors::notFound, noSuchKey};
+    if (property->definition->readOnly) return Refusal{errors::readOnly, "may not be written by a client"};
     if (property->definition->refuses(source)) {
-        return Refusal{"read-only", "may not be written by the source \"" + source + "\""};
+        return Refusal{errors::readOnly, "may not be written by the source \"" + source + "\""};
     }
     std::string reason = value == nullptr ? std::string() : objection(*property, *value);
     if (reason.empty()) return std::nullopt;
-    return Refusal{"invalid-value", std::move(reason)};
+    return Refusal{errors::invalidValue, std::move(reason)};
 }
 
 void PropertyService::logRefusal(const Property& property, const std::string& value, const std::string& source,
@@ -153,7 +153,7 @@ std::string PropertyService::import(const std::string& payload, Messages& messag
     for (const ImportRequest::Write& one : request.writes) {
         const Property* const property = table_.find(one.param);
         std::optional<Refusal> refusal = refusalOf(property, request.source, one.value ? &*one.value : nullptr);
-        if (!refusal && !seen.insert(one.param).second) refusal = Refusal{"bad-request", "stands there twice"};
+        if (!refusal && !seen.insert(one.param).second) refusal = Refusal{errors::badRequest, "stands there twice"};
         if (!refusal || errors.size() == maxPageEntries) continue;
         const bool isLogged = request.apply && errors.size() < loggedOfAnImport;
         if (isLogged && property != nullptr && one.value) logRefusal(*property, *one.value, request.source, *refusal);
@@ -172,7 +172,7 @@ void PropertyService::write(Property& property, std::optional<std::string> value
                             Messages& messages) {
     const Stored stored = !property.isVolatile && value ? Stored::value : Stored::nothing;
     std::string next = value ? std::move(*value) : std::string(property.definition->defaultValue);
-    messages.push_back({property.changeTopic, changeMessage(property.key, next, source), "", 1});
+    messages.push_back({property.changeTopic, propertyprotocol::changeMessage(property.key, next, source), "", 1});
     const bool toStore =
         !property.isVolatile && (stored != property.stored || (stored == Stored::value && property.value != next));
     if (toStore) {
@@ -205,7 +205,7 @@ std::string PropertyService::page(const char* name, const std::vector<Entry>& al
         const std::size_t most = position->key.size() + position->value.size();
         if (count == maxPageEntries || (count > 0 && json.size() + most > maxPageBytes)) {
             json += "],\"next\":";
-            appendQuoted(json, last->key);
+            propertyprotocol::appendString(json, last->key);
             return json + "}";
         }
         if (count > 0) json += ',';
@@ -229,7 +229,7 @@ std::string PropertyService::describe(const std::string& payload) {
     const DescribeRequest request = reader_.describe(payload);
     if (!request.param) return page("definitions", table_.all(), request.page, render);
     const Property* const property = table_.find(*request.param);
-    if (property == nullptr) return errorAnswer(*request.param, "not-found", noSuchKey);
+    if (property == nullptr) return errorAnswer(*request.param, errors::notFound, noSuchKey);
     return render(*property);
 }
 

@@ -16,13 +16,6 @@
 
 namespace propertyservice {
 
-inline constexpr char statusTopic[] = "prop-service/status";
-inline constexpr char getTopic[] = "prop-service/get";
-inline constexpr char setTopic[] = "prop-service/set";
-inline constexpr char listTopic[] = "prop-service/list";
-inline constexpr char describeTopic[] = "prop-service/describe";
-inline constexpr char importTopic[] = "prop-service/import";
-
 class PropertyService {
  public:
     /// Reads what `store` holds; throws StoreException if it cannot. `store` must outlive the service.

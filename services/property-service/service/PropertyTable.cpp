@@ -3,24 +3,19 @@
 #include <algorithm>
 
 #include "debug/Debug.h"
+#include "propertyprotocol/Topics.h"
+#include "propertyprotocol/Utf8.h"
 #include "service/Limits.h"
-#include "service/Utf8.h"
 
 namespace propertyservice {
 
 namespace {
 
-std::string changeTopic(const std::string& key) {
-    std::string group = key.substr(0, key.find('.'));
-    std::transform(group.begin(), group.end(), group.begin(), [](char letter) {
-        return letter >= 'A' && letter <= 'Z' ? static_cast<char>(letter + 32) : letter;
-    });
-    return "prop-service-" + group + "/" + key;
-}
+using propertyprotocol::isUtf8WithoutNul;
 
 std::string objection(const Definition& definition, const std::string& value) {
     if (value.size() > maxValueBytes) return "is too long";
-    if (!isCleanText(value)) return "is no UTF-8 text";
+    if (!isUtf8WithoutNul(value)) return "is no UTF-8 text";
     return definition.rule->objection(value);
 }
 
@@ -31,7 +26,8 @@ PropertyTable::PropertyTable(const Catalogue& catalogue, const std::vector<IStor
     indices_.reserve(catalogue.keys().size());
     for (const CatalogueKey& entry : catalogue.keys()) {
         indices_.emplace(entry.key, properties_.size());
-        properties_.push_back({entry.key, entry.definition->defaultValue, entry.definition, changeTopic(entry.key),
+        properties_.push_back({entry.key, entry.definition->defaultValue, entry.definition,
+                               propertyprotocol::changeTopic(entry.key),
                                isState(entry.key) || entry.definition->isVolatile, Stored::nothing});
     }
     std::size_t unknown = 0;
@@ -40,7 +36,8 @@ PropertyTable::PropertyTable(const Catalogue& catalogue, const std::vector<IStor
         if (property == nullptr || property->isVolatile || !value) {
             ++unknown;
             // What a client could not have written cannot be told to one.
-            const bool isTellable = value && value->size() <= maxValueBytes && isCleanText(key) && isCleanText(*value);
+            const bool isTellable =
+                value && value->size() <= maxValueBytes && isUtf8WithoutNul(key) && isUtf8WithoutNul(*value);
             if (property == nullptr && isTellable) uncatalogued_.push_back({key, *value});
             continue;
         }

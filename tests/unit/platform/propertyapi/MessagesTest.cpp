@@ -1,4 +1,5 @@
 #include "Messages.h"
+#include "propertyprotocol/Limits.h"
 
 #include <gtest/gtest.h>
 #include <json/json.h>
@@ -41,8 +42,9 @@ TEST(Messages, RefusesValuesThatCannotBeSent) {
         EXPECT_THROW(setRequest("K", "", value), PropertyInvalidValueException) << value;
     }
     EXPECT_THROW(setRequest("K", "\xff", "v"), PropertyInvalidValueException);
-    EXPECT_NO_THROW(setRequest("K", "", std::string(maxValueBytes, 'x')));
-    EXPECT_THROW(setRequest("K", "", std::string(maxValueBytes + 1, 'x')), PropertyInvalidValueException);
+    EXPECT_NO_THROW(setRequest("K", "", std::string(propertyprotocol::maxValueBytes, 'x')));
+    EXPECT_THROW(setRequest("K", "", std::string(propertyprotocol::maxValueBytes + 1, 'x')),
+                 PropertyInvalidValueException);
 }
 
 TEST(Messages, ReadsAValue) {

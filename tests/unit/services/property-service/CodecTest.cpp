@@ -6,8 +6,10 @@
 
 #include <random>
 
+#include "propertyprotocol/Change.h"
+#include "propertyprotocol/Json.h"
+#include "propertyprotocol/Utf8.h"
 #include "service/Limits.h"
-#include "service/Utf8.h"
 
 namespace propertyservice {
 namespace {
@@ -41,7 +43,7 @@ TEST(Codec, WhatItWritesAnotherParserReadsBack) {
         EXPECT_EQ(answer["param"].asString(), key);
         EXPECT_EQ(answer["value"].asString(), value);
         EXPECT_EQ(answer.size(), 2U);
-        const Json::Value change = parsed(changeMessage(key, value, source));
+        const Json::Value change = parsed(propertyprotocol::changeMessage(key, value, source));
         EXPECT_EQ(change["param"].asString(), key);
         EXPECT_EQ(change["value"].asString(), value);
         EXPECT_EQ(change["source"].asString(), source);
@@ -56,7 +58,7 @@ TEST(Codec, WhatItWritesAnotherParserReadsBack) {
 TEST(Codec, ControlCharactersAreEscapes) {
     for (int byte = 0; byte < 0x80; ++byte) {
         std::string json;
-        appendQuoted(json, std::string(1, static_cast<char>(byte)));
+        propertyprotocol::appendString(json, std::string(1, static_cast<char>(byte)));
         const bool isEscape = byte < 0x20 || byte == 0x7f || byte == '"' || byte == '\\';
         EXPECT_EQ(json[1] == '\\', isEscape) << byte << json;
         EXPECT_EQ(parsed("[" + json + "]")[0].asString(), std::string(1, static_cast<char>(byte)));
@@ -150,7 +152,8 @@ TEST(Codec, DamagedImportsAndDescriptionsAreBadRequestsOrGood) {
         }
         try {
             for (const ImportRequest::Write& write : reader.import(payload).writes) {
-                EXPECT_TRUE(isCleanText(write.param) && isCleanText(write.value.value_or("")));
+                EXPECT_TRUE(propertyprotocol::isUtf8WithoutNul(write.param) &&
+                            propertyprotocol::isUtf8WithoutNul(write.value.value_or("")));
             }
             reader.describe(payload);
         } catch (const BadRequest&) {
@@ -182,7 +185,9 @@ TEST(Codec, SurvivesRandomDamage) {
         }
         try {
             const SetRequest request = reader.set(payload);
-            EXPECT_TRUE(isCleanText(request.param) && isCleanText(request.value) && isCleanText(request.source));
+            EXPECT_TRUE(propertyprotocol::isUtf8WithoutNul(request.param) &&
+                        propertyprotocol::isUtf8WithoutNul(request.value) &&
+                        propertyprotocol::isUtf8WithoutNul(request.source));
         } catch (const BadRequest&) {
             ++refused;
         }
@@ -256,7 +261,7 @@ INSTANTIATE_TEST_SUITE_P(
                 "\"source\" is longer than 65536 bytes"},
         Hostile{"DeepButClosed",
                 R"({"param":"a","value":"c","x":)" + std::string(200, '[') + std::string(200, ']') + "}", "", tooDeep},
-        Hostile{"Huge", R"({"param":"a","value":")" + std::string(maxPayloadBytes, 'x') + "\"}", "",
+        Hostile{"Huge", R"({"param":"a","value":")" + std::string(maxRequestBytes, 'x') + "\"}", "",
                 "the payload is larger than 1048576 bytes"},
         Hostile{"ParamMissing", R"({"value":"b"})", "", "\"param\" is missing"},
         Hostile{"ParamNumber", R"({"param":5,"value":"b"})", "", "\"param\" must be a string"},

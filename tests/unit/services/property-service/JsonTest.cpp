@@ -6,14 +6,17 @@
 #include <set>
 
 #include "FakeStore.h"
-#include "service/JsonScan.h"
+#include "propertyprotocol/Json.h"
+#include "propertyprotocol/Topics.h"
 #include "service/Limits.h"
 #include "service/PropertyService.h"
 
 namespace propertyservice {
 namespace {
 
-const std::vector<std::string> topics{getTopic, setTopic, listTopic, describeTopic, importTopic};
+const std::vector<std::string> topics{propertyprotocol::getTopic, propertyprotocol::setTopic,
+                                      propertyprotocol::listTopic, propertyprotocol::describeTopic,
+                                      propertyprotocol::importTopic};
 
 class JsonRequest : public testing::Test {
  protected:
@@ -54,10 +57,12 @@ TEST_F(JsonRequest, IsRefusedWhenAMemberThatNobodyReadsIsNotJson) {
             EXPECT_EQ(answer(topic, payload).find("\"error\"") == std::string::npos, document.accepted)
                 << topic << " " << document.line;
         }
-        EXPECT_EQ(isRefused(importTopic, R"({"properties":[{"param":"k","value":"w")" + member + "]}"),
-                  !document.accepted)
+        EXPECT_EQ(
+            isRefused(propertyprotocol::importTopic, R"({"properties":[{"param":"k","value":"w")" + member + "]}"),
+            !document.accepted)
             << document.line;
-        EXPECT_EQ(isRefused(getTopic, R"({"x":)" + document.text + R"(,"param":"k"})"), !document.accepted)
+        EXPECT_EQ(isRefused(propertyprotocol::getTopic, R"({"x":)" + document.text + R"(,"param":"k"})"),
+                  !document.accepted)
             << document.line;
     }
 }
@@ -73,8 +78,8 @@ TEST_F(JsonRequest, MayBeNestedThirtyTwoDeep) {
     const auto nested = [](std::size_t depth) {
         return R"({"param":"k","x":)" + std::string(depth - 1, '[') + std::string(depth - 1, ']') + "}";
     };
-    EXPECT_EQ(answer(getTopic, nested(maxNesting)), R"({"param":"k","value":""})");
-    EXPECT_EQ(answer(getTopic, nested(maxNesting + 1)),
+    EXPECT_EQ(answer(propertyprotocol::getTopic, nested(maxNesting)), R"({"param":"k","value":""})");
+    EXPECT_EQ(answer(propertyprotocol::getTopic, nested(maxNesting + 1)),
               R"({"param":"","error":"bad-request","reason":"the payload is nested more than 32 deep"})");
 }
 
@@ -91,9 +96,9 @@ TEST_F(JsonRequest, MayHaveAThousandParts) {
         }
         return payload;
     };
-    EXPECT_EQ(countJsonParts(filled(maxParts)), maxParts);
-    EXPECT_EQ(answer(getTopic, filled(maxParts)), R"({"param":"k","value":""})");
-    EXPECT_EQ(answer(getTopic, filled(maxParts + 1)),
+    EXPECT_EQ(propertyprotocol::countJsonParts(filled(maxParts)), maxParts);
+    EXPECT_EQ(answer(propertyprotocol::getTopic, filled(maxParts)), R"({"param":"k","value":""})");
+    EXPECT_EQ(answer(propertyprotocol::getTopic, filled(maxParts + 1)),
               R"({"param":"","error":"bad-request","reason":"the payload has more than 1000 members and elements"})");
 }
 
@@ -102,15 +107,15 @@ TEST_F(JsonRequest, MayHaveAMebibyte) {
         const std::string begin = R"({"param":"k","x":")";
         return begin + std::string(bytes - begin.size() - 2, 'x') + "\"}";
     };
-    EXPECT_EQ(answer(getTopic, sized(maxPayloadBytes)), R"({"param":"k","value":""})");
-    EXPECT_EQ(answer(getTopic, sized(maxPayloadBytes + 1)),
+    EXPECT_EQ(answer(propertyprotocol::getTopic, sized(maxRequestBytes)), R"({"param":"k","value":""})");
+    EXPECT_EQ(answer(propertyprotocol::getTopic, sized(maxRequestBytes + 1)),
               R"({"param":"","error":"bad-request","reason":"the payload is larger than 1048576 bytes"})");
     const auto import = [](std::size_t bytes) {
         const std::string begin = R"({"properties":[],"x":")";
         return begin + std::string(bytes - begin.size() - 2, 'x') + "\"}";
     };
-    EXPECT_EQ(answer(importTopic, import(maxImportBytes)), R"({"accepted":0})");
-    EXPECT_EQ(answer(importTopic, import(maxImportBytes + 1)),
+    EXPECT_EQ(answer(propertyprotocol::importTopic, import(maxImportBytes)), R"({"accepted":0})");
+    EXPECT_EQ(answer(propertyprotocol::importTopic, import(maxImportBytes + 1)),
               R"({"param":"","error":"bad-request","reason":"the payload is larger than 15728640 bytes"})");
 }
 
@@ -118,19 +123,20 @@ TEST_F(JsonRequest, MayHaveASourceOf64KiB) {
     const auto from = [](std::size_t bytes) {
         return R"({"param":"k","value":"v","source":")" + std::string(bytes, 's') + "\"}";
     };
-    EXPECT_EQ(answer(setTopic, from(maxValueBytes)), R"({"param":"k","value":"v"})");
-    EXPECT_EQ(answer(setTopic, from(maxValueBytes + 1)),
+    EXPECT_EQ(answer(propertyprotocol::setTopic, from(maxValueBytes)), R"({"param":"k","value":"v"})");
+    EXPECT_EQ(answer(propertyprotocol::setTopic, from(maxValueBytes + 1)),
               R"({"param":"k","error":"bad-request","reason":"\"source\" is longer than 65536 bytes"})");
 }
 
 TEST_F(JsonRequest, WithANulIsRefusedWhereItIsReadAndIgnoredElsewhere) {
-    EXPECT_EQ(answer(setTopic, R"({"param":"k","value":"a\u0000b"})"),
+    EXPECT_EQ(answer(propertyprotocol::setTopic, R"({"param":"k","value":"a\u0000b"})"),
               R"({"param":"k","error":"bad-request","reason":"\"value\" must not contain a NUL"})");
-    EXPECT_EQ(answer(setTopic, R"({"param":"k","value":"a","x":"a\u0000b"})"), R"({"param":"k","value":"a"})");
+    EXPECT_EQ(answer(propertyprotocol::setTopic, R"({"param":"k","value":"a","x":"a\u0000b"})"),
+              R"({"param":"k","value":"a"})");
 }
 
 TEST_F(JsonRequest, SurrogatePairsBecomeOneCharacter) {
-    EXPECT_EQ(answer(setTopic, R"({"param":"k","value":"\ud834\udd1e"})"),
+    EXPECT_EQ(answer(propertyprotocol::setTopic, R"({"param":"k","value":"\ud834\udd1e"})"),
               "{\"param\":\"k\",\"value\":\"\xf0\x9d\x84\x9e\"}");
 }
 

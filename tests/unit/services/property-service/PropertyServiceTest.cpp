@@ -8,6 +8,7 @@
 
 #include "FakeStore.h"
 #include "fakes/LogCapture.h"
+#include "propertyprotocol/Topics.h"
 #include "service/Limits.h"
 
 namespace propertyservice {
@@ -35,12 +36,15 @@ const char catalogueText[] = R"({"version": 1, "keys": {
 ipc::ServiceRequest request(const std::string& topic, const std::string& payload) {
     return {topic, payload, "me/reply", "c1", 0};
 }
-ipc::ServiceRequest get(const std::string& key) { return request(getTopic, "{\"param\":\"" + key + "\"}"); }
+ipc::ServiceRequest get(const std::string& key) {
+    return request(propertyprotocol::getTopic, "{\"param\":\"" + key + "\"}");
+}
 ipc::ServiceRequest set(const std::string& key, const std::string& value) {
-    return request(setTopic, "{\"param\":\"" + key + "\",\"value\":\"" + value + "\",\"source\":\"t\"}");
+    return request(propertyprotocol::setTopic,
+                   "{\"param\":\"" + key + "\",\"value\":\"" + value + "\",\"source\":\"t\"}");
 }
 ipc::ServiceRequest list(const std::string& prefix, const std::string& after = "") {
-    return request(listTopic, "{\"prefix\":\"" + prefix + "\",\"after\":\"" + after + "\"}");
+    return request(propertyprotocol::listTopic, "{\"prefix\":\"" + prefix + "\",\"after\":\"" + after + "\"}");
 }
 
 std::string answer(const std::string& key, const std::string& value) {
@@ -131,7 +135,7 @@ TEST_F(Service, ADefaultThatWasSetIsStored) {
 }
 
 TEST_F(Service, AMissingSourceIsEmpty) {
-    EXPECT_THAT(handle({request(setTopic, R"({"param":"System.Name","value":"x"})")}),
+    EXPECT_THAT(handle({request(propertyprotocol::setTopic, R"({"param":"System.Name","value":"x"})")}),
                 ElementsAre("prop-service-system/System.Name "
                             "{\"param\":\"System.Name\",\"value\":\"x\",\"source\":\"\"}",
                             answer("System.Name", "x")));
@@ -139,8 +143,9 @@ TEST_F(Service, AMissingSourceIsEmpty) {
 
 TEST_F(Service, ErrorsSayWhatIsWrong) {
     EXPECT_THAT(handle({get("No.Such"), set("No.Such", "1"), get("System.#"), set("System.Port", "10"),
-                        set("System.Serial", "1"), request(getTopic, "x"),
-                        request(setTopic, R"({"param":"System.Name"})"), request(listTopic, "{}")}),
+                        set("System.Serial", "1"), request(propertyprotocol::getTopic, "x"),
+                        request(propertyprotocol::setTopic, R"({"param":"System.Name"})"),
+                        request(propertyprotocol::listTopic, "{}")}),
                 ElementsAre(error("No.Such", "not-found", "the catalogue has no such key"),
                             error("No.Such", "not-found", "the catalogue has no such key"),
                             error("System.#", "not-found", "the catalogue has no such key"),
@@ -155,7 +160,8 @@ TEST_F(Service, ErrorsSayWhatIsWrong) {
 
 TEST_F(Service, ASourceThatAKeyRefusesMayNotWriteIt) {
     const auto from = [](const std::string& source, const std::string& value) {
-        return request(setTopic, R"({"param":"System.Trigger","value":")" + value + R"(","source":")" + source + "\"}");
+        return request(propertyprotocol::setTopic,
+                       R"({"param":"System.Trigger","value":")" + value + R"(","source":")" + source + "\"}");
     };
     const std::string refusal = error("System.Trigger", "read-only", R"(may not be written by the source \"file\")");
     EXPECT_THAT(handle({from("file", "go")}), ElementsAre(refusal));
@@ -166,9 +172,9 @@ TEST_F(Service, ASourceThatAKeyRefusesMayNotWriteIt) {
         EXPECT_THAT(handle({from(source, "go")}), ElementsAre(HasSubstr("\"go\""), answer("System.Trigger", "go")));
     }
     const auto import = [](const std::string& source) {
-        return request(importTopic, R"({"properties":[{"param":"System.Name","value":"x"},)"
-                                    R"({"param":"System.Trigger","value":null}],"apply":true)" +
-                                        source + "}");
+        return request(propertyprotocol::importTopic, R"({"properties":[{"param":"System.Name","value":"x"},)"
+                                                      R"({"param":"System.Trigger","value":null}],"apply":true)" +
+                                                          source + "}");
     };
     EXPECT_THAT(handle({import(R"(,"source":"file")")}),
                 ElementsAre(AllOf(HasSubstr("\"errors\":"), HasSubstr("System.Trigger"), HasSubstr("read-only"))));
@@ -272,7 +278,8 @@ TEST_F(Service, StartsWithTheStoredValues) {
 
 TEST_F(Service, AResetForgetsAStoredValueThatIsNoLongerAllowed) {
     store.values["System.Port"] = "100";
-    handle({request(importTopic, R"({"properties":[{"param":"System.Port","value":null}],"apply":true})")});
+    handle({request(propertyprotocol::importTopic,
+                    R"({"properties":[{"param":"System.Port","value":null}],"apply":true})")});
     EXPECT_EQ(store.values.count("System.Port"), 0U);
 }
 
@@ -293,7 +300,8 @@ TEST_F(Service, ListsByPrefixSorted) {
 
 TEST_F(Service, ADamagedStoreIsRebuiltFromMemory) {
     handle({set("System.Name", "kept"), set("System.Port", "7"), set("State.Provisioning", "x")});
-    handle({request(importTopic, R"({"properties":[{"param":"System.Port","value":null}],"apply":true})")});
+    handle({request(propertyprotocol::importTopic,
+                    R"({"properties":[{"param":"System.Port","value":null}],"apply":true})")});
     store.values = {{"System.Port", "of an old backup"}, {"Gone.Key", "kept"}};
     store.damaged = true;
     EXPECT_THAT(
@@ -328,7 +336,9 @@ TEST_F(Service, AKeyThatTheCatalogueCallsVolatileIsNeverStored) {
 }
 
 TEST_F(Service, DescribesAKey) {
-    const auto describe = [this](const std::string& payload) { return handle({request(describeTopic, payload)}); };
+    const auto describe = [this](const std::string& payload) {
+        return handle({request(propertyprotocol::describeTopic, payload)});
+    };
     EXPECT_THAT(describe(R"({"param":"System.Port"})"),
                 ElementsAre(R"(me/reply {"param":"System.Port","type":"integer","default":"5","description":"d",)"
                             R"("readOnly":false,"volatile":false,"min":1,"max":9})"));
@@ -354,9 +364,9 @@ std::string many(const std::string& properties, bool apply = true) {
 TEST_F(Service, AnImportIsOneTransactionPublishedInOrder) {
     handle({set("System.Name", "before")});
     const int before = store.transactions;
-    EXPECT_THAT(handle({request(importTopic, many(R"({"param":"System.Port","value":"7"},)"
-                                                  R"({"param":"System.Name","value":null},)"
-                                                  R"({"param":"State.Provisioning","value":"x"})"))}),
+    EXPECT_THAT(handle({request(propertyprotocol::importTopic, many(R"({"param":"System.Port","value":"7"},)"
+                                                                    R"({"param":"System.Name","value":null},)"
+                                                                    R"({"param":"State.Provisioning","value":"x"})"))}),
                 ElementsAre(change("prop-service-system/System.Port", "System.Port", "7"),
                             change("prop-service-system/System.Name", "System.Name", "phone"),
                             change("prop-service-state/State.Provisioning", "State.Provisioning", "x"),
@@ -368,26 +378,29 @@ TEST_F(Service, AnImportIsOneTransactionPublishedInOrder) {
 TEST_F(Service, AnImportMayBeAsLargeAsABackup) {
     const std::string large(60000, 'x');
     std::string other;
-    while (other.size() < maxPayloadBytes) other += R"({"param":"No","value":")" + large + "\"},";
-    const auto answered = handle({request(importTopic, many(other + R"({"param":"System.Port","value":"7"})"))});
+    while (other.size() < maxRequestBytes) other += R"({"param":"No","value":")" + large + "\"},";
+    const auto answered =
+        handle({request(propertyprotocol::importTopic, many(other + R"({"param":"System.Port","value":"7"})"))});
     EXPECT_THAT(answered, ElementsAre(HasSubstr("the catalogue has no such key")));
     while (other.size() < maxImportBytes) other += R"({"param":"No","value":")" + large + "\"},";
-    EXPECT_THAT(handle({request(importTopic, many(other + R"({"param":"System.Port","value":"7"})"))}),
-                ElementsAre(error("", "bad-request", "the payload is larger than 15728640 bytes")));
+    EXPECT_THAT(
+        handle({request(propertyprotocol::importTopic, many(other + R"({"param":"System.Port","value":"7"})"))}),
+        ElementsAre(error("", "bad-request", "the payload is larger than 15728640 bytes")));
 }
 
 TEST_F(Service, AnImportThatIsNotAppliedChangesNothing) {
-    EXPECT_THAT(handle({request(importTopic, many(R"({"param":"System.Port","value":"7"})", false))}),
+    EXPECT_THAT(handle({request(propertyprotocol::importTopic, many(R"({"param":"System.Port","value":"7"})", false))}),
                 ElementsAre("me/reply {\"accepted\":1}"));
     EXPECT_THAT(handle({get("System.Port")}), ElementsAre(answer("System.Port", "5")));
     EXPECT_EQ(store.transactions, 0);
 }
 
 TEST_F(Service, AnImportWithErrorsNamesThemAllAndChangesNothing) {
-    EXPECT_THAT(handle({request(importTopic, many(R"({"param":"System.Name","value":"x"},{"param":"No","value":"1"},)"
-                                                  R"({"param":"System.Port","value":"10"},)"
-                                                  R"({"param":"System.Name","value":"y"},)"
-                                                  R"({"param":"System.Serial","value":null})"))}),
+    EXPECT_THAT(handle({request(propertyprotocol::importTopic,
+                                many(R"({"param":"System.Name","value":"x"},{"param":"No","value":"1"},)"
+                                     R"({"param":"System.Port","value":"10"},)"
+                                     R"({"param":"System.Name","value":"y"},)"
+                                     R"({"param":"System.Serial","value":null})"))}),
                 ElementsAre("me/reply {\"errors\":["
                             R"({"param":"No","error":"not-found","reason":"the catalogue has no such key"},)"
                             R"({"param":"System.Port","error":"invalid-value","reason":)"
@@ -403,7 +416,7 @@ TEST_F(Service, AnImportNamesAThousandErrorsAtMost) {
     const auto errorsOf = [this](int count) {
         std::string properties = R"({"param":"No","value":""})";
         for (int index = 1; index < count; ++index) properties += R"(,{"param":"No","value":""})";
-        const std::string text = handle({request(importTopic, many(properties))}).at(0);
+        const std::string text = handle({request(propertyprotocol::importTopic, many(properties))}).at(0);
         int errors = 0;
         for (auto at = text.find("not-found"); at != std::string::npos; at = text.find("not-found", at + 1)) ++errors;
         return errors;
@@ -415,8 +428,8 @@ TEST_F(Service, AnImportNamesAThousandErrorsAtMost) {
 
 TEST_F(Service, AnImportThatTheStoreRefusesChangesNothing) {
     store.failingKey = "System.Port";
-    EXPECT_THAT(handle({request(importTopic, many(R"({"param":"System.Name","value":"x"},)"
-                                                  R"({"param":"System.Port","value":"7"})")),
+    EXPECT_THAT(handle({request(propertyprotocol::importTopic, many(R"({"param":"System.Name","value":"x"},)"
+                                                                    R"({"param":"System.Port","value":"7"})")),
                         get("System.Name")}),
                 ElementsAre(error("", "storage", refused), answer("System.Name", "phone")));
     EXPECT_TRUE(store.values.empty());
@@ -427,7 +440,8 @@ TEST_F(Service, AnImportThatIsNoneIsABadRequest) {
          {"{}", R"({"properties":{}})", R"({"properties":[1]})", R"({"properties":[{"value":"x"}]})",
           R"({"properties":[{"param":"System.Name"}]})", R"({"properties":[{"param":"System.Name","value":1}]})",
           R"({"properties":[],"apply":"yes"})"}) {
-        EXPECT_THAT(handle({request(importTopic, payload)}), ElementsAre(HasSubstr("\"error\":\"bad-request\"")));
+        EXPECT_THAT(handle({request(propertyprotocol::importTopic, payload)}),
+                    ElementsAre(HasSubstr("\"error\":\"bad-request\"")));
     }
 }
 

@@ -4,8 +4,10 @@
 
 #include "FakeStore.h"
 #include "fakes/LogCapture.h"
+#include "propertyprotocol/Json.h"
+#include "propertyprotocol/Topics.h"
+#include "service/Excerpt.h"
 #include "service/PropertyService.h"
-#include "service/Utf8.h"
 
 namespace propertyservice {
 namespace {
@@ -34,16 +36,16 @@ class RefusalLog : public testing::Test {
     }
     static ipc::ServiceRequest set(const std::string& key, const std::string& value, const std::string& from = "me") {
         std::string payload = "{\"param\":";
-        appendQuoted(payload, key);
+        propertyprotocol::appendString(payload, key);
         payload += ",\"value\":";
-        appendQuoted(payload, value);
+        propertyprotocol::appendString(payload, value);
         payload += ",\"source\":";
-        appendQuoted(payload, from);
-        return {setTopic, payload + "}", "me/reply", "", 0};
+        propertyprotocol::appendString(payload, from);
+        return {propertyprotocol::setTopic, payload + "}", "me/reply", "", 0};
     }
     static ipc::ServiceRequest import(const std::string& properties, const std::string& apply = "true") {
-        return {importTopic, "{\"source\":\"me\",\"apply\":" + apply + ",\"properties\":[" + properties + "]}",
-                "me/reply", "", 0};
+        return {propertyprotocol::importTopic,
+                "{\"source\":\"me\",\"apply\":" + apply + ",\"properties\":[" + properties + "]}", "me/reply", "", 0};
     }
     static LogLine warning(const std::string& text) { return fakes::warning(source, text); }
 

@@ -1,11 +1,11 @@
-#include "service/JsonScan.h"
+#include "propertyprotocol/Json.h"
 
 #include <charconv>
 #include <cstring>
 
-#include "service/Utf8.h"
+#include "propertyprotocol/Utf8.h"
 
-namespace propertyservice {
+namespace propertyprotocol {
 
 namespace {
 
@@ -60,7 +60,7 @@ class Scanner {
             if (!pass('+')) pass('-');
             if (!passDigits()) return false;
         }
-        return !isDigit(peek());  // behind a leading zero
+        return !isDigit(peek());  // a digit after a leading zero
     }
 
     bool passString() {
@@ -85,7 +85,7 @@ class Scanner {
     }
 
     bool passEscape() {
-        if (peek(1) != 'u') {  // the library knows the others
+        if (peek(1) != 'u') {  // the library checks the others
             at_ += 2;
             return true;
         }
@@ -97,7 +97,7 @@ class Scanner {
         return first < 0xdc00 || (first > 0xdfff && first <= 0xffff);
     }
 
-    // The number in "\uXXXX"; a greater one when that is not what stands here.
+    // The number in "\uXXXX", notAUnit if there is none.
     unsigned passCodeUnit() {
         constexpr std::size_t length = 6;
         unsigned unit = 0;
@@ -118,4 +118,4 @@ class Scanner {
 
 std::optional<std::size_t> countJsonParts(const std::string& json) { return Scanner(json).countParts(); }
 
-}  // namespace propertyservice
+}  // namespace propertyprotocol
