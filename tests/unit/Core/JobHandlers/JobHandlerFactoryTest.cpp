@@ -27,6 +27,25 @@ TEST_P(JobHandlerFactoryTest, MakesTheHandlerOfTheFirstRule) {
     }
 }
 
+/// An HTTP client that counts who takes its progress callback.
+class WatchedCurl : public zav::Curl {
+ public:
+    void setProgressCallback(ProgressCallback) override { ++changes; }
+    int changes = 0;
+};
+
+using ScenarioTest = tests::HandlerFixture;
+
+// The worker for its redirects would otherwise take the callback of the pass around it.
+TEST_F(ScenarioTest, LeavesTheProgressCallbackOfItsPassAlone) {
+    const auto curl = std::make_shared<WatchedCurl>();
+    const zav::JobDescription job{"custom", "step", {}};
+    EXPECT_NE(
+        zav::JobHandlerFactory::create(job, curl, phone_.security, phone_.properties, reader_, progress_, status_),
+        nullptr);
+    EXPECT_EQ(curl->changes, 0);
+}
+
 INSTANTIATE_TEST_SUITE_P(
     Table, JobHandlerFactoryTest,
     testing::Values(FactoryRow{"provisioning", "category", "MasterJobHandler"},

@@ -1,5 +1,6 @@
 #include "common/Execute.h"
 
+#include <fcntl.h>
 #include <gtest/gtest.h>
 #include <signal.h>
 #include <unistd.h>
@@ -120,7 +121,13 @@ TEST_F(ExecuteTest, TheChildHasNoDescriptorsOfOurs) {
     ASSERT_GE(inherited, 3);
     EXPECT_NO_THROW(os::execute("test ! -e /proc/self/fd/" + std::to_string(inherited), seconds(10)));
     close(inherited);
+    const int input = dup(STDIN_FILENO);
+    const int zeros = open("/dev/zero", O_RDONLY | O_CLOEXEC);
+    dup2(zeros, STDIN_FILENO);
     EXPECT_NO_THROW(os::execute("test $(readlink /proc/self/fd/0) = /dev/null", seconds(10)));
+    dup2(input, STDIN_FILENO);
+    close(zeros);
+    close(input);
 }
 
 TEST_F(ExecuteTest, TheChildHasDefaultSignalHandling) {

@@ -92,6 +92,14 @@ TEST_F(StallTimeout, EndsATransferThatStands) {
     EXPECT_TRUE(namesIn(folder).empty());
 }
 
+// 64 KiB of it are enough.
+TEST_F(StallTimeout, IsNotReachedBehindALongErrorPage) {
+    const HttpAnswer page = HttpAnswer::error(404, std::string(200000, 'x'));
+    server.on("/a", page.stallingAfter(100000, std::make_shared<fakes::Gate>()));
+    EXPECT_EQ(fetch("/a"), ok);
+    EXPECT_EQ(curl->getHttpCode(), 404);
+}
+
 class Addresses : public Fixture {
  protected:
     // "dual" is a name with an address of each family, the newer one first.
