@@ -1,5 +1,6 @@
 #include "Core/JobHandlers/JobHandlerFactory.h"
 
+#include "Core/ProvisioningWatchdog/ProvisioningWorker.h"
 #include "unit/Core/JobHandlers/HandlerFixture.h"
 
 namespace {
@@ -44,6 +45,16 @@ TEST_F(ScenarioTest, LeavesTheProgressCallbackOfItsPassAlone) {
         zav::JobHandlerFactory::create(job, curl, phone_.security, phone_.properties, reader_, progress_, status_),
         nullptr);
     EXPECT_EQ(curl->changes, 0);
+}
+
+// A worker made on the thread of a pass is one for passes nested in it.
+TEST_F(ScenarioTest, ItsRedirectsStopWithThePassAroundThem) {
+    stop_->stop();
+    zav::ProvisioningWorker nested(phone_.properties, std::make_shared<zav::Curl>(), phone_.security);
+    nested.startProvisioning(server_.url("/provisioning.xml"));
+    EXPECT_TRUE(
+        phone_.log.waitFor(fakes::info("Core/ProvisioningWatchdog/ProvisioningWorker", "Provisioning Finished")));
+    EXPECT_TRUE(server_.requests().empty());
 }
 
 INSTANTIATE_TEST_SUITE_P(
