@@ -119,7 +119,7 @@ TEST_F(ReferringHandlersTest, ACategoriesResultIsItsLastJobs) {
     EXPECT_NE(document().find("\"jobStatus\" : \"fail\""), std::string::npos) << document();
 }
 
-TEST_F(ReferringHandlersTest, ACategoryKnowsNothingOfTheJobsOfTheOneBefore) {
+TEST_F(ReferringHandlersTest, ACategoryDoesNotSeeTheJobsOfTheOneBefore) {
     serve("/nvm.xml", "nvm", R"(<file version="none" url="/x"/>)");
     serve("/custom.xml", "custom", R"(<file version="none" url="/x"/>)");
     runMaster({{{"type", "nvm"}, {"url", "/nvm.xml"}}, {{"type", "custom"}, {"url", "/custom.xml"}}});
