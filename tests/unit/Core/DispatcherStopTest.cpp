@@ -1,4 +1,4 @@
-// What a shutdown does to queries that are held back by a pass, and how a dispatcher ends that nobody stopped.
+// What a shutdown does to queries that are held back by a pass, and how a dispatcher ends that was not stopped.
 #include <thread>
 #include <vector>
 

@@ -266,13 +266,15 @@ TEST_F(XMLReaderTest, AFileFullOfAttributesIsRefusedSoon) {
 }
 
 TEST_F(XMLReaderTest, ADocumentHasACertainNumberOfNodes) {
-    const auto withItems = [](int count) {
-        std::string document = "<root>";
-        for (int i = 0; i < count; ++i) document += "<a/>";
-        return document + "</root>";
-    };
-    EXPECT_TRUE(load(withItems(250000)));
-    EXPECT_FALSE(load(withItems(1300000)));
+    for (const std::string item : {"<a/>", "<!---->", "<?a?>"}) {
+        const auto withItems = [&](int count) {
+            std::string document = "<root>";
+            for (int i = 0; i < count; ++i) document += item;
+            return document + "</root>";
+        };
+        EXPECT_TRUE(load(withItems(250000))) << item;
+        EXPECT_FALSE(load(withItems(1300000))) << item;
+    }
 }
 
 TEST_F(XMLReaderTest, ManyShortValuesAreNoNames) {

@@ -277,6 +277,11 @@ TEST_F(FirmwareJobHandlerTest, WithoutTheCleanUpNothingIsDownloaded) {
     EXPECT_TRUE(phone_.properties->writes().empty());
 }
 
+TEST_F(FirmwareJobHandlerTest, AShutdownEndsTheCleanUp) {
+    stop_->stop();
+    EXPECT_THROW(run({entry("2.14")}), os::ExecuteException);
+}
+
 TEST_F(FirmwareJobHandlerTest, PlaceholdersAreExpandedHereAndThere) {
     server_.on("/00-0A-0B-0C-0D-0E.bin", fakes::HttpAnswer::ok("the image"));
     EXPECT_EQ(run({entry("2.14", false, "/%MACD.bin")}), 2);

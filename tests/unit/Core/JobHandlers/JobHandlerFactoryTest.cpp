@@ -1,5 +1,6 @@
 #include "Core/JobHandlers/JobHandlerFactory.h"
 
+#include "Core/ProvisioningWatchdog/ProvisioningWorker.h"
 #include "unit/Core/JobHandlers/HandlerFixture.h"
 
 namespace {
@@ -25,6 +26,35 @@ TEST_P(JobHandlerFactoryTest, MakesTheHandlerOfTheFirstRule) {
         EXPECT_EQ(handler->getName(), GetParam().handler);
         EXPECT_TRUE(phone_.log.lines().empty());
     }
+}
+
+/// An HTTP client that counts who takes its progress callback.
+class WatchedCurl : public zav::Curl {
+ public:
+    void setProgressCallback(ProgressCallback) override { ++changes; }
+    int changes = 0;
+};
+
+using ScenarioTest = tests::HandlerFixture;
+
+// The worker for its redirects would otherwise take the callback of the pass around it.
+TEST_F(ScenarioTest, LeavesTheProgressCallbackOfItsPassAlone) {
+    const auto curl = std::make_shared<WatchedCurl>();
+    const zav::JobDescription job{"custom", "step", {}};
+    EXPECT_NE(
+        zav::JobHandlerFactory::create(job, curl, phone_.security, phone_.properties, reader_, progress_, status_),
+        nullptr);
+    EXPECT_EQ(curl->changes, 0);
+}
+
+// A worker made on the thread of a pass is one for passes nested in it.
+TEST_F(ScenarioTest, ItsRedirectsStopWithThePassAroundThem) {
+    stop_->stop();
+    zav::ProvisioningWorker nested(phone_.properties, std::make_shared<zav::Curl>(), phone_.security);
+    nested.startProvisioning(server_.url("/provisioning.xml"));
+    EXPECT_TRUE(
+        phone_.log.waitFor(fakes::info("Core/ProvisioningWatchdog/ProvisioningWorker", "Provisioning Finished")));
+    EXPECT_TRUE(server_.requests().empty());
 }
 
 INSTANTIATE_TEST_SUITE_P(

@@ -141,6 +141,16 @@ TEST_F(JobHandlerTest, AFurtherJobWithoutAHandlerFailsInSilence) {
     EXPECT_EQ(phone_.log.lines(), Lines{warning("Core/JobHandlers/JobHandlerFactory", "Unknown job type !")});
 }
 
+TEST_F(JobHandlerTest, AFileWithTooManyItemsAppendsNothing) {
+    server_.on("/job.xml", fakes::HttpAnswer::ok(tests::provisioningFile("nvm", "1.0", "<file url=\"/x\"/>")));
+    usage_->items = zav::Pass::maximumItems;
+    std::vector<JobDescription> jobs{{"before", "x", {}}};
+    EXPECT_TRUE(make<PlainHandler>(job_)->downloadAndParse(server_.url("/job.xml"),
+                                                           "/var/volatile/provisioning/nvm/job.xml", jobs));
+    ASSERT_EQ(jobs.size(), 1U);
+    EXPECT_EQ(jobs[0].name, "before");
+}
+
 TEST_F(JobHandlerTest, AFileIsDownloadedVerifiedAndItsJobsAppended) {
     server_.on("/job.xml", fakes::HttpAnswer::ok(tests::provisioningFile("nvm", "1.0", "<file url=\"/x\"/>")));
     std::vector<JobDescription> jobs{{"before", "x", {}}};

@@ -73,6 +73,13 @@ TEST_F(ProvisioningFileParserTest, AnEncryptedFileIsDecryptedInPlace) {
     EXPECT_FALSE(tests::exists(path + ".tmp"));
 }
 
+TEST_F(ProvisioningFileParserTest, AShutdownEndsTheDecryption) {
+    const std::string content = tests::encrypted(tests::provisioningFile("provisioning", "1.1", ""));
+    stop_->stop();
+    parser(content);
+    EXPECT_EQ(tests::contentOf(path), content);
+}
+
 TEST_F(ProvisioningFileParserTest, AFileForAnotherKeyStaysAsItIs) {
     const std::string content = tests::encrypted(tests::provisioningFile("provisioning", "1.1", ""), "another");
     auto files = parser(content);

@@ -119,7 +119,7 @@ TEST_F(ReferringHandlersTest, ACategoriesResultIsItsLastJobs) {
     EXPECT_NE(document().find("\"jobStatus\" : \"fail\""), std::string::npos) << document();
 }
 
-TEST_F(ReferringHandlersTest, ACategoryKnowsNothingOfTheJobsOfTheOneBefore) {
+TEST_F(ReferringHandlersTest, ACategoryDoesNotSeeTheJobsOfTheOneBefore) {
     serve("/nvm.xml", "nvm", R"(<file version="none" url="/x"/>)");
     serve("/custom.xml", "custom", R"(<file version="none" url="/x"/>)");
     runMaster({{{"type", "nvm"}, {"url", "/nvm.xml"}}, {{"type", "custom"}, {"url", "/custom.xml"}}});
@@ -219,6 +219,8 @@ TEST_F(ReferringHandlersTest, AllFilesOfAPassShareOneBudgetOfItems) {
     usage_->items = zav::Pass::maximumItems - 3;
     EXPECT_EQ(runDownload({{{"url", "/two.xml"}}}), 2);
     EXPECT_EQ(runDownload({{{"url", "/two.xml"}}}), 0) << "one item too many";
+    serve("/one.xml", "settings", R"(<param name="A" value="3"/>)");
+    EXPECT_EQ(runDownload({{{"url", "/one.xml"}}}), 0) << "a file that is refused uses up what is left";
     EXPECT_TRUE(phone_.log.has(error("Core/JobHandlers/ProvisioningFileParser",
                                      "File /var/volatile/provisioning/nvm/two.xml brings the pass to more than "
                                      "1000000 items, none of its jobs will be started")));

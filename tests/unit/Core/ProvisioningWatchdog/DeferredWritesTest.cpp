@@ -134,6 +134,34 @@ TEST_F(DeferredWritesTest, ACancellationSparesOnlyTheWriteUnderWay) {
     EXPECT_EQ(written(), std::vector<std::string>{"first"});
 }
 
+// The write under way was cancelled meanwhile; what has been kept since is not it.
+TEST_F(DeferredWritesTest, AWriteKeptDuringACancelledOneIsMadeUpFor) {
+    auto ownedBySecond = std::make_shared<int>();
+    const std::weak_ptr<int> second = ownedBySecond;
+    std::atomic<bool> back{false};
+    std::promise<void> underWay;
+    std::promise<void> release;
+    writes_->write(Kind::result, [&] {
+        if (!back) throw propertyapi::PropertyOfflineException("away");
+        underWay.set_value();
+        release.get_future().wait();
+    });
+    writes_->write(Kind::result, [token = std::move(ownedBySecond)] {});
+    back = true;
+    underWay.get_future().wait();
+    std::thread canceller([&] { writes_->cancel(); });
+    while (!second.expired()) std::this_thread::yield();
+    bool first = true;
+    writes_->write(Kind::result, [&] {
+        if (std::exchange(first, false)) throw propertyapi::PropertyOfflineException("away again");
+        properties_.set("key", "later");
+    });
+    release.set_value();
+    canceller.join();
+    EXPECT_TRUE(properties_.waitForWrite("key", "later", std::chrono::seconds(10)));
+    writes_.reset();
+}
+
 TEST_F(DeferredWritesTest, ItsEndTriesOnceMore) {
     properties_.setOffline(true);
     write("a");

@@ -159,7 +159,13 @@ TEST_F(ExecuteTest, TheChildHasNoDescriptorsOfOurs) {
     EXPECT_NO_THROW(os::execute("test ! -e /proc/self/fd/" + std::to_string(high), seconds(10)));
     close(inherited);
     close(high);
+    const int input = dup(STDIN_FILENO);
+    const int zeros = open("/dev/zero", O_RDONLY | O_CLOEXEC);
+    dup2(zeros, STDIN_FILENO);
     EXPECT_NO_THROW(os::execute("test $(readlink /proc/self/fd/0) = /dev/null", seconds(10)));
+    dup2(input, STDIN_FILENO);
+    close(zeros);
+    close(input);
 }
 
 TEST_F(ExecuteTest, TheChildHasDefaultSignalHandling) {

@@ -37,8 +37,8 @@ TEST_F(DebugTest, LineHasTimeChannelLevelSourceAndText) {
 }
 
 TEST_F(DebugTest, TextFromOutsideCannotForgeALine) {
-    const std::string text = written([] { dbg::Debug::info() << std::string("a\nb\r\x1b[0m\0c", 9) << std::endl; });
-    EXPECT_NE(text.find("a\\nb\\r\\x1b[0m\\x00\n"), std::string::npos) << text;
+    const std::string text = written([] { dbg::Debug::info() << std::string("a\nb\r\x1b[0m\0\x7f", 10) << std::endl; });
+    EXPECT_NE(text.find("a\\nb\\r\\x1b[0m\\x00\\x7f\n"), std::string::npos) << text;
     EXPECT_EQ(std::count(text.begin(), text.end(), '\n'), 1);
 }
 
@@ -67,6 +67,7 @@ TEST_F(DebugTest, MaskSelectsTheLevels) {
     EXPECT_EQ(levels("2"), "w");
     EXPECT_EQ(levels("4"), "i");
     EXPECT_EQ(levels("0x3"), "ew");
+    EXPECT_EQ(levels("0X5"), "ei");
     EXPECT_EQ(levels("255"), "ewi");
     EXPECT_EQ(levels("0"), "");
 }

@@ -87,6 +87,14 @@ TEST_F(StallTimeout, EndsAStalledTransfer) {
     EXPECT_TRUE(namesIn(folder).empty());
 }
 
+// 64 KiB of it are enough.
+TEST_F(StallTimeout, IsNotReachedBehindALongErrorPage) {
+    const HttpAnswer page = HttpAnswer::error(404, std::string(200000, 'x'));
+    server.on("/a", page.stallingAfter(100000, std::make_shared<fakes::Gate>()));
+    EXPECT_EQ(fetch("/a"), ok);
+    EXPECT_EQ(curl->getHttpCode(), 404);
+}
+
 class Addresses : public Fixture {
  protected:
     // "dual" has an IPv6 and an IPv4 address, in this order.

@@ -274,6 +274,17 @@ TEST_F(Download, ReusesTheConnection) {
     EXPECT_EQ(server.requests().at(0).connection, server.requests().at(1).connection);
 }
 
+TEST_F(Download, IgnoresPasswordsOfTheHomeFolder) {
+    const char* const before = std::getenv("HOME");
+    const std::string home = before == nullptr ? "" : before;
+    ::setenv("HOME", folder.c_str(), 1);
+    writeFile(folder + "/.netrc", "machine 127.0.0.1 login somebody password secret\n");
+    server.on("/a.xml", HttpAnswer::ok("content"));
+    EXPECT_EQ(fetch("/a.xml"), ok);
+    ::setenv("HOME", home.c_str(), 1);
+    EXPECT_EQ(server.requests().at(0).header("Authorization"), "");
+}
+
 TEST_F(Download, IgnoresProxyVariables) {
     ASSERT_EQ(::setenv("http_proxy", "http://127.0.0.1:1", 1), 0);
     ASSERT_EQ(::setenv("ALL_PROXY", "http://127.0.0.1:1", 1), 0);

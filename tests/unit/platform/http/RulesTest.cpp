@@ -3,6 +3,7 @@
 #include <chrono>
 
 #include "ContentCoding.h"
+#include "Credentials.h"
 #include "FileVersion.h"
 #include "Pace.h"
 #include "ResumePlan.h"
@@ -90,6 +91,20 @@ TEST(ResumePlan, RetriesOnlyAfterAnInterruption) {
     for (const int result : {6, 35, 55, 52}) EXPECT_TRUE(ResumePlan::isRetryable(result)) << result;
     // Success, too large, not written, not trusted, an invalid range, too many redirects.
     for (const int result : {0, 63, 23, 60, 33, 47}) EXPECT_FALSE(ResumePlan::isRetryable(result)) << result;
+}
+
+TEST(SameServerRule, ComparesHostAndPortWithTheSchemesOwn) {
+    const auto same = [](const char* a, const char* b) { return zav::isSameServer(zav::UrlInfo(a), zav::UrlInfo(b)); };
+    EXPECT_TRUE(same("http://host/a", "http://host/b/c"));
+    EXPECT_TRUE(same("http://Host.Example/", "http://hOST.eXAMPLE/"));
+    EXPECT_TRUE(same("http://host", "http://host:80"));
+    EXPECT_TRUE(same("https://host:443", "https://host"));
+    EXPECT_TRUE(same("http://host:443", "https://host"));
+    EXPECT_FALSE(same("http://host", "https://host"));
+    EXPECT_FALSE(same("http://host", "http://host:8080"));
+    EXPECT_FALSE(same("https://host", "https://host:80"));
+    EXPECT_FALSE(same("http://host", "http://host.example"));
+    EXPECT_FALSE(same("http://[::1]", "http://[::2]"));
 }
 
 struct CodingRow {

@@ -51,6 +51,10 @@ TEST_F(SizeLimit, OfProvisioningFilesIsSixteenMebibytes) {
     EXPECT_EQ(std::filesystem::file_size(target), 16 * mebibyte);
 }
 
+TEST_F(SizeLimit, OfAnyOtherPlaceIsSixteenMebibytesToo) {
+    EXPECT_EQ(fetch(announcing(16 * mebibyte + 1), "/tmp/limit.xml"), tooLarge);
+}
+
 TEST_F(SizeLimit, OfPhoneBooksIsSixtyFourMebibytes) {
     server.on("/fits", HttpAnswer::ok(std::string(17 * mebibyte, 'b')));
     EXPECT_EQ(fetch(server.url("/fits"), phoneBook), ok);

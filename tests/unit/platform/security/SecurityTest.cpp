@@ -84,6 +84,12 @@ TEST_F(Security, KeepsTheValidCertificatesOfADamagedBundle) {
     EXPECT_EQ(security.trustedCertificates()->count(), count + 1);
 }
 
+TEST_F(Security, CountsASingleDamagedEntry) {
+    writeFile(phoneBundle, "-----BEGIN CERTIFICATE-----\nbm90IG9uZQ==\n-----END CERTIFICATE-----\n");
+    const std::string log = logOf([this] { security.reloadCertificates(); });
+    EXPECT_NE(log.find(std::string(phoneBundle) + ": 1 damaged entries, ignored"), std::string::npos) << log;
+}
+
 TEST_F(Security, IgnoresABundleWithoutCertificates) {
     const auto before = security.trustedCertificates();
     for (const std::string text : {"", "not a certificate", "-----BEGIN CERTIFICATE-----"}) {
