@@ -13,11 +13,19 @@ target_compile_options(zav_options INTERFACE
   -Wformat=2            # format strings from variables
   -Wundef               # a macro that silently reads as 0
   $<$<CXX_COMPILER_ID:Clang>:-Wthread-safety>  # a guarded member that is touched without its mutex
-  # Log lines carry the source's path below src/, platform code below the root; never this machine's folders.
-  -fmacro-prefix-map=${CMAKE_SOURCE_DIR}/=
-  -fmacro-prefix-map=${CMAKE_SOURCE_DIR}/src/=
 )
 if(CMAKE_CXX_COMPILER_ID STREQUAL GNU AND CMAKE_CXX_FLAGS MATCHES "-fsanitize")
   # With the sanitizer's checks in between, g++ sees paths that do not exist.
   target_compile_options(zav_options INTERFACE -Wno-maybe-uninitialized)
+endif()
+
+# Log lines carry the source's path below src/, platform code below the root; never this machine's folders. For g++ a
+# distribution's -ffile-prefix-map beats -fmacro-prefix-map in whatever order; only another one beats it.
+if(CMAKE_CXX_COMPILER_ID STREQUAL GNU AND CMAKE_CXX_FLAGS MATCHES "-ffile-prefix-map")
+  target_compile_options(zav_options INTERFACE
+    -ffile-prefix-map=${CMAKE_SOURCE_DIR}/= -ffile-prefix-map=${CMAKE_SOURCE_DIR}/src/=
+    -fdebug-prefix-map=${CMAKE_SOURCE_DIR}=.)
+else()
+  target_compile_options(zav_options INTERFACE
+    -fmacro-prefix-map=${CMAKE_SOURCE_DIR}/= -fmacro-prefix-map=${CMAKE_SOURCE_DIR}/src/=)
 endif()

@@ -1,11 +1,12 @@
 """Every way to configure this tree that people and distributions use: it configures, and what it changes compiles."""
 
 import os
+import re
 import shutil
 import subprocess
 import unittest
 
-from configure import Build, WARNINGS_ARE_ERRORS
+from configure import Build, ROOT, WARNINGS_ARE_ERRORS
 
 RELEASE = "-DCMAKE_BUILD_TYPE=Release"
 ONLY_PROGRAMS = "-DBUILD_TESTING=OFF"
@@ -15,6 +16,7 @@ PRODUCT = {"platform", "services", "src", "tools"}
 # Small, and it calls what _FORTIFY_SOURCE replaces.
 LIBRARY = "common"
 SOURCE = "platform/common/src/Execute.cpp"
+LOGGING_OBJECT = "src/CMakeFiles/zavcore.dir/Core/ProvisioningTimer.cpp.o"
 
 
 def fortification(words):
@@ -24,8 +26,8 @@ def fortification(words):
 def distribution_flags():
     def flags(name):
         environment = {**os.environ, "DEB_BUILD_MAINT_OPTIONS": "hardening=+all"}
-        return subprocess.run(["dpkg-buildflags", "--get", name], env=environment, capture_output=True, text=True,
-                              check=True).stdout.strip()
+        return subprocess.run(["dpkg-buildflags", "--get", name], cwd=ROOT, env=environment, capture_output=True,
+                              text=True, check=True).stdout.strip()
     return {"CXXFLAGS": f"{flags('CXXFLAGS')} {flags('CPPFLAGS')}", "LDFLAGS": flags("LDFLAGS")}
 
 
@@ -83,6 +85,24 @@ class Fortification(unittest.TestCase):
         self.assertTrue(expected)
         for build_type in ("None", "Release"):
             self.assertEqual(self.setting(f"-DCMAKE_BUILD_TYPE={build_type}", **flags), expected)
+
+
+class LogLines(unittest.TestCase):
+    """The paths of sources in log lines begin below src/."""
+
+    def paths(self, **environment):
+        build = Build(ONLY_PROGRAMS, "-DCMAKE_BUILD_TYPE=None", environment=environment)
+        build.compile(LOGGING_OBJECT)
+        return set(re.findall(rb"[^\0]*ProvisioningTimer\.cpp(?=\0)", (build.folder / LOGGING_OBJECT).read_bytes()))
+
+    def test_by_default(self):
+        self.assertIn(b"Core/ProvisioningTimer.cpp", self.paths())
+
+    @unittest.skipUnless(shutil.which("dpkg-buildflags"), "not a Debian machine")
+    def test_with_a_distributions_flags(self):
+        flags = distribution_flags()
+        self.assertIn("-ffile-prefix-map", flags["CXXFLAGS"])
+        self.assertIn(b"Core/ProvisioningTimer.cpp", self.paths(**flags))
 
 
 class Compilers(unittest.TestCase):

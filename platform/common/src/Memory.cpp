@@ -14,6 +14,7 @@ namespace common {
 
 void useOneHeap() {
 #if ZAV_GLIBC_HEAP
+    // NOLINTNEXTLINE(concurrency-mt-unsafe): there is no other thread yet
     mallopt(M_ARENA_MAX, 1);
 #endif
 }
