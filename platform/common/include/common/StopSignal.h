@@ -2,8 +2,8 @@
 #pragma once
 
 #include <chrono>
-#include <condition_variable>
-#include <mutex>
+
+#include "common/ThreadSafety.h"
 
 namespace common {
 
@@ -20,37 +20,37 @@ class StopSignal {
     /// Starts the grace period and ends all waits, for good. Further calls do nothing.
     void stop() {
         {
-            const std::lock_guard<std::mutex> lock(mutex_);
+            const LockGuard lock(mutex_);
             if (stopped_) return;
             stopped_ = true;
             stoppedAt_ = Clock::now();
         }
-        changed_.notify_all();
+        changed_.notifyAll();
     }
 
     bool isStopped() const {
-        const std::lock_guard<std::mutex> lock(mutex_);
+        const LockGuard lock(mutex_);
         return stopped_;
     }
 
     /// Whether the grace period is over: running work must end now.
     bool isOverdue(Clock::time_point now = Clock::now()) const {
-        const std::lock_guard<std::mutex> lock(mutex_);
+        const LockGuard lock(mutex_);
         return stopped_ && now - stoppedAt_ >= grace_;
     }
 
     /// Waits for stop(), up to `duration`. Returns whether it was called.
     bool waitFor(std::chrono::milliseconds duration) {
-        std::unique_lock<std::mutex> lock(mutex_);
-        return changed_.wait_for(lock, duration, [this] { return stopped_; });
+        const LockGuard lock(mutex_);
+        return changed_.waitFor(mutex_, duration, [this]() REQUIRES(mutex_) { return stopped_; });
     }
 
  private:
     const std::chrono::milliseconds grace_ = grace;
-    mutable std::mutex mutex_;
-    std::condition_variable changed_;
-    bool stopped_ = false;         // guarded by mutex_
-    Clock::time_point stoppedAt_;  // guarded by mutex_
+    mutable Mutex mutex_;
+    ConditionVariable changed_;
+    bool stopped_ GUARDED_BY(mutex_) = false;
+    Clock::time_point stoppedAt_ GUARDED_BY(mutex_);
 };
 
 }  // namespace common
