@@ -39,7 +39,7 @@ class Source {
     Json::Value root() const {
         Json::CharReaderBuilder builder;
         Json::CharReaderBuilder::strictMode(&builder.settings_);
-        builder["stackLimit"] = maxNesting;
+        builder["stackLimit"] = propertyprotocol::maxNesting;
         const std::unique_ptr<Json::CharReader> reader(builder.newCharReader());
         Json::Value root;
         std::string errors;

@@ -8,10 +8,10 @@
 namespace propertyservice {
 
 using propertyprotocol::maxImportBytes;
+using propertyprotocol::maxNesting;
 using propertyprotocol::maxRequestBytes;
 using propertyprotocol::maxValueBytes;
 
-inline constexpr int maxNesting = 32;
 /// Commas and opening brackets of one request, and of an import: parsed, each takes a hundred times its byte.
 inline constexpr std::size_t maxParts = 1000;
 inline constexpr std::size_t maxImportParts = 200000;

@@ -1,4 +1,4 @@
-// Sizes in bytes that the property service accepts.
+// Limits of what the property service accepts. Sizes are in bytes.
 #pragma once
 
 #include <cstddef>
@@ -13,5 +13,8 @@ inline constexpr std::size_t maxRequestBytes = 1024 * 1024;
 
 /// Of an import, which may hold all settings. An MQTT packet has at most 16 MiB.
 inline constexpr std::size_t maxImportBytes = 15 * 1024 * 1024;
+
+/// Levels of a JSON text.
+inline constexpr int maxNesting = 32;
 
 }  // namespace propertyprotocol
