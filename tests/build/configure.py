@@ -61,8 +61,9 @@ class Build:
         return None
 
     def parts(self):
-        """The tree's folders that are compiled."""
-        return {pathlib.Path(entry["file"]).relative_to(ROOT).parts[0] for entry in self._commands()}
+        """The tree's folders that are compiled. Generated sources are in none of them."""
+        files = (pathlib.Path(entry["file"]) for entry in self._commands())
+        return {file.relative_to(ROOT).parts[0] for file in files if file.is_relative_to(ROOT)}
 
     def _commands(self):
         return json.loads((self.folder / "compile_commands.json").read_text())

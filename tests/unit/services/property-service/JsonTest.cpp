@@ -22,7 +22,7 @@ class JsonRequest : public testing::Test {
  protected:
     std::string answer(const std::string& topic, const std::string& payload) {
         const auto messages = service_.handle({{topic, payload, "me/reply", "", 0}});
-        return messages.empty() ? "no answer" : messages.front().payload;
+        return messages.empty() ? "no answer" : messages.back().payload;  // behind the changes
     }
     bool isRefused(const std::string& topic, const std::string& payload) {
         const std::string text = answer(topic, payload);

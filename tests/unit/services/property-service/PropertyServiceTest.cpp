@@ -118,7 +118,7 @@ TEST_F(Service, ChangeTopicsNameTheGroupInLowerCase) {
 
 TEST_F(Service, ChangeTopicsHaveEveryLetterInLowerCase) {
     EXPECT_THAT(handle({set("ZAzaZ.09", "x")}),
-                ElementsAre(answer("ZAzaZ.09", "x"), change("prop-service-zazaz/ZAzaZ.09", "ZAzaZ.09", "x")));
+                ElementsAre(change("prop-service-zazaz/ZAzaZ.09", "ZAzaZ.09", "x"), answer("ZAzaZ.09", "x")));
 }
 
 TEST_F(Service, AnEqualValueIsPublishedAgainAndNotWrittenAgain) {

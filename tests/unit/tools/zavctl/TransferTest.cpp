@@ -52,8 +52,9 @@ class ServiceBus final : public ipc::IIPCClient {
     std::string request(const std::string& topic, const std::string& payload, const std::string&,
                         std::chrono::milliseconds) override {
         const auto messages = service_->handle({{topic, payload, "me", "1", 0}});
-        for (std::size_t index = 1; index < messages.size(); ++index) changes.push_back(messages[index].payload);
-        return messages.at(0).payload;
+        for (const auto& message : messages) changes.push_back(message.payload);
+        changes.pop_back();  // the answer
+        return messages.back().payload;
     }
 
     std::vector<std::string> changes;
