@@ -5,11 +5,11 @@
 #include <netinet/in.h>
 #include <sys/socket.h>
 #include <sys/time.h>
-#include <unistd.h>
 
 #include <chrono>
 #include <memory>
 
+#include "common/Descriptor.h"
 #include "common/Execute.h"
 #include "common/Filesystem.h"
 #include "debug/Debug.h"
@@ -70,12 +70,11 @@ bool isNetworkInterfaceUp() {
 
 bool canConnect(const addrinfo* addresses, const std::string& host) {
     for (const addrinfo* address = addresses; address != nullptr; address = address->ai_next) {
-        const int socket = ::socket(address->ai_family, address->ai_socktype | SOCK_CLOEXEC, address->ai_protocol);
-        if (socket < 0) continue;
-        setsockopt(socket, SOL_SOCKET, SO_SNDTIMEO, &connectTimeout, sizeof connectTimeout);
-        const bool connected = ::connect(socket, address->ai_addr, address->ai_addrlen) == 0;
-        ::close(socket);
-        if (connected) {
+        const common::Descriptor socket(
+            ::socket(address->ai_family, address->ai_socktype | SOCK_CLOEXEC, address->ai_protocol));
+        if (socket.get() < 0) continue;
+        setsockopt(socket.get(), SOL_SOCKET, SO_SNDTIMEO, &connectTimeout, sizeof connectTimeout);
+        if (::connect(socket.get(), address->ai_addr, address->ai_addrlen) == 0) {
             dbg::Debug::info() << "Successfully connected to " << host << std::endl;
             return true;
         }

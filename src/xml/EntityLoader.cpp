@@ -6,7 +6,6 @@
 #include <libxml/parserInternals.h>
 #include <libxml/xmlIO.h>
 #include <libxml/xmlerror.h>
-#include <unistd.h>
 
 namespace zav::xml {
 
@@ -14,7 +13,7 @@ namespace {
 
 struct Document {
     const std::string* path = nullptr;
-    int file = -1;  // -1: owned by libxml2
+    common::Descriptor* file = nullptr;  // empty once libxml2 has taken it over
     unsigned nodes = 0;
 };
 
@@ -85,8 +84,8 @@ void keepFirstText(void* context, const xmlChar* text, int length) {
 }  // namespace
 
 _xmlParserInput* loadOnlyTheDocument(const char* url, const char*, _xmlParserCtxt* context) {
-    const bool isDocument =
-        document.file >= 0 && url != nullptr && context != nullptr && *document.path == url && context->sax != nullptr;
+    const bool isDocument = document.file != nullptr && document.file->get() >= 0 && url != nullptr &&
+                            context != nullptr && *document.path == url && context->sax != nullptr;
     if (!isDocument) return nullptr;
     // Nothing has been parsed yet, so the handlers see the whole document.
     context->sax->entityDecl = refuseEntity;
@@ -101,22 +100,21 @@ _xmlParserInput* loadOnlyTheDocument(const char* url, const char*, _xmlParserCtx
     context->options |= XML_PARSE_COMPACT;  // stores short attribute values without an allocation
     xmlDictSetLimit(context->dict, maximumNameBytes);
 
-    xmlParserInputBufferPtr buffer = xmlParserInputBufferCreateFd(document.file, XML_CHAR_ENCODING_NONE);
+    xmlParserInputBufferPtr buffer = xmlParserInputBufferCreateFd(document.file->get(), XML_CHAR_ENCODING_NONE);
     if (buffer == nullptr) return nullptr;
-    document.file = -1;  // closed with the buffer
+    static_cast<void>(document.file->release());  // closed with the buffer
     xmlParserInputPtr input = xmlNewIOInputStream(context, buffer, XML_CHAR_ENCODING_NONE);
     if (input == nullptr) xmlFreeParserInputBuffer(buffer);
     return input;
 }
 
-DocumentScope::DocumentScope(const std::string& path, int file) {
-    document = {&path, file, 0};
+DocumentScope::DocumentScope(const std::string& path, common::Descriptor& file) {
+    document = {&path, &file, 0};
     xmlSetStructuredErrorFunc(nullptr, swallowError);
 }
 
 DocumentScope::~DocumentScope() {
     xmlSetStructuredErrorFunc(nullptr, nullptr);
-    if (document.file >= 0) close(document.file);
     document = {};
 }
 

@@ -3,6 +3,8 @@
 
 #include <string>
 
+#include "common/Descriptor.h"
+
 struct _xmlParserCtxt;
 struct _xmlParserInput;
 
@@ -18,11 +20,11 @@ _xmlParserInput* loadOnlyTheDocument(const char* url, const char* id, _xmlParser
 /// Elements, attributes, comments and similar together. Enough for 250,000 items with four attributes.
 constexpr unsigned maximumNodes = 1250000;
 
-/// While it exists, libxml2 may read only `file` on this thread, under the name `path`, and prints no errors.
+/// While it exists, libxml2 may read only `file` on this thread, under the name `path`, and prints no errors. Both must
+/// outlive it; libxml2 takes the descriptor over when it opens the document.
 class DocumentScope {
  public:
-    /// Takes ownership of the descriptor.
-    DocumentScope(const std::string& path, int file);
+    DocumentScope(const std::string& path, common::Descriptor& file);
     ~DocumentScope();
     DocumentScope(const DocumentScope&) = delete;
     DocumentScope& operator=(const DocumentScope&) = delete;

@@ -4,7 +4,6 @@
 #include <libxml/parser.h>
 #include <libxml/tree.h>
 #include <sys/stat.h>
-#include <unistd.h>
 
 #include "xml/EntityLoader.h"
 
@@ -16,16 +15,10 @@ std::string text(const xmlChar* string) {
     return string == nullptr ? std::string() : std::string(reinterpret_cast<const char*>(string));
 }
 
-// Returns -1 unless the path is a regular file of acceptable size.
-int openDocument(const std::string& path) {
-    const int file = open(path.c_str(), O_RDONLY | O_NOFOLLOW | O_NONBLOCK | O_CLOEXEC);
-    if (file < 0) return -1;
+// Whether the descriptor is a regular file of acceptable size.
+bool isDocument(int file) {
     struct stat status {};
-    if (fstat(file, &status) == 0 && S_ISREG(status.st_mode) && status.st_size <= XMLReader::maximumFileSize) {
-        return file;
-    }
-    close(file);
-    return -1;
+    return fstat(file, &status) == 0 && S_ISREG(status.st_mode) && status.st_size <= XMLReader::maximumFileSize;
 }
 
 }  // namespace
@@ -34,7 +27,8 @@ XMLReader::~XMLReader() { xmlFreeDoc(document_); }
 
 bool XMLReader::load(const std::string& path) {
     release();
-    if (const int file = openDocument(path); file >= 0) {
+    common::Descriptor file(open(path.c_str(), O_RDONLY | O_NOFOLLOW | O_NONBLOCK | O_CLOEXEC));
+    if (file.get() >= 0 && isDocument(file.get())) {
         const xml::DocumentScope scope(path, file);
         document_ = xmlParseFile(path.c_str());
     }
