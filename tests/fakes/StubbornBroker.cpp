@@ -45,7 +45,8 @@ std::string text(const std::string& value) {
 
 }  // namespace
 
-StubbornBroker::StubbornBroker() : wakeup_(eventfd(0, EFD_NONBLOCK | EFD_CLOEXEC)) {
+StubbornBroker::StubbornBroker(std::uint16_t receiveMaximum)
+    : wakeup_(eventfd(0, EFD_NONBLOCK | EFD_CLOEXEC)), receiveMaximum_(receiveMaximum) {
     listener_ = socket(AF_INET, SOCK_STREAM | SOCK_CLOEXEC, 0);
     sockaddr_in address{};
     address.sin_family = AF_INET;
@@ -182,7 +183,9 @@ std::size_t StubbornBroker::takePacket(const std::string& bytes) {
 void StubbornBroker::answer(int first, const std::string& body) {
     switch (first >> 4) {
         case connect:
-            output_ += packet(connack << 4, std::string(3, '\0'));
+            // Accepted, with one property of three bytes: the receive maximum.
+            output_ += packet(connack << 4, std::string("\0\0\x03\x21", 4) + static_cast<char>(receiveMaximum_ / 256) +
+                                                static_cast<char>(receiveMaximum_ % 256));
             break;
         case subscribe:
             subscriptions_.push_back(body.substr(0, 2));

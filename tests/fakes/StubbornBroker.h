@@ -14,7 +14,8 @@ namespace fakes {
 /// Speaks just enough MQTT v5 by hand: it accepts the connection and every subscription. Ends with the destructor.
 class StubbornBroker {
  public:
-    StubbornBroker();
+    /// `receiveMaximum` is how many unacknowledged messages with quality of service 1 the client may have sent.
+    explicit StubbornBroker(std::uint16_t receiveMaximum = 65535);
     StubbornBroker(const StubbornBroker&) = delete;
     StubbornBroker& operator=(const StubbornBroker&) = delete;
     ~StubbornBroker();
@@ -59,6 +60,7 @@ class StubbornBroker {
     void acceptSubscriptions();
 
     const int wakeup_;
+    const std::uint16_t receiveMaximum_;
     int port_ = 0;
     int listener_ = -1;
     std::atomic<std::size_t> toSend_{0};

@@ -21,6 +21,8 @@ using Clock = PassFollower::Clock;
 
 constexpr std::chrono::seconds settling{2};
 constexpr std::chrono::seconds look{1};
+// The look for a reason must not delay the exit when the property service hangs.
+constexpr std::chrono::milliseconds reasonTime{500};
 
 std::string seconds(std::chrono::milliseconds duration) {
     char text[32];
@@ -61,18 +63,24 @@ class ProgressLine {
     const bool shown_;
 };
 
-// Why a pass that was asked for may not have begun.
+// Why a requested pass may not have begun.
 std::string likelyReason(Session& session, const PassFollower& follower) {
     if (follower.isBehindEarlierPass()) {
         return "another pass is running; the one asked for begins when it has ended";
     }
-    if (tryGet(session.properties(), "System.Provision.ProvisioningServer") == std::optional<std::string>("")) {
-        return "no server is set; zavctl set System.Provision.ProvisioningServer URL sets it";
-    }
-    const std::optional<std::string> bootPass = tryGet(session.properties(), "State.Provisioning.OnBootUp");
-    if (bootPass && *bootPass != "done") {
-        return "zavd has not enabled provisioning since the phone's start (it waits until the network has been up for "
-               "90 s), or is not running";
+    session.limitRequests(reasonTime);
+    try {
+        propertyapi::IPropertyApi& properties = session.properties();
+        if (properties.get("System.Provision.ProvisioningServer").empty()) {
+            return "no server is set; zavctl set System.Provision.ProvisioningServer URL sets it";
+        }
+        if (properties.get("State.Provisioning.OnBootUp") != "done") {
+            return "zavd has not enabled provisioning since the phone's start (it waits until the network has been up "
+                   "for 90 s), or is not running";
+        }
+    } catch (const propertyapi::PropertyNotFoundException&) {  // a phone without boot-up provisioning
+    } catch (const propertyapi::PropertyException&) {
+        return "the property service does not answer";
     }
     return "zavd is not running, or was restarted and waits until the network has been up for 90 s, or the server's "
            "URL is wrong; its log says which";
@@ -113,6 +121,7 @@ std::string follow(const Environment& environment, const Options& options, Sessi
         if (follower.passBegan() || follower.heldBack()) continue;
         const std::string reason = likelyReason(session, follower);
         progress.clear();
+        if (const std::string lost = follower.lost(); !lost.empty()) failLost(lost);
         environment.err << "zavctl: no provisioning pass has begun yet: " << reason << std::endl;
     }
 }

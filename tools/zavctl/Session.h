@@ -3,6 +3,7 @@
 
 #include <json/value.h>
 
+#include <chrono>
 #include <functional>
 #include <memory>
 #include <string>
@@ -24,6 +25,8 @@ class Session {
     /// Before `connect`; the callback must outlive the session.
     void subscribe(const std::string& topicFilter, ipc::IIPCCallback& callback);
     void connect();
+    /// From now on no request takes longer.
+    void limitRequests(std::chrono::milliseconds limit) { bus_->limitRequests(limit); }
     propertyapi::IPropertyApi& properties() { return *properties_; }
 
     /// Sends a request that the property client does not know: describe, import. Throws a Failure for an error answer.

@@ -91,8 +91,8 @@ bool Connection::publish(const Message& message) {
         throw IPCException("Too many messages wait for the broker");
     }
     if (isKept) {
-        enqueue(message, false);
-        if (outbox_.dropRefused()) {
+        if (!enqueue(message, false)) {
+            outbox_.dropRefused();
             throw IPCException("The broker takes no such message: \"" + std::string(message.topic) + "\"");
         }
         return true;
@@ -105,9 +105,10 @@ bool Connection::publish(const Message& message) {
     return result == MOSQ_ERR_SUCCESS;
 }
 
-void Connection::enqueue(const Message& message, bool retain) {
+bool Connection::enqueue(const Message& message, bool retain) {
     Outbox::Entry& entry = outbox_.add(message, retain);
     if (isUp()) send(entry);
+    return entry.identifier != Outbox::Entry::refused;
 }
 
 void Connection::send(Outbox::Entry& entry) {

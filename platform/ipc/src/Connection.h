@@ -144,7 +144,8 @@ class Connection : private LinkListener {
     void subscribed(int identifier, const std::string& refusal) override;
     bool arrived(const Incoming& message) override;
 
-    void enqueue(const Message& message, bool retain) REQUIRES(mutex_);
+    /// False if MQTT does not allow the message: it will never be sent.
+    bool enqueue(const Message& message, bool retain) REQUIRES(mutex_);
     void send(Outbox::Entry& entry) REQUIRES(mutex_);
     void sendSubscription(std::uint32_t identifier) REQUIRES(mutex_);
     void noteWritten(std::size_t bytes) REQUIRES(mutex_);

@@ -174,6 +174,7 @@ void Connection::serve(short events) {
 void Connection::beginSubscribing() {
     state_ = State::subscribing;
     if (best_ == Best::nothing) best_ = Best::accepted;
+    outbox_.limitUnacknowledged(link_->receiveMaximum());
     for (const auto& each : subscriptions_.all()) sendSubscription(each.first);
     // The presence of an earlier connection is out of date, and "online" would come before we can be asked.
     if (!options_.statusTopic.empty()) outbox_.dropTopic(options_.statusTopic);

@@ -177,6 +177,7 @@ void Link::onConnect(mosquitto*, void* self, int reason, int, const mosquitto_pr
     std::uint8_t allowed = 1;
     mosquitto_property_read_byte(properties, MQTT_PROP_SUBSCRIPTION_ID_AVAILABLE, &allowed, false);
     link.identifiersAllowed_ = allowed != 0;
+    mosquitto_property_read_int16(properties, MQTT_PROP_RECEIVE_MAXIMUM, &link.receiveMaximum_, false);
     link.stage_ = Stage::accepted;
 }
 

@@ -75,6 +75,8 @@ class Link {
     void unsubscribe(const std::string& filter);
     /// The goodbye; with `will` the broker publishes the last will all the same.
     void disconnect(bool will);
+    /// Messages with quality of service 1 that may be unacknowledged at once; libmosquitto keeps back the others.
+    std::size_t receiveMaximum() const { return receiveMaximum_; }
     bool isBehind() const { return mosquitto_want_write(handle_.get()); }
 
     // ---- the loop of the network thread: wait for the descriptor, then one round ----
@@ -114,7 +116,8 @@ class Link {
     std::string failure_;
     BackOff::Loss loss_ = BackOff::Loss::plain;
     bool closedByPeer_ = false;
-    bool identifiersAllowed_ = true;  // the broker takes subscription identifiers
+    bool identifiersAllowed_ = true;     // the broker takes subscription identifiers
+    std::uint16_t receiveMaximum_ = 20;  // libmosquitto's own limit if the broker names none
     Clock::time_point nextUpkeep_;
 
     // Of the round in hand.

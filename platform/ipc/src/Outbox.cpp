@@ -61,7 +61,8 @@ void Outbox::noteAllSent() {
 
 Congestion Outbox::congestion() const {
     if (unsent_ >= maxWaiting / 2 || unsentBytes_ >= manyBytes) return Congestion::unsent;
-    if (entries_.size() >= maxWaiting / 2 || bytes_ >= manyBytes) return Congestion::unacknowledged;
+    const std::size_t most = std::min(maxWaiting / 2, unacknowledgedLimit_);
+    if (entries_.size() >= most || bytes_ >= manyBytes) return Congestion::unacknowledged;
     return Congestion::none;
 }
 

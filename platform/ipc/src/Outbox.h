@@ -21,7 +21,7 @@ class Outbox {
  public:
     /// Messages that may wait for the broker, and packets that may wait for the socket.
     static constexpr std::size_t maxWaiting = 10000;
-    /// From half of these messages, or from these bytes, on a bulk sender must wait.
+    /// From half of these messages, from these bytes, or from limitUnacknowledged on, a bulk sender must wait.
     static constexpr std::size_t manyBytes = std::size_t{4} * 1024 * 1024;
 
     /// A message moves from `unsent` to a message identifier of the connection, or to `refused` and then out.
@@ -64,6 +64,9 @@ class Outbox {
     std::size_t unsent() const { return unsent_; }
     bool isSocketFull() const { return unsent_ >= maxWaiting; }
 
+    /// The broker takes no more messages than these before it acknowledges one: what is published beyond them waits,
+    /// while messages with quality of service 0 would overtake it.
+    void limitUnacknowledged(std::size_t most) { unacknowledgedLimit_ = most; }
     Congestion congestion() const;
 
  private:
@@ -72,6 +75,7 @@ class Outbox {
 
     std::deque<Entry> entries_;
     std::size_t bytes_ = 0;
+    std::size_t unacknowledgedLimit_ = maxWaiting / 2;
     std::size_t unsent_ = 0;  // packets since the socket last took everything
     std::size_t unsentBytes_ = 0;
 };

@@ -138,6 +138,7 @@ void Service::handleSome() noexcept {
 bool Service::send() {
     if (outbox_.size() > 1) connection_->sendTogether();
     for (; !outbox_.empty(); outbox_.pop_front()) {
+        // Beyond what the broker takes at once an answer would overtake the change that comes before it.
         if (connection_->congestion() != Congestion::none) return false;
         OutgoingMessage& message = outbox_.front();
         if (message.topic.empty()) continue;  // the answer to a request that wanted none

@@ -96,6 +96,17 @@ TEST(Outbox, IsCongestedWithHalfOfThatUntilTheyAreSettled) {
     EXPECT_EQ(outbox.congestion(), Congestion::none);
 }
 
+TEST(Outbox, IsCongestedWithWhatTheBrokerTakesAtOnce) {
+    Outbox outbox;
+    outbox.limitUnacknowledged(2);
+    outbox.add(message("t"), false).identifier = 1;
+    EXPECT_EQ(outbox.congestion(), Congestion::none);
+    outbox.add(message("t"), false).identifier = 2;
+    EXPECT_EQ(outbox.congestion(), Congestion::unacknowledged);
+    outbox.settle(1);
+    EXPECT_EQ(outbox.congestion(), Congestion::none);
+}
+
 TEST(Outbox, IsCongestedWithFourMebibytesWhateverHoldsThem) {
     const std::string most(Outbox::manyBytes - 4, 'x');
     for (const bool inCorrelationData : {false, true}) {

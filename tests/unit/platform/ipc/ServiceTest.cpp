@@ -1,9 +1,11 @@
 #include <gtest/gtest.h>
 
+#include <algorithm>
 #include <atomic>
 #include <chrono>
 #include <future>
 #include <stdexcept>
+#include <string>
 #include <thread>
 
 #include "BusFixtures.h"
@@ -223,6 +225,37 @@ TEST(Service, SendsInTheOrderOfTheList) {
     for (size_t i = 0; i < times; ++i) expected.insert(expected.end(), {"test-changes", "test-answers"});
     EXPECT_TRUE(eventually([&] { return broker.published().size() >= expected.size(); }));
     EXPECT_EQ(broker.published(), expected);
+}
+
+// Beyond the receive maximum libmosquitto keeps messages with quality of service 1 back, and others overtake them.
+TEST(Service, NeverSendsAnAnswerBeforeItsChange) {
+    fakes::StubbornBroker broker(20);
+    std::atomic<int> handled{0};
+    EchoService service(broker.address(), [&handled](const std::vector<ipc::ServiceRequest>& requests) {
+        std::vector<ipc::OutgoingMessage> messages;
+        for (std::size_t i = 0; i < requests.size(); ++i) {
+            const std::string number = std::to_string(++handled);
+            messages.push_back({"change/" + number, "", "", 1});
+            messages.push_back({"answer/" + number, "", "", 0});
+        }
+        return messages;
+    });
+    constexpr int sets = 200;
+    broker.send("test-service/ask", "set", sets);
+    ASSERT_TRUE(eventually([&] { return broker.owed() >= 20; }));
+    broker.giveIn();
+    const auto isAnswered = [&broker] {
+        const auto topics = broker.published();
+        return std::find(topics.begin(), topics.end(), "answer/" + std::to_string(sets)) != topics.end();
+    };
+    ASSERT_TRUE(eventually(isAnswered));
+    const auto topics = broker.published();
+    const auto placeOf = [&topics](const std::string& topic) { return std::find(topics.begin(), topics.end(), topic); };
+    for (int set = 1; set <= sets; ++set) {
+        const std::string number = std::to_string(set);
+        EXPECT_LT(placeOf("change/" + number), placeOf("answer/" + number)) << number;
+        EXPECT_NE(placeOf("answer/" + number), topics.end()) << number;
+    }
 }
 
 TEST(Service, IsNotCutOffForATopicTooDeep) {

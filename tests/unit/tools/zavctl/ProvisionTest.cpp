@@ -83,6 +83,12 @@ TEST_F(Provision, TimeOutNamesAMissingServer) {
     EXPECT_THAT(phone.json()["reason"].asString(), HasSubstr("no server is set; zavctl set System.Provision"));
 }
 
+TEST_F(Provision, TimeOutNamesAPropertyServiceThatDoesNotAnswer) {
+    phone.properties->onWrite([this](const fakes::PropertyWrite&) { phone.properties->setOffline(true); });
+    EXPECT_EQ(phone.run({"provision", "--wait", "--timeout", "0.05", "--json"}), ExitCode::timedOut);
+    EXPECT_THAT(phone.json()["reason"].asString(), HasSubstr("the property service does not answer"));
+}
+
 TEST_F(Provision, TimeOutOfAPassThatGoesOnSaysSo) {
     phone.properties->onWrite([this](const fakes::PropertyWrite& write) {
         phone.publish(write);
