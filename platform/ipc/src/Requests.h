@@ -48,7 +48,7 @@ class Requests {
 
     /// The first attempt to connect begins.
     void connecting() EXCLUDES(mutex_);
-    /// There was and will be no connection: nobody waits for one.
+    /// The first attempt failed and is the last: later requests do not wait for a connection.
     void connectFailed() EXCLUDES(mutex_);
     void connected() EXCLUDES(mutex_);
     void connectionLost() EXCLUDES(mutex_);

@@ -51,8 +51,8 @@ class Database {
     /// Writes a copy to the file, which must be empty, after it has checked every row. Returns the number of rows.
     std::size_t copyTo(const std::string& path);
 
-    /// Whether the file is still the one at its path, and its log was not deleted: a microsecond, for every write.
-    bool isInPlace() const { return fileState() == FileMark::State::inPlace && !logSync_->isDeleted(); }
+    /// Whether the file and its log are still the ones at their paths. Costs two path look-ups for every write.
+    bool isInPlace() const { return fileState() == FileMark::State::inPlace && logState() == FileMark::State::inPlace; }
     FileMark::State fileState() const { return fileMark_->state(); }
     FileMark::State logState() const { return logMark_->state(); }
 

@@ -1,7 +1,6 @@
 #include "store/LogSync.h"
 
 #include <fcntl.h>
-#include <sys/stat.h>
 #include <unistd.h>
 
 #include <cerrno>
@@ -41,11 +40,6 @@ void LogSync::written() {
         dirty_ = true;
     }
     changed_.notify_all();
-}
-
-bool LogSync::isDeleted() const {
-    struct stat status {};
-    return ::fstat(file_, &status) == 0 && status.st_nlink == 0;
 }
 
 unsigned LogSync::syncs() const {

@@ -21,9 +21,6 @@ class LogSync {
     /// The file was written to: it is on the disk `delay` from now. Never blocks on the disk.
     void written();
 
-    /// Whether the file was deleted, or another was renamed to its name.
-    bool isDeleted() const;
-
     /// How often the file was synced.
     unsigned syncs() const;
 

@@ -6,9 +6,10 @@
 
 namespace zav {
 
-/// Whether the pattern matches the text from its first byte to its last, final newlines and NUL bytes included. Texts
-/// are bytes; "." stands for any one of them. Nothing if the pattern does not compile. The matcher backtracks: patterns
-/// are ours, never a server's. It gives up after some ten million steps and then does not match.
+/// Whether the first match of an anchored pattern, "^(…)$", is the whole text; a final newline counts, and a text with
+/// a NUL byte does not match. Texts are bytes; "." is any one of them. Returns nullopt if the pattern does not compile.
+/// The matcher backtracks, and gives up after some ten million steps without a match: patterns must be the daemon's
+/// own, never a server's.
 std::optional<bool> matchesWhole(const std::string& pattern, const std::string& text);
 
 }  // namespace zav

@@ -90,6 +90,11 @@ TEST_F(DisplacedStore, WhoseLogIsDeletedIsWrittenAnew) {
     expectRenewal(path + "-wal: was deleted while in use");
 }
 
+TEST_F(DisplacedStore, WhoseLogIsRenamedIsWrittenAnew) {
+    fs::rename(path + "-wal", path + "-elsewhere");
+    expectRenewal(path + "-wal: was deleted while in use");
+}
+
 TEST_F(DisplacedStore, WhoseFilesAreAllDeletedIsWrittenAnewWithABackup) {
     for (const char* name : {"", "-wal", ".backup-1"}) ASSERT_TRUE(fs::remove(path + name)) << name;
     expectRenewal(path + ": was deleted while in use");
