@@ -1,6 +1,7 @@
 // A store whose files are deleted or replaced while the service has them open loses nothing.
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
+#include <sqlite3.h>
 #include <sys/stat.h>
 #include <sys/wait.h>
 #include <unistd.h>
@@ -181,8 +182,24 @@ TEST_F(DisplacedStore, ThatCannotBeWrittenAnewAtTheEndSaysSo) {
                 AllOf(HasSubstr("Not a directory"), HasSubstr("; the settings are lost with the deleted files")));
 }
 
+// Locks the database as a service does. Without a Store: a forked process must not start threads.
+bool holdOpen(const std::string& path) {
+    sqlite3* database = nullptr;
+    return sqlite3_open(path.c_str(), &database) == SQLITE_OK &&
+           sqlite3_exec(database, "PRAGMA locking_mode = EXCLUSIVE; BEGIN IMMEDIATE", nullptr, nullptr, nullptr) ==
+               SQLITE_OK;
+}
+
 TEST_F(DisplacedStore, LeavesAnotherServicesFileAlone) {
+    const std::string theirs = folder / "theirs.db";
+    {
+        Store other(theirs);
+        other.load();
+        other.write({{"theirs", "1"}});
+    }
     fs::remove_all(home);
+    fs::create_directory(home);
+    fs::rename(theirs, path);
     int ready[2];
     int done[2];
     ASSERT_EQ(::pipe(ready), 0);
@@ -190,13 +207,15 @@ TEST_F(DisplacedStore, LeavesAnotherServicesFileAlone) {
     const pid_t child = ::fork();
     char byte = 'x';
     if (child == 0) {
-        Store other(path);
-        other.load();
-        other.write({{"theirs", "1"}});
+        ::close(ready[0]);
+        ::close(done[1]);
+        if (!holdOpen(path)) ::_exit(1);
         static_cast<void>(!::write(ready[1], &byte, 1));
         static_cast<void>(!::read(done[0], &byte, 1));
         ::_exit(0);
     }
+    ::close(ready[1]);  // so that a child that dies ends the wait
+    ::close(done[0]);
     ASSERT_EQ(::read(ready[0], &byte, 1), 1);
     try {
         store->write({{"a", "lost"}});
@@ -207,7 +226,8 @@ TEST_F(DisplacedStore, LeavesAnotherServicesFileAlone) {
     EXPECT_THAT(foundAfterAKill(), UnorderedElementsAre(Entry("theirs", "1")));
     ASSERT_EQ(::write(done[1], &byte, 1), 1);
     ASSERT_EQ(::waitpid(child, nullptr, 0), child);
-    for (const int end : {ready[0], ready[1], done[0], done[1]}) ::close(end);
+    ::close(ready[0]);
+    ::close(done[1]);
     store->write({{"b", "new"}});
     EXPECT_THAT(foundAfterAKill(), UnorderedElementsAre(Entry("a", "20"), Entry("kept", "x"), Entry("b", "new")));
 }
