@@ -1,5 +1,6 @@
 #include <json/value.h>
 
+#include <chrono>
 #include <mutex>
 
 #include "Commands.h"
@@ -34,7 +35,7 @@ class Printer final : public ipc::IIPCCallback {
         if (change.param.compare(0, prefix_.size(), prefix_) != 0) return;
         const std::lock_guard<std::mutex> lock(mutex_);
         print(change);
-        if (!environment_.out) environment_.stop.set();  // nobody reads any more
+        if (!environment_.out) environment_.stopSignal.stop();  // nobody reads any more
     }
 
     void deliveryComplete(const std::string&) override {}
@@ -98,7 +99,8 @@ ExitCode watch(const Environment& environment, const Options& options, const std
     if (session.properties().list(prefix, "").properties.empty()) {
         printer.say("no key begins with \"" + prefix + "\"; watching all the same");
     }
-    environment.stop.wait();
+    while (!environment.stopSignal.waitFor(std::chrono::hours(1))) {
+    }
     return ExitCode::done;
 }
 

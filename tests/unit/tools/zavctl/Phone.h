@@ -91,7 +91,7 @@ class Phone {
 
     ExitCode run(const std::vector<std::string>& arguments) {
         return zavctl::run(
-            arguments, Environment{out, err, terminal, stop, [this] { catching = true; },
+            arguments, Environment{out, err, terminal, stopSignal, [this] { catching = true; },
                                    [this](const std::string&) { return bus; },
                                    [this](const std::shared_ptr<ipc::IIPCClient>&) { return properties; }, hintAfter});
     }
@@ -112,7 +112,7 @@ class Phone {
     bool terminal = false;
     bool catching = false;
     std::chrono::milliseconds hintAfter{2000};
-    StopSignal stop;
+    common::StopSignal stopSignal;
 };
 
 }  // namespace zavctl

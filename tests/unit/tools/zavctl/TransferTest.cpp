@@ -86,7 +86,7 @@ class Transfer : public testing::Test {
         err.str("");
         bus->changes.clear();
         return zavctl::run(arguments,
-                           Environment{out, err, false, stop, [] {}, [this](const std::string&) { return bus; },
+                           Environment{out, err, false, stopSignal, [] {}, [this](const std::string&) { return bus; },
                                        [](std::shared_ptr<ipc::IIPCClient> client) {
                                            return propertyapi::PropertyApiBuilder::getPropertyApi(std::move(client),
                                                                                                   "zavctl");
@@ -114,7 +114,7 @@ class Transfer : public testing::Test {
     std::filesystem::path folder;
     std::ostringstream out;
     std::ostringstream err;
-    StopSignal stop;
+    common::StopSignal stopSignal;
 };
 
 TEST_F(Transfer, DescribePrintsWhatTheCatalogueSays) {

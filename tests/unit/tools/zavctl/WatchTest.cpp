@@ -23,7 +23,7 @@ class Watch {
     ~Watch() { end(); }
 
     ExitCode end() {
-        phone_.stop.set();
+        phone_.stopSignal.stop();
         if (thread_.joinable()) thread_.join();
         return code_;
     }
