@@ -1,4 +1,4 @@
-// A phone as zavctl sees it, without a bus: the fake properties publish their changes to whoever subscribed.
+// A phone without a bus: fake properties that publish their changes to all subscribers.
 #pragma once
 
 #include <json/reader.h>
@@ -48,7 +48,7 @@ class FakeBus final : public ipc::IIPCClient {
         return all;
     }
 
-    /// To every subscriber, whatever its filter.
+    /// Calls every subscriber, whatever its filter.
     void deliver(const std::string& topic, const std::string& content) {
         const std::lock_guard<std::mutex> lock(mutex_);
         for (const auto& [filter, callback] : subscriptions_) callback->messageArrived(topic, content);
