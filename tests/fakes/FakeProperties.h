@@ -67,7 +67,8 @@ class FakeProperties : public propertyapi::IPropertyApi {
     /// While offline, every call throws PropertyOfflineException.
     void setOffline(bool offline);
 
-    /// `listener` is called after each accepted write, without the lock: it stands for the published change.
+    /// `listener` is called after each accepted write, without the lock, as the
+    /// service would publish the change.
     void onWrite(std::function<void(const PropertyWrite&)> listener);
 
     /// Waits until this value was written to the key since the last `forgetCalls`; returns false after `patience`.
