@@ -1,4 +1,4 @@
-# Every library that is installed and called, under one name each, with the least version: docs/operating.md says why.
+# External libraries with their minimum versions; docs/operating.md has the reasons.
 find_package(Threads REQUIRED)
 find_package(PkgConfig REQUIRED)
 find_package(OpenSSL 3.0 REQUIRED)

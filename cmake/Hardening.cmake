@@ -1,8 +1,8 @@
-# What a release build is hardened with, on the same INTERFACE target as the warnings.
+# Hardening flags of release builds, on the same INTERFACE target as the warnings.
 include(CheckCXXSourceCompiles)
 
-# _FORTIFY_SOURCE is left to whoever sets it: the builder's flags, also with -U, or the compiler's own default. The C
-# library warns of it in code that is not optimised. The result is cached for these flags only, because they may change.
+# Sets _FORTIFY_SOURCE only if neither the user's flags (including -U) nor the compiler's default sets it, and only with
+# optimisation, without which the C library warns. The check is cached for each set of flags, because they may change.
 set(flags "${CMAKE_CXX_FLAGS} ${CMAKE_CXX_FLAGS_RELEASE}")
 string(MD5 key "${flags}")
 set(CMAKE_REQUIRED_FLAGS "${CMAKE_CXX_FLAGS_RELEASE}")

@@ -1,4 +1,4 @@
-# zav_library(name SOURCES ... [PUBLIC ...] [PRIVATE ...]): one platform folder = one static library.
+# zav_library(name SOURCES ... [PUBLIC ...] [PRIVATE ...]): the static library of a platform folder.
 function(zav_library name)
   cmake_parse_arguments(arg "" "" "SOURCES;PUBLIC;PRIVATE" ${ARGN})
   add_library(${name} STATIC ${arg_SOURCES})
@@ -6,22 +6,21 @@ function(zav_library name)
   target_link_libraries(${name} PUBLIC ${arg_PUBLIC} Threads::Threads PRIVATE zav_options ${arg_PRIVATE})
 endfunction()
 
-# The lab's option that lets a test write its coverage counters, which lie beside the objects.
+# Lets tests in the sandbox write their coverage counters, which are beside the object files.
 if(CMAKE_CXX_FLAGS MATCHES "--coverage")
   set(ZAV_WRITABLE --bind ${CMAKE_BINARY_DIR})
 endif()
 
-# Tests are compiled often and run once: optimising them costs more than it gives. With sanitizers it takes most of the
-# time; without them _FORTIFY_SOURCE needs -O1.
+# Optimising tests takes longer than it saves, above all with sanitizers. Without them _FORTIFY_SOURCE needs -O1.
 if(CMAKE_CXX_FLAGS MATCHES "-fsanitize")
   set(ZAV_TEST_OPTIONS -O0)
 else()
   set(ZAV_TEST_OPTIONS $<$<CONFIG:Release>:-O1>)
 endif()
 
-# zav_test(name SOURCES ... [LIBS ...] [LABELS unit] [TIMEOUT s] [SECONDS s]): a GoogleTest program, run in a sandbox that
-# has the phone's own folders ("/var/volatile", "/config", "/custom", "/etc/zav.d"), empty and private to the run.
-# SECONDS is about how long it takes: long tests start first, so that none of them runs alone at the end.
+# zav_test(name SOURCES ... [LIBS ...] [LABELS unit] [TIMEOUT s] [SECONDS s]): a GoogleTest program. It runs in a sandbox
+# with empty, private copies of the phone's folders: /var/volatile, /config, /custom, /etc/zav.d. SECONDS is the
+# approximate run time; ctest starts long tests first, so that none of them runs alone at the end.
 function(zav_test name)
   cmake_parse_arguments(arg "" "TIMEOUT;SECONDS" "SOURCES;LIBS;LABELS" ${ARGN})
   if(NOT arg_LABELS)

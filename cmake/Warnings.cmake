@@ -1,26 +1,26 @@
-# One INTERFACE target that everything of ours links: the warnings, each with its reason. They are errors in the presets
-# only (CMAKE_COMPILE_WARNING_AS_ERROR): another compiler's new warning must not break a build elsewhere.
+# An INTERFACE target that all our targets link: the warnings, each with its reason. They are errors only in the presets
+# (CMAKE_COMPILE_WARNING_AS_ERROR): a new warning of another compiler must not break a build elsewhere.
 add_library(zav_options INTERFACE)
 target_compile_options(zav_options INTERFACE
-  -Wall -Wextra         # the compilers' own idea of what is suspicious
-  -Wpedantic            # the language, not one compiler's dialect
-  -Wshadow              # a shadowed name reads as the other one
+  -Wall -Wextra         # the compilers' general checks
+  -Wpedantic            # standard C++ only, no compiler extensions
+  -Wshadow              # a shadowing name is easily mistaken for the outer one
   -Wconversion          # sizes, ports and HTTP codes cross int, long and size_t here
-  -Wsign-conversion     # likewise for signs: a period of -1 is 4294967295 seconds
-  -Wold-style-cast      # C casts hide which conversion is meant
-  -Woverloaded-virtual  # an override that does not override
-  -Wnon-virtual-dtor    # deleting through a base
-  -Wformat=2            # format strings from variables
-  -Wundef               # a macro that silently reads as 0
-  $<$<CXX_COMPILER_ID:Clang>:-Wthread-safety>  # a guarded member that is touched without its mutex
+  -Wsign-conversion     # a period of -1 would become 4294967295 seconds
+  -Wold-style-cast      # C casts hide the kind of conversion
+  -Woverloaded-virtual  # a function that hides a virtual one instead of overriding it
+  -Wnon-virtual-dtor    # deletion through a base class
+  -Wformat=2            # format strings that are not literals
+  -Wundef               # an undefined macro silently evaluates to 0
+  $<$<CXX_COMPILER_ID:Clang>:-Wthread-safety>  # access to a guarded member without its mutex
 )
 if(CMAKE_CXX_COMPILER_ID STREQUAL GNU AND CMAKE_CXX_FLAGS MATCHES "-fsanitize")
-  # With the sanitizer's checks in between, g++ sees paths that do not exist.
+  # The sanitizer's checks make g++ report paths that cannot be taken.
   target_compile_options(zav_options INTERFACE -Wno-maybe-uninitialized)
 endif()
 
-# Log lines carry the source's path below src/, platform code below the root; never this machine's folders. For g++ a
-# distribution's -ffile-prefix-map beats -fmacro-prefix-map in whatever order; only another one beats it.
+# Log lines contain source paths relative to src/ (platform code: to the root), never the build machine's folders. In g++,
+# -ffile-prefix-map, which distributions set, overrides -fmacro-prefix-map in any order; only a later one overrides it.
 if(CMAKE_CXX_COMPILER_ID STREQUAL GNU AND CMAKE_CXX_FLAGS MATCHES "-ffile-prefix-map")
   target_compile_options(zav_options INTERFACE
     -ffile-prefix-map=${CMAKE_SOURCE_DIR}/= -ffile-prefix-map=${CMAKE_SOURCE_DIR}/src/=

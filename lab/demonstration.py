@@ -1,7 +1,7 @@
-"""Five provisioning passes in two acts, each shown: what was asked, what changed, the result, how long it took.
+"""Runs five provisioning passes and prints the requests, the changed settings, the result and the duration of each.
 
-Runs inside lab/phone. Everything is asked of the phone itself: the settings before and after are the property
-service's own, the result is zavctl's, the reason of a refusal is the daemon's log line.
+Runs inside lab/phone. The settings come from the property service, the result from zavctl, and the reason of a refusal
+from the daemon's log.
 """
 
 import json
@@ -17,8 +17,7 @@ FIXTURES = os.path.join(os.environ["LAB_PROJECT"], "lab", "fixtures")
 LOG = os.path.join(os.environ["PHONE"], "daemon.log")
 WWW = "/srv/www"
 
-# What is shown, and what it must come to: title, folder, encrypted, result, the settings that must have changed, and
-# what else belongs to it.
+# Title, folder, encrypted, expected result, expected settings, and further steps and checks.
 FIRST_ACT = [
     ('format "1.1", encrypted, over HTTPS', "direct", True, "success", {
         "Telephony.Accounts.0.DisplayName": "Front desk", "Telephony.Accounts.0.UserName": "2001",
@@ -43,14 +42,14 @@ def progress(text):
 
 
 def zavctl(*words):
-    """(exit status, the object that --json prints)."""
+    """Returns (exit status, the objects that --json prints)."""
     done = subprocess.run(["zavctl", "--json", *words], capture_output=True, text=True, timeout=60)
     lines = [json.loads(line) for line in (done.stdout or done.stderr).splitlines() if line.strip()]
     return done.returncode, lines
 
 
 def settings():
-    """Every setting of the phone; states come and go with a pass and are left out."""
+    """All settings of the phone, without State properties, which change during a pass."""
     status, lines = zavctl("list")
     if status != 0:
         raise RuntimeError(f"zavctl list: {lines}")
@@ -65,7 +64,7 @@ def wait_for_phone():
         progress(f"The phone boots and waits for its network to settle … {time.monotonic() - begin:.0f} s")
         try:
             if ready.wait(0.2) != 0:
-                raise RuntimeError("the phone is not ready")
+                raise RuntimeError("the phone did not become ready")
             break
         except subprocess.TimeoutExpired:
             pass
@@ -88,7 +87,7 @@ def publish(folder, encrypted):
 
 
 def requests(since):
-    """What the server was really asked for, from its own access log."""
+    """The requests in the server's access log from line `since` on, and the number of lines."""
     with open(os.path.join(os.environ["PHONE"], "access.log"), encoding="utf-8") as file:
         lines = file.read().splitlines()
     return lines[since:], len(lines)
@@ -99,10 +98,10 @@ def show(label, lines):
         print(f"   {label if index == 0 else '':9}{line}")
 
 
-def run(number, title, folder, encrypted, promised, expected, more, asked_before):
+def run(number, title, folder, encrypted, expected_result, expected_settings, extra, asked_before):
     publish(folder, encrypted)
-    if more:
-        more.publish(WWW)
+    if extra:
+        extra.publish(WWW)
     before = settings()
     log_start = os.path.getsize(LOG)
     progress(f"Provisioning ({title}) …")
@@ -124,38 +123,39 @@ def run(number, title, folder, encrypted, promised, expected, more, asked_before
     show("changed", [f'{key:{width}}  "{before[key]}" → "{value}"' for key, value in changed.items()] or ["nothing"])
     if result == "fail":
         show("refused", [line[line.index("File "):] for line in log if " check error: " in line])
-    parts, wrong = more.report(log) if more else ([], [])
+    parts, errors = extra.report(log) if extra else ([], [])
     for label, lines in parts:
         show(label, lines)
     show("result", [f"{result} (HTTP {answer.get('httpStatus')}), in {took:.2f} s"])
     print(flush=True)
 
-    if result != promised:
-        wrong.append(f"the result is {result}, not {promised}: {answer}")
-    if status != (1 if promised == "fail" else 0):
-        wrong.append(f"zavctl ended with {status}")
-    wrong += [f"{key} is {after.get(key)!r}, not {value!r}" for key, value in expected.items() if after.get(key) != value]
-    if not expected and changed:
-        wrong.append(f"settings changed: {sorted(changed)}")
-    if wrong:
-        print("Not as promised: " + "; ".join(wrong), file=sys.stderr)
+    if result != expected_result:
+        errors.append(f"the result is {result}, not {expected_result}: {answer}")
+    if status != (1 if expected_result == "fail" else 0):
+        errors.append(f"zavctl exited with {status}")
+    errors += [f"{key} is {after.get(key)!r}, not {value!r}" for key, value in expected_settings.items()
+               if after.get(key) != value]
+    if not expected_settings and changed:
+        errors.append(f"settings changed: {sorted(changed)}")
+    if errors:
+        print("Not as promised: " + "; ".join(errors), file=sys.stderr)
         print("\n".join(log), file=sys.stderr)
-    return not wrong, asked_count
+    return not errors, asked_count
 
 
 def main():
-    sys.stdout.reconfigure(errors="replace")  # a terminal without arrows still gets its text
+    sys.stdout.reconfigure(errors="replace")  # for terminals that cannot print arrows
     booted = wait_for_phone()
     print("A phone: broker, property service, provisioning server and zavd, in namespaces of their own.")
     print(f"Its clock skipped the 90 s in which the network settles; it is ready after {booted:.1f} s.\n", flush=True)
-    good, asked = True, 0
+    passed, asked = True, 0
     for number, case in enumerate(FIRST_ACT + SECOND_ACT, 1):
         if number == len(FIRST_ACT) + 1:
             print("Second act: everything else that a server may ask of a phone.\n", flush=True)
-        fine, asked = run(number, *case, asked)
-        good = good and fine
-    print("All as promised." if good else "Something is not as promised; the log lines are above.")
-    return 0 if good else 1
+        as_expected, asked = run(number, *case, asked)
+        passed = passed and as_expected
+    print("All as promised." if passed else "Something is not as promised; the log lines are above.")
+    return 0 if passed else 1
 
 
 if __name__ == "__main__":

@@ -1,6 +1,6 @@
-"""The demonstration's second act: a fleet's update in one pass, and a server that is trusted since.
+"""The demonstration's second act: a fleet's update in one pass, and a redirect to a server that the update made trusted.
 
-What is made here cannot lie ready in a folder: the firmware image, and the certificate of this run's own authority.
+Makes the files that differ in each run: the firmware image, and the certificate of the run's second authority.
 """
 
 import hashlib
@@ -15,7 +15,7 @@ PATIENCE = 10
 
 
 def logged(service, text):
-    """The line of a service's log that holds the text, once it is there; None when it does not come."""
+    """Waits for a line of the service's log that contains the text, and returns it; None after PATIENCE seconds."""
     end = time.monotonic() + PATIENCE
     while time.monotonic() < end:
         with open(f"{HOME}/{service}.log", encoding="utf-8") as file:
@@ -27,7 +27,7 @@ def logged(service, text):
 
 
 class Fleet:
-    """Settings, firmware, a certificate and the phone book at once."""
+    """Settings, firmware, a certificate and the phone book in one pass."""
 
     def __init__(self):
         self.digest = ""
@@ -40,24 +40,24 @@ class Fleet:
         shutil.copyfile(f"{HOME}/elsewhere-authority.crt", f"{www}/elsewhere.pem")
 
     def report(self, log):
-        """([(label, lines)], what is not as promised)"""
-        wrong = []
+        """Returns ([(label, lines)], errors)."""
+        errors = []
         installed = logged("firmware-update", f"install {IMAGE}")
         if installed is None or self.digest not in installed:
-            wrong.append(f"the firmware-update service has {installed!r}, published was {self.digest}")
+            errors.append(f"the firmware-update service has {installed!r}, published was {self.digest}")
         accepted = logged("certificate-store", "elsewhere.pem: accepted")
         reread = logged("daemon", "Trusted certificates changed: ")
         if accepted is None or reread is None:
-            wrong.append(f"certificate: {accepted!r}, bundle: {reread!r}")
+            errors.append(f"certificate: {accepted!r}, bundle: {reread!r}")
         book = "/var/volatile/contacts/contacts.xml"
         if not os.path.exists(book):
-            wrong.append(f"there is no {book}")
+            errors.append(f"there is no {book}")
         return [("firmware", [str(installed)]), ("trusted", [str(accepted)]), ("contacts", [book]),
-                ("status", status_document(log))], wrong
+                ("status", status_document(log))], errors
 
 
 class Moved:
-    """A redirect to the server whose certificate the pass before brought."""
+    """A redirect to the server whose authority the previous pass installed."""
 
     @staticmethod
     def publish(_www):
@@ -71,7 +71,7 @@ class Moved:
 
 
 def status_document(log):
-    """The JSON text that the daemon logs at the end of a pass."""
+    """The JSON document that the daemon logs at the end of a pass, as lines."""
     begin = next((index for index, line in enumerate(log) if "Finished provisioning, status is{" in line), None)
     if begin is None:
         return ["none"]

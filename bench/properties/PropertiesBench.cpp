@@ -1,8 +1,8 @@
-// The property service under load, beside its floor: a responder that only echoes, on the same broker, asked by the
-// same clients in the same minute. First one client that waits for each answer, the phone's own and a bare one; then 64
-// at once, one request each in hand. Everything shares one CPU at first, which makes the work that is done comparable,
-// and has all of them afterwards, where waking another CPU costs what the machine makes of it. Prints the median of the
-// rounds; a goal is a ratio to the floor.
+// Measures the property service under load, and a floor: a responder that only echoes, with the same broker and clients
+// in the same run. First one client that waits for each answer (the phone's client, then a bare one), then 64 clients
+// with one outstanding request each. The first series runs on one CPU, which compares the work done; the second one on
+// all CPUs, where the cost of waking another CPU depends on the machine. Prints the median of the rounds; goals are
+// ratios to the floor.
 //
 //   bench_properties [seconds per measurement]
 #include <mosquitto.h>
@@ -51,21 +51,22 @@ Handle connected(int port, const std::string& name, void* owner) {
     Handle handle(mosquitto_new(name.c_str(), true, owner));
     mosquitto_int_option(handle.get(), MOSQ_OPT_PROTOCOL_VERSION, MQTT_PROTOCOL_V5);
     mosquitto_int_option(handle.get(), MOSQ_OPT_TCP_NODELAY, 1);
-    if (mosquitto_connect(handle.get(), address, port, 600) != MOSQ_ERR_SUCCESS) throw std::runtime_error("no broker");
+    if (mosquitto_connect(handle.get(), address, port, 600) != MOSQ_ERR_SUCCESS)
+        throw std::runtime_error("cannot connect to the broker");
     return handle;
 }
 
-/// Answers on the response topic with what it was sent, and does nothing else; on "echo/change" it publishes a change
-/// with quality 1 besides, which is the least that any set costs.
+/// Echoes each request to its response topic. For "echo/change" it also publishes a change with QoS 1: the minimum cost
+/// of a set.
 int echo(int port) {
     const Handle handle = connected(port, "echo", nullptr);
     mosquitto_message_v5_callback_set(
-        handle.get(), [](mosquitto* self, void*, const mosquitto_message* message, const mosquitto_property* asked) {
+        handle.get(), [](mosquitto* self, void*, const mosquitto_message* message, const mosquitto_property* request) {
             char* topic = nullptr;
             void* correlation = nullptr;
             std::uint16_t size = 0;
-            mosquitto_property_read_string(asked, MQTT_PROP_RESPONSE_TOPIC, &topic, false);
-            mosquitto_property_read_binary(asked, MQTT_PROP_CORRELATION_DATA, &correlation, &size, false);
+            mosquitto_property_read_string(request, MQTT_PROP_RESPONSE_TOPIC, &topic, false);
+            mosquitto_property_read_binary(request, MQTT_PROP_CORRELATION_DATA, &correlation, &size, false);
             mosquitto_property* properties = nullptr;
             mosquitto_property_add_binary(&properties, MQTT_PROP_CORRELATION_DATA, correlation, size);
             mosquitto_publish_v5(self, nullptr, topic, message->payloadlen, message->payload, 0, false, properties);
@@ -86,7 +87,7 @@ std::string setRequest(const std::string& key, const std::string& value) {
     return "{\"param\":\"" + key + "\",\"value\":\"" + value + "\",\"source\":\"bench\"}";
 }
 
-/// One bare client: a request in hand at a time, the next one as soon as the answer is there.
+/// A bare client with one outstanding request: sends the next one when the answer arrives.
 class Client {
  public:
     Client(int port, int index) : name_("bench-" + std::to_string(index)), handle_(connected(port, name_, this)) {
@@ -103,11 +104,11 @@ class Client {
     int socket() const { return mosquitto_socket(handle_.get()); }
     void read() {
         if (mosquitto_loop_read(handle_.get(), 1) != MOSQ_ERR_SUCCESS) throw std::runtime_error("connection lost");
-        // What a callback publishes waits to be written.
+        // Messages that a callback published are still queued.
         if (mosquitto_want_write(handle_.get())) mosquitto_loop_write(handle_.get(), 1);
     }
     void stop() { stopped_ = true; }
-    bool waits() const { return times_.size() < number_; }
+    bool isWaiting() const { return times_.size() < number_; }
     std::vector<double>& times() { return times_; }
     void begin(const std::string& request, const std::string& key) {
         request_ = request;
@@ -115,11 +116,11 @@ class Client {
         times_.clear();
         number_ = 0;
         stopped_ = false;
-        ask();
+        send();
     }
 
  private:
-    void ask() {
+    void send() {
         ++number_;
         const std::string value = std::to_string(number_);
         const std::string payload = setRequest(key_, value);
@@ -127,7 +128,7 @@ class Client {
         mosquitto_property_add_string(&properties, MQTT_PROP_RESPONSE_TOPIC, (name_ + "/reply").c_str());
         mosquitto_property_add_binary(&properties, MQTT_PROP_CORRELATION_DATA, value.data(),
                                       static_cast<std::uint16_t>(value.size()));
-        asked_ = Clock::now();
+        sentAt_ = Clock::now();
         mosquitto_publish_v5(handle_.get(), nullptr, request_.c_str(), static_cast<int>(payload.size()), payload.data(),
                              0, false, properties);
         mosquitto_property_free_all(&properties);
@@ -137,8 +138,8 @@ class Client {
         if (std::strstr(static_cast<const char*>(message.payload), "\"error\"") != nullptr) {
             throw std::runtime_error("a request was refused");
         }
-        times_.push_back(std::chrono::duration<double, std::micro>(Clock::now() - asked_).count());
-        if (!stopped_) ask();
+        times_.push_back(std::chrono::duration<double, std::micro>(Clock::now() - sentAt_).count());
+        if (!stopped_) send();
     }
 
     const std::string name_;
@@ -148,15 +149,15 @@ class Client {
     std::size_t number_ = 0;
     bool subscribed_ = false;
     bool stopped_ = false;
-    Clock::time_point asked_;
+    Clock::time_point sentAt_;
     std::vector<double> times_;  // microseconds, one for each answer
 };
 
 struct Result {
     double median = 0;     // microseconds
-    double slow = 0;       // microseconds that one in twenty exceeds
-    double perSecond = 0;  // of all clients
-    double fairness = 0;   // the slowest client's count to the fastest one's
+    double slow = 0;       // microseconds, 95th percentile
+    double perSecond = 0;  // all clients together
+    double fairness = 0;   // the slowest client's count divided by the fastest one's
     std::size_t lost = 0;
 };
 
@@ -185,7 +186,7 @@ class Load {
         const auto start = Clock::now();
         int index = 0;
         for (const auto& client : clients_) {
-            // A key for each in the phone's expansion modules, as far as there are.
+            // Keys of the expansion modules, so that few clients share a key.
             const std::string key = stem.find('%') == std::string::npos
                                         ? stem
                                         : stem.substr(0, stem.find('%')) + std::to_string(index % 3) + ".Keys." +
@@ -210,7 +211,7 @@ class Load {
         result.slow = quantile(all, 0.95);
         result.fairness = static_cast<double>(least) / static_cast<double>(most);
         pump(std::chrono::seconds(5), true);
-        for (const auto& client : clients_) result.lost += client->waits() ? 1U : 0U;
+        for (const auto& client : clients_) result.lost += client->isWaiting() ? 1U : 0U;
         return result;
     }
 
@@ -220,7 +221,7 @@ class Load {
         std::array<epoll_event, many> ready;
         while (Clock::now() < end) {
             if (untilAnswered &&
-                std::none_of(clients_.begin(), clients_.end(), [](const auto& c) { return c->waits(); })) {
+                std::none_of(clients_.begin(), clients_.end(), [](const auto& c) { return c->isWaiting(); })) {
                 return;
             }
             const int count = ::epoll_wait(poll_, ready.data(), static_cast<int>(ready.size()), 10);
@@ -256,9 +257,9 @@ class Process {
 
 double medianOf(std::vector<double> values) { return quantile(values, 0.5); }
 
-/// The phone's own client, which waits for each answer, and for `pause` before each request.
-Result askInTurn(ipc::IIPCClient& client, const std::string& topic, const std::string& key,
-                 std::chrono::duration<double> duration, std::chrono::milliseconds pause) {
+/// Measures the phone's client, which waits for each answer and pauses before each request.
+Result measureInTurn(ipc::IIPCClient& client, const std::string& topic, const std::string& key,
+                     std::chrono::duration<double> duration, std::chrono::milliseconds pause) {
     const std::string status = topic.compare(0, 4, "echo") == 0 ? echoStatus : serviceStatus;
     std::vector<double> times;
     const auto start = Clock::now();
@@ -292,8 +293,8 @@ void measure(const char* title, const char* stored, const Measurement& once) {
         std::vector<double> times, slow, rates, fairness;
         std::size_t lost = 0;
     };
-    std::vector<Row> rows{{"floor: bare echo responder", "echo/set", stored, {}, {}, {}, {}},
-                          {"echo that tells of a change", "echo/change", stored, {}, {}, {}, {}},
+    std::vector<Row> rows{{"floor: echo responder", "echo/set", stored, {}, {}, {}, {}},
+                          {"echo with a change", "echo/change", stored, {}, {}, {}, {}},
                           {"get", "prop-service/get", stored, {}, {}, {}, {}},
                           {"set of a state", "prop-service/set", "State.Provisioning.OnBootUp", {}, {}, {}, {}},
                           {"set, stored", "prop-service/set", stored, {}, {}, {}, {}}};
@@ -326,30 +327,30 @@ void measure(const char* title, const char* stored, const Measurement& once) {
 
 void measureAll(std::chrono::duration<double> duration) {
     std::string folder = "/tmp/bench-properties-XXXXXX";
-    if (::mkdtemp(folder.data()) == nullptr) throw std::runtime_error("no temporary folder");
+    if (::mkdtemp(folder.data()) == nullptr) throw std::runtime_error("cannot make a temporary directory");
     {
         const fakes::Broker broker("set_tcp_nodelay true\n");
         const int port = broker.port();
         const Process responder({std::filesystem::read_symlink("/proc/self/exe"), "--echo", std::to_string(port)});
         const Process service({PROP_SERVICE, "--host", address, "--port", std::to_string(port), "--store",
                                folder + "/s.db", "--catalogue", CATALOGUE});
-        ::poll(nullptr, 0, 500);  // both are connected by then
+        ::poll(nullptr, 0, 500);  // time for both to connect
         const auto bare = [&](int clients) {
             const auto load = std::make_shared<Load>(port, clients);
             return [=](const char* topic, const char* which) { return load->run(topic, which, duration); };
         };
-        const auto own = ipc::IPCFactory::createInstanceShared("bench", address, true);
-        own->watchPresence(echoStatus);
-        own->watchPresence(serviceStatus);
-        own->connect(broker.address());
+        const auto client = ipc::IPCFactory::createInstanceShared("bench", address, true);
+        client->watchPresence(echoStatus);
+        client->watchPresence(serviceStatus);
+        client->connect(broker.address());
         const char* const key = "System.General.Location";
-        const auto phones = [&](std::chrono::milliseconds pause) {
-            return [&own, duration, pause](const char* topic, const char* which) {
-                return askInTurn(*own, topic, which, duration, pause);
+        const auto phoneClient = [&](std::chrono::milliseconds pause) {
+            return [&client, duration, pause](const char* topic, const char* which) {
+                return measureInTurn(*client, topic, which, duration, pause);
             };
         };
-        measure("the phone's client", key, phones(std::chrono::milliseconds(0)));
-        measure("the phone's client, with 3 ms between its requests", key, phones(std::chrono::milliseconds(3)));
+        measure("the phone's client", key, phoneClient(std::chrono::milliseconds(0)));
+        measure("the phone's client, with 3 ms between its requests", key, phoneClient(std::chrono::milliseconds(3)));
         measure("a bare client", key, bare(1));
         measure("64 bare clients at once", "PhoneUI.Expansion.%", bare(many));
     }
@@ -372,7 +373,7 @@ int main(int argc, char** argv) {
         const std::chrono::duration<double> duration(argc > 1 ? std::atof(argv[1]) : 0.25);
         cpu_set_t all;
         ::sched_getaffinity(0, sizeof all, &all);
-        std::printf("Everything on one CPU\n");
+        std::printf("All processes on one CPU\n");
         useFirstCpuOnly();
         measureAll(duration);
         std::printf("On %d CPUs\n", CPU_COUNT(&all));

@@ -1,5 +1,5 @@
-// The clock of the preloaded process and the functions that read it. The file named by PHONE_CLOCK says how it runs;
-// without one every function behaves like the C library's.
+// The clock of the preloaded process, and the C functions that read it. The file in PHONE_CLOCK controls the clock;
+// without it, every function behaves like the C library's.
 #include "Clock.h"
 
 #include "ClockState.h"
@@ -32,7 +32,7 @@ std::int64_t machineNow(clockid_t clock) {
 
 bool isDate(clockid_t clock) { return clock == CLOCK_REALTIME || clock == CLOCK_REALTIME_COARSE || clock == CLOCK_TAI; }
 
-// Programs that the daemon starts keep the machine's time: their environment names this library no longer.
+// Removes this library from the environment, so that programs that the daemon starts use the machine's time.
 void forgetPreload() {
     unsetenv("PHONE_CLOCK");
     const char* list = getenv("LD_PRELOAD");
@@ -61,8 +61,8 @@ __attribute__((constructor)) void openClock() {
                 state = static_cast<ClockState*>(memory);
         }
         if (state == nullptr) {
-            constexpr char complaint[] = "phone-clock.so: the file named by PHONE_CLOCK is no clock\n";
-            if (write(STDERR_FILENO, complaint, sizeof complaint - 1) < 0) _exit(127);
+            constexpr char message[] = "phone-clock.so: the file in PHONE_CLOCK is not a clock\n";
+            if (write(STDERR_FILENO, message, sizeof message - 1) < 0) _exit(127);
             _exit(127);
         }
     }

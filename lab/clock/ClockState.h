@@ -5,22 +5,22 @@
 
 namespace lab {
 
-// The phone's clock as the controlling tool leaves it and the preloaded library reads it: one page of a file that
-// both map. A writer makes `sequence` odd, changes the rest and makes it even again; a reader that saw an odd or a
-// changed sequence reads once more. All times are nanoseconds; "real" is the machine's CLOCK_MONOTONIC.
+// State of the phone's clock, in a file that the tool (writer) and the preload library (reader) map. A seqlock: the
+// writer makes `sequence` odd, changes the other members and makes it even again; the reader retries if it saw an odd
+// or a changed sequence. All times are in nanoseconds; "real" is the machine's CLOCK_MONOTONIC.
 struct ClockState {
     static constexpr std::uint32_t Magic = 0x70636c31;
 
     std::atomic<std::uint32_t> magic;
     std::atomic<std::uint32_t> sequence;
-    std::atomic<std::int64_t> realBase;    // real time since which the factor holds
-    std::atomic<std::int64_t> phoneBase;   // what the phone's monotonic clock showed at realBase
-    std::atomic<std::int64_t> wallOffset;  // what the phone's date is ahead by, jumps of both clocks not counted
-    std::atomic<double> factor;            // phone seconds in a real second
+    std::atomic<std::int64_t> realBase;    // real time at which the factor was set
+    std::atomic<std::int64_t> phoneBase;   // the phone's monotonic clock at realBase
+    std::atomic<std::int64_t> wallOffset;  // how far the phone's date is ahead, jumps excluded
+    std::atomic<double> factor;            // phone seconds per real second
 };
 static_assert(std::atomic<double>::is_always_lock_free && std::atomic<std::int64_t>::is_always_lock_free);
 
-// One consistent reading of the state, and the arithmetic on it.
+// A consistent copy of the state, and the conversions that use it.
 struct ClockReading {
     std::int64_t realBase = 0;
     std::int64_t phoneBase = 0;
@@ -41,7 +41,7 @@ struct ClockReading {
 
     std::int64_t monotonic(std::int64_t real) const {
         const std::int64_t passed = real - realBase;
-        // At factor 1 no nanosecond may be lost to the detour over a floating-point number.
+        // At factor 1, avoid the rounding of a floating-point number.
         return phoneBase + (factor == 1.0 ? passed : static_cast<std::int64_t>(static_cast<double>(passed) * factor));
     }
 

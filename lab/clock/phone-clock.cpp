@@ -1,7 +1,7 @@
 // phone-clock FILE create|show|factor N|jump SECONDS|date "YYYY-MM-DD HH:MM:SS[.fraction]"
-// Sets the clock that the preloaded library shows to the daemon. A jump moves the date and every wait, a date moves
-// the date only (local time), a factor holds from now on. The file is /run/phone/clock in the lab's phone.
-// Dates before 1970 are refused, as Linux refuses them for its own clock.
+// Sets the daemon's clock, which the preload library reads from FILE (/run/phone/clock in the lab's phone). A jump
+// moves the date and shortens every wait; a date (in local time) moves the date only; a factor changes the speed from
+// now on. Dates before 1970 are refused, as Linux refuses them for its own clock.
 #include "ClockState.h"
 
 #include <fcntl.h>
@@ -19,7 +19,7 @@
 namespace {
 
 constexpr std::int64_t Second = 1'000'000'000;
-// 2200-01-01 00:00:00 UTC: in nanoseconds, later dates come near what 64 bits hold.
+// 2200-01-01 00:00:00 UTC: keeps dates in nanoseconds well inside 64 bits.
 constexpr std::int64_t LatestDate = 7'258'118'400;
 
 std::int64_t now(clockid_t clock) {
@@ -57,7 +57,7 @@ lab::ClockState& map(const std::string& path, bool create) {
         throw std::runtime_error("cannot open " + path);
     void* memory = mmap(nullptr, sizeof(lab::ClockState), PROT_READ | PROT_WRITE, MAP_SHARED, file, 0);
     if (memory == MAP_FAILED) throw std::runtime_error("cannot map " + path);
-    // The descriptor stays open on purpose: it holds the lock until the process ends.
+    // The descriptor stays open on purpose: it holds the lock until the process exits.
     return *static_cast<lab::ClockState*>(memory);
 }
 

@@ -1,5 +1,5 @@
-// Every wait with an end, cut into slices of machine time that are measured against the phone's clock. The cutting is
-// invisible: a wait returns for its own reasons only, and EINTR and signals arrive as ever.
+// Replaces every wait that has a time-out: it runs in slices of machine time, and each slice is compared with the
+// phone's clock. Callers do not notice the slices: a wait returns for the usual reasons only, including EINTR.
 #include "Clock.h"
 
 #include <poll.h>
@@ -30,9 +30,9 @@ Function real(const char* name, const char* version = nullptr) {
     return reinterpret_cast<Function>(realFunction(name, version));
 }
 
-// A slice that ends while somebody signals loses that signal: this thread is no waiter at that moment and does not
-// look at the caller's condition. So signals are counted, by condition variable; a wait that sees the count moved
-// since it began reports a wake-up. Two variables may share a counter: that is a spurious wake-up, once in a while.
+// A signal between two slices would be lost, because the thread is not waiting then and cannot check the caller's
+// condition. So signals are counted per condition variable, and a wait returns if the count changed since it began. Two
+// variables may share a counter, which causes an occasional spurious wake-up.
 std::array<std::atomic<unsigned>, 1 << 14> signals{};
 
 std::atomic<unsigned>& signalsOf(const pthread_cond_t* condition) {
@@ -69,7 +69,7 @@ int sleepUntil(clockid_t clock, std::int64_t deadline, timespec* left) {
     return 0;
 }
 
-// Repeats `wait(length of the slice)` until it finds something, fails, or the time is up.
+// Repeats `wait(length of the slice)` until it returns a result or an error, or the time is up.
 template <typename Wait>
 int waitSliced(std::int64_t duration, Wait wait) {
     if (duration == 0) return wait(0);
@@ -141,7 +141,7 @@ EXPORT int pthread_cond_clockwait(pthread_cond_t* condition, pthread_mutex_t* mu
 
 EXPORT int pthread_cond_timedwait(pthread_cond_t* __restrict condition, pthread_mutex_t* __restrict mutex,
                                   const timespec* __restrict deadline) {
-    // The C library keeps the clock that the condition variable was made for in this bit.
+    // glibc keeps the clock of the condition variable in this bit.
     const bool monotonic = (condition->__data.__wrefs & 2U) != 0;
     return waitOnCondition(condition, mutex, monotonic ? CLOCK_MONOTONIC : CLOCK_REALTIME, fromTimespec(*deadline));
 }
@@ -178,7 +178,7 @@ EXPORT int ppoll(pollfd* descriptors, nfds_t count, const timespec* time, const 
     return ppollAny(descriptors, count, time, mask);
 }
 
-// Libraries built with fortified headers call these two instead.
+// Code built with fortified headers calls these two instead.
 EXPORT int __poll_chk(pollfd* descriptors, nfds_t count, int milliseconds, size_t) {
     return pollAny(descriptors, count, milliseconds);
 }

@@ -1,7 +1,7 @@
-"""Stands in for the phone's certificate service: an accepted certificate joins the phone's bundle.
+"""Stand-in for the phone's certificate service: adds accepted certificates to the phone's bundle.
 
-Certificates that wait for the user, and invalid ones, are never touched. The bundle is replaced in one step, and the
-daemon is told to read it again.
+Ignores invalid certificates and those that wait for the user. Replaces the bundle atomically, then tells the daemon to
+reload it.
 """
 
 import os
@@ -18,10 +18,10 @@ def as_pem(path):
         done = subprocess.run(["openssl", "x509", "-inform", form, "-in", path], capture_output=True, check=False)
         if done.returncode == 0:
             return done.stdout
-    raise ValueError(f"{path} is no certificate")
+    raise ValueError(f"{path} is not a certificate")
 
 
-def accept(name, _heard, write):
+def accept(name, _latest, write):
     if not name:
         return
     certificate = as_pem(inside(STORAGE, name))

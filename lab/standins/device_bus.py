@@ -1,8 +1,10 @@
-"""A service of the phone on its bus: hears changes of State properties in order, writes properties.
+"""Base of a stand-in service: receives changes of State properties in order, and writes properties.
 
-    serve({"State.X": handler})      # handler(value, heard); `heard` holds the latest value of every State property
+    serve({"State.X": handler})
 
-It waits for a broker that comes later, and prints "ready" whenever its subscription holds.
+handler(value, latest, write): `latest` has the last value of each State property that has changed, and
+write(key, value, source) sets a property. Waits for the broker if there is none yet, and prints "ready" after each
+subscription.
 """
 
 import json
@@ -14,25 +16,25 @@ import paho.mqtt.client as mqtt
 
 
 def serve(handlers):
-    """Runs until SIGTERM. A handler that fails is a line in the log."""
+    """Runs until SIGTERM. An exception of a handler is logged."""
     signal.signal(signal.SIGTERM, lambda *_: os._exit(0))
     sys.stdout.reconfigure(line_buffering=True)
-    heard = {}
+    latest = {}
     client = mqtt.Client(protocol=mqtt.MQTTv5)
 
     def write(key, value, source):
-        # Without a response topic a set is carried out and not answered.
+        # A set without a response topic is executed but not answered.
         client.publish("prop-service/set", json.dumps({"param": key, "value": value, "source": source}), 1)
 
     def on_message(_client, _data, message):
         change = json.loads(message.payload)
-        heard[change["param"]] = change["value"]
+        latest[change["param"]] = change["value"]
         handler = handlers.get(change["param"])
         if handler is None:
             return
         try:
-            handler(change["value"], heard, write)
-        except Exception as error:  # a service goes on
+            handler(change["value"], latest, write)
+        except Exception as error:  # the service must keep running
             print(f"{change['param']}: {type(error).__name__}: {error}")
 
     client.on_connect = lambda *_: client.subscribe("prop-service-state/#", 1)
@@ -44,7 +46,7 @@ def serve(handlers):
 
 
 def inside(folder, name):
-    """The path of the file of that name in the folder; names that are none are refused."""
+    """The path of the named file in the folder. Raises ValueError for anything but a plain file name."""
     if not name or "/" in name or name in (".", ".."):
-        raise ValueError(f"no file name: {name!r}")
+        raise ValueError(f"not a file name: {name!r}")
     return os.path.join(folder, name)

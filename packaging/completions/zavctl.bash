@@ -1,7 +1,7 @@
-# Completion of zavctl for bash: commands, options, and the names of keys as the running property service has them.
+# bash completion for zavctl: commands, options, and the keys of the running property service.
 
 _zavctl_keys() {
-    # Keys hold no blanks and nothing that a shell would read as more than a letter.
+    # Keys contain neither blanks nor characters that are special to a shell.
     compgen -W "$(zavctl "${host[@]}" keys "$1" 2>/dev/null)" -- "$1"
 }
 
@@ -14,14 +14,14 @@ _zavctl() {
         word=${COMP_WORDS[index]}
         case $word in
             --host)
-                # To readline, = and : are words of their own.
+                # readline treats = and : as separate words.
                 [ "${COMP_WORDS[index + 1]-}" != = ] || ((++index))
                 name=${COMP_WORDS[++index]-}
                 if [ "${COMP_WORDS[index + 1]-}" = : ]; then
                     name+=:${COMP_WORDS[index + 2]-}
                     ((index += 2))
                 fi
-                # It is the broker that is being written.
+                # The current word is part of the broker's address.
                 ((index < COMP_CWORD)) || return
                 host=(--host "$name")
                 ;;

@@ -32,7 +32,7 @@ sockaddr_in loopback(int port) {
 
 const sockaddr* generic(const sockaddr_in& address) { return reinterpret_cast<const sockaddr*>(&address); }
 
-/// A socket that is connected to the port, or -1.
+/// A socket connected to the port, or -1.
 int connectTo(int port) {
     const int fd = socket(AF_INET, SOCK_STREAM | SOCK_CLOEXEC, 0);
     const sockaddr_in address = loopback(port);
@@ -41,7 +41,7 @@ int connectTo(int port) {
     return -1;
 }
 
-/// A listening socket; port 0 takes a free one and says which.
+/// A listening socket. Port 0 selects a free port, which is stored in `port`.
 int listenOn(int& port) {
     const int fd = socket(AF_INET, SOCK_STREAM | SOCK_CLOEXEC, 0);
     const int on = 1;
@@ -70,7 +70,7 @@ Broker::Broker(const std::string& settings) : settings_(settings) {
     char folder[] = "/tmp/broker-XXXXXX";
     if (mkdtemp(folder) == nullptr) throw std::runtime_error("Cannot make a folder for the broker");
     folder_ = folder;
-    // Another process may take the port between asking for it and using it.
+    // Another process may take the port before the broker binds it.
     for (int tries = 0; tries < 10; ++tries) {
         port_ = freePort();
         if (launch()) return;
@@ -95,7 +95,7 @@ bool Broker::launch() {
     std::string file = configuration;
     char* arguments[] = {program.data(), option.data(), file.data(), nullptr};
 
-    // The broker must not inherit what the test blocks or ignores.
+    // The broker must not inherit blocked or ignored signals.
     posix_spawnattr_t attributes;
     posix_spawnattr_init(&attributes);
     sigset_t none;
@@ -182,7 +182,7 @@ void Relay::restore() {
 }
 
 void Relay::drop(const Pair& pair) {
-    // The shutdown takes effect even while the relay's own thread polls the sockets.
+    // shutdown() works even while the relay's thread polls the sockets.
     for (const int fd : {pair.client, pair.broker}) {
         shutdown(fd, SHUT_RDWR);
         close(fd);

@@ -1,5 +1,4 @@
-// A real broker of its own for a test: mosquitto on a free port of 127.0.0.1, and a relay that can cut what runs
-// through it.
+// A private mosquitto on a free port of 127.0.0.1, and a relay that can cut connections to it.
 #pragma once
 
 #include <sys/types.h>
@@ -12,14 +11,14 @@
 
 namespace fakes {
 
-/// A port of 127.0.0.1 that was free just now.
+/// A port of 127.0.0.1 that was free when this was called.
 int freePort();
 
-/// Starts with the constructor, ends with the destructor. Every operation returns once it is in effect, and throws
-/// std::runtime_error when it cannot be.
+/// The constructor starts the broker, the destructor stops it. Each operation returns once it has taken effect; on
+/// failure it throws std::runtime_error.
 class Broker {
  public:
-    /// `settings` are further lines of mosquitto's configuration, such as "set_tcp_nodelay true\n".
+    /// `settings` are additional lines of mosquitto's configuration, such as "set_tcp_nodelay true\n".
     explicit Broker(const std::string& settings = "");
     Broker(const Broker&) = delete;
     Broker& operator=(const Broker&) = delete;
@@ -28,11 +27,11 @@ class Broker {
     int port() const { return port_; }
     std::string address() const { return "127.0.0.1:" + std::to_string(port_); }
 
-    /// Ends the process; `start` brings a new one up on the same port, without anything the old one knew.
+    /// Ends the process; `start` runs a new one on the same port, without the state of the old one.
     void stop();
     void start();
 
-    /// Holds the process, as a machine out of breath would.
+    /// Suspends the process, as on an overloaded machine.
     void freeze();
     void thaw();
 
@@ -45,7 +44,7 @@ class Broker {
     pid_t pid_ = -1;
 };
 
-/// Relays one port to the broker's, so that a connection can be cut while the broker lives.
+/// Forwards a port to the broker's, so that a test can cut connections while the broker runs.
 class Relay {
  public:
     explicit Relay(int targetPort);
@@ -55,11 +54,11 @@ class Relay {
 
     std::string address() const { return "127.0.0.1:" + std::to_string(port_); }
 
-    /// Drops every connection, and every new one at once until `restore`.
+    /// Closes every connection, and each new one at once until `restore`.
     void cut();
     void restore();
 
-    /// Connections that were relayed so far.
+    /// The number of connections forwarded so far.
     int connections() const { return connections_; }
 
  private:

@@ -1,7 +1,7 @@
-// The bus as an ordered record of what was asked of it, for tests; messages come in when the test delivers them.
+// A bus client that records its calls in order; the test delivers the messages.
 //
-// Threads: any. `deliver` calls the callback on the caller's thread: a test that wants two deliveries side by side
-// uses two threads, as the bus has one a subscription.
+// Threads: any. `deliver` calls the callback on the caller's thread. The real bus has a thread per subscription, so a
+// test of concurrent deliveries uses two threads.
 #pragma once
 
 #include <chrono>
@@ -27,18 +27,18 @@ class FakeBus : public ipc::IIPCClient {
     std::string request(const std::string& topic, const std::string& payload, const std::string& statusTopic,
                         std::chrono::milliseconds timeout) override;
 
-    /// The message to the callbacks of every subscription that the topic matches; how many those were.
+    /// Passes the message to every subscription that matches the topic; returns their number.
     std::size_t deliver(const std::string& topic, const std::string& content);
-    /// {"param": key, "value": value} on the topic.
+    /// Delivers {"param": key, "value": value}.
     std::size_t deliver(const std::string& topic, const std::string& key, const std::string& value);
 
-    /// Every call that begins so ("connect", "publish prov-client/watchdog") throws IPCException with this reason.
+    /// Every call whose record begins with `call` ("connect", "publish prov-client/watchdog") throws IPCException.
     void failOn(const std::string& call, const std::string& reason);
 
-    /// "subscribe TOPIC", "connect HOST", "publish TOPIC PAYLOAD QOS", "disconnect", in order, failed ones included.
+    /// "subscribe TOPIC", "connect HOST", "publish TOPIC PAYLOAD QOS", "disconnect", in order, including failed calls.
     std::vector<std::string> calls() const;
     std::size_t count(const std::string& call) const;
-    /// Waits until the call was made `times` times. False when it never was.
+    /// Waits until the call was made `times` times; returns false after `patience`.
     bool waitFor(const std::string& call, std::size_t times = 1,
                  std::chrono::milliseconds patience = std::chrono::seconds(30)) const;
 

@@ -1,6 +1,4 @@
-// The property service as a map, for tests: what it holds is set directly, what is written to it is recorded in order.
-//
-// Threads: everything may be called from any thread.
+// A property service in memory: the test sets its values directly, and calls are recorded in order. Any thread.
 #pragma once
 
 #include <chrono>
@@ -19,7 +17,7 @@
 
 namespace fakes {
 
-/// One accepted or refused write. `source` is "" for the writer that names none.
+/// A write. `source` is "" if the writer gave none.
 struct PropertyWrite {
     std::string key;
     std::string source;
@@ -36,7 +34,7 @@ class FakeProperties : public propertyapi::IPropertyApi {
     using Values = std::map<std::string, std::string>;
     enum class Call { get, set };
 
-    /// `values` are the keys that the service knows; any other is not found.
+    /// The service has exactly the keys of `values`.
     explicit FakeProperties(Values values = {});
 
     std::string get(const std::string& key) override;
@@ -45,37 +43,38 @@ class FakeProperties : public propertyapi::IPropertyApi {
     propertyapi::PropertyPage list(const std::string& prefix, const std::string& after) override;
     void beginShutdown() override;
 
-    /// Makes the key known with this value, as the phone's owner would: it is no write.
+    /// Sets the value, and adds the key if necessary, without recording a write.
     void put(const std::string& key, const std::string& value);
-    /// The value, or nothing for an unknown key; it is no read.
+    /// The value, or nothing for an unknown key; not recorded as a read.
     std::optional<std::string> value(const std::string& key) const;
 
-    /// The writes that were accepted, in order.
+    /// Accepted writes, in order.
     std::vector<PropertyWrite> writes() const;
-    /// Those of one key: the values, in order.
+    /// The values written to one key, in order.
     std::vector<std::string> writesTo(const std::string& key) const;
-    /// The keys that were read, in order.
+    /// Keys read, in order.
     std::vector<std::string> reads() const;
-    /// The keys of the calls that were made under PatientCalls, in order: reads, and writes even if refused.
+    /// Keys of the calls made under PatientCalls, in order: reads, and writes even if refused.
     std::vector<std::string> patientCalls() const;
     void forgetCalls();
     bool shutdownBegun() const;
 
-    /// From now on the n-th call of that kind (1 is the next) throws PropertyOfflineException, once.
+    /// The n-th call of that kind from now on (1 is the next one) throws PropertyOfflineException, once.
     void failCall(Call kind, std::size_t n);
-    /// Every call that names the key throws PropertyOfflineException until `restoreKey`.
+    /// Every call for the key throws PropertyOfflineException until `restoreKey`.
     void failKey(const std::string& key);
     void restoreKey(const std::string& key);
-    /// Every call throws PropertyOfflineException until it is set back.
+    /// While offline, every call throws PropertyOfflineException.
     void setOffline(bool offline);
 
-    /// Called outside the lock after each accepted write: what the service would publish.
+    /// `listener` is called after each accepted write, without the lock, as the
+    /// service would publish the change.
     void onWrite(std::function<void(const PropertyWrite&)> listener);
 
-    /// Waits until the key was written with this value since the last `forgetCalls`. False when it never was.
+    /// Waits until this value was written to the key since the last `forgetCalls`; returns false after `patience`.
     bool waitForWrite(const std::string& key, const std::string& value,
                       std::chrono::milliseconds patience = std::chrono::seconds(20)) const;
-    /// Waits until `done` holds of the writes so far.
+    /// Waits until `done` returns true for the writes so far; returns false after `patience`.
     bool waitForWrites(const std::function<bool(const std::vector<PropertyWrite>&)>& done,
                        std::chrono::milliseconds patience = std::chrono::seconds(20)) const;
 
@@ -90,7 +89,7 @@ class FakeProperties : public propertyapi::IPropertyApi {
     std::vector<std::string> reads_;
     std::vector<std::string> patientCalls_;
     bool shutdownBegun_ = false;
-    std::map<Call, std::size_t> failingCall_;  // how many calls away
+    std::map<Call, std::size_t> failingCall_;  // calls left until the failing one
     std::map<std::string, bool> failingKeys_;
     bool offline_ = false;
     std::function<void(const PropertyWrite&)> listener_;

@@ -1,4 +1,4 @@
-// A standard error that takes nothing, as of a log reader that does not read.
+// A standard error that blocks, as if the reader of the log had stopped reading.
 #pragma once
 
 #include <fcntl.h>
@@ -11,7 +11,7 @@
 
 namespace fakes {
 
-/// From `hold` to `release` whoever logs waits for a reader.
+/// From `hold` to `release`, writing to standard error blocks.
 class FullStandardError {
  public:
     FullStandardError() {
@@ -33,7 +33,7 @@ class FullStandardError {
         before_ = dup(STDERR_FILENO);
         dup2(ends_[1], STDERR_FILENO);
     }
-    /// What was written meanwhile is lost, which the log says here, what comes now goes where it went before.
+    /// Restores standard error. Lines logged meanwhile are lost, which the next log line reports.
     void release() {
         if (before_ < 0) return;
         dup2(before_, STDERR_FILENO);

@@ -1,5 +1,5 @@
-// What a scripted web server is asked, and what it answers: an honest answer, or one that stalls, cuts, lies or never
-// ends. Values, for any thread; a Gate has its own synchronisation.
+// Requests to a scripted web server and its answers: correct ones, and ones that stall, break off, are wrong or never
+// end. Values without synchronisation; a Gate has its own.
 #pragma once
 
 #include <chrono>
@@ -17,17 +17,17 @@ namespace fakes {
 
 using HttpHeaders = std::vector<std::pair<std::string, std::string>>;
 
-/// Where an answer waits until the test lets it go.
+/// Holds an answer until the test opens the gate.
 class Gate {
  public:
     void open();
-    /// Waits until somebody stands at the gate; false when nobody ever came.
+    /// Waits until an answer has reached the gate; returns false after `patience`.
     bool waitUntilReached(std::chrono::milliseconds patience = std::chrono::seconds(20));
 
  private:
     friend class HttpServer;
-    bool pass();     // false: the server is going
-    void abandon();  // lets everybody go without passing
+    bool pass();     // false: the server is shutting down
+    void abandon();  // ends all waits; pass() then returns false
 
     std::mutex mutex_;
     std::condition_variable changed_;
@@ -38,24 +38,24 @@ class Gate {
 
 struct HttpRequest {
     std::string method;
-    std::string target;  // as it was sent, with the query
-    std::string path;    // without it
+    std::string target;  // as sent, with the query
+    std::string path;    // without the query
     HttpHeaders headers;
-    unsigned connection = 0;  // 1 for the first connection that the server accepted, and so on
+    unsigned connection = 0;  // number of the connection, from 1
 
-    /// The header's value, "" when there is none. Names are compared without case.
+    /// The value of the header, "" if it is missing. Names are case-insensitive.
     std::string header(const std::string& name) const;
 };
 
 /// How a connection ends.
 enum class Ending {
     orderly,             // TLS ends with close_notify
-    withoutCloseNotify,  // TLS is cut
-    reset,               // nothing that is under way arrives
+    withoutCloseNotify,  // TLS ends without close_notify
+    reset,               // TCP reset; data in flight is lost
 };
 
-/// What a server does with a connection that should be idle. `delivered` is reached once the client's
-/// side has it, or has hung up.
+/// What the server does on an idle connection after the answer. `delivered` is reached once the client has received it
+/// or has closed the connection.
 struct Afterwards {
     std::string sends;
     bool closes = false;  // TLS, with close_notify
@@ -65,25 +65,25 @@ struct Afterwards {
 
 struct HttpAnswer {
     int status = 200;
-    HttpHeaders headers;  // besides Content-Length
+    HttpHeaders headers;  // in addition to Content-Length
     std::string body;
-    std::optional<std::string> raw;  // sent instead of status line and headers, as it stands
-    std::string repeated;            // sent after the body again and again, until the client hangs up
+    std::optional<std::string> raw;  // sent literally instead of status line and headers
+    std::string repeated;            // sent repeatedly after the body, until the client closes the connection
 
-    std::shared_ptr<Gate> gate;                   // where it waits: before anything is sent, or
-    std::optional<std::size_t> gateAfter;         // after the headers and so many bytes of the body
-    std::optional<std::size_t> cutAfter;          // closes the connection after so many bytes of the body
-    std::optional<std::uint64_t> declaredLength;  // a Content-Length that need not be true
-    bool withoutLength = false;                   // none; the end of the connection is the end of the body
-    bool endless = false;                         // the body again and again, without a length
-    bool chunked = false;                         // the body in one chunk, without a length
+    std::shared_ptr<Gate> gate;                   // where the answer waits: before sending anything, or
+    std::optional<std::size_t> gateAfter;         // after the headers and this many bytes of the body
+    std::optional<std::size_t> cutAfter;          // closes the connection after this many bytes of the body
+    std::optional<std::uint64_t> declaredLength;  // a Content-Length that may be wrong
+    bool withoutLength = false;                   // no Content-Length; the body ends with the connection
+    bool endless = false;                         // repeats the body without end, without a length
+    bool chunked = false;                         // sends the body as one chunk
     std::optional<Ending> ending;                 // closes the connection after the answer
     std::shared_ptr<Afterwards> afterwards;
 
     static HttpAnswer ok(std::string body, HttpHeaders headers = {});
     static HttpAnswer error(int status, std::string body = "a page\n");
     static HttpAnswer redirect(std::string location, int status = 302);
-    /// The bytes as they stand, status line and headers included; the connection then ends.
+    /// Sends the bytes literally, including status line and headers, and closes the connection.
     static HttpAnswer bytes(std::string raw, Ending ending = Ending::orderly);
     HttpAnswer heldBy(std::shared_ptr<Gate> where) const;
     HttpAnswer stallingAfter(std::size_t bytes, std::shared_ptr<Gate> where) const;

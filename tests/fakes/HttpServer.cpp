@@ -60,7 +60,7 @@ std::string reasonOf(int status) { return status == 200 ? "OK" : "Scripted"; }
 struct HttpServer::State {
     struct Connection {
         int fd = -1;
-        SSL* tls = nullptr;  // the serving thread's
+        SSL* tls = nullptr;  // used by the serving thread only
         unsigned number = 0;
         std::string unread;
         std::thread thread;
@@ -113,7 +113,7 @@ HttpServer::State::State(std::shared_ptr<SSL_CTX> context, const std::string& wh
         ::getsockname(listener, found->ai_addr, &found->ai_addrlen) != 0) {
         fail("HttpServer");
     }
-    // The port is in the same place in both families.
+    // The port has the same offset for IPv4 and IPv6.
     port = ntohs(reinterpret_cast<sockaddr_in*>(found->ai_addr)->sin_port);
     acceptor = std::thread([this] { accept(); });
 }
@@ -195,11 +195,11 @@ void HttpServer::State::close(Connection& connection, Ending how) {
     SSL_free(connection.tls);
     ERR_clear_error();
     if (how == Ending::reset) {
-        // Connecting to nobody dissolves the connection at once, and the descriptor stays.
+        // Connecting to AF_UNSPEC drops the connection at once and keeps the descriptor.
         const sockaddr nobody{};
         ::connect(connection.fd, &nobody, sizeof nobody);
     }
-    // The descriptor itself stays until the end, so that its number is not reused.
+    // The descriptor stays open until the end, so that its number is not reused.
     ::shutdown(connection.fd, SHUT_RDWR);
 }
 
@@ -226,7 +226,7 @@ bool HttpServer::State::readRequest(Connection& connection, HttpRequest& request
         const long count = read(connection, buffer.data(), buffer.size());
         if (count <= 0) return false;
         connection.unread.append(buffer.data(), static_cast<std::size_t>(count));
-        if (connection.unread.front() < 'A' || connection.unread.front() > 'Z') {  // TLS, for instance
+        if (connection.unread.front() < 'A' || connection.unread.front() > 'Z') {  // not HTTP, for example TLS
             const std::string refusal = "HTTP/1.1 400 Bad Request\r\n\r\n";
             write(connection, refusal.data(), refusal.size());
             return false;
@@ -292,7 +292,7 @@ bool HttpServer::State::send(Connection& connection, const HttpRequest& request,
     return !closing && !answer.ending;
 }
 
-// Whether the connection can go on.
+// Returns whether the connection can serve further requests.
 bool HttpServer::State::act(const Connection& connection, const Afterwards& afterwards) {
     if (!stand(afterwards.begin)) return false;
     const bool written = write(connection, afterwards.sends.data(), afterwards.sends.size());

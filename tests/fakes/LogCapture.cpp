@@ -10,7 +10,7 @@
 #include <ostream>
 #include <stdexcept>
 
-// Only there in a sanitizer build.
+// Exists in sanitizer builds only.
 extern "C" void __sanitizer_set_report_fd(void* fd) __attribute__((weak));
 
 namespace fakes {
@@ -72,7 +72,7 @@ std::string toText(const LogLine& line) {
 
 std::ostream& operator<<(std::ostream& stream, const LogLine& line) { return stream << toText(line); }
 
-// One write of the log is one packet, so an entry stays one however many line breaks it has.
+// Each write of the log is one packet, so an entry with line breaks remains one entry.
 LogCapture::LogCapture() {
     int ends[2];
     if (socketpair(AF_UNIX, SOCK_SEQPACKET | SOCK_CLOEXEC, 0, ends) != 0) throw std::runtime_error("no socket pair");
@@ -112,7 +112,7 @@ void LogCapture::read() {
     }
 }
 
-// A mark behind everything that was written so far, and the wait until the reader is there.
+// Writes a mark after all entries so far, and waits until the reader has read it.
 void LogCapture::synchronise() const {
     std::unique_lock<std::mutex> lock(mutex_);
     const unsigned long own = ++marksWritten_;

@@ -1,7 +1,5 @@
-// What the program logs while a LogCapture lives, entry by entry. Standard error leads here meanwhile; a sanitizer's
-// report still goes where it went before.
-//
-// Threads: any may log and any may ask. One capture at a time.
+// Captures the log entries of the program while a LogCapture exists, by redirecting standard error. Sanitizer reports
+// still go to the original standard error. Any thread may log or call the capture. One capture at a time.
 #pragma once
 
 #include <chrono>
@@ -16,15 +14,15 @@
 
 namespace fakes {
 
-/// One entry of the log, without its time, channel and line number. What is no log line has neither level nor source.
+/// A log entry without time, channel and line number. Other output has neither level nor source.
 struct LogLine {
     std::string level;   // "info", "warning" or "error"
-    std::string source;  // such as "Core/Utils"
+    std::string source;  // for example "Core/Utils"
     std::string text;    // line breaks included
 };
 
 bool operator==(const LogLine& a, const LogLine& b);
-/// level source: text, with line breaks and tabs as \n and \t.
+/// "LEVEL SOURCE: TEXT", with line breaks and tabs as \n and \t.
 std::string toText(const LogLine& line);
 std::ostream& operator<<(std::ostream& stream, const LogLine& line);
 
@@ -41,20 +39,20 @@ class LogCapture {
     LogCapture(const LogCapture&) = delete;
     LogCapture& operator=(const LogCapture&) = delete;
 
-    /// Everything that was logged before this call.
+    /// All entries logged before this call.
     Lines lines() const;
-    /// Of those the lines whose source begins so.
+    /// Only the entries whose source begins with `source`.
     Lines linesOf(const std::string& source) const;
     std::size_t count(const LogLine& line) const;
     bool has(const LogLine& line) const { return count(line) > 0; }
 
-    /// Waits until the line was logged `times` times. False when it never was.
+    /// Waits until the line was logged `times` times; returns false after `patience`.
     bool waitFor(const LogLine& line, std::size_t times = 1,
                  std::chrono::milliseconds patience = std::chrono::seconds(30)) const;
 
     void forget();
 
-    /// Everything so far, one line each, for the message of a failed test.
+    /// All entries so far, one per line, for messages of failed tests.
     std::string text() const;
 
  private:

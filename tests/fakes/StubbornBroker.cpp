@@ -165,7 +165,7 @@ void StubbornBroker::acceptSubscriptions() {
     subscriptions_.clear();
 }
 
-/// Returns the size of the packet that the bytes begin with, 0 when it is not whole yet.
+/// Returns the size of the first packet in `bytes`, or 0 if it is incomplete.
 std::size_t StubbornBroker::takePacket(const std::string& bytes) {
     std::size_t length = 0;
     std::size_t at = 1;

@@ -1,4 +1,4 @@
-// A broker for one client that does not acknowledge what the client publishes until it is told to.
+// A broker for one client that withholds acknowledgements of publishes until the test asks for them.
 #pragma once
 
 #include <atomic>
@@ -11,7 +11,7 @@
 
 namespace fakes {
 
-/// Speaks just enough MQTT v5 by hand: it accepts the connection and every subscription. Ends with the destructor.
+/// Implements just enough MQTT v5: accepts the connection and every subscription. The destructor ends it.
 class StubbornBroker {
  public:
     /// `receiveMaximum` is how many unacknowledged messages with quality of service 1 the client may have sent.
@@ -22,34 +22,34 @@ class StubbornBroker {
 
     std::string address() const { return "127.0.0.1:" + std::to_string(port_); }
 
-    /// Sends the client, once it has subscribed, `times` messages of quality 0.
+    /// Once the client has subscribed, sends it `times` messages with QoS 0.
     void send(const std::string& topic, const std::string& payload, std::size_t times,
               const std::string& correlationData = "");
-    /// Whether the client has taken everything that was sent.
+    /// Whether the client has received everything sent.
     bool isTaken() const { return toSend_ == 0; }
 
-    /// Connections on which the client has subscribed.
+    /// The number of connections on which the client has subscribed.
     int connections() const { return connections_; }
 
-    /// The topics of everything that was published, in order of arrival.
+    /// Topics of all publishes, in order of arrival.
     std::vector<std::string> published() const;
 
-    /// From now on subscriptions are not answered, until `answerSubscriptions`.
+    /// Withholds the answers to subscriptions until `answerSubscriptions`.
     void holdSubscriptions() { holdsSubscriptions_ = true; }
     void answerSubscriptions();
-    /// How many subscriptions wait for their answer.
+    /// The number of unanswered subscriptions.
     std::size_t heldSubscriptions() const { return heldCount_; }
 
-    /// How many publications wait for their acknowledgement.
+    /// The number of unacknowledged publishes.
     std::size_t owed() const { return owedCount_; }
 
-    /// Cuts the connection; the next one is welcome.
+    /// Closes the connection; the next one is accepted.
     void hangUp();
 
-    /// Tells the client that another one has taken over its session, and cuts the connection; the next one is welcome.
+    /// Reports to the client that its session was taken over, and closes the connection; the next one is accepted.
     void takeOver();
 
-    /// From now on everything is acknowledged, what came before as well.
+    /// Acknowledges all publishes, earlier ones included, from now on.
     void giveIn();
 
  private:
@@ -76,11 +76,11 @@ class StubbornBroker {
     std::vector<std::string> published_;  // guarded by mutex_
     std::string message_;                 // constant while toSend_ is not 0
 
-    // The thread's own.
+    // Used by the thread only.
     std::string input_;
     std::string output_;
     std::vector<std::string> owed_;           // message identifiers
-    std::vector<std::string> subscriptions_;  // message identifiers of those not answered yet
+    std::vector<std::string> subscriptions_;  // message identifiers of unanswered subscriptions
     bool subscribed_ = false;
 
     std::thread thread_;

@@ -1,5 +1,5 @@
-// A certificate authority for one test: it signs what the test's servers show, and its own certificate is what a phone
-// may be told to trust. Keys are made in memory and die with it.
+// A certificate authority for a test: it signs the certificates of the test's servers, and a phone can be made to trust
+// its own certificate. Keys exist in memory only.
 #pragma once
 
 #include <chrono>
@@ -12,7 +12,7 @@ namespace fakes {
 struct TestCertificate {
     std::string certificate;
     std::string key;
-    std::string der;  // the certificate again
+    std::string der;  // the certificate as DER
 };
 
 class TestAuthority {
@@ -24,13 +24,13 @@ class TestAuthority {
     TestAuthority(const TestAuthority&) = delete;
     TestAuthority& operator=(const TestAuthority&) = delete;
 
-    /// What to trust, PEM.
+    /// The certificate to trust, PEM.
     const std::string& certificate() const { return certificate_; }
 
-    /// A server certificate for a host name or an IP address; it is valid from now + `begin` to now + `end`.
+    /// A server certificate for a host name or an IP address; valid from now + `begin` to now + `end`.
     TestCertificate issue(const std::string& host, Hours begin = Hours(-1), Hours end = Hours(24)) const;
 
-    /// A server certificate that nobody signed but its own key.
+    /// A self-signed server certificate.
     static TestCertificate selfSigned(const std::string& host);
 
  private:

@@ -51,12 +51,12 @@ class OptionsTest(unittest.TestCase):
     def test_what_cannot_work_is_refused(self):
         for options, reason in [
                 (["--www"], "--www needs an argument"), (["--www", "/none"], "--www: there is no folder '/none'"),
-                (["--bind", "/none"], "--bind: there is no folder '/none'"), (["--state", "/proc/none"], "--state: '/proc/none' cannot be made"),
+                (["--bind", "/none"], "--bind: there is no folder '/none'"), (["--state", "/proc/none"], "--state: '/proc/none' cannot be created"),
                 (["--set", "Time.Format"], "--set takes KEY=VALUE"), (["--set", "=12h"], "--set takes KEY=VALUE"),
                 (["--set", "Time.Format=12h", "--no-broker"], "--set needs the broker"),
                 (["--set", "Time.Format=12h", "--no-properties"], "--set needs the broker"),
                 (["--no-boot-pass", "--no-properties"], "--no-boot-pass needs the broker"),
-                (["--real-time", "--clock-by-hand"], "--real-time and --clock-by-hand exclude each other"),
+                (["--real-time", "--clock-by-hand"], "--real-time and --clock-by-hand cannot be combined"),
                 (["--nothing"], "unknown option '--nothing'"), (["zavctl"], "'zavctl' is not an option")]:
             with self.subTest(options):
                 done = subprocess.run([f"{PROJECT}/lab/phone", *options], stdin=subprocess.DEVNULL, capture_output=True, text=True,
@@ -67,7 +67,7 @@ class OptionsTest(unittest.TestCase):
     def test_a_setting_that_is_refused_ends_the_phone(self):
         status, said = phone(["--no-server", "--no-daemon", "--set", "Time.Format=13h"])
         self.assertEqual(status, 70, said)
-        self.assertIn("lab/phone: the setting Time.Format=13h is refused", said)
+        self.assertIn("lab/phone: the setting Time.Format=13h was refused", said)
 
 
 class ServiceTest(unittest.TestCase):
@@ -76,9 +76,9 @@ class ServiceTest(unittest.TestCase):
         self.assertEqual(phone(["--no-broker", "--no-properties", "--no-server", "--no-daemon", "--device-services"], script), (0, []))
 
     def test_what_cannot_work_is_refused(self):
-        for script, reason in [("service start server", "server runs already"), ("service stop daemon", "daemon was never started"),
-                               ("service ready daemon", "the daemon does not run"), ("service ready server", "'ready' is for the daemon only"),
-                               ("service start web", "no service is called 'web'"), ("service pause server", "no action is called 'pause'")]:
+        for script, reason in [("service start server", "server is already running"), ("service stop daemon", "daemon was never started"),
+                               ("service ready daemon", "the daemon is not running"), ("service ready server", "'ready' is for the daemon only"),
+                               ("service start web", "unknown service 'web'"), ("service pause server", "unknown action 'pause'")]:
             with self.subTest(script):
                 status, said = phone(["--no-broker", "--no-properties", "--no-daemon"], script)
                 self.assertNotEqual(status, 0)

@@ -185,7 +185,7 @@ class ZavctlTest(phone.PhoneTest):
         with tempfile.TemporaryDirectory() as folder:
             piped = subprocess.run(["bash", "-c", f"zavctl backup >(cat >{folder}/piped)"], capture_output=True, text=True)
             self.assertEqual((piped.returncode, piped.stderr), (0, ""))
-            self.assertRegex(piped.stdout, r"^\d+ settings in /dev/fd/\d+, passwords among them\.$")
+            self.assertRegex(piped.stdout, r"^\d+ settings written to /dev/fd/\d+, including passwords\.$")
             self.assertEqual(zavctl("backup", f"{folder}/file")[0], 0)
             with open(f"{folder}/file", encoding="utf-8") as file:
                 text = file.read()
@@ -212,7 +212,7 @@ class ZavctlTest(phone.PhoneTest):
             self.assertEqual(code, 5)
             self.assertRegex(err, r"\Azavctl: no provisioning pass has begun yet: zavd is not running, .+\n"
                                   r"zavctl: no provisioning pass began within 2\.5 s: .+\n\Z")
-            self.assertRegex(zavctl("status")[1], r"(?m)^Last result +not known: a request is pending$")
+            self.assertRegex(zavctl("status")[1], r"(?m)^Last result +unknown: a request is pending$")
         finally:
             self.boot()
 

@@ -17,23 +17,23 @@ std::size_t positionalCount(const CLI::App& command) {
     return command.get_options([](const CLI::Option* option) { return option->get_positional(); }).size();
 }
 
-class Division {
+class Splitter {
  public:
-    explicit Division(const CLI::App& app) : app_(app) {}
+    explicit Splitter(const CLI::App& app) : app_(app) {}
 
-    Arguments of(const std::vector<std::string>& words) {
+    Arguments split(const std::vector<std::string>& words) {
         for (std::size_t at = 0; at < words.size() && result_.error.empty(); ++at) {
             const std::string& word = words[at];
             const std::string* const next = at + 1 < words.size() ? &words[at + 1] : nullptr;
             const CLI::Option* const option = literal_ ? nullptr : optionOf(word);
             if (option != nullptr) {
                 if (takeOption(*option, word, next)) ++at;
-                behindKey_ = false;
-            } else if (!literal_ && word == "--" && !(behindKey_ && next == nullptr)) {
+                afterKey_ = false;
+            } else if (!literal_ && word == "--" && !(afterKey_ && next == nullptr)) {
                 takeSeparator();
             } else {
                 takeWord(word);
-                behindKey_ = isValueNext();
+                afterKey_ = isValueNext();
             }
         }
         return std::move(result_);
@@ -47,7 +47,8 @@ class Division {
         return own != nullptr ? own : app_.get_option_no_throw(name);
     }
 
-    /// Whether the next word belongs to it. The parser would look for a missing value in whatever comes behind.
+    /// Returns whether the next word is the option's value. Values are found here because the parser would take a
+    /// positional argument for a missing one.
     bool takeOption(const CLI::Option& option, const std::string& word, const std::string* next) {
         const std::size_t equals = word.find('=');
         result_.json = result_.json || word == "--json";
@@ -72,17 +73,18 @@ class Division {
 
     void takeSeparator() {
         literal_ = true;
-        if (command_ == nullptr) result_.error = "a command must stand before \"--\"";
+        if (command_ == nullptr) result_.error = "the command must come before \"--\"";
     }
 
     void takeWord(const std::string& word) {
         if (!literal_ && looksLikeOption(word) && !isValueNext()) {
-            // Not the parser's to refuse: it takes what looks like a number for a positional argument.
+            // Refused here because the parser takes an unknown option that looks like a number for a positional
+            // argument.
             result_.error = "unknown option \"" + word + "\"";
         } else if (command_ == nullptr) {
             command_ = commandOf(app_, word);
             if (command_ == nullptr) {
-                result_.error = "there is no command \"" + word + "\"";
+                result_.error = "unknown command \"" + word + "\"";
                 return;
             }
             result_.command = word;
@@ -97,12 +99,14 @@ class Division {
     const CLI::App& app_;
     const CLI::App* command_ = nullptr;
     bool literal_ = false;
-    bool behindKey_ = false;  // the word before was the key of `set`: a last "--" is its value
+    bool afterKey_ = false;  // the previous word was the key of `set`, so that a final "--" is its value
     Arguments result_;
 };
 
 }  // namespace
 
-Arguments divide(const CLI::App& app, const std::vector<std::string>& words) { return Division(app).of(words); }
+Arguments splitArguments(const CLI::App& app, const std::vector<std::string>& words) {
+    return Splitter(app).split(words);
+}
 
 }  // namespace zavctl

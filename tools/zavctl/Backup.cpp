@@ -1,4 +1,4 @@
-// All settings, secrets included, into a file and back.
+// Saves all settings, including secrets, to a file and restores them.
 #include "Commands.h"
 #include "Differences.h"
 #include "Failure.h"
@@ -12,13 +12,13 @@ namespace zavctl {
 
 namespace {
 
-// Settings of an older or newer version of the phone's software. A service of an older version does not tell them.
+// Settings of an older or newer version of the phone's software. An older service does not list them.
 Settings uncataloguedOf(Session& session) {
     Settings settings;
     try {
         for (propertyapi::Property& one : session.listUncatalogued()) settings[one.key] = std::move(one.value);
     } catch (const Failure& failure) {
-        if (failure.word() != propertyprotocol::errors::badRequest) throw;
+        if (failure.name() != propertyprotocol::errors::badRequest) throw;
     }
     return settings;
 }
@@ -54,13 +54,14 @@ ExitCode backup(const Environment& environment, const Options& options, const st
     }
     for (const auto& [key, value] : uncatalogued) {
         environment.err << "zavctl: " << dbg::escapeControls(key)
-                        << " is stored, but not in the catalogue; the backup keeps its value" << std::endl;
+                        << " is stored but not in the catalogue; the backup includes it" << std::endl;
     }
     const std::string count = counted(settings.size(), "setting", "settings");
     if (toOutput) {
-        environment.err << "zavctl: " << count << " in the output, passwords among them." << std::endl;
+        environment.err << "zavctl: " << count << " written to standard output, including passwords." << std::endl;
     } else {
-        environment.out << count << " in " << dbg::escapeControls(path) << ", passwords among them." << std::endl;
+        environment.out << count << " written to " << dbg::escapeControls(path) << ", including passwords."
+                        << std::endl;
     }
     return ExitCode::done;
 }
@@ -75,8 +76,8 @@ ExitCode restore(const Environment& environment, const Options& options, const s
             ++one;
             continue;
         }
-        environment.err << "zavctl: " << dbg::escapeControls(one->first)
-                        << " is left out: this phone has no such setting" << std::endl;
+        environment.err << "zavctl: " << dbg::escapeControls(one->first) << " skipped: this phone has no such setting"
+                        << std::endl;
         one = settings.erase(one);
     }
     const std::vector<Difference> differences = changesTo(valuesOf(session, ""), settings);
@@ -88,7 +89,7 @@ ExitCode restore(const Environment& environment, const Options& options, const s
         printJson(environment.out, object);
     } else {
         environment.out << counted(differences.size(), "setting", "settings") << " written, "
-                        << settings.size() - differences.size() << " as before." << std::endl;
+                        << settings.size() - differences.size() << " unchanged." << std::endl;
     }
     return ExitCode::done;
 }

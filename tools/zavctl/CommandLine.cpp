@@ -16,7 +16,7 @@ namespace zavctl {
 
 namespace {
 
-std::string objectionToHost(const std::string& host) {
+std::string hostError(const std::string& host) {
     try {
         ipc::parseAddress(host);
         return {};
@@ -26,17 +26,16 @@ std::string objectionToHost(const std::string& host) {
 }
 
 Failure usageFailure(const std::string& command, const std::string& reason) {
-    return {ExitCode::usage, "usage",
-            reason + " (zavctl " + (command.empty() ? "" : command + " ") + "--help explains)"};
+    return {ExitCode::usage, "usage", reason + " (see zavctl " + (command.empty() ? "" : command + " ") + "--help)"};
 }
 
 class CommandLine {
  public:
     explicit CommandLine(const Environment& environment) : environment_(environment) {
         app_.set_version_flag("--version", "zavctl " ZAV_VERSION);
-        app_.add_flag("--json", options_.json, "Prints JSON, one object a line; also for errors");
+        app_.add_flag("--json", options_.json, "Prints JSON, one object per line, for errors too");
         app_.add_option("--host", options_.host, "The broker: HOST, HOST:PORT or [IPV6]:PORT")
-            ->check(objectionToHost)
+            ->check(hostError)
             ->capture_default_str();
         app_.footer(generalFooter());
         app_.require_subcommand(1);
@@ -45,13 +44,13 @@ class CommandLine {
         addProvisioningCommands();
         addTransferCommands();
         addFileCommands();
-        CLI::App* const helpCommand =
-            addCommand("help", "Explains a command; without one, lists the commands", [this] { return help(); });
+        CLI::App* const helpCommand = addCommand("help", "Shows the help of a command; without one, lists the commands",
+                                                 [this] { return help(); });
         addPositional(helpCommand, "COMMAND", "The command", false);
     }
 
     ExitCode run(const std::vector<std::string>& words) {
-        const Arguments arguments = divide(app_, words);
+        const Arguments arguments = splitArguments(app_, words);
         try {
             execute(arguments);
             environment_.out.flush();
@@ -69,7 +68,7 @@ class CommandLine {
         try {
             if (!arguments.error.empty()) throw usageFailure(arguments.command, arguments.error);
             positionals_ = arguments.positionals;
-            app_.parse(forParser(arguments));
+            app_.parse(parserWords(arguments));
         } catch (const CLI::Success& success) {  // help and version
             app_.exit(success, environment_.out, environment_.err);
         } catch (const CLI::RequiredError& error) {
@@ -79,9 +78,9 @@ class CommandLine {
         }
     }
 
-    // In the order that the parser wants, last one first. It sees how many positional arguments there are, not what
-    // they are.
-    static std::vector<std::string> forParser(const Arguments& arguments) {
+    // The parser wants the last word first. It gets placeholders for the positional arguments, so that it checks their
+    // number only.
+    static std::vector<std::string> parserWords(const Arguments& arguments) {
         std::vector<std::string> words(arguments.positionals.size(), "given");
         if (!words.empty()) words.emplace_back("--");
         words.insert(words.end(), arguments.options.rbegin(), arguments.options.rend());
@@ -105,46 +104,46 @@ class CommandLine {
     }
 
     void addShowSecrets(CLI::App* command) {
-        command->add_flag("--show-secrets", options_.showSecrets, "Shows passwords and the like as they are");
+        command->add_flag("--show-secrets", options_.showSecrets, "Shows passwords and other secrets");
     }
 
     void addPropertyCommands() {
         CLI::App* command = addCommand("get", "Prints the value of a property",
                                        [this] { return get(environment_, options_, positional(0)); });
-        addPositional(command, "KEY", "The property's key", true);
+        addPositional(command, "KEY", "Key of the property", true);
 
         command = addCommand("set", "Writes the value of a property",
                              [this] { return set(environment_, options_, positional(0), positional(1)); });
-        addPositional(command, "KEY", "The property's key", true);
-        addPositional(command, "VALUE", "The value, taken literally; after \"--\" even if it is one of the options",
+        addPositional(command, "KEY", "Key of the property", true);
+        addPositional(command, "VALUE", "The value, taken literally; put \"--\" before a value that is also an option",
                       true);
 
         command = addCommand("list", "Prints properties, sorted by key",
                              [this] { return list(environment_, options_, positional(0)); });
-        addPositional(command, "PREFIX", "How their keys begin; default: all", false);
+        addPositional(command, "PREFIX", "Only keys that begin with it; default: all", false);
         addShowSecrets(command);
 
-        command = addCommand("keys", "Prints the names of properties",
+        command = addCommand("keys", "Prints the keys of properties",
                              [this] { return keys(environment_, options_, positional(0)); });
-        addPositional(command, "PREFIX", "How they begin; default: all", false);
+        addPositional(command, "PREFIX", "Only keys that begin with it; default: all", false);
 
-        command = addCommand("describe", "Prints what a property may hold",
+        command = addCommand("describe", "Prints the definition of a property",
                              [this] { return describe(environment_, options_, positional(0)); });
-        addPositional(command, "KEY", "The property's key", true);
+        addPositional(command, "KEY", "Key of the property", true);
 
         command = addCommand("watch", "Prints changes as they happen, until interrupted",
                              [this] { return watch(environment_, options_, positional(0)); });
-        addPositional(command, "PREFIX", "How their keys begin; default: all", false);
+        addPositional(command, "PREFIX", "Only keys that begin with it; default: all", false);
     }
 
     void addProvisioningCommands() {
-        CLI::App* const command = addCommand("provision", "Asks for a provisioning pass", [this] {
+        CLI::App* const command = addCommand("provision", "Requests a provisioning pass", [this] {
             const std::chrono::duration<double> timeout(timeoutSeconds_);
             return provision(environment_, options_, wait_,
                              std::chrono::duration_cast<std::chrono::milliseconds>(timeout));
         });
-        command->add_flag("--wait", wait_, "Follows the pass to its end; prints result and HTTP status");
-        command->add_option("--timeout", timeoutSeconds_, "Seconds to wait at most")
+        command->add_flag("--wait", wait_, "Waits for the end of the pass; prints its result and HTTP status");
+        command->add_option("--timeout", timeoutSeconds_, "Time-out in seconds")
             ->check(CLI::Range(0.001, 1e6))
             ->capture_default_str();
         addCommand("status", "Prints server, last result, user interface lock, versions and period",
@@ -152,38 +151,39 @@ class CommandLine {
     }
 
     void addTransferCommands() {
-        CLI::App* command = addCommand("export", "Prints settings as a file for import",
+        CLI::App* command = addCommand("export", "Prints settings in the format that import reads",
                                        [this] { return exportSettings(environment_, options_, positional(0)); });
-        addPositional(command, "PREFIX", "How their keys begin; default: all", false);
+        addPositional(command, "PREFIX", "Only keys that begin with it; default: all", false);
         addShowSecrets(command);
 
-        command = addCommand("import", "Shows what a file of settings would change; --apply changes it",
+        command = addCommand("import", "Shows what a settings file would change; --apply writes it",
                              [this] { return importSettings(environment_, options_, positional(0), apply_); });
-        addPositional(command, "FILE", "The file; - is the standard input", true);
-        command->add_flag("--apply", apply_, "Writes all of it, or nothing if any of it is refused");
+        addPositional(command, "FILE", "The file; - is standard input", true);
+        command->add_flag("--apply", apply_, "Writes all changes, or none if any is refused");
         addShowSecrets(command);
 
-        command = addCommand("diff", "Compares a file of settings with another one, or with the phone",
+        command = addCommand("diff", "Compares a settings file with another file or with the phone",
                              [this] { return diff(); });
-        addPositional(command, "A", "A file; - is the standard input", true);
-        addPositional(command, "B", "Another file; default: the phone, for the keys that A has", false);
-        command->add_flag("--all", all_, "Compares all settings of the phone, also those that the file does not have");
+        addPositional(command, "A", "A file; - is standard input", true);
+        addPositional(command, "B", "Another file; default: the phone, for the keys in A", false);
+        command->add_flag("--all", all_,
+                          "Compares all settings of the phone, including those that are not in the file");
         addShowSecrets(command);
 
         command = addCommand("reset", "Resets settings to their defaults",
                              [this] { return reset(environment_, options_, positional(0)); });
-        addPositional(command, "KEY", "A key, or how many begin, with a dot at its end: Audio.", true);
+        addPositional(command, "KEY", "A key, or a prefix that ends in a dot: Audio.", true);
     }
 
     void addFileCommands() {
-        CLI::App* command = addCommand("backup", "Writes all settings into a file",
+        CLI::App* command = addCommand("backup", "Writes all settings to a file",
                                        [this] { return backup(environment_, options_, positional(0), replace_); });
-        addPositional(command, "FILE", "The file, which only its owner may read; - is the standard output", true);
+        addPositional(command, "FILE", "The file, readable by its owner only; - is standard output", true);
         command->add_flag("--force", replace_, "Replaces a file that exists");
 
-        command = addCommand("restore", "Writes back all settings of a backup",
+        command = addCommand("restore", "Restores all settings from a backup",
                              [this] { return restore(environment_, options_, positional(0)); });
-        addPositional(command, "FILE", "The file; - is the standard input", true);
+        addPositional(command, "FILE", "The file; - is standard input", true);
     }
 
     ExitCode diff() {
@@ -199,7 +199,7 @@ class CommandLine {
         }
         const std::vector<CLI::App*> found =
             app_.get_subcommands([this](const CLI::App* command) { return command->get_name() == positional(0); });
-        if (found.empty()) throw usageFailure("", "there is no command \"" + positional(0) + "\"");
+        if (found.empty()) throw usageFailure("", "unknown command \"" + positional(0) + "\"");
         environment_.out << found.front()->help(app_.get_name());
         return ExitCode::done;
     }
@@ -208,7 +208,7 @@ class CommandLine {
     CLI::App app_{"Inspects and controls a phone through its property service.", "zavctl"};
     Options options_;
     std::vector<std::string> positionals_;
-    std::string ignored_;  // where the parser leaves what it saw in place of the positional arguments
+    std::string ignored_;  // where the parser stores the placeholders of the positional arguments
     bool all_ = false;
     bool apply_ = false;
     bool replace_ = false;

@@ -1,4 +1,4 @@
-// The command line of zavctl: reads it, runs the command, and turns what went wrong into words and an exit status.
+// The command line of zavctl: parses it, runs the command, and turns errors into messages and an exit status.
 #pragma once
 
 #include <string>

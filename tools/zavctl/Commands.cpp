@@ -23,7 +23,7 @@ Json::Value pair(const std::string& key, const std::string& value) {
     return object;
 }
 
-std::string orEmpty(propertyapi::IPropertyApi& properties, const std::string& key) {
+std::string getOrEmpty(propertyapi::IPropertyApi& properties, const std::string& key) {
     try {
         return properties.get(key);
     } catch (const propertyapi::PropertyNotFoundException&) {
@@ -35,14 +35,14 @@ bool isNumber(const std::string& text) {
     return !text.empty() && text.size() < 10 && text.find_first_not_of("0123456789") == std::string::npos;
 }
 
-std::string periodInWords(const std::string& period) {
+std::string periodText(const std::string& period) {
     if (period == "0") return "once a night";
     return isNumber(period) ? "every " + period + " s" : period;
 }
 
-std::string lastResult(const std::string& state, bool pending, bool locked) {
-    if (pending) return locked ? "not known while a pass runs" : "not known: a request is pending";
-    return state.empty() ? "none since the start" : state;
+std::string resultText(const std::string& state, bool pending, bool locked) {
+    if (pending) return locked ? "unknown while a pass is running" : "unknown: a request is pending";
+    return state.empty() ? "none since startup" : state;
 }
 
 }  // namespace
@@ -54,7 +54,7 @@ ExitCode get(const Environment& environment, const Options& options, const std::
     if (options.json) {
         printJson(environment.out, pair(key, value));
     } else {
-        // A script gets the value as it is; a terminal must not be steered by it.
+        // A script gets the exact value; on a terminal it must not act as control sequences.
         environment.out << (environment.outIsTerminal ? dbg::escapeControls(value) : value) << std::endl;
     }
     return ExitCode::done;
@@ -74,9 +74,9 @@ ExitCode list(const Environment& environment, const Options& options, const std:
     Definitions definitions;
     if (!options.showSecrets) definitions = definitionsOf(session, prefix);
     Json::Value all(Json::arrayValue);
-    for (const propertyapi::Property& property : session.listSome(prefix)) {
+    for (const propertyapi::Property& property : session.listOrFail(prefix)) {
         const std::string value =
-            options.showSecrets ? property.value : shownValue(definitions, property.key, property.value);
+            options.showSecrets ? property.value : maskedValue(definitions, property.key, property.value);
         if (options.json) {
             all.append(pair(property.key, value));
         } else {
@@ -96,16 +96,16 @@ ExitCode status(const Environment& environment, const Options& options) {
     Session session(environment, options.host);
     session.connect();
     propertyapi::IPropertyApi& properties = session.properties();
-    const std::string server = withoutPassword(orEmpty(properties, "System.Provision.ProvisioningServer"));
-    const std::string state = orEmpty(properties, "State.Provisioning");
-    const bool pending = state.find("request") != std::string::npos;  // the result before it is overwritten
-    const std::string http = orEmpty(properties, "State.Provisioning.HttpErrorCode");
-    const bool locked = orEmpty(properties, "State.Provisioning.LockUI") == "1";
-    const std::string software = orEmpty(properties, "System.General.SoftwareVersion");
-    const std::string settings = orEmpty(properties, "System.Provision.SettingsVersion");
-    const std::string custom = orEmpty(properties, "System.Provision.CustomVersion");
-    const std::string provisioning = orEmpty(properties, "System.Provision.ProvisioningVersion");
-    const std::string period = orEmpty(properties, "System.Provision.Period");
+    const std::string server = withoutPassword(getOrEmpty(properties, "System.Provision.ProvisioningServer"));
+    const std::string state = getOrEmpty(properties, "State.Provisioning");
+    const bool pending = state.find("request") != std::string::npos;  // the request has overwritten the last result
+    const std::string http = getOrEmpty(properties, "State.Provisioning.HttpErrorCode");
+    const bool locked = getOrEmpty(properties, "State.Provisioning.LockUI") == "1";
+    const std::string software = getOrEmpty(properties, "System.General.SoftwareVersion");
+    const std::string settings = getOrEmpty(properties, "System.Provision.SettingsVersion");
+    const std::string custom = getOrEmpty(properties, "System.Provision.CustomVersion");
+    const std::string provisioning = getOrEmpty(properties, "System.Provision.ProvisioningVersion");
+    const std::string period = getOrEmpty(properties, "System.Provision.Period");
     if (options.json) {
         Json::Value object;
         object["server"] = server;
@@ -123,14 +123,14 @@ ExitCode status(const Environment& environment, const Options& options) {
     }
     const std::vector<std::pair<const char*, std::string>> lines{
         {"Server", server.empty() ? "none: provisioning is off" : server},
-        {"Last result", lastResult(state, pending, locked)},
+        {"Last result", resultText(state, pending, locked)},
         {"HTTP status", http},
-        {"User interface", locked ? "locked by a pass" : "free"},
+        {"User interface", locked ? "locked by a pass" : "unlocked"},
         {"Software version", software},
         {"Settings version", settings},
         {"Custom version", custom},
         {"Provisioning version", provisioning},
-        {"Next period", periodInWords(period)},
+        {"Next period", periodText(period)},
     };
     for (const auto& [name, text] : lines) {
         environment.out << std::left << std::setw(22) << name << (text.empty() ? "-" : dbg::escapeControls(text))

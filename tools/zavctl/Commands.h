@@ -1,4 +1,4 @@
-// The commands. Each runs to its end and prints what it found; what goes wrong leaves it as an exception.
+// The commands. Each prints its result and returns when it is done; errors are thrown.
 #pragma once
 
 #include <chrono>
@@ -21,27 +21,27 @@ ExitCode set(const Environment& environment, const Options& options, const std::
 ExitCode list(const Environment& environment, const Options& options, const std::string& prefix);
 ExitCode status(const Environment& environment, const Options& options);
 
-/// What the catalogue says of a key, and the names of keys.
+/// The catalogue's definition of a key, and the keys without their values.
 ExitCode describe(const Environment& environment, const Options& options, const std::string& key);
 ExitCode keys(const Environment& environment, const Options& options, const std::string& prefix);
 
-/// Settings are what outlives a restart and may be written. What is written is written all together or not at all.
+/// Settings are the properties that survive a restart and are writable. A command writes all its changes or none.
 ExitCode exportSettings(const Environment& environment, const Options& options, const std::string& prefix);
-/// Shows what would change; writes it with `apply` only.
+/// Shows what would change, and writes it only with `apply`.
 ExitCode importSettings(const Environment& environment, const Options& options, const std::string& path, bool apply);
-/// Of two files; with no second one, of the file and the phone: the file's keys or, with `all`, all settings.
+/// Compares two files. Without `after`, compares the file with the phone: the file's keys or, with `all`, all settings.
 ExitCode diffSettings(const Environment& environment, const Options& options, const std::string& before,
                       const std::optional<std::string>& after, bool all);
-/// A key, or everything that begins with a prefix that ends in a dot.
+/// `key` is one key, or a prefix that ends in a dot.
 ExitCode reset(const Environment& environment, const Options& options, const std::string& key);
-/// To a new file; `path` "-" is the output. With `replace`, a file that exists is replaced.
+/// Writes a new file; `path` "-" is standard output. With `replace`, an existing file is replaced.
 ExitCode backup(const Environment& environment, const Options& options, const std::string& path, bool replace);
 ExitCode restore(const Environment& environment, const Options& options, const std::string& path);
 
-/// Prints changes until the environment's stop signal is set.
+/// Prints changes until the environment's stop signal.
 ExitCode watch(const Environment& environment, const Options& options, const std::string& prefix);
 
-/// Asks for a provisioning pass; with `wait` follows it to its end, for `timeout` at most.
+/// Requests a provisioning pass; with `wait`, waits for its end, up to `timeout`.
 ExitCode provision(const Environment& environment, const Options& options, bool wait,
                    std::chrono::milliseconds timeout);
 

@@ -46,7 +46,7 @@ Definition read(const Json::Value& json) {
 Definition definitionOf(Session& session, const std::string& key) {
     Json::Value request;
     request["param"] = key;
-    return read(session.ask(propertyprotocol::describeTopic, request));
+    return read(session.request(propertyprotocol::describeTopic, request));
 }
 
 Definitions definitionsOf(Session& session, const std::string& prefix) {
@@ -56,16 +56,16 @@ Definitions definitionsOf(Session& session, const std::string& prefix) {
     std::string after;
     do {
         if (!after.empty()) request["after"] = after;
-        const Json::Value page = session.ask(propertyprotocol::describeTopic, request);
+        const Json::Value page = session.request(propertyprotocol::describeTopic, request);
         for (const Json::Value& json : page["definitions"]) definitions.emplace(textOf(json["param"]), read(json));
         const std::string next = textOf(page["next"]);
-        if (!next.empty() && next <= after) throw std::runtime_error("the property service lists in circles");
+        if (!next.empty() && next <= after) throw std::runtime_error("the property service's list does not advance");
         after = next;
     } while (!after.empty());
     return definitions;
 }
 
-std::string shownValue(const Definitions& definitions, const std::string& key, const std::string& value) {
+std::string maskedValue(const Definitions& definitions, const std::string& key, const std::string& value) {
     const auto definition = definitions.find(key);
     const bool secret = definition != definitions.end() && definition->second.isSecret();
     if (secret && !value.empty()) return "***";

@@ -1,4 +1,4 @@
-// What the catalogue says about keys, asked from the running service.
+// Definitions of keys in the running service's catalogue.
 #pragma once
 
 #include <map>
@@ -10,12 +10,12 @@ namespace zavctl {
 
 struct Definition {
     std::string type;
-    std::string defaultValue;  // of a secret "***" when it has one
+    std::string defaultValue;  // "***" if the key is a secret with a default
     std::string description;
     bool readOnly = false;
     bool isVolatile = false;
-    std::string limits;          // in words, "from 1 to 9"; empty: none
-    std::string refusedSources;  // in words, "\"provisioning\""; empty: any client may write it
+    std::string limits;          // as text, such as "from 1 to 9"; empty: none
+    std::string refusedSources;  // as text, such as "\"provisioning\""; empty: any client may write it
 
     bool isSecret() const { return type == "secret"; }
 };
@@ -25,7 +25,7 @@ using Definitions = std::map<std::string, Definition>;
 Definition definitionOf(Session& session, const std::string& key);
 Definitions definitionsOf(Session& session, const std::string& prefix);
 
-/// What may be shown of the value: nothing of a secret, and no password in a URL.
-std::string shownValue(const Definitions& definitions, const std::string& key, const std::string& value);
+/// The value with secrets, and passwords in URLs, replaced by "***".
+std::string maskedValue(const Definitions& definitions, const std::string& key, const std::string& value);
 
 }  // namespace zavctl

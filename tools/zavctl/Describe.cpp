@@ -14,7 +14,7 @@ namespace zavctl {
 namespace {
 
 std::string writersOf(const Definition& definition) {
-    if (definition.readOnly) return "nobody: it is read-only";
+    if (definition.readOnly) return "no client: it is read-only";
     if (definition.refusedSources.empty()) return "any client";
     return "any client except " + definition.refusedSources;
 }
@@ -27,7 +27,7 @@ ExitCode describe(const Environment& environment, const Options& options, const 
     if (options.json) {
         Json::Value request;
         request["param"] = key;
-        printJson(environment.out, session.ask(propertyprotocol::describeTopic, request));
+        printJson(environment.out, session.request(propertyprotocol::describeTopic, request));
         return ExitCode::done;
     }
     const Definition definition = definitionOf(session, key);
@@ -36,8 +36,8 @@ ExitCode describe(const Environment& environment, const Options& options, const 
         {"Description", definition.description},
         {"Type", definition.limits.empty() ? definition.type : definition.type + ", " + definition.limits},
         {"Default", definition.defaultValue.empty() ? "empty" : definition.defaultValue},
-        {"Written by", writersOf(definition)},
-        {"Lasts", definition.isVolatile ? "until the property service starts again" : "for good"},
+        {"Writable by", writersOf(definition)},
+        {"Persistence", definition.isVolatile ? "until the property service restarts" : "permanent"},
     };
     for (const auto& [name, text] : lines) {
         environment.out << std::left << std::setw(13) << name << dbg::escapeControls(text) << "\n";
@@ -51,7 +51,7 @@ ExitCode keys(const Environment& environment, const Options& options, const std:
     session.connect();
     Json::Value object;
     object["keys"] = Json::Value(Json::arrayValue);
-    for (const propertyapi::Property& property : session.listSome(prefix)) {
+    for (const propertyapi::Property& property : session.listOrFail(prefix)) {
         if (options.json) {
             object["keys"].append(property.key);
         } else {

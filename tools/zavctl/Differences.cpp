@@ -12,7 +12,7 @@ namespace zavctl {
 
 namespace {
 
-constexpr Json::ArrayIndex maxErrors = 1000;  // what the property service names at once
+constexpr Json::ArrayIndex maxErrors = 1000;  // the property service reports no more
 
 }  // namespace
 
@@ -80,7 +80,7 @@ void writeChanges(Session& session, const std::vector<Difference>& differences, 
         property["value"] = one.after ? Json::Value(*one.after) : Json::Value();
         request["properties"].append(std::move(property));
     }
-    const Json::Value answer = session.ask(propertyprotocol::importTopic, request);
+    const Json::Value answer = session.request(propertyprotocol::importTopic, request);
     const Json::Value& errors = answer["errors"];
     if (!errors.isArray()) return;
     std::string reasons;
@@ -91,12 +91,12 @@ void writeChanges(Session& session, const std::vector<Difference>& differences, 
     }
     throw Failure(allUnknown ? ExitCode::noSuchKey : ExitCode::failed,
                   allUnknown ? propertyprotocol::errors::notFound : propertyprotocol::errors::invalidValue,
-                  "nothing was written, " + counted(errors.size(), "setting is", "settings are") + " refused" +
+                  "nothing was written: " + counted(errors.size(), "setting was", "settings were") + " refused" +
                       (errors.size() < maxErrors ? "" : ", or more") + reasons);
 }
 
 std::string DifferencePrinter::shown(const std::string& key, const std::string& value) const {
-    return showSecrets_ ? value : shownValue(definitions_, key, value);
+    return showSecrets_ ? value : maskedValue(definitions_, key, value);
 }
 
 std::string DifferencePrinter::line(const std::string& key, const std::string& value) const {

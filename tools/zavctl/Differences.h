@@ -1,4 +1,4 @@
-// What many settings at once are compared and written with: for export, import, diff, reset, backup and restore.
+// Compares and writes many settings at once, for export, import, diff, reset, backup and restore.
 #pragma once
 
 #include <json/value.h>
@@ -16,34 +16,34 @@ namespace zavctl {
 
 struct Difference {
     std::string key;
-    std::optional<std::string> before;  // none: not there
-    std::optional<std::string> after;   // none: not there; for the phone, back to its default
+    std::optional<std::string> before;  // none: absent
+    std::optional<std::string> after;   // none: absent; written to the phone: its default
 };
 
 /// "1 setting", "2 settings".
 std::string counted(std::size_t count, const char* one, const char* more);
 
-/// Every property that begins with the prefix.
+/// The values of all keys that begin with the prefix.
 Settings valuesOf(Session& session, const std::string& prefix);
 
-/// Settings are what outlives a restart and may be written: what makes up the phone's configuration.
+/// Settings are the properties that survive a restart and are writable: the phone's configuration.
 bool isSetting(const Definitions& definitions, const std::string& key);
 Settings settingsOf(Session& session, const std::string& prefix, const Definitions& definitions);
 
-/// The settings with every null replaced by the default, as far as the catalogue says what it is: not of a secret that
-/// has one, nor of an unknown key.
+/// Replaces each null by the key's default. A null remains for an unknown key, and for a secret with a default, which
+/// the service does not reveal.
 Settings withDefaults(Settings settings, const Definitions& definitions);
 
-/// Keys of `after` whose value differs in `before` or is not there, sorted.
+/// Keys of `after` whose value differs in `before` or is absent there, sorted.
 std::vector<Difference> changesTo(const Settings& before, const Settings& after);
-/// The same, and the keys that only `before` has.
+/// The same, plus the keys that only `before` has.
 std::vector<Difference> compare(const Settings& before, const Settings& after);
 
-/// Writes all of them (with `apply`; without it, only checks) or, with a Failure that has the reason of every refused
-/// one, none. The service does it in one transaction.
+/// Writes all differences in one transaction of the service; without `apply`, only checks them. If any is refused,
+/// nothing is written and the Failure lists every refused key with its reason.
 void writeChanges(Session& session, const std::vector<Difference>& differences, bool apply);
 
-/// Shows differences, secrets and passwords hidden unless asked for.
+/// Prints differences; secrets, and passwords in URLs, are masked unless `showSecrets`.
 class DifferencePrinter {
  public:
     DifferencePrinter(const Definitions& definitions, bool showSecrets)

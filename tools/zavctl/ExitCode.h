@@ -1,4 +1,4 @@
-// What the exit status of zavctl means. Scripts rely on it: it never changes.
+// Exit statuses of zavctl. Scripts rely on them: they never change.
 #pragma once
 
 namespace zavctl {
@@ -7,7 +7,7 @@ enum class ExitCode : int {
     done = 0,
     failed = 1,       // the operation failed: a pass that ended "fail", a value that is not allowed
     usage = 2,        // the command line is wrong
-    unreachable = 3,  // the bus or the property service is away
+    unreachable = 3,  // the broker or the property service cannot be reached
     noSuchKey = 4,
     timedOut = 5,
 };

@@ -28,7 +28,7 @@ Failure currentFailure() {
         return {ExitCode::failed, propertyprotocol::errors::badRequest, error.what()};
     } catch (const ipc::IPCException& error) {
         return {ExitCode::unreachable, "unreachable",
-                std::string(error.what()) + " (is the broker running? --host names another one)"};
+                std::string(error.what()) + " (is the broker running? --host selects another one)"};
     } catch (const std::exception& error) {
         return {ExitCode::failed, "failed", error.what()};
     }

@@ -1,4 +1,4 @@
-// A command that did not succeed: how zavctl ends, and what it says.
+// Why a command failed: the exit status and the error message of zavctl.
 #pragma once
 
 #include <stdexcept>
@@ -10,20 +10,19 @@ namespace zavctl {
 
 class Failure : public std::runtime_error {
  public:
-    /// `word` is the short name of the error for programs ("not-found"), `reason` the sentence for people.
-    Failure(ExitCode code, std::string word, const std::string& reason)
-        : runtime_error(reason), code_(code), word_(std::move(word)) {}
+    /// `name` identifies the error to programs ("not-found"); `reason` is the message for people.
+    Failure(ExitCode code, std::string name, const std::string& reason)
+        : runtime_error(reason), code_(code), name_(std::move(name)) {}
 
     ExitCode code() const { return code_; }
-    const std::string& word() const { return word_; }
+    const std::string& name() const { return name_; }
 
  private:
     const ExitCode code_;
-    const std::string word_;
+    const std::string name_;
 };
 
-/// The exception in hand (of the property client, the bus client, or any other) as a Failure. To be called from a
-/// catch clause only.
+/// Converts the exception being handled to a Failure. Call it from a catch clause only.
 Failure currentFailure();
 
 }  // namespace zavctl

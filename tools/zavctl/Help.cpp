@@ -8,7 +8,7 @@ namespace {
 
 struct CommandHelp {
     const char* command;
-    // Null: the command never ends so.
+    // Null: the command never exits with this status.
     const char* done;
     const char* failed;
     const char* noSuchKey;
@@ -56,12 +56,12 @@ const std::vector<CommandHelp>& commands() {
          noAnswer,
          {"zavctl watch", "zavctl watch State. --json"}},
         {"provision",
-         "requested; with --wait: the pass ended success or partSuccess",
+         "the pass was requested; with --wait: it ended success or partSuccess",
          "the pass ended fail, or the request was refused",
          nullptr,
-         "the pass did not end within the time-out; it may go on",
+         "the pass did not end within the time-out; it may continue",
          {"zavctl provision", "zavctl provision --wait --timeout 120"}},
-        {"status", "printed", notWritten, nullptr, noAnswer, {"zavctl status", "zavctl status --json"}},
+        {"status", "the status was printed", notWritten, nullptr, noAnswer, {"zavctl status", "zavctl status --json"}},
         {"export",
          "settings were printed",
          notWritten,
@@ -71,35 +71,35 @@ const std::vector<CommandHelp>& commands() {
         {"import",
          "the changes were shown; with --apply: written",
          "a setting was refused and nothing written, or the file cannot be read",
-         "the phone has none of the refused keys",
+         "none of the refused keys exists",
          noAnswer,
          {"zavctl import audio.json", "zavctl import --apply audio.json", "zavctl import - <audio.json"}},
         {"diff",
-         "compared, whether or not there are differences",
+         "the comparison was printed, with or without differences",
          "a file cannot be read",
          nullptr,
          noAnswer,
          {"zavctl diff audio.json", "zavctl diff --all audio.json", "zavctl diff before.json after.json"}},
         {"reset",
-         "reset",
+         "the settings were reset",
          "a property cannot be written",
          "no such key, or no key begins with PREFIX.",
          noAnswer,
          {"zavctl reset Audio.Ringer.Volume", "zavctl reset Audio."}},
         {"backup",
-         "written",
-         "the file exists already, or cannot be written",
+         "the backup was written",
+         "the file already exists, or cannot be written",
          nullptr,
          noAnswer,
          {"zavctl backup settings.json", "zavctl backup --force settings.json",
           "zavctl backup - | gzip >settings.json.gz"}},
         {"restore",
-         "written",
+         "the settings were written",
          "a setting was refused and nothing written, or the file cannot be read",
          nullptr,
          noAnswer,
          {"zavctl restore settings.json", "zcat settings.json.gz | zavctl restore -"}},
-        {"help", "printed", notWritten, nullptr, nullptr, {"zavctl help", "zavctl help provision"}},
+        {"help", "the help was printed", notWritten, nullptr, nullptr, {"zavctl help", "zavctl help provision"}},
     };
     return all;
 }
@@ -125,28 +125,28 @@ std::string footerOf(const std::string& command) {
     const auto add = [&text](const char* code, const char* meaning) {
         if (meaning != nullptr) text += "  " + std::string(code) + "  " + meaning + "\n";
     };
-    const bool asksPhone = command != "help";
+    const bool usesPhone = command != "help";
     add("0", entry->done);
     add("1", entry->failed);
     add("2", command == "help" ? "no such command" : "the command line is wrong");
-    add("3", asksPhone ? "the broker or the property service cannot be reached" : nullptr);
+    add("3", usesPhone ? "the broker or the property service cannot be reached" : nullptr);
     add("4", entry->noSuchKey);
     add("5", entry->timedOut);
     text += "\n" + exampleLines(entry->examples);
-    if (asksPhone) text += "\n\nEvery command also takes --json and --host HOST[:PORT]: zavctl help.";
+    if (usesPhone) text += "\n\nEvery command also accepts --json and --host HOST[:PORT]; see zavctl help.";
     return text;
 }
 
 std::string generalFooter() {
     return "Exit status: 0 done (also a pass that ended partSuccess), 1 the operation failed (a pass that ended fail, "
            "a value\n"
-           "that is not allowed), 2 usage, 3 bus or property service unreachable, 4 no such key, 5 timed out.\n"
+           "that is not allowed), 2 usage, 3 broker or property service unreachable, 4 no such key, 5 timed out.\n"
            "\n" +
            exampleLines({"zavctl set System.Provision.ProvisioningServer https://server.example/phones/",
                          "zavctl provision --wait --timeout 120", "zavctl list NET.", "zavctl watch State. --json",
                          "zavctl export Audio. >audio.json; zavctl import audio.json --apply"}) +
            "\n\n"
-           "zavctl help COMMAND explains a command.";
+           "See zavctl help COMMAND for the options, exit statuses and examples of a command.";
 }
 
 std::vector<std::string> examplesOf(const std::string& command) {

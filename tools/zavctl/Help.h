@@ -1,4 +1,4 @@
-// The parts of the help that the option parser cannot know: exit statuses and examples.
+// The parts of the help that the option parser does not generate: exit statuses and examples.
 #pragma once
 
 #include <string>
@@ -6,13 +6,13 @@
 
 namespace zavctl {
 
-/// What stands below the options of a command's help. A command that has no entry gets none.
+/// Exit statuses and examples of a command, printed below its options. Empty for an unknown command.
 std::string footerOf(const std::string& command);
 
-/// What stands below the commands of the general help.
+/// Exit statuses and examples of the general help, printed below the commands.
 std::string generalFooter();
 
-/// The command lines of a command's examples, in the notation of a shell.
+/// The examples of a command, as shell command lines.
 std::vector<std::string> examplesOf(const std::string& command);
 
 }  // namespace zavctl

@@ -10,7 +10,7 @@ namespace zavctl {
 
 namespace {
 
-std::string written(const Json::Value& value, const char* indentation) {
+std::string toText(const Json::Value& value, const char* indentation) {
     Json::StreamWriterBuilder builder;
     builder["indentation"] = indentation;
     builder["emitUTF8"] = true;
@@ -28,7 +28,7 @@ bool parseJson(const std::string& text, Json::Value& value, std::string& error) 
     } catch (const Json::Exception& exception) {
         error = exception.what();
     }
-    // "* Line 3, Column 5\n  what is wrong\n", the first error first.
+    // The parser reports "* Line 3, Column 5\n  REASON\n" for each error; keep the first one, in one line.
     const std::string::size_type first = error.find('\n');
     const std::string::size_type second = first == std::string::npos ? first : error.find('\n', first + 1);
     error.erase(std::min(second, error.size()));
@@ -37,7 +37,7 @@ bool parseJson(const std::string& text, Json::Value& value, std::string& error) 
     return false;
 }
 
-std::string compactJson(const Json::Value& value) { return written(value, ""); }
-std::string readableJson(const Json::Value& value) { return written(value, "  "); }
+std::string compactJson(const Json::Value& value) { return toText(value, ""); }
+std::string readableJson(const Json::Value& value) { return toText(value, "  "); }
 
 }  // namespace zavctl

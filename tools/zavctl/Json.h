@@ -1,4 +1,4 @@
-// JSON in and out, in the two ways that zavctl needs.
+// Parses and writes JSON.
 #pragma once
 
 #include <json/value.h>
@@ -7,10 +7,10 @@
 
 namespace zavctl {
 
-/// False when the text is no JSON, or a member stands there twice; `error` then says where and why, in one line.
+/// Returns false if the text is not valid JSON or has a duplicate key; `error` then says where and why, in one line.
 bool parseJson(const std::string& text, Json::Value& value, std::string& error);
 
-/// In one line without blanks, and as people read it.
+/// One line without whitespace, or indented.
 std::string compactJson(const Json::Value& value);
 std::string readableJson(const Json::Value& value);
 

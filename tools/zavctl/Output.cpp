@@ -11,7 +11,7 @@ void printJson(std::ostream& out, const Json::Value& object) { out << compactJso
 void printFailure(std::ostream& out, std::ostream& err, bool json, const Failure& failure) {
     if (json) {
         Json::Value object;
-        object["error"] = failure.word();
+        object["error"] = failure.name();
         object["reason"] = failure.what();
         printJson(out, object);
     } else {

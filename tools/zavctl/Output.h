@@ -1,4 +1,4 @@
-// How zavctl prints: text for people, or one JSON object a line.
+// Output of zavctl: text, or one JSON object per line.
 #pragma once
 
 #include <json/value.h>
@@ -10,13 +10,13 @@
 
 namespace zavctl {
 
-/// The object in one line, flushed: whoever reads a pipe sees it at once.
+/// Prints the object in one line and flushes it, so that the reader of a pipe sees it at once.
 void printJson(std::ostream& out, const Json::Value& object);
 
-/// The failure as the last thing that a command says: in JSON on `out`, in words on `err`.
+/// Prints the failure: with `json` as an object on `out`, otherwise as a message on `err`.
 void printFailure(std::ostream& out, std::ostream& err, bool json, const Failure& failure);
 
-/// The URL with the password in it replaced by "***", also when something is wrong with it.
+/// The URL with its password replaced by "***", even if the URL is invalid.
 std::string withoutPassword(const std::string& url);
 
 }  // namespace zavctl

@@ -8,38 +8,40 @@
 
 namespace zavctl {
 
-PassFollower::PassFollower(std::string writer, std::chrono::milliseconds settling)
-    : writer_(std::move(writer)), settling_(settling) {}
+PassFollower::PassFollower(std::string source, std::chrono::milliseconds settleTime)
+    : source_(std::move(source)), settleTime_(settleTime) {}
 
-void PassFollower::connectionLost(const std::string& cause) { lose("the connection to the broker was lost: " + cause); }
+void PassFollower::connectionLost(const std::string& cause) {
+    setLost("the connection to the broker was lost: " + cause);
+}
 
-void PassFollower::lose(const std::string& reason) {
+void PassFollower::setLost(const std::string& reason) {
     {
         const std::lock_guard<std::mutex> lock(mutex_);
-        if (lost_.empty()) lost_ = reason;
+        if (lostReason_.empty()) lostReason_ = reason;
     }
     changed_.notify_all();
 }
 
 void PassFollower::messageArrived(const std::string& topic, const std::string& content) {
     if (topic == propertyprotocol::statusTopic && content == propertyprotocol::offlineStatus)
-        lose("the property service went away");
+        setLost("the property service went away");
     propertyprotocol::Change change;
     if (!propertyprotocol::readChange(content, change)) return;
     const std::lock_guard<std::mutex> lock(mutex_);
     if (change.param == "State.Provisioning") {
         const bool isRequest = change.value.find("request") != std::string::npos;
-        if (!isRequest) earlierPass_ = false;
+        if (!isRequest) earlierPassRuns_ = false;
         if (isRequest) {
-            requested_ = requested_ || change.source == writer_;
+            requested_ = requested_ || change.source == source_;
         } else if (requested_ && !(result_ && passBegan_)) {
             result_ = change.value;
-            counts_ = passBegan_ ? Clock::now() : Clock::now() + settling_;
+            countsFrom_ = passBegan_ ? Clock::now() : Clock::now() + settleTime_;
         }
-    } else if (change.param == "State.Provisioning.LockUI" && change.value == "1" && requested_ && !earlierPass_ &&
+    } else if (change.param == "State.Provisioning.LockUI" && change.value == "1" && requested_ && !earlierPassRuns_ &&
                !passBegan_) {
         passBegan_ = true;
-        result_.reset();  // that was the pass before ours
+        result_.reset();  // it was the result of an earlier pass
     }
     changed_.notify_all();
 }
@@ -48,20 +50,20 @@ void PassFollower::deliveryComplete(const std::string&) {}
 
 void PassFollower::expectEarlierResult() {
     const std::lock_guard<std::mutex> lock(mutex_);
-    earlierPass_ = true;
+    earlierPassRuns_ = true;
 }
 
 std::optional<std::string> PassFollower::waitUntil(Clock::time_point until) {
     std::unique_lock<std::mutex> lock(mutex_);
     while (true) {
         const Clock::time_point now = Clock::now();
-        if (result_ && counts_ <= now) return result_;
-        if (until <= now || !lost_.empty()) return std::nullopt;
-        changed_.wait_until(lock, result_ ? std::min(counts_, until) : until);
+        if (result_ && countsFrom_ <= now) return result_;
+        if (until <= now || !lostReason_.empty()) return std::nullopt;
+        changed_.wait_until(lock, result_ ? std::min(countsFrom_, until) : until);
     }
 }
 
-std::optional<std::string> PassFollower::heldBack() const {
+std::optional<std::string> PassFollower::unconfirmedResult() const {
     const std::lock_guard<std::mutex> lock(mutex_);
     return result_;
 }
@@ -71,14 +73,14 @@ bool PassFollower::passBegan() const {
     return passBegan_;
 }
 
-bool PassFollower::isBehindEarlierPass() const {
+bool PassFollower::isEarlierPassRunning() const {
     const std::lock_guard<std::mutex> lock(mutex_);
-    return earlierPass_;
+    return earlierPassRuns_;
 }
 
-std::string PassFollower::lost() const {
+std::string PassFollower::lostReason() const {
     const std::lock_guard<std::mutex> lock(mutex_);
-    return lost_;
+    return lostReason_;
 }
 
 }  // namespace zavctl

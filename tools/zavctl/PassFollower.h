@@ -1,10 +1,10 @@
-// Follows one provisioning pass by the changes that its properties go through.
+// Follows one provisioning pass by the changes of its properties.
 //
-// The pass that counts begins after our own request was accepted: a pass that was under way already publishes its
-// result too, and ours begins right after it. So a result counts at once when a pass began after the request, and
-// otherwise only when none begins within a moment. While another pass is under way the lock of the screen says nothing:
-// a redirect in it locks the screen again. Without the broker or the property service there is nothing to follow: the
-// wait ends at once. Changes and presence come on delivery threads; one other thread waits.
+// Our pass begins after our request was accepted. If another pass is running then, it publishes its result first and
+// our pass begins right after it. So a result counts at once if a pass began after the request; otherwise it counts
+// only if no pass begins within the settle time. While another pass is running, locking the screen does not mean that
+// our pass began: a redirect locks it again. If the broker or the property service goes away, the wait ends at once.
+// Changes and presence arrive on delivery threads; one other thread waits.
 #pragma once
 
 #include <chrono>
@@ -21,45 +21,45 @@ class PassFollower final : public ipc::IIPCCallback {
  public:
     using Clock = std::chrono::steady_clock;
 
-    /// `writer` is the source of our own request; `settling` is how long a result without a beginning is held back.
-    PassFollower(std::string writer, std::chrono::milliseconds settling);
+    /// `source` is the source of our request; a result without a start counts after `settleTime`.
+    PassFollower(std::string source, std::chrono::milliseconds settleTime);
 
     void connectionLost(const std::string& cause) override;
     void messageArrived(const std::string& topic, const std::string& content) override;
     void deliveryComplete(const std::string& topic) override;
 
-    /// Another pass is running, as seen before our request: what begins before its result is part of it.
+    /// Call it before the request if another pass is running: a start before that pass's result belongs to that pass.
     void expectEarlierResult();
 
-    /// The result once the pass has ended; nothing when `until` comes first, or once the pass was lost.
+    /// Waits for the result of the pass. Returns nothing at `until`, or once the pass can no longer be followed.
     std::optional<std::string> waitUntil(Clock::time_point until);
 
-    /// A result that is still held back.
-    std::optional<std::string> heldBack() const;
+    /// A result that does not count yet, because the settle time is not over.
+    std::optional<std::string> unconfirmedResult() const;
 
     bool passBegan() const;
 
-    /// Another pass is still running, so that ours has not begun.
-    bool isBehindEarlierPass() const;
+    /// Whether another pass is still running, so that ours has not begun.
+    bool isEarlierPassRunning() const;
 
-    /// Why the pass can no longer be followed: the broker or the property service went away. Empty while it can.
-    std::string lost() const;
+    /// Why the pass can no longer be followed: the broker or the property service went away. Empty while it can be.
+    std::string lostReason() const;
 
  private:
-    void lose(const std::string& reason);
+    void setLost(const std::string& reason);
 
-    const std::string writer_;
-    const std::chrono::milliseconds settling_;
+    const std::string source_;
+    const std::chrono::milliseconds settleTime_;
 
     mutable std::mutex mutex_;
     std::condition_variable changed_;
     // guarded by mutex_
     bool requested_ = false;
-    bool earlierPass_ = false;
+    bool earlierPassRuns_ = false;
     bool passBegan_ = false;
-    std::string lost_;
+    std::string lostReason_;
     std::optional<std::string> result_;
-    Clock::time_point counts_{};  // when result_ counts
+    Clock::time_point countsFrom_{};  // when result_ begins to count
 };
 
 }  // namespace zavctl

@@ -33,24 +33,26 @@ bool writeAll(int file, const std::string& text) {
 }
 
 void writeFile(const std::string& path, const std::string& text, bool replace) {
-    std::string fresh = path + ".XXXXXX";
-    common::Descriptor file(::mkostemp(fresh.data(), O_CLOEXEC));  // mode 0600
+    std::string temporary = path + ".XXXXXX";
+    common::Descriptor file(::mkostemp(temporary.data(), O_CLOEXEC));  // mode 0600
     if (file.get() < 0) fail(path, "cannot be created: " + reasonOf(errno));
-    bool placed = writeAll(file.get(), text) && ::fsync(file.get()) == 0;
-    // A link, unlike a rename, never replaces what somebody else has put there meanwhile.
-    if (placed) placed = (replace ? ::rename(fresh.c_str(), path.c_str()) : ::link(fresh.c_str(), path.c_str())) == 0;
+    bool succeeded = writeAll(file.get(), text) && ::fsync(file.get()) == 0;
+    // Unlike rename(), link() never replaces a file that appeared meanwhile.
+    if (succeeded)
+        succeeded =
+            (replace ? ::rename(temporary.c_str(), path.c_str()) : ::link(temporary.c_str(), path.c_str())) == 0;
     const int error = errno;
-    if (!placed || !replace) ::unlink(fresh.c_str());
-    if (!placed) fail(path, "cannot be written: " + reasonOf(error));
+    if (!succeeded || !replace) ::unlink(temporary.c_str());
+    if (!succeeded) fail(path, "cannot be written: " + reasonOf(error));
 }
 
 bool isStream(mode_t mode) { return S_ISFIFO(mode) || S_ISCHR(mode); }
 
 [[noreturn]] void refuse(const std::string& path, mode_t mode, bool isLink) {
-    if (isLink) fail(path, "is a symbolic link, and is not followed: name the file itself");
+    if (isLink) fail(path, "is a symbolic link, which is not followed; name the file itself");
     if (S_ISDIR(mode)) fail(path, "is a directory");
     if (S_ISBLK(mode)) fail(path, "is a block device");
-    fail(path, "is neither a file nor a pipe nor a character device");
+    fail(path, "is not a file, a pipe or a character device");
 }
 
 bool isStandardOutput(const struct stat& status) {
@@ -62,10 +64,10 @@ void writeStream(const std::string& path, const std::string& text, bool isLink) 
     struct stat status {};
     if (::stat(path.c_str(), &status) != 0) fail(path, "cannot be opened: " + reasonOf(errno));
     if (!isStream(status.st_mode)) refuse(path, status.st_mode, isLink);
-    if (S_ISFIFO(status.st_mode) && isStandardOutput(status)) fail(path, "is the standard output: use - for it");
+    if (S_ISFIFO(status.st_mode) && isStandardOutput(status)) fail(path, "is standard output; use - for it");
     const common::Descriptor file(::open(path.c_str(), O_WRONLY | O_CLOEXEC | O_NOCTTY));
     if (file.get() < 0) fail(path, "cannot be opened: " + reasonOf(errno));
-    // What was opened may be something else by now.
+    // The path may have been replaced between stat() and open().
     if (::fstat(file.get(), &status) != 0 || !isStream(status.st_mode)) refuse(path, status.st_mode, isLink);
     if (!writeAll(file.get(), text)) fail(path, "cannot be written: " + reasonOf(errno));
 }
@@ -76,7 +78,7 @@ void writePrivateFile(const std::string& path, const std::string& text, bool rep
     struct stat status {};
     if (::lstat(path.c_str(), &status) != 0) return writeFile(path, text, false);
     if (!S_ISREG(status.st_mode)) return writeStream(path, text, S_ISLNK(status.st_mode));
-    if (!replace) fail(path, "exists already; --force replaces it");
+    if (!replace) fail(path, "already exists; --force replaces it");
     writeFile(path, text, true);
 }
 

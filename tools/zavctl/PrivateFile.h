@@ -1,8 +1,9 @@
 // Writes a file that holds secrets.
 //
-// A regular file is written whole or not at all, with mode 0600, and replaced only on request. A pipe or a character
-// device takes the text as it is; nothing is replaced then. Links to files, folders, block devices and sockets are
-// refused. Throws a Failure that names the path and the reason, write errors included.
+// A regular file is written completely or not at all, with mode 0600; an existing one is replaced only with `replace`.
+// Text for a pipe or a character device is written to it, whatever `replace` says. Symbolic links to files,
+// directories, block devices and sockets are refused. Throws a Failure with the path and the reason, also for write
+// errors.
 #pragma once
 
 #include <string>

@@ -19,9 +19,9 @@ namespace {
 
 using Clock = PassFollower::Clock;
 
-constexpr std::chrono::seconds settling{2};
-constexpr std::chrono::seconds look{1};
-// The look for a reason must not delay the exit when the property service hangs.
+constexpr std::chrono::seconds settleTime{2};
+constexpr std::chrono::seconds progressInterval{1};
+// Finding the likely reason must not delay the exit if the property service hangs.
 constexpr std::chrono::milliseconds reasonTime{500};
 
 std::string seconds(std::chrono::milliseconds duration) {
@@ -63,10 +63,10 @@ class ProgressLine {
     const bool shown_;
 };
 
-// Why a requested pass may not have begun.
+// The likely reason why the requested pass has not begun.
 std::string likelyReason(Session& session, const PassFollower& follower) {
-    if (follower.isBehindEarlierPass()) {
-        return "another pass is running; the one asked for begins when it has ended";
+    if (follower.isEarlierPassRunning()) {
+        return "another pass is running; the requested pass begins when it ends";
     }
     session.limitRequests(reasonTime);
     try {
@@ -75,7 +75,7 @@ std::string likelyReason(Session& session, const PassFollower& follower) {
             return "no server is set; zavctl set System.Provision.ProvisioningServer URL sets it";
         }
         if (properties.get("State.Provisioning.OnBootUp") != "done") {
-            return "zavd has not enabled provisioning since the phone's start (it waits until the network has been up "
+            return "zavd has not enabled provisioning since the phone started (it waits until the network has been up "
                    "for 90 s), or is not running";
         }
     } catch (const propertyapi::PropertyNotFoundException&) {  // a phone without boot-up provisioning
@@ -88,14 +88,14 @@ std::string likelyReason(Session& session, const PassFollower& follower) {
 
 [[noreturn]] void failLost(const std::string& reason) {
     throw Failure(ExitCode::unreachable, "unreachable",
-                  reason + " (the pass may go on: zavctl status shows its result later)");
+                  reason + " (the pass may continue: zavctl status shows its result later)");
 }
 
 [[noreturn]] void failTimedOut(Session& session, const PassFollower& follower, std::chrono::milliseconds timeout) {
     const std::string reason =
         follower.passBegan()
             ? "the provisioning pass has not ended within " + seconds(timeout) +
-                  "; it goes on: zavctl status shows its result, --timeout S waits longer"
+                  " and continues: zavctl status shows its result later; --timeout S waits longer"
             : "no provisioning pass began within " + seconds(timeout) + ": " + likelyReason(session, follower);
     throw Failure(ExitCode::timedOut, "timed-out", reason);
 }
@@ -108,20 +108,22 @@ std::string follow(const Environment& environment, const Options& options, Sessi
     Clock::time_point hintAt = std::min(end, start + environment.hintAfter);
     while (true) {
         progress.show(follower.passBegan() ? "Provisioning" : "Waiting for the pass to begin", since(start));
-        const std::optional<std::string> result = follower.waitUntil(std::min({end, hintAt, Clock::now() + look}));
-        if (result || !follower.lost().empty() || Clock::now() >= end) progress.clear();
+        const std::optional<std::string> result =
+            follower.waitUntil(std::min({end, hintAt, Clock::now() + progressInterval}));
+        if (result || !follower.lostReason().empty() || Clock::now() >= end) progress.clear();
         if (result) return *result;
-        if (const std::string reason = follower.lost(); !reason.empty()) failLost(reason);
+        if (const std::string reason = follower.lostReason(); !reason.empty()) failLost(reason);
         if (Clock::now() >= end) {
-            if (const std::optional<std::string> heldBack = follower.heldBack()) return *heldBack;
+            if (const std::optional<std::string> unconfirmedResult = follower.unconfirmedResult())
+                return *unconfirmedResult;
             failTimedOut(session, follower, timeout);
         }
         if (Clock::now() < hintAt) continue;
         hintAt = end;
-        if (follower.passBegan() || follower.heldBack()) continue;
+        if (follower.passBegan() || follower.unconfirmedResult()) continue;
         const std::string reason = likelyReason(session, follower);
         progress.clear();
-        if (const std::string lost = follower.lost(); !lost.empty()) failLost(lost);
+        if (const std::string lost = follower.lostReason(); !lost.empty()) failLost(lost);
         environment.err << "zavctl: no provisioning pass has begun yet: " << reason << std::endl;
     }
 }
@@ -137,7 +139,7 @@ ExitCode report(const Environment& environment, const Options& options, const st
         printJson(environment.out, object);
     } else {
         environment.out << dbg::escapeControls(result);
-        if (result == "partSuccess") environment.out << ": some of the jobs or settings were not carried out";
+        if (result == "partSuccess") environment.out << ": some jobs or settings were not applied";
         environment.out << " (HTTP " << (isCode ? http : "-") << ", " << seconds(duration) << ")" << std::endl;
     }
     return result == "success" || result == "partSuccess" ? ExitCode::done : ExitCode::failed;
@@ -147,7 +149,7 @@ ExitCode report(const Environment& environment, const Options& options, const st
 
 ExitCode provision(const Environment& environment, const Options& options, bool wait,
                    std::chrono::milliseconds timeout) {
-    PassFollower follower(clientName, settling);
+    PassFollower follower(clientName, settleTime);
     Session session(environment, options.host);
     if (wait) {
         session.subscribe(propertyprotocol::changeFilter("State"), follower);
@@ -169,7 +171,7 @@ ExitCode provision(const Environment& environment, const Options& options, bool 
     }
     const std::string result = follow(environment, options, session, follower, timeout);
     const std::chrono::milliseconds duration = since(start);
-    // The daemon writes the status before the result, so it is there by now.
+    // The daemon writes the HTTP status before the result.
     const std::string http = tryGet(session.properties(), "State.Provisioning.HttpErrorCode").value_or("");
     return report(environment, options, result, http, duration);
 }

@@ -26,9 +26,9 @@ std::string textOf(const Json::Value& object, const char* member) {
     return value.isString() ? value.asString() : std::string();
 }
 
-constexpr std::chrono::seconds patience{5};
+constexpr std::chrono::seconds requestTimeout{5};
 
-[[noreturn]] void failAs(const Json::Value& answer) {
+[[noreturn]] void throwFailure(const Json::Value& answer) {
     const std::string word = textOf(answer, "error");
     const std::string key = textOf(answer, "param");
     const std::string reason = (key.empty() ? "" : key + ": ") + textOf(answer, "reason");
@@ -44,7 +44,7 @@ Session::Session(const Environment& environment, std::string host)
 Session::~Session() {
     try {
         bus_->disconnect();
-    } catch (const std::exception&) {  // it is over either way
+    } catch (const std::exception&) {  // the session ends anyway
     }
 }
 
@@ -54,21 +54,20 @@ void Session::subscribe(const std::string& topicFilter, ipc::IIPCCallback& callb
 
 void Session::connect() { bus_->connect(host_); }
 
-Json::Value Session::ask(const std::string& topic, const Json::Value& request) {
-    const std::string question = compactJson(request);
-    if (question.size() > propertyprotocol::maxImportBytes) {
+Json::Value Session::request(const std::string& topic, const Json::Value& content) {
+    const std::string payload = compactJson(content);
+    if (payload.size() > propertyprotocol::maxImportBytes) {
         throw Failure(ExitCode::failed, errors::badRequest,
-                      "the settings are " + std::to_string(question.size()) + " bytes, and the phone takes " +
-                          std::to_string(propertyprotocol::maxImportBytes) + " at once: divide the file");
+                      "the settings are " + std::to_string(payload.size()) + " bytes; the phone accepts at most " +
+                          std::to_string(propertyprotocol::maxImportBytes) + " at once: split the file");
     }
-    const std::string text = bus_->request(topic, question, propertyprotocol::statusTopic, patience);
+    const std::string text = bus_->request(topic, payload, propertyprotocol::statusTopic, requestTimeout);
     Json::Value answer;
     std::string error;
     if (!parseJson(text, answer, error) || !answer.isObject()) {
-        throw Failure(ExitCode::failed, errors::badRequest,
-                      "the property service's answer cannot be understood: " + error);
+        throw Failure(ExitCode::failed, errors::badRequest, "the property service sent an invalid answer: " + error);
     }
-    if (std::as_const(answer)["error"].isString()) failAs(answer);
+    if (std::as_const(answer)["error"].isString()) throwFailure(answer);
     return answer;
 }
 
@@ -77,14 +76,15 @@ std::vector<propertyapi::Property> Session::list(const std::string& prefix) {
     std::string after;
     do {
         propertyapi::PropertyPage page = properties_->list(prefix, after);
-        if (!page.next.empty() && page.next <= after) throw std::runtime_error("the property service lists in circles");
+        if (!page.next.empty() && page.next <= after)
+            throw std::runtime_error("the property service's list does not advance");
         std::move(page.properties.begin(), page.properties.end(), std::back_inserter(all));
         after = page.next;
     } while (!after.empty());
     return all;
 }
 
-std::vector<propertyapi::Property> Session::listSome(const std::string& prefix) {
+std::vector<propertyapi::Property> Session::listOrFail(const std::string& prefix) {
     std::vector<propertyapi::Property> some = list(prefix);
     if (some.empty() && !prefix.empty()) {
         throw Failure(ExitCode::noSuchKey, errors::notFound, "no key begins with \"" + prefix + "\"");
@@ -94,17 +94,17 @@ std::vector<propertyapi::Property> Session::listSome(const std::string& prefix) 
 
 std::vector<propertyapi::Property> Session::listUncatalogued() {
     std::vector<propertyapi::Property> all;
-    Json::Value request;
-    request["uncatalogued"] = true;
+    Json::Value query;
+    query["uncatalogued"] = true;
     for (bool more = true; more;) {
-        const Json::Value page = ask(propertyprotocol::listTopic, request);
+        const Json::Value page = request(propertyprotocol::listTopic, query);
         for (const Json::Value& one : page["properties"]) all.push_back({textOf(one, "param"), textOf(one, "value")});
         const std::string next = textOf(page, "next");
         more = !next.empty();
-        if (more && next <= textOf(request, "after")) {
-            throw std::runtime_error("the property service lists in circles");
+        if (more && next <= textOf(query, "after")) {
+            throw std::runtime_error("the property service's list does not advance");
         }
-        request["after"] = next;
+        query["after"] = next;
     }
     return all;
 }

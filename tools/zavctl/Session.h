@@ -1,4 +1,4 @@
-// One command's connection to the phone.
+// A command's connection to the phone.
 #pragma once
 
 #include <json/value.h>
@@ -14,7 +14,8 @@
 namespace zavctl {
 
 inline constexpr char clientName[] = "zavctl";
-/// Ends the connection when it goes out of scope; no callback runs from then on.
+
+/// The destructor disconnects; no callback runs after it.
 class Session {
  public:
     Session(const Environment& environment, std::string host);
@@ -22,21 +23,21 @@ class Session {
     Session& operator=(const Session&) = delete;
     ~Session();
 
-    /// Before `connect`; the callback must outlive the session.
+    /// Call it before `connect`; the callback must outlive the session.
     void subscribe(const std::string& topicFilter, ipc::IIPCCallback& callback);
     void connect();
     /// From now on no request takes longer.
     void limitRequests(std::chrono::milliseconds limit) { bus_->limitRequests(limit); }
     propertyapi::IPropertyApi& properties() { return *properties_; }
 
-    /// Sends a request that the property client does not know: describe, import. Throws a Failure for an error answer.
-    Json::Value ask(const std::string& topic, const Json::Value& request);
+    /// Sends a request that the property client does not offer: describe, import. Throws a Failure for an error answer.
+    Json::Value request(const std::string& topic, const Json::Value& content);
 
-    /// All properties that begin with the prefix, every page of them, sorted by key.
+    /// All properties whose keys begin with the prefix, from all pages, sorted by key.
     std::vector<propertyapi::Property> list(const std::string& prefix);
-    /// The same; a prefix with which no key begins is a Failure.
-    std::vector<propertyapi::Property> listSome(const std::string& prefix);
-    /// What the store holds for keys that the catalogue does not have (any more), sorted by key.
+    /// The same; throws a Failure if no key begins with the prefix.
+    std::vector<propertyapi::Property> listOrFail(const std::string& prefix);
+    /// Stored values whose keys are not in the catalogue, sorted by key.
     std::vector<propertyapi::Property> listUncatalogued();
 
  private:

@@ -53,13 +53,13 @@ Settings readSettings(const std::string& path) {
     std::string error;
     if (!parseJson(contentOf(path), root, error)) fail(path, error);
     if (!root.isObject() || root["version"] != 1 || !root["properties"].isObject()) {
-        fail(path, "holds no settings: {\"version\": 1, \"properties\": {KEY: VALUE, ...}} is wanted");
+        fail(path, "is not a settings file; expected {\"version\": 1, \"properties\": {KEY: VALUE, ...}}");
     }
     Settings settings;
     for (const std::string& key : root["properties"].getMemberNames()) {
         const Json::Value& value = root["properties"][key];
         if (!value.isString() && !value.isNull()) {
-            fail(path, key + ": its value must be a text (\"5\", not 5), or null for the default");
+            fail(path, key + ": its value must be a string (\"5\", not 5), or null for the default");
         }
         settings[key] = value.isNull() ? std::nullopt : std::optional<std::string>(value.asString());
     }

@@ -1,4 +1,4 @@
-// Settings in a file: {"version": 1, "properties": {KEY: VALUE, …}}.
+// A settings file: {"version": 1, "properties": {KEY: VALUE, …}}.
 #pragma once
 
 #include <json/value.h>
@@ -10,12 +10,12 @@
 
 namespace zavctl {
 
-/// No value (null in the file): back to the default.
+/// No value (null in the file) stands for the default.
 using Settings = std::map<std::string, std::optional<std::string>>;
 
 Json::Value toJson(const Settings& settings);
 
-/// "-" reads the standard input. Throws a Failure that names the file and what is wrong.
+/// "-" reads standard input. Throws a Failure with the file and the error.
 Settings readSettings(const std::string& path);
 
 }  // namespace zavctl

@@ -1,4 +1,4 @@
-// Many settings at once: out of the phone, into it, compared, and back to their defaults.
+// Exports, imports, compares and resets settings.
 #include "Commands.h"
 #include "Differences.h"
 #include "Failure.h"
@@ -26,8 +26,8 @@ ExitCode exportSettings(const Environment& environment, const Options& options, 
     const Json::Value json = toJson(settings);
     environment.out << (options.json ? compactJson(json) : readableJson(json)) << std::endl;
     if (hidden > 0) {
-        environment.err << "zavctl: " << counted(hidden, "secret is", "secrets are")
-                        << " left out; --show-secrets includes them" << std::endl;
+        environment.err << "zavctl: " << counted(hidden, "secret", "secrets")
+                        << " omitted; --show-secrets includes them" << std::endl;
     }
     return ExitCode::done;
 }
@@ -37,7 +37,7 @@ ExitCode importSettings(const Environment& environment, const Options& options, 
     Session session(environment, options.host);
     session.connect();
     const Definitions definitions = definitionsOf(session, "");
-    // A key that only stands in the file differs, and is refused by the service.
+    // A key that only the file has counts as a difference; the service refuses it.
     std::vector<Difference> differences = changesTo(valuesOf(session, ""), withDefaults(wanted, definitions));
     writeChanges(session, differences, false);
     const DifferencePrinter printer(definitions, options.showSecrets);
@@ -51,7 +51,7 @@ ExitCode importSettings(const Environment& environment, const Options& options, 
         object["applied"] = apply;
         printJson(environment.out, object);
     } else if (differences.empty()) {
-        environment.out << "Nothing to do: the phone is as the file says." << std::endl;
+        environment.out << "Nothing to do: the phone already has these settings." << std::endl;
     } else {
         const std::string settings = counted(differences.size(), "setting", "settings");
         environment.out << (apply ? settings + " written." : settings + " would be written; --apply writes them.")
@@ -77,7 +77,7 @@ ExitCode diffSettings(const Environment& environment, const Options& options, co
         right = readSettings(*after);
     }
     const std::vector<Difference> differences = compare(left, right);
-    // Without a phone nobody says what is secret; who has the files has the values.
+    // Without a phone there is no catalogue that says which keys are secret. The caller can read both files anyway.
     const DifferencePrinter printer(definitions, options.showSecrets || after.has_value());
     if (options.json) {
         Json::Value object;
@@ -114,8 +114,7 @@ ExitCode reset(const Environment& environment, const Options& options, const std
         for (const Difference& one : differences) object["reset"].append(one.key);
         printJson(environment.out, object);
     } else if (many) {
-        environment.out << counted(differences.size(), "setting is", "settings are") << " back at the default."
-                        << std::endl;
+        environment.out << counted(differences.size(), "setting", "settings") << " reset." << std::endl;
     }
     return ExitCode::done;
 }

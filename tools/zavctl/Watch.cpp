@@ -1,5 +1,6 @@
 #include <json/value.h>
 
+#include <chrono>
 #include <mutex>
 
 #include "Commands.h"
@@ -13,8 +14,8 @@ namespace zavctl {
 
 namespace {
 
-// One subscription, so that changes keep their order. Without a whole group in the prefix that is every topic with two
-// levels, of which the changes are picked out.
+// One subscription, so that changes keep their order. A prefix that does not contain a whole group needs every topic of
+// two levels; the printer then ignores topics that are not changes.
 std::string topicFilter(const std::string& prefix) {
     const std::string::size_type dot = prefix.find('.');
     if (dot == std::string::npos || dot == 0 || prefix.find_first_of("+#/") < dot) return "+/+";
@@ -26,7 +27,9 @@ class Printer final : public ipc::IIPCCallback {
     Printer(const Environment& environment, bool json, std::string prefix)
         : environment_(environment), json_(json), prefix_(std::move(prefix)) {}
 
-    void connectionLost(const std::string& cause) override { say("connection lost, changes may be missing: " + cause); }
+    void connectionLost(const std::string& cause) override {
+        warn("connection lost, changes may be missing: " + cause);
+    }
 
     void messageArrived(const std::string& topic, const std::string& content) override {
         propertyprotocol::Change change;
@@ -34,12 +37,12 @@ class Printer final : public ipc::IIPCCallback {
         if (change.param.compare(0, prefix_.size(), prefix_) != 0) return;
         const std::lock_guard<std::mutex> lock(mutex_);
         print(change);
-        if (!environment_.out) environment_.stop.set();  // nobody reads any more
+        if (!environment_.out) environment_.stopSignal.stop();  // the output was closed
     }
 
     void deliveryComplete(const std::string&) override {}
 
-    void say(const std::string& text) {
+    void warn(const std::string& text) {
         const std::lock_guard<std::mutex> lock(mutex_);
         environment_.err << "zavctl: " << dbg::escapeControls(text) << std::endl;
     }
@@ -65,7 +68,8 @@ class Printer final : public ipc::IIPCCallback {
     std::mutex mutex_;  // guards the output
 };
 
-// Says when the property service goes: it takes its last changes along if it crashed, and starts without any.
+// Warns when the property service goes offline: its last changes are lost if it crashed, and it publishes none when it
+// starts.
 class PresencePrinter final : public ipc::IIPCCallback {
  public:
     explicit PresencePrinter(Printer& printer) : printer_(printer) {}
@@ -73,15 +77,15 @@ class PresencePrinter final : public ipc::IIPCCallback {
     void connectionLost(const std::string&) override {}
     void messageArrived(const std::string& topic, const std::string& content) override {
         if (topic != propertyprotocol::statusTopic) return;
-        if (content == propertyprotocol::offlineStatus && wasThere_)
-            printer_.say("the property service is gone, changes may be missing");
-        wasThere_ = content == propertyprotocol::onlineStatus;
+        if (content == propertyprotocol::offlineStatus && wasOnline_)
+            printer_.warn("the property service went offline, changes may be missing");
+        wasOnline_ = content == propertyprotocol::onlineStatus;
     }
     void deliveryComplete(const std::string&) override {}
 
  private:
     Printer& printer_;
-    bool wasThere_ = false;  // on the delivery thread only
+    bool wasOnline_ = false;  // delivery thread only
 };
 
 }  // namespace
@@ -94,11 +98,12 @@ ExitCode watch(const Environment& environment, const Options& options, const std
     session.subscribe(topicFilter(prefix), printer);
     session.subscribe(propertyprotocol::statusTopic, presence);
     session.connect();
-    // Also tells at once when the property service is away.
+    // Also fails at once if the property service is offline.
     if (session.properties().list(prefix, "").properties.empty()) {
-        printer.say("no key begins with \"" + prefix + "\"; watching all the same");
+        printer.warn("no key begins with \"" + prefix + "\"; watching anyway");
     }
-    environment.stop.wait();
+    while (!environment.stopSignal.waitFor(std::chrono::hours(1))) {
+    }
     return ExitCode::done;
 }
 

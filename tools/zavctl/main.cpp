@@ -17,12 +17,12 @@
 
 namespace {
 
-// How long an interrupted command has to end in order. One that waits for a broker, an answer or a reader of its output
-// does not notice the interruption.
+// How long an interrupted command may take to end by itself. A command that is waiting for the broker, for an answer or
+// for the reader of its output does not see the stop signal.
 constexpr std::chrono::milliseconds graceAfterInterruption{200};
 
-zavctl::StopSignal& stopSignal() {
-    static zavctl::StopSignal signal;
+common::StopSignal& stopSignal() {
+    static common::StopSignal signal;
     return signal;
 }
 
@@ -32,8 +32,8 @@ common::StopSignal& commandEnded() {
 }
 
 void onInterruption(int) {
-    stopSignal().set();
-    // Every line of the output was flushed when it was complete, so nothing that was printed gets lost.
+    stopSignal().stop();
+    // Each line of output was flushed, so nothing that was printed is lost.
     if (!commandEnded().waitFor(graceAfterInterruption)) std::_Exit(static_cast<int>(zavctl::ExitCode::done));
 }
 
@@ -46,9 +46,10 @@ void catchSignals() {
 int main(int argc, char** argv) {
     common::occupyStandardDescriptors();
     static dbg::Debug channel("ZAVCTL");
-    dbg::Debug::setDebugLevelMask("1");  // what matters is in the output already
+    dbg::Debug::setDebugLevelMask("1");  // errors only: the output reports everything else
     const std::vector<std::string> arguments(argv + 1, argv + argc);
 
+    // Constructed before the signal thread that uses them.
     stopSignal();
     commandEnded();
     const auto reception = common::signal::registerHandler();

@@ -1,4 +1,4 @@
-"""What bash offers after some words, with a zavctl that says which keys there are and how it was called."""
+"""bash completion, with a fake zavctl that prints keys and records its arguments."""
 
 import os
 import subprocess
@@ -61,14 +61,14 @@ class CompletionTest(unittest.TestCase):
         with open(self.calls, encoding="ascii") as file:
             self.assertEqual(file.read().splitlines()[-1], "--host h:1 keys State")
 
-    def test_the_broker_as_readline_divides_it(self):
+    def test_host_split_into_words_by_readline(self):
         for host in (["--host", "h", ":", "1"], ["--host", "=", "h", ":", "1"], ["--host=h:1"]):
             self.assertEqual(self.offered(*host, "get", "NET.M"), ["NET.MAC.Address"])
             self.assertEqual(self.offered("get", *host, "NET.M"), ["NET.MAC.Address"])
         with open(self.calls, encoding="ascii") as file:
             self.assertEqual(set(file.read().splitlines()), {"--host h:1 keys NET.M", "--host=h:1 keys NET.M"})
         for host in (["--host", "s"], ["--host", "=", "s"], ["--host", "="], ["--host", "h", ":"], ["--host", "h", ":", "1"]):
-            self.assertEqual(self.offered(*host), [], "no command stands there")
+            self.assertEqual(self.offered(*host), [], "the word is part of the address")
 
     def test_a_value_is_not_completed(self):
         self.assertEqual(self.offered("set", "NET.MAC.Address", "N"), [])

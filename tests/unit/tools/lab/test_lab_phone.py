@@ -1,4 +1,4 @@
-"""What lab/phone says when it cannot start a phone."""
+"""Error messages of lab/phone when it cannot start a phone."""
 
 import os
 import subprocess
@@ -15,7 +15,7 @@ def phone(*words):
 
 
 class LabPhoneTest(unittest.TestCase):
-    def test_what_is_not_built_is_named(self):
+    def test_programs_that_are_not_built_are_named(self):
         with tempfile.TemporaryDirectory() as build:
             os.mkdir(f"{build}/bin")
             self.assertEqual(phone("--build", build, "--", "true"),

@@ -1,4 +1,4 @@
-// Command lines in every order: what reaches the phone is what stands on the command line, or nothing does.
+// Command lines in any order: `set` writes exactly the value on the command line, or nothing.
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
 
@@ -25,12 +25,12 @@ const Words plainValues{"",      "-",    "-1",       "-5.5",  "--wait", "--timeo
 const Words ownOptions{"--json", "--json=false", "--host=x", "-h", "--help", "--version"};
 const std::vector<Words> optionWords{{"--json"}, {"--json=true"}, {"--host", "other:1"}, {"--host=other:1"}};
 
-// `set KEY VALUE` with options and "--" in four places: before the command, before the key, before the value, behind.
+// `set KEY VALUE` with options and "--" in four places: before the command, the key and the value, and at the end.
 struct Line {
     std::string key;
     std::string value;
     std::array<std::vector<Words>, 4> options;
-    std::array<bool, 4> separator{};  // behind the options of its place
+    std::array<bool, 4> separator{};  // after the options of that place
 
     Words words() const {
         Words all;
@@ -46,7 +46,7 @@ struct Line {
     bool isOwnOption(const std::string& word) const {
         return std::find(ownOptions.begin(), ownOptions.end(), word) != ownOptions.end();
     }
-    std::size_t literalFrom() const {
+    std::size_t firstSeparator() const {
         return static_cast<std::size_t>(std::find(separator.begin(), separator.end(), true) - separator.begin());
     }
     std::size_t hosts() const {
@@ -57,10 +57,10 @@ struct Line {
         return count;
     }
 
-    /// Whether the line can only mean the key and the value: options stand before the separator, which stands once and
-    /// behind the command, no option is contradictory, and a value that is an option is behind the separator.
-    bool isClear() const {
-        const std::size_t literal = literalFrom();
+    /// Whether the line is unambiguous: at most one separator, after the command; options before the separator only; no
+    /// contradictory options; and a value that is also an option follows the separator.
+    bool isUnambiguous() const {
+        const std::size_t literal = firstSeparator();
         if (literal == 0 || hosts() > 1 || std::count(separator.begin(), separator.end(), true) > 1) return false;
         for (std::size_t place = literal + 1; place < 4; ++place) {
             if (!options.at(place).empty()) return false;
@@ -68,7 +68,7 @@ struct Line {
         return literal <= 2 || !isOwnOption(value);
     }
     bool asksForHelp() const {
-        return literalFrom() > 2 && (value == "-h" || value == "--help" || value == "--version");
+        return firstSeparator() > 2 && (value == "-h" || value == "--help" || value == "--version");
     }
 };
 
@@ -104,15 +104,15 @@ fakes::FakeProperties::Values allKeys() {
 
 TEST(Arguments, SetWritesTheValueOnTheCommandLineOrNothing) {
     Lines lines;
-    int clear = 0;
+    int unambiguous = 0;
     for (int number = 0; number < 4000; ++number) {
         const Line line = lines.next();
         const Words words = line.words();
         SCOPED_TRACE(testing::PrintToString(words));
         Phone phone(allKeys());
         const ExitCode code = phone.run(words);
-        if (line.isClear() && !line.asksForHelp()) {
-            ++clear;
+        if (line.isUnambiguous() && !line.asksForHelp()) {
+            ++unambiguous;
             ASSERT_EQ(code, ExitCode::done) << phone.err.str() << phone.out.str();
             ASSERT_THAT(phone.properties->writes(), ElementsAre(fakes::PropertyWrite{line.key, "zavctl", line.value}));
             ASSERT_EQ(phone.bus->hosts.back(), line.hosts() == 1 ? "other:1" : "localhost:1883");
@@ -122,10 +122,10 @@ TEST(Arguments, SetWritesTheValueOnTheCommandLineOrNothing) {
             ASSERT_TRUE(code == ExitCode::usage || (line.asksForHelp() && code == ExitCode::done));
         }
     }
-    EXPECT_GT(clear, 1000) << "too few lines that must be accepted";
+    EXPECT_GT(unambiguous, 1000) << "too few lines are unambiguous";
 }
 
-TEST(Arguments, SetWritesNothingThatDoesNotStandOnTheCommandLine) {
+TEST(Arguments, SetWritesOnlyArgumentsOfTheCommandLine) {
     Words pool{"set", "set", "--", "--host", "h:1", "-h", "--json", "KEY"};
     for (const Words& more : {plainKeys, optionLikeKeys, plainValues, ownOptions}) {
         pool.insert(pool.end(), more.begin(), more.end());
@@ -151,10 +151,10 @@ TEST(Arguments, SetWritesNothingThatDoesNotStandOnTheCommandLine) {
         ASSERT_NE(key, words.end());
         ASSERT_NE(std::find(key + 1, words.end(), writes[0].value), words.end());
     }
-    EXPECT_GT(written, 200) << "too few lines that write";
+    EXPECT_GT(written, 200) << "too few lines write";
 }
 
-TEST(Arguments, SetKeepsItsOldForms) {
+TEST(Arguments, SetAcceptsASeparatorBeforeKeyAndValue) {
     const std::vector<std::pair<Words, std::string>> rows{
         {{"set", "a", "--"}, "--"},     {{"set", "a", "--", "--"}, "--"},         {{"set", "--", "a", "--"}, "--"},
         {{"set", "--", "a", "x"}, "x"}, {{"set", "a", "--", "--json"}, "--json"}, {{"set", "a", "x", "--"}, "x"},
@@ -191,21 +191,21 @@ TEST(Arguments, EveryCommandTakesItsArgumentsLiterally) {
     EXPECT_EQ(phone.run({"diff", "/no/such/a", ""}), ExitCode::failed);
 }
 
-TEST(Arguments, WhatIsWrongIsNamed) {
+TEST(Arguments, ErrorsNameTheWrongArgument) {
     const std::vector<std::pair<Words, std::string>> rows{
-        {{"--", "set", "a", "b"}, "a command must stand before \"--\""},
-        {{"set", "a"}, "VALUE is required (zavctl set --help explains)"},
+        {{"--", "set", "a", "b"}, "the command must come before \"--\""},
+        {{"set", "a"}, "VALUE is required (see zavctl set --help)"},
         {{"set", "K=V"}, "VALUE is required"},
         {{"set", "--", "a"}, "VALUE is required"},
         {{"set", "a", "--json", "--"}, "VALUE is required"},
-        {{"get"}, "KEY is required (zavctl get --help explains)"},
+        {{"get"}, "KEY is required (see zavctl get --help)"},
         {{"get", "--"}, "KEY is required"},
         {{"get", "--", "a", "b"}, "unexpected argument \"b\""},
         {{"status", ""}, "unexpected argument \"\""},
-        {{"list", "-5"}, "unknown option \"-5\" (zavctl list --help explains)"},
+        {{"list", "-5"}, "unknown option \"-5\" (see zavctl list --help)"},
         {{"set", "-5", "a", "b"}, "unknown option \"-5\""},
         {{"get", "a", "--wait"}, "unknown option \"--wait\""},
-        {{"frob", "--help"}, "there is no command \"frob\" (zavctl --help explains)"},
+        {{"frob", "--help"}, "unknown command \"frob\" (see zavctl --help)"},
         {{"--host", "a", "--host", "b", "get", "a"}, "--host"},
         {{"get", "a", "--host"}, "--host"},
         {{"get", "a", "--host="}, "--host"},

@@ -36,40 +36,40 @@ TEST_F(Follower, FollowsAPassFromRequestToResult) {
     EXPECT_EQ(now(), "success");
 }
 
-TEST_F(Follower, AResultBeforeTheRequestIsNotOurs) {
+TEST_F(Follower, IgnoresAResultBeforeTheRequest) {
     change(lock, "1");
     change(state, "success");
     change(state, "request", "zavctl");
     EXPECT_FALSE(now());
-    EXPECT_FALSE(follower.heldBack());
+    EXPECT_FALSE(follower.unconfirmedResult());
     EXPECT_FALSE(follower.passBegan());
 }
 
-TEST_F(Follower, TheRequestOfAnotherIsNotOurs) {
+TEST_F(Follower, IgnoresRequestsOfOtherClients) {
     change(state, "request", "timer");
     change(lock, "1");
     change(state, "fail");
     EXPECT_FALSE(now());
-    EXPECT_FALSE(follower.heldBack());
+    EXPECT_FALSE(follower.unconfirmedResult());
 }
 
-TEST_F(Follower, TheResultOfAPassThatWasUnderWayIsNotOurs) {
+TEST_F(Follower, IgnoresTheResultOfAnEarlierPass) {
     change(state, "request", "zavctl");
     change(lock, "0");
     change(state, "fail");
     EXPECT_FALSE(now());
-    EXPECT_EQ(follower.heldBack(), "fail");
+    EXPECT_EQ(follower.unconfirmedResult(), "fail");
     change(lock, "1");
-    EXPECT_FALSE(follower.heldBack());
+    EXPECT_FALSE(follower.unconfirmedResult());
     change(lock, "0");
     change(state, "success");
     EXPECT_EQ(now(), "success");
 }
 
-TEST_F(Follower, ARedirectOfTheEarlierPassIsNotOurs) {
+TEST_F(Follower, IgnoresARedirectOfAnEarlierPass) {
     follower.expectEarlierResult();
     change(state, "request", "zavctl");
-    change(lock, "1");  // the redirect's own pass
+    change(lock, "1");  // the pass of the redirect
     change(lock, "0");
     EXPECT_FALSE(follower.passBegan());
     change(lock, "0");
@@ -92,7 +92,7 @@ TEST_F(Follower, OnlyTheFirstResultCounts) {
     EXPECT_EQ(now(), "partSuccess");
 }
 
-TEST(FollowerWithoutSettling, AResultWithoutABeginningCountsAfterAMoment) {
+TEST(FollowerWithShortSettleTime, AcceptsAResultWithoutAStartAfterTheSettleTime) {
     PassFollower follower("zavctl", milliseconds(1));
     follower.messageArrived("t", changeText(state, "request-check-sync", "zavctl"));
     follower.messageArrived("t", changeText(state, "success", ""));
@@ -100,22 +100,22 @@ TEST(FollowerWithoutSettling, AResultWithoutABeginningCountsAfterAMoment) {
     EXPECT_FALSE(follower.passBegan());
 }
 
-TEST_F(Follower, LosesThePassWithTheBrokerOrTheService) {
+TEST_F(Follower, StopsWaitingWhenTheBrokerOrServiceGoesAway) {
     const auto late = Clock::now() + std::chrono::seconds(20);
     follower.messageArrived("prop-service/status", "online");
     follower.messageArrived("another/status", "offline");
-    EXPECT_EQ(follower.lost(), "");
+    EXPECT_EQ(follower.lostReason(), "");
     follower.messageArrived("prop-service/status", "offline");
     EXPECT_FALSE(follower.waitUntil(late));
-    EXPECT_EQ(follower.lost(), "the property service went away");
+    EXPECT_EQ(follower.lostReason(), "the property service went away");
     PassFollower other("zavctl", std::chrono::hours(1));
     other.connectionLost("x");
     EXPECT_FALSE(other.waitUntil(late));
-    EXPECT_EQ(other.lost(), "the connection to the broker was lost: x");
-    EXPECT_LT(Clock::now(), late) << "it waited all the same";
+    EXPECT_EQ(other.lostReason(), "the connection to the broker was lost: x");
+    EXPECT_LT(Clock::now(), late) << "waited until the deadline";
 }
 
-TEST_F(Follower, AResultThatCameBeforeTheLossCounts) {
+TEST_F(Follower, KeepsAResultReceivedBeforeTheConnectionWasLost) {
     change(state, "request", "zavctl");
     change(lock, "1");
     change(state, "success");
@@ -124,21 +124,21 @@ TEST_F(Follower, AResultThatCameBeforeTheLossCounts) {
 }
 
 TEST_F(Follower, KnowsWhetherAnEarlierPassIsRunning) {
-    EXPECT_FALSE(follower.isBehindEarlierPass());
+    EXPECT_FALSE(follower.isEarlierPassRunning());
     follower.expectEarlierResult();
-    EXPECT_TRUE(follower.isBehindEarlierPass());
+    EXPECT_TRUE(follower.isEarlierPassRunning());
     change(state, "request", "zavctl");
-    EXPECT_TRUE(follower.isBehindEarlierPass());
+    EXPECT_TRUE(follower.isEarlierPassRunning());
     change(state, "fail");
-    EXPECT_FALSE(follower.isBehindEarlierPass());
+    EXPECT_FALSE(follower.isEarlierPassRunning());
 }
 
-TEST_F(Follower, IgnoresWhatIsNoChange) {
+TEST_F(Follower, IgnoresInvalidChanges) {
     change(state, "request", "zavctl");
     for (const char* content : {"", "x", "[]", "{}", R"({"param":5,"value":"success"})"}) {
         follower.messageArrived("t", content);
     }
-    EXPECT_FALSE(follower.heldBack());
+    EXPECT_FALSE(follower.unconfirmedResult());
 }
 
 }  // namespace

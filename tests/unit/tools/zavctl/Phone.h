@@ -1,4 +1,4 @@
-// A phone as zavctl sees it, without a bus: the fake properties publish their changes to whoever subscribed.
+// A phone without a bus: fake properties that publish their changes to all subscribers.
 #pragma once
 
 #include <json/reader.h>
@@ -48,7 +48,7 @@ class FakeBus final : public ipc::IIPCClient {
         return all;
     }
 
-    /// To every subscriber, whatever its filter.
+    /// Calls every subscriber, whatever its filter.
     void deliver(const std::string& topic, const std::string& content) {
         const std::lock_guard<std::mutex> lock(mutex_);
         for (const auto& [filter, callback] : subscriptions_) callback->messageArrived(topic, content);
@@ -91,7 +91,7 @@ class Phone {
 
     ExitCode run(const std::vector<std::string>& arguments) {
         return zavctl::run(
-            arguments, Environment{out, err, terminal, stop, [this] { catching = true; },
+            arguments, Environment{out, err, terminal, stopSignal, [this] { catching = true; },
                                    [this](const std::string&) { return bus; },
                                    [this](const std::shared_ptr<ipc::IIPCClient>&) { return properties; }, hintAfter});
     }
@@ -112,7 +112,7 @@ class Phone {
     bool terminal = false;
     bool catching = false;
     std::chrono::milliseconds hintAfter{2000};
-    StopSignal stop;
+    common::StopSignal stopSignal;
 };
 
 }  // namespace zavctl

@@ -31,7 +31,7 @@ class PrivateFile : public testing::Test {
     }
     ~PrivateFile() override { std::filesystem::remove_all(folder); }
 
-    // The reason, with and without replacing; nothing may have changed in the folder.
+    // Expects a Failure with this reason, with and without `replace`, and no change in the folder.
     void refused(const std::string& path, const std::string& reason) {
         const auto files = std::distance(std::filesystem::directory_iterator(folder), {});
         for (const bool replace : {false, true}) {
@@ -59,7 +59,7 @@ class PrivateFile : public testing::Test {
     std::filesystem::path folder;
 };
 
-TEST_F(PrivateFile, IsItsOwnersAndReplacedOnRequestOnly) {
+TEST_F(PrivateFile, HasMode0600AndIsReplacedOnRequestOnly) {
     const std::string path = folder / "new";
     writePrivateFile(path, "one", false);
     EXPECT_EQ(content(path), "one");
@@ -78,8 +78,8 @@ TEST_F(PrivateFile, LinksAreNeitherFollowedNorReplaced) {
     std::filesystem::create_symlink(folder / "file", folder / "link");
     std::filesystem::create_symlink(folder / "none", folder / "dangling");
     std::filesystem::create_symlink(folder, folder / "to-folder");
-    refused(folder / "link", "is a symbolic link, and is not followed");
-    refused(folder / "to-folder", "is a symbolic link, and is not followed");
+    refused(folder / "link", "is a symbolic link, which is not followed");
+    refused(folder / "to-folder", "is a symbolic link, which is not followed");
     refused(folder / "dangling", "cannot be opened: No such file");
     EXPECT_EQ(content(folder / "file"), "kept");
     EXPECT_TRUE(S_ISLNK(mode(folder / "link")));
@@ -93,11 +93,11 @@ TEST_F(PrivateFile, FoldersAndSocketsAreRefused) {
     address.sun_family = AF_UNIX;
     (folder / "socket").string().copy(address.sun_path, sizeof address.sun_path - 1);
     ASSERT_EQ(::bind(socket.get(), reinterpret_cast<const sockaddr*>(&address), sizeof address), 0);
-    refused(folder / "socket", "is neither a file nor a pipe nor a character device");
+    refused(folder / "socket", "is not a file, a pipe or a character device");
     refused(folder / "none" / "file", "cannot be created: No such file");
 }
 
-TEST_F(PrivateFile, DevicesTakeTheTextAndSayWhenTheyDoNot) {
+TEST_F(PrivateFile, DevicesAreWrittenAndErrorsReported) {
     writePrivateFile("/dev/null", "secret", false);
     writePrivateFile("/dev/null", "secret", true);
     EXPECT_TRUE(S_ISCHR(mode("/dev/null")));
@@ -105,10 +105,10 @@ TEST_F(PrivateFile, DevicesTakeTheTextAndSayWhenTheyDoNot) {
     EXPECT_TRUE(S_ISCHR(mode("/dev/full")));
 }
 
-TEST_F(PrivateFile, PipesTakeTheTextByNameAndByDescriptor) {
+TEST_F(PrivateFile, PipesAreWrittenByNameAndByDescriptor) {
     const std::string path = folder / "fifo";
     ASSERT_EQ(::mkfifo(path.c_str(), 0600), 0);
-    // Open for both, so that nobody waits for the other end.
+    // Opened for reading and writing, so that neither end waits for the other.
     const common::Descriptor fifo(::open(path.c_str(), O_RDWR | O_NONBLOCK | O_CLOEXEC));
     char buffer[2000];
     for (const bool replace : {false, true}) {
@@ -125,7 +125,7 @@ TEST_F(PrivateFile, PipesTakeTheTextByNameAndByDescriptor) {
     EXPECT_EQ(::read(reading.get(), buffer, sizeof buffer), 4);
 }
 
-// Files of this process may not become larger than so many bytes while it lives, as if the disk were full.
+// Limits the size of this process's files while it lives, as if the disk were full.
 class FullDisk {
  public:
     explicit FullDisk(rlim_t bytes) {
@@ -142,7 +142,7 @@ class FullDisk {
     rlimit before_{};
 };
 
-TEST_F(PrivateFile, AFileThatCannotBeCompletedLeavesTheOldOne) {
+TEST_F(PrivateFile, AFailedWriteKeepsTheOldFile) {
     const std::string path = folder / "old";
     writePrivateFile(path, "old", false);
     {

@@ -18,7 +18,7 @@ const char state[] = "State.Provisioning";
 
 class Provision : public testing::Test {
  protected:
-    // A daemon that carries out a pass for each request, and ends it with this result.
+    // Simulates a daemon that runs a pass with this result for each request.
     void answerWith(const std::string& result, const std::string& http) {
         phone.properties->onWrite([this, result, http](const fakes::PropertyWrite& write) {
             phone.publish(write);
@@ -52,13 +52,13 @@ TEST_F(Provision, WaitsForSuccess) {
     EXPECT_EQ(phone.err.str(), "");
 }
 
-TEST_F(Provision, PartSuccessIsDoneAndSaysSo) {
+TEST_F(Provision, PartSuccessExits0WithANote) {
     answerWith("partSuccess", "200");
     EXPECT_EQ(phone.run({"provision", "--wait"}), ExitCode::done);
-    EXPECT_THAT(phone.out.str(), HasSubstr("partSuccess: some of the jobs or settings were not carried out (HTTP 200"));
+    EXPECT_THAT(phone.out.str(), HasSubstr("partSuccess: some jobs or settings were not applied (HTTP 200"));
 }
 
-TEST_F(Provision, FailIsOne) {
+TEST_F(Provision, FailExits1) {
     answerWith("fail", "404");
     EXPECT_EQ(phone.run({"provision", "--wait"}), ExitCode::failed);
     EXPECT_THAT(phone.out.str(), HasSubstr("fail (HTTP 404"));
@@ -69,7 +69,7 @@ TEST_F(Provision, FailIsOne) {
     EXPECT_TRUE(phone.json()["milliseconds"].isInt());
 }
 
-TEST_F(Provision, AStaleResultDoesNotCount) {
+TEST_F(Provision, IgnoresAStaleResult) {
     EXPECT_EQ(phone.run({"provision", "--wait", "--timeout", "0.05"}), ExitCode::timedOut);
     EXPECT_EQ(phone.out.str(), "");
     EXPECT_THAT(phone.err.str(),
@@ -89,7 +89,7 @@ TEST_F(Provision, TimeOutNamesAPropertyServiceThatDoesNotAnswer) {
     EXPECT_THAT(phone.json()["reason"].asString(), HasSubstr("the property service does not answer"));
 }
 
-TEST_F(Provision, TimeOutOfAPassThatGoesOnSaysSo) {
+TEST_F(Provision, TimeOutDuringAPassSaysThatItContinues) {
     phone.properties->onWrite([this](const fakes::PropertyWrite& write) {
         phone.publish(write);
         if (write.value == "request") phone.properties->set("State.Provisioning.LockUI", "", "1");
@@ -98,7 +98,7 @@ TEST_F(Provision, TimeOutOfAPassThatGoesOnSaysSo) {
     EXPECT_THAT(phone.err.str(), HasSubstr("has not ended within"));
 }
 
-TEST_F(Provision, ALostBrokerOrServiceIsThreeAtOnce) {
+TEST_F(Provision, LosingTheBrokerOrServiceExits3AtOnce) {
     for (const bool broker : {true, false}) {
         phone.properties->onWrite([this, broker](const fakes::PropertyWrite& write) {
             phone.publish(write);
@@ -113,7 +113,7 @@ TEST_F(Provision, ALostBrokerOrServiceIsThreeAtOnce) {
         EXPECT_EQ(phone.run({"provision", "--wait", "--timeout", "60"}), ExitCode::unreachable);
         EXPECT_THAT(phone.err.str(), HasSubstr(broker ? "the connection to the broker was lost: cut"
                                                       : "the property service went away"));
-        EXPECT_THAT(phone.err.str(), HasSubstr("the pass may go on: zavctl status shows its result later"));
+        EXPECT_THAT(phone.err.str(), HasSubstr("the pass may continue: zavctl status shows its result later"));
     }
 }
 
@@ -121,8 +121,8 @@ class ProvisionHint : public Provision {
  protected:
     ProvisionHint() { phone.hintAfter = std::chrono::milliseconds(1); }
 
-    // Runs `provision --wait` and ends it with a result once the hint has been thought of, so that it must have gone
-    // on.
+    // Runs `provision --wait`, and publishes a result once the command has read the key that the hint depends on last.
+    // So the command must still be waiting after the hint.
     std::string hint(const std::string& lastKey) {
         phone.properties->forgetCalls();
         phone.err.str("");
@@ -132,7 +132,7 @@ class ProvisionHint : public Provision {
                 return std::find(reads.begin(), reads.end(), lastKey) != reads.end();
             };
             while (phone.properties->writes().empty() || !isRead()) std::this_thread::yield();
-            phone.publish({state, "", "success"});  // of an earlier pass, if there is one
+            phone.publish({state, "", "success"});  // ends an earlier pass, if there is one
             phone.publish({"State.Provisioning.LockUI", "", "1"});
             phone.publish({state, "", "success"});
         });
@@ -142,7 +142,7 @@ class ProvisionHint : public Provision {
     }
 };
 
-TEST_F(ProvisionHint, SaysOnceWhyNoPassMayHaveBegun) {
+TEST_F(ProvisionHint, PrintsTheLikelyReasonOnce) {
     const std::string begin = "zavctl: no provisioning pass has begun yet: ";
     phone.properties->put("State.Provisioning.OnBootUp", "done");
     std::string text = hint("State.Provisioning.OnBootUp");
@@ -151,25 +151,25 @@ TEST_F(ProvisionHint, SaysOnceWhyNoPassMayHaveBegun) {
 
     phone.properties->put("State.Provisioning.OnBootUp", "");
     text = hint("State.Provisioning.OnBootUp");
-    EXPECT_EQ(text.find(begin + "zavd has not enabled provisioning since the phone's start"), 0U) << text;
+    EXPECT_EQ(text.find(begin + "zavd has not enabled provisioning since the phone started"), 0U) << text;
 
     phone.properties->put("System.Provision.ProvisioningServer", "");
     text = hint("System.Provision.ProvisioningServer");
     EXPECT_EQ(text.find(begin + "no server is set"), 0U) << text;
 }
 
-TEST_F(ProvisionHint, NamesAPassThatIsRunningAlready) {
+TEST_F(ProvisionHint, NamesARunningPass) {
     phone.properties->put("State.Provisioning.LockUI", "1");
     EXPECT_EQ(phone.run({"provision", "--wait", "--timeout", "0.05"}), ExitCode::timedOut);
     EXPECT_EQ(
         phone.err.str(),
-        "zavctl: no provisioning pass has begun yet: another pass is running; the one asked for begins when it has "
-        "ended\n"
-        "zavctl: no provisioning pass began within 0.1 s: another pass is running; the one asked for begins when "
-        "it has ended\n");
+        "zavctl: no provisioning pass has begun yet: another pass is running; the requested pass begins when it "
+        "ends\n"
+        "zavctl: no provisioning pass began within 0.1 s: another pass is running; the requested pass begins when "
+        "it ends\n");
 }
 
-TEST_F(ProvisionHint, SaysNothingOnceAPassHasBegun) {
+TEST_F(ProvisionHint, IsNotPrintedAfterAPassHasBegun) {
     phone.properties->onWrite([this](const fakes::PropertyWrite& write) {
         phone.publish(write);
         if (write.value == "request") phone.properties->set("State.Provisioning.LockUI", "", "1");
@@ -189,7 +189,7 @@ TEST_F(Provision, ProgressIsShownOnATerminalOnly) {
     EXPECT_THAT(phone.out.str(), Not(HasSubstr("\r")));
 }
 
-TEST_F(Provision, TheRequestIsRefused) {
+TEST_F(Provision, FailsIfTheRequestCannotBeWritten) {
     phone.properties->failKey(state);
     EXPECT_EQ(phone.run({"provision", "--wait"}), ExitCode::unreachable);
     EXPECT_THAT(phone.properties->writes(), IsEmpty());

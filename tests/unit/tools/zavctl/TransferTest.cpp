@@ -1,4 +1,4 @@
-// Commands that need the property service's own word: on the real service, without a bus in between.
+// Commands that depend on the property service's answers: against the real service, without a bus.
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
 #include <stdlib.h>
@@ -86,7 +86,7 @@ class Transfer : public testing::Test {
         err.str("");
         bus->changes.clear();
         return zavctl::run(arguments,
-                           Environment{out, err, false, stop, [] {}, [this](const std::string&) { return bus; },
+                           Environment{out, err, false, stopSignal, [] {}, [this](const std::string&) { return bus; },
                                        [](std::shared_ptr<ipc::IIPCClient> client) {
                                            return propertyapi::PropertyApiBuilder::getPropertyApi(std::move(client),
                                                                                                   "zavctl");
@@ -96,7 +96,7 @@ class Transfer : public testing::Test {
         run({"get", key});
         return out.str();
     }
-    // The service starts with these in its store.
+    // Restarts the service with these entries in its store.
     void startWith(std::vector<propertyservice::IStore::Entry> entries) {
         store.stored = std::move(entries);
         service.emplace(catalogue, store);
@@ -114,26 +114,26 @@ class Transfer : public testing::Test {
     std::filesystem::path folder;
     std::ostringstream out;
     std::ostringstream err;
-    StopSignal stop;
+    common::StopSignal stopSignal;
 };
 
-TEST_F(Transfer, DescribePrintsWhatTheCatalogueSays) {
+TEST_F(Transfer, DescribePrintsTheDefinition) {
     EXPECT_EQ(run({"describe", "Audio.Volume"}), ExitCode::done);
     EXPECT_EQ(out.str(),
               "Key          Audio.Volume\n"
               "Description  How loud\n"
               "Type         integer, from 0 to 10\n"
               "Default      5\n"
-              "Written by   any client\n"
-              "Lasts        for good\n");
+              "Writable by  any client\n"
+              "Persistence  permanent\n");
     run({"describe", "State.Call"});
     EXPECT_THAT(out.str(), HasSubstr("Type         enum, one of \"\", \"yes\"\nDefault      empty\n"));
-    EXPECT_THAT(out.str(), HasSubstr("Written by   any client except \"provisioning\"\n"));
-    EXPECT_THAT(out.str(), HasSubstr("Lasts        until the property service starts again\n"));
+    EXPECT_THAT(out.str(), HasSubstr("Writable by  any client except \"provisioning\"\n"));
+    EXPECT_THAT(out.str(), HasSubstr("Persistence  until the property service restarts\n"));
     run({"describe", "Web.URL"});
     EXPECT_THAT(out.str(), HasSubstr("url, beginning with https\n"));
     run({"describe", "Serial"});
-    EXPECT_THAT(out.str(), HasSubstr("nobody: it is read-only\n"));
+    EXPECT_THAT(out.str(), HasSubstr("no client: it is read-only\n"));
     run({"describe", "Web.Password", "--json"});
     EXPECT_EQ(
         out.str(),
@@ -143,7 +143,7 @@ TEST_F(Transfer, DescribePrintsWhatTheCatalogueSays) {
     EXPECT_THAT(err.str(), HasSubstr("Audio: the catalogue has no such key"));
 }
 
-TEST_F(Transfer, KeysAreListedByName) {
+TEST_F(Transfer, KeysPrintsKeysWithoutValues) {
     EXPECT_EQ(run({"keys", "Audio."}), ExitCode::done);
     EXPECT_EQ(out.str(), "Audio.Tone\nAudio.Volume\n");
     EXPECT_EQ(run({"keys", "Web.", "--json"}), ExitCode::done);
@@ -161,13 +161,13 @@ TEST_F(Transfer, ListHidesSecretsAndPasswordsInUrls) {
     EXPECT_EQ(out.str(), "Web.Password=hunter2\nWeb.URL=https://me:hunter2@h/\n");
     run({"set", "Web.Password", ""});
     run({"list", "Web.Password"});
-    EXPECT_EQ(out.str(), "Web.Password=\n") << "that there is none is no secret";
+    EXPECT_EQ(out.str(), "Web.Password=\n") << "an empty secret is not masked";
 }
 
-TEST_F(Transfer, ExportHasSettingsOnlyAndNoSecretsUnlessAsked) {
+TEST_F(Transfer, ExportPrintsSettingsAndOmitsSecretsUnlessAsked) {
     run({"set", "Web.Password", "hunter2"});
     EXPECT_EQ(run({"export"}), ExitCode::done);
-    EXPECT_EQ(err.str(), "zavctl: 1 secret is left out; --show-secrets includes them\n");
+    EXPECT_EQ(err.str(), "zavctl: 1 secret omitted; --show-secrets includes them\n");
     EXPECT_EQ(out.str(), R"({
   "properties" : 
   {
@@ -183,7 +183,7 @@ TEST_F(Transfer, ExportHasSettingsOnlyAndNoSecretsUnlessAsked) {
     EXPECT_EQ(err.str(), "");
 }
 
-TEST_F(Transfer, ImportShowsAndThenWritesWhatDiffers) {
+TEST_F(Transfer, ImportShowsAndWritesDifferences) {
     const std::string path = file(R"("Audio.Volume": "7", "Audio.Tone": "ring", "Web.Password": "hunter2")");
     EXPECT_EQ(run({"import", path}), ExitCode::done);
     EXPECT_EQ(out.str(),
@@ -197,22 +197,23 @@ TEST_F(Transfer, ImportShowsAndThenWritesWhatDiffers) {
     EXPECT_THAT(bus->changes, ElementsAre(R"({"param":"Audio.Volume","value":"7","source":"zavctl"})",
                                           R"({"param":"Web.Password","value":"hunter2","source":"zavctl"})"));
     EXPECT_EQ(run({"import", path, "--apply"}), ExitCode::done);
-    EXPECT_EQ(out.str(), "Nothing to do: the phone is as the file says.\n");
+    EXPECT_EQ(out.str(), "Nothing to do: the phone already has these settings.\n");
     EXPECT_TRUE(bus->changes.empty());
     EXPECT_EQ(run({"import", file(R"("Audio.Volume": null)"), "--apply"}), ExitCode::done);
     EXPECT_EQ(out.str(), "-Audio.Volume=7\n+Audio.Volume=5\n1 setting written.\n");
     EXPECT_EQ(value("Audio.Volume"), "5\n");
 }
 
-TEST_F(Transfer, ImportOfAnythingRefusedWritesNothing) {
+TEST_F(Transfer, ImportWritesNothingIfASettingIsRefused) {
     const std::string path = file(R"("Audio.Tone": "new", "Audio.Volume": "11", "No.Such": "1", "Serial": "1")");
     for (const bool apply : {false, true}) {
         EXPECT_EQ(
             run(apply ? std::vector<std::string>{"import", path, "--apply"} : std::vector<std::string>{"import", path}),
             ExitCode::failed);
-        EXPECT_EQ(err.str(),
-                  "zavctl: nothing was written, 3 settings are refused; Audio.Volume: must be a whole number from 0 to "
-                  "10; No.Such: the catalogue has no such key; Serial: may not be written by a client\n");
+        EXPECT_EQ(
+            err.str(),
+            "zavctl: nothing was written: 3 settings were refused; Audio.Volume: must be a whole number from 0 to "
+            "10; No.Such: the catalogue has no such key; Serial: may not be written by a client\n");
         EXPECT_EQ(value("Audio.Tone"), "ring\n");
     }
     EXPECT_EQ(run({"import", file(R"("No.Such": "1")")}), ExitCode::noSuchKey);
@@ -223,24 +224,24 @@ TEST_F(Transfer, ImportOfAnythingRefusedWritesNothing) {
     EXPECT_EQ(value("Audio.Tone"), "ring\n");
 }
 
-TEST_F(Transfer, ImportBeyondWhatThePhoneTakesSaysSo) {
+TEST_F(Transfer, ImportReportsATooLargeFile) {
     const std::string large = file(R"("Audio.Tone": ")" + std::string(16 * 1024 * 1024, 'x') + "\"");
     EXPECT_EQ(run({"import", large, "--apply"}), ExitCode::failed);
-    EXPECT_THAT(err.str(), HasSubstr("and the phone takes 15728640 at once: divide the file"));
+    EXPECT_THAT(err.str(), HasSubstr("the phone accepts at most 15728640 at once: split the file"));
     std::string unknown = R"("No.0": "")";
     for (int number = 1; number < 1500; ++number) unknown += ", \"No." + std::to_string(number) + R"(": "")";
     EXPECT_EQ(run({"import", file(unknown), "--apply"}), ExitCode::noSuchKey);
-    EXPECT_THAT(err.str(), HasSubstr("nothing was written, 1000 settings are refused, or more; No.0: "));
+    EXPECT_THAT(err.str(), HasSubstr("nothing was written: 1000 settings were refused, or more; No.0: "));
 }
 
-TEST_F(Transfer, FilesThatAreNoneAreNamed) {
+TEST_F(Transfer, InvalidSettingsFilesAreReported) {
     const std::vector<std::pair<std::string, std::string>> texts{
         {"", "Line 1, Column 1:"},
         {"{\"version\": 1,\n \"properties\": {\"a\" 1}}", "Line 2, Column 21:"},
-        {"[]", "holds no settings"},
-        {R"({"version": 2, "properties": {}})", "holds no settings"},
+        {"[]", "is not a settings file"},
+        {R"({"version": 2, "properties": {}})", "is not a settings file"},
         {R"({"version": 1, "properties": {"a": "1", "a": "2"}})", "Duplicate key: 'a'"},
-        {R"({"version": 1, "properties": {"a": 5}})", "a: its value must be a text (\"5\", not 5)"}};
+        {R"({"version": 1, "properties": {"a": 5}})", "a: its value must be a string (\"5\", not 5)"}};
     for (const auto& [text, reason] : texts) {
         const std::string path = folder / "bad.json";
         std::ofstream(path) << text;
@@ -279,16 +280,16 @@ TEST_F(Transfer, DiffWithThePhoneComparesExactlyTheKeysOfTheFile) {
               "{\"after\":\"\",\"before\":\"yes\",\"param\":\"State.Call\"}]}\n");
 }
 
-TEST_F(Transfer, ExportOfNothingIsFour) {
+TEST_F(Transfer, ExportWithoutMatchExits4) {
     for (const char* prefix : {"Nothing.", "State."}) {
         EXPECT_EQ(run({"export", prefix}), ExitCode::noSuchKey);
         EXPECT_EQ(out.str(), "");
         EXPECT_EQ(err.str(), "zavctl: no setting begins with \"" + std::string(prefix) + "\"\n");
     }
-    EXPECT_EQ(run({"export", "Web.Password"}), ExitCode::done) << "there is one, though it is left out";
+    EXPECT_EQ(run({"export", "Web.Password"}), ExitCode::done) << "the setting exists, though its value is omitted";
 }
 
-TEST_F(Transfer, ResetTakesAKeyOrAPrefixBack) {
+TEST_F(Transfer, ResetsAKeyOrAPrefix) {
     run({"set", "Audio.Volume", "7"});
     run({"set", "Audio.Tone", "x"});
     run({"set", "Web.Password", "x"});
@@ -300,7 +301,7 @@ TEST_F(Transfer, ResetTakesAKeyOrAPrefixBack) {
     EXPECT_EQ(out.str(), "{\"reset\":[\"Audio.Tone\"]}\n");
     EXPECT_THAT(bus->changes, ElementsAre(R"({"param":"Audio.Tone","value":"ring","source":"zavctl"})"));
     EXPECT_EQ(run({"reset", "Audio."}), ExitCode::done);
-    EXPECT_EQ(out.str(), "0 settings are back at the default.\n");
+    EXPECT_EQ(out.str(), "0 settings reset.\n");
     EXPECT_EQ(run({"reset", "Web."}), ExitCode::done);
     EXPECT_EQ(value("Web.Password"), "\n");
     EXPECT_EQ(run({"reset", "Audio"}), ExitCode::noSuchKey);
@@ -308,34 +309,34 @@ TEST_F(Transfer, ResetTakesAKeyOrAPrefixBack) {
     EXPECT_EQ(run({"reset", "Serial"}), ExitCode::failed);
 }
 
-TEST_F(Transfer, BackupAndRestoreBringEverythingBack) {
+TEST_F(Transfer, BackupAndRestoreRoundTrip) {
     run({"set", "Audio.Volume", "7"});
     run({"set", "Web.Password", "hunter2"});
     const std::string path = folder / "backup.json";
     EXPECT_EQ(run({"backup", path}), ExitCode::done);
-    EXPECT_EQ(out.str(), "4 settings in " + path + ", passwords among them.\n");
+    EXPECT_EQ(out.str(), "4 settings written to " + path + ", including passwords.\n");
     struct stat status {};
     ASSERT_EQ(::stat(path.c_str(), &status), 0);
     EXPECT_EQ(status.st_mode & 0777U, 0600U);
     EXPECT_EQ(std::distance(std::filesystem::directory_iterator(folder), {}), 1) << "a temporary file is left";
     EXPECT_EQ(run({"backup", path}), ExitCode::failed);
-    EXPECT_THAT(err.str(), HasSubstr("exists already; --force replaces it"));
+    EXPECT_THAT(err.str(), HasSubstr("already exists; --force replaces it"));
     EXPECT_EQ(run({"backup", path, "--force", "--json"}), ExitCode::done);
     EXPECT_EQ(std::distance(std::filesystem::directory_iterator(folder), {}), 1);
 
     run({"set", "Audio.Volume", "1"});
     run({"reset", "Web."});
     EXPECT_EQ(run({"restore", path}), ExitCode::done);
-    EXPECT_EQ(out.str(), "2 settings written, 2 as before.\n");
+    EXPECT_EQ(out.str(), "2 settings written, 2 unchanged.\n");
     EXPECT_EQ(value("Audio.Volume"), "7\n");
     EXPECT_EQ(value("Web.Password"), "hunter2\n");
     EXPECT_EQ(run({"backup", folder / "no/such.json"}), ExitCode::failed);
 }
 
-TEST_F(Transfer, BackupToTheOutputIsOnlyTheFile) {
+TEST_F(Transfer, BackupToStandardOutputPrintsOnlyTheFile) {
     EXPECT_EQ(run({"backup", "-"}), ExitCode::done);
     const std::string text = out.str();
-    EXPECT_EQ(err.str(), "zavctl: 4 settings in the output, passwords among them.\n");
+    EXPECT_EQ(err.str(), "zavctl: 4 settings written to standard output, including passwords.\n");
     EXPECT_EQ(run({"backup", folder / "file"}), ExitCode::done);
     std::ifstream file(folder / "file");
     EXPECT_EQ(text, (std::string{std::istreambuf_iterator<char>(file), std::istreambuf_iterator<char>()}));
@@ -345,14 +346,14 @@ TEST_F(Transfer, BackupToTheOutputIsOnlyTheFile) {
     EXPECT_EQ(err.str(), "zavctl: /dev/full: cannot be written: No space left on device\n");
 }
 
-TEST_F(Transfer, BackupKeepsAndNamesWhatTheCatalogueHasLost) {
+TEST_F(Transfer, BackupIncludesAndNamesUncataloguedKeys) {
     startWith({{"Old.Z", "z"}, {"Old.A", "a"}, {"Audio.Volume", "7"}, {"Old.Binary", "\xff"}, {"State.Call", "yes"}});
     const std::string path = folder / "backup.json";
     EXPECT_EQ(run({"backup", path}), ExitCode::done);
     EXPECT_EQ(err.str(),
-              "zavctl: Old.A is stored, but not in the catalogue; the backup keeps its value\n"
-              "zavctl: Old.Z is stored, but not in the catalogue; the backup keeps its value\n");
-    EXPECT_EQ(out.str(), "6 settings in " + path + ", passwords among them.\n");
+              "zavctl: Old.A is stored but not in the catalogue; the backup includes it\n"
+              "zavctl: Old.Z is stored but not in the catalogue; the backup includes it\n");
+    EXPECT_EQ(out.str(), "6 settings written to " + path + ", including passwords.\n");
     const Settings settings = readSettings(path);
     EXPECT_EQ(settings.at("Old.A"), "a");
     EXPECT_EQ(settings.at("Old.Z"), "z");
@@ -361,18 +362,18 @@ TEST_F(Transfer, BackupKeepsAndNamesWhatTheCatalogueHasLost) {
     EXPECT_EQ(err.str(), "");
     EXPECT_THAT(out.str(), HasSubstr("\"uncatalogued\":[\"Old.A\",\"Old.Z\"]"));
     EXPECT_EQ(run({"restore", path}), ExitCode::done);
-    EXPECT_THAT(err.str(), HasSubstr("zavctl: Old.A is left out: this phone has no such setting\n"));
+    EXPECT_THAT(err.str(), HasSubstr("zavctl: Old.A skipped: this phone has no such setting\n"));
     EXPECT_EQ(run({"get", "Old.A"}), ExitCode::noSuchKey);
 }
 
-TEST_F(Transfer, WhatTheCatalogueHasLostSurvivesADamagedStore) {
+TEST_F(Transfer, UncataloguedKeysSurviveADamagedStore) {
     startWith({{"Old.A", "a"}});
     store.damaged = true;
     EXPECT_EQ(run({"set", "Audio.Volume", "7"}), ExitCode::done);
     EXPECT_THAT(store.stored, Contains(propertyservice::IStore::Entry("Old.A", "a")));
 }
 
-TEST_F(Transfer, BackupFollowsAllPagesOfWhatTheCatalogueHasLost) {
+TEST_F(Transfer, BackupReadsAllPagesOfUncataloguedKeys) {
     std::vector<propertyservice::IStore::Entry> entries;
     for (int number = 0; number < 2500; ++number) entries.emplace_back("Old." + std::to_string(number), "x");
     startWith(entries);
@@ -381,10 +382,10 @@ TEST_F(Transfer, BackupFollowsAllPagesOfWhatTheCatalogueHasLost) {
     EXPECT_EQ(readSettings(path).size(), 2504U);
 }
 
-TEST_F(Transfer, RestoreLeavesOutWhatThePhoneNoLongerHas) {
+TEST_F(Transfer, RestoreSkipsUnknownKeys) {
     EXPECT_EQ(run({"restore", file(R"("Gone.Key": "1", "Audio.Volume": "9", "Serial": "43")")}), ExitCode::done);
-    EXPECT_THAT(err.str(), HasSubstr("zavctl: Gone.Key is left out: this phone has no such setting\n"));
-    EXPECT_THAT(err.str(), HasSubstr("zavctl: Serial is left out"));
+    EXPECT_THAT(err.str(), HasSubstr("zavctl: Gone.Key skipped: this phone has no such setting\n"));
+    EXPECT_THAT(err.str(), HasSubstr("zavctl: Serial skipped"));
     EXPECT_EQ(value("Audio.Volume"), "9\n");
     EXPECT_EQ(run({"restore", file(R"("Audio.Tone": "x", "Audio.Volume": "90")")}), ExitCode::failed);
     EXPECT_EQ(value("Audio.Tone"), "ring\n");

@@ -11,7 +11,7 @@ namespace {
 using testing::ElementsAre;
 using testing::HasSubstr;
 
-// Runs `zavctl watch …` on a thread of its own until it is told to end.
+// Runs `zavctl watch …` on its own thread until `end`.
 class Watch {
  public:
     Watch(Phone& phone, const std::vector<std::string>& arguments)
@@ -23,7 +23,7 @@ class Watch {
     ~Watch() { end(); }
 
     ExitCode end() {
-        phone_.stop.set();
+        phone_.stopSignal.stop();
         if (thread_.joinable()) thread_.join();
         return code_;
     }
@@ -36,13 +36,13 @@ class Watch {
 
 fakes::FakeProperties::Values values() { return {{"System.Name", ""}, {"State.Provisioning", ""}}; }
 
-TEST(Watch, PrintsChangesInTheirOrderUntilItIsStopped) {
+TEST(Watch, PrintsChangesInOrderUntilStopped) {
     Phone phone(values());
     Watch watch(phone, {"watch"});
     EXPECT_THAT(phone.bus->filters(), ElementsAre("+/+", "prop-service/status"));
     phone.properties->set("System.Name", "zavctl", "a");
     phone.properties->set("State.Provisioning", "", "b\n");
-    phone.bus->deliver("prop-service/set", changeText("System.Name", "a request, no change", ""));
+    phone.bus->deliver("prop-service/set", changeText("System.Name", "a request", ""));
     phone.bus->deliver("prop-service-system/System.Name", "not JSON");
     phone.bus->deliver("prop-service-system/System.Name", "[1]");
     EXPECT_EQ(watch.end(), ExitCode::done);
@@ -51,7 +51,7 @@ TEST(Watch, PrintsChangesInTheirOrderUntilItIsStopped) {
     EXPECT_TRUE(phone.catching);
 }
 
-TEST(Watch, PrintsOneJsonObjectALine) {
+TEST(Watch, PrintsOneJsonObjectPerLine) {
     Phone phone(values());
     Watch watch(phone, {"watch", "--json"});
     phone.properties->set("System.Name", "w", "ä\n");
@@ -62,7 +62,7 @@ TEST(Watch, PrintsOneJsonObjectALine) {
               "{\"param\":\"System.Name\",\"source\":\"\",\"value\":\"\"}\n");
 }
 
-TEST(Watch, APrefixWithItsGroupAsksTheBrokerForThatGroupOnly) {
+TEST(Watch, SubscribesOnlyToTheGroupOfThePrefix) {
     Phone phone(values());
     Watch watch(phone, {"watch", "State.Prov"});
     EXPECT_THAT(phone.bus->filters(), ElementsAre("prop-service-state/#", "prop-service/status"));
@@ -72,7 +72,7 @@ TEST(Watch, APrefixWithItsGroupAsksTheBrokerForThatGroupOnly) {
     EXPECT_EQ(phone.out.str(), "State.Provisioning=x\n");
 }
 
-TEST(Watch, SaysWhenNoKeyBeginsSoAndWhenTheConnectionWasLost) {
+TEST(Watch, WarnsAboutAPrefixWithoutMatchAndALostConnection) {
     Phone phone(values());
     Watch watch(phone, {"watch", "Nothing"});
     phone.bus->cut();
@@ -81,7 +81,7 @@ TEST(Watch, SaysWhenNoKeyBeginsSoAndWhenTheConnectionWasLost) {
     EXPECT_THAT(phone.err.str(), HasSubstr("connection lost, changes may be missing: cut"));
 }
 
-TEST(Watch, SaysWhenThePropertyServiceGoes) {
+TEST(Watch, WarnsWhenThePropertyServiceGoesOffline) {
     Phone phone(values());
     Watch watch(phone, {"watch"});
     for (const char* const presence : {"offline", "online", "online", "offline", "offline", "online"}) {
@@ -89,10 +89,10 @@ TEST(Watch, SaysWhenThePropertyServiceGoes) {
     }
     phone.bus->deliver("another/status", "offline");
     EXPECT_EQ(watch.end(), ExitCode::done);
-    EXPECT_EQ(phone.err.str(), "zavctl: the property service is gone, changes may be missing\n");
+    EXPECT_EQ(phone.err.str(), "zavctl: the property service went offline, changes may be missing\n");
 }
 
-TEST(Watch, EndsWhenNobodyReadsAnyMore) {
+TEST(Watch, EndsWhenTheOutputIsClosed) {
     Phone phone(values());
     phone.out.setstate(std::ios::badbit);
     std::thread writer([&phone] {
