@@ -1,4 +1,4 @@
-// prop-service: keeps every setting and state of the phone and serves them on the bus. Wiring only.
+// prop-service: stores the phone's settings and state and serves them on the bus. Wiring only.
 #include <CLI/CLI.hpp>
 #include <csignal>
 #include <future>
@@ -21,7 +21,7 @@ namespace {
 enum ExitCode : int { done = 0, failed = 1, usage = 2, badCatalogue = 3, badStore = 4 };
 
 constexpr char exitCodes[] =
-    "Exit status: 0 ended by a signal, 1 failed, 2 usage, 3 the catalogue is wrong, 4 the store cannot be used.";
+    "Exit status: 0 stopped by a signal, 1 failure, 2 usage error, 3 invalid catalogue, 4 unusable store.";
 
 std::promise<void>& termination() {
     static std::promise<void> promise;
@@ -31,11 +31,11 @@ std::promise<void>& termination() {
 void onTerminate(int) {
     try {
         termination().set_value();
-    } catch (const std::future_error&) {  // a second signal: the end is under way
+    } catch (const std::future_error&) {  // a second signal: already stopping
     }
 }
 
-std::string objectionToHost(const std::string& host) {
+std::string hostError(const std::string& host) {
     try {
         ipc::parseAddress(host);
         return {};
@@ -44,7 +44,7 @@ std::string objectionToHost(const std::string& host) {
     }
 }
 
-// As the bus takes it: an IPv6 address stands in brackets before a port.
+// HOST:PORT, with brackets around an IPv6 address.
 std::string withPort(const ipc::Address& address, int port) {
     const bool isIpv6 = address.host.find(':') != std::string::npos;
     return (isIpv6 ? "[" + address.host + "]" : address.host) + ":" + std::to_string(port);
@@ -60,11 +60,11 @@ int main(int argc, char** argv) {
     std::string cataloguePath = "/usr/share/zav/catalogue.json";
     std::string host = "localhost";
     int port = 0;
-    CLI::App app{"Keeps every setting and state of the phone, and serves them on the bus.", "prop-service"};
-    app.add_option("--store", storePath, "File that holds the settings; made if it is missing")->capture_default_str();
-    app.add_option("--catalogue", cataloguePath, "File that says which keys there are")->capture_default_str();
+    CLI::App app{"Stores the phone's settings and state and serves them on the bus.", "prop-service"};
+    app.add_option("--store", storePath, "Settings file; created if missing")->capture_default_str();
+    app.add_option("--catalogue", cataloguePath, "File that defines the keys")->capture_default_str();
     app.add_option("--host", host, "The broker: HOST, HOST:PORT or [IPV6]:PORT")
-        ->check(objectionToHost)
+        ->check(hostError)
         ->capture_default_str();
     const CLI::Option* const portOption =
         app.add_option("--port", port, "The broker's port, if --host has none")->check(CLI::Range(1, 65535));
@@ -74,7 +74,7 @@ int main(int argc, char** argv) {
         app.parse(argc, argv);
         const ipc::Address address = ipc::parseAddress(host);
         if (portOption->count() > 0 && address.hasPort) {
-            throw CLI::ValidationError("--port", "the port stands in --host already");
+            throw CLI::ValidationError("--port", "--host already has a port");
         }
         host = withPort(address, portOption->count() > 0 ? port : address.port);
     } catch (const CLI::ParseError& error) {
@@ -98,7 +98,7 @@ int main(int argc, char** argv) {
                    [&service](const std::vector<ipc::ServiceRequest>& requests) { return service.handle(requests); });
         termination().get_future().wait();
         bus->stop();
-        dbg::Debug::info() << "Ended" << std::endl;
+        dbg::Debug::info() << "Stopped" << std::endl;
         return done;
     } catch (const propertyservice::CatalogueException& error) {
         std::cerr << "prop-service: " << error.what() << std::endl;

@@ -264,7 +264,7 @@ class PropertiesTest(unittest.TestCase):
                 self.start()
                 self.assertEqual([self.client.get(key) for key in KEYS[:2]], ["before", "after"])
         with open("/run/phone/prop-service.log", encoding="utf-8", errors="replace") as log:
-            self.assertEqual(log.read().count("properties.db: was deleted while in use; the settings are written anew: "), 2)
+            self.assertEqual(log.read().count("properties.db: was deleted while in use; the settings were rewritten: "), 2)
 
     def remount(self, mode):
         subprocess.run(["mount", "-o", f"remount,{mode}", self.folder], check=True)

@@ -32,7 +32,7 @@ void appendEscaped(std::string& json, char letter) {
 
 }  // namespace
 
-// Messages are small and many: writing them directly costs a tenth of building and serialising a tree.
+// Writing the small messages directly takes a tenth of the time of building and serialising a tree.
 void appendString(std::string& json, std::string_view text) {
     json += '"';
     std::size_t unchanged = 0;  // start of a run that needs no escapes

@@ -11,7 +11,7 @@ namespace {
 
 bool isDigit(char letter) { return letter >= '0' && letter <= '9'; }
 
-// Structure, white space, and the letters of true, false and null, which the library compares.
+// Structure, white space, and letters: the library itself checks true, false and null.
 bool isPlain(char letter) {
     return (letter >= 'a' && letter <= 'z') || (letter != '\0' && std::strchr("{}[],: \t\n\r", letter) != nullptr);
 }
@@ -20,8 +20,8 @@ class Scanner {
  public:
     explicit Scanner(const std::string& json) : json_(json) {}
 
-    std::optional<std::size_t> countParts() {
-        std::size_t parts = 0;
+    std::optional<std::size_t> countTokens() {
+        std::size_t tokens = 0;
         while (at_ < json_.size()) {
             const char letter = json_[at_];
             if (letter == '"') {
@@ -30,11 +30,11 @@ class Scanner {
                 if (!passNumber()) return std::nullopt;
             } else {
                 if (!isPlain(letter)) return std::nullopt;
-                if (letter == ',' || letter == '[' || letter == '{') ++parts;
+                if (letter == ',' || letter == '[' || letter == '{') ++tokens;
                 ++at_;
             }
         }
-        return parts;
+        return tokens;
     }
 
  private:
@@ -97,7 +97,7 @@ class Scanner {
         return first < 0xdc00 || (first > 0xdfff && first <= 0xffff);
     }
 
-    // The number in "\uXXXX", notAUnit if there is none.
+    // The code unit of the escape "\uXXXX", or notAUnit.
     unsigned passCodeUnit() {
         constexpr std::size_t length = 6;
         unsigned unit = 0;
@@ -116,6 +116,6 @@ class Scanner {
 
 }  // namespace
 
-std::optional<std::size_t> countJsonParts(const std::string& json) { return Scanner(json).countParts(); }
+std::optional<std::size_t> countJsonTokens(const std::string& json) { return Scanner(json).countTokens(); }
 
 }  // namespace propertyprotocol

@@ -2,7 +2,7 @@
 
 namespace propertyprotocol {
 
-// The bounds of the second byte exclude overlong forms, surrogates and what is beyond U+10FFFF.
+// The limits of the second byte exclude overlong forms, surrogates and code points beyond U+10FFFF.
 std::size_t utf8SequenceLength(const std::string& text, std::size_t at) {
     const auto byte = [&text](std::size_t position) {
         return position < text.size() ? static_cast<unsigned char>(text[position]) : 0U;

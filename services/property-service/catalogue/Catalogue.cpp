@@ -52,14 +52,14 @@ class Source {
     }
 
  private:
-    // The reader reports "* Line 3, Column 5\n  what is wrong\n", the first error first.
+    // The reader reports "* Line 3, Column 5\n  reason\n" for each error.
     [[noreturn]] void throwSyntaxError(const std::string& errors) const {
         int line = 1;
         int column = 1;
-        std::istringstream place(errors);
+        std::istringstream position(errors);
         std::string word;
         char comma = 0;
-        place >> word >> word >> line >> comma >> word >> column;
+        position >> word >> word >> line >> comma >> word >> column;
         const std::string::size_type start = errors.find('\n');
         std::string reason = start == std::string::npos ? errors : errors.substr(start + 1);
         reason = reason.substr(0, reason.find('\n'));
@@ -71,8 +71,8 @@ class Source {
     const std::string& name_;
 };
 
-/// The first one, from 1; 0 when the text is UTF-8 throughout.
-int lineThatIsNoUtf8(const std::string& text) {
+/// The number of the first line that is not UTF-8, 0 if there is none.
+int invalidUtf8Line(const std::string& text) {
     if (propertyprotocol::isUtf8WithoutNul(text)) return 0;
     std::istringstream lines(text);
     std::string line;
@@ -93,17 +93,17 @@ std::vector<std::string> refusedSourcesOf(const Json::Value& json) {
     if (!json.isMember("refusedSources")) return sources;
     const Json::Value& list = json["refusedSources"];
     if (!list.isArray() || list.empty()) {
-        throw std::invalid_argument("\"refusedSources\" must be a list such as [\"provisioning\"]");
+        throw std::invalid_argument("\"refusedSources\" must be an array such as [\"provisioning\"]");
     }
     for (const Json::Value& source : list) {
         if (!source.isString() || source.asString().empty()) {
-            throw std::invalid_argument("every one of \"refusedSources\" must be a text that is not empty");
+            throw std::invalid_argument("each of \"refusedSources\" must be a non-empty string");
         }
         if (dbg::escapeControls(source.asString()) != source.asString()) {
-            throw std::invalid_argument("every one of \"refusedSources\" must be one line");
+            throw std::invalid_argument("each of \"refusedSources\" must be a single line");
         }
         if (std::find(sources.begin(), sources.end(), source.asString()) != sources.end()) {
-            throw std::invalid_argument("\"refusedSources\" has \"" + source.asString() + "\" twice");
+            throw std::invalid_argument("duplicate \"" + source.asString() + "\" in \"refusedSources\"");
         }
         sources.push_back(source.asString());
     }
@@ -133,20 +133,20 @@ std::shared_ptr<const Definition> readDefinition(const Json::Value& json) {
     }
     definition->description = json["description"].asString();
     if (dbg::escapeControls(definition->description) != definition->description) {
-        throw std::invalid_argument("\"description\" must be one line");
+        throw std::invalid_argument("\"description\" must be a single line");
     }
     definition->readOnly = flag(json, "readOnly");
     definition->isVolatile = flag(json, "volatile");
     definition->refusedSources = refusedSourcesOf(json);
     if (definition->readOnly && !definition->refusedSources.empty()) {
-        throw std::invalid_argument("\"refusedSources\" says nothing beside \"readOnly\": nobody may write the key");
+        throw std::invalid_argument("\"refusedSources\" is redundant with \"readOnly\"");
     }
     if (!json["default"].isString()) {
-        throw std::invalid_argument("\"default\" is missing or no text (write \"5\", not 5)");
+        throw std::invalid_argument("\"default\" is missing or not a string (write \"5\", not 5)");
     }
     definition->defaultValue = json["default"].asString();
     if (definition->defaultValue.find('\0') != std::string::npos) {
-        throw std::invalid_argument("the default must not hold a NUL");
+        throw std::invalid_argument("the default must not contain a NUL");
     }
     if (definition->defaultValue.size() > propertyprotocol::maxValueBytes) {
         throw std::invalid_argument("the default must be at most " + std::to_string(propertyprotocol::maxValueBytes) +
@@ -170,9 +170,9 @@ bool isKey(const std::string& text) {
     if (text.empty() || text.size() > propertyprotocol::maxKeyBytes) return false;
     char previous = '.';
     for (const char letter : text) {
-        const bool plain = (letter >= 'A' && letter <= 'Z') || (letter >= 'a' && letter <= 'z') ||
-                           (letter >= '0' && letter <= '9') || letter == '_' || letter == '-';
-        if (!plain && (letter != '.' || previous == '.')) return false;
+        const bool isPlain = (letter >= 'A' && letter <= 'Z') || (letter >= 'a' && letter <= 'z') ||
+                             (letter >= '0' && letter <= '9') || letter == '_' || letter == '-';
+        if (!isPlain && (letter != '.' || previous == '.')) return false;
         previous = letter;
     }
     return previous != '.';
@@ -195,7 +195,7 @@ Catalogue Catalogue::load(const std::string& path) {
 
 Catalogue Catalogue::parse(const std::string& text, const std::string& name) {
     const Source source(text, name);
-    if (const int line = lineThatIsNoUtf8(text)) source.fail(line, "", "is no UTF-8 text");
+    if (const int line = invalidUtf8Line(text)) source.fail(line, "", "is not UTF-8 text");
     const Json::Value root = source.root();
     if (!root.isObject()) source.fail(1, "", "the catalogue must be an object");
     for (const std::string& member : root.getMemberNames()) {
@@ -204,7 +204,7 @@ Catalogue Catalogue::parse(const std::string& text, const std::string& name) {
         }
     }
     if (root["version"] != 1) source.fail(1, "", "\"version\" must be 1");
-    if (!root["keys"].isObject()) source.fail(1, "", "\"keys\" is missing or no object");
+    if (!root["keys"].isObject()) source.fail(1, "", "\"keys\" is missing or not an object");
 
     Catalogue catalogue;
     const Json::Value& definitions = root["keys"];
@@ -216,7 +216,8 @@ Catalogue Catalogue::parse(const std::string& text, const std::string& name) {
             for (std::string& key : expandKeyPattern(pattern)) {
                 if (!isKey(key)) {
                     throw std::invalid_argument(
-                        "is no key: letters, digits, \"_\" and \"-\" in segments between dots, at most 255 bytes");
+                        "is not a valid key: letters, digits, \"_\" and \"-\" in segments between dots, at most 255 "
+                        "bytes");
                 }
                 if (isState(key) && json.isMember("volatile") && !definition->isVolatile) {
                     throw std::invalid_argument("keys below \"State.\" are volatile");
@@ -230,12 +231,12 @@ Catalogue Catalogue::parse(const std::string& text, const std::string& name) {
     std::sort(catalogue.keys_.begin(), catalogue.keys_.end(), [](const CatalogueKey& left, const CatalogueKey& right) {
         return left.key != right.key ? left.key < right.key : left.line < right.line;
     });
-    const auto twice =
+    const auto duplicate =
         std::adjacent_find(catalogue.keys_.begin(), catalogue.keys_.end(),
                            [](const CatalogueKey& left, const CatalogueKey& right) { return left.key == right.key; });
-    if (twice != catalogue.keys_.end()) {
-        source.fail((twice + 1)->line, twice->key,
-                    "is defined here and in line " + std::to_string(twice->line) + " as well");
+    if (duplicate != catalogue.keys_.end()) {
+        source.fail((duplicate + 1)->line, duplicate->key,
+                    "duplicate key, first defined in line " + std::to_string(duplicate->line));
     }
     return catalogue;
 }

@@ -1,5 +1,5 @@
-// Which keys the phone has: read once from a JSON file when the service starts, checked as a whole, unchanged from then
-// on. The file's format is described in docs/catalogue.md.
+// The phone's keys and their definitions: read from a JSON file at the start, checked as a whole, immutable afterwards.
+// docs/catalogue.md describes the file's format.
 #pragma once
 
 #include <memory>
@@ -11,26 +11,26 @@
 
 namespace propertyservice {
 
-/// What is wrong with a catalogue: "FILE:LINE: KEY: reason".
+/// An invalid catalogue: "FILE:LINE: KEY: reason".
 class CatalogueException : public std::runtime_error {
  public:
     using std::runtime_error::runtime_error;
 };
 
-/// One definition of the file; all keys of an index pattern share it.
+/// One definition; all keys of an index pattern share it.
 struct Definition {
     std::string type;
-    std::string limits;  // as JSON members: "\"min\":1,\"max\":9"; empty: none
+    std::string limits;  // as JSON members: "\"min\":1,\"max\":9", or empty
     std::string defaultValue;
     std::string description;
     bool readOnly = false;
-    bool isVolatile = false;                  // beside "State.*", which always is
-    std::vector<std::string> refusedSources;  // who may not write it; with readOnly nobody may
+    bool isVolatile = false;                  // "State.*" is volatile in any case
+    std::vector<std::string> refusedSources;  // sources that may not write it
     std::shared_ptr<const ValueRule> rule;
 
     bool refuses(const std::string& source) const;
 
-    /// The service's log and lists for people show *** in the place of its values. Requests and changes carry them.
+    /// The service's log and the listings of tools show *** instead of its values; answers and changes carry them.
     bool isSecret() const { return type == "secret"; }
 };
 
@@ -42,23 +42,23 @@ struct CatalogueKey {
 
 class Catalogue {
  public:
-    /// Throws CatalogueException when the file cannot be read or anything in it is wrong.
+    /// Throws CatalogueException if the file cannot be read or is invalid.
     static Catalogue load(const std::string& path);
 
-    /// The same from text; `name` stands in the errors.
+    /// The same for a text; errors begin with `name`.
     static Catalogue parse(const std::string& text, const std::string& name);
 
-    /// All keys, index patterns written out, sorted byte by byte.
+    /// All keys, with index patterns expanded, sorted byte by byte.
     const std::vector<CatalogueKey>& keys() const { return keys_; }
 
  private:
     std::vector<CatalogueKey> keys_;
 };
 
-/// Keys hold [A-Za-z0-9._-] only, 255 bytes at most, in segments between dots of which none is empty.
+/// Whether the text is a valid key: non-empty segments of [A-Za-z0-9_-], separated by dots, at most 255 bytes.
 bool isKey(const std::string& text);
 
-/// Keys below "State." are at their default after every start of the service.
+/// Whether the key begins with "State.": these are volatile.
 bool isState(const std::string& key);
 
 }  // namespace propertyservice

@@ -30,7 +30,7 @@ Range range(const std::string& text) {
         const std::optional<unsigned> last = index(text.substr(dash + 1));
         if (first && last && *first <= *last && *last - *first < maxKeys) return {*first, *last};
     }
-    throw std::invalid_argument("\"{" + text + "}\" is no index range such as {0-7}");
+    throw std::invalid_argument("\"{" + text + "}\" is not an index range such as {0-7}");
 }
 
 }  // namespace
@@ -47,7 +47,7 @@ std::vector<std::string> expandKeyPattern(const std::string& pattern) {
         if (close == std::string::npos) throw std::invalid_argument("\"{\" is not closed");
         const Range indices = range(pattern.substr(open + 1, close - open - 1));
         if (keys.size() * (indices.last - indices.first + 1) > maxKeys) {
-            throw std::invalid_argument("the pattern stands for more than " + std::to_string(maxKeys) + " keys");
+            throw std::invalid_argument("the pattern expands to more than " + std::to_string(maxKeys) + " keys");
         }
         std::vector<std::string> longer;
         for (const std::string& key : keys) {

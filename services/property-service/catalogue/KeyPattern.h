@@ -1,4 +1,4 @@
-// Key names with index ranges: "FunctionKeys.{0-7}.Label" stands for eight keys.
+// Key names with index ranges: "FunctionKeys.{0-7}.Label" expands to eight keys.
 #pragma once
 
 #include <string>
@@ -6,8 +6,8 @@
 
 namespace propertyservice {
 
-/// All keys that the pattern stands for; a name without a range stands for itself.
-/// Throws std::invalid_argument with the reason when a range is malformed or there are over 10,000 keys.
+/// Expands all index ranges; a name without a range is returned as it is.
+/// Throws std::invalid_argument with the reason if a range is malformed or there are over 10,000 keys.
 std::vector<std::string> expandKeyPattern(const std::string& pattern);
 
 }  // namespace propertyservice

@@ -27,17 +27,17 @@ std::optional<std::int64_t> wholeNumber(const std::string& text) {
     return number;
 }
 
-std::int64_t wholeMember(const Json::Value& definition, const char* name, std::int64_t otherwise) {
-    if (!definition.isMember(name)) return otherwise;
+std::int64_t wholeMember(const Json::Value& definition, const char* name, std::int64_t defaultValue) {
+    if (!definition.isMember(name)) return defaultValue;
     if (!definition[name].isInt64())
         throw std::invalid_argument("\"" + std::string(name) + "\" must be a whole number");
     return definition[name].asInt64();
 }
 
 std::size_t maxLength(const Json::Value& definition) {
-    const auto most = static_cast<std::int64_t>(propertyprotocol::maxValueBytes);
-    const std::int64_t length = wholeMember(definition, "maxLength", most);
-    if (length < 0 || length > most) {
+    const auto limit = static_cast<std::int64_t>(propertyprotocol::maxValueBytes);
+    const std::int64_t length = wholeMember(definition, "maxLength", limit);
+    if (length < 0 || length > limit) {
         throw std::invalid_argument("\"maxLength\" must be from 0 to " +
                                     std::to_string(propertyprotocol::maxValueBytes));
     }
@@ -98,12 +98,12 @@ class EnumRule final : public ValueRule {
     explicit EnumRule(const Json::Value& definition) {
         const Json::Value& values = definition["values"];
         if (!values.isArray() || values.empty()) {
-            throw std::invalid_argument("an enum needs \"values\", a list of at least one text");
+            throw std::invalid_argument("an enum needs \"values\", a non-empty array of strings");
         }
         for (const Json::Value& value : values) {
-            if (!value.isString()) throw std::invalid_argument("every one of \"values\" must be a text");
+            if (!value.isString()) throw std::invalid_argument("each of \"values\" must be a string");
             if (std::find(values_.begin(), values_.end(), value.asString()) != values_.end()) {
-                throw std::invalid_argument("\"values\" has \"" + value.asString() + "\" twice");
+                throw std::invalid_argument("duplicate \"" + value.asString() + "\" in \"values\"");
             }
             values_.push_back(value.asString());
         }
@@ -136,7 +136,8 @@ class PatternRule final : public ValueRule {
         if (error != 0) {
             char reason[200] = "";
             ::regerror(error, &expression_, reason, sizeof reason);
-            throw std::invalid_argument("\"pattern\" is no POSIX extended regular expression: " + std::string(reason));
+            throw std::invalid_argument("\"pattern\" is not a POSIX extended regular expression: " +
+                                        std::string(reason));
         }
     }
     PatternRule(const PatternRule&) = delete;
@@ -145,8 +146,8 @@ class PatternRule final : public ValueRule {
 
     std::string objection(const std::string& value) const override {
         if (value.size() > maxLength_) return "must be at most " + std::to_string(maxLength_) + " bytes long";
-        // The whole value has to match, whatever alternatives the expression has: of the first match in the text it is
-        // the longest that is found.
+        // POSIX finds the leftmost longest match, so a value that matches as a whole is found whatever the order of the
+        // alternatives.
         regmatch_t match{};
         const bool found = ::regexec(&expression_, value.c_str(), 1, &match, 0) == 0;
         if (found && match.rm_so == 0 && static_cast<std::size_t>(match.rm_eo) == value.size()) return {};
@@ -159,7 +160,7 @@ class PatternRule final : public ValueRule {
     regex_t expression_{};
 };
 
-// A limit keeps passwords from being longer than what they are for, or of the wrong letters; no objection repeats them.
+// The objections of these rules do not contain the value: the service logs them.
 class SecretRule final : public ValueRule {
  public:
     explicit SecretRule(const Json::Value& definition) {
@@ -178,7 +179,7 @@ class SecretRule final : public ValueRule {
 
 class UrlRule final : public ValueRule {
  public:
-    explicit UrlRule(const Json::Value& definition) : maxLength_(std::min(maxLength(definition), longest)) {
+    explicit UrlRule(const Json::Value& definition) : maxLength_(std::min(maxLength(definition), maxUrlLength)) {
         if (definition.isMember("schemes")) readSchemes(definition["schemes"]);
     }
 
@@ -195,7 +196,7 @@ class UrlRule final : public ValueRule {
     }
 
  private:
-    static constexpr std::size_t longest = 2048;
+    static constexpr std::size_t maxUrlLength = 2048;
 
     static std::string lowerCase(std::string text) {
         std::transform(text.begin(), text.end(), text.begin(), [](char letter) {
@@ -206,11 +207,11 @@ class UrlRule final : public ValueRule {
 
     void readSchemes(const Json::Value& schemes) {
         if (!schemes.isArray() || schemes.empty()) {
-            throw std::invalid_argument("\"schemes\" must be a list such as [\"https\"]");
+            throw std::invalid_argument("\"schemes\" must be an array such as [\"https\"]");
         }
         for (const Json::Value& scheme : schemes) {
             if (!scheme.isString() || scheme.asString().empty() || scheme.asString() != lowerCase(scheme.asString())) {
-                throw std::invalid_argument("every one of \"schemes\" must be a text in lower case");
+                throw std::invalid_argument("each of \"schemes\" must be a string in lower case");
             }
             schemes_.push_back(scheme.asString());
         }
@@ -224,14 +225,14 @@ class MacRule final : public ValueRule {
  public:
     std::string objection(const std::string& value) const override {
         if (value.empty()) return {};
-        // Six pairs of digits, all with the same separator or all without one.
+        // Six pairs of digits, with the same separator everywhere or none.
         const std::string separator = value.size() == 17 ? value.substr(2, 1) : "";
-        bool good = value.size() == 12 || separator == ":" || separator == "-";
-        for (std::size_t at = 0; good && at < value.size(); ++at) {
-            const bool between = !separator.empty() && at % 3 == 2;
-            good = between ? value[at] == separator[0] : isHexadecimal(value[at]);
+        bool isValid = value.size() == 12 || separator == ":" || separator == "-";
+        for (std::size_t at = 0; isValid && at < value.size(); ++at) {
+            const bool isSeparator = !separator.empty() && at % 3 == 2;
+            isValid = isSeparator ? value[at] == separator[0] : isHexadecimal(value[at]);
         }
-        return good ? "" : "must be a MAC address such as 00:11:22:aa:bb:cc, or empty";
+        return isValid ? "" : "must be a MAC address such as 00:11:22:aa:bb:cc, or empty";
     }
 
  private:
@@ -242,7 +243,7 @@ class MacRule final : public ValueRule {
 
 struct Type {
     const char* name;
-    std::vector<std::string> limits;  // the members that go with it
+    std::vector<std::string> limits;  // the members that this type allows
     std::shared_ptr<const ValueRule> (*make)(const Json::Value&);
 };
 

@@ -1,4 +1,4 @@
-// What text a key may hold. Rules are immutable once made, and may be used from any thread.
+// Rules for the values of a key. Rules are immutable and may be used from any thread.
 #pragma once
 
 #include <memory>
@@ -15,16 +15,16 @@ class ValueRule {
  public:
     virtual ~ValueRule() = default;
 
-    /// Why the value is not allowed, as a person would say it ("must be a whole number from 0 to 7"); empty: it is.
+    /// Why the value is not allowed ("must be a whole number from 0 to 7"); empty if it is allowed.
     virtual std::string objection(const std::string& value) const = 0;
 };
 
-/// Makes the rule that a catalogue definition describes with "type" and the limits that go with it.
-/// Throws std::invalid_argument with the reason for an unknown type, a missing or contradictory limit, or a member
-/// that neither the type nor every definition has.
+/// Creates the rule for a catalogue definition from its "type" and the limits of that type.
+/// Throws std::invalid_argument with the reason for an unknown type, a missing or contradictory limit, or an unknown
+/// member.
 std::shared_ptr<const ValueRule> makeValueRule(const Json::Value& definition);
 
-/// The members that limit values of the type, in the order in which they are described.
+/// The members that limit values of the type, in the order of descriptions.
 std::vector<std::string> limitNames(const std::string& type);
 
 }  // namespace propertyservice

@@ -15,7 +15,7 @@ constexpr char notJson[] = "the payload is not JSON in UTF-8";
 std::unique_ptr<Json::CharReader> strictReader() {
     Json::CharReaderBuilder builder;
     Json::CharReaderBuilder::strictMode(&builder.settings_);
-    builder["strictRoot"] = false;  // what is JSON and what is an object are told apart
+    builder["strictRoot"] = false;  // JSON that is not an object has an error of its own
     builder["stackLimit"] = maxNesting;
     return std::unique_ptr<Json::CharReader>(builder.newCharReader());
 }
@@ -69,15 +69,15 @@ DescribeRequest RequestReader::describe(const std::string& payload) {
 }
 
 ImportRequest RequestReader::import(const std::string& payload) {
-    parse(payload, maxImportBytes, maxImportParts);
+    parse(payload, maxImportBytes, maxImportTokens);
     ImportRequest request{{}, source(""), false};
     const Json::Value& apply = object_["apply"];
     if (!apply.isNull() && !apply.isBool()) throw BadRequest("", "\"apply\" must be true or false");
     request.apply = apply.asBool();
     const Json::Value& properties = object_["properties"];
-    if (!properties.isArray()) throw BadRequest("", "\"properties\" is missing or no list");
+    if (!properties.isArray()) throw BadRequest("", "\"properties\" is missing or not an array");
     for (const Json::Value& property : properties) {
-        if (!property.isObject()) throw BadRequest("", "every one of \"properties\" must be an object");
+        if (!property.isObject()) throw BadRequest("", "each of \"properties\" must be an object");
         std::string key = textOf(property, "param", "", true);
         if (property.isMember("value") && property["value"].isNull()) {
             request.writes.push_back({std::move(key), std::nullopt});
@@ -86,18 +86,18 @@ ImportRequest RequestReader::import(const std::string& payload) {
             request.writes.push_back({std::move(key), std::move(value)});
         }
     }
-    object_ = Json::Value();  // not to be kept until the next request
+    object_ = Json::Value();  // free it now: it may have 15 MiB
     return request;
 }
 
-void RequestReader::parse(const std::string& payload, std::size_t most, std::size_t mostParts) {
-    if (payload.size() > most) {
-        throw BadRequest("", "the payload is larger than " + std::to_string(most) + " bytes");
+void RequestReader::parse(const std::string& payload, std::size_t maxBytes, std::size_t maxTokens) {
+    if (payload.size() > maxBytes) {
+        throw BadRequest("", "the payload is larger than " + std::to_string(maxBytes) + " bytes");
     }
-    const std::optional<std::size_t> parts = propertyprotocol::countJsonParts(payload);
-    if (!parts) throw BadRequest("", notJson);
-    if (*parts > mostParts) {
-        throw BadRequest("", "the payload has more than " + std::to_string(mostParts) + " members and elements");
+    const std::optional<std::size_t> tokens = propertyprotocol::countJsonTokens(payload);
+    if (!tokens) throw BadRequest("", notJson);
+    if (*tokens > maxTokens) {
+        throw BadRequest("", "the payload has more than " + std::to_string(maxTokens) + " members and elements");
     }
     errors_.clear();
     bool parsed = false;
@@ -107,8 +107,8 @@ void RequestReader::parse(const std::string& payload, std::size_t most, std::siz
         throw BadRequest("", "the payload is nested more than " + std::to_string(maxNesting) + " deep");
     }
     if (!parsed) {
-        const bool isTwice = errors_.find("Duplicate key") != std::string::npos;
-        throw BadRequest("", isTwice ? "the payload has a duplicate member" : notJson);
+        const bool isDuplicate = errors_.find("Duplicate key") != std::string::npos;
+        throw BadRequest("", isDuplicate ? "the payload has a duplicate member" : notJson);
     }
     if (!object_.isObject()) throw BadRequest("", "the payload must be a JSON object");
 }

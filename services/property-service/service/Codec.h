@@ -16,7 +16,7 @@
 
 namespace propertyservice {
 
-/// The payload is not the object that its topic asks for. `param` is the key that it names, as far as it does.
+/// The payload is not the JSON object that the topic requires. `param` is the requested key, "" if unknown.
 class BadRequest : public std::runtime_error {
  public:
     BadRequest(std::string param, const std::string& reason) : runtime_error(reason), param_(std::move(param)) {}
@@ -39,28 +39,28 @@ struct SetRequest {
 struct ListRequest {
     std::string prefix;
     std::string after;
-    bool uncatalogued = false;  // what is stored for keys that the catalogue does not have, instead of properties
+    bool uncatalogued = false;  // list stored values whose keys are not in the catalogue
 };
 
-/// Of one key, or a page of all that begin with the prefix.
+/// Describes one key, or a page of the keys that begin with the prefix.
 struct DescribeRequest {
     std::optional<std::string> param;
     ListRequest page;
 };
 
-/// Many sets that are carried out together or not at all.
+/// Many sets that are applied in one transaction.
 struct ImportRequest {
     struct Write {
         std::string param;
-        std::optional<std::string> value;  // none: back to the default
+        std::optional<std::string> value;  // none: reset to the default
     };
     std::vector<Write> writes;
     std::string source;
-    bool apply = false;  // false: only says whether it could be carried out
+    bool apply = false;  // false: only check the writes
 };
 
-/// Reads requests. Used by one thread at a time: it keeps its parser from one request to the next. All operations throw
-/// BadRequest, and nothing else, whatever the payload holds. Members that a request does not have are ignored.
+/// Reads requests. Used by one thread at a time, as all requests share one parser. For an invalid payload all
+/// operations throw BadRequest and nothing else. Unknown members are ignored.
 class RequestReader {
  public:
     RequestReader();
@@ -72,7 +72,8 @@ class RequestReader {
     ImportRequest import(const std::string& payload);
 
  private:
-    void parse(const std::string& payload, std::size_t most = maxRequestBytes, std::size_t mostParts = maxParts);
+    void parse(const std::string& payload, std::size_t maxBytes = maxRequestBytes,
+               std::size_t maxTokens = maxRequestTokens);
     std::string text(const char* member, const std::string& param, bool required) const;
     std::string source(const std::string& param) const;
     std::string param() const;
@@ -88,7 +89,7 @@ std::string errorAnswer(const std::string& key, const char* code, const std::str
 std::string importAnswer(std::size_t count);
 /// `errors` are error answers.
 std::string importRefusal(const std::vector<std::string>& errors);
-/// What the catalogue says about the key; the default of a secret is not told.
+/// The definition of the key as JSON. The default of a secret is hidden.
 std::string description(const std::string& key, const Definition& definition, bool isVolatile);
 
 }  // namespace propertyservice

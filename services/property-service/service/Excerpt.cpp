@@ -7,10 +7,10 @@
 
 namespace propertyservice {
 
-std::string visibleBeginning(const std::string& text, std::size_t most) {
-    std::string begin;
+std::string excerpt(const std::string& text, std::size_t maxCharacters) {
+    std::string shown;
     std::size_t at = 0;
-    for (std::size_t count = 0; count < most && at < text.size(); ++count) {
+    for (std::size_t count = 0; count < maxCharacters && at < text.size(); ++count) {
         const auto byte = static_cast<unsigned char>(text[at]);
         const std::size_t length = propertyprotocol::utf8SequenceLength(text, at);
         if (length == 0) break;
@@ -19,13 +19,13 @@ std::string visibleBeginning(const std::string& text, std::size_t most) {
         if (byte == 0xc2 && last < 0xa0) {  // U+0080 to U+009F: some terminals execute them
             char escape[7];
             std::snprintf(escape, sizeof escape, "\\u%04x", last);
-            begin += escape;
+            shown += escape;
         } else {
-            begin += dbg::escapeControls(character);
+            shown += dbg::escapeControls(character);
         }
         at += length;
     }
-    return at < text.size() ? begin + "..." : begin;
+    return at < text.size() ? shown + "..." : shown;
 }
 
 }  // namespace propertyservice

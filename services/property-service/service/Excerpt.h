@@ -1,4 +1,4 @@
-// Excerpts of values from outside for log lines.
+// Excerpts of untrusted values for log lines.
 #pragma once
 
 #include <cstddef>
@@ -6,7 +6,7 @@
 
 namespace propertyservice {
 
-/// The first `most` characters of a UTF-8 text, with control characters escaped and "..." appended if it is longer.
-std::string visibleBeginning(const std::string& text, std::size_t most);
+/// The first `maxCharacters` of a UTF-8 text, with control characters escaped and "..." appended if it is longer.
+std::string excerpt(const std::string& text, std::size_t maxCharacters);
 
 }  // namespace propertyservice

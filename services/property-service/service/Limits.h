@@ -1,4 +1,4 @@
-// Bounds of what a client can make the service keep or send, beside those of the protocol.
+// Limits of memory and answer size, in addition to those of the protocol.
 #pragma once
 
 #include <cstddef>
@@ -12,10 +12,10 @@ using propertyprotocol::maxNesting;
 using propertyprotocol::maxRequestBytes;
 using propertyprotocol::maxValueBytes;
 
-/// Commas and opening brackets of one request, and of an import: parsed, each takes a hundred times its byte.
-inline constexpr std::size_t maxParts = 1000;
-inline constexpr std::size_t maxImportParts = 200000;
-/// Of one answer to `list`: whichever comes first. A page always has at least one property.
+/// Commas and opening brackets of a request: each takes about 100 bytes of memory once parsed.
+inline constexpr std::size_t maxRequestTokens = 1000;
+inline constexpr std::size_t maxImportTokens = 200000;
+/// A page of a listing ends at the first limit that it reaches, but has at least one entry.
 inline constexpr std::size_t maxPageEntries = 1000;
 inline constexpr std::size_t maxPageBytes = 1024 * 1024;
 

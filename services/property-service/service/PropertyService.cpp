@@ -19,9 +19,9 @@ namespace {
 namespace errors = propertyprotocol::errors;
 
 constexpr char noSuchKey[] = "the catalogue has no such key";
-// A refused value and its source are shown in the log as far as this, and so many of one import.
-constexpr std::size_t loggedCharacters = 80;
-constexpr std::size_t loggedOfAnImport = 10;
+// Limits of what is logged about refusals, so that a client cannot flood the log.
+constexpr std::size_t maxLoggedCharacters = 80;
+constexpr std::size_t maxLoggedPerImport = 10;
 
 bool isPublishable(const std::string& topic) {
     return topic.find_first_of(std::string("+#\0", 3)) == std::string::npos;
@@ -42,34 +42,34 @@ std::vector<ipc::OutgoingMessage> PropertyService::handle(const std::vector<ipc:
     messages.reserve(2 * requests.size());
     isRetry_ = false;
     try {
-        for (const ipc::ServiceRequest& request : requests) carryOut(request, messages);
+        for (const ipc::ServiceRequest& request : requests) execute(request, messages);
         commit();
         return messages;
     } catch (const DamagedStore&) {
-        takeBack();
-        rebuildNeeded_ = true;  // by the first of the writes below
+        rollBack();
+        rebuildNeeded_ = true;  // the first retry below rebuilds the store
     } catch (const StoreException& error) {
-        takeBack();
+        rollBack();
         if (!storeFailing_) dbg::Debug::error() << error.what() << std::endl;
         storeFailing_ = true;
     } catch (...) {
-        takeBack();
+        rollBack();
         throw;
     }
     messages.clear();
     isRetry_ = true;
-    for (const ipc::ServiceRequest& request : requests) carryOutAlone(request, messages);
+    for (const ipc::ServiceRequest& request : requests) executeAlone(request, messages);
     return messages;
 }
 
-void PropertyService::carryOutAlone(const ipc::ServiceRequest& request, Messages& messages) {
+void PropertyService::executeAlone(const ipc::ServiceRequest& request, Messages& messages) {
     const std::size_t before = messages.size();
     try {
-        carryOut(request, messages);
+        execute(request, messages);
         commit();
     } catch (const StoreException&) {
         const std::string key = writes_.size() == 1 ? writes_.back().first : std::string();
-        takeBack();
+        rollBack();
         messages.erase(messages.begin() + static_cast<std::ptrdiff_t>(before), messages.end());
         if (request.responseTopic.empty()) return;
         messages.push_back({request.responseTopic,
@@ -78,8 +78,8 @@ void PropertyService::carryOutAlone(const ipc::ServiceRequest& request, Messages
     }
 }
 
-void PropertyService::carryOut(const ipc::ServiceRequest& request, Messages& messages) {
-    // A response on one of these would pass for a request or a change.
+void PropertyService::execute(const ipc::ServiceRequest& request, Messages& messages) {
+    // Subscribers would mistake a response on one of these topics for a request or a change.
     if (propertyprotocol::isServiceTopic(request.responseTopic) || !isPublishable(request.responseTopic)) {
         if (!isRetry_) {
             dbg::Debug::warning() << "Refused a request on " << request.topic << ": its response topic is "
@@ -114,8 +114,8 @@ std::string PropertyService::get(const std::string& payload) {
     return valueAnswer(property->key, property->value);
 }
 
-std::optional<PropertyService::Refusal> PropertyService::refusalOf(const Property* property, const std::string& source,
-                                                                   const std::string* value) const {
+std::optional<PropertyService::Refusal> PropertyService::checkWrite(const Property* property, const std::string& source,
+                                                                    const std::string* value) const {
     if (property == nullptr) return Refusal{errors::notFound, noSuchKey};
     if (property->definition->readOnly) return Refusal{errors::readOnly, "may not be written by a client"};
     if (property->definition->refuses(source)) {
@@ -130,15 +130,15 @@ void PropertyService::logRefusal(const Property& property, const std::string& va
                                  const Refusal& refusal) const {
     if (isRetry_) return;
     const std::string shown =
-        property.definition->isSecret() ? "***" : "\"" + visibleBeginning(value, loggedCharacters) + "\"";
+        property.definition->isSecret() ? "***" : "\"" + excerpt(value, maxLoggedCharacters) + "\"";
     dbg::Debug::warning() << "Refused " << property.key << " = " << shown << " from \""
-                          << visibleBeginning(source, loggedCharacters) << "\": " << refusal.reason << std::endl;
+                          << excerpt(source, maxLoggedCharacters) << "\": " << refusal.reason << std::endl;
 }
 
 std::string PropertyService::set(const std::string& payload, Messages& messages) {
     SetRequest request = reader_.set(payload);
     Property* const property = table_.find(request.param);
-    if (const std::optional<Refusal> refusal = refusalOf(property, request.source, &request.value)) {
+    if (const std::optional<Refusal> refusal = checkWrite(property, request.source, &request.value)) {
         if (property != nullptr) logRefusal(*property, request.value, request.source, *refusal);
         return errorAnswer(request.param, refusal->code, refusal->reason);
     }
@@ -150,19 +150,21 @@ std::string PropertyService::import(const std::string& payload, Messages& messag
     ImportRequest request = reader_.import(payload);
     std::vector<std::string> errors;
     std::set<std::string> seen;
-    for (const ImportRequest::Write& one : request.writes) {
-        const Property* const property = table_.find(one.param);
-        std::optional<Refusal> refusal = refusalOf(property, request.source, one.value ? &*one.value : nullptr);
-        if (!refusal && !seen.insert(one.param).second) refusal = Refusal{errors::badRequest, "stands there twice"};
+    for (const ImportRequest::Write& entry : request.writes) {
+        const Property* const property = table_.find(entry.param);
+        std::optional<Refusal> refusal = checkWrite(property, request.source, entry.value ? &*entry.value : nullptr);
+        if (!refusal && !seen.insert(entry.param).second) refusal = Refusal{errors::badRequest, "duplicate key"};
         if (!refusal || errors.size() == maxPageEntries) continue;
-        const bool isLogged = request.apply && errors.size() < loggedOfAnImport;
-        if (isLogged && property != nullptr && one.value) logRefusal(*property, *one.value, request.source, *refusal);
-        errors.push_back(errorAnswer(one.param, refusal->code, refusal->reason));
+        const bool isLogged = request.apply && errors.size() < maxLoggedPerImport;
+        if (isLogged && property != nullptr && entry.value) {
+            logRefusal(*property, *entry.value, request.source, *refusal);
+        }
+        errors.push_back(errorAnswer(entry.param, refusal->code, refusal->reason));
     }
     if (!errors.empty()) return importRefusal(errors);
     if (request.apply) {
-        for (ImportRequest::Write& one : request.writes) {
-            write(*table_.find(one.param), std::move(one.value), request.source, messages);
+        for (ImportRequest::Write& entry : request.writes) {
+            write(*table_.find(entry.param), std::move(entry.value), request.source, messages);
         }
     }
     return importAnswer(request.writes.size());
@@ -184,17 +186,16 @@ void PropertyService::write(Property& property, std::optional<std::string> value
     property.value = std::move(next);
 }
 
-// Entries from the request's place on, one after the other, until the page is full.
+// Entries with the requested prefix, starting behind `after`, until the page is full.
 template <typename Entry, typename Render>
 std::string PropertyService::page(const char* name, const std::vector<Entry>& all, const ListRequest& request,
                                   Render render) {
     auto position = std::lower_bound(all.begin(), all.end(), request.prefix,
                                      [](const Entry& entry, const std::string& key) { return entry.key < key; });
     if (!request.after.empty()) {
-        const auto behind =
-            std::upper_bound(all.begin(), all.end(), request.after,
-                             [](const std::string& key, const Entry& entry) { return key < entry.key; });
-        position = std::max(position, behind);
+        const auto next = std::upper_bound(all.begin(), all.end(), request.after,
+                                           [](const std::string& key, const Entry& entry) { return key < entry.key; });
+        position = std::max(position, next);
     }
     const auto matches = [&request](const Entry& entry) {
         return entry.key.compare(0, request.prefix.size(), request.prefix) == 0;
@@ -202,8 +203,8 @@ std::string PropertyService::page(const char* name, const std::vector<Entry>& al
     std::string json = "{\"" + std::string(name) + "\":[";
     const Entry* last = nullptr;
     for (std::size_t count = 0; position != all.end() && matches(*position); ++position, ++count) {
-        const std::size_t most = position->key.size() + position->value.size();
-        if (count == maxPageEntries || (count > 0 && json.size() + most > maxPageBytes)) {
+        const std::size_t size = position->key.size() + position->value.size();
+        if (count == maxPageEntries || (count > 0 && json.size() + size > maxPageBytes)) {
             json += "],\"next\":";
             propertyprotocol::appendString(json, last->key);
             return json + "}";
@@ -240,15 +241,15 @@ void PropertyService::commit() {
         } else {
             store_.write(writes_);
         }
-        if (storeFailing_) dbg::Debug::info() << "The store takes writes again" << std::endl;
+        if (storeFailing_) dbg::Debug::info() << "The store is writable again" << std::endl;
         storeFailing_ = false;
     }
     writes_.clear();
     undo_.clear();
 }
 
-// Memory still has every value, those in hand among them: nothing is lost with the file. Until it succeeds nothing else
-// is written, or an old backup would pass for what was answered.
+// Memory has every value, including those of the current transaction, so nothing is lost with the file. Until the
+// rebuild succeeds nothing is written: the values of an old backup would replace answered sets.
 void PropertyService::rebuildStore() {
     std::vector<IStore::Entry> entries;
     for (const Property& property : table_.all()) {
@@ -256,7 +257,7 @@ void PropertyService::rebuildStore() {
         entries.emplace_back(
             property.key, property.stored == Stored::value ? std::optional<std::string>(property.value) : std::nullopt);
     }
-    for (const UncataloguedValue& one : table_.uncatalogued()) entries.emplace_back(one.key, one.value);
+    for (const UncataloguedValue& other : table_.uncatalogued()) entries.emplace_back(other.key, other.value);
     try {
         store_.rebuild(entries);
     } catch (const StoreException& error) {
@@ -267,7 +268,7 @@ void PropertyService::rebuildStore() {
     rebuildNeeded_ = false;
 }
 
-void PropertyService::takeBack() {
+void PropertyService::rollBack() {
     for (auto undo = undo_.rbegin(); undo != undo_.rend(); ++undo) {
         undo->property->value = std::move(undo->value);
         undo->property->stored = undo->stored;

@@ -1,8 +1,8 @@
-// Carries out requests: the handler behind the bus. It knows no bus of its own: requests go in, messages come out, so
-// it runs on whichever thread hands the requests over, one at a time.
+// Executes requests and returns the messages to publish. It is independent of the bus and runs on the caller's thread,
+// one call at a time.
 //
-// All sets of one call share one transaction, and no answer leaves before its commit. When the store refuses the
-// transaction, each request is tried on its own, so that one bad write costs nobody else's.
+// All sets of a call share one transaction, which is committed before `handle` returns. If the store refuses the
+// transaction, each request is retried in one of its own, so that a bad write affects no other request.
 #pragma once
 
 #include <optional>
@@ -18,11 +18,11 @@ namespace propertyservice {
 
 class PropertyService {
  public:
-    /// Reads what `store` holds; throws StoreException if it cannot. `store` must outlive the service.
+    /// Loads the stored values; throws StoreException if that fails. `store` must outlive the service.
     PropertyService(const Catalogue& catalogue, IStore& store);
 
-    /// Changes and answers for the requests, in their order. The changes that a request makes come before its answer:
-    /// a service that is killed while it sends may leave a change without its answer, but no answer without its change.
+    /// Returns changes and answers in the order of the requests. A request's changes come before its answer: a service
+    /// that is killed while it sends may publish a change without its answer, but never an answer without its change.
     std::vector<ipc::OutgoingMessage> handle(const std::vector<ipc::ServiceRequest>& requests);
 
  private:
@@ -37,7 +37,7 @@ class PropertyService {
     };
     using Messages = std::vector<ipc::OutgoingMessage>;
 
-    void carryOut(const ipc::ServiceRequest& request, Messages& messages);
+    void execute(const ipc::ServiceRequest& request, Messages& messages);
     std::string get(const std::string& payload);
     std::string set(const std::string& payload, Messages& messages);
     std::string list(const std::string& payload);
@@ -45,26 +45,26 @@ class PropertyService {
     std::string import(const std::string& payload, Messages& messages);
     template <typename Entry, typename Render>
     static std::string page(const char* name, const std::vector<Entry>& all, const ListRequest& request, Render render);
-    std::optional<Refusal> refusalOf(const Property* property, const std::string& source,
-                                     const std::string* value) const;
+    std::optional<Refusal> checkWrite(const Property* property, const std::string& source,
+                                      const std::string* value) const;
     void logRefusal(const Property& property, const std::string& value, const std::string& source,
                     const Refusal& refusal) const;
     void write(Property& property, std::optional<std::string> value, const std::string& source, Messages& messages);
     void commit();
-    void takeBack();
+    void rollBack();
     void rebuildStore();
-    void carryOutAlone(const ipc::ServiceRequest& request, Messages& messages);
+    void executeAlone(const ipc::ServiceRequest& request, Messages& messages);
 
     IStore& store_;
     PropertyTable table_;
     RequestReader reader_;
 
-    // Of the call in hand: what goes to the store, and how memory returns to what it was.
+    // The current transaction: entries to store, and the values that `rollBack` restores.
     std::vector<IStore::Entry> writes_;
     std::vector<Undo> undo_;
-    bool isRetry_ = false;        // what is refused is in the log already
-    bool storeFailing_ = false;   // so that a full disk is logged once, not with every write
-    bool rebuildNeeded_ = false;  // the store is damaged, and must have everything again before it takes a write
+    bool isRetry_ = false;        // refusals have been logged already
+    bool storeFailing_ = false;   // a full disk is logged once, not on every write
+    bool rebuildNeeded_ = false;  // the store is damaged: rebuild it before the next write
 };
 
 }  // namespace propertyservice

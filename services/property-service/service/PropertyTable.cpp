@@ -15,7 +15,7 @@ using propertyprotocol::isUtf8WithoutNul;
 
 std::string objection(const Definition& definition, const std::string& value) {
     if (value.size() > maxValueBytes) return "is too long";
-    if (!isUtf8WithoutNul(value)) return "is no UTF-8 text";
+    if (!isUtf8WithoutNul(value)) return "is not UTF-8 text";
     return definition.rule->objection(value);
 }
 
@@ -35,16 +35,16 @@ PropertyTable::PropertyTable(const Catalogue& catalogue, const std::vector<IStor
         Property* const property = find(key);
         if (property == nullptr || property->isVolatile || !value) {
             ++unknown;
-            // What a client could not have written cannot be told to one.
-            const bool isTellable =
+            // An answer must not exceed the limits of the protocol.
+            const bool isListable =
                 value && value->size() <= maxValueBytes && isUtf8WithoutNul(key) && isUtf8WithoutNul(*value);
-            if (property == nullptr && isTellable) uncatalogued_.push_back({key, *value});
+            if (property == nullptr && isListable) uncatalogued_.push_back({key, *value});
             continue;
         }
         const std::string reason = objection(*property->definition, *value);
         if (!reason.empty()) {
-            property->stored = Stored::otherValue;
-            // Not the value itself: it may be a credential.
+            property->stored = Stored::invalidValue;
+            // The value is not logged: it may be a credential.
             dbg::Debug::warning() << "The stored value of " << key << " " << reason << "; the default is used"
                                   << std::endl;
             continue;
@@ -55,7 +55,7 @@ PropertyTable::PropertyTable(const Catalogue& catalogue, const std::vector<IStor
     std::sort(uncatalogued_.begin(), uncatalogued_.end(),
               [](const UncataloguedValue& left, const UncataloguedValue& right) { return left.key < right.key; });
     if (unknown > 0) {
-        dbg::Debug::info() << unknown << " stored values belong to no key of the catalogue; they are kept" << std::endl;
+        dbg::Debug::info() << "Kept stored values whose keys are not in the catalogue: " << unknown << std::endl;
     }
 }
 

@@ -1,4 +1,4 @@
-// Every property of the phone with its present value, in memory. Reading never touches the store. Used by one thread.
+// All properties with their current values, in memory. Reading never accesses the store. Used by one thread.
 #pragma once
 
 #include <memory>
@@ -14,8 +14,8 @@ namespace propertyservice {
 /// What the store holds of a property.
 enum class Stored {
     nothing,
-    value,       // its value
-    otherValue,  // one that the catalogue no longer allows
+    value,         // its current value
+    invalidValue,  // a value that the catalogue no longer allows
 };
 
 struct Property {
@@ -23,11 +23,11 @@ struct Property {
     std::string value;
     std::shared_ptr<const Definition> definition;
     std::string changeTopic;  // "prop-service-GROUP/KEY"
-    bool isVolatile;          // never stored, at its default after every start
+    bool isVolatile;          // never stored, reset to its default at every start
     Stored stored;
 };
 
-/// What the store holds for a key that the catalogue does not have.
+/// A stored value whose key is not in the catalogue.
 struct UncataloguedValue {
     std::string key;
     std::string value;
@@ -35,17 +35,17 @@ struct UncataloguedValue {
 
 class PropertyTable {
  public:
-    /// Starts from the catalogue's defaults and takes over the stored values. A stored value that the catalogue no
-    /// longer allows gives way to the default, with a warning; one of an unknown key is left alone in the store.
+    /// Starts with the catalogue's defaults and applies the stored values. If the catalogue no longer allows a stored
+    /// value, the default is used, with a warning. Values of unknown keys stay in the store.
     PropertyTable(const Catalogue& catalogue, const std::vector<IStore::Entry>& stored);
 
-    /// Null for a key that the catalogue does not know.
+    /// Null if the catalogue does not have the key.
     Property* find(const std::string& key);
 
     /// All properties, sorted by key byte by byte.
     const std::vector<Property>& all() const { return properties_; }
 
-    /// Stored values that the constructor left alone for want of a key, sorted likewise.
+    /// Stored values whose keys are not in the catalogue, sorted by key byte by byte.
     const std::vector<UncataloguedValue>& uncatalogued() const { return uncatalogued_; }
 
  private:

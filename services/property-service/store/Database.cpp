@@ -13,7 +13,7 @@ constexpr int applicationId = 0x5a415670;  // "ZAVp"
 constexpr std::chrono::milliseconds syncDelay{500};
 constexpr int busyMilliseconds = 2000;
 
-// FNV-1a over the key, a NUL, and the value: any change of a single byte changes it.
+// FNV-1a over the key, a NUL, and the value: detects every change of a single byte.
 std::int64_t checksum(const std::string& key, const std::string& value) {
     std::uint64_t sum = 0xcbf29ce484222325U;
     const auto take = [&sum](unsigned char byte) { sum = (sum ^ byte) * 0x100000001b3U; };
@@ -66,12 +66,13 @@ void Database::open() {
     database_.reset(database);
     if (result != SQLITE_OK) fail("cannot be opened");
     sqlite3_extended_result_codes(database, 1);
-    // Until it is known to be ours to change: the end of a connection would merge the log into the file.
+    // Closing must not merge the log into the file until the file's version is known.
     sqlite3_db_config(database, SQLITE_DBCONFIG_NO_CKPT_ON_CLOSE, 1, nullptr);
     sqlite3_busy_timeout(database, busyMilliseconds);
-    // A set writes one page to the log: of this size that costs little more than half of what the default size does.
+    // A set writes one page to the log, which takes little more than half the time of the default size.
     execute("PRAGMA page_size = 1024");
-    // Exclusive before anything is read: no shared memory file, no locking per commit, and no second service.
+    // Set before the first read, this avoids the shared memory file and locking per commit, and excludes other
+    // services.
     execute("PRAGMA locking_mode = EXCLUSIVE");
     execute("PRAGMA journal_mode = WAL");
     execute("PRAGMA synchronous = NORMAL");
@@ -81,7 +82,7 @@ void Database::open() {
 void Database::prepareFormat() {
     execute("BEGIN EXCLUSIVE");
     const int found = numberOf("PRAGMA user_version");
-    if (found > version) throw StoreException(path_ + ": " + newerVersion(found));
+    if (found > version) throw StoreException(path_ + ": " + newerVersionError(found));
     sqlite3_db_config(database_.get(), SQLITE_DBCONFIG_NO_CKPT_ON_CLOSE, 0, nullptr);
     if (found == 0) {
         execute(
@@ -109,7 +110,7 @@ void Database::prepareFormat() {
     }
     if (found != version) execute(("PRAGMA user_version = " + std::to_string(version)).c_str());
     execute("COMMIT");
-    // What an earlier run left in the log is in the file, and on the disk, from here on.
+    // Moves what an earlier run left in the log into the file, and syncs it.
     execute("PRAGMA wal_checkpoint(TRUNCATE)");
     if (found == 0) syncFolder(path_);
 }
@@ -141,7 +142,7 @@ std::vector<IStore::Entry> Database::load() {
         std::string key = column(statement.get(), 0);
         std::string value = column(statement.get(), 1);
         if (checksum(key, value) != sqlite3_column_int64(statement.get(), 2)) {
-            throw DamagedStore(path_ + ": is damaged: a stored value is not what was written");
+            throw DamagedStore(path_ + ": is damaged: a stored value has a wrong checksum");
         }
         entries.emplace_back(std::move(key), std::move(value));
     }
@@ -161,7 +162,7 @@ void Database::write(const std::vector<Entry>& entries) {
     if (entries.empty()) return;
     try {
         if (entries.size() == 1) {
-            put(entries.front());  // a statement on its own is a transaction, for two statements less
+            put(entries.front());  // a single statement is a transaction of its own
         } else {
             execute("BEGIN IMMEDIATE");
             for (const Entry& entry : entries) put(entry);

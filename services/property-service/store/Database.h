@@ -1,9 +1,9 @@
-// The settings in one SQLite file with a write-ahead log, open for this process alone.
+// The settings in one SQLite file with a write-ahead log, locked against other processes.
 //
-// A commit hands the data to the kernel, so it survives `kill -9`. A thread of the database's own syncs the log to the
-// disk at most half a second later, so that a power cut costs less than a second and no caller ever waits for the
-// disk's cache. When the log has grown to 4 MiB, the commit that finds it so moves it into the database file. Each
-// row carries a checksum, as a page that flash memory has changed would else pass for a setting.
+// A commit hands the data to the kernel, so it survives `kill -9`. A background thread syncs the log to the disk at
+// most half a second later, so that a power cut costs less than a second and callers do not wait for the disk. The
+// commit that grows the log to 4 MiB also moves it into the database file. Each row has a checksum, which detects bit
+// flips in the flash memory.
 #pragma once
 
 #include <cstddef>
@@ -21,7 +21,7 @@ struct sqlite3_stmt;
 
 namespace propertyservice {
 
-/// The disk is full or can only be read. That may change.
+/// The disk is full or read-only, which may change.
 class UnwritableStore : public StoreException {
  public:
     using StoreException::StoreException;
@@ -31,32 +31,32 @@ class Database {
  public:
     using Entry = IStore::Entry;
 
-    /// The format that this version writes; 1 had no checksums. A file with an older one is migrated when it is opened,
-    /// in one transaction. One with a greater one is refused and stays as it is.
+    /// The format that this version writes; 1 had no checksums. Opening a file migrates an older format in one
+    /// transaction. A file with a newer format is refused and left unchanged.
     static constexpr int version = 2;
 
     /// Opens the file, or creates it (mode 0600) and its folder, and checks its structure. Throws DamagedStore,
-    /// UnwritableStore, and StoreException for a file in use by another process, newer than this version, or of
-    /// something else.
+    /// UnwritableStore, and StoreException if another process uses the file, a newer version wrote it, or it is not a
+    /// property store.
     explicit Database(const std::string& path);
     Database(const Database&) = delete;
     Database& operator=(const Database&) = delete;
-    /// Moves the log into the file and syncs both, unless the file is no longer at its path.
+    /// Moves the log into the file and syncs both, unless another file or none is at the path.
     ~Database();
 
-    /// Throws DamagedStore when a row is not what was written.
+    /// Throws DamagedStore if the checksum of a row is wrong.
     std::vector<Entry> load();
     void write(const std::vector<Entry>& entries);
 
-    /// Writes a copy to the file, which must be empty, after it has checked every row. Returns the number of rows.
+    /// Checks every row, then writes a copy to the file, which must be empty. Returns the number of rows.
     std::size_t copyTo(const std::string& path);
 
-    /// Whether the file and its log are still the ones at their paths. Costs two path look-ups for every write.
+    /// Whether the open file and its log are still at their paths. Takes two path look-ups.
     bool isInPlace() const { return fileState() == FileMark::State::inPlace && logState() == FileMark::State::inPlace; }
     FileMark::State fileState() const { return fileMark_->state(); }
     FileMark::State logState() const { return logMark_->state(); }
 
-    /// How often what was written has been synced to the disk.
+    /// How often the log was synced to the disk.
     unsigned syncs() const { return logSync_->syncs(); }
 
  private:

@@ -1,4 +1,4 @@
-// Where values outlive the service. Used by one thread at a time.
+// Persistent storage of values. Used by one thread at a time.
 #pragma once
 
 #include <optional>
@@ -9,13 +9,13 @@
 
 namespace propertyservice {
 
-/// The store cannot be used (when it is opened), or refused a write; `what()` says why.
+/// The store cannot be opened, or refused a write; `what()` is the reason.
 class StoreException : public std::runtime_error {
  public:
     using std::runtime_error::runtime_error;
 };
 
-/// What is stored is not what was written. `IStore::rebuild` makes a good store of it.
+/// The stored data is corrupt. `IStore::rebuild` replaces it.
 class DamagedStore : public StoreException {
  public:
     using StoreException::StoreException;
@@ -23,20 +23,20 @@ class DamagedStore : public StoreException {
 
 class IStore {
  public:
-    /// Key and value; no value: the key is stored no longer.
+    /// Key and value; without a value, the key is deleted.
     using Entry = std::pair<std::string, std::optional<std::string>>;
 
     virtual ~IStore() = default;
 
-    /// Everything that is stored, in no particular order.
+    /// All stored entries, in no particular order.
     virtual std::vector<Entry> load() = 0;
 
-    /// Stores all entries in this order, or none of them. Once it has returned they survive the end of the process,
-    /// however it ends. Throws StoreException; the old values stand then, and a later write may succeed.
+    /// Stores all entries in this order, or none of them. After it returns they survive a crash of the process. If it
+    /// throws StoreException, the old values stay and a later write may succeed.
     virtual void write(const std::vector<Entry>& entries) = 0;
 
-    /// After `write` has thrown DamagedStore: sets the damaged store aside and begins anew with these. Throws as
-    /// `write`; it is to be called again then, before the next write.
+    /// Call it after `write` has thrown DamagedStore: moves the damaged store aside and creates a new one with the
+    /// entries. Throws as `write` does; call it again before the next write then.
     virtual void rebuild(const std::vector<Entry>& entries) = 0;
 };
 

@@ -57,7 +57,7 @@ Salt saltAt(const Bytes& bytes, std::size_t at) { return {bytes.number(at), byte
 
 }  // namespace
 
-std::size_t changesBehindDamage(const std::string& log) {
+std::size_t lostCommits(const std::string& log) {
     std::ifstream file(log, std::ios::binary);
     Bytes header(headerSize);
     if (!header.readFrom(file)) return 0;
@@ -69,23 +69,23 @@ std::size_t changesBehindDamage(const std::string& log) {
     }
     Checksum sum;
     sum.add(header, 0, 24, bigEndian);
-    bool isWhole = sum.is(header, 24);
+    bool isIntact = sum.is(header, 24);
     std::size_t lost = 0;
-    bool isBehind = false;
+    bool hasFramesBehind = false;
     Bytes frame(frameHeaderSize + pageSize);
     if (!frame.readFrom(file)) return 0;
-    const Salt salt = isWhole ? saltAt(header, 16) : saltAt(frame, 8);
+    const Salt salt = isIntact ? saltAt(header, 16) : saltAt(frame, 8);
     do {
-        // Frames of another salt stand there from before the log was last begun anew.
+        // Frames with another salt are left from before the log was last restarted.
         const bool isOfThisLog = saltAt(frame, 8) == salt;
-        isBehind = isBehind || (!isWhole && isOfThisLog);
+        hasFramesBehind = hasFramesBehind || (!isIntact && isOfThisLog);
         sum.add(frame, 0, 8, bigEndian);
         sum.add(frame, frameHeaderSize, frame.size(), bigEndian);
-        isWhole = isWhole && isOfThisLog && sum.is(frame, 16);
+        isIntact = isIntact && isOfThisLog && sum.is(frame, 16);
         const bool isCommit = frame.number(4) != 0;
-        if (!isWhole && isOfThisLog && isCommit) ++lost;
+        if (!isIntact && isOfThisLog && isCommit) ++lost;
     } while (frame.readFrom(file));
-    return isBehind ? lost : 0;
+    return hasFramesBehind ? lost : 0;
 }
 
 }  // namespace propertyservice

@@ -1,5 +1,4 @@
-// What SQLite passes over in silence: it reads its write-ahead log up to the first frame that is not as it was written,
-// and forgets the rest.
+// Detects lost commits: SQLite reads its write-ahead log up to the first corrupt frame and silently drops the rest.
 #pragma once
 
 #include <cstddef>
@@ -7,10 +6,9 @@
 
 namespace propertyservice {
 
-/// How many changes (committed transactions) a damaged place in the log takes along, with others behind it. After a
-/// power cut that can be those of the last second, which were not synced; otherwise the disk is bad. 0 for a log that
-/// is whole or not there, and for one of which only the end is damaged, as a process that is killed leaves it. Reads
-/// only.
-std::size_t changesBehindDamage(const std::string& log);
+/// The number of commits lost at and behind a corrupt frame. After a power cut these can be the commits of the last
+/// second, which were not synced; otherwise the disk is faulty. 0 if the log is intact or missing, or if only its last
+/// frames are corrupt, as after a kill. Does not write.
+std::size_t lostCommits(const std::string& log);
 
 }  // namespace propertyservice

@@ -36,7 +36,7 @@ LogSync::~LogSync() {
 void LogSync::written() {
     {
         const std::lock_guard<std::mutex> lock(mutex_);
-        if (dirty_) return;  // its sync is still to come
+        if (dirty_) return;  // a sync is already scheduled
         dirty_ = true;
     }
     changed_.notify_all();
@@ -53,7 +53,7 @@ void LogSync::run() {
     while (true) {
         changed_.wait(lock, [this] { return dirty_ || stopping_; });
         if (changed_.wait_for(lock, delay_, [this] { return stopping_; })) return;
-        dirty_ = false;  // what is written from here on needs the next sync
+        dirty_ = false;  // a write during the sync needs another one
         lock.unlock();
         const bool synced = ::fdatasync(file_) == 0;
         const std::error_code error(errno, std::generic_category());

@@ -1,4 +1,4 @@
-// Syncs a file to the disk soon after it was written to, on a thread of its own.
+// Syncs a file to the disk soon after a write, on a background thread.
 #pragma once
 
 #include <chrono>
@@ -15,10 +15,10 @@ class LogSync {
     LogSync(const std::string& path, std::chrono::milliseconds delay);
     LogSync(const LogSync&) = delete;
     LogSync& operator=(const LogSync&) = delete;
-    /// Ends the thread; what is not synced yet stays so.
+    /// Stops the thread without a last sync.
     ~LogSync();
 
-    /// The file was written to: it is on the disk `delay` from now. Never blocks on the disk.
+    /// Call after each write: schedules a sync after `delay`. Does not block on the disk.
     void written();
 
     /// How often the file was synced.

@@ -15,24 +15,24 @@ namespace propertyservice {
 namespace {
 
 constexpr std::chrono::hours retryBackup{1};
-constexpr std::chrono::hours secondBackup{1};  // behind the first, which has little more than one setting
+constexpr std::chrono::hours secondBackup{1};  // after the first, which has hardly more than one setting
 
 bool isEmpty(const std::string& path) {
     std::error_code error;
     return std::filesystem::file_size(path, error) == 0 && !error && !std::filesystem::exists(path + "-wal", error);
 }
 
-// A folder in memory or wherever temporary files are, for as long as the object lives.
+// A temporary folder, removed by the destructor.
 class TemporaryFolder {
  public:
     TemporaryFolder() {
         std::error_code error;
-        // The first may be on the disk that takes nothing.
+        // The first may be on the same unwritable disk.
         for (const std::filesystem::path& folder : {std::filesystem::temp_directory_path(error), {"/dev/shm"}}) {
             path_ = (folder / "prop-service-XXXXXX").string();
             if (::mkdtemp(path_.data()) != nullptr) return;
         }
-        throw StoreException(path_ + ": cannot be made");
+        throw StoreException(path_ + ": cannot be created");
     }
     TemporaryFolder(const TemporaryFolder&) = delete;
     TemporaryFolder& operator=(const TemporaryFolder&) = delete;
@@ -49,27 +49,27 @@ class TemporaryFolder {
 }  // namespace
 
 Store::Store(const std::string& path, std::chrono::milliseconds backupInterval)
-    : path_(followLinks(path)), backupInterval_(backupInterval) {
+    : path_(resolveLinks(path)), backupInterval_(backupInterval) {
     try {
         open();
     } catch (const UnwritableStore& error) {
         entries_ = readCopy();
-        dbg::Debug::error() << error.what() << "; settings are as they were stored, and none can be stored until the "
-                            << "disk takes them" << std::endl;
+        dbg::Debug::error() << error.what() << "; stored settings can be read but not changed until the disk is "
+                            << "writable" << std::endl;
     }
 }
 
 Store::~Store() {
     try {
-        if (database_) renewIfDisplaced();
+        if (database_) rewriteIfDisplaced();
     } catch (const std::exception& error) {
-        dbg::Debug::error() << error.what() << "; the settings are lost with the deleted files" << std::endl;
+        dbg::Debug::error() << error.what() << "; the settings in the deleted files are lost" << std::endl;
     }
 }
 
 void Store::open() {
     try {
-        const std::size_t lost = changesBehindDamage(path_ + "-wal");
+        const std::size_t lost = lostCommits(path_ + "-wal");
         database_ = std::make_unique<Database>(path_);
         entries_ = database_->load();
         if (lost > 0) {
@@ -83,7 +83,7 @@ void Store::open() {
         database_.reset();
         throw;
     }
-    planBackup();
+    scheduleBackup();
 }
 
 void Store::restore(const std::string& damage) {
@@ -92,8 +92,8 @@ void Store::restore(const std::string& damage) {
     if (isEmpty(path_)) {
         dbg::Debug::error() << damage << std::endl;
         std::filesystem::remove(path_, unknown);
-    } else if (std::filesystem::exists(path_, unknown)) {  // not when an earlier attempt got no further than this
-        const std::string aside = setAside(path_);
+    } else if (std::filesystem::exists(path_, unknown)) {  // an earlier attempt may have moved it already
+        const std::string aside = moveAside(path_);
         dbg::Debug::error() << damage << "; it is kept as " << aside << std::endl;
     }
     for (const std::string& backup : backupsOf(path_)) {
@@ -101,11 +101,11 @@ void Store::restore(const std::string& damage) {
             copyFile(backup, path_);
             database_ = std::make_unique<Database>(path_);
             entries_ = database_->load();
-            dbg::Debug::error() << "Settings are as they were in the backup " << backup << ": " << entries_.size()
+            dbg::Debug::error() << "Restored the settings of the backup " << backup << ": " << entries_.size()
                                 << " stored values" << std::endl;
             return;
         } catch (const DamagedStore& error) {
-            dbg::Debug::error() << "The backup " << backup << " is no good: " << error.what() << std::endl;
+            dbg::Debug::error() << "The backup " << backup << " is unusable: " << error.what() << std::endl;
             database_.reset();
             std::error_code ignored;
             std::filesystem::remove(backup, ignored);
@@ -113,12 +113,12 @@ void Store::restore(const std::string& damage) {
             std::filesystem::remove(path_ + "-wal", ignored);
         }
     }
-    dbg::Debug::error() << "There is no good backup: settings start at their defaults" << std::endl;
+    dbg::Debug::error() << "No usable backup: settings start at their defaults" << std::endl;
     entries_.clear();
     database_ = std::make_unique<Database>(path_);
 }
 
-// What can be read of the store without writing beside it, as SQLite would.
+// Loads a copy of the store in a temporary folder: SQLite would write files beside the original.
 std::vector<IStore::Entry> Store::readCopy() const {
     std::vector<std::string> sources = backupsOf(path_);
     sources.insert(sources.begin(), path_);
@@ -139,8 +139,8 @@ std::vector<IStore::Entry> Store::readCopy() const {
             isUnreadable = true;
         }
     }
-    // With defaults in the place of what may be good, sets would make a mixture of the two.
-    if (isUnreadable) throw StoreException(path_ + ": cannot be read, nor written");
+    // Starting with defaults would let new sets mix with settings that may still be good.
+    if (isUnreadable) throw StoreException(path_ + ": can be neither read nor written");
     return {};
 }
 
@@ -155,7 +155,7 @@ void Store::write(const std::vector<Entry>& entries) {
         open();
         entries_.clear();
     } else {
-        renewIfDisplaced();
+        rewriteIfDisplaced();
     }
     commit(entries);
 }
@@ -168,13 +168,13 @@ void Store::commit(const std::vector<Entry>& entries) {
 void Store::rebuild(const std::vector<Entry>& entries) {
     restore(path_ + ": is damaged");
     entries_.clear();
-    planBackup();
+    scheduleBackup();
     commit(entries);
 }
 
-// The database that is open still has everything: a copy takes the place of whatever is at the path now. Until that
-// succeeds nothing is written, as it would end up in files that have no name.
-void Store::renewIfDisplaced() {
+// The open database still has everything, so a copy of it replaces whatever is at the path now. Until that succeeds
+// nothing is written: it would go to a deleted file.
+void Store::rewriteIfDisplaced() {
     using State = FileMark::State;
     if (database_->isInPlace()) return;
     const State file = database_->fileState();
@@ -182,36 +182,37 @@ void Store::renewIfDisplaced() {
     const bool isLogOnly = file == State::inPlace;
     std::string report = path_ + (isLogOnly ? "-wal: was " : ": was ") +
                          ((isLogOnly ? log : file) == State::deleted ? "deleted" : "replaced") + " while in use";
-    if (file == State::replaced && isInUse(path_)) throw StoreException(report + " by another process, which uses it");
+    if (file == State::replaced && isInUse(path_)) throw StoreException(report + "; another process uses the new file");
     const std::string fresh = beginStore(path_);
     const std::size_t count = database_->copyTo(fresh);
     if (file == State::replaced) {
-        std::error_code none;
-        if (log == State::inPlace) std::filesystem::remove(path_ + "-wal", none);  // it is not the other file's
-        report += "; the other file is kept as " + setAside(path_);
+        std::error_code ignored;
+        // The log does not belong to the other file.
+        if (log == State::inPlace) std::filesystem::remove(path_ + "-wal", ignored);
+        report += "; the other file is kept as " + moveAside(path_);
     }
     install(fresh, path_);
-    database_.reset();  // before there is a new log, which it would take for its own
-    dbg::Debug::error() << report << "; the settings are written anew: " << count << " stored values" << std::endl;
+    database_.reset();  // before the new log exists: the old database would use it
+    dbg::Debug::error() << report << "; the settings were rewritten: " << count << " stored values" << std::endl;
     entries_.clear();
     database_ = std::make_unique<Database>(path_);
-    planBackup();
+    scheduleBackup();
 }
 
-// A store that never had two backups is a young one.
-std::chrono::milliseconds Store::pauseUntilBackup() const {
+// The second backup is due early: the first may have only one setting.
+std::chrono::milliseconds Store::backupDelay() const {
     return backupsOf(path_).size() < 2 ? std::min<std::chrono::milliseconds>(backupInterval_, secondBackup)
                                        : backupInterval_;
 }
 
-void Store::planBackup() {
+void Store::scheduleBackup() {
     const std::optional<std::chrono::seconds> age = ageOfBackup(path_);
-    const std::chrono::milliseconds pause = pauseUntilBackup();
-    const bool due = !age || *age < std::chrono::seconds(0) || *age >= pause;
+    const std::chrono::milliseconds delay = backupDelay();
+    const bool due = !age || *age < std::chrono::seconds(0) || *age >= delay;
     if (!due) {
-        nextBackup_ = Clock::now() + pause - *age;
+        nextBackup_ = Clock::now() + delay - *age;
     } else if (entries_.empty()) {
-        nextBackup_ = Clock::now();  // with the next write: of nothing none is made
+        nextBackup_ = Clock::now();  // with the next write: an empty store needs no backup
     } else {
         backUp();
     }
@@ -222,7 +223,7 @@ void Store::backUp() {
     try {
         database_->copyTo(beginBackup(path_));
         keepBackup(path_);
-        nextBackup_ = Clock::now() + pauseUntilBackup();
+        nextBackup_ = Clock::now() + backupDelay();
     } catch (const DamagedStore&) {
         throw;
     } catch (const StoreException& error) {

@@ -1,9 +1,9 @@
-// The store on disk: a database that looks after itself.
+// The store on disk: a database with backups and automatic recovery.
 //
-// It makes a backup of itself with the first write, an hour later and then once a day; two are kept. A damaged database
-// is set aside and made anew from the last good backup. When its files are deleted or replaced while it is open, the
-// next write, or the destructor, makes them anew. While the disk can only be read or has no room even to open the
-// database, what was stored is there all the same; writes are refused until the disk takes them again.
+// It makes a backup at the first write, an hour later and then once a day, and keeps two. A damaged database is moved
+// aside and restored from the newest good backup. If its files are deleted or replaced while it is open, the next write
+// or the destructor rewrites them. If the disk is read-only or too full to open the database, the stored values can
+// still be loaded; writes are refused until the disk is writable.
 #pragma once
 
 #include <chrono>
@@ -17,7 +17,7 @@ namespace propertyservice {
 
 class Store final : public IStore {
  public:
-    /// Throws StoreException when the file is in use by another process, newer than this version, or of something else.
+    /// Throws StoreException if another process uses the file, a newer version wrote it, or it is not a property store.
     explicit Store(const std::string& path, std::chrono::milliseconds backupInterval = std::chrono::hours(24));
     Store(const Store&) = delete;
     Store& operator=(const Store&) = delete;
@@ -27,7 +27,7 @@ class Store final : public IStore {
     void write(const std::vector<Entry>& entries) override;
     void rebuild(const std::vector<Entry>& entries) override;
 
-    /// How often what was written has been synced to the disk.
+    /// How often the log was synced to the disk.
     unsigned syncs() const { return database_ ? database_->syncs() : 0; }
 
  private:
@@ -37,15 +37,15 @@ class Store final : public IStore {
     void restore(const std::string& damage);
     std::vector<Entry> readCopy() const;
     void commit(const std::vector<Entry>& entries);
-    void renewIfDisplaced();
-    std::chrono::milliseconds pauseUntilBackup() const;
-    void planBackup();
+    void rewriteIfDisplaced();
+    std::chrono::milliseconds backupDelay() const;
+    void scheduleBackup();
     void backUp();
 
     const std::string path_;
     const std::chrono::milliseconds backupInterval_;
-    std::unique_ptr<Database> database_;  // null: it cannot be written at present
-    std::vector<Entry> entries_;          // what was read when it was opened, until `load` takes it
+    std::unique_ptr<Database> database_;  // null: the disk is not writable
+    std::vector<Entry> entries_;          // read by `open`, until `load` returns it
     Clock::time_point nextBackup_;
 };
 

@@ -20,12 +20,12 @@ namespace {
 
 namespace fs = std::filesystem;
 
-// "ZAVp" in the file's header: a database of something else is not taken for an empty store.
+// "ZAVp" in the file's header distinguishes a property store from any other database.
 constexpr int applicationId = 0x5a415670;
-constexpr std::size_t keptDamaged = 2;
-constexpr int mostLinks = 40;
-// Further ahead than this a version number is damage.
-constexpr int mostVersionsAhead = 16;
+constexpr std::size_t maxDamagedFiles = 2;
+constexpr int maxLinks = 40;
+// A version number further ahead than this counts as damage.
+constexpr int maxVersionsAhead = 16;
 // Where SQLite locks a database: https://www.sqlite.org/fileformat2.html#the_lock_byte_page
 constexpr off_t firstLockByte = 0x40000000;
 constexpr off_t lockBytes = 512;
@@ -88,15 +88,15 @@ void createIfMissing(const std::string& path) {
     const fs::path folder = fs::path(path).parent_path();
     if (!folder.empty() && !fs::exists(folder, error)) {
         fs::create_directories(folder, error);
-        if (error) fail(path, "its folder cannot be made", error.value());
+        if (error) fail(path, "its folder cannot be created", error.value());
     }
-    // Settings hold credentials: nobody else reads them. The write-ahead log takes over the mode of the file.
+    // Only the owner may read it: settings include credentials. SQLite gives the log the same mode.
     const int file = ::open(path.c_str(), O_RDWR | O_CREAT | O_CLOEXEC, 0600);
     if (file < 0) fail(path, "cannot be opened for writing", errno);
     struct stat status {};
     const bool regular = ::fstat(file, &status) == 0 && S_ISREG(status.st_mode);
     ::close(file);
-    if (!regular) throw StoreException(path + ": is no regular file");
+    if (!regular) throw StoreException(path + ": is not a regular file");
 }
 
 void checkHeader(const std::string& path) {
@@ -105,18 +105,18 @@ void checkHeader(const std::string& path) {
     if (file < 0) fail(path, "cannot be read", errno);
     const ssize_t length = ::pread(file, header.data(), header.size(), 0);
     const int error = errno;
-    ::close(file);  // before SQLite opens it: closing later would drop SQLite's locks
+    ::close(file);  // before SQLite opens the file: a later close would drop SQLite's locks
     if (length < 0) fail(path, "cannot be read", error);
-    // With backups beside it there was a store in it.
-    const bool wasOurs = !backupsOf(path).empty();
+    // Only a property store has backups.
+    const bool hasBackups = !backupsOf(path).empty();
     if (length == 0) {
-        if (wasOurs) throw DamagedStore(path + ": is empty, but there are backups of it");
+        if (hasBackups) throw DamagedStore(path + ": is empty, but there are backups of it");
         return;
     }
     const std::string magic(reinterpret_cast<const char*>(header.data()), 15);
     if (length < static_cast<ssize_t>(header.size()) || magic != "SQLite format 3") {
-        if (wasOurs) throw DamagedStore(path + ": its header is overwritten");
-        throw StoreException(path + ": is no property store; name another file with --store");
+        if (hasBackups) throw DamagedStore(path + ": its header was overwritten");
+        throw StoreException(path + ": is not a property store; name another file with --store");
     }
     const auto number = [&header](std::size_t at) {
         return static_cast<std::int32_t>(std::uint32_t{header[at]} << 24 | std::uint32_t{header[at + 1]} << 16 |
@@ -124,18 +124,18 @@ void checkHeader(const std::string& path) {
     };
     const bool isOurs = number(68) == applicationId;
     const std::int32_t found = number(60);
-    if (isOurs && found > Database::version && found <= Database::version + mostVersionsAhead) {
-        throw StoreException(path + ": " + newerVersion(found));
+    if (isOurs && found > Database::version && found <= Database::version + maxVersionsAhead) {
+        throw StoreException(path + ": " + newerVersionError(found));
     }
-    // Both numbers are written in one transaction, and no version of the service writes others.
-    // With other format numbers than these SQLite would not write to the file, or not open it.
-    const bool isFormat = (header[18] == 1 || header[18] == 2) && (header[19] == 1 || header[19] == 2) &&
-                          number(44) >= 1 && number(44) <= 4;
-    const bool isFlipped = isOurs ? found < 1 || found > Database::version || !isFormat : wasOurs;
-    if (isFlipped) throw DamagedStore(path + ": its header is damaged");
+    // SQLite refuses to open a file with other format numbers, or to write to it.
+    const bool isKnownFormat = (header[18] == 1 || header[18] == 2) && (header[19] == 1 || header[19] == 2) &&
+                               number(44) >= 1 && number(44) <= 4;
+    // Both numbers are written in one transaction, so other values are damage.
+    const bool isDamaged = isOurs ? found < 1 || found > Database::version || !isKnownFormat : hasBackups;
+    if (isDamaged) throw DamagedStore(path + ": its header is damaged");
     const bool empty = number(68) == 0 && found == 0 && number(40) == 0;  // 40: schema cookie
     if (!isOurs && !empty) {
-        throw StoreException(path + ": is a database of something else; name another file with --store");
+        throw StoreException(path + ": is a database of another program; name another file with --store");
     }
 }
 
@@ -152,14 +152,14 @@ bool isInUse(const std::string& path) {
     return known && lock.l_type != F_UNLCK;
 }
 
-std::string newerVersion(int format) {
-    return "was written by a newer version (store format " + std::to_string(format) + ", this version knows " +
-           std::to_string(Database::version) + "); it stays as it is";
+std::string newerVersionError(int format) {
+    return "was written by a newer version (store format " + std::to_string(format) + ", this version supports " +
+           std::to_string(Database::version) + "); it is left unchanged";
 }
 
-std::string followLinks(std::string path) {
+std::string resolveLinks(std::string path) {
     std::error_code error;
-    for (int count = 0; count < mostLinks && fs::is_symlink(path, error); ++count) {
+    for (int count = 0; count < maxLinks && fs::is_symlink(path, error); ++count) {
         path = (fs::path(path).parent_path() / fs::read_symlink(path, error)).string();
     }
     return path;
@@ -201,7 +201,7 @@ std::optional<std::chrono::seconds> ageOfBackup(const std::string& path) {
 std::string beginBackup(const std::string& path) {
     std::string fresh = path + ".backup-new";
     const int file = ::open(fresh.c_str(), O_WRONLY | O_CREAT | O_TRUNC | O_CLOEXEC, 0600);
-    if (file < 0) fail(fresh, "cannot be made", errno);
+    if (file < 0) fail(fresh, "cannot be created", errno);
     ::close(file);
     return fresh;
 }
@@ -216,21 +216,21 @@ void keepBackup(const std::string& path) {
 
 std::string beginStore(const std::string& path) {
     std::string fresh = path + ".new";
-    std::error_code none;
-    fs::remove(fresh, none);  // of an earlier attempt
+    std::error_code ignored;
+    fs::remove(fresh, ignored);  // of an earlier attempt
     createIfMissing(fresh);
     return fresh;
 }
 
 void install(const std::string& fresh, const std::string& path) {
     syncFile(fresh);
-    std::error_code none;
-    fs::remove(path + "-wal", none);
+    std::error_code ignored;
+    fs::remove(path + "-wal", ignored);
     rename(fresh, path);
     syncFolder(path);
 }
 
-std::string setAside(const std::string& path) {
+std::string moveAside(const std::string& path) {
     const std::string prefix = path + ".damaged-";
     std::error_code error;
     const std::string stamp = prefix + timeStamp();
@@ -245,7 +245,7 @@ std::string setAside(const std::string& path) {
         if (name.compare(0, prefix.size(), prefix) == 0 && !isLog) older.push_back(name);
     }
     std::sort(older.rbegin(), older.rend());
-    for (std::size_t index = keptDamaged; index < older.size(); ++index) {
+    for (std::size_t index = maxDamagedFiles; index < older.size(); ++index) {
         fs::remove(older[index], error);
         fs::remove(older[index] + "-wal", error);
     }

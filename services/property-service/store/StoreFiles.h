@@ -1,5 +1,5 @@
-// The files around the store: the database itself, its backups (PATH.backup-1, the newer, and PATH.backup-2), and what
-// was set aside as damaged (PATH.damaged-TIME, two at most).
+// The files of the store: the database itself, its backups (PATH.backup-1, the newer, and PATH.backup-2), and damaged
+// files that were moved aside (PATH.damaged-TIME, at most two).
 #pragma once
 
 #include <sys/types.h>
@@ -11,14 +11,14 @@
 
 namespace propertyservice {
 
-/// Remembers which file is at a path, so that it is noticed when another one is, or none.
+/// Remembers which file is at a path, to detect that it was deleted or replaced.
 class FileMark {
  public:
     enum class State { inPlace, deleted, replaced };
 
     explicit FileMark(std::string path);
 
-    /// One system call. As long as nothing else can be told, the file is in its place.
+    /// One system call. Errors other than a missing file count as `inPlace`.
     State state() const;
 
  private:
@@ -27,46 +27,45 @@ class FileMark {
     ino_t inode_ = 0;
 };
 
-/// Makes the file (mode 0600) and its folder. Throws UnwritableStore or StoreException.
+/// Creates the file (mode 0600) and its folder if missing. Throws UnwritableStore or StoreException.
 void createIfMissing(const std::string& path);
 
-/// Looks at the file's header without SQLite, which would already move a log that belongs to a newer version. Throws
-/// DamagedStore for what must have been a store of ours, StoreException for one of a newer version or something else.
+/// Checks the file's header without SQLite, which would already merge the log of a newer version. Throws DamagedStore
+/// if the file was a property store, StoreException if a newer version wrote it or it is not a property store.
 void checkHeader(const std::string& path);
 
-/// Whether another process has the database open, its header damaged or not. Not while this one has: it would drop its
-/// own locks.
+/// Whether another process has the database open, even with a damaged header. Must not be called while this process has
+/// it open, as that would drop this process's locks.
 bool isInUse(const std::string& path);
 
-/// What is wrong with a store of that format.
-std::string newerVersion(int format);
+/// The error text about a store of a newer format.
+std::string newerVersionError(int format);
 
-/// The file that a path leads to in the end, there or not: SQLite keeps the log beside it.
-std::string followLinks(std::string path);
+/// Resolves links, also to a missing file: SQLite keeps the log beside the target.
+std::string resolveLinks(std::string path);
 
-/// Syncs the folder of the file: a new name is not safe before.
+/// Syncs the folder of the file: until then a power cut may lose a new or renamed file.
 void syncFolder(const std::string& path);
 
-/// Makes an exact, synced copy under another name, at once or not at all. Throws StoreException.
+/// Makes a synced copy, which appears under its name only when complete. Throws StoreException.
 void copyFile(const std::string& from, const std::string& to);
 
 /// The backups that exist, newest first.
 std::vector<std::string> backupsOf(const std::string& path);
 
-/// How old the newest backup is, by the machine's clock; negative when that was set back.
+/// Age of the newest backup by the system clock; negative if the clock was set back.
 std::optional<std::chrono::seconds> ageOfBackup(const std::string& path);
 
-/// An empty file (mode 0600) for the next backup; `keepBackup` then makes it the newest one. Both throw StoreException.
+/// Creates an empty file (mode 0600) for a backup; `keepBackup` makes it the newest one. Both throw StoreException.
 std::string beginBackup(const std::string& path);
 void keepBackup(const std::string& path);
 
-/// An empty file (mode 0600) beside the store, for a new one, and the store's folder. `install` then puts it in the
-/// store's place at once or not at all, and removes a log that belongs to what was there. Both throw UnwritableStore or
-/// StoreException.
+/// Creates an empty file (mode 0600) for a new store, and its folder. `install` renames it to the store's path and
+/// removes the log of the previous file. Both throw UnwritableStore or StoreException.
 std::string beginStore(const std::string& path);
 void install(const std::string& fresh, const std::string& path);
 
-/// Renames the store and its log; returns the new name. Older damaged ones are removed. Throws StoreException.
-std::string setAside(const std::string& path);
+/// Moves the store and its log aside and returns the new name. Removes all but the two newest. Throws StoreException.
+std::string moveAside(const std::string& path);
 
 }  // namespace propertyservice

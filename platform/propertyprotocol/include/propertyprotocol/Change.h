@@ -13,7 +13,7 @@ struct Change {
 
 std::string changeMessage(const std::string& param, const std::string& value, const std::string& source);
 
-/// Returns false, and leaves `change` alone, if the message is not a change.
+/// Returns false and leaves `change` unchanged if the message is not a change.
 bool readChange(const std::string& message, Change& change);
 
 }  // namespace propertyprotocol

@@ -1,4 +1,4 @@
-// JSON of the property protocol: quoting for what is sent, a strict check of what is received.
+// JSON of the property protocol: writes messages, strictly checks received ones.
 #pragma once
 
 #include <cstddef>
@@ -18,8 +18,8 @@ void appendMember(std::string& json, std::string_view name, std::string_view tex
 /// RFC 8259 forbids: numbers such as 01 and 2., control characters in strings, a byte order mark, comments, and
 /// unpaired surrogates.
 ///
-/// Returns the number of commas and opening brackets outside strings, an upper bound of the number of values less one,
-/// or nullopt if the text has anything that is not a JSON token in UTF-8.
-std::optional<std::size_t> countJsonParts(const std::string& json);
+/// Returns the number of commas and opening brackets outside strings: the text has at most one value more than that.
+/// Returns nullopt if the text has anything that is not a JSON token in UTF-8.
+std::optional<std::size_t> countJsonTokens(const std::string& json);
 
 }  // namespace propertyprotocol

@@ -1,4 +1,4 @@
-// Limits of what the property service accepts. Sizes are in bytes.
+// Limits of the property service. Sizes are in bytes.
 #pragma once
 
 #include <cstddef>
@@ -8,13 +8,13 @@ namespace propertyprotocol {
 inline constexpr std::size_t maxKeyBytes = 255;
 inline constexpr std::size_t maxValueBytes = 64 * 1024;
 
-/// Of a request. A value of the maximum size fits even if every byte of it is escaped.
+/// Large enough for a value of the maximum size with every byte escaped.
 inline constexpr std::size_t maxRequestBytes = 1024 * 1024;
 
-/// Of an import, which may hold all settings. An MQTT packet has at most 16 MiB.
+/// Of an import, which may have all settings. An MQTT packet has at most 16 MiB.
 inline constexpr std::size_t maxImportBytes = 15 * 1024 * 1024;
 
-/// Levels of a JSON text.
+/// Nested levels of a request.
 inline constexpr int maxNesting = 32;
 
 }  // namespace propertyprotocol

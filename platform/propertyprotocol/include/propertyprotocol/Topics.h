@@ -26,7 +26,7 @@ std::string changeFilter(const std::string& group);
 
 bool isChangeTopic(const std::string& topic);
 
-/// Whether only the service may publish on the topic, or only requests to it: status, requests, changes.
+/// Whether the protocol reserves the topic: for presence, requests or changes. No response may use it.
 bool isServiceTopic(const std::string& topic);
 
 }  // namespace propertyprotocol

@@ -6,7 +6,7 @@
 
 namespace propertyprotocol {
 
-/// Bytes of the well-formed sequence at `at`: 1 for ASCII, 0 if there is none.
+/// Length in bytes of the UTF-8 sequence at `at`: 1 for ASCII, 0 if it is malformed.
 std::size_t utf8SequenceLength(const std::string& text, std::size_t at);
 
 bool isUtf8(const std::string& text);

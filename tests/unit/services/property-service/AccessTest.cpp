@@ -1,4 +1,4 @@
-// The access list that is shipped, in a real broker: everybody can do their work, and nothing else.
+// The shipped access list in a real broker: each program can use the topics it needs, and no others.
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
 
@@ -40,7 +40,7 @@ class Access : public testing::Test {
             }
             client->bus->connect(broker.address());
         }
-        // The service may still be on its way.
+        // The service may still be starting.
         for (const auto end = std::chrono::steady_clock::now() + 20s; std::chrono::steady_clock::now() < end;) {
             try {
                 tool.properties->get("State.Provisioning");
@@ -51,7 +51,7 @@ class Access : public testing::Test {
         }
     }
 
-    // What everybody may hear and nobody is kept from: it comes after whatever was refused before.
+    // Publishes a change that every client may receive; it arrives after anything published before.
     void mark(const std::string& value) { tool.properties->set("State.Provisioning", value); }
 
     static std::string change(const std::string& value) {
@@ -69,7 +69,7 @@ class Access : public testing::Test {
     Client stranger{"stranger", broker};
 };
 
-TEST_F(Access, TheDaemonAndTheToolDoTheirWork) {
+TEST_F(Access, GivesDaemonAndToolTheTopicsTheyNeed) {
     daemon.properties->set("State.Provisioning.LockUI", "provisioning", "1");
     EXPECT_EQ(daemon.properties->get("State.Provisioning.LockUI"), "1");
     EXPECT_FALSE(tool.properties->list("System.", "").properties.empty());
@@ -85,7 +85,7 @@ TEST_F(Access, TheDaemonAndTheToolDoTheirWork) {
     EXPECT_THAT(watchdog.heard.waitFor(1), ElementsAre("prov-client/watchdog alive"));
 }
 
-TEST_F(Access, ChangesAreTheServicesAlone) {
+TEST_F(Access, OnlyTheServicePublishesChanges) {
     for (Client* client : {&daemon, &tool, &watchdog, &stranger}) {
         client->bus->publish("prop-service-state/State.Provisioning", "forged", 1);
         client->bus->publish("prop-service/status", "offline", 1);
@@ -97,7 +97,7 @@ TEST_F(Access, ChangesAreTheServicesAlone) {
     EXPECT_EQ(tool.properties->get("State.Provisioning"), "x") << "the service is still online";
 }
 
-TEST_F(Access, NobodyHearsOrAsksMoreThanTheirOwn) {
+TEST_F(Access, LimitsClientsToTheirTopics) {
     EXPECT_THROW(daemon.bus->request("prop-service/import", R"({"properties":[]})", "prop-service/status", 300ms),
                  ipc::IPCException);
     EXPECT_THROW(
@@ -108,15 +108,15 @@ TEST_F(Access, NobodyHearsOrAsksMoreThanTheirOwn) {
         ipc::IPCException);
     tool.properties->set("Audio.Ringer.Volume", "3");
     mark("x");
-    // On two subscriptions, each of which is in order by itself.
+    // Two subscriptions, which have no order between them.
     EXPECT_THAT(tool.heard.waitFor(2), UnorderedElementsAre(HasSubstr("Audio.Ringer.Volume"), change("x")));
-    EXPECT_THAT(daemon.heard.waitFor(1), ElementsAre(change("x"))) << "no settings of the audio service";
+    EXPECT_THAT(daemon.heard.waitFor(1), ElementsAre(change("x"))) << "the daemon must not receive audio settings";
     daemon.bus->publish("prov-client/watchdog", "alive", 1);
     EXPECT_THAT(watchdog.heard.waitFor(1), ElementsAre("prov-client/watchdog alive"));
     EXPECT_THAT(stranger.heard.waitFor(0), testing::IsEmpty());
 }
 
-TEST(AccessList, KnowsEveryGroupOfTheCatalogue) {
+TEST(AccessList, CoversEveryGroupOfTheCatalogue) {
     std::set<std::string> lines;
     std::ifstream file(ACCESS_LIST);
     for (std::string line; std::getline(file, line);) lines.insert(line);

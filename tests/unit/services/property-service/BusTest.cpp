@@ -1,4 +1,4 @@
-// The program itself on a real broker: what only shows when everything is put together.
+// Integration tests of the program on a real broker.
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
 #include <signal.h>
@@ -26,9 +26,9 @@ class PropService : public testing::Test {
                 "--host",  "127.0.0.1",     "--port",      std::to_string(broker.port())};
     }
 
-    // Repeats the call while the service is not there yet.
+    // Retries the call until the service is online.
     template <typename Call>
-    auto patiently(Call call) {
+    auto retryUntilOnline(Call call) {
         const auto end = std::chrono::steady_clock::now() + 20s;
         while (true) {
             try {
@@ -51,13 +51,13 @@ class PropService : public testing::Test {
         propertyapi::PropertyApiBuilder::getPropertyApi(bus, "test");
 };
 
-TEST_F(PropService, ServesClientsAndKeepsSettingsOverAnOrderlyRestart) {
+TEST_F(PropService, KeepsSettingsAcrossAnOrderlyRestart) {
     Recorder changes;
     bus->subscribe("prop-service-system/#", changes);
     {
         Program service(arguments());
         connect();
-        EXPECT_EQ(patiently([this] { return properties->get("System.General.DeviceID"); }), "kd4v");
+        EXPECT_EQ(retryUntilOnline([this] { return properties->get("System.General.DeviceID"); }), "kd4v");
         properties->set("System.Provision.Period", "provisioning", "-1");
         properties->set("State.Provisioning.LockUI", "1");
         properties->set("State.Provisioning", "success");
@@ -77,56 +77,56 @@ TEST_F(PropService, ServesClientsAndKeepsSettingsOverAnOrderlyRestart) {
     }
     EXPECT_THROW(properties->get("System.Provision.Period"), propertyapi::PropertyOfflineException);
     Program service(arguments());
-    EXPECT_EQ(patiently([this] { return properties->get("System.Provision.Period"); }), "-1");
+    EXPECT_EQ(retryUntilOnline([this] { return properties->get("System.Provision.Period"); }), "-1");
     EXPECT_EQ(properties->get("State.Provisioning.LockUI"), "0");
     EXPECT_EQ(service.end(SIGINT), 0);
 }
 
-TEST_F(PropService, TakesTheBrokersPortInTheHostToo) {
+TEST_F(PropService, AcceptsAPortInTheHost) {
     connect();
     for (const std::string& host : {broker.address(), "[127.0.0.1]:" + std::to_string(broker.port())}) {
         Program service({"--store", folder / "s.db", "--catalogue", SHIPPED_CATALOGUE, "--host", host});
-        EXPECT_EQ(patiently([this] { return properties->get("System.General.DeviceID"); }), "kd4v") << host;
+        EXPECT_EQ(retryUntilOnline([this] { return properties->get("System.General.DeviceID"); }), "kd4v") << host;
         EXPECT_EQ(service.end(SIGTERM), 0);
     }
 }
 
-TEST_F(PropService, KeepsWhatWasAnsweredWhenKilledAndIsKnownToBeGone) {
+TEST_F(PropService, KeepsAnsweredSetsWhenKilled) {
     connect();
     for (int round = 1; round <= 3; ++round) {
         Program service(arguments());
         std::string last;
         for (int number = 0; number < 50; ++number) {
             last = std::to_string(round * 1000 + number);
-            patiently([&] {
+            retryUntilOnline([&] {
                 properties->set("System.General.Location", last);
                 return 0;
             });
         }
         EXPECT_EQ(service.end(SIGKILL), -SIGKILL);
         Program again(arguments());
-        EXPECT_EQ(patiently([this] { return properties->get("System.General.Location"); }), last);
+        EXPECT_EQ(retryUntilOnline([this] { return properties->get("System.General.Location"); }), last);
         EXPECT_EQ(again.end(SIGTERM), 0);
     }
 }
 
-TEST_F(PropService, LivesThroughABrokerThatGoesAndComes) {
+TEST_F(PropService, SurvivesBrokerRestarts) {
     broker.stop();
-    Program service(arguments());  // no broker at its start
+    Program service(arguments());  // the broker is down when it starts
     broker.start();
     connect();
-    EXPECT_EQ(patiently([this] { return properties->get("System.General.DeviceID"); }), "kd4v");
+    EXPECT_EQ(retryUntilOnline([this] { return properties->get("System.General.DeviceID"); }), "kd4v");
     properties->set("State.Provisioning", "success");
     broker.stop();
     broker.start();
-    EXPECT_EQ(patiently([this] { return properties->get("State.Provisioning"); }), "success");
+    EXPECT_EQ(retryUntilOnline([this] { return properties->get("State.Provisioning"); }), "success");
     EXPECT_EQ(service.end(SIGTERM), 0);
 }
 
-TEST_F(PropService, AnswersEveryoneOfManyClients) {
+TEST_F(PropService, AnswersConcurrentCalls) {
     Program service(arguments());
     connect();
-    patiently([this] { return properties->get("System.General.DeviceID"); });
+    retryUntilOnline([this] { return properties->get("System.General.DeviceID"); });
     std::vector<std::thread> clients;
     for (int client = 0; client < 8; ++client) {
         clients.emplace_back([this, client] {
@@ -150,7 +150,7 @@ struct Start {
 
 class PropServiceStart : public testing::TestWithParam<Start> {};
 
-TEST_P(PropServiceStart, EndsWithAReason) {
+TEST_P(PropServiceStart, ExitsWithStatusAndMessage) {
     const TemporaryFolder folder;
     std::ofstream(folder / "bad.json") << "{\"version\": 1,\n \"keys\": {\"a\": {\"type\": \"x\"}}}";
     std::ofstream(folder / "bad.db") << "no database";
@@ -176,10 +176,13 @@ INSTANTIATE_TEST_SUITE_P(
               "--host: \"localhost:0\" is not a broker's address: the port must be"},
         Start{
             "BadBracket", {"--host", "[::1"}, 2, "--host: \"[::1\" is not a broker's address: the closing bracket is"},
-        Start{"TwoPorts", {"--host", "localhost:1", "--port", "2"}, 2, "--port: the port stands in --host already"},
+        Start{"TwoPorts", {"--host", "localhost:1", "--port", "2"}, 2, "--port: --host already has a port"},
         Start{"NoCatalogue", {"--store", "%/s.db", "--catalogue", "%/none.json"}, 3, "none.json: cannot be opened"},
         Start{"BadCatalogue", {"--store", "%/s.db", "--catalogue", "%/bad.json"}, 3, "bad.json:2: a: unknown type"},
-        Start{"BadStore", {"--store", "%/bad.db", "--catalogue", SHIPPED_CATALOGUE}, 4, "bad.db: is no property store"},
+        Start{"BadStore",
+              {"--store", "%/bad.db", "--catalogue", SHIPPED_CATALOGUE},
+              4,
+              "bad.db: is not a property store"},
         Start{"NoStore", {"--store", "/proc/no/s.db", "--catalogue", SHIPPED_CATALOGUE}, 4, "/proc/no/s.db: "}),
     [](const auto& row) { return row.param.name; });
 

@@ -33,7 +33,7 @@ std::string randomText(std::mt19937& random) {
     return text;
 }
 
-TEST(Codec, WhatItWritesAnotherParserReadsBack) {
+TEST(Codec, OutputIsReadByAnotherParser) {
     std::mt19937 random(1);
     for (int round = 0; round < 5000; ++round) {
         const std::string key = randomText(random);
@@ -55,7 +55,7 @@ TEST(Codec, WhatItWritesAnotherParserReadsBack) {
     }
 }
 
-TEST(Codec, ControlCharactersAreEscapes) {
+TEST(Codec, ControlCharactersAreEscaped) {
     for (int byte = 0; byte < 0x80; ++byte) {
         std::string json;
         propertyprotocol::appendString(json, std::string(1, static_cast<char>(byte)));
@@ -65,7 +65,7 @@ TEST(Codec, ControlCharactersAreEscapes) {
     }
 }
 
-TEST(Codec, ReadsWhatAnotherWriterWrites) {
+TEST(Codec, ReadsRequestsOfAnotherWriter) {
     std::mt19937 random(2);
     RequestReader reader;
     Json::StreamWriterBuilder plain;
@@ -114,7 +114,7 @@ TEST(Codec, ReadsImportsOfAnotherWriter) {
     }
 }
 
-TEST(Codec, DescriptionsOfRandomDefinitionsAreReadBack) {
+TEST(Codec, DescriptionsAreReadByAnotherParser) {
     std::mt19937 random(5);
     for (int round = 0; round < 1000; ++round) {
         const std::string key = randomText(random);
@@ -135,7 +135,7 @@ TEST(Codec, DescriptionsOfRandomDefinitionsAreReadBack) {
     }
 }
 
-TEST(Codec, DamagedImportsAndDescriptionsAreBadRequestsOrGood) {
+TEST(Codec, SurvivesRandomDamageInImports) {
     std::mt19937 random(6);
     RequestReader reader;
     int refused = 0;
@@ -202,7 +202,7 @@ TEST(Codec, CommasAndBracketsInsideStringsAreNotCounted) {
     EXPECT_EQ(reader.set(R"({"param":"a","value":")" + value + "\"}").value.size(), 10001U);
 }
 
-TEST(Codec, AnImportIsBounded) {
+TEST(Codec, ImportsAreLimited) {
     RequestReader reader;
     const auto import = [&reader](std::size_t count) {
         std::string payload = R"({"properties":[)";
@@ -232,24 +232,24 @@ TEST_P(HostilePayload, IsABadRequest) {
         EXPECT_STREQ(error.what(), GetParam().reason);
         EXPECT_EQ(error.param(), GetParam().param);
     }
-    EXPECT_EQ(reader.set(R"({"param":"a","value":""})").param, "a") << "the next request suffers";
+    EXPECT_EQ(reader.set(R"({"param":"a","value":""})").param, "a") << "the next request must succeed";
 }
 
-constexpr char noObject[] = "the payload must be a JSON object";
+constexpr char notAnObject[] = "the payload must be a JSON object";
 constexpr char notJson[] = "the payload is not JSON in UTF-8";
-constexpr char twice[] = "the payload has a duplicate member";
+constexpr char duplicateMember[] = "the payload has a duplicate member";
 constexpr char tooDeep[] = "the payload is nested more than 32 deep";
 INSTANTIATE_TEST_SUITE_P(
     All, HostilePayload,
     testing::Values(
         Hostile{"Empty", "", "", notJson}, Hostile{"Text", "hello", "", notJson},
-        Hostile{"Array", R"(["param","value"])", "", noObject}, Hostile{"Null", "null", "", noObject},
+        Hostile{"Array", R"(["param","value"])", "", notAnObject}, Hostile{"Null", "null", "", notAnObject},
         Hostile{"Unfinished", R"({"param":"a","value":"b")", "", notJson},
         Hostile{"TrailingComma", R"({"param":"a","value":"b",})", "", notJson},
         Hostile{"TrailingText", R"({"param":"a","value":"b"}{})", "", notJson},
         Hostile{"Comment", R"({"param":"a",/* */"value":"b"})", "", notJson},
-        Hostile{"DuplicateMember", R"({"param":"a","param":"b","value":"c"})", "", twice},
-        Hostile{"DuplicateMemberBelow", R"({"param":"a","value":"c","x":{"y":1,"y":2}})", "", twice},
+        Hostile{"DuplicateMember", R"({"param":"a","param":"b","value":"c"})", "", duplicateMember},
+        Hostile{"DuplicateMemberBelow", R"({"param":"a","value":"c","x":{"y":1,"y":2}})", "", duplicateMember},
         Hostile{"DeepNesting", R"({"param":"a","value":"c","x":)" + std::string(100000, '[') + "}", "",
                 "the payload has more than 1000 members and elements"},
         Hostile{"LessDeepNesting", R"({"param":"a","value":"c","x":)" + std::string(900, '[') + "}", "", tooDeep},
@@ -289,14 +289,14 @@ TEST(Codec, UnknownMembersAreIgnored) {
     EXPECT_EQ(reader.list(R"({"prefix":"p","param":3})").prefix, "p");
 }
 
-TEST(Codec, ListNeedsItsPrefix) {
+TEST(Codec, ListRequiresAPrefix) {
     RequestReader reader;
     EXPECT_THROW(reader.list("{}"), BadRequest);
     EXPECT_THROW(reader.list(R"({"prefix":"","after":1})"), BadRequest);
     EXPECT_EQ(reader.list(R"({"prefix":"","after":"k"})").after, "k");
 }
 
-TEST(Codec, NothingIsLeftOverFromTheRequestBefore) {
+TEST(Codec, KeepsNothingFromThePreviousRequest) {
     RequestReader reader;
     EXPECT_EQ(reader.set(R"({"param":"a","value":"b","source":"s"})").source, "s");
     EXPECT_EQ(reader.set(R"({"param":"a","value":"b"})").source, "");

@@ -1,4 +1,4 @@
-// A store whose files are deleted or replaced while the service has them open loses nothing.
+// A store loses nothing when its files are deleted or replaced while it is open.
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
 #include <sqlite3.h>
@@ -43,8 +43,8 @@ class DisplacedStore : public testing::Test {
         log.forget();
     }
 
-    // What a service would find that starts now, after this one was killed.
-    std::vector<Entry> foundAfterAKill() {
+    // The entries that a new service would load if this one were killed now.
+    std::vector<Entry> entriesAfterKill() {
         const fs::path copy = folder / "copy";
         fs::remove_all(copy);
         fs::create_directories(copy);
@@ -54,23 +54,23 @@ class DisplacedStore : public testing::Test {
         return Store(copy / "s.db").load();
     }
 
-    // The next write finds the files gone, and after it everything is in place, once and for all.
-    void expectRenewal(const std::string& report) {
+    // Expects that the next write logs the report and rewrites the files, and that later writes log nothing.
+    void expectRewrite(const std::string& report) {
         store->write({{"b", "new"}});
-        EXPECT_THAT(log.lines(), ElementsAre(fakes::error(source, report + "; the settings are written anew: 2 stored "
+        EXPECT_THAT(log.lines(), ElementsAre(fakes::error(source, report + "; the settings were rewritten: 2 stored "
                                                                            "values")));
         log.forget();
         const std::vector<Entry> all{{"a", "20"}, {"kept", "x"}, {"b", "new"}};
-        EXPECT_THAT(foundAfterAKill(), testing::UnorderedElementsAreArray(all));
+        EXPECT_THAT(entriesAfterKill(), testing::UnorderedElementsAreArray(all));
         EXPECT_THAT(store->load(), testing::UnorderedElementsAreArray(all));
         store->write({{"a", "21"}});
-        EXPECT_THAT(foundAfterAKill(), UnorderedElementsAre(Entry("a", "21"), Entry("kept", "x"), Entry("b", "new")));
+        EXPECT_THAT(entriesAfterKill(), UnorderedElementsAre(Entry("a", "21"), Entry("kept", "x"), Entry("b", "new")));
         EXPECT_THAT(log.lines(), IsEmpty());
         store.reset();
         EXPECT_THAT(Store(path).load(), UnorderedElementsAre(Entry("a", "21"), Entry("kept", "x"), Entry("b", "new")));
         EXPECT_THAT(log.lines(), IsEmpty());
         EXPECT_FALSE(fs::exists(path + ".new"));
-        EXPECT_FALSE(fs::exists(path + "-shm")) << "the index of the log is in memory: there is no such file to lose";
+        EXPECT_FALSE(fs::exists(path + "-shm")) << "the index of the log must be in memory";
     }
 
     static constexpr fs::copy_options recursive = fs::copy_options::recursive;
@@ -81,67 +81,67 @@ class DisplacedStore : public testing::Test {
     std::unique_ptr<Store> store;
 };
 
-TEST_F(DisplacedStore, WhoseFileIsDeletedIsWrittenAnew) {
+TEST_F(DisplacedStore, IsRewrittenIfItsFileIsDeleted) {
     fs::remove(path);
-    expectRenewal(path + ": was deleted while in use");
+    expectRewrite(path + ": was deleted while in use");
 }
 
-TEST_F(DisplacedStore, WhoseLogIsDeletedIsWrittenAnew) {
+TEST_F(DisplacedStore, IsRewrittenIfItsLogIsDeleted) {
     fs::remove(path + "-wal");
-    expectRenewal(path + "-wal: was deleted while in use");
+    expectRewrite(path + "-wal: was deleted while in use");
 }
 
-TEST_F(DisplacedStore, WhoseLogIsRenamedIsWrittenAnew) {
+TEST_F(DisplacedStore, IsRewrittenIfItsLogIsRenamed) {
     fs::rename(path + "-wal", path + "-elsewhere");
-    expectRenewal(path + "-wal: was deleted while in use");
+    expectRewrite(path + "-wal: was deleted while in use");
 }
 
-TEST_F(DisplacedStore, WhoseFilesAreAllDeletedIsWrittenAnewWithABackup) {
+TEST_F(DisplacedStore, IsRewrittenWithABackupIfAllFilesAreDeleted) {
     for (const char* name : {"", "-wal", ".backup-1"}) ASSERT_TRUE(fs::remove(path + name)) << name;
-    expectRenewal(path + ": was deleted while in use");
+    expectRewrite(path + ": was deleted while in use");
     EXPECT_THAT(Store(path + ".backup-1").load(), SizeIs(3));
 }
 
-TEST_F(DisplacedStore, IsWrittenAnewOverTheRestOfAnEarlierAttempt) {
+TEST_F(DisplacedStore, OverwritesTheRestOfAnEarlierAttempt) {
     std::ofstream(path + ".new") << "half a store";
     fs::remove(path);
-    expectRenewal(path + ": was deleted while in use");
+    expectRewrite(path + ": was deleted while in use");
 }
 
-TEST_F(DisplacedStore, WhoseFolderIsDeletedIsWrittenAnew) {
+TEST_F(DisplacedStore, IsRewrittenIfItsFolderIsDeleted) {
     fs::remove_all(home);
-    expectRenewal(path + ": was deleted while in use");
+    expectRewrite(path + ": was deleted while in use");
     struct stat status {};
     ASSERT_EQ(::stat(path.c_str(), &status), 0);
     EXPECT_EQ(status.st_mode & 0777U, 0600U);
 }
 
-TEST_F(DisplacedStore, WhoseFolderIsRenamedIsWrittenAnewAndLeavesTheOtherAlone) {
+TEST_F(DisplacedStore, IsRewrittenIfItsFolderIsRenamed) {
     fs::rename(home, home + "-other");
     const std::string before = bytesOf(home + "-other/s.db") + bytesOf(home + "-other/s.db-wal");
-    expectRenewal(path + ": was deleted while in use");
+    expectRewrite(path + ": was deleted while in use");
     EXPECT_TRUE(bytesOf(home + "-other/s.db") + bytesOf(home + "-other/s.db-wal") == before);
 }
 
-TEST_F(DisplacedStore, WhoseFileIsReplacedKeepsTheOtherFile) {
-    std::ofstream(folder / "other") << "of somebody else";
+TEST_F(DisplacedStore, KeepsAFileThatReplacedIt) {
+    std::ofstream(folder / "other") << "of another program";
     fs::rename(folder / "other", path);
     store->write({{"b", "new"}});
     ASSERT_THAT(log.lines(), SizeIs(1));
     EXPECT_EQ(log.lines()[0].level, "error");
     EXPECT_THAT(log.lines()[0].text,
                 AllOf(HasSubstr(path + ": was replaced while in use; the other file is kept as " + path + ".damaged-"),
-                      HasSubstr("; the settings are written anew: 2 stored values")));
+                      HasSubstr("; the settings were rewritten: 2 stored values")));
     std::vector<std::string> kept;
     for (const fs::directory_entry& entry : fs::directory_iterator(home)) {
         if (entry.path().string().find(".damaged-") != std::string::npos) kept.push_back(entry.path());
     }
-    ASSERT_THAT(kept, SizeIs(1)) << "the log is not the other file's";
-    EXPECT_EQ(bytesOf(kept[0]), "of somebody else");
-    EXPECT_THAT(foundAfterAKill(), UnorderedElementsAre(Entry("a", "20"), Entry("kept", "x"), Entry("b", "new")));
+    ASSERT_THAT(kept, SizeIs(1)) << "the log does not belong to the other file";
+    EXPECT_EQ(bytesOf(kept[0]), "of another program");
+    EXPECT_THAT(entriesAfterKill(), UnorderedElementsAre(Entry("a", "20"), Entry("kept", "x"), Entry("b", "new")));
 }
 
-TEST_F(DisplacedStore, WhoseLogIsReplacedTakesNothingFromTheOtherLog) {
+TEST_F(DisplacedStore, IgnoresALogThatReplacedItsOwn) {
     std::string foreign;
     {
         Store other(folder / "other.db");
@@ -151,35 +151,35 @@ TEST_F(DisplacedStore, WhoseLogIsReplacedTakesNothingFromTheOtherLog) {
     }
     std::ofstream(folder / "log", std::ios::binary) << foreign;
     fs::rename(folder / "log", path + "-wal");
-    expectRenewal(path + "-wal: was replaced while in use");
+    expectRewrite(path + "-wal: was replaced while in use");
 }
 
-TEST_F(DisplacedStore, IsWrittenAnewAtTheEndWithoutAWrite) {
+TEST_F(DisplacedStore, IsRewrittenByTheDestructor) {
     fs::remove_all(home);
     store.reset();
-    EXPECT_THAT(log.lines(), ElementsAre(fakes::error(source, path + ": was deleted while in use; the settings are "
-                                                                     "written anew: 2 stored values")));
+    EXPECT_THAT(log.lines(), ElementsAre(fakes::error(source, path + ": was deleted while in use; the settings were "
+                                                                     "rewritten: 2 stored values")));
     EXPECT_THAT(Store(path).load(), UnorderedElementsAre(Entry("a", "20"), Entry("kept", "x")));
 }
 
-TEST_F(DisplacedStore, ThatCannotBeWrittenAnewRefusesWritesUntilItCan) {
+TEST_F(DisplacedStore, RefusesWritesUntilItCanBeRewritten) {
     fs::remove_all(home);
     std::ofstream(home) << "a file where the folder was";
     EXPECT_THROW(store->write({{"a", "lost"}}), StoreException);
     EXPECT_THROW(store->write({{"b", "lost"}}), StoreException);
-    EXPECT_THAT(log.lines(), IsEmpty()) << "whoever asked is told";
+    EXPECT_THAT(log.lines(), IsEmpty()) << "the exception is the report";
     fs::remove(home);
-    expectRenewal(path + ": was deleted while in use");
+    expectRewrite(path + ": was deleted while in use");
 }
 
-TEST_F(DisplacedStore, ThatCannotBeWrittenAnewAtTheEndSaysSo) {
+TEST_F(DisplacedStore, LogsLostSettingsIfTheDestructorFails) {
     fs::remove_all(home);
     std::ofstream(home) << "a file where the folder was";
     store.reset();
     ASSERT_THAT(log.lines(), SizeIs(1));
     EXPECT_EQ(log.lines()[0].level, "error");
     EXPECT_THAT(log.lines()[0].text,
-                AllOf(HasSubstr("Not a directory"), HasSubstr("; the settings are lost with the deleted files")));
+                AllOf(HasSubstr("Not a directory"), HasSubstr("; the settings in the deleted files are lost")));
 }
 
 // Locks the database as a service does. Without a Store: a forked process must not start threads.
@@ -190,7 +190,7 @@ bool holdOpen(const std::string& path) {
                SQLITE_OK;
 }
 
-TEST_F(DisplacedStore, LeavesAnotherServicesFileAlone) {
+TEST_F(DisplacedStore, LeavesTheFileOfAnotherServiceUnchanged) {
     const std::string theirs = folder / "theirs.db";
     {
         Store other(theirs);
@@ -221,18 +221,18 @@ TEST_F(DisplacedStore, LeavesAnotherServicesFileAlone) {
         store->write({{"a", "lost"}});
         ADD_FAILURE() << "was written";
     } catch (const StoreException& error) {
-        EXPECT_EQ(error.what(), path + ": was replaced while in use by another process, which uses it");
+        EXPECT_EQ(error.what(), path + ": was replaced while in use; another process uses the new file");
     }
-    EXPECT_THAT(foundAfterAKill(), UnorderedElementsAre(Entry("theirs", "1")));
+    EXPECT_THAT(entriesAfterKill(), UnorderedElementsAre(Entry("theirs", "1")));
     ASSERT_EQ(::write(done[1], &byte, 1), 1);
     ASSERT_EQ(::waitpid(child, nullptr, 0), child);
     ::close(ready[0]);
     ::close(done[1]);
     store->write({{"b", "new"}});
-    EXPECT_THAT(foundAfterAKill(), UnorderedElementsAre(Entry("a", "20"), Entry("kept", "x"), Entry("b", "new")));
+    EXPECT_THAT(entriesAfterKill(), UnorderedElementsAre(Entry("a", "20"), Entry("kept", "x"), Entry("b", "new")));
 }
 
-TEST_F(DisplacedStore, IsNotSeenWhereNothingWasTouched) {
+TEST_F(DisplacedStore, IsNotReportedIfNothingWasTouched) {
     const auto inode = [this] {
         struct stat status {};
         EXPECT_EQ(::stat(path.c_str(), &status), 0);
@@ -241,7 +241,7 @@ TEST_F(DisplacedStore, IsNotSeenWhereNothingWasTouched) {
     const ino_t before = inode();
     const std::string large(60000, 'x');
     for (int number = 0; number < 300; ++number) store->write({{"a", large + std::to_string(number)}});
-    EXPECT_LT(fs::file_size(path + "-wal"), 20U * 1024 * 1024) << "the log was merged in between";
+    EXPECT_LT(fs::file_size(path + "-wal"), 20U * 1024 * 1024) << "the log must have been merged meanwhile";
     EXPECT_EQ(inode(), before);
     EXPECT_THAT(log.lines(), IsEmpty());
 }

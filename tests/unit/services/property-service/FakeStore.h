@@ -1,4 +1,4 @@
-// A store in memory that can be full, damaged, or without room for one key.
+// A store in memory that can be full or damaged, or refuse one key.
 #pragma once
 
 #include <map>

@@ -1,4 +1,4 @@
-// Requests are JSON as RFC 8259 defines it, also where nobody reads it.
+// Requests must be JSON as RFC 8259 defines it, also in ignored members.
 #include "data/JsonDocuments.h"
 
 #include <gtest/gtest.h>
@@ -22,7 +22,7 @@ class JsonRequest : public testing::Test {
  protected:
     std::string answer(const std::string& topic, const std::string& payload) {
         const auto messages = service_.handle({{topic, payload, "me/reply", "", 0}});
-        return messages.empty() ? "no answer" : messages.back().payload;  // behind the changes
+        return messages.empty() ? "no answer" : messages.back().payload;  // the answer follows the changes
     }
     bool isRefused(const std::string& topic, const std::string& payload) {
         const std::string text = answer(topic, payload);
@@ -47,7 +47,7 @@ TEST_F(JsonRequest, IsRefusedUnlessItIsJson) {
     }
 }
 
-TEST_F(JsonRequest, IsRefusedWhenAMemberThatNobodyReadsIsNotJson) {
+TEST_F(JsonRequest, IsRefusedIfAnIgnoredMemberIsNotJson) {
     for (const data::JsonDocument& document : documents_) {
         const std::string member = R"(,"x":)" + document.text + "}";
         const std::string payload =
@@ -67,14 +67,14 @@ TEST_F(JsonRequest, IsRefusedWhenAMemberThatNobodyReadsIsNotJson) {
     }
 }
 
-TEST_F(JsonRequest, DocumentsOfTheTableDiffer) {
+TEST_F(JsonRequest, DocumentsAreUnique) {
     std::set<std::string> texts;
     for (const data::JsonDocument& document : documents_) {
         EXPECT_TRUE(texts.insert(document.text).second) << document.line;
     }
 }
 
-TEST_F(JsonRequest, MayBeNestedThirtyTwoDeep) {
+TEST_F(JsonRequest, MayHave32Levels) {
     const auto nested = [](std::size_t depth) {
         return R"({"param":"k","x":)" + std::string(depth - 1, '[') + std::string(depth - 1, ']') + "}";
     };
@@ -83,26 +83,26 @@ TEST_F(JsonRequest, MayBeNestedThirtyTwoDeep) {
               R"({"param":"","error":"bad-request","reason":"the payload is nested more than 32 deep"})");
 }
 
-// The comma behind "k" is one of them, the object's own bracket another.
-TEST_F(JsonRequest, MayHaveAThousandParts) {
-    const auto withParts = [](std::size_t parts) {
-        return R"({"param":"k","x":[0)" + std::string(2 * (parts - 3), ' ') + "]}";
+// The tokens counted include the comma behind "k" and the bracket of the object.
+TEST_F(JsonRequest, MayHave1000Tokens) {
+    const auto withTokens = [](std::size_t tokens) {
+        return R"({"param":"k","x":[0)" + std::string(2 * (tokens - 3), ' ') + "]}";
     };
-    const auto filled = [&withParts](std::size_t parts) {
-        std::string payload = withParts(parts);
+    const auto filled = [&withTokens](std::size_t tokens) {
+        std::string payload = withTokens(tokens);
         for (std::size_t at = payload.find(' '); payload[at] == ' '; at += 2) {
             payload[at] = ',';
             payload[at + 1] = '0';
         }
         return payload;
     };
-    EXPECT_EQ(propertyprotocol::countJsonParts(filled(maxParts)), maxParts);
-    EXPECT_EQ(answer(propertyprotocol::getTopic, filled(maxParts)), R"({"param":"k","value":""})");
-    EXPECT_EQ(answer(propertyprotocol::getTopic, filled(maxParts + 1)),
+    EXPECT_EQ(propertyprotocol::countJsonTokens(filled(maxRequestTokens)), maxRequestTokens);
+    EXPECT_EQ(answer(propertyprotocol::getTopic, filled(maxRequestTokens)), R"({"param":"k","value":""})");
+    EXPECT_EQ(answer(propertyprotocol::getTopic, filled(maxRequestTokens + 1)),
               R"({"param":"","error":"bad-request","reason":"the payload has more than 1000 members and elements"})");
 }
 
-TEST_F(JsonRequest, MayHaveAMebibyte) {
+TEST_F(JsonRequest, MayHaveOneMebibyte) {
     const auto sized = [](std::size_t bytes) {
         const std::string begin = R"({"param":"k","x":")";
         return begin + std::string(bytes - begin.size() - 2, 'x') + "\"}";
@@ -128,7 +128,7 @@ TEST_F(JsonRequest, MayHaveASourceOf64KiB) {
               R"({"param":"k","error":"bad-request","reason":"\"source\" is longer than 65536 bytes"})");
 }
 
-TEST_F(JsonRequest, WithANulIsRefusedWhereItIsReadAndIgnoredElsewhere) {
+TEST_F(JsonRequest, MayHaveANulInIgnoredMembersOnly) {
     EXPECT_EQ(answer(propertyprotocol::setTopic, R"({"param":"k","value":"a\u0000b"})"),
               R"({"param":"k","error":"bad-request","reason":"\"value\" must not contain a NUL"})");
     EXPECT_EQ(answer(propertyprotocol::setTopic, R"({"param":"k","value":"a","x":"a\u0000b"})"),

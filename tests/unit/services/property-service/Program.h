@@ -1,4 +1,4 @@
-// prop-service as a process, and what a subscriber hears of it.
+// Runs prop-service as a process and records the messages of a subscription.
 #pragma once
 
 #include <fcntl.h>
@@ -15,7 +15,7 @@
 
 #include "ipc/IIPCCallback.h"
 
-// One run of prop-service, ended by force at the latest when it goes out of scope.
+// One run of prop-service; the destructor kills it if it still runs.
 class Program {
  public:
     explicit Program(std::vector<std::string> arguments, const std::string& errors = "/dev/null") {
@@ -37,7 +37,7 @@ class Program {
         if (pid_ > 0) end(SIGKILL);
     }
 
-    /// Holds it, in effect on return.
+    /// Stops the process; returns once it has stopped.
     void freeze() const {
         ::kill(pid_, SIGSTOP);
         int status = 0;

@@ -82,7 +82,7 @@ class Service : public testing::Test {
     std::unique_ptr<PropertyService> service_;
 };
 
-TEST_F(Service, AnswersWithTheRequestsOwnCorrelationAndQuality) {
+TEST_F(Service, AnswersWithTheRequestsCorrelationDataAndQos) {
     ipc::ServiceRequest asked = get("System.Name");
     asked.qualityOfService = 1;
     asked.correlationData = std::string("\0\xff", 2);
@@ -93,14 +93,14 @@ TEST_F(Service, AnswersWithTheRequestsOwnCorrelationAndQuality) {
     EXPECT_EQ(messages[0].payload, R"({"param":"System.Name","value":"phone"})");
 }
 
-TEST_F(Service, ASetIsAnsweredStoredAndPublishedWithQualityOne) {
+TEST_F(Service, SetIsAnsweredStoredAndPublishedWithQos1) {
     const std::vector<ipc::OutgoingMessage> messages = service().handle({set("System.Name", "x")});
     ASSERT_EQ(messages.size(), 2U);
     EXPECT_EQ(messages[0].topic, "prop-service-system/System.Name");
     EXPECT_EQ(messages[0].payload, R"({"param":"System.Name","value":"x","source":"t"})");
     EXPECT_EQ(messages[0].qualityOfService, 1);
     EXPECT_EQ(messages[0].correlationData, "");
-    EXPECT_EQ(messages[1].topic, "me/reply") << "an answer never leaves before its change";
+    EXPECT_EQ(messages[1].topic, "me/reply") << "the answer must follow its change";
     EXPECT_EQ(messages[1].payload, R"({"param":"System.Name","value":"x"})");
     EXPECT_EQ(messages[1].correlationData, "c1");
     EXPECT_EQ(store.values["System.Name"], "x");
@@ -116,12 +116,12 @@ TEST_F(Service, ChangeTopicsNameTheGroupInLowerCase) {
                     answer("Keys.2.Label", "l")));
 }
 
-TEST_F(Service, ChangeTopicsHaveEveryLetterInLowerCase) {
+TEST_F(Service, ChangeTopicsConvertEveryLetterToLowerCase) {
     EXPECT_THAT(handle({set("ZAzaZ.09", "x")}),
                 ElementsAre(change("prop-service-zazaz/ZAzaZ.09", "ZAzaZ.09", "x"), answer("ZAzaZ.09", "x")));
 }
 
-TEST_F(Service, AnEqualValueIsPublishedAgainAndNotWrittenAgain) {
+TEST_F(Service, SetToSameValueIsPublishedButNotStored) {
     handle({set("System.Name", "x")});
     const int before = store.transactions;
     EXPECT_THAT(handle({set("System.Name", "x")}),
@@ -129,19 +129,19 @@ TEST_F(Service, AnEqualValueIsPublishedAgainAndNotWrittenAgain) {
     EXPECT_EQ(store.transactions, before);
 }
 
-TEST_F(Service, ADefaultThatWasSetIsStored) {
+TEST_F(Service, SetToDefaultIsStored) {
     handle({set("System.Name", "phone")});
     EXPECT_EQ(store.values["System.Name"], "phone");
 }
 
-TEST_F(Service, AMissingSourceIsEmpty) {
+TEST_F(Service, MissingSourceIsEmpty) {
     EXPECT_THAT(handle({request(propertyprotocol::setTopic, R"({"param":"System.Name","value":"x"})")}),
                 ElementsAre("prop-service-system/System.Name "
                             "{\"param\":\"System.Name\",\"value\":\"x\",\"source\":\"\"}",
                             answer("System.Name", "x")));
 }
 
-TEST_F(Service, ErrorsSayWhatIsWrong) {
+TEST_F(Service, ErrorsHaveCodeAndReason) {
     EXPECT_THAT(handle({get("No.Such"), set("No.Such", "1"), get("System.#"), set("System.Port", "10"),
                         set("System.Serial", "1"), request(propertyprotocol::getTopic, "x"),
                         request(propertyprotocol::setTopic, R"({"param":"System.Name"})"),
@@ -158,7 +158,7 @@ TEST_F(Service, ErrorsSayWhatIsWrong) {
     EXPECT_THAT(handle({get("System.Port")}), ElementsAre(answer("System.Port", "5")));
 }
 
-TEST_F(Service, ASourceThatAKeyRefusesMayNotWriteIt) {
+TEST_F(Service, RefusedSourceMayNotWrite) {
     const auto from = [](const std::string& source, const std::string& value) {
         return request(propertyprotocol::setTopic,
                        R"({"param":"System.Trigger","value":")" + value + R"(","source":")" + source + "\"}");
@@ -182,7 +182,7 @@ TEST_F(Service, ASourceThatAKeyRefusesMayNotWriteIt) {
     EXPECT_THAT(handle({import("")}), Contains(HasSubstr("\"accepted\":2")));
 }
 
-TEST_F(Service, ValuesUpTo64KiB) {
+TEST_F(Service, AcceptsValuesUpTo64KiB) {
     const std::string most(maxValueBytes, 'x');
     EXPECT_EQ(handle({set("System.Name", most)}).size(), 2U);
     EXPECT_THAT(handle({set("System.Name", most + "x")}),
@@ -190,7 +190,7 @@ TEST_F(Service, ValuesUpTo64KiB) {
     EXPECT_THAT(handle({get("System.Name")}), ElementsAre(answer("System.Name", most)));
 }
 
-TEST_F(Service, WithoutResponseTopicARequestIsCarriedOutUnanswered) {
+TEST_F(Service, ExecutesRequestsWithoutResponseTopic) {
     ipc::ServiceRequest silent = set("System.Name", "x");
     silent.responseTopic.clear();
     EXPECT_THAT(handle({silent}), ElementsAre(change("prop-service-system/System.Name", "System.Name", "x")));
@@ -199,7 +199,7 @@ TEST_F(Service, WithoutResponseTopicARequestIsCarriedOutUnanswered) {
     EXPECT_THAT(handle({unread}), IsEmpty());
 }
 
-TEST_F(Service, RefusesResponseTopicsOfItsOwnAndWildcards) {
+TEST_F(Service, RefusesReservedAndWildcardResponseTopics) {
     for (const std::string topic : {"prop-service", "prop-service/set", "prop-service/status",
                                     "prop-service-state/State.Provisioning", "a/#", "+", "a/+/b"}) {
         ipc::ServiceRequest asked = set("System.Name", "x");
@@ -215,7 +215,7 @@ TEST_F(Service, RefusesResponseTopicsOfItsOwnAndWildcards) {
     EXPECT_EQ(handle({asked}).size(), 1U);
 }
 
-TEST_F(Service, ABatchIsOneTransactionInOrder) {
+TEST_F(Service, BatchIsOneTransactionInOrder) {
     EXPECT_THAT(handle({set("System.Name", "a"), get("System.Name"), set("System.Name", "b"), get("System.Name")}),
                 ElementsAre(change("prop-service-system/System.Name", "System.Name", "a"), answer("System.Name", "a"),
                             answer("System.Name", "a"), change("prop-service-system/System.Name", "System.Name", "b"),
@@ -224,7 +224,7 @@ TEST_F(Service, ABatchIsOneTransactionInOrder) {
     EXPECT_EQ(store.values["System.Name"], "b");
 }
 
-TEST_F(Service, AFullStoreKeepsTheOldValueAndRecovers) {
+TEST_F(Service, FullStoreKeepsTheOldValueAndRecovers) {
     handle({set("System.Name", "old")});
     store.full = true;
     EXPECT_THAT(handle({set("System.Name", "new"), get("System.Name"), set("State.Provisioning", "x")}),
@@ -238,7 +238,7 @@ TEST_F(Service, AFullStoreKeepsTheOldValueAndRecovers) {
     EXPECT_EQ(store.values["System.Name"], "new");
 }
 
-TEST_F(Service, ARefusedWriteOfABatchCostsNoOtherOne) {
+TEST_F(Service, FailedWriteInABatchAffectsNoOther) {
     store.failingKey = "System.Port";
     ipc::ServiceRequest silent = set("System.Port", "3");
     silent.responseTopic.clear();
@@ -252,10 +252,10 @@ TEST_F(Service, ARefusedWriteOfABatchCostsNoOtherOne) {
     EXPECT_EQ(store.values.count("System.Port"), 0U);
     store.failingKey.clear();
     handle({set("System.Port", "5")});
-    EXPECT_EQ(store.values["System.Port"], "5") << "was taken for stored";
+    EXPECT_EQ(store.values["System.Port"], "5") << "the value of the failed write must be stored";
 }
 
-TEST_F(Service, StateIsNeverStoredAndStartsAtItsDefault) {
+TEST_F(Service, StateIsNeverStoredAndStartsAtDefault) {
     handle({set("State.Provisioning", "success")});
     EXPECT_EQ(store.transactions, 0);
     EXPECT_THAT(handle({get("State.Provisioning")}), ElementsAre(answer("State.Provisioning", "success")));
@@ -276,7 +276,7 @@ TEST_F(Service, StartsWithTheStoredValues) {
     EXPECT_EQ(store.values["System.Port"], "5") << "the default, set by hand, must replace what is no longer allowed";
 }
 
-TEST_F(Service, AResetForgetsAStoredValueThatIsNoLongerAllowed) {
+TEST_F(Service, ResetDeletesAStoredValueThatIsNoLongerAllowed) {
     store.values["System.Port"] = "100";
     handle({request(propertyprotocol::importTopic,
                     R"({"properties":[{"param":"System.Port","value":null}],"apply":true})")});
@@ -298,7 +298,7 @@ TEST_F(Service, ListsByPrefixSorted) {
     EXPECT_THAT(handle({list("", "A")}), ElementsAre(HasSubstr("[{\"param\":\"Keys.0.Label\"")));
 }
 
-TEST_F(Service, ADamagedStoreIsRebuiltFromMemory) {
+TEST_F(Service, DamagedStoreIsRebuiltFromMemory) {
     handle({set("System.Name", "kept"), set("System.Port", "7"), set("State.Provisioning", "x")});
     handle({request(propertyprotocol::importTopic,
                     R"({"properties":[{"param":"System.Port","value":null}],"apply":true})")});
@@ -314,7 +314,7 @@ TEST_F(Service, ADamagedStoreIsRebuiltFromMemory) {
     EXPECT_EQ(store.rebuilds, 1);
 }
 
-TEST_F(Service, ARebuildThatFailsIsMadeAgainBeforeTheNextWrite) {
+TEST_F(Service, FailedRebuildIsRetriedBeforeTheNextWrite) {
     handle({set("System.Name", "kept")});
     store.values.clear();
     store.damaged = true;
@@ -328,7 +328,7 @@ TEST_F(Service, ARebuildThatFailsIsMadeAgainBeforeTheNextWrite) {
     EXPECT_EQ(store.values, (std::map<std::string, std::string>{{"System.Name", "kept"}, {"Keys.1.Label", "new"}}));
 }
 
-TEST_F(Service, AKeyThatTheCatalogueCallsVolatileIsNeverStored) {
+TEST_F(Service, VolatileKeyIsNeverStored) {
     handle({set("System.Uptime", "5")});
     EXPECT_EQ(store.transactions, 0);
     restart();
@@ -361,7 +361,7 @@ std::string many(const std::string& properties, bool apply = true) {
     return "{\"properties\":[" + properties + "],\"source\":\"t\",\"apply\":" + (apply ? "true" : "false") + "}";
 }
 
-TEST_F(Service, AnImportIsOneTransactionPublishedInOrder) {
+TEST_F(Service, ImportIsOneTransactionPublishedInOrder) {
     handle({set("System.Name", "before")});
     const int before = store.transactions;
     EXPECT_THAT(handle({request(propertyprotocol::importTopic, many(R"({"param":"System.Port","value":"7"},)"
@@ -372,10 +372,11 @@ TEST_F(Service, AnImportIsOneTransactionPublishedInOrder) {
                             change("prop-service-state/State.Provisioning", "State.Provisioning", "x"),
                             "me/reply {\"accepted\":3}"));
     EXPECT_EQ(store.transactions, before + 1);
-    EXPECT_EQ(store.values, (std::map<std::string, std::string>{{"System.Port", "7"}})) << "a default is not stored";
+    EXPECT_EQ(store.values, (std::map<std::string, std::string>{{"System.Port", "7"}}))
+        << "a default must not be stored";
 }
 
-TEST_F(Service, AnImportMayBeAsLargeAsABackup) {
+TEST_F(Service, ImportMayBeLargerThanOtherRequests) {
     const std::string large(60000, 'x');
     std::string other;
     while (other.size() < maxRequestBytes) other += R"({"param":"No","value":")" + large + "\"},";
@@ -388,14 +389,14 @@ TEST_F(Service, AnImportMayBeAsLargeAsABackup) {
         ElementsAre(error("", "bad-request", "the payload is larger than 15728640 bytes")));
 }
 
-TEST_F(Service, AnImportThatIsNotAppliedChangesNothing) {
+TEST_F(Service, ImportWithoutApplyChangesNothing) {
     EXPECT_THAT(handle({request(propertyprotocol::importTopic, many(R"({"param":"System.Port","value":"7"})", false))}),
                 ElementsAre("me/reply {\"accepted\":1}"));
     EXPECT_THAT(handle({get("System.Port")}), ElementsAre(answer("System.Port", "5")));
     EXPECT_EQ(store.transactions, 0);
 }
 
-TEST_F(Service, AnImportWithErrorsNamesThemAllAndChangesNothing) {
+TEST_F(Service, ImportWithErrorsReportsAllAndChangesNothing) {
     EXPECT_THAT(handle({request(propertyprotocol::importTopic,
                                 many(R"({"param":"System.Name","value":"x"},{"param":"No","value":"1"},)"
                                      R"({"param":"System.Port","value":"10"},)"
@@ -405,14 +406,14 @@ TEST_F(Service, AnImportWithErrorsNamesThemAllAndChangesNothing) {
                             R"({"param":"No","error":"not-found","reason":"the catalogue has no such key"},)"
                             R"({"param":"System.Port","error":"invalid-value","reason":)"
                             R"("must be a whole number from 1 to 9"},)"
-                            R"({"param":"System.Name","error":"bad-request","reason":"stands there twice"},)"
+                            R"({"param":"System.Name","error":"bad-request","reason":"duplicate key"},)"
                             R"({"param":"System.Serial","error":"read-only","reason":)"
                             R"("may not be written by a client"}]})"));
     EXPECT_THAT(handle({get("System.Name")}), ElementsAre(answer("System.Name", "phone")));
     EXPECT_EQ(store.transactions, 0);
 }
 
-TEST_F(Service, AnImportNamesAThousandErrorsAtMost) {
+TEST_F(Service, ImportReportsAtMost1000Errors) {
     const auto errorsOf = [this](int count) {
         std::string properties = R"({"param":"No","value":""})";
         for (int index = 1; index < count; ++index) properties += R"(,{"param":"No","value":""})";
@@ -426,7 +427,7 @@ TEST_F(Service, AnImportNamesAThousandErrorsAtMost) {
     EXPECT_EQ(errorsOf(1001), 1000);
 }
 
-TEST_F(Service, AnImportThatTheStoreRefusesChangesNothing) {
+TEST_F(Service, ImportThatTheStoreRefusesChangesNothing) {
     store.failingKey = "System.Port";
     EXPECT_THAT(handle({request(propertyprotocol::importTopic, many(R"({"param":"System.Name","value":"x"},)"
                                                                     R"({"param":"System.Port","value":"7"})")),
@@ -435,7 +436,7 @@ TEST_F(Service, AnImportThatTheStoreRefusesChangesNothing) {
     EXPECT_TRUE(store.values.empty());
 }
 
-TEST_F(Service, AnImportThatIsNoneIsABadRequest) {
+TEST_F(Service, MalformedImportIsABadRequest) {
     for (const char* payload :
          {"{}", R"({"properties":{}})", R"({"properties":[1]})", R"({"properties":[{"value":"x"}]})",
           R"({"properties":[{"param":"System.Name"}]})", R"({"properties":[{"param":"System.Name","value":1}]})",
@@ -469,7 +470,7 @@ std::vector<std::string> listed(PropertyService& service, const std::string& pre
     return keys;
 }
 
-TEST(Listing, HasPagesOfAThousand) {
+TEST(Listing, HasAtMost1000EntriesAPage) {
     const Catalogue catalogue = Catalogue::parse(
         R"({"version":1,"keys":{"a.{0-2500}":{"type":"text","default":"","description":"d"}}})", "c.json");
     FakeStore store;
@@ -487,7 +488,7 @@ TEST(Listing, HasPagesOfAThousand) {
     EXPECT_EQ(listed(service, "a.1", wholePages, largest).size(), 1111U);
 }
 
-TEST(Listing, PagesOfGreatValuesAreShorter) {
+TEST(Listing, HasShorterPagesForLargeValues) {
     const Catalogue catalogue = Catalogue::parse(
         R"({"version":1,"keys":{"a.{0-99}":{"type":"text","default":"","description":"d"}}})", "c.json");
     FakeStore store;

@@ -1,4 +1,4 @@
-// After each kind of failed call the next ones succeed, in the same process and with their full time.
+// After each kind of failed call the next ones succeed, in the same process and with the full time-out.
 #include <gtest/gtest.h>
 #include <signal.h>
 
@@ -24,7 +24,7 @@ using namespace std::chrono_literals;
 
 const std::string key = "System.General.Location";
 
-/// A phone's broker and property service, and a client of both.
+/// A broker, a property service, and a client.
 struct Phone {
     Phone() {
         start();
@@ -66,18 +66,18 @@ void expectFailure(const std::function<void()>& call) {
 struct Failure {
     const char* name;
     int rounds;
-    std::function<void(Phone&)> happens;  // a call fails, and its cause goes away again
+    std::function<void(Phone&)> cause;  // makes a call fail, then removes the cause
 };
 
 std::ostream& operator<<(std::ostream& stream, const Failure& row) { return stream << row.name; }
 
 class Recovery : public testing::TestWithParam<Failure> {};
 
-TEST_P(Recovery, EveryFailureIsFollowedByASuccess) {
+TEST_P(Recovery, CallsSucceedAfterEachFailure) {
     Phone phone;
     ASSERT_TRUE(works(*phone.properties));
     for (int round = 1; round <= GetParam().rounds; ++round) {
-        GetParam().happens(phone);
+        GetParam().cause(phone);
         ASSERT_TRUE(works(*phone.properties)) << "round " << round;
         phone.properties->set(key, "round " + std::to_string(round));
         EXPECT_EQ(phone.properties->get(key), "round " + std::to_string(round));
@@ -135,7 +135,7 @@ INSTANTIATE_TEST_SUITE_P(Failures, Recovery,
                                          Failure{"FrozenBroker", 1, frozenBroker}, Failure{"Takeover", 2, takeover}),
                          [](const auto& row) { return row.param.name; });
 
-TEST(Shutdown, WithAFrozenServiceCostsTwoSecondsOnce) {
+TEST(Shutdown, FrozenServiceTakesTwoSecondsOnce) {
     Phone phone;
     ASSERT_TRUE(works(*phone.properties));
     phone.service->freeze();
@@ -147,7 +147,7 @@ TEST(Shutdown, WithAFrozenServiceCostsTwoSecondsOnce) {
     EXPECT_GE(took, 1900ms);
     EXPECT_LT(took, 4s);
     phone.service->thaw();
-    EXPECT_TRUE(works(*phone.properties)) << "a late answer makes calls possible again";
+    EXPECT_TRUE(works(*phone.properties)) << "a late answer restores the full time-out";
 }
 
 }  // namespace

@@ -1,4 +1,4 @@
-// What the property service logs, and at which level.
+// Log lines of the property service and their levels.
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
 
@@ -66,17 +66,17 @@ TEST_F(RefusalLog, NamesKeyValueSourceAndReason) {
                             warning("Refused Net.Port = \"\" from \"me\": must be a whole number from 1 to 9")));
 }
 
-TEST_F(RefusalLog, HasNothingOfWhatIsAcceptedOrHasNoKey) {
+TEST_F(RefusalLog, OmitsAcceptedValuesAndUnknownKeys) {
     handle({set("Net.Port", "9"), set("No.Such", "abc"), set("Net.MAC", "00:11:22:33:44:55")});
     EXPECT_THAT(log_.lines(), IsEmpty());
 }
 
-TEST_F(RefusalLog, ShowsNoSecret) {
+TEST_F(RefusalLog, HidesSecrets) {
     handle({set("Net.PIN", "not digits")});
     EXPECT_THAT(log_.lines(), ElementsAre(warning("Refused Net.PIN = *** from \"me\": must match the pattern [0-9]*")));
 }
 
-TEST_F(RefusalLog, ShowsEightyCharactersWithControlsAsEscapes) {
+TEST_F(RefusalLog, ShowsEightyCharactersAndEscapesControls) {
     const std::string reason = ": must be a whole number from 1 to 9";
     const std::string umlauts = [] {
         std::string text;
@@ -93,32 +93,32 @@ TEST_F(RefusalLog, ShowsEightyCharactersWithControlsAsEscapes) {
                             warning("Refused Net.Port = \"x\" from \"" + umlauts + "...\"" + reason)));
 }
 
-TEST(VisibleBeginning, IsCutBetweenCharacters) {
-    EXPECT_EQ(visibleBeginning("", 3), "");
-    EXPECT_EQ(visibleBeginning("abc", 3), "abc");
-    EXPECT_EQ(visibleBeginning("abcd", 3), "abc...");
-    EXPECT_EQ(visibleBeginning("\xf0\x9d\x84\x9e\xf0\x9d\x84\x9e", 1), "\xf0\x9d\x84\x9e...");
-    EXPECT_EQ(visibleBeginning("\xc2\x80\xc2\x9f\xc2\xa0", 3), "\\u0080\\u009f\xc2\xa0");
-    EXPECT_EQ(visibleBeginning("a", 0), "...");
+TEST(Excerpt, IsCutBetweenCharacters) {
+    EXPECT_EQ(excerpt("", 3), "");
+    EXPECT_EQ(excerpt("abc", 3), "abc");
+    EXPECT_EQ(excerpt("abcd", 3), "abc...");
+    EXPECT_EQ(excerpt("\xf0\x9d\x84\x9e\xf0\x9d\x84\x9e", 1), "\xf0\x9d\x84\x9e...");
+    EXPECT_EQ(excerpt("\xc2\x80\xc2\x9f\xc2\xa0", 3), "\\u0080\\u009f\xc2\xa0");
+    EXPECT_EQ(excerpt("a", 0), "...");
 }
 
-TEST_F(RefusalLog, HasTheFirstTenOfAnImport) {
+TEST_F(RefusalLog, HasTheFirstTenRefusalsOfAnImport) {
     std::string properties;
     for (int index = 0; index < 20; ++index) {
         properties += (index == 0 ? "" : ",") + std::string(R"({"param":"Net.Names.)") + std::to_string(index) +
                       R"(","value":"b"})";
     }
     handle({import(properties, "false")});
-    EXPECT_THAT(log_.lines(), IsEmpty()) << "it was only asked";
+    EXPECT_THAT(log_.lines(), IsEmpty()) << "a check without apply must not be logged";
     handle({import(properties)});
     ASSERT_THAT(log_.lines(), SizeIs(10));
     EXPECT_EQ(log_.lines()[9], warning("Refused Net.Names.9 = \"b\" from \"me\": must be one of \"a\""));
     log_.forget();
     handle({import(R"({"param":"No.Such","value":"b"},{"param":"Net.Serial","value":null})")});
-    EXPECT_THAT(log_.lines(), IsEmpty()) << "there is no value to show";
+    EXPECT_THAT(log_.lines(), IsEmpty()) << "an unknown key or a reset has no value to log";
 }
 
-TEST_F(RefusalLog, HasEachRefusalOnceWhenTheStoreRefusesTheRest) {
+TEST_F(RefusalLog, HasEachRefusalOnceWhenTheStoreFails) {
     store_.full = true;
     ipc::ServiceRequest wrongTopic = set("Net.Port", "1");
     wrongTopic.responseTopic = "prop-service/x";
@@ -130,18 +130,18 @@ TEST_F(RefusalLog, HasEachRefusalOnceWhenTheStoreRefusesTheRest) {
     EXPECT_THAT(log_.lines(), ElementsAre(expected[0], expected[1], fakes::error(source, "disk full")));
     log_.forget();
     handle(requests);
-    EXPECT_THAT(log_.lines(), ElementsAre(expected[0], expected[1])) << "a full disk is told once";
+    EXPECT_THAT(log_.lines(), ElementsAre(expected[0], expected[1])) << "a full disk must be logged once";
     log_.forget();
     store_.full = false;
     handle(requests);
     EXPECT_THAT(log_.lines(),
-                ElementsAre(expected[0], expected[1], fakes::info(source, "The store takes writes again")));
+                ElementsAre(expected[0], expected[1], fakes::info(source, "The store is writable again")));
     log_.forget();
     handle({set("Net.Port", "3")});
     EXPECT_THAT(log_.lines(), IsEmpty());
 }
 
-TEST_F(RefusalLog, HasARebuildThatFailsOnce) {
+TEST_F(RefusalLog, HasAFailedRebuildOnce) {
     store_.damaged = true;
     store_.full = true;
     handle({set("Net.Port", "3")});
@@ -149,7 +149,7 @@ TEST_F(RefusalLog, HasARebuildThatFailsOnce) {
     EXPECT_THAT(log_.lines(), ElementsAre(fakes::error(source, "disk full")));
 }
 
-TEST_F(RefusalLog, HasStoredValuesThatAreNotUsed) {
+TEST_F(RefusalLog, HasUnusedStoredValues) {
     FakeStore old;
     const std::string tooLong(65537, 'a');
     old.values = {{"Net.Names.0", tooLong}, {"Net.Trigger", std::string("a\0b", 3)},
@@ -160,12 +160,12 @@ TEST_F(RefusalLog, HasStoredValuesThatAreNotUsed) {
     const auto unused = [](const std::string& key, const std::string& reason) {
         return fakes::warning(tableSource, "The stored value of " + key + " " + reason + "; the default is used");
     };
-    EXPECT_THAT(
-        log_.lines(),
-        ElementsAre(unused("Net.MAC", "is no UTF-8 text"), unused("Net.Names.0", "is too long"),
-                    unused("Net.PIN", "must match the pattern [0-9]*"),
-                    unused("Net.Port", "must be a whole number from 1 to 9"), unused("Net.Trigger", "is no UTF-8 text"),
-                    fakes::info(tableSource, "2 stored values belong to no key of the catalogue; they are kept")));
+    EXPECT_THAT(log_.lines(),
+                ElementsAre(unused("Net.MAC", "is not UTF-8 text"), unused("Net.Names.0", "is too long"),
+                            unused("Net.PIN", "must match the pattern [0-9]*"),
+                            unused("Net.Port", "must be a whole number from 1 to 9"),
+                            unused("Net.Trigger", "is not UTF-8 text"),
+                            fakes::info(tableSource, "Kept stored values whose keys are not in the catalogue: 2")));
 }
 
 }  // namespace

@@ -1,5 +1,5 @@
-// The property service killed while a client writes to it, and started again: what a patient thread loses, and what
-// any other is told.
+// The property service is killed and restarted while a client writes: calls of a patient thread survive, others fail at
+// once.
 #include <gtest/gtest.h>
 #include <signal.h>
 
@@ -39,7 +39,7 @@ class Restart : public testing::Test {
             << R"({"version":1,"keys":{"Test.Number.{0-4999}":{"type":"text","default":"","description":"A number"}}})";
         start();
         bus->connect(broker.address());
-        while (!isThere()) std::this_thread::yield();
+        while (!isOnline()) std::this_thread::yield();
     }
 
     void start() {
@@ -48,7 +48,7 @@ class Restart : public testing::Test {
                                                                      "--port", std::to_string(broker.port())});
     }
 
-    bool isThere() {
+    bool isOnline() {
         try {
             properties->get(key(0));
             return true;
@@ -57,11 +57,11 @@ class Restart : public testing::Test {
         }
     }
 
-    /// Writes every number to its key; says so in the middle, and returns why sets failed.
-    std::vector<std::string> writeAll(std::promise<void>& inTheMiddle) {
+    /// Writes every number to its key, sets the promise half-way, and returns the errors of failed sets.
+    std::vector<std::string> writeAll(std::promise<void>& halfWay) {
         std::vector<std::string> failures;
         for (int number = 0; number < sets; ++number) {
-            if (number == sets / 2) inTheMiddle.set_value();
+            if (number == sets / 2) halfWay.set_value();
             try {
                 properties->set(key(number), std::to_string(number));
             } catch (const propertyapi::PropertyException& error) {
@@ -71,7 +71,7 @@ class Restart : public testing::Test {
         return failures;
     }
 
-    int valuesThatAreThere() {
+    int storedValues() {
         int right = 0;
         std::string after;
         do {
@@ -91,15 +91,15 @@ class Restart : public testing::Test {
 };
 
 TEST_F(Restart, LosesNoSetOfAPatientThread) {
-    std::promise<void> inTheMiddle;
+    std::promise<void> halfWay;
     std::vector<std::string> failures;
     std::thread writer([&] {
         const propertyapi::PatientCalls patient;
-        failures = writeAll(inTheMiddle);
+        failures = writeAll(halfWay);
     });
-    inTheMiddle.get_future().wait();
+    halfWay.get_future().wait();
     EXPECT_EQ(service->end(SIGKILL), -SIGKILL);
-    while (isThere()) std::this_thread::yield();
+    while (isOnline()) std::this_thread::yield();
     // This thread is not patient.
     const auto begin = steady_clock::now();
     EXPECT_THROW(properties->set(key(0), "0"), PropertyOfflineException);
@@ -107,10 +107,10 @@ TEST_F(Restart, LosesNoSetOfAPatientThread) {
     start();
     writer.join();
     EXPECT_TRUE(failures.empty()) << failures.size() << " failed, the first: " << failures.front();
-    EXPECT_EQ(valuesThatAreThere(), sets);
+    EXPECT_EQ(storedValues(), sets);
 }
 
-/// The payloads of the changes that come.
+/// Records the payloads of received changes.
 class Changes final : public ipc::IIPCCallback {
  public:
     void connectionLost(const std::string&) override {}
@@ -121,12 +121,12 @@ class Changes final : public ipc::IIPCCallback {
         changed_.notify_all();
     }
 
-    /// Waits until one came whose value this is; false after 30 s.
+    /// Waits for a change to the value; false after 30 s.
     bool waitFor(const std::string& value) {
         std::unique_lock<std::mutex> lock(mutex_);
         return changed_.wait_for(lock, 30s, [&] { return has(value); });
     }
-    bool heard(const std::string& value) {
+    bool received(const std::string& value) {
         const std::lock_guard<std::mutex> lock(mutex_);
         return has(value);
     }
@@ -143,84 +143,84 @@ class Changes final : public ipc::IIPCCallback {
     std::vector<std::string> contents_;  // guarded by mutex_
 };
 
-TEST_F(Restart, LosesNoChangeOfASetThatWasAnswered) {
+TEST_F(Restart, LosesNoChangeOfAnAnsweredSet) {
     Changes changes;
     bus->subscribe("prop-service-test/#", changes);
     for (int round = 0; round < 5; ++round) {
         const std::string name = "round " + std::to_string(round) + " set ";
-        std::promise<void> underWay;
+        std::promise<void> started;
         std::atomic<int> answered{0};
         std::thread writer([&] {
             try {
                 for (int number = 0;; ++number) {
-                    if (number == 50) underWay.set_value();
+                    if (number == 50) started.set_value();
                     properties->set(key(0), name + std::to_string(number));
                     ++answered;
                 }
             } catch (const propertyapi::PropertyException&) {
             }
         });
-        underWay.get_future().wait();
+        started.get_future().wait();
         EXPECT_EQ(service->end(SIGKILL), -SIGKILL);
         writer.join();
         start();
-        while (!isThere()) std::this_thread::yield();
+        while (!isOnline()) std::this_thread::yield();
         properties->set(key(0), name + "end");
         ASSERT_TRUE(changes.waitFor(name + "end"));
         for (int number = 0; number < answered; ++number) {
-            EXPECT_TRUE(changes.heard(name + std::to_string(number))) << name << number << " of " << answered;
+            EXPECT_TRUE(changes.received(name + std::to_string(number))) << name << number << " of " << answered;
         }
     }
     bus->disconnect();
 }
 
-TEST_F(Restart, FailsTheSetsOfAnImpatientThreadAtOnce) {
-    std::promise<void> inTheMiddle;
+TEST_F(Restart, FailsSetsOfAnImpatientThreadAtOnce) {
+    std::promise<void> halfWay;
     std::vector<std::string> failures;
     steady_clock::time_point end;
     std::thread writer([&] {
-        failures = writeAll(inTheMiddle);
+        failures = writeAll(halfWay);
         end = steady_clock::now();
     });
-    inTheMiddle.get_future().wait();
+    halfWay.get_future().wait();
     EXPECT_EQ(service->end(SIGKILL), -SIGKILL);
     const auto begin = steady_clock::now();
     writer.join();
     EXPECT_GT(failures.size(), 0U);
-    EXPECT_LT(end - begin, 4s) << "it waited";
+    EXPECT_LT(end - begin, 4s) << "the sets must not wait for the service";
 }
 
-TEST_F(Restart, IsOutlastedByAPatientThreadWhenItIsOrderlyToo) {
-    std::promise<void> inTheMiddle;
+TEST_F(Restart, WithSigtermLosesNoSetOfAPatientThread) {
+    std::promise<void> halfWay;
     std::vector<std::string> failures;
     std::thread writer([&] {
         const propertyapi::PatientCalls patient;
-        failures = writeAll(inTheMiddle);
+        failures = writeAll(halfWay);
     });
-    inTheMiddle.get_future().wait();
+    halfWay.get_future().wait();
     EXPECT_EQ(service->end(SIGTERM), 0);
     start();
     writer.join();
     EXPECT_TRUE(failures.empty()) << failures.size() << " failed, the first: " << failures.front();
-    EXPECT_EQ(valuesThatAreThere(), sets);
+    EXPECT_EQ(storedValues(), sets);
 }
 
-TEST_F(Restart, OfServiceAndBrokerIsOutlastedByAPatientThread) {
-    std::promise<void> inTheMiddle;
+TEST_F(Restart, OfServiceAndBrokerLosesNoSetOfAPatientThread) {
+    std::promise<void> halfWay;
     std::vector<std::string> failures;
     std::thread writer([&] {
         const propertyapi::PatientCalls patient;
-        failures = writeAll(inTheMiddle);
+        failures = writeAll(halfWay);
     });
-    inTheMiddle.get_future().wait();
+    halfWay.get_future().wait();
     broker.stop();
     EXPECT_EQ(service->end(SIGKILL), -SIGKILL);
     broker.start();
-    while (isThere()) std::this_thread::yield();  // the new broker knows nothing of the service
+    while (isOnline()) std::this_thread::yield();  // the new broker has no presence of the service
     start();
     writer.join();
     EXPECT_TRUE(failures.empty()) << failures.size() << " failed, the first: " << failures.front();
-    EXPECT_EQ(valuesThatAreThere(), sets);
+    EXPECT_EQ(storedValues(), sets);
 }
 
 }  // namespace

@@ -1,5 +1,5 @@
-// A disk of its own for a store: small, and full or read-only when a test wants it. Needs the right to mount, which
-// lab/sandbox gives; the mount is seen by this process only.
+// A small disk that a test can fill or make read-only. Needs the right to mount, which lab/sandbox gives; only this
+// process sees the mount.
 #pragma once
 
 #include <sched.h>
@@ -28,7 +28,7 @@ class SmallDisk {
               "remount");
     }
 
-    /// Leaves no byte.
+    /// Fills the disk completely.
     void fill() const {
         std::ofstream file(path_ + "/filler", std::ios::binary);
         while (file.write(std::string(4096, 'x').data(), 4096).flush()) {

@@ -1,4 +1,4 @@
-// What becomes of a store that was torn, damaged, filled up or written by another version.
+// Recovery of a store that is torn, damaged, linked or written by another version; backups.
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
 #include <sqlite3.h>
@@ -53,7 +53,7 @@ std::vector<std::string> namesIn(const TemporaryFolder& folder, const std::strin
     return names;
 }
 
-// What the first format looked like.
+// A store of format 1.
 constexpr char formatOne[] =
     "PRAGMA page_size = 1024; PRAGMA journal_mode = WAL; BEGIN;"
     "CREATE TABLE property (key TEXT PRIMARY KEY NOT NULL, value TEXT NOT NULL) STRICT, WITHOUT ROWID;"
@@ -71,7 +71,7 @@ TEST(OlderStore, IsMigrated) {
     EXPECT_THAT(Store(folder / "s.db").load(), UnorderedElementsAre(Entry("a", "2"), Entry("c", "h\xc3\xb6")));
 }
 
-TEST(StoreFormat, ChecksumsStayAsTheyAre) {
+TEST(StoreFormat, ChecksumsAreStable) {
     const TemporaryFolder folder;
     execute(folder / "s.db",
             "PRAGMA page_size = 1024; BEGIN;"
@@ -84,7 +84,7 @@ TEST(StoreFormat, ChecksumsStayAsTheyAre) {
     EXPECT_THROW(Database(folder / "s.db").load(), DamagedStore);
 }
 
-TEST(OlderStore, ThatCannotBeMigratedStaysAsItIs) {
+TEST(OlderStore, IsLeftUnchangedIfMigrationFails) {
     const TemporaryFolder folder;
     execute(folder / "s.db", formatOne);
     execute(folder / "s.db",
@@ -94,7 +94,7 @@ TEST(OlderStore, ThatCannotBeMigratedStaysAsItIs) {
     EXPECT_EQ(Store(folder / "s.db").load().size(), 4U);
 }
 
-TEST(NewerStore, ThatSaysSoInItsLogOnlyStaysAsItIsToo) {
+TEST(NewerStore, IsLeftUnchangedIfOnlyItsLogHasTheVersion) {
     const TemporaryFolder folder;
     const std::string path = folder / "s.db";
     { Store store(path); }
@@ -111,15 +111,15 @@ TEST(NewerStore, ThatSaysSoInItsLogOnlyStaysAsItIsToo) {
         FAIL() << "was opened";
     } catch (const StoreException& error) {
         EXPECT_STREQ(error.what(),
-                     (path + ": was written by a newer version (store format 3, this version knows 2); it "
-                             "stays as it is")
+                     (path + ": was written by a newer version (store format 3, this version supports 2); it "
+                             "is left unchanged")
                          .c_str());
     }
     EXPECT_TRUE(bytesOf(path) == file);
     EXPECT_TRUE(bytesOf(path + "-wal") == log);
 }
 
-TEST(LinkedStore, IsTheFileThatItLeadsTo) {
+TEST(LinkedStore, UsesTheTargetOfTheLink) {
     const TemporaryFolder folder;
     fs::create_directory(folder / "disk");
     fs::create_symlink("disk/other.db", folder / "link.db");
@@ -133,7 +133,7 @@ TEST(LinkedStore, IsTheFileThatItLeadsTo) {
     EXPECT_THAT(Store(folder / "s.db").load(), ElementsAre(Entry("a", "1")));
 }
 
-// Sequence numbers that a store holds: every write made "number" and "again" the same.
+// The last sequence number in a store: every write sets "number" and "again" to the same one.
 unsigned long lastOf(const std::vector<Entry>& entries) {
     std::string number = "0";
     std::string again = "0";
@@ -145,7 +145,7 @@ unsigned long lastOf(const std::vector<Entry>& entries) {
     return std::stoul(number);
 }
 
-TEST(TornLog, LeavesAPrefixWithAllThatWasSynced) {
+TEST(TornLog, KeepsAPrefixWithAllSyncedWrites) {
     const TemporaryFolder folder;
     std::size_t synced = 0;
     constexpr unsigned long before = 6;
@@ -167,7 +167,7 @@ TEST(TornLog, LeavesAPrefixWithAllThatWasSynced) {
     const std::string log = bytesOf(folder / "torn/s.db-wal");
     ASSERT_GT(log.size(), synced);
     unsigned long previous = 0;
-    const fakes::LogCapture messages;  // of a store that is taken for damaged
+    const fakes::LogCapture messages;  // logged only if a store counts as damaged
     for (std::size_t size = 0; size < log.size() + 100; size += 100) {
         fs::create_directory(folder / "try");
         fs::copy_file(folder / "torn/s.db", folder / "try/s.db");
@@ -192,7 +192,7 @@ class Damaged : public testing::Test {
         Store store(path, 1h);
         store.write({{"a", "0"}, {"b", "x"}});
     }
-    // What is written is in the store and in its newest backup.
+    // Writes the value to the store and to its newest backup.
     void backUp(const char* value) {
         Store store(path, 0ms);
         store.load();
@@ -215,29 +215,28 @@ class Damaged : public testing::Test {
     fakes::LogCapture log;
 };
 
-TEST_F(Damaged, PageIsSetAsideAndTheBackupTakenOver) {
+TEST_F(Damaged, PageRestoresTheBackup) {
     backUp("1");
     overwrite(path, 1100, std::string(3000, 'x'));
     EXPECT_THAT(reopened(), UnorderedElementsAre(Entry("a", "1"), Entry("b", "x")));
     EXPECT_THAT(log.text(), HasSubstr("it is kept as " + path + ".damaged-"));
-    EXPECT_THAT(log.text(),
-                HasSubstr("Settings are as they were in the backup " + path + ".backup-1: 2 stored values"));
+    EXPECT_THAT(log.text(), HasSubstr("Restored the settings of the backup " + path + ".backup-1: 2 stored values"));
     expectErrors(2);
     EXPECT_EQ(namesIn(folder, "damaged").size(), 1U);
     EXPECT_THAT(reopened(), UnorderedElementsAre(Entry("a", "1"), Entry("b", "x")));
     EXPECT_EQ(log.text(), "");
 }
 
-TEST_F(Damaged, BitInAValueIsFound) {
+TEST_F(Damaged, BitInAValueIsDetected) {
     backUp("unmistakable");
     const std::size_t at = bytesOf(path).find("unmistakable");
     ASSERT_NE(at, std::string::npos);
     overwrite(path, static_cast<std::streamoff>(at), "U");
     EXPECT_THAT(reopened(), UnorderedElementsAre(Entry("a", "unmistakable"), Entry("b", "x")));
-    EXPECT_THAT(log.text(), HasSubstr("a stored value is not what was written"));
+    EXPECT_THAT(log.text(), HasSubstr("a stored value has a wrong checksum"));
 }
 
-TEST_F(Damaged, LogIsSaidToHaveLostWhatStandsBehind) {
+TEST_F(Damaged, LogReportsLostCommits) {
     std::string file;
     std::string whole;
     {
@@ -259,10 +258,10 @@ TEST_F(Damaged, LogIsSaidToHaveLostWhatStandsBehind) {
         std::ofstream(path, std::ios::binary) << file;
         std::ofstream(path + "-wal", std::ios::binary) << damaged;
         EXPECT_THAT(reopened(), testing::Contains(Entry("a", std::to_string(left)))) << at;
-        const bool isSaid =
+        const bool isLogged =
             log.text().find("s.db-wal: is damaged; the last changes in it are lost: ") != std::string::npos;
-        EXPECT_EQ(isSaid, at > 8 && at < 32 + 5 * frame) << at << log.text();
-        expectErrors(isSaid ? 1 : 0);
+        EXPECT_EQ(isLogged, at > 8 && at < 32 + 5 * frame) << at << log.text();
+        expectErrors(isLogged ? 1 : 0);
     }
     std::ofstream(path, std::ios::binary) << file;
     std::ofstream(path + "-wal", std::ios::binary) << whole;
@@ -270,7 +269,7 @@ TEST_F(Damaged, LogIsSaidToHaveLostWhatStandsBehind) {
     EXPECT_EQ(log.text(), "");
 }
 
-TEST_F(Damaged, HeaderOrEmptyFileIsKnownByItsBackups) {
+TEST_F(Damaged, HeaderOrEmptyFileRestoresTheBackup) {
     backUp("1");
     overwrite(path, 0, "garbage garbage garbage");
     EXPECT_THAT(reopened(), UnorderedElementsAre(Entry("a", "1"), Entry("b", "x")));
@@ -278,28 +277,28 @@ TEST_F(Damaged, HeaderOrEmptyFileIsKnownByItsBackups) {
     EXPECT_THAT(reopened(), UnorderedElementsAre(Entry("a", "1"), Entry("b", "x")));
 }
 
-TEST_F(Damaged, BackupGivesWayToTheOneBefore) {
+TEST_F(Damaged, BackupFallsBackToTheOlderOne) {
     backUp("1");
     backUp("2");
     overwrite(path + ".backup-1", 1100, std::string(3000, 'x'));
     overwrite(path, 1100, std::string(3000, 'x'));
     EXPECT_THAT(reopened(), UnorderedElementsAre(Entry("a", "1"), Entry("b", "x")));
-    EXPECT_THAT(log.text(), HasSubstr("backup-1 is no good"));
+    EXPECT_THAT(log.text(), HasSubstr("backup-1 is unusable"));
     expectErrors(3);
 }
 
-TEST_F(Damaged, WithoutABackupItStartsEmpty) {
+TEST_F(Damaged, StoreWithoutBackupStartsEmpty) {
     for (const char* name : {".backup-1", ".backup-2"}) fs::remove(path + name);
     overwrite(path, 1100, std::string(3000, 'x'));
     EXPECT_THAT(reopened(), IsEmpty());
-    EXPECT_THAT(log.text(), HasSubstr("There is no good backup: settings start at their defaults"));
+    EXPECT_THAT(log.text(), HasSubstr("No usable backup: settings start at their defaults"));
     expectErrors(2);
     Store store(path);
     store.write({{"a", "works"}});
     EXPECT_THAT(store.load(), ElementsAre(Entry("a", "works")));
 }
 
-TEST_F(Damaged, StoresThatAreKeptAreBounded) {
+TEST_F(Damaged, StoresAreKeptUpToTwo) {
     for (const char* time : {"20200101T000000Z", "20200102T000000Z", "20200103T000000Z"}) {
         std::ofstream(path + ".damaged-" + time) << "x";
         std::ofstream(path + ".damaged-" + time + "-wal") << "x";
@@ -312,11 +311,11 @@ TEST_F(Damaged, StoresThatAreKeptAreBounded) {
     EXPECT_EQ(names[1], "s.db.damaged-20200103T000000Z-wal");
 }
 
-TEST_F(Damaged, StoresThatAreKeptTakeNoOthersPlace) {
+TEST_F(Damaged, StoresAreKeptUnderUniqueNames) {
     std::ofstream(path, std::ios::binary) << "first";
-    const std::string first = setAside(path);
+    const std::string first = moveAside(path);
     std::ofstream(path, std::ios::binary) << "second";
-    const std::string second = setAside(path);
+    const std::string second = moveAside(path);
     EXPECT_EQ(bytesOf(first), "first");
     EXPECT_EQ(bytesOf(second), "second");
 }
@@ -330,7 +329,7 @@ TEST_F(Damaged, EmptyFileIsNotKept) {
     expectErrors(2);
 }
 
-TEST_F(Damaged, WhileOpenIsRebuiltFromWhatItsUserHas) {
+TEST_F(Damaged, OpenStoreIsRebuilt) {
     Store store(path, 1h);
     store.load();
     store.write({{"gone", "1"}});
@@ -345,7 +344,7 @@ TEST(Backup, IsMadeOnceADayAndTwoAreKept) {
     const std::string path = folder / "s.db";
     {
         Store store(path);
-        EXPECT_THAT(namesIn(folder, "backup"), IsEmpty()) << "of nothing";
+        EXPECT_THAT(namesIn(folder, "backup"), IsEmpty()) << "an empty store needs no backup";
         store.write({{"a", "1"}});
         EXPECT_THAT(namesIn(folder, "backup"), ElementsAre("s.db.backup-1"));
         store.write({{"a", "2"}});
@@ -353,13 +352,13 @@ TEST(Backup, IsMadeOnceADayAndTwoAreKept) {
     }
     EXPECT_THAT(Database(path + ".backup-1").load(), ElementsAre(Entry("a", "1")));
     const auto made = fs::last_write_time(path + ".backup-1");
-    // Whether a start makes one when the newest is so old.
+    // Whether opening the store makes a backup when the newest one has this age.
     const auto isMade = [&path, made](std::chrono::minutes age) {
         fs::last_write_time(path + ".backup-1", made - age);
         { Store store(path); }
         return fs::last_write_time(path + ".backup-1") != made - age;
     };
-    EXPECT_FALSE(isMade(59min)) << "the second comes an hour behind the first";
+    EXPECT_FALSE(isMade(59min)) << "the second backup is due an hour after the first";
     EXPECT_THAT(namesIn(folder, "backup"), ElementsAre("s.db.backup-1"));
     EXPECT_TRUE(isMade(61min));
     EXPECT_THAT(namesIn(folder, "backup"), ElementsAre("s.db.backup-1", "s.db.backup-2"));
@@ -371,7 +370,7 @@ TEST(Backup, IsMadeOnceADayAndTwoAreKept) {
     EXPECT_EQ(fs::last_write_time(path + ".backup-2"), made + 2min);
 }
 
-TEST(FirstDay, FlippedBitsInTheHeaderCostOneBackupAndNotTheStart) {
+TEST(FirstDay, SurvivesFlippedHeaderBits) {
     const TemporaryFolder folder;
     const std::string path = folder / "s.db";
     {
@@ -402,12 +401,12 @@ TEST(FirstDay, FlippedBitsInTheHeaderCostOneBackupAndNotTheStart) {
             newer.push_back(std::stoi(text.substr(at + 13)));
         }
     }
-    EXPECT_THAT(newer, ElementsAre(3, 6, 10, 18)) << "as good as a newer version's";
+    EXPECT_THAT(newer, ElementsAre(3, 6, 10, 18)) << "these look like the formats of newer versions";
     fs::resize_file(path, 50);
     EXPECT_EQ(Store(path).load().size(), 1U);
 }
 
-TEST(Backup, IsMadeWhileTheStoreIsInUseAndHoldsWhatWasWritten) {
+TEST(Backup, IsMadeWhileTheStoreIsOpen) {
     const TemporaryFolder folder;
     const std::string path = folder / "s.db";
     Store store(path, 0ms);
@@ -420,7 +419,7 @@ TEST(Backup, IsMadeWhileTheStoreIsInUseAndHoldsWhatWasWritten) {
     EXPECT_EQ(status.st_mode & 0777U, 0600U);
 }
 
-TEST(Backup, ThatCannotBeMadeCostsNoWrite) {
+TEST(Backup, FailureDoesNotFailTheWrite) {
     const TemporaryFolder folder;
     fs::create_directory(folder / "s.db.backup-new");
     fakes::LogCapture log;

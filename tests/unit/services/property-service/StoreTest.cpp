@@ -43,7 +43,7 @@ void execute(const std::string& path, const char* sql) {
     sqlite3_close(database);
 }
 
-TEST(Store, HoldsWhatWasWrittenAfterARestart) {
+TEST(Store, KeepsValuesAcrossARestart) {
     const TemporaryFolder folder;
     const std::string path = folder / "deeper/still/properties.db";
     {
@@ -58,7 +58,7 @@ TEST(Store, HoldsWhatWasWrittenAfterARestart) {
     EXPECT_THAT(again.load(), UnorderedElementsAre(Entry("a", "3"), Entry("b", "2"), Entry("c", "")));
 }
 
-TEST(Store, KeepsValuesOfTheFullSizeAndAnyText) {
+TEST(Store, KeepsLargeAndNonAsciiValues) {
     const TemporaryFolder folder;
     const std::string value = std::string(64 * 1024 - 6, 'x') + "ä\n€";
     {
@@ -68,7 +68,7 @@ TEST(Store, KeepsValuesOfTheFullSizeAndAnyText) {
     EXPECT_THAT(Store(folder / "s.db").load(), UnorderedElementsAre(Entry("a", value)));
 }
 
-TEST(Store, SyncsToTheDiskWithinASecondWithoutBeingAsked) {
+TEST(Store, SyncsToTheDiskInTheBackground) {
     const TemporaryFolder folder;
     Store store(folder / "s.db");
     const auto start = std::chrono::steady_clock::now();
@@ -90,7 +90,7 @@ TEST(Store, IsReadableByItsOwnerOnly) {
     }
 }
 
-TEST(Store, OfANewerVersionIsRefusedUntouched) {
+TEST(Store, OfANewerVersionIsRefusedUnchanged) {
     const TemporaryFolder folder;
     { Store(folder / "s.db").write({{"a", "1"}}); }
     execute(folder / "s.db", "PRAGMA user_version = 3");
@@ -98,13 +98,13 @@ TEST(Store, OfANewerVersionIsRefusedUntouched) {
     std::ofstream(folder / "s.db-wal") << "a log of the newer version";
     EXPECT_EQ(
         errorOf(folder / "s.db"),
-        folder / "s.db" + std::string(": was written by a newer version (store format 3, this version knows 2); it "
-                                      "stays as it is"));
+        folder / "s.db" + std::string(": was written by a newer version (store format 3, this version supports 2); it "
+                                      "is left unchanged"));
     EXPECT_EQ(bytesOf(folder / "s.db"), before);
     EXPECT_EQ(bytesOf(folder / "s.db-wal"), "a log of the newer version");
 }
 
-TEST(Store, OfSomethingElseIsRefusedUntouched) {
+TEST(Store, OfAnotherProgramIsRefusedUnchanged) {
     const TemporaryFolder folder;
     execute(folder / "other.db", "CREATE TABLE property (x)");
     std::ofstream(folder / "text") << "some text that is longer than nothing";
@@ -115,14 +115,14 @@ TEST(Store, OfSomethingElseIsRefusedUntouched) {
     }
 }
 
-TEST(Store, WhichCannotBeMadeIsRefused) {
+TEST(Store, ThatCannotBeCreatedIsRefused) {
     const TemporaryFolder folder;
     std::ofstream(folder / "file") << "x";
     EXPECT_THAT(errorOf(folder / "file/s.db"), HasSubstr("s.db: "));
     EXPECT_THAT(errorOf(folder / ""), HasSubstr("cannot be opened for writing: Is a directory"));
 }
 
-// Runs the code in a child process, and reports what it answered through its exit status.
+// Runs the code in a child process and returns its result, which the exit status passes on.
 template <typename Code>
 int inChild(Code code) {
     const pid_t child = ::fork();
@@ -141,21 +141,21 @@ TEST(Store, InUseByAnotherProcessIsRefused) {
     store.write({{"a", "1"}});
 }
 
-TEST(Store, InUseByAnotherProcessIsRefusedAlsoWhenDamaged) {
+TEST(Store, InUseByAnotherProcessIsRefusedEvenIfDamaged) {
     const TemporaryFolder folder;
     const std::string path = folder / "s.db";
     { Store store(path); }
     Store store(path, std::chrono::milliseconds(0));
-    store.write({{"a", "1"}});  // and makes a backup, by which the file is known to be ours
+    store.write({{"a", "1"}});  // also makes a backup, which marks the file as a property store
     const auto damage = [&path] {
         return !!(std::fstream(path, std::ios::in | std::ios::out | std::ios::binary) << "garbage garbage garbage");
     };
-    ASSERT_EQ(inChild(damage), 1) << "in a child, as this process would drop its locks";
+    ASSERT_EQ(inChild(damage), 1) << "closing the file in this process would drop its locks";
     EXPECT_EQ(inChild([&path] { return errorOf(path).find("another process uses it") != std::string::npos; }), 1);
     EXPECT_TRUE(std::filesystem::exists(path + "-wal"));
 }
 
-TEST(Store, RefusedWriteLeavesTheOldValuesAndALaterOneSucceeds) {
+TEST(Store, FailedWriteKeepsTheOldValuesAndALaterOneSucceeds) {
     const TemporaryFolder folder;
     Store store(folder / "s.db");
     store.write({{"a", "old"}, {"b", "old"}});
@@ -163,7 +163,7 @@ TEST(Store, RefusedWriteLeavesTheOldValuesAndALaterOneSucceeds) {
     rlimit before{};
     ASSERT_EQ(::getrlimit(RLIMIT_FSIZE, &before), 0);
     rlimit full = before;
-    full.rlim_cur = 20000;  // as a disk that has no more room than this
+    full.rlim_cur = 20000;  // like a full disk
     ASSERT_EQ(::setrlimit(RLIMIT_FSIZE, &full), 0);
     EXPECT_THROW(store.write({{"a", "new"}, {"b", std::string(60000, 'x')}}), StoreException);
     EXPECT_THROW(store.write({{"a", std::string(60000, 'x')}}), StoreException);
@@ -173,8 +173,8 @@ TEST(Store, RefusedWriteLeavesTheOldValuesAndALaterOneSucceeds) {
     EXPECT_THAT(store.load(), UnorderedElementsAre(Entry("a", "new"), Entry("b", "old")));
 }
 
-// The child acknowledges every write through the pipe once the store has returned.
-[[noreturn]] void writeForEver(const std::string& path, int acknowledge) {
+// Runs in the child: acknowledges each completed write through the pipe.
+[[noreturn]] void writeForever(const std::string& path, int acknowledge) {
     Store store(path);
     for (std::uint32_t number = 1;; ++number) {
         const std::string text = std::to_string(number);
@@ -188,14 +188,14 @@ TEST(Store, RefusedWriteLeavesTheOldValuesAndALaterOneSucceeds) {
     }
 }
 
-TEST(Store, LosesNothingThatWasAcknowledgedWhenKilled) {
+TEST(Store, LosesNoAcknowledgedWriteWhenKilled) {
     const TemporaryFolder folder;
     for (unsigned round = 0; round < 200; ++round) {
         const std::string path = folder / ("s" + std::to_string(round / 40) + ".db");
         int pipe[2];
         ASSERT_EQ(::pipe(pipe), 0);
         const pid_t child = ::fork();
-        if (child == 0) writeForEver(path, pipe[1]);
+        if (child == 0) writeForever(path, pipe[1]);
         ::close(pipe[1]);
         std::uint32_t acknowledged = 0;
         for (unsigned reads = 0; reads < 1 + 7 * round; ++reads) {
@@ -212,7 +212,7 @@ TEST(Store, LosesNothingThatWasAcknowledgedWhenKilled) {
         for (const auto& [key, value] : store.load()) values.emplace(key, *value);
         const unsigned long number = std::stoul(values["number"]);
         EXPECT_GE(number, acknowledged);
-        EXPECT_LE(number, acknowledged + 1);  // one may have been stored and not acknowledged
+        EXPECT_LE(number, acknowledged + 1);  // the last one may have been stored but not acknowledged
         EXPECT_EQ(values["first"], values["last"]) << "half a transaction";
     }
 }
@@ -228,7 +228,7 @@ TEST(LogSync, SyncsOnceForManyWritesAndAgainForLaterOnes) {
     }
 }
 
-TEST(LogSync, EndsAtOnceWithASyncOutstanding) {
+TEST(LogSync, StopsAtOnceWithASyncPending) {
     const TemporaryFolder folder;
     std::ofstream(folder / "log") << "x";
     LogSync sync(folder / "log", std::chrono::hours(1));

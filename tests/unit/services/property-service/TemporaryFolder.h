@@ -1,4 +1,4 @@
-// A folder that exists as long as the object does.
+// A temporary folder, removed by the destructor.
 #pragma once
 
 #include <stdlib.h>

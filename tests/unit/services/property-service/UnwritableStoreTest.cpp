@@ -1,4 +1,4 @@
-// The start of a store on a disk that takes nothing: full, read-only, or not there.
+// Opening a store on a disk that is full, read-only or missing.
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
 
@@ -31,7 +31,7 @@ auto line(const std::string& level, const std::string& begin, const std::string&
                  Field(&fakes::LogLine::text, AllOf(StartsWith(begin), EndsWith(end))));
 }
 
-constexpr char served[] = "; settings are as they were stored, and none can be stored until the disk takes them";
+constexpr char served[] = "; stored settings can be read but not changed until the disk is writable";
 
 class UnwritableStart : public testing::Test {
  protected:
@@ -43,7 +43,7 @@ class UnwritableStart : public testing::Test {
         store.write({{"a", "1"}, {"b", "2"}});
     }
 
-    // Its start is said in one line; nothing is stored until `mend` has been called, and everything afterwards.
+    // Opening the store logs one line; writes fail until `mend` is called and succeed afterwards.
     template <typename Mend>
     void expectRefusalUntil(Mend mend, const std::string& at, const std::vector<Entry>& held) {
         {
@@ -117,7 +117,7 @@ TEST_F(UnwritableStart, OnAReadOnlyDiskReadsTheLogOfAKilledService) {
     EXPECT_THAT(Store(disk / "copy.db").load(), UnorderedElementsAre(Entry("a", "1"), Entry("b", "2")));
 }
 
-TEST_F(UnwritableStart, OnAReadOnlyDiskTakesTheBackupOfADamagedStore) {
+TEST_F(UnwritableStart, OnAReadOnlyDiskServesTheBackupOfADamagedStore) {
     makeStore();
     std::fstream(path, std::ios::in | std::ios::out | std::ios::binary).seekp(1100) << std::string(2000, 'x');
     disk.setReadOnly(true);
@@ -129,7 +129,7 @@ TEST_F(UnwritableStart, OnAReadOnlyDiskTakesTheBackupOfADamagedStore) {
     EXPECT_THAT(lines[0].text, HasSubstr("copy.db: is damaged: "));
 }
 
-TEST_F(UnwritableStart, OnAReadOnlyDiskTakesTheBackupOfAStoreThatIsGone) {
+TEST_F(UnwritableStart, OnAReadOnlyDiskServesTheBackupOfAMissingStore) {
     makeStore();
     fs::remove(path);
     disk.setReadOnly(true);
@@ -140,29 +140,29 @@ TEST_F(UnwritableStart, OnAReadOnlyDiskTakesTheBackupOfAStoreThatIsGone) {
     EXPECT_THAT(store.load(), UnorderedElementsAre(Entry("a", "1"), Entry("b", "2"), Entry("c", "3")));
 }
 
-TEST_F(UnwritableStart, OnAReadOnlyDiskWithoutAnythingReadableIsRefused) {
+TEST_F(UnwritableStart, OnAReadOnlyDiskFailsIfNothingIsReadable) {
     std::ofstream(path) << "some text that is longer than nothing";
     disk.setReadOnly(true);
     log.forget();
     try {
         const Store store(path);
-        FAIL() << "defaults and what is stored would be mixed up";
+        FAIL() << "new values would mix with the stored ones";
     } catch (const UnwritableStore& error) {
         FAIL() << error.what();
     } catch (const StoreException& error) {
-        EXPECT_EQ(error.what(), path + ": cannot be read, nor written");
+        EXPECT_EQ(error.what(), path + ": can be neither read nor written");
     }
     EXPECT_THAT(log.lines(), ElementsAre(line("error", "", "name another file with --store")));
 }
 
-TEST_F(UnwritableStart, InWhatIsNotAFolderIsRefused) {
+TEST_F(UnwritableStart, FailsIfTheFolderIsAFile) {
     std::ofstream(disk / "file") << "x";
     for (const char* name : {"file/s.db", "file/deeper/s.db"}) {
         try {
             const Store store(disk / name);
             FAIL() << name;
         } catch (const UnwritableStore& error) {
-            FAIL() << "would be served: " << error.what();
+            FAIL() << "must not be UnwritableStore: " << error.what();
         } catch (const StoreException& error) {
             EXPECT_THAT(error.what(), AllOf(StartsWith(disk / name), HasSubstr(": Not a directory")));
         }
