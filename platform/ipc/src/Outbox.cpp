@@ -60,8 +60,8 @@ void Outbox::noteAllSent() {
 }
 
 Congestion Outbox::congestion() const {
-    if (unsent_ >= maxWaiting / 2 || unsentBytes_ >= manyBytes) return Congestion::unsent;
-    if (entries_.size() >= maxWaiting / 2 || bytes_ >= manyBytes) return Congestion::unacknowledged;
+    if (unsent_ >= maxWaiting / 2 || unsentBytes_ >= congestionBytes) return Congestion::unsent;
+    if (entries_.size() >= maxWaiting / 2 || bytes_ >= congestionBytes) return Congestion::unacknowledged;
     return Congestion::none;
 }
 
