@@ -29,7 +29,7 @@ Json::Value json(const std::string& text) {
 class FlowTest : public testing::TestWithParam<std::string> {
  protected:
     flow::Row prepare() {
-        // Bound, and never listening: whoever connects is refused at once.
+        // Nothing listens on port 1, so connections to $CLOSED are refused at once.
         const flow::Row row =
             flow::readRow(GetParam(), {{"$SERVER", server_.url("")}, {"$CLOSED", "http://127.0.0.1:1"}});
         fakes::FakeProperties::Values values = tests::factoryValues();
@@ -46,8 +46,8 @@ class FlowTest : public testing::TestWithParam<std::string> {
         std::map<std::string, std::vector<fakes::HttpAnswer>> answers;
         for (const flow::Answer& answer : row.server) {
             std::string body = answer.body;
-            if (answer.manner == "encrypted") body = tests::encrypted(body);
-            if (answer.manner == "encrypted with another key") body = tests::encrypted(body, "another pass phrase");
+            if (answer.encryption == "encrypted") body = tests::encrypted(body);
+            if (answer.encryption == "encrypted with another key") body = tests::encrypted(body, "another pass phrase");
             fakes::HttpAnswer made;
             made.status = answer.status;
             made.body = body;
@@ -57,7 +57,7 @@ class FlowTest : public testing::TestWithParam<std::string> {
         return row;
     }
 
-    /// What the daemon's own parts logged; the document of the status line is kept apart.
+    /// The log lines of src/, with the document of the status line moved to document_.
     std::vector<std::string> ownLines() {
         std::vector<std::string> lines;
         for (fakes::LogLine line : phone_.log.linesOf("Core/")) {
@@ -85,7 +85,7 @@ class FlowTest : public testing::TestWithParam<std::string> {
     std::string document_;
 };
 
-TEST_P(FlowTest, EndsAsTheRowSays) {
+TEST_P(FlowTest, PassMatchesTheRow) {
     const flow::Row row = prepare();
     std::string refused;
     std::string status;
@@ -97,7 +97,7 @@ TEST_P(FlowTest, EndsAsTheRowSays) {
         } catch (const std::exception& e) {
             refused = e.what();
         }
-        // The last line of a pass that ran; a second start would be a second pass.
+        // Wait for the pass's last line before stop(), which would end the pass early.
         if (refused.empty() && !worker.isProvisioningFinished()) {
             ASSERT_TRUE(phone_.log.waitFor(
                 fakes::info("Core/ProvisioningWatchdog/ProvisioningWorker", "Provisioning Finished")));

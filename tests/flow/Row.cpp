@@ -19,10 +19,10 @@ std::string replaced(std::string text, const std::vector<std::pair<std::string, 
     return text;
 }
 
-// KEY = VALUE; the value may be empty and may hold blanks.
+// KEY = VALUE; the value may be empty and may contain spaces.
 std::pair<std::string, std::string> pairOf(const std::string& line) {
     const auto sign = line.find(" =");
-    if (sign == std::string::npos) throw std::runtime_error("no KEY = VALUE: " + line);
+    if (sign == std::string::npos) throw std::runtime_error("not KEY = VALUE: " + line);
     return {line.substr(0, sign), line.size() > sign + 3 ? line.substr(sign + 3) : ""};
 }
 
@@ -35,8 +35,8 @@ void addServerLine(std::vector<Answer>& server, const std::string& line) {
     Answer answer;
     std::istringstream words(line);
     words >> answer.path >> answer.status;
-    if (!words || answer.path.front() != '/') throw std::runtime_error("no /path STATUS: " + line);
-    std::getline(words >> std::ws, answer.manner);
+    if (!words || answer.path.front() != '/') throw std::runtime_error("not /path STATUS: " + line);
+    std::getline(words >> std::ws, answer.encryption);
     server.push_back(answer);
 }
 
@@ -77,7 +77,7 @@ Row readRow(const std::string& file, const std::vector<std::pair<std::string, st
             addLine(row, section, replaced(line, variables));
         }
     }
-    if (row.description.empty()) throw std::runtime_error(file + " does not say what it shows");
+    if (row.description.empty()) throw std::runtime_error(file + " has no description");
     return row;
 }
 

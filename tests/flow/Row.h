@@ -10,7 +10,7 @@ namespace flow {
 struct Answer {
     std::string path;
     int status = 200;
-    std::string manner;  // "", "encrypted", "encrypted with another key"
+    std::string encryption;  // "", "encrypted", "encrypted with another key"
     std::string body;
 };
 
@@ -26,10 +26,10 @@ struct Row {
     std::string refused;
 };
 
-/// The row of the file, with `variables` put in place of their names. Throws std::runtime_error for what is no row.
+/// Reads the row and replaces variables by their values. Throws std::runtime_error if the file is not a row.
 Row readRow(const std::string& file, const std::vector<std::pair<std::string, std::string>>& variables);
 
-/// The files of the folder that hold rows, sorted.
+/// The row files of the folder, sorted.
 std::vector<std::string> rowFiles(const std::string& folder);
 
 }  // namespace flow

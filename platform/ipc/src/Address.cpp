@@ -41,7 +41,7 @@ Address parseAddress(const std::string& text) {
         if (address.hasPort) port = rest.substr(1);
     } else {
         const size_t colon = text.find(':');
-        // More than one colon without brackets is an IPv6 address of its own.
+        // More than one colon without brackets is an IPv6 address without a port.
         address.hasPort = colon != std::string::npos && text.find(':', colon + 1) == std::string::npos;
         address.host = address.hasPort ? text.substr(0, colon) : text;
         if (address.hasPort) port = text.substr(colon + 1);
@@ -68,7 +68,7 @@ std::vector<std::string> resolve(const Address& address, std::string& failure) {
     } else {
         failure = gai_strerror(result);
     }
-    // A device whose hosts file is damaged still reaches its own broker.
+    // A phone with a damaged hosts file must still reach its own broker.
     if (numeric.empty() && address.host == "localhost") numeric.emplace_back("127.0.0.1");
     return numeric;
 }

@@ -8,7 +8,7 @@
 
 namespace ipc {
 
-/// The numeric addresses of the host, in the order to try; empty, and `failure` filled, when it has none.
+/// The numeric addresses of the host, in the order to try. If it has none, the result is empty and `failure` is set.
 std::vector<std::string> resolve(const Address& address, std::string& failure);
 
 }  // namespace ipc

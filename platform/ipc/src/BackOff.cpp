@@ -5,8 +5,8 @@
 namespace ipc {
 
 BackOff::Duration BackOff::next(Duration held, Loss loss) {
-    if (held >= settled) pause_ = firstPause;
-    if (held >= undisputed) takeoverPause_ = Duration{0};
+    if (held >= resetAfter) pause_ = firstPause;
+    if (held >= takeoverResetAfter) takeoverPause_ = Duration{0};
     if (loss == Loss::plain) {
         const Duration pause = pause_;
         pause_ = std::min(2 * pause_, longestPause);

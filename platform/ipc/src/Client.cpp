@@ -34,12 +34,12 @@ Client::~Client() {
 void Client::connect(const std::string& host) {
     {
         const common::LockGuard lock(mutex_);
-        if (state_ != State::fresh) throw IPCException("The bus client connects once only");
+        if (state_ != State::fresh) throw IPCException("The bus client cannot connect twice");
         state_ = State::connecting;
     }
     requests_.connecting();
     try {
-        // Answers are not retained, and one that nobody waits for any more is not to be queued either.
+        // Quality 0: the broker must not queue answers whose request has ended meanwhile.
         connection_.subscribe(replyTopic_, 0, MQTT_SUB_OPT_SEND_RETAIN_NEVER);
         connection_.open(host.empty() ? host_ : host, false);
         connection_.waitUntilReady();
@@ -72,7 +72,7 @@ void Client::disconnect() {
     }
     connection_.dropSession();
     for (const Route& route : routes) connection_.unsubscribe(route.subscription);
-    for (const auto& delivery : ended) delivery->askToStop();
+    for (const auto& delivery : ended) delivery->requestStop();
     for (const auto& delivery : ended) delivery->stop();
 }
 
@@ -106,7 +106,7 @@ void Client::subscribe(const std::string& topicFilter, IIPCCallback& callback) {
     }
 }
 
-/// The queue for the connection's events: the one that the callback object has already, or a new one.
+/// The callback object's queue for connection events; a new one if it has none.
 std::shared_ptr<Delivery> Client::eventsFor(IIPCCallback& callback) {
     {
         const common::LockGuard lock(mutex_);
@@ -123,7 +123,7 @@ std::shared_ptr<Delivery> Client::eventsOf(const IIPCCallback& callback) const {
     return nullptr;
 }
 
-/// Returns the state in which the route was added, or was not: disconnected.
+/// Returns the state at that moment; if it is `disconnected`, the route was not added.
 Client::State Client::addRoute(const Route& route, const std::shared_ptr<Delivery>& events) {
     const common::LockGuard lock(mutex_);
     if (state_ == State::disconnected) return state_;
@@ -132,8 +132,8 @@ Client::State Client::addRoute(const Route& route, const std::shared_ptr<Deliver
     return state_;
 }
 
-/// Returns the queue of connection events that nobody needs any more: a callback object that serves no subscription
-/// may be gone by the next loss.
+/// Returns the callback object's queue of connection events if this was its last route: the object may be destroyed
+/// before the next loss.
 std::shared_ptr<Delivery> Client::dropRoute(const std::shared_ptr<Delivery>& delivery) {
     const common::LockGuard lock(mutex_);
     const auto serves = [&](const Route& each) { return &each.delivery->callback() == &delivery->callback(); };
@@ -159,7 +159,7 @@ void Client::publish(const std::string& topic, const std::string& payload, int q
 
 void Client::watchPresence(const std::string& statusTopic) {
     if (!requests_.watch(statusTopic)) return;
-    // Quality 0: what the service said during a cut is out of date, the retained word counts.
+    // Quality 0: after a connection loss only the retained presence counts, not those published meanwhile.
     connection_.subscribe(statusTopic, 0, MQTT_SUB_OPT_SEND_RETAIN_ALWAYS);
 }
 
@@ -195,7 +195,7 @@ bool Client::messageArrived(const Incoming& message) {
     if (message.topic == replyTopic_) requests_.answerArrived(message.correlationData(), message.payload);
     requests_.presenceArrived(message.topic, message.payload);
     const common::LockGuard lock(mutex_);
-    // The broker sends a copy for each subscription that matches, and names it: so filters may overlap.
+    // The broker sends one copy for each matching subscription and names it, so filters may overlap.
     const bool named = message.forEachSubscription([&](std::uint32_t subscription) {
         mutex_.assertHeld();
         for (const Route& route : routes_) {

@@ -1,7 +1,7 @@
-// The bus client over one Connection: subscriptions and the deliveries to their callbacks. Requests are in Requests.
+// The bus client over one Connection: subscriptions and deliveries to their callbacks. Requests are in Requests.
 //
 // Threads: the network thread hands messages to deliveries and answers to requests, and runs no callback.
-// Lock order: Connection's mutex before mutex_; so no operation of the connection is called with mutex_ held.
+// Lock order: Connection's mutex before mutex_, so never call the connection with mutex_ held.
 #pragma once
 
 #include <chrono>
@@ -66,7 +66,7 @@ class Client final : public IIPCClient, private ConnectionListener {
     common::Mutex mutex_;
     State state_ GUARDED_BY(mutex_) = State::fresh;
     std::vector<Route> routes_ GUARDED_BY(mutex_);
-    Deliveries events_ GUARDED_BY(mutex_);  // of the connection, one for each callback object
+    Deliveries events_ GUARDED_BY(mutex_);  // connection events, one queue for each callback object
 
     Requests requests_;  // has its own mutex
 

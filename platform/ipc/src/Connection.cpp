@@ -10,7 +10,7 @@ namespace ipc {
 
 namespace {
 
-constexpr std::chrono::milliseconds flushTime{500};
+constexpr std::chrono::milliseconds flushTimeout{500};
 
 bool isConnectionFailure(int result) {
     return result == MOSQ_ERR_NO_CONN || result == MOSQ_ERR_CONN_LOST || result == MOSQ_ERR_ERRNO;
@@ -22,7 +22,7 @@ Connection::Connection(Options options, ConnectionListener& listener)
     : options_(std::move(options)),
       listener_(listener),
       keepSession_(options_.keepSession),
-      log_(options_.logsItself ? ConnectionLoss::Voice::speaks : ConnectionLoss::Voice::silent, options_.clientId) {}
+      log_(options_.logsEvents ? ConnectionLoss::Logging::on : ConnectionLoss::Logging::off, options_.clientId) {}
 
 Connection::~Connection() { close(); }
 
@@ -35,7 +35,7 @@ void Connection::open(const std::string& host, bool forEver) {
 void Connection::waitUntilReady() {
     const std::string broker = address_.host + ":" + std::to_string(address_.port);
     const common::LockGuard lock(mutex_);
-    // The thread keeps to the same limit; the second more is for a name look-up that it cannot interrupt.
+    // The thread has the same limit. The extra second is for a name look-up, which it cannot interrupt.
     const auto limit = Clock::now() + connectTimeout + std::chrono::seconds(1);
     const auto decided = [this]() REQUIRES(mutex_) { return state_ == State::ready || state_ == State::ended; };
     if (!changed_.waitUntil(mutex_, limit, decided)) {
@@ -50,7 +50,7 @@ void Connection::close() {
         const common::LockGuard lock(mutex_);
         if (isUp() && !isClosing()) {
             if (!options_.statusTopic.empty()) enqueue({options_.statusTopic, "offline", 1, {}, {}}, true);
-            closeDeadline_ = Clock::now() + flushTime;
+            closeDeadline_ = Clock::now() + flushTimeout;
             state_ = State::flushing;
         } else if (!isClosing()) {
             state_ = State::ended;
@@ -66,9 +66,9 @@ void Connection::dropSession() {
     keepSession_ = false;
 }
 
-void Connection::sendTogether() {
+void Connection::cork() {
     const common::LockGuard lock(mutex_);
-    if (link_) link_->sendTogether();
+    if (link_) link_->cork();
 }
 
 void Connection::resumeReading() {
@@ -88,12 +88,12 @@ bool Connection::publish(const Message& message) {
     const bool isKept = message.qualityOfService > 0;
     if (!isKept && !isUp()) return false;
     if (isKept ? outbox_.isFull() : outbox_.isSocketFull()) {
-        throw IPCException("Too many messages wait for the broker");
+        throw IPCException("Too many messages are queued for the broker");
     }
     if (isKept) {
         if (!enqueue(message, false)) {
             outbox_.dropRefused();
-            throw IPCException("The broker takes no such message: \"" + std::string(message.topic) + "\"");
+            throw IPCException("The broker does not accept the message on \"" + std::string(message.topic) + "\"");
         }
         return true;
     }
@@ -116,14 +116,14 @@ void Connection::send(Outbox::Entry& entry) {
     const int result = link_->publish(message, entry.retain, &entry.identifier);
     noteWritten(sizeOf(message));
     if (result == MOSQ_ERR_SUCCESS || isConnectionFailure(result)) return;
-    // It will never be sent; nothing else may wait behind it.
+    // It can never be sent, so it must not block later messages.
     dbg::Debug::error() << "Cannot publish on " << entry.topic << ": " << mosquitto_strerror(result) << std::endl;
     entry.identifier = Outbox::Entry::refused;
 }
 
-/// libmosquitto writes at once; what the socket did not take is the network thread's to write.
+/// libmosquitto writes at once; the network thread writes the rest when the socket is full.
 void Connection::noteWritten(std::size_t bytes) {
-    if (!link_->isBehind()) {
+    if (!link_->hasPendingWrites()) {
         outbox_.noteAllSent();
         return;
     }
@@ -136,7 +136,7 @@ Congestion Connection::congestion() {
     return outbox_.congestion();
 }
 
-std::size_t Connection::unsettled() {
+std::size_t Connection::outstanding() {
     const common::LockGuard lock(mutex_);
     return isUp() ? outbox_.unsent() + outbox_.size() : 0;
 }
@@ -159,7 +159,7 @@ void Connection::sendSubscription(std::uint32_t identifier) {
     const int result = link_->subscribe(wanted.filter, wanted.qualityOfService, wanted.retained, identifier, &message);
     noteWritten(0);
     if (result == MOSQ_ERR_SUCCESS) {
-        subscriptions_.asked(identifier, message);
+        subscriptions_.sent(identifier, message);
     } else if (!isConnectionFailure(result)) {
         subscriptions_.refuse(identifier, mosquitto_strerror(result));
     }

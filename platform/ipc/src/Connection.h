@@ -1,5 +1,5 @@
-// One connection to the broker that keeps itself alive; the bus client and the bus service are both built on it. It
-// subscribes again and sends again what the broker has not acknowledged, on every connection.
+// A connection to the broker that reconnects by itself; the bus client and the bus service are built on it. On every
+// new connection it subscribes again and resends the messages that the broker has not acknowledged.
 //
 //     idle ──open──▶ connecting ◀──time is up── pausing
 //                     │      └────failed──────▶  ▲ ▲
@@ -11,12 +11,12 @@
 //                   ready ───────────lost──────────┘
 //
 //     close:  subscribing, ready ──▶ flushing ──▶ ended,  any other ──▶ ended
-//     a first attempt that fails, unless it is to be retried:  connecting ──▶ ended
+//     the first attempt fails and must not be retried:  connecting ──▶ ended
 //
 // Threads: one network thread opens, reads and closes; it alone waits on the socket. Every operation may be called from
-// any thread: one mutex guards the link and all state, and is never held over anything that waits. The listener is
-// called on the network thread with that mutex held, but for `roundEnded`: it must not call back into the connection,
-// run user code or wait.
+// any thread: one mutex guards the link and all state, and is never held while waiting. The listener is called on the
+// network thread with that mutex held, except for `roundEnded`: it must not call back into the connection, run user
+// code or wait.
 #pragma once
 
 #include <chrono>
@@ -45,14 +45,14 @@ class ConnectionListener {
 
     /// The broker has accepted the connection and answered every subscription.
     virtual void connectionReady() = 0;
-    /// A connection that was accepted is gone.
+    /// An accepted connection was lost.
     virtual void connectionLost(const std::string& cause) = 0;
-    /// Returns whether to go on reading; if not, nothing comes before `resumeReading`.
+    /// Returns whether to continue reading; if not, no message arrives before `resumeReading`.
     virtual bool messageArrived(const Incoming& message) = 0;
-    /// What had come is delivered. Called without the mutex: here the listener may use the connection and take its
-    /// time, while nothing more is read.
+    /// All messages read so far are delivered. Called without the mutex: here the listener may use the connection and
+    /// may block; nothing is read meanwhile.
     virtual void roundEnded() {}
-    /// The broker has a message that was published with quality of service 1.
+    /// The broker has acknowledged a message published with quality of service 1.
     virtual void messageAcknowledged(const std::string& topic) = 0;
 };
 
@@ -63,9 +63,9 @@ class Connection : private LinkListener {
     struct Options {
         std::string clientId;
         std::string userName;      // for the broker's access list; without a password
-        bool keepSession = false;  // an hour over a cut; else every connection starts clean
-        std::string statusTopic;   // when set: "online" and "offline" are kept there, retained
-        bool logsItself = false;   // its losses and returns, when there is nobody to tell
+        bool keepSession = false;  // for an hour after a loss; else every connection starts clean
+        std::string statusTopic;   // if set, "online" and "offline" are published there, retained
+        bool logsEvents = false;   // logs connections and losses; for an owner without callbacks
     };
 
     static constexpr std::chrono::seconds connectTimeout{5};
@@ -75,62 +75,61 @@ class Connection : private LinkListener {
     Connection& operator=(const Connection&) = delete;
     ~Connection() override;
 
-    /// Starts the network thread. With `forEver` it tries until it is closed; otherwise a first attempt that fails
-    /// is the last. Throws IPCException if the address is invalid.
+    /// Starts the network thread. With `forEver` it retries until it is closed; otherwise it gives up if the first
+    /// attempt fails. Throws IPCException if the address is invalid.
     void open(const std::string& host, bool forEver);
 
-    /// Waits until every subscription is answered. Throws IPCException when the first attempt fails or takes too long,
-    /// or a subscription is refused.
+    /// Waits until every subscription is answered. Throws IPCException if the first attempt fails or takes too long, or
+    /// if a subscription is refused.
     void waitUntilReady() EXCLUDES(mutex_);
 
-    /// Sends what is still to be sent as far as the broker takes it within half a second, says goodbye, ends the
-    /// thread. Repeatable.
+    /// Sends pending messages for at most half a second, disconnects and ends the thread. Idempotent.
     void close() EXCLUDES(mutex_);
 
-    /// Returns false when it was not sent: quality 0 while there is no connection. Quality 1 is always kept until it
-    /// is acknowledged. Throws IPCException for a topic or payload that MQTT does not allow, and when too many wait.
+    /// Returns false if it was not sent: quality 0 without a connection. Quality 1 is kept until it is acknowledged.
+    /// Throws IPCException if the topic or the payload is invalid, or if too many messages are queued.
     bool publish(const Message& message) EXCLUDES(mutex_);
 
     Congestion congestion() EXCLUDES(mutex_);
 
-    /// How many messages the broker has yet to take or to acknowledge; 0 without a connection.
-    std::size_t unsettled() EXCLUDES(mutex_);
+    /// The number of messages not yet sent or not yet acknowledged; 0 without a connection.
+    std::size_t outstanding() EXCLUDES(mutex_);
 
-    /// Inside `roundEnded`: what is published from here to its end leaves in as few segments as possible.
-    void sendTogether() EXCLUDES(mutex_);
+    /// Inside `roundEnded`: messages published from here to its end are sent in as few TCP segments as possible.
+    void cork() EXCLUDES(mutex_);
 
-    /// The identifier that the broker names in messages for the filter. `retained` is one of
-    /// MQTT_SUB_OPT_SEND_RETAIN_…. `registered` is called with it before the first message can come, as the listener is
-    /// called: with the mutex held. Throws IPCException if the filter is invalid.
+    /// Returns the subscription identifier, which the broker names in messages for the filter. `retained` is one of
+    /// MQTT_SUB_OPT_SEND_RETAIN_…. `registered` is called with the identifier before the first message can arrive, with
+    /// the mutex held as for the listener. Throws IPCException if the filter is invalid.
     std::uint32_t subscribe(const std::string& filter, int qualityOfService, int retained,
                             const std::function<void(std::uint32_t)>& registered = {}) EXCLUDES(mutex_);
-    /// Waits for the broker's answer, 5 s at most. Throws IPCException when it refuses or does not answer.
+    /// Waits at most 5 s for the broker's answer. Throws IPCException if it refuses or does not answer.
     void waitForSubscription(std::uint32_t identifier) EXCLUDES(mutex_);
     void unsubscribe(std::uint32_t identifier) EXCLUDES(mutex_);
 
-    /// From now on a lost session is not taken up again.
+    /// From now on a reconnection does not resume the session.
     void dropSession() EXCLUDES(mutex_);
 
     void resumeReading() EXCLUDES(mutex_);
 
  private:
     enum class State { idle, connecting, subscribing, ready, pausing, flushing, ended };
-    /// How far any connection has come.
-    enum class Best { nothing, accepted, ready };
+    /// The furthest state that any connection has reached.
+    enum class Milestone { none, accepted, ready };
 
-    /// Whether there is a link on which messages may go out.
+    /// Whether there is a link that may send messages.
     bool isUp() const REQUIRES(mutex_) {
         return state_ == State::subscribing || state_ == State::ready || state_ == State::flushing;
     }
     bool isClosing() const REQUIRES(mutex_) { return state_ == State::flushing || state_ == State::ended; }
 
-    // On the network thread: one attempt after another, and the rounds of one.
+    // On the network thread.
     void run() EXCLUDES(mutex_);
     BackOff::Loss attempt() REQUIRES(mutex_);
     std::unique_ptr<Link> dial(const std::string& numericAddress) REQUIRES(mutex_);
     void pump() REQUIRES(mutex_);
-    bool mayGoOn() REQUIRES(mutex_);
-    bool mayGoOnFlushing(Clock::time_point now) REQUIRES(mutex_);
+    bool shouldContinue() REQUIRES(mutex_);
+    bool shouldKeepFlushing(Clock::time_point now) REQUIRES(mutex_);
     short waitForEvents() REQUIRES(mutex_);
     void serve(short events) REQUIRES(mutex_);
     void beginSubscribing() REQUIRES(mutex_);
@@ -159,7 +158,7 @@ class Connection : private LinkListener {
     common::Mutex mutex_;
     common::ConditionVariable changed_;
     State state_ GUARDED_BY(mutex_) = State::idle;
-    Best best_ GUARDED_BY(mutex_) = Best::nothing;
+    Milestone reached_ GUARDED_BY(mutex_) = Milestone::none;
     bool keepSession_ GUARDED_BY(mutex_);
     std::unique_ptr<Link> link_ GUARDED_BY(mutex_) PT_GUARDED_BY(mutex_);  // replaced by the network thread only
     std::string failure_ GUARDED_BY(mutex_);                               // why the last link failed or ended

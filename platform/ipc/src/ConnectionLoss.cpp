@@ -6,15 +6,16 @@
 
 namespace ipc {
 
-ConnectionLoss::ConnectionLoss(Voice voice, std::string clientId) : voice_(voice), clientId_(std::move(clientId)) {}
+ConnectionLoss::ConnectionLoss(Logging logging, std::string clientId)
+    : logging_(logging), clientId_(std::move(clientId)) {}
 
 void ConnectionLoss::connected() {
     lastLoggedFailure_.clear();
-    if (voice_ == Voice::speaks) dbg::Debug::info() << "Connected to the broker" << std::endl;
+    if (logging_ == Logging::on) dbg::Debug::info() << "Connected to the broker" << std::endl;
 }
 
 void ConnectionLoss::lost(BackOff::Loss loss, const std::string& cause) {
-    if (voice_ == Voice::silent) return;
+    if (logging_ == Logging::off) return;
     switch (loss) {
         case BackOff::Loss::takeover:
             dbg::Debug::error() << "Another " << clientId_
@@ -31,10 +32,10 @@ void ConnectionLoss::lost(BackOff::Loss loss, const std::string& cause) {
 }
 
 void ConnectionLoss::failed(const Address& broker, const std::string& cause) {
-    if (voice_ == Voice::silent || cause == lastLoggedFailure_) return;
+    if (logging_ == Logging::off || cause == lastLoggedFailure_) return;
     lastLoggedFailure_ = cause;
     dbg::Debug::warning() << "Cannot connect to the broker at " << broker.host << ":" << broker.port << ": " << cause
-                          << "; trying again" << std::endl;
+                          << "; retrying" << std::endl;
 }
 
 }  // namespace ipc

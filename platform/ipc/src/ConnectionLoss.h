@@ -1,5 +1,5 @@
-// What a connection that has nobody to tell logs about its returns, its losses, and why it cannot connect: each reason
-// once, until the next return. Used by the connection's network thread only.
+// Logs connections, losses and failed attempts of a connection. The reason of a failure is logged once until the next
+// connection. Used by the connection's network thread only.
 #pragma once
 
 #include <string>
@@ -11,17 +11,17 @@ namespace ipc {
 
 class ConnectionLoss {
  public:
-    /// A silent one logs nothing, for a connection whose owner is told.
-    enum class Voice { silent, speaks };
+    /// `off` is for a connection whose owner is told about losses.
+    enum class Logging { off, on };
 
-    ConnectionLoss(Voice voice, std::string clientId);
+    ConnectionLoss(Logging logging, std::string clientId);
 
     void connected();
     void lost(BackOff::Loss loss, const std::string& cause);
     void failed(const Address& broker, const std::string& cause);
 
  private:
-    const Voice voice_;
+    const Logging logging_;
     const std::string clientId_;
     std::string lastLoggedFailure_;
 };

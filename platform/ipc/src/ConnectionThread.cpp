@@ -18,9 +18,9 @@ namespace {
 using std::chrono::milliseconds;
 
 constexpr std::uint32_t sessionSeconds = 3600;
-// A broker that dies closes its connections a moment before, or after, it stops listening.
-constexpr milliseconds dyingTime{50};
-constexpr int firstRefusal = 128;  // of MQTT's reasons
+// A broker that exits closes its connections shortly before or after it stops listening.
+constexpr milliseconds brokerExitTime{50};
+constexpr int firstRefusal = 128;  // MQTT reason codes from here on are errors
 
 }  // namespace
 
@@ -30,7 +30,7 @@ void Connection::run() {
     while (!isClosing()) {
         state_ = State::connecting;
         const BackOff::Loss loss = attempt();
-        if (isClosing() || (best_ == Best::nothing && !forEver_)) break;
+        if (isClosing() || (reached_ == Milestone::none && !forEver_)) break;
         state_ = State::pausing;
         changed_.waitFor(mutex_, backOff.next(held(), loss), [this]() REQUIRES(mutex_) { return isClosing(); });
     }
@@ -44,7 +44,7 @@ milliseconds Connection::held() const {
     return std::chrono::duration_cast<milliseconds>(Clock::now() - readySince_);
 }
 
-/// One connection from the look-up of the broker's name to its end. Returns how it was lost.
+/// One connection from the name look-up to its end. Returns how it was lost.
 BackOff::Loss Connection::attempt() {
     failure_.clear();
     readyDeadline_ = Clock::now() + connectTimeout;
@@ -56,7 +56,7 @@ BackOff::Loss Connection::attempt() {
         addresses = resolve(address_, unresolved);
     }
     if (addresses.empty()) failure_ = unresolved;
-    std::string notABroker;
+    std::string notABrokerReason;
     for (const std::string& address : addresses) {
         if (isClosing()) return BackOff::Loss::plain;
         link_ = dial(address);
@@ -68,11 +68,11 @@ BackOff::Loss Connection::attempt() {
         link_.reset();
         if (isClosing()) break;
         if (stage == Link::Stage::silent || stage == Link::Stage::answering) {
-            notABroker = "what listens there did not answer as an MQTT broker (" + failure_ + ")";
+            notABrokerReason = "it is not an MQTT v5 broker (" + failure_ + ")";
         }
     }
-    // The next address may have nobody listening at all, which tells less.
-    if (!notABroker.empty()) failure_ = notABroker;
+    // A refused connection on the next address would be a less useful reason.
+    if (!notABrokerReason.empty()) failure_ = notABrokerReason;
     if (isClosing()) {
         state_ = State::ended;
     } else {
@@ -81,13 +81,13 @@ BackOff::Loss Connection::attempt() {
     return BackOff::Loss::plain;
 }
 
-/// Null when it failed, for the reason in `failure_`, or is to end.
+/// Returns null if it failed, for the reason in `failure_`, or if the connection is closing.
 std::unique_ptr<Link> Connection::dial(const std::string& numericAddress) {
     Link::Options options{options_.clientId, options_.userName, options_.statusTopic, true, 0};
-    // What was queued for us during a cut is to arrive, but nothing of the process before this one.
-    options.cleanStart = !keepSession_ || best_ == Best::nothing;
+    // Messages queued for this process must arrive after a connection loss, but not those for an earlier process.
+    options.cleanStart = !keepSession_ || reached_ == Milestone::none;
     options.sessionSeconds = keepSession_ ? sessionSeconds : 0;
-    // libmosquitto's own connect would block for minutes where packets vanish; so ask first, with a time-out.
+    // libmosquitto's own connect blocks for minutes if packets are dropped, so probe first with a time-out.
     std::optional<std::string> probed;
     while (!probed) {
         waker_.drain();
@@ -114,13 +114,13 @@ std::unique_ptr<Link> Connection::dial(const std::string& numericAddress) {
     return link;
 }
 
-/// Returns when the link is over, or is to end.
+/// Runs rounds until the link has ended or the connection is closing.
 void Connection::pump() {
-    while (mayGoOn()) {
+    while (shouldContinue()) {
         const short events = waitForEvents();
         link_->beginRound();
-        // Each acknowledgement that is read lets libmosquitto send another message that waits.
-        if (outbox_.size() > 1) link_->sendTogether();
+        // Each acknowledgement read lets libmosquitto send another queued message.
+        if (outbox_.size() > 1) link_->cork();
         serve(events);
         {
             const common::UnlockGuard unlocked(mutex_);
@@ -130,10 +130,10 @@ void Connection::pump() {
     }
 }
 
-bool Connection::mayGoOn() {
+bool Connection::shouldContinue() {
     if (state_ == State::ended || link_->isOver()) return false;
     const auto now = Clock::now();
-    if (state_ == State::flushing) return mayGoOnFlushing(now);
+    if (state_ == State::flushing) return shouldKeepFlushing(now);
     if (state_ == State::ready || now < readyDeadline_) return true;
     link_->fail(link_->stage() == Link::Stage::accepted
                     ? "the broker does not answer"
@@ -141,10 +141,10 @@ bool Connection::mayGoOn() {
     return false;
 }
 
-bool Connection::mayGoOnFlushing(Clock::time_point now) {
-    const bool flushed = outbox_.isEmpty() && !link_->isBehind();
+bool Connection::shouldKeepFlushing(Clock::time_point now) {
+    const bool flushed = outbox_.isEmpty() && !link_->hasPendingWrites();
     if (!flushed && now < closeDeadline_) return true;
-    // What could not say "offline" itself leaves that to its last will.
+    // If "offline" could not be sent, the broker must publish the last will.
     link_->disconnect(!outbox_.isEmpty());
     return false;
 }
@@ -164,19 +164,19 @@ short Connection::waitForEvents() {
 
 void Connection::serve(short events) {
     const bool goesOn = link_->serve(events);
-    if (!link_->isBehind()) outbox_.noteAllSent();
+    if (!link_->hasPendingWrites()) outbox_.noteAllSent();
     if (!goesOn) return;
-    // Here and not in the callbacks, inside which libmosquitto sends nothing.
+    // Not in the callbacks: libmosquitto sends nothing inside them.
     if (state_ == State::connecting && link_->stage() == Link::Stage::accepted) beginSubscribing();
     if (state_ == State::subscribing && subscriptions_.isSettled()) becomeReady();
 }
 
 void Connection::beginSubscribing() {
     state_ = State::subscribing;
-    if (best_ == Best::nothing) best_ = Best::accepted;
+    if (reached_ == Milestone::none) reached_ = Milestone::accepted;
     outbox_.limitUnacknowledged(link_->receiveMaximum());
     for (const auto& each : subscriptions_.all()) sendSubscription(each.first);
-    // The presence of an earlier connection is out of date, and "online" would come before we can be asked.
+    // A presence from an earlier connection is stale, and "online" must not be sent before the subscriptions.
     if (!options_.statusTopic.empty()) outbox_.dropTopic(options_.statusTopic);
     for (Outbox::Entry& entry : outbox_.entries()) send(entry);
     outbox_.dropRefused();
@@ -184,7 +184,7 @@ void Connection::beginSubscribing() {
 
 void Connection::becomeReady() {
     state_ = State::ready;
-    best_ = Best::ready;
+    reached_ = Milestone::ready;
     readySince_ = Clock::now();
     if (!options_.statusTopic.empty()) enqueue({options_.statusTopic, "online", 1, {}, {}}, true);
     log_.connected();
@@ -194,7 +194,7 @@ void Connection::becomeReady() {
 
 // ---- losses ----
 
-/// Says why a connection that was up is gone, and returns the kind of loss.
+/// Reports why an established connection was lost, and returns the kind of loss.
 BackOff::Loss Connection::afterLoss(const std::string& numericAddress) {
     BackOff::Loss loss = link_->loss();
     const bool closedByPeer = link_->isClosedByPeer();
@@ -213,20 +213,20 @@ BackOff::Loss Connection::afterLoss(const std::string& numericAddress) {
     return loss;
 }
 
-/// Not every broker tells a client that it gives its session to another one: some close the connection without a word.
-/// One that dies or is restarted does so too, but does not listen all the while.
+/// Some brokers close the connection without a reason when another client takes the session over. A broker that exits
+/// or restarts does so too, but then it stops listening.
 bool Connection::suspectsTakeover(const std::string& numericAddress) {
-    for (const milliseconds pause : {milliseconds(0), dyingTime}) {
+    for (const milliseconds pause : {milliseconds(0), brokerExitTime}) {
         if (changed_.waitFor(mutex_, pause, [this]() REQUIRES(mutex_) { return isClosing(); })) return false;
         waker_.drain();
         const common::UnlockGuard unlocked(mutex_);
-        const auto refusal = probe(numericAddress, address_.port, Clock::now() + dyingTime, waker_.descriptor());
+        const auto refusal = probe(numericAddress, address_.port, Clock::now() + brokerExitTime, waker_.descriptor());
         if (!refusal || !refusal->empty()) return false;
     }
     return true;
 }
 
-// ---- what the link hears, with mutex_ held ----
+// ---- the link's callbacks, with mutex_ held ----
 
 void Connection::acknowledged(int identifier, int reason) {
     mutex_.assertHeld();
@@ -244,8 +244,8 @@ void Connection::subscribed(int identifier, const std::string& refusal) {
     mutex_.assertHeld();
     const auto* const wanted = subscriptions_.answered(identifier, refusal);
     if (wanted == nullptr) return;
-    // The first time, and for a later `subscribe`, somebody waits for the answer; otherwise the log is the one to tell.
-    const bool waitedFor = !options_.logsItself && (state_ == State::ready || best_ != Best::ready);
+    // `connect` and `subscribe` report a refusal to their caller; after a reconnection only the log can.
+    const bool waitedFor = !options_.logsEvents && (state_ == State::ready || reached_ != Milestone::ready);
     if (!refusal.empty() && !waitedFor) {
         dbg::Debug::error() << "The broker refuses the subscription " << wanted->filter << ": " << refusal << std::endl;
     }

@@ -32,8 +32,8 @@ void Delivery::put(Kind kind, std::string_view text, std::string_view content) {
     }
     changed_.notifyOne();
     if (warn) {
-        dbg::Debug::warning() << "Messages for \"" << name_ << "\" come faster than they are handled; the oldest go"
-                              << std::endl;
+        dbg::Debug::warning() << "Messages for \"" << name_
+                              << "\" arrive faster than they are handled; dropping the oldest" << std::endl;
     }
 }
 
@@ -62,7 +62,7 @@ Delivery::Item Delivery::take() {
     Item item = std::move(items_.front());
     items_.pop_front();
     bytes_ -= item.text.size() + item.content.size();
-    // Half empty again: the next overflow is another one, and warns again.
+    // Warn about the next overflow only once the queue has been half empty.
     if (items_.size() < maxItems / 2 && bytes_ < maxBytes / 2) overflowing_ = false;
     return item;
 }
@@ -87,7 +87,7 @@ void Delivery::call(const Item& item) noexcept {
     }
 }
 
-void Delivery::askToStop() {
+void Delivery::requestStop() {
     {
         const common::LockGuard lock(mutex_);
         stopping_ = true;
@@ -98,7 +98,7 @@ void Delivery::askToStop() {
 }
 
 void Delivery::stop() {
-    askToStop();
+    requestStop();
     const common::LockGuard lock(joining_);
     if (thread_.joinable()) thread_.join();
 }

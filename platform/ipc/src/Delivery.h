@@ -1,7 +1,7 @@
-// One bounded queue and the thread that empties it into a callback object. Each subscription has one, and each
-// callback object has one for what concerns the connection.
+// A bounded queue and the thread that delivers it to a callback object. Each subscription has one, and each callback
+// object has one for connection events.
 //
-// Threads: the network thread puts in and never waits; only the delivery's own thread calls the callback.
+// Threads: the network thread enqueues and never waits; only the delivery's own thread calls the callback.
 #pragma once
 
 #include <cstddef>
@@ -17,11 +17,11 @@ namespace ipc {
 
 class Delivery {
  public:
-    /// Beyond either limit the oldest goes; the newest always stays.
+    /// Beyond either limit the oldest items are dropped; the newest is always kept.
     static constexpr std::size_t maxItems = 10000;
     static constexpr std::size_t maxBytes = std::size_t{32} * 1024 * 1024;
 
-    /// `name` is what the overflow warning calls the queue. Starts the thread; throws IPCException if it cannot.
+    /// `name` names the queue in log lines. Starts the thread; throws IPCException if it cannot.
     Delivery(std::string name, IIPCCallback& callback);
     Delivery(const Delivery&) = delete;
     Delivery& operator=(const Delivery&) = delete;
@@ -31,11 +31,11 @@ class Delivery {
     void connectionLost(std::string_view cause);
     void deliveryComplete(std::string_view topic);
 
-    /// Drops what is queued and returns when no callback runs any more. Not on the delivery's own thread.
+    /// Drops queued items and waits for a running callback. Must not be called on the delivery's own thread.
     void stop();
 
-    /// Lets the thread finish what it has in hand, without waiting for it: several queues can end side by side.
-    void askToStop();
+    /// The same without waiting, so that several queues can stop in parallel.
+    void requestStop();
 
     bool isOwnThread() const { return std::this_thread::get_id() == threadId_; }
     IIPCCallback& callback() const { return callback_; }
@@ -49,7 +49,7 @@ class Delivery {
     };
 
     void put(Kind kind, std::string_view text, std::string_view content);
-    /// Returns whether that began an overflow.
+    /// Returns whether an overflow has just begun.
     bool trim() REQUIRES(mutex_);
     void run();
     Item take() REQUIRES(mutex_);

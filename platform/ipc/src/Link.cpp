@@ -47,7 +47,7 @@ bool Link::isOver() const { return !failure_.empty() || descriptor() < 0; }
 
 std::string Link::failure() const {
     if (!failure_.empty() || descriptor() >= 0) return failure_;
-    return stage_ == Stage::accepted ? lossText(MOSQ_ERR_CONN_LOST, 0) : noBrokerText(MOSQ_ERR_CONN_LOST, 0);
+    return stage_ == Stage::accepted ? lossText(MOSQ_ERR_CONN_LOST, 0) : handshakeFailureText(MOSQ_ERR_CONN_LOST, 0);
 }
 
 void Link::fail(const std::string& cause) {
@@ -92,26 +92,26 @@ void Link::disconnect(bool will) {
 }
 
 void Link::noteWrite() {
-    if (!isBehind()) wrote_ = true;
+    if (!hasPendingWrites()) wrote_ = true;
 }
 
 // ---- the loop ----
 
 short Link::eventsToAwait(bool readAnyway) const {
     const bool reads = readAnyway || !readingPaused_;
-    return static_cast<short>((reads ? POLLIN : 0) | (isBehind() ? POLLOUT : 0));
+    return static_cast<short>((reads ? POLLIN : 0) | (hasPendingWrites() ? POLLOUT : 0));
 }
 
 void Link::beginRound() { wrote_ = false; }
 
 bool Link::serve(short events) {
     mosquitto* const handle = handle_.get();
-    if (!beginsAsBroker()) return false;
+    if (!startsWithConnack()) return false;
     int result = MOSQ_ERR_SUCCESS;
-    // On a socket that the broker has closed a write would fail before its last word, the reason, is read.
+    // On a closed socket a write would fail before the broker's DISCONNECT, which has the reason, is read.
     const bool closed = (events & (POLLERR | POLLHUP)) != 0;
     if ((events & POLLOUT) != 0 && !closed) result = mosquitto_loop_write(handle, 1);
-    if (result == MOSQ_ERR_SUCCESS && (events & (POLLIN | POLLERR | POLLHUP)) != 0) result = readWhatCame();
+    if (result == MOSQ_ERR_SUCCESS && (events & (POLLIN | POLLERR | POLLHUP)) != 0) result = readPackets();
     if (result == MOSQ_ERR_SUCCESS && Clock::now() >= nextUpkeep_) {
         result = mosquitto_loop_misc(handle);
         nextUpkeep_ = Clock::now() + upkeepInterval;
@@ -119,19 +119,19 @@ bool Link::serve(short events) {
     return result == MOSQ_ERR_SUCCESS && descriptor() >= 0;
 }
 
-/// libmosquitto takes any byte for the beginning of a packet, and waits for the rest of it.
-bool Link::beginsAsBroker() {
+/// libmosquitto would take any first byte for the beginning of a packet and wait for the rest.
+bool Link::startsWithConnack() {
     if (stage_ != Stage::silent) return true;
     const auto first = peek(descriptor());
     if (!first) return true;
     stage_ = Stage::answering;
     if (*first == connackByte) return true;
-    fail(noBrokerText(MOSQ_ERR_PROTOCOL, 0));
+    fail(handshakeFailureText(MOSQ_ERR_PROTOCOL, 0));
     return false;
 }
 
-/// A round's worth: libmosquitto by itself reads a single packet.
-int Link::readWhatCame() {
+/// Reads up to one round of packets: a single libmosquitto call reads only one.
+int Link::readPackets() {
     const std::size_t enough = arrivals_ + packetsPerRound;
     int result = MOSQ_ERR_SUCCESS;
     bool more = true;
@@ -146,7 +146,7 @@ int Link::readWhatCame() {
     return result;
 }
 
-void Link::sendTogether() {
+void Link::cork() {
     if (!corked_) setCork(descriptor(), true);
     corked_ = true;
 }
@@ -154,8 +154,8 @@ void Link::sendTogether() {
 void Link::endRound(short events) {
     if (corked_) setCork(descriptor(), false);
     corked_ = false;
-    // What was written since acknowledges by itself.
-    if ((events & POLLIN) != 0 && !wrote_) acknowledgeAtOnce(descriptor());
+    // Data written since then carries the acknowledgement.
+    if ((events & POLLIN) != 0 && !wrote_) enableQuickAck(descriptor());
 }
 
 bool Link::resumeReading() {
@@ -171,7 +171,7 @@ void Link::onConnect(mosquitto*, void* self, int reason, int, const mosquitto_pr
     if (reason != 0) {
         const bool refused = reason != MQTT_RC_UNSUPPORTED_PROTOCOL_VERSION;
         if (refused) link.stage_ = Stage::refused;
-        link.fail(refused ? mosquitto_reason_string(reason) : noBrokerText(reason, 0));
+        link.fail(refused ? mosquitto_reason_string(reason) : handshakeFailureText(reason, 0));
         return;
     }
     std::uint8_t allowed = 1;
@@ -191,12 +191,13 @@ void Link::onDisconnect(mosquitto*, void* self, int reason, const mosquitto_prop
     }
     const bool reset = systemError == 0 || systemError == ECONNRESET || systemError == EPIPE;
     link.closedByPeer_ = reason == MOSQ_ERR_CONN_LOST || (reason == MOSQ_ERR_ERRNO && reset);
-    link.fail(link.stage_ == Stage::accepted ? lossText(reason, systemError) : noBrokerText(reason, systemError));
+    link.fail(link.stage_ == Stage::accepted ? lossText(reason, systemError)
+                                             : handshakeFailureText(reason, systemError));
 }
 
 void Link::onPublish(mosquitto*, void* self, int identifier, int reason, const mosquitto_property*) {
     auto& link = *static_cast<Link*>(self);
-    // A message with quality of service 0 reports here too, when it is written.
+    // Also called when a message with quality of service 0 has been written.
     if (!link.reading_) return;
     ++link.arrivals_;
     link.listener_.acknowledged(identifier, reason);

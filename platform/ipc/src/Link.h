@@ -1,16 +1,15 @@
-// One MQTT connection from its CONNECT to its end, over libmosquitto: what is written and read on one socket. A new
-// attempt is a new Link.
+// One MQTT connection over libmosquitto, from CONNECT to its end. Each attempt is a new Link.
 //
 //     silent ──▶ answering ──CONNACK──▶ accepted
 //       │            └───────CONNACK with a reason──▶ refused
 //       └── any other first byte: over
 //
-// From every stage it can be over: then `failure` says why. `silent` is a peer that has sent nothing, `answering` one
-// that may be a broker.
+// The link can end in every stage; then `isOver` is true and `failure` has the reason. `silent`: the peer has sent
+// nothing. `answering`: the peer may be a broker.
 //
 // No locking of its own: guarded by the connection's mutex, as libmosquitto does not lock what it shares with its
-// callbacks. Only `connect` may take long; call it before anyone else knows the Link. The listener is called inside
-// `serve` and must not call back.
+// callbacks. Only `connect` may block; call it before the Link is shared. The listener is called inside `serve` and
+// must not call back.
 #pragma once
 
 #include <chrono>
@@ -28,11 +27,11 @@ class LinkListener {
  public:
     virtual ~LinkListener() = default;
 
-    /// The broker has taken the message, or refuses it with a reason of 128 and above.
+    /// The broker has accepted the message, or refuses it with a reason of 128 or above.
     virtual void acknowledged(int identifier, int reason) = 0;
     /// The broker has answered a subscription; an empty `refusal` grants it.
     virtual void subscribed(int identifier, const std::string& refusal) = 0;
-    /// Returns whether to go on reading; if not, nothing is read before `resumeReading`.
+    /// Returns whether to continue reading; if not, nothing is read before `resumeReading`.
     virtual bool arrived(const Incoming& message) = 0;
 };
 
@@ -44,12 +43,12 @@ class Link {
     struct Options {
         std::string clientId;
         std::string userName;
-        std::string willTopic;  // "offline" is left there, retained; empty: none
+        std::string willTopic;  // topic of the retained last will "offline"; empty: none
         bool cleanStart = true;
         std::uint32_t sessionSeconds = 0;
     };
 
-    /// Throws IPCException when there is no memory for it.
+    /// Throws IPCException if memory runs out.
     Link(const Options& options, LinkListener& listener);
     Link(const Link&) = delete;
     Link& operator=(const Link&) = delete;
@@ -59,46 +58,46 @@ class Link {
 
     Stage stage() const { return stage_; }
     bool isOver() const;
-    /// Why it is over, empty while it is not.
+    /// Why it ended; empty while it has not.
     std::string failure() const;
     BackOff::Loss loss() const { return loss_; }
     /// Whether the peer ended it without a reason.
     bool isClosedByPeer() const { return closedByPeer_; }
-    /// It is over for this reason, unless there is one already.
+    /// Ends the link for this reason, unless it has ended already.
     void fail(const std::string& cause);
 
-    // ---- sending: each returns libmosquitto's result; what the socket does not take at once waits for `serve` ----
+    // ---- sending: returns libmosquitto's result; `serve` writes what does not fit into the socket at once ----
 
     int publish(const Message& message, bool retain, int* identifier);
     int subscribe(const std::string& filter, int qualityOfService, int retained, std::uint32_t subscription,
                   int* identifier);
     void unsubscribe(const std::string& filter);
-    /// The goodbye; with `will` the broker publishes the last will all the same.
+    /// Sends DISCONNECT; with `will` the broker still publishes the last will.
     void disconnect(bool will);
     /// Messages with quality of service 1 that may be unacknowledged at once; libmosquitto keeps back the others.
     std::size_t receiveMaximum() const { return receiveMaximum_; }
-    bool isBehind() const { return mosquitto_want_write(handle_.get()); }
+    bool hasPendingWrites() const { return mosquitto_want_write(handle_.get()); }
 
     // ---- the loop of the network thread: wait for the descriptor, then one round ----
 
     int descriptor() const { return mosquitto_socket(handle_.get()); }
-    /// What to wait for; `readAnyway` also while reading is paused.
+    /// The events to poll for; with `readAnyway`, input also while reading is paused.
     short eventsToAwait(bool readAnyway) const;
     Clock::time_point upkeepAt() const { return nextUpkeep_; }
 
     void beginRound();
-    /// Writes, reads and keeps alive; returns whether it is still up.
+    /// Writes, reads and keeps alive; returns whether the link is still up.
     bool serve(short events);
-    /// What is written from here to the end of the round leaves in as few segments as possible.
-    void sendTogether();
+    /// Data written from here to the end of the round is sent in as few TCP segments as possible.
+    void cork();
     void endRound(short events);
 
-    /// Returns whether it was paused.
+    /// Returns whether reading was paused.
     bool resumeReading();
 
  private:
-    bool beginsAsBroker();
-    int readWhatCame();
+    bool startsWithConnack();
+    int readPackets();
     void noteWrite();
 
     static void onConnect(mosquitto*, void* self, int reason, int flags, const mosquitto_property*);
@@ -116,11 +115,11 @@ class Link {
     std::string failure_;
     BackOff::Loss loss_ = BackOff::Loss::plain;
     bool closedByPeer_ = false;
-    bool identifiersAllowed_ = true;     // the broker takes subscription identifiers
+    bool identifiersAllowed_ = true;     // the broker supports subscription identifiers
     std::uint16_t receiveMaximum_ = 20;  // libmosquitto's own limit if the broker names none
     Clock::time_point nextUpkeep_;
 
-    // Of the round in hand.
+    // The current round.
     bool corked_ = false;
     bool wrote_ = false;
     bool reading_ = false;

@@ -1,4 +1,4 @@
-// One message on its way out, and what MQTT and brokers accept of it.
+// An outgoing message, and the checks of MQTT's and the brokers' limits.
 #pragma once
 
 #include <cstddef>
@@ -16,17 +16,17 @@ struct Message {
     std::string correlationData;  // empty: none
 };
 
-/// The largest packet that the broker may send us, and the largest payload that we send.
+/// The largest packet that the broker may send to us, and the largest payload that we send.
 constexpr std::uint32_t maxPacket = std::uint32_t{16} * 1024 * 1024;
 
-/// What counts of a message, or of its copy, that has to be kept.
+/// The size in bytes that a queued message counts.
 template <typename Kept>
 std::size_t sizeOf(const Kept& message) {
     return message.topic.size() + message.payload.size() + message.responseTopic.size() +
            message.correlationData.size();
 }
 
-/// Each throws IPCException if MQTT does not allow it, or if a broker would cut the connection for it.
+/// Throw IPCException if MQTT forbids it, or if a broker would close the connection because of it.
 void requirePublishable(const Message& message);
 void requireFilter(const std::string& filter);
 

@@ -10,7 +10,7 @@ namespace ipc {
 
 namespace {
 
-// C libraries disagree on what strerror_r returns: the text, or whether it wrote one into the buffer.
+// Depending on the C library, strerror_r returns the text, or whether it wrote the text into the buffer.
 [[maybe_unused]] const char* textOf(const char* text, const char* /*buffer*/) { return text; }
 [[maybe_unused]] const char* textOf(int error, const char* buffer) { return error == 0 ? buffer : "unknown error"; }
 
@@ -37,7 +37,7 @@ Handle newHandle(const std::string& clientId, bool cleanStart, void* owner) {
     static std::once_flag initialised;
     std::call_once(initialised, [] { mosquitto_lib_init(); });
     Handle handle(mosquitto_new(clientId.c_str(), cleanStart, owner));
-    if (!handle) throw IPCException("Cannot make an MQTT client: " + systemText(errno));
+    if (!handle) throw IPCException("Cannot create an MQTT client: " + systemText(errno));
     mosquitto_int_option(handle.get(), MOSQ_OPT_PROTOCOL_VERSION, MQTT_PROTOCOL_V5);
     mosquitto_int_option(handle.get(), MOSQ_OPT_TCP_NODELAY, 1);
     return handle;
@@ -49,11 +49,11 @@ std::string resultText(int result, int systemError) {
 
 std::string lossText(int reason, int systemError) {
     if (reason >= 128) return mosquitto_reason_string(reason);
-    // libmosquitto takes a socket that was closed within a packet for a system error, whose text would be "Success".
+    // libmosquitto reports a socket closed within a packet as a system error, whose text would be "Success".
     return resultText(reason == MOSQ_ERR_ERRNO && systemError == 0 ? MOSQ_ERR_CONN_LOST : reason, systemError);
 }
 
-std::string noBrokerText(int reason, int systemError) {
+std::string handshakeFailureText(int reason, int systemError) {
     switch (reason) {
         case MQTT_RC_UNSUPPORTED_PROTOCOL_VERSION:
             return "it refuses MQTT v5";

@@ -1,4 +1,4 @@
-// Thin owners and readers for what libmosquitto hands around as bare pointers.
+// Thin wrappers around libmosquitto's bare pointers.
 #pragma once
 
 #include <mosquitto.h>
@@ -11,7 +11,7 @@
 
 namespace ipc {
 
-/// A property list that we send. Texts must be free of NUL bytes; correlation data may hold anything.
+/// A property list to send. Texts must not contain NUL bytes; correlation data may contain any bytes.
 class Properties {
  public:
     Properties() = default;
@@ -33,7 +33,7 @@ class Properties {
     mosquitto_property* list_ = nullptr;
 };
 
-/// One message as it came; valid only while the network thread hands it around.
+/// A received message; valid only inside the callback that gets it.
 struct Incoming {
     std::string_view topic;
     std::string_view payload;
@@ -43,8 +43,8 @@ struct Incoming {
     std::string responseTopic() const;    // empty: none
     std::string correlationData() const;  // empty: none
 
-    /// Calls `visit(identifier)` for every subscription that the broker says the message is for; returns whether there
-    /// was one.
+    /// Calls `visit(identifier)` for every subscription that the broker names in the message; returns whether there was
+    /// one.
     template <typename Visit>
     bool forEachSubscription(Visit visit) const {
         std::uint32_t identifier = 0;
@@ -64,17 +64,17 @@ struct HandleDeleter {
 };
 using Handle = std::unique_ptr<mosquitto, HandleDeleter>;
 
-/// A new MQTT v5 handle with Nagle's algorithm off. Throws IPCException when there is no memory for it.
+/// A new MQTT v5 handle with Nagle's algorithm off. Throws IPCException if memory runs out.
 Handle newHandle(const std::string& clientId, bool cleanStart, void* owner);
 
-/// The text of a libmosquitto result; MOSQ_ERR_ERRNO reads as the system's own text for `systemError`.
+/// The text of a libmosquitto result; for MOSQ_ERR_ERRNO the system's text of `systemError`.
 std::string resultText(int result, int systemError);
 
-/// Why a connection to a broker ended, from libmosquitto's result or the broker's reason (128 and above).
+/// Why a connection to a broker ended, from libmosquitto's result or the broker's reason (128 or above).
 std::string lossText(int reason, int systemError);
 
-/// Why a connection ended, or is to end, that no broker has answered; "it" is what listens there.
-std::string noBrokerText(int reason, int systemError);
+/// Why a connection ended before a broker accepted it; "it" in the text is the peer.
+std::string handshakeFailureText(int reason, int systemError);
 
 /// The system's text for an errno value.
 std::string systemText(int systemError);

@@ -60,9 +60,9 @@ void Outbox::noteAllSent() {
 }
 
 Congestion Outbox::congestion() const {
-    if (unsent_ >= maxWaiting / 2 || unsentBytes_ >= manyBytes) return Congestion::unsent;
+    if (unsent_ >= maxWaiting / 2 || unsentBytes_ >= congestionBytes) return Congestion::unsent;
     const std::size_t most = std::min(maxWaiting / 2, unacknowledgedLimit_);
-    if (entries_.size() >= most || bytes_ >= manyBytes) return Congestion::unacknowledged;
+    if (entries_.size() >= most || bytes_ >= congestionBytes) return Congestion::unacknowledged;
     return Congestion::none;
 }
 

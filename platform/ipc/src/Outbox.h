@@ -1,5 +1,5 @@
-// What the broker has yet to take: messages with quality of service 1, each kept until the broker acknowledges it, and
-// how far the socket is behind with what was written to it. It knows no connection; its owner sends.
+// Outgoing messages: those with quality of service 1 are kept until the broker acknowledges them, and the packets that
+// wait for the socket are counted. It does not know the connection; its owner sends.
 //
 // No locking of its own: guarded by the connection's mutex.
 #pragma once
@@ -14,17 +14,17 @@
 
 namespace ipc {
 
-/// What a bulk sender must wait for: that the socket takes what was sent, or that the broker acknowledges it.
+/// What a bulk sender must wait for: the socket to take the data, or the broker to acknowledge it.
 enum class Congestion { none, unsent, unacknowledged };
 
 class Outbox {
  public:
     /// Messages that may wait for the broker, and packets that may wait for the socket.
     static constexpr std::size_t maxWaiting = 10000;
-    /// From half of these messages, from these bytes, or from limitUnacknowledged on, a bulk sender must wait.
-    static constexpr std::size_t manyBytes = std::size_t{4} * 1024 * 1024;
+    /// From half of maxWaiting, from these bytes, or from limitUnacknowledged on, a bulk sender must wait.
+    static constexpr std::size_t congestionBytes = std::size_t{4} * 1024 * 1024;
 
-    /// A message moves from `unsent` to a message identifier of the connection, or to `refused` and then out.
+    /// `identifier` is `unsent`, the message identifier on the connection, or `refused` before the entry is dropped.
     struct Entry {
         static constexpr int unsent = 0;
         static constexpr int refused = -1;
@@ -44,22 +44,22 @@ class Outbox {
     bool isEmpty() const { return entries_.empty(); }
     std::size_t size() const { return entries_.size(); }
 
-    /// The entry stays where it is until the next call that adds or removes one.
+    /// The reference is valid until the next call that adds or removes an entry.
     Entry& add(const Message& message, bool retain);
-    /// Takes the message out; returns its topic, or nothing if no message has this identifier.
+    /// Removes the message and returns its topic, or nothing if no message has this identifier.
     std::optional<std::string> settle(int identifier);
     void dropTopic(std::string_view topic);
     /// Returns whether there was one.
     bool dropRefused();
 
-    /// On a new connection everything is unsent, and the socket is behind with nothing.
+    /// Marks all messages as unsent and the socket as empty.
     void startConnection();
-    /// Oldest first: the order in which a new connection sends again.
+    /// Oldest first: the order in which a new connection resends.
     std::deque<Entry>& entries() { return entries_; }
 
-    /// The socket did not take all of a packet; `bytes` of its message wait.
+    /// A packet does not fit into the socket; its message has `bytes`.
     void noteUnsent(std::size_t bytes);
-    /// The socket has taken everything.
+    /// The socket has taken all data.
     void noteAllSent();
     std::size_t unsent() const { return unsent_; }
     bool isSocketFull() const { return unsent_ >= maxWaiting; }
@@ -76,7 +76,7 @@ class Outbox {
     std::deque<Entry> entries_;
     std::size_t bytes_ = 0;
     std::size_t unacknowledgedLimit_ = maxWaiting / 2;
-    std::size_t unsent_ = 0;  // packets since the socket last took everything
+    std::size_t unsent_ = 0;  // packets since the socket last took all data
     std::size_t unsentBytes_ = 0;
 };
 

@@ -1,4 +1,4 @@
-// Random numbers that tell clients and their requests apart; not for secrets.
+// Random numbers that distinguish clients and requests; not for secrets.
 #pragma once
 
 #include <cstdint>

@@ -11,7 +11,7 @@ namespace ipc {
 
 namespace {
 
-// How long a request waits for a lost connection, and for the first word about a service.
+// How long a request waits for a reconnection, and for the first presence of a service.
 constexpr std::chrono::milliseconds reconnectWait{2000};
 constexpr std::chrono::milliseconds presenceWait{1000};
 
@@ -32,7 +32,7 @@ bool Requests::watch(const std::string& statusTopic) {
 
 // ---- requests ----
 
-std::uint64_t Requests::enter(Pending& pending) {
+std::uint64_t Requests::registerPending(Pending& pending) {
     const common::LockGuard lock(mutex_);
     if (closed_) throw IPCOfflineException("The bus client is closed");
     const std::uint64_t number = next_++;
@@ -40,21 +40,21 @@ std::uint64_t Requests::enter(Pending& pending) {
     return number;
 }
 
-void Requests::leave(std::uint64_t number) {
+void Requests::unregister(std::uint64_t number) {
     const common::LockGuard lock(mutex_);
     pending_.erase(number);
-    if (closed_) left_.notifyAll();
+    if (closed_) finished_.notifyAll();
 }
 
 std::string Requests::ask(const std::string& statusTopic, std::chrono::milliseconds timeout, const Send& send) {
     const auto begun = Clock::now();
     Pending pending(statusTopic);
-    // Whatever happens, the network thread must not find this frame's `pending` later.
-    struct Stay {
+    // `pending` is on the stack, so it must be unregistered on every way out.
+    struct Registration {
         Requests& requests;
         const std::uint64_t number;
-        ~Stay() { requests.leave(number); }
-    } const stay{*this, enter(pending)};
+        ~Registration() { requests.unregister(number); }
+    } const registration{*this, registerPending(pending)};
 
     const common::LockGuard lock(mutex_);
     for (;;) {
@@ -67,22 +67,22 @@ std::string Requests::ask(const std::string& statusTopic, std::chrono::milliseco
                 pending.changed.waitUntil(mutex_, until);
                 break;
             case Step::send:
-                sendOnce(pending, stay.number, deadline, send);
+                sendOnce(pending, registration.number, deadline, send);
                 break;
         }
     }
 }
 
-/// What the caller of a request does next; throws when the answer can no longer come.
+/// The next step of a request's caller; throws if the answer can no longer come.
 Requests::Step Requests::nextStep(const Pending& pending, Clock::time_point deadline, Clock::time_point& until) const {
     const std::string& statusTopic = pending.statusTopic;
     if (pending.stage == Pending::Stage::answered) return Step::finish;
     if (closed_) throw IPCOfflineException("The bus client is closed");
     if (pending.stage == Pending::Stage::connectionLost) {
-        throw IPCInterruptedException("The connection broke before the answer came");
+        throw IPCInterruptedException("The connection was lost before the answer came");
     }
     if (pending.stage == Pending::Stage::serviceLost) {
-        throw IPCServiceLostException("The service of " + statusTopic + " went offline before its answer came");
+        throw IPCServiceLostException("The service on " + statusTopic + " went offline before its answer came");
     }
     const Presence presence = presenceOf(statusTopic);
     const auto now = Clock::now();
@@ -91,9 +91,9 @@ Requests::Step Requests::nextStep(const Pending& pending, Clock::time_point dead
         if (now >= since_ + reconnectWait) throw IPCOfflineException("There is no connection to the broker");
         until = std::min(deadline, since_ + reconnectWait);
     } else if (presence == Presence::offline) {
-        throw IPCOfflineException("The service of " + statusTopic + " is offline");
+        throw IPCOfflineException("The service on " + statusTopic + " is offline");
     } else if (presence == Presence::unknown) {
-        if (now >= since_ + presenceWait) throw IPCOfflineException("There is no word from " + statusTopic);
+        if (now >= since_ + presenceWait) throw IPCOfflineException("There is no presence on " + statusTopic);
         until = std::min(deadline, since_ + presenceWait);
     }
     if (now >= deadline) throw IPCTimeoutException("No answer in time");
@@ -115,7 +115,7 @@ void Requests::sendOnce(Pending& pending, std::uint64_t number, Clock::time_poin
         sent = send(correlationOf(number));
     }
     if (sent || pending.stage == Pending::Stage::answered) return;
-    // The connection went just now: wait for the next one, unless that was reported meanwhile.
+    // The connection was lost just now: wait for the next one, unless it has been reported already.
     pending.stage = Pending::Stage::unsent;
     if (broker_ == Broker::connected) {
         pending.changed.waitUntil(mutex_, std::min(deadline, Clock::now() + presenceWait));
@@ -126,7 +126,7 @@ void Requests::limit(std::chrono::milliseconds limit) {
     const common::LockGuard lock(mutex_);
     limit_ = limit;
     limitedSince_ = Clock::now();
-    wakeAll();
+    notifyWaiters();
 }
 
 Requests::Clock::time_point Requests::limited(Clock::time_point deadline, Clock::time_point begun) const {
@@ -136,8 +136,8 @@ Requests::Clock::time_point Requests::limited(Clock::time_point deadline, Clock:
 void Requests::close() {
     const common::LockGuard lock(mutex_);
     closed_ = true;
-    wakeAll();
-    left_.wait(mutex_, [this]() REQUIRES(mutex_) { return pending_.empty() && serviceWaits_ == 0; });
+    notifyWaiters();
+    finished_.wait(mutex_, [this]() REQUIRES(mutex_) { return pending_.empty() && serviceWaits_ == 0; });
 }
 
 // ---- waits for a service ----
@@ -147,7 +147,7 @@ bool Requests::waitForService(const std::string& statusTopic, std::chrono::milli
     ++serviceWaits_;
     const bool isOnline = awaitService(statusTopic, patience);
     --serviceWaits_;
-    if (closed_) left_.notifyAll();
+    if (closed_) finished_.notifyAll();
     return isOnline;
 }
 
@@ -163,7 +163,7 @@ bool Requests::awaitService(const std::string& statusTopic, std::chrono::millise
     }
 }
 
-// ---- what happened ----
+// ---- events ----
 
 void Requests::connecting() {
     const common::LockGuard lock(mutex_);
@@ -181,33 +181,33 @@ void Requests::connected() {
     const common::LockGuard lock(mutex_);
     broker_ = Broker::connected;
     since_ = Clock::now();
-    wakeAll();
+    notifyWaiters();
 }
 
 void Requests::connectionLost() {
     const common::LockGuard lock(mutex_);
-    // A connection that breaks before it is of use does not lengthen anyone's patience.
+    // A connection that is lost before it is ready must not restart the wait for a reconnection.
     if (broker_ == Broker::connected) since_ = Clock::now();
     broker_ = Broker::away;
     for (const auto& [number, pending] : pending_) {
         if (pending->stage == Pending::Stage::sent) pending->stage = Pending::Stage::connectionLost;
     }
     for (auto& [topic, service] : services_) setPresence(topic, service, Presence::unknown);
-    wakeAll();
+    notifyWaiters();
 }
 
-void Requests::presenceArrived(std::string_view topic, std::string_view word) {
-    // Any other word, an emptied topic among them, says nothing about the service.
-    const bool isOnline = word == "online";
-    if (!isOnline && word != "offline") return;
+void Requests::presenceArrived(std::string_view topic, std::string_view payload) {
+    // Ignore any other payload; an empty one means that the retained presence was cleared.
+    const bool isOnline = payload == "online";
+    if (!isOnline && payload != "offline") return;
     const common::LockGuard lock(mutex_);
     const auto service = services_.find(topic);
     if (service == services_.end()) return;
     setPresence(service->first, service->second, isOnline ? Presence::online : Presence::offline);
-    wakeAll();
+    notifyWaiters();
 }
 
-// A request in flight is marked here, not where its caller looks: "online" may follow before the caller wakes.
+// Requests in flight are marked here, not by their callers: "online" may follow before a caller wakes.
 void Requests::setPresence(const std::string& statusTopic, WatchedService& service, Presence presence) {
     if (service.presence == Presence::online && presence != Presence::online) service.lastOnline = Clock::now();
     service.presence = presence;
@@ -232,7 +232,7 @@ void Requests::answerArrived(const std::string& correlationData, std::string_vie
     found->second->changed.notifyOne();
 }
 
-void Requests::wakeAll() {
+void Requests::notifyWaiters() {
     for (const auto& [number, pending] : pending_) pending->changed.notifyOne();
     presenceChanged_.notifyAll();
 }

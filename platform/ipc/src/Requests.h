@@ -1,9 +1,8 @@
-// The requests of a bus client that wait for their answers, and what decides how long they may: the connection, the
-// presence of the service that was asked, and the limit of a shutdown. It knows no bus: its owner sends, and tells it
-// what happened.
+// The pending requests of a bus client, and how long each may wait: that depends on the connection, on the service's
+// presence and on the shutdown limit. It does not know the bus: its owner sends and reports events.
 //
-// Threads: callers block in `ask` and `waitForService`; all else returns at once, on any thread, mostly the network
-// thread. One mutex, which is not held while a request is sent.
+// Threads: callers block in `ask`, `waitForService` and `close`; all other calls return at once, on any thread. One
+// mutex, which is not held while a request is sent.
 #pragma once
 
 #include <atomic>
@@ -33,30 +32,30 @@ class Requests {
     /// Returns whether the service was not watched before.
     bool watch(const std::string& statusTopic) EXCLUDES(mutex_);
 
-    /// Blocks until the answer is there; sends once the service is online, again only if `send` returned false. Throws
-    /// as IIPCClient::request does.
+    /// Blocks until the answer is there. Sends once the service is online, and again only if `send` returned false.
+    /// Throws like IIPCClient::request.
     std::string ask(const std::string& statusTopic, std::chrono::milliseconds timeout, const Send& send)
         EXCLUDES(mutex_);
     /// See IIPCClient::waitForService.
     bool waitForService(const std::string& statusTopic, std::chrono::milliseconds patience) EXCLUDES(mutex_);
     /// See IIPCClient::limitRequests.
     void limit(std::chrono::milliseconds limit) EXCLUDES(mutex_);
-    /// Fails all that wait; returns when they have left.
+    /// Fails all pending calls, and waits until they have returned.
     void close() EXCLUDES(mutex_);
 
-    // ---- what happened ----
+    // ---- events ----
 
     /// The first attempt to connect begins.
     void connecting() EXCLUDES(mutex_);
-    /// The first attempt failed and is the last: later requests do not wait for a connection.
+    /// There will be no connection: fail requests instead of waiting for one.
     void connectFailed() EXCLUDES(mutex_);
     void connected() EXCLUDES(mutex_);
     void connectionLost() EXCLUDES(mutex_);
-    /// A message came; it counts if a service that is watched says "online" or "offline" there.
-    void presenceArrived(std::string_view topic, std::string_view word) EXCLUDES(mutex_);
+    /// Any message; it is ignored unless it is "online" or "offline" on a watched topic.
+    void presenceArrived(std::string_view topic, std::string_view payload) EXCLUDES(mutex_);
     void answerArrived(const std::string& correlationData, std::string_view answer) EXCLUDES(mutex_);
 
-    /// How many answers have come, late ones included.
+    /// The number of answers received, including late ones.
     std::uint64_t answers() const { return answers_; }
 
  private:
@@ -64,7 +63,7 @@ class Requests {
     enum class Presence { unknown, online, offline };
     enum class Step { send, wait, finish };
 
-    /// unsent ──▶ sent ──▶ answered, or the connection or the service was lost on the way. Guarded by mutex_.
+    /// unsent ──▶ sent ──▶ answered, connectionLost or serviceLost. Guarded by mutex_.
     struct Pending {
         enum class Stage { unsent, sent, answered, connectionLost, serviceLost };
 
@@ -76,11 +75,11 @@ class Requests {
     };
     struct WatchedService {
         Presence presence = Presence::unknown;
-        std::optional<Clock::time_point> lastOnline;  // when it went; unset if it never was online
+        std::optional<Clock::time_point> lastOnline;  // when it went offline; unset if it never was online
     };
 
-    std::uint64_t enter(Pending& pending) EXCLUDES(mutex_);
-    void leave(std::uint64_t number) EXCLUDES(mutex_);
+    std::uint64_t registerPending(Pending& pending) EXCLUDES(mutex_);
+    void unregister(std::uint64_t number) EXCLUDES(mutex_);
     Step nextStep(const Pending& pending, Clock::time_point deadline, Clock::time_point& until) const REQUIRES(mutex_);
     Presence presenceOf(const std::string& statusTopic) const REQUIRES(mutex_);
     void sendOnce(Pending& pending, std::uint64_t number, Clock::time_point deadline, const Send& send)
@@ -88,16 +87,16 @@ class Requests {
     bool awaitService(const std::string& statusTopic, std::chrono::milliseconds patience) REQUIRES(mutex_);
     Clock::time_point limited(Clock::time_point deadline, Clock::time_point begun) const REQUIRES(mutex_);
     void setPresence(const std::string& statusTopic, WatchedService& service, Presence presence) REQUIRES(mutex_);
-    void wakeAll() REQUIRES(mutex_);
+    void notifyWaiters() REQUIRES(mutex_);
 
-    const std::uint64_t first_;  // numbers before it are not ours
+    const std::uint64_t first_;  // the first request number of this object
 
     common::Mutex mutex_;
-    common::ConditionVariable left_;             // a request or a wait for a service has left
-    common::ConditionVariable presenceChanged_;  // or requests are limited, or this is closed
+    common::ConditionVariable finished_;         // a request or a wait for a service has ended
+    common::ConditionVariable presenceChanged_;  // also when requests are limited or this is closed
     bool closed_ GUARDED_BY(mutex_) = false;
     Broker broker_ GUARDED_BY(mutex_) = Broker::neverConnected;
-    Clock::time_point since_ GUARDED_BY(mutex_);  // of the present connection or of its loss
+    Clock::time_point since_ GUARDED_BY(mutex_);  // when the present connection began or the last one was lost
     std::map<std::string, WatchedService, std::less<>> services_ GUARDED_BY(mutex_);  // by status topic
     unsigned serviceWaits_ GUARDED_BY(mutex_) = 0;
     std::optional<std::chrono::milliseconds> limit_ GUARDED_BY(mutex_);

@@ -13,16 +13,16 @@ namespace ipc {
 
 namespace {
 
-// Beyond either the socket is left unread until what is in hand has been sent: senders wait, nothing is dropped.
+// Beyond either limit reading pauses until the pending messages are sent: senders wait, and nothing is dropped.
 constexpr std::size_t maxRequests = 25000;
 constexpr std::size_t maxBytes = std::size_t{16} * 1024 * 1024;
 // The socket is read while acknowledgements are outstanding; beyond this multiple of the limits, requests are dropped.
 constexpr std::size_t hardLimitFactor = 4;
-// What is handled at once; answers can be large.
+// Requests in one call of the handler. Kept small, as answers can be large.
 constexpr std::size_t maxBatch = 64;
-// A stop waits for the broker as long as it takes something within the first time, and never longer than the second.
-constexpr std::chrono::milliseconds stillTime{500};
-constexpr std::chrono::seconds sendTime{10};
+// `stop` gives up when the broker takes nothing for the first time, or after the second in all.
+constexpr std::chrono::milliseconds drainStallTimeout{500};
+constexpr std::chrono::seconds drainTimeout{10};
 
 std::size_t sizeOf(const ServiceRequest& request) {
     return request.topic.size() + request.payload.size() + request.responseTopic.size() +
@@ -37,15 +37,15 @@ Service::~Service() { stop(); }
 
 void Service::start(const std::string& host, const std::string& statusTopic, const std::vector<std::string>& topics,
                     Handler handler) {
-    if (connection_) throw IPCException("The bus service starts once only");
+    if (connection_) throw IPCException("The bus service cannot start twice");
     Connection::Options options;
     options.clientId = name_;
     options.userName = name_;
     options.statusTopic = statusTopic;
-    options.logsItself = true;
+    options.logsEvents = true;
     handler_ = std::move(handler);
     connection_ = std::make_unique<Connection>(options, static_cast<ConnectionListener&>(*this));
-    // A retained request would be carried out again on every connection.
+    // A retained request would be executed again on every connection.
     for (const std::string& topic : topics) connection_->subscribe(topic, 2, MQTT_SUB_OPT_SEND_RETAIN_NEVER);
     connection_->open(host, true);
 }
@@ -54,34 +54,34 @@ void Service::stop() {
     const bool first = !stopping_.exchange(true);
     if (!connection_) return;
     if (first) {
-        // What is carried out is answered, and its change published, before the goodbye.
+        // Executed requests must be answered, and their changes published, before "offline".
         const common::LockGuard lock(round_);
-        waitUntilTaken();
+        waitUntilDrained();
     }
     connection_->close();
 }
 
-void Service::waitUntilTaken() {
-    const auto end = Connection::Clock::now() + sendTime;
-    std::size_t left = unsettled();
+void Service::waitUntilDrained() {
+    const auto end = Connection::Clock::now() + drainTimeout;
+    std::size_t left = outstanding();
     for (std::size_t before = SIZE_MAX; left > 0 && left < before && Connection::Clock::now() < end;
-         left = unsettled()) {
+         left = outstanding()) {
         before = left;
-        allTaken_.waitFor(round_, stillTime, [this]() REQUIRES(round_) { return unsettled() == 0; });
+        drained_.waitFor(round_, drainStallTimeout, [this]() REQUIRES(round_) { return outstanding() == 0; });
     }
     if (left > 0) {
-        dbg::Debug::warning() << "The broker has not taken the last " << left << " answers and changes" << std::endl;
+        dbg::Debug::warning() << "The broker has not accepted the last " << left << " answers and changes" << std::endl;
     }
 }
 
-std::size_t Service::unsettled() const { return outbox_.size() + connection_->unsettled(); }
+std::size_t Service::outstanding() const { return outbox_.size() + connection_->outstanding(); }
 
 bool Service::isFull(std::size_t times) const {
     return inbox_.size() >= times * maxRequests || inboxBytes_ >= times * maxBytes;
 }
 
 void Service::connectionLost(const std::string&) {
-    // Who asked has seen "offline" by the time there is a connection again, and does not expect it any more.
+    // The clients see "offline" before the next connection and give up these requests.
     const auto lost = [](const ServiceRequest& request) { return request.qualityOfService == 0; };
     inbox_.erase(std::remove_if(inbox_.begin(), inbox_.end(), lost), inbox_.end());
     inboxBytes_ = 0;
@@ -93,7 +93,7 @@ bool Service::messageArrived(const Incoming& message) {
     if (stopping_) return true;
     if (isFull(hardLimitFactor)) {
         if (!dropping_) {
-            dbg::Debug::error() << "Requests are dropped: they come faster than the broker acknowledges changes"
+            dbg::Debug::error() << "Dropping requests: they arrive faster than the broker acknowledges changes"
                                 << std::endl;
         }
         dropping_ = true;
@@ -109,8 +109,8 @@ bool Service::messageArrived(const Incoming& message) {
 
 void Service::roundEnded() {
     const common::LockGuard lock(round_);
-    while (send() && !inbox_.empty() && !stopping_) handleSome();
-    if (stopping_) allTaken_.notifyAll();
+    while (send() && !inbox_.empty() && !stopping_) handleBatch();
+    if (stopping_) drained_.notifyAll();
     if (!isFull(1)) dropping_ = false;
     if (paused_ && (!isFull(1) || connection_->congestion() == Congestion::unacknowledged)) {
         paused_ = false;
@@ -118,7 +118,7 @@ void Service::roundEnded() {
     }
 }
 
-void Service::handleSome() noexcept {
+void Service::handleBatch() noexcept {
     batch_.clear();
     while (!inbox_.empty() && batch_.size() < maxBatch) {
         inboxBytes_ -= sizeOf(inbox_.front());
@@ -134,19 +134,19 @@ void Service::handleSome() noexcept {
     }
 }
 
-/// Returns whether nothing is left that has to wait for the broker.
+/// Returns whether all messages were sent; if not, the rest waits for the broker.
 bool Service::send() {
-    if (outbox_.size() > 1) connection_->sendTogether();
+    if (outbox_.size() > 1) connection_->cork();
     for (; !outbox_.empty(); outbox_.pop_front()) {
         // Beyond what the broker takes at once an answer would overtake the change that comes before it.
         if (connection_->congestion() != Congestion::none) return false;
         OutgoingMessage& message = outbox_.front();
-        if (message.topic.empty()) continue;  // the answer to a request that wanted none
+        if (message.topic.empty()) continue;  // the request had no response topic
         try {
             connection_->publish(
                 {message.topic, message.payload, message.qualityOfService, {}, std::move(message.correlationData)});
         } catch (const std::exception& error) {
-            // A response topic is whatever the requester wrote: one bad answer must not cost the others theirs.
+            // The requester chose the response topic: an invalid one must not stop the other answers.
             dbg::Debug::warning() << "Cannot send on " << message.topic << ": " << error.what() << std::endl;
         }
     }

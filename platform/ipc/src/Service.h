@@ -1,6 +1,6 @@
-// The bus service over one Connection, on its network thread alone: handing a request to another thread takes a good
-// part of the time that it takes in all. Requests that came together are handled together, and what the handler returns
-// leaves together and in its order.
+// The bus service over one Connection. The handler runs on the network thread: handing requests to another thread would
+// cost a good part of a request's latency. Requests that arrive together are handled in one batch, and the messages
+// that the handler returns are sent together, in order.
 #pragma once
 
 #include <atomic>
@@ -36,9 +36,9 @@ class Service final : public IIPCService, private ConnectionListener {
     void roundEnded() override;
 
     bool isFull(std::size_t times) const;
-    void handleSome() noexcept REQUIRES(round_);
-    void waitUntilTaken() REQUIRES(round_);
-    std::size_t unsettled() const REQUIRES(round_);
+    void handleBatch() noexcept REQUIRES(round_);
+    void waitUntilDrained() REQUIRES(round_);
+    std::size_t outstanding() const REQUIRES(round_);
     bool send() REQUIRES(round_);
 
     const std::string name_;
@@ -47,7 +47,7 @@ class Service final : public IIPCService, private ConnectionListener {
     std::atomic<bool> stopping_{false};
 
     common::Mutex round_;  // held while requests are handled and answered
-    common::ConditionVariable allTaken_;
+    common::ConditionVariable drained_;
     std::deque<OutgoingMessage> outbox_ GUARDED_BY(round_);
 
     // The network thread's own.

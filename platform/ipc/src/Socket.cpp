@@ -18,10 +18,10 @@
 
 namespace ipc {
 
-void acknowledgeAtOnce(int socket) {
+void enableQuickAck(int socket) {
     if (socket < 0) return;
-    // With 1 the kernel would acknowledge the next packet at once too, although an answer to it is about to do that;
-    // and so it would with 2 when there is nothing to acknowledge now.
+    // The value 1 would acknowledge the next packet at once too, although an answer is about to carry that
+    // acknowledgement. So would 2 if there were nothing to acknowledge now.
     const int now = 2;
     setsockopt(socket, IPPROTO_TCP, TCP_QUICKACK, &now, sizeof now);
 }
@@ -43,7 +43,7 @@ std::optional<unsigned char> peek(int socket) {
 }
 
 void prepareSocket(int socket) {
-    acknowledgeAtOnce(socket);
+    enableQuickAck(socket);
     if (socket >= 0) fcntl(socket, F_SETFD, FD_CLOEXEC);
 }
 

@@ -41,7 +41,7 @@ void Subscriptions::startConnection() {
     for (auto& [identifier, subscription] : all_) subscription.answer = Answer::pending;
 }
 
-void Subscriptions::asked(std::uint32_t identifier, int message) { unanswered_[message] = identifier; }
+void Subscriptions::sent(std::uint32_t identifier, int message) { unanswered_[message] = identifier; }
 
 void Subscriptions::refuse(std::uint32_t identifier, const std::string& reason) {
     const auto found = all_.find(identifier);

@@ -1,5 +1,5 @@
-// What a connection is subscribed to: what its users want, what the broker has been asked on the present connection,
-// and what it answered. It knows no connection; its owner asks the broker, again on every connection.
+// The subscriptions of a connection and the broker's answers to them on the present connection. It does not know the
+// connection; its owner sends the subscriptions, on every new connection again.
 //
 //     add ──▶ pending ──answered──▶ granted or refused
 //                ▲                        │
@@ -29,25 +29,26 @@ class Subscriptions {
         std::string refusal;
     };
 
-    /// The identifier that the broker names in messages for the filter. Users of one filter share it, as a broker knows
-    /// a filter once a client; it must be asked for again then, as the second user wants retained messages too.
+    /// Returns the subscription identifier. Users of the same filter share it, as a broker keeps one subscription for
+    /// each filter of a client. It must be sent again for each further user, as that user wants the retained messages
+    /// too.
     std::uint32_t add(const std::string& filter, int qualityOfService, int retained);
-    /// The filter to unsubscribe from if that was its last user.
+    /// Returns the filter to unsubscribe from if that was its last user.
     std::optional<std::string> remove(std::uint32_t identifier);
 
-    /// Null for an identifier that was removed.
+    /// Returns null if the identifier was removed.
     const Subscription* find(std::uint32_t identifier) const;
 
-    /// Everything has to be asked for again.
+    /// Marks all subscriptions as pending.
     void startConnection();
     const std::map<std::uint32_t, Subscription>& all() const { return all_; }
 
-    /// The broker was asked with the message identifier; or cannot be, for the reason.
-    void asked(std::uint32_t identifier, int message);
+    /// The subscription was sent with this message identifier; or it cannot be sent, for this reason.
+    void sent(std::uint32_t identifier, int message);
     void refuse(std::uint32_t identifier, const std::string& reason);
-    /// The broker has answered; an empty `refusal` grants. Null if nobody wants the subscription any more.
+    /// The broker has answered; an empty `refusal` grants. Returns null if the subscription was removed meanwhile.
     const Subscription* answered(int message, const std::string& refusal);
-    /// Whether everything that was asked on this connection is answered.
+    /// Whether every subscription sent on this connection is answered.
     bool isSettled() const { return unanswered_.empty(); }
 
     /// Throws IPCException if one was refused.

@@ -1,5 +1,5 @@
-// Starts the threads of this library: named, and with every signal blocked, so that signals go to the threads which
-// the program has chosen for them.
+// Starts the threads of this library: named, and with every signal blocked, as the program chooses its own threads for
+// signals.
 #pragma once
 
 #include <functional>
@@ -7,7 +7,7 @@
 
 namespace ipc {
 
-/// `name` has 15 characters at most. Throws IPCException when the system has no thread left.
+/// `name` has at most 15 characters. Throws IPCException if the system cannot start a thread.
 std::thread startThread(const char* name, std::function<void()> body);
 
 }  // namespace ipc

@@ -12,7 +12,7 @@
 namespace ipc {
 
 Waker::Waker() : event_(eventfd(0, EFD_NONBLOCK | EFD_CLOEXEC)) {
-    if (event_.get() < 0) throw IPCException("Cannot make an event descriptor: " + systemText(errno));
+    if (event_.get() < 0) throw IPCException("Cannot create an event descriptor: " + systemText(errno));
 }
 
 void Waker::wake() const {

@@ -1,4 +1,4 @@
-// Wakes the thread that waits for descriptors. Threads: any may wake; the one that waits drains.
+// Wakes a thread that polls descriptors. Threads: any thread may wake; the polling thread drains.
 #pragma once
 
 #include "common/Descriptor.h"
@@ -7,10 +7,10 @@ namespace ipc {
 
 class Waker {
  public:
-    /// Throws IPCException when the system has no descriptor left.
+    /// Throws IPCException if the system has no free descriptor.
     Waker();
 
-    /// Readable from `wake` until `drain`.
+    /// Readable between `wake` and `drain`.
     int descriptor() const { return event_.get(); }
     void wake() const;
     void drain() const;

@@ -19,7 +19,7 @@ using propertyprotocol::appendMember;
 std::string about(const std::string& key) { return "Property '" + key + "': "; }
 
 [[noreturn]] void throwMalformed(const std::string& key) {
-    throw PropertyProtocolException(about(key) + "the answer cannot be understood");
+    throw PropertyProtocolException(about(key) + "the answer is malformed");
 }
 
 std::string textMember(const Json::Value& object, const char* name) {
@@ -37,7 +37,7 @@ std::string textMember(const Json::Value& object, const char* name) {
     throw PropertyException(text(("error '" + code + "'").c_str()));
 }
 
-/// The answer as an object that is no error.
+/// Parses an answer; throws if it is an error or not a JSON object.
 Json::Value parse(const std::string& key, const std::string& answer) {
     static const Json::CharReaderBuilder builder = [] {
         Json::CharReaderBuilder made;
@@ -49,7 +49,7 @@ Json::Value parse(const std::string& key, const std::string& answer) {
     Json::Value root;
     try {
         if (!reader->parse(answer.data(), answer.data() + answer.size(), &root, nullptr)) throwMalformed(key);
-    } catch (const Json::Exception&) {  // nested too deep
+    } catch (const Json::Exception&) {  // nested too deeply
         throwMalformed(key);
     }
     if (!root.isObject()) throwMalformed(key);
@@ -94,7 +94,7 @@ std::string readValue(const std::string& key, const std::string& answer) {
     return root["value"].asString();
 }
 
-void readAcceptance(const std::string& key, const std::string& answer) {
+void checkSetAnswer(const std::string& key, const std::string& answer) {
     const Json::Value root = parse(key, answer);
     if (textMember(root, "param") != key) throwMalformed(key);
 }

@@ -1,4 +1,4 @@
-// The texts of the property service's protocol: requests written, answers read. Pure functions.
+// Writes the requests and reads the answers of the property service's protocol. Pure functions.
 #pragma once
 
 #include <string>
@@ -8,14 +8,14 @@
 namespace propertyapi {
 
 std::string getRequest(const std::string& key);
-/// Throws PropertyInvalidValueException when the value is too long or no UTF-8 text.
+/// Throws PropertyInvalidValueException if the value is too long or not UTF-8.
 std::string setRequest(const std::string& key, const std::string& source, const std::string& value);
 std::string listRequest(const std::string& prefix, const std::string& after);
 
-/// What an answer holds. Each throws the exception of the error that the answer names, and PropertyProtocolException
-/// when it is no such answer.
+/// Read an answer. Each throws the exception for the error that the answer names, or PropertyProtocolException if the
+/// answer is malformed.
 std::string readValue(const std::string& key, const std::string& answer);
-void readAcceptance(const std::string& key, const std::string& answer);
+void checkSetAnswer(const std::string& key, const std::string& answer);
 PropertyPage readPage(const std::string& prefix, const std::string& answer);
 
 }  // namespace propertyapi

@@ -1,4 +1,4 @@
-// The property client over a bus client. It decides how long each call waits: see Call.
+// The property client over a bus client: time-outs and retries of each call.
 #pragma once
 
 #include <chrono>
@@ -26,30 +26,30 @@ class PropertyApi final : public IPropertyApi {
  private:
     using Clock = std::chrono::steady_clock;
 
-    /// One call of the interface, whatever requests it takes.
+    /// One call of the interface, which may take several requests.
     struct Call {
         std::string key;
         Clock::time_point begun;
         Clock::time_point deadline;
         bool patient = false;
-        bool renewed = false;  // the deadline, because the service came back
-        std::string doubt;     // why the answer to the last request is not known
+        bool deadlineExtended = false;  // because the service came back
+        std::string lossReason;         // why the last answer was lost
     };
 
     Call begin(const std::string& key);
     std::string ask(Call& call, const char* topic, const std::string& payload);
     std::optional<std::string> request(Call& call, const char* topic, const std::string& payload);
-    bool outlastsOutage(Call& call);
+    bool waitForRecovery(Call& call);
     Clock::time_point deadlineOf(const Call& call);
     void noteTimeout();
 
-    bool isSilent() const REQUIRES(mutex_);
+    bool isUnresponsive() const REQUIRES(mutex_);
 
     const std::shared_ptr<ipc::IIPCClient> bus_;
     const std::string clientName_;
 
     common::Mutex mutex_;
-    std::optional<std::uint64_t> answersAtTimeout_ GUARDED_BY(mutex_);  // the bus client's count at the last time-out
+    std::optional<std::uint64_t> answersAtTimeout_ GUARDED_BY(mutex_);  // answers received before the last time-out
     std::optional<Clock::time_point> shutdownBegun_ GUARDED_BY(mutex_);
 };
 

@@ -1,4 +1,4 @@
-// When the pass after boot-up runs, and when not.
+// The conditions for the pass after boot-up.
 #include "unit/Core/support/DispatcherFixture.h"
 
 namespace {
@@ -7,8 +7,8 @@ using fakes::info;
 
 class BootUpTest : public tests::DispatcherFixture, public testing::WithParamInterface<const char*> {};
 
-TEST_P(BootUpTest, AnyOtherWordThanDoneRunsThePass) {
-    holdThePass()->open();
+TEST_P(BootUpTest, AnyValueButDoneRunsThePass) {
+    holdPass()->open();
     phone_.properties->put("State.Provisioning.OnBootUp", GetParam());
     dispatcher_->enableProvisioning();
     EXPECT_EQ(phone_.log.count(info("Core/ProvisioningWatchdog/ProvisioningWorker", "Start provisioning thread")), 1U);
@@ -19,9 +19,9 @@ INSTANTIATE_TEST_SUITE_P(Words, BootUpTest, testing::Values("Done", "DONE", "don
 
 using BootUpStopTest = tests::DispatcherFixture;
 
-// The request is dropped then, and what did not run is not done.
-TEST_F(BootUpStopTest, AStopBeforeThePassWritesNoDone) {
-    holdThePass()->open();
+// The stop drops the request, so "done" would be wrong.
+TEST_F(BootUpStopTest, StopBeforeThePassDoesNotWriteDone) {
+    holdPass()->open();
     dispatcher_->stopListening();
     dispatcher_->enableProvisioning();
     EXPECT_TRUE(server_.requests().empty());

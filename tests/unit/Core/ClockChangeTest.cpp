@@ -1,4 +1,4 @@
-// The nightly timer in the nights in which the clocks change: every request, in local time.
+// The nightly timer around a change to or from summer time: every request, in local time.
 #include <gtest/gtest.h>
 
 #include <array>
@@ -15,7 +15,7 @@ using std::chrono::hours;
 using std::chrono::nanoseconds;
 using std::chrono::system_clock;
 
-/// A clock whose waits take no time, until `end` is reached or they become too many.
+/// A clock whose waits return at once, until `end` or the maximum number of waits is reached.
 class LeapingClock : public zav::TimerClock {
  public:
     LeapingClock(system_clock::time_point begin, system_clock::time_point end) : now_(begin), end_(end) {}
@@ -29,7 +29,7 @@ class LeapingClock : public zav::TimerClock {
                            nanoseconds duration) const override {
         {
             const std::lock_guard<std::mutex> own(mutex_);
-            if (now_ + duration < end_ && ++waits_ < mostWaits) {
+            if (now_ + duration < end_ && ++waits_ < maxWaits) {
                 now_ += std::chrono::duration_cast<system_clock::duration>(duration);
                 return std::cv_status::timeout;
             }
@@ -52,16 +52,16 @@ class LeapingClock : public zav::TimerClock {
     mutable unsigned waits_ = 0;            // guarded by mutex_
     mutable bool ended_ = false;            // guarded by mutex_
     const system_clock::time_point end_;
-    static constexpr unsigned mostWaits = 20;
+    static constexpr unsigned maxWaits = 20;
 };
 
-/// A zone as a rule, so that the test needs no time zone files, and the evening before its clocks change.
+/// A time zone as a POSIX rule, so that the test needs no time zone files, and the day before its clocks change.
 struct ClockChange {
     const char* name;
     const char* zone;
     int month;
     int day;
-    std::vector<std::string> requests;  // of the next 40 hours
+    std::vector<std::string> requests;  // in the 40 hours after that evening
 };
 
 void PrintTo(const ClockChange& change, std::ostream* stream) { *stream << change.name; }
@@ -112,8 +112,8 @@ TEST_P(ClockChangeTest, NightlyRequestsFollowTheChange) {
     phone_.properties->onWrite({});
 }
 
-// Forwards, the night's time moves by the change, once. Backwards, it comes twice: by the time before the change, and
-// by the time after it, in which midnight is reckoned anew.
+// When clocks go forward, the nightly time moves by the change, once. When they go back, it comes twice: counted from
+// midnight in the old time, and again in the new time.
 const ClockChange changes[] = {
     {"BerlinSpring", "CET-1CEST,M3.5.0,M10.5.0/3", 3, 28, {"Sun 29 Mar 04:53:15 CEST", "Mon 30 Mar 03:53:15 CEST"}},
     {"BerlinAutumn",

@@ -7,7 +7,7 @@ namespace {
 
 using namespace zav::constants;
 
-TEST(ConstantsTest, TheComposedTopics) {
+TEST(ConstantsTest, ComposedTopics) {
     EXPECT_EQ(systemPropertyTopic, "prop-service-system/#");
     EXPECT_EQ(statePropertyTopic, "prop-service-state/#");
     EXPECT_EQ(watchdogQueryTopic, "watchdog/prov-client");
@@ -16,16 +16,16 @@ TEST(ConstantsTest, TheComposedTopics) {
     EXPECT_EQ(autoRebootReplyTopic, "prov-client/auto-reboot");
 }
 
-TEST(ConstantsTest, TheMessageTexts) {
+TEST(ConstantsTest, MessageTexts) {
     EXPECT_EQ(watchdogQuery, "Are you alive?");
     EXPECT_EQ(watchdogReply, "{\"param\":\"Ok\"}");
     EXPECT_EQ(autoRebootBusyQueryKey, "State.System.QA.AutomaticReboot.IsBusyQuery");
     EXPECT_EQ(busyReply, "{\"param\":\"State.System.QA.AutomaticReboot.IsBusy\", \"value\":\"1\"}")
-        << "the blank after the comma is part of it";
+        << "the space after the comma is required";
     EXPECT_EQ(quitWord, "quit");
 }
 
-TEST(ConstantsTest, TheWords) {
+TEST(ConstantsTest, Words) {
     EXPECT_EQ(clientName, "prov-client");
     EXPECT_EQ(brokerHost, "localhost");
     EXPECT_EQ(requestWord, "request");
@@ -40,7 +40,7 @@ TEST(ConstantsTest, TheWords) {
     EXPECT_EQ(messageValue, "value");
 }
 
-TEST(ConstantsTest, ThePropertyKeys) {
+TEST(ConstantsTest, PropertyKeys) {
     EXPECT_EQ(periodKey, "System.Provision.Period");
     EXPECT_EQ(provisioningServerKey, "System.Provision.ProvisioningServer");
     EXPECT_EQ(debugLevelMaskKey, "System.Debug.LevelMask.ZAV");
@@ -68,7 +68,7 @@ TEST(ConstantsTest, ThePropertyKeys) {
     EXPECT_EQ(macAddressKey, "NET.MAC.Address");
 }
 
-TEST(ConstantsTest, TheNetworkKeys) {
+TEST(ConstantsTest, NetworkKeys) {
     EXPECT_THAT(networkKeys, testing::ElementsAre(
                                  "NET.General.DeviceNameInNetwork", "NET.LAN.IP.DHCP.Enabled", "NET.IP.AddressType",
                                  "NET.IP.IPv4.Address", "NET.IP.IPv4.SubnetMask", "NET.IP.IPv4.StandardGateway",
@@ -78,7 +78,7 @@ TEST(ConstantsTest, TheNetworkKeys) {
                                  "NET.IP.IPv4.DHCP.Options.NTP", "NET.SwitchSettings.EnablePortMirroring"));
 }
 
-TEST(ConstantsTest, ThePhoneSystemTypes) {
+TEST(ConstantsTest, PhoneSystemTypes) {
     EXPECT_EQ(phoneSystemTypeKey, "Telephony.PhoneSystem.Type");
     EXPECT_THAT(phoneSystemTypes, testing::ElementsAre("3", "7", "8", "9"));
 }

@@ -1,4 +1,4 @@
-// What a shutdown does to queries that are held back by a pass, and how a dispatcher ends that was not stopped.
+// Shutdown with pending watchdog queries, and the destruction of a dispatcher that was not stopped.
 #include <thread>
 #include <vector>
 
@@ -10,16 +10,16 @@ using fakes::info;
 
 class DispatcherStopTest : public tests::DispatcherFixture {};
 
-// A query is released and looks whether it is still wanted. With many of them some look while the others are still
-// being released, so the order of the two steps of a shutdown shows.
-TEST_F(DispatcherStopTest, NoHeldWatchdogQueryIsAnswered) {
+// A released query checks whether the dispatcher is stopping. With many queries, some check while others are still
+// being released, so the test fails if the shutdown takes these two steps in the wrong order.
+TEST_F(DispatcherStopTest, StopAnswersNoPendingWatchdogQuery) {
     constexpr std::size_t count = 100;
     const auto waiting = info("Core/ProvisioningWatchdog/ProgressReporter", "Waiting for progress");
     begin();
-    const auto gate = holdThePass();
+    const auto gate = holdPass();
     request("request");
     ASSERT_TRUE(gate->waitUntilReached());
-    bus_->deliver("watchdog/prov-client", "Are you alive?", "");  // consumes the start's signal
+    bus_->deliver("watchdog/prov-client", "Are you alive?", "");  // consumes the signal of the pass's start
     std::vector<std::thread> deliveries;
     for (std::size_t i = 0; i < count; ++i) {
         deliveries.emplace_back([this] { bus_->deliver("watchdog/prov-client", "Are you alive?", ""); });
@@ -32,14 +32,14 @@ TEST_F(DispatcherStopTest, NoHeldWatchdogQueryIsAnswered) {
     EXPECT_EQ(bus_->count("publish prov-client/watchdog {\"param\":\"Ok\"} 1"), 1U);
 }
 
-// As when an exception ends the start after the connection is made.
-TEST_F(DispatcherStopTest, ItsDestructionDisconnects) {
+// This happens if the start fails with an exception after the connection.
+TEST_F(DispatcherStopTest, DestructorDisconnects) {
     dispatcher_->startListening();
     dispatcher_.reset();
     EXPECT_EQ(bus_->calls().back(), "disconnect");
 }
 
-TEST_F(DispatcherStopTest, ADisconnectThatFailsInItsDestructionIsLogged) {
+TEST_F(DispatcherStopTest, DestructorLogsAFailedDisconnect) {
     dispatcher_->startListening();
     phone_.log.forget();
     bus_->failOn("disconnect", "not connected");

@@ -23,11 +23,11 @@ const std::string busyReply =
 
 class DispatcherTest : public tests::DispatcherFixture {
  protected:
-    void askWatchdog() { bus_->deliver("watchdog/prov-client", "Are you alive?", ""); }
-    void askAutoReboot() {
+    void queryWatchdog() { bus_->deliver("watchdog/prov-client", "Are you alive?", ""); }
+    void queryAutoReboot() {
         bus_->deliver("auto-reboot/prov-client", "State.System.QA.AutomaticReboot.IsBusyQuery", "");
     }
-    /// The lines of the dispatcher without "Get message".
+    /// The dispatcher's log lines except "Get message".
     Lines answers() {
         Lines chosen;
         for (const auto& line : phone_.log.linesOf(source)) {
@@ -46,7 +46,7 @@ TEST_F(DispatcherTest, SubscribesAndThenConnects) {
     EXPECT_EQ(phone_.log.lines(), Lines{info(source, "run IPC listening")});
 }
 
-TEST_F(DispatcherTest, ABusThatRefusesEndsTheStart) {
+TEST_F(DispatcherTest, StartFailsIfTheBusRefuses) {
     for (const char* call : {"subscribe prop-service-state/#", "subscribe auto-reboot", "connect"}) {
         phone_.log.forget();
         bus_->failOn(call, "no broker");
@@ -54,7 +54,7 @@ TEST_F(DispatcherTest, ABusThatRefusesEndsTheStart) {
             dispatcher_->startListening();
             FAIL() << "no exception";
         } catch (const ipc::IPCException&) {
-            FAIL() << "still the bus's own exception";
+            FAIL() << "the bus exception was not converted";
         } catch (const std::runtime_error& e) {
             EXPECT_STREQ(e.what(), "no broker");
         }
@@ -69,7 +69,7 @@ TEST_F(DispatcherTest, StopListeningDisconnects) {
     EXPECT_EQ(phone_.log.lines(), Lines{info(source, "IPC listening terminated")});
 }
 
-TEST_F(DispatcherTest, ADisconnectThatFailsIsLogged) {
+TEST_F(DispatcherTest, LogsAFailedDisconnect) {
     begin();
     bus_->failOn("disconnect", "not connected");
     dispatcher_->stopListening();
@@ -82,10 +82,10 @@ TEST_F(DispatcherTest, CallbacksAreLogged) {
     dispatcher_->deliveryComplete("prov-client/watchdog");
     EXPECT_EQ(phone_.log.lines(), (Lines{warning(source, "IPC connection lost: the cable"),
                                          info(source, "Delivered message with topic: prov-client/watchdog")}));
-    EXPECT_TRUE(bus_->calls().empty()) << "reconnecting is the bus client's business";
+    EXPECT_TRUE(bus_->calls().empty()) << "the bus client reconnects by itself";
 }
 
-TEST_F(DispatcherTest, BeforeHandlingMessagesAreOnlyLogged) {
+TEST_F(DispatcherTest, MessagesAreOnlyLoggedBeforeHandlingStarts) {
     dispatcher_->startListening();
     phone_.log.forget();
     for (const char* key : {"State.Provisioning", "Are you alive?", "System.Provision.Period", "unknown"}) {
@@ -101,7 +101,7 @@ TEST_F(DispatcherTest, BeforeHandlingMessagesAreOnlyLogged) {
     EXPECT_EQ(phone_.log.lines(), Lines{info(source, "start handling IPC messages")});
 }
 
-TEST_F(DispatcherTest, AMessageWithoutAHandlerIsLoggedWhole) {
+TEST_F(DispatcherTest, MessageWithoutAHandlerIsLoggedInFull) {
     begin();
     for (const char* content :
          {R"({"param":"Audio.Volume","value":"5"})", R"({"value":"x"})", "{}", "[]", "", "request",
@@ -116,7 +116,7 @@ TEST_F(DispatcherTest, AMessageWithoutAHandlerIsLoggedWhole) {
     }
 }
 
-TEST_F(DispatcherTest, HostilePayloadsAreSurvived) {
+TEST_F(DispatcherTest, SurvivesHostilePayloads) {
     begin();
     for (const std::string& content :
          {std::string(100000, '['), std::string("{\"param\":\"") + std::string(500000, 'x') + "\"}",
@@ -126,34 +126,34 @@ TEST_F(DispatcherTest, HostilePayloadsAreSurvived) {
         EXPECT_NO_THROW(bus_->deliver("prop-service-state/x", content));
     }
     EXPECT_EQ(phone_.log.count(info(workerSource, "Start provisioning thread")), 0U);
-    askWatchdog();
+    queryWatchdog();
     EXPECT_EQ(bus_->count(watchdogReply), 1U);
 }
 
-TEST_F(DispatcherTest, APeriodStartsTheTimer) {
+TEST_F(DispatcherTest, PeriodStartsTheTimer) {
     begin();
     bus_->deliver("prop-service-system/x", "System.Provision.Period", "7200");
     EXPECT_EQ(timer_.periods, std::vector<unsigned>{7200});
     EXPECT_EQ(answers(), Lines{info(source, "Timer setting done")});
 }
 
-TEST_F(DispatcherTest, AWrongPeriodLeavesTheTimerAlone) {
+TEST_F(DispatcherTest, InvalidPeriodLeavesTheTimerAlone) {
     begin();
     bus_->deliver("prop-service-system/x", "System.Provision.Period", "often");
     timer_.fails = true;
     bus_->deliver("prop-service-system/x", "System.Provision.Period", "7200");
     EXPECT_TRUE(timer_.periods.empty());
     EXPECT_EQ(answers(), (Lines{error(source, "Wrong time format: stoi"),
-                                error(source, "Wrong time format: no thread to be had")}));
+                                error(source, "Wrong time format: cannot start a thread")}));
 }
 
-TEST_F(DispatcherTest, ANumberAsValueReadsAsText) {
+TEST_F(DispatcherTest, NumericValueIsReadAsText) {
     begin();
     bus_->deliver("prop-service-system/x", R"({"param":"System.Provision.Period","value":900})");
     EXPECT_EQ(timer_.periods, std::vector<unsigned>{900});
 }
 
-TEST_F(DispatcherTest, TheLevelMaskIsApplied) {
+TEST_F(DispatcherTest, AppliesTheLevelMask) {
     begin();
     bus_->deliver("prop-service-system/x", "System.Debug.LevelMask.ZAV", "1");
     phone_.log.forget();
@@ -161,31 +161,32 @@ TEST_F(DispatcherTest, TheLevelMaskIsApplied) {
     EXPECT_TRUE(phone_.log.lines().empty()) << phone_.log.text();
 }
 
-TEST_F(DispatcherTest, TheServerIsStored) {
+TEST_F(DispatcherTest, StoresTheServer) {
     begin();
     bus_->deliver("prop-service-system/x", "System.Provision.ProvisioningServer", "http://new/");
     EXPECT_EQ(zav::GlobalConfig::provisioningServer(), "http://new/");
     EXPECT_TRUE(answers().empty());
 }
 
-TEST_F(DispatcherTest, CertificatesAreReloadedAndTheTriggerReset) {
+TEST_F(DispatcherTest, ReloadsCertificatesAndResetsTheTrigger) {
     begin();
     bus_->deliver("prop-service-state/x", "State.Security.Certificates.UpdateCABundle", "1");
-    EXPECT_EQ(security_.calls(), (std::vector<std::string>{"reload", "reload", "notify"})) << "the first is begin's";
+    EXPECT_EQ(security_.calls(), (std::vector<std::string>{"reload", "reload", "notify"}))
+        << "the first call is from begin()";
     EXPECT_EQ(phone_.properties->writes(),
               (std::vector<fakes::PropertyWrite>{{"State.Security.Certificates.UpdateCABundle", "", ""}}));
 }
 
-TEST_F(DispatcherTest, TheCertificateTriggerIsResetLast) {
+TEST_F(DispatcherTest, ResetsTheCertificateTriggerLast) {
     begin();
     std::vector<std::string> before;
     phone_.properties->onWrite([&](const auto&) { before = security_.calls(); });
     bus_->deliver("prop-service-state/x", "State.Security.Certificates.UpdateCABundle", "1");
-    EXPECT_EQ(before, (std::vector<std::string>{"reload", "reload", "notify"})) << "the first is begin's";
+    EXPECT_EQ(before, (std::vector<std::string>{"reload", "reload", "notify"})) << "the first call is from begin()";
     phone_.properties->onWrite({});
 }
 
-TEST_F(DispatcherTest, AnEmptyCertificateTriggerDoesNothing) {
+TEST_F(DispatcherTest, EmptyCertificateTriggerDoesNothing) {
     begin();
     bus_->deliver("prop-service-state/x", "State.Security.Certificates.UpdateCABundle", "");
     EXPECT_EQ(security_.calls().size(), 1U);
@@ -193,7 +194,7 @@ TEST_F(DispatcherTest, AnEmptyCertificateTriggerDoesNothing) {
     EXPECT_TRUE(answers().empty());
 }
 
-TEST_F(DispatcherTest, AHandlerThatFailsIsLogged) {
+TEST_F(DispatcherTest, LogsAnExceptionOfAHandler) {
     begin();
     phone_.properties->setOffline(true);
     EXPECT_NO_THROW(bus_->deliver("prop-service-state/x", "State.Security.Certificates.UpdateCABundle", "1"));
@@ -203,17 +204,17 @@ TEST_F(DispatcherTest, AHandlerThatFailsIsLogged) {
                                      "offline")});
 }
 
-TEST_F(DispatcherTest, AHandlerThatThrowsAnythingElseIsLoggedToo) {
+TEST_F(DispatcherTest, LogsANonStandardExceptionOfAHandler) {
     begin();
     security_.throws = true;
     EXPECT_NO_THROW(bus_->deliver("prop-service-state/x", "State.Security.Certificates.UpdateCABundle", "1"));
     EXPECT_EQ(answers(), Lines{error(source, "Handling message failed")});
-    EXPECT_TRUE(phone_.properties->writes().empty()) << "the trigger stays";
-    askWatchdog();
+    EXPECT_TRUE(phone_.properties->writes().empty()) << "the trigger must not be reset";
+    queryWatchdog();
     EXPECT_EQ(bus_->count(watchdogReply), 1U);
 }
 
-TEST_F(DispatcherTest, RequestsBeforeTheNetworkIsReadyAreDropped) {
+TEST_F(DispatcherTest, DropsRequestsBeforeTheNetworkIsReady) {
     dispatcher_->startListening();
     dispatcher_->startHandling();
     phone_.log.forget();
@@ -227,7 +228,7 @@ TEST_F(DispatcherTest, RequestsBeforeTheNetworkIsReadyAreDropped) {
 
 TEST_F(DispatcherTest, EveryValueThatContainsRequestStartsAPass) {
     begin();
-    holdThePass()->open();
+    holdPass()->open();
     std::size_t passes = 0;
     for (const char* value : {"request", "request-check-sync", "a request of mine"}) {
         request(value);
@@ -245,63 +246,63 @@ TEST_F(DispatcherTest, OtherValuesAreIgnoredSilently) {
     EXPECT_EQ(phone_.log.count(info(workerSource, "Start provisioning thread")), 0U);
 }
 
-TEST_F(DispatcherTest, AServerThatIsNoUrlIsLoggedAndTheNextRequestWorks) {
+TEST_F(DispatcherTest, LogsAnInvalidServerUrlAndTheNextRequestWorks) {
     begin();
     phone_.properties->put("System.Provision.ProvisioningServer", "http://bad server/");
     request("request");
     EXPECT_EQ(answers(), Lines{error(source, "Handling message failed: Url is incorrect, please verify")});
-    askAutoReboot();
-    EXPECT_EQ(bus_->count(busyReply), 1U) << "the pass that never ran counts as unfinished";
-    askWatchdog();
+    queryAutoReboot();
+    EXPECT_EQ(bus_->count(busyReply), 1U) << "a pass that did not start counts as unfinished";
+    queryWatchdog();
     EXPECT_EQ(bus_->count(watchdogReply), 1U) << "and there is nothing to wait for";
-    holdThePass()->open();
+    holdPass()->open();
     request("request");
     EXPECT_TRUE(waitForResults(1));
 }
 
-TEST_F(DispatcherTest, WithoutAPassTheWatchdogIsAnsweredAtOnceAndAutoRebootNotAtAll) {
+TEST_F(DispatcherTest, AnswersOnlyTheWatchdogWhenNoPassRuns) {
     begin();
-    askWatchdog();
-    askAutoReboot();
+    queryWatchdog();
+    queryAutoReboot();
     EXPECT_EQ(bus_->count(watchdogReply), 1U);
     EXPECT_EQ(bus_->count(busyReply), 0U);
 }
 
-TEST_F(DispatcherTest, WhileAPassRunsAutoRebootHearsThatThePhoneIsBusy) {
+TEST_F(DispatcherTest, AnswersAutoRebootAsBusyDuringAPass) {
     begin();
-    const auto gate = holdThePass();
+    const auto gate = holdPass();
     request("request");
     ASSERT_TRUE(gate->waitUntilReached());
-    askAutoReboot();
+    queryAutoReboot();
     EXPECT_EQ(bus_->count(busyReply), 1U);
     gate->open();
     EXPECT_TRUE(waitForResults(1));
-    askAutoReboot();
+    queryAutoReboot();
     EXPECT_EQ(bus_->count(busyReply), 1U);
 }
 
-TEST_F(DispatcherTest, RepliesThatCannotBeSentAreLogged) {
+TEST_F(DispatcherTest, LogsFailedReplies) {
     begin();
     bus_->failOn("publish", "away");
-    askWatchdog();
-    const auto gate = holdThePass();
+    queryWatchdog();
+    const auto gate = holdPass();
     request("request");
     ASSERT_TRUE(gate->waitUntilReached());
-    askAutoReboot();
+    queryAutoReboot();
     EXPECT_EQ(answers(), (Lines{error(source, "Cannot send response to watchdog: away"),
                                 error(source, "Handling Autoreboot query failed: away")}));
     gate->open();
 }
 
-TEST_F(DispatcherTest, AHangingPassHoldsTheWatchdogsReplyUntilItMoves) {
+TEST_F(DispatcherTest, HangingPassDelaysTheWatchdogReplyUntilProgress) {
     begin();
-    const auto gate = holdThePass();
+    const auto gate = holdPass();
     request("request");
     ASSERT_TRUE(gate->waitUntilReached());
-    askWatchdog();  // the start of the pass was progress
+    queryWatchdog();  // answered at once: the start of the pass is progress
     ASSERT_EQ(bus_->count(watchdogReply), 1U);
 
-    std::thread delivery([this] { askWatchdog(); });
+    std::thread delivery([this] { queryWatchdog(); });
     ASSERT_TRUE(phone_.log.waitFor(info("Core/ProvisioningWatchdog/ProgressReporter", "Waiting for progress"), 2));
     EXPECT_EQ(bus_->count(watchdogReply), 1U);
     gate->open();
@@ -309,41 +310,41 @@ TEST_F(DispatcherTest, AHangingPassHoldsTheWatchdogsReplyUntilItMoves) {
     delivery.join();
 }
 
-TEST_F(DispatcherTest, StopReleasesAHeldWatchdogQueryWithoutAReply) {
+TEST_F(DispatcherTest, StopReleasesAPendingWatchdogQueryWithoutAReply) {
     begin();
-    const auto gate = holdThePass();
+    const auto gate = holdPass();
     request("request");
     ASSERT_TRUE(gate->waitUntilReached());
-    askWatchdog();
-    std::thread delivery([this] { askWatchdog(); });
+    queryWatchdog();
+    std::thread delivery([this] { queryWatchdog(); });
     ASSERT_TRUE(phone_.log.waitFor(info("Core/ProvisioningWatchdog/ProgressReporter", "Waiting for progress"), 2));
     dispatcher_->stopListening();
     delivery.join();
     EXPECT_EQ(bus_->count(watchdogReply), 1U);
     gate->open();
     dispatcher_.reset();
-    EXPECT_EQ(phone_.properties->value("State.Provisioning"), "fail") << "the pass in hand went on to its end";
+    EXPECT_EQ(phone_.properties->value("State.Provisioning"), "fail") << "the running pass must finish";
     EXPECT_EQ(phone_.properties->value("State.Provisioning.LockUI"), "0");
 }
 
-TEST_F(DispatcherTest, StopDropsARequestThatWaitsBehindAPass) {
+TEST_F(DispatcherTest, StopDropsAQueuedRequest) {
     begin();
-    const auto gate = holdThePass();
+    const auto gate = holdPass();
     request("request");
     ASSERT_TRUE(gate->waitUntilReached());
     std::thread delivery([this] { request("request"); });
     ASSERT_TRUE(phone_.log.waitFor(warning(workerSource, "Previous provisioning is not finished yet. Waiting...")));
     dispatcher_->stopListening();
-    delivery.join();  // while the first pass still hangs
+    delivery.join();  // the first pass still hangs
     gate->open();
     dispatcher_.reset();
     EXPECT_EQ(phone_.log.count(info(workerSource, "Start provisioning thread")), 1U);
 }
 
-TEST_F(DispatcherTest, TheBootUpPassRunsOnceAndSaysDone) {
+TEST_F(DispatcherTest, BootUpPassRunsOnceAndWritesDone) {
     dispatcher_->startListening();
     dispatcher_->startHandling();
-    holdThePass()->open();
+    holdPass()->open();
     phone_.properties->put("State.Provisioning.OnBootUp", "");
     phone_.log.forget();
     dispatcher_->enableProvisioning();
@@ -354,7 +355,7 @@ TEST_F(DispatcherTest, TheBootUpPassRunsOnceAndSaysDone) {
     EXPECT_EQ(security_.calls().front(), "reload");
 }
 
-TEST_F(DispatcherTest, ABootUpPassThatWasDoneIsSkipped) {
+TEST_F(DispatcherTest, SkipsACompletedBootUpPass) {
     phone_.properties->put("State.Provisioning.OnBootUp", "done");
     dispatcher_->enableProvisioning();
     EXPECT_EQ(phone_.log.lines(), Lines{warning(source, "Provisioning on boot up already done, skipping")});
@@ -362,7 +363,7 @@ TEST_F(DispatcherTest, ABootUpPassThatWasDoneIsSkipped) {
     EXPECT_TRUE(phone_.properties->writes().empty());
 }
 
-TEST_F(DispatcherTest, BootUpFailuresOfThePropertyService) {
+TEST_F(DispatcherTest, LogsAnUnreadableBootUpState) {
     phone_.properties->failKey("State.Provisioning.OnBootUp");
     dispatcher_->enableProvisioning();
     EXPECT_EQ(phone_.log.lines(), Lines{error(source,
@@ -371,7 +372,7 @@ TEST_F(DispatcherTest, BootUpFailuresOfThePropertyService) {
     EXPECT_TRUE(phone_.properties->writes().empty());
 }
 
-TEST_F(DispatcherTest, APhoneWithoutTheBootUpStateHasNoBootUpPass) {
+TEST_F(DispatcherTest, NoBootUpPassWithoutTheBootUpState) {
     fakes::FakeProperties::Values values = tests::factoryValues();
     values.erase("State.Provisioning.OnBootUp");
     const auto properties = std::make_shared<fakes::FakeProperties>(values);
@@ -381,8 +382,8 @@ TEST_F(DispatcherTest, APhoneWithoutTheBootUpStateHasNoBootUpPass) {
     EXPECT_TRUE(security_.calls().empty());
 }
 
-TEST_F(DispatcherTest, StopDuringTheBootUpPassWritesNoDone) {
-    const auto gate = holdThePass();
+TEST_F(DispatcherTest, StopDuringTheBootUpPassDoesNotWriteDone) {
+    const auto gate = holdPass();
     std::thread readiness([this] { dispatcher_->enableProvisioning(); });
     ASSERT_TRUE(gate->waitUntilReached());
     dispatcher_->stopListening();

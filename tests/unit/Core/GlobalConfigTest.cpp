@@ -19,14 +19,14 @@ class GlobalConfigTest : public testing::Test {
     tests::Phone phone_;
 };
 
-TEST_F(GlobalConfigTest, CredentialsThatAreThereAreNotWaitedFor) {
+TEST_F(GlobalConfigTest, DoesNotWaitIfCredentialsAreSet) {
     GlobalConfig::waitForPreconditions(phone_.properties, 10, std::chrono::hours(1));
     const fakes::LogCapture::Lines expected{info(source, "Waiting for factory auth user name and password"),
                                             info(source, "Preconditions are met")};
     EXPECT_EQ(phone_.log.lines(), expected);
 }
 
-TEST_F(GlobalConfigTest, AnEmptyPasswordIsWaitedForTenTimesAndThenDoneWithout) {
+TEST_F(GlobalConfigTest, RetriesAnEmptyPasswordTenTimesThenContinues) {
     phone_.properties->put(password, "");
     GlobalConfig::waitForPreconditions(phone_.properties, 10, std::chrono::seconds(0));
     fakes::LogCapture::Lines expected{info(source, "Waiting for factory auth user name and password")};
@@ -37,7 +37,7 @@ TEST_F(GlobalConfigTest, AnEmptyPasswordIsWaitedForTenTimesAndThenDoneWithout) {
     EXPECT_EQ(phone_.properties->reads().size(), 22U) << "eleven checks of two properties";
 }
 
-TEST_F(GlobalConfigTest, ThePasswordIsReadOnlyWhenThereIsAUserName) {
+TEST_F(GlobalConfigTest, ReadsThePasswordOnlyIfThereIsAUserName) {
     phone_.properties->put(userName, "");
     EXPECT_FALSE(GlobalConfig::hasAuthCredentials(phone_.properties));
     EXPECT_EQ(phone_.properties->reads(), std::vector<std::string>{userName});
@@ -46,7 +46,7 @@ TEST_F(GlobalConfigTest, ThePasswordIsReadOnlyWhenThereIsAUserName) {
     EXPECT_EQ(phone_.properties->reads(), (std::vector<std::string>{userName, userName, password}));
 }
 
-TEST_F(GlobalConfigTest, CredentialsThatComeMeanwhileEndTheWait) {
+TEST_F(GlobalConfigTest, WaitEndsWhenCredentialsAreSet) {
     phone_.properties->failCall(fakes::FakeProperties::Call::get, 1);
     GlobalConfig::waitForPreconditions(phone_.properties, 10, std::chrono::seconds(0));
     const fakes::LogCapture::Lines expected{
@@ -58,7 +58,7 @@ TEST_F(GlobalConfigTest, CredentialsThatComeMeanwhileEndTheWait) {
     EXPECT_EQ(phone_.log.lines(), expected);
 }
 
-TEST_F(GlobalConfigTest, TheValuesAreReadInTheirOrder) {
+TEST_F(GlobalConfigTest, ReadsTheValuesInOrder) {
     phone_.properties->put("System.Provision.ProvisioningServer", "http://server/");
     GlobalConfig::readProperties(phone_.properties);
     EXPECT_EQ(GlobalConfig::softwareVersion(), "V1.2.3");
@@ -72,7 +72,7 @@ TEST_F(GlobalConfigTest, TheValuesAreReadInTheirOrder) {
     EXPECT_EQ(phone_.log.lines(), fakes::LogCapture::Lines{info(source, "Reading properties to GlobalConfig")});
 }
 
-TEST_F(GlobalConfigTest, TheLevelMaskIsReadAndNotApplied) {
+TEST_F(GlobalConfigTest, ReadsTheLevelMaskWithoutApplyingIt) {
     phone_.properties->put("System.Debug.LevelMask.ZAV", "0");
     GlobalConfig::readProperties(phone_.properties);
     phone_.log.forget();
@@ -80,8 +80,8 @@ TEST_F(GlobalConfigTest, TheLevelMaskIsReadAndNotApplied) {
     EXPECT_EQ(phone_.log.lines().size(), 1U);
 }
 
-TEST_F(GlobalConfigTest, AServerThatCannotBeReadIsEmpty) {
-    GlobalConfig::setProvisioningServer("http://of-before/");
+TEST_F(GlobalConfigTest, UnreadableServerIsEmpty) {
+    GlobalConfig::setProvisioningServer("http://previous/");
     phone_.properties->failKey("System.Provision.ProvisioningServer");
     GlobalConfig::readProperties(phone_.properties);
     EXPECT_EQ(GlobalConfig::provisioningServer(), "");
@@ -91,7 +91,7 @@ TEST_F(GlobalConfigTest, AServerThatCannotBeReadIsEmpty) {
                              "'System.Provision.ProvisioningServer': the property service is offline")));
 }
 
-TEST_F(GlobalConfigTest, TheFixedValues) {
+TEST_F(GlobalConfigTest, FixedValues) {
     EXPECT_EQ(GlobalConfig::fileFormatVersion(), "1.1");
     EXPECT_EQ(GlobalConfig::productIdentifier(), "kd4v");
     EXPECT_FALSE(GlobalConfig::defaultProvisioningServer().empty());

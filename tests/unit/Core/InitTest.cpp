@@ -18,7 +18,7 @@ class RecordingTimer : public zav::ProvisioningTimer {
     using ProvisioningTimer::ProvisioningTimer;
     void start(unsigned period) override {
         periods.push_back(period);
-        if (periods.size() <= failures) throw std::runtime_error("no thread to be had");
+        if (periods.size() <= failures) throw std::runtime_error("cannot start a thread");
     }
     std::vector<unsigned> periods;
     std::size_t failures = 0;
@@ -33,13 +33,13 @@ class InitTest : public testing::Test {
     zav::Init init_{timer_, phone_.properties, atOnce()};
 };
 
-TEST_F(InitTest, StartsWithThePausesOfTheText) {
+TEST_F(InitTest, DefaultPauses) {
     const zav::Init::Timing timing;
     EXPECT_EQ(timing.credentialsPause, std::chrono::seconds(1));
     EXPECT_EQ(timing.periodPause, std::chrono::seconds(10));
 }
 
-TEST_F(InitTest, ReadsCredentialsConfigurationAndPeriodInThisOrder) {
+TEST_F(InitTest, ReadsCredentialsConfigurationAndPeriodInOrder) {
     phone_.properties->put("System.Provision.Period", "7200");
     phone_.properties->put("System.Provision.ProvisioningServer", "http://server/");
     init_.run();
@@ -51,14 +51,14 @@ TEST_F(InitTest, ReadsCredentialsConfigurationAndPeriodInThisOrder) {
                                          info(source, "Setting timer"), info(source, "Timer set to 7200 seconds")}));
 }
 
-TEST_F(InitTest, ThePeriodIsLoggedAsItWasRead) {
+TEST_F(InitTest, LogsThePeriodAsRead) {
     phone_.properties->put("System.Provision.Period", "599");
     init_.setTimer();
     EXPECT_EQ(timer_.periods, std::vector<unsigned>{600});
     EXPECT_TRUE(phone_.log.has(info(source, "Timer set to 599 seconds")));
 }
 
-TEST_F(InitTest, WithoutCredentialsItGoesOn) {
+TEST_F(InitTest, ContinuesWithoutCredentials) {
     phone_.properties->put("System.Provision.FactoryAuthUsername", "");
     init_.run();
     EXPECT_EQ(phone_.log.count(info("Core/GlobalConfig", "Waiting for auth user name and password")), 10U);
@@ -66,7 +66,7 @@ TEST_F(InitTest, WithoutCredentialsItGoesOn) {
     EXPECT_EQ(timer_.periods, std::vector<unsigned>{86400});
 }
 
-TEST_F(InitTest, APeriodThatCannotBeReadIsTriedTenTimes) {
+TEST_F(InitTest, RetriesAnUnreadablePeriodTenTimesThenGivesUp) {
     phone_.properties->failKey("System.Provision.Period");
     init_.setTimer();
     Lines expected{info(source, "Setting timer")};
@@ -78,19 +78,19 @@ TEST_F(InitTest, APeriodThatCannotBeReadIsTriedTenTimes) {
     EXPECT_TRUE(timer_.periods.empty());
 }
 
-TEST_F(InitTest, APeriodThatIsNoNumberCountsAsAFailedAttempt) {
+TEST_F(InitTest, NonNumericPeriodCountsAsAFailedAttempt) {
     phone_.properties->put("System.Provision.Period", "daily");
     init_.setTimer();
     EXPECT_EQ(phone_.log.count(error(source, "stoi")), 10U);
     EXPECT_TRUE(phone_.log.has(error(source, "Timer not set. Automatic provisioning disabled!")));
 }
 
-TEST_F(InitTest, TheFirstAttemptThatWorksIsTheLast) {
+TEST_F(InitTest, StopsRetryingAfterTheFirstSuccess) {
     timer_.failures = 2;
     init_.setTimer();
     EXPECT_EQ(phone_.log.lines(),
-              (Lines{info(source, "Setting timer"), error(source, "no thread to be had"),
-                     error(source, "no thread to be had"), info(source, "Timer set to 86400 seconds")}));
+              (Lines{info(source, "Setting timer"), error(source, "cannot start a thread"),
+                     error(source, "cannot start a thread"), info(source, "Timer set to 86400 seconds")}));
     EXPECT_EQ(timer_.periods.size(), 3U);
 }
 

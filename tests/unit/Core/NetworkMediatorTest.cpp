@@ -27,20 +27,20 @@ class NetworkMediatorTest : public tests::DispatcherFixture {
     static Timing never() { return {std::chrono::hours(1), std::chrono::hours(1)}; }
 };
 
-TEST_F(NetworkMediatorTest, TheTimesOfTheText) {
+TEST_F(NetworkMediatorTest, DefaultTimes) {
     const Timing timing;
     EXPECT_EQ(timing.pollInterval, std::chrono::milliseconds(5000));
     EXPECT_EQ(timing.stabilisation, std::chrono::seconds(90));
 }
 
-TEST_F(NetworkMediatorTest, ANetworkThatIsReadyIsEnabledWithoutAWarning) {
+TEST_F(NetworkMediatorTest, ReadyNetworkEnablesProvisioningWithoutAWarning) {
     zav::NetworkMediator mediator(atOnce());
     mediator.start(dispatcher_, [] { return true; });
     ASSERT_TRUE(phone_.log.waitFor(enabled));
     EXPECT_EQ(phone_.log.lines(), (Lines{started, stabilising, enabling, enabled}));
 }
 
-TEST_F(NetworkMediatorTest, ANetworkThatComesLateIsWarnedAboutOnce) {
+TEST_F(NetworkMediatorTest, LateNetworkIsWarnedAboutOnce) {
     std::atomic<int> checks{0};
     zav::NetworkMediator mediator(atOnce());
     mediator.start(dispatcher_, [&checks] { return ++checks > 3; });
@@ -49,17 +49,17 @@ TEST_F(NetworkMediatorTest, ANetworkThatComesLateIsWarnedAboutOnce) {
     EXPECT_EQ(checks, 4);
 }
 
-TEST_F(NetworkMediatorTest, ItEndsWhilePolling) {
+TEST_F(NetworkMediatorTest, StopsWhilePolling) {
     {
         zav::NetworkMediator mediator(never());
         mediator.start(dispatcher_, [] { return false; });
         ASSERT_TRUE(phone_.log.waitFor(started));
     }
-    EXPECT_EQ(dispatcher_.use_count(), 1) << "the thread has let go";
+    EXPECT_EQ(dispatcher_.use_count(), 1) << "the thread must release the dispatcher";
     EXPECT_EQ(phone_.log.lines(), Lines{started});
 }
 
-TEST_F(NetworkMediatorTest, ItEndsWhileStabilising) {
+TEST_F(NetworkMediatorTest, StopsWhileStabilising) {
     {
         zav::NetworkMediator mediator(never());
         mediator.start(dispatcher_, [] { return true; });
@@ -69,9 +69,9 @@ TEST_F(NetworkMediatorTest, ItEndsWhileStabilising) {
     EXPECT_EQ(phone_.log.lines(), (Lines{started, stabilising}));
 }
 
-TEST_F(NetworkMediatorTest, ItEndsDuringTheBootUpPassOnceTheDispatcherStops) {
+TEST_F(NetworkMediatorTest, StopsDuringTheBootUpPassWithTheDispatcher) {
     phone_.properties->put("State.Provisioning.OnBootUp", "");
-    const auto gate = holdThePass();
+    const auto gate = holdPass();
     {
         zav::NetworkMediator mediator(atOnce());
         mediator.start(dispatcher_, [] { return true; });
@@ -82,7 +82,7 @@ TEST_F(NetworkMediatorTest, ItEndsDuringTheBootUpPassOnceTheDispatcherStops) {
     gate->open();
 }
 
-TEST_F(NetworkMediatorTest, ACheckThatThrowsEndsTheProcess) {
+TEST_F(NetworkMediatorTest, ThrowingCheckAbortsTheProcess) {
     GTEST_FLAG_SET(death_test_style, "threadsafe");
     const auto startWithoutCheck = [this] {
         zav::NetworkMediator mediator(atOnce());
@@ -91,7 +91,7 @@ TEST_F(NetworkMediatorTest, ACheckThatThrowsEndsTheProcess) {
     EXPECT_EXIT(startWithoutCheck(), testing::KilledBySignal(SIGABRT), "");
 }
 
-TEST_F(NetworkMediatorTest, TheThreadBeginsWithItsFirstAction) {
+TEST_F(NetworkMediatorTest, RunsTheFirstActionBeforeTheCheck) {
     std::string order;
     {
         zav::NetworkMediator mediator(never());
@@ -107,6 +107,6 @@ TEST_F(NetworkMediatorTest, TheThreadBeginsWithItsFirstAction) {
     EXPECT_EQ(order, "first check ");
 }
 
-TEST_F(NetworkMediatorTest, OneThatNeverStartedEndsToo) { const zav::NetworkMediator mediator(never()); }
+TEST_F(NetworkMediatorTest, DestructionWithoutAStart) { const zav::NetworkMediator mediator(never()); }
 
 }  // namespace

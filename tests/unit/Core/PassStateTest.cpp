@@ -4,7 +4,7 @@
 
 namespace {
 
-TEST(PassStateTest, TheVersionIsCopiedOut) {
+TEST(PassStateTest, ReturnsACopyOfTheVersion) {
     zav::setCurrentProvisioningVersion("1.1");
     const std::string version = zav::currentProvisioningVersion();
     zav::setCurrentProvisioningVersion("");

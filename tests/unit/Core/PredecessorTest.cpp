@@ -21,7 +21,7 @@ class PredecessorTest : public testing::Test {
     tests::Phone phone_;
 };
 
-TEST_F(PredecessorTest, OneDaemonHoldsTheLock) {
+TEST_F(PredecessorTest, OnlyOneDaemonHoldsTheLock) {
     std::filesystem::remove_all("/var/volatile/provisioning");
     const zav::DaemonLock first;
     EXPECT_EQ(first.state(), State::held);
@@ -29,13 +29,13 @@ TEST_F(PredecessorTest, OneDaemonHoldsTheLock) {
     EXPECT_TRUE(phone_.log.lines().empty());
 }
 
-TEST_F(PredecessorTest, TheLockIsFreeOnceItsHolderIsGone) {
+TEST_F(PredecessorTest, LockIsFreeOnceItsHolderHasExited) {
     { const zav::DaemonLock first; }
     EXPECT_EQ(zav::DaemonLock().state(), State::held);
     const pid_t killed = fork();
     if (killed == 0) {
         const zav::DaemonLock lock;
-        _exit(lock.state() == State::held ? 0 : 1);  // without its destructor
+        _exit(lock.state() == State::held ? 0 : 1);  // skips the destructor
     }
     int status = -1;
     ASSERT_EQ(waitpid(killed, &status, 0), killed);
@@ -43,7 +43,7 @@ TEST_F(PredecessorTest, TheLockIsFreeOnceItsHolderIsGone) {
     EXPECT_EQ(zav::DaemonLock().state(), State::held);
 }
 
-TEST_F(PredecessorTest, ALockThatCannotBeMadeIsLogged) {
+TEST_F(PredecessorTest, FailedLockIsLogged) {
     std::filesystem::remove_all("/var/volatile/provisioning");
     tests::writeFile("/var/volatile/provisioning", "no folder");
     EXPECT_EQ(zav::DaemonLock().state(), State::unavailable);
@@ -53,7 +53,7 @@ TEST_F(PredecessorTest, ALockThatCannotBeMadeIsLogged) {
                                                        "directory; a second zavd would not be detected")});
 }
 
-TEST_F(PredecessorTest, AScreenLeftLockedIsUnlocked) {
+TEST_F(PredecessorTest, UnlocksAScreenLeftLocked) {
     phone_.properties->put(lockUi, "1");
     zav::cleanUpAfterPredecessor(*phone_.properties);
     EXPECT_EQ(phone_.properties->writesTo(lockUi), std::vector<std::string>{"0"});
@@ -61,7 +61,7 @@ TEST_F(PredecessorTest, AScreenLeftLockedIsUnlocked) {
               Lines{fakes::warning(source, "The screen was left locked by a zavd that was killed, unlocking it")});
 }
 
-TEST_F(PredecessorTest, AnUnlockedScreenIsLeftAlone) {
+TEST_F(PredecessorTest, LeavesAnUnlockedScreenAlone) {
     for (const char* value : {"0", "", "true"}) {
         phone_.properties->put(lockUi, value);
         zav::cleanUpAfterPredecessor(*phone_.properties);
@@ -70,13 +70,13 @@ TEST_F(PredecessorTest, AnUnlockedScreenIsLeftAlone) {
     EXPECT_TRUE(phone_.log.lines().empty());
 }
 
-TEST_F(PredecessorTest, AScreenWhoseStateCannotBeReadIsLeftAloneSilently) {
+TEST_F(PredecessorTest, IgnoresAnUnreadableScreenStateSilently) {
     phone_.properties->setOffline(true);
     zav::cleanUpAfterPredecessor(*phone_.properties);
     EXPECT_TRUE(phone_.log.lines().empty());
 }
 
-TEST_F(PredecessorTest, HalfDownloadedAndHalfDecryptedFilesAreRemoved) {
+TEST_F(PredecessorTest, RemovesPartialDownloadsAndDecryptions) {
     const std::string folder = "/var/volatile/provisioning/";
     std::filesystem::create_directories(folder + "nvm");
     std::filesystem::create_directories(folder + "folder.tmp");

@@ -26,7 +26,7 @@ class ProvisioningStatusReporterTest : public testing::Test {
         log_.forget();
         reporter_.reportFinished();
         const auto lines = log_.lines();
-        if (lines.size() != 1) throw std::runtime_error("not one line");
+        if (lines.size() != 1) throw std::runtime_error("expected one log line");
         EXPECT_EQ(lines[0].level, "info");
         EXPECT_EQ(lines[0].source, source);
         EXPECT_EQ(lines[0].text.substr(0, beginning.size()), beginning);
@@ -50,7 +50,7 @@ class ProvisioningStatusReporterTest : public testing::Test {
     std::string written_;
 };
 
-TEST_F(ProvisioningStatusReporterTest, TheOverallStatusIsFormedFromTheResults) {
+TEST_F(ProvisioningStatusReporterTest, OverallStatusFollowsFromTheResults) {
     EXPECT_EQ(overall({{"nvm", 2}, {"custom", 2}}), "success");
     EXPECT_EQ(overall({{"nvm", 2}, {"custom", 2}, {"firmware", 2}}), "success");
     EXPECT_EQ(overall({{"nvm", 2}, {"firmware", 0}}), "partSuccess");
@@ -58,10 +58,10 @@ TEST_F(ProvisioningStatusReporterTest, TheOverallStatusIsFormedFromTheResults) {
     EXPECT_EQ(overall({{"nvm", 0}, {"custom", 0}, {"firmware", 0}}), "fail");
     EXPECT_EQ(overall({{"nvm", 1}}), "partSuccess");
     EXPECT_EQ(overall({{"nvm", 1}, {"custom", 2}}), "partSuccess");
-    EXPECT_EQ(overall({{"nvm", 0}, {"nvm", 2}}), "success") << "the last one stands";
+    EXPECT_EQ(overall({{"nvm", 0}, {"nvm", 2}}), "success") << "the last result counts";
 }
 
-TEST_F(ProvisioningStatusReporterTest, NoResultsArePartSuccess) {
+TEST_F(ProvisioningStatusReporterTest, NoResultsGivePartSuccess) {
     const Json::Value document = finish();
     EXPECT_EQ(document["provisioningStatus"].asString(), "partSuccess");
     EXPECT_EQ(document.getMemberNames(), std::vector<std::string>{"provisioningStatus"});
@@ -81,7 +81,7 @@ TEST_F(ProvisioningStatusReporterTest, HandlersReportUnderClassNameOrJobType) {
     }
 }
 
-TEST_F(ProvisioningStatusReporterTest, OtherNamesChangeNothing) {
+TEST_F(ProvisioningStatusReporterTest, IgnoresOtherNames) {
     for (const char* name : {"FileDownloadHandler", "file", "MasterJobHandler", "", "NVM"}) {
         reporter_.setJobStatus(name, 0);
         reporter_.setJobField(name, "extraInfo", "text");
@@ -89,7 +89,7 @@ TEST_F(ProvisioningStatusReporterTest, OtherNamesChangeNothing) {
     EXPECT_EQ(finish().getMemberNames(), std::vector<std::string>{"provisioningStatus"});
 }
 
-TEST_F(ProvisioningStatusReporterTest, AnUnknownResultIsAnEmptyWord) {
+TEST_F(ProvisioningStatusReporterTest, UnknownResultIsEmpty) {
     reporter_.setJobStatus("nvm", 3);
     const Json::Value document = finish();
     EXPECT_EQ(document["nvm"]["jobStatus"].asString(), "");
@@ -97,7 +97,7 @@ TEST_F(ProvisioningStatusReporterTest, AnUnknownResultIsAnEmptyWord) {
     EXPECT_EQ(document["provisioningStatus"].asString(), "partSuccess");
 }
 
-TEST_F(ProvisioningStatusReporterTest, AStatusThatWasSetWins) {
+TEST_F(ProvisioningStatusReporterTest, ExplicitStatusWins) {
     reporter_.setJobStatus("nvm", 2);
     reporter_.setJobField("custom", "extraInfo", "a detail without a result");
     reporter_.setProvisioningStatus("fail");
@@ -108,12 +108,12 @@ TEST_F(ProvisioningStatusReporterTest, AStatusThatWasSetWins) {
     EXPECT_EQ(document["custom"]["extraInfo"].asString(), "a detail without a result");
 }
 
-TEST_F(ProvisioningStatusReporterTest, ACategoryWithoutAResultIsRemoved) {
+TEST_F(ProvisioningStatusReporterTest, RemovesACategoryWithoutAResult) {
     reporter_.setJobField("custom", "extraInfo", "a detail");
     EXPECT_EQ(finish().getMemberNames(), std::vector<std::string>{"provisioningStatus"});
 }
 
-TEST_F(ProvisioningStatusReporterTest, TheDocumentIsLoggedAsItStands) {
+TEST_F(ProvisioningStatusReporterTest, LogsTheDocumentWithItsLayout) {
     reporter_.setJobStatus("nvm", 2);
     reporter_.setJobField("nvm", "extraInfo", "3/5\n");
     finish();
@@ -122,7 +122,7 @@ TEST_F(ProvisioningStatusReporterTest, TheDocumentIsLoggedAsItStands) {
               "\t\"provisioningStatus\" : \"success\"\n}");
 }
 
-TEST_F(ProvisioningStatusReporterTest, AResetForgetsEverything) {
+TEST_F(ProvisioningStatusReporterTest, ResetClearsEverything) {
     EXPECT_EQ(reporter_.getProvisioningStatus(), "");
     reporter_.setJobStatus("nvm", 0);
     finish();
@@ -132,8 +132,8 @@ TEST_F(ProvisioningStatusReporterTest, AResetForgetsEverything) {
     EXPECT_EQ(finish().getMemberNames(), std::vector<std::string>{"provisioningStatus"});
 }
 
-// Several times: a status that is formed before the wait begins shows nothing.
-TEST_F(ProvisioningStatusReporterTest, AWaiterReadsTheStatusOnceItIsFormed) {
+// Repeated, because a round in which the status is set before the wait begins proves nothing.
+TEST_F(ProvisioningStatusReporterTest, WaiterReadsTheStatusOnceItIsSet) {
     for (int round = 0; round < 40; ++round) {
         const bool set = round % 2 == 0;
         reporter_.resetStatus();
@@ -143,11 +143,11 @@ TEST_F(ProvisioningStatusReporterTest, AWaiterReadsTheStatusOnceItIsFormed) {
         });
         EXPECT_EQ(reporter_.waitForProvisioningStatus(std::chrono::hours(1)), "fail");
         pass.join();
-        EXPECT_EQ(reporter_.waitForProvisioningStatus(std::chrono::hours(1)), "fail") << "it is there already";
+        EXPECT_EQ(reporter_.waitForProvisioningStatus(std::chrono::hours(1)), "fail") << "the status is set already";
     }
 }
 
-TEST_F(ProvisioningStatusReporterTest, AWaitForAStatusThatIsNotFormedEnds) {
+TEST_F(ProvisioningStatusReporterTest, WaitForAStatusTimesOut) {
     reporter_.setJobStatus("nvm", 2);
     const auto start = std::chrono::steady_clock::now();
     EXPECT_EQ(reporter_.waitForProvisioningStatus(std::chrono::milliseconds(20)), "");
@@ -169,7 +169,7 @@ TEST_F(ProvisioningStatusReporterTest, ReadingWhileAPassWritesIsSafe) {
     pass.join();
 }
 
-TEST_F(ProvisioningStatusReporterTest, AnUnreadLogDoesNotDelayReaders) {
+TEST_F(ProvisioningStatusReporterTest, BlockedLogDoesNotDelayReaders) {
     fakes::FullStandardError full;
     std::atomic<bool> reported{false};
     full.hold();
@@ -187,7 +187,7 @@ TEST_F(ProvisioningStatusReporterTest, AnUnreadLogDoesNotDelayReaders) {
     const auto logged = std::chrono::steady_clock::now() - start;
     pass.join();
     full.release();
-    EXPECT_GT(logged, std::chrono::seconds(1)) << "the line waited for its reader";
+    EXPECT_GT(logged, std::chrono::seconds(1)) << "the log line did not block";
     EXPECT_LT(longest, std::chrono::seconds(1));
     EXPECT_EQ(reporter_.getProvisioningStatus(), "partSuccess");
 }

@@ -20,11 +20,10 @@ const std::string source = "Core/ProvisioningTimer";
 const Lines fired{info(source, "Provisioning timer: Provisioning ready to go"),
                   info(source, "Provisioning timer: Preparing to restart timer")};
 
-/// Time stands still until the test moves it. The timer's waits end when the test says so, or when the timer is
-/// stopped.
-class HandClock : public zav::TimerClock {
+/// A clock that only the test advances. Waits of the timer end when the test ends them or the timer is stopped.
+class ManualClock : public zav::TimerClock {
  public:
-    explicit HandClock(system_clock::time_point now) : now_(now) {}
+    explicit ManualClock(system_clock::time_point now) : now_(now) {}
 
     system_clock::time_point now() const override {
         const std::lock_guard<std::mutex> lock(mutex_);
@@ -43,12 +42,12 @@ class HandClock : public zav::TimerClock {
         return std::cv_status::timeout;
     }
 
-    /// Ends the wait at hand as one that lasted its time, by a wall clock that is `error` ahead.
+    /// Ends the current wait by time-out, with the wall clock `error` ahead of the wait's end.
     void elapse(nanoseconds error = {}) { endWait(true, error); }
-    /// Wakes the timer for nothing.
+    /// Wakes the timer before its time.
     void wakeSpuriously() { endWait(false, {}); }
 
-    /// The waits so far, after the `count`-th has begun.
+    /// Waits until `count` waits have begun and returns all of them.
     std::vector<nanoseconds> waits(std::size_t count) const {
         std::unique_lock<std::mutex> lock(mutex_);
         EXPECT_TRUE(changed_.wait_for(lock, seconds(30), [&] { return waits_.size() >= count; }));
@@ -64,7 +63,7 @@ class HandClock : public zav::TimerClock {
         changed_.notify_all();
     }
 
-    // Holding the timer's mutex, which the timer gives up only inside its wait.
+    // Holds the timer's mutex, so that the timer is inside its wait.
     void endWait(bool timesOut, nanoseconds error) const {
         std::condition_variable* condition = nullptr;
         std::mutex* timerMutex = nullptr;
@@ -128,8 +127,8 @@ class ProvisioningTimerTest : public testing::Test {
 const std::string periodical = "Setting periodical Provisioning";
 const std::string nightly = "Setting provisioning for night";
 
-TEST_F(ProvisioningTimerTest, APeriodIsCountedFromNow) {
-    HandClock clock(on20November(12));
+TEST_F(ProvisioningTimerTest, PeriodCountsFromNow) {
+    ManualClock clock(on20November(12));
     zav::ProvisioningTimer timer(phone_.properties, clock);
     timer.start(600);
     EXPECT_EQ(clock.waits(1).back(), seconds(600));
@@ -145,9 +144,9 @@ TEST_F(ProvisioningTimerTest, APeriodIsCountedFromNow) {
     EXPECT_EQ(phone_.log.lines(), expected);
 }
 
-TEST_F(ProvisioningTimerTest, PeriodZeroIsTheNight) {
-    HandClock early(on20November(2));
-    HandClock late(on20November(5));
+TEST_F(ProvisioningTimerTest, PeriodZeroMeansNightly) {
+    ManualClock early(on20November(2));
+    ManualClock late(on20November(5));
     zav::ProvisioningTimer before(phone_.properties, early);
     before.start(0);
     EXPECT_EQ(phone_.log.lines(), schedule(nightly, "Fri Nov 20 03:53:15 2026", "6795"));
@@ -159,9 +158,9 @@ TEST_F(ProvisioningTimerTest, PeriodZeroIsTheNight) {
     late.waits(1);
 }
 
-// Unlike a night whose wait has just ended, which must not be scheduled again.
-TEST_F(ProvisioningTimerTest, ARestartJustBeforeTheNightKeepsTheNight) {
-    HandClock clock(on20November(3, std::chrono::minutes(53)));
+// Only a night whose wait has just ended must be skipped.
+TEST_F(ProvisioningTimerTest, RestartJustBeforeTheNightTimeKeepsIt) {
+    ManualClock clock(on20November(3, std::chrono::minutes(53)));
     zav::ProvisioningTimer timer(phone_.properties, clock);
     timer.start(0);
     EXPECT_EQ(clock.waits(1).back(), seconds(15));
@@ -171,15 +170,15 @@ TEST_F(ProvisioningTimerTest, ARestartJustBeforeTheNightKeepsTheNight) {
 
 struct WakeUp {
     const char* name;
-    nanoseconds error;  // of the wall clock when the wait ends
+    nanoseconds error;  // of the wall clock at the end of the wait
 };
 
 class NightTest : public ProvisioningTimerTest, public testing::WithParamInterface<WakeUp> {};
 
-// The logged wait is whole seconds; the real one must not be, or the timer fires again and again until the second is
-// over.
-TEST_P(NightTest, FiresExactlyOnceANight) {
-    HandClock clock(on20November(2, milliseconds(700)));
+// The logged wait is in whole seconds. The real wait must be exact, or the timer would fire repeatedly until the second
+// is over.
+TEST_P(NightTest, FiresOnceANight) {
+    ManualClock clock(on20November(2, milliseconds(700)));
     zav::ProvisioningTimer timer(phone_.properties, clock);
     timer.start(0);
     EXPECT_EQ(clock.waits(1).back(), milliseconds(6794300));
@@ -197,9 +196,9 @@ TEST_P(NightTest, FiresExactlyOnceANight) {
     }
 }
 
-// Nothing tells it from a clock that was wrong before: the night of the new time is still to come.
-TEST_F(ProvisioningTimerTest, AClockSetBackByAnHourMeetsTheNightAgain) {
-    HandClock clock(on20November(2));
+// The timer cannot know whether the clock was wrong before or is now, so it schedules the night of the new time.
+TEST_F(ProvisioningTimerTest, ClockSetBackByAnHourRepeatsTheNight) {
+    ManualClock clock(on20November(2));
     zav::ProvisioningTimer timer(phone_.properties, clock);
     timer.start(0);
     clock.waits(1);
@@ -215,8 +214,8 @@ INSTANTIATE_TEST_SUITE_P(Clocks, NightTest,
                                          WakeUp{"aSecondEarly", seconds(-1)}),
                          [](const auto& row) { return row.param.name; });
 
-TEST_F(ProvisioningTimerTest, ASpuriousWakeUpWaitsTheWholeTimeAgain) {
-    HandClock clock(on20November(12));
+TEST_F(ProvisioningTimerTest, SpuriousWakeUpRestartsTheWait) {
+    ManualClock clock(on20November(12));
     zav::ProvisioningTimer timer(phone_.properties, clock);
     timer.start(700);
     clock.waits(1);
@@ -228,7 +227,7 @@ TEST_F(ProvisioningTimerTest, ASpuriousWakeUpWaitsTheWholeTimeAgain) {
 }
 
 TEST_F(ProvisioningTimerTest, StopEndsTheWaitWithoutARequest) {
-    HandClock clock(on20November(12));
+    ManualClock clock(on20November(12));
     zav::ProvisioningTimer timer(phone_.properties, clock);
     timer.start(600);
     clock.waits(1);
@@ -240,14 +239,14 @@ TEST_F(ProvisioningTimerTest, StopEndsTheWaitWithoutARequest) {
     EXPECT_EQ(phone_.log.lines().size(), 1U);
 }
 
-TEST_F(ProvisioningTimerTest, StopOfATimerThatNeverStartedDoesNothing) {
+TEST_F(ProvisioningTimerTest, StopWithoutAStartDoesNothing) {
     zav::ProvisioningTimer timer(phone_.properties);
     timer.stop();
     EXPECT_TRUE(phone_.log.lines().empty());
 }
 
-TEST_F(ProvisioningTimerTest, ASecondStartReplacesTheFirst) {
-    HandClock clock(on20November(12));
+TEST_F(ProvisioningTimerTest, SecondStartReplacesTheFirst) {
+    ManualClock clock(on20November(12));
     zav::ProvisioningTimer timer(phone_.properties, clock);
     timer.start(600);
     clock.waits(1);
@@ -259,8 +258,8 @@ TEST_F(ProvisioningTimerTest, ASecondStartReplacesTheFirst) {
     EXPECT_EQ(requests().size(), 1U) << "one thread, one request";
 }
 
-TEST_F(ProvisioningTimerTest, ARequestThatCannotBeWrittenIsDropped) {
-    HandClock clock(on20November(12));
+TEST_F(ProvisioningTimerTest, DropsARequestThatCannotBeWritten) {
+    ManualClock clock(on20November(12));
     zav::ProvisioningTimer timer(phone_.properties, clock);
     timer.start(600);
     clock.waits(1);
@@ -274,11 +273,11 @@ TEST_F(ProvisioningTimerTest, ARequestThatCannotBeWrittenIsDropped) {
     phone_.properties->setOffline(false);
     clock.elapse();
     clock.waits(3);
-    EXPECT_EQ(requests().size(), 1U) << "not repeated, and the next one comes by itself";
+    EXPECT_EQ(requests().size(), 1U) << "the failed request must not be repeated";
 }
 
-TEST_F(ProvisioningTimerTest, StartsAndStopsOfSeveralThreadsLeaveOneTimer) {
-    HandClock clock(on20November(12));
+TEST_F(ProvisioningTimerTest, ConcurrentStartsAndStopsLeaveOneTimer) {
+    ManualClock clock(on20November(12));
     zav::ProvisioningTimer timer(phone_.properties, clock);
     std::vector<std::thread> threads;
     for (int i = 0; i < 3; ++i) {
@@ -298,7 +297,7 @@ TEST_F(ProvisioningTimerTest, StartsAndStopsOfSeveralThreadsLeaveOneTimer) {
     EXPECT_EQ(requests().size(), 1U);
 }
 
-TEST_F(ProvisioningTimerTest, TheRealClockComesToItsTime) {
+TEST_F(ProvisioningTimerTest, FiresOnTheRealClock) {
     zav::ProvisioningTimer timer(phone_.properties);
     timer.start(1);
     EXPECT_TRUE(phone_.properties->waitForWrite("State.Provisioning", "request"));

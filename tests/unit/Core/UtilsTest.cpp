@@ -45,7 +45,7 @@ class PeriodTest : public testing::TestWithParam<PeriodRow> {
 constexpr const char* tooShort = "Period must be at least 10 min., setting period to 10 min.";
 constexpr const char* tooLong = "Period must be no longer than 24h, setting period to 24h";
 
-TEST_P(PeriodTest, IsKeptOrMoved) {
+TEST_P(PeriodTest, IsClampedToTheLimits) {
     EXPECT_EQ(zav::checkPeriod(GetParam().text), GetParam().seconds);
     Lines expected;
     if (GetParam().warning != nullptr) expected.push_back(warning(source, GetParam().warning));
@@ -61,14 +61,14 @@ INSTANTIATE_TEST_SUITE_P(Table, PeriodTest,
                                          PeriodRow{"2147483647", 86400, tooLong},
                                          PeriodRow{"-2147483648", 86400, tooLong}));
 
-TEST_F(UtilsTest, APeriodThatIsNoNumberThrows) {
+TEST_F(UtilsTest, NonNumericPeriodThrows) {
     EXPECT_THROW(zav::checkPeriod(""), std::invalid_argument);
     EXPECT_THROW(zav::checkPeriod("soon"), std::invalid_argument);
     EXPECT_THROW(zav::checkPeriod("99999999999"), std::out_of_range);
     EXPECT_TRUE(phone_.log.lines().empty());
 }
 
-TEST_F(UtilsTest, AnErrorIsReportedOnceUntilItIsCleared) {
+TEST_F(UtilsTest, ReportsAnErrorOnceUntilItIsCleared) {
     std::string last;
     zav::reportErrorOnce(last, "first", 1);
     zav::reportErrorOnce(last, "first", 1);
@@ -81,7 +81,7 @@ TEST_F(UtilsTest, AnErrorIsReportedOnceUntilItIsCleared) {
     EXPECT_EQ(phone_.log.lines(), (Lines{error(source, "first"), error(source, "second"), error(source, "second")}));
 }
 
-/// A list of network interfaces by hand.
+/// A list of fake network interfaces.
 class Interfaces {
  public:
     Interfaces& add(const char* name, unsigned flags) {
@@ -105,7 +105,7 @@ class Interfaces {
     std::vector<unsigned> flags_;
 };
 
-TEST_F(UtilsTest, AnInterfaceIsUpWhenItIsUpAndRunning) {
+TEST_F(UtilsTest, InterfaceIsUpIfItIsUpAndRunning) {
     EXPECT_TRUE(zav::isNetworkInterfaceUp(Interfaces().add("eth0", IFF_UP | IFF_RUNNING | IFF_BROADCAST).list()));
     EXPECT_FALSE(zav::isNetworkInterfaceUp(Interfaces().add("eth0", IFF_UP).list()));
     EXPECT_FALSE(zav::isNetworkInterfaceUp(Interfaces().add("eth0", IFF_RUNNING).list()));
@@ -113,20 +113,20 @@ TEST_F(UtilsTest, AnInterfaceIsUpWhenItIsUpAndRunning) {
     EXPECT_TRUE(phone_.log.lines().empty());
 }
 
-TEST_F(UtilsTest, TheFirstNameThatContainsEthCounts) {
+TEST_F(UtilsTest, UsesTheFirstInterfaceNamedLikeEth) {
     constexpr unsigned up = IFF_UP | IFF_RUNNING;
     EXPECT_FALSE(zav::isNetworkInterfaceUp(Interfaces().add("lo", up).add("veth0", 0).add("eth0", up).list()));
     EXPECT_TRUE(zav::isNetworkInterfaceUp(Interfaces().add("lo", 0).add("veth0", up).add("eth0", 0).list()));
 }
 
-TEST_F(UtilsTest, WithoutAWiredInterfaceThereIsAnErrorEachTime) {
+TEST_F(UtilsTest, LogsAMissingWiredInterfaceEachTime) {
     EXPECT_FALSE(zav::isNetworkInterfaceUp(Interfaces().add("lo", IFF_UP | IFF_RUNNING).add("wlan0", 0).list()));
     EXPECT_FALSE(zav::isNetworkInterfaceUp(nullptr));
     const auto line = error(source, "Could not get network interfaces");
     EXPECT_EQ(phone_.log.lines(), (Lines{line, line}));
 }
 
-/// A TCP socket on a port of its own.
+/// A TCP socket on a free port.
 class Port {
  public:
     explicit Port(std::uint16_t number = 0) : socket_(::socket(AF_INET, SOCK_STREAM | SOCK_CLOEXEC, 0)) {
@@ -160,7 +160,7 @@ class Port {
     sockaddr_in address_{};
 };
 
-TEST_F(UtilsTest, TheFirstAddressThatAcceptsCounts) {
+TEST_F(UtilsTest, ConnectsToTheFirstAddressThatAccepts) {
     Port closed;
     Port open;
     open.open();
@@ -173,8 +173,8 @@ TEST_F(UtilsTest, TheFirstAddressThatAcceptsCounts) {
     EXPECT_EQ(phone_.log.lines(), Lines{info(source, "Successfully connected to the host")});
 }
 
-// In a network of its own, where nothing is up until the test brings it up.
-TEST_F(UtilsTest, TheServerIsReachableOnceInterfaceAndServerAre) {
+// Runs in a new network namespace, in which no interface is up until the test sets it up.
+TEST_F(UtilsTest, ServerIsReachableOnceInterfaceAndServerAreUp) {
     const auto notReady = error(source, "Network interface is not ready yet");
     const auto noInterface = error(source, "Could not get network interfaces");
     const auto checking = info(source, "Network interface is ready. Checking server address...");
@@ -189,7 +189,7 @@ TEST_F(UtilsTest, TheServerIsReachableOnceInterfaceAndServerAre) {
         EXPECT_EQ(phone_.log.lines(), (Lines{noInterface, notReady, noInterface}));
 
         run("ip link add eth0 type veth peer name wire && ip link set wire up && ip link set eth0 up");
-        // The kernel says so a moment later.
+        // The kernel reports the interface as running a moment later.
         const auto deadline = std::chrono::steady_clock::now() + std::chrono::seconds(30);
         while (!zav::isNetworkInterfaceUp() && std::chrono::steady_clock::now() < deadline) std::this_thread::yield();
         phone_.log.forget();
@@ -205,11 +205,11 @@ TEST_F(UtilsTest, TheServerIsReachableOnceInterfaceAndServerAre) {
         }
         phone_.log.forget();
         EXPECT_FALSE(zav::isServerReachable());
-        EXPECT_EQ(phone_.log.lines(), (Lines{checking, refused})) << "after a success it is reported again";
+        EXPECT_EQ(phone_.log.lines(), (Lines{checking, refused})) << "a success must clear the reported error";
     }).join();
 }
 
-/// While it lives, the process can open no further descriptor.
+/// While an object exists, the process cannot open descriptors.
 class NoDescriptors {
  public:
     NoDescriptors() {
@@ -227,7 +227,7 @@ class NoDescriptors {
     rlimit before_{};
 };
 
-TEST_F(UtilsTest, InterfacesThatCannotBeListedAreAnErrorEachTime) {
+TEST_F(UtilsTest, LogsAFailedInterfaceListEachTime) {
     const auto line = error(source, "Could not get network interfaces list");
     {
         const NoDescriptors none;
@@ -238,15 +238,15 @@ TEST_F(UtilsTest, InterfacesThatCannotBeListedAreAnErrorEachTime) {
     EXPECT_EQ(phone_.log.count(info(source, "Network interface is ready. Checking server address...")), 0U);
 }
 
-// In namespaces of its own, whose /etc/services does not know "http".
-TEST_F(UtilsTest, AnAddressThatCannotBeResolvedIsReportedOnce) {
+// Runs in new namespaces with an empty /etc/services, so that "http" is unknown.
+TEST_F(UtilsTest, ReportsAnUnresolvedAddressOnce) {
     const auto checking = info(source, "Network interface is ready. Checking server address...");
     const auto unknown = error(source, "Could not get address information for [127.0.0.1][http]");
     std::thread([&] {
         ASSERT_EQ(unshare(CLONE_NEWNET | CLONE_NEWNS), 0) << "run me in lab/sandbox";
         ASSERT_EQ(mount(nullptr, "/", nullptr, MS_REC | MS_PRIVATE, nullptr), 0);
         ASSERT_EQ(mount("/dev/null", "/etc/services", nullptr, MS_BIND, nullptr), 0);
-        EXPECT_FALSE(zav::isServerReachable());  // no interface: whatever was reported before is forgotten
+        EXPECT_FALSE(zav::isServerReachable());  // no interface: clears errors reported earlier
         os::execute("ip link add eth0 type veth peer name wire && ip link set wire up && ip link set eth0 up",
                     std::chrono::seconds(20));
         const auto deadline = std::chrono::steady_clock::now() + std::chrono::seconds(30);
@@ -258,7 +258,7 @@ TEST_F(UtilsTest, AnAddressThatCannotBeResolvedIsReportedOnce) {
     }).join();
 }
 
-TEST_F(UtilsTest, AUrlWithoutAFileNameGetsTheDefaultOne) {
+TEST_F(UtilsTest, UrlWithoutAFileNameGetsTheDefault) {
     EXPECT_EQ(zav::makeUrlInfo("http://server/path/").text(), "http://server/path/provisioning.xml");
     EXPECT_EQ(zav::makeUrlInfo("https://server:444").text(), "https://server:444/provisioning.xml");
     EXPECT_EQ(zav::makeUrlInfo("server").text(), "http://server/provisioning.xml");
@@ -266,7 +266,7 @@ TEST_F(UtilsTest, AUrlWithoutAFileNameGetsTheDefaultOne) {
     EXPECT_THROW(zav::makeUrlInfo(""), zav::UrlException);
 }
 
-TEST_F(UtilsTest, AJobPathIsBelowTheServersPath) {
+TEST_F(UtilsTest, JobPathIsRelativeToTheServerPath) {
     EXPECT_EQ(zav::makeJobUrlInfo("/nvm/job.xml", "https://server:444/phones/initial.xml").text(),
               "https://server:444/phones/nvm/job.xml");
     EXPECT_EQ(zav::makeJobUrlInfo("/job.xml", "http://server").text(), "http://server/job.xml");
@@ -274,7 +274,7 @@ TEST_F(UtilsTest, AJobPathIsBelowTheServersPath) {
     EXPECT_EQ(zav::makeJobUrlInfo("other/job.xml", "http://server/").text(), "http://other/job.xml");
 }
 
-TEST_F(UtilsTest, AnEmptyJobPathIsAUrlException) {
+TEST_F(UtilsTest, EmptyJobPathThrows) {
     try {
         zav::makeJobUrlInfo("", "http://server/");
         FAIL() << "no exception";
@@ -296,7 +296,7 @@ TEST_F(UtilsTest, PathsBelowTheProvisioningFolder) {
     EXPECT_EQ(zav::provisioningPath("nvm", "job.xml"), "/var/volatile/provisioning/nvm/job.xml");
 }
 
-TEST_F(UtilsTest, TheFirmwareFolderIsEmptiedAndTheDeviceCleansUp) {
+TEST_F(UtilsTest, CleanFirmwareUpdateEmptiesTheFolderAndRunsTheScript) {
     std::filesystem::create_directories("/config/swupdate/deep/deeper");
     tests::writeFile("/config/swupdate/deep/image", "x");
     tests::writeFile("/config/bin/clean-up-utils.sh", "#!/bin/sh\necho \"$@\" >/tmp/clean-up\n");

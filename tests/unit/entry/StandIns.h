@@ -1,6 +1,6 @@
-// What the daemon's entry creates and calls, each as an object that logs its creation, its calls and its destruction.
-// Environment variables of the probe: FAILS names the step that throws, HOLD the one that waits for the end of standard
-// input, LOCK=taken is a lock that another daemon holds.
+// Stand-ins for the objects of the daemon's entry; each logs its creation, its calls and its destruction. Environment
+// variables: FAILS names a step that throws, HOLD a step that waits for the end of standard input, and LOCK=taken makes
+// another daemon hold the lock.
 #pragma once
 
 #include <pthread.h>

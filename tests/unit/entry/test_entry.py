@@ -1,4 +1,4 @@
-"""The daemon's entry: what it creates in which order, and what becomes of it. test_entry.py ENTRY-PROBE"""
+"""The daemon's entry: order of creation and destruction, failures and SIGTERM. Usage: test_entry.py ENTRY-PROBE"""
 
 import os
 import signal
@@ -31,7 +31,7 @@ def wait_until(condition, what):
 
 
 class Probe:
-    """One run of the entry, with `environment` added."""
+    """One run of the entry with additional environment variables."""
 
     def __init__(self, **environment):
         self.log = tempfile.TemporaryFile()
@@ -51,7 +51,7 @@ class Probe:
         return os.pread(self.log.fileno(), 1 << 20, 0).decode()
 
     def lines(self):
-        """The log's texts, without time, channel, level and source."""
+        """The texts of the log lines, without time, channel, level and source."""
         lines = [line.split(" ", 4) for line in self.text().splitlines()]
         return [words[4] for words in lines if len(words) == 5 and words[1] == "ZAV"]
 
@@ -59,7 +59,7 @@ class Probe:
         wait_until(lambda: line in self.lines(), self.text)
 
     def is_idle(self):
-        """Whether every thread sleeps and no signal is pending; True as well once the process has ended."""
+        """Whether every thread sleeps and no signal is pending, or the process has ended."""
         if self.process.poll() is not None:
             return True
         try:
@@ -73,7 +73,7 @@ class Probe:
         return True
 
     def terminate(self):
-        """Signals until it ends: one that comes before the wait for it is lost."""
+        """Sends SIGTERM until the process ends: a signal before the wait for it is lost."""
         def ended():
             if "stop listening" not in self.lines():
                 self.process.send_signal(signal.SIGTERM)
@@ -93,7 +93,7 @@ class EntryTest(unittest.TestCase):
             self.assertEqual(probe.lines(), STARTING + STOPPING + DESTROYED)
 
     def failure(self, step):
-        """What is logged after the step that throws."""
+        """The lines logged after the step that throws."""
         with Probe(FAILS=step) as probe:
             wait_until(lambda: probe.process.poll() is not None, probe.text)
             self.assertEqual(probe.process.returncode, -signal.SIGABRT)

@@ -10,8 +10,8 @@
 
 namespace {
 
-// Readers come and go on all threads; libxml2's clean-up must wait for the last of them.
-TEST(LibraryTest, ReadersOfSeveralThreadsDoNotDisturbEachOther) {
+// Readers are created and destroyed on several threads; libxml2's clean-up must wait for the last one.
+TEST(LibraryTest, ReadersWorkOnSeveralThreads) {
     std::vector<std::thread> threads;
     for (int i = 0; i < 4; ++i) {
         threads.emplace_back([i] {

@@ -4,7 +4,7 @@
 
 namespace {
 
-TEST(XMLParserTest, IsAReader) {
+TEST(XMLParserTest, ImplementsTheReader) {
     zav::XMLParser parser;
     EXPECT_FALSE(parser.load("/tmp/no such file"));
 }

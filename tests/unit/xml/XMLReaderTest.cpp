@@ -40,14 +40,14 @@ class XMLReaderTest : public testing::Test {
     zav::XMLParser reader_;
 };
 
-TEST_F(XMLReaderTest, WithoutADocumentEveryAnswerIsNothing) {
+TEST_F(XMLReaderTest, EverythingIsEmptyWithoutADocument) {
     expectNothing();
     reader_.reset();
     reader_.restorePosition();
     expectNothing();
 }
 
-TEST_F(XMLReaderTest, TheCursorBeginsAtTheRoot) {
+TEST_F(XMLReaderTest, CursorStartsAtTheRoot) {
     ASSERT_TRUE(load(R"(<?xml version="1.0"?><!-- a file --><root version="1.1" productID="kd4v"><child/></root>)"));
     EXPECT_EQ(reader_.name(), "root");
     EXPECT_EQ(reader_.attributes(), (Attributes{{"productID", "kd4v"}, {"version", "1.1"}}));
@@ -79,7 +79,7 @@ TEST_F(XMLReaderTest, CdataAndInstructionsAreNotSkipped) {
     EXPECT_EQ(reader_.name(), "a");
 }
 
-TEST_F(XMLReaderTest, WhiteSpaceCountsAsChildrenThoughNoElementIsThere) {
+TEST_F(XMLReaderTest, WhiteSpaceCountsAsChildren) {
     ASSERT_TRUE(load("<root><a> </a><b></b><c/></root>"));
     ASSERT_TRUE(reader_.firstChild());
     EXPECT_TRUE(reader_.hasChildren());
@@ -92,7 +92,7 @@ TEST_F(XMLReaderTest, WhiteSpaceCountsAsChildrenThoughNoElementIsThere) {
     EXPECT_FALSE(reader_.hasChildren());
 }
 
-TEST_F(XMLReaderTest, ARestoredPositionStaysSaved) {
+TEST_F(XMLReaderTest, RestoredPositionStaysSaved) {
     ASSERT_TRUE(load("<root><a><b/></a></root>"));
     reader_.savePosition();
     ASSERT_TRUE(reader_.firstChild());
@@ -110,7 +110,7 @@ TEST_F(XMLReaderTest, ARestoredPositionStaysSaved) {
     reader_.reset();
     EXPECT_EQ(reader_.name(), "root");
     reader_.restorePosition();
-    EXPECT_EQ(reader_.name(), "") << "the reset forgot what was saved";
+    EXPECT_EQ(reader_.name(), "") << "the reset must clear saved positions";
 }
 
 TEST_F(XMLReaderTest, AttributeValuesArePlainText) {
@@ -118,7 +118,7 @@ TEST_F(XMLReaderTest, AttributeValuesArePlainText) {
     EXPECT_EQ(reader_.attributes(), (Attributes{{"a", "<&\"A"}, {"b", "x  y"}, {"c", ""}, {"d", "\xc3\xa4"}}));
 }
 
-TEST_F(XMLReaderTest, ANewDocumentReplacesTheOldOne) {
+TEST_F(XMLReaderTest, NewDocumentReplacesTheOldOne) {
     ASSERT_TRUE(load("<first/>"));
     ASSERT_TRUE(load("<second/>"));
     EXPECT_EQ(reader_.name(), "second");
@@ -128,7 +128,7 @@ TEST_F(XMLReaderTest, ANewDocumentReplacesTheOldOne) {
     expectNothing();
 }
 
-TEST_F(XMLReaderTest, AReleasedDocumentIsGone) {
+TEST_F(XMLReaderTest, ReleaseRemovesTheDocument) {
     ASSERT_TRUE(load("<root><a/></root>"));
     reader_.savePosition();
     reader_.release();
@@ -138,7 +138,7 @@ TEST_F(XMLReaderTest, AReleasedDocumentIsGone) {
     EXPECT_TRUE(load("<root/>"));
 }
 
-TEST_F(XMLReaderTest, WhatIsNotWellFormedIsRefusedInSilence) {
+TEST_F(XMLReaderTest, RefusesMalformedDocumentsSilently) {
     for (const char* document : {"", " ", "text", "<", "<a>", "<a></b>", "<a b=1/>", "<a b=\"1\" b=\"2\"/>", "<a/><b/>",
                                  "<a>&undefined;</a>", "<a>\x01</a>", "<a>\xff\xfe</a>", "Salted__12345678garbage",
                                  "<?xml version=\"1.0\" encoding=\"nonsense\"?><a/>", "<a b=\"&#0;\"/>"}) {
@@ -172,7 +172,7 @@ TEST_F(XMLReaderTest, DeclaredAttributesAreRefused) {
     expectNothing();
 }
 
-TEST_F(XMLReaderTest, AnExternalSubsetIsNotOpened) {
+TEST_F(XMLReaderTest, DoesNotOpenAnExternalSubset) {
     writeFile("/tmp/outside.dtd", "<!ATTLIST root stolen CDATA \"yes\">");
     const int opened = inotify_init1(IN_NONBLOCK | IN_CLOEXEC);
     ASSERT_GE(opened, 0);
@@ -180,11 +180,11 @@ TEST_F(XMLReaderTest, AnExternalSubsetIsNotOpened) {
     ASSERT_TRUE(load("<!DOCTYPE root SYSTEM \"/tmp/outside.dtd\"><root own=\"1\"/>"));
     EXPECT_EQ(reader_.attributes(), (Attributes{{"own", "1"}}));
     inotify_event event{};
-    EXPECT_LT(read(opened, &event, sizeof event), 0) << "somebody opened it";
+    EXPECT_LT(read(opened, &event, sizeof event), 0) << "the file was opened";
     close(opened);
 }
 
-TEST_F(XMLReaderTest, OnlyARegularFileIsRead) {
+TEST_F(XMLReaderTest, ReadsOnlyRegularFiles) {
     writeFile("/tmp/target.xml", "<root/>");
     std::filesystem::create_symlink("/tmp/target.xml", path);
     EXPECT_FALSE(reader_.load(path)) << "a link";
@@ -193,14 +193,14 @@ TEST_F(XMLReaderTest, OnlyARegularFileIsRead) {
     EXPECT_FALSE(reader_.load(path)) << "a folder";
     std::filesystem::remove(path);
     ASSERT_EQ(mkfifo(path.c_str(), 0600), 0);
-    EXPECT_FALSE(reader_.load(path)) << "a FIFO that nobody writes to";
+    EXPECT_FALSE(reader_.load(path)) << "a FIFO without a writer";
     EXPECT_FALSE(reader_.load("/dev/zero"));
     EXPECT_FALSE(reader_.load("-"));
     EXPECT_FALSE(reader_.load(""));
     EXPECT_FALSE(reader_.load("http://127.0.0.1:1/document.xml"));
 }
 
-TEST_F(XMLReaderTest, AnUnreadableNameIsStillTheSameFile) {
+TEST_F(XMLReaderTest, DoesNotUnescapeFileNames) {
     writeFile("/tmp/a%20b.xml", "<raw/>");
     writeFile("/tmp/a b.xml", "<unescaped/>");
     ASSERT_TRUE(reader_.load("/tmp/a%20b.xml"));
@@ -209,7 +209,7 @@ TEST_F(XMLReaderTest, AnUnreadableNameIsStillTheSameFile) {
     EXPECT_FALSE(reader_.load("/tmp/a%20b.xml"));
 }
 
-TEST_F(XMLReaderTest, NothingIsInflated) {
+TEST_F(XMLReaderTest, DoesNotDecompress) {
     // <provisioning version="1.1"/>, compressed.
     const std::string gzip(
         "\x1f\x8b\x08\x00\x00\x00\x00\x00\x02\x03\xb3\x29\x28\xca\x2f\xcb\x2c\xce\xcc\xcf\xcb\xcc\x4b\x57\x28\x4b\x2d"
@@ -226,17 +226,17 @@ TEST_F(XMLReaderTest, NothingIsInflated) {
     ASSERT_TRUE(load("<provisioning version=\"1.1\"/>"));
 }
 
-TEST_F(XMLReaderTest, SixteenMebibytesAreRead) {
+TEST_F(XMLReaderTest, ReadsAtMostSixteenMebibytes) {
     const std::string head = "<root>";
     const std::string tail = "<a/></root>";
     const auto blanks = static_cast<std::size_t>(zav::XMLReader::maximumFileSize) - head.size() - tail.size();
-    // In pieces: libxml2 refuses a single text of more than 10 MB on its own.
+    // Two text nodes, as libxml2 refuses a single one of more than 10 MB.
     const std::string padding = std::string(blanks / 2, ' ') + "<b/>" + std::string(blanks - blanks / 2 - 4, ' ');
     EXPECT_TRUE(load(head + padding + tail));
     EXPECT_FALSE(load(head + padding + " " + tail));
 }
 
-TEST_F(XMLReaderTest, NestingHasAnEnd) {
+TEST_F(XMLReaderTest, LimitsNesting) {
     const auto nested = [](std::size_t depth) {
         std::string document;
         for (std::size_t i = 0; i < depth; ++i) document += "<a>";
@@ -253,19 +253,19 @@ std::string withAttributes(std::size_t count) {
     return document + "/></root>";
 }
 
-TEST_F(XMLReaderTest, AnElementHasAtMostSixtyFourAttributes) {
+TEST_F(XMLReaderTest, LimitsAttributesToSixtyFour) {
     EXPECT_TRUE(load(withAttributes(64)));
     EXPECT_FALSE(load(withAttributes(65)));
 }
 
-// libxml2 compares attributes in pairs: this file would take hours.
-TEST_F(XMLReaderTest, AFileFullOfAttributesIsRefusedSoon) {
+// libxml2 compares all pairs of attributes: without a limit this file would take hours.
+TEST_F(XMLReaderTest, RefusesManyAttributesQuickly) {
     const auto begin = std::chrono::steady_clock::now();
     EXPECT_FALSE(load(withAttributes(1200000)));
     EXPECT_LT(std::chrono::steady_clock::now() - begin, std::chrono::seconds(60));
 }
 
-TEST_F(XMLReaderTest, ADocumentHasACertainNumberOfNodes) {
+TEST_F(XMLReaderTest, LimitsTheNumberOfNodes) {
     for (const std::string item : {"<a/>", "<!---->", "<?a?>"}) {
         const auto withItems = [&](int count) {
             std::string document = "<root>";
@@ -277,7 +277,7 @@ TEST_F(XMLReaderTest, ADocumentHasACertainNumberOfNodes) {
     }
 }
 
-TEST_F(XMLReaderTest, ManyShortValuesAreNoNames) {
+TEST_F(XMLReaderTest, ManyShortValuesDoNotCountAsNames) {
     std::string document = "<root>";
     for (int i = 0; i < 40000; ++i) {
         document += "<param name=\"" + std::to_string(i) + "\" value=\"" + std::to_string(i % 1000) + "\"/>";

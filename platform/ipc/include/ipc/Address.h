@@ -1,4 +1,4 @@
-// Where the broker is, as a person writes it: HOST, HOST:PORT, an IPv6 address, or [IPV6]:PORT. Pure functions.
+// Parses a broker address: HOST, HOST:PORT, an IPv6 address, or [IPV6]:PORT. Pure functions.
 #pragma once
 
 #include <string>
@@ -8,10 +8,10 @@ namespace ipc {
 struct Address {
     std::string host;
     int port = 1883;
-    bool hasPort = false;  // the port was written, not assumed
+    bool hasPort = false;  // false: the port is the default
 };
 
-/// Throws IPCException that names the text and what is wrong with it.
+/// Throws IPCException with the text and the reason if the address is invalid.
 Address parseAddress(const std::string& text);
 
 }  // namespace ipc

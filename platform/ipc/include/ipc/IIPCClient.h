@@ -1,11 +1,10 @@
-// The bus client: one connection to an MQTT v5 broker. It keeps itself connected: after a cut it reconnects with
-// back-off, subscribes again, and sends what it accepted meanwhile.
+// The bus client: one connection to an MQTT v5 broker. After a connection loss it reconnects with back-off, subscribes
+// again, and sends the messages accepted meanwhile.
 //
-// Threads: every operation may be called from any thread; `disconnect` throws on a delivery thread, and the last owner
-// must not let go of the client on one. One network thread
-// reads, opens and closes, and never runs user code. Each subscription has a bounded queue (10,000 messages, beyond it
-// the oldest goes with a warning) and a delivery thread of its own, and so have the connection events of each callback
-// object.
+// Threads: every operation may be called from any thread, but `disconnect` throws on a delivery thread, and the client
+// must not be destroyed on one. One network thread reads, opens and closes the connection and never runs user code.
+// Each subscription has its own delivery thread and a queue of 10,000 messages; when it is full, the oldest message is
+// dropped with a warning. The connection events of each callback object have a thread and a queue of their own too.
 #pragma once
 
 #include <chrono>
@@ -21,54 +20,53 @@ class IIPCClient {
     virtual ~IIPCClient() = default;
 
     /// Connects to the broker at `host` ("localhost", or with a port: "localhost:1884"; the default port is 1883) and
-    /// returns once the broker has accepted the connection and acknowledged every subscription made so far. Waits 5 s
-    /// at most. Throws IPCException if there is no broker or it refuses; the client is then as after `disconnect`.
+    /// returns once the broker has accepted the connection and acknowledged every subscription made so far. Waits at
+    /// most 5 s. Throws IPCException if there is no broker or it refuses; the client is then disconnected.
     virtual void connect(const std::string& host) = 0;
 
-    /// Takes back all subscriptions and ends all deliveries: no callback runs once it has returned, and what was still
-    /// queued is dropped. Blocks while a callback is running. The connection itself stays for requests in hand
-    /// and closes when the client is destroyed.
+    /// Unsubscribes everywhere and ends all deliveries: no callback runs once it has returned, and queued messages are
+    /// dropped. Blocks while a callback is running. The connection stays open for requests in flight and closes when
+    /// the client is destroyed.
     virtual void disconnect() = 0;
 
-    /// Delivers messages on `topicFilter` to `callback`, which must outlive this client's deliveries (see
-    /// disconnect). Made before the connection it is sent with it; made later it waits for the acknowledgement, 5 s at
-    /// most. Throws IPCException when the broker refuses it or does not answer.
+    /// Delivers messages on `topicFilter` to `callback`, which must outlive this client's deliveries (see disconnect).
+    /// Before `connect` it only registers the subscription; afterwards it waits at most 5 s for the broker's
+    /// acknowledgement. Throws IPCException if the broker refuses it or does not answer.
     virtual void subscribe(const std::string& topicFilter, IIPCCallback& callback) = 0;
 
-    /// Sends one message, quality of service 0 or 1. Returns at once; a message with quality 1 that was accepted while
-    /// the broker is away is sent when it is back (twice, when a cut took the acknowledgement); one with quality 0 is
-    /// dropped then. Throws IPCException when there was no connect yet, after
-    /// disconnect, or when 10,000 messages wait already.
+    /// Sends one message with quality of service 0 or 1. Returns at once. While the broker is away, messages with
+    /// quality 1 are kept until it is back, and messages with quality 0 are dropped. A message whose acknowledgement
+    /// was lost is sent twice. Throws IPCException before connect, after disconnect, or if 10,000 messages are queued.
     virtual void publish(const std::string& topic, const std::string& payload, int qualityOfService) = 0;
 
-    /// Watches the retained presence ("online" or "offline") that a service keeps on `statusTopic`. Before connect.
+    /// Watches the retained presence ("online" or "offline") of a service on `statusTopic`. Call it before connect.
     virtual void watchPresence(const std::string& statusTopic) = 0;
 
-    /// Asks a service whose presence is watched on `statusTopic` and returns its answer (MQTT v5 response topic and
-    /// correlation data, quality of service 0). Blocks the caller, `timeout` at most, and inside it outlives a
-    /// reconnection of up to 2 s. Never call it from code that the network thread waits for.
-    /// Throws IPCOfflineException at once when the broker has been away longer than that, or when the service says
-    /// "offline", or has said nothing for a second after the connection; IPCServiceLostException, one of these, when
-    /// the service went offline after the request was sent; IPCTimeoutException when no answer came;
-    /// IPCInterruptedException at once when the connection broke after it was sent: it is never sent again by itself,
-    /// and whether it was carried out is not known.
+    /// Sends a request to a service whose presence is watched on `statusTopic` and returns its answer (MQTT v5 response
+    /// topic and correlation data, quality of service 0). Blocks for at most `timeout`, in which it waits up to 2 s for
+    /// a reconnection. Never call it from code that the network thread waits for. Throws, each as soon as it is known:
+    /// - IPCOfflineException: the broker has been away for more than 2 s, the service is "offline", or it has published
+    ///   no presence within 1 s of the connection. Its subclass IPCServiceLostException: the service went offline after
+    ///   the request was sent.
+    /// - IPCTimeoutException: no answer in time. Its subclass IPCInterruptedException: the connection was lost after
+    ///   the request was sent. It is not sent again, and whether it was executed is unknown.
     virtual std::string request(const std::string& topic, const std::string& payload, const std::string& statusTopic,
                                 std::chrono::milliseconds timeout) = 0;
 
-    // A client that makes no requests may keep the defaults of the next three.
+    // Implementations that make no requests may keep the defaults of the next three.
 
-    /// Waits until the service that is watched on `statusTopic` is online, but no longer than `patience` after it went:
-    /// since it said "offline", or since the connection to the broker broke. Returns whether it is online; false at
-    /// once if it never was, or once requests are limited.
+    /// Waits until the service watched on `statusTopic` is online, but no longer than `patience` after it went away, by
+    /// publishing "offline" or by a lost connection to the broker. Returns whether it is online. Returns false at once
+    /// if it never was online, or if requests are limited.
     virtual bool waitForService(const std::string& /*statusTopic*/, std::chrono::milliseconds /*patience*/) {
         return false;
     }
 
-    /// How many answers have come so far, including those that came after their request had timed out.
+    /// The number of answers received so far, including those whose request had timed out.
     virtual std::uint64_t answersReceived() const { return 0; }
 
-    /// For the end of the process: requests in flight return within `limit` from now, later ones wait `limit` at most,
-    /// and waitForService waits no longer.
+    /// For shutdown: requests in flight return within `limit` from now, later ones wait at most `limit`, and
+    /// waitForService no longer waits.
     virtual void limitRequests(std::chrono::milliseconds /*limit*/) {}
 };
 

@@ -1,6 +1,6 @@
-// The other end of `IIPCClient::request`: a program that answers requests on some topics, keeps a retained presence,
-// and publishes notifications. One thread reads requests, calls the handler and sends what it returns, so that a
-// request is handed to nobody on its way.
+// The server side of `IIPCClient::request`: answers requests on some topics, keeps a retained presence, and publishes
+// notifications. One thread reads requests, calls the handler and sends the result: handing requests to another thread
+// would cost latency.
 #pragma once
 
 #include <functional>
@@ -9,7 +9,7 @@
 
 namespace ipc {
 
-/// One request as it came. Without a response topic it is carried out and not answered.
+/// One request as received. Without a response topic it is executed and not answered.
 struct ServiceRequest {
     std::string topic;
     std::string payload;
@@ -18,10 +18,9 @@ struct ServiceRequest {
     int qualityOfService = 0;
 };
 
-/// What goes out, in the order of the list. A message leaves only after those before it: a process that is killed in
-/// between has sent nothing that comes later in the list.
+/// Messages are sent strictly in list order: if the process is killed in between, no later message has been sent.
 struct OutgoingMessage {
-    std::string topic;  // empty: it is not sent
+    std::string topic;  // empty: not sent
     std::string payload;
     std::string correlationData;  // empty: none
     int qualityOfService = 0;
@@ -29,23 +28,23 @@ struct OutgoingMessage {
 
 class IIPCService {
  public:
-    /// Called on the service's thread with requests that wait, 64 at most, oldest first, so that a handler can group
-    /// its work; returns what is to be sent. It may wait for a disk, but never for the bus: nothing is read while it
-    /// runs, and after a minute and a half the broker gives the service up. An exception that leaves it is logged; its
-    /// requests stay unanswered. It is not called again before the broker has taken most of what it returned.
+    /// Called on the service's thread with up to 64 pending requests, oldest first, so that a handler can batch its
+    /// work; returns the messages to send. It may wait for a disk, but never for the bus: nothing is read while it
+    /// runs, and after 90 s the broker drops the connection. An exception that escapes it is logged; its requests stay
+    /// unanswered. It is not called again before the broker has taken most of the messages that it returned.
     using Handler = std::function<std::vector<OutgoingMessage>(const std::vector<ServiceRequest>&)>;
 
     virtual ~IIPCService() = default;
 
-    /// Connects to the broker at `host` ("localhost:1883"), announces "online" on `statusTopic` (retained; "offline" is
-    /// the last will) once all `topics` are subscribed, and serves until `stop`. Keeps trying for ever when the broker
-    /// is away; never throws for that. Returns at once.
+    /// Connects to the broker at `host` ("localhost:1883"), publishes "online" on `statusTopic` (retained; "offline" is
+    /// the last will) once all `topics` are subscribed, and serves until `stop`. Returns at once. While the broker is
+    /// away it retries until `stop` and does not throw.
     virtual void start(const std::string& host, const std::string& statusTopic, const std::vector<std::string>& topics,
                        Handler handler) = 0;
 
-    /// Sends what the handler has returned, waits until the broker has taken it, as long as it takes something every
-    /// half second and 10 s at most, says "offline", closes the connection and ends the thread. Requests not yet handed
-    /// over are dropped. Waits for a handler that runs.
+    /// Sends the messages that the handler has returned and waits at most 10 s until the broker has taken them, less if
+    /// it takes none for half a second. Then publishes "offline", closes the connection and ends the thread. Drops
+    /// requests that the handler has not seen. Waits for a running handler.
     virtual void stop() = 0;
 };
 

@@ -1,4 +1,4 @@
-// What the bus client throws; `what()` is the reason as a person would read it.
+// Exceptions of the bus client; `what()` is the reason in plain words.
 #pragma once
 
 #include <stdexcept>
@@ -10,26 +10,25 @@ class IPCException : public std::runtime_error {
     using std::runtime_error::runtime_error;
 };
 
-/// The broker, or the service that a request is for, is known to be away. The request was not sent, or the answer can
-/// no longer come.
+/// The broker or the requested service is known to be offline. The request was not sent, or can no longer be answered.
 class IPCOfflineException : public IPCException {
  public:
     using IPCException::IPCException;
 };
 
-/// The service went offline after the request was sent. Whether the request was carried out is not known.
+/// The service went offline after the request was sent. Whether the request was executed is unknown.
 class IPCServiceLostException : public IPCOfflineException {
  public:
     using IPCOfflineException::IPCOfflineException;
 };
 
-/// No answer came in time. Whether the request was carried out is not known.
+/// No answer came in time. Whether the request was executed is unknown.
 class IPCTimeoutException : public IPCException {
  public:
     using IPCException::IPCException;
 };
 
-/// The connection broke between the request and its answer: another kind of not knowing, known at once.
+/// The connection was lost between the request and its answer. Whether the request was executed is unknown.
 class IPCInterruptedException : public IPCTimeoutException {
  public:
     using IPCTimeoutException::IPCTimeoutException;

@@ -1,4 +1,4 @@
-// Makes bus clients and bus services.
+// Creates bus clients and bus services.
 #pragma once
 
 #include <memory>
@@ -11,9 +11,10 @@ namespace ipc {
 
 class IPCFactory {
  public:
-    /// A new client, not yet connected. `clientName` is its name on the bus, `host` the broker's host for messages
-    /// about it. A `transient` client (a command-line tool) adds a random part to its name and leaves no session
-    /// behind; any other one keeps its session for an hour over a cut, so that messages sent meanwhile still arrive.
+    /// A new client, not yet connected. `clientName` is its name on the bus, `host` the default for `connect("")`. A
+    /// `transient` client (a command-line tool) adds a random suffix to its name and leaves no session behind. Any
+    /// other client keeps its session for an hour after a connection loss, so that messages sent meanwhile still
+    /// arrive.
     static std::shared_ptr<IIPCClient> createInstanceShared(const std::string& clientName, const std::string& host,
                                                             bool transient);
 

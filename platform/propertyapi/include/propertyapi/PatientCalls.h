@@ -1,9 +1,10 @@
-// While one lives, property calls of its thread outlast a restart of the property service: for a pass, whose settings
-// must not be lost to a crash that is over in a second or two.
+// While an object of this class exists, property calls on its thread survive a restart of the property service: a crash
+// of a second or two must not lose the settings of a pass.
 //
-// A call waits up to 5 s after the service went (or the connection to the broker broke), and has its full time-out once
-// it is back; one that was in flight is retried, a set only if reading back shows that it was not carried out. Calls of
-// other threads fail at once as ever. Nestable; destroyed on the thread that made it.
+// A call waits up to 5 s from the moment when the service went offline or the connection to the broker was lost, and
+// has its full time-out once the service is back. A call in flight is retried; a set only if reading the value back
+// shows that it was not executed. Calls on other threads still fail at once. Nestable; destroy it on the thread that
+// made it.
 #pragma once
 
 namespace propertyapi {
@@ -15,7 +16,7 @@ class PatientCalls {
     PatientCalls& operator=(const PatientCalls&) = delete;
     ~PatientCalls();
 
-    /// Whether one lives on the calling thread.
+    /// Whether such an object exists on the calling thread.
     static bool onThisThread();
 };
 

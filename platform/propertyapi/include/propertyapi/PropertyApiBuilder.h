@@ -1,4 +1,4 @@
-// Makes the property client that talks over a given bus client.
+// Creates the property client over a given bus client.
 #pragma once
 
 #include <memory>
@@ -11,7 +11,7 @@ namespace propertyapi {
 
 class PropertyApiBuilder {
  public:
-    /// To be called before the bus client connects. `clientName` is the source of writes that name none.
+    /// Call it before the bus client connects. `clientName` is the default source of writes.
     static std::shared_ptr<IPropertyApi> getPropertyApi(std::shared_ptr<ipc::IIPCClient> bus,
                                                         const std::string& clientName);
 };

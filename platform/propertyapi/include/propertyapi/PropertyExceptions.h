@@ -1,4 +1,4 @@
-// Why the property service did not do what it was asked. `what()` names the key and the reason.
+// Exceptions of the property client. `what()` has the key and the reason.
 #pragma once
 
 #include <stdexcept>
@@ -28,26 +28,26 @@ class PropertyReadOnlyException : public PropertyException {
     using PropertyException::PropertyException;
 };
 
-/// The service did not understand the request ("bad-request"), or its answer could not be understood.
+/// The service rejected the request as malformed ("bad-request"), or its answer is malformed.
 class PropertyProtocolException : public PropertyException {
  public:
     using PropertyException::PropertyException;
 };
 
-/// The store refused the write; the old value stands ("storage").
+/// The store refused the write; the old value is unchanged ("storage").
 class PropertyStorageException : public PropertyException {
  public:
     using PropertyException::PropertyException;
 };
 
-/// No answer within the time-out. A set may still have been carried out: read it back.
+/// No answer within the time-out. A set may still have been executed: read the value back.
 class PropertyTimeoutException : public PropertyException {
  public:
     using PropertyException::PropertyException;
 };
 
-/// The bus or the property service is away. Nothing was written, unless it went while the set was in hand: read it
-/// back.
+/// The bus or the property service is offline. A set that was in flight may have been executed: read the value back.
+/// Any other call has written nothing.
 class PropertyOfflineException : public PropertyException {
  public:
     using PropertyException::PropertyException;

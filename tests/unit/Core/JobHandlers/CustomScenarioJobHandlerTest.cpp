@@ -23,7 +23,7 @@ constexpr const char* source = "Core/JobHandlers/CustomScenarioJobHandler";
 constexpr const char* stored = "/custom/certs/_storage/";
 constexpr const char* contacts = "/var/volatile/contacts/";
 
-// A worker that makes progress `steps` times and then is finished.
+// A worker that reports progress `steps` times and then is finished.
 class ScriptedWorker : public zav::IProvisioningWorker {
  public:
     void startProvisioning(std::string url) override {
@@ -91,14 +91,14 @@ class CustomScenarioJobHandlerTest : public tests::HandlerFixture {
     const fakes::TestAuthority authority_;
 };
 
-TEST_F(CustomScenarioJobHandlerTest, ItsName) {
+TEST_F(CustomScenarioJobHandlerTest, Name) {
     const JobDescription job;
     zav::CustomScenarioJobHandler handler(job, phone_.curl, phone_.security, phone_.properties, reader_, progress_,
                                           status_, worker_);
     EXPECT_EQ(handler.getName(), "CustomScenarioJobHandler");
 }
 
-TEST_F(CustomScenarioJobHandlerTest, UnknownStepsAreWarningsAndNoFailure) {
+TEST_F(CustomScenarioJobHandlerTest, UnknownStepsAreWarningsNotFailures) {
     EXPECT_EQ(run({{{"type", "Reboot"}}, {{"url", "/x"}}, {{"type", ""}}, {{"type", "Certificate"}}}), 2);
     EXPECT_EQ(lines(), (Lines{warning(source, "Custom step type 'Reboot' not implemented"),
                               warning(source, "Custom step type '\?\?\?' not implemented"),
@@ -108,12 +108,12 @@ TEST_F(CustomScenarioJobHandlerTest, UnknownStepsAreWarningsAndNoFailure) {
     EXPECT_TRUE(worker_->calls.empty());
 }
 
-TEST_F(CustomScenarioJobHandlerTest, NoStepsAreASuccess) {
+TEST_F(CustomScenarioJobHandlerTest, SucceedsWithoutSteps) {
     EXPECT_EQ(run({}), 2);
     EXPECT_TRUE(lines().empty());
 }
 
-TEST_F(CustomScenarioJobHandlerTest, AFailedStepFailsTheJobAndStopsNothing) {
+TEST_F(CustomScenarioJobHandlerTest, FailedStepFailsTheJobButLaterStepsRun) {
     server_.on("/book.xml", HttpAnswer::ok("<contacts/>"));
     EXPECT_EQ(run({{{"type", "certificate"}, {"url", "/none.pem"}},
                    {{"type", "LocalPhoneBook"}, {"url", "/book.xml"}},
@@ -136,7 +136,7 @@ TEST_F(CustomScenarioJobHandlerTest, StepsWithoutUrlThrow) {
 
 // Function keys
 
-TEST_F(CustomScenarioJobHandlerTest, AllEightFunctionKeysAreUnlocked) {
+TEST_F(CustomScenarioJobHandlerTest, UnlocksAllEightFunctionKeys) {
     EXPECT_EQ(run({{{"type", "UnlockAllFunctionKeys"}}}), 2);
     EXPECT_EQ(writes(), (Writes{{"FunctionKeys.0LockProvisioning", "", "0"},
                                 {"FunctionKeys.1LockProvisioning", "", "0"},
@@ -151,7 +151,7 @@ TEST_F(CustomScenarioJobHandlerTest, AllEightFunctionKeysAreUnlocked) {
 
 // Certificates
 
-TEST_F(CustomScenarioJobHandlerTest, AValidCertificateWaitsForTheUser) {
+TEST_F(CustomScenarioJobHandlerTest, ValidCertificateIsPending) {
     EXPECT_EQ(runCertificate(authority_.certificate()), 2);
     EXPECT_EQ(writes(), (Writes{{"State.Security.Certificates.Pending", "", "ca.pem"}}));
     EXPECT_EQ(tests::contentOf("/custom/certs/_storage/ca.pem"), authority_.certificate());
@@ -161,19 +161,19 @@ TEST_F(CustomScenarioJobHandlerTest, AValidCertificateWaitsForTheUser) {
                      info(source, "Applying certificate 'ca.pem'")}));
 }
 
-TEST_F(CustomScenarioJobHandlerTest, AForcedCertificateIsAccepted) {
+TEST_F(CustomScenarioJobHandlerTest, ForcedCertificateIsAccepted) {
     EXPECT_EQ(runCertificate(authority_.issue("phone.test").der, "FORCE_ACCEPT"), 2);
     EXPECT_EQ(writes(), (Writes{{"State.Security.Certificates.Accept", "", "ca.pem"}}));
     EXPECT_TRUE(phone_.log.has(
         info(source, "Downloading certificate from URL '" + server_.url("/ca.pem") + "' with flags 'FORCE_ACCEPT'")));
 }
 
-TEST_F(CustomScenarioJobHandlerTest, OnlyTheExactFlagAccepts) {
+TEST_F(CustomScenarioJobHandlerTest, OnlyTheExactFlagForcesACertificate) {
     EXPECT_EQ(runCertificate(authority_.certificate(), "force_accept"), 2);
     EXPECT_EQ(writes(), (Writes{{"State.Security.Certificates.Pending", "", "ca.pem"}}));
 }
 
-TEST_F(CustomScenarioJobHandlerTest, WhatIsNoValidCertificateIsInvalidEvenWhenForced) {
+TEST_F(CustomScenarioJobHandlerTest, InvalidCertificateStaysInvalidWhenForced) {
     const auto good = authority_.issue("phone.test");
     const std::vector<std::pair<const char*, std::string>> rows{
         {"expired", authority_.issue("phone.test", Hours(-48), Hours(-24)).certificate},
@@ -197,7 +197,7 @@ TEST_F(CustomScenarioJobHandlerTest, WhatIsNoValidCertificateIsInvalidEvenWhenFo
     }
 }
 
-TEST_F(CustomScenarioJobHandlerTest, MegabytesOfNoiseAreNoCertificate) {
+TEST_F(CustomScenarioJobHandlerTest, OversizedCertificateIsNotStored) {
     EXPECT_EQ(runCertificate(std::string(5U << 20U, '\x5a')), 0);
     EXPECT_TRUE(writes().empty());
     EXPECT_TRUE(std::filesystem::is_empty(stored));
@@ -206,7 +206,7 @@ TEST_F(CustomScenarioJobHandlerTest, MegabytesOfNoiseAreNoCertificate) {
                                 "ca.pem' status: Maximum file size exceeded HTTP status: 200 OK"));
 }
 
-TEST_F(CustomScenarioJobHandlerTest, ACertificateThatIsNotThereFailsAndIsReported) {
+TEST_F(CustomScenarioJobHandlerTest, MissingCertificateFailsAndIsReported) {
     EXPECT_EQ(run({{{"type", "certificate"}, {"url", "/none.pem"}}}), 0);
     EXPECT_EQ(zav::lastHttpCode, 404);
     EXPECT_EQ(lines().back(), error(source, "Error downloading firmware file '" + server_.url("/none.pem") + "' to '" +
@@ -216,7 +216,7 @@ TEST_F(CustomScenarioJobHandlerTest, ACertificateThatIsNotThereFailsAndIsReporte
     EXPECT_TRUE(writes().empty());
 }
 
-TEST_F(CustomScenarioJobHandlerTest, ACertificateThatCannotBeRecordedFailsTheStep) {
+TEST_F(CustomScenarioJobHandlerTest, FailedCertificateWriteFailsTheStep) {
     phone_.properties->failKey("State.Security.Certificates.Pending");
     EXPECT_EQ(runCertificate(authority_.certificate()), 0);
     const auto last = lines().back();
@@ -228,16 +228,16 @@ TEST_F(CustomScenarioJobHandlerTest, ACertificateThatCannotBeRecordedFailsTheSte
         << last;
 }
 
-/// Security that cannot look at a certificate.
-class BlindSecurity : public zav::Security {
+/// Security whose certificate check throws.
+class FailingSecurity : public zav::Security {
  public:
     using Security::Security;
     int checkCertificate(const std::string& path) override { throw std::runtime_error("cannot read " + path); }
 };
 
-TEST_F(CustomScenarioJobHandlerTest, ACertificateThatCannotBeCheckedFailsTheStep) {
+TEST_F(CustomScenarioJobHandlerTest, FailedCertificateCheckFailsTheStep) {
     server_.on("/ca.pem", HttpAnswer::ok(authority_.certificate()));
-    BlindSecurity security(phone_.properties);
+    FailingSecurity security(phone_.properties);
     const JobDescription job{
         "custom", "step", {{{"type", "certificate"}, {"url", "/ca.pem"}, {"flags", "FORCE_ACCEPT"}}}};
     zav::CustomScenarioJobHandler handler(job, phone_.curl, security, phone_.properties, reader_, progress_, status_,
@@ -249,7 +249,7 @@ TEST_F(CustomScenarioJobHandlerTest, ACertificateThatCannotBeCheckedFailsTheStep
     EXPECT_TRUE(writes().empty());
 }
 
-TEST_F(CustomScenarioJobHandlerTest, PlaceholdersInACertificatesName) {
+TEST_F(CustomScenarioJobHandlerTest, ExpandsPlaceholdersInCertificateNames) {
     server_.on("/00:0A:0B:0C:0D:0E.pem", HttpAnswer::ok(authority_.certificate()));
     EXPECT_EQ(run({{{"type", "certificate"}, {"url", "/%MACC.pem"}}}), 2);
     EXPECT_TRUE(tests::exists("/custom/certs/_storage/00:0A:0B:0C:0D:0E.pem"));
@@ -258,15 +258,15 @@ TEST_F(CustomScenarioJobHandlerTest, PlaceholdersInACertificatesName) {
 
 // Redirect
 
-TEST_F(CustomScenarioJobHandlerTest, ARedirectFollowsTheNestedPassToItsEnd) {
+TEST_F(CustomScenarioJobHandlerTest, RedirectWaitsForTheEndOfTheNestedPass) {
     worker_->steps = 3;
     EXPECT_EQ(run({{{"type", "Redirect"}, {"url", "https://other.test/phones/"}}}), 2);
     EXPECT_EQ(worker_->calls, (std::vector<std::string>{"start https://other.test/phones/", "wait", "finished?", "wait",
                                                         "finished?", "wait", "finished?", "status?"}));
-    progress_.waitForProgress();  // would wait for ever if nothing had been passed on
+    progress_.waitForProgress();  // would block if the nested progress were not forwarded
 }
 
-TEST_F(CustomScenarioJobHandlerTest, OnlySuccessElsewhereIsSuccessHere) {
+TEST_F(CustomScenarioJobHandlerTest, RedirectSucceedsOnlyIfTheNestedPassDoes) {
     for (const char* status : {"partSuccess", "fail", "", "Success"}) {
         worker_->status = status;
         EXPECT_EQ(run({{{"type", "Redirect"}, {"url", "http://other.test/"}}}), 0) << status;
@@ -275,7 +275,7 @@ TEST_F(CustomScenarioJobHandlerTest, OnlySuccessElsewhereIsSuccessHere) {
 
 // The phone book
 
-TEST_F(CustomScenarioJobHandlerTest, APhoneBookIsHandedOver) {
+TEST_F(CustomScenarioJobHandlerTest, PhoneBookIsPassedToTheDirectoryService) {
     server_.on("/book.xml", HttpAnswer::ok("<contacts/>"));
     EXPECT_EQ(run({{{"type", "LocalPhoneBook"}, {"url", "/book.xml"}, {"renewPeriod", "7200"}}}), 2);
     EXPECT_EQ(tests::contentOf("/var/volatile/contacts/book.xml"), "<contacts/>");
@@ -286,8 +286,8 @@ TEST_F(CustomScenarioJobHandlerTest, APhoneBookIsHandedOver) {
                               info(source, "Downloading PhoneBook from URL '" + server_.url("/book.xml") + "'")}));
 }
 
-// The URL is the device's, the local name is not: the phone's address book looks for the name that it is given.
-TEST_F(CustomScenarioJobHandlerTest, PlaceholdersInAPhoneBooksNameStay) {
+// Placeholders are expanded in the URL but not in the local name: the directory service looks for the unexpanded name.
+TEST_F(CustomScenarioJobHandlerTest, KeepsPlaceholdersInPhoneBookNames) {
     server_.on("/00-0A-0B-0C-0D-0E.xml", HttpAnswer::ok("<contacts/>"));
     EXPECT_EQ(run({{{"type", "LocalPhoneBook"}, {"url", "/%MACD.xml"}}}), 2);
     EXPECT_EQ(tests::contentOf("/var/volatile/contacts/%MACD.xml"), "<contacts/>");
@@ -296,7 +296,7 @@ TEST_F(CustomScenarioJobHandlerTest, PlaceholdersInAPhoneBooksNameStay) {
               std::vector<std::string>{"%MACD.xml"});
 }
 
-TEST_F(CustomScenarioJobHandlerTest, WithoutARenewPeriodThePeriodStays) {
+TEST_F(CustomScenarioJobHandlerTest, NoRenewPeriodLeavesThePeriodAlone) {
     server_.on("/book.xml", HttpAnswer::ok("<contacts/>"));
     EXPECT_EQ(run({{{"type", "LocalPhoneBook"}, {"url", "/book.xml"}},
                    {{"type", "LocalPhoneBook"}, {"url", "/book.xml"}, {"renewPeriod", ""}}}),
@@ -305,16 +305,16 @@ TEST_F(CustomScenarioJobHandlerTest, WithoutARenewPeriodThePeriodStays) {
     EXPECT_EQ(writes().size(), 4U);
 }
 
-TEST_F(CustomScenarioJobHandlerTest, ThePhoneBookIsSkippedOnACheckSync) {
+TEST_F(CustomScenarioJobHandlerTest, CheckSyncSkipsThePhoneBook) {
     phone_.properties->put("State.Provisioning", "request-check-sync");
-    EXPECT_EQ(run({{{"type", "LocalPhoneBook"}, {"renewPeriod", "7200"}}}), 2) << "not even the URL is looked at";
+    EXPECT_EQ(run({{{"type", "LocalPhoneBook"}, {"renewPeriod", "7200"}}}), 2) << "the URL must not be used";
     EXPECT_EQ(lines(), (Lines{info(source, "Executing step: 'LocalPhoneBook'"),
                               info(source, "Download of local phone book skipped")}));
     EXPECT_TRUE(writes().empty());
     EXPECT_TRUE(server_.requests().empty());
 }
 
-TEST_F(CustomScenarioJobHandlerTest, APhoneBookThatIsNotThereFailsAndKeepsTheOldOne) {
+TEST_F(CustomScenarioJobHandlerTest, FailedPhoneBookDownloadKeepsTheOldFile) {
     std::filesystem::create_directories(contacts);
     tests::writeFile("/var/volatile/contacts/book.xml", "the old one");
     server_.on("/book.xml", HttpAnswer::error(500));
@@ -329,7 +329,7 @@ TEST_F(CustomScenarioJobHandlerTest, APhoneBookThatIsNotThereFailsAndKeepsTheOld
     EXPECT_NE(text.find("\"extraInfo\" : \"HTTP: 500 Internal Server Error\""), std::string::npos) << text;
 }
 
-TEST_F(CustomScenarioJobHandlerTest, DownloadsCountAgainstTheFilesOfThePass) {
+TEST_F(CustomScenarioJobHandlerTest, DownloadsCountTowardsTheFileLimitOfThePass) {
     server_.on("/book.xml", fakes::HttpAnswer::ok("<book/>"));
     usage_->files = zav::Pass::maximumFiles - 1;
     EXPECT_EQ(run({{{"type", "LocalPhoneBook"}, {"url", "/book.xml"}}, {{"type", "certificate"}, {"url", "/one.pem"}}}),
@@ -340,11 +340,11 @@ TEST_F(CustomScenarioJobHandlerTest, DownloadsCountAgainstTheFilesOfThePass) {
         "File " + server_.url("/one.pem") + " follows 1000 others in this pass and will not be downloaded")));
 }
 
-TEST_F(CustomScenarioJobHandlerTest, AShutdownEndsALongScenario) {
+TEST_F(CustomScenarioJobHandlerTest, ShutdownStopsAScenario) {
     phone_.properties->onWrite([this](const fakes::PropertyWrite&) { stop_->stop(); });
     EXPECT_THROW(run({{{"type", "UnlockAllFunctionKeys"}}, {{"type", "UnlockAllFunctionKeys"}}}),
                  zav::ShuttingDownException);
-    EXPECT_EQ(phone_.properties->writes().size(), 8U) << "the first step alone";
+    EXPECT_EQ(phone_.properties->writes().size(), 8U) << "only the first step";
 }
 
 }  // namespace

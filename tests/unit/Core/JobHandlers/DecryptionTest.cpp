@@ -1,4 +1,4 @@
-// How openssl is asked, and what becomes of its answer.
+// The call of openssl, and the handling of its output and errors.
 #include <gmock/gmock.h>
 
 #include <cstdlib>
@@ -28,19 +28,19 @@ class DecryptionTest : public tests::HandlerFixture {
     }
 };
 
-// The shell finds no program.
-class WithoutPrograms {
+// Sets a PATH without programs.
+class EmptyPath {
  public:
-    WithoutPrograms() { setenv("PATH", "/nowhere", 1); }
-    ~WithoutPrograms() { setenv("PATH", path_.c_str(), 1); }
-    WithoutPrograms(const WithoutPrograms&) = delete;
-    WithoutPrograms& operator=(const WithoutPrograms&) = delete;
+    EmptyPath() { setenv("PATH", "/nowhere", 1); }
+    ~EmptyPath() { setenv("PATH", path_.c_str(), 1); }
+    EmptyPath(const EmptyPath&) = delete;
+    EmptyPath& operator=(const EmptyPath&) = delete;
 
  private:
     const std::string path_ = getenv("PATH");
 };
 
-// Words as openssl gets them, one a line; what it says it has decrypted is `output`.
+// Replaces openssl by a script that records its arguments, one per line, and writes `output` as the decrypted file.
 class RecordingOpenssl {
  public:
     RecordingOpenssl(const std::string& output, int status) {
@@ -61,17 +61,17 @@ class RecordingOpenssl {
     const std::string path_ = getenv("PATH");
 };
 
-TEST_F(DecryptionTest, TheDecryptionCommandIsThisOne) {
+TEST_F(DecryptionTest, DecryptionCommand) {
     const RecordingOpenssl openssl("<provisioning/>", 0);
     parse();
     EXPECT_EQ(openssl.words(),
               "enc\n-aes-128-cbc\n-d\n-in\n" + path + "\n-out\n" + path + ".tmp\n-pass\nfile:/etc/zav.d/key\n")
-        << "once, and nothing else";
+        << "openssl must be called once with exactly these arguments";
     EXPECT_EQ(tests::contentOf(path), "<provisioning/>");
     EXPECT_FALSE(tests::exists(path + ".tmp"));
 }
 
-TEST_F(DecryptionTest, WhatAFailedDecryptionWroteIsRemoved) {
+TEST_F(DecryptionTest, RemovesTheOutputOfAFailedDecryption) {
     const RecordingOpenssl openssl("half of it", 1);
     parse();
     EXPECT_NE(openssl.words(), "");
@@ -79,7 +79,7 @@ TEST_F(DecryptionTest, WhatAFailedDecryptionWroteIsRemoved) {
     EXPECT_FALSE(tests::exists(path + ".tmp"));
 }
 
-TEST_F(DecryptionTest, ALinkAtTheTemporaryNameIsNotWrittenThrough) {
+TEST_F(DecryptionTest, DoesNotFollowALinkAtTheTemporaryName) {
     tests::writeFile("/tmp/target", "untouched");
     std::filesystem::remove(path + ".tmp");
     std::filesystem::create_symlink("/tmp/target", path + ".tmp");
@@ -89,7 +89,7 @@ TEST_F(DecryptionTest, ALinkAtTheTemporaryNameIsNotWrittenThrough) {
     EXPECT_EQ(tests::contentOf(path), "<provisioning/>");
 }
 
-TEST_F(DecryptionTest, AKeyThatCannotBeReadIsNamedOnceAPass) {
+TEST_F(DecryptionTest, UnreadableKeyIsLoggedOncePerPass) {
     std::filesystem::remove("/etc/zav.d/key");
     for (int file = 0; file < 2; ++file) loadCorruptedFile();
     EXPECT_EQ(phone_.log.lines(),
@@ -100,11 +100,11 @@ TEST_F(DecryptionTest, AKeyThatCannotBeReadIsNamedOnceAPass) {
                      warning(source, "File " + path + " is corrupted")}));
     zav::Pass next(std::make_shared<zav::Pass::Usage>(), 1, stop_);
     loadCorruptedFile();
-    EXPECT_EQ(phone_.log.lines().size(), 5U) << "another pass says it again";
+    EXPECT_EQ(phone_.log.lines().size(), 5U) << "the next pass must log it again";
 }
 
-TEST_F(DecryptionTest, AnOpensslThatIsMissingIsNamed) {
-    const WithoutPrograms none;
+TEST_F(DecryptionTest, MissingOpensslIsLogged) {
+    const EmptyPath none;
     loadCorruptedFile();
     ASSERT_EQ(phone_.log.lines().size(), 2U);
     EXPECT_THAT(phone_.log.lines().back().text,
@@ -112,16 +112,16 @@ TEST_F(DecryptionTest, AnOpensslThatIsMissingIsNamed) {
                                testing::HasSubstr("openssl: not found")));
 }
 
-TEST_F(DecryptionTest, APlainFileNeedsNeitherKeyNorOpenssl) {
+TEST_F(DecryptionTest, PlainFileNeedsNeitherKeyNorOpenssl) {
     std::filesystem::remove("/etc/zav.d/key");
-    const WithoutPrograms none;
+    const EmptyPath none;
     tests::writeFile(path, tests::provisioningFile("provisioning", "1.0", ""));
     zav::ProvisioningFileParser parser(path, reader_, phone_.properties);
     EXPECT_TRUE(parser.loadAndVerify());
     EXPECT_TRUE(phone_.log.linesOf(source).size() == 3U) << "verifiable, no MAC address, verified";
 }
 
-TEST_F(DecryptionTest, AFileThatIsOnlyCorruptedNamesNoKey) {
+TEST_F(DecryptionTest, CorruptedFileLogsNoKeyError) {
     loadCorruptedFile();
     EXPECT_EQ(phone_.log.lines(), Lines{warning(source, "File " + path + " is corrupted")});
 }

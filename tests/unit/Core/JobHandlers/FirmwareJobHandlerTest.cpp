@@ -82,8 +82,8 @@ class FirmwareJobHandlerTest : public tests::HandlerFixture {
     }
 };
 
-// The decision, in full. A column is what counts: a - automatic, r - requested, f - forced. A cell is what happens:
-// "does nothing" (and succeeds), "installs", or "refuses" (and fails).
+// The complete decision table. Keys are the conditions: a - automatic, r - requested, f - forced. Values are the
+// outcome: "does nothing" (and succeeds), "installs", or "refuses" (and fails).
 struct Offer {
     const char* name;
     const char* running;
@@ -104,8 +104,8 @@ const std::map<std::string, std::string> never{{"---", "does nothing"}, {"a--", 
 
 class DecisionTest : public FirmwareJobHandlerTest, public testing::WithParamInterface<Offer> {
  protected:
-    /// What the run came to, in a word, after checking everything that goes with that word.
-    std::string happening(const std::vector<Attributes>& entries, const std::string& column, const Lines& refusal) {
+    /// Runs the job, checks all of its effects and returns the outcome as in the table.
+    std::string outcomeOf(const std::vector<Attributes>& entries, const std::string& column, const Lines& refusal) {
         const bool requested = column[1] == 'r';
         setAutomatic(column[0] == 'a');
         setRequested(requested);
@@ -136,28 +136,28 @@ class DecisionTest : public FirmwareJobHandlerTest, public testing::WithParamInt
     }
 };
 
-TEST_P(DecisionTest, OfOneEntry) {
+TEST_P(DecisionTest, OneEntry) {
     const Offer& offer = GetParam();
     setRunning(offer.running);
-    std::map<std::string, std::string> happened;
+    std::map<std::string, std::string> outcomes;
     for (const auto& [column, expected] : offer.outcome) {
         SCOPED_TRACE(column);
         Lines refusal = offer.refusal;
         refusal.push_back(nothingFound);
-        happened[column] = happening({entry(offer.version, column[2] == 'f')}, column, refusal);
+        outcomes[column] = outcomeOf({entry(offer.version, column[2] == 'f')}, column, refusal);
     }
-    EXPECT_EQ(happened, offer.outcome);
+    EXPECT_EQ(outcomes, offer.outcome);
 }
 
-TEST_P(DecisionTest, OfSeveralEntriesIsToRefuse) {
+TEST_P(DecisionTest, RefusesSeveralEntries) {
     setRunning(GetParam().running);
-    std::map<std::string, std::string> happened;
+    std::map<std::string, std::string> outcomes;
     for (const auto& [column, expected] : never) {
         SCOPED_TRACE(column);
-        happened[column] = happening({entry(GetParam().version), entry(GetParam().version, column[2] == 'f')}, column,
+        outcomes[column] = outcomeOf({entry(GetParam().version), entry(GetParam().version, column[2] == 'f')}, column,
                                      {tooMany, nothingFound});
     }
-    EXPECT_EQ(happened, never);
+    EXPECT_EQ(outcomes, never);
 }
 
 INSTANTIATE_TEST_SUITE_P(
@@ -179,17 +179,17 @@ INSTANTIATE_TEST_SUITE_P(
               {error(source, "Current version is not upgradeable to:'2.14'")}}),
     [](const auto& row) { return std::string(row.param.name); });
 
-TEST_F(DecisionTest, OfNoEntryIsToRefuse) {
-    std::map<std::string, std::string> happened;
+TEST_F(DecisionTest, RefusesAnEmptyList) {
+    std::map<std::string, std::string> outcomes;
     for (const char* column : {"---", "a--", "-r-", "ar-"}) {
         SCOPED_TRACE(column);
-        happened[column] = happening({}, column, {tooMany, nothingFound});
+        outcomes[column] = outcomeOf({}, column, {tooMany, nothingFound});
     }
-    EXPECT_EQ(happened, (std::map<std::string, std::string>{
+    EXPECT_EQ(outcomes, (std::map<std::string, std::string>{
                             {"---", "does nothing"}, {"a--", "refuses"}, {"-r-", "refuses"}, {"ar-", "refuses"}}));
 }
 
-TEST_F(FirmwareJobHandlerTest, ItsName) {
+TEST_F(FirmwareJobHandlerTest, Name) {
     const JobDescription job;
     EXPECT_EQ(make<zav::FirmwareJobHandler>(job)->getName(), "FirmwareJobHandler");
 }
@@ -204,33 +204,31 @@ TEST_F(FirmwareJobHandlerTest, OnlyTheExactFlagForces) {
     EXPECT_TRUE(server_.requests().empty());
 }
 
-TEST_F(FirmwareJobHandlerTest, OnlyTheExactWordRequests) {
+TEST_F(FirmwareJobHandlerTest, OnlyTheExactTriggerValueRequests) {
     setAutomatic(false);
     phone_.properties->put("State.FirmwareUpdate.TriggerAuto", "request-check-sync");
     EXPECT_EQ(run({entry("2.14")}), 2);
     EXPECT_TRUE(server_.requests().empty());
 }
 
-TEST_F(FirmwareJobHandlerTest, AnEntryWithoutVersionIsMalformed) {
+TEST_F(FirmwareJobHandlerTest, EntryWithoutVersionIsMalformed) {
     EXPECT_EQ(run({{{"url", "/image.bin"}}}), 0);
     EXPECT_EQ(phone_.log.linesOf(source), (Lines{error(source, "New firmware version''is invalid!"), nothingFound}));
 }
 
-TEST_F(FirmwareJobHandlerTest, AnEntryWithoutUrlThrows) {
-    EXPECT_THROW(run({{{"version", "2.14"}}}), std::out_of_range);
-}
+TEST_F(FirmwareJobHandlerTest, EntryWithoutUrlThrows) { EXPECT_THROW(run({{{"version", "2.14"}}}), std::out_of_range); }
 
-TEST_F(FirmwareJobHandlerTest, AnEmptyUrlIsNothingFound) {
+TEST_F(FirmwareJobHandlerTest, EmptyUrlCountsAsNoNewerVersion) {
     EXPECT_EQ(run({entry("2.14", false, "")}), 0);
     EXPECT_EQ(phone_.log.linesOf(source), (Lines{info(source, "Found upgradable version: 2.14 url: "), nothingFound}));
     EXPECT_TRUE(phone_.properties->writes().empty());
 }
 
-TEST_F(FirmwareJobHandlerTest, AUrlThatIsNoneThrows) {
+TEST_F(FirmwareJobHandlerTest, InvalidUrlThrows) {
     EXPECT_THROW(run({entry("2.14", false, "no url at all")}), zav::UrlException);
 }
 
-TEST_F(FirmwareJobHandlerTest, ADownloadThatFailsIsToldAndFails) {
+TEST_F(FirmwareJobHandlerTest, FailedDownloadIsReportedAndFailsTheJob) {
     setRequested(true);
     EXPECT_EQ(run({entry("2.14", false, "/missing.bin")}), 0);
     EXPECT_EQ(zav::lastHttpCode, 404);
@@ -247,13 +245,13 @@ TEST_F(FirmwareJobHandlerTest, ADownloadThatFailsIsToldAndFails) {
     EXPECT_TRUE(std::filesystem::is_empty("/config/swupdate"));
 }
 
-TEST_F(FirmwareJobHandlerTest, WhatSucceedsLeavesTheLastHttpCodeAlone) {
+TEST_F(FirmwareJobHandlerTest, SuccessLeavesTheLastHttpCodeAlone) {
     zav::lastHttpCode = 404;
     EXPECT_EQ(run({entry("2.14")}), 2);
     EXPECT_EQ(zav::lastHttpCode, 404);
 }
 
-TEST_F(FirmwareJobHandlerTest, TheStagingFolderIsEmptiedFirst) {
+TEST_F(FirmwareJobHandlerTest, EmptiesTheStagingFolderFirst) {
     tests::writeFile("/config/swupdate/old.bin", "old");
     std::filesystem::create_directories("/config/swupdate/parts/1");
     installCleanUp("ls -A /config/swupdate >/tmp/clean-up");
@@ -264,25 +262,25 @@ TEST_F(FirmwareJobHandlerTest, TheStagingFolderIsEmptiedFirst) {
     EXPECT_FALSE(tests::exists("/config/swupdate/parts"));
 }
 
-TEST_F(FirmwareJobHandlerTest, ARefusalKeepsTheStagedImage) {
+TEST_F(FirmwareJobHandlerTest, RefusalKeepsTheStagedImage) {
     tests::writeFile("/config/swupdate/old.bin", "old");
     EXPECT_EQ(run({entry("2.13.7")}), 0);
     EXPECT_EQ(tests::contentOf("/config/swupdate/old.bin"), "old");
 }
 
-TEST_F(FirmwareJobHandlerTest, WithoutTheCleanUpNothingIsDownloaded) {
+TEST_F(FirmwareJobHandlerTest, FailedCleanUpPreventsTheDownload) {
     installCleanUp("exit 3");
     EXPECT_THROW(run({entry("2.14")}), os::ExecuteException);
     EXPECT_TRUE(server_.requests().empty());
     EXPECT_TRUE(phone_.properties->writes().empty());
 }
 
-TEST_F(FirmwareJobHandlerTest, AShutdownEndsTheCleanUp) {
+TEST_F(FirmwareJobHandlerTest, ShutdownStopsTheCleanUp) {
     stop_->stop();
     EXPECT_THROW(run({entry("2.14")}), os::ExecuteException);
 }
 
-TEST_F(FirmwareJobHandlerTest, PlaceholdersAreExpandedHereAndThere) {
+TEST_F(FirmwareJobHandlerTest, ExpandsPlaceholdersInUrlAndFileName) {
     server_.on("/00-0A-0B-0C-0D-0E.bin", fakes::HttpAnswer::ok("the image"));
     EXPECT_EQ(run({entry("2.14", false, "/%MACD.bin")}), 2);
     EXPECT_EQ(tests::contentOf("/config/swupdate/00-0A-0B-0C-0D-0E.bin"), "the image");
@@ -290,14 +288,14 @@ TEST_F(FirmwareJobHandlerTest, PlaceholdersAreExpandedHereAndThere) {
               (std::vector<std::string>{"00-0A-0B-0C-0D-0E.bin"}));
 }
 
-TEST_F(FirmwareJobHandlerTest, TheQueryIsAskedForAndIsNoFileName) {
+TEST_F(FirmwareJobHandlerTest, QueryIsSentAndNotPartOfTheFileName) {
     server_.on("/image.bin", fakes::HttpAnswer::ok("the image"));
     EXPECT_EQ(run({entry("2.14", false, server_.url("/image.bin?phone=7"))}), 2);
     EXPECT_EQ(server_.requests().back().target, "/image.bin?phone=7");
     EXPECT_TRUE(tests::exists(image));
 }
 
-// Names that a server may choose; each becomes one harmless name inside the folder.
+// Each of these names from a server must become one harmless file name inside the folder.
 TEST_F(FirmwareJobHandlerTest, HostileFileNamesStayInTheFolder) {
     const std::map<std::string, std::string> names{
         {"a;touch.bin", "a_touch.bin"},
@@ -326,7 +324,7 @@ TEST_F(FirmwareJobHandlerTest, UrlsThatLeaveTheFolderThrow) {
     }
 }
 
-TEST_F(FirmwareJobHandlerTest, TheImageCountsAgainstTheFilesOfThePass) {
+TEST_F(FirmwareJobHandlerTest, ImageCountsTowardsTheFileLimitOfThePass) {
     usage_->files = zav::Pass::maximumFiles;
     EXPECT_EQ(run({entry("2.14")}), 0);
     EXPECT_TRUE(server_.requests().empty());

@@ -1,4 +1,4 @@
-// What every job handler is given, for tests of a single handler.
+// The constructor arguments of every job handler, for tests of a single handler.
 #pragma once
 
 #include <gtest/gtest.h>
@@ -31,7 +31,7 @@ class HandlerFixture : public testing::Test {
                                          status_);
     }
 
-    /// The status document's text after the pass.
+    /// The status document as logged at the end of a pass.
     std::string document() {
         status_.reportFinished();
         const auto lines = phone_.log.linesOf("Core/ProvisioningStatusReporter");
@@ -43,7 +43,7 @@ class HandlerFixture : public testing::Test {
     const std::shared_ptr<common::StopSignal> stop_ =
         std::make_shared<common::StopSignal>(std::chrono::milliseconds(0));  // without a grace period
     const std::shared_ptr<zav::Pass::Usage> usage_ = std::make_shared<zav::Pass::Usage>();
-    zav::Pass pass_{usage_, 1, stop_};  // on the test's own thread
+    zav::Pass pass_{usage_, 1, stop_};  // on the test's thread
     zav::XMLParser reader_;
     zav::ProgressReporter progress_;
     zav::ProvisioningStatusReporter status_;

@@ -13,7 +13,7 @@ struct FactoryRow {
 
 class JobHandlerFactoryTest : public tests::HandlerFixture, public testing::WithParamInterface<FactoryRow> {};
 
-TEST_P(JobHandlerFactoryTest, MakesTheHandlerOfTheFirstRule) {
+TEST_P(JobHandlerFactoryTest, CreatesTheHandlerOfTheFirstMatchingRule) {
     const zav::JobDescription job{GetParam().name, GetParam().itemName, {}};
     const auto handler = zav::JobHandlerFactory::create(job, phone_.curl, phone_.security, phone_.properties, reader_,
                                                         progress_, status_);
@@ -28,7 +28,7 @@ TEST_P(JobHandlerFactoryTest, MakesTheHandlerOfTheFirstRule) {
     }
 }
 
-/// An HTTP client that counts who takes its progress callback.
+/// An HTTP client that counts registrations of the progress callback.
 class WatchedCurl : public zav::Curl {
  public:
     void setProgressCallback(ProgressCallback) override { ++changes; }
@@ -37,8 +37,8 @@ class WatchedCurl : public zav::Curl {
 
 using ScenarioTest = tests::HandlerFixture;
 
-// The worker for its redirects would otherwise take the callback of the pass around it.
-TEST_F(ScenarioTest, LeavesTheProgressCallbackOfItsPassAlone) {
+// The scenario has a worker for redirects, which must not replace the callback of the outer pass.
+TEST_F(ScenarioTest, KeepsTheProgressCallbackOfThePass) {
     const auto curl = std::make_shared<WatchedCurl>();
     const zav::JobDescription job{"custom", "step", {}};
     EXPECT_NE(
@@ -47,8 +47,8 @@ TEST_F(ScenarioTest, LeavesTheProgressCallbackOfItsPassAlone) {
     EXPECT_EQ(curl->changes, 0);
 }
 
-// A worker made on the thread of a pass is one for passes nested in it.
-TEST_F(ScenarioTest, ItsRedirectsStopWithThePassAroundThem) {
+// A worker created on the thread of a pass belongs to that pass.
+TEST_F(ScenarioTest, NestedPassStopsWithTheOuterPass) {
     stop_->stop();
     zav::ProvisioningWorker nested(phone_.properties, std::make_shared<zav::Curl>(), phone_.security);
     nested.startProvisioning(server_.url("/provisioning.xml"));

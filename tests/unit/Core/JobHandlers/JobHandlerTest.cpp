@@ -31,9 +31,9 @@ class JobHandlerTest : public tests::HandlerFixture {
     const JobDescription job_{"nvm", "file", {}};
 };
 
-TEST_F(JobHandlerTest, TheBasesName) { EXPECT_EQ(make<PlainHandler>(job_)->getName(), "JobHandler"); }
+TEST_F(JobHandlerTest, BaseClassName) { EXPECT_EQ(make<PlainHandler>(job_)->getName(), "JobHandler"); }
 
-TEST_F(JobHandlerTest, TheNewestFileIsChosen) {
+TEST_F(JobHandlerTest, NewestFileIsChosen) {
     EXPECT_EQ(
         newest({file("2016-03-01_12:00:00", "a"), file("2016-04-01_08:30:00", "b"), file("2015-12-31_23:59:59", "c")}),
         "b");
@@ -44,13 +44,13 @@ TEST_F(JobHandlerTest, TheNewestFileIsChosen) {
     EXPECT_EQ(newest({file("V002.000.000", "two"), file("V010.000.000", "ten")}), "ten");
 }
 
-TEST_F(JobHandlerTest, AFileWithoutVersionEndsTheScan) {
+TEST_F(JobHandlerTest, FileWithoutVersionEndsTheScan) {
     EXPECT_EQ(newest({file("2016-01-01_00:00:00", "A"), {{"url", "B"}}, file("2018-01-01_00:00:00", "C")}), "B");
     EXPECT_EQ(phone_.log.lines(), (Lines{info(source, "Found url without version tag, assuming newest version is: B"),
                                          info(source, "Newest:B")}));
 }
 
-TEST_F(JobHandlerTest, AFileWithAnInvalidVersionIsSkipped) {
+TEST_F(JobHandlerTest, FileWithAnInvalidVersionIsSkipped) {
     EXPECT_EQ(newest({file("2016-13-01_00:00:00", "a"), file("2016-01-01_00:00:00", "b")}), "b");
     EXPECT_EQ(phone_.log.lines(), (Lines{warning(source,
                                                  "Version '2016-13-01_00:00:00' doesn't match YYYY-MM-DD_HH:MM:SS "
@@ -58,21 +58,21 @@ TEST_F(JobHandlerTest, AFileWithAnInvalidVersionIsSkipped) {
                                          info(source, "Newest:b")}));
 }
 
-TEST_F(JobHandlerTest, WithoutAFileThatCountsThereIsNoUrl) {
+TEST_F(JobHandlerTest, NoUrlWithoutAValidFile) {
     EXPECT_EQ(newest({}), "");
     EXPECT_EQ(newest({file("", "a")}), "");
     EXPECT_EQ(phone_.log.count(info(source, "Newest:")), 2U);
 }
 
-TEST_F(JobHandlerTest, AFileWithoutUrlThrows) {
+TEST_F(JobHandlerTest, FileWithoutUrlThrows) {
     EXPECT_THROW(newest({{{"version", "2016-01-01_00:00:00"}}}), std::out_of_range);
     EXPECT_THROW(newest({{{"name", "x"}}}), std::out_of_range);
 }
 
-TEST_F(JobHandlerTest, AnInvalidVersionNeedsNoUrl) {
+TEST_F(JobHandlerTest, UrlMayBeMissingWhereItIsNotUsed) {
     EXPECT_EQ(newest({{{"version", "2016-13-01_00:00:00"}}, file("2016-01-01_00:00:00", "b")}), "b");
     EXPECT_EQ(newest({file("2016-01-01_00:00:00", "b"), {{"version", "2015-01-01_00:00:00"}}}), "b")
-        << "nor does an older one";
+        << "an older version needs no URL either";
 }
 
 TEST_F(JobHandlerTest, VersionStrings) {
@@ -105,7 +105,7 @@ TEST_F(JobHandlerTest, VersionStrings) {
     }
 }
 
-TEST_F(JobHandlerTest, JobsThatTheVersionDoesNotAllowAreRemoved) {
+TEST_F(JobHandlerTest, RemovesJobsThatTheVersionDoesNotAllow) {
     const std::vector<std::pair<std::string, std::string>> pairs{
         {"provisioning", "category"}, {"nvm", "file"},  {"custom", "file"}, {"firmware", "file"}, {"settings", "param"},
         {"scenario", "step"},         {"nvm", "param"}, {"custom", "step"}, {"NVM", "param"},     {"", ""}};
@@ -128,7 +128,7 @@ TEST_F(JobHandlerTest, JobsThatTheVersionDoesNotAllowAreRemoved) {
     EXPECT_EQ(phone_.log.lines().size(), 4U + 7U + 10U + 10U);
 }
 
-TEST_F(JobHandlerTest, AFurtherJobGetsAHandlerOfItsOwn) {
+TEST_F(JobHandlerTest, NestedJobGetsItsOwnHandler) {
     phone_.properties->put("Audio.Volume", "1");
     const JobDescription further{"settings", "param", {{{"name", "Audio.Volume"}, {"value", "5"}}}};
     EXPECT_EQ(make<PlainHandler>(job_)->startJob(further), 2);
@@ -136,12 +136,12 @@ TEST_F(JobHandlerTest, AFurtherJobGetsAHandlerOfItsOwn) {
               (Lines{info(source, "+++++ Starting NVMJobHandler"), info(source, "-----Finishing NVMJobHandler")}));
 }
 
-TEST_F(JobHandlerTest, AFurtherJobWithoutAHandlerFailsInSilence) {
+TEST_F(JobHandlerTest, NestedJobOfUnknownTypeFails) {
     EXPECT_EQ(make<PlainHandler>(job_)->startJob({"category", "x", {}}), 0);
     EXPECT_EQ(phone_.log.lines(), Lines{warning("Core/JobHandlers/JobHandlerFactory", "Unknown job type !")});
 }
 
-TEST_F(JobHandlerTest, AFileWithTooManyItemsAppendsNothing) {
+TEST_F(JobHandlerTest, FileWithTooManyItemsAppendsNothing) {
     server_.on("/job.xml", fakes::HttpAnswer::ok(tests::provisioningFile("nvm", "1.0", "<file url=\"/x\"/>")));
     usage_->items = zav::Pass::maximumItems;
     std::vector<JobDescription> jobs{{"before", "x", {}}};
@@ -151,7 +151,7 @@ TEST_F(JobHandlerTest, AFileWithTooManyItemsAppendsNothing) {
     EXPECT_EQ(jobs[0].name, "before");
 }
 
-TEST_F(JobHandlerTest, AFileIsDownloadedVerifiedAndItsJobsAppended) {
+TEST_F(JobHandlerTest, DownloadsVerifiesAndAppendsTheJobs) {
     server_.on("/job.xml", fakes::HttpAnswer::ok(tests::provisioningFile("nvm", "1.0", "<file url=\"/x\"/>")));
     std::vector<JobDescription> jobs{{"before", "x", {}}};
     EXPECT_TRUE(make<PlainHandler>(job_)->downloadAndParse(server_.url("/job.xml"),
@@ -162,7 +162,7 @@ TEST_F(JobHandlerTest, AFileIsDownloadedVerifiedAndItsJobsAppended) {
     EXPECT_TRUE(phone_.log.linesOf(source).empty()) << phone_.log.text();
 }
 
-TEST_F(JobHandlerTest, ADownloadThatFailsIsLoggedAndItsCodeKept) {
+TEST_F(JobHandlerTest, FailedDownloadIsLoggedAndItsHttpCodeKept) {
     std::vector<JobDescription> jobs;
     const std::string url = server_.url("/missing.xml");
     EXPECT_FALSE(make<PlainHandler>(job_)->downloadAndParse(url, "/var/volatile/provisioning/nvm/job.xml", jobs));
@@ -172,7 +172,7 @@ TEST_F(JobHandlerTest, ADownloadThatFailsIsLoggedAndItsCodeKept) {
     EXPECT_TRUE(phone_.log.has(error(source, "Curl Error: No error HTTP Error: 404 Not Found")));
 }
 
-TEST_F(JobHandlerTest, ADownloadThatWorksLeavesTheKeptCodeAlone) {
+TEST_F(JobHandlerTest, SuccessfulDownloadLeavesTheHttpCodeAlone) {
     zav::lastHttpCode = 404;
     server_.on("/job.xml", fakes::HttpAnswer::ok("no XML"));
     std::vector<JobDescription> jobs;

@@ -58,7 +58,7 @@ class ProvisioningFileParserTest : public tests::HandlerFixture {
     const fakes::LogLine anyMac_ = info(source, "MAC address not provided in XML, skipping check");
 };
 
-TEST_F(ProvisioningFileParserTest, APlainFileStaysAsItIs) {
+TEST_F(ProvisioningFileParserTest, PlainFileIsUnchanged) {
     const std::string content = tests::provisioningFile("provisioning", "1.1", "");
     parser(content);
     EXPECT_EQ(tests::contentOf(path), content);
@@ -66,21 +66,21 @@ TEST_F(ProvisioningFileParserTest, APlainFileStaysAsItIs) {
     EXPECT_TRUE(phone_.log.lines().empty());
 }
 
-TEST_F(ProvisioningFileParserTest, AnEncryptedFileIsDecryptedInPlace) {
+TEST_F(ProvisioningFileParserTest, EncryptedFileIsDecryptedInPlace) {
     const std::string content = tests::provisioningFile("provisioning", "1.1", "");
     parser(tests::encrypted(content));
     EXPECT_EQ(tests::contentOf(path), content);
     EXPECT_FALSE(tests::exists(path + ".tmp"));
 }
 
-TEST_F(ProvisioningFileParserTest, AShutdownEndsTheDecryption) {
+TEST_F(ProvisioningFileParserTest, ShutdownStopsDecryption) {
     const std::string content = tests::encrypted(tests::provisioningFile("provisioning", "1.1", ""));
     stop_->stop();
     parser(content);
     EXPECT_EQ(tests::contentOf(path), content);
 }
 
-TEST_F(ProvisioningFileParserTest, AFileForAnotherKeyStaysAsItIs) {
+TEST_F(ProvisioningFileParserTest, FileForAnotherKeyIsUnchanged) {
     const std::string content = tests::encrypted(tests::provisioningFile("provisioning", "1.1", ""), "another");
     auto files = parser(content);
     EXPECT_EQ(tests::contentOf(path), content);
@@ -89,7 +89,7 @@ TEST_F(ProvisioningFileParserTest, AFileForAnotherKeyStaysAsItIs) {
     EXPECT_EQ(phone_.log.lines(), Lines{warning(source, "File " + path + " is corrupted")});
 }
 
-TEST_F(ProvisioningFileParserTest, WithoutAKeyNothingIsDecrypted) {
+TEST_F(ProvisioningFileParserTest, DecryptsNothingWithoutAKey) {
     const std::string content = tests::encrypted("secret");
     std::filesystem::remove("/etc/zav.d/key");
     parser(content);
@@ -97,13 +97,13 @@ TEST_F(ProvisioningFileParserTest, WithoutAKeyNothingIsDecrypted) {
     EXPECT_FALSE(tests::exists(path + ".tmp"));
 }
 
-TEST_F(ProvisioningFileParserTest, AMissingFileIsCorrupted) {
+TEST_F(ProvisioningFileParserTest, MissingFileIsCorrupted) {
     zav::ProvisioningFileParser files("/var/volatile/provisioning/none", reader_, phone_.properties);
     EXPECT_FALSE(files.loadAndVerify());
     EXPECT_EQ(phone_.log.lines(), Lines{warning(source, "File /var/volatile/provisioning/none is corrupted")});
 }
 
-TEST_F(ProvisioningFileParserTest, AFileForThisPhoneIsVerified) {
+TEST_F(ProvisioningFileParserTest, FileForThisPhoneIsVerified) {
     EXPECT_TRUE(verify(R"(version="1.1" productID="kd4v")"));
     EXPECT_EQ(phone_.log.lines(), (Lines{info(source, "File " + path + " is verifiable"), anyMac_,
                                          info(source, "File " + path + " verified positively.")}));
@@ -112,14 +112,14 @@ TEST_F(ProvisioningFileParserTest, AFileForThisPhoneIsVerified) {
     }
 }
 
-TEST_F(ProvisioningFileParserTest, OtherRootsFailInSilence) {
+TEST_F(ProvisioningFileParserTest, OtherRootElementsFailSilently) {
     for (const char* root : {"category", "Provisioning", "file", "x"}) {
         EXPECT_FALSE(verify(R"(version="1.1" productID="kd4v")", root)) << root;
         EXPECT_TRUE(phone_.log.lines().empty());
     }
 }
 
-TEST_F(ProvisioningFileParserTest, TheProductMustBeEqual) {
+TEST_F(ProvisioningFileParserTest, ProductMustMatchExactly) {
     EXPECT_FALSE(verify(R"(version="1.1")"));
     EXPECT_EQ(phone_.log.lines(),
               failed({error(source, "Product ID is not specified in xml"), anyMac_}, "ID=0 MAC=1 VER=1"));
@@ -131,7 +131,7 @@ TEST_F(ProvisioningFileParserTest, TheProductMustBeEqual) {
     }
 }
 
-TEST_F(ProvisioningFileParserTest, TheAddressCountsAsFarAsTheDevicesGoes) {
+TEST_F(ProvisioningFileParserTest, MacAddressPrefixMustMatchIgnoringCase) {
     const auto withMac = [this](const std::string& mac) {
         return verify("version=\"1.1\" productID=\"kd4v\" macAddress=\"" + mac + "\"");
     };
@@ -147,7 +147,7 @@ TEST_F(ProvisioningFileParserTest, TheAddressCountsAsFarAsTheDevicesGoes) {
     EXPECT_TRUE(withMac("anything"));
 }
 
-TEST_F(ProvisioningFileParserTest, AnAddressThatCannotBeReadEndsTheChecks) {
+TEST_F(ProvisioningFileParserTest, UnreadableMacAddressEndsTheChecks) {
     phone_.properties->failKey("NET.MAC.Address");
     EXPECT_FALSE(verify(R"(version="1.1" productID="kd4v")"));
     EXPECT_EQ(phone_.log.lines(),
@@ -157,7 +157,7 @@ TEST_F(ProvisioningFileParserTest, AnAddressThatCannotBeReadEndsTheChecks) {
                            "'NET.MAC.Address': the property service is offline")}));
 }
 
-TEST_F(ProvisioningFileParserTest, TheVersionIsComparedByteByByte) {
+TEST_F(ProvisioningFileParserTest, VersionsAreComparedByteByByte) {
     const auto withVersion = [this](const std::string& version) {
         return verify("productID=\"kd4v\" version=\"" + version + "\"");
     };
@@ -173,7 +173,7 @@ TEST_F(ProvisioningFileParserTest, TheVersionIsComparedByteByByte) {
               failed({anyMac_, error(source, "Provisioning version is not specified in xml")}, "ID=1 MAC=1 VER=0"));
 }
 
-TEST_F(ProvisioningFileParserTest, LaterFilesMustHaveThePassesVersion) {
+TEST_F(ProvisioningFileParserTest, LaterFilesMustHaveTheVersionOfThePass) {
     ASSERT_TRUE(parser(tests::provisioningFile("provisioning", "1.0", "")).parseInitialFile());
     EXPECT_EQ(zav::currentProvisioningVersion(), "1.0");
     EXPECT_TRUE(verify(R"(version="1.0" productID="kd4v")"));
@@ -183,13 +183,13 @@ TEST_F(ProvisioningFileParserTest, LaterFilesMustHaveThePassesVersion) {
     EXPECT_EQ(zav::currentProvisioningVersion(), "1.0");
 }
 
-TEST_F(ProvisioningFileParserTest, TheInitialFileMustBeOne) {
+TEST_F(ProvisioningFileParserTest, InitialFileNeedsAProvisioningRoot) {
     EXPECT_FALSE(parser(tests::provisioningFile("settings", "1.1", "")).parseInitialFile());
     EXPECT_EQ(phone_.log.lines().back(), warning(source, "Initial file is does not contain <provisioning> node."));
     EXPECT_EQ(zav::currentProvisioningVersion(), "1.1") << "set in either case";
     zav::setCurrentProvisioningVersion("");
     EXPECT_FALSE(parser("<provisioning version=\"1.1\"/>").parseInitialFile());
-    EXPECT_EQ(zav::currentProvisioningVersion(), "") << "a file that is not verified changes nothing";
+    EXPECT_EQ(zav::currentProvisioningVersion(), "") << "an unverified file must not change it";
 }
 
 struct JobsRow {
@@ -212,27 +212,29 @@ INSTANTIATE_TEST_SUITE_P(
         JobsRow{R"(<nvm><param n="1"/><param/></nvm>)", "nvm/param: n=1,\n"},
         JobsRow{R"(<nvm><param n="1"/><other/></nvm>)", ""},
         JobsRow{R"(<p><nvm><param n="1"/><parm n="2"/></nvm></p>)", ""},
-        // White space inside makes it no leaf.
+        // An element that contains white space is not a leaf.
         JobsRow{R"(<nvm><param n="1"> </param></nvm>)", ""},
-        // A nested level empties the set of names and leaves its own: the leaf before it is checked against those.
+        // A nested level clears the set of names and leaves its own names there, against which the leaf before it is
+        // checked.
         JobsRow{R"(<p><a x="1"/><nvm><param n="1"/></nvm></p>)", "nvm/param: n=1,\np/a: x=1,\n"},
         JobsRow{R"(<p><nvm><param n="1"/></nvm><other x="1"/></p>)", "nvm/param: n=1,\n"},
-        // The root's own level goes on from "nvm" as well, and so comes to the last leaf once more.
+        // The root's level continues from "nvm" too and so visits the last leaf twice.
         JobsRow{R"(<p><nvm><param n="1"/></nvm><param x="1"/></p>)", "nvm/param: n=1,\np/param: x=1,\np/param: x=1,\n"},
-        // Two levels below an element the walk goes on from the element that was entered last.
+        // After two nested levels the walk continues from the element that was entered last.
         JobsRow{R"(<p><group><nvm><param n="1"/></nvm></group><group><nvm><param n="2"/></nvm></group></p>)",
                 "nvm/param: n=1,\n"},
         JobsRow{R"(<p><group><nvm><param n="1"/></nvm><x y="2"/></group></p>)", "nvm/param: n=1,\n"},
-        // CDATA has no name and no attributes, and counts as a name.
+        // CDATA has an empty name and no attributes, and that name counts.
         JobsRow{R"(<nvm><![CDATA[x]]><param n="1"/></nvm>)", ""}));
 
-TEST_F(ProvisioningFileParserTest, AnInconsistentJobIsLoggedWithItsName) {
+TEST_F(ProvisioningFileParserTest, InconsistentJobIsLoggedWithItsName) {
     jobsOf(R"(<p><nvm><param n="1"/><parm n="2"/></nvm></p>)");
     EXPECT_EQ(phone_.log.lines(),
               Lines{info(source, "XML child nodes have inconsistient names, please verify xml job: nvm")});
 }
 
-/// The walk as it is told, over a tree of its own: a cursor, a stack that is never popped, one set of names.
+/// An independent implementation of the walk over a random tree: a cursor, a stack that is never popped, and one set of
+/// names.
 class Model {
  public:
     struct Node {
@@ -256,7 +258,7 @@ class Model {
         return text + "</" + n.name + ">";
     }
 
-    /// False when the tree multiplies beyond what is worth comparing.
+    /// Returns false if the walk takes too many steps to compare.
     bool collect() {
         cursor_ = 0;
         level(nodes_[0].name);
@@ -322,7 +324,7 @@ class Model {
     int steps_ = 0;
 };
 
-TEST_F(ProvisioningFileParserTest, OddTreesAreWalkedLiterally) {
+TEST_F(ProvisioningFileParserTest, RandomTreesGiveTheSameJobsAsTheModel) {
     std::mt19937 random(20261120);
     int compared = 0;
     int withJobs = 0;
@@ -341,7 +343,7 @@ TEST_F(ProvisioningFileParserTest, OddTreesAreWalkedLiterally) {
 
 class HostileFileTest : public ProvisioningFileParserTest {
  protected:
-    /// `depth` elements inside each other; the innermost is followed by `tail`, which each of the levels walks again.
+    /// `depth` nested elements with `tail` in the innermost one, so that each level walks `tail` again.
     static std::string nested(int depth, const std::string& tail) {
         std::string document;
         for (int i = 0; i < depth; ++i) document += "<p>";
@@ -360,26 +362,26 @@ class HostileFileTest : public ProvisioningFileParserTest {
     }
 };
 
-TEST_F(HostileFileTest, MultipliedItems) {
+TEST_F(HostileFileTest, RejectsMultipliedItems) {
     std::string tail;
     for (int i = 0; i < 5000; ++i) tail += "<p n=\"1\"/>";
     expectNoJobs(nested(200, tail));
 }
 
-TEST_F(HostileFileTest, MultipliedBytes) {
+TEST_F(HostileFileTest, RejectsMultipliedBytes) {
     std::string tail;
     for (int i = 0; i < 8; ++i) tail += "<p n=\"" + std::string(1 << 20, 'x') + "\"/>";
     expectNoJobs(nested(200, tail));
 }
 
-// Leaves without attributes are no items, and are visited all the same.
-TEST_F(HostileFileTest, MultipliedSteps) {
+// Leaves without attributes do not count as items but are visited too.
+TEST_F(HostileFileTest, RejectsMultipliedElementsWithoutAttributes) {
     std::string tail;
     for (int i = 0; i < 100000; ++i) tail += "<p/>";
     expectNoJobs(nested(200, tail));
 }
 
-TEST_F(HostileFileTest, AsManyItemsAsAFileMayHave) {
+TEST_F(HostileFileTest, AcceptsTheMaximumNumberOfItems) {
     std::string document = "<nvm>";
     for (std::size_t i = 0; i < zav::ProvisioningFileParser::maximumItems; ++i) document += "<param n=\"1\"/>";
     const auto jobs = jobsOf(document + "</nvm>");

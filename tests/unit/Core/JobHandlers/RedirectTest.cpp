@@ -1,4 +1,4 @@
-// Passes that lead to passes on other servers, with real workers.
+// Passes with redirects to other servers, with real workers.
 #include <gtest/gtest.h>
 
 #include <filesystem>
@@ -19,7 +19,7 @@ using fakes::info;
 using tests::provisioningFile;
 
 constexpr const char* source = "Core/ProvisioningWatchdog/ProvisioningWorker";
-const fakes::LogLine tooOften = error(source, "Redirected too often, provisioning not started");
+const fakes::LogLine tooManyRedirects = error(source, "Redirected too often, provisioning not started");
 
 std::string redirect(const std::string& url) { return R"(<step type="Redirect" url=")" + url + "\"/>"; }
 std::string custom(const std::string& steps) { return "<custom>" + steps + "</custom>"; }
@@ -45,7 +45,7 @@ class RedirectTest : public testing::Test {
     static void serve(fakes::HttpServer& server, const std::string& inside) {
         server.on("/provisioning.xml", HttpAnswer::ok(provisioningFile("provisioning", "1.1", inside)));
     }
-    /// A pass on the configured server, to its end and its last write.
+    /// Runs a pass on the configured server, waits for its last write and returns the result.
     std::string pass(zav::ProvisioningWorker& worker) {
         const std::size_t before = phone_.properties->writesTo("State.Provisioning").size();
         worker.startProvisioning("");
@@ -68,35 +68,36 @@ class RedirectTest : public testing::Test {
     fakes::HttpServer there_;
 };
 
-TEST_F(RedirectTest, TheOtherServersFileIsRunInItsPlace) {
+TEST_F(RedirectTest, RunsTheOtherServersFileInPlace) {
     serve(here_, param("before") + custom(redirect(there_.url("/"))) + param("after"));
     serve(there_, param("there"));
     EXPECT_EQ(pass(), "success");
     EXPECT_EQ(written("PhoneUI.Language"), (std::vector<std::string>{"before", "there", "after"}));
     EXPECT_EQ(written("State.Provisioning.LockUI"), (std::vector<std::string>{"1", "1", "0", "0"}));
     EXPECT_EQ(written("State.Provisioning"), std::vector<std::string>{"success"})
-        << "the nested pass publishes nothing";
+        << "the nested pass must not publish a result";
     EXPECT_EQ(written("State.Provisioning.HttpErrorCode"), std::vector<std::string>{"200"});
 }
 
-TEST_F(RedirectTest, TheResultThereIsTheJobsResult) {
+TEST_F(RedirectTest, NestedResultIsTheJobsResult) {
     serve(here_, param("good") + custom(redirect(there_.url("/"))));
     serve(there_, "<nvm><param name=\"PhoneUI.Language\" value=\"x\"/><param name=\"No.Such\" value=\"x\"/></nvm>");
-    EXPECT_EQ(pass(), "partSuccess") << "partly done there: the job fails, and the settings here did not";
+    EXPECT_EQ(pass(), "partSuccess")
+        << "the nested pass gives partSuccess, so the redirect fails, but the settings job succeeds";
     serve(here_, custom(redirect(there_.url("/"))));
     EXPECT_EQ(pass(), "fail");
     serve(there_, param("good"));
     EXPECT_EQ(pass(), "success");
 }
 
-TEST_F(RedirectTest, AServerThatFailsThereSetsTheHttpCode) {
+TEST_F(RedirectTest, FailureOfTheOtherServerSetsTheHttpCode) {
     serve(here_, custom(redirect(there_.url("/"))) + param("after"));
     EXPECT_EQ(pass(), "partSuccess");
     EXPECT_EQ(written("State.Provisioning.HttpErrorCode"), std::vector<std::string>{"404"});
     EXPECT_EQ(written("PhoneUI.Language"), std::vector<std::string>{"after"});
 }
 
-TEST_F(RedirectTest, ThePassGoesOnInTheVersionItHad) {
+TEST_F(RedirectTest, RestoresTheVersionAfterTheNestedPass) {
     here_.on("/provisioning.xml", HttpAnswer::ok(provisioningFile("provisioning", "1.0",
                                                                   R"(<category type="custom" url="/custom.xml"/>
                                                 <category type="nvm" url="/nvm.xml"/>)")));
@@ -111,48 +112,48 @@ TEST_F(RedirectTest, ThePassGoesOnInTheVersionItHad) {
     EXPECT_EQ(zav::currentProvisioningVersion(), "1.0");
 }
 
-TEST_F(RedirectTest, ToItselfEnds) {
+TEST_F(RedirectTest, RedirectToItselfEnds) {
     serve(here_, custom(redirect(here_.url("/"))));
     EXPECT_EQ(pass(), "fail");
-    EXPECT_EQ(phone_.log.count(tooOften), 1U);
+    EXPECT_EQ(phone_.log.count(tooManyRedirects), 1U);
     EXPECT_EQ(here_.requestsFor("/provisioning.xml").size(), 4U);
     EXPECT_EQ(phone_.log.count(info(source, "Provisioning Finished")), 4U);
 }
 
-TEST_F(RedirectTest, ToEachOtherEnds) {
+TEST_F(RedirectTest, MutualRedirectsEnd) {
     serve(here_, custom(redirect(there_.url("/"))));
     serve(there_, custom(redirect(here_.url("/"))));
     EXPECT_EQ(pass(), "fail");
-    EXPECT_EQ(phone_.log.count(tooOften), 1U);
+    EXPECT_EQ(phone_.log.count(tooManyRedirects), 1U);
     EXPECT_EQ(here_.requests().size() + there_.requests().size(), 4U);
 }
 
-TEST_F(RedirectTest, ToNowhereInParticularIsToItself) {
+TEST_F(RedirectTest, EmptyUrlRedirectsToTheSameServer) {
     serve(here_, custom(redirect("")));
     EXPECT_EQ(pass(), "fail");
-    EXPECT_EQ(phone_.log.count(tooOften), 1U);
+    EXPECT_EQ(phone_.log.count(tooManyRedirects), 1U);
 }
 
-TEST_F(RedirectTest, ManyInOneFileEnd) {
+TEST_F(RedirectTest, ManyRedirectsInOneFileEnd) {
     std::string steps;
     for (int i = 0; i < 40; ++i) steps += redirect(there_.url("/"));
     serve(here_, custom(steps));
     serve(there_, param("there"));
     EXPECT_EQ(pass(), "fail");
     EXPECT_EQ(there_.requests().size(), 16U);
-    EXPECT_EQ(phone_.log.count(tooOften), 24U);
+    EXPECT_EQ(phone_.log.count(tooManyRedirects), 24U);
 }
 
-TEST_F(RedirectTest, ManyToItselfEnd) {
+TEST_F(RedirectTest, ManyRedirectsToTheSameServerEnd) {
     std::string steps;
     for (int i = 0; i < 8; ++i) steps += redirect(here_.url("/"));
     serve(here_, custom(steps));
     EXPECT_EQ(pass(), "fail");
     EXPECT_LE(here_.requests().size(), 17U);
-    EXPECT_GT(phone_.log.count(tooOften), 0U);
+    EXPECT_GT(phone_.log.count(tooManyRedirects), 0U);
 }
 
-TEST_F(RedirectTest, ANewPassMayRedirectAgain) {
+TEST_F(RedirectTest, RedirectLimitIsPerPass) {
     std::string steps;
     for (int i = 0; i < 16; ++i) steps += redirect(there_.url("/"));
     serve(here_, custom(steps));
@@ -160,10 +161,10 @@ TEST_F(RedirectTest, ANewPassMayRedirectAgain) {
     zav::ProvisioningWorker worker(phone_.properties, phone_.curl, phone_.security);
     EXPECT_EQ(pass(worker), "success");
     EXPECT_EQ(pass(worker), "success");
-    EXPECT_EQ(phone_.log.count(tooOften), 0U);
+    EXPECT_EQ(phone_.log.count(tooManyRedirects), 0U);
 }
 
-TEST_F(RedirectTest, AUrlThatIsNoneFailsThePassAndNotTheNext) {
+TEST_F(RedirectTest, InvalidUrlFailsOnlyThisPass) {
     serve(here_, custom(redirect("no url at all")) + param("never"));
     zav::ProvisioningWorker worker(phone_.properties, phone_.curl, phone_.security);
     EXPECT_EQ(pass(worker), "fail");
@@ -174,8 +175,8 @@ TEST_F(RedirectTest, AUrlThatIsNoneFailsThePassAndNotTheNext) {
     EXPECT_EQ(written("PhoneUI.Language"), std::vector<std::string>{"next"});
 }
 
-// The HTTP client of the outer pass goes on reporting progress after the nested one is gone.
-TEST_F(RedirectTest, AFirmwareJobAfterwardsTwiceInARow) {
+// The outer pass's HTTP client still reports progress after the nested worker is destroyed.
+TEST_F(RedirectTest, FirmwareJobAfterARedirectTwice) {
     phone_.properties->put("System.General.SoftwareVersion", "1.0");
     serve(here_, custom(redirect(there_.url("/"))) + R"(<firmware><file version="2.0" url="/image.bin"/></firmware>)");
     here_.on("/image.bin", HttpAnswer::ok(std::string(3U << 20U, 'i')));
@@ -188,7 +189,7 @@ TEST_F(RedirectTest, AFirmwareJobAfterwardsTwiceInARow) {
     EXPECT_EQ(written("State.FirmwareUpdate.UpdateSystem").size(), 2U);
 }
 
-TEST_F(RedirectTest, ProgressThereIsProgressHere) {
+TEST_F(RedirectTest, NestedProgressCountsAsProgress) {
     const auto gate = std::make_shared<fakes::Gate>();
     serve(here_, custom(redirect(there_.url("/"))));
     const std::string file = provisioningFile("provisioning", "1.1", param("there") + std::string(1U << 20U, ' '));
@@ -198,14 +199,14 @@ TEST_F(RedirectTest, ProgressThereIsProgressHere) {
     ASSERT_TRUE(gate->waitUntilReached());
     const fakes::LogLine consumed = info("Core/ProvisioningWatchdog/ProgressReporter", "Progress consumed");
     worker.waitForProgress();
-    EXPECT_FALSE(worker.isProvisioningFinished()) << "the pass there still waits for its file";
+    EXPECT_FALSE(worker.isProvisioningFinished()) << "the nested pass still waits for its file";
     gate->open();
     EXPECT_TRUE(phone_.properties->waitForWrite("State.Provisioning", "success"));
     EXPECT_GE(phone_.log.count(consumed), 2U);
 }
 
-// A pass counts as finished a moment before its result is there; a redirect may look in that moment.
-TEST_F(RedirectTest, WhoSeesThePassFinishedReadsItsResult) {
+// A pass counts as finished shortly before its result is set; a redirect may read the result in between.
+TEST_F(RedirectTest, ResultIsAvailableOnceThePassIsFinished) {
     serve(here_, param("here"));
     zav::ProvisioningWorker worker(phone_.properties, phone_.curl, phone_.security);
     for (int i = 0; i < 30; ++i) {
@@ -215,7 +216,7 @@ TEST_F(RedirectTest, WhoSeesThePassFinishedReadsItsResult) {
     }
 }
 
-TEST_F(RedirectTest, StoppingLetsTheNestedPassEnd) {
+TEST_F(RedirectTest, StopLetsTheNestedPassFinish) {
     const auto gate = std::make_shared<fakes::Gate>();
     serve(here_, custom(redirect(there_.url("/"))));
     there_.on("/provisioning.xml",
@@ -225,7 +226,7 @@ TEST_F(RedirectTest, StoppingLetsTheNestedPassEnd) {
         worker.startProvisioning("");
         ASSERT_TRUE(gate->waitUntilReached());
         worker.stop();
-        worker.waitForProgress();  // nobody waits for a process that is ending
+        worker.waitForProgress();  // returns at once during shutdown
         gate->open();
     }
     EXPECT_EQ(written("State.Provisioning"), std::vector<std::string>{"success"});

@@ -28,12 +28,12 @@ class DeferredWritesTest : public testing::Test {
     std::unique_ptr<zav::DeferredWrites> writes_ = std::make_unique<zav::DeferredWrites>();
 };
 
-TEST_F(DeferredWritesTest, AWriteThatWorksIsMadeAtOnce) {
+TEST_F(DeferredWritesTest, WritesAtOnceIfPossible) {
     write("a");
     EXPECT_EQ(written(), std::vector<std::string>{"a"});
 }
 
-TEST_F(DeferredWritesTest, WritesAreMadeUpForInTheirOrder) {
+TEST_F(DeferredWritesTest, RetriesWritesInOrder) {
     properties_.setOffline(true);
     write("a");
     write("b");
@@ -44,11 +44,11 @@ TEST_F(DeferredWritesTest, WritesAreMadeUpForInTheirOrder) {
     EXPECT_EQ(written(), (std::vector<std::string>{"a", "b", "c"}));
     write("d");
     EXPECT_TRUE(properties_.waitForWrite("key", "d"));
-    EXPECT_EQ(written().size(), 4U) << "each was made once";
+    EXPECT_EQ(written().size(), 4U) << "each must be written once";
 }
 
-// The retry thread has nothing to do between two outages, and must be told of the next write.
-TEST_F(DeferredWritesTest, ASecondOutageIsMadeUpForToo) {
+// The retry thread sleeps between two outages and must be woken for the next write.
+TEST_F(DeferredWritesTest, RetriesAfterASecondOutage) {
     for (const char* value : {"a", "b", "c"}) {
         properties_.setOffline(true);
         write(value);
@@ -57,7 +57,7 @@ TEST_F(DeferredWritesTest, ASecondOutageIsMadeUpForToo) {
     }
 }
 
-TEST_F(DeferredWritesTest, ATimeoutIsTriedAgainToo) {
+TEST_F(DeferredWritesTest, RetriesATimeout) {
     bool first = true;
     writes_->write(Kind::result, [&] {
         if (std::exchange(first, false)) throw propertyapi::PropertyTimeoutException("no answer");
@@ -66,7 +66,7 @@ TEST_F(DeferredWritesTest, ATimeoutIsTriedAgainToo) {
     EXPECT_TRUE(properties_.waitForWrite("key", "a"));
 }
 
-TEST_F(DeferredWritesTest, ARefusalIsTheCallersAndNotTriedAgain) {
+TEST_F(DeferredWritesTest, RefusalThrowsAndIsNotRetried) {
     int calls = 0;
     EXPECT_THROW(writes_->write(Kind::result,
                                 [&] {
@@ -76,10 +76,10 @@ TEST_F(DeferredWritesTest, ARefusalIsTheCallersAndNotTriedAgain) {
                  propertyapi::PropertyNotFoundException);
     write("a");
     EXPECT_EQ(calls, 1);
-    EXPECT_EQ(written(), std::vector<std::string>{"a"}) << "nothing waits before it";
+    EXPECT_EQ(written(), std::vector<std::string>{"a"}) << "the refused write must not block it";
 }
 
-TEST_F(DeferredWritesTest, ALaterRefusalIsLoggedAndDoesNotHoldTheNext) {
+TEST_F(DeferredWritesTest, RefusedRetryIsLoggedAndDoesNotBlockTheNext) {
     properties_.setOffline(true);
     writes_->write(Kind::result, [&] { properties_.set("unknown", "x"); });
     write("a");
@@ -89,17 +89,17 @@ TEST_F(DeferredWritesTest, ALaterRefusalIsLoggedAndDoesNotHoldTheNext) {
                                       "Deferred property write failed: Property 'unknown': not found")));
 }
 
-TEST_F(DeferredWritesTest, CancelForgetsWhatWaits) {
+TEST_F(DeferredWritesTest, CancelDropsPendingWrites) {
     properties_.setOffline(true);
     write("stale");
     writes_->cancel();
     properties_.setOffline(false);
     write("fresh");
-    writes_.reset();  // its last attempt included
+    writes_.reset();  // includes the destructor's last attempt
     EXPECT_EQ(written(), std::vector<std::string>{"fresh"});
 }
 
-TEST_F(DeferredWritesTest, WhatIsOwedOfOneKindCanBeForgotten) {
+TEST_F(DeferredWritesTest, CancelsPendingWritesOfOneKind) {
     properties_.setOffline(true);
     write("result");
     write("unlock", Kind::unlock);
@@ -110,8 +110,8 @@ TEST_F(DeferredWritesTest, WhatIsOwedOfOneKindCanBeForgotten) {
     EXPECT_EQ(written(), std::vector<std::string>{"unlock"});
 }
 
-// Two results are owed; what makes them stale comes while the first is under way.
-TEST_F(DeferredWritesTest, ACancellationSparesOnlyTheWriteUnderWay) {
+// Two results are pending; they are cancelled while the first is being written.
+TEST_F(DeferredWritesTest, CancelSparesOnlyTheWriteInProgress) {
     auto ownedBySecond = std::make_shared<int>();
     const std::weak_ptr<int> second = ownedBySecond;
     std::atomic<bool> back{false};
@@ -126,7 +126,7 @@ TEST_F(DeferredWritesTest, ACancellationSparesOnlyTheWriteUnderWay) {
     std::thread canceller([&] {
         underWay.get_future().wait();
         writes_->cancel(Kind::result);
-        EXPECT_EQ(written(), std::vector<std::string>{"first"}) << "it waits for that one";
+        EXPECT_EQ(written(), std::vector<std::string>{"first"}) << "cancel must wait for it";
     });
     back = true;
     canceller.join();
@@ -134,8 +134,8 @@ TEST_F(DeferredWritesTest, ACancellationSparesOnlyTheWriteUnderWay) {
     EXPECT_EQ(written(), std::vector<std::string>{"first"});
 }
 
-// The write under way was cancelled meanwhile; what has been kept since is not it.
-TEST_F(DeferredWritesTest, AWriteKeptDuringACancelledOneIsMadeUpFor) {
+// A cancelled write must not remove a write that was added after the cancellation.
+TEST_F(DeferredWritesTest, RetriesAWriteAddedDuringACancelledOne) {
     auto ownedBySecond = std::make_shared<int>();
     const std::weak_ptr<int> second = ownedBySecond;
     std::atomic<bool> back{false};
@@ -162,7 +162,7 @@ TEST_F(DeferredWritesTest, AWriteKeptDuringACancelledOneIsMadeUpFor) {
     writes_.reset();
 }
 
-TEST_F(DeferredWritesTest, ItsEndTriesOnceMore) {
+TEST_F(DeferredWritesTest, DestructorRetriesOnce) {
     properties_.setOffline(true);
     write("a");
     properties_.setOffline(false);
@@ -170,7 +170,7 @@ TEST_F(DeferredWritesTest, ItsEndTriesOnceMore) {
     EXPECT_EQ(written(), std::vector<std::string>{"a"});
 }
 
-TEST_F(DeferredWritesTest, ItsEndMakesUpForEverything) {
+TEST_F(DeferredWritesTest, DestructorRetriesAllPendingWrites) {
     properties_.setOffline(true);
     for (const char* value : {"a", "b", "c"}) write(value);
     properties_.setOffline(false);
@@ -178,7 +178,7 @@ TEST_F(DeferredWritesTest, ItsEndMakesUpForEverything) {
     EXPECT_EQ(written(), (std::vector<std::string>{"a", "b", "c"}));
 }
 
-TEST_F(DeferredWritesTest, ItsEndDoesNotWaitForAServiceThatIsAway) {
+TEST_F(DeferredWritesTest, DestructorDoesNotWaitForAnOfflineService) {
     properties_.setOffline(true);
     write("a");
     writes_.reset();

@@ -1,4 +1,5 @@
-// What comes before what at the two ends of a pass. Each test looks at the moment from inside one of the steps.
+// The order of the steps at the beginning and the end of a pass. Each test checks the state from inside one of the
+// steps.
 #include <gtest/gtest.h>
 
 #include <functional>
@@ -22,8 +23,9 @@ const std::string reporterSource = "Core/ProvisioningWatchdog/ProgressReporter";
 const auto waiting = info(reporterSource, "Waiting for progress");
 const auto consumed = info(reporterSource, "Progress consumed");
 const auto finished = info(source, "Provisioning Finished");
-// How long a test looks for what must not come; too short, and it passes where it should not, never the reverse.
-constexpr std::chrono::milliseconds lookout{200};
+// How long a test waits for an event that must not happen. A shorter time could hide a defect, but not fail a good
+// build.
+constexpr std::chrono::milliseconds absenceTimeout{200};
 
 class WatchedSecurity : public zav::Security {
  public:
@@ -56,7 +58,8 @@ class PassOrderTest : public testing::Test {
         properties_->onWrite({});
     }
     void startHeldPass() {
-        server_.on("/provisioning.xml", HttpAnswer::error(404, "").heldBy(gate_));  // no byte is progress
+        server_.on("/provisioning.xml",
+                   HttpAnswer::error(404, "").heldBy(gate_));  // no body: downloaded bytes would be progress
         worker_->startProvisioning("");
         ASSERT_TRUE(gate_->waitUntilReached());
     }
@@ -69,16 +72,16 @@ class PassOrderTest : public testing::Test {
     std::unique_ptr<zav::ProvisioningWorker> worker_;
 };
 
-TEST_F(PassOrderTest, CertificatesAreAnnouncedAfterTheResultAndBeforeTheLastSignal) {
+TEST_F(PassOrderTest, AnnouncesCertificatesAfterTheResultAndBeforeTheLastSignal) {
     properties_->put("State.FirmwareUpdate.TriggerAuto", "request");
     std::vector<fakes::PropertyWrite> written;
     bool signalled = true;
     security_.onNotify = [&] {
         written = properties_->writes();
-        signalled = phone_.log.waitFor(consumed, 2, lookout);
+        signalled = phone_.log.waitFor(consumed, 2, absenceTimeout);
     };
     ASSERT_NO_FATAL_FAILURE(startHeldPass());
-    worker_->waitForProgress();  // the start's signal
+    worker_->waitForProgress();  // the signal of the pass's start
     std::thread waiter([this] { worker_->waitForProgress(); });
     ASSERT_TRUE(phone_.log.waitFor(waiting, 2));
     gate_->open();
@@ -89,20 +92,20 @@ TEST_F(PassOrderTest, CertificatesAreAnnouncedAfterTheResultAndBeforeTheLastSign
     EXPECT_FALSE(signalled) << "the waiter woke before the certificates were announced";
 }
 
-TEST_F(PassOrderTest, TheScreenIsUnlockedBeforeTheFinishedFlagAndTheFlagIsSetBeforeTheResult) {
+TEST_F(PassOrderTest, UnlocksTheScreenThenSetsTheFinishedFlagThenWritesTheResult) {
     std::vector<std::string> order;
     properties_->onWrite([&](const fakes::PropertyWrite& write) {
         order.push_back(write.key + (worker_->isProvisioningFinished() ? " finished" : " running"));
     });
     worker_->startProvisioning("");
-    ASSERT_TRUE(phone_.log.waitFor(info(source, "Provisioning failed. ")));  // no further write comes
+    ASSERT_TRUE(phone_.log.waitFor(info(source, "Provisioning failed. ")));  // the last write has been made
     worker_.reset();
     EXPECT_EQ(order,
               (std::vector<std::string>{"State.Provisioning.LockUI running", "State.Provisioning.LockUI running",
                                         "State.Provisioning.HttpErrorCode finished", "State.Provisioning finished"}));
 }
 
-TEST_F(PassOrderTest, APassCountsAsUnfinishedBeforeTheSettingsAreRead) {
+TEST_F(PassOrderTest, PassIsUnfinishedBeforeTheSettingsAreRead) {
     std::vector<bool> finishedAtRead;
     properties_->onRead = [&](const std::string& key) {
         if (key == "System.General.SoftwareVersion") finishedAtRead.push_back(worker_->isProvisioningFinished());
@@ -114,8 +117,8 @@ TEST_F(PassOrderTest, APassCountsAsUnfinishedBeforeTheSettingsAreRead) {
     EXPECT_EQ(finishedAtRead, std::vector<bool>{false});
 }
 
-// The last signal of the first pass is never consumed. The second pass is held before its own first signal.
-TEST_F(PassOrderTest, ANewPassDropsASignalLeftOver) {
+// The last signal of the first pass is not consumed, and the second pass is held before its first signal.
+TEST_F(PassOrderTest, NewPassDropsALeftoverSignal) {
     worker_->startProvisioning("");
     ASSERT_TRUE(phone_.log.waitFor(finished));
     std::promise<void> locking;
@@ -129,14 +132,14 @@ TEST_F(PassOrderTest, ANewPassDropsASignalLeftOver) {
     locking.get_future().wait();
     std::thread waiter([this] { worker_->waitForProgress(); });
     EXPECT_TRUE(phone_.log.waitFor(waiting));
-    EXPECT_FALSE(phone_.log.waitFor(consumed, 1, lookout)) << "consumed the signal of the pass before";
+    EXPECT_FALSE(phone_.log.waitFor(consumed, 1, absenceTimeout)) << "consumed the signal of the first pass";
     release.set_value();
     waiter.join();
     worker_.reset();
 }
 
-// The caller's thread serves others too; only the pass may wait for a service that comes back.
-TEST_F(PassOrderTest, OnlyCallsOfThePassItselfArePatient) {
+// The caller's thread has other work, so only the pass thread may wait for the service to come back.
+TEST_F(PassOrderTest, OnlyCallsOnThePassThreadArePatient) {
     worker_->startProvisioning("");
     ASSERT_TRUE(phone_.log.waitFor(info(source, "Provisioning failed. ")));
     worker_.reset();

@@ -1,4 +1,4 @@
-// What is rare: a pass that cannot be started, throws what is no exception, or hangs in its last lines.
+// Rare failures of a pass: its thread cannot be started, it throws an int, or it hangs in its last log lines.
 #include <gtest/gtest.h>
 #include <pthread.h>
 
@@ -23,7 +23,7 @@ const std::string lockUi = "State.Provisioning.LockUI";
 class PassTroubleTest : public testing::Test {
  protected:
     PassTroubleTest() { phone_.properties->put("System.Provision.ProvisioningServer", server_.url("/")); }
-    /// The worker's end waits for the pass and what follows it.
+    /// The worker's destructor waits for the pass and its last writes.
     void end() { worker_.reset(); }
     void runPass() {
         worker_->startProvisioning("");
@@ -37,8 +37,8 @@ class PassTroubleTest : public testing::Test {
         std::make_unique<zav::ProvisioningWorker>(phone_.properties, phone_.curl, phone_.security);
 };
 
-/// Properties whose MAC address throws what is no std::exception.
-class StrangeProperties : public fakes::FakeProperties {
+/// Properties that throw an int when the MAC address is read.
+class IntThrowingProperties : public fakes::FakeProperties {
  public:
     using FakeProperties::FakeProperties;
     std::string get(const std::string& key) override {
@@ -47,10 +47,10 @@ class StrangeProperties : public fakes::FakeProperties {
     }
 };
 
-TEST_F(PassTroubleTest, WhatIsNoExceptionEndsThePassAsFailToo) {
+TEST_F(PassTroubleTest, NonStandardExceptionEndsThePassAsFail) {
     fakes::FakeProperties::Values values = tests::factoryValues();
     values["System.Provision.ProvisioningServer"] = server_.url("/");
-    const auto properties = std::make_shared<StrangeProperties>(values);
+    const auto properties = std::make_shared<IntThrowingProperties>(values);
     server_.on("/provisioning.xml", HttpAnswer::ok(tests::provisioningFile("provisioning", "1.1", "<nvm/>")));
     worker_ = std::make_unique<zav::ProvisioningWorker>(properties, phone_.curl, phone_.security);
     runPass();
@@ -61,7 +61,7 @@ TEST_F(PassTroubleTest, WhatIsNoExceptionEndsThePassAsFailToo) {
     EXPECT_EQ(properties->writesTo(lockUi), (std::vector<std::string>{"1", "0"}));
 }
 
-/// While it lives no thread can be started: none finds room for its stack.
+/// While an object exists, no thread can be started: the default stack size is too large.
 class NoThreads {
  public:
     NoThreads() {
@@ -86,7 +86,7 @@ class NoThreads {
     std::size_t before_ = 0;
 };
 
-TEST_F(PassTroubleTest, APassWhoseThreadCannotBeStartedReachesTheCallerAndNobodyWaits) {
+TEST_F(PassTroubleTest, FailedThreadStartThrowsAndReleasesWaiters) {
     {
         const NoThreads none;
         EXPECT_THROW(worker_->startProvisioning(""), std::system_error);
@@ -99,10 +99,10 @@ TEST_F(PassTroubleTest, APassWhoseThreadCannotBeStartedReachesTheCallerAndNobody
     EXPECT_EQ(results(), std::vector<std::string>{"fail"}) << "the next request works";
 }
 
-TEST_F(PassTroubleTest, AStatusThatIsNotFormedIsWaitedForASecond) {
+TEST_F(PassTroubleTest, WaitsASecondForAMissingStatus) {
     fakes::FullStandardError full;
     server_.on("/provisioning.xml", HttpAnswer::ok(tests::provisioningFile("provisioning", "1.1", "")));
-    // The last write before the pass counts as finished; its next line stays in the pipe, and the status comes after.
+    // This is the last write before the finished flag. From here on the log blocks, so the pass cannot set its status.
     phone_.properties->onWrite([&](const fakes::PropertyWrite& write) {
         if (write.key == lockUi && write.value == "0") full.hold();
     });

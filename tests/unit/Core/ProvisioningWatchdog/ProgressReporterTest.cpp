@@ -18,7 +18,7 @@ const auto consumed = fakes::info(source, "Progress consumed");
 
 class ProgressReporterTest : public testing::Test {
  protected:
-    /// A waiter on a thread of its own; it stands in its wait when this returns.
+    /// Starts a waiter on its own thread and returns once it has logged that it waits.
     void startWaiter() {
         const std::size_t before = log_.count(waiting);
         waiter_ = std::thread([this] {
@@ -38,7 +38,7 @@ class ProgressReporterTest : public testing::Test {
     std::thread waiter_;
 };
 
-TEST_F(ProgressReporterTest, SeveralSignalsAreOne) {
+TEST_F(ProgressReporterTest, SeveralSignalsCountAsOne) {
     for (int i = 0; i < 3; ++i) reporter_.notifyProgress();
     reporter_.waitForProgress();
     EXPECT_EQ(log_.lines(), (fakes::LogCapture::Lines{waiting, consumed}));
@@ -50,7 +50,7 @@ TEST_F(ProgressReporterTest, SeveralSignalsAreOne) {
     EXPECT_EQ(log_.count(consumed), 2U);
 }
 
-TEST_F(ProgressReporterTest, AResetDropsTheSignal) {
+TEST_F(ProgressReporterTest, ResetDropsTheSignal) {
     reporter_.notifyProgress();
     reporter_.resetProgress();
     startWaiter();
@@ -70,11 +70,11 @@ TEST_F(ProgressReporterTest, ReleaseEndsEveryWait) {
     EXPECT_EQ(log_.count(consumed), 3U);
 }
 
-TEST_F(ProgressReporterTest, AnUnreadLogDoesNotDelaySignals) {
+TEST_F(ProgressReporterTest, BlockedLogDoesNotDelaySignals) {
     startWaiter();
     fakes::FullStandardError full;
     full.hold();
-    reporter_.notifyProgress();  // the waiter goes on to log
+    reporter_.notifyProgress();  // the waiter wakes and logs
     const auto start = std::chrono::steady_clock::now();
     auto longest = start - start;
     while (!returned_) {
@@ -84,7 +84,7 @@ TEST_F(ProgressReporterTest, AnUnreadLogDoesNotDelaySignals) {
     }
     const auto logged = std::chrono::steady_clock::now() - start;
     full.release();
-    EXPECT_GT(logged, std::chrono::seconds(1)) << "the line waited for its reader";
+    EXPECT_GT(logged, std::chrono::seconds(1)) << "the log line did not block";
     EXPECT_LT(longest, std::chrono::seconds(1));
 }
 

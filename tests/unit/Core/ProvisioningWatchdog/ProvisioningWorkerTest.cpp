@@ -21,19 +21,19 @@ using fakes::warning;
 
 const std::string source = "Core/ProvisioningWatchdog/ProvisioningWorker";
 const auto started = info(source, "Start provisioning thread");
-const auto mustWait = warning(source, "Previous provisioning is not finished yet. Waiting...");
+const auto waitsForPrevious = warning(source, "Previous provisioning is not finished yet. Waiting...");
 const auto finished = info(source, "Provisioning Finished");
 const auto waiting = info("Core/ProvisioningWatchdog/ProgressReporter", "Waiting for progress");
 const auto consumed = info("Core/ProvisioningWatchdog/ProgressReporter", "Progress consumed");
 const std::string lockUi = "State.Provisioning.LockUI";
-constexpr std::array<const char*, 3> endKeys{"State.Provisioning.LockUI", "State.Provisioning",
-                                             "State.Provisioning.HttpErrorCode"};
+constexpr std::array<const char*, 3> lastKeys{"State.Provisioning.LockUI", "State.Provisioning",
+                                              "State.Provisioning.HttpErrorCode"};
 
-// How long a test looks for what must not come.
-constexpr std::chrono::milliseconds lookout{200};
+// How long a test waits for an event that must not happen.
+constexpr std::chrono::milliseconds absenceTimeout{200};
 
-/// A security object whose notification fails, or says when it was called.
-class TalkingSecurity : public zav::Security {
+/// A security object that counts notifications and can fail them.
+class CountingSecurity : public zav::Security {
  public:
     using Security::Security;
     void notifySystemAboutNewCertificates() override {
@@ -53,24 +53,24 @@ class ProvisioningWorkerTest : public testing::Test {
     }
 
     void hold() { server_.on("/provisioning.xml", HttpAnswer::error(404).heldBy(gate_)); }
-    /// The worker's end waits for the pass and what follows it.
+    /// The worker's destructor waits for the pass and its last writes.
     void end() { worker_.reset(); }
     void runPass(const std::string& url = "") {
         const std::size_t before = phone_.log.count(finished);
         worker_->startProvisioning(url);
         ASSERT_TRUE(phone_.log.waitFor(finished, before + 1));
     }
-    /// A pass that fails, and whose last writes are refused as if the service were away.
-    void runPassThatOwesItsEnd() {
+    /// Runs a pass that fails and whose last writes fail as if the service were offline.
+    void runPassWithPendingWrites() {
         hold();
         worker_->startProvisioning("");
         ASSERT_TRUE(gate_->waitUntilReached());
-        for (const char* key : endKeys) phone_.properties->failKey(key);
+        for (const char* key : lastKeys) phone_.properties->failKey(key);
         gate_->open();
         ASSERT_TRUE(phone_.log.waitFor(info(source, "Provisioning failed. ")));
     }
-    void acceptWritesOfTheEnd() {
-        for (const char* key : endKeys) phone_.properties->restoreKey(key);
+    void acceptLastWrites() {
+        for (const char* key : lastKeys) phone_.properties->restoreKey(key);
     }
     std::vector<std::string> locks() const { return phone_.properties->writesTo(lockUi); }
     std::vector<std::string> results() const { return phone_.properties->writesTo("State.Provisioning"); }
@@ -78,19 +78,19 @@ class ProvisioningWorkerTest : public testing::Test {
     tests::Phone phone_;
     fakes::HttpServer server_;
     std::shared_ptr<fakes::Gate> gate_ = std::make_shared<fakes::Gate>();
-    TalkingSecurity security_{phone_.properties};
+    CountingSecurity security_{phone_.properties};
     std::unique_ptr<zav::ProvisioningWorker> worker_ =
         std::make_unique<zav::ProvisioningWorker>(phone_.properties, phone_.curl, security_);
 };
 
-TEST_F(ProvisioningWorkerTest, AtFirstItIsFinishedAndHasNoStatus) {
+TEST_F(ProvisioningWorkerTest, InitiallyFinishedWithoutAStatus) {
     EXPECT_TRUE(worker_->isProvisioningFinished());
     EXPECT_EQ(worker_->getProvisioningStatus(), "");
     worker_->waitForProgress();
     EXPECT_TRUE(phone_.log.lines().empty());
 }
 
-TEST_F(ProvisioningWorkerTest, WithoutAServerNothingStarts) {
+TEST_F(ProvisioningWorkerTest, NothingStartsWithoutAServer) {
     phone_.properties->put("System.Provision.ProvisioningServer", "");
     worker_->startProvisioning("");
     EXPECT_TRUE(worker_->isProvisioningFinished());
@@ -98,16 +98,16 @@ TEST_F(ProvisioningWorkerTest, WithoutAServerNothingStarts) {
     EXPECT_TRUE(phone_.properties->writes().empty());
 }
 
-TEST_F(ProvisioningWorkerTest, AUrlThatCannotBeSplitReachesTheCallerAndNobodyWaits) {
+TEST_F(ProvisioningWorkerTest, InvalidUrlThrowsAndReleasesWaiters) {
     EXPECT_THROW(worker_->startProvisioning("http://a b/"), zav::UrlException);
-    EXPECT_FALSE(worker_->isProvisioningFinished()) << "as it is told";
+    EXPECT_FALSE(worker_->isProvisioningFinished()) << "the flag stays false if the URL is invalid";
     worker_->waitForProgress();
     runPass();
     end();
     EXPECT_EQ(results(), std::vector<std::string>{"fail"});
 }
 
-TEST_F(ProvisioningWorkerTest, WhileAPassRunsItIsNotFinishedAndItsStatusIsUnset) {
+TEST_F(ProvisioningWorkerTest, RunningPassIsUnfinishedWithoutAStatus) {
     hold();
     worker_->startProvisioning("");
     ASSERT_TRUE(gate_->waitUntilReached());
@@ -124,7 +124,7 @@ TEST_F(ProvisioningWorkerTest, WhileAPassRunsItIsNotFinishedAndItsStatusIsUnset)
     EXPECT_EQ(security_.notifications, 1);
 }
 
-TEST_F(ProvisioningWorkerTest, ASecondRequestWaitsForTheFirstPass) {
+TEST_F(ProvisioningWorkerTest, SecondRequestWaitsForTheFirstPass) {
     hold();
     worker_->startProvisioning("");
     ASSERT_TRUE(gate_->waitUntilReached());
@@ -133,7 +133,7 @@ TEST_F(ProvisioningWorkerTest, ASecondRequestWaitsForTheFirstPass) {
         worker_->startProvisioning("");
         returned = true;
     });
-    ASSERT_TRUE(phone_.log.waitFor(mustWait));
+    ASSERT_TRUE(phone_.log.waitFor(waitsForPrevious));
     EXPECT_FALSE(returned);
     EXPECT_EQ(phone_.log.count(started), 1U);
     gate_->open();
@@ -141,10 +141,10 @@ TEST_F(ProvisioningWorkerTest, ASecondRequestWaitsForTheFirstPass) {
     ASSERT_TRUE(phone_.log.waitFor(finished, 2));
     end();
     EXPECT_EQ(results().size(), 2U);
-    EXPECT_EQ(locks(), (std::vector<std::string>{"1", "0", "1", "0"})) << "one pass after the other";
+    EXPECT_EQ(locks(), (std::vector<std::string>{"1", "0", "1", "0"})) << "the passes must not overlap";
 }
 
-TEST_F(ProvisioningWorkerTest, TwoCallersAtOnceMakeTwoPassesOneAfterTheOther) {
+TEST_F(ProvisioningWorkerTest, ConcurrentCallersRunPassesInSequence) {
     std::vector<std::thread> callers;
     for (int i = 0; i < 4; ++i) callers.emplace_back([this] { worker_->startProvisioning(""); });
     for (auto& caller : callers) caller.join();
@@ -154,22 +154,22 @@ TEST_F(ProvisioningWorkerTest, TwoCallersAtOnceMakeTwoPassesOneAfterTheOther) {
     EXPECT_EQ(locks(), (std::vector<std::string>{"1", "0", "1", "0", "1", "0", "1", "0"}));
 }
 
-TEST_F(ProvisioningWorkerTest, StopDropsARequestThatWaits) {
+TEST_F(ProvisioningWorkerTest, StopDropsAWaitingRequest) {
     hold();
     worker_->startProvisioning("");
     ASSERT_TRUE(gate_->waitUntilReached());
     std::thread second([&] { worker_->startProvisioning(""); });
-    ASSERT_TRUE(phone_.log.waitFor(mustWait));
+    ASSERT_TRUE(phone_.log.waitFor(waitsForPrevious));
     worker_->stop();
     second.join();
-    worker_->startProvisioning("");  // and any later one
+    worker_->startProvisioning("");  // must be dropped too
     gate_->open();
     end();
     EXPECT_EQ(phone_.log.count(started), 1U);
     EXPECT_EQ(results(), std::vector<std::string>{"fail"});
 }
 
-TEST_F(ProvisioningWorkerTest, BytesThatArriveReleaseAWaiter) {
+TEST_F(ProvisioningWorkerTest, DownloadedBytesReleaseAWaiter) {
     auto more = std::make_shared<fakes::Gate>();
     server_.on("/provisioning.xml", HttpAnswer::ok(std::string(200000, 'x')).stallingAfter(100000, more));
     worker_->startProvisioning("");
@@ -182,33 +182,33 @@ TEST_F(ProvisioningWorkerTest, BytesThatArriveReleaseAWaiter) {
     ASSERT_TRUE(phone_.log.waitFor(finished));
 }
 
-/// An HTTP client whose progress the test makes.
-class HandCurl : public zav::Curl {
+/// An HTTP client whose progress callback the test calls.
+class ManualCurl : public zav::Curl {
  public:
     void setProgressCallback(ProgressCallback given) override { callback = std::move(given); }
     ProgressCallback callback;
 };
 
-TEST_F(ProvisioningWorkerTest, OnlyAChangedCountOfDownloadedBytesIsProgress) {
-    const auto curl = std::make_shared<HandCurl>();
+TEST_F(ProvisioningWorkerTest, OnlyAChangedByteCountIsProgress) {
+    const auto curl = std::make_shared<ManualCurl>();
     zav::ProvisioningWorker worker(phone_.properties, curl, security_);
     ASSERT_TRUE(curl->callback);
     hold();
     worker.startProvisioning("");
     ASSERT_TRUE(gate_->waitUntilReached());
-    worker.waitForProgress();       // the pass's start
-    curl->callback(1000, 0, 0, 0);  // as it was at first
+    worker.waitForProgress();       // the signal of the pass's start
+    curl->callback(1000, 0, 0, 0);  // still 0 bytes downloaded
     curl->callback(2000, 0, 5, 6);
     std::thread waiter([&] { worker.waitForProgress(); });
     EXPECT_TRUE(phone_.log.waitFor(waiting, 2));
-    EXPECT_FALSE(phone_.log.waitFor(consumed, 2, lookout)) << "nothing has come yet";
+    EXPECT_FALSE(phone_.log.waitFor(consumed, 2, absenceTimeout)) << "no byte has been downloaded";
     dbg::Debug::info() << "a byte comes" << std::endl;
     curl->callback(1000, 1, 0, 0);
     waiter.join();
     curl->callback(1000, 1, 0, 0);
     std::thread again([&] { worker.waitForProgress(); });
     EXPECT_TRUE(phone_.log.waitFor(waiting, 3));
-    EXPECT_FALSE(phone_.log.waitFor(consumed, 3, lookout)) << "the same number again";
+    EXPECT_FALSE(phone_.log.waitFor(consumed, 3, absenceTimeout)) << "the byte count is unchanged";
     dbg::Debug::info() << "the answer comes" << std::endl;
     gate_->open();
     again.join();
@@ -221,13 +221,13 @@ TEST_F(ProvisioningWorkerTest, OnlyAChangedCountOfDownloadedBytesIsProgress) {
     EXPECT_EQ(order, "progress, a byte comes, progress, the answer comes, progress, ");
 }
 
-TEST_F(ProvisioningWorkerTest, TheWorkersEndTakesItsCallbackBack) {
-    const auto curl = std::make_shared<HandCurl>();
+TEST_F(ProvisioningWorkerTest, DestructorUnregistersTheCallback) {
+    const auto curl = std::make_shared<ManualCurl>();
     { const zav::ProvisioningWorker worker(phone_.properties, curl, security_); }
     EXPECT_FALSE(curl->callback);
 }
 
-TEST_F(ProvisioningWorkerTest, StopReleasesAWaiterWhileThePassGoesOn) {
+TEST_F(ProvisioningWorkerTest, StopReleasesAWaiterWhileThePassContinues) {
     hold();
     worker_->startProvisioning("");
     ASSERT_TRUE(gate_->waitUntilReached());
@@ -252,7 +252,7 @@ TEST_F(ProvisioningWorkerTest, EveryWaiterReturnsWhenThePassEnds) {
     EXPECT_EQ(phone_.log.count(consumed), 5U);
 }
 
-// Many times over: whether a waiter comes too late for the signal of its pass is a matter of microseconds.
+// Repeated, because a waiter misses the signal of its pass only in a window of microseconds.
 TEST_F(ProvisioningWorkerTest, WaitersOfOnePassDoNotWaitForTheNext) {
     constexpr std::size_t waitersOfAPass = 8;
     hold();
@@ -265,7 +265,7 @@ TEST_F(ProvisioningWorkerTest, WaitersOfOnePassDoNotWaitForTheNext) {
         for (std::size_t i = 0; i < waitersOfAPass; ++i) waiters.emplace_back([this] { worker_->waitForProgress(); });
         ASSERT_TRUE(phone_.log.waitFor(waiting, before + waitersOfAPass));
         std::thread next([this] { worker_->startProvisioning(""); });
-        ASSERT_TRUE(phone_.log.waitFor(mustWait, pass + 1));
+        ASSERT_TRUE(phone_.log.waitFor(waitsForPrevious, pass + 1));
         const auto gate = std::exchange(gate_, std::make_shared<fakes::Gate>());
         hold();
         gate->open();
@@ -278,17 +278,17 @@ TEST_F(ProvisioningWorkerTest, WaitersOfOnePassDoNotWaitForTheNext) {
     gate_->open();
 }
 
-TEST_F(ProvisioningWorkerTest, ARequestDropsTheResultThatIsStillOwed) {
-    ASSERT_NO_FATAL_FAILURE(runPassThatOwesItsEnd());
+TEST_F(ProvisioningWorkerTest, RequestDropsThePendingResult) {
+    ASSERT_NO_FATAL_FAILURE(runPassWithPendingWrites());
     phone_.properties->put("System.Provision.ProvisioningServer", "");
     worker_->startProvisioning("");  // starts no pass
-    acceptWritesOfTheEnd();
-    EXPECT_TRUE(phone_.properties->waitForWrite(lockUi, "0")) << "the unlocking is owed still";
+    acceptLastWrites();
+    EXPECT_TRUE(phone_.properties->waitForWrite(lockUi, "0")) << "the unlock must stay pending";
     end();
     EXPECT_TRUE(results().empty());
 }
 
-TEST_F(ProvisioningWorkerTest, AShutdownEndsTheJobsOfAPass) {
+TEST_F(ProvisioningWorkerTest, ShutdownStopsTheJobsOfAPass) {
     phone_.properties->put("A", "");
     worker_ = std::make_unique<zav::ProvisioningWorker>(
         phone_.properties, phone_.curl, security_, std::make_shared<common::StopSignal>(std::chrono::milliseconds(0)));
@@ -310,7 +310,7 @@ TEST_F(ProvisioningWorkerTest, AShutdownEndsTheJobsOfAPass) {
                                      "process is shutting down")));
 }
 
-TEST_F(ProvisioningWorkerTest, APassOnAnExplicitUrlPublishesNothing) {
+TEST_F(ProvisioningWorkerTest, PassOnAnExplicitUrlPublishesNothing) {
     phone_.properties->put("State.FirmwareUpdate.TriggerAuto", "request");
     runPass(server_.url("/own.xml"));
     end();
@@ -325,7 +325,7 @@ TEST_F(ProvisioningWorkerTest, EveryPassReadsTheSettingsAgain) {
     EXPECT_EQ(server_.requestsFor("/elsewhere/provisioning.xml").size(), 1U);
 }
 
-TEST_F(ProvisioningWorkerTest, AScreenThatCannotBeLockedIsNoReasonNotToProvision) {
+TEST_F(ProvisioningWorkerTest, ProvisionsEvenIfTheScreenCannotBeLocked) {
     phone_.properties->failCall(fakes::FakeProperties::Call::set, 1);
     runPass();
     end();
@@ -333,7 +333,7 @@ TEST_F(ProvisioningWorkerTest, AScreenThatCannotBeLockedIsNoReasonNotToProvision
     EXPECT_EQ(results(), std::vector<std::string>{"fail"});
 }
 
-TEST_F(ProvisioningWorkerTest, WhatTheEndCannotWriteIsWrittenWhenTheServiceIsBack) {
+TEST_F(ProvisioningWorkerTest, RetriesTheLastWritesWhenTheServiceIsBack) {
     hold();
     phone_.properties->put("State.FirmwareUpdate.TriggerAuto", "request");
     worker_->startProvisioning("");
@@ -353,18 +353,18 @@ TEST_F(ProvisioningWorkerTest, WhatTheEndCannotWriteIsWrittenWhenTheServiceIsBac
                                                  {"State.FirmwareUpdate.TriggerAuto", "", "no_version"}}));
 }
 
-TEST_F(ProvisioningWorkerTest, ANewPassMakesOldWritesStale) {
-    ASSERT_NO_FATAL_FAILURE(runPassThatOwesItsEnd());
+TEST_F(ProvisioningWorkerTest, NewPassDropsPendingWrites) {
+    ASSERT_NO_FATAL_FAILURE(runPassWithPendingWrites());
     phone_.properties->forgetCalls();
     server_.on("/provisioning.xml", HttpAnswer::ok(tests::provisioningFile("provisioning", "1.1", "<nvm/>")));
     runPass();
-    acceptWritesOfTheEnd();
+    acceptLastWrites();
     end();
-    EXPECT_EQ(results(), std::vector<std::string>{"partSuccess"}) << "the old one's 'fail' is gone";
+    EXPECT_EQ(results(), std::vector<std::string>{"partSuccess"}) << "the first pass's 'fail' must not be written";
     EXPECT_EQ(locks(), std::vector<std::string>{"0"});
 }
 
-TEST_F(ProvisioningWorkerTest, ARequestThatStartsNoPassLeavesTheOldWritesAlone) {
+TEST_F(ProvisioningWorkerTest, RequestThatStartsNoPassKeepsPendingWrites) {
     hold();
     worker_->startProvisioning("");
     ASSERT_TRUE(gate_->waitUntilReached());
@@ -379,7 +379,7 @@ TEST_F(ProvisioningWorkerTest, ARequestThatStartsNoPassLeavesTheOldWritesAlone) 
     EXPECT_TRUE(phone_.properties->waitForWrite(lockUi, "0")) << "a screen must not stay locked";
 }
 
-TEST_F(ProvisioningWorkerTest, EachStepOfTheEndIsOnItsOwn) {
+TEST_F(ProvisioningWorkerTest, LastStepsFailIndependently) {
     security_.throws = true;
     fakes::FakeProperties::Values values = tests::factoryValues();
     values["System.Provision.ProvisioningServer"] = server_.url("/");
@@ -395,13 +395,13 @@ TEST_F(ProvisioningWorkerTest, EachStepOfTheEndIsOnItsOwn) {
     std::thread waiter([&] { worker_->waitForProgress(); });
     ASSERT_TRUE(phone_.log.waitFor(waiting, 2));
     gate_->open();
-    waiter.join();  // the last step came
+    waiter.join();  // released by the last step
     end();
     EXPECT_EQ(properties->writes(), (std::vector<fakes::PropertyWrite>{{"State.Provisioning", "", "fail"}}));
     EXPECT_EQ(security_.notifications, 1);
 }
 
-TEST_F(ProvisioningWorkerTest, AnExceptionEndsThePassAsFail) {
+TEST_F(ProvisioningWorkerTest, ExceptionEndsThePassAsFail) {
     phone_.properties->put("System.Provision.ProvisioningServer", server_.url("/%MACD.xml"));
     phone_.properties->failKey("NET.MAC.Address");
     runPass();
@@ -413,7 +413,7 @@ TEST_F(ProvisioningWorkerTest, AnExceptionEndsThePassAsFail) {
     EXPECT_EQ(results(), std::vector<std::string>{"fail"});
 }
 
-TEST_F(ProvisioningWorkerTest, AnExceptionInAJobKeepsWhatWasRecorded) {
+TEST_F(ProvisioningWorkerTest, ExceptionInAJobKeepsTheRecordedStatus) {
     phone_.properties->put("A", "");
     server_.on("/provisioning.xml",
                HttpAnswer::ok(tests::provisioningFile("provisioning", "1.0",
@@ -428,15 +428,15 @@ TEST_F(ProvisioningWorkerTest, AnExceptionInAJobKeepsWhatWasRecorded) {
     EXPECT_NE(lines[0].text.find("\"jobStatus\" : \"success\""), std::string::npos) << lines[0];
 }
 
-TEST_F(ProvisioningWorkerTest, TheVersionBelongsToThePass) {
+TEST_F(ProvisioningWorkerTest, VersionIsPerPass) {
     zav::setCurrentProvisioningVersion("1.0");
     server_.on("/provisioning.xml", HttpAnswer::ok(tests::provisioningFile("provisioning", "1.1", "<nvm/>")));
     runPass();
     end();
-    EXPECT_TRUE(phone_.log.has(info(source, "Starting provisioning version: 1.1"))) << "the old one did not count";
+    EXPECT_TRUE(phone_.log.has(info(source, "Starting provisioning version: 1.1"))) << "the old version must not count";
 }
 
-TEST_F(ProvisioningWorkerTest, TheEndOfTheWorkerWaitsForItsPass) {
+TEST_F(ProvisioningWorkerTest, DestructorWaitsForThePass) {
     hold();
     worker_->startProvisioning("");
     ASSERT_TRUE(gate_->waitUntilReached());

@@ -1,4 +1,4 @@
-// A dispatcher with everything around it under the test's hand: bus, property service, web server, timer, certificates.
+// A dispatcher with fakes for all that it uses: bus, property service, web server, timer, certificates.
 #pragma once
 
 #include <gtest/gtest.h>
@@ -20,7 +20,7 @@ class RecordingTimer : public zav::ProvisioningTimer {
  public:
     using ProvisioningTimer::ProvisioningTimer;
     void start(unsigned period) override {
-        if (fails) throw std::runtime_error("no thread to be had");
+        if (fails) throw std::runtime_error("cannot start a thread");
         periods.push_back(period);
     }
     std::vector<unsigned> periods;
@@ -36,7 +36,7 @@ class RecordingSecurity : public zav::Security {
         const std::lock_guard<std::mutex> lock(mutex_);
         return calls_;
     }
-    std::atomic<bool> throws{false};  // what is no std::exception
+    std::atomic<bool> throws{false};  // throws an int
 
  private:
     void record(const char* call) {
@@ -55,7 +55,7 @@ class DispatcherFixture : public testing::Test {
         phone_.curl.reset();
     }
 
-    /// Listens and handles. Provisioning is enabled, without the pass after boot-up.
+    /// Starts listening and handling, with provisioning enabled and without a pass after boot-up.
     void begin() {
         dispatcher_->startListening();
         dispatcher_->startHandling();
@@ -65,8 +65,8 @@ class DispatcherFixture : public testing::Test {
         phone_.properties->forgetCalls();
     }
 
-    /// The server's answer to the initial file waits at the gate that is returned.
-    std::shared_ptr<fakes::Gate> holdThePass() {
+    /// Makes the server hold its answer for the initial file until the returned gate opens.
+    std::shared_ptr<fakes::Gate> holdPass() {
         auto gate = std::make_shared<fakes::Gate>();
         server_.on("/provisioning.xml", fakes::HttpAnswer::error(404).heldBy(gate));
         phone_.properties->put("System.Provision.ProvisioningServer", server_.url("/"));

@@ -1,8 +1,8 @@
-// What a pass needs around it: the property service as a map, an HTTP client, a security object, a captured log, and a
-// key file for encrypted provisioning files. One a test; everything of it is gone with it.
+// The environment of a pass: the property service as a map, an HTTP client, a security object, a captured log, and a
+// key file for encrypted provisioning files. Use one per test.
 //
-// The sources that use it also get the process's XML library for the life of the test program: passes run on threads
-// of their own, and libxml2's clean-up must not come between them.
+// Its source also keeps the XML library initialised for the whole test program: passes run on their own threads, and
+// libxml2's clean-up must not run between them.
 #pragma once
 
 #include <memory>
@@ -15,7 +15,7 @@
 
 namespace tests {
 
-/// The properties of a phone that was just taken out of its box.
+/// The properties of a phone with factory settings.
 fakes::FakeProperties::Values factoryValues();
 
 struct Phone {
@@ -34,7 +34,7 @@ std::string contentOf(const std::string& path);
 void writeFile(const std::string& path, const std::string& content);
 bool exists(const std::string& path);
 
-/// The content as the provisioning server's owner encrypts it, with the pass phrase of the phone or with another.
+/// Encrypts a provisioning file with the phone's pass phrase or with another one.
 std::string encrypted(const std::string& content);
 std::string encrypted(const std::string& content, const std::string& passPhrase);
 

@@ -25,14 +25,14 @@ TEST(Address, ReadsHostAndPort) {
     }
 }
 
-TEST(Address, RefusesWhatIsNone) {
+TEST(Address, RefusesInvalidAddresses) {
     for (const char* text : {"", ":1883", "localhost:", "localhost:0", "localhost:65536", "localhost:18x",
                              "localhost:-1", "[::1", "[::1]x", "[]:1"}) {
         EXPECT_THROW(ipc::parseAddress(text), ipc::IPCException) << text;
     }
 }
 
-TEST(Address, NamesTheTextAndWhatIsWrongWithIt) {
+TEST(Address, ErrorHasTheTextAndTheReason) {
     const struct {
         const char* text;
         const char* reason;
@@ -58,7 +58,7 @@ TEST(Address, ResolvesLocalhostAlways) {
     EXPECT_FALSE(ipc::resolve(ipc::parseAddress("localhost"), failure).empty());
 }
 
-TEST(Address, SaysWhyAHostHasNoAddress) {
+TEST(Address, ReportsWhyAHostHasNoAddress) {
     std::string failure;
     EXPECT_TRUE(ipc::resolve(ipc::parseAddress("no such host"), failure).empty());
     EXPECT_FALSE(failure.empty());

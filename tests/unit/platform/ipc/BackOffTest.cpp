@@ -23,7 +23,7 @@ TEST(BackOff, DoublesFromATenthOfASecondToFiveSeconds) {
               (Pauses{100ms, 200ms, 400ms, 800ms, 1600ms, 3200ms, 5000ms, 5000ms}));
 }
 
-TEST(BackOff, StartsAnewAfterAConnectionThatHeldForASecond) {
+TEST(BackOff, ResetsAfterAConnectionThatHeldForASecond) {
     BackOff backOff;
     pauses(backOff, 8, 0ms, Loss::plain);
     EXPECT_EQ(backOff.next(999ms, Loss::plain), 5000ms);
@@ -44,22 +44,22 @@ TEST(BackOff, DoublesFromATenthOfASecondToThirtyAfterSuspectedTakeovers) {
     EXPECT_EQ(backOff.next(2000ms, Loss::suspected), 2s);
 }
 
-TEST(BackOff, KeepsItsTakeoverPauseUntilTheNameIsUndisputedForAMinute) {
+TEST(BackOff, ResetsTheTakeoverPauseAfterAMinute) {
     BackOff backOff;
     EXPECT_EQ(pauses(backOff, 6, 59999ms, Loss::takeover), (Pauses{1s, 2s, 4s, 8s, 16s, 30s}));
     EXPECT_EQ(backOff.next(60000ms, Loss::takeover), 1s);
     EXPECT_EQ(backOff.next(1000ms, Loss::takeover), 2s);
 }
 
-TEST(BackOff, KeepsItsTakeoverPauseOverOtherLosses) {
+TEST(BackOff, KeepsTheTakeoverPauseAfterOtherLosses) {
     BackOff backOff;
     pauses(backOff, 3, 2000ms, Loss::takeover);
-    EXPECT_EQ(pauses(backOff, 2, 2000ms, Loss::plain), (Pauses{100ms, 100ms})) << "nobody took these over";
+    EXPECT_EQ(pauses(backOff, 2, 2000ms, Loss::plain), (Pauses{100ms, 100ms})) << "these losses were not takeovers";
     EXPECT_EQ(backOff.next(2000ms, Loss::takeover), 8s);
 }
 
-TEST(BackOff, TwoThatPushEachOtherOffSoonDoSoTwiceAMinute) {
-    // Each connection holds for as long as the other one pauses.
+TEST(BackOff, TwoClientsOfOneNameTakeOverTwiceAMinute) {
+    // Each connection holds for as long as the other client pauses.
     BackOff clients[2];
     BackOff::Duration held = 0ms;
     BackOff::Duration time = 0ms;

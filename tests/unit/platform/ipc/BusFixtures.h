@@ -1,4 +1,4 @@
-// What the bus tests share: a callback object that records, and a service that answers.
+// Shared by the bus tests: a recording callback object, an answering service, and helpers for waiting.
 #pragma once
 
 #include <chrono>
@@ -17,10 +17,10 @@
 
 namespace bustest {
 
-constexpr std::chrono::seconds patience{30};  // how long a test waits for what must come
+constexpr std::chrono::seconds patience{30};  // limit for events that must happen
 inline const std::string statusTopic = "test-service/status";
 
-/// Records what it is told. `onMessage`, when set, runs inside messageArrived, without the lock.
+/// Records its calls. `onMessage`, if set, runs inside messageArrived, without the lock.
 class Recorder : public ipc::IIPCCallback {
  public:
     using Messages = std::vector<std::pair<std::string, std::string>>;
@@ -76,7 +76,7 @@ class Recorder : public ipc::IIPCCallback {
     std::vector<std::string> completions_;
 };
 
-/// A door that callbacks can be held at.
+/// Blocks callbacks until it is opened.
 class Gate {
  public:
     void open() {
@@ -126,7 +126,7 @@ inline std::string ask(ipc::IIPCClient& client, const std::string& payload,
     return client.request("test-service/ask", payload, statusTopic, timeout);
 }
 
-/// Waits for a condition that nothing announces.
+/// Polls a condition that has no notification.
 template <typename Condition>
 bool eventually(Condition condition) {
     const auto limit = std::chrono::steady_clock::now() + patience;
@@ -140,7 +140,7 @@ bool eventually(Condition condition) {
     return true;
 }
 
-/// Starts asking until the service answers: for a client that was connected before the service came up.
+/// Sends requests until the service answers, for a client that connected before the service came up.
 inline bool waitForService(ipc::IIPCClient& client) {
     return eventually([&client] {
         try {
@@ -151,7 +151,7 @@ inline bool waitForService(ipc::IIPCClient& client) {
     });
 }
 
-/// A client that the service answers, and that has heard the filter's messages from the first on.
+/// A client that gets answers from the service and has been subscribed to the filter since before the first one.
 inline std::shared_ptr<ipc::IIPCClient> newAsker(const std::string& address, const std::string& filter = "",
                                                  ipc::IIPCCallback* callback = nullptr) {
     const auto client = newClient("asker");

@@ -74,7 +74,7 @@ TEST(Client, DeliversOnceForEachOfOverlappingSubscriptions) {
     client->disconnect();
 }
 
-TEST(Client, GetsTheRetainedMessageOfALaterSubscription) {
+TEST(Client, LaterSubscriptionGetsTheRetainedMessage) {
     Broker broker;
     const EchoService service(broker.address());
     Recorder recorder;
@@ -89,13 +89,13 @@ TEST(Client, GetsTheRetainedMessageOfALaterSubscription) {
     client->disconnect();
 }
 
-TEST(Client, ConnectThrowsWhereNobodyListens) {
+TEST(Client, ConnectThrowsWithoutABroker) {
     const auto client = newClient("refused");
     Recorder recorder;
     client->subscribe("a", recorder);
     try {
         client->connect("127.0.0.1:" + std::to_string(fakes::freePort()));
-        FAIL() << "connected to nobody";
+        FAIL() << "connected without a broker";
     } catch (const ipc::IPCException& error) {
         EXPECT_NE(std::string(error.what()).find("Connection refused"), std::string::npos) << error.what();
     }
@@ -109,13 +109,13 @@ TEST(Client, ConnectThrowsWhenTheBrokerRefuses) {
     const auto client = newClient("stranger");
     try {
         client->connect(broker.address());
-        FAIL() << "was let in";
+        FAIL() << "the connection was accepted";
     } catch (const ipc::IPCException& error) {
         EXPECT_NE(std::string(error.what()).find("uthori"), std::string::npos) << error.what();
     }
 }
 
-TEST(Client, ConnectEndsInTimeWhenTheBrokerDoesNotAnswer) {
+TEST(Client, ConnectTimesOutWhenTheBrokerDoesNotAnswer) {
     Broker broker;
     broker.freeze();
     const auto client = newClient("patient");
@@ -125,7 +125,7 @@ TEST(Client, ConnectEndsInTimeWhenTheBrokerDoesNotAnswer) {
     broker.thaw();
 }
 
-TEST(Client, RefusesTopicsAndFiltersThatAreNone) {
+TEST(Client, RefusesInvalidTopicsAndFilters) {
     Broker broker;
     Recorder recorder;
     const auto client = newClient("strict");
@@ -141,7 +141,7 @@ TEST(Client, RefusesTopicsAndFiltersThatAreNone) {
     client->disconnect();
 }
 
-TEST(Client, TellsNothingToACallbackWhoseSubscriptionFailed) {
+TEST(Client, NoEventsAfterAFailedSubscription) {
     Broker broker;
     Recorder invalid;
     Recorder unanswered;
@@ -156,13 +156,13 @@ TEST(Client, TellsNothingToACallbackWhoseSubscriptionFailed) {
     also.join();
     broker.thaw();
     broker.stop();
-    EXPECT_TRUE(served.waitForLosses(1)) << "it still serves a subscription";
+    EXPECT_TRUE(served.waitForLosses(1)) << "it still has a subscription";
     client->disconnect();
     EXPECT_TRUE(invalid.losses().empty());
     EXPECT_TRUE(unanswered.losses().empty());
 }
 
-TEST(Client, SaysWhenThereWasNoConnectYet) {
+TEST(Client, ThrowsBeforeConnect) {
     const auto client = newClient("nobody");
     client->watchPresence(statusTopic);
     EXPECT_THROW(client->publish("a", "b", 1), ipc::IPCException);
@@ -187,11 +187,11 @@ TEST(Client, CallsNothingAfterDisconnect) {
     ASSERT_TRUE(witness.waitForMessages(1));
     EXPECT_EQ(recorder.messages().size(), delivered);
     EXPECT_THROW(client->publish("a", "b", 1), ipc::IPCException);
-    client->disconnect();  // once more does no harm
+    client->disconnect();  // idempotent
     other->disconnect();
 }
 
-TEST(Client, DisconnectWaitsForTheCallbackThatRuns) {
+TEST(Client, DisconnectWaitsForARunningCallback) {
     Broker broker;
     Recorder recorder;
     Gate gate;
@@ -231,7 +231,7 @@ TEST(Client, RefusesToDisconnectFromACallback) {
     client->disconnect();
 }
 
-TEST(Client, ABlockedCallbackHoldsUpNothingElse) {
+TEST(Client, BlockedCallbackDelaysNothingElse) {
     Broker broker;
     const EchoService service(broker.address());
     Recorder blocked;
@@ -254,7 +254,7 @@ TEST(Client, ABlockedCallbackHoldsUpNothingElse) {
     client->disconnect();
 }
 
-TEST(Client, ACallbackMayAskAndPublish) {
+TEST(Client, CallbackMayRequestAndPublish) {
     Broker broker;
     const EchoService service(broker.address());
     Recorder recorder;
@@ -273,7 +273,7 @@ TEST(Client, ACallbackMayAskAndPublish) {
     client->disconnect();
 }
 
-TEST(Client, TwoTransientClientsOfOneNameLiveSideBySide) {
+TEST(Client, TransientClientsMayShareAName) {
     Broker broker;
     Recorder first;
     Recorder second;
@@ -290,7 +290,7 @@ TEST(Client, TwoTransientClientsOfOneNameLiveSideBySide) {
     two->disconnect();
 }
 
-TEST(Client, WhatWasPublishedJustBeforeTheEndArrives) {
+TEST(Client, MessagesPublishedBeforeTheEndArrive) {
     Broker broker;
     Recorder recorder;
     const auto listener = newClient("listener");

@@ -23,20 +23,20 @@ std::size_t count(const fakes::LogCapture& log, const std::string& text) {
 
 TEST(ConnectionLoss, LogsAFailureOnceUntilTheNextConnection) {
     const fakes::LogCapture log;
-    ConnectionLoss losses(ConnectionLoss::Voice::speaks, "me");
+    ConnectionLoss losses(ConnectionLoss::Logging::on, "me");
     for (int attempt = 0; attempt < 3; ++attempt) losses.failed(broker, "Connection refused");
-    EXPECT_EQ(count(log, "Cannot connect to the broker at phone:1883: Connection refused; trying again"), 1U);
+    EXPECT_EQ(count(log, "Cannot connect to the broker at phone:1883: Connection refused; retrying"), 1U);
     losses.failed(broker, "no answer");
-    EXPECT_EQ(count(log, "Cannot connect to the broker at phone:1883: no answer; trying again"), 1U);
+    EXPECT_EQ(count(log, "Cannot connect to the broker at phone:1883: no answer; retrying"), 1U);
     losses.connected();
     EXPECT_EQ(count(log, "Connected to the broker"), 1U);
     losses.failed(broker, "no answer");
-    EXPECT_EQ(count(log, "no answer; trying again"), 2U);
+    EXPECT_EQ(count(log, "no answer; retrying"), 2U);
 }
 
-TEST(ConnectionLoss, NamesTheOtherClientThatTookOver) {
+TEST(ConnectionLoss, LogsATakeover) {
     const fakes::LogCapture log;
-    ConnectionLoss losses(ConnectionLoss::Voice::speaks, "me");
+    ConnectionLoss losses(ConnectionLoss::Logging::on, "me");
     losses.lost(BackOff::Loss::plain, "Keep alive timeout");
     EXPECT_EQ(count(log, "Connection to the broker lost: Keep alive timeout"), 1U);
     losses.lost(BackOff::Loss::suspected, "closed");
@@ -45,9 +45,9 @@ TEST(ConnectionLoss, NamesTheOtherClientThatTookOver) {
     EXPECT_EQ(count(log, "Another me is connected to the broker and has taken over from this one"), 1U);
 }
 
-TEST(ConnectionLoss, IsSilentForAConnectionWhoseOwnerIsTold) {
+TEST(ConnectionLoss, LogsNothingIfSwitchedOff) {
     const fakes::LogCapture log;
-    ConnectionLoss losses(ConnectionLoss::Voice::silent, "me");
+    ConnectionLoss losses(ConnectionLoss::Logging::off, "me");
     losses.failed(broker, "Connection refused");
     losses.connected();
     losses.lost(BackOff::Loss::takeover, "taken over");

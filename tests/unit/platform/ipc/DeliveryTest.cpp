@@ -17,7 +17,7 @@ TEST(Delivery, KeepsTheOrder) {
     for (size_t i = 0; i < 100; ++i) EXPECT_EQ(recorder.contents()[i], std::to_string(i));
 }
 
-TEST(Delivery, DropsTheOldestBeyondItsLimitAndWarnsOnceAnEpisode) {
+TEST(Delivery, DropsTheOldestBeyondItsLimitAndWarnsOncePerOverflow) {
     Recorder recorder;
     Gate gate;
     recorder.onMessage = [&gate](const std::string&, const std::string& content) {
@@ -25,11 +25,11 @@ TEST(Delivery, DropsTheOldestBeyondItsLimitAndWarnsOnceAnEpisode) {
     };
     ipc::Delivery delivery("busy/#", recorder);
     delivery.messageArrived("t", "first");
-    ASSERT_TRUE(recorder.waitForMessages(1));  // in hand, no longer queued
+    ASSERT_TRUE(recorder.waitForMessages(1));  // being delivered, no longer queued
     testing::internal::CaptureStderr();
     for (size_t i = 0; i < ipc::Delivery::maxItems + 5; ++i) delivery.messageArrived("t", std::to_string(i));
     const std::string log = testing::internal::GetCapturedStderr();
-    const std::string warning = "Messages for \"busy/#\" come faster than they are handled";
+    const std::string warning = "Messages for \"busy/#\" arrive faster than they are handled";
     const size_t at = log.find(warning);
     EXPECT_NE(at, std::string::npos) << log;
     EXPECT_EQ(log.find(warning, at + 1), std::string::npos) << log;
@@ -39,7 +39,7 @@ TEST(Delivery, DropsTheOldestBeyondItsLimitAndWarnsOnceAnEpisode) {
     EXPECT_EQ(recorder.contents().back(), std::to_string(ipc::Delivery::maxItems + 4));
 }
 
-TEST(Delivery, IsBoundedInBytesTooAndKeepsTheNewest) {
+TEST(Delivery, IsBoundedInBytesAndKeepsTheNewest) {
     Recorder recorder;
     Gate gate;
     recorder.onMessage = [&gate](const std::string&, const std::string& content) {
@@ -55,7 +55,7 @@ TEST(Delivery, IsBoundedInBytesTooAndKeepsTheNewest) {
     EXPECT_EQ(recorder.contents()[1].size(), ipc::Delivery::maxBytes + 1);
 }
 
-TEST(Delivery, OutlivesAnExceptionOfTheCallback) {
+TEST(Delivery, SurvivesAnExceptionOfTheCallback) {
     Recorder recorder;
     recorder.onMessage = [](const std::string&, const std::string& content) {
         if (content == "std") throw std::runtime_error("no luck");
@@ -81,7 +81,7 @@ TEST(Delivery, CallsNothingAfterStop) {
     ipc::Delivery delivery("a/#", recorder);
     for (int i = 0; i < 50; ++i) delivery.messageArrived("t", "x");
     ASSERT_TRUE(recorder.waitForMessages(1));
-    delivery.askToStop();
+    delivery.requestStop();
     gate.open();
     delivery.stop();
     const size_t delivered = recorder.messages().size();

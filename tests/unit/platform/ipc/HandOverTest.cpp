@@ -1,5 +1,5 @@
-// What becomes of messages with quality of service 1 around a cut: each one that the broker acknowledged is never sent
-// again, and each one that was accepted when the connection was already gone is sent once.
+// Messages with quality of service 1 around a connection loss: a message that the broker has acknowledged is never
+// resent, and a message accepted after the loss is sent once.
 #include <gtest/gtest.h>
 
 #include "BusFixtures.h"
@@ -38,12 +38,12 @@ class HandOver : public testing::Test {
     const std::shared_ptr<ipc::IIPCClient> writer_ = newClient("writer");
 };
 
-TEST_F(HandOver, HappensOnceAroundEveryCut) {
+TEST_F(HandOver, DeliversOnceAroundEveryConnectionLoss) {
     for (std::size_t cut = 1; cut <= 3; ++cut) {
         write(50);
         ASSERT_TRUE(told_.waitForCompletions(expected_.size()));
         relay_.cut();
-        write(50);  // some before the client notices, some after
+        write(50);  // some before the client notices the loss, some after
         ASSERT_TRUE(told_.waitForLosses(cut));
         write(50);
         relay_.restore();

@@ -1,4 +1,4 @@
-// One link without its connection: the test is the network thread.
+// A link without a connection: the test acts as the network thread.
 #include "Link.h"
 
 #include <gtest/gtest.h>
@@ -44,7 +44,7 @@ class Listener : public ipc::LinkListener {
 
 int portOf(const std::string& address) { return std::stoi(address.substr(address.find(':') + 1)); }
 
-/// Connects, and serves the link until a condition holds.
+/// Connects the link and serves it until a condition holds.
 class Driver {
  public:
     explicit Driver(const std::string& address) { failure_ = link.connect("127.0.0.1", portOf(address)); }
@@ -91,7 +91,7 @@ TEST(Link, IsSilentUntilTheBrokerAccepts) {
     EXPECT_EQ(driver.link.failure(), "");
 }
 
-TEST(Link, HearsAnswersAndAcknowledgements) {
+TEST(Link, ReportsSubscriptionsAndAcknowledgements) {
     fakes::StubbornBroker broker;
     Driver driver(broker.address());
     ASSERT_TRUE(driver.untilAccepted());
@@ -108,7 +108,7 @@ TEST(Link, HearsAnswersAndAcknowledgements) {
     EXPECT_EQ(driver.listener.reasons, std::vector<int>{0});
 }
 
-TEST(Link, ReadsNothingWhileItsListenerHasEnough) {
+TEST(Link, ReadsNothingWhilePaused) {
     fakes::StubbornBroker broker;
     Driver driver(broker.address());
     driver.listener.goOn = false;
@@ -124,7 +124,7 @@ TEST(Link, ReadsNothingWhileItsListenerHasEnough) {
     EXPECT_TRUE(driver.until([&] { return driver.listener.messages.size() == 3; }));
 }
 
-TEST(Link, IsOverWithTheReasonOfABrokerThatRefuses) {
+TEST(Link, EndsWithTheReasonOfARefusal) {
     RawListener broker(std::string("\x20\x03\x00\x87\x00", 5), RawListener::Then::stays);
     Driver driver(broker.address());
     EXPECT_TRUE(driver.untilOver());
@@ -132,7 +132,7 @@ TEST(Link, IsOverWithTheReasonOfABrokerThatRefuses) {
     EXPECT_EQ(driver.link.failure(), "Not authorized");
 }
 
-TEST(Link, IsOverOnceItsPeerAnswersAsNoBrokerWould) {
+TEST(Link, EndsIfThePeerIsNotABroker) {
     RawListener server("HTTP/1.1 400 Bad Request\r\n\r\n", RawListener::Then::stays);
     Driver driver(server.address());
     EXPECT_TRUE(driver.untilOver());
@@ -140,7 +140,7 @@ TEST(Link, IsOverOnceItsPeerAnswersAsNoBrokerWould) {
     EXPECT_EQ(driver.link.failure(), "its answer is not MQTT v5");
 }
 
-TEST(Link, TellsATakeoverFromAnyOtherEnd) {
+TEST(Link, DistinguishesATakeover) {
     for (const bool takesOver : {true, false}) {
         fakes::StubbornBroker broker;
         Driver driver(broker.address());
@@ -153,7 +153,7 @@ TEST(Link, TellsATakeoverFromAnyOtherEnd) {
     }
 }
 
-TEST(Link, KeepsTheFirstReasonOfItsEnd) {
+TEST(Link, KeepsTheFirstFailure) {
     fakes::StubbornBroker broker;
     Driver driver(broker.address());
     driver.link.fail("first");
@@ -162,7 +162,7 @@ TEST(Link, KeepsTheFirstReasonOfItsEnd) {
     EXPECT_EQ(driver.link.failure(), "first");
 }
 
-TEST(Link, SaysWhyItCannotConnect) {
+TEST(Link, ReportsWhyItCannotConnect) {
     Driver driver("127.0.0.1:1");
     EXPECT_EQ(driver.failure(), "Connection refused");
 }

@@ -23,14 +23,14 @@ TEST(Message, MayHaveAnyTopicThatMqttAllows) {
     }
 }
 
-TEST(Message, WithATopicThatBrokersRefuseIsRefused) {
+TEST(Message, RefusesInvalidTopics) {
     for (const std::string& topic : {std::string(), std::string("a/#"), std::string("+"), std::string("a\0b", 3),
                                      std::string("\xff"), levels(202)}) {
         EXPECT_THROW(ipc::requirePublishable({topic, "", 0, {}, {}}), IPCException) << topic;
     }
 }
 
-TEST(Message, IsBounded) {
+TEST(Message, LimitsItsSize) {
     const std::string largest(ipc::maxPacket, 'x');
     EXPECT_NO_THROW(ipc::requirePublishable({"t", largest, 0, {}, std::string(65535, 'x')}));
     EXPECT_THROW(ipc::requirePublishable({"t", largest + "x", 0, {}, {}}), IPCException);
@@ -38,11 +38,11 @@ TEST(Message, IsBounded) {
     EXPECT_THROW(ipc::requirePublishable({"t", "", 0, std::string("a\0b", 3), {}}), IPCException);
 }
 
-TEST(Message, CountsAllThatHasToBeKept) {
+TEST(Message, SizeCountsAllFields) {
     EXPECT_EQ(ipc::sizeOf(Message{"t", "payload", 1, "answer", "id"}), 1U + 7U + 6U + 2U);
 }
 
-TEST(Filter, IsCheckedBeforeItIsSent) {
+TEST(Filter, RefusesInvalidFilters) {
     for (const char* filter : {"a", "#", "a/+/b", "+/#"}) EXPECT_NO_THROW(ipc::requireFilter(filter)) << filter;
     for (const std::string& filter : {std::string(), std::string("a#"), std::string("#/a"), std::string("a+/b"),
                                       std::string("a\0b", 3), std::string("\xff")}) {

@@ -1,4 +1,4 @@
-// Something else listens on the broker's port: the reason says so, whatever it does.
+// Another program listens on the broker's port: the reason must say so, whatever that program does.
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
 
@@ -26,7 +26,7 @@ std::ostream& operator<<(std::ostream& stream, const Case& row) { return stream 
 
 class NotABroker : public testing::TestWithParam<Case> {};
 
-TEST_P(NotABroker, IsNamedAsTheReason) {
+TEST_P(NotABroker, ConnectReportsIt) {
     const RawListener listener(GetParam().bytes, GetParam().then);
     const auto client = newClient("asker");
     std::string reason = "connected";
@@ -35,14 +35,14 @@ TEST_P(NotABroker, IsNamedAsTheReason) {
     } catch (const ipc::IPCException& error) {
         reason = error.what();
     }
-    EXPECT_EQ(reason, "Cannot connect to the broker at " + listener.address() +
-                          ": what listens there did not answer as an MQTT broker (" + GetParam().detail + ")");
+    EXPECT_EQ(reason, "Cannot connect to the broker at " + listener.address() + ": it is not an MQTT v5 broker (" +
+                          GetParam().detail + ")");
 }
 
 INSTANTIATE_TEST_SUITE_P(
     Listener, NotABroker,
     testing::Values(Case{"ClosesAtOnce", "", Then::closes, "it closed the connection"},
-                    Case{"SaysNothing", "", Then::stays, "no answer within 5 s"},
+                    Case{"SendsNothing", "", Then::stays, "no answer within 5 s"},
                     Case{"SpeaksHttp", "HTTP/1.1 400 Bad Request\r\nConnection: close\r\n\r\n", Then::closes,
                          "its answer is not MQTT v5"},
                     Case{"SpeaksSsh", "SSH-2.0-OpenSSH_9.2\r\n", Then::stays, "its answer is not MQTT v5"},
@@ -54,7 +54,7 @@ INSTANTIATE_TEST_SUITE_P(
                     Case{"RefusesTheVersionAsMqtt5", "\x20\x03\x00\x84\x00"s, Then::closes, "it refuses MQTT v5"}),
     [](const auto& row) { return row.param.name; });
 
-TEST(NotABroker, IsLoggedByAServiceThatServesOnceThereIsABroker) {
+TEST(NotABroker, ServiceLogsItAndServesOnceThereIsABroker) {
     fakes::Broker broker;
     broker.stop();
     auto listener = std::make_unique<RawListener>("HTTP/1.1 400 Bad Request\r\n\r\n", Then::closes, broker.port());
@@ -62,8 +62,7 @@ TEST(NotABroker, IsLoggedByAServiceThatServesOnceThereIsABroker) {
     const EchoService service(broker.address());
     EXPECT_TRUE(log.waitFor(fakes::warning("platform/ipc/src/ConnectionLoss",
                                            "Cannot connect to the broker at " + broker.address() +
-                                               ": what listens there did not answer as an MQTT broker (its answer is "
-                                               "not MQTT v5); trying again")))
+                                               ": it is not an MQTT v5 broker (its answer is not MQTT v5); retrying")))
         << log.text();
     listener.reset();
     broker.start();
@@ -71,7 +70,7 @@ TEST(NotABroker, IsLoggedByAServiceThatServesOnceThereIsABroker) {
     EXPECT_EQ(ask(*client, "x"), "re:x");
 }
 
-TEST(NotABroker, OnThePortForAWhileIsOutlastedByAClient) {
+TEST(NotABroker, ClientReconnectsOnceTheBrokerIsBack) {
     fakes::Broker broker;
     const EchoService service(broker.address());
     Recorder recorder;
@@ -86,7 +85,7 @@ TEST(NotABroker, OnThePortForAWhileIsOutlastedByAClient) {
         broker.start();
         EXPECT_TRUE(waitForService(*client));
     }
-    EXPECT_TRUE(recorder.waitForLosses(2)) << "each told once";
+    EXPECT_TRUE(recorder.waitForLosses(2)) << "each loss must be reported once";
     client->disconnect();
 }
 

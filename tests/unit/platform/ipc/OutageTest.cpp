@@ -1,4 +1,4 @@
-// What requests and waits do while a service goes and comes, and once they are limited.
+// Requests and waits while a service goes offline and comes back, and once they are limited.
 #include <gtest/gtest.h>
 
 #include <thread>
@@ -13,9 +13,9 @@ using fakes::Broker;
 using std::chrono::milliseconds;
 using std::chrono::steady_clock;
 
-/// A client that knows a service which answers nothing, and opens `asked` with each request.
-struct MuteParty {
-    explicit MuteParty(const std::string& address)
+/// A client and a service that never answers; the service opens `asked` on each request.
+struct SilentPair {
+    explicit SilentPair(const std::string& address)
         : service(address, [this](const std::vector<ipc::ServiceRequest>&) {
               asked.open();
               return std::vector<ipc::OutgoingMessage>();
@@ -28,7 +28,7 @@ struct MuteParty {
     const std::shared_ptr<ipc::IIPCClient> client = newClient("asker");
 };
 
-/// Runs it on a thread of its own, and says how it ended.
+/// Runs the call on its own thread and stores its result, or the exception as a word.
 template <typename Call>
 std::thread inBackground(std::string& outcome, Call call) {
     return std::thread([&outcome, call] {
@@ -44,12 +44,12 @@ std::thread inBackground(std::string& outcome, Call call) {
     });
 }
 
-TEST(Outage, LosesARequestInFlightEvenIfTheServiceIsBackAtOnce) {
+TEST(Outage, FailsARequestInFlightEvenIfTheServiceIsBackAtOnce) {
     Broker broker;
-    MuteParty party(broker.address());
+    SilentPair pair(broker.address());
     std::string outcome;
-    std::thread asking = inBackground(outcome, [&] { return ask(*party.client, "x"); });
-    ASSERT_TRUE(party.asked.pass());
+    std::thread asking = inBackground(outcome, [&] { return ask(*pair.client, "x"); });
+    ASSERT_TRUE(pair.asked.pass());
     const auto other = newClient("announcer");
     other->connect(broker.address());
     other->publish(statusTopic, "offline", 1);
@@ -58,10 +58,10 @@ TEST(Outage, LosesARequestInFlightEvenIfTheServiceIsBackAtOnce) {
     EXPECT_EQ(outcome, "service lost");
 }
 
-TEST(Outage, SparesARequestToAnotherService) {
+TEST(Outage, DoesNotFailARequestToAnotherService) {
     Broker broker;
-    MuteParty party(broker.address());
-    party.client->disconnect();
+    SilentPair pair(broker.address());
+    pair.client->disconnect();
     const auto client = newClient("watcher");
     client->watchPresence(statusTopic);
     client->watchPresence("other/status");
@@ -70,7 +70,7 @@ TEST(Outage, SparesARequestToAnotherService) {
     client->connect(broker.address());
     std::string outcome;
     std::thread asking = inBackground(outcome, [&] { return ask(*client, "x", milliseconds(300)); });
-    ASSERT_TRUE(party.asked.pass());
+    ASSERT_TRUE(pair.asked.pass());
     client->publish("other/status", "offline", 1);
     EXPECT_TRUE(recorder.waitForMessages(1));
     asking.join();
@@ -78,7 +78,7 @@ TEST(Outage, SparesARequestToAnotherService) {
     client->disconnect();
 }
 
-TEST(Outage, IsNotAnnouncedByAnyOtherWord) {
+TEST(Outage, IgnoresOtherPresencePayloads) {
     Broker broker;
     const EchoService service(broker.address());
     Recorder recorder;
@@ -106,7 +106,7 @@ TEST(Outage, WaitEndsWhenTheServiceIsBack) {
     EXPECT_EQ(outcome, "back");
 }
 
-TEST(Outage, WaitEndsWithItsPatience) {
+TEST(Outage, WaitTimesOut) {
     Broker broker;
     auto service = std::make_unique<EchoService>(broker.address());
     const auto client = newAsker(broker.address());
@@ -115,10 +115,11 @@ TEST(Outage, WaitEndsWithItsPatience) {
     EXPECT_FALSE(client->waitForService(statusTopic, milliseconds(1000)));
     const auto begin = steady_clock::now();
     EXPECT_FALSE(client->waitForService(statusTopic, milliseconds(1000)));
-    EXPECT_LT(steady_clock::now() - begin, milliseconds(1000)) << "counted from when it went, not from the call";
+    EXPECT_LT(steady_clock::now() - begin, milliseconds(1000))
+        << "the wait must count from the outage, not from the call";
 }
 
-TEST(Outage, NobodyWaitsForAServiceThatWasNeverThere) {
+TEST(Outage, NoWaitForAServiceThatWasNeverOnline) {
     Broker broker;
     const auto client = newClient("asker");
     client->watchPresence(statusTopic);
@@ -129,7 +130,7 @@ TEST(Outage, NobodyWaitsForAServiceThatWasNeverThere) {
     EXPECT_LT(steady_clock::now() - begin, patience / 2);
 }
 
-TEST(Outage, WaitOutlastsARestartOfTheBroker) {
+TEST(Outage, WaitSurvivesARestartOfTheBroker) {
     Broker broker;
     const EchoService service(broker.address());
     Recorder recorder;
@@ -145,7 +146,7 @@ TEST(Outage, WaitOutlastsARestartOfTheBroker) {
     client->disconnect();
 }
 
-TEST(Outage, NobodyWaitsOnceRequestsAreLimited) {
+TEST(Outage, NoWaitOnceRequestsAreLimited) {
     Broker broker;
     auto service = std::make_unique<EchoService>(broker.address());
     const auto client = newAsker(broker.address());
@@ -161,22 +162,22 @@ TEST(Outage, NobodyWaitsOnceRequestsAreLimited) {
     EXPECT_LT(steady_clock::now() - begin, patience / 2);
 }
 
-TEST(LimitedRequests, EndInFlightAndLater) {
+TEST(LimitedRequests, LimitAppliesInFlightAndLater) {
     Broker broker;
-    MuteParty party(broker.address());
+    SilentPair pair(broker.address());
     std::string outcome;
-    std::thread asking = inBackground(outcome, [&] { return ask(*party.client, "x"); });
-    ASSERT_TRUE(party.asked.pass());
+    std::thread asking = inBackground(outcome, [&] { return ask(*pair.client, "x"); });
+    ASSERT_TRUE(pair.asked.pass());
     const auto begin = steady_clock::now();
-    party.client->limitRequests(milliseconds(100));
+    pair.client->limitRequests(milliseconds(100));
     asking.join();
     EXPECT_EQ(outcome, "timeout");
     EXPECT_GE(steady_clock::now() - begin, milliseconds(100));
-    EXPECT_THROW(ask(*party.client, "x"), ipc::IPCTimeoutException);
+    EXPECT_THROW(ask(*pair.client, "x"), ipc::IPCTimeoutException);
     EXPECT_LT(steady_clock::now() - begin, patience / 2);
 }
 
-TEST(Answers, AreCountedEvenIfTheyComeLate) {
+TEST(Answers, CountIncludesLateAnswers) {
     Broker broker;
     Gate gate;
     EchoService slow(broker.address(), [&](const std::vector<ipc::ServiceRequest>& requests) {

@@ -22,7 +22,7 @@ void fill(Outbox& outbox, std::size_t count) {
     for (std::size_t i = 0; i < count; ++i) outbox.add(message("t"), false);
 }
 
-TEST(Outbox, KeepsAMessageUntilItIsSettled) {
+TEST(Outbox, KeepsAMessageUntilItIsAcknowledged) {
     Outbox outbox;
     outbox.add(message("a"), false).identifier = 7;
     outbox.add(message("b"), true).identifier = 8;
@@ -34,7 +34,7 @@ TEST(Outbox, KeepsAMessageUntilItIsSettled) {
     EXPECT_TRUE(outbox.isEmpty());
 }
 
-TEST(Outbox, KeepsACopyOfAllThatAMessageHas) {
+TEST(Outbox, CopiesAllFieldsOfAMessage) {
     Outbox outbox;
     {
         const std::string topic = "some/topic";
@@ -50,7 +50,7 @@ TEST(Outbox, KeepsACopyOfAllThatAMessageHas) {
     EXPECT_EQ(entry.message().correlationData, "42");
 }
 
-TEST(Outbox, SendsEverythingAgainInOrderOnANewConnection) {
+TEST(Outbox, ResendsInOrderOnANewConnection) {
     Outbox outbox;
     outbox.add(message("a"), false).identifier = 1;
     outbox.add(message("b"), false).identifier = 2;
@@ -58,11 +58,11 @@ TEST(Outbox, SendsEverythingAgainInOrderOnANewConnection) {
     outbox.startConnection();
     EXPECT_EQ(topics(outbox), (std::vector<std::string>{"a", "b"}));
     for (const Outbox::Entry& entry : outbox.entries()) EXPECT_EQ(entry.identifier, Outbox::Entry::unsent);
-    EXPECT_EQ(outbox.settle(1), std::nullopt) << "an identifier of the connection before";
+    EXPECT_EQ(outbox.settle(1), std::nullopt) << "the identifier belongs to the previous connection";
     EXPECT_EQ(outbox.unsent(), 0U);
 }
 
-TEST(Outbox, DropsWhatTheBrokerWillNeverTake) {
+TEST(Outbox, DropsRefusedMessages) {
     Outbox outbox;
     outbox.add(message("a"), false).identifier = Outbox::Entry::refused;
     outbox.add(message("b"), false);
@@ -86,7 +86,7 @@ TEST(Outbox, IsFullWithTenThousandMessages) {
     EXPECT_TRUE(outbox.isFull());
 }
 
-TEST(Outbox, IsCongestedWithHalfOfThatUntilTheyAreSettled) {
+TEST(Outbox, IsCongestedFromFiveThousandMessages) {
     Outbox outbox;
     fill(outbox, 4999);
     EXPECT_EQ(outbox.congestion(), Congestion::none);
@@ -96,7 +96,7 @@ TEST(Outbox, IsCongestedWithHalfOfThatUntilTheyAreSettled) {
     EXPECT_EQ(outbox.congestion(), Congestion::none);
 }
 
-TEST(Outbox, IsCongestedWithWhatTheBrokerTakesAtOnce) {
+TEST(Outbox, IsCongestedFromTheReceiveMaximum) {
     Outbox outbox;
     outbox.limitUnacknowledged(2);
     outbox.add(message("t"), false).identifier = 1;
@@ -107,8 +107,8 @@ TEST(Outbox, IsCongestedWithWhatTheBrokerTakesAtOnce) {
     EXPECT_EQ(outbox.congestion(), Congestion::none);
 }
 
-TEST(Outbox, IsCongestedWithFourMebibytesWhateverHoldsThem) {
-    const std::string most(Outbox::manyBytes - 4, 'x');
+TEST(Outbox, IsCongestedFromFourMebibytes) {
+    const std::string most(Outbox::congestionBytes - 4, 'x');
     for (const bool inCorrelationData : {false, true}) {
         Outbox outbox;
         outbox.add({"t", inCorrelationData ? "" : most, 1, "", inCorrelationData ? most : ""}, false).identifier = 5;
@@ -119,13 +119,13 @@ TEST(Outbox, IsCongestedWithFourMebibytesWhateverHoldsThem) {
         EXPECT_EQ(outbox.congestion(), Congestion::none);
         outbox.settle(5);
         outbox.add({"t", most, 1, {}, {}}, false);
-        EXPECT_EQ(outbox.congestion(), Congestion::none) << "what is settled still counts";
+        EXPECT_EQ(outbox.congestion(), Congestion::none) << "an acknowledged message still counts";
     }
 }
 
-TEST(Outbox, IsCongestedWhileTheSocketIsBehind) {
+TEST(Outbox, IsCongestedWhileTheSocketIsFull) {
     Outbox outbox;
-    outbox.noteUnsent(Outbox::manyBytes);
+    outbox.noteUnsent(Outbox::congestionBytes);
     EXPECT_EQ(outbox.congestion(), Congestion::unsent);
     outbox.noteAllSent();
     EXPECT_EQ(outbox.congestion(), Congestion::none);

@@ -1,4 +1,5 @@
-// What listens on the broker's port without being one: each connection gets the same bytes, and then stays or ends.
+// A listener on the broker's port that is not a broker: it sends the same bytes on each connection, then keeps it open
+// or closes it.
 #pragma once
 
 #include <atomic>
@@ -11,8 +12,8 @@ class RawListener {
  public:
     enum class Then { closes, stays };
 
-    /// `bytes` are sent once the peer has said something. With none and `closes`, a connection ends as it begins. Port
-    /// 0 is a free one.
+    /// Sends `bytes` once the peer has sent something. If `bytes` is empty and `then` is `closes`, connections are
+    /// closed at once. Port 0 is a free one.
     explicit RawListener(std::string bytes, Then then = Then::closes, int port = 0);
     RawListener(const RawListener&) = delete;
     RawListener& operator=(const RawListener&) = delete;

@@ -15,7 +15,7 @@ using fakes::Relay;
 using std::chrono::milliseconds;
 using std::chrono::steady_clock;
 
-TEST(Reconnection, TellsTheLossOncePerCallbackObject) {
+TEST(Reconnection, ReportsTheLossOncePerCallbackObject) {
     Broker broker;
     Recorder recorder;
     Recorder other;
@@ -46,7 +46,7 @@ TEST(Reconnection, SubscribesAgainAfterTheBrokerWasRestarted) {
     broker.start();
     const auto other = newClient("reporter");
     other->connect(broker.address());
-    // The restarted broker knows nothing of the subscription until the client is back.
+    // The restarted broker has no subscription until the client is back, so publish repeatedly.
     ASSERT_TRUE(eventually([&] {
         other->publish("news/now", "x", 1);
         return !recorder.messages().empty();
@@ -55,7 +55,7 @@ TEST(Reconnection, SubscribesAgainAfterTheBrokerWasRestarted) {
     other->disconnect();
 }
 
-TEST(Reconnection, SendsWhatWasPublishedMeanwhileOnceAndInOrder) {
+TEST(Reconnection, SendsMessagesPublishedMeanwhileOnceAndInOrder) {
     Broker broker;
     Recorder recorder;
     const auto client = newClient("writer");
@@ -75,7 +75,7 @@ TEST(Reconnection, SendsWhatWasPublishedMeanwhileOnceAndInOrder) {
     client->disconnect();
 }
 
-TEST(Reconnection, ACutLosesNothingThatWasPublishedBeforeIt) {
+TEST(Reconnection, LosesNoPublishedMessage) {
     Broker broker;
     Relay relay(broker.port());
     Recorder recorder;
@@ -91,7 +91,7 @@ TEST(Reconnection, ACutLosesNothingThatWasPublishedBeforeIt) {
             relay.restore();
         }
     }
-    // At least once: what the broker had when the cut took the acknowledgement comes twice.
+    // At least once: a message whose acknowledgement was lost is delivered twice.
     ASSERT_TRUE(eventually([&] {
         const auto contents = recorder.contents();
         return std::find(contents.begin(), contents.end(), "1999") != contents.end();
@@ -102,7 +102,7 @@ TEST(Reconnection, ACutLosesNothingThatWasPublishedBeforeIt) {
     reader->disconnect();
 }
 
-TEST(Reconnection, WhatOthersPublishedDuringACutArrives) {
+TEST(Reconnection, DeliversMessagesPublishedMeanwhileByOthers) {
     Broker broker;
     Relay relay(broker.port());
     Recorder recorder;
@@ -132,7 +132,7 @@ TEST(Reconnection, WhatOthersPublishedDuringACutArrives) {
     other->disconnect();
 }
 
-TEST(Reconnection, ANewProcessStartsClean) {
+TEST(Reconnection, NewProcessStartsClean) {
     Broker broker;
     Relay relay(broker.port());
     Recorder gone;
@@ -161,7 +161,7 @@ TEST(Reconnection, ANewProcessStartsClean) {
     other->disconnect();
 }
 
-TEST(Reconnection, RequestsGoOnAfterIt) {
+TEST(Reconnection, RequestsWorkAfterIt) {
     Broker broker;
     Recorder recorder;
     const auto client = newClient("asker");
@@ -177,7 +177,7 @@ TEST(Reconnection, RequestsGoOnAfterIt) {
     client->disconnect();
 }
 
-TEST(Reconnection, ARequestMadeDuringAShortCutWaitsForItsEnd) {
+TEST(Reconnection, RequestWaitsForTheReconnection) {
     Broker broker;
     Relay relay(broker.port());
     const EchoService service(broker.address());
@@ -199,16 +199,16 @@ TEST(Reconnection, ARequestMadeDuringAShortCutWaitsForItsEnd) {
     client->disconnect();
 }
 
-TEST(Reconnection, ARequestThatWasSentIsNotSentAgain) {
+TEST(Reconnection, DoesNotResendARequest) {
     Broker broker;
     Relay relay(broker.port());
-    std::atomic<int> carriedOut{0};
+    std::atomic<int> executed{0};
     Gate asked;
     EchoService service(broker.address(), [&](const std::vector<ipc::ServiceRequest>& requests) {
         for (const auto& request : requests) {
             if (request.payload != "once") continue;
-            ++carriedOut;
-            relay.cut();  // its answer finds nobody
+            ++executed;
+            relay.cut();  // the answer is lost
             asked.open();
         }
         return EchoService::echo(requests);
@@ -230,7 +230,7 @@ TEST(Reconnection, ARequestThatWasSentIsNotSentAgain) {
     EXPECT_TRUE(waitForService(*client));
     asking.join();
     EXPECT_TRUE(timedOut);
-    EXPECT_EQ(carriedOut, 1);
+    EXPECT_EQ(executed, 1);
     client->disconnect();
 }
 
@@ -250,7 +250,7 @@ TEST(Reconnection, RequestsFailAtOnceWhenTheBrokerStaysAway) {
     client->disconnect();
 }
 
-TEST(Reconnection, TooManyMessagesAreRefusedNotDropped) {
+TEST(Reconnection, RefusesTooManyMessagesInsteadOfDroppingThem) {
     Broker broker;
     Recorder recorder;
     const auto client = newClient("flood");
@@ -269,7 +269,7 @@ TEST(Reconnection, TooManyMessagesAreRefusedNotDropped) {
     client->disconnect();
 }
 
-TEST(Reconnection, EndsInTimeWhileTheBrokerIsFrozen) {
+TEST(Reconnection, ClientStopsInTimeWhileTheBrokerIsFrozen) {
     Broker broker;
     auto client = newClient("unlucky");
     Recorder recorder;

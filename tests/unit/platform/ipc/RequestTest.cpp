@@ -13,28 +13,28 @@ using fakes::Broker;
 using std::chrono::milliseconds;
 using std::chrono::steady_clock;
 
-/// A client that is connected and has a service to talk to.
-struct Party {
-    explicit Party(const std::string& address) : service(address), client(newAsker(address)) {}
+/// A connected client and a service that answers it.
+struct ConnectedPair {
+    explicit ConnectedPair(const std::string& address) : service(address), client(newAsker(address)) {}
     EchoService service;
     std::shared_ptr<ipc::IIPCClient> client;
 };
 
 TEST(Request, IsAnswered) {
     Broker broker;
-    const Party party(broker.address());
-    EXPECT_EQ(ask(*party.client, "hello"), "re:hello");
+    const ConnectedPair pair(broker.address());
+    EXPECT_EQ(ask(*pair.client, "hello"), "re:hello");
     std::string all;
     for (int i = 0; i < 256; ++i) all += static_cast<char>(i);
-    EXPECT_EQ(ask(*party.client, all), "re:" + all);
-    EXPECT_EQ(ask(*party.client, ""), "re:");
+    EXPECT_EQ(ask(*pair.client, all), "re:" + all);
+    EXPECT_EQ(ask(*pair.client, ""), "re:");
 }
 
 class RequestSpeed : public testing::TestWithParam<const char*> {};
 
-TEST_P(RequestSpeed, AThousandInARowMeetNoStall) {
-    // A change notification behind each answer, with quality 1, is what provokes the 40 ms of a delayed
-    // acknowledgement: a thousand of them would take 40 s.
+TEST_P(RequestSpeed, NoDelayedAcknowledgements) {
+    // A notification with quality 1 after each answer provokes TCP's delayed acknowledgement of 40 ms: a thousand
+    // requests would take 40 s.
     Broker broker(GetParam());
     EchoService service(broker.address(), [](const std::vector<ipc::ServiceRequest>& requests) {
         auto outgoing = EchoService::echo(requests);
@@ -57,14 +57,14 @@ INSTANTIATE_TEST_SUITE_P(Brokers, RequestSpeed, testing::Values("", "set_tcp_nod
 
 TEST(Request, ManyThreadsEachGetTheirOwnAnswer) {
     Broker broker;
-    const Party party(broker.address());
+    const ConnectedPair pair(broker.address());
     std::vector<std::thread> threads;
     std::atomic<int> right{0};
     for (int thread = 0; thread < 8; ++thread) {
         threads.emplace_back([&, thread] {
             for (int i = 0; i < 100; ++i) {
                 const std::string text = std::to_string(thread) + ":" + std::to_string(i);
-                if (ask(*party.client, text) == "re:" + text) ++right;
+                if (ask(*pair.client, text) == "re:" + text) ++right;
             }
         });
     }
@@ -72,7 +72,7 @@ TEST(Request, ManyThreadsEachGetTheirOwnAnswer) {
     EXPECT_EQ(right, 800);
 }
 
-TEST(Request, TakesNoAnswerButItsOwn) {
+TEST(Request, IgnoresForeignAnswers) {
     Broker broker;
     EchoService service(broker.address(), [](const std::vector<ipc::ServiceRequest>& requests) {
         std::vector<ipc::OutgoingMessage> outgoing;
@@ -92,7 +92,7 @@ TEST(Request, TakesNoAnswerButItsOwn) {
     for (int i = 0; i < 50; ++i) EXPECT_EQ(ask(*client, std::to_string(i)), "re:" + std::to_string(i));
 }
 
-TEST(Request, TimesOutWhenNobodyAnswers) {
+TEST(Request, TimesOutWithoutAnAnswer) {
     Broker broker;
     EchoService mute(broker.address(),
                      [](const std::vector<ipc::ServiceRequest>&) { return std::vector<ipc::OutgoingMessage>(); });
@@ -110,7 +110,7 @@ TEST(Request, TimesOutWhenNobodyAnswers) {
     }));
 }
 
-TEST(Request, FailsAfterASecondWithoutAWordFromTheService) {
+TEST(Request, FailsAfterASecondWithoutAPresence) {
     Broker broker;
     const auto client = newClient("asker");
     client->watchPresence(statusTopic);
@@ -124,7 +124,7 @@ TEST(Request, FailsAfterASecondWithoutAWordFromTheService) {
     EXPECT_LT(steady_clock::now() - again, milliseconds(500));
 }
 
-TEST(Request, WaitsForAServiceThatSpeaksWithinTheFirstSecond) {
+TEST(Request, WaitsForAPresenceWithinTheFirstSecond) {
     Broker broker;
     const auto client = newClient("asker");
     client->watchPresence(statusTopic);
@@ -144,11 +144,11 @@ TEST(Request, WaitsForAServiceThatSpeaksWithinTheFirstSecond) {
 
 TEST(Request, FailsAtOnceWhenTheServiceIsOfflineAndWorksWhenItIsBack) {
     Broker broker;
-    Party party(broker.address());
-    party.service.stop();
+    ConnectedPair pair(broker.address());
+    pair.service.stop();
     ASSERT_TRUE(eventually([&] {
         try {
-            ask(*party.client, "x", milliseconds(100));
+            ask(*pair.client, "x", milliseconds(100));
         } catch (const ipc::IPCOfflineException&) {
             return true;
         } catch (const ipc::IPCTimeoutException&) {
@@ -156,13 +156,13 @@ TEST(Request, FailsAtOnceWhenTheServiceIsOfflineAndWorksWhenItIsBack) {
         return false;
     }));
     const auto begin = steady_clock::now();
-    EXPECT_THROW(ask(*party.client, "x"), ipc::IPCOfflineException);
+    EXPECT_THROW(ask(*pair.client, "x"), ipc::IPCOfflineException);
     EXPECT_LT(steady_clock::now() - begin, milliseconds(500));
     const EchoService back(broker.address());
-    EXPECT_TRUE(waitForService(*party.client));
+    EXPECT_TRUE(waitForService(*pair.client));
 }
 
-TEST(Request, InHandWhenTheServiceGoesFailsAtOnce) {
+TEST(Request, InFlightFailsAtOnceWhenTheServiceStops) {
     Broker broker;
     Gate asked;
     auto service = std::make_unique<EchoService>(broker.address(), [&](const std::vector<ipc::ServiceRequest>&) {
@@ -191,9 +191,9 @@ TEST(Request, InHandWhenTheServiceGoesFailsAtOnce) {
 
 TEST(Request, StillWorksAfterDisconnect) {
     Broker broker;
-    const Party party(broker.address());
-    party.client->disconnect();
-    EXPECT_EQ(ask(*party.client, "goodbye"), "re:goodbye");
+    const ConnectedPair pair(broker.address());
+    pair.client->disconnect();
+    EXPECT_EQ(ask(*pair.client, "goodbye"), "re:goodbye");
 }
 
 TEST(Request, NeedsAWatchedPresence) {
@@ -203,7 +203,7 @@ TEST(Request, NeedsAWatchedPresence) {
     EXPECT_THROW(ask(*client, "x"), ipc::IPCException);
 }
 
-TEST(Request, InHandEndsWithItsClient) {
+TEST(Request, InFlightFailsWhenTheClientIsDestroyed) {
     Broker broker;
     Gate allAsked;
     size_t asked = 0;
@@ -227,7 +227,7 @@ TEST(Request, InHandEndsWithItsClient) {
             }
         });
     }
-    ASSERT_TRUE(allAsked.pass());  // so that all four are inside `request`
+    ASSERT_TRUE(allAsked.pass());  // now all four are inside `request`
     client.reset();
     for (auto& thread : threads) thread.join();
     EXPECT_EQ(offline, 4);

@@ -1,4 +1,4 @@
-// Requests without a bus: what happens to one is told from inside its `send`, where the connection would be.
+// Requests without a bus: the tests report events from inside `send`, in place of a connection.
 #include "Requests.h"
 
 #include <gtest/gtest.h>
@@ -18,7 +18,7 @@ const std::string status = "test-service/status";
 
 class RequestsTest : public testing::Test {
  protected:
-    /// A connection on which the service has said that it is online.
+    /// Simulates a connection on which the service is online.
     void serve() {
         requests.watch(status);
         requests.connecting();
@@ -33,7 +33,7 @@ class RequestsTest : public testing::Test {
     Requests requests;
 };
 
-TEST_F(RequestsTest, IsAnsweredByItsOwnCorrelationData) {
+TEST_F(RequestsTest, CorrelationDataSelectsTheAnswer) {
     serve();
     std::vector<std::string> sent;
     const auto answered = [&](std::string correlation) {
@@ -47,7 +47,7 @@ TEST_F(RequestsTest, IsAnsweredByItsOwnCorrelationData) {
     };
     EXPECT_EQ(ask(answered), "answer 1");
     EXPECT_EQ(ask(answered), "answer 2");
-    EXPECT_EQ(requests.answers(), 5U) << "repeated and late ones count, foreign ones do not";
+    EXPECT_EQ(requests.answers(), 5U) << "duplicate and late answers count, foreign ones do not";
 }
 
 TEST_F(RequestsTest, FailsAtOnceWithoutItsService) {
@@ -67,7 +67,7 @@ TEST_F(RequestsTest, TimesOut) {
     EXPECT_THROW(ask([](std::string) { return true; }, milliseconds(5)), ipc::IPCTimeoutException);
 }
 
-TEST_F(RequestsTest, IsInterruptedByTheEndOfItsConnection) {
+TEST_F(RequestsTest, ConnectionLossInterruptsARequest) {
     serve();
     const auto cut = [&](std::string) {
         requests.connectionLost();
@@ -78,7 +78,7 @@ TEST_F(RequestsTest, IsInterruptedByTheEndOfItsConnection) {
     EXPECT_THROW(ask(cut), ipc::IPCInterruptedException);
 }
 
-TEST_F(RequestsTest, IsLostWithItsServiceEvenIfThatIsBackAtOnce) {
+TEST_F(RequestsTest, FailsWithItsServiceEvenIfThatIsBackAtOnce) {
     serve();
     const auto restart = [&](std::string) {
         requests.presenceArrived(status, "offline");
@@ -88,7 +88,7 @@ TEST_F(RequestsTest, IsLostWithItsServiceEvenIfThatIsBackAtOnce) {
     EXPECT_THROW(ask(restart), ipc::IPCServiceLostException);
 }
 
-TEST_F(RequestsTest, IsSentOnTheNextConnectionIfItWasNot) {
+TEST_F(RequestsTest, UnsentRequestIsSentOnTheNextConnection) {
     serve();
     int attempts = 0;
     bustest::Gate lost;
@@ -110,13 +110,13 @@ TEST_F(RequestsTest, IsSentOnTheNextConnectionIfItWasNot) {
     EXPECT_EQ(attempts, 2);
 }
 
-TEST_F(RequestsTest, LeavesNothingBehindWhenSendingThrows) {
+TEST_F(RequestsTest, UnregistersIfSendingThrows) {
     serve();
     EXPECT_THROW(ask([](std::string) -> bool { throw ipc::IPCException("too many"); }), ipc::IPCException);
-    requests.close();  // would wait for it
+    requests.close();  // would block if the request were still registered
 }
 
-TEST_F(RequestsTest, EndsAtOnceWhenTheClientDoes) {
+TEST_F(RequestsTest, CloseFailsPendingRequests) {
     serve();
     std::future<void> closed;
     const auto begin = Requests::Clock::now();
@@ -130,7 +130,7 @@ TEST_F(RequestsTest, EndsAtOnceWhenTheClientDoes) {
     EXPECT_THROW(ask([](std::string) { return true; }), ipc::IPCOfflineException);
 }
 
-TEST_F(RequestsTest, LimitEndsWhatIsInFlight) {
+TEST_F(RequestsTest, LimitEndsRequestsInFlight) {
     serve();
     const auto begin = Requests::Clock::now();
     EXPECT_THROW(ask([&](std::string) {

@@ -1,5 +1,5 @@
-// What the sanitizers are told about libmosquitto. When the broker ends a connection with a DISCONNECT packet, version
-// 2.0 unlocks a mutex that it has not locked, and forgets the packet that it had begun to write: one each time.
+// Sanitizer suppressions for libmosquitto. When the broker closes a connection with a DISCONNECT packet, version 2.0
+// unlocks a mutex that it has not locked, and leaks the packet that it was writing.
 #pragma once
 
 namespace bustest {

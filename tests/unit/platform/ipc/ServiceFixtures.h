@@ -1,4 +1,4 @@
-// What the tests of the bus service share besides the bus fixtures: its handlers.
+// Handlers shared by the tests of the bus service.
 #pragma once
 
 #include <atomic>
@@ -11,16 +11,16 @@
 
 namespace bustest {
 
-inline bool says(const fakes::LogCapture& log, const std::string& text) {
+inline bool logContains(const fakes::LogCapture& log, const std::string& text) {
     return log.text().find(text) != std::string::npos;
 }
 
-/// A handler that makes a large change of each request.
+/// A handler that publishes a large change for each request.
 struct LargeChanges {
     inline static const std::string large = std::string(60000, 'x');
 
     std::atomic<size_t> handled{0};
-    std::atomic<bool> last{false};  // the request "last" was among them
+    std::atomic<bool> last{false};  // the request "last" has been handled
 
     ipc::IIPCService::Handler handler() {
         return [this](const std::vector<ipc::ServiceRequest>& requests) {

@@ -1,4 +1,4 @@
-// A bus service whose broker is away, dies, or cuts it off.
+// A bus service whose broker is away or exits, or whose connection is lost.
 #include <gtest/gtest.h>
 
 #include <algorithm>
@@ -18,11 +18,11 @@ namespace {
 using namespace bustest;
 using fakes::Broker;
 
-TEST(Service, ForgetsRequestsThatACutLeftBehind) {
+TEST(Service, DropsRequestsFromALostConnection) {
     fakes::StubbornBroker broker;
     LargeChanges changes;
     EchoService service(broker.address(), changes.handler());
-    broker.send("test-service/ask", LargeChanges::large, 600);  // of which most wait for acknowledgements
+    broker.send("test-service/ask", LargeChanges::large, 600);  // most of them wait for acknowledgements
     ASSERT_TRUE(eventually([&] { return broker.isTaken() && changes.handled >= 70; }));
     broker.hangUp();
     broker.giveIn();
@@ -31,25 +31,25 @@ TEST(Service, ForgetsRequestsThatACutLeftBehind) {
     EXPECT_LE(changes.handled, 200U);
 }
 
-/// A service that is cut off while it handles hundreds of requests: it gets 64 at a time, is cut off, publishes their
-/// changes, and at once makes those of the next.
-class CutService {
+/// A service that loses its connection while it handles hundreds of requests. It handles 64 at a time, so it publishes
+/// the changes of one batch after the loss and continues with the next.
+class InterruptedService {
  public:
     enum class Cut { connection, broker };
 
-    explicit CutService(Cut cut) : cuts_(cut) {
+    explicit InterruptedService(Cut cut) : cuts_(cut) {
         constexpr size_t many = 400;
         client_->subscribe("test-changes", changes_);
         client_->subscribe("test-service/ask", requests_);
         client_->publish("test-service/ask", "hold", 0);
         for (size_t i = 0; i < many; ++i) client_->publish("test-service/ask", std::to_string(i), 0);
-        if (!requests_.waitForMessages(many + 1)) throw std::runtime_error("The broker has not got the requests");
+        if (!requests_.waitForMessages(many + 1)) throw std::runtime_error("The requests did not arrive");
         gate_.open();
-        if (!cut_.pass()) throw std::runtime_error("There were no 64 requests at a time");
+        if (!cut_.pass()) throw std::runtime_error("No batch had 64 requests");
     }
-    CutService(const CutService&) = delete;
-    CutService& operator=(const CutService&) = delete;
-    ~CutService() { client_->disconnect(); }
+    InterruptedService(const InterruptedService&) = delete;
+    InterruptedService& operator=(const InterruptedService&) = delete;
+    ~InterruptedService() { client_->disconnect(); }
 
     void restore() { relay_.restore(); }
     void stop() { service_.stop(); }
@@ -57,7 +57,7 @@ class CutService {
         const std::lock_guard<std::mutex> lock(mutex_);
         return handled_;
     }
-    /// The changes that came, without repetitions: what is not acknowledged at the cut comes twice.
+    /// The received changes without duplicates: those not acknowledged before the loss arrive twice.
     std::vector<std::string> changes() {
         std::vector<std::string> once;
         for (const std::string& each : changes_.contents()) {
@@ -91,7 +91,7 @@ class CutService {
     fakes::Relay relay_{broker_.port()};
     Gate gate_;
     Gate cut_;
-    bool isCut_ = false;  // the service's thread's own
+    bool isCut_ = false;  // used by the service's thread only
     std::mutex mutex_;
     std::vector<std::string> handled_;  // guarded by mutex_
     EchoService service_{cuts_ == Cut::broker ? broker_.address() : relay_.address(),
@@ -101,17 +101,17 @@ class CutService {
     Recorder requests_;
 };
 
-TEST(Service, LosesNoChangeToACut) {
-    CutService service(CutService::Cut::connection);
+TEST(Service, LosesNoChangeWithTheConnection) {
+    InterruptedService service(InterruptedService::Cut::connection);
     service.restore();
     EXPECT_TRUE(eventually([&] { return service.changes() == service.handled(); }))
         << service.changes().size() << " changes of " << service.handled().size() << " requests";
 }
 
-TEST(Service, StopsAtOnceWhenTheBrokerIsGone) {
+TEST(Service, StopsAtOnceIfTheBrokerHasExited) {
     const fakes::LogCapture log;
-    CutService service(CutService::Cut::broker);
-    ASSERT_TRUE(eventually([&] { return says(log, "Connection to the broker lost"); }));
+    InterruptedService service(InterruptedService::Cut::broker);
+    ASSERT_TRUE(eventually([&] { return logContains(log, "Connection to the broker lost"); }));
     const auto begin = std::chrono::steady_clock::now();
     service.stop();
     EXPECT_LT(std::chrono::steady_clock::now() - begin, std::chrono::milliseconds(1500));
@@ -122,7 +122,7 @@ TEST(Service, StartsWithoutABrokerAndServesWhenThereIsOne) {
     Broker broker;
     broker.stop();
     EchoService service(broker.address());
-    EXPECT_TRUE(eventually([&] { return says(log, "Cannot connect to the broker at " + broker.address()); }));
+    EXPECT_TRUE(eventually([&] { return logContains(log, "Cannot connect to the broker at " + broker.address()); }));
     broker.start();
     EXPECT_NO_THROW(newAsker(broker.address()));
 }
@@ -136,7 +136,7 @@ TEST(Service, ServesAgainAfterTheBrokerWasRestarted) {
     EXPECT_NO_THROW(newAsker(broker.address()));
 }
 
-TEST(Service, SaysOfflineLastWhenItStopsBeforeItIsSubscribed) {
+TEST(Service, PublishesOfflineLastIfItStopsBeforeItIsSubscribed) {
     fakes::StubbornBroker broker;
     broker.holdSubscriptions();
     EchoService service(broker.address());
@@ -149,7 +149,7 @@ TEST(Service, SaysOfflineLastWhenItStopsBeforeItIsSubscribed) {
     EXPECT_EQ(broker.published(), std::vector<std::string>{statusTopic}) << "\"online\" after \"offline\"";
 }
 
-TEST(Service, StopsWithoutABrokerToo) {
+TEST(Service, StopsWithoutABroker) {
     Broker broker;
     const std::string address = broker.address();
     broker.stop();
@@ -159,7 +159,7 @@ TEST(Service, StopsWithoutABrokerToo) {
     EXPECT_LT(std::chrono::steady_clock::now() - begin, std::chrono::seconds(5));
 }
 
-TEST(Service, ItsLastWillSpeaksWhenItIsCutOff) {
+TEST(Service, ConnectionLossPublishesTheLastWill) {
     Broker broker;
     fakes::Relay relay(broker.port());
     EchoService service(relay.address());

@@ -17,8 +17,8 @@ constexpr int onlyNew = MQTT_SUB_OPT_SEND_RETAIN_NEW;
 TEST(Subscriptions, ArePendingUntilTheBrokerAnswers) {
     Subscriptions subscriptions;
     const auto identifier = subscriptions.add("a/#", 1, onlyNew);
-    EXPECT_TRUE(subscriptions.isSettled()) << "nothing was asked";
-    subscriptions.asked(identifier, 12);
+    EXPECT_TRUE(subscriptions.isSettled()) << "nothing was sent";
+    subscriptions.sent(identifier, 12);
     EXPECT_FALSE(subscriptions.isSettled());
     EXPECT_EQ(subscriptions.find(identifier)->answer, Answer::pending);
     EXPECT_EQ(subscriptions.answered(11, ""), nullptr);
@@ -29,10 +29,10 @@ TEST(Subscriptions, ArePendingUntilTheBrokerAnswers) {
     EXPECT_NO_THROW(subscriptions.requireGranted());
 }
 
-TEST(Subscriptions, RefusedByTheBrokerThrowWithItsReason) {
+TEST(Subscriptions, RefusalThrowsWithTheBrokersReason) {
     Subscriptions subscriptions;
-    subscriptions.asked(subscriptions.add("good", 1, onlyNew), 1);
-    subscriptions.asked(subscriptions.add("bad", 1, onlyNew), 2);
+    subscriptions.sent(subscriptions.add("good", 1, onlyNew), 1);
+    subscriptions.sent(subscriptions.add("bad", 1, onlyNew), 2);
     subscriptions.answered(1, "");
     subscriptions.answered(2, "Not authorized");
     try {
@@ -43,48 +43,48 @@ TEST(Subscriptions, RefusedByTheBrokerThrowWithItsReason) {
     }
 }
 
-TEST(Subscriptions, OfOneFilterAreSharedUntilTheLastUserLeaves) {
+TEST(Subscriptions, OfOneFilterAreSharedUntilTheLastIsRemoved) {
     Subscriptions subscriptions;
     const auto identifier = subscriptions.add("a", 0, onlyNew);
-    subscriptions.asked(identifier, 1);
+    subscriptions.sent(identifier, 1);
     subscriptions.answered(1, "");
     EXPECT_EQ(subscriptions.add("a", 1, onlyNew), identifier);
     const auto& shared = *subscriptions.find(identifier);
     EXPECT_EQ(shared.qualityOfService, 1) << "the higher of both";
-    EXPECT_EQ(shared.retained, MQTT_SUB_OPT_SEND_RETAIN_ALWAYS) << "the second user wants what is retained too";
-    EXPECT_EQ(shared.answer, Answer::pending) << "it is to be asked for again";
+    EXPECT_EQ(shared.retained, MQTT_SUB_OPT_SEND_RETAIN_ALWAYS) << "the second user needs the retained messages too";
+    EXPECT_EQ(shared.answer, Answer::pending) << "it must be sent again";
     EXPECT_EQ(subscriptions.remove(identifier), std::nullopt);
     EXPECT_EQ(subscriptions.remove(identifier), "a");
     EXPECT_EQ(subscriptions.remove(identifier), std::nullopt);
     EXPECT_EQ(subscriptions.find(identifier), nullptr);
-    EXPECT_NE(subscriptions.add("a", 0, onlyNew), identifier) << "late messages would be taken for its own";
+    EXPECT_NE(subscriptions.add("a", 0, onlyNew), identifier) << "it would get late messages of the old subscription";
 }
 
-TEST(Subscriptions, AreAskedForAgainOnANewConnection) {
+TEST(Subscriptions, ArePendingAgainOnANewConnection) {
     Subscriptions subscriptions;
     const auto answered = subscriptions.add("a", 1, onlyNew);
     const auto asked = subscriptions.add("b", 1, onlyNew);
-    subscriptions.asked(answered, 1);
-    subscriptions.asked(asked, 2);
+    subscriptions.sent(answered, 1);
+    subscriptions.sent(asked, 2);
     subscriptions.answered(1, "");
     subscriptions.startConnection();
     EXPECT_TRUE(subscriptions.isSettled());
     EXPECT_EQ(subscriptions.all().size(), 2U);
     EXPECT_EQ(subscriptions.find(answered)->answer, Answer::pending);
-    EXPECT_EQ(subscriptions.answered(2, ""), nullptr) << "an answer to the connection before";
+    EXPECT_EQ(subscriptions.answered(2, ""), nullptr) << "the answer belongs to the previous connection";
 }
 
-TEST(Subscriptions, RemovedBeforeTheirAnswerAreSettledByIt) {
+TEST(Subscriptions, MayBeRemovedBeforeTheAnswer) {
     Subscriptions subscriptions;
     const auto identifier = subscriptions.add("a", 1, onlyNew);
-    subscriptions.asked(identifier, 1);
+    subscriptions.sent(identifier, 1);
     subscriptions.remove(identifier);
     EXPECT_EQ(subscriptions.answered(1, "refused"), nullptr);
     EXPECT_TRUE(subscriptions.isSettled());
     EXPECT_NO_THROW(subscriptions.requireGranted());
 }
 
-TEST(Subscriptions, ThatCannotBeSentAreRefused) {
+TEST(Subscriptions, AreRefusedIfTheyCannotBeSent) {
     Subscriptions subscriptions;
     const auto identifier = subscriptions.add("a", 1, onlyNew);
     subscriptions.refuse(identifier, "too large");

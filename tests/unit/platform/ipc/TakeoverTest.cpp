@@ -23,7 +23,7 @@ using testing::Not;
 
 const std::string cause = "another client named \"prov-client\" has taken over the session";
 
-TEST(Takeover, ThatTheBrokerTellsIsTheCauseOfTheLossAndAnsweredAfterASecond) {
+TEST(Takeover, ReportedByTheBrokerIsTheCauseAndReconnectsAfterASecond) {
     StubbornBroker broker;
     Recorder recorder;
     const auto client = newClient("prov-client");
@@ -38,8 +38,8 @@ TEST(Takeover, ThatTheBrokerTellsIsTheCauseOfTheLossAndAnsweredAfterASecond) {
     client->disconnect();
 }
 
-// What this broker says depends on its version: some close the connection without a word.
-TEST(Takeover, ByARealClientIsNamedInTheCause) {
+// Some versions of the broker close the connection without a reason.
+TEST(Takeover, ByARealClientIsTheCause) {
     Broker broker;
     Recorder first;
     const auto client = newClient("prov-client");
@@ -51,13 +51,13 @@ TEST(Takeover, ByARealClientIsNamedInTheCause) {
     other->connect(broker.address());
     ASSERT_TRUE(first.waitForLosses(1));
     EXPECT_THAT(first.losses()[0], HasSubstr(cause));
-    ASSERT_TRUE(second.waitForLosses(1)) << "the first one takes its name back";
+    ASSERT_TRUE(second.waitForLosses(1)) << "the first client must take the session back";
     EXPECT_THAT(second.losses()[0], HasSubstr(cause));
     other->disconnect();
     client->disconnect();
 }
 
-/// Publishes more than the broker takes, until it ends.
+/// Publishes faster than the broker reads, until it is destroyed.
 class Flood {
  public:
     explicit Flood(ipc::IIPCClient& client)
@@ -66,7 +66,7 @@ class Flood {
                   try {
                       client.publish("b", std::string(10000, 'x'), 0);
                   } catch (const ipc::IPCException&) {
-                      std::this_thread::yield();  // too much waits for the socket
+                      std::this_thread::yield();  // the socket is full
                   }
               }
           }) {}
@@ -80,7 +80,7 @@ class Flood {
     std::thread thread_;
 };
 
-TEST(Takeover, IsNamedAlsoWhileMuchIsSent) {
+TEST(Takeover, ByARealClientIsTheCauseUnderLoad) {
     Broker broker;
     Recorder recorder;
     const auto client = newClient("prov-client");
@@ -96,7 +96,7 @@ TEST(Takeover, IsNamedAlsoWhileMuchIsSent) {
     client->disconnect();
 }
 
-TEST(Takeover, ThatTheBrokerTellsIsTheCauseAlsoWhileMuchIsSent) {
+TEST(Takeover, ReportedByTheBrokerIsTheCauseUnderLoad) {
     if (findsLostPackets) GTEST_SKIP() << "libmosquitto loses the packet that it is writing";
     StubbornBroker broker;
     Recorder recorder;
@@ -112,7 +112,7 @@ TEST(Takeover, ThatTheBrokerTellsIsTheCauseAlsoWhileMuchIsSent) {
     client->disconnect();
 }
 
-TEST(Takeover, IsNotSuspectedWhenTheBrokerIsGone) {
+TEST(Takeover, IsNotSuspectedIfTheBrokerHasExited) {
     Broker broker;
     Recorder recorder;
     const auto client = newClient("prov-client");
@@ -124,7 +124,7 @@ TEST(Takeover, IsNotSuspectedWhenTheBrokerIsGone) {
     client->disconnect();
 }
 
-TEST(Takeover, LeavesAClientThatWorksOnceTheOtherIsGone) {
+TEST(Takeover, ClientWorksOnceTheOtherHasExited) {
     Broker broker;
     const EchoService service(broker.address());
     Recorder recorder;
@@ -141,7 +141,7 @@ TEST(Takeover, LeavesAClientThatWorksOnceTheOtherIsGone) {
     client->disconnect();
 }
 
-TEST(Takeover, ThatTheBrokerTellsIsLoggedByAService) {
+TEST(Takeover, ReportedByTheBrokerIsLoggedByAService) {
     StubbornBroker broker;
     const fakes::LogCapture log;
     const EchoService service(broker.address());
@@ -162,10 +162,10 @@ TEST(Takeover, ByARealServiceIsLogged) {
     const EchoService other(broker.address());
     EXPECT_TRUE(eventually([&] { return log.text().find("nother test-service is connected") != std::string::npos; }))
         << log.text();
-    EXPECT_TRUE(waitForService(*client)) << "one of them answers";
+    EXPECT_TRUE(waitForService(*client)) << "one of the services must answer";
 }
 
-TEST(Takeover, OfAServiceLosesTheRequestInFlight) {
+TEST(Takeover, OfAServiceFailsTheRequestInFlight) {
     Broker broker;
     Gate asked;
     EchoService mute(broker.address(), [&](const std::vector<ipc::ServiceRequest>&) {

@@ -1,4 +1,4 @@
-// What becomes of a property call whose connection breaks between request and answer.
+// Property calls whose connection is lost between request and answer.
 #include <gtest/gtest.h>
 
 #include <memory>
@@ -18,35 +18,35 @@ class Interrupted : public testing::Test {
         propertyapi::PropertyApiBuilder::getPropertyApi(bus, "tester");
 };
 
-TEST_F(Interrupted, GetIsAskedAgain) {
+TEST_F(Interrupted, RetriesGet) {
     bus->answers = {broken, broken, value("here")};
     EXPECT_EQ(properties->get("A.Key"), "here");
     EXPECT_EQ(bus->asked, (Topics{"prop-service/get", "prop-service/get", "prop-service/get"}));
 }
 
-TEST_F(Interrupted, ListIsAskedAgain) {
+TEST_F(Interrupted, RetriesList) {
     bus->answers = {broken, [] { return std::string(R"({"properties":[]})"); }};
     EXPECT_TRUE(properties->list("A.", "").properties.empty());
 }
 
-TEST_F(Interrupted, SetThatWasCarriedOutIsNotMadeAgain) {
+TEST_F(Interrupted, DoesNotRetryAnExecutedSet) {
     bus->answers = {broken, value("new")};
     properties->set("A.Key", "new");
     EXPECT_EQ(bus->asked, (Topics{"prop-service/set", "prop-service/get"}));
 }
 
-TEST_F(Interrupted, SetThatWasNotCarriedOutIsMadeAgain) {
+TEST_F(Interrupted, RetriesASetThatWasNotExecuted) {
     bus->answers = {broken, value("old"), value("new")};
     properties->set("A.Key", "new");
     EXPECT_EQ(bus->asked, (Topics{"prop-service/set", "prop-service/get", "prop-service/set"}));
 }
 
-TEST_F(Interrupted, SetThatIsInterruptedTwiceIsNotKnown) {
+TEST_F(Interrupted, SetInterruptedTwiceTimesOut) {
     bus->answers = {broken, value("old"), broken};
     EXPECT_THROW(properties->set("A.Key", "new"), propertyapi::PropertyTimeoutException);
 }
 
-TEST_F(Interrupted, CallWhoseServiceStaysAwayFails) {
+TEST_F(Interrupted, FailsIfTheServiceStaysOffline) {
     bus->answers = {broken, offline};
     EXPECT_THROW(properties->get("A.Key"), propertyapi::PropertyOfflineException);
 }

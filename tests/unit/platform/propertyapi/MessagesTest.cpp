@@ -25,7 +25,7 @@ TEST(Messages, WritesRequests) {
     EXPECT_EQ(listRequest("State.", "State.B"), R"({"prefix":"State.","after":"State.B"})");
 }
 
-TEST(Messages, AValueSurvivesTheWayThroughJson) {
+TEST(Messages, ValuesSurviveTheJsonEncoding) {
     std::string controls;
     for (int byte = 0; byte < 128; ++byte) controls += static_cast<char>(byte);
     for (const std::string& value : {controls, std::string("gr\xc3\xbc\xc3\x9f \xe2\x82\xac \xf0\x9f\x93\x9e"),
@@ -67,12 +67,12 @@ void expectError(const char* code, const char* text) {
     const std::string answer = std::string(R"({"param":"X.Y","error":")") + code + R"(","reason":"so it is"})";
     try {
         readValue("X.Y", answer);
-        ADD_FAILURE() << code << " was taken for a value";
+        ADD_FAILURE() << code << " was read as a value";
     } catch (const Exception& error) {
         EXPECT_STREQ(error.what(), text);
         EXPECT_EQ(typeid(error), typeid(Exception)) << code;
     }
-    EXPECT_THROW(readAcceptance("X.Y", answer), Exception);
+    EXPECT_THROW(checkSetAnswer("X.Y", answer), Exception);
     EXPECT_THROW(readPage("X.Y", answer), Exception);
 }
 
@@ -95,7 +95,7 @@ TEST(Messages, AnErrorWithoutAReasonIsStillAnError) {
     EXPECT_THROW(readValue("X.Y", R"({"error":7})"), PropertyException);
 }
 
-TEST(Messages, NonsenseIsAProtocolError) {
+TEST(Messages, MalformedAnswersAreProtocolErrors) {
     const std::string deep = std::string(100000, '[');
     for (const std::string& answer :
          {std::string(), std::string("x"), std::string("[]"), std::string("null"), std::string("\"text\""), deep,
@@ -107,7 +107,7 @@ TEST(Messages, NonsenseIsAProtocolError) {
     }
     EXPECT_THROW(readPage("K", R"({"properties":[7]})"), PropertyProtocolException);
     EXPECT_THROW(readPage("K", R"({"properties":[{"param":"A"}]})"), PropertyProtocolException);
-    EXPECT_THROW(readAcceptance("K", R"({"param":"L"})"), PropertyProtocolException);
+    EXPECT_THROW(checkSetAnswer("K", R"({"param":"L"})"), PropertyProtocolException);
 }
 
 }  // namespace

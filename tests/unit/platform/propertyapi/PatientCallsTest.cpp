@@ -1,4 +1,4 @@
-// Property calls across a restart of the property service, on a thread that waits for it and on one that does not.
+// Property calls during a restart of the property service, with and without PatientCalls on the thread.
 #include "propertyapi/PatientCalls.h"
 
 #include <gtest/gtest.h>
@@ -28,20 +28,20 @@ class PatientCalls : public testing::Test {
     std::optional<propertyapi::PatientCalls> patient{std::in_place};
 };
 
-TEST_F(PatientCalls, WaitFiveSecondsForAServiceThatWent) {
+TEST_F(PatientCalls, WaitFiveSecondsForTheService) {
     bus->answers = {offline, value("here")};
     EXPECT_EQ(properties->get("A.Key"), "here");
     EXPECT_EQ(bus->asked, (Topics{get, wait, get}));
     EXPECT_EQ(bus->patiences, std::vector<milliseconds>{milliseconds(5000)});
 }
 
-TEST_F(PatientCalls, FailWhenTheServiceStaysAway) {
+TEST_F(PatientCalls, FailIfTheServiceStaysOffline) {
     bus->comesBack = false;
     bus->answers = {offline};
     EXPECT_THROW(properties->get("A.Key"), PropertyOfflineException);
 }
 
-TEST_F(PatientCalls, AskAgainWhatWasInFlight) {
+TEST_F(PatientCalls, RetryGetAndListInFlight) {
     bus->answers = {lost, offline, value("here")};
     EXPECT_EQ(properties->get("A.Key"), "here");
     EXPECT_EQ(bus->asked, (Topics{get, get, wait, get}));
@@ -49,43 +49,43 @@ TEST_F(PatientCalls, AskAgainWhatWasInFlight) {
     EXPECT_TRUE(properties->list("A.", "").properties.empty());
 }
 
-TEST_F(PatientCalls, ReadBackASetThatWasInFlight) {
+TEST_F(PatientCalls, ReadBackASetInFlight) {
     bus->answers = {lost, offline, value("new")};
     properties->set("A.Key", "new");
-    EXPECT_EQ(bus->asked, (Topics{set, get, wait, get})) << "carried out: not made again";
+    EXPECT_EQ(bus->asked, (Topics{set, get, wait, get})) << "executed: not sent again";
     bus->asked.clear();
     bus->answers = {lost, offline, value("old"), value("new")};
     properties->set("A.Key", "new");
-    EXPECT_EQ(bus->asked, (Topics{set, get, wait, get, set})) << "not carried out: made again";
+    EXPECT_EQ(bus->asked, (Topics{set, get, wait, get, set})) << "not executed: sent again";
 }
 
-TEST_F(PatientCalls, ReadBackASetThatWasInFlightWhenTheServiceIsBackAlready) {
+TEST_F(PatientCalls, ReadBackASetInFlightIfTheServiceIsBackAlready) {
     bus->answers = {lost, value("old"), value("new")};
     properties->set("A.Key", "new");
     EXPECT_EQ(bus->asked, (Topics{set, get, set}));
 }
 
-TEST_F(PatientCalls, MakeASetTwiceAtMost) {
+TEST_F(PatientCalls, SendASetTwiceAtMost) {
     bus->answers = {lost, value("old"), lost, value("old"), value("old")};
     EXPECT_THROW(properties->set("A.Key", "new"), PropertyTimeoutException) << "it crashes the service each time";
     EXPECT_EQ(bus->asked, (Topics{set, get, set}));
 }
 
-TEST_F(PatientCalls, HaveTheirFullTimeOnceTheServiceIsBack) {
+TEST_F(PatientCalls, HaveTheirFullTimeoutOnceTheServiceIsBack) {
     bus->answers = {late};
     EXPECT_THROW(properties->get("A.Key"), PropertyTimeoutException);
     bus->answers = {offline, value("here")};
     EXPECT_EQ(properties->get("A.Key"), "here");
-    EXPECT_PRED2(isAbout, bus->timeouts[1], milliseconds(1000)) << "the service was silent before it went";
+    EXPECT_PRED2(isAbout, bus->timeouts[1], milliseconds(1000)) << "a call had timed out before the outage";
     EXPECT_PRED2(isAbout, bus->timeouts[2], milliseconds(5000));
 }
 
-TEST_F(PatientCalls, TimeOutOnAServiceThatIsFrozen) {
+TEST_F(PatientCalls, TimeOutOnAFrozenService) {
     EXPECT_THROW(properties->get("A.Key"), PropertyTimeoutException);
     EXPECT_EQ(bus->asked, Topics{get});
 }
 
-TEST_F(PatientCalls, EndWithTheirObject) {
+TEST_F(PatientCalls, EndWhenTheObjectIsDestroyed) {
     { const propertyapi::PatientCalls nested; }
     EXPECT_TRUE(propertyapi::PatientCalls::onThisThread());
     bus->answers = {offline, value("here")};
@@ -98,7 +98,7 @@ TEST_F(PatientCalls, EndWithTheirObject) {
     EXPECT_THROW(properties->set("A.Key", "here"), PropertyOfflineException);
 }
 
-TEST_F(PatientCalls, AreOfTheirOwnThreadOnly) {
+TEST_F(PatientCalls, AffectTheirOwnThreadOnly) {
     bus->answers = {offline, value("here")};
     std::thread([this] { EXPECT_THROW(properties->get("A.Key"), PropertyOfflineException); }).join();
     EXPECT_EQ(bus->asked, Topics{get});

@@ -33,7 +33,7 @@ TEST_F(PropertyApi, Gets) {
     EXPECT_EQ(bus->status, "prop-service/status");
 }
 
-TEST_F(PropertyApi, SetsInItsOwnNameOrAnother) {
+TEST_F(PropertyApi, SetsWithTheDefaultOrAnotherSource) {
     bus->answers = {value, value};
     properties->set("A.B", "7");
     EXPECT_EQ(bus->asked, propertytest::Topics{"prop-service/set"});
@@ -42,7 +42,7 @@ TEST_F(PropertyApi, SetsInItsOwnNameOrAnother) {
     EXPECT_EQ(bus->payloads.back(), R"({"param":"A.B","value":"7","source":"provisioning"})");
 }
 
-TEST_F(PropertyApi, SendsNothingThatNoServiceCouldTake) {
+TEST_F(PropertyApi, DoesNotSendInvalidKeysAndValues) {
     EXPECT_THROW(properties->set("A.B", "\xff"), PropertyInvalidValueException);
     EXPECT_THROW(properties->set("A.B", std::string(65537, 'x')), PropertyInvalidValueException);
     EXPECT_THROW(properties->get("\xff"), PropertyNotFoundException);
@@ -50,7 +50,7 @@ TEST_F(PropertyApi, SendsNothingThatNoServiceCouldTake) {
     EXPECT_TRUE(bus->asked.empty());
 }
 
-TEST_F(PropertyApi, NamesTheKeyWhenTheBusFails) {
+TEST_F(PropertyApi, BusErrorsHaveTheKey) {
     const auto textOf = [this] {
         try {
             properties->get("A.B");
@@ -71,7 +71,7 @@ TEST_F(PropertyApi, NamesTheKeyWhenTheBusFails) {
     EXPECT_EQ(textOf(), "other|Property 'A.B': odd");
 }
 
-/// A small property service on a real broker: the whole way there and back.
+/// End to end: a small property service on a real broker.
 TEST(PropertyApiOnTheBus, ReadsWritesAndLists) {
     fakes::Broker broker;
     std::map<std::string, std::string> store{{"A.1", "one"}, {"A.2", "two"}, {"B.1", "gr\xc3\xbc\xc3\x9f"}};

@@ -1,5 +1,5 @@
-// A bus on which requests get the answers that a test has written down, in order, and are recorded. No thread, no
-// time: what a call would wait is recorded too.
+// A fake bus that records requests and gives them the scripted answers, in order. It has no threads and no clock: it
+// only records how long a call would wait.
 #pragma once
 
 #include <chrono>
@@ -47,7 +47,7 @@ class ScriptedBus final : public ipc::IIPCClient {
     std::uint64_t answersReceived() const override { return received; }
     void limitRequests(milliseconds requestLimit) override { limit = requestLimit; }
 
-    std::deque<Answer> answers;  // an empty list: nobody answers
+    std::deque<Answer> answers;  // empty: requests time out
     bool comesBack = true;
     std::uint64_t received = 0;
 
@@ -65,12 +65,13 @@ inline ScriptedBus::Answer value(const std::string& text) {
     return [text] { return R"({"param":"A.Key","value":")" + text + R"("})"; };
 }
 
-inline std::string broken() { throw ipc::IPCInterruptedException("the connection broke"); }
+inline std::string broken() { throw ipc::IPCInterruptedException("the connection was lost"); }
 inline std::string offline() { throw ipc::IPCOfflineException("the service is offline"); }
 inline std::string lost() { throw ipc::IPCServiceLostException("the service went offline"); }
 inline std::string late() { throw ipc::IPCTimeoutException("no answer in time"); }
 
-/// The time that a call was given, some of which it may have used before it was recorded; tells 1, 2 and 5 s apart.
+/// Whether a recorded time-out is the expected one. A call may have used some of its time before it was recorded; this
+/// still distinguishes 1, 2 and 5 s.
 inline bool isAbout(milliseconds actual, milliseconds expected) { return actual <= expected && actual > expected / 2; }
 
 }  // namespace propertytest

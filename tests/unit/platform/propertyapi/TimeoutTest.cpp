@@ -1,4 +1,4 @@
-// How long a property call waits: normally, after a time-out, and while the process is shutting down.
+// Time-outs of property calls: normally, after a time-out, and during shutdown.
 #include <gtest/gtest.h>
 
 #include <memory>
@@ -14,7 +14,7 @@ using propertyapi::PropertyTimeoutException;
 
 class Timeout : public testing::Test {
  protected:
-    // One call whose time is recorded; whether it was answered does not matter.
+    // The time-out of one call, whether it was answered or not.
     milliseconds timeGiven() {
         const std::size_t before = bus->timeouts.size();
         try {
@@ -47,7 +47,7 @@ TEST_F(Timeout, IsRestoredByARefusal) {
 
 TEST_F(Timeout, IsRestoredByALateAnswer) {
     timeGiven();
-    ++bus->received;  // nobody waits for it any more
+    ++bus->received;  // after its call has timed out
     EXPECT_PRED2(isAbout, timeGiven(), milliseconds(5000));
 }
 
@@ -73,7 +73,7 @@ TEST_F(Timeout, EndsCallsAtOnceAfterATimeoutDuringShutdown) {
     EXPECT_PRED2(isAbout, timeGiven(), milliseconds(2000));
 }
 
-TEST_F(Timeout, EndsCallsAtOnceInAShutdownThatBeginsAfterATimeout) {
+TEST_F(Timeout, EndsCallsAtOnceIfShutdownBeginsAfterATimeout) {
     timeGiven();
     properties->beginShutdown();
     EXPECT_THROW(properties->get("A.Key"), PropertyTimeoutException);
@@ -90,14 +90,14 @@ TEST_F(Timeout, OfACallInFlightEndsTwoSecondsAfterTheShutdownBegins) {
     EXPECT_PRED2(isAbout, bus->timeouts[1], milliseconds(2000));
 }
 
-TEST_F(Timeout, StaysAsItIsWhenTheShutdownIsAnnouncedAgain) {
+TEST_F(Timeout, SecondShutdownCallChangesNothing) {
     properties->beginShutdown();
     bus->limit.reset();
     properties->beginShutdown();
     EXPECT_FALSE(bus->limit) << "a call in flight would get another two seconds";
 }
 
-TEST_F(Timeout, KeyThatCannotBeSentIsStillUnknownDuringShutdown) {
+TEST_F(Timeout, InvalidKeyIsStillUnknownDuringShutdown) {
     timeGiven();
     properties->beginShutdown();
     EXPECT_THROW(properties->get("\xff"), propertyapi::PropertyNotFoundException);
