@@ -36,7 +36,7 @@ class ReceiverThread final : public SignalReceiver {
         const std::lock_guard<std::mutex> lock(mutex_);
         handlers_[signal] = handler;
         if (!thread_.joinable()) {
-            thread_ = std::thread([this] { receive(); });
+            startThread();
         } else {
             pthread_kill(thread_.native_handle(), wakeUp());  // or it would keep waiting for the old set
         }
@@ -68,11 +68,23 @@ class ReceiverThread final : public SignalReceiver {
         return found == handlers_.end() ? nullptr : found->second;
     }
 
-    void receive() {
-        // A signal that is registered later must be blocked in this thread too.
+    // The thread begins with every signal blocked. One that is registered later would otherwise find it unblocked there
+    // for a moment, and take its default action.
+    void startThread() {
         sigset_t all;
+        sigset_t before;
         sigfillset(&all);
-        pthread_sigmask(SIG_BLOCK, &all, nullptr);
+        pthread_sigmask(SIG_SETMASK, &all, &before);
+        try {
+            thread_ = std::thread([this] { receive(); });
+        } catch (...) {
+            pthread_sigmask(SIG_SETMASK, &before, nullptr);
+            throw;
+        }
+        pthread_sigmask(SIG_SETMASK, &before, nullptr);
+    }
+
+    void receive() {
         while (!ending_) {
             const sigset_t set = handledSignals();
             int received = 0;

@@ -49,6 +49,24 @@ TEST(SignalTest, HandlersRunOnTheReceivingThread) {
     EXPECT_EQ(received.size(), 2U);
 }
 
+TEST(SignalTest, SignalRegisteredLastNeverTakesItsDefaultAction) {
+    sigset_t last;
+    sigemptyset(&last);
+    sigaddset(&last, SIGUSR2);
+    for (int round = 0; round < 200; ++round) {
+        pthread_sigmask(SIG_UNBLOCK, &last, nullptr);
+        {
+            const std::lock_guard<std::mutex> lock(mutex);
+            received.clear();
+        }
+        const auto receiver = common::signal::registerHandler();
+        common::signal::registerCustomHandler(SIGUSR1, remember);  // starts the thread
+        common::signal::registerCustomHandler(SIGUSR2, remember);
+        kill(getpid(), SIGUSR2);
+        ASSERT_TRUE(waitForSignals(1));
+    }
+}
+
 TEST(SignalTest, RegisterHandlerRestoresAnIgnoredSigchld) {
     const auto before = signal(SIGCHLD, SIG_IGN);
     const auto receiver = common::signal::registerHandler();
