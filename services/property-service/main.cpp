@@ -10,7 +10,6 @@
 #include "common/Signal.h"
 #include "debug/Debug.h"
 #include "ipc/Address.h"
-#include "ipc/IPCException.h"
 #include "ipc/IPCFactory.h"
 #include "propertyprotocol/Topics.h"
 #include "service/PropertyService.h"
@@ -35,15 +34,6 @@ void onTerminate(int) {
     }
 }
 
-std::string hostError(const std::string& host) {
-    try {
-        ipc::parseAddress(host);
-        return {};
-    } catch (const ipc::IPCException& error) {
-        return error.what();
-    }
-}
-
 // HOST:PORT, with brackets around an IPv6 address.
 std::string withPort(const ipc::Address& address, int port) {
     const bool isIpv6 = address.host.find(':') != std::string::npos;
@@ -64,7 +54,7 @@ int main(int argc, char** argv) {
     app.add_option("--store", storePath, "Settings file; created if missing")->capture_default_str();
     app.add_option("--catalogue", cataloguePath, "File that defines the keys")->capture_default_str();
     app.add_option("--host", host, "The broker: HOST, HOST:PORT or [IPV6]:PORT")
-        ->check(hostError)
+        ->check(ipc::addressError)
         ->capture_default_str();
     const CLI::Option* const portOption =
         app.add_option("--port", port, "The broker's port, if --host has none")->check(CLI::Range(1, 65535));

@@ -10,20 +10,10 @@
 #include "Help.h"
 #include "Output.h"
 #include "ipc/Address.h"
-#include "ipc/IPCException.h"
 
 namespace zavctl {
 
 namespace {
-
-std::string hostError(const std::string& host) {
-    try {
-        ipc::parseAddress(host);
-        return {};
-    } catch (const ipc::IPCException& error) {
-        return error.what();
-    }
-}
 
 Failure usageFailure(const std::string& command, const std::string& reason) {
     return {ExitCode::usage, "usage", reason + " (see zavctl " + (command.empty() ? "" : command + " ") + "--help)"};
@@ -35,7 +25,7 @@ class CommandLine {
         app_.set_version_flag("--version", "zavctl " ZAV_VERSION);
         app_.add_flag("--json", options_.json, "Prints JSON, one object per line, for errors too");
         app_.add_option("--host", options_.host, "The broker: HOST, HOST:PORT or [IPV6]:PORT")
-            ->check(hostError)
+            ->check(ipc::addressError)
             ->capture_default_str();
         app_.footer(generalFooter());
         app_.require_subcommand(1);

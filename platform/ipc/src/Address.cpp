@@ -51,6 +51,15 @@ Address parseAddress(const std::string& text) {
     return address;
 }
 
+std::string addressError(const std::string& text) {
+    try {
+        parseAddress(text);
+        return {};
+    } catch (const IPCException& error) {
+        return error.what();
+    }
+}
+
 std::vector<std::string> resolve(const Address& address, std::string& failure) {
     addrinfo hints{};
     hints.ai_socktype = SOCK_STREAM;

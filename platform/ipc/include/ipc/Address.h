@@ -14,4 +14,7 @@ struct Address {
 /// Throws IPCException with the text and the reason if the address is invalid.
 Address parseAddress(const std::string& text);
 
+/// What parseAddress would throw, as a text; empty if the address is valid.
+std::string addressError(const std::string& text);
+
 }  // namespace ipc

@@ -8,6 +8,11 @@
 
 namespace {
 
+TEST(Address, ErrorIsEmptyForAValidAddress) {
+    EXPECT_EQ(ipc::addressError("localhost:1883"), "");
+    EXPECT_NE(ipc::addressError("localhost:port").find("localhost:port"), std::string::npos);
+}
+
 TEST(Address, ReadsHostAndPort) {
     const struct {
         const char* text;
