@@ -6,12 +6,12 @@
 
 #include <algorithm>
 #include <cerrno>
+#include <charconv>
 #include <fstream>
-#include <iterator>
+#include <optional>
 #include <sstream>
 #include <system_error>
 
-#include "catalogue/KeyPattern.h"
 #include "debug/Debug.h"
 #include "propertyprotocol/Limits.h"
 #include "propertyprotocol/Utf8.h"
@@ -21,6 +21,7 @@ namespace propertyservice {
 namespace {
 
 constexpr std::size_t maxFileBytes = 8 * 1024 * 1024;
+constexpr std::size_t maxKeysOfPattern = 10000;
 
 class Source {
  public:
@@ -152,12 +153,35 @@ std::shared_ptr<const Definition> readDefinition(const Json::Value& json) {
         throw std::invalid_argument("the default must be at most " + std::to_string(propertyprotocol::maxValueBytes) +
                                     " bytes long");
     }
-    const std::string objection = definition->rule->objection(definition->defaultValue);
+    const std::string objection = definition->rule(definition->defaultValue);
     if (!objection.empty()) {
         const std::string shown = definition->isSecret() ? "" : " \"" + definition->defaultValue + "\"";
         throw std::invalid_argument("the default" + shown + " " + objection);
     }
     return definition;
+}
+
+struct Range {
+    unsigned first;
+    unsigned last;
+};
+
+std::optional<unsigned> indexOf(const std::string& digits) {
+    unsigned number = 0;
+    const auto [end, error] = std::from_chars(digits.data(), digits.data() + digits.size(), number);
+    const bool canonical = digits == "0" || (!digits.empty() && digits.front() != '0');
+    if (error != std::errc() || end != digits.data() + digits.size() || !canonical) return std::nullopt;
+    return number;
+}
+
+Range rangeOf(const std::string& text) {
+    const std::string::size_type dash = text.find('-');
+    if (dash != std::string::npos) {
+        const std::optional<unsigned> first = indexOf(text.substr(0, dash));
+        const std::optional<unsigned> last = indexOf(text.substr(dash + 1));
+        if (first && last && *first <= *last && *last - *first < maxKeysOfPattern) return {*first, *last};
+    }
+    throw std::invalid_argument("\"{" + text + "}\" is not an index range such as {0-7}");
 }
 
 }  // namespace
@@ -179,6 +203,33 @@ bool isKey(const std::string& text) {
 }
 
 bool isState(const std::string& key) { return key.compare(0, 6, "State.") == 0; }
+
+std::vector<std::string> expandKeyPattern(const std::string& pattern) {
+    std::vector<std::string> keys{""};
+    std::string::size_type position = 0;
+    while (position < pattern.size()) {
+        const std::string::size_type open = pattern.find('{', position);
+        const std::string literal = pattern.substr(position, open - position);
+        for (std::string& key : keys) key += literal;
+        if (open == std::string::npos) break;
+        const std::string::size_type close = pattern.find('}', open);
+        if (close == std::string::npos) throw std::invalid_argument("\"{\" is not closed");
+        const Range indices = rangeOf(pattern.substr(open + 1, close - open - 1));
+        if (keys.size() * (indices.last - indices.first + 1) > maxKeysOfPattern) {
+            throw std::invalid_argument("the pattern expands to more than " + std::to_string(maxKeysOfPattern) +
+                                        " keys");
+        }
+        std::vector<std::string> longer;
+        for (const std::string& key : keys) {
+            for (unsigned offset = 0; offset <= indices.last - indices.first; ++offset) {
+                longer.push_back(key + std::to_string(indices.first + offset));
+            }
+        }
+        keys = std::move(longer);
+        position = close + 1;
+    }
+    return keys;
+}
 
 Catalogue Catalogue::load(const std::string& path) {
     std::ifstream file(path, std::ios::binary);

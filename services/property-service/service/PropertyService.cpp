@@ -29,7 +29,7 @@ bool isPublishable(const std::string& topic) {
 
 std::string objection(const Property& property, const std::string& value) {
     if (value.size() > maxValueBytes) return "must be at most " + std::to_string(maxValueBytes) + " bytes long";
-    return property.definition->rule->objection(value);
+    return property.definition->rule(value);
 }
 
 }  // namespace

@@ -16,7 +16,7 @@ using propertyprotocol::isUtf8WithoutNul;
 std::string objection(const Definition& definition, const std::string& value) {
     if (value.size() > maxValueBytes) return "is too long";
     if (!isUtf8WithoutNul(value)) return "is not UTF-8 text";
-    return definition.rule->objection(value);
+    return definition.rule(value);
 }
 
 }  // namespace
