@@ -7,6 +7,7 @@
 #include "PrivateFile.h"
 #include "debug/Debug.h"
 #include "propertyprotocol/Errors.h"
+#include "propertyprotocol/Topics.h"
 
 namespace zavctl {
 
@@ -14,9 +15,13 @@ namespace {
 
 // Settings of an older or newer version of the phone's software. An older service does not list them.
 Settings uncataloguedOf(Session& session) {
+    Json::Value request;
+    request["uncatalogued"] = true;
     Settings settings;
     try {
-        for (propertyapi::Property& one : session.listUncatalogued()) settings[one.key] = std::move(one.value);
+        for (const Json::Value& one : session.requestAll(propertyprotocol::listTopic, request, "properties")) {
+            settings[one["param"].asString()] = one["value"].asString();
+        }
     } catch (const Failure& failure) {
         if (failure.name() != propertyprotocol::errors::badRequest) throw;
     }
@@ -31,9 +36,8 @@ Json::Value namesOf(const Settings& settings) {
 
 }  // namespace
 
-ExitCode backup(const Environment& environment, const Options& options, const std::string& path, bool replace) {
+void backup(const Environment& environment, const Options& options, const std::string& path, bool replace) {
     Session session(environment, options.host);
-    session.connect();
     Settings settings = settingsOf(session, "", definitionsOf(session, ""));
     const Settings uncatalogued = uncataloguedOf(session);
     settings.insert(uncatalogued.begin(), uncatalogued.end());
@@ -50,7 +54,7 @@ ExitCode backup(const Environment& environment, const Options& options, const st
         object["settings"] = static_cast<Json::UInt64>(settings.size());
         object["uncatalogued"] = namesOf(uncatalogued);
         printJson(environment.out, object);
-        return ExitCode::done;
+        return;
     }
     for (const auto& [key, value] : uncatalogued) {
         environment.err << "zavctl: " << dbg::escapeControls(key)
@@ -63,13 +67,11 @@ ExitCode backup(const Environment& environment, const Options& options, const st
         environment.out << count << " written to " << dbg::escapeControls(path) << ", including passwords."
                         << std::endl;
     }
-    return ExitCode::done;
 }
 
-ExitCode restore(const Environment& environment, const Options& options, const std::string& path) {
+void restore(const Environment& environment, const Options& options, const std::string& path) {
     Settings settings = readSettings(path);
     Session session(environment, options.host);
-    session.connect();
     const Definitions definitions = definitionsOf(session, "");
     for (auto one = settings.begin(); one != settings.end();) {
         if (isSetting(definitions, one->first)) {
@@ -84,14 +86,13 @@ ExitCode restore(const Environment& environment, const Options& options, const s
     if (!differences.empty()) writeChanges(session, differences, true);
     if (options.json) {
         Json::Value object;
-        object["changes"] = DifferencePrinter(definitions, options.showSecrets).json(differences);
+        object["changes"] = toJson(shown(differences, definitions, options.showSecrets));
         object["applied"] = true;
         printJson(environment.out, object);
     } else {
         environment.out << counted(differences.size(), "setting", "settings") << " written, "
                         << settings.size() - differences.size() << " unchanged." << std::endl;
     }
-    return ExitCode::done;
 }
 
 }  // namespace zavctl

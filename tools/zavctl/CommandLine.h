@@ -5,7 +5,7 @@
 #include <vector>
 
 #include "Environment.h"
-#include "ExitCode.h"
+#include "Failure.h"
 
 namespace zavctl {
 

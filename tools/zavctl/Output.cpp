@@ -1,24 +1,25 @@
 #include "Output.h"
 
+#include <iomanip>
+
 #include "Json.h"
-#include "common/UrlSyntax.h"
 #include "debug/Debug.h"
 
 namespace zavctl {
 
 void printJson(std::ostream& out, const Json::Value& object) { out << compactJson(object) << std::endl; }
 
-void printFailure(std::ostream& out, std::ostream& err, bool json, const Failure& failure) {
-    if (json) {
-        Json::Value object;
-        object["error"] = failure.name();
-        object["reason"] = failure.what();
-        printJson(out, object);
-    } else {
-        err << "zavctl: " << dbg::escapeControls(failure.what()) << std::endl;
+void printTable(std::ostream& out, int width, const Table& table) {
+    for (const auto& [name, value] : table) {
+        out << std::left << std::setw(width) << name << (value.empty() ? "-" : dbg::escapeControls(value)) << "\n";
     }
+    out.flush();
 }
 
-std::string withoutPassword(const std::string& url) { return common::withoutPassword(url); }
+bool isNumber(const std::string& text) {
+    return !text.empty() && text.size() < 10 && text.find_first_not_of("0123456789") == std::string::npos;
+}
+
+Json::Value toNumber(const std::string& text) { return isNumber(text) ? Json::Value(std::stoi(text)) : Json::Value(); }
 
 }  // namespace zavctl

@@ -90,21 +90,18 @@ class PresencePrinter final : public ipc::IIPCCallback {
 
 }  // namespace
 
-ExitCode watch(const Environment& environment, const Options& options, const std::string& prefix) {
+void watch(const Environment& environment, const Options& options, const std::string& prefix) {
     environment.catchSignals();
     Printer printer(environment, options.json, prefix);
     PresencePrinter presence(printer);
-    Session session(environment, options.host);
-    session.subscribe(topicFilter(prefix), printer);
-    session.subscribe(propertyprotocol::statusTopic, presence);
-    session.connect();
+    Session session(environment, options.host,
+                    {{topicFilter(prefix), &printer}, {propertyprotocol::statusTopic, &presence}});
     // Also fails at once if the property service is offline.
     if (session.properties().list(prefix, "").properties.empty()) {
         printer.warn("no key begins with \"" + prefix + "\"; watching anyway");
     }
     while (!environment.stopSignal.waitFor(std::chrono::hours(1))) {
     }
-    return ExitCode::done;
 }
 
 }  // namespace zavctl
