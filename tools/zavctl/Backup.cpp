@@ -15,8 +15,7 @@ namespace {
 
 // Settings of an older or newer version of the phone's software. An older service does not list them.
 Settings uncataloguedOf(Session& session) {
-    Json::Value request;
-    request["uncatalogued"] = true;
+    const Json::Value request = toObject({{"uncatalogued", true}});
     Settings settings;
     try {
         for (const Json::Value& one : session.requestAll(propertyprotocol::listTopic, request, "properties")) {
@@ -49,20 +48,17 @@ void backup(const Environment& environment, const Options& options, const std::s
         writePrivateFile(path, text, replace);
     }
     if (options.json && !toOutput) {
-        Json::Value object;
-        object["file"] = path;
-        object["settings"] = static_cast<Json::UInt64>(settings.size());
-        object["uncatalogued"] = namesOf(uncatalogued);
-        printJson(environment.out, object);
+        printJson(environment.out, toObject({{"file", path},
+                                             {"settings", static_cast<Json::UInt64>(settings.size())},
+                                             {"uncatalogued", namesOf(uncatalogued)}}));
         return;
     }
     for (const auto& [key, value] : uncatalogued) {
-        environment.err << "zavctl: " << dbg::escapeControls(key)
-                        << " is stored but not in the catalogue; the backup includes it" << std::endl;
+        printError(environment.err, key + " is stored but not in the catalogue; the backup includes it");
     }
     const std::string count = counted(settings.size(), "setting", "settings");
     if (toOutput) {
-        environment.err << "zavctl: " << count << " written to standard output, including passwords." << std::endl;
+        printError(environment.err, count + " written to standard output, including passwords.");
     } else {
         environment.out << count << " written to " << dbg::escapeControls(path) << ", including passwords."
                         << std::endl;
@@ -78,17 +74,14 @@ void restore(const Environment& environment, const Options& options, const std::
             ++one;
             continue;
         }
-        environment.err << "zavctl: " << dbg::escapeControls(one->first) << " skipped: this phone has no such setting"
-                        << std::endl;
+        printError(environment.err, one->first + " skipped: this phone has no such setting");
         one = settings.erase(one);
     }
     const std::vector<Difference> differences = changesTo(valuesOf(session, ""), settings);
     if (!differences.empty()) writeChanges(session, differences, true);
     if (options.json) {
-        Json::Value object;
-        object["changes"] = toJson(shown(differences, definitions, options.showSecrets));
-        object["applied"] = true;
-        printJson(environment.out, object);
+        const Json::Value changes = toJson(shown(differences, definitions, options.showSecrets));
+        printJson(environment.out, toObject({{"changes", changes}, {"applied", true}}));
     } else {
         environment.out << counted(differences.size(), "setting", "settings") << " written, "
                         << settings.size() - differences.size() << " unchanged." << std::endl;

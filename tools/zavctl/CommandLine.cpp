@@ -1,5 +1,3 @@
-#include "CommandLine.h"
-
 #include <CLI/CLI.hpp>
 #include <functional>
 #include <optional>
@@ -7,7 +5,6 @@
 #include "Arguments.h"
 #include "Commands.h"
 #include "Output.h"
-#include "debug/Debug.h"
 #include "ipc/Address.h"
 
 namespace zavctl {
@@ -127,12 +124,9 @@ class CommandLine {
 
     void print(const Failure& failure, bool json) const {
         if (json) {
-            Json::Value object;
-            object["error"] = failure.name();
-            object["reason"] = failure.what();
-            printJson(environment_.out, object);
+            printJson(environment_.out, toObject({{"error", failure.name()}, {"reason", failure.what()}}));
         } else {
-            environment_.err << "zavctl: " << dbg::escapeControls(failure.what()) << std::endl;
+            printError(environment_.err, failure.what());
         }
     }
 
@@ -294,7 +288,7 @@ class CommandLine {
 
 }  // namespace
 
-ExitCode run(std::vector<std::string> arguments, const Environment& environment) {
+ExitCode run(const std::vector<std::string>& arguments, const Environment& environment) {
     return CommandLine(environment).run(arguments);
 }
 

@@ -18,10 +18,7 @@ namespace zavctl {
 namespace {
 
 Json::Value pair(const std::string& key, const std::string& value) {
-    Json::Value object;
-    object["param"] = key;
-    object["value"] = value;
-    return object;
+    return toObject({{"param", key}, {"value", value}});
 }
 
 std::string getOrEmpty(propertyapi::IPropertyApi& properties, const std::string& key) {
@@ -90,20 +87,14 @@ void list(const Environment& environment, const Options& options, const std::str
             environment.out << property.key << "=" << dbg::escapeControls(value) << "\n";
         }
     }
-    if (options.json) {
-        Json::Value object;
-        object["properties"] = std::move(all);
-        printJson(environment.out, object);
-    }
+    if (options.json) printJson(environment.out, toObject({{"properties", all}}));
     environment.out.flush();
 }
 
 void describe(const Environment& environment, const Options& options, const std::string& key) {
     Session session(environment, options.host);
     if (options.json) {
-        Json::Value request;
-        request["param"] = key;
-        printJson(environment.out, session.request(propertyprotocol::describeTopic, request));
+        printJson(environment.out, session.request(propertyprotocol::describeTopic, toObject({{"param", key}})));
         return;
     }
     const Definition definition = definitionOf(session, key);
@@ -120,16 +111,15 @@ void describe(const Environment& environment, const Options& options, const std:
 
 void keys(const Environment& environment, const Options& options, const std::string& prefix) {
     Session session(environment, options.host);
-    Json::Value object;
-    object["keys"] = Json::Value(Json::arrayValue);
+    Json::Value all(Json::arrayValue);
     for (const propertyapi::Property& property : matching(session, prefix)) {
         if (options.json) {
-            object["keys"].append(property.key);
+            all.append(property.key);
         } else {
             environment.out << property.key << "\n";
         }
     }
-    if (options.json) printJson(environment.out, object);
+    if (options.json) printJson(environment.out, toObject({{"keys", all}}));
     environment.out.flush();
 }
 
@@ -147,18 +137,16 @@ void status(const Environment& environment, const Options& options) {
     const std::string provisioning = getOrEmpty(properties, "System.Provision.ProvisioningVersion");
     const std::string period = getOrEmpty(properties, "System.Provision.Period");
     if (options.json) {
-        Json::Value object;
-        object["server"] = server;
-        object["requestPending"] = pending;
-        object["result"] = pending ? Json::Value() : Json::Value(state);
-        object["httpStatus"] = toNumber(http);
-        object["uiLocked"] = locked;
-        object["softwareVersion"] = software;
-        object["settingsVersion"] = settings;
-        object["customVersion"] = custom;
-        object["provisioningVersion"] = provisioning;
-        object["period"] = period;
-        printJson(environment.out, object);
+        printJson(environment.out, toObject({{"server", server},
+                                             {"requestPending", pending},
+                                             {"result", pending ? Json::Value() : Json::Value(state)},
+                                             {"httpStatus", toNumber(http)},
+                                             {"uiLocked", locked},
+                                             {"softwareVersion", software},
+                                             {"settingsVersion", settings},
+                                             {"customVersion", custom},
+                                             {"provisioningVersion", provisioning},
+                                             {"period", period}}));
         return;
     }
     const Table table{

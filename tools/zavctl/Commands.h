@@ -1,14 +1,20 @@
-// The commands. Each prints its result and returns when it is done; errors are thrown.
+// The command line of zavctl, and its commands. A command prints its result and returns when it is done; errors are
+// thrown.
 #pragma once
 
 #include <chrono>
 #include <optional>
 #include <string>
+#include <vector>
 
 #include "Environment.h"
 #include "Failure.h"
 
 namespace zavctl {
+
+/// Parses the command line (without the program's name), runs the command, and turns errors into messages and an exit
+/// status. Never throws.
+ExitCode run(const std::vector<std::string>& arguments, const Environment& environment);
 
 struct Options {
     std::string host = "localhost:1883";

@@ -1,5 +1,6 @@
 #include "Definitions.h"
 
+#include "Output.h"
 #include "common/UrlSyntax.h"
 #include "propertyprotocol/Topics.h"
 
@@ -42,14 +43,11 @@ Definition read(const Json::Value& json) {
 }  // namespace
 
 Definition definitionOf(Session& session, const std::string& key) {
-    Json::Value request;
-    request["param"] = key;
-    return read(session.request(propertyprotocol::describeTopic, request));
+    return read(session.request(propertyprotocol::describeTopic, toObject({{"param", key}})));
 }
 
 Definitions definitionsOf(Session& session, const std::string& prefix) {
-    Json::Value request;
-    request["prefix"] = prefix;
+    const Json::Value request = toObject({{"prefix", prefix}});
     Definitions definitions;
     for (const Json::Value& json : session.requestAll(propertyprotocol::describeTopic, request, "definitions")) {
         definitions.emplace(textOf(json["param"]), read(json));

@@ -4,6 +4,7 @@
 #include <iterator>
 
 #include "Failure.h"
+#include "Output.h"
 #include "debug/Debug.h"
 #include "propertyprotocol/Errors.h"
 #include "propertyprotocol/Topics.h"
@@ -66,16 +67,11 @@ std::vector<Difference> compare(const Settings& before, const Settings& after) {
 }
 
 void writeChanges(Session& session, const std::vector<Difference>& differences, bool apply) {
-    Json::Value request;
-    request["source"] = clientName;
-    request["apply"] = apply;
-    request["properties"] = Json::Value(Json::arrayValue);
+    Json::Value writes(Json::arrayValue);
     for (const Difference& one : differences) {
-        Json::Value property;
-        property["param"] = one.key;
-        property["value"] = one.after ? Json::Value(*one.after) : Json::Value();
-        request["properties"].append(std::move(property));
+        writes.append(toObject({{"param", one.key}, {"value", orNull(one.after)}}));
     }
+    const Json::Value request = toObject({{"source", clientName}, {"apply", apply}, {"properties", writes}});
     const Json::Value answer = session.request(propertyprotocol::importTopic, request);
     const Json::Value& errors = answer["errors"];
     if (!errors.isArray()) return;
@@ -110,11 +106,7 @@ void printDifferences(std::ostream& out, const std::vector<Difference>& differen
 Json::Value toJson(const std::vector<Difference>& differences) {
     Json::Value list(Json::arrayValue);
     for (const Difference& one : differences) {
-        Json::Value object;
-        object["param"] = one.key;
-        object["before"] = one.before ? Json::Value(*one.before) : Json::Value();
-        object["after"] = one.after ? Json::Value(*one.after) : Json::Value();
-        list.append(std::move(object));
+        list.append(toObject({{"param", one.key}, {"before", orNull(one.before)}, {"after", orNull(one.after)}}));
     }
     return list;
 }

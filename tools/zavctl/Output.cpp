@@ -7,7 +7,19 @@
 
 namespace zavctl {
 
+Json::Value toObject(std::initializer_list<std::pair<const char*, Json::Value>> members) {
+    Json::Value object;
+    for (const auto& [name, value] : members) object[name] = value;
+    return object;
+}
+
+Json::Value orNull(const std::optional<std::string>& text) { return text ? Json::Value(*text) : Json::Value(); }
+
 void printJson(std::ostream& out, const Json::Value& object) { out << compactJson(object) << std::endl; }
+
+void printError(std::ostream& err, const std::string& text) {
+    err << "zavctl: " << dbg::escapeControls(text) << std::endl;
+}
 
 void printTable(std::ostream& out, int width, const Table& table) {
     for (const auto& [name, value] : table) {

@@ -3,6 +3,8 @@
 
 #include <json/value.h>
 
+#include <initializer_list>
+#include <optional>
 #include <ostream>
 #include <string>
 #include <utility>
@@ -10,8 +12,17 @@
 
 namespace zavctl {
 
+/// A JSON object with these members.
+Json::Value toObject(std::initializer_list<std::pair<const char*, Json::Value>> members);
+
+/// The text as JSON; null if there is none.
+Json::Value orNull(const std::optional<std::string>& text);
+
 /// Prints the object in one line and flushes it, so that the reader of a pipe sees it at once.
 void printJson(std::ostream& out, const Json::Value& object);
+
+/// Prints "zavctl: " and the text in one line.
+void printError(std::ostream& err, const std::string& text);
 
 /// Names and values.
 using Table = std::vector<std::pair<const char*, std::string>>;

@@ -1,5 +1,3 @@
-#include <json/value.h>
-
 #include <algorithm>
 #include <cmath>
 #include <cstdio>
@@ -120,18 +118,16 @@ std::string follow(const Environment& environment, const Options& options, Sessi
         const std::string reason = likelyReason(session, state);
         progress.clear();
         if (const std::string lost = follower.state().lostReason; !lost.empty()) failLost(lost);
-        environment.err << "zavctl: no provisioning pass has begun yet: " << reason << std::endl;
+        printError(environment.err, "no provisioning pass has begun yet: " + reason);
     }
 }
 
 ExitCode report(const Environment& environment, const Options& options, const std::string& result,
                 const std::string& http, std::chrono::milliseconds duration) {
     if (options.json) {
-        Json::Value object;
-        object["result"] = result;
-        object["httpStatus"] = toNumber(http);
-        object["milliseconds"] = static_cast<Json::Int64>(duration.count());
-        printJson(environment.out, object);
+        const Json::Int64 milliseconds = duration.count();
+        printJson(environment.out,
+                  toObject({{"result", result}, {"httpStatus", toNumber(http)}, {"milliseconds", milliseconds}}));
     } else {
         environment.out << dbg::escapeControls(result);
         if (result == "partSuccess") environment.out << ": some jobs or settings were not applied";
@@ -156,9 +152,7 @@ ExitCode provision(const Environment& environment, const Options& options, bool 
     session.properties().set("State.Provisioning", clientName, "request");
     if (!wait) {
         if (options.json) {
-            Json::Value object;
-            object["requested"] = true;
-            printJson(environment.out, object);
+            printJson(environment.out, toObject({{"requested", true}}));
         } else {
             environment.out << "Provisioning requested." << std::endl;
         }

@@ -25,8 +25,7 @@ void exportSettings(const Environment& environment, const Options& options, cons
     const Json::Value json = toJson(settings);
     environment.out << (options.json ? compactJson(json) : readableJson(json)) << std::endl;
     if (hidden > 0) {
-        environment.err << "zavctl: " << counted(hidden, "secret", "secrets")
-                        << " omitted; --show-secrets includes them" << std::endl;
+        printError(environment.err, counted(hidden, "secret", "secrets") + " omitted; --show-secrets includes them");
     }
 }
 
@@ -42,10 +41,7 @@ void importSettings(const Environment& environment, const Options& options, cons
     for (Difference& one : differences) one.after = wanted.at(one.key);
     if (apply && !differences.empty()) writeChanges(session, differences, true);
     if (options.json) {
-        Json::Value object;
-        object["changes"] = toJson(visible);
-        object["applied"] = apply;
-        printJson(environment.out, object);
+        printJson(environment.out, toObject({{"changes", toJson(visible)}, {"applied", apply}}));
     } else if (differences.empty()) {
         environment.out << "Nothing to do: the phone already has these settings." << std::endl;
     } else {
@@ -74,9 +70,7 @@ void diffSettings(const Environment& environment, const Options& options, const 
     const bool showSecrets = options.showSecrets || after;
     const std::vector<Difference> differences = shown(compare(left, right), definitions, showSecrets);
     if (options.json) {
-        Json::Value object;
-        object["changes"] = toJson(differences);
-        printJson(environment.out, object);
+        printJson(environment.out, toObject({{"changes", toJson(differences)}}));
     } else {
         printDifferences(environment.out, differences);
     }
@@ -101,10 +95,9 @@ void reset(const Environment& environment, const Options& options, const std::st
     }
     if (!differences.empty()) writeChanges(session, differences, true);
     if (options.json) {
-        Json::Value object;
-        object["reset"] = Json::Value(Json::arrayValue);
-        for (const Difference& one : differences) object["reset"].append(one.key);
-        printJson(environment.out, object);
+        Json::Value keys(Json::arrayValue);
+        for (const Difference& one : differences) keys.append(one.key);
+        printJson(environment.out, toObject({{"reset", keys}}));
     } else if (many) {
         environment.out << counted(differences.size(), "setting", "settings") << " reset." << std::endl;
     }

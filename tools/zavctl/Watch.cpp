@@ -1,5 +1,3 @@
-#include <json/value.h>
-
 #include <chrono>
 #include <mutex>
 
@@ -44,17 +42,14 @@ class Printer final : public ipc::IIPCCallback {
 
     void warn(const std::string& text) {
         const std::lock_guard<std::mutex> lock(mutex_);
-        environment_.err << "zavctl: " << dbg::escapeControls(text) << std::endl;
+        printError(environment_.err, text);
     }
 
  private:
     void print(const propertyprotocol::Change& change) {
         if (json_) {
-            Json::Value object;
-            object["param"] = change.param;
-            object["value"] = change.value;
-            object["source"] = change.source;
-            printJson(environment_.out, object);
+            printJson(environment_.out,
+                      toObject({{"param", change.param}, {"value", change.value}, {"source", change.source}}));
             return;
         }
         environment_.out << dbg::escapeControls(change.param + "=" + change.value);

@@ -83,9 +83,7 @@ int invalidUtf8Line(const std::string& text) {
 }
 
 bool flag(const Json::Value& json, const char* name) {
-    if (json.isMember(name) && !json[name].isBool()) {
-        throw std::invalid_argument("\"" + std::string(name) + "\" must be true or false");
-    }
+    require(!json.isMember(name) || json[name].isBool(), "\"" + std::string(name) + "\" must be true or false");
     return json[name].asBool();
 }
 
@@ -93,19 +91,14 @@ std::vector<std::string> refusedSourcesOf(const Json::Value& json) {
     std::vector<std::string> sources;
     if (!json.isMember("refusedSources")) return sources;
     const Json::Value& list = json["refusedSources"];
-    if (!list.isArray() || list.empty()) {
-        throw std::invalid_argument("\"refusedSources\" must be an array such as [\"provisioning\"]");
-    }
+    require(list.isArray() && !list.empty(), "\"refusedSources\" must be an array such as [\"provisioning\"]");
     for (const Json::Value& source : list) {
-        if (!source.isString() || source.asString().empty()) {
-            throw std::invalid_argument("each of \"refusedSources\" must be a non-empty string");
-        }
-        if (dbg::escapeControls(source.asString()) != source.asString()) {
-            throw std::invalid_argument("each of \"refusedSources\" must be a single line");
-        }
-        if (std::find(sources.begin(), sources.end(), source.asString()) != sources.end()) {
-            throw std::invalid_argument("duplicate \"" + source.asString() + "\" in \"refusedSources\"");
-        }
+        require(source.isString() && !source.asString().empty(),
+                "each of \"refusedSources\" must be a non-empty string");
+        require(dbg::escapeControls(source.asString()) == source.asString(),
+                "each of \"refusedSources\" must be a single line");
+        require(std::find(sources.begin(), sources.end(), source.asString()) == sources.end(),
+                "duplicate \"" + source.asString() + "\" in \"refusedSources\"");
         sources.push_back(source.asString());
     }
     return sources;
@@ -124,35 +117,25 @@ std::string limitsOf(const Json::Value& json, const std::string& type) {
 }
 
 std::shared_ptr<const Definition> readDefinition(const Json::Value& json) {
-    if (!json.isObject()) throw std::invalid_argument("the definition must be an object");
+    require(json.isObject(), "the definition must be an object");
     auto definition = std::make_shared<Definition>();
     definition->rule = makeValueRule(json);
     definition->type = json["type"].asString();
     definition->limits = limitsOf(json, definition->type);
-    if (!json["description"].isString() || json["description"].asString().empty()) {
-        throw std::invalid_argument("\"description\" is missing");
-    }
+    require(json["description"].isString() && !json["description"].asString().empty(), "\"description\" is missing");
     definition->description = json["description"].asString();
-    if (dbg::escapeControls(definition->description) != definition->description) {
-        throw std::invalid_argument("\"description\" must be a single line");
-    }
+    require(dbg::escapeControls(definition->description) == definition->description,
+            "\"description\" must be a single line");
     definition->readOnly = flag(json, "readOnly");
     definition->isVolatile = flag(json, "volatile");
     definition->refusedSources = refusedSourcesOf(json);
-    if (definition->readOnly && !definition->refusedSources.empty()) {
-        throw std::invalid_argument("\"refusedSources\" is redundant with \"readOnly\"");
-    }
-    if (!json["default"].isString()) {
-        throw std::invalid_argument("\"default\" is missing or not a string (write \"5\", not 5)");
-    }
+    require(!definition->readOnly || definition->refusedSources.empty(),
+            "\"refusedSources\" is redundant with \"readOnly\"");
+    require(json["default"].isString(), "\"default\" is missing or not a string (write \"5\", not 5)");
     definition->defaultValue = json["default"].asString();
-    if (definition->defaultValue.find('\0') != std::string::npos) {
-        throw std::invalid_argument("the default must not contain a NUL");
-    }
-    if (definition->defaultValue.size() > propertyprotocol::maxValueBytes) {
-        throw std::invalid_argument("the default must be at most " + std::to_string(propertyprotocol::maxValueBytes) +
-                                    " bytes long");
-    }
+    require(definition->defaultValue.find('\0') == std::string::npos, "the default must not contain a NUL");
+    require(definition->defaultValue.size() <= propertyprotocol::maxValueBytes,
+            "the default must be at most " + std::to_string(propertyprotocol::maxValueBytes) + " bytes long");
     const std::string objection = definition->rule(definition->defaultValue);
     if (!objection.empty()) {
         const std::string shown = definition->isSecret() ? "" : " \"" + definition->defaultValue + "\"";
@@ -213,12 +196,10 @@ std::vector<std::string> expandKeyPattern(const std::string& pattern) {
         for (std::string& key : keys) key += literal;
         if (open == std::string::npos) break;
         const std::string::size_type close = pattern.find('}', open);
-        if (close == std::string::npos) throw std::invalid_argument("\"{\" is not closed");
+        require(close != std::string::npos, "\"{\" is not closed");
         const Range indices = rangeOf(pattern.substr(open + 1, close - open - 1));
-        if (keys.size() * (indices.last - indices.first + 1) > maxKeysOfPattern) {
-            throw std::invalid_argument("the pattern expands to more than " + std::to_string(maxKeysOfPattern) +
-                                        " keys");
-        }
+        require(keys.size() * (indices.last - indices.first + 1) <= maxKeysOfPattern,
+                "the pattern expands to more than " + std::to_string(maxKeysOfPattern) + " keys");
         std::vector<std::string> longer;
         for (const std::string& key : keys) {
             for (unsigned offset = 0; offset <= indices.last - indices.first; ++offset) {
@@ -265,14 +246,11 @@ Catalogue Catalogue::parse(const std::string& text, const std::string& name) {
         try {
             const std::shared_ptr<const Definition> definition = readDefinition(json);
             for (std::string& key : expandKeyPattern(pattern)) {
-                if (!isKey(key)) {
-                    throw std::invalid_argument(
+                require(isKey(key),
                         "is not a valid key: letters, digits, \"_\" and \"-\" in segments between dots, at most 255 "
                         "bytes");
-                }
-                if (isState(key) && json.isMember("volatile") && !definition->isVolatile) {
-                    throw std::invalid_argument("keys below \"State.\" are volatile");
-                }
+                require(!isState(key) || !json.isMember("volatile") || definition->isVolatile,
+                        "keys below \"State.\" are volatile");
                 catalogue.keys_.push_back({std::move(key), definition, line});
             }
         } catch (const std::invalid_argument& error) {

@@ -31,17 +31,14 @@ std::optional<std::int64_t> wholeNumber(const std::string& text) {
 
 std::int64_t wholeMember(const Json::Value& definition, const char* name, std::int64_t defaultValue) {
     if (!definition.isMember(name)) return defaultValue;
-    if (!definition[name].isInt64())
-        throw std::invalid_argument("\"" + std::string(name) + "\" must be a whole number");
+    require(definition[name].isInt64(), "\"" + std::string(name) + "\" must be a whole number");
     return definition[name].asInt64();
 }
 
 std::size_t maxLength(const Json::Value& definition) {
     const auto limit = static_cast<std::int64_t>(propertyprotocol::maxValueBytes);
     const std::int64_t length = wholeMember(definition, "maxLength", limit);
-    if (length < 0 || length > limit) {
-        throw std::invalid_argument("\"maxLength\" must be from 0 to " + std::to_string(limit));
-    }
+    require(length >= 0 && length <= limit, "\"maxLength\" must be from 0 to " + std::to_string(limit));
     return static_cast<std::size_t>(length);
 }
 
@@ -61,7 +58,7 @@ ValueRule integerRule(const Json::Value& definition) {
     using Limits = std::numeric_limits<std::int64_t>;
     const std::int64_t min = wholeMember(definition, "min", Limits::min());
     const std::int64_t max = wholeMember(definition, "max", Limits::max());
-    if (min > max) throw std::invalid_argument("\"min\" is greater than \"max\"");
+    require(min <= max, "\"min\" is greater than \"max\"");
     std::string objection = "must be a whole number";
     if (min != Limits::min() && max != Limits::max()) {
         objection += " from " + std::to_string(min) + " to " + std::to_string(max);
@@ -84,15 +81,14 @@ ValueRule booleanRule(const Json::Value&) {
 }
 
 ValueRule enumRule(const Json::Value& definition) {
-    if (!definition["values"].isArray() || definition["values"].empty()) {
-        throw std::invalid_argument("an enum needs \"values\", a non-empty array of strings");
-    }
+    require(definition["values"].isArray() && !definition["values"].empty(),
+            "an enum needs \"values\", a non-empty array of strings");
     std::vector<std::string> values;
     std::string objection;
     for (const Json::Value& value : definition["values"]) {
-        if (!value.isString()) throw std::invalid_argument("each of \"values\" must be a string");
+        require(value.isString(), "each of \"values\" must be a string");
         const std::string quoted = "\"" + value.asString() + "\"";
-        if (contains(values, value.asString())) throw std::invalid_argument("duplicate " + quoted + " in \"values\"");
+        require(!contains(values, value.asString()), "duplicate " + quoted + " in \"values\"");
         values.push_back(value.asString());
         objection += (objection.empty() ? "must be one of " : ", ") + quoted;
     }
@@ -100,9 +96,8 @@ ValueRule enumRule(const Json::Value& definition) {
 }
 
 ValueRule patternRule(const Json::Value& definition) {
-    if (!definition["pattern"].isString() || definition["pattern"].asString().empty()) {
-        throw std::invalid_argument("a pattern needs \"pattern\", a POSIX extended regular expression");
-    }
+    require(definition["pattern"].isString() && !definition["pattern"].asString().empty(),
+            "a pattern needs \"pattern\", a POSIX extended regular expression");
     const std::string pattern = definition["pattern"].asString();
     auto compiled = std::make_unique<regex_t>();
     if (const int error = ::regcomp(compiled.get(), pattern.c_str(), REG_EXTENDED)) {
@@ -140,15 +135,13 @@ std::string lowerCase(std::string text) {
 ValueRule urlRule(const Json::Value& definition) {
     constexpr std::size_t maxUrlLength = 2048;
     const Json::Value& allowed = definition["schemes"];
-    if (definition.isMember("schemes") && (!allowed.isArray() || allowed.empty())) {
-        throw std::invalid_argument("\"schemes\" must be an array such as [\"https\"]");
-    }
+    require(!definition.isMember("schemes") || (allowed.isArray() && !allowed.empty()),
+            "\"schemes\" must be an array such as [\"https\"]");
     std::vector<std::string> schemes;
     std::string objection;
     for (const Json::Value& scheme : allowed) {
-        if (!scheme.isString() || scheme.asString().empty() || scheme.asString() != lowerCase(scheme.asString())) {
-            throw std::invalid_argument("each of \"schemes\" must be a string in lower case");
-        }
+        require(scheme.isString() && !scheme.asString().empty() && scheme.asString() == lowerCase(scheme.asString()),
+                "each of \"schemes\" must be a string in lower case");
         schemes.push_back(scheme.asString());
         objection += (objection.empty() ? "must begin with " : " or ") + scheme.asString() + "://";
     }
@@ -199,20 +192,21 @@ const Type* findType(const std::string& name) {
 
 }  // namespace
 
+void require(bool isValid, std::string_view reason) {
+    if (!isValid) throw std::invalid_argument(std::string(reason));
+}
+
 ValueRule makeValueRule(const Json::Value& definition) {
     static const std::vector<std::string> common{"type",     "default",  "description",
                                                  "readOnly", "volatile", "refusedSources"};
-    if (!definition["type"].isString()) throw std::invalid_argument("\"type\" is missing");
+    require(definition["type"].isString(), "\"type\" is missing");
     const std::string name = definition["type"].asString();
     const Type* const type = findType(name);
-    if (type == nullptr) {
-        throw std::invalid_argument("unknown type \"" + name +
-                                    "\" (text, integer, boolean, enum, pattern, url, mac or secret)");
-    }
+    require(type != nullptr,
+            "unknown type \"" + name + "\" (text, integer, boolean, enum, pattern, url, mac or secret)");
     for (const std::string& member : definition.getMemberNames()) {
-        if (!contains(common, member) && !contains(type->limits, member)) {
-            throw std::invalid_argument("type \"" + name + "\" has no member \"" + member + "\"");
-        }
+        require(contains(common, member) || contains(type->limits, member),
+                "type \"" + name + "\" has no member \"" + member + "\"");
     }
     return type->make(definition);
 }

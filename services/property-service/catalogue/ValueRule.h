@@ -3,6 +3,7 @@
 
 #include <functional>
 #include <string>
+#include <string_view>
 #include <vector>
 
 namespace Json {
@@ -18,6 +19,9 @@ using ValueRule = std::function<std::string(const std::string& value)>;
 /// Throws std::invalid_argument with the reason for an unknown type, a missing or contradictory limit, or an unknown
 /// member.
 ValueRule makeValueRule(const Json::Value& definition);
+
+/// Throws std::invalid_argument with the reason unless a definition is valid.
+void require(bool isValid, std::string_view reason);
 
 /// The members that limit values of the type, in the order of descriptions.
 std::vector<std::string> limitNames(const std::string& type);

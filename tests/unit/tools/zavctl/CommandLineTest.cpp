@@ -1,4 +1,4 @@
-#include "CommandLine.h"
+#include "Commands.h"
 
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
