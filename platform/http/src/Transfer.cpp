@@ -3,8 +3,8 @@
 #include <strings.h>
 
 #include <algorithm>
-#include <limits>
 
+#include "ByteCount.h"
 #include "ContentCoding.h"
 #include "CurlOptions.h"
 #include "CurlPointers.h"
@@ -20,10 +20,6 @@ constexpr long largeBufferSize = 512L * 1024;
 constexpr std::size_t maxHeaderBytes = 256UL * 1024;           // of one transfer, 1xx responses and trailers included
 constexpr std::uint64_t maxDiscardedBytes = 64 * 1024;         // of a body that is not stored
 constexpr std::uint64_t limitCheckInterval = 4 * 1024 * 1024;  // bytes of the file
-
-long asLong(curl_off_t value) {
-    return static_cast<long>(std::min<curl_off_t>(value, std::numeric_limits<long>::max()));
-}
 
 bool isRedirect(long status) {
     return status == HttpStatus::movedPermanently || status == HttpStatus::found || status == HttpStatus::seeOther ||
@@ -342,7 +338,7 @@ int Transfer::onProgress(curl_off_t total, curl_off_t now) {
     const std::uint64_t read = static_cast<std::uint64_t>(std::max<curl_off_t>(now, 0));
     if (!ended_ && read > delivered_ + maxDiscardedBytes) ended_ = CURLE_OK;
     if (!ended_ && state_.isOverdue()) ended_ = CURLE_ABORTED_BY_CALLBACK;
-    state_.report(total > 0 ? asLong(offset + total) : 0, asLong(offset + now), 0, 0);
+    state_.report(total > 0 ? wrappedCount<long>(offset + total) : 0, wrappedCount<long>(offset + now), 0, 0);
     return ended_ ? 1 : 0;
 }
 
