@@ -1,9 +1,23 @@
-# zav_library(name SOURCES ... [PUBLIC ...] [PRIVATE ...]): the static library of a platform folder.
+# Whatever is linked is a target, so that a misspelt name ends the configuration.
+set(CMAKE_LINK_LIBRARIES_ONLY_TARGETS ON)
+
+# zav_library(name DESCRIPTION text SOURCES ... [PUBLIC ...] [PRIVATE ...]): the static library of a platform folder,
+# zav::name, and its installation.
 function(zav_library name)
-  cmake_parse_arguments(arg "" "" "SOURCES;PUBLIC;PRIVATE" ${ARGN})
+  cmake_parse_arguments(arg "" "DESCRIPTION" "SOURCES;PUBLIC;PRIVATE" ${ARGN})
   add_library(${name} STATIC ${arg_SOURCES})
-  target_include_directories(${name} PUBLIC include PRIVATE src)
-  target_link_libraries(${name} PUBLIC ${arg_PUBLIC} Threads::Threads PRIVATE zav_options ${arg_PRIVATE})
+  add_library(zav::${name} ALIAS ${name})
+  set_target_properties(${name} PROPERTIES OUTPUT_NAME zav-${name})
+  target_include_directories(${name}
+    PUBLIC
+      $<BUILD_INTERFACE:${CMAKE_CURRENT_SOURCE_DIR}/include>
+      $<INSTALL_INTERFACE:${CMAKE_INSTALL_INCLUDEDIR}/zav>
+    PRIVATE src)
+  target_compile_features(${name} PUBLIC cxx_std_17)
+  target_link_libraries(${name}
+    PUBLIC ${arg_PUBLIC} Threads::Threads
+    PRIVATE $<BUILD_INTERFACE:zav::options> ${arg_PRIVATE})
+  zav_install_library(${name} ${arg_DESCRIPTION} ${arg_PUBLIC} ${arg_PRIVATE})
 endfunction()
 
 # Lets tests in the sandbox write their coverage counters, which are beside the object files.
@@ -17,6 +31,29 @@ if(CMAKE_CXX_FLAGS MATCHES "-fsanitize")
 else()
   set(ZAV_TEST_OPTIONS $<$<CONFIG:Release>:-O1>)
 endif()
+
+# Under emulation tests take several times as long, and those that tests/emulation.txt names are not run.
+if(CMAKE_CROSSCOMPILING_EMULATOR)
+  set(ZAV_SLOWNESS 5)
+  set(emulation ${CMAKE_SOURCE_DIR}/tests/emulation.txt)
+  set_property(DIRECTORY ${CMAKE_SOURCE_DIR} APPEND PROPERTY CMAKE_CONFIGURE_DEPENDS ${emulation})
+  file(STRINGS ${emulation} ZAV_NOT_EMULATED REGEX "^[*a-z]")
+else()
+  set(ZAV_SLOWNESS 1)
+endif()
+
+# zav_runnable(target variable): the path of a program that tests start. Under emulation that is a script, which is also
+# the name that the program has of itself, to start itself again.
+function(zav_runnable target variable)
+  set(path $<TARGET_FILE:${target}>)
+  if(CMAKE_CROSSCOMPILING_EMULATOR)
+    list(JOIN CMAKE_CROSSCOMPILING_EMULATOR "' '" emulator)
+    set(path ${CMAKE_BINARY_DIR}/emulated/${target})
+    file(GENERATE OUTPUT ${path} CONTENT "#!/bin/sh\nexec '${emulator}' -0 \"$0\" '$<TARGET_FILE:${target}>' \"$@\"\n"
+      FILE_PERMISSIONS OWNER_READ OWNER_WRITE OWNER_EXECUTE GROUP_READ GROUP_EXECUTE WORLD_READ WORLD_EXECUTE)
+  endif()
+  set(${variable} ${path} PARENT_SCOPE)
+endfunction()
 
 # zav_test(name SOURCES ... [LIBS ...] [LABELS unit] [TIMEOUT s] [SECONDS s]): a GoogleTest program. It runs in a sandbox
 # with empty, private copies of the phone's folders: /var/volatile, /config, /custom, /etc/zav.d. SECONDS is the
@@ -33,7 +70,18 @@ function(zav_test name)
   target_compile_options(${name} PRIVATE ${ZAV_TEST_OPTIONS})
   set_target_properties(${name} PROPERTIES RUNTIME_OUTPUT_DIRECTORY ${CMAKE_BINARY_DIR}/tests)
   target_include_directories(${name} PRIVATE ${CMAKE_SOURCE_DIR}/tests)
-  target_link_libraries(${name} PRIVATE ${arg_LIBS} zav_options GTest::gmock GTest::gtest GTest::gtest_main)
-  add_test(NAME ${name} COMMAND ${CMAKE_SOURCE_DIR}/lab/sandbox ${ZAV_WRITABLE} -- $<TARGET_FILE:${name}>)
-  set_tests_properties(${name} PROPERTIES TIMEOUT ${arg_TIMEOUT} LABELS "${arg_LABELS}" COST "0${arg_SECONDS}")
+  target_link_libraries(${name} PRIVATE ${arg_LIBS} zav::options GTest::gmock GTest::gtest GTest::gtest_main)
+  set(left_out)
+  foreach(row IN LISTS ZAV_NOT_EMULATED)
+    if(row MATCHES "^([*]|${ZAV_ARCHITECTURE}) +${name} +([^ ]+) ")
+      string(APPEND left_out ":${CMAKE_MATCH_2}")
+    endif()
+  endforeach()
+  if(left_out)
+    set(left_out --gtest_filter=-${left_out})
+  endif()
+  zav_runnable(${name} program)
+  add_test(NAME ${name} COMMAND ${CMAKE_SOURCE_DIR}/lab/sandbox ${ZAV_WRITABLE} -- ${program} ${left_out})
+  math(EXPR timeout "${arg_TIMEOUT} * ${ZAV_SLOWNESS}")
+  set_tests_properties(${name} PROPERTIES TIMEOUT ${timeout} LABELS "${arg_LABELS}" COST "0${arg_SECONDS}")
 endfunction()

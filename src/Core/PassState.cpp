@@ -1,14 +1,14 @@
 #include "Core/PassState.h"
 
-#include <mutex>
+#include "common/ThreadSafety.h"
 
 namespace zav {
 
 namespace {
 
 struct Version {
-    std::mutex mutex;
-    std::string text;  // guarded by mutex
+    common::Mutex mutex;
+    std::string text GUARDED_BY(mutex);
 };
 
 Version& version() {
@@ -21,12 +21,12 @@ Version& version() {
 std::atomic<int> lastHttpCode{0};
 
 std::string currentProvisioningVersion() {
-    const std::lock_guard<std::mutex> lock(version().mutex);
+    const common::LockGuard lock(version().mutex);
     return version().text;
 }
 
 void setCurrentProvisioningVersion(const std::string& text) {
-    const std::lock_guard<std::mutex> lock(version().mutex);
+    const common::LockGuard lock(version().mutex);
     version().text = text;
 }
 

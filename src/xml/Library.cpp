@@ -2,21 +2,20 @@
 
 #include <libxml/parser.h>
 
-#include <mutex>
-
+#include "common/ThreadSafety.h"
 #include "xml/EntityLoader.h"
 
 namespace zav::xml {
 
 namespace {
 
-std::mutex mutex;
-unsigned instances = 0;  // guarded by mutex
+common::Mutex mutex;
+unsigned instances GUARDED_BY(mutex) = 0;
 
 }  // namespace
 
 Library::Library() {
-    const std::lock_guard<std::mutex> lock(mutex);
+    const common::LockGuard lock(mutex);
     if (instances++ == 0) {
         xmlInitParser();
         xmlSetExternalEntityLoader(loadOnlyTheDocument);
@@ -24,7 +23,7 @@ Library::Library() {
 }
 
 Library::~Library() {
-    const std::lock_guard<std::mutex> lock(mutex);
+    const common::LockGuard lock(mutex);
     if (--instances == 0) xmlCleanupParser();
 }
 

@@ -17,10 +17,10 @@ void PassFollower::connectionLost(const std::string& cause) {
 
 void PassFollower::setLost(const std::string& reason) {
     {
-        const std::lock_guard<std::mutex> lock(mutex_);
+        const common::LockGuard lock(mutex_);
         if (state_.lostReason.empty()) state_.lostReason = reason;
     }
-    changed_.notify_all();
+    changed_.notifyAll();
 }
 
 void PassFollower::messageArrived(const std::string& topic, const std::string& content) {
@@ -28,7 +28,7 @@ void PassFollower::messageArrived(const std::string& topic, const std::string& c
         setLost("the property service went away");
     propertyprotocol::Change change;
     if (!propertyprotocol::readChange(content, change)) return;
-    const std::lock_guard<std::mutex> lock(mutex_);
+    const common::LockGuard lock(mutex_);
     if (change.param == "State.Provisioning") {
         const bool isRequest = change.value.find("request") != std::string::npos;
         if (!isRequest) state_.isEarlierPassRunning = false;
@@ -43,28 +43,28 @@ void PassFollower::messageArrived(const std::string& topic, const std::string& c
         state_.passBegan = true;
         state_.result.reset();  // it was the result of an earlier pass
     }
-    changed_.notify_all();
+    changed_.notifyAll();
 }
 
 void PassFollower::deliveryComplete(const std::string&) {}
 
 void PassFollower::expectEarlierResult() {
-    const std::lock_guard<std::mutex> lock(mutex_);
+    const common::LockGuard lock(mutex_);
     state_.isEarlierPassRunning = true;
 }
 
 std::optional<std::string> PassFollower::waitUntil(Clock::time_point until) {
-    std::unique_lock<std::mutex> lock(mutex_);
+    const common::LockGuard lock(mutex_);
     while (true) {
         const Clock::time_point now = Clock::now();
         if (state_.result && countsFrom_ <= now) return state_.result;
         if (until <= now || !state_.lostReason.empty()) return std::nullopt;
-        changed_.wait_until(lock, state_.result ? std::min(countsFrom_, until) : until);
+        changed_.waitUntil(mutex_, state_.result ? std::min(countsFrom_, until) : until);
     }
 }
 
 PassFollower::State PassFollower::state() const {
-    const std::lock_guard<std::mutex> lock(mutex_);
+    const common::LockGuard lock(mutex_);
     return state_;
 }
 

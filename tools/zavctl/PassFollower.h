@@ -8,11 +8,10 @@
 #pragma once
 
 #include <chrono>
-#include <condition_variable>
-#include <mutex>
 #include <optional>
 #include <string>
 
+#include "common/ThreadSafety.h"
 #include "ipc/IIPCCallback.h"
 
 namespace zavctl {
@@ -49,12 +48,11 @@ class PassFollower final : public ipc::IIPCCallback {
     const std::string source_;
     const std::chrono::milliseconds settleTime_;
 
-    mutable std::mutex mutex_;
-    std::condition_variable changed_;
-    // guarded by mutex_
-    bool requested_ = false;
-    State state_;
-    Clock::time_point countsFrom_{};  // when the result begins to count
+    mutable common::Mutex mutex_;
+    common::ConditionVariable changed_;
+    bool requested_ GUARDED_BY(mutex_) = false;
+    State state_ GUARDED_BY(mutex_);
+    Clock::time_point countsFrom_ GUARDED_BY(mutex_){};  // when the result begins to count
 };
 
 }  // namespace zavctl

@@ -3,8 +3,8 @@
 #include <strings.h>
 
 #include <algorithm>
-#include <limits>
 
+#include "ByteCount.h"
 #include "ContentCoding.h"
 #include "CurlOptions.h"
 #include "CurlPointers.h"
@@ -20,10 +20,6 @@ constexpr long largeBufferSize = 512L * 1024;
 constexpr std::size_t maxHeaderBytes = 256UL * 1024;           // of one transfer, 1xx responses and trailers included
 constexpr std::uint64_t maxDiscardedBytes = 64 * 1024;         // of a body that is not stored
 constexpr std::uint64_t limitCheckInterval = 4 * 1024 * 1024;  // bytes of the file
-
-long asLong(curl_off_t value) {
-    return static_cast<long>(std::min<curl_off_t>(value, std::numeric_limits<long>::max()));
-}
 
 bool isRedirect(long status) {
     return status == HttpStatus::movedPermanently || status == HttpStatus::found || status == HttpStatus::seeOther ||
@@ -64,10 +60,12 @@ std::string shortened(const std::string& text) { return text.size() <= 100 ? tex
 
 }  // namespace
 
-Transfer::Transfer(Curl& curl, const Security& security, const TransferContext& context)
+Transfer::Transfer(Curl& curl, const Security& security, const TransferContext& context,
+                   std::shared_ptr<const DeviceIdentity> identity)
     : state_(*curl.state_),
       trusted_(security.trustedCertificates()),
-      handle_(state_.handleFor(trusted_)),
+      identity_(std::move(identity)),
+      handle_(state_.handleFor(trusted_, identity_)),
       context_(context) {}
 
 void Transfer::useCredentials(const Credentials& credentials, unsigned long schemes) {
@@ -340,7 +338,7 @@ int Transfer::onProgress(curl_off_t total, curl_off_t now) {
     const std::uint64_t read = static_cast<std::uint64_t>(std::max<curl_off_t>(now, 0));
     if (!ended_ && read > delivered_ + maxDiscardedBytes) ended_ = CURLE_OK;
     if (!ended_ && state_.isOverdue()) ended_ = CURLE_ABORTED_BY_CALLBACK;
-    state_.report(total > 0 ? asLong(offset + total) : 0, asLong(offset + now), 0, 0);
+    state_.report(total > 0 ? wrappedCount<long>(offset + total) : 0, wrappedCount<long>(offset + now), 0, 0);
     return ended_ ? 1 : 0;
 }
 
@@ -364,11 +362,12 @@ int Transfer::progressCallback(void* self, curl_off_t total, curl_off_t now, cur
 }
 
 CURLcode Transfer::tlsCallback(CURL* /*handle*/, void* context, void* self) {
+    auto* const tls = static_cast<SSL_CTX*>(context);
+    const auto& transfer = *static_cast<Transfer*>(self);
     try {
-        X509_STORE* const store = static_cast<Transfer*>(self)->trusted_->store();
-        SSL_CTX_set1_cert_store(static_cast<SSL_CTX*>(context), store);
-        static_cast<Transfer*>(self)->state_.closeNotify.watch(static_cast<SSL_CTX*>(context));
-        return CURLE_OK;
+        SSL_CTX_set1_cert_store(tls, transfer.trusted_->store());
+        transfer.state_.closeNotify.watch(tls);
+        return transfer.identity_ == nullptr || transfer.identity_->useIn(tls) ? CURLE_OK : CURLE_OUT_OF_MEMORY;
     } catch (...) {
         return CURLE_OUT_OF_MEMORY;
     }

@@ -5,12 +5,12 @@
 #include <cerrno>
 #include <exception>
 #include <iterator>
-#include <mutex>
 #include <optional>
 #include <string>
 #include <utility>
 
 #include "Certificates.h"
+#include "common/ThreadSafety.h"
 #include "debug/Debug.h"
 
 namespace zav {
@@ -19,8 +19,10 @@ namespace {
 
 constexpr const char* systemBundle = "/etc/ssl/certs/ca-certificates.crt";
 constexpr const char* phoneBundle = "/custom/certs/ca-bundle.pem";
+constexpr const char* identityFile = "/etc/zav.d/device.pem";
 constexpr std::size_t maxBundleSize = std::size_t{16} << 20U;
 constexpr std::size_t maxCertificateSize = std::size_t{1} << 20U;
+constexpr std::size_t maxIdentitySize = std::size_t{1} << 20U;
 
 enum class IfMissing { ignore, warn };
 
@@ -62,11 +64,38 @@ std::shared_ptr<const TrustedCertificates> decode(const Bundles& bundles) {
     return std::make_shared<const TrustedCertificates>(std::move(all.der));
 }
 
+// The identity in the file; null if there is no file. Throws std::exception with the reason if it cannot be used.
+std::shared_ptr<const DeviceIdentity> readIdentity() {
+    if (!exists(identityFile)) return nullptr;
+    const std::string pem = readFile(identityFile, maxIdentitySize, Links::follow);
+    try {
+        return std::make_shared<const DeviceIdentity>(pem);
+    } catch (const std::runtime_error& error) {
+        throw std::runtime_error(std::string(identityFile) + " " + error.what());
+    }
+}
+
+// Reads the identity and logs what is wrong with the file.
+std::shared_ptr<const DeviceIdentity> checkedIdentity() {
+    try {
+        auto identity = readIdentity();
+        struct stat status {};
+        if (identity != nullptr && ::stat(identityFile, &status) == 0 && (status.st_mode & (S_IROTH | S_IWOTH)) != 0) {
+            dbg::Debug::warning() << "Device certificate: every user can read or replace the private key in "
+                                  << identityFile << std::endl;
+        }
+        return identity;
+    } catch (const std::exception& exception) {
+        dbg::Debug::warning() << "Device certificate not used: " << exception.what() << std::endl;
+        return nullptr;
+    }
+}
+
 }  // namespace
 
 struct Security::State {
-    // With the mutex held. Decodes the first bundles when they are first needed, to keep the start-up short.
-    const std::shared_ptr<const TrustedCertificates>& current() {
+    // Decodes the first bundles when they are first needed, to keep the start-up short.
+    const std::shared_ptr<const TrustedCertificates>& current() REQUIRES(mutex) {
         if (trusted == nullptr) {
             trusted = notified = decode(*first);
             first.reset();
@@ -74,12 +103,12 @@ struct Security::State {
         return trusted;
     }
 
-    std::mutex reloading;  // held while the bundles are read; taken before mutex
-    std::mutex mutex;
-    // Guarded by mutex.
-    std::optional<Bundles> first = Bundles();
-    std::shared_ptr<const TrustedCertificates> trusted;
-    std::shared_ptr<const TrustedCertificates> notified;  // announced last
+    common::Mutex reloading;  // held while the bundles are read; taken before mutex
+    common::Mutex mutex;
+    std::optional<Bundles> first GUARDED_BY(mutex) = Bundles();
+    std::shared_ptr<const TrustedCertificates> trusted GUARDED_BY(mutex);
+    std::shared_ptr<const TrustedCertificates> notified GUARDED_BY(mutex);  // announced last
+    std::shared_ptr<const DeviceIdentity> identity GUARDED_BY(mutex);
 };
 
 Security::Security(std::shared_ptr<propertyapi::IPropertyApi> properties)
@@ -90,9 +119,9 @@ Security::~Security() = default;
 void Security::reloadCertificates() {
     try {
         // Two reloads at once must not store their results in the wrong order.
-        const std::lock_guard<std::mutex> oneAtATime(state_->reloading);
+        const common::LockGuard oneAtATime(state_->reloading);
         const Bundles bundles;
-        const std::lock_guard<std::mutex> lock(state_->mutex);
+        const common::LockGuard lock(state_->mutex);
         auto read = decode(bundles);
         if (!read->sameAs(*state_->current())) state_->trusted = std::move(read);
     } catch (const std::exception& exception) {
@@ -104,7 +133,7 @@ void Security::notifySystemAboutNewCertificates() {
     try {
         std::size_t count = 0;
         {
-            const std::lock_guard<std::mutex> lock(state_->mutex);
+            const common::LockGuard lock(state_->mutex);
             if (state_->trusted == state_->notified || state_->trusted->sameAs(*state_->notified)) return;
             state_->notified = state_->trusted;
             count = state_->trusted->count();
@@ -125,8 +154,20 @@ int Security::checkCertificate(const std::string& path) {
 }
 
 std::shared_ptr<const TrustedCertificates> Security::trustedCertificates() const {
-    const std::lock_guard<std::mutex> lock(state_->mutex);
+    const common::LockGuard lock(state_->mutex);
     return state_->current();
+}
+
+void Security::reloadDeviceIdentity() {
+    auto read = checkedIdentity();
+    const common::LockGuard lock(state_->mutex);
+    const bool same = read != nullptr && state_->identity != nullptr && read->sameAs(*state_->identity);
+    if (!same) state_->identity = std::move(read);
+}
+
+std::shared_ptr<const DeviceIdentity> Security::deviceIdentity() const {
+    const common::LockGuard lock(state_->mutex);
+    return state_->identity;
 }
 
 }  // namespace zav
