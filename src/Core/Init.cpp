@@ -34,7 +34,7 @@ void Init::setTimer() {
     bool set = false;
     for (int attempt = 0; attempt < periodAttempts && !set; ++attempt) {
         try {
-            const std::string period = properties_->get(constants::periodKey);
+            const std::string period = properties_->get(constants.periodKey);
             timer_.start(checkPeriod(period));
             set = true;
             dbg::Debug::info() << "Timer set to " << period << " seconds" << std::endl;

@@ -33,7 +33,7 @@ std::uint32_t drawNightOffset(const std::string& seedText, std::uint32_t first, 
 }
 
 std::chrono::seconds nightOffset() {
-    return std::chrono::seconds(drawNightOffset(constants::macAddressKey, earliest, latest));
+    return std::chrono::seconds(drawNightOffset(constants.macAddressKey, earliest, latest));
 }
 
 std::chrono::system_clock::time_point nextNight(std::chrono::system_clock::time_point now,

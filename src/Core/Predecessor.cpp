@@ -38,13 +38,13 @@ DaemonLock::State lock(common::Descriptor& file) {
 void unlockScreen(propertyapi::IPropertyApi& properties) {
     std::string state;
     try {
-        state = properties.get(constants::provisioningLockUiKey);
+        state = properties.get(constants.provisioningLockUiKey);
     } catch (const propertyapi::PropertyException&) {
         return;
     }
-    if (state != constants::uiLocked) return;
+    if (state != constants.uiLocked) return;
     dbg::Debug::warning() << "The screen was left locked by a zavd that was killed, unlocking it" << std::endl;
-    properties.set(constants::provisioningLockUiKey, constants::uiUnlocked);
+    properties.set(constants.provisioningLockUiKey, constants.uiUnlocked);
 }
 
 // openssl may still be writing one. They may hold decrypted settings.

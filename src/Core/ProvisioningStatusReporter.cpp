@@ -32,20 +32,20 @@ const std::map<std::string, std::string>& jobCategoryByName() {
 std::string wordOf(int result) {
     switch (result) {
         case jobFail:
-            return constants::failWord;
+            return constants.failWord;
         case jobPartSuccess:
-            return constants::partSuccessWord;
+            return constants.partSuccessWord;
         case jobSuccess:
-            return constants::successWord;
+            return constants.successWord;
         default:
             return {};
     }
 }
 
 std::string overallStatusOf(const std::set<std::string>& words) {
-    if (words == std::set<std::string>{constants::successWord}) return constants::successWord;
-    if (words == std::set<std::string>{constants::failWord}) return constants::failWord;
-    return constants::partSuccessWord;  // mixed results, or none
+    if (words == std::set<std::string>{constants.successWord}) return constants.successWord;
+    if (words == std::set<std::string>{constants.failWord}) return constants.failWord;
+    return constants.partSuccessWord;  // mixed results, or none
 }
 
 // Does not insert a missing member, unlike operator[] of a mutable object.

@@ -90,7 +90,7 @@ void ProvisioningTimer::run() {
 
 void ProvisioningTimer::requestProvisioning() {
     try {
-        properties_->set(constants::provisioningStateKey, constants::requestWord);
+        properties_->set(constants.provisioningStateKey, constants.requestWord);
     } catch (...) {  // not repeated: the next time comes by itself
     }
 }

@@ -67,7 +67,7 @@ int CustomScenarioJobHandler::run() {
 }
 
 UrlInfo CustomScenarioJobHandler::resolveStepUrl(const Attributes& step) const {
-    return makeJobUrlInfo(step.at(urlAttribute), properties_->get(constants::provisioningServerKey));
+    return makeJobUrlInfo(step.at(urlAttribute), properties_->get(constants.provisioningServerKey));
 }
 
 bool CustomScenarioJobHandler::downloadAndReport(const std::string& kind, const std::string& source,
@@ -96,10 +96,9 @@ bool CustomScenarioJobHandler::applyCertificate(const std::string& fileName, con
     dbg::Debug::info() << "Applying certificate " << quote(fileName) << std::endl;
     try {
         if (security_.checkCertificate(path) == 0) {
-            properties_->set(constants::certificateInvalidKey, fileName);
+            properties_->set(constants.certificateInvalidKey, fileName);
         } else {
-            properties_->set(forceAccept ? constants::certificateAcceptKey : constants::certificatePendingKey,
-                             fileName);
+            properties_->set(forceAccept ? constants.certificateAcceptKey : constants.certificatePendingKey, fileName);
         }
     } catch (const std::exception& e) {
         dbg::Debug::error() << "Error applying certificate " << quote(fileName, path, "=") << e.what() << std::endl;
@@ -123,11 +122,11 @@ bool CustomScenarioJobHandler::redirectStep(const Attributes& step) {
         worker_->waitForProgress();
         progressReporter_.notifyProgress();  // the watchdog waits for progress of the outer pass
     } while (!worker_->isProvisioningFinished());
-    return worker_->getProvisioningStatus() == constants::successWord;
+    return worker_->getProvisioningStatus() == constants.successWord;
 }
 
 bool CustomScenarioJobHandler::localPhoneBookStep(const Attributes& step) {
-    if (properties_->get(constants::provisioningStateKey) == constants::requestCheckSyncWord) {
+    if (properties_->get(constants.provisioningStateKey) == constants.requestCheckSyncWord) {
         dbg::Debug::info() << "Download of local phone book skipped" << std::endl;
         return true;
     }
@@ -136,10 +135,10 @@ bool CustomScenarioJobHandler::localPhoneBookStep(const Attributes& step) {
     dbg::Debug::info() << "Downloading PhoneBook from URL " << quote(source) << std::endl;
     const std::string fileName = urlInfo.localName();
     if (!downloadAndReport("LocalPhoneBook", source, phoneBookDirectory + fileName)) return false;
-    properties_->set(constants::phoneBookFileNameKey, fileName);
-    properties_->set(constants::phoneBookVerifyKey, constants::requestWord);
+    properties_->set(constants.phoneBookFileNameKey, fileName);
+    properties_->set(constants.phoneBookVerifyKey, constants.requestWord);
     const std::string renewPeriod = attributeOr(step, "renewPeriod", "");
-    if (!renewPeriod.empty()) properties_->set(constants::periodKey, renewPeriod);
+    if (!renewPeriod.empty()) properties_->set(constants.periodKey, renewPeriod);
     return true;
 }
 

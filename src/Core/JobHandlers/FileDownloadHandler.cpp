@@ -20,7 +20,7 @@ int FileDownloadHandler::run() {
     const std::string url = findNewestUrl(*job_);
     if (url.empty()) return jobFail;
 
-    const UrlInfo urlInfo = makeJobUrlInfo(url, properties_->get(constants::provisioningServerKey));
+    const UrlInfo urlInfo = makeJobUrlInfo(url, properties_->get(constants.provisioningServerKey));
     const std::string source = urlInfo.text();
     const std::string destination = formatUrl(provisioningPath(job_->name, urlInfo.localName()), properties_);
     dbg::Debug::info() << "Found job with URL: " << source << std::endl;

@@ -154,7 +154,7 @@ std::string JobHandler::lastHttpStatus() const { return CurlTypes::getHTTPCodeDe
 
 void JobHandler::reportFailedFile(const std::string& handlerName) {
     lastHttpCode = static_cast<int>(curl_->getHttpCode());
-    statusReporter_.setJobField(handlerName, "xmlFileStatus", constants::failWord);
+    statusReporter_.setJobField(handlerName, "xmlFileStatus", constants.failWord);
     statusReporter_.setJobField(handlerName, "extraInfo", "HTTP: " + lastHttpStatus());
 }
 

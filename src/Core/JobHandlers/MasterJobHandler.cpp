@@ -31,7 +31,7 @@ int MasterJobHandler::run() {
 }
 
 void MasterJobHandler::runCategory(const std::string& type, const std::string& url) {
-    const UrlInfo urlInfo = makeJobUrlInfo(url, properties_->get(constants::provisioningServerKey));
+    const UrlInfo urlInfo = makeJobUrlInfo(url, properties_->get(constants.provisioningServerKey));
     const std::string source = urlInfo.text();
     const std::string destination = formatUrl(provisioningPath(type, urlInfo.localName()), properties_);
     dbg::Debug::info() << "Found " << type << " job type with URL: " << source << std::endl;

@@ -109,7 +109,7 @@ bool NVMJobHandler::isFunctionKeyLocked(const std::string& index) {
 }
 
 void NVMJobHandler::write(const std::string& name, const std::string& value) {
-    properties_->set(name, constants::provisioningSource, value);
+    properties_->set(name, constants.provisioningSource, value);
     ++applied_;
 }
 

@@ -146,7 +146,7 @@ bool ProvisioningFileParser::verifyProduct(const Attributes& root) const {
 
 // Compares as many characters as the device's own address has, ignoring case.
 bool ProvisioningFileParser::verifyMacAddress(const Attributes& root) const {
-    const std::string device = properties_->get(constants::macAddressKey);
+    const std::string device = properties_->get(constants.macAddressKey);
     const auto address = root.find("macAddress");
     if (address == root.end()) {
         dbg::Debug::info() << "MAC address not provided in XML, skipping check" << std::endl;

@@ -114,7 +114,7 @@ void ProvisioningWorker::startProvisioning(std::string url) {
     const std::lock_guard<std::mutex> serialised(startMutex_);
     if (!countNestedPass()) {
         dbg::Debug::error() << "Redirected too often, provisioning not started" << std::endl;
-        statusReporter_.setProvisioningStatus(constants::failWord);
+        statusReporter_.setProvisioningStatus(constants.failWord);
         return;
     }
     if (!isProvisioningFinished()) {
@@ -209,14 +209,14 @@ void ProvisioningWorker::provisioningThreadMain(const UrlInfo& url, const Comple
     try {
         downloadAndRun(url);
     } catch (const UrlException& e) {
-        statusReporter_.setProvisioningStatus(constants::failWord);
+        statusReporter_.setProvisioningStatus(constants.failWord);
         dbg::Debug::error() << e.what() << std::endl;
     } catch (const std::exception& e) {
-        statusReporter_.setProvisioningStatus(constants::failWord);
+        statusReporter_.setProvisioningStatus(constants.failWord);
         dbg::Debug::error() << "Something went wrong during provisioning process, an exception was thrown: " << e.what()
                             << std::endl;
     } catch (...) {
-        statusReporter_.setProvisioningStatus(constants::failWord);
+        statusReporter_.setProvisioningStatus(constants.failWord);
         dbg::Debug::error() << "Something went wrong during provisioning process, an exception was thrown: "
                             << "unknown" << std::endl;
     }
@@ -237,7 +237,7 @@ void ProvisioningWorker::passEnded() {
 void ProvisioningWorker::startAction() {
     dbg::Debug::info() << "Provisioning Started" << std::endl;
     try {
-        properties_->set(constants::provisioningLockUiKey, constants::uiLocked);
+        properties_->set(constants.provisioningLockUiKey, constants.uiLocked);
     } catch (...) {  // provision even if the screen cannot be locked
     }
     progressReporter_.notifyProgress();
@@ -248,7 +248,7 @@ void ProvisioningWorker::startAction() {
 void ProvisioningWorker::endAction(const Completion& completion) {
     try {
         endWrites_.write(DeferredWrites::Kind::unlock,
-                         [this] { properties_->set(constants::provisioningLockUiKey, constants::uiUnlocked); });
+                         [this] { properties_->set(constants.provisioningLockUiKey, constants.uiUnlocked); });
     } catch (...) {  // as in startAction
     }
     finished_ = true;
@@ -275,7 +275,7 @@ void ProvisioningWorker::downloadAndRun(const UrlInfo& url) {
     dbg::Debug::error() << "Curl Error: " << CurlTypes::getCurlErrorDescription(result)
                         << " HTTP Error: " << CurlTypes::getHTTPCodeDescription(httpCode) << std::endl;
     dbg::Debug::error() << "Worker failed to download initial job" << std::endl;
-    statusReporter_.setProvisioningStatus(constants::failWord);
+    statusReporter_.setProvisioningStatus(constants.failWord);
 }
 
 void ProvisioningWorker::runPass(const std::string& filePath) {
@@ -285,7 +285,7 @@ void ProvisioningWorker::runPass(const std::string& filePath) {
     setCurrentProvisioningVersion({});
     if (!parser.parseInitialFile()) {
         dbg::Debug::warning() << "Initial provisioning file verification failed" << std::endl;
-        statusReporter_.setProvisioningStatus(constants::failWord);
+        statusReporter_.setProvisioningStatus(constants.failWord);
         return;
     }
     parser.collectJobs(jobs);
@@ -314,17 +314,17 @@ void ProvisioningWorker::publishResult() {
     const std::string httpCode = std::to_string(lastHttpCode.load());
     guarded("publish the HTTP code", [&] {
         endWrites_.write(DeferredWrites::Kind::result,
-                         [this, httpCode] { properties_->set(constants::provisioningHttpErrorCodeKey, httpCode); });
+                         [this, httpCode] { properties_->set(constants.provisioningHttpErrorCodeKey, httpCode); });
     });
     guarded("publish the status", [&] {
         endWrites_.write(DeferredWrites::Kind::result,
-                         [this, status] { properties_->set(constants::provisioningStateKey, status); });
+                         [this, status] { properties_->set(constants.provisioningStateKey, status); });
     });
-    const bool succeeded = status == constants::successWord || status == constants::partSuccessWord;
+    const bool succeeded = status == constants.successWord || status == constants.partSuccessWord;
     dbg::Debug::info() << (succeeded ? "Provisioning succeeded. " : "Provisioning failed. ") << std::endl;
     endWrites_.write(DeferredWrites::Kind::result, [this] {  // last, so it may throw to the caller
-        if (properties_->get(constants::firmwareTriggerAutoKey) == constants::requestWord) {
-            properties_->set(constants::firmwareTriggerAutoKey, constants::noVersionWord);
+        if (properties_->get(constants.firmwareTriggerAutoKey) == constants.requestWord) {
+            properties_->set(constants.firmwareTriggerAutoKey, constants.noVersionWord);
         }
     });
 }
