@@ -5,8 +5,8 @@
 #include "ContentCoding.h"
 #include "Credentials.h"
 #include "FileVersion.h"
-#include "Pace.h"
 #include "ResumePlan.h"
+#include "Transfer.h"
 
 namespace {
 
