@@ -1,16 +1,26 @@
 #include "security/Security.h"
 
+#include <fcntl.h>
+#include <openssl/bio.h>
+#include <openssl/err.h>
+#include <openssl/pem.h>
+#include <openssl/x509.h>
 #include <sys/stat.h>
+#include <unistd.h>
 
+#include <array>
 #include <cerrno>
-#include <exception>
 #include <iterator>
+#include <limits>
 #include <mutex>
+#include <new>
 #include <optional>
-#include <string>
+#include <stdexcept>
+#include <system_error>
 #include <utility>
+#include <vector>
 
-#include "Certificates.h"
+#include "common/Descriptor.h"
 #include "debug/Debug.h"
 
 namespace zav {
@@ -21,6 +31,103 @@ constexpr const char* systemBundle = "/etc/ssl/certs/ca-certificates.crt";
 constexpr const char* phoneBundle = "/custom/certs/ca-bundle.pem";
 constexpr std::size_t maxBundleSize = std::size_t{16} << 20U;
 constexpr std::size_t maxCertificateSize = std::size_t{1} << 20U;
+
+struct Free {
+    void operator()(BIO* bio) const { BIO_free(bio); }
+    void operator()(X509* certificate) const { X509_free(certificate); }
+};
+
+[[noreturn]] void throwReadError(const std::string& path) {
+    throw std::system_error(errno, std::generic_category(), "Cannot read " + path);
+}
+
+std::unique_ptr<X509, Free> parse(const std::string& der) {
+    if (der.size() > static_cast<std::size_t>(std::numeric_limits<long>::max())) return nullptr;
+    const auto* at = reinterpret_cast<const unsigned char*>(der.data());
+    const auto* const end = at + der.size();
+    std::unique_ptr<X509, Free> certificate(d2i_X509(nullptr, &at, static_cast<long>(der.size())));
+    ERR_clear_error();
+    return at == end ? std::move(certificate) : nullptr;
+}
+
+// The content of a regular file of at most `limit` bytes. Does not block on a pipe.
+std::string readFile(const std::string& path, std::size_t limit, int furtherFlags) {
+    const common::Descriptor file(::open(path.c_str(), O_RDONLY | O_CLOEXEC | O_NONBLOCK | furtherFlags));
+    if (file.get() < 0) throwReadError(path);
+    struct stat status {};
+    if (::fstat(file.get(), &status) != 0) throwReadError(path);
+    if (!S_ISREG(status.st_mode)) throw std::runtime_error("Cannot read " + path + ": not a regular file");
+
+    std::string bytes;
+    bytes.reserve(status.st_size > 0 ? static_cast<std::size_t>(status.st_size) : 0);
+    std::array<char, 16384> buffer{};
+    for (;;) {
+        const ssize_t count = ::read(file.get(), buffer.data(), buffer.size());
+        if (count < 0 && errno == EINTR) continue;
+        if (count < 0) throwReadError(path);
+        if (count == 0) return bytes;
+        bytes.append(buffer.data(), static_cast<std::size_t>(count));
+        if (bytes.size() > limit) throw std::runtime_error("Cannot read " + path + ": too long");
+    }
+}
+
+struct Certificates {
+    std::vector<std::string> der;
+    std::size_t damaged = 0;  // certificate blocks that are not X.509
+    std::size_t others = 0;   // blocks of another kind: keys, trusted certificates (with OpenSSL's trust settings)
+};
+
+// Whether each certificate is parsed to find damaged ones. That takes 0.1 ms each: too long for the 150 certificates of
+// the system's bundle, which is generated and not edited by hand.
+enum class Parse { yes, no };
+
+Certificates certificatesFromPem(const std::string& text, Parse parsed) {
+    Certificates found;
+    const std::unique_ptr<BIO, Free> source(BIO_new_mem_buf(text.data(), static_cast<int>(text.size())));
+    if (source == nullptr) throw std::bad_alloc();
+    for (;;) {
+        char* name = nullptr;
+        char* header = nullptr;
+        unsigned char* data = nullptr;
+        long length = 0;
+        // Unlike PEM_read_bio_X509, this function never asks for a password.
+        const int read = PEM_read_bio(source.get(), &name, &header, &data, &length);
+        if (read != 1) {
+            const unsigned long error = ERR_peek_last_error();
+            const bool end = ERR_GET_LIB(error) == ERR_LIB_PEM && ERR_GET_REASON(error) == PEM_R_NO_START_LINE;
+            ERR_clear_error();
+            if (end || BIO_eof(source.get()) == 1) {
+                if (!end) ++found.damaged;
+                return found;
+            }
+            ++found.damaged;
+            continue;
+        }
+        const std::string kind(name);
+        std::string der(reinterpret_cast<const char*>(data), static_cast<std::size_t>(length));
+        OPENSSL_free(name);
+        OPENSSL_free(header);
+        OPENSSL_free(data);
+        if (kind != PEM_STRING_X509 && kind != PEM_STRING_X509_OLD) {
+            ++found.others;
+            continue;
+        }
+        if (parsed == Parse::yes && parse(der) == nullptr) {
+            ++found.damaged;
+        } else {
+            found.der.push_back(std::move(der));
+        }
+    }
+}
+
+// Whether `der` is exactly one X.509 certificate and its dates include now.
+bool isValidToday(const std::string& der) {
+    const auto certificate = parse(der);
+    if (certificate == nullptr) return false;
+    // X509_cmp_current_time returns 0 for a date that cannot be read.
+    return X509_cmp_current_time(X509_get0_notBefore(certificate.get())) < 0 &&
+           X509_cmp_current_time(X509_get0_notAfter(certificate.get())) > 0;
+}
 
 enum class IfMissing { ignore, warn };
 
@@ -33,7 +140,7 @@ bool exists(const char* path) {
 std::string readBundle(const char* path, IfMissing ifMissing) {
     if (ifMissing == IfMissing::ignore && !exists(path)) return "";
     try {
-        return readFile(path, maxBundleSize, Links::follow);
+        return readFile(path, maxBundleSize, 0);  // the system's bundle is a link on some machines
     } catch (const std::exception& exception) {
         dbg::Debug::warning() << "Certificate bundle: " << exception.what() << std::endl;
         return "";
@@ -82,8 +189,7 @@ struct Security::State {
     std::shared_ptr<const TrustedCertificates> notified;  // announced last
 };
 
-Security::Security(std::shared_ptr<propertyapi::IPropertyApi> properties)
-    : properties_(std::move(properties)), state_(std::make_unique<State>()) {}
+Security::Security(const std::shared_ptr<propertyapi::IPropertyApi>&) : state_(std::make_unique<State>()) {}
 
 Security::~Security() = default;
 
@@ -116,7 +222,7 @@ void Security::notifySystemAboutNewCertificates() {
 }
 
 int Security::checkCertificate(const std::string& path) {
-    const std::string bytes = readFile(path, maxCertificateSize, Links::refuse);
+    const std::string bytes = readFile(path, maxCertificateSize, O_NOFOLLOW);
     if (isValidToday(bytes)) return 1;
     const Certificates found = certificatesFromPem(bytes, Parse::yes);
     // Whoever installs the file might use another block than the one that was checked.
