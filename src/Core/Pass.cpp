@@ -1,5 +1,6 @@
 #include "Core/Pass.h"
 
+#include <mutex>
 #include <utility>
 
 namespace zav {
@@ -8,14 +9,36 @@ namespace {
 
 thread_local Pass* passOfThisThread = nullptr;
 
+struct Version {
+    std::mutex mutex;
+    std::string text;  // guarded by mutex
+};
+
+Version& version() {
+    static Version instance;
+    return instance;
+}
+
 }  // namespace
 
-Pass::Pass(std::shared_ptr<Usage> usage, unsigned depth, std::shared_ptr<common::StopSignal> stop)
-    : usage_(std::move(usage)), depth_(depth), stop_(std::move(stop)), outer_(passOfThisThread) {
+std::atomic<int> lastHttpCode{0};
+
+std::string currentProvisioningVersion() {
+    const std::lock_guard<std::mutex> lock(version().mutex);
+    return version().text;
+}
+
+void setCurrentProvisioningVersion(const std::string& text) {
+    const std::lock_guard<std::mutex> lock(version().mutex);
+    version().text = text;
+}
+
+Pass::Pass(Pass* outer, std::shared_ptr<common::StopSignal> stop)
+    : outer_(outer), depth_(outer == nullptr ? 1 : outer->depth_ + 1), stop_(std::move(stop)) {
     passOfThisThread = this;
 }
 
-Pass::~Pass() { passOfThisThread = outer_; }
+Pass::~Pass() { passOfThisThread = nullptr; }
 
 Pass* Pass::ofThisThread() { return passOfThisThread; }
 
@@ -24,11 +47,7 @@ Pass& Pass::current() {
     return *passOfThisThread;
 }
 
-bool Pass::useFile() {
-    if (usage_->files >= maximumFiles) return false;
-    ++usage_->files;
-    return true;
-}
+bool Pass::countNestedPass() { return depth_ < maximumDepth && ++usage().nestedPasses <= maximumNestedPasses; }
 
 void Pass::throwIfOverdue() const {
     if (isOverdue()) throw ShuttingDownException();

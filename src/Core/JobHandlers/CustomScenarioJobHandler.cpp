@@ -4,7 +4,6 @@
 
 #include "Core/Constants.h"
 #include "Core/Pass.h"
-#include "Core/PassState.h"
 #include "Core/Utils.h"
 #include "common/Quote.h"
 #include "debug/Debug.h"
@@ -19,18 +18,6 @@ constexpr const char* forceAcceptFlag = "FORCE_ACCEPT";
 constexpr const char* phoneBookDirectory = "/var/volatile/contacts/";
 constexpr const char* certificateDirectory = "/custom/certs/_storage/";
 constexpr int functionKeys = 8;
-
-// Restores the outer pass's version: a nested pass sets that of its own files.
-class ProvisioningVersionScope {
- public:
-    ProvisioningVersionScope() : version_(currentProvisioningVersion()) {}
-    ~ProvisioningVersionScope() { setCurrentProvisioningVersion(version_); }
-    ProvisioningVersionScope(const ProvisioningVersionScope&) = delete;
-    ProvisioningVersionScope& operator=(const ProvisioningVersionScope&) = delete;
-
- private:
-    const std::string version_;
-};
 
 }  // namespace
 
@@ -116,12 +103,13 @@ bool CustomScenarioJobHandler::unlockAllFunctionKeysStep(const Attributes&) {
 }
 
 bool CustomScenarioJobHandler::redirectStep(const Attributes& step) {
-    const ProvisioningVersionScope version;
+    const std::string version = currentProvisioningVersion();
     worker_->startProvisioning(step.at(urlAttribute));
     do {
         worker_->waitForProgress();
         progressReporter_.notifyProgress();  // the watchdog waits for progress of the outer pass
     } while (!worker_->isProvisioningFinished());
+    setCurrentProvisioningVersion(version);  // the nested pass set that of its own files
     return worker_->getProvisioningStatus() == constants.successWord;
 }
 

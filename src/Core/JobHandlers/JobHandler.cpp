@@ -9,7 +9,6 @@
 #include "Core/JobHandlers/ProvisioningFileParser.h"
 #include "Core/JobHandlers/RegularExpression.h"
 #include "Core/Pass.h"
-#include "Core/PassState.h"
 #include "common/Quote.h"
 #include "debug/Debug.h"
 #include "http/CurlTypes.h"
@@ -107,7 +106,10 @@ int JobHandler::startJob(const JobDescription& job) {
 bool JobHandler::countDownload(const std::string& url) {
     Pass& pass = Pass::current();
     pass.throwIfOverdue();
-    if (pass.useFile()) return true;
+    if (pass.usage().files < Pass::maximumFiles) {
+        ++pass.usage().files;
+        return true;
+    }
     dbg::Debug::error() << "File " << url << " follows " << Pass::maximumFiles
                         << " others in this pass and will not be downloaded" << std::endl;
     return false;

@@ -7,7 +7,7 @@
 #include "Core/JobHandlers/JobHandler.h"
 #include "Core/JobHandlers/JobHandlerFactory.h"
 #include "Core/JobHandlers/ProvisioningFileParser.h"
-#include "Core/PassState.h"
+#include "Core/Pass.h"
 #include "Core/Utils.h"
 #include "common/Memory.h"
 #include "debug/Debug.h"
@@ -48,27 +48,15 @@ class AtScopeExit {
     Action action_;
 };
 
-// A nested worker shares the stop signal of the outer one.
-std::shared_ptr<common::StopSignal> stopOfThisThread() {
-    const Pass* const outer = Pass::ofThisThread();
-    return outer == nullptr ? std::make_shared<common::StopSignal>() : outer->stop();
-}
-
 }  // namespace
 
 ProvisioningWorker::ProvisioningWorker(std::shared_ptr<propertyapi::IPropertyApi> properties,
                                        std::shared_ptr<Curl> curl, Security& security)
-    : ProvisioningWorker(std::move(properties), std::move(curl), security, stopOfThisThread()) {}
-
-ProvisioningWorker::ProvisioningWorker(std::shared_ptr<propertyapi::IPropertyApi> properties,
-                                       std::shared_ptr<Curl> curl, Security& security,
-                                       std::shared_ptr<common::StopSignal> stop)
     : properties_(std::move(properties)),
       curl_(std::move(curl)),
       security_(security),
-      depth_(Pass::ofThisThread() == nullptr ? 1 : Pass::ofThisThread()->depth() + 1),
-      outerUsage_(Pass::ofThisThread() == nullptr ? nullptr : Pass::ofThisThread()->usage()),
-      stop_(std::move(stop)) {
+      outer_(Pass::ofThisThread()),
+      stop_(outer_ == nullptr ? std::make_shared<common::StopSignal>() : outer_->stop()) {
     curl_->stopWith(stop_);
     curl_->setProgressCallback([this](long downloadTotal, long downloaded, long uploadTotal, long uploaded) {
         onDownloadProgress(downloadTotal, downloaded, uploadTotal, uploaded);
@@ -102,17 +90,10 @@ bool ProvisioningWorker::waitForPreviousPass() {
     return true;
 }
 
-// Ends loops of redirects. False if the limits are reached.
-bool ProvisioningWorker::countNestedPass() {
-    if (!outerUsage_) return true;
-    if (depth_ > Pass::maximumDepth) return false;
-    return ++outerUsage_->nestedPasses <= Pass::maximumNestedPasses;
-}
-
 void ProvisioningWorker::startProvisioning(std::string url) {
     endWrites_.cancel(DeferredWrites::Kind::result);  // a stale result must not overwrite this request
     const std::lock_guard<std::mutex> serialised(startMutex_);
-    if (!countNestedPass()) {
+    if (outer_ != nullptr && !outer_->countNestedPass()) {
         dbg::Debug::error() << "Redirected too often, provisioning not started" << std::endl;
         statusReporter_.setProvisioningStatus(constants.failWord);
         return;
@@ -201,7 +182,7 @@ std::string ProvisioningWorker::getProvisioningStatus() {
 
 void ProvisioningWorker::provisioningThreadMain(const UrlInfo& url, const Completion& completion) {
     const AtScopeExit ended([this] { passEnded(); });
-    const Pass pass(outerUsage_ ? outerUsage_ : std::make_shared<Pass::Usage>(), depth_, stop_);
+    const Pass pass(outer_, stop_);
     const propertyapi::PatientCalls patience;  // no setting is lost if the property service restarts
     endWrites_.cancel();                       // only a pass that starts makes the pending unlock stale
     guarded("start the pass", [this] { startAction(); });
@@ -223,7 +204,7 @@ void ProvisioningWorker::provisioningThreadMain(const UrlInfo& url, const Comple
 }
 
 void ProvisioningWorker::passEnded() {
-    if (!outerUsage_) common::releaseFreeMemory();  // the next pass may be a day away
+    if (outer_ == nullptr) common::releaseFreeMemory();  // the next pass may be a day away
     bool waited = false;
     {
         const std::lock_guard<std::mutex> lock(stateMutex_);
