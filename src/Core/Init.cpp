@@ -17,10 +17,7 @@ constexpr int periodAttempts = 10;
 
 }  // namespace
 
-Init::Init(ProvisioningTimer& timer, std::shared_ptr<propertyapi::IPropertyApi> properties)
-    : Init(timer, std::move(properties), Timing()) {}
-
-Init::Init(ProvisioningTimer& timer, std::shared_ptr<propertyapi::IPropertyApi> properties, Timing timing)
+Init::Init(ProvisioningTimer& timer, std::shared_ptr<propertyapi::IPropertyApi> properties, InitTiming timing)
     : properties_(std::move(properties)), timer_(timer), timing_(timing) {}
 
 void Init::run() {

@@ -17,17 +17,14 @@ constexpr const char* overallStatus = "provisioningStatus";
 constexpr const char* jobStatus = "jobStatus";
 
 // Without "FileDownloadHandler" and "file": those jobs do not count in the overall status.
-const std::map<std::string, std::string>& jobCategoryByName() {
-    static const std::map<std::string, std::string> categories{
-        {"NVMJobHandler", "nvm"},
-        {"nvm", "nvm"},
-        {"CustomScenarioJobHandler", "custom"},
-        {"custom", "custom"},
-        {"FirmwareJobHandler", "firmware"},
-        {"firmware", "firmware"},
-    };
-    return categories;
-}
+const std::map<std::string, std::string> jobCategoryByName{
+    {"NVMJobHandler", "nvm"},
+    {"nvm", "nvm"},
+    {"CustomScenarioJobHandler", "custom"},
+    {"custom", "custom"},
+    {"FirmwareJobHandler", "firmware"},
+    {"firmware", "firmware"},
+};
 
 std::string wordOf(int result) {
     switch (result) {
@@ -77,8 +74,8 @@ void ProvisioningStatusReporter::setJobStatus(const std::string& handlerName, in
 
 void ProvisioningStatusReporter::setJobField(const std::string& handlerName, const std::string& key,
                                              const Json::Value& value) {
-    const auto category = jobCategoryByName().find(handlerName);
-    if (category == jobCategoryByName().end()) return;
+    const auto category = jobCategoryByName.find(handlerName);
+    if (category == jobCategoryByName.end()) return;
     const std::lock_guard<std::mutex> lock(mutex_);
     document_[category->second][key] = value;
 }

@@ -7,14 +7,6 @@
 
 namespace zav {
 
-FileDownloadHandler::FileDownloadHandler(const JobDescription& job, std::shared_ptr<Curl> curl, Security& security,
-                                         const std::shared_ptr<propertyapi::IPropertyApi>& properties,
-                                         XMLReader& reader, ProgressReporter& progressReporter,
-                                         ProvisioningStatusReporter& statusReporter)
-    : JobHandler(job, std::move(curl), security, properties, reader, progressReporter, statusReporter) {
-    handlerName_ = "FileDownloadHandler";
-}
-
 int FileDownloadHandler::run() {
     dbg::Debug::info() << "Running FileDownloadHandlerJob on: " << job_->name << std::endl;
     const std::string url = findNewestUrl(*job_);

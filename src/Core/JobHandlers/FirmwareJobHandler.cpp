@@ -21,13 +21,6 @@ constexpr const char* updateByProvisioning = "provisioning-request";
 
 }  // namespace
 
-FirmwareJobHandler::FirmwareJobHandler(const JobDescription& job, std::shared_ptr<Curl> curl, Security& security,
-                                       const std::shared_ptr<propertyapi::IPropertyApi>& properties, XMLReader& reader,
-                                       ProgressReporter& progressReporter, ProvisioningStatusReporter& statusReporter)
-    : JobHandler(job, std::move(curl), security, properties, reader, progressReporter, statusReporter) {
-    handlerName_ = "FirmwareJobHandler";
-}
-
 int FirmwareJobHandler::run() {
     int result = jobFail;
     triggeredByRequest_ = properties_->get(constants.firmwareTriggerAutoKey) == constants.requestWord;
@@ -93,14 +86,14 @@ bool FirmwareJobHandler::isUpgradable(const std::string& versionText) const {
 int FirmwareJobHandler::downloadAndInstall(const std::string& url) {
     const UrlInfo urlInfo = makeJobUrlInfo(url, properties_->get(constants.provisioningServerKey));
     const std::string source = urlInfo.text();
-    const std::string destination = formatUrl(firmwareDirectory() + urlInfo.localName(), properties_);
+    const std::string destination = formatUrl(firmwareDirectory + urlInfo.localName(), properties_);
     if (!countDownload(source)) return jobFail;
     if (!download("firmware", source, destination)) {
         statusReporter_.setJobField(getName(), "extraInfo", lastHttpStatus());
         return jobFail;
     }
     // The name on disk, with placeholders expanded: the updater looks for it there.
-    properties_->set(constants.firmwareFilenameKey, destination.substr(firmwareDirectory().size()));
+    properties_->set(constants.firmwareFilenameKey, destination.substr(firmwareDirectory.size()));
     if (triggeredByRequest_) {
         properties_->set(constants.firmwareVerifyKey, constants.requestWord);
     } else {

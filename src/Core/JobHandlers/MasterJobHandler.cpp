@@ -8,13 +8,6 @@
 
 namespace zav {
 
-MasterJobHandler::MasterJobHandler(const JobDescription& job, std::shared_ptr<Curl> curl, Security& security,
-                                   const std::shared_ptr<propertyapi::IPropertyApi>& properties, XMLReader& reader,
-                                   ProgressReporter& progressReporter, ProvisioningStatusReporter& statusReporter)
-    : JobHandler(job, std::move(curl), security, properties, reader, progressReporter, statusReporter) {
-    handlerName_ = "MasterJobHandler";
-}
-
 bool MasterJobHandler::isSupportedJobType(const std::string& type) {
     return type == "firmware" || type == "nvm" || type == "custom";
 }

@@ -51,24 +51,14 @@ void DeferredWrites::keep(Kind kind, const Write& write) {
     changed_.notify_all();
 }
 
-void DeferredWrites::cancel() {
+void DeferredWrites::cancel(std::optional<Kind> kind) {
     {
         const std::lock_guard<std::mutex> lock(mutex_);
-        pending_.clear();
+        const auto isStale = [kind](const Pending& pending) { return !kind || pending.kind == *kind; };
+        pending_.erase(std::remove_if(pending_.begin(), pending_.end(), isStale), pending_.end());
     }
-    waitForAttempt();
+    const std::lock_guard<std::mutex> noAttempt(attempt_);
 }
-
-void DeferredWrites::cancel(Kind kind) {
-    {
-        const std::lock_guard<std::mutex> lock(mutex_);
-        const auto isOfKind = [kind](const Pending& pending) { return pending.kind == kind; };
-        pending_.erase(std::remove_if(pending_.begin(), pending_.end(), isOfKind), pending_.end());
-    }
-    waitForAttempt();
-}
-
-void DeferredWrites::waitForAttempt() { const std::lock_guard<std::mutex> attempt(attempt_); }
 
 // One write per interval: a service that has just returned may deliver a request that cancels the others.
 void DeferredWrites::retry() {

@@ -241,7 +241,7 @@ void ProvisioningWorker::endAction(const Completion& completion) {
 }
 
 void ProvisioningWorker::downloadAndRun(const UrlInfo& url) {
-    const std::string destination = provisioningDirectory() + url.localName();
+    const std::string destination = provisioningDirectory + url.localName();
     const std::string source = url.text();
     dbg::Debug::info() << "Provisioning XML from: " << source << " to: " << destination << std::endl;
     FileDownloader downloader(curl_, security_, properties_);
