@@ -2,11 +2,9 @@
 
 #include <curl/curl.h>
 
-#include <condition_variable>
 #include <csignal>
 #include <cstdlib>
 #include <memory>
-#include <mutex>
 #include <utility>
 
 #include "Core/Constants.h"
@@ -19,6 +17,7 @@
 #include "common/Descriptor.h"
 #include "common/Memory.h"
 #include "common/Signal.h"
+#include "common/ThreadSafety.h"
 #include "debug/Debug.h"
 #include "http/Curl.h"
 #include "ipc/IPCFactory.h"
@@ -29,19 +28,19 @@
 namespace {
 
 const dbg::Debug channel("ZAV");
-std::condition_variable termination;
-std::mutex terminationMutex;
+common::ConditionVariable termination;
+common::Mutex terminationMutex;
 
 // Runs on the signal thread, not in a signal handler.
 void onTerminate(int) {
-    const std::unique_lock<std::mutex> lock(terminationMutex);
-    termination.notify_one();
+    const common::LockGuard lock(terminationMutex);
+    termination.notifyOne();
 }
 
 // Waits without a predicate: a SIGTERM that arrives before this is lost, a spurious wake-up ends the process.
 void waitForTermination() {
-    std::unique_lock<std::mutex> lock(terminationMutex);
-    termination.wait(lock);
+    const common::LockGuard lock(terminationMutex);
+    termination.wait(terminationMutex);
 }
 
 int run() {

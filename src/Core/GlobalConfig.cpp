@@ -1,10 +1,10 @@
 #include "Core/GlobalConfig.h"
 
-#include <mutex>
 #include <thread>
 
 #include "Core/Constants.h"
 #include "common/Quote.h"
+#include "common/ThreadSafety.h"
 #include "debug/Debug.h"
 
 namespace zav {
@@ -12,26 +12,36 @@ namespace zav {
 namespace {
 
 struct Values {
-    std::mutex mutex;
-    std::string softwareVersion;  // guarded by mutex, like the members below
+    std::string softwareVersion;
     std::string settingsVersion;
     std::string customVersion;
     std::string provisioningServer;
 };
 
-Values& values() {
-    static Values instance;
+class SharedValues {
+ public:
+    // A function, because the compiler does not check pointers to members.
+    Values& all() REQUIRES(mutex) { return all_; }
+
+    common::Mutex mutex;
+
+ private:
+    Values all_ GUARDED_BY(mutex);
+};
+
+SharedValues& values() {
+    static SharedValues instance;
     return instance;
 }
 
 std::string copyOut(std::string Values::*member) {
-    const std::lock_guard<std::mutex> lock(values().mutex);
-    return values().*member;
+    const common::LockGuard lock(values().mutex);
+    return values().all().*member;
 }
 
 void assign(std::string Values::*member, const std::string& value) {
-    const std::lock_guard<std::mutex> lock(values().mutex);
-    values().*member = value;
+    const common::LockGuard lock(values().mutex);
+    values().all().*member = value;
 }
 
 }  // namespace

@@ -1,7 +1,8 @@
 #include "Core/Pass.h"
 
-#include <mutex>
 #include <utility>
+
+#include "common/ThreadSafety.h"
 
 namespace zav {
 
@@ -10,8 +11,8 @@ namespace {
 thread_local Pass* passOfThisThread = nullptr;
 
 struct Version {
-    std::mutex mutex;
-    std::string text;  // guarded by mutex
+    common::Mutex mutex;
+    std::string text GUARDED_BY(mutex);
 };
 
 Version& version() {
@@ -24,12 +25,12 @@ Version& version() {
 std::atomic<int> lastHttpCode{0};
 
 std::string currentProvisioningVersion() {
-    const std::lock_guard<std::mutex> lock(version().mutex);
+    const common::LockGuard lock(version().mutex);
     return version().text;
 }
 
 void setCurrentProvisioningVersion(const std::string& text) {
-    const std::lock_guard<std::mutex> lock(version().mutex);
+    const common::LockGuard lock(version().mutex);
     version().text = text;
 }
 

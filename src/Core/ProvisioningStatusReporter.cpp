@@ -76,14 +76,14 @@ void ProvisioningStatusReporter::setJobField(const std::string& handlerName, con
                                              const Json::Value& value) {
     const auto category = jobCategoryByName.find(handlerName);
     if (category == jobCategoryByName.end()) return;
-    const std::lock_guard<std::mutex> lock(mutex_);
+    const common::LockGuard lock(mutex_);
     document_[category->second][key] = value;
 }
 
 void ProvisioningStatusReporter::reportFinished() {
     Json::Value document;
     {
-        const std::lock_guard<std::mutex> lock(mutex_);
+        const common::LockGuard lock(mutex_);
         document = document_;
     }
     addOverallStatus(document);
@@ -93,31 +93,32 @@ void ProvisioningStatusReporter::reportFinished() {
     // and without the lock, so that a slow log does not block readers.
     dbg::Debug::info() << "Finished provisioning, status is" << dbg::verbatim(text.str()) << std::endl;
     {
-        const std::lock_guard<std::mutex> lock(mutex_);
+        const common::LockGuard lock(mutex_);
         document_ = document;
     }
-    finished_.notify_all();
+    finished_.notifyAll();
 }
 
 void ProvisioningStatusReporter::setProvisioningStatus(const std::string& status) {
-    const std::lock_guard<std::mutex> lock(mutex_);
+    const common::LockGuard lock(mutex_);
     document_[overallStatus] = status;
-    finished_.notify_all();
+    finished_.notifyAll();
 }
 
 std::string ProvisioningStatusReporter::getProvisioningStatus() {
-    const std::lock_guard<std::mutex> lock(mutex_);
+    const common::LockGuard lock(mutex_);
     return member(document_, overallStatus).asString();
 }
 
 std::string ProvisioningStatusReporter::waitForProvisioningStatus(std::chrono::milliseconds timeout) {
-    std::unique_lock<std::mutex> lock(mutex_);
-    finished_.wait_for(lock, timeout, [this] { return !member(document_, overallStatus).isNull(); });
+    const common::LockGuard lock(mutex_);
+    finished_.waitFor(mutex_, timeout,
+                      [this]() REQUIRES(mutex_) { return !member(document_, overallStatus).isNull(); });
     return member(document_, overallStatus).asString();
 }
 
 void ProvisioningStatusReporter::resetStatus() {
-    const std::lock_guard<std::mutex> lock(mutex_);
+    const common::LockGuard lock(mutex_);
     document_.clear();
 }
 

@@ -61,9 +61,9 @@ std::chrono::system_clock::time_point nextNight(std::chrono::system_clock::time_
 
 std::chrono::system_clock::time_point TimerClock::now() const { return std::chrono::system_clock::now(); }
 
-std::cv_status TimerClock::waitFor(std::condition_variable& condition, std::unique_lock<std::mutex>& lock,
+std::cv_status TimerClock::waitFor(common::ConditionVariable& condition, common::Mutex& mutex,
                                    std::chrono::nanoseconds duration) const {
-    return condition.wait_for(lock, duration);  // steady clock: setting the wall clock back must not stall it
+    return condition.waitFor(mutex, duration);  // steady clock: setting the wall clock back must not stall it
 }
 
 const TimerClock& TimerClock::real() {
@@ -77,10 +77,10 @@ ProvisioningTimer::ProvisioningTimer(std::shared_ptr<propertyapi::IPropertyApi> 
 ProvisioningTimer::~ProvisioningTimer() { ProvisioningTimer::stop(); }
 
 void ProvisioningTimer::start(unsigned period) {
-    const std::lock_guard<std::mutex> control(control_);
+    const common::LockGuard control(control_);
     stopThread();
     {
-        const std::lock_guard<std::mutex> lock(mutex_);
+        const common::LockGuard lock(mutex_);
         nextTime_ = {};
         scheduleNext(period);
         period_ = period;
@@ -90,25 +90,25 @@ void ProvisioningTimer::start(unsigned period) {
 }
 
 void ProvisioningTimer::stop() {
-    const std::lock_guard<std::mutex> control(control_);
+    const common::LockGuard control(control_);
     stopThread();
 }
 
 void ProvisioningTimer::stopThread() {
     if (!thread_.joinable()) return;
     {
-        const std::lock_guard<std::mutex> lock(mutex_);
+        const common::LockGuard lock(mutex_);
         running_ = false;
     }
-    wake_.notify_all();
+    wake_.notifyAll();
     thread_.join();
     thread_ = std::thread();
 }
 
 void ProvisioningTimer::run() {
-    std::unique_lock<std::mutex> lock(mutex_);
+    const common::LockGuard lock(mutex_);
     while (running_) {
-        const std::cv_status woken = clock_.waitFor(wake_, lock, exactWait_);
+        const std::cv_status woken = clock_.waitFor(wake_, mutex_, exactWait_);
         if (woken == std::cv_status::no_timeout || !running_) {
             dbg::Debug::info() << "Provisioning timer: Abort" << std::endl;
             continue;

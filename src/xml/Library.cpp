@@ -7,14 +7,14 @@
 #include <libxml/xmlIO.h>
 #include <libxml/xmlerror.h>
 
-#include <mutex>
+#include "common/ThreadSafety.h"
 
 namespace zav::xml {
 
 namespace {
 
-std::mutex mutex;
-unsigned instances = 0;  // guarded by mutex
+common::Mutex mutex;
+unsigned instances GUARDED_BY(mutex) = 0;
 
 struct Document {
     const std::string* path = nullptr;
@@ -117,7 +117,7 @@ xmlParserInputPtr loadOnlyTheDocument(const char* url, const char*, xmlParserCtx
 }  // namespace
 
 Library::Library() {
-    const std::lock_guard<std::mutex> lock(mutex);
+    const common::LockGuard lock(mutex);
     if (instances++ == 0) {
         xmlInitParser();
         xmlSetExternalEntityLoader(loadOnlyTheDocument);
@@ -125,7 +125,7 @@ Library::Library() {
 }
 
 Library::~Library() {
-    const std::lock_guard<std::mutex> lock(mutex);
+    const common::LockGuard lock(mutex);
     if (--instances == 0) xmlCleanupParser();
 }
 

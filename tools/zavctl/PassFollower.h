@@ -8,11 +8,10 @@
 #pragma once
 
 #include <chrono>
-#include <condition_variable>
-#include <mutex>
 #include <optional>
 #include <string>
 
+#include "common/ThreadSafety.h"
 #include "ipc/IIPCCallback.h"
 
 namespace zavctl {
@@ -51,15 +50,14 @@ class PassFollower final : public ipc::IIPCCallback {
     const std::string source_;
     const std::chrono::milliseconds settleTime_;
 
-    mutable std::mutex mutex_;
-    std::condition_variable changed_;
-    // guarded by mutex_
-    bool requested_ = false;
-    bool earlierPassRuns_ = false;
-    bool passBegan_ = false;
-    std::string lostReason_;
-    std::optional<std::string> result_;
-    Clock::time_point countsFrom_{};  // when result_ begins to count
+    mutable common::Mutex mutex_;
+    common::ConditionVariable changed_;
+    bool requested_ GUARDED_BY(mutex_) = false;
+    bool earlierPassRuns_ GUARDED_BY(mutex_) = false;
+    bool passBegan_ GUARDED_BY(mutex_) = false;
+    std::string lostReason_ GUARDED_BY(mutex_);
+    std::optional<std::string> result_ GUARDED_BY(mutex_);
+    Clock::time_point countsFrom_ GUARDED_BY(mutex_){};  // when result_ begins to count
 };
 
 }  // namespace zavctl

@@ -1,11 +1,11 @@
 #include <json/value.h>
 
 #include <chrono>
-#include <mutex>
 
 #include "Commands.h"
 #include "Output.h"
 #include "Session.h"
+#include "common/ThreadSafety.h"
 #include "debug/Debug.h"
 #include "propertyprotocol/Change.h"
 #include "propertyprotocol/Topics.h"
@@ -35,7 +35,7 @@ class Printer final : public ipc::IIPCCallback {
         propertyprotocol::Change change;
         if (!propertyprotocol::isChangeTopic(topic) || !propertyprotocol::readChange(content, change)) return;
         if (change.param.compare(0, prefix_.size(), prefix_) != 0) return;
-        const std::lock_guard<std::mutex> lock(mutex_);
+        const common::LockGuard lock(mutex_);
         print(change);
         if (!environment_.out) environment_.stopSignal.stop();  // the output was closed
     }
@@ -43,12 +43,12 @@ class Printer final : public ipc::IIPCCallback {
     void deliveryComplete(const std::string&) override {}
 
     void warn(const std::string& text) {
-        const std::lock_guard<std::mutex> lock(mutex_);
+        const common::LockGuard lock(mutex_);
         environment_.err << "zavctl: " << dbg::escapeControls(text) << std::endl;
     }
 
  private:
-    void print(const propertyprotocol::Change& change) {
+    void print(const propertyprotocol::Change& change) REQUIRES(mutex_) {
         if (json_) {
             Json::Value object;
             object["param"] = change.param;
@@ -65,7 +65,7 @@ class Printer final : public ipc::IIPCCallback {
     const Environment& environment_;
     const bool json_;
     const std::string prefix_;
-    std::mutex mutex_;  // guards the output
+    common::Mutex mutex_;  // guards the output
 };
 
 // Warns when the property service goes offline: its last changes are lost if it crashed, and it publishes none when it

@@ -31,9 +31,11 @@ Curl::State::~State() {
     curl_global_cleanup();
 }
 
-CURL* Curl::State::handleFor(std::shared_ptr<const TrustedCertificates> certificates) {
-    if (certificates != trusted || isReadable(keptSocket)) dropHandle();
+CURL* Curl::State::handleFor(std::shared_ptr<const TrustedCertificates> certificates,
+                             std::shared_ptr<const DeviceIdentity> ownIdentity) {
+    if (certificates != trusted || ownIdentity != identity || isReadable(keptSocket)) dropHandle();
     trusted = std::move(certificates);
+    identity = std::move(ownIdentity);
     if (handle == nullptr) handle = curl_easy_init();
     return handle;
 }
@@ -54,12 +56,12 @@ void Curl::State::dropHandle() {
 }
 
 std::shared_ptr<common::StopSignal> Curl::State::stopSignal() const {
-    const std::lock_guard<std::mutex> lock(stopMutex);
+    const common::LockGuard lock(stopMutex);
     return stop;
 }
 
 void Curl::State::report(long total, long now) {
-    const std::lock_guard<std::recursive_mutex> lock(callbackMutex);
+    const common::LockGuard lock(callbackMutex);
     const auto current = callback;  // keeps it alive if it removes itself
     if (current == nullptr) return;
     try {
@@ -79,13 +81,13 @@ long Curl::getHttpCode() const { return state_->httpCode; }
 
 void Curl::setProgressCallback(ProgressCallback callback) {
     auto next = callback ? std::make_shared<ProgressCallback>(std::move(callback)) : nullptr;
-    const std::lock_guard<std::recursive_mutex> lock(state_->callbackMutex);
+    const common::LockGuard lock(state_->callbackMutex);
     state_->callback.swap(next);  // the old one is destroyed after the lock is released
 }
 
 void Curl::stopWith(std::shared_ptr<common::StopSignal> signal) {
     if (signal == nullptr) signal = std::make_shared<common::StopSignal>();
-    const std::lock_guard<std::mutex> lock(state_->stopMutex);
+    const common::LockGuard lock(state_->stopMutex);
     state_->stop.swap(signal);
 }
 

@@ -69,6 +69,7 @@ class Download {
     bool mayRetry(int result) const;
     bool waitForRetry(std::chrono::seconds pause);
     std::uint64_t limit() const;
+    std::shared_ptr<const DeviceIdentity> identityFor(const UrlInfo& url) const;
     void follow(Hop& hop, const UrlInfo& next) const;
     bool addCredentials(Hop& hop, unsigned long offered) const;
     void logUnsetClock(int result) const;
@@ -147,7 +148,7 @@ bool Download::waitForRetry(std::chrono::seconds pause) {
 int Download::attempt() {
     Hop hop(source_);
     for (;;) {
-        Transfer transfer(client_, security_, context_);
+        Transfer transfer(client_, security_, context_, identityFor(hop.url));
         if (hop.credentials) transfer.useCredentials(*hop.credentials, hop.schemes);
         // A validator is valid for its URL only.
         if (file_.size() != 0 && hop.url.text() == resumePoint_.url) transfer.resume(resumePoint_);
@@ -165,6 +166,12 @@ int Download::attempt() {
         }
         follow(hop, next);
     }
+}
+
+// Only the configured server learns who the phone is.
+std::shared_ptr<const DeviceIdentity> Download::identityFor(const UrlInfo& url) const {
+    auto identity = url.scheme() == "https" ? security_.deviceIdentity() : nullptr;
+    return identity != nullptr && isConfiguredServer(url, properties_) ? identity : nullptr;
 }
 
 // libcurl does not follow the redirects, so that each URL is checked, and credentials are not sent to another server.

@@ -1,26 +1,16 @@
 #include "security/Security.h"
 
-#include <fcntl.h>
-#include <openssl/bio.h>
-#include <openssl/err.h>
-#include <openssl/pem.h>
-#include <openssl/x509.h>
 #include <sys/stat.h>
-#include <unistd.h>
 
-#include <array>
 #include <cerrno>
+#include <exception>
 #include <iterator>
-#include <limits>
-#include <mutex>
-#include <new>
 #include <optional>
-#include <stdexcept>
-#include <system_error>
+#include <string>
 #include <utility>
-#include <vector>
 
-#include "common/Descriptor.h"
+#include "Certificates.h"
+#include "common/ThreadSafety.h"
 #include "debug/Debug.h"
 
 namespace zav {
@@ -29,105 +19,10 @@ namespace {
 
 constexpr const char* systemBundle = "/etc/ssl/certs/ca-certificates.crt";
 constexpr const char* phoneBundle = "/custom/certs/ca-bundle.pem";
+constexpr const char* identityFile = "/etc/zav.d/device.pem";
 constexpr std::size_t maxBundleSize = std::size_t{16} << 20U;
 constexpr std::size_t maxCertificateSize = std::size_t{1} << 20U;
-
-struct Free {
-    void operator()(BIO* bio) const { BIO_free(bio); }
-    void operator()(X509* certificate) const { X509_free(certificate); }
-};
-
-[[noreturn]] void throwReadError(const std::string& path) {
-    throw std::system_error(errno, std::generic_category(), "Cannot read " + path);
-}
-
-std::unique_ptr<X509, Free> parse(const std::string& der) {
-    if (der.size() > static_cast<std::size_t>(std::numeric_limits<long>::max())) return nullptr;
-    const auto* at = reinterpret_cast<const unsigned char*>(der.data());
-    const auto* const end = at + der.size();
-    std::unique_ptr<X509, Free> certificate(d2i_X509(nullptr, &at, static_cast<long>(der.size())));
-    ERR_clear_error();
-    return at == end ? std::move(certificate) : nullptr;
-}
-
-// The content of a regular file of at most `limit` bytes. Does not block on a pipe.
-std::string readFile(const std::string& path, std::size_t limit, int furtherFlags) {
-    const common::Descriptor file(::open(path.c_str(), O_RDONLY | O_CLOEXEC | O_NONBLOCK | furtherFlags));
-    if (file.get() < 0) throwReadError(path);
-    struct stat status {};
-    if (::fstat(file.get(), &status) != 0) throwReadError(path);
-    if (!S_ISREG(status.st_mode)) throw std::runtime_error("Cannot read " + path + ": not a regular file");
-
-    std::string bytes;
-    bytes.reserve(status.st_size > 0 ? static_cast<std::size_t>(status.st_size) : 0);
-    std::array<char, 16384> buffer{};
-    for (;;) {
-        const ssize_t count = ::read(file.get(), buffer.data(), buffer.size());
-        if (count < 0 && errno == EINTR) continue;
-        if (count < 0) throwReadError(path);
-        if (count == 0) return bytes;
-        bytes.append(buffer.data(), static_cast<std::size_t>(count));
-        if (bytes.size() > limit) throw std::runtime_error("Cannot read " + path + ": too long");
-    }
-}
-
-struct Certificates {
-    std::vector<std::string> der;
-    std::size_t damaged = 0;  // certificate blocks that are not X.509
-    std::size_t others = 0;   // blocks of another kind: keys, trusted certificates (with OpenSSL's trust settings)
-};
-
-// Whether each certificate is parsed to find damaged ones. That takes 0.1 ms each: too long for the 150 certificates of
-// the system's bundle, which is generated and not edited by hand.
-enum class Parse { yes, no };
-
-Certificates certificatesFromPem(const std::string& text, Parse parsed) {
-    Certificates found;
-    const std::unique_ptr<BIO, Free> source(BIO_new_mem_buf(text.data(), static_cast<int>(text.size())));
-    if (source == nullptr) throw std::bad_alloc();
-    for (;;) {
-        char* name = nullptr;
-        char* header = nullptr;
-        unsigned char* data = nullptr;
-        long length = 0;
-        // Unlike PEM_read_bio_X509, this function never asks for a password.
-        const int read = PEM_read_bio(source.get(), &name, &header, &data, &length);
-        if (read != 1) {
-            const unsigned long error = ERR_peek_last_error();
-            const bool end = ERR_GET_LIB(error) == ERR_LIB_PEM && ERR_GET_REASON(error) == PEM_R_NO_START_LINE;
-            ERR_clear_error();
-            if (end || BIO_eof(source.get()) == 1) {
-                if (!end) ++found.damaged;
-                return found;
-            }
-            ++found.damaged;
-            continue;
-        }
-        const std::string kind(name);
-        std::string der(reinterpret_cast<const char*>(data), static_cast<std::size_t>(length));
-        OPENSSL_free(name);
-        OPENSSL_free(header);
-        OPENSSL_free(data);
-        if (kind != PEM_STRING_X509 && kind != PEM_STRING_X509_OLD) {
-            ++found.others;
-            continue;
-        }
-        if (parsed == Parse::yes && parse(der) == nullptr) {
-            ++found.damaged;
-        } else {
-            found.der.push_back(std::move(der));
-        }
-    }
-}
-
-// Whether `der` is exactly one X.509 certificate and its dates include now.
-bool isValidToday(const std::string& der) {
-    const auto certificate = parse(der);
-    if (certificate == nullptr) return false;
-    // X509_cmp_current_time returns 0 for a date that cannot be read.
-    return X509_cmp_current_time(X509_get0_notBefore(certificate.get())) < 0 &&
-           X509_cmp_current_time(X509_get0_notAfter(certificate.get())) > 0;
-}
+constexpr std::size_t maxIdentitySize = std::size_t{1} << 20U;
 
 enum class IfMissing { ignore, warn };
 
@@ -140,7 +35,7 @@ bool exists(const char* path) {
 std::string readBundle(const char* path, IfMissing ifMissing) {
     if (ifMissing == IfMissing::ignore && !exists(path)) return "";
     try {
-        return readFile(path, maxBundleSize, 0);  // the system's bundle is a link on some machines
+        return readFile(path, maxBundleSize, Links::follow);
     } catch (const std::exception& exception) {
         dbg::Debug::warning() << "Certificate bundle: " << exception.what() << std::endl;
         return "";
@@ -169,11 +64,38 @@ std::shared_ptr<const TrustedCertificates> decode(const Bundles& bundles) {
     return std::make_shared<const TrustedCertificates>(std::move(all.der));
 }
 
+// The identity in the file; null if there is no file. Throws std::exception with the reason if it cannot be used.
+std::shared_ptr<const DeviceIdentity> readIdentity() {
+    if (!exists(identityFile)) return nullptr;
+    const std::string pem = readFile(identityFile, maxIdentitySize, Links::follow);
+    try {
+        return std::make_shared<const DeviceIdentity>(pem);
+    } catch (const std::runtime_error& error) {
+        throw std::runtime_error(std::string(identityFile) + " " + error.what());
+    }
+}
+
+// Reads the identity and logs what is wrong with the file.
+std::shared_ptr<const DeviceIdentity> checkedIdentity() {
+    try {
+        auto identity = readIdentity();
+        struct stat status {};
+        if (identity != nullptr && ::stat(identityFile, &status) == 0 && (status.st_mode & (S_IROTH | S_IWOTH)) != 0) {
+            dbg::Debug::warning() << "Device certificate: every user can read or replace the private key in "
+                                  << identityFile << std::endl;
+        }
+        return identity;
+    } catch (const std::exception& exception) {
+        dbg::Debug::warning() << "Device certificate not used: " << exception.what() << std::endl;
+        return nullptr;
+    }
+}
+
 }  // namespace
 
 struct Security::State {
-    // With the mutex held. Decodes the first bundles when they are first needed, to keep the start-up short.
-    const std::shared_ptr<const TrustedCertificates>& current() {
+    // Decodes the first bundles when they are first needed, to keep the start-up short.
+    const std::shared_ptr<const TrustedCertificates>& current() REQUIRES(mutex) {
         if (trusted == nullptr) {
             trusted = notified = decode(*first);
             first.reset();
@@ -181,12 +103,12 @@ struct Security::State {
         return trusted;
     }
 
-    std::mutex reloading;  // held while the bundles are read; taken before mutex
-    std::mutex mutex;
-    // Guarded by mutex.
-    std::optional<Bundles> first = Bundles();
-    std::shared_ptr<const TrustedCertificates> trusted;
-    std::shared_ptr<const TrustedCertificates> notified;  // announced last
+    common::Mutex reloading;  // held while the bundles are read; taken before mutex
+    common::Mutex mutex;
+    std::optional<Bundles> first GUARDED_BY(mutex) = Bundles();
+    std::shared_ptr<const TrustedCertificates> trusted GUARDED_BY(mutex);
+    std::shared_ptr<const TrustedCertificates> notified GUARDED_BY(mutex);  // announced last
+    std::shared_ptr<const DeviceIdentity> identity GUARDED_BY(mutex);
 };
 
 Security::Security(const std::shared_ptr<propertyapi::IPropertyApi>&) : state_(std::make_unique<State>()) {}
@@ -196,9 +118,9 @@ Security::~Security() = default;
 void Security::reloadCertificates() {
     try {
         // Two reloads at once must not store their results in the wrong order.
-        const std::lock_guard<std::mutex> oneAtATime(state_->reloading);
+        const common::LockGuard oneAtATime(state_->reloading);
         const Bundles bundles;
-        const std::lock_guard<std::mutex> lock(state_->mutex);
+        const common::LockGuard lock(state_->mutex);
         auto read = decode(bundles);
         if (!read->sameAs(*state_->current())) state_->trusted = std::move(read);
     } catch (const std::exception& exception) {
@@ -210,7 +132,7 @@ void Security::notifySystemAboutNewCertificates() {
     try {
         std::size_t count = 0;
         {
-            const std::lock_guard<std::mutex> lock(state_->mutex);
+            const common::LockGuard lock(state_->mutex);
             if (state_->trusted == state_->notified || state_->trusted->sameAs(*state_->notified)) return;
             state_->notified = state_->trusted;
             count = state_->trusted->count();
@@ -222,7 +144,7 @@ void Security::notifySystemAboutNewCertificates() {
 }
 
 int Security::checkCertificate(const std::string& path) {
-    const std::string bytes = readFile(path, maxCertificateSize, O_NOFOLLOW);
+    const std::string bytes = readFile(path, maxCertificateSize, Links::refuse);
     if (isValidToday(bytes)) return 1;
     const Certificates found = certificatesFromPem(bytes, Parse::yes);
     // Whoever installs the file might use another block than the one that was checked.
@@ -231,8 +153,20 @@ int Security::checkCertificate(const std::string& path) {
 }
 
 std::shared_ptr<const TrustedCertificates> Security::trustedCertificates() const {
-    const std::lock_guard<std::mutex> lock(state_->mutex);
+    const common::LockGuard lock(state_->mutex);
     return state_->current();
+}
+
+void Security::reloadDeviceIdentity() {
+    auto read = checkedIdentity();
+    const common::LockGuard lock(state_->mutex);
+    const bool same = read != nullptr && state_->identity != nullptr && read->sameAs(*state_->identity);
+    if (!same) state_->identity = std::move(read);
+}
+
+std::shared_ptr<const DeviceIdentity> Security::deviceIdentity() const {
+    const common::LockGuard lock(state_->mutex);
+    return state_->identity;
 }
 
 }  // namespace zav

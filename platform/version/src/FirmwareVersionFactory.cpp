@@ -30,12 +30,12 @@ FirmwareVersionConsts& FirmwareVersionConsts::getInstance() {
 }
 
 void FirmwareVersionConsts::setRunningVersion(const std::string& text) {
-    const std::lock_guard<std::mutex> lock(mutex_);
+    const common::LockGuard lock(mutex_);
     runningVersion_ = text;
 }
 
 std::string FirmwareVersionConsts::runningVersion() const {
-    const std::lock_guard<std::mutex> lock(mutex_);
+    const common::LockGuard lock(mutex_);
     return runningVersion_;
 }
 

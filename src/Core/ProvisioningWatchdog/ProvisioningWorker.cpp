@@ -70,20 +70,22 @@ ProvisioningWorker::~ProvisioningWorker() {
 
 void ProvisioningWorker::stop() {
     {
-        const std::lock_guard<std::mutex> lock(stateMutex_);
+        const common::LockGuard lock(stateMutex_);
         stopping_ = true;
     }
     stop_->stop();
-    stateChanged_.notify_all();
+    stateChanged_.notifyAll();
     progressReporter_.release();
 }
 
 // False if the process is shutting down.
 bool ProvisioningWorker::waitForPreviousPass() {
     {
-        std::unique_lock<std::mutex> lock(stateMutex_);
+        const common::LockGuard lock(stateMutex_);
         // Waiters of the previous pass must be gone too, or a signal of the next pass would wake them.
-        stateChanged_.wait(lock, [this] { return (!passRunning_ && progressWaiters_ == 0) || stopping_; });
+        stateChanged_.wait(stateMutex_, [this]() REQUIRES(stateMutex_) {
+            return (!passRunning_ && progressWaiters_ == 0) || stopping_;
+        });
         if (stopping_) return false;
     }
     if (thread_.joinable()) thread_.join();
@@ -92,7 +94,7 @@ bool ProvisioningWorker::waitForPreviousPass() {
 
 void ProvisioningWorker::startProvisioning(std::string url) {
     endWrites_.cancel(DeferredWrites::Kind::result);  // a stale result must not overwrite this request
-    const std::lock_guard<std::mutex> serialised(startMutex_);
+    const common::LockGuard serialised(startMutex_);
     if (outer_ != nullptr && !outer_->countNestedPass()) {
         dbg::Debug::error() << "Redirected too often, provisioning not started" << std::endl;
         statusReporter_.setProvisioningStatus(constants.failWord);
@@ -125,7 +127,7 @@ void ProvisioningWorker::startProvisioning(std::string url) {
 }
 
 void ProvisioningWorker::startThread(const UrlInfo& url, const Completion& completion) {
-    const std::lock_guard<std::mutex> lock(stateMutex_);
+    const common::LockGuard lock(stateMutex_);
     if (stopping_) {
         finished_ = true;
         return;
@@ -150,7 +152,7 @@ void ProvisioningWorker::waitForProgress() {
 
 // False if no pass runs.
 bool ProvisioningWorker::beginToWait() {
-    const std::lock_guard<std::mutex> lock(stateMutex_);
+    const common::LockGuard lock(stateMutex_);
     if (passRunning_) ++progressWaiters_;
     return passRunning_;
 }
@@ -159,16 +161,16 @@ bool ProvisioningWorker::beginToWait() {
 void ProvisioningWorker::endWaiting() {
     bool othersWaitInVain = false;
     {
-        const std::lock_guard<std::mutex> lock(stateMutex_);
+        const common::LockGuard lock(stateMutex_);
         --progressWaiters_;
         othersWaitInVain = !passRunning_ && progressWaiters_ > 0;
     }
-    stateChanged_.notify_all();
+    stateChanged_.notifyAll();
     if (othersWaitInVain) progressReporter_.notifyProgress();
 }
 
 bool ProvisioningWorker::isPassRunning() {
-    const std::lock_guard<std::mutex> lock(stateMutex_);
+    const common::LockGuard lock(stateMutex_);
     return passRunning_;
 }
 
@@ -186,6 +188,7 @@ void ProvisioningWorker::provisioningThreadMain(const UrlInfo& url, const Comple
     const propertyapi::PatientCalls patience;  // no setting is lost if the property service restarts
     endWrites_.cancel();                       // only a pass that starts makes the pending unlock stale
     guarded("start the pass", [this] { startAction(); });
+    if (!outerUsage_) security_.reloadDeviceIdentity();
     const AtScopeExit end([&] { endAction(completion); });
     try {
         downloadAndRun(url);
@@ -207,11 +210,11 @@ void ProvisioningWorker::passEnded() {
     if (outer_ == nullptr) common::releaseFreeMemory();  // the next pass may be a day away
     bool waited = false;
     {
-        const std::lock_guard<std::mutex> lock(stateMutex_);
+        const common::LockGuard lock(stateMutex_);
         passRunning_ = false;
         waited = progressWaiters_ > 0;
     }
-    stateChanged_.notify_all();
+    stateChanged_.notifyAll();
     if (waited) progressReporter_.notifyProgress();
 }
 
