@@ -8,8 +8,8 @@
 #include "ContentCoding.h"
 #include "Credentials.h"
 #include "FileVersion.h"
-#include "Pace.h"
 #include "ResumePlan.h"
+#include "Transfer.h"
 
 namespace {
 
