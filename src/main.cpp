@@ -53,9 +53,8 @@ int run() {
     const auto signals = common::signal::registerHandler();
     common::signal::registerCustomHandler(SIGTERM, onTerminate);
     const zav::xml::Library xmlLibrary;
-    const auto bus =
-        ipc::IPCFactory::createInstanceShared(zav::constants::clientName, zav::constants::brokerHost, false);
-    const auto properties = propertyapi::PropertyApiBuilder::getPropertyApi(bus, zav::constants::clientName);
+    const auto bus = ipc::IPCFactory::createInstanceShared(zav::constants.clientName, zav::constants.brokerHost, false);
+    const auto properties = propertyapi::PropertyApiBuilder::getPropertyApi(bus, zav::constants.clientName);
     zav::ProvisioningTimer timer(properties);
     zav::Security security(properties);
     curl_global_init(CURL_GLOBAL_ALL);

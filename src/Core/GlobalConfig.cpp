@@ -56,8 +56,8 @@ std::string GlobalConfig::getValue(const Properties& properties, const std::stri
 }
 
 bool GlobalConfig::hasAuthCredentials(const Properties& properties) {
-    return !getValue(properties, constants::factoryAuthUsernameKey).empty() &&
-           !getValue(properties, constants::factoryAuthPasswordKey).empty();
+    return !getValue(properties, constants.factoryAuthUsernameKey).empty() &&
+           !getValue(properties, constants.factoryAuthPasswordKey).empty();
 }
 
 void GlobalConfig::waitForPreconditions(const Properties& properties, unsigned maxWaits, std::chrono::seconds pause) {
@@ -78,12 +78,12 @@ void GlobalConfig::waitForPreconditions(const Properties& properties, unsigned m
 
 void GlobalConfig::readProperties(const Properties& properties) {
     dbg::Debug::info() << "Reading properties to GlobalConfig" << std::endl;
-    assign(&Values::softwareVersion, getValue(properties, constants::softwareVersionKey));
-    assign(&Values::settingsVersion, getValue(properties, constants::settingsVersionKey));
-    assign(&Values::customVersion, getValue(properties, constants::customVersionKey));
-    assign(&Values::provisioningServer, getValue(properties, constants::provisioningServerKey));
+    assign(&Values::softwareVersion, getValue(properties, constants.softwareVersionKey));
+    assign(&Values::settingsVersion, getValue(properties, constants.settingsVersionKey));
+    assign(&Values::customVersion, getValue(properties, constants.customVersionKey));
+    assign(&Values::provisioningServer, getValue(properties, constants.provisioningServerKey));
     // Read, but applied only when a change arrives on the bus.
-    static_cast<void>(getValue(properties, constants::debugLevelMaskKey));
+    static_cast<void>(getValue(properties, constants.debugLevelMaskKey));
 }
 
 std::string GlobalConfig::softwareVersion() { return copyOut(&Values::softwareVersion); }

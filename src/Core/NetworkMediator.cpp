@@ -11,9 +11,12 @@ namespace zav {
 
 // Shared with the thread, which may outlive the mediator.
 struct NetworkMediator::Shared {
-    explicit Shared(Timing chosen) : timing(chosen) {}
+    explicit Shared(MediatorTiming chosen) : timing(chosen) {}
 
-    const Timing timing;
+    bool waitForNetwork(const Check& isReady);
+    void run(Dispatcher& dispatcher, const Check& isReady);
+
+    const MediatorTiming timing;
     common::StopSignal stopping;
     common::Mutex mutex;  // held by start until `thread` is assigned
     common::ConditionVariable ended;
@@ -21,9 +24,7 @@ struct NetworkMediator::Shared {
     bool running GUARDED_BY(mutex) = false;  // the thread still uses the dispatcher
 };
 
-NetworkMediator::NetworkMediator() : NetworkMediator(Timing()) {}
-
-NetworkMediator::NetworkMediator(Timing timing) : shared_(std::make_shared<Shared>(timing)) {}
+NetworkMediator::NetworkMediator(MediatorTiming timing) : shared_(std::make_shared<Shared>(timing)) {}
 
 NetworkMediator::~NetworkMediator() {
     shared_->stopping.stop();
@@ -37,7 +38,7 @@ void NetworkMediator::start(std::shared_ptr<Dispatcher> dispatcher, Check isRead
                                    before = std::move(first)]() mutable {
         { const common::LockGuard started(shared->mutex); }
         if (before) before();
-        run(shared, held, check);
+        shared->run(*held, check);
         held.reset();
         const common::LockGuard ending(shared->mutex);
         if (shared->thread.joinable()) shared->thread.detach();
@@ -47,10 +48,10 @@ void NetworkMediator::start(std::shared_ptr<Dispatcher> dispatcher, Check isRead
     shared_->running = true;
 }
 
-bool NetworkMediator::waitForNetwork(Shared& shared, const Check& isReady) {
+bool NetworkMediator::Shared::waitForNetwork(const Check& isReady) {
     bool firstFailure = true;
     while (!isReady()) {
-        if (shared.stopping.waitFor(shared.timing.pollInterval)) return false;
+        if (stopping.waitFor(timing.pollInterval)) return false;
         if (firstFailure) {
             dbg::Debug::warning() << "Network not ready yet." << std::endl;
             firstFailure = false;
@@ -59,19 +60,18 @@ bool NetworkMediator::waitForNetwork(Shared& shared, const Check& isReady) {
     return true;
 }
 
-void NetworkMediator::run(const std::shared_ptr<Shared>& shared, const std::shared_ptr<Dispatcher>& dispatcher,
-                          const Check& isReady) {
+void NetworkMediator::Shared::run(Dispatcher& dispatcher, const Check& isReady) {
     dbg::Debug::info() << "start network state checker" << std::endl;
-    if (!waitForNetwork(*shared, isReady)) return;
+    if (!waitForNetwork(isReady)) return;
     {
-        const common::LockGuard lock(shared->mutex);
-        shared->thread.detach();
+        const common::LockGuard lock(mutex);
+        thread.detach();
     }
     dbg::Debug::info() << "Network interface is configured, waiting: " << stabilisationTime.count()
                        << "seconds for stabilization." << std::endl;
-    if (shared->stopping.waitFor(shared->timing.stabilisation)) return;
+    if (stopping.waitFor(timing.stabilisation)) return;
     dbg::Debug::info() << "Enabling provisioning function." << std::endl;
-    dispatcher->enableProvisioning();
+    dispatcher.enableProvisioning();
 }
 
 }  // namespace zav

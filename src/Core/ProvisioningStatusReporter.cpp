@@ -17,35 +17,32 @@ constexpr const char* overallStatus = "provisioningStatus";
 constexpr const char* jobStatus = "jobStatus";
 
 // Without "FileDownloadHandler" and "file": those jobs do not count in the overall status.
-const std::map<std::string, std::string>& jobCategoryByName() {
-    static const std::map<std::string, std::string> categories{
-        {"NVMJobHandler", "nvm"},
-        {"nvm", "nvm"},
-        {"CustomScenarioJobHandler", "custom"},
-        {"custom", "custom"},
-        {"FirmwareJobHandler", "firmware"},
-        {"firmware", "firmware"},
-    };
-    return categories;
-}
+const std::map<std::string, std::string> jobCategoryByName{
+    {"NVMJobHandler", "nvm"},
+    {"nvm", "nvm"},
+    {"CustomScenarioJobHandler", "custom"},
+    {"custom", "custom"},
+    {"FirmwareJobHandler", "firmware"},
+    {"firmware", "firmware"},
+};
 
 std::string wordOf(int result) {
     switch (result) {
         case jobFail:
-            return constants::failWord;
+            return constants.failWord;
         case jobPartSuccess:
-            return constants::partSuccessWord;
+            return constants.partSuccessWord;
         case jobSuccess:
-            return constants::successWord;
+            return constants.successWord;
         default:
             return {};
     }
 }
 
 std::string overallStatusOf(const std::set<std::string>& words) {
-    if (words == std::set<std::string>{constants::successWord}) return constants::successWord;
-    if (words == std::set<std::string>{constants::failWord}) return constants::failWord;
-    return constants::partSuccessWord;  // mixed results, or none
+    if (words == std::set<std::string>{constants.successWord}) return constants.successWord;
+    if (words == std::set<std::string>{constants.failWord}) return constants.failWord;
+    return constants.partSuccessWord;  // mixed results, or none
 }
 
 // Does not insert a missing member, unlike operator[] of a mutable object.
@@ -77,8 +74,8 @@ void ProvisioningStatusReporter::setJobStatus(const std::string& handlerName, in
 
 void ProvisioningStatusReporter::setJobField(const std::string& handlerName, const std::string& key,
                                              const Json::Value& value) {
-    const auto category = jobCategoryByName().find(handlerName);
-    if (category == jobCategoryByName().end()) return;
+    const auto category = jobCategoryByName.find(handlerName);
+    if (category == jobCategoryByName.end()) return;
     const common::LockGuard lock(mutex_);
     document_[category->second][key] = value;
 }

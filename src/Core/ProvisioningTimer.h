@@ -26,6 +26,13 @@ class TimerClock {
     static const TimerClock& real();
 };
 
+/// Night offset: 13995 s (03:53:15) on every phone, because its seed is the name of the MAC address property, not its
+/// value.
+std::chrono::seconds nightOffset();
+
+/// Local midnight at the start of today plus the offset, or exactly 24 h later if that is before `now`.
+std::chrono::system_clock::time_point nextNight(std::chrono::system_clock::time_point now, std::chrono::seconds offset);
+
 class ProvisioningTimer {
  public:
     explicit ProvisioningTimer(std::shared_ptr<propertyapi::IPropertyApi> properties,

@@ -33,7 +33,7 @@ FENCED = {
 
 # The daemon's files by rank: a file includes its own rank and those before it.
 RANKS = [
-    r"xml/.*|Core/(Constants|GlobalConfig|Utils|Pass|PassState|Predecessor|NightSchedule|ProvisioningTimer"
+    r"xml/.*|Core/(Constants|GlobalConfig|Utils|Pass|Predecessor|ProvisioningTimer"
     r"|ProvisioningStatusReporter|Init)\.\w+"
     r"|Core/ProvisioningWatchdog/(ProgressReporter|IProvisioningWorker|DeferredWrites)\.\w+",
     r"Core/JobHandlers/.*",

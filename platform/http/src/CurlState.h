@@ -40,7 +40,7 @@ struct Curl::State {
     bool isOverdue() const { return stopSignal()->isOverdue(settings.steadyNow()); }
 
     /// Calls the progress callback, if any. Logs its exceptions and does not throw them.
-    void report(long total, long now, long uploadTotal, long uploaded);
+    void report(long total, long now);
 
     // Constant after construction.
     const CurlSettings settings;

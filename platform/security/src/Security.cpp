@@ -111,8 +111,7 @@ struct Security::State {
     std::shared_ptr<const DeviceIdentity> identity GUARDED_BY(mutex);
 };
 
-Security::Security(std::shared_ptr<propertyapi::IPropertyApi> properties)
-    : properties_(std::move(properties)), state_(std::make_unique<State>()) {}
+Security::Security(const std::shared_ptr<propertyapi::IPropertyApi>&) : state_(std::make_unique<State>()) {}
 
 Security::~Security() = default;
 

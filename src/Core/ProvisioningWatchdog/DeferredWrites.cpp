@@ -51,24 +51,15 @@ void DeferredWrites::keep(Kind kind, const Write& write) {
     changed_.notifyAll();
 }
 
-void DeferredWrites::cancel() {
+void DeferredWrites::cancel(std::optional<Kind> kind) {
     {
         const common::LockGuard lock(mutex_);
-        pending_.clear();
+        pending_.erase(std::remove_if(pending_.begin(), pending_.end(),
+                                      [kind](const Pending& pending) { return !kind || pending.kind == *kind; }),
+                       pending_.end());
     }
-    waitForAttempt();
+    const common::LockGuard noAttempt(attempt_);
 }
-
-void DeferredWrites::cancel(Kind kind) {
-    {
-        const common::LockGuard lock(mutex_);
-        const auto isOfKind = [kind](const Pending& pending) { return pending.kind == kind; };
-        pending_.erase(std::remove_if(pending_.begin(), pending_.end(), isOfKind), pending_.end());
-    }
-    waitForAttempt();
-}
-
-void DeferredWrites::waitForAttempt() { const common::LockGuard attempt(attempt_); }
 
 // One write per interval: a service that has just returned may deliver a request that cancels the others.
 void DeferredWrites::retry() {

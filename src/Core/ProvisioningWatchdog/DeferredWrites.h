@@ -8,6 +8,7 @@
 #include <cstdint>
 #include <deque>
 #include <functional>
+#include <optional>
 #include <thread>
 
 #include "common/ThreadSafety.h"
@@ -33,8 +34,7 @@ class DeferredWrites {
 
     /// Drops all pending writes, or those of one kind. Returns when no retry is in progress, which may take
     /// the property calls of one write.
-    void cancel();
-    void cancel(Kind kind);
+    void cancel(std::optional<Kind> kind = std::nullopt);
 
  private:
     struct Pending {
@@ -46,7 +46,6 @@ class DeferredWrites {
     void keep(Kind kind, const Write& write);
     void retry();
     bool tryFirst();
-    void waitForAttempt();
     static bool execute(const Write& write);
 
     common::Mutex attempt_;  // held during each retry so that cancel can wait for it; locked before mutex_

@@ -37,10 +37,6 @@ class ProvisioningWorker : public IProvisioningWorker {
     ProvisioningWorker(std::shared_ptr<propertyapi::IPropertyApi> properties, std::shared_ptr<Curl> curl,
                        Security& security);
 
-    /// Uses the caller's stop signal.
-    ProvisioningWorker(std::shared_ptr<propertyapi::IPropertyApi> properties, std::shared_ptr<Curl> curl,
-                       Security& security, std::shared_ptr<common::StopSignal> stop);
-
     /// Waits for the running pass.
     ~ProvisioningWorker() override;
     ProvisioningWorker(const ProvisioningWorker&) = delete;
@@ -58,7 +54,6 @@ class ProvisioningWorker : public IProvisioningWorker {
  private:
     using Completion = std::function<void()>;  // null: nothing to publish
 
-    bool countNestedPass();
     bool isPassRunning();
     bool beginToWait();
     void endWaiting();
@@ -83,8 +78,7 @@ class ProvisioningWorker : public IProvisioningWorker {
     Security& security_;
     ProvisioningStatusReporter statusReporter_;
 
-    const unsigned depth_;                            // 1 if not nested
-    const std::shared_ptr<Pass::Usage> outerUsage_;   // of the outer pass; null if not nested
+    Pass* const outer_;                               // null if not nested
     const std::shared_ptr<common::StopSignal> stop_;  // shared with the nested workers
 
     common::Mutex startMutex_;  // held by startProvisioning from start to end
