@@ -17,7 +17,10 @@ import examples
 
 BUILD = os.path.realpath(sys.argv.pop() if len(sys.argv) > 1 else examples.ROOT / "build" / "release")
 STANDINS = {
-    "cmake": 'mkdir -p "build/$2" && touch "build/$2/build.ninja"',
+    "dpkg-query": 'echo installed',
+    "apt-get": 'echo "Debian deb http://packages.test/debian/ stable main"',
+    "mmdebstrap": 'tar -cf - --files-from=/dev/null',
+    "cmake": '[ "$1" != --list-presets ] || exec /usr/bin/cmake "$@"; mkdir -p "build/$2" && touch "build/$2/build.ninja"',
     "ninja": 'echo "ninja: no work to do."',
     "ctest": 'while [ $# -gt 0 ]; do [ "$1" != --output-junit ] || '
              'echo \'<testsuite tests="3" failures="0" skipped="0">\' >"$2"; shift; done',
@@ -105,7 +108,7 @@ class CommandsTest(unittest.TestCase):
     def test_scripts_refuse_arguments_that_they_do_not_know(self):
         copy = Copy()
         self.addCleanup(copy.folder.cleanup)
-        for name in ("build", "demo", "format", "pictures", "setup", "test"):
+        for name in ("build", "demo", "format", "pictures", "setup", "sysroot", "test"):
             with self.subTest(name):
                 status, said = copy.run(f"scripts/{name} --nothing")
                 self.assertEqual(status, 2, said)

@@ -3,7 +3,6 @@
 #include <strings.h>
 
 #include <algorithm>
-#include <limits>
 
 #include "ContentCoding.h"
 #include "CurlPointers.h"
@@ -18,10 +17,6 @@ constexpr long largeBufferSize = 512L * 1024;
 constexpr std::size_t maxHeaderBytes = 256UL * 1024;           // of one transfer, 1xx responses and trailers included
 constexpr std::uint64_t maxDiscardedBytes = 64 * 1024;         // of a body that is not stored
 constexpr std::uint64_t limitCheckInterval = 4 * 1024 * 1024;  // bytes of the file
-
-long asLong(curl_off_t value) {
-    return static_cast<long>(std::min<curl_off_t>(value, std::numeric_limits<long>::max()));
-}
 
 // 300, 304 and 305 may have a Location too, but do not repeat the request there.
 bool isRedirect(long status) { return (status >= 301 && status <= 303) || status == 307 || status == 308; }
@@ -351,7 +346,7 @@ int Transfer::onProgress(curl_off_t total, curl_off_t now) {
     const std::uint64_t read = static_cast<std::uint64_t>(std::max<curl_off_t>(now, 0));
     if (!ended_ && read > delivered_ + maxDiscardedBytes) ended_ = CURLE_OK;
     if (!ended_ && state_.isOverdue()) ended_ = CURLE_ABORTED_BY_CALLBACK;
-    state_.report(total > 0 ? asLong(offset + total) : 0, asLong(offset + now));
+    state_.report(total > 0 ? wrappedCount<long>(offset + total) : 0, wrappedCount<long>(offset + now));
     return ended_ ? 1 : 0;
 }
 
