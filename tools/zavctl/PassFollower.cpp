@@ -18,7 +18,7 @@ void PassFollower::connectionLost(const std::string& cause) {
 void PassFollower::setLost(const std::string& reason) {
     {
         const common::LockGuard lock(mutex_);
-        if (lostReason_.empty()) lostReason_ = reason;
+        if (state_.lostReason.empty()) state_.lostReason = reason;
     }
     changed_.notifyAll();
 }
@@ -31,17 +31,17 @@ void PassFollower::messageArrived(const std::string& topic, const std::string& c
     const common::LockGuard lock(mutex_);
     if (change.param == "State.Provisioning") {
         const bool isRequest = change.value.find("request") != std::string::npos;
-        if (!isRequest) earlierPassRuns_ = false;
+        if (!isRequest) state_.isEarlierPassRunning = false;
         if (isRequest) {
             requested_ = requested_ || change.source == source_;
-        } else if (requested_ && !(result_ && passBegan_)) {
-            result_ = change.value;
-            countsFrom_ = passBegan_ ? Clock::now() : Clock::now() + settleTime_;
+        } else if (requested_ && !(state_.result && state_.passBegan)) {
+            state_.result = change.value;
+            countsFrom_ = state_.passBegan ? Clock::now() : Clock::now() + settleTime_;
         }
-    } else if (change.param == "State.Provisioning.LockUI" && change.value == "1" && requested_ && !earlierPassRuns_ &&
-               !passBegan_) {
-        passBegan_ = true;
-        result_.reset();  // it was the result of an earlier pass
+    } else if (change.param == "State.Provisioning.LockUI" && change.value == "1" && requested_ &&
+               !state_.isEarlierPassRunning && !state_.passBegan) {
+        state_.passBegan = true;
+        state_.result.reset();  // it was the result of an earlier pass
     }
     changed_.notifyAll();
 }
@@ -50,37 +50,22 @@ void PassFollower::deliveryComplete(const std::string&) {}
 
 void PassFollower::expectEarlierResult() {
     const common::LockGuard lock(mutex_);
-    earlierPassRuns_ = true;
+    state_.isEarlierPassRunning = true;
 }
 
 std::optional<std::string> PassFollower::waitUntil(Clock::time_point until) {
     const common::LockGuard lock(mutex_);
     while (true) {
         const Clock::time_point now = Clock::now();
-        if (result_ && countsFrom_ <= now) return result_;
-        if (until <= now || !lostReason_.empty()) return std::nullopt;
-        changed_.waitUntil(mutex_, result_ ? std::min(countsFrom_, until) : until);
+        if (state_.result && countsFrom_ <= now) return state_.result;
+        if (until <= now || !state_.lostReason.empty()) return std::nullopt;
+        changed_.waitUntil(mutex_, state_.result ? std::min(countsFrom_, until) : until);
     }
 }
 
-std::optional<std::string> PassFollower::unconfirmedResult() const {
+PassFollower::State PassFollower::state() const {
     const common::LockGuard lock(mutex_);
-    return result_;
-}
-
-bool PassFollower::passBegan() const {
-    const common::LockGuard lock(mutex_);
-    return passBegan_;
-}
-
-bool PassFollower::isEarlierPassRunning() const {
-    const common::LockGuard lock(mutex_);
-    return earlierPassRuns_;
-}
-
-std::string PassFollower::lostReason() const {
-    const common::LockGuard lock(mutex_);
-    return lostReason_;
+    return state_;
 }
 
 }  // namespace zavctl

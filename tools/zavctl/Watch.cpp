@@ -1,5 +1,3 @@
-#include <json/value.h>
-
 #include <chrono>
 
 #include "Commands.h"
@@ -44,17 +42,14 @@ class Printer final : public ipc::IIPCCallback {
 
     void warn(const std::string& text) {
         const common::LockGuard lock(mutex_);
-        environment_.err << "zavctl: " << dbg::escapeControls(text) << std::endl;
+        printError(environment_.err, text);
     }
 
  private:
     void print(const propertyprotocol::Change& change) REQUIRES(mutex_) {
         if (json_) {
-            Json::Value object;
-            object["param"] = change.param;
-            object["value"] = change.value;
-            object["source"] = change.source;
-            printJson(environment_.out, object);
+            printJson(environment_.out,
+                      toObject({{"param", change.param}, {"value", change.value}, {"source", change.source}}));
             return;
         }
         environment_.out << dbg::escapeControls(change.param + "=" + change.value);
@@ -90,21 +85,18 @@ class PresencePrinter final : public ipc::IIPCCallback {
 
 }  // namespace
 
-ExitCode watch(const Environment& environment, const Options& options, const std::string& prefix) {
+void watch(const Environment& environment, const Options& options, const std::string& prefix) {
     environment.catchSignals();
     Printer printer(environment, options.json, prefix);
     PresencePrinter presence(printer);
-    Session session(environment, options.host);
-    session.subscribe(topicFilter(prefix), printer);
-    session.subscribe(propertyprotocol::statusTopic, presence);
-    session.connect();
+    Session session(environment, options.host,
+                    {{topicFilter(prefix), &printer}, {propertyprotocol::statusTopic, &presence}});
     // Also fails at once if the property service is offline.
     if (session.properties().list(prefix, "").properties.empty()) {
         printer.warn("no key begins with \"" + prefix + "\"; watching anyway");
     }
     while (!environment.stopSignal.waitFor(std::chrono::hours(1))) {
     }
-    return ExitCode::done;
 }
 
 }  // namespace zavctl
