@@ -3,7 +3,6 @@
 #include "Differences.h"
 #include "Json.h"
 #include "Output.h"
-#include "PrivateFile.h"
 #include "debug/Debug.h"
 #include "propertyprotocol/Errors.h"
 #include "propertyprotocol/Topics.h"
