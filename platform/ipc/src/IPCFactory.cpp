@@ -1,5 +1,7 @@
 #include "ipc/IPCFactory.h"
 
+#include <utility>
+
 #include "Client.h"
 #include "Service.h"
 
@@ -10,8 +12,8 @@ std::shared_ptr<IIPCClient> IPCFactory::createInstanceShared(const std::string& 
     return std::make_shared<Client>(clientName, host, transient);
 }
 
-std::unique_ptr<IIPCService> IPCFactory::createService(const std::string& clientName) {
-    return std::make_unique<Service>(clientName);
+std::unique_ptr<IIPCService> IPCFactory::createService(const std::string& clientName, ServiceEvents events) {
+    return std::make_unique<Service>(clientName, std::move(events));
 }
 
 }  // namespace ipc

@@ -31,7 +31,7 @@ std::size_t sizeOf(const ServiceRequest& request) {
 
 }  // namespace
 
-Service::Service(std::string name) : name_(std::move(name)) {}
+Service::Service(std::string name, ServiceEvents events) : name_(std::move(name)), events_(std::move(events)) {}
 
 Service::~Service() { stop(); }
 
@@ -44,6 +44,7 @@ void Service::start(const std::string& host, const std::string& statusTopic, con
     options.statusTopic = statusTopic;
     options.logsEvents = true;
     handler_ = std::move(handler);
+    statusTopic_ = statusTopic;
     connection_ = std::make_unique<Connection>(options, static_cast<ConnectionListener&>(*this));
     // A retained request would be executed again on every connection.
     for (const std::string& topic : topics) connection_->subscribe(topic, 2, MQTT_SUB_OPT_SEND_RETAIN_NEVER);
@@ -107,9 +108,26 @@ bool Service::messageArrived(const Incoming& message) {
     return !paused_;
 }
 
+void Service::messageAcknowledged(const std::string& topic) {
+    if (topic == statusTopic_ && !stopping_) online_ = true;
+}
+
+void Service::alive() const {
+    if (events_.alive) events_.alive();
+}
+
+void Service::reportOnline() {
+    if (std::exchange(online_, false) && events_.online) events_.online();
+}
+
 void Service::roundEnded() {
+    reportOnline();
+    alive();
     const common::LockGuard lock(round_);
-    while (send() && !inbox_.empty() && !stopping_) handleBatch();
+    while (send() && !inbox_.empty() && !stopping_) {
+        handleBatch();
+        alive();
+    }
     if (stopping_) drained_.notifyAll();
     if (!isFull(1)) dropping_ = false;
     if (paused_ && (!isFull(1) || connection_->congestion() == Congestion::unacknowledged)) {

@@ -18,7 +18,7 @@ namespace ipc {
 
 class Service final : public IIPCService, private ConnectionListener {
  public:
-    explicit Service(std::string name);
+    Service(std::string name, ServiceEvents events);
     Service(const Service&) = delete;
     Service& operator=(const Service&) = delete;
     ~Service() override;
@@ -29,12 +29,15 @@ class Service final : public IIPCService, private ConnectionListener {
 
  private:
     // On the network thread.
+    void connecting() override { alive(); }
     void connectionReady() override {}
     void connectionLost(const std::string& cause) override;
     bool messageArrived(const Incoming& message) override;
-    void messageAcknowledged(const std::string&) override {}
+    void messageAcknowledged(const std::string& topic) override;
     void roundEnded() override;
 
+    void alive() const;
+    void reportOnline();
     bool isFull(std::size_t times) const;
     void handleBatch() noexcept REQUIRES(round_);
     void waitUntilDrained() REQUIRES(round_);
@@ -42,7 +45,9 @@ class Service final : public IIPCService, private ConnectionListener {
     bool send() REQUIRES(round_);
 
     const std::string name_;
+    const ServiceEvents events_;
     Handler handler_;                         // constant once started
+    std::string statusTopic_;                 // constant once started
     std::unique_ptr<Connection> connection_;  // constant once started
     std::atomic<bool> stopping_{false};
 
@@ -56,6 +61,7 @@ class Service final : public IIPCService, private ConnectionListener {
     std::vector<ServiceRequest> batch_;
     bool paused_ = false;
     bool dropping_ = false;
+    bool online_ = false;  // accepted by the broker and not yet reported
 };
 
 }  // namespace ipc

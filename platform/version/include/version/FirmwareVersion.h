@@ -1,10 +1,11 @@
-// A firmware version and its comparison with another one.
+// A firmware version and its comparison with another one. Immutable.
 //
 // The text has the form `[LINE-][V]NUMBER{.NUMBER}`: "V2.13.7", "2.13", "kd4v-2.13.7", at most 128 bytes. Missing
 // numbers count as 0. LINE is a product line (letters and digits); if both versions name one, they must be equal.
 #pragma once
 
 #include <string>
+#include <vector>
 
 namespace version {
 
@@ -17,15 +18,23 @@ enum class Comparison : int {
     noUpgradePath = 4,  // the running version is unknown, or of another product line
 };
 
-class IFirmwareVersion {
+class FirmwareVersion {
  public:
-    virtual ~IFirmwareVersion() = default;
+    explicit FirmwareVersion(std::string text);
 
     /// Compares `offered` with this version as the running one.
-    virtual Comparison compare(const IFirmwareVersion& offered) const = 0;
+    Comparison compare(const FirmwareVersion& offered) const;
 
     /// The text that the version was created from, valid or not.
-    virtual const std::string& text() const = 0;
+    const std::string& text() const { return text_; }
+
+ private:
+    bool parse();
+
+    const std::string text_;
+    std::string productLine_;           // empty if there is none
+    std::vector<std::string> numbers_;  // decimal, without leading zeros: 0 is empty
+    const bool valid_;
 };
 
 }  // namespace version
