@@ -7,6 +7,7 @@
 #include "PrivateFile.h"
 #include "debug/Debug.h"
 #include "propertyprotocol/Errors.h"
+#include "propertyprotocol/Topics.h"
 
 namespace zavctl {
 
@@ -14,9 +15,12 @@ namespace {
 
 // Settings of an older or newer version of the phone's software. An older service does not list them.
 Settings uncataloguedOf(Session& session) {
+    const Json::Value request = toObject({{"uncatalogued", true}});
     Settings settings;
     try {
-        for (propertyapi::Property& one : session.listUncatalogued()) settings[one.key] = std::move(one.value);
+        for (const Json::Value& one : session.requestAll(propertyprotocol::listTopic, request, "properties")) {
+            settings[one["param"].asString()] = one["value"].asString();
+        }
     } catch (const Failure& failure) {
         if (failure.name() != propertyprotocol::errors::badRequest) throw;
     }
@@ -31,9 +35,8 @@ Json::Value namesOf(const Settings& settings) {
 
 }  // namespace
 
-ExitCode backup(const Environment& environment, const Options& options, const std::string& path, bool replace) {
+void backup(const Environment& environment, const Options& options, const std::string& path, bool replace) {
     Session session(environment, options.host);
-    session.connect();
     Settings settings = settingsOf(session, "", definitionsOf(session, ""));
     const Settings uncatalogued = uncataloguedOf(session);
     settings.insert(uncatalogued.begin(), uncatalogued.end());
@@ -45,53 +48,44 @@ ExitCode backup(const Environment& environment, const Options& options, const st
         writePrivateFile(path, text, replace);
     }
     if (options.json && !toOutput) {
-        Json::Value object;
-        object["file"] = path;
-        object["settings"] = static_cast<Json::UInt64>(settings.size());
-        object["uncatalogued"] = namesOf(uncatalogued);
-        printJson(environment.out, object);
-        return ExitCode::done;
+        printJson(environment.out, toObject({{"file", path},
+                                             {"settings", static_cast<Json::UInt64>(settings.size())},
+                                             {"uncatalogued", namesOf(uncatalogued)}}));
+        return;
     }
     for (const auto& [key, value] : uncatalogued) {
-        environment.err << "zavctl: " << dbg::escapeControls(key)
-                        << " is stored but not in the catalogue; the backup includes it" << std::endl;
+        printError(environment.err, key + " is stored but not in the catalogue; the backup includes it");
     }
     const std::string count = counted(settings.size(), "setting", "settings");
     if (toOutput) {
-        environment.err << "zavctl: " << count << " written to standard output, including passwords." << std::endl;
+        printError(environment.err, count + " written to standard output, including passwords.");
     } else {
         environment.out << count << " written to " << dbg::escapeControls(path) << ", including passwords."
                         << std::endl;
     }
-    return ExitCode::done;
 }
 
-ExitCode restore(const Environment& environment, const Options& options, const std::string& path) {
+void restore(const Environment& environment, const Options& options, const std::string& path) {
     Settings settings = readSettings(path);
     Session session(environment, options.host);
-    session.connect();
     const Definitions definitions = definitionsOf(session, "");
     for (auto one = settings.begin(); one != settings.end();) {
         if (isSetting(definitions, one->first)) {
             ++one;
             continue;
         }
-        environment.err << "zavctl: " << dbg::escapeControls(one->first) << " skipped: this phone has no such setting"
-                        << std::endl;
+        printError(environment.err, one->first + " skipped: this phone has no such setting");
         one = settings.erase(one);
     }
     const std::vector<Difference> differences = changesTo(valuesOf(session, ""), settings);
     if (!differences.empty()) writeChanges(session, differences, true);
     if (options.json) {
-        Json::Value object;
-        object["changes"] = DifferencePrinter(definitions, options.showSecrets).json(differences);
-        object["applied"] = true;
-        printJson(environment.out, object);
+        const Json::Value changes = toJson(shown(differences, definitions, options.showSecrets));
+        printJson(environment.out, toObject({{"changes", changes}, {"applied", true}}));
     } else {
         environment.out << counted(differences.size(), "setting", "settings") << " written, "
                         << settings.size() - differences.size() << " unchanged." << std::endl;
     }
-    return ExitCode::done;
 }
 
 }  // namespace zavctl

@@ -8,9 +8,8 @@
 
 namespace zavctl {
 
-ExitCode exportSettings(const Environment& environment, const Options& options, const std::string& prefix) {
+void exportSettings(const Environment& environment, const Options& options, const std::string& prefix) {
     Session session(environment, options.host);
-    session.connect();
     const Definitions definitions = definitionsOf(session, prefix);
     Settings settings = settingsOf(session, prefix, definitions);
     if (settings.empty() && !prefix.empty()) {
@@ -26,30 +25,23 @@ ExitCode exportSettings(const Environment& environment, const Options& options, 
     const Json::Value json = toJson(settings);
     environment.out << (options.json ? compactJson(json) : readableJson(json)) << std::endl;
     if (hidden > 0) {
-        environment.err << "zavctl: " << counted(hidden, "secret", "secrets")
-                        << " omitted; --show-secrets includes them" << std::endl;
+        printError(environment.err, counted(hidden, "secret", "secrets") + " omitted; --show-secrets includes them");
     }
-    return ExitCode::done;
 }
 
-ExitCode importSettings(const Environment& environment, const Options& options, const std::string& path, bool apply) {
+void importSettings(const Environment& environment, const Options& options, const std::string& path, bool apply) {
     const Settings wanted = readSettings(path);
     Session session(environment, options.host);
-    session.connect();
     const Definitions definitions = definitionsOf(session, "");
     // A key that only the file has counts as a difference; the service refuses it.
     std::vector<Difference> differences = changesTo(valuesOf(session, ""), withDefaults(wanted, definitions));
     writeChanges(session, differences, false);
-    const DifferencePrinter printer(definitions, options.showSecrets);
-    if (!options.json) printer.print(environment.out, differences);
-    const Json::Value shown = printer.json(differences);
+    const std::vector<Difference> visible = shown(differences, definitions, options.showSecrets);
+    if (!options.json) printDifferences(environment.out, visible);
     for (Difference& one : differences) one.after = wanted.at(one.key);
     if (apply && !differences.empty()) writeChanges(session, differences, true);
     if (options.json) {
-        Json::Value object;
-        object["changes"] = shown;
-        object["applied"] = apply;
-        printJson(environment.out, object);
+        printJson(environment.out, toObject({{"changes", toJson(visible)}, {"applied", apply}}));
     } else if (differences.empty()) {
         environment.out << "Nothing to do: the phone already has these settings." << std::endl;
     } else {
@@ -57,17 +49,15 @@ ExitCode importSettings(const Environment& environment, const Options& options, 
         environment.out << (apply ? settings + " written." : settings + " would be written; --apply writes them.")
                         << std::endl;
     }
-    return ExitCode::done;
 }
 
-ExitCode diffSettings(const Environment& environment, const Options& options, const std::string& before,
-                      const std::optional<std::string>& after, bool all) {
+void diffSettings(const Environment& environment, const Options& options, const std::string& before,
+                  const std::optional<std::string>& after, bool all) {
     Settings left = readSettings(before);
     Definitions definitions;
     Settings right;
     if (!after) {
         Session session(environment, options.host);
-        session.connect();
         definitions = definitionsOf(session, "");
         left = withDefaults(std::move(left), definitions);
         for (auto& [key, value] : valuesOf(session, "")) {
@@ -76,22 +66,18 @@ ExitCode diffSettings(const Environment& environment, const Options& options, co
     } else {
         right = readSettings(*after);
     }
-    const std::vector<Difference> differences = compare(left, right);
     // Without a phone there is no catalogue that says which keys are secret. The caller can read both files anyway.
-    const DifferencePrinter printer(definitions, options.showSecrets || after.has_value());
+    const bool showSecrets = options.showSecrets || after;
+    const std::vector<Difference> differences = shown(compare(left, right), definitions, showSecrets);
     if (options.json) {
-        Json::Value object;
-        object["changes"] = printer.json(differences);
-        printJson(environment.out, object);
+        printJson(environment.out, toObject({{"changes", toJson(differences)}}));
     } else {
-        printer.print(environment.out, differences);
+        printDifferences(environment.out, differences);
     }
-    return ExitCode::done;
 }
 
-ExitCode reset(const Environment& environment, const Options& options, const std::string& key) {
+void reset(const Environment& environment, const Options& options, const std::string& key) {
     Session session(environment, options.host);
-    session.connect();
     const bool many = !key.empty() && key.back() == '.';
     std::vector<Difference> differences;
     if (many) {
@@ -109,14 +95,12 @@ ExitCode reset(const Environment& environment, const Options& options, const std
     }
     if (!differences.empty()) writeChanges(session, differences, true);
     if (options.json) {
-        Json::Value object;
-        object["reset"] = Json::Value(Json::arrayValue);
-        for (const Difference& one : differences) object["reset"].append(one.key);
-        printJson(environment.out, object);
+        Json::Value keys(Json::arrayValue);
+        for (const Difference& one : differences) keys.append(one.key);
+        printJson(environment.out, toObject({{"reset", keys}}));
     } else if (many) {
         environment.out << counted(differences.size(), "setting", "settings") << " reset." << std::endl;
     }
-    return ExitCode::done;
 }
 
 }  // namespace zavctl

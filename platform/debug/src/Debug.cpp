@@ -161,7 +161,7 @@ void Debug::setDebugLevelMask(const std::string& mask) {
     const std::string digits = hexadecimal ? mask.substr(2) : mask;
     const char* allowed = hexadecimal ? "0123456789abcdefABCDEF" : "0123456789";
     errno = 0;
-    const unsigned long value = std::strtoul(digits.c_str(), nullptr, hexadecimal ? 16 : 10);
+    const unsigned long long value = std::strtoull(digits.c_str(), nullptr, hexadecimal ? 16 : 10);
     if (digits.empty() || digits.find_first_not_of(allowed) != std::string::npos || errno == ERANGE) {
         warning() << "Debug level mask '" << mask << "' is not a number, ignored" << std::endl;
         return;

@@ -69,6 +69,7 @@ TEST_F(DebugTest, MaskSelectsTheLevels) {
     EXPECT_EQ(levels("0x3"), "ew");
     EXPECT_EQ(levels("0X5"), "ei");
     EXPECT_EQ(levels("255"), "ewi");
+    EXPECT_EQ(levels("0x100000001"), "e");
     EXPECT_EQ(levels("0"), "");
 }
 

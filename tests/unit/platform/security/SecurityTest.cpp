@@ -158,6 +158,11 @@ TEST_F(CertificateCheck, AcceptsPemAndDer) {
     EXPECT_EQ(check("subject=phone\r\n" + good.certificate + "\nsome text\n"), 1);
 }
 
+TEST_F(CertificateCheck, AcceptsDatesBeyond2038) {
+    constexpr Hours thirtyYears(30 * 365 * 24);
+    EXPECT_EQ(check(authority.issue("phone.example", Hours(-1), thirtyYears).certificate), 1);
+}
+
 TEST_F(CertificateCheck, RejectsExpiredAndFutureCertificates) {
     const auto over = authority.issue("phone.example", Hours(-48), Hours(-1));
     const auto early = authority.issue("phone.example", Hours(1), Hours(48));

@@ -9,7 +9,6 @@
 #include "propertyprotocol/Change.h"
 #include "propertyprotocol/Json.h"
 #include "propertyprotocol/Utf8.h"
-#include "service/Limits.h"
 
 namespace propertyservice {
 namespace {
