@@ -307,4 +307,8 @@ class PurgeTest(PackagesTest):
 if __name__ == "__main__":
     if len(sys.argv) < 2:
         sys.exit(__doc__)
-    unittest.main(argv=[sys.argv[0], *sys.argv[2:]], verbosity=2)
+    program = unittest.main(argv=[sys.argv[0], *sys.argv[2:]], verbosity=2, exit=False)
+    failed = len(program.result.failures) + len(program.result.errors)
+    passed = max(program.result.testsRun - failed, 0)
+    print(f"{passed} passed, {failed} failed, {program.test.countTestCases() - passed - failed} skipped")
+    sys.exit(failed > 0)
