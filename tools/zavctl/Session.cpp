@@ -78,7 +78,7 @@ std::vector<Json::Value> Session::requestAll(const std::string& topic, Json::Val
         const std::string next = textOf(page, "next");
         checkNext(next, textOf(content, "after"));
         content["after"] = next;
-    } while (content["after"] != "");
+    } while (!textOf(content, "after").empty());
     return all;
 }
 
