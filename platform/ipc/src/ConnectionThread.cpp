@@ -7,7 +7,6 @@
 #include <vector>
 
 #include "Connection.h"
-#include "Socket.h"
 #include "debug/Debug.h"
 #include "ipc/IPCException.h"
 
@@ -75,8 +74,10 @@ BackOff::Loss Connection::attempt() {
     if (!notABrokerReason.empty()) failure_ = notABrokerReason;
     if (isClosing()) {
         state_ = State::ended;
-    } else {
-        log_.failed(address_, failure_);
+    } else if (options_.logsEvents && failure_ != lastLoggedFailure_) {
+        lastLoggedFailure_ = failure_;
+        dbg::Debug::warning() << "Cannot connect to the broker at " << address_.host << ":" << address_.port << ": "
+                              << failure_ << "; retrying" << std::endl;
     }
     return BackOff::Loss::plain;
 }
@@ -187,7 +188,8 @@ void Connection::becomeReady() {
     reached_ = Milestone::ready;
     readySince_ = Clock::now();
     if (!options_.statusTopic.empty()) enqueue({options_.statusTopic, "online", 1, {}, {}}, true);
-    log_.connected();
+    lastLoggedFailure_.clear();
+    if (options_.logsEvents) dbg::Debug::info() << "Connected to the broker" << std::endl;
     listener_.connectionReady();
     changed_.notifyAll();
 }
@@ -207,10 +209,22 @@ BackOff::Loss Connection::afterLoss(const std::string& numericAddress) {
                    "\" has taken over the session";
     }
     if (isClosing()) return loss;
-    log_.lost(loss, failure_);
+    if (options_.logsEvents) logLoss(loss);
     listener_.connectionLost(failure_);
     changed_.notifyAll();
     return loss;
+}
+
+void Connection::logLoss(BackOff::Loss loss) {
+    if (loss == BackOff::Loss::takeover) {
+        dbg::Debug::error() << "Another " << options_.clientId
+                            << " is connected to the broker and has taken over from this one" << std::endl;
+    } else if (loss == BackOff::Loss::suspected) {
+        dbg::Debug::warning() << "The broker closed the connection; perhaps another " << options_.clientId
+                              << " is connected and has taken over from this one" << std::endl;
+    } else {
+        dbg::Debug::warning() << "Connection to the broker lost: " << failure_ << std::endl;
+    }
 }
 
 /// Some brokers close the connection without a reason when another client takes the session over. A broker that exits

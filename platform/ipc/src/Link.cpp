@@ -4,7 +4,7 @@
 
 #include <cerrno>
 
-#include "Socket.h"
+#include "System.h"
 
 namespace ipc {
 

@@ -1,20 +1,49 @@
 #include "Mqtt.h"
 
+#include <algorithm>
+#include <cerrno>
 #include <cstdlib>
-#include <cstring>
 #include <mutex>
 
+#include "System.h"
 #include "ipc/IPCException.h"
 
 namespace ipc {
 
 namespace {
 
-// Depending on the C library, strerror_r returns the text, or whether it wrote the text into the buffer.
-[[maybe_unused]] const char* textOf(const char* text, const char* /*buffer*/) { return text; }
-[[maybe_unused]] const char* textOf(int error, const char* buffer) { return error == 0 ? buffer : "unknown error"; }
+// Brokers disconnect a client that publishes on a deeper topic. As the message is kept until it is acknowledged, that
+// would repeat for ever.
+constexpr std::ptrdiff_t maxSlashes = 200;
+constexpr std::size_t maxCorrelationData = 65535;
+
+bool hasNul(std::string_view text) { return text.find('\0') != std::string_view::npos; }
+
+/// UTF-8 as MQTT defines it: without NUL.
+bool isUtf8(std::string_view text) {
+    return mosquitto_validate_utf8(text.data(), static_cast<int>(text.size())) == MOSQ_ERR_SUCCESS;
+}
+
+bool isTopic(std::string_view topic) {
+    return !topic.empty() && std::count(topic.begin(), topic.end(), '/') <= maxSlashes &&
+           mosquitto_pub_topic_check2(topic.data(), topic.size()) == MOSQ_ERR_SUCCESS && isUtf8(topic);
+}
 
 }  // namespace
+
+void requirePublishable(const Message& message) {
+    if (!isTopic(message.topic) || hasNul(message.responseTopic) ||
+        message.correlationData.size() > maxCorrelationData || message.payload.size() > maxPacket) {
+        throw IPCException("The topic is invalid or the message is too large: \"" + std::string(message.topic) + "\"");
+    }
+}
+
+void requireFilter(const std::string& filter) {
+    const bool isFilter = !filter.empty() &&
+                          mosquitto_sub_topic_check2(filter.data(), filter.size()) == MOSQ_ERR_SUCCESS &&
+                          isUtf8(filter);
+    if (!isFilter) throw IPCException("Invalid topic filter: \"" + filter + "\"");
+}
 
 std::string Incoming::responseTopic() const {
     char* text = nullptr;
@@ -31,6 +60,17 @@ std::string Incoming::correlationData() const {
     }
     const std::unique_ptr<void, decltype(&std::free)> owner(data, &std::free);
     return data != nullptr ? std::string(static_cast<const char*>(data), size) : std::string();
+}
+
+std::vector<std::uint32_t> Incoming::subscriptions() const {
+    std::vector<std::uint32_t> named;
+    std::uint32_t identifier = 0;
+    const mosquitto_property* at = properties;
+    while ((at = mosquitto_property_read_varint(at, MQTT_PROP_SUBSCRIPTION_IDENTIFIER, &identifier, !named.empty())) !=
+           nullptr) {
+        named.push_back(identifier);
+    }
+    return named;
 }
 
 Handle newHandle(const std::string& clientId, bool cleanStart, void* owner) {
@@ -67,11 +107,6 @@ std::string handshakeFailureText(int reason, int systemError) {
         default:
             return lossText(reason, systemError);
     }
-}
-
-std::string systemText(int systemError) {
-    char buffer[128] = "";
-    return textOf(strerror_r(systemError, buffer, sizeof buffer), buffer);
 }
 
 bool topicMatches(const std::string& filter, std::string_view topic) {

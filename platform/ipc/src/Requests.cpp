@@ -4,7 +4,6 @@
 #include <cstring>
 #include <utility>
 
-#include "Random.h"
 #include "ipc/IPCException.h"
 
 namespace ipc {
@@ -22,8 +21,6 @@ std::string correlationOf(std::uint64_t number) {
 }
 
 }  // namespace
-
-Requests::Requests() : first_(random64()), since_(Clock::now()), next_(first_) {}
 
 bool Requests::watch(const std::string& statusTopic) {
     const common::LockGuard lock(mutex_);
@@ -223,7 +220,7 @@ void Requests::answerArrived(const std::string& correlationData, std::string_vie
     if (correlationData.size() != sizeof number) return;
     std::memcpy(&number, correlationData.data(), sizeof number);
     const common::LockGuard lock(mutex_);
-    if (number - first_ >= next_ - first_) return;
+    if (number == 0 || number >= next_) return;
     ++answers_;
     const auto found = pending_.find(number);
     if (found == pending_.end() || found->second->stage == Pending::Stage::answered) return;

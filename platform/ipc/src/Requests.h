@@ -25,7 +25,7 @@ class Requests {
     /// Sends the request with this correlation data. Returns false while there is no connection.
     using Send = std::function<bool(std::string correlationData)>;
 
-    Requests();
+    Requests() = default;
     Requests(const Requests&) = delete;
     Requests& operator=(const Requests&) = delete;
 
@@ -89,20 +89,19 @@ class Requests {
     void setPresence(const std::string& statusTopic, WatchedService& service, Presence presence) REQUIRES(mutex_);
     void notifyWaiters() REQUIRES(mutex_);
 
-    const std::uint64_t first_;  // the first request number of this object
-
     common::Mutex mutex_;
     common::ConditionVariable finished_;         // a request or a wait for a service has ended
     common::ConditionVariable presenceChanged_;  // also when requests are limited or this is closed
     bool closed_ GUARDED_BY(mutex_) = false;
     Broker broker_ GUARDED_BY(mutex_) = Broker::neverConnected;
-    Clock::time_point since_ GUARDED_BY(mutex_);  // when the present connection began or the last one was lost
+    Clock::time_point since_ GUARDED_BY(mutex_) =
+        Clock::now();  // when the present connection began or the last one was lost
     std::map<std::string, WatchedService, std::less<>> services_ GUARDED_BY(mutex_);  // by status topic
     unsigned serviceWaits_ GUARDED_BY(mutex_) = 0;
     std::optional<std::chrono::milliseconds> limit_ GUARDED_BY(mutex_);
     Clock::time_point limitedSince_ GUARDED_BY(mutex_);
     std::unordered_map<std::uint64_t, Pending*> pending_ GUARDED_BY(mutex_);
-    std::uint64_t next_ GUARDED_BY(mutex_);
+    std::uint64_t next_ GUARDED_BY(mutex_) = 1;  // number of the next request
 
     std::atomic<std::uint64_t> answers_{0};
 };
