@@ -19,13 +19,17 @@ if(CMAKE_CXX_COMPILER_ID STREQUAL GNU AND CMAKE_CXX_FLAGS MATCHES "-fsanitize")
   target_compile_options(zav_options INTERFACE -Wno-maybe-uninitialized)
 endif()
 
-# Log lines contain source paths relative to src/ (platform code: to the root), never the build machine's folders. In g++,
-# -ffile-prefix-map, which distributions set, overrides -fmacro-prefix-map in any order; only a later one overrides it.
+# Log lines contain source paths relative to src/ (platform code: to the root), never the build machine's folders. ccache
+# may turn absolute paths into relative ones (base_dir), hence both. In g++, -ffile-prefix-map, which distributions set,
+# overrides -fmacro-prefix-map in any order; only a later one overrides it.
+set(map -fmacro-prefix-map)
 if(CMAKE_CXX_COMPILER_ID STREQUAL GNU AND CMAKE_CXX_FLAGS MATCHES "-ffile-prefix-map")
-  target_compile_options(zav_options INTERFACE
-    -ffile-prefix-map=${CMAKE_SOURCE_DIR}/= -ffile-prefix-map=${CMAKE_SOURCE_DIR}/src/=
-    -fdebug-prefix-map=${CMAKE_SOURCE_DIR}=.)
-else()
-  target_compile_options(zav_options INTERFACE
-    -fmacro-prefix-map=${CMAKE_SOURCE_DIR}/= -fmacro-prefix-map=${CMAKE_SOURCE_DIR}/src/=)
+  set(map -ffile-prefix-map)
+endif()
+file(RELATIVE_PATH root ${CMAKE_BINARY_DIR} ${CMAKE_SOURCE_DIR})
+foreach(prefix ${CMAKE_SOURCE_DIR}/ ${root})
+  target_compile_options(zav_options INTERFACE ${map}=${prefix}= ${map}=${prefix}src/=)
+endforeach()
+if(map STREQUAL "-ffile-prefix-map")
+  target_compile_options(zav_options INTERFACE -fdebug-prefix-map=${CMAKE_SOURCE_DIR}=.)
 endif()
