@@ -3,13 +3,13 @@
 #include <strings.h>
 
 #include <array>
+#include <chrono>
 #include <ctime>
 
 #include "DownloadFolders.h"
 #include "HttpStatus.h"
 #include "Pace.h"
 #include "ResumePlan.h"
-#include "common/Release.h"
 #include "debug/Debug.h"
 #include "http/CurlTypes.h"
 
@@ -18,6 +18,8 @@ namespace zav {
 namespace {
 
 constexpr unsigned maxRedirects = 5;
+// A system clock that shows an earlier date has not been set.
+constexpr std::chrono::system_clock::time_point releaseDate{std::chrono::seconds{1795305600}};  // 2026-11-22, UTC
 constexpr std::uint64_t firmwareReserve = 16 * mebibyte;  // left free on the file system
 
 std::uint64_t firmwareLimit(const PartialFile& file) {
@@ -157,7 +159,7 @@ bool Download::addCredentials(Hop& hop, unsigned long offered) const {
 void Download::logUnsetClock(int result) const {
     if (result != CURLE_PEER_FAILED_VERIFICATION && result != CURLE_SSL_CONNECT_ERROR) return;
     const auto now = client_.settings.systemNow();
-    if (now >= common::releaseDate) return;
+    if (now >= releaseDate) return;
     dbg::Debug::warning() << "The clock is not set: it shows " << formatDate(now)
                           << ", so certificates are not valid yet" << std::endl;
 }

@@ -1,6 +1,7 @@
 // Owns a file descriptor. Not thread-safe.
 #pragma once
 
+#include <fcntl.h>
 #include <unistd.h>
 
 #include <utility>
@@ -36,6 +37,11 @@ class Descriptor {
 
 /// Opens /dev/null on each of the descriptors 0 to 2 that is closed. Otherwise the next file or socket would get that
 /// number, and with it the log lines. Call first in `main`, before any thread is started.
-void occupyStandardDescriptors();
+inline void occupyStandardDescriptors() {
+    for (int descriptor = STDIN_FILENO; descriptor <= STDERR_FILENO; ++descriptor) {
+        // open returns the lowest free number, which is this one.
+        if (::fcntl(descriptor, F_GETFD) < 0) ::open("/dev/null", O_RDWR);
+    }
+}
 
 }  // namespace common
