@@ -1,9 +1,5 @@
 #include "Session.h"
 
-#include <json/reader.h>
-#include <json/value.h>
-#include <json/writer.h>
-
 #include <chrono>
 #include <iterator>
 #include <stdexcept>
@@ -12,6 +8,7 @@
 #include "Failure.h"
 #include "Json.h"
 #include "propertyprotocol/Errors.h"
+#include "propertyprotocol/Json.h"
 #include "propertyprotocol/Limits.h"
 #include "propertyprotocol/Topics.h"
 
@@ -20,18 +17,14 @@ namespace zavctl {
 namespace {
 
 namespace errors = propertyprotocol::errors;
-
-std::string textOf(const Json::Value& object, const char* member) {
-    const Json::Value& value = object[member];
-    return value.isString() ? value.asString() : std::string();
-}
+using propertyprotocol::textMember;
 
 constexpr std::chrono::seconds requestTimeout{5};
 
 [[noreturn]] void throwFailure(const Json::Value& answer) {
-    const std::string word = textOf(answer, "error");
-    const std::string key = textOf(answer, "param");
-    const std::string reason = (key.empty() ? "" : key + ": ") + textOf(answer, "reason");
+    const std::string word = textMember(answer, "error");
+    const std::string key = textMember(answer, "param");
+    const std::string reason = (key.empty() ? "" : key + ": ") + textMember(answer, "reason");
     if (word == errors::notFound) throw Failure(ExitCode::noSuchKey, word, reason + " (zavctl list shows the keys)");
     throw Failure(ExitCode::failed, word, reason);
 }
@@ -63,9 +56,10 @@ Json::Value Session::request(const std::string& topic, const Json::Value& conten
     }
     const std::string text = bus_->request(topic, payload, propertyprotocol::statusTopic, requestTimeout);
     Json::Value answer;
-    std::string error;
-    if (!parseJson(text, answer, error) || !answer.isObject()) {
-        throw Failure(ExitCode::failed, errors::badRequest, "the property service sent an invalid answer: " + error);
+    const auto error = propertyprotocol::parseJson(text, answer);
+    if (error || !answer.isObject()) {
+        throw Failure(ExitCode::failed, errors::badRequest,
+                      "the property service sent an invalid answer: " + (error ? error->text : ""));
     }
     if (std::as_const(answer)["error"].isString()) throwFailure(answer);
     return answer;
@@ -98,10 +92,11 @@ std::vector<propertyapi::Property> Session::listUncatalogued() {
     query["uncatalogued"] = true;
     for (bool more = true; more;) {
         const Json::Value page = request(propertyprotocol::listTopic, query);
-        for (const Json::Value& one : page["properties"]) all.push_back({textOf(one, "param"), textOf(one, "value")});
-        const std::string next = textOf(page, "next");
+        for (const Json::Value& one : page["properties"])
+            all.push_back({textMember(one, "param"), textMember(one, "value")});
+        const std::string next = textMember(page, "next");
         more = !next.empty();
-        if (more && next <= textOf(query, "after")) {
+        if (more && next <= textMember(query, "after")) {
             throw std::runtime_error("the property service's list does not advance");
         }
         query["after"] = next;

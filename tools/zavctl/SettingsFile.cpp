@@ -7,7 +7,7 @@
 #include <system_error>
 
 #include "Failure.h"
-#include "Json.h"
+#include "propertyprotocol/Json.h"
 
 namespace zavctl {
 
@@ -50,8 +50,7 @@ Json::Value toJson(const Settings& settings) {
 
 Settings readSettings(const std::string& path) {
     Json::Value root;
-    std::string error;
-    if (!parseJson(contentOf(path), root, error)) fail(path, error);
+    if (const auto error = propertyprotocol::parseJson(contentOf(path), root)) fail(path, error->text);
     if (!root.isObject() || root["version"] != 1 || !root["properties"].isObject()) {
         fail(path, "is not a settings file; expected {\"version\": 1, \"properties\": {KEY: VALUE, ...}}");
     }

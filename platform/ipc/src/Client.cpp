@@ -134,10 +134,10 @@ class Client final : public IIPCClient, private ConnectionListener {
         });
     }
 
-    bool waitForService(const std::string& statusTopic, std::chrono::milliseconds patience) override {
-        return requests_.waitForService(statusTopic, patience);
+    bool waitForService(const std::string& statusTopic, std::chrono::milliseconds limit) override {
+        return requests_.waitForService(statusTopic, limit);
     }
-    std::uint64_t answersReceived() const override { return requests_.answers(); }
+    std::uint64_t responsesReceived() const override { return requests_.answers(); }
     void limitRequests(std::chrono::milliseconds limit) override { requests_.limit(limit); }
 
  private:

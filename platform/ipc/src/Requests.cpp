@@ -29,31 +29,22 @@ bool Requests::watch(const std::string& statusTopic) {
 
 // ---- requests ----
 
-std::uint64_t Requests::registerPending(Pending& pending) {
-    const common::LockGuard lock(mutex_);
-    if (closed_) throw IPCOfflineException("The bus client is closed");
-    const std::uint64_t number = next_++;
-    pending_.emplace(number, &pending);
-    return number;
-}
-
-void Requests::unregister(std::uint64_t number) {
-    const common::LockGuard lock(mutex_);
-    pending_.erase(number);
-    if (closed_) finished_.notifyAll();
-}
-
 std::string Requests::ask(const std::string& statusTopic, std::chrono::milliseconds timeout, const Send& send) {
     const auto begun = Clock::now();
+    const common::LockGuard lock(mutex_);
     Pending pending(statusTopic);
-    // `pending` is on the stack, so it must be unregistered on every way out.
-    struct Registration {
+    const std::uint64_t number = next_++;
+    pending_.emplace(number, &pending);
+    // `pending` is on the stack, so it must be removed on every way out.
+    struct Removal {
         Requests& requests;
         const std::uint64_t number;
-        ~Registration() { requests.unregister(number); }
-    } const registration{*this, registerPending(pending)};
-
-    const common::LockGuard lock(mutex_);
+        ~Removal() {
+            requests.mutex_.assertHeld();
+            requests.pending_.erase(number);
+            requests.finished_.notifyAll();
+        }
+    } const removal{*this, number};
     for (;;) {
         const Clock::time_point deadline = limited(begun + timeout, begun);
         Clock::time_point until = deadline;
@@ -64,7 +55,7 @@ std::string Requests::ask(const std::string& statusTopic, std::chrono::milliseco
                 pending.changed.waitUntil(mutex_, until);
                 break;
             case Step::send:
-                sendOnce(pending, registration.number, deadline, send);
+                sendOnce(pending, number, deadline, send);
                 break;
         }
     }
@@ -139,22 +130,22 @@ void Requests::close() {
 
 // ---- waits for a service ----
 
-bool Requests::waitForService(const std::string& statusTopic, std::chrono::milliseconds patience) {
+bool Requests::waitForService(const std::string& statusTopic, std::chrono::milliseconds limit) {
     const common::LockGuard lock(mutex_);
     ++serviceWaits_;
-    const bool isOnline = awaitService(statusTopic, patience);
+    const bool isOnline = awaitService(statusTopic, limit);
     --serviceWaits_;
-    if (closed_) finished_.notifyAll();
+    finished_.notifyAll();
     return isOnline;
 }
 
-bool Requests::awaitService(const std::string& statusTopic, std::chrono::milliseconds patience) {
+bool Requests::awaitService(const std::string& statusTopic, std::chrono::milliseconds limit) {
     for (;;) {
         const auto service = services_.find(statusTopic);
         if (closed_ || service == services_.end()) return false;
         if (broker_ == Broker::connected && service->second.presence == Presence::online) return true;
         if (limit_ || !service->second.lastOnline) return false;
-        const auto until = *service->second.lastOnline + patience;
+        const auto until = *service->second.lastOnline + limit;
         if (Clock::now() >= until) return false;
         presenceChanged_.waitUntil(mutex_, until);
     }

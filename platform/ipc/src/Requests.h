@@ -37,7 +37,7 @@ class Requests {
     std::string ask(const std::string& statusTopic, std::chrono::milliseconds timeout, const Send& send)
         EXCLUDES(mutex_);
     /// See IIPCClient::waitForService.
-    bool waitForService(const std::string& statusTopic, std::chrono::milliseconds patience) EXCLUDES(mutex_);
+    bool waitForService(const std::string& statusTopic, std::chrono::milliseconds limit) EXCLUDES(mutex_);
     /// See IIPCClient::limitRequests.
     void limit(std::chrono::milliseconds limit) EXCLUDES(mutex_);
     /// Fails all pending calls, and waits until they have returned.
@@ -78,13 +78,11 @@ class Requests {
         std::optional<Clock::time_point> lastOnline;  // when it went offline; unset if it never was online
     };
 
-    std::uint64_t registerPending(Pending& pending) EXCLUDES(mutex_);
-    void unregister(std::uint64_t number) EXCLUDES(mutex_);
     Step nextStep(const Pending& pending, Clock::time_point deadline, Clock::time_point& until) const REQUIRES(mutex_);
     Presence presenceOf(const std::string& statusTopic) const REQUIRES(mutex_);
     void sendOnce(Pending& pending, std::uint64_t number, Clock::time_point deadline, const Send& send)
         REQUIRES(mutex_);
-    bool awaitService(const std::string& statusTopic, std::chrono::milliseconds patience) REQUIRES(mutex_);
+    bool awaitService(const std::string& statusTopic, std::chrono::milliseconds limit) REQUIRES(mutex_);
     Clock::time_point limited(Clock::time_point deadline, Clock::time_point begun) const REQUIRES(mutex_);
     void setPresence(const std::string& statusTopic, WatchedService& service, Presence presence) REQUIRES(mutex_);
     void notifyWaiters() REQUIRES(mutex_);

@@ -1,20 +1,15 @@
 #include "System.h"
 
-#include <fcntl.h>
 #include <netdb.h>
-#include <netinet/in.h>
-#include <netinet/tcp.h>
 #include <poll.h>
 #include <pthread.h>
 #include <sys/eventfd.h>
-#include <sys/ioctl.h>
 #include <sys/socket.h>
 #include <unistd.h>
 
 #include <algorithm>
 #include <cerrno>
 #include <cstdint>
-#include <cstring>
 #include <memory>
 #include <system_error>
 #include <utility>
@@ -106,35 +101,6 @@ std::optional<std::string> probe(const std::string& numericAddress, int port,
     socklen_t size = sizeof error;
     getsockopt(tried.get(), SOL_SOCKET, SO_ERROR, &error, &size);
     return error == 0 ? std::string() : systemText(error);
-}
-
-void enableQuickAck(int socket) {
-    if (socket < 0) return;
-    // The value 1 would acknowledge the next packet at once too, although an answer is about to carry that
-    // acknowledgement. So would 2 if there were nothing to acknowledge now.
-    const int now = 2;
-    setsockopt(socket, IPPROTO_TCP, TCP_QUICKACK, &now, sizeof now);
-}
-
-void setCork(int socket, bool on) {
-    const int value = on ? 1 : 0;
-    setsockopt(socket, IPPROTO_TCP, TCP_CORK, &value, sizeof value);
-}
-
-bool hasMore(int socket) {
-    int bytes = 0;
-    return ioctl(socket, FIONREAD, &bytes) == 0 && bytes > 0;
-}
-
-std::optional<unsigned char> peek(int socket) {
-    unsigned char next = 0;
-    if (recv(socket, &next, 1, MSG_PEEK | MSG_DONTWAIT) != 1) return std::nullopt;
-    return next;
-}
-
-void prepareSocket(int socket) {
-    enableQuickAck(socket);
-    if (socket >= 0) fcntl(socket, F_SETFD, FD_CLOEXEC);
 }
 
 }  // namespace ipc

@@ -8,17 +8,9 @@ namespace propertyservice {
 
 namespace {
 
-using propertyprotocol::appendMember;
+using propertyprotocol::jsonObject;
 
 constexpr char notJson[] = "the payload is not JSON in UTF-8";
-
-std::unique_ptr<Json::CharReader> strictReader() {
-    Json::CharReaderBuilder builder;
-    Json::CharReaderBuilder::strictMode(&builder.settings_);
-    builder["strictRoot"] = false;  // JSON that is not an object has an error of its own
-    builder["stackLimit"] = maxNesting;
-    return std::unique_ptr<Json::CharReader>(builder.newCharReader());
-}
 
 std::string textOf(const Json::Value& object, const char* member, const std::string& param, bool required) {
     const Json::Value* const value = object.find(member, member + std::char_traits<char>::length(member));
@@ -35,8 +27,6 @@ std::string textOf(const Json::Value& object, const char* member, const std::str
 }
 
 }  // namespace
-
-RequestReader::RequestReader() : reader_(strictReader()) {}
 
 GetRequest RequestReader::get(const std::string& payload) {
     parse(payload);
@@ -99,16 +89,9 @@ void RequestReader::parse(const std::string& payload, std::size_t maxBytes, std:
     if (*tokens > maxTokens) {
         throw BadRequest("", "the payload has more than " + std::to_string(maxTokens) + " members and elements");
     }
-    errors_.clear();
-    bool parsed = false;
-    try {
-        parsed = reader_->parse(payload.data(), payload.data() + payload.size(), &object_, &errors_);
-    } catch (const Json::Exception&) {
-        throw BadRequest("", "the payload is nested more than " + std::to_string(maxNesting) + " deep");
-    }
-    if (!parsed) {
-        const bool isDuplicate = errors_.find("Duplicate key") != std::string::npos;
-        throw BadRequest("", isDuplicate ? "the payload has a duplicate member" : notJson);
+    if (const auto error = propertyprotocol::parseJson(payload, object_)) {
+        if (error->nestedTooDeeply) throw BadRequest("", "the payload is " + error->text);
+        throw BadRequest("", error->duplicateMember ? "the payload has a duplicate member" : notJson);
     }
     if (!object_.isObject()) throw BadRequest("", "the payload must be a JSON object");
 }
@@ -128,21 +111,11 @@ std::string RequestReader::source(const std::string& param) const {
 std::string RequestReader::param() const { return text("param", "", true); }
 
 std::string valueAnswer(const std::string& key, const std::string& value) {
-    std::string json;
-    json.reserve(key.size() + value.size() + 32);
-    appendMember(json, "param", key);
-    appendMember(json, "value", value);
-    json += '}';
-    return json;
+    return jsonObject({{"param", key}, {"value", value}});
 }
 
 std::string errorAnswer(const std::string& key, const char* code, const std::string& reason) {
-    std::string json;
-    appendMember(json, "param", key);
-    appendMember(json, "error", code);
-    appendMember(json, "reason", reason);
-    json += '}';
-    return json;
+    return jsonObject({{"param", key}, {"error", code}, {"reason", reason}});
 }
 
 std::string importAnswer(std::size_t count) { return "{\"accepted\":" + std::to_string(count) + "}"; }
@@ -155,11 +128,11 @@ std::string importRefusal(const std::vector<std::string>& errors) {
 
 std::string description(const std::string& key, const Definition& definition, bool isVolatile) {
     const bool hidden = definition.isSecret() && !definition.defaultValue.empty();
-    std::string json;
-    appendMember(json, "param", key);
-    appendMember(json, "type", definition.type);
-    appendMember(json, "default", hidden ? "***" : definition.defaultValue);
-    appendMember(json, "description", definition.description);
+    std::string json = jsonObject({{"param", key},
+                                   {"type", definition.type},
+                                   {"default", hidden ? "***" : definition.defaultValue},
+                                   {"description", definition.description}});
+    json.pop_back();  // more members follow
     json += definition.readOnly ? ",\"readOnly\":true" : ",\"readOnly\":false";
     json += isVolatile ? ",\"volatile\":true" : ",\"volatile\":false";
     for (const std::string& source : definition.refusedSources) {

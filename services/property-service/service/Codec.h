@@ -1,11 +1,9 @@
 // The JSON of the bus protocol: requests in, answers and changes out.
 #pragma once
 
-#include <json/reader.h>
 #include <json/value.h>
 
 #include <cstddef>
-#include <memory>
 #include <optional>
 #include <stdexcept>
 #include <string>
@@ -59,12 +57,10 @@ struct ImportRequest {
     bool apply = false;  // false: only check the writes
 };
 
-/// Reads requests. Used by one thread at a time, as all requests share one parser. For an invalid payload all
+/// Reads requests. Used by one thread at a time. For an invalid payload all
 /// operations throw BadRequest and nothing else. Unknown members are ignored.
 class RequestReader {
  public:
-    RequestReader();
-
     GetRequest get(const std::string& payload);
     SetRequest set(const std::string& payload);
     ListRequest list(const std::string& payload);
@@ -79,9 +75,7 @@ class RequestReader {
     std::string param() const;
     ListRequest page() const;
 
-    const std::unique_ptr<Json::CharReader> reader_;
     Json::Value object_;
-    std::string errors_;
 };
 
 std::string valueAnswer(const std::string& key, const std::string& value);

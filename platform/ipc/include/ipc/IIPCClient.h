@@ -55,15 +55,15 @@ class IIPCClient {
 
     // Implementations that make no requests may keep the defaults of the next three.
 
-    /// Waits until the service watched on `statusTopic` is online, but no longer than `patience` after it went away, by
+    /// Waits until the service watched on `statusTopic` is online, but no longer than `limit` after it went away, by
     /// publishing "offline" or by a lost connection to the broker. Returns whether it is online. Returns false at once
     /// if it never was online, or if requests are limited.
-    virtual bool waitForService(const std::string& /*statusTopic*/, std::chrono::milliseconds /*patience*/) {
+    virtual bool waitForService(const std::string& /*statusTopic*/, std::chrono::milliseconds /*limit*/) {
         return false;
     }
 
     /// The number of answers received so far, including those whose request had timed out.
-    virtual std::uint64_t answersReceived() const { return 0; }
+    virtual std::uint64_t responsesReceived() const { return 0; }
 
     /// For shutdown: requests in flight return within `limit` from now, later ones wait at most `limit`, and
     /// waitForService no longer waits.

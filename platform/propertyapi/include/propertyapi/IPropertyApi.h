@@ -2,7 +2,7 @@
 //
 // Threads: every operation may be called from any thread and blocks until the answer is there, at most 5 s. Once a call
 // has timed out, all calls wait only 1 s each until an answer comes. While the service is known to be offline, calls
-// fail at once, except under PatientCalls. If the connection is lost and comes back in time, a call is retried; a set
+// fail at once, except under RecoveryScope. If the connection is lost and comes back in time, a call is retried; a set
 // only if reading the value back shows that it was not executed. All operations throw PropertyException: see
 // PropertyExceptions.h.
 #pragma once
