@@ -1,9 +1,23 @@
-# zav_library(name SOURCES ... [PUBLIC ...] [PRIVATE ...]): the static library of a platform folder.
+# Whatever is linked is a target, so that a misspelt name ends the configuration.
+set(CMAKE_LINK_LIBRARIES_ONLY_TARGETS ON)
+
+# zav_library(name DESCRIPTION text SOURCES ... [PUBLIC ...] [PRIVATE ...]): the static library of a platform folder,
+# zav::name, and its installation.
 function(zav_library name)
-  cmake_parse_arguments(arg "" "" "SOURCES;PUBLIC;PRIVATE" ${ARGN})
+  cmake_parse_arguments(arg "" "DESCRIPTION" "SOURCES;PUBLIC;PRIVATE" ${ARGN})
   add_library(${name} STATIC ${arg_SOURCES})
-  target_include_directories(${name} PUBLIC include PRIVATE src)
-  target_link_libraries(${name} PUBLIC ${arg_PUBLIC} Threads::Threads PRIVATE zav_options ${arg_PRIVATE})
+  add_library(zav::${name} ALIAS ${name})
+  set_target_properties(${name} PROPERTIES OUTPUT_NAME zav-${name})
+  target_include_directories(${name}
+    PUBLIC
+      $<BUILD_INTERFACE:${CMAKE_CURRENT_SOURCE_DIR}/include>
+      $<INSTALL_INTERFACE:${CMAKE_INSTALL_INCLUDEDIR}/zav>
+    PRIVATE src)
+  target_compile_features(${name} PUBLIC cxx_std_17)
+  target_link_libraries(${name}
+    PUBLIC ${arg_PUBLIC} Threads::Threads
+    PRIVATE $<BUILD_INTERFACE:zav::options> ${arg_PRIVATE})
+  zav_install_library(${name} ${arg_DESCRIPTION} ${arg_PUBLIC} ${arg_PRIVATE})
 endfunction()
 
 # Lets tests in the sandbox write their coverage counters, which are beside the object files.
@@ -33,7 +47,7 @@ function(zav_test name)
   target_compile_options(${name} PRIVATE ${ZAV_TEST_OPTIONS})
   set_target_properties(${name} PROPERTIES RUNTIME_OUTPUT_DIRECTORY ${CMAKE_BINARY_DIR}/tests)
   target_include_directories(${name} PRIVATE ${CMAKE_SOURCE_DIR}/tests)
-  target_link_libraries(${name} PRIVATE ${arg_LIBS} zav_options GTest::gmock GTest::gtest GTest::gtest_main)
+  target_link_libraries(${name} PRIVATE ${arg_LIBS} zav::options GTest::gmock GTest::gtest GTest::gtest_main)
   add_test(NAME ${name} COMMAND ${CMAKE_SOURCE_DIR}/lab/sandbox ${ZAV_WRITABLE} -- $<TARGET_FILE:${name}>)
   set_tests_properties(${name} PROPERTIES TIMEOUT ${arg_TIMEOUT} LABELS "${arg_LABELS}" COST "0${arg_SECONDS}")
 endfunction()

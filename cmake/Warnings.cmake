@@ -1,6 +1,7 @@
 # An INTERFACE target that all our targets link: the warnings, each with its reason. They are errors only in the presets
 # (CMAKE_COMPILE_WARNING_AS_ERROR): a new warning of another compiler must not break a build elsewhere.
 add_library(zav_options INTERFACE)
+add_library(zav::options ALIAS zav_options)
 target_compile_options(zav_options INTERFACE
   -Wall -Wextra         # the compilers' general checks
   -Wpedantic            # standard C++ only, no compiler extensions

@@ -47,7 +47,7 @@ int main(int argc, char** argv) {
     static dbg::Debug channel("PROPS");
 
     std::string storePath = "/var/lib/zav/properties.db";
-    std::string cataloguePath = "/usr/share/zav/catalogue.json";
+    std::string cataloguePath = ZAV_CATALOGUE;
     std::string host = "localhost";
     int port = 0;
     CLI::App app{"Stores the phone's settings and state and serves them on the bus.", "prop-service"};

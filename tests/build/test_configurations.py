@@ -4,6 +4,7 @@ import os
 import re
 import shutil
 import subprocess
+import tempfile
 import unittest
 
 from configure import Build, ROOT, WARNINGS_ARE_ERRORS
@@ -51,6 +52,33 @@ class Parts(unittest.TestCase):
         build = Build()
         self.assertEqual(build.labels(), {"architecture", "build", "flow", "system", "unit"})
         self.assertEqual(build.parts(), PRODUCT | {"bench", "lab", "tests"})
+
+
+class Mistakes(unittest.TestCase):
+    """A configuration that cannot work says why."""
+
+    def refusal(self, *arguments, **environment):
+        with self.assertRaises(AssertionError) as refused:
+            Build(ONLY_PROGRAMS, *arguments, environment=environment)
+        return " ".join(str(refused.exception).split())
+
+    def test_a_missing_library_is_named_with_its_package(self):
+        self.assertIn("CLI11 2.0 or later is missing (Debian: libcli11-dev)",
+                      self.refusal("-DCMAKE_DISABLE_FIND_PACKAGE_CLI11=ON"))
+        self.assertIn("libmosquitto 2.0 or later is missing (Debian: libmosquitto-dev)",
+                      self.refusal(PKG_CONFIG_LIBDIR="/nonexistent"))
+
+    def test_a_missing_googletest_is_named_with_the_option_that_avoids_it(self):
+        refusal = self.refusal("-DZAV_TESTS=ON", NO_GOOGLETEST)
+        self.assertIn("GoogleTest is missing (Debian: libgtest-dev, libgmock-dev", refusal)
+        self.assertIn("-DZAV_TESTS=OFF", refusal)
+
+    def test_a_misspelt_library_is_an_error(self):
+        for name in ("zav::comon", "comon"):
+            with tempfile.NamedTemporaryFile("w", suffix=".cmake") as file:
+                file.write(f"cmake_language(DEFER CALL target_link_libraries zavd PRIVATE {name})\n")
+                file.flush()
+                self.assertIn(name, self.refusal(f"-DCMAKE_PROJECT_zav_INCLUDE={file.name}"))
 
 
 class Warnings(unittest.TestCase):

@@ -42,6 +42,7 @@ struct HttpRequest {
     std::string path;    // without the query
     HttpHeaders headers;
     unsigned connection = 0;  // number of the connection, from 1
+    std::string client;       // the common name in the client's certificate, "" if it presented none
 
     /// The value of the header, "" if it is missing. Names are case-insensitive.
     std::string header(const std::string& name) const;

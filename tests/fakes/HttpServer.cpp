@@ -53,6 +53,25 @@ std::shared_ptr<SSL_CTX> makeTls(const TestCertificate& shown, Flaw flaw) {
     return tls;
 }
 
+void askForCertificates(SSL_CTX* tls, const TestAuthority& clients) {
+    const std::unique_ptr<BIO, decltype(&BIO_free)> text(BIO_new_mem_buf(clients.certificate().data(), -1), &BIO_free);
+    const std::unique_ptr<X509, decltype(&X509_free)> authority(
+        PEM_read_bio_X509(text.get(), nullptr, nullptr, nullptr), &X509_free);
+    X509_STORE_add_cert(SSL_CTX_get_cert_store(tls), authority.get());
+    SSL_CTX_set_verify(tls, SSL_VERIFY_PEER, nullptr);
+    // Without it, a server that asks for certificates fails the handshake of a resumed session.
+    const std::array<unsigned char, 4> context{'t', 'e', 's', 't'};
+    SSL_CTX_set_session_id_context(tls, context.data(), context.size());
+}
+
+std::string clientOf(SSL* tls) {
+    const X509* const certificate = tls == nullptr ? nullptr : SSL_get0_peer_certificate(tls);
+    std::array<char, 256> name{};
+    if (certificate == nullptr) return "";
+    X509_NAME_get_text_by_NID(X509_get_subject_name(certificate), NID_commonName, name.data(), name.size());
+    return name.data();
+}
+
 std::string reasonOf(int status) { return status == 200 ? "OK" : "Scripted"; }
 
 }  // namespace
@@ -177,6 +196,7 @@ Ending HttpServer::State::answerRequests(Connection& connection) {
     HttpRequest request;
     while (readRequest(connection, request)) {
         request.connection = connection.number;
+        request.client = clientOf(connection.tls);
         {
             const std::lock_guard<std::mutex> lock(mutex);
             requests.push_back(request);
@@ -330,6 +350,10 @@ HttpServer::HttpServer(const TestAuthority& authority) : HttpServer(authority.is
 
 HttpServer::HttpServer(const TestCertificate& certificate, Flaw flaw)
     : state_(std::make_unique<State>(makeTls(certificate, flaw), loopback, 0, flaw)) {}
+
+HttpServer::HttpServer(const TestAuthority& authority, const TestAuthority& clients) : HttpServer(authority) {
+    askForCertificates(state_->tls.get(), clients);
+}
 
 HttpServer::HttpServer(const std::string& address, unsigned port, Flaw flaw)
     : state_(std::make_unique<State>(nullptr, address, port, flaw)) {}

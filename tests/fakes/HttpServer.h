@@ -41,6 +41,8 @@ class HttpServer {
     /// TLS; the authority issues a certificate for 127.0.0.1.
     explicit HttpServer(const TestAuthority& authority);
     explicit HttpServer(const TestCertificate& certificate, Flaw flaw = Flaw::none);
+    /// TLS; asks the client for a certificate of `clients`, and serves clients without one, too.
+    HttpServer(const TestAuthority& authority, const TestAuthority& clients);
     /// Without TLS, listening on `address` ("127.0.0.1" or "::1") and `port` (0: a free one).
     HttpServer(const std::string& address, unsigned port, Flaw flaw = Flaw::none);
     ~HttpServer();

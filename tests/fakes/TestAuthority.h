@@ -13,6 +13,9 @@ struct TestCertificate {
     std::string certificate;
     std::string key;
     std::string der;  // the certificate as DER
+
+    /// Both in one text, as in a device's file.
+    std::string pem() const { return certificate + key; }
 };
 
 class TestAuthority {

@@ -39,9 +39,11 @@ Curl::State::~State() {
     curl_global_cleanup();
 }
 
-CURL* Curl::State::handleFor(std::shared_ptr<const TrustedCertificates> certificates) {
-    if (certificates != trusted || isReadable(keptSocket)) dropHandle();
+CURL* Curl::State::handleFor(std::shared_ptr<const TrustedCertificates> certificates,
+                             std::shared_ptr<const DeviceIdentity> ownIdentity) {
+    if (certificates != trusted || ownIdentity != identity || isReadable(keptSocket)) dropHandle();
     trusted = std::move(certificates);
+    identity = std::move(ownIdentity);
     if (handle == nullptr) handle = curl_easy_init();
     return handle;
 }

@@ -9,6 +9,7 @@
 
 #include "CloseNotify.h"
 #include "http/Curl.h"
+#include "security/DeviceIdentity.h"
 #include "security/TrustedCertificates.h"
 
 namespace zav {
@@ -19,10 +20,12 @@ struct Curl::State {
     State(const State&) = delete;
     State& operator=(const State&) = delete;
 
-    /// The handle for a transfer that trusts `certificates`; null if out of memory. Its connection from the last
-    /// transfer is reused, except after a change of the trusted certificates (it was verified with the old ones, and so
-    /// was its TLS session), and if data has arrived on it since (which would be read as the next response).
-    CURL* handleFor(std::shared_ptr<const TrustedCertificates> certificates);
+    /// The handle for a transfer that trusts `certificates` and presents `ownIdentity`, which may be null; null if out
+    /// of memory. Its connection from the last transfer is reused, except after a change of either (it was made with
+    /// the old ones, and so was its TLS session), and if data has arrived on it since (which would be read as the next
+    /// response).
+    CURL* handleFor(std::shared_ptr<const TrustedCertificates> certificates,
+                    std::shared_ptr<const DeviceIdentity> ownIdentity);
 
     /// Resets the handle after a successful transfer. Keeps its connection, unless it is closed or has data after the
     /// response. `tls` belongs to that connection; null without TLS.
@@ -45,6 +48,7 @@ struct Curl::State {
     // Only for the transferring thread.
     CloseNotify closeNotify;  // destroyed after the handle, whose connections report to it
     std::shared_ptr<const TrustedCertificates> trusted;
+    std::shared_ptr<const DeviceIdentity> identity;
     CURL* handle = nullptr;
     curl_socket_t keptSocket = CURL_SOCKET_BAD;  // of the only open connection
 

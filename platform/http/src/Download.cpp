@@ -102,7 +102,7 @@ bool Download::keepsPace() const {
 int Download::attempt() {
     Hop hop(source_);
     for (;;) {
-        Transfer transfer(curl_, security_, context_);
+        Transfer transfer(curl_, security_, context_, identityFor(hop.url));
         if (hop.credentials) transfer.useCredentials(*hop.credentials, hop.schemes);
         // A validator is valid for its URL only.
         if (file_.size() != 0 && hop.url.text() == resumePoint_.url) transfer.resume(resumePoint_);
@@ -120,6 +120,12 @@ int Download::attempt() {
         }
         follow(hop, next);
     }
+}
+
+// Only the configured server learns who the phone is.
+std::shared_ptr<const DeviceIdentity> Download::identityFor(const UrlInfo& url) const {
+    auto identity = url.scheme() == "https" ? security_.deviceIdentity() : nullptr;
+    return identity != nullptr && isConfiguredServer(url, properties_) ? identity : nullptr;
 }
 
 // libcurl does not follow the redirects, so that each URL is checked, and credentials are not sent to another server.

@@ -48,6 +48,7 @@ class Download {
     bool mayRetry(int result) const;
     bool waitForRetry(std::chrono::seconds pause);
     bool keepsPace() const;
+    std::shared_ptr<const DeviceIdentity> identityFor(const UrlInfo& url) const;
     void follow(Hop& hop, const UrlInfo& next) const;
     bool addCredentials(Hop& hop, unsigned long offered) const;
     void logUnsetClock(int result) const;

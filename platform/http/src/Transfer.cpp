@@ -64,10 +64,12 @@ std::string shortened(const std::string& text) { return text.size() <= 100 ? tex
 
 }  // namespace
 
-Transfer::Transfer(Curl& curl, const Security& security, const TransferContext& context)
+Transfer::Transfer(Curl& curl, const Security& security, const TransferContext& context,
+                   std::shared_ptr<const DeviceIdentity> identity)
     : state_(*curl.state_),
       trusted_(security.trustedCertificates()),
-      handle_(state_.handleFor(trusted_)),
+      identity_(std::move(identity)),
+      handle_(state_.handleFor(trusted_, identity_)),
       context_(context) {}
 
 void Transfer::useCredentials(const Credentials& credentials, unsigned long schemes) {
@@ -364,11 +366,12 @@ int Transfer::progressCallback(void* self, curl_off_t total, curl_off_t now, cur
 }
 
 CURLcode Transfer::tlsCallback(CURL* /*handle*/, void* context, void* self) {
+    auto* const tls = static_cast<SSL_CTX*>(context);
+    const auto& transfer = *static_cast<Transfer*>(self);
     try {
-        X509_STORE* const store = static_cast<Transfer*>(self)->trusted_->store();
-        SSL_CTX_set1_cert_store(static_cast<SSL_CTX*>(context), store);
-        static_cast<Transfer*>(self)->state_.closeNotify.watch(static_cast<SSL_CTX*>(context));
-        return CURLE_OK;
+        SSL_CTX_set1_cert_store(tls, transfer.trusted_->store());
+        transfer.state_.closeNotify.watch(tls);
+        return transfer.identity_ == nullptr || transfer.identity_->useIn(tls) ? CURLE_OK : CURLE_OUT_OF_MEMORY;
     } catch (...) {
         return CURLE_OUT_OF_MEMORY;
     }

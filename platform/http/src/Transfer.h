@@ -38,8 +38,10 @@ struct TransferContext {
 
 class Transfer {
  public:
-    /// `curl` and `context` must outlive this object.
-    Transfer(Curl& curl, const Security& security, const TransferContext& context);
+    /// `curl` and `context` must outlive this object. `identity` is what the phone presents if the server asks for a
+    /// certificate; null for none.
+    Transfer(Curl& curl, const Security& security, const TransferContext& context,
+             std::shared_ptr<const DeviceIdentity> identity);
     Transfer(const Transfer&) = delete;
     Transfer& operator=(const Transfer&) = delete;
 
@@ -102,6 +104,7 @@ class Transfer {
     // Constant while the transfer runs.
     Curl::State& state_;
     const std::shared_ptr<const TrustedCertificates> trusted_;
+    const std::shared_ptr<const DeviceIdentity> identity_;
     CURL* const handle_;
     const TransferContext& context_;
     std::optional<Credentials> credentials_;

@@ -19,8 +19,10 @@ namespace {
 
 constexpr const char* systemBundle = "/etc/ssl/certs/ca-certificates.crt";
 constexpr const char* phoneBundle = "/custom/certs/ca-bundle.pem";
+constexpr const char* identityFile = "/etc/zav.d/device.pem";
 constexpr std::size_t maxBundleSize = std::size_t{16} << 20U;
 constexpr std::size_t maxCertificateSize = std::size_t{1} << 20U;
+constexpr std::size_t maxIdentitySize = std::size_t{1} << 20U;
 
 enum class IfMissing { ignore, warn };
 
@@ -62,6 +64,33 @@ std::shared_ptr<const TrustedCertificates> decode(const Bundles& bundles) {
     return std::make_shared<const TrustedCertificates>(std::move(all.der));
 }
 
+// The identity in the file; null if there is no file. Throws std::exception with the reason if it cannot be used.
+std::shared_ptr<const DeviceIdentity> readIdentity() {
+    if (!exists(identityFile)) return nullptr;
+    const std::string pem = readFile(identityFile, maxIdentitySize, Links::follow);
+    try {
+        return std::make_shared<const DeviceIdentity>(pem);
+    } catch (const std::runtime_error& error) {
+        throw std::runtime_error(std::string(identityFile) + " " + error.what());
+    }
+}
+
+// Reads the identity and logs what is wrong with the file.
+std::shared_ptr<const DeviceIdentity> checkedIdentity() {
+    try {
+        auto identity = readIdentity();
+        struct stat status {};
+        if (identity != nullptr && ::stat(identityFile, &status) == 0 && (status.st_mode & (S_IROTH | S_IWOTH)) != 0) {
+            dbg::Debug::warning() << "Device certificate: every user can read or replace the private key in "
+                                  << identityFile << std::endl;
+        }
+        return identity;
+    } catch (const std::exception& exception) {
+        dbg::Debug::warning() << "Device certificate not used: " << exception.what() << std::endl;
+        return nullptr;
+    }
+}
+
 }  // namespace
 
 struct Security::State {
@@ -80,6 +109,7 @@ struct Security::State {
     std::optional<Bundles> first = Bundles();
     std::shared_ptr<const TrustedCertificates> trusted;
     std::shared_ptr<const TrustedCertificates> notified;  // announced last
+    std::shared_ptr<const DeviceIdentity> identity;
 };
 
 Security::Security(std::shared_ptr<propertyapi::IPropertyApi> properties)
@@ -127,6 +157,18 @@ int Security::checkCertificate(const std::string& path) {
 std::shared_ptr<const TrustedCertificates> Security::trustedCertificates() const {
     const std::lock_guard<std::mutex> lock(state_->mutex);
     return state_->current();
+}
+
+void Security::reloadDeviceIdentity() {
+    auto read = checkedIdentity();
+    const std::lock_guard<std::mutex> lock(state_->mutex);
+    const bool same = read != nullptr && state_->identity != nullptr && read->sameAs(*state_->identity);
+    if (!same) state_->identity = std::move(read);
+}
+
+std::shared_ptr<const DeviceIdentity> Security::deviceIdentity() const {
+    const std::lock_guard<std::mutex> lock(state_->mutex);
+    return state_->identity;
 }
 
 }  // namespace zav

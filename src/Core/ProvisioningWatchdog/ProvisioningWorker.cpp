@@ -205,6 +205,7 @@ void ProvisioningWorker::provisioningThreadMain(const UrlInfo& url, const Comple
     const propertyapi::RecoveryScope recovery;  // no setting is lost if the property service restarts
     endWrites_.cancel();                        // only a pass that starts makes the pending unlock stale
     guarded("start the pass", [this] { startAction(); });
+    if (!outerUsage_) security_.reloadDeviceIdentity();
     const AtScopeExit end([&] { endAction(completion); });
     try {
         downloadAndRun(url);

@@ -1,5 +1,6 @@
-// The certificates that the phone trusts, and the check of a single certificate file. Downloads are verified against
-// the system's bundle and the phone's own, "/custom/certs/ca-bundle.pem", if it exists. OpenSSL parses in process.
+// The certificates that the phone trusts, its own certificate, and the check of a single certificate file. Downloads
+// are verified against the system's bundle and the phone's own, "/custom/certs/ca-bundle.pem", if it exists. OpenSSL
+// parses in process.
 //
 // Threads: any. The first caller waits until the bundles are parsed. The constructor reads no property.
 #pragma once
@@ -8,6 +9,7 @@
 #include <string>
 
 #include "propertyapi/IPropertyApi.h"
+#include "security/DeviceIdentity.h"
 #include "security/TrustedCertificates.h"
 
 namespace zav {
@@ -33,6 +35,14 @@ class Security {
 
     /// The certificates of both bundles. Returns the same object until a reload finds other certificates.
     virtual std::shared_ptr<const TrustedCertificates> trustedCertificates() const;
+
+    /// Reads the phone's own certificate and key again from "/etc/zav.d/device.pem". Without that file the phone has
+    /// none. Logs one warning if the file cannot be used, or if other users can read it. Does not throw.
+    virtual void reloadDeviceIdentity();
+
+    /// What the last reload found; null if the phone has no certificate that can be used. Returns the same object until
+    /// the content of the file changes.
+    virtual std::shared_ptr<const DeviceIdentity> deviceIdentity() const;
 
  private:
     struct State;
