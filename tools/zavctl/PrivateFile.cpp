@@ -6,7 +6,6 @@
 #include <unistd.h>
 
 #include <cerrno>
-#include <system_error>
 
 #include "Failure.h"
 #include "common/Descriptor.h"
@@ -15,11 +14,11 @@ namespace zavctl {
 
 namespace {
 
+using common::reasonOf;
+
 [[noreturn]] void fail(const std::string& path, const std::string& reason) {
     throw Failure(ExitCode::failed, "bad-file", path + ": " + reason);
 }
-
-std::string reasonOf(int error) { return std::generic_category().message(error); }
 
 bool writeAll(int file, const std::string& text) {
     std::size_t written = 0;

@@ -1,5 +1,9 @@
 #include "Session.h"
 
+#include <json/reader.h>
+#include <json/value.h>
+#include <json/writer.h>
+
 #include <chrono>
 #include <iterator>
 #include <stdexcept>
@@ -17,14 +21,18 @@ namespace zavctl {
 namespace {
 
 namespace errors = propertyprotocol::errors;
-using propertyprotocol::textMember;
+
+std::string textOf(const Json::Value& object, const char* member) {
+    const Json::Value& value = object[member];
+    return value.isString() ? value.asString() : std::string();
+}
 
 constexpr std::chrono::seconds requestTimeout{5};
 
 [[noreturn]] void throwFailure(const Json::Value& answer) {
-    const std::string word = textMember(answer, "error");
-    const std::string key = textMember(answer, "param");
-    const std::string reason = (key.empty() ? "" : key + ": ") + textMember(answer, "reason");
+    const std::string word = textOf(answer, "error");
+    const std::string key = textOf(answer, "param");
+    const std::string reason = (key.empty() ? "" : key + ": ") + textOf(answer, "reason");
     if (word == errors::notFound) throw Failure(ExitCode::noSuchKey, word, reason + " (zavctl list shows the keys)");
     throw Failure(ExitCode::failed, word, reason);
 }
@@ -59,7 +67,7 @@ Json::Value Session::request(const std::string& topic, const Json::Value& conten
     const auto error = propertyprotocol::parseJson(text, answer);
     if (error || !answer.isObject()) {
         throw Failure(ExitCode::failed, errors::badRequest,
-                      "the property service sent an invalid answer: " + (error ? error->text : ""));
+                      "the property service sent an invalid answer: " + (error ? error->text() : ""));
     }
     if (std::as_const(answer)["error"].isString()) throwFailure(answer);
     return answer;
@@ -92,11 +100,10 @@ std::vector<propertyapi::Property> Session::listUncatalogued() {
     query["uncatalogued"] = true;
     for (bool more = true; more;) {
         const Json::Value page = request(propertyprotocol::listTopic, query);
-        for (const Json::Value& one : page["properties"])
-            all.push_back({textMember(one, "param"), textMember(one, "value")});
-        const std::string next = textMember(page, "next");
+        for (const Json::Value& one : page["properties"]) all.push_back({textOf(one, "param"), textOf(one, "value")});
+        const std::string next = textOf(page, "next");
         more = !next.empty();
-        if (more && next <= textMember(query, "after")) {
+        if (more && next <= textOf(query, "after")) {
             throw std::runtime_error("the property service's list does not advance");
         }
         query["after"] = next;

@@ -7,7 +7,7 @@
 #include "Output.h"
 #include "Session.h"
 #include "debug/Debug.h"
-#include "propertyprotocol/Change.h"
+#include "propertyprotocol/Json.h"
 #include "propertyprotocol/Topics.h"
 
 namespace zavctl {

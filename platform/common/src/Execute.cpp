@@ -24,6 +24,7 @@ namespace os {
 namespace {
 
 using common::Descriptor;
+using common::reasonOf;
 
 constexpr std::size_t keptErrorText = 512;
 constexpr std::chrono::milliseconds stopCheckInterval{250};
@@ -38,8 +39,6 @@ constexpr int commandNotFound = 127;
 [[noreturn]] void failToStart(const std::string& command, const std::string& reason) {
     throw CommandNotStartedException("Command " + quote(command) + " " + reason);
 }
-
-std::string describe(int error) { return std::generic_category().message(error); }
 
 // Returns false, with errno set, if no descriptor is left.
 bool openPipe(Descriptor& reading, Descriptor& writing) {
@@ -112,7 +111,7 @@ class Shell {
         const std::array<char*, 4> arguments{shell.data(), option.data(), text.data(), nullptr};
         const int error =
             posix_spawn(&process_, "/bin/sh", spawn.actions(), spawn.attributes(), arguments.data(), environ);
-        if (error != 0) failToStart(command, "cannot be started: " + describe(error));
+        if (error != 0) failToStart(command, "cannot be started: " + reasonOf(error));
     }
     Shell(const Shell&) = delete;
     Shell& operator=(const Shell&) = delete;
@@ -180,7 +179,7 @@ std::string awaitEnd(const std::string& command, const Shell& shell, Descriptor&
         std::array<pollfd, 2> waited{pollfd{shell.endDescriptor(), POLLIN, 0}, pollfd{errors.get(), POLLIN, 0}};
         const auto longest = stop == nullptr ? std::chrono::milliseconds(60000) : stopCheckInterval;
         const int ready = poll(waited.data(), waited.size(), static_cast<int>(std::min(left, longest).count()));
-        if (ready < 0 && errno != EINTR) fail(command, "cannot be waited for: " + describe(errno));
+        if (ready < 0 && errno != EINTR) fail(command, "cannot be waited for: " + reasonOf(errno));
         if (ready <= 0) continue;
         if (waited[1].revents != 0) drain(errors, errorText);
         if (waited[0].revents != 0) return errorText;
@@ -192,7 +191,7 @@ std::string awaitEnd(const std::string& command, const Shell& shell, Descriptor&
 void execute(const std::string& command, std::chrono::milliseconds timeout, const common::StopSignal* stop) {
     Descriptor errors;
     Descriptor shellErrors;
-    if (!openPipe(errors, shellErrors)) failToStart(command, "cannot be started: " + describe(errno));
+    if (!openPipe(errors, shellErrors)) failToStart(command, "cannot be started: " + reasonOf(errno));
     fcntl(errors.get(), F_SETFL, O_NONBLOCK);
 
     Shell shell(command, shellErrors.get());
@@ -200,12 +199,12 @@ void execute(const std::string& command, std::chrono::milliseconds timeout, cons
     try {
         shell.watch();
     } catch (const std::system_error& failure) {
-        fail(command, "cannot be waited for: " + describe(failure.code().value()));
+        fail(command, "cannot be waited for: " + reasonOf(failure.code().value()));
     }
     std::string errorText = awaitEnd(command, shell, errors, timeout, stop);
     const std::optional<int> status = shell.reap();
     // A program that ignores SIGCHLD loses the status of its children.
-    if (!status) fail(command, "cannot be waited for: " + describe(errno));
+    if (!status) fail(command, "cannot be waited for: " + reasonOf(errno));
     if (errors.get() >= 0) drain(errors, errorText);
     if (WIFSIGNALED(*status)) {
         fail(command, "was ended by signal " + std::to_string(WTERMSIG(*status)) + spoken(errorText));

@@ -1,6 +1,6 @@
 // The bus client over one Connection: subscriptions and deliveries to their callbacks. Requests are in Requests.
 //
-// Threads: the network thread hands messages to deliveries and answers to requests, and runs no callback.
+// Threads: the network thread hands messages to deliveries and responses to requests, and runs no callback.
 // Lock order: Connection's mutex before mutex_, so never call the connection with mutex_ held.
 #include <algorithm>
 #include <cstdio>
@@ -53,7 +53,7 @@ class Client final : public IIPCClient, private ConnectionListener {
         }
         requests_.connecting();
         try {
-            // Quality 0: the broker must not queue answers whose request has ended meanwhile.
+            // Quality 0: the broker must not queue responses whose request has ended meanwhile.
             connection_.subscribe(replyTopic_, 0, MQTT_SUB_OPT_SEND_RETAIN_NEVER);
             connection_.open(host.empty() ? host_ : host, false);
             connection_.waitUntilReady();
@@ -137,7 +137,7 @@ class Client final : public IIPCClient, private ConnectionListener {
     bool waitForService(const std::string& statusTopic, std::chrono::milliseconds limit) override {
         return requests_.waitForService(statusTopic, limit);
     }
-    std::uint64_t responsesReceived() const override { return requests_.answers(); }
+    std::uint64_t responsesReceived() const override { return requests_.responses(); }
     void limitRequests(std::chrono::milliseconds limit) override { requests_.limit(limit); }
 
  private:
@@ -211,7 +211,7 @@ class Client final : public IIPCClient, private ConnectionListener {
     }
 
     bool messageArrived(const Incoming& message) override {
-        if (message.topic == replyTopic_) requests_.answerArrived(message.correlationData(), message.payload);
+        if (message.topic == replyTopic_) requests_.responseArrived(message.correlationData(), message.payload);
         requests_.presenceArrived(message.topic, message.payload);
         // The broker sends one copy for each matching subscription and names it, so filters may overlap.
         const std::vector<std::uint32_t> named = message.subscriptions();

@@ -136,7 +136,6 @@ class Connection : private LinkListener {
     BackOff::Loss afterLoss(const std::string& numericAddress) REQUIRES(mutex_);
     void logLoss(BackOff::Loss loss) REQUIRES(mutex_);
     bool suspectsTakeover(const std::string& numericAddress) REQUIRES(mutex_);
-    std::chrono::milliseconds held() const;
 
     // Inside Link::serve, on the network thread with mutex_ held.
     void acknowledged(int identifier, int reason) override;
@@ -169,7 +168,7 @@ class Connection : private LinkListener {
     // The network thread's own.
     std::string lastLoggedFailure_;
     Clock::time_point readyDeadline_;
-    Clock::time_point readySince_;
+    Clock::time_point readySince_;  // the latest time if the last connection never was
 
     std::thread thread_;
 };

@@ -31,16 +31,12 @@ void Connection::run() {
         const BackOff::Loss loss = attempt();
         if (isClosing() || (reached_ == Milestone::none && !forEver_)) break;
         state_ = State::pausing;
-        changed_.waitFor(mutex_, backOff.next(held(), loss), [this]() REQUIRES(mutex_) { return isClosing(); });
+        const auto held = std::max(Clock::now() - readySince_, Clock::duration::zero());
+        const auto pause = backOff.next(std::chrono::duration_cast<milliseconds>(held), loss);
+        changed_.waitFor(mutex_, pause, [this]() REQUIRES(mutex_) { return isClosing(); });
     }
     state_ = State::ended;
     changed_.notifyAll();
-}
-
-/// How long the last connection was ready.
-milliseconds Connection::held() const {
-    if (readySince_ == Clock::time_point::max()) return milliseconds(0);
-    return std::chrono::duration_cast<milliseconds>(Clock::now() - readySince_);
 }
 
 /// One connection from the name look-up to its end. Returns how it was lost.

@@ -5,7 +5,7 @@
 #include <cstdlib>
 #include <mutex>
 
-#include "System.h"
+#include "common/Descriptor.h"
 #include "ipc/IPCException.h"
 
 namespace ipc {
@@ -77,14 +77,14 @@ Handle newHandle(const std::string& clientId, bool cleanStart, void* owner) {
     static std::once_flag initialised;
     std::call_once(initialised, [] { mosquitto_lib_init(); });
     Handle handle(mosquitto_new(clientId.c_str(), cleanStart, owner));
-    if (!handle) throw IPCException("Cannot create an MQTT client: " + systemText(errno));
+    if (!handle) throw IPCException("Cannot create an MQTT client: " + common::reasonOf(errno));
     mosquitto_int_option(handle.get(), MOSQ_OPT_PROTOCOL_VERSION, MQTT_PROTOCOL_V5);
     mosquitto_int_option(handle.get(), MOSQ_OPT_TCP_NODELAY, 1);
     return handle;
 }
 
 std::string resultText(int result, int systemError) {
-    return result == MOSQ_ERR_ERRNO ? systemText(systemError) : std::string(mosquitto_strerror(result));
+    return result == MOSQ_ERR_ERRNO ? common::reasonOf(systemError) : std::string(mosquitto_strerror(result));
 }
 
 std::string lossText(int reason, int systemError) {
@@ -103,7 +103,7 @@ std::string handshakeFailureText(int reason, int systemError) {
         case MOSQ_ERR_CONN_LOST:
             return "it closed the connection";
         case MOSQ_ERR_ERRNO:
-            return systemError == 0 ? "it closed the connection" : systemText(systemError);
+            return systemError == 0 ? "it closed the connection" : common::reasonOf(systemError);
         default:
             return lossText(reason, systemError);
     }

@@ -50,7 +50,7 @@ std::string Requests::ask(const std::string& statusTopic, std::chrono::milliseco
         Clock::time_point until = deadline;
         switch (nextStep(pending, deadline, until)) {
             case Step::finish:
-                return std::move(pending.answer);
+                return std::move(pending.response);
             case Step::wait:
                 pending.changed.waitUntil(mutex_, until);
                 break;
@@ -61,7 +61,7 @@ std::string Requests::ask(const std::string& statusTopic, std::chrono::milliseco
     }
 }
 
-/// The next step of a request's caller; throws if the answer can no longer come.
+/// The next step of a request's caller; throws if the response can no longer come.
 Requests::Step Requests::nextStep(const Pending& pending, Clock::time_point deadline, Clock::time_point& until) const {
     const std::string& statusTopic = pending.statusTopic;
     if (pending.stage == Pending::Stage::answered) return Step::finish;
@@ -206,17 +206,17 @@ void Requests::setPresence(const std::string& statusTopic, WatchedService& servi
     }
 }
 
-void Requests::answerArrived(const std::string& correlationData, std::string_view answer) {
+void Requests::responseArrived(const std::string& correlationData, std::string_view response) {
     std::uint64_t number = 0;
     if (correlationData.size() != sizeof number) return;
     std::memcpy(&number, correlationData.data(), sizeof number);
     const common::LockGuard lock(mutex_);
     if (number == 0 || number >= next_) return;
-    ++answers_;
+    ++responses_;
     const auto found = pending_.find(number);
     if (found == pending_.end() || found->second->stage == Pending::Stage::answered) return;
     found->second->stage = Pending::Stage::answered;
-    found->second->answer = answer;
+    found->second->response = response;
     found->second->changed.notifyOne();
 }
 

@@ -32,7 +32,7 @@ class Requests {
     /// Returns whether the service was not watched before.
     bool watch(const std::string& statusTopic) EXCLUDES(mutex_);
 
-    /// Blocks until the answer is there. Sends once the service is online, and again only if `send` returned false.
+    /// Blocks until the response is there. Sends once the service is online, and again only if `send` returned false.
     /// Throws like IIPCClient::request.
     std::string ask(const std::string& statusTopic, std::chrono::milliseconds timeout, const Send& send)
         EXCLUDES(mutex_);
@@ -53,10 +53,10 @@ class Requests {
     void connectionLost() EXCLUDES(mutex_);
     /// Any message; it is ignored unless it is "online" or "offline" on a watched topic.
     void presenceArrived(std::string_view topic, std::string_view payload) EXCLUDES(mutex_);
-    void answerArrived(const std::string& correlationData, std::string_view answer) EXCLUDES(mutex_);
+    void responseArrived(const std::string& correlationData, std::string_view response) EXCLUDES(mutex_);
 
-    /// The number of answers received, including late ones.
-    std::uint64_t answers() const { return answers_; }
+    /// The number of responses received, including late ones.
+    std::uint64_t responses() const { return responses_; }
 
  private:
     enum class Broker { neverConnected, away, connected };
@@ -70,7 +70,7 @@ class Requests {
         explicit Pending(const std::string& topic) : statusTopic(topic) {}
         const std::string& statusTopic;
         Stage stage = Stage::unsent;
-        std::string answer;
+        std::string response;
         common::ConditionVariable changed;
     };
     struct WatchedService {
@@ -101,7 +101,7 @@ class Requests {
     std::unordered_map<std::uint64_t, Pending*> pending_ GUARDED_BY(mutex_);
     std::uint64_t next_ GUARDED_BY(mutex_) = 1;  // number of the next request
 
-    std::atomic<std::uint64_t> answers_{0};
+    std::atomic<std::uint64_t> responses_{0};
 };
 
 }  // namespace ipc

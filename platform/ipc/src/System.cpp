@@ -36,8 +36,6 @@ int lookUp(const std::string& host, const char* port, int flags, AddressList& fo
 
 }  // namespace
 
-std::string systemText(int systemError) { return std::generic_category().message(systemError); }
-
 std::thread startThread(const char* name, std::function<void()> body) {
     const common::signal::AllBlocked blocked;
     try {
@@ -50,7 +48,7 @@ std::thread startThread(const char* name, std::function<void()> body) {
 }
 
 Waker::Waker() : event_(eventfd(0, EFD_NONBLOCK | EFD_CLOEXEC)) {
-    if (event_.get() < 0) throw IPCException("Cannot create an event descriptor: " + systemText(errno));
+    if (event_.get() < 0) throw IPCException("Cannot create an event descriptor: " + common::reasonOf(errno));
 }
 
 void Waker::wake() const {
@@ -87,9 +85,9 @@ std::optional<std::string> probe(const std::string& numericAddress, int port,
     if (result != 0) return std::string(gai_strerror(result));
 
     const common::Descriptor tried(socket(found->ai_family, SOCK_STREAM | SOCK_NONBLOCK | SOCK_CLOEXEC, 0));
-    if (tried.get() < 0) return systemText(errno);
+    if (tried.get() < 0) return common::reasonOf(errno);
     if (connect(tried.get(), found->ai_addr, found->ai_addrlen) == 0) return std::string();
-    if (errno != EINPROGRESS) return systemText(errno);
+    if (errno != EINPROGRESS) return common::reasonOf(errno);
 
     using std::chrono::milliseconds;
     const auto left = std::chrono::ceil<milliseconds>(deadline - std::chrono::steady_clock::now()).count();
@@ -100,7 +98,7 @@ std::optional<std::string> probe(const std::string& numericAddress, int port,
     int error = 0;
     socklen_t size = sizeof error;
     getsockopt(tried.get(), SOL_SOCKET, SO_ERROR, &error, &size);
-    return error == 0 ? std::string() : systemText(error);
+    return error == 0 ? std::string() : common::reasonOf(error);
 }
 
 }  // namespace ipc

@@ -13,9 +13,6 @@
 
 namespace ipc {
 
-/// The system's text for an errno value.
-std::string systemText(int systemError);
-
 /// A new thread with every signal blocked, as the program chooses its own threads for signals. `name` has at most 15
 /// characters. Throws IPCException if the system cannot start one.
 std::thread startThread(const char* name, std::function<void()> body);

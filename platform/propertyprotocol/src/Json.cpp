@@ -4,6 +4,7 @@
 
 #include <algorithm>
 #include <memory>
+#include <sstream>
 
 #include "propertyprotocol/Limits.h"
 
@@ -73,7 +74,8 @@ std::string jsonObject(std::initializer_list<std::pair<std::string_view, std::st
         json += ':';
         appendString(json, text);
     }
-    return json + '}';
+    json += '}';
+    return json;
 }
 
 std::optional<JsonError> parseJson(const std::string& text, Json::Value& value) {
@@ -82,18 +84,40 @@ std::optional<JsonError> parseJson(const std::string& text, Json::Value& value) 
     try {
         if (reader->parse(text.data(), text.data() + text.size(), &value, &report)) return std::nullopt;
     } catch (const Json::Exception&) {
-        return JsonError{true, false, "nested more than " + std::to_string(maxNesting) + " deep"};
+        return JsonError{true, 1, 1, "nested more than " + std::to_string(maxNesting) + " deep"};
     }
-    const bool isDuplicate = report.find("Duplicate key") != std::string::npos;
     // The report has "* Line 3, Column 5\n  REASON\n" for each error.
-    report.erase(std::min(report.find('\n', report.find('\n') + 1), report.size()));
-    std::replace(report.begin(), report.end(), '\n', ':');
-    return JsonError{false, isDuplicate, report.substr(std::min(report.find_first_not_of("* "), report.size()))};
+    JsonError error;
+    std::istringstream place(report);
+    std::string word;
+    char comma = 0;
+    place >> word >> word >> error.line >> comma >> word >> error.column;
+    const std::size_t start = std::min(report.find_first_not_of(' ', report.find('\n') + 1), report.size());
+    error.reason = report.substr(start, report.find('\n', start) - start);
+    return error;
+}
+
+std::string JsonError::text() const {
+    if (nestedTooDeeply) return reason;
+    return "Line " + std::to_string(line) + ", Column " + std::to_string(column) + ":  " + reason;
 }
 
 std::string textMember(const Json::Value& object, const char* name) {
     const Json::Value& member = object[name];
     return member.isString() ? member.asString() : std::string();
+}
+
+std::string changeMessage(const std::string& param, const std::string& value, const std::string& source) {
+    return jsonObject({{"param", param}, {"value", value}, {"source", source}});
+}
+
+bool readChange(const std::string& message, Change& change) {
+    Json::Value parsed;
+    if (parseJson(message, parsed) || !parsed.isObject()) return false;
+    const Json::Value& object = parsed;
+    if (!object["param"].isString()) return false;
+    change = {textMember(object, "param"), textMember(object, "value"), textMember(object, "source")};
+    return true;
 }
 
 }  // namespace propertyprotocol

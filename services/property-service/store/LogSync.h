@@ -7,6 +7,8 @@
 #include <string>
 #include <thread>
 
+#include "common/Descriptor.h"
+
 namespace propertyservice {
 
 class LogSync {
@@ -28,7 +30,7 @@ class LogSync {
     void run();
 
     const std::string path_;
-    const int file_;
+    const common::Descriptor file_;
     const std::chrono::milliseconds delay_;
 
     mutable std::mutex mutex_;

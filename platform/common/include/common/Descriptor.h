@@ -1,9 +1,11 @@
-// Owns a file descriptor. Not thread-safe.
+// A file descriptor and its owner, which is not thread-safe; the reasons of failed calls.
 #pragma once
 
 #include <fcntl.h>
 #include <unistd.h>
 
+#include <string>
+#include <system_error>
 #include <utility>
 
 namespace common {
@@ -34,6 +36,9 @@ class Descriptor {
  private:
     int fd_ = -1;
 };
+
+/// The system's text for an errno value.
+inline std::string reasonOf(int error) { return std::generic_category().message(error); }
 
 /// Opens /dev/null on each of the descriptors 0 to 2 that is closed. Otherwise the next file or socket would get that
 /// number, and with it the log lines. Call first in `main`, before any thread is started.
