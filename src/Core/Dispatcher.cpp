@@ -43,21 +43,21 @@ Message parse(const std::string& content) {
     } catch (const Json::Exception&) {  // nested too deeply
         return {};
     }
-    return {textOf(message, constants::messageKey), textOf(message, constants::messageValue)};
+    return {textOf(message, constants.messageKey), textOf(message, constants.messageValue)};
 }
 
 }  // namespace
 
 Dispatcher::Dispatcher(std::shared_ptr<ipc::IIPCClient> bus, std::shared_ptr<propertyapi::IPropertyApi> properties,
                        ProvisioningTimer& timer, std::shared_ptr<Curl> http, Security& security)
-    : handlers_{{constants::debugLevelMaskKey, &Dispatcher::setDebugLevelMask},
-                {constants::periodKey, &Dispatcher::setTimerPeriod},
-                {constants::provisioningServerKey, &Dispatcher::storeProvisioningServer},
-                {constants::provisioningStateKey, &Dispatcher::handleProvisioningRequest},
-                {constants::autoRebootBusyQueryKey, &Dispatcher::handleAutoRebootQuery},
-                {constants::updateCaBundleKey, &Dispatcher::updateCertificateBundle},
-                {constants::watchdogQuery, &Dispatcher::handleWatchdogQuery},
-                {constants::firmwareTriggerAutoKey, &Dispatcher::handleProvisioningRequest}},
+    : handlers_{{constants.debugLevelMaskKey, &Dispatcher::setDebugLevelMask},
+                {constants.periodKey, &Dispatcher::setTimerPeriod},
+                {constants.provisioningServerKey, &Dispatcher::storeProvisioningServer},
+                {constants.provisioningStateKey, &Dispatcher::handleProvisioningRequest},
+                {constants.autoRebootBusyQueryKey, &Dispatcher::handleAutoRebootQuery},
+                {constants.updateCaBundleKey, &Dispatcher::updateCertificateBundle},
+                {constants.watchdogQuery, &Dispatcher::handleWatchdogQuery},
+                {constants.firmwareTriggerAutoKey, &Dispatcher::handleProvisioningRequest}},
       bus_(std::move(bus)),
       properties_(std::move(properties)),
       timer_(timer),
@@ -67,11 +67,11 @@ Dispatcher::Dispatcher(std::shared_ptr<ipc::IIPCClient> bus, std::shared_ptr<pro
 void Dispatcher::startListening() {
     dbg::Debug::info() << "run IPC listening" << std::endl;
     try {
-        bus_->subscribe(constants::statePropertyTopic, *this);
-        bus_->subscribe(constants::systemPropertyTopic, *this);
-        bus_->subscribe(constants::watchdogQueryTopic, *this);
-        bus_->subscribe(constants::autoRebootQueryTopic, *this);
-        bus_->connect(constants::brokerHost);
+        bus_->subscribe(constants.statePropertyTopic, *this);
+        bus_->subscribe(constants.systemPropertyTopic, *this);
+        bus_->subscribe(constants.watchdogQueryTopic, *this);
+        bus_->subscribe(constants.autoRebootQueryTopic, *this);
+        bus_->connect(constants.brokerHost);
     } catch (const ipc::IPCException& e) {
         dbg::Debug::error() << "IPC error " << e.what() << std::endl;
         throw std::runtime_error(e.what());
@@ -154,14 +154,14 @@ void Dispatcher::handleProvisioningRequest(const std::string& value) {
         dbg::Debug::warning() << "Handling provisioning requests not enabled yet" << std::endl;
         return;
     }
-    if (value.find(constants::requestWord) != std::string::npos) worker_.startProvisioning("");
+    if (value.find(constants.requestWord) != std::string::npos) worker_.startProvisioning("");
 }
 
 // No reply means not busy.
 void Dispatcher::handleAutoRebootQuery(const std::string&) {
     try {
         if (!worker_.isProvisioningFinished()) {
-            bus_->publish(constants::autoRebootReplyTopic, constants::busyReply, atLeastOnce);
+            bus_->publish(constants.autoRebootReplyTopic, constants.busyReply, atLeastOnce);
         }
     } catch (const std::exception& e) {
         dbg::Debug::error() << "Handling Autoreboot query failed: " << e.what() << std::endl;
@@ -173,7 +173,7 @@ void Dispatcher::updateCertificateBundle(const std::string& value) {
     if (value.empty()) return;
     security_.reloadCertificates();
     security_.notifySystemAboutNewCertificates();
-    properties_->set(constants::updateCaBundleKey, "");
+    properties_->set(constants.updateCaBundleKey, "");
 }
 
 // A hanging pass must leave the watchdog without a reply.
@@ -181,7 +181,7 @@ void Dispatcher::handleWatchdogQuery(const std::string&) {
     try {
         worker_.waitForProgress();
         if (stopping_.isStopped()) return;
-        bus_->publish(constants::watchdogReplyTopic, constants::watchdogReply, atLeastOnce);
+        bus_->publish(constants.watchdogReplyTopic, constants.watchdogReply, atLeastOnce);
     } catch (const std::exception& e) {
         dbg::Debug::error() << "Cannot send response to watchdog: " << e.what() << std::endl;
     }
@@ -199,20 +199,20 @@ void Dispatcher::enableProvisioning() {
 }
 
 void Dispatcher::provisionOnBootUp() {
-    const std::string value = properties_->get(constants::provisioningOnBootUpKey);
+    const std::string value = properties_->get(constants.provisioningOnBootUpKey);
     security_.reloadCertificates();
-    if (value == constants::bootUpDoneWord) {
+    if (value == constants.bootUpDoneWord) {
         dbg::Debug::warning() << "Provisioning on boot up already done, skipping" << std::endl;
         return;
     }
-    dbg::Debug::info() << "Do provisioning on boot up " << quote(constants::provisioningOnBootUpKey, value, "")
+    dbg::Debug::info() << "Do provisioning on boot up " << quote(constants.provisioningOnBootUpKey, value, "")
                        << std::endl;
-    handleProvisioningRequest(constants::requestWord);
+    handleProvisioningRequest(constants.requestWord);
     while (!worker_.isProvisioningFinished()) {
         if (stopping_.waitFor(bootUpPollInterval)) return;
     }
     if (stopping_.isStopped()) return;
-    properties_->set(constants::provisioningOnBootUpKey, constants::bootUpDoneWord);
+    properties_->set(constants.provisioningOnBootUpKey, constants.bootUpDoneWord);
 }
 
 }  // namespace zav

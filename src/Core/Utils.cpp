@@ -139,22 +139,10 @@ std::string serviceOf(const UrlInfo& urlInfo) {
     return urlInfo.port() == 0 ? urlInfo.scheme() : std::to_string(urlInfo.port());
 }
 
-const std::string& provisioningDirectory() {
-    static const std::string directory = "/var/volatile/provisioning/";
-    return directory;
-}
-
-std::string provisioningPath(const std::string& a, const std::string& b) {
-    return provisioningDirectory() + a + "/" + b;
-}
-
-const std::string& firmwareDirectory() {
-    static const std::string directory = "/config/swupdate/";
-    return directory;
-}
+std::string provisioningPath(const std::string& a, const std::string& b) { return provisioningDirectory + a + "/" + b; }
 
 void cleanFirmwareUpdate(const common::StopSignal* stop) {
-    filesystem::removeAllFromDirectory(firmwareDirectory());
+    filesystem::removeAllFromDirectory(firmwareDirectory);
     os::execute(firmwareCleanUpCommand, firmwareCleanUpTimeout, stop);
 }
 

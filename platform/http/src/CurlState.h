@@ -5,9 +5,9 @@
 
 #include <atomic>
 #include <memory>
-#include <mutex>
 
 #include "CloseNotify.h"
+#include "common/ThreadSafety.h"
 #include "http/Curl.h"
 #include "security/DeviceIdentity.h"
 #include "security/TrustedCertificates.h"
@@ -40,7 +40,7 @@ struct Curl::State {
     bool isOverdue() const { return stopSignal()->isOverdue(settings.steadyNow()); }
 
     /// Calls the progress callback, if any. Logs its exceptions and does not throw them.
-    void report(long total, long now, long uploadTotal, long uploaded);
+    void report(long total, long now);
 
     // Constant after construction.
     const CurlSettings settings;
@@ -55,12 +55,12 @@ struct Curl::State {
     // Own synchronisation.
     std::atomic<long> httpCode{0};
 
-    mutable std::mutex stopMutex;
-    std::shared_ptr<common::StopSignal> stop;  // guarded by stopMutex
+    mutable common::Mutex stopMutex;
+    std::shared_ptr<common::StopSignal> stop GUARDED_BY(stopMutex);
 
     // Held while the callback runs, so that its removal waits for it. Recursive, so that a callback may remove itself.
-    std::recursive_mutex callbackMutex;
-    std::shared_ptr<ProgressCallback> callback;  // guarded by callbackMutex
+    common::RecursiveMutex callbackMutex;
+    std::shared_ptr<ProgressCallback> callback GUARDED_BY(callbackMutex);
 };
 
 }  // namespace zav

@@ -15,8 +15,8 @@
 //
 // Threads: one network thread opens, reads and closes; it alone waits on the socket. Every operation may be called from
 // any thread: one mutex guards the link and all state, and is never held while waiting. The listener is called on the
-// network thread with that mutex held, except for `roundEnded`: it must not call back into the connection, run user
-// code or wait.
+// network thread with that mutex held, except for `connecting` and `roundEnded`: it must not call back into the
+// connection, run user code or wait.
 #pragma once
 
 #include <chrono>
@@ -42,6 +42,8 @@ class ConnectionListener {
  public:
     virtual ~ConnectionListener() = default;
 
+    /// An attempt to connect begins. Called without the mutex, at most 40 s after this or `roundEnded` was called.
+    virtual void connecting() {}
     /// The broker has accepted the connection and answered every subscription.
     virtual void connectionReady() = 0;
     /// An accepted connection was lost.

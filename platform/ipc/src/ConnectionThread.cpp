@@ -27,6 +27,11 @@ void Connection::run() {
     const common::LockGuard lock(mutex_);
     BackOff backOff;
     while (!isClosing()) {
+        {
+            const common::UnlockGuard unlocked(mutex_);
+            listener_.connecting();
+        }
+        if (isClosing()) break;
         state_ = State::connecting;
         const BackOff::Loss loss = attempt();
         if (isClosing() || (reached_ == Milestone::none && !forEver_)) break;

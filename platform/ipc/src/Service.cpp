@@ -33,7 +33,7 @@ constexpr std::chrono::seconds drainTimeout{10};
 
 class Service final : public IIPCService, private ConnectionListener {
  public:
-    explicit Service(std::string name) : name_(std::move(name)) {}
+    Service(std::string name, ServiceEvents events) : name_(std::move(name)), events_(std::move(events)) {}
     Service(const Service&) = delete;
     Service& operator=(const Service&) = delete;
     ~Service() override { stop(); }
@@ -42,6 +42,7 @@ class Service final : public IIPCService, private ConnectionListener {
                Handler handler) override {
         if (connection_) throw IPCException("The bus service cannot start twice");
         handler_ = std::move(handler);
+        statusTopic_ = statusTopic;
         const Connection::Options options{name_, name_, /* keepSession */ false, statusTopic, /* logsEvents */ true};
         connection_ = std::make_unique<Connection>(options, static_cast<ConnectionListener&>(*this));
         // A retained request would be executed again on every connection.
@@ -79,8 +80,11 @@ class Service final : public IIPCService, private ConnectionListener {
 
     // ---- on the network thread ----
 
+    void connecting() override { alive(); }
     void connectionReady() override {}
-    void messageAcknowledged(const std::string&) override {}
+    void messageAcknowledged(const std::string& topic) override {
+        if (topic == statusTopic_ && !stopping_) online_ = true;
+    }
 
     void connectionLost(const std::string&) override {
         // The clients see "offline" before the next connection and give up these requests.
@@ -109,14 +113,23 @@ class Service final : public IIPCService, private ConnectionListener {
     }
 
     void roundEnded() override {
+        if (std::exchange(online_, false) && events_.online) events_.online();
+        alive();
         const common::LockGuard lock(round_);
-        while (send() && !inbox_.empty() && !stopping_) handleBatch();
+        while (send() && !inbox_.empty() && !stopping_) {
+            handleBatch();
+            alive();
+        }
         if (stopping_) drained_.notifyAll();
         if (!isFull(1)) dropping_ = false;
         if (paused_ && (!isFull(1) || connection_->congestion() == Congestion::unacknowledged)) {
             paused_ = false;
             connection_->resumeReading();
         }
+    }
+
+    void alive() const {
+        if (events_.alive) events_.alive();
     }
 
     bool isFull(std::size_t times) const {
@@ -159,7 +172,9 @@ class Service final : public IIPCService, private ConnectionListener {
     }
 
     const std::string name_;
+    const ServiceEvents events_;
     Handler handler_;                         // constant once started
+    std::string statusTopic_;                 // constant once started
     std::unique_ptr<Connection> connection_;  // constant once started
     std::atomic<bool> stopping_{false};
 
@@ -173,12 +188,13 @@ class Service final : public IIPCService, private ConnectionListener {
     std::vector<ServiceRequest> batch_;
     bool paused_ = false;
     bool dropping_ = false;
+    bool online_ = false;  // accepted by the broker and not yet reported
 };
 
 }  // namespace
 
-std::unique_ptr<IIPCService> IPCFactory::createService(const std::string& clientName) {
-    return std::make_unique<Service>(clientName);
+std::unique_ptr<IIPCService> IPCFactory::createService(const std::string& clientName, ServiceEvents events) {
+    return std::make_unique<Service>(clientName, std::move(events));
 }
 
 }  // namespace ipc

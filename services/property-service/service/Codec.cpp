@@ -2,7 +2,6 @@
 
 #include "propertyprotocol/Json.h"
 #include "propertyprotocol/Utf8.h"
-#include "service/Limits.h"
 
 namespace propertyservice {
 

@@ -1,6 +1,7 @@
 #include "service/PropertyService.h"
 
 #include <algorithm>
+#include <cstdio>
 #include <set>
 #include <utility>
 
@@ -8,8 +9,7 @@
 #include "propertyprotocol/Errors.h"
 #include "propertyprotocol/Json.h"
 #include "propertyprotocol/Topics.h"
-#include "service/Excerpt.h"
-#include "service/Limits.h"
+#include "propertyprotocol/Utf8.h"
 
 namespace propertyservice {
 
@@ -28,10 +28,30 @@ bool isPublishable(const std::string& topic) {
 
 std::string objection(const Property& property, const std::string& value) {
     if (value.size() > maxValueBytes) return "must be at most " + std::to_string(maxValueBytes) + " bytes long";
-    return property.definition->rule->objection(value);
+    return property.definition->rule(value);
 }
 
 }  // namespace
+
+std::string excerpt(const std::string& text, std::size_t maxCharacters) {
+    std::string shown;
+    std::size_t at = 0;
+    for (std::size_t count = 0; count < maxCharacters && at < text.size(); ++count) {
+        const std::size_t length = propertyprotocol::utf8SequenceLength(text, at);
+        if (length == 0) break;
+        const std::string character = text.substr(at, length);
+        // Some terminals execute U+0080 to U+009F.
+        if (character >= "\xc2\x80" && character <= "\xc2\x9f") {
+            char escape[7];
+            std::snprintf(escape, sizeof escape, "\\u%04x", static_cast<unsigned char>(character[1]));
+            shown += escape;
+        } else {
+            shown += character;
+        }
+        at += length;
+    }
+    return at < text.size() ? shown + "..." : shown;
+}
 
 PropertyService::PropertyService(const Catalogue& catalogue, IStore& store)
     : store_(store), table_(catalogue, store.load()) {}
@@ -189,13 +209,10 @@ void PropertyService::write(Property& property, std::optional<std::string> value
 template <typename Entry, typename Render>
 std::string PropertyService::page(const char* name, const std::vector<Entry>& all, const ListRequest& request,
                                   Render render) {
-    auto position = std::lower_bound(all.begin(), all.end(), request.prefix,
+    // A NUL sorts before all else, so this is the first key behind `after`.
+    const std::string first = request.after.empty() ? request.prefix : std::max(request.prefix, request.after + '\0');
+    auto position = std::lower_bound(all.begin(), all.end(), first,
                                      [](const Entry& entry, const std::string& key) { return entry.key < key; });
-    if (!request.after.empty()) {
-        const auto next = std::upper_bound(all.begin(), all.end(), request.after,
-                                           [](const std::string& key, const Entry& entry) { return key < entry.key; });
-        position = std::max(position, next);
-    }
     const auto matches = [&request](const Entry& entry) {
         return entry.key.compare(0, request.prefix.size(), request.prefix) == 0;
     };

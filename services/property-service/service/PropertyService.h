@@ -66,4 +66,8 @@ class PropertyService {
     bool rebuildNeeded_ = false;  // the store is damaged: rebuild it before the next write
 };
 
+/// For the log, which escapes other control characters: the first `maxCharacters` of a UTF-8 text without C1 control
+/// characters, and "..." if it is longer.
+std::string excerpt(const std::string& text, std::size_t maxCharacters);
+
 }  // namespace propertyservice

@@ -18,33 +18,33 @@ LogSync::LogSync(const std::string& path, std::chrono::milliseconds delay)
 
 LogSync::~LogSync() {
     {
-        const std::lock_guard<std::mutex> lock(mutex_);
+        const common::LockGuard lock(mutex_);
         stopping_ = true;
     }
-    changed_.notify_all();
+    changed_.notifyAll();
     thread_.join();
 }
 
 void LogSync::written() {
     {
-        const std::lock_guard<std::mutex> lock(mutex_);
+        const common::LockGuard lock(mutex_);
         if (dirty_) return;  // a sync is already scheduled
         dirty_ = true;
     }
-    changed_.notify_all();
+    changed_.notifyAll();
 }
 
 unsigned LogSync::syncs() const {
-    const std::lock_guard<std::mutex> lock(mutex_);
+    const common::LockGuard lock(mutex_);
     return syncs_;
 }
 
 void LogSync::run() {
     bool failed = false;
-    std::unique_lock<std::mutex> lock(mutex_);
+    common::UniqueLock lock(mutex_);
     while (true) {
-        changed_.wait(lock, [this] { return dirty_ || stopping_; });
-        if (changed_.wait_for(lock, delay_, [this] { return stopping_; })) return;
+        changed_.wait(mutex_, [this]() REQUIRES(mutex_) { return dirty_ || stopping_; });
+        if (changed_.waitFor(mutex_, delay_, [this]() REQUIRES(mutex_) { return stopping_; })) return;
         dirty_ = false;  // a write during the sync needs another one
         lock.unlock();
         const bool synced = ::fdatasync(file_.get()) == 0;
@@ -61,7 +61,7 @@ void LogSync::run() {
         } else {
             dirty_ = true;
         }
-        changed_.notify_all();
+        changed_.notifyAll();
     }
 }
 

@@ -21,8 +21,6 @@ namespace {
 
 namespace fs = std::filesystem;
 
-// "ZAVp" in the file's header distinguishes a property store from any other database.
-constexpr int applicationId = 0x5a415670;
 constexpr std::size_t maxDamagedFiles = 2;
 constexpr int maxLinks = 40;
 // A version number further ahead than this counts as damage.
@@ -42,11 +40,6 @@ std::string folderOf(const std::string& path) {
     return folder.empty() ? "." : folder;
 }
 
-void syncFile(const std::string& path) {
-    const common::Descriptor file(::open(path.c_str(), O_RDONLY | O_CLOEXEC));
-    if (file.get() < 0 || ::fsync(file.get()) != 0) fail(path, "cannot be synced", errno);
-}
-
 void rename(const std::string& from, const std::string& to) {
     if (::rename(from.c_str(), to.c_str()) != 0) fail(from, "cannot be renamed", errno);
 }
@@ -62,19 +55,10 @@ std::string timeStamp() {
 
 }  // namespace
 
-FileMark::FileMark(std::string path) : path_(std::move(path)) {
+FileId idOf(const std::string& path, const FileId& ifUnknown) {
     struct stat status {};
-    if (::stat(path_.c_str(), &status) != 0) fail(path_, "cannot be found", errno);
-    device_ = status.st_dev;
-    inode_ = status.st_ino;
-}
-
-FileMark::State FileMark::state() const {
-    struct stat status {};
-    if (::stat(path_.c_str(), &status) != 0) {
-        return errno == ENOENT || errno == ENOTDIR ? State::deleted : State::inPlace;
-    }
-    return status.st_dev == device_ && status.st_ino == inode_ ? State::inPlace : State::replaced;
+    if (::stat(path.c_str(), &status) == 0) return std::pair(status.st_dev, status.st_ino);
+    return errno == ENOENT || errno == ENOTDIR ? std::nullopt : ifUnknown;
 }
 
 void createIfMissing(const std::string& path) {
@@ -114,7 +98,7 @@ void checkHeader(const std::string& path) {
         return static_cast<std::int32_t>(std::uint32_t{header[at]} << 24 | std::uint32_t{header[at + 1]} << 16 |
                                          std::uint32_t{header[at + 2]} << 8 | std::uint32_t{header[at + 3]});
     };
-    const bool isOurs = number(68) == applicationId;
+    const bool isOurs = number(68) == Database::applicationId;
     const std::int32_t found = number(60);
     if (isOurs && found > Database::version && found <= Database::version + maxVersionsAhead) {
         throw StoreException(path + ": " + newerVersionError(found));
@@ -154,6 +138,11 @@ std::string resolveLinks(std::string path) {
     return path;
 }
 
+void syncFile(const std::string& path) {
+    const common::Descriptor file(::open(path.c_str(), O_RDONLY | O_CLOEXEC));
+    if (file.get() < 0 || ::fsync(file.get()) != 0) fail(path, "cannot be synced", errno);
+}
+
 void syncFolder(const std::string& path) {
     const common::Descriptor folder(::open(folderOf(path).c_str(), O_RDONLY | O_DIRECTORY | O_CLOEXEC));
     if (folder.get() >= 0) ::fsync(folder.get());
@@ -185,31 +174,14 @@ std::optional<std::chrono::seconds> ageOfBackup(const std::string& path) {
     return std::chrono::seconds(std::time(nullptr) - status.st_mtime);
 }
 
-std::string beginBackup(const std::string& path) {
-    std::string fresh = path + ".backup-new";
-    const common::Descriptor file(::open(fresh.c_str(), O_WRONLY | O_CREAT | O_TRUNC | O_CLOEXEC, 0600));
-    if (file.get() < 0) fail(fresh, "cannot be created", errno);
-    return fresh;
-}
-
 void keepBackup(const std::string& path) {
-    syncFile(path + ".backup-new");
     std::error_code error;
     if (fs::exists(path + ".backup-1", error)) rename(path + ".backup-1", path + ".backup-2");
     rename(path + ".backup-new", path + ".backup-1");
     syncFolder(path);
 }
 
-std::string beginStore(const std::string& path) {
-    std::string fresh = path + ".new";
-    std::error_code ignored;
-    fs::remove(fresh, ignored);  // of an earlier attempt
-    createIfMissing(fresh);
-    return fresh;
-}
-
 void install(const std::string& fresh, const std::string& path) {
-    syncFile(fresh);
     std::error_code ignored;
     fs::remove(path + "-wal", ignored);
     rename(fresh, path);

@@ -13,7 +13,6 @@
 #include "Core/Constants.h"
 #include "Core/GlobalConfig.h"
 #include "Core/Pass.h"
-#include "Core/PassState.h"
 #include "common/Descriptor.h"
 #include "common/Execute.h"
 #include "common/Quote.h"
@@ -82,7 +81,7 @@ void ProvisioningFileParser::decrypt() {
 // Once per pass, and only for a corrupted file: a plain file needs neither key nor openssl.
 void ProvisioningFileParser::reportDecryptionError() const {
     if (decryptionError_.empty()) return;
-    bool& reported = Pass::current().usage()->decryptionReported;
+    bool& reported = Pass::current().usage().decryptionReported;
     if (reported) return;
     reported = true;
     dbg::Debug::warning() << "If the file is encrypted, it could not be decrypted: " << decryptionError_ << std::endl;
@@ -146,7 +145,7 @@ bool ProvisioningFileParser::verifyProduct(const Attributes& root) const {
 
 // Compares as many characters as the device's own address has, ignoring case.
 bool ProvisioningFileParser::verifyMacAddress(const Attributes& root) const {
-    const std::string device = properties_->get(constants::macAddressKey);
+    const std::string device = properties_->get(constants.macAddressKey);
     const auto address = root.find("macAddress");
     if (address == root.end()) {
         dbg::Debug::info() << "MAC address not provided in XML, skipping check" << std::endl;
@@ -188,8 +187,8 @@ struct ProvisioningFileParser::Walk {
 
 bool ProvisioningFileParser::collectJobs(std::vector<JobDescription>& jobs) {
     const std::size_t before = jobs.size();
-    Pass& pass = Pass::current();
-    Walk walk{jobs, pass.itemsLeft()};
+    std::size_t& used = Pass::current().usage().items;
+    Walk walk{jobs, Pass::maximumItems - used};
     collectLevel(reader_.name(), true, walk);
     if (walk.exceedsFile()) {
         dbg::Debug::error() << "File " << filePath_ << " lists more than " << maximumItems
@@ -199,7 +198,7 @@ bool ProvisioningFileParser::collectJobs(std::vector<JobDescription>& jobs) {
                             << " items, none of its jobs will be started" << std::endl;
     }
     if (walk.exceeded()) jobs.resize(before);
-    pass.useItems(std::min(walk.items, walk.itemsLeft));
+    used += std::min(walk.items, walk.itemsLeft);
     return true;
 }
 

@@ -16,7 +16,7 @@ namespace zav {
 
 class Security {
  public:
-    explicit Security(std::shared_ptr<propertyapi::IPropertyApi> properties);
+    explicit Security(const std::shared_ptr<propertyapi::IPropertyApi>& properties);
     virtual ~Security();
     Security(const Security&) = delete;
     Security& operator=(const Security&) = delete;
@@ -46,7 +46,6 @@ class Security {
 
  private:
     struct State;
-    std::shared_ptr<propertyapi::IPropertyApi> properties_;
     std::unique_ptr<State> state_;
 };
 

@@ -8,7 +8,6 @@
 
 #include "propertyprotocol/Json.h"
 #include "propertyprotocol/Utf8.h"
-#include "service/Limits.h"
 
 namespace propertyservice {
 namespace {
