@@ -9,23 +9,22 @@
 #include <fstream>
 #include <iostream>
 #include <iterator>
-#include <system_error>
 
 #include "Failure.h"
-#include "Json.h"
 #include "common/Descriptor.h"
+#include "propertyprotocol/Json.h"
 
 namespace zavctl {
 
 namespace {
+
+using common::reasonOf;
 
 constexpr std::size_t maxFileBytes = 64 * 1024 * 1024;
 
 [[noreturn]] void fail(const std::string& path, const std::string& reason) {
     throw Failure(ExitCode::failed, "bad-file", path + ": " + reason);
 }
-
-std::string reasonOf(int error) { return std::generic_category().message(error); }
 
 std::string contentOf(const std::string& path) {
     std::ifstream file;
@@ -107,8 +106,7 @@ Json::Value toJson(const Settings& settings) {
 
 Settings readSettings(const std::string& path) {
     Json::Value root;
-    std::string error;
-    if (!parseJson(contentOf(path), root, error)) fail(path, error);
+    if (const auto error = propertyprotocol::parseJson(contentOf(path), root)) fail(path, error->text());
     if (!root.isObject() || root["version"] != 1 || !root["properties"].isObject()) {
         fail(path, "is not a settings file; expected {\"version\": 1, \"properties\": {KEY: VALUE, ...}}");
     }

@@ -14,7 +14,7 @@
 #include "http/CurlTypes.h"
 #include "http/FileDownloader.h"
 #include "http/FormatUrl.h"
-#include "propertyapi/PatientCalls.h"
+#include "propertyapi/RecoveryScope.h"
 #include "version/FirmwareVersionConsts.h"
 #include "xml/XMLParser.h"
 
@@ -185,8 +185,8 @@ std::string ProvisioningWorker::getProvisioningStatus() {
 void ProvisioningWorker::provisioningThreadMain(const UrlInfo& url, const Completion& completion) {
     const AtScopeExit ended([this] { passEnded(); });
     const Pass pass(outer_, stop_);
-    const propertyapi::PatientCalls patience;  // no setting is lost if the property service restarts
-    endWrites_.cancel();                       // only a pass that starts makes the pending unlock stale
+    const propertyapi::RecoveryScope recovery;  // no setting is lost if the property service restarts
+    endWrites_.cancel();                        // only a pass that starts makes the pending unlock stale
     guarded("start the pass", [this] { startAction(); });
     if (outer_ == nullptr) security_.reloadDeviceIdentity();
     const AtScopeExit end([&] { endAction(completion); });
