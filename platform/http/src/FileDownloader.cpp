@@ -82,8 +82,7 @@ class Download {
     const Security& security_;
     const std::shared_ptr<propertyapi::IPropertyApi>& properties_;
     const UrlInfo& source_;
-    const FileLimit fixedLimit_;
-    const bool firmware_;  // interrupted transfers are retried
+    const FileLimit fixedLimit_;  // none for firmware, whose interrupted transfers are retried
 
     PartialFile file_;
     TransferContext context_;
@@ -101,9 +100,8 @@ Download::Download(Curl::State& client, const Security& security,
       properties_(properties),
       source_(source),
       fixedLimit_(limitOf(destination)),
-      firmware_(!fixedLimit_),
       file_(destination),
-      context_{file_, [this] { return limit(); }, source.fileName(), firmware_, client.settings.steadyNow()} {}
+      context_{file_, [this] { return limit(); }, source.fileName(), !fixedLimit_, client.settings.steadyNow()} {}
 
 std::uint64_t Download::limit() const {
     if (fixedLimit_) return *fixedLimit_;
@@ -125,7 +123,7 @@ int Download::run() {
 }
 
 bool Download::mayRetry(int result) const {
-    return firmware_ && started_ && (mismatch_ || ResumePlan::isRetryable(result)) &&
+    return !fixedLimit_ && started_ && (mismatch_ || ResumePlan::isRetryable(result)) &&
            context_.keepsPace(client_.settings.steadyNow(), 0);
 }
 
