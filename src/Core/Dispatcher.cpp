@@ -20,18 +20,13 @@ namespace {
 constexpr std::chrono::milliseconds bootUpPollInterval{250};
 constexpr int atLeastOnce = 1;
 
-struct Message {
-    std::string key;
-    std::string value;
-};
-
 std::string textOf(const Json::Value& object, const std::string& name) {
     const Json::Value& member = object[name];
     return member.isArray() || member.isObject() ? std::string() : member.asString();
 }
 
-// The key is empty if the content is not a JSON object.
-Message parse(const std::string& content) {
+// Key and value. The key is empty if the content is not a JSON object.
+std::pair<std::string, std::string> parse(const std::string& content) {
     Json::CharReaderBuilder builder;
     builder["allowTrailingCommas"] = false;
     builder["skipBom"] = false;
@@ -127,13 +122,13 @@ void Dispatcher::messageArrived(const std::string& topic, const std::string& con
 }
 
 void Dispatcher::dispatch(const std::string& content) {
-    const Message message = parse(content);
-    const auto handler = handlers_.find(message.key);
+    const auto [key, value] = parse(content);
+    const auto handler = handlers_.find(key);
     if (handler == handlers_.end()) {
         dbg::Debug::info() << "No handler for message: " << content << std::endl;
         return;
     }
-    (this->*handler->second)(message.value);
+    (this->*handler->second)(value);
 }
 
 void Dispatcher::setDebugLevelMask(const std::string& value) { dbg::Debug::setDebugLevelMask(value); }

@@ -92,20 +92,4 @@ std::string GlobalConfig::customVersion() { return copyOut(&Values::customVersio
 std::string GlobalConfig::provisioningServer() { return copyOut(&Values::provisioningServer); }
 void GlobalConfig::setProvisioningServer(const std::string& url) { assign(&Values::provisioningServer, url); }
 
-const std::string& GlobalConfig::fileFormatVersion() {
-    static const std::string version = "1.1";
-    return version;
-}
-
-const std::string& GlobalConfig::productIdentifier() {
-    static const std::string identifier = "kd4v";
-    return identifier;
-}
-
-const std::string& GlobalConfig::defaultProvisioningServer() {
-    // Deployments set their own host here; example.com has no such server.
-    static const std::string host = "provisioning.example.com";
-    return host;
-}
-
 }  // namespace zav

@@ -38,8 +38,6 @@ class ProvisioningTimer {
     explicit ProvisioningTimer(std::shared_ptr<propertyapi::IPropertyApi> properties,
                                const TimerClock& clock = TimerClock::real());
     virtual ~ProvisioningTimer();
-    ProvisioningTimer(const ProvisioningTimer&) = delete;
-    ProvisioningTimer& operator=(const ProvisioningTimer&) = delete;
 
     /// Restarts the timer from now. `period` is in seconds, 0 for once a night. Throws std::system_error if the thread
     /// cannot be started.

@@ -11,7 +11,7 @@ PRODUCT = ("src", "platform", "services", "tools", "lab")
 # Where a thread begins: an object that is given something to run. platform/ipc starts its own through `startThread`,
 # whose body is not a thread of its own.
 STARTS = re.compile(r"\bstd::j?thread\s*[({]\s*(?!std::move\b)[^\s)}]"
-                    r"|\bstd::j?thread\s+(?!startThread\b)\w+\s*[({]\s*[^\s)}]"
+                    r"|\bstd::j?thread\s+(?!startThread\b)\w+\s*[({]\s*(?!std::move\b)[^\s)}]"
                     r"|\bthread_\s*[({]\s*\[|\bthreads?_?\.emplace_back\(|\bstd::async\b|\bpthread_create\b"
                     r"|\bstartThread\(\s*\"")
 LOCK = re.compile(r"^\s*(?:static\s+|mutable\s+)*"

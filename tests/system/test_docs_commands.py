@@ -114,7 +114,7 @@ class CommandsTest(unittest.TestCase):
     def test_scripts_refuse_arguments_that_they_do_not_know(self):
         copy = Copy()
         self.addCleanup(copy.folder.cleanup)
-        for name in ("build", "demo", "format", "pictures", "setup", "sysroot", "test"):
+        for name in ("build", "demo", "format", "pictures", "setup", "sysroot", "test", "tidy"):
             with self.subTest(name):
                 status, said = copy.run(f"scripts/{name} --nothing")
                 self.assertEqual(status, 2, said)
@@ -134,6 +134,7 @@ class CommandsTest(unittest.TestCase):
                     self.assertIn("9 passed, 0 failed, 0 skipped", said)
                     for preset in ("release", "asan-ubsan", "tsan"):
                         self.assertIn(f"ctest --preset {preset} ", copy.calls())
+                    self.assertIn("ninja -C build/clang ", copy.calls())
 
 
 if __name__ == "__main__":

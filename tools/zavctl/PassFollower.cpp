@@ -3,7 +3,7 @@
 #include <algorithm>
 
 #include "Session.h"
-#include "propertyprotocol/Change.h"
+#include "propertyprotocol/Json.h"
 #include "propertyprotocol/Topics.h"
 
 namespace zavctl {

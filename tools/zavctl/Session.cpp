@@ -6,6 +6,7 @@
 #include "Failure.h"
 #include "Json.h"
 #include "propertyprotocol/Errors.h"
+#include "propertyprotocol/Json.h"
 #include "propertyprotocol/Limits.h"
 #include "propertyprotocol/Topics.h"
 
@@ -62,9 +63,10 @@ Json::Value Session::request(const std::string& topic, const Json::Value& conten
     }
     const std::string text = bus_->request(topic, payload, propertyprotocol::statusTopic, requestTimeout);
     Json::Value answer;
-    std::string error;
-    if (!parseJson(text, answer, error) || !answer.isObject()) {
-        throw Failure(ExitCode::failed, errors::badRequest, "the property service sent an invalid answer: " + error);
+    const auto error = propertyprotocol::parseJson(text, answer);
+    if (error || !answer.isObject()) {
+        throw Failure(ExitCode::failed, errors::badRequest,
+                      "the property service sent an invalid answer: " + (error ? error->text() : ""));
     }
     if (std::as_const(answer)["error"].isString()) throwFailure(answer);
     return answer;
@@ -78,7 +80,7 @@ std::vector<Json::Value> Session::requestAll(const std::string& topic, Json::Val
         const std::string next = textOf(page, "next");
         checkNext(next, textOf(content, "after"));
         content["after"] = next;
-    } while (content["after"] != "");
+    } while (!textOf(content, "after").empty());
     return all;
 }
 

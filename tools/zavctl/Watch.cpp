@@ -5,7 +5,7 @@
 #include "Session.h"
 #include "common/ThreadSafety.h"
 #include "debug/Debug.h"
-#include "propertyprotocol/Change.h"
+#include "propertyprotocol/Json.h"
 #include "propertyprotocol/Topics.h"
 
 namespace zavctl {

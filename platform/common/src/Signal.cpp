@@ -72,17 +72,8 @@ class ReceiverThread final : public SignalReceiver {
     // The thread begins with every signal blocked. One that is registered later would otherwise find it unblocked there
     // for a moment, and take its default action.
     void startThread() REQUIRES(mutex_) {
-        sigset_t all;
-        sigset_t before;
-        sigfillset(&all);
-        pthread_sigmask(SIG_SETMASK, &all, &before);
-        try {
-            thread_ = std::thread([this] { receive(); });
-        } catch (...) {
-            pthread_sigmask(SIG_SETMASK, &before, nullptr);
-            throw;
-        }
-        pthread_sigmask(SIG_SETMASK, &before, nullptr);
+        const AllBlocked blocked;
+        thread_ = std::thread([this] { receive(); });
     }
 
     void receive() {

@@ -5,16 +5,14 @@
 #include <algorithm>
 #include <array>
 #include <sstream>
+#include <utility>
 #include <vector>
 
 namespace zav {
 
 namespace {
 
-struct Suffix {
-    const char* coding;
-    const char* suffix;
-};
+using Suffix = std::pair<const char*, const char*>;  // of a coding
 
 constexpr std::array<Suffix, 10> suffixes{{
     {"gzip", ".gz"},
@@ -52,7 +50,7 @@ bool isAcceptedCoding(const std::string& codings, const std::string& fileName) {
     const std::vector<std::string> applied = appliedCodings(codings);
     if (applied.empty()) return true;
     return applied.size() == 1 && std::any_of(suffixes.begin(), suffixes.end(), [&](const Suffix& suffix) {
-               return strcasecmp(applied.front().c_str(), suffix.coding) == 0 && endsWith(fileName, suffix.suffix);
+               return strcasecmp(applied.front().c_str(), suffix.first) == 0 && endsWith(fileName, suffix.second);
            });
 }
 

@@ -2,6 +2,7 @@
 
 #include <poll.h>
 
+#include <new>
 #include <stdexcept>
 #include <utility>
 
@@ -13,6 +14,12 @@ namespace zav {
 
 namespace {
 
+// The index of our pointer in each context.
+int pointerIndex() {
+    static const int index = SSL_CTX_get_ex_new_index(0, nullptr, nullptr, nullptr, nullptr);
+    return index;
+}
+
 // Between a response and the next request, a socket is readable only if the server closed it or sent too much.
 bool isReadable(curl_socket_t socket) {
     pollfd watched{socket, POLLIN, 0};
@@ -20,6 +27,21 @@ bool isReadable(curl_socket_t socket) {
 }
 
 }  // namespace
+
+void CloseNotify::watch(SSL_CTX* context) {
+    // Without this option newer versions of libcurl report a cut themselves; 7.88 does not.
+    SSL_CTX_clear_options(context, SSL_OP_IGNORE_UNEXPECTED_EOF);
+    if (pointerIndex() < 0 || SSL_CTX_set_ex_data(context, pointerIndex(), this) != 1) throw std::bad_alloc();
+    SSL_CTX_set_info_callback(context, &CloseNotify::onEvent);
+}
+
+void CloseNotify::onEvent(const SSL* connection, int where, int value) {
+    constexpr int descriptionMask = 0xff;
+    auto* const self = static_cast<CloseNotify*>(SSL_CTX_get_ex_data(SSL_get_SSL_CTX(connection), pointerIndex()));
+    // A new connection may have the address of the closed one.
+    if (where == SSL_CB_HANDSHAKE_START && self->closed_ == connection) self->closed_ = nullptr;
+    if (where == SSL_CB_READ_ALERT && (value & descriptionMask) == SSL_AD_CLOSE_NOTIFY) self->closed_ = connection;
+}
 
 Curl::State::State(CurlSettings clientSettings)
     : settings(std::move(clientSettings)), stop(std::make_shared<common::StopSignal>()) {

@@ -2,11 +2,11 @@
 #pragma once
 
 #include <curl/curl.h>
+#include <openssl/ssl.h>
 
 #include <atomic>
 #include <memory>
 
-#include "CloseNotify.h"
 #include "common/ThreadSafety.h"
 #include "http/Curl.h"
 #include "security/DeviceIdentity.h"
@@ -14,11 +14,26 @@
 
 namespace zav {
 
+/// Tells whether a TLS server closed its connection (close_notify) or the connection was cut. libcurl takes both for
+/// the end of a body without a length, so that an attacker could truncate a file. Must outlive the connections it
+/// watches.
+class CloseNotify {
+ public:
+    /// Watches all connections of `context`. Throws std::bad_alloc.
+    void watch(SSL_CTX* context);
+
+    /// Whether the server sent close_notify on `connection`, which must be open or have been closed in this transfer.
+    bool wasReceivedOn(const SSL* connection) const { return connection != nullptr && closed_ == connection; }
+
+ private:
+    static void onEvent(const SSL* connection, int where, int value);
+
+    const SSL* closed_ = nullptr;  // the last one with a close_notify; may dangle, only compared
+};
+
 struct Curl::State {
     explicit State(CurlSettings clientSettings);
     ~State();
-    State(const State&) = delete;
-    State& operator=(const State&) = delete;
 
     /// The handle for a transfer that trusts `certificates` and presents `ownIdentity`, which may be null; null if out
     /// of memory. Its connection from the last transfer is reused, except after a change of either (it was made with

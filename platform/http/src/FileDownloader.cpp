@@ -14,7 +14,6 @@
 #include "PartialFile.h"
 #include "ResumePlan.h"
 #include "Transfer.h"
-#include "common/Release.h"
 #include "debug/Debug.h"
 #include "http/CurlTypes.h"
 #include "http/FormatUrl.h"
@@ -23,6 +22,9 @@
 namespace zav {
 
 namespace {
+
+// A system clock that shows an earlier date has not been set.
+constexpr std::chrono::system_clock::time_point releaseDate{std::chrono::seconds{1795305600}};  // 2026-11-22, UTC
 
 constexpr unsigned maxRedirects = 5;
 constexpr std::uint64_t firmwareReserve = 16 * mebibyte;  // left free on the file system
@@ -80,8 +82,7 @@ class Download {
     const Security& security_;
     const std::shared_ptr<propertyapi::IPropertyApi>& properties_;
     const UrlInfo& source_;
-    const FileLimit fixedLimit_;
-    const bool firmware_;  // interrupted transfers are retried
+    const FileLimit fixedLimit_;  // none for firmware, whose interrupted transfers are retried
 
     PartialFile file_;
     TransferContext context_;
@@ -99,9 +100,8 @@ Download::Download(Curl::State& client, const Security& security,
       properties_(properties),
       source_(source),
       fixedLimit_(limitOf(destination)),
-      firmware_(!fixedLimit_),
       file_(destination),
-      context_{file_, [this] { return limit(); }, source.fileName(), firmware_, client.settings.steadyNow()} {}
+      context_{file_, [this] { return limit(); }, source.fileName(), !fixedLimit_, client.settings.steadyNow()} {}
 
 std::uint64_t Download::limit() const {
     if (fixedLimit_) return *fixedLimit_;
@@ -123,7 +123,7 @@ int Download::run() {
 }
 
 bool Download::mayRetry(int result) const {
-    return firmware_ && started_ && (mismatch_ || ResumePlan::isRetryable(result)) &&
+    return !fixedLimit_ && started_ && (mismatch_ || ResumePlan::isRetryable(result)) &&
            context_.keepsPace(client_.settings.steadyNow(), 0);
 }
 
@@ -211,7 +211,7 @@ bool Download::addCredentials(Hop& hop, unsigned long offered) const {
 void Download::logUnsetClock(int result) const {
     if (result != CURLE_PEER_FAILED_VERIFICATION && result != CURLE_SSL_CONNECT_ERROR) return;
     const auto now = client_.settings.systemNow();
-    if (now >= common::releaseDate) return;
+    if (now >= releaseDate) return;
     dbg::Debug::warning() << "The clock is not set: it shows " << formatDate(now)
                           << ", so certificates are not valid yet" << std::endl;
 }

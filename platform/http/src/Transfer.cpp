@@ -4,7 +4,6 @@
 
 #include <algorithm>
 
-#include "ByteCount.h"
 #include "ContentCoding.h"
 #include "CurlPointers.h"
 #include "debug/Debug.h"

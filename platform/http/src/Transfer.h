@@ -8,6 +8,7 @@
 #include <cstdint>
 #include <exception>
 #include <functional>
+#include <limits>
 #include <memory>
 #include <optional>
 #include <string>
@@ -30,6 +31,14 @@ constexpr long httpRangeNotSatisfiable = 416;
 /// of a byte now and then, so all attempts of a download together must receive 1 KiB per second, not counting the first
 /// five minutes. Any line that a phone is used on is faster.
 bool keepsPace(std::chrono::steady_clock::duration elapsed, std::uint64_t bytes);
+
+/// `bytes` for a progress callback, whose `long` has 32 bits on some phones: counted from 0 again past the maximum of
+/// `Integer`. A callback takes an unchanged count for a stalled transfer, so the count must not stay at the maximum.
+template <typename Integer>
+Integer wrappedCount(std::int64_t bytes) {
+    constexpr auto maximum = static_cast<std::uint64_t>(std::numeric_limits<Integer>::max());
+    return static_cast<Integer>(static_cast<std::uint64_t>(bytes) & maximum);
+}
 
 /// Returns the size limit of the file in bytes. Called repeatedly, because the free space may change.
 using SizeLimit = std::function<std::uint64_t()>;

@@ -27,15 +27,14 @@
 #include <string>
 #include <thread>
 
-#include "Address.h"
 #include "BackOff.h"
-#include "ConnectionLoss.h"
 #include "Link.h"
-#include "Message.h"
+#include "Mqtt.h"
 #include "Outbox.h"
 #include "Subscriptions.h"
-#include "Waker.h"
+#include "System.h"
 #include "common/ThreadSafety.h"
+#include "ipc/Address.h"
 
 namespace ipc {
 
@@ -137,8 +136,8 @@ class Connection : private LinkListener {
     void beginSubscribing() REQUIRES(mutex_);
     void becomeReady() REQUIRES(mutex_);
     BackOff::Loss afterLoss(const std::string& numericAddress) REQUIRES(mutex_);
+    void logLoss(BackOff::Loss loss) REQUIRES(mutex_);
     bool suspectsTakeover(const std::string& numericAddress) REQUIRES(mutex_);
-    std::chrono::milliseconds held() const;
 
     // Inside Link::serve, on the network thread with mutex_ held.
     void acknowledged(int identifier, int reason) override;
@@ -169,9 +168,9 @@ class Connection : private LinkListener {
     Outbox outbox_ GUARDED_BY(mutex_);
 
     // The network thread's own.
-    ConnectionLoss log_;
+    std::string lastLoggedFailure_;
     Clock::time_point readyDeadline_;
-    Clock::time_point readySince_;
+    Clock::time_point readySince_;  // the latest time if the last connection never was
 
     std::thread thread_;
 };

@@ -1,6 +1,5 @@
 #include "catalogue/Catalogue.h"
 
-#include <json/reader.h>
 #include <json/value.h>
 #include <json/writer.h>
 
@@ -13,6 +12,7 @@
 #include <system_error>
 
 #include "debug/Debug.h"
+#include "propertyprotocol/Json.h"
 #include "propertyprotocol/Limits.h"
 #include "propertyprotocol/Utf8.h"
 
@@ -38,36 +38,15 @@ class Source {
     }
 
     Json::Value root() const {
-        Json::CharReaderBuilder builder;
-        Json::CharReaderBuilder::strictMode(&builder.settings_);
-        builder["stackLimit"] = propertyprotocol::maxNesting;
-        const std::unique_ptr<Json::CharReader> reader(builder.newCharReader());
         Json::Value root;
-        std::string errors;
-        try {
-            if (reader->parse(text_.data(), text_.data() + text_.size(), &root, &errors)) return root;
-        } catch (const Json::Exception&) {
-            throw CatalogueException(name_ + ": is nested too deeply");
-        }
-        throwSyntaxError(errors);
+        const auto error = propertyprotocol::parseJson(text_, root);
+        if (!error) return root;
+        if (error->nestedTooDeeply) throw CatalogueException(name_ + ": is nested too deeply");
+        throw CatalogueException(name_ + ":" + std::to_string(error->line) + ":" + std::to_string(error->column) +
+                                 ": " + error->reason);
     }
 
  private:
-    // The reader reports "* Line 3, Column 5\n  reason\n" for each error.
-    [[noreturn]] void throwSyntaxError(const std::string& errors) const {
-        int line = 1;
-        int column = 1;
-        std::istringstream position(errors);
-        std::string word;
-        char comma = 0;
-        position >> word >> word >> line >> comma >> word >> column;
-        const std::string::size_type start = errors.find('\n');
-        std::string reason = start == std::string::npos ? errors : errors.substr(start + 1);
-        reason = reason.substr(0, reason.find('\n'));
-        reason.erase(0, std::min(reason.find_first_not_of(' '), reason.size()));
-        throw CatalogueException(name_ + ":" + std::to_string(line) + ":" + std::to_string(column) + ": " + reason);
-    }
-
     const std::string& text_;
     const std::string& name_;
 };

@@ -6,7 +6,6 @@
 #include <utility>
 
 #include "debug/Debug.h"
-#include "propertyprotocol/Change.h"
 #include "propertyprotocol/Errors.h"
 #include "propertyprotocol/Json.h"
 #include "propertyprotocol/Topics.h"
@@ -128,7 +127,7 @@ void PropertyService::execute(const ipc::ServiceRequest& request, Messages& mess
 }
 
 std::string PropertyService::get(const std::string& payload) {
-    const GetRequest request = reader_.get(payload);
+    const GetRequest request = readGet(payload);
     const Property* const property = table_.find(request.param);
     if (property == nullptr) return errorAnswer(request.param, errors::notFound, noSuchKey);
     return valueAnswer(property->key, property->value);
@@ -156,7 +155,7 @@ void PropertyService::logRefusal(const Property& property, const std::string& va
 }
 
 std::string PropertyService::set(const std::string& payload, Messages& messages) {
-    SetRequest request = reader_.set(payload);
+    SetRequest request = readSet(payload);
     Property* const property = table_.find(request.param);
     if (const std::optional<Refusal> refusal = checkWrite(property, request.source, &request.value)) {
         if (property != nullptr) logRefusal(*property, request.value, request.source, *refusal);
@@ -167,7 +166,7 @@ std::string PropertyService::set(const std::string& payload, Messages& messages)
 }
 
 std::string PropertyService::import(const std::string& payload, Messages& messages) {
-    ImportRequest request = reader_.import(payload);
+    ImportRequest request = readImport(payload);
     std::vector<std::string> errors;
     std::set<std::string> seen;
     for (const ImportRequest::Write& entry : request.writes) {
@@ -235,7 +234,7 @@ std::string PropertyService::page(const char* name, const std::vector<Entry>& al
 
 std::string PropertyService::list(const std::string& payload) {
     const auto render = [](const auto& entry) { return valueAnswer(entry.key, entry.value); };
-    const ListRequest request = reader_.list(payload);
+    const ListRequest request = readList(payload);
     if (request.uncatalogued) return page("properties", table_.uncatalogued(), request, render);
     return page("properties", table_.all(), request, render);
 }
@@ -244,7 +243,7 @@ std::string PropertyService::describe(const std::string& payload) {
     const auto render = [](const Property& property) {
         return description(property.key, *property.definition, property.isVolatile);
     };
-    const DescribeRequest request = reader_.describe(payload);
+    const DescribeRequest request = readDescribe(payload);
     if (!request.param) return page("definitions", table_.all(), request.page, render);
     const Property* const property = table_.find(*request.param);
     if (property == nullptr) return errorAnswer(*request.param, errors::notFound, noSuchKey);

@@ -57,7 +57,6 @@ class PropertyService {
 
     IStore& store_;
     PropertyTable table_;
-    RequestReader reader_;
 
     // The current transaction: entries to store, and the values that `rollBack` restores.
     std::vector<IStore::Entry> writes_;

@@ -62,6 +62,7 @@ Database::Database(const std::string& path) : path_(path) {
     }
     file_ = idOf(path_, std::nullopt);
     log_ = idOf(path_ + "-wal", std::nullopt);
+    if (!file_ || !log_) throw StoreException(path_ + ": was deleted while it was opened");
 }
 
 Database::~Database() = default;

@@ -10,18 +10,11 @@
 
 namespace propertyservice {
 
-namespace {
-
-int openFile(const std::string& path) {
-    const int file = ::open(path.c_str(), O_RDONLY | O_CLOEXEC);
-    if (file < 0) throw std::system_error(errno, std::generic_category(), "cannot open " + path);
-    return file;
-}
-
-}  // namespace
-
 LogSync::LogSync(const std::string& path, std::chrono::milliseconds delay)
-    : path_(path), file_(openFile(path)), delay_(delay), thread_([this] { run(); }) {}
+    : path_(path), file_(::open(path.c_str(), O_RDONLY | O_CLOEXEC)), delay_(delay) {
+    if (file_.get() < 0) throw std::system_error(errno, std::generic_category(), "cannot open " + path);
+    thread_ = std::thread([this] { run(); });
+}
 
 LogSync::~LogSync() {
     {
@@ -30,7 +23,6 @@ LogSync::~LogSync() {
     }
     changed_.notifyAll();
     thread_.join();
-    ::close(file_);
 }
 
 void LogSync::written() {
@@ -55,7 +47,7 @@ void LogSync::run() {
         if (changed_.waitFor(mutex_, delay_, [this]() REQUIRES(mutex_) { return stopping_; })) return;
         dirty_ = false;  // a write during the sync needs another one
         lock.unlock();
-        const bool synced = ::fdatasync(file_) == 0;
+        const bool synced = ::fdatasync(file_.get()) == 0;
         const std::error_code error(errno, std::generic_category());
         if (!synced && !failed) {
             dbg::Debug::error() << "Cannot sync " << path_ << " to the disk: " << error.message()

@@ -5,6 +5,7 @@
 #include <string>
 #include <thread>
 
+#include "common/Descriptor.h"
 #include "common/ThreadSafety.h"
 
 namespace propertyservice {
@@ -28,7 +29,7 @@ class LogSync {
     void run();
 
     const std::string path_;
-    const int file_;
+    const common::Descriptor file_;
     const std::chrono::milliseconds delay_;
 
     mutable common::Mutex mutex_;

@@ -12,6 +12,7 @@
 #include <filesystem>
 #include <system_error>
 
+#include "common/Descriptor.h"
 #include "store/Database.h"
 
 namespace propertyservice {
@@ -28,10 +29,8 @@ constexpr int maxVersionsAhead = 16;
 constexpr off_t firstLockByte = 0x40000000;
 constexpr off_t lockBytes = 512;
 
-std::string reasonOf(int error) { return std::generic_category().message(error); }
-
 [[noreturn]] void fail(const std::string& path, const std::string& what, int error) {
-    const std::string text = path + ": " + what + ": " + reasonOf(error);
+    const std::string text = path + ": " + what + ": " + common::reasonOf(error);
     if (error == EROFS || error == ENOSPC || error == EDQUOT || error == EIO) throw UnwritableStore(text);
     throw StoreException(text);
 }
@@ -70,22 +69,20 @@ void createIfMissing(const std::string& path) {
         if (error) fail(path, "its folder cannot be created", error.value());
     }
     // Only the owner may read it: settings include credentials. SQLite gives the log the same mode.
-    const int file = ::open(path.c_str(), O_RDWR | O_CREAT | O_CLOEXEC, 0600);
-    if (file < 0) fail(path, "cannot be opened for writing", errno);
+    const common::Descriptor file(::open(path.c_str(), O_RDWR | O_CREAT | O_CLOEXEC, 0600));
+    if (file.get() < 0) fail(path, "cannot be opened for writing", errno);
     struct stat status {};
-    const bool regular = ::fstat(file, &status) == 0 && S_ISREG(status.st_mode);
-    ::close(file);
+    const bool regular = ::fstat(file.get(), &status) == 0 && S_ISREG(status.st_mode);
     if (!regular) throw StoreException(path + ": is not a regular file");
 }
 
 void checkHeader(const std::string& path) {
     std::array<unsigned char, 100> header{};
-    const int file = ::open(path.c_str(), O_RDONLY | O_CLOEXEC);
-    if (file < 0) fail(path, "cannot be read", errno);
-    const ssize_t length = ::pread(file, header.data(), header.size(), 0);
-    const int error = errno;
-    ::close(file);  // before SQLite opens the file: a later close would drop SQLite's locks
-    if (length < 0) fail(path, "cannot be read", error);
+    common::Descriptor file(::open(path.c_str(), O_RDONLY | O_CLOEXEC));
+    if (file.get() < 0) fail(path, "cannot be read", errno);
+    const ssize_t length = ::pread(file.get(), header.data(), header.size(), 0);
+    if (length < 0) fail(path, "cannot be read", errno);
+    file.close();  // before SQLite opens the file: a later close would drop SQLite's locks
     // Only a property store has backups.
     const bool hasBackups = !backupsOf(path).empty();
     if (length == 0) {
@@ -119,16 +116,13 @@ void checkHeader(const std::string& path) {
 }
 
 bool isInUse(const std::string& path) {
-    const int file = ::open(path.c_str(), O_RDWR | O_CLOEXEC);
-    if (file < 0) return false;
+    const common::Descriptor file(::open(path.c_str(), O_RDWR | O_CLOEXEC));
     struct flock lock {};
     lock.l_type = F_WRLCK;
     lock.l_whence = SEEK_SET;
     lock.l_start = firstLockByte;
     lock.l_len = lockBytes;
-    const bool known = ::fcntl(file, F_GETLK, &lock) == 0;
-    ::close(file);
-    return known && lock.l_type != F_UNLCK;
+    return ::fcntl(file.get(), F_GETLK, &lock) == 0 && lock.l_type != F_UNLCK;
 }
 
 std::string newerVersionError(int format) {
@@ -145,20 +139,13 @@ std::string resolveLinks(std::string path) {
 }
 
 void syncFile(const std::string& path) {
-    const int file = ::open(path.c_str(), O_RDONLY | O_CLOEXEC);
-    if (file < 0 || ::fsync(file) != 0) {
-        const int error = errno;
-        if (file >= 0) ::close(file);
-        fail(path, "cannot be synced", error);
-    }
-    ::close(file);
+    const common::Descriptor file(::open(path.c_str(), O_RDONLY | O_CLOEXEC));
+    if (file.get() < 0 || ::fsync(file.get()) != 0) fail(path, "cannot be synced", errno);
 }
 
 void syncFolder(const std::string& path) {
-    const int file = ::open(folderOf(path).c_str(), O_RDONLY | O_DIRECTORY | O_CLOEXEC);
-    if (file < 0) return;
-    ::fsync(file);
-    ::close(file);
+    const common::Descriptor folder(::open(folderOf(path).c_str(), O_RDONLY | O_DIRECTORY | O_CLOEXEC));
+    if (folder.get() >= 0) ::fsync(folder.get());
 }
 
 void copyFile(const std::string& from, const std::string& to) {

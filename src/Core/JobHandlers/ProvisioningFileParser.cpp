@@ -135,9 +135,9 @@ bool ProvisioningFileParser::verifyProduct(const Attributes& root) const {
         dbg::Debug::error() << "Product ID is not specified in xml" << std::endl;
         return false;
     }
-    if (product->second != GlobalConfig::productIdentifier()) {
-        dbg::Debug::warning() << "Incorrect product ID "
-                              << quote(product->second, GlobalConfig::productIdentifier(), "=") << std::endl;
+    if (product->second != GlobalConfig::productIdentifier) {
+        dbg::Debug::warning() << "Incorrect product ID " << quote(product->second, GlobalConfig::productIdentifier, "=")
+                              << std::endl;
         return false;
     }
     return true;
@@ -162,7 +162,7 @@ bool ProvisioningFileParser::verifyVersion(const Attributes& root) const {
         return false;
     }
     // Compared as strings: "1.05" is in range, "1.1.0" is not.
-    if (version->second < oldestFormatVersion || version->second > GlobalConfig::fileFormatVersion()) {
+    if (version->second < oldestFormatVersion || version->second > GlobalConfig::fileFormatVersion) {
         dbg::Debug::warning() << "Incorrect file format version, provisioning not supported" << std::endl;
         return false;
     }

@@ -20,12 +20,8 @@ class DeferredWrites {
     using Write = std::function<void()>;
     enum class Kind { unlock, result };
 
-    DeferredWrites() = default;
-
     /// Tries the pending writes once more, so that a shutdown during a pass still unlocks the screen.
     ~DeferredWrites();
-    DeferredWrites(const DeferredWrites&) = delete;
-    DeferredWrites& operator=(const DeferredWrites&) = delete;
 
     /// Executes the write, or keeps it for later if the service is away or earlier writes are pending. Blocks for the
     /// property calls of the write. Throws what a refused write throws (a retry would be refused too), and

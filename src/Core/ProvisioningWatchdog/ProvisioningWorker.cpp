@@ -14,7 +14,7 @@
 #include "http/CurlTypes.h"
 #include "http/FileDownloader.h"
 #include "http/FormatUrl.h"
-#include "propertyapi/PatientCalls.h"
+#include "propertyapi/RecoveryScope.h"
 #include "version/FirmwareVersionConsts.h"
 #include "xml/XMLParser.h"
 
@@ -143,22 +143,13 @@ void ProvisioningWorker::startThread(const UrlInfo& url, const Completion& compl
 }
 
 void ProvisioningWorker::waitForProgress() {
-    if (isProvisioningFinished()) return;
-    // After an invalid URL `finished_` is false, but no pass runs.
-    if (!beginToWait()) return;
+    {
+        const common::LockGuard lock(stateMutex_);
+        // After an invalid URL `finished_` is false, but no pass runs.
+        if (finished_ || !passRunning_) return;
+        ++progressWaiters_;
+    }
     progressReporter_.waitForProgress();
-    endWaiting();
-}
-
-// False if no pass runs.
-bool ProvisioningWorker::beginToWait() {
-    const common::LockGuard lock(stateMutex_);
-    if (passRunning_) ++progressWaiters_;
-    return passRunning_;
-}
-
-// A signal wakes one waiter only, so once the pass is over each waiter wakes the next.
-void ProvisioningWorker::endWaiting() {
     bool othersWaitInVain = false;
     {
         const common::LockGuard lock(stateMutex_);
@@ -166,27 +157,27 @@ void ProvisioningWorker::endWaiting() {
         othersWaitInVain = !passRunning_ && progressWaiters_ > 0;
     }
     stateChanged_.notifyAll();
+    // A signal wakes one waiter only, so once the pass is over each waiter wakes the next.
     if (othersWaitInVain) progressReporter_.notifyProgress();
-}
-
-bool ProvisioningWorker::isPassRunning() {
-    const common::LockGuard lock(stateMutex_);
-    return passRunning_;
 }
 
 bool ProvisioningWorker::isProvisioningFinished() { return finished_; }
 
 // `finished_` is set shortly before the status is known: wait for it.
 std::string ProvisioningWorker::getProvisioningStatus() {
-    if (isProvisioningFinished() && isPassRunning()) return statusReporter_.waitForProvisioningStatus(statusWait);
-    return statusReporter_.getProvisioningStatus();
+    bool isEnding = false;
+    {
+        const common::LockGuard lock(stateMutex_);
+        isEnding = finished_ && passRunning_;
+    }
+    return isEnding ? statusReporter_.waitForProvisioningStatus(statusWait) : statusReporter_.getProvisioningStatus();
 }
 
 void ProvisioningWorker::provisioningThreadMain(const UrlInfo& url, const Completion& completion) {
     const AtScopeExit ended([this] { passEnded(); });
     const Pass pass(outer_, stop_);
-    const propertyapi::PatientCalls patience;  // no setting is lost if the property service restarts
-    endWrites_.cancel();                       // only a pass that starts makes the pending unlock stale
+    const propertyapi::RecoveryScope recovery;  // no setting is lost if the property service restarts
+    endWrites_.cancel();                        // only a pass that starts makes the pending unlock stale
     guarded("start the pass", [this] { startAction(); });
     if (outer_ == nullptr) security_.reloadDeviceIdentity();
     const AtScopeExit end([&] { endAction(completion); });

@@ -39,8 +39,6 @@ class ProvisioningWorker : public IProvisioningWorker {
 
     /// Waits for the running pass.
     ~ProvisioningWorker() override;
-    ProvisioningWorker(const ProvisioningWorker&) = delete;
-    ProvisioningWorker& operator=(const ProvisioningWorker&) = delete;
 
     void startProvisioning(std::string url) override;
     void waitForProgress() override;
@@ -54,9 +52,6 @@ class ProvisioningWorker : public IProvisioningWorker {
  private:
     using Completion = std::function<void()>;  // null: nothing to publish
 
-    bool isPassRunning();
-    bool beginToWait();
-    void endWaiting();
     bool waitForPreviousPass() REQUIRES(startMutex_);
     void startThread(const UrlInfo& url, const Completion& completion) REQUIRES(startMutex_);
     void provisioningThreadMain(const UrlInfo& url, const Completion& completion);

@@ -30,8 +30,6 @@ class Curl {
     /// Throws std::runtime_error if libcurl cannot be initialised.
     explicit Curl(CurlSettings settings = {});
     virtual ~Curl();
-    Curl(const Curl&) = delete;
-    Curl& operator=(const Curl&) = delete;
 
     /// The HTTP status of the last transfer; 0 if there was no response.
     virtual long getHttpCode() const;

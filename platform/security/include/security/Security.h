@@ -18,8 +18,6 @@ class Security {
  public:
     explicit Security(const std::shared_ptr<propertyapi::IPropertyApi>& properties);
     virtual ~Security();
-    Security(const Security&) = delete;
-    Security& operator=(const Security&) = delete;
 
     /// Reads the bundles again. Errors in a bundle are logged and the certificates that can be read are used. Does not
     /// throw.

@@ -4,7 +4,6 @@
 #include <cstdint>
 #include <limits>
 
-#include "ByteCount.h"
 #include "ContentCoding.h"
 #include "Credentials.h"
 #include "FileVersion.h"

@@ -9,15 +9,18 @@
 
 namespace propertyapi {
 
-class PatientCalls {
+class RecoveryScope {
  public:
-    PatientCalls();
-    PatientCalls(const PatientCalls&) = delete;
-    PatientCalls& operator=(const PatientCalls&) = delete;
-    ~PatientCalls();
+    RecoveryScope() { ++nested_; }
+    RecoveryScope(const RecoveryScope&) = delete;
+    RecoveryScope& operator=(const RecoveryScope&) = delete;
+    ~RecoveryScope() { --nested_; }
 
     /// Whether such an object exists on the calling thread.
-    static bool onThisThread();
+    static bool onThisThread() { return nested_ > 0; }
+
+ private:
+    inline static thread_local unsigned nested_ = 0;
 };
 
 }  // namespace propertyapi
