@@ -117,10 +117,15 @@ class Platform(Installed):
     def test_every_header_compiles_by_itself(self):
         headers = sorted((self.prefix / "include" / "zav").rglob("*.h"))
         self.assertTrue(headers)
+        modules = next(self.prefix.rglob("zav-http.pc")).parent
         for header in headers:
             with self.subTest(header.name):
-                self.assertEqual(run("g++", "-std=c++17", "-fsyntax-only", "-x", "c++", "-I",
-                                     f"{self.prefix}/include/zav", "-include", str(header), "/dev/null"), (0, ""))
+                library = {"debug": "dbg"}.get(header.parent.name, header.parent.name)
+                status, flags = run("pkg-config", "--cflags", f"zav-{library}",
+                                    environment={"PKG_CONFIG_PATH": str(modules)})
+                self.assertEqual(status, 0, flags)
+                self.assertEqual(run("g++", "-std=c++17", "-fsyntax-only", "-x", "c++", *shlex.split(flags),
+                                     "-include", str(header), "/dev/null"), (0, ""))
 
     def test_a_library_asks_only_for_what_it_needs(self):
         status, said, _ = self.configure("REQUIRED COMPONENTS version")
