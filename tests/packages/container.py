@@ -75,7 +75,7 @@ def tree():
     if path.exists():
         return path
     CACHE.mkdir(parents=True, exist_ok=True)
-    for old in CACHE.glob("tree-*"):
+    for old in [*CACHE.glob("tree-*"), *CACHE.glob("unfinished-*")]:
         shutil.rmtree(old)
     print("Making the container's tree, once ...", flush=True)
     made = pathlib.Path(tempfile.mkdtemp(prefix="unfinished-", dir=CACHE))
