@@ -6,7 +6,6 @@
 #include <cerrno>
 #include <cstddef>
 #include <cstdlib>
-#include <system_error>
 
 #include "debug/Debug.h"
 
@@ -40,7 +39,7 @@ void SystemdNotifier::connect(const std::string& address) {
     if (address[0] == '@') address_.sun_path[0] = '\0';
     addressLength_ = static_cast<socklen_t>(offsetof(sockaddr_un, sun_path) + address.size());
     socket_.reset(::socket(AF_UNIX, SOCK_DGRAM | SOCK_CLOEXEC | SOCK_NONBLOCK, 0));
-    if (socket_.get() < 0) fail(std::generic_category().message(errno));
+    if (socket_.get() < 0) fail(common::reasonOf(errno));
 }
 
 void SystemdNotifier::readWatchdog() {
@@ -56,6 +55,7 @@ void SystemdNotifier::readWatchdog() {
 }
 
 void SystemdNotifier::alive() {
+    if (owesReady_) ready();
     if (pause_.count() == 0) return;
     const auto now = Clock::now().time_since_epoch();
     if (now < nextAlive_.load(std::memory_order_relaxed)) return;
@@ -63,12 +63,15 @@ void SystemdNotifier::alive() {
     send("WATCHDOG=1");
 }
 
-void SystemdNotifier::send(const std::string& state) {
-    if (socket_.get() < 0) return;
+// Returns false if the message was not sent.
+bool SystemdNotifier::send(const std::string& state) {
+    if (socket_.get() < 0) return true;  // there is nobody to send it to, or that was logged
     const auto* const address = reinterpret_cast<const sockaddr*>(&address_);
-    if (::sendto(socket_.get(), state.data(), state.size(), MSG_NOSIGNAL, address, addressLength_) < 0) {
-        fail(std::generic_category().message(errno));
+    if (::sendto(socket_.get(), state.data(), state.size(), MSG_NOSIGNAL, address, addressLength_) >= 0) {
+        return true;
     }
+    fail(common::reasonOf(errno));
+    return false;
 }
 
 void SystemdNotifier::fail(const std::string& reason) {

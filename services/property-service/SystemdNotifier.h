@@ -17,15 +17,17 @@ namespace propertyservice {
 
 class SystemdNotifier {
  public:
-    /// The longest time between two calls of `alive`: WatchdogSec= must be longer.
+    /// The shortest WatchdogSec= without a warning. `alive` is called at least every 40 s, and up to a tenth of the
+    /// watchdog's time passes before it sends.
     static constexpr std::chrono::seconds leastWatchdog{60};
 
     /// Reads NOTIFY_SOCKET, WATCHDOG_USEC and WATCHDOG_PID.
     SystemdNotifier();
 
-    void ready() { send("READY=1"); }
+    /// If it cannot be sent, `alive` sends it later.
+    void ready() { owesReady_ = !send("READY=1"); }
     void stopping() { send("STOPPING=1"); }
-    /// To be called by the thread that answers requests. Sends at most ten messages in the watchdog's time.
+    /// Called by the thread that answers requests. Sends at most ten messages in the watchdog's time.
     void alive();
 
  private:
@@ -33,7 +35,7 @@ class SystemdNotifier {
 
     void connect(const std::string& address);
     void readWatchdog();
-    void send(const std::string& state);
+    bool send(const std::string& state);
     void fail(const std::string& reason);
 
     common::Descriptor socket_;
@@ -41,6 +43,7 @@ class SystemdNotifier {
     socklen_t addressLength_ = 0;
     std::chrono::microseconds pause_{0};  // between two messages of `alive`; 0: no watchdog
     std::atomic<Clock::duration> nextAlive_{Clock::duration::min()};
+    std::atomic<bool> owesReady_{false};
     std::atomic<bool> failed_{false};
 };
 

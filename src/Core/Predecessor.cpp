@@ -7,11 +7,11 @@
 #include <cerrno>
 #include <filesystem>
 #include <string>
-#include <system_error>
 #include <vector>
 
 #include "Core/Constants.h"
 #include "Core/Utils.h"
+#include "common/Descriptor.h"
 #include "debug/Debug.h"
 #include "http/PartialDownloads.h"
 
@@ -27,7 +27,7 @@ DaemonLock::State lock(common::Descriptor& file) {
     file.reset(::open(lockFile, O_RDWR | O_CREAT | O_CLOEXEC | O_NOFOLLOW, 0600));
     if (file.get() >= 0 && ::flock(file.get(), LOCK_EX | LOCK_NB) == 0) return DaemonLock::State::held;
     if (file.get() >= 0 && errno == EWOULDBLOCK) return DaemonLock::State::heldByAnother;
-    dbg::Debug::warning() << "Cannot lock " << lockFile << ": " << std::generic_category().message(errno)
+    dbg::Debug::warning() << "Cannot lock " << lockFile << ": " << common::reasonOf(errno)
                           << "; a second zavd would not be detected" << std::endl;
     return DaemonLock::State::unavailable;
 }

@@ -27,15 +27,23 @@ constexpr std::array<Suffix, 10> suffixes{{
     {"bzip2", ".tbz2"},
 }};
 
-// The codings that change the body, without the "x-" of their old names.
+bool isSame(const std::string& coding, const std::string& name) {
+    return strcasecmp(coding.c_str(), name.c_str()) == 0;
+}
+
+// Some codings have an old name, too.
+bool isNamed(const std::string& coding, const std::string& name) {
+    return isSame(coding, name) || (name != "br" && name != "zstd" && isSame(coding, "x-" + name));
+}
+
+// The codings that change the body.
 std::vector<std::string> appliedCodings(const std::string& codings) {
     std::vector<std::string> applied;
     std::string coding;
     for (std::istringstream list(codings); std::getline(list, coding, ',');) {
         coding.erase(0, coding.find_first_not_of(" \t"));
         coding.erase(coding.find_last_not_of(" \t") + 1);
-        if (coding.empty() || strcasecmp(coding.c_str(), "identity") == 0) continue;
-        applied.push_back(strncasecmp(coding.c_str(), "x-", 2) == 0 ? coding.substr(2) : coding);
+        if (!coding.empty() && !isSame(coding, "identity")) applied.push_back(coding);
     }
     return applied;
 }
@@ -50,7 +58,7 @@ bool isAcceptedCoding(const std::string& codings, const std::string& fileName) {
     const std::vector<std::string> applied = appliedCodings(codings);
     if (applied.empty()) return true;
     return applied.size() == 1 && std::any_of(suffixes.begin(), suffixes.end(), [&](const Suffix& suffix) {
-               return strcasecmp(applied.front().c_str(), suffix.first) == 0 && endsWith(fileName, suffix.second);
+               return isNamed(applied.front(), suffix.first) && endsWith(fileName, suffix.second);
            });
 }
 

@@ -29,16 +29,16 @@ bool isSameServer(const UrlInfo& a, const UrlInfo& b) {
     return strcasecmp(a.host().c_str(), b.host().c_str()) == 0 && effectivePort(a) == effectivePort(b);
 }
 
-bool isConfiguredServer(const UrlInfo& url, const std::shared_ptr<propertyapi::IPropertyApi>& properties) {
+std::optional<UrlInfo> configuredServer(const std::shared_ptr<propertyapi::IPropertyApi>& properties) {
     try {
         const std::string server = properties->get(serverKey);
-        return !server.empty() && isSameServer(url, UrlInfo(formatUrl(server, properties)));
+        if (!server.empty()) return UrlInfo(formatUrl(server, properties));
     } catch (const UrlException&) {
         dbg::Debug::warning() << "Device certificate not used: " << serverKey << " is not a URL" << std::endl;
     } catch (const propertyapi::PropertyException& exception) {
         dbg::Debug::warning() << "Device certificate not used: " << exception.what() << std::endl;
     }
-    return false;
+    return std::nullopt;
 }
 
 std::optional<ConfiguredCredentials> configuredCredentials(

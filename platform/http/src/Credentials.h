@@ -18,9 +18,9 @@ struct Credentials {
 /// Whether both URLs have the same host and port; a missing port is the default of the scheme.
 bool isSameServer(const UrlInfo& a, const UrlInfo& b);
 
-/// Whether `url` is on the host and port of the configured provisioning server. False, after logging it, if the
-/// property cannot be read or is not a URL. Blocks on property reads.
-bool isConfiguredServer(const UrlInfo& url, const std::shared_ptr<propertyapi::IPropertyApi>& properties);
+/// The configured provisioning server, to which the device certificate is presented. Returns nothing if none is
+/// configured, and after logging it, if the property cannot be read or is not a URL. Blocks on property reads.
+std::optional<UrlInfo> configuredServer(const std::shared_ptr<propertyapi::IPropertyApi>& properties);
 
 /// The configured credentials and the server they are for.
 struct ConfiguredCredentials {

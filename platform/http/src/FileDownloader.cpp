@@ -71,7 +71,7 @@ class Download {
     bool mayRetry(int result) const;
     bool waitForRetry(std::chrono::seconds pause);
     std::uint64_t limit() const;
-    std::shared_ptr<const DeviceIdentity> identityFor(const UrlInfo& url) const;
+    std::shared_ptr<const DeviceIdentity> identityFor(const UrlInfo& url);
     void follow(Hop& hop, const UrlInfo& next) const;
     bool addCredentials(Hop& hop, unsigned long offered) const;
     void logUnsetClock(int result) const;
@@ -90,6 +90,8 @@ class Download {
     bool started_ = false;     // there was a response with the file
     bool mismatch_ = false;    // the last response did not continue the file
     ResumePoint resumePoint_;  // of the bytes in the file
+    bool serverRead_ = false;
+    std::optional<UrlInfo> configuredServer_;
 };
 
 Download::Download(Curl::State& client, const Security& security,
@@ -168,10 +170,14 @@ int Download::attempt() {
     }
 }
 
-// Only the configured server learns who the phone is.
-std::shared_ptr<const DeviceIdentity> Download::identityFor(const UrlInfo& url) const {
+// Only the configured server learns who the phone is. Its URL is read once, so that an outage between two attempts does
+// not turn a resumable download into one without the certificate.
+std::shared_ptr<const DeviceIdentity> Download::identityFor(const UrlInfo& url) {
     auto identity = url.scheme() == "https" ? security_.deviceIdentity() : nullptr;
-    return identity != nullptr && isConfiguredServer(url, properties_) ? identity : nullptr;
+    if (identity == nullptr) return nullptr;
+    if (!serverRead_) configuredServer_ = configuredServer(properties_);
+    serverRead_ = true;
+    return configuredServer_ && isSameServer(url, *configuredServer_) ? identity : nullptr;
 }
 
 // libcurl does not follow the redirects, so that each URL is checked, and credentials are not sent to another server.

@@ -14,19 +14,26 @@ namespace {
 
 namespace fs = std::filesystem;
 
-// Folders that cannot be read are skipped.
-std::vector<fs::path> partialFilesIn(const DownloadFolder& folder) {
-    std::vector<fs::path> found;
+// Adds the partial files in a folder and, if wanted, in its subfolders. What cannot be read is skipped.
+void findPartialFiles(const fs::path& folder, bool withSubfolders, std::vector<fs::path>& found) {
     std::error_code error;
-    const fs::path path(folder.path);
-    if (!fs::is_directory(fs::symlink_status(path.parent_path(), error))) return found;
-    for (fs::recursive_directory_iterator each(path, fs::directory_options::skip_permission_denied, error), end;
-         !error && each != end; each.increment(error)) {
-        if (!folder.hasSubfolders) each.disable_recursion_pending();
-        if (PartialFile::isPartialName(each->path().filename()) && fs::is_regular_file(each->symlink_status(error))) {
+    std::vector<fs::path> subfolders;
+    for (fs::directory_iterator each(folder, error), end; !error && each != end; each.increment(error)) {
+        std::error_code unreadable;
+        const fs::file_status status = each->symlink_status(unreadable);
+        if (fs::is_directory(status) && withSubfolders) subfolders.push_back(each->path());
+        if (fs::is_regular_file(status) && PartialFile::isPartialName(each->path().filename())) {
             found.push_back(each->path());
         }
     }
+    for (const fs::path& subfolder : subfolders) findPartialFiles(subfolder, withSubfolders, found);
+}
+
+std::vector<fs::path> partialFilesIn(const DownloadFolder& folder) {
+    std::vector<fs::path> found;
+    std::error_code error;
+    const fs::path path = fs::path(folder.path).parent_path();  // without the "/" at its end
+    if (fs::is_directory(fs::symlink_status(path, error))) findPartialFiles(path, folder.hasSubfolders, found);
     return found;
 }
 
@@ -39,7 +46,7 @@ void removePartialDownloads() noexcept {
                 std::error_code error;
                 if (fs::remove(path, error)) {
                     dbg::Debug::info() << "Removed the half-downloaded file " << path.native() << std::endl;
-                } else {
+                } else if (error) {
                     dbg::Debug::warning() << "Cannot remove the half-downloaded file " << path.native() << ": "
                                           << error.message() << std::endl;
                 }

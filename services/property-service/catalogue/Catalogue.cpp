@@ -9,8 +9,8 @@
 #include <fstream>
 #include <optional>
 #include <sstream>
-#include <system_error>
 
+#include "common/Descriptor.h"
 #include "debug/Debug.h"
 #include "propertyprotocol/Json.h"
 #include "propertyprotocol/Limits.h"
@@ -194,7 +194,7 @@ std::vector<std::string> expandKeyPattern(const std::string& pattern) {
 Catalogue Catalogue::load(const std::string& path) {
     std::ifstream file(path, std::ios::binary);
     if (!file) {
-        throw CatalogueException(path + ": cannot be opened: " + std::generic_category().message(errno));
+        throw CatalogueException(path + ": cannot be opened: " + common::reasonOf(errno));
     }
     std::string text(maxFileBytes + 1, '\0');
     file.read(text.data(), static_cast<std::streamsize>(text.size()));

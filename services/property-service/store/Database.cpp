@@ -39,6 +39,26 @@ void bind(sqlite3_stmt* statement, int index, const std::string& text) {
     sqlite3_bind_text(statement, index, text.data(), static_cast<int>(text.size()), SQLITE_STATIC);
 }
 
+// Whether the header of a log has the checksum that it contains. The magic number at its start tells the checksum's
+// byte order.
+bool isIntact(const std::string& header) {
+    const auto number = [&header](std::size_t at, bool bigEndian) {
+        std::uint32_t value = 0;
+        for (std::size_t index = 0; index < 4; ++index) {
+            value = value << 8U | static_cast<unsigned char>(header[at + (bigEndian ? index : 3 - index)]);
+        }
+        return value;
+    };
+    const bool bigEndian = (number(0, true) & 1U) != 0;
+    std::uint32_t first = 0;
+    std::uint32_t second = 0;
+    for (std::size_t at = 0; at < 24; at += 8) {
+        first += number(at, bigEndian) + second;
+        second += number(at + 4, bigEndian) + first;
+    }
+    return first == number(24, true) && second == number(28, true);
+}
+
 }  // namespace
 
 void Database::Close::operator()(sqlite3* database) const { sqlite3_close(database); }
@@ -92,6 +112,9 @@ void Database::prepareFormat() {
     execute("BEGIN EXCLUSIVE");
     const int found = numberOf("PRAGMA user_version");
     if (found > version) throw StoreException(path_ + ": " + newerVersionError(found));
+    execute("COMMIT");
+    lostCommits_ = countLostCommits();  // before anything is written to the log
+    execute("BEGIN EXCLUSIVE");
     sqlite3_db_config(database_.get(), SQLITE_DBCONFIG_NO_CKPT_ON_CLOSE, 0, nullptr);
     if (found == 0) {
         execute(
@@ -105,7 +128,6 @@ void Database::prepareFormat() {
     }
     if (found != version) execute(("PRAGMA user_version = " + std::to_string(version)).c_str());
     execute("COMMIT");
-    lostCommits_ = countLostCommits();
     // Moves what an earlier run left in the log into the file, and syncs it.
     execute("PRAGMA wal_checkpoint(TRUNCATE)");
     if (found == 0) syncFolder(path_);
@@ -141,15 +163,24 @@ std::size_t Database::countLostCommits() {
     sqlite3_wal_checkpoint_v2(database_.get(), nullptr, SQLITE_CHECKPOINT_PASSIVE, &intact, nullptr);
     std::ifstream log(path_ + "-wal", std::ios::binary);
     if (intact < 0 || !log.read(header.data(), 32)) return 0;
+    // A frame with another salt is left from before the log was last restarted.
+    std::string salt = header.substr(16, 8);
+    bool isBehindDamage = !isIntact(header);  // then SQLite has ignored the log
+    if (isBehindDamage && log.read(frame.data(), 24)) {
+        salt = frame.substr(8, 8);
+        log.seekg(-24, std::ios::cur);
+    }
+    bool hasFramesBehind = false;
     std::size_t lost = 0;
     log.seekg(intact * (pageSize + 24), std::ios::cur);
     for (; log.read(frame.data(), 24); log.seekg(pageSize, std::ios::cur)) {
-        // A frame with another salt is left from before the log was last restarted.
-        const bool isOfThisLog = frame.compare(8, 8, header, 16, 8) == 0;
+        const bool isOfThisLog = frame.compare(8, 8, salt) == 0;
         const bool isCommit = frame.compare(4, 4, std::string(4, '\0')) != 0;
         if (isOfThisLog && isCommit) ++lost;
+        hasFramesBehind = hasFramesBehind || (isBehindDamage && isOfThisLog);
+        isBehindDamage = true;
     }
-    return lost > 1 ? lost : 0;
+    return hasFramesBehind ? lost : 0;
 }
 
 std::vector<IStore::Entry> Database::load() {

@@ -58,8 +58,8 @@ class Database {
     const FileId& file() const { return file_; }
     const FileId& log() const { return log_; }
 
-    /// The number of commits that opening the file has lost behind a corrupt frame of its log. 0 if at most the last
-    /// commit is corrupt, as after a kill.
+    /// The number of commits that opening the file has lost in a damaged log. 0 if nothing of this log stands behind
+    /// the damage, as after a kill.
     std::size_t lostCommits() const { return lostCommits_; }
 
     /// How often the log was synced to the disk.

@@ -8,7 +8,6 @@
 #include <cerrno>
 #include <chrono>
 #include <cstdio>
-#include <system_error>
 
 #include "Core/Constants.h"
 #include "Core/GlobalConfig.h"
@@ -41,7 +40,7 @@ std::string keyFileError() {
     const common::Descriptor key(::open(keyFile, O_RDONLY | O_CLOEXEC));
     char first = 0;
     if (key.get() >= 0 && ::read(key.get(), &first, 1) >= 0) return {};
-    return std::string("Cannot read the key file ") + keyFile + ": " + std::generic_category().message(errno);
+    return std::string("Cannot read the key file ") + keyFile + ": " + common::reasonOf(errno);
 }
 
 int upper(char c) { return std::toupper(static_cast<unsigned char>(c)); }

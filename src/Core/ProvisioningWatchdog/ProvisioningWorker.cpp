@@ -175,11 +175,11 @@ std::string ProvisioningWorker::getProvisioningStatus() {
 
 void ProvisioningWorker::provisioningThreadMain(const UrlInfo& url, const Completion& completion) {
     const AtScopeExit ended([this] { passEnded(); });
-    const Pass pass(outer_, stop_);
+    Pass pass(outer_, stop_);
     const propertyapi::RecoveryScope recovery;  // no setting is lost if the property service restarts
     endWrites_.cancel();                        // only a pass that starts makes the pending unlock stale
     guarded("start the pass", [this] { startAction(); });
-    if (outer_ == nullptr) security_.reloadDeviceIdentity();
+    if (outer_ == nullptr) guarded("read the device certificate", [this] { security_.reloadDeviceIdentity(); });
     const AtScopeExit end([&] { endAction(completion); });
     try {
         downloadAndRun(url);

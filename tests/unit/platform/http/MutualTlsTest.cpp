@@ -119,6 +119,14 @@ TEST_F(MutualTls, UnusableServerPropertyIsLogged) {
     }
 }
 
+TEST_F(MutualTls, ServerIsReadOncePerDownload) {
+    installPhone("phone-1");
+    own.on("/again.xml", HttpAnswer::redirect(own.url("/a.xml")));
+    EXPECT_EQ(fetch(own.url("/again.xml"), target), ok);
+    EXPECT_EQ(own.requests().back().client, "phone-1");
+    EXPECT_EQ(properties->reads().size(), 1U);
+}
+
 TEST_F(MutualTls, PropertiesAreReadOnlyForACertificate) {
     EXPECT_EQ(nameSeenBy(own), "");
     EXPECT_TRUE(properties->reads().empty());

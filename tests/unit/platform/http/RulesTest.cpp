@@ -144,6 +144,8 @@ TEST(ContentCodingRule, AcceptsTheCodingOfTheSuffix) {
         {"gzip", "image.br", false},
         {"br", "a.br", true},
         {"br", "a.gz", false},
+        {"x-br", "a.br", false},
+        {"x-zstd", "a.zst", false},
         {"zstd", "a.zst", true},
         {"xz", "a.txz", true},
         {"x-xz", "a.xz", true},

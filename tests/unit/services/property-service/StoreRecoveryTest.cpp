@@ -254,11 +254,12 @@ TEST_F(Damaged, LogReportsLostCommits) {
         bool isLogged;
     };
     for (const auto& [at, left, isLogged] : {Row{8, 0, true},
-                                             {20, 0, false},  // the salt by which frames of this log are recognised
+                                             {20, 0, true},  // the salt by which frames of this log are recognised
                                              {32 + frame + 4, 1, true},
                                              {32 + frame + 9, 1, true},
                                              {32 + 2 * frame + 500, 2, true},
                                              {32 + 4 * frame, 4, true},
+                                             {32 + 4 * frame + 9, 4, true},
                                              {32 + 5 * frame, 5, false}}) {
         std::string damaged = whole;
         damaged[at] = static_cast<char>(damaged[at] ^ 4);
@@ -273,6 +274,27 @@ TEST_F(Damaged, LogReportsLostCommits) {
     std::ofstream(path + "-wal", std::ios::binary) << whole;
     EXPECT_THAT(reopened(), testing::Contains(Entry("a", "6")));
     EXPECT_EQ(log.text(), "");
+}
+
+TEST_F(Damaged, LogReportsALastCommitOfSeveralPages) {
+    std::string file;
+    std::string whole;
+    {
+        Store store(path);
+        store.write({{"a", "1"}});
+        std::vector<Entry> entries;
+        for (int number = 0; number < 300; ++number) entries.emplace_back("key." + std::to_string(number), "value");
+        store.write(entries);
+        file = bytesOf(path);
+        whole = bytesOf(path + "-wal");
+    }
+    const std::size_t secondCommit = 32 + 24 + 1024;
+    ASSERT_GT(whole.size(), secondCommit + 2 * 1024);
+    whole[secondCommit + 500] = static_cast<char>(whole[secondCommit + 500] ^ 4);
+    std::ofstream(path, std::ios::binary) << file;
+    std::ofstream(path + "-wal", std::ios::binary) << whole;
+    EXPECT_THAT(reopened(), UnorderedElementsAre(Entry("a", "1"), Entry("b", "x")));
+    EXPECT_THAT(log.text(), HasSubstr("s.db-wal: is damaged; the last changes in it are lost: 1"));
 }
 
 TEST_F(Damaged, HeaderOrEmptyFileRestoresTheBackup) {

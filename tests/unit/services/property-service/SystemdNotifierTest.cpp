@@ -80,6 +80,24 @@ TEST_F(SystemdNotifierTest, SendsToAnAbstractName) {
     EXPECT_EQ(systemd.next(), "READY=1");
 }
 
+TEST_F(SystemdNotifierTest, ReadyThatCannotBeSentIsSentLater) {
+    const Receiver systemd(path);
+    set("NOTIFY_SOCKET", path);
+    SystemdNotifier notifier;
+    const fakes::LogCapture log;
+    while (log.lines().empty()) notifier.stopping();  // until the queue is full
+    notifier.ready();
+    notifier.alive();
+    while (systemd.next() == "STOPPING=1") {
+    }
+    EXPECT_EQ(systemd.next(), "");
+    notifier.alive();
+    EXPECT_EQ(systemd.next(), "READY=1");
+    notifier.alive();
+    EXPECT_EQ(systemd.next(), "");
+    expectOneWarning(log, "Cannot notify systemd: Resource temporarily unavailable");
+}
+
 TEST_F(SystemdNotifierTest, SendsNothingWithoutTheVariable) {
     const fakes::LogCapture log;
     const Receiver systemd(path);
