@@ -138,6 +138,10 @@ class CommandLine {
             ->capture_default_str();
         addCommand("status", "Prints server, last result, user interface lock, versions and period",
                    [this] { return status(environment_, options_); });
+        addCommand("doctor", "Finds out why the phone does not provision, and changes nothing",
+                   [this] { return doctor(environment_, options_, log_); })
+            ->add_option("--log", log_, "File with the daemon's log; default: the journal of zavd.service")
+            ->envname("ZAVD_LOG");
     }
 
     void addTransferCommands() {
@@ -204,6 +208,7 @@ class CommandLine {
     bool replace_ = false;
     bool wait_ = false;
     double timeoutSeconds_ = 300;
+    std::string log_;
     ExitCode code_ = ExitCode::done;
 };
 
