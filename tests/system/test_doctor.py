@@ -6,6 +6,7 @@ import os
 import re
 import shutil
 import signal
+import socket
 import subprocess
 import tempfile
 import threading
@@ -95,7 +96,7 @@ class DoctorTest(phone.PhoneTest):
         done = subprocess.run(["zavctl", "doctor"], capture_output=True, text=True, check=True)
         lines = done.stdout.splitlines()
         self.assertEqual([line for line in lines if not line.startswith("ok       ")], [])
-        self.assertIn("ok       initial file          HTTP 200 OK, ", done.stdout)
+        self.assertIn("ok       initial file          HTTP 200 OK\n", done.stdout)
         self.assertEqual(len(lines), 22, done.stdout)
 
     def test_help_and_command_line(self):
@@ -292,6 +293,10 @@ class DoctorTest(phone.PhoneTest):
         self.says({"provisioning enabled": "ok yes"}, "--log", self.log.path)
         code, found = doctor(environment={"ZAVD_LOG": ""})
         self.assertEqual((code, found["provisioning enabled"].split()[0]), (0, "unknown"))
+        with tempfile.TemporaryDirectory() as folder:
+            write(f"{folder}/journalctl", f"#!/bin/sh\ncase $* in *zavd.service*) cat {self.log.path} ;; esac\n", 0o755)
+            self.says({"provisioning enabled": "ok yes"},
+                      environment={"PATH": f"{folder}:{os.environ['PATH']}", "ZAVD_LOG": ""})
 
     def tree(self):
         """Every file and folder that the phone could change, with content and time of the last change."""
@@ -365,6 +370,16 @@ class DoctorTest(phone.PhoneTest):
             self.assertRegex(found["openssl"], "^error ")
             self.assertRegex(found["provisioning enabled"], "^unknown the journal cannot be read")
             self.assertRegex(found["initial file"], "^error (too slow|Timeout was reached), HTTP 200 OK$")
+        with socket.socket(socket.AF_INET, socket.SOCK_DGRAM) as silent, tempfile.NamedTemporaryFile("w") as resolver, \
+                self.server("http://somewhere.test/"):
+            silent.bind(("127.0.0.9", 53))
+            resolver.write("nameserver 127.0.0.9\n")
+            resolver.flush()
+            run("mount", "--bind", resolver.name, "/etc/resolv.conf")
+            try:
+                self.says({"server name": "error Resolving timed out"})
+            finally:
+                run("umount", "/etc/resolv.conf")
         for name in ("broker", "properties"):
             os.kill(phone.service_pid(name), signal.SIGSTOP)
             try:

@@ -2,6 +2,7 @@
 #include <sys/sysmacros.h>
 
 #include <array>
+#include <cerrno>
 #include <cstdio>
 #include <fstream>
 #include <sstream>
@@ -44,11 +45,13 @@ Finding checkPropertyService(Examination& examination) {
                    "zavctl set NET.MAC.Address ADDRESS");
 }
 
-// The process that holds the daemon's lock; empty if none does. Does not try the lock: a daemon that starts meanwhile
-// would end.
-std::string lockHolder() {
+// The daemon gives no answer: whether it runs. Its lock is not tried: a daemon that starts meanwhile would end.
+Finding silentDaemon() {
+    const Finding gone = error("zavd is not running", "Start it; its log says why it ended.");
     struct stat status {};
-    if (::stat((zav::provisioningDirectory() + "zavd:lock").c_str(), &status) != 0) return {};
+    if (::stat((zav::provisioningDirectory() + "zavd:lock").c_str(), &status) != 0) {
+        return errno == EACCES ? error("zavd does not answer", "Start it; if it runs, restart it.") : gone;
+    }
     std::array<char, 64> wanted{};
     std::snprintf(wanted.data(), wanted.size(), "%02x:%02x:%ju", major(status.st_dev), minor(status.st_dev),
                   static_cast<uintmax_t>(status.st_ino));
@@ -57,9 +60,10 @@ std::string lockHolder() {
         std::istringstream words(line);
         std::string number, type, kind, access, process, file;
         words >> number >> type >> kind >> access >> process >> file;
-        if (type == "FLOCK" && file == wanted.data()) return process;
+        if (type != "FLOCK" || file != wanted.data()) continue;
+        return error("zavd (process " + process + ") does not answer", "Restart it: it hangs.");
     }
-    return {};
+    return gone;
 }
 
 // Only a pass answers the first question. The second one is not asked during a pass: it has one answer for each
@@ -74,9 +78,7 @@ Finding checkDaemon(Examination& examination) {
     if (!pass) examination.bus->publish("watchdog/prov-client", R"({"param":"Are you alive?"})", 1);
     examination.daemonAnswers = pass || examination.alive.waitFor(daemonTime);
     if (examination.daemonAnswers) return ok(pass ? "answers; a pass is running" : "answers");
-    const std::string process = lockHolder();
-    if (process.empty()) return error("zavd is not running", "Start it; its log says why it ended.");
-    return error("zavd (process " + process + ") does not answer", "Restart it: it hangs.");
+    return silentDaemon();
 }
 
 bool endsWith(const std::string& line, const std::string& text) {

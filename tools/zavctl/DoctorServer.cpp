@@ -1,7 +1,6 @@
 #include <unistd.h>
 
 #include <cerrno>
-#include <filesystem>
 #include <fstream>
 
 #include "Core/GlobalConfig.h"
@@ -77,9 +76,7 @@ Finding checkDownload(Examination& examination) {
     const long status = curl->getHttpCode();
     const std::string http = status == 0 ? "no answer" : "HTTP " + zav::CurlTypes::getHTTPCodeDescription(status);
     examination.downloaded = result == 0 && status == zav::httpOk;
-    if (examination.downloaded) {
-        return ok(http + ", " + std::to_string(std::filesystem::file_size(examination.file())) + " bytes");
-    }
+    if (examination.downloaded) return ok(http);
     if (examination.deadline->isOverdue()) return error("too slow, " + http, "Look at the server and the network.");
     if (result != 0) {
         return error(zav::CurlTypes::getCurlErrorDescription(result) + ", " + http, "Look at the server's log.");

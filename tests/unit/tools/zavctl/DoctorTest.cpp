@@ -206,12 +206,12 @@ TEST_F(Doctor, ServerCertificate) {
 }
 
 TEST_F(Doctor, InitialFile) {
-    EXPECT_EQ(findingOf("initial file", HttpAnswer::ok(good)),
-              "ok HTTP 200 OK, " + std::to_string(good.size()) + " bytes");
+    EXPECT_EQ(findingOf("initial file", HttpAnswer::ok(good)), "ok HTTP 200 OK");
     EXPECT_EQ(findingOf("initial file", HttpAnswer::error(404)), "error HTTP 404 Not Found");
     EXPECT_EQ(code, ExitCode::failed);
     EXPECT_EQ(finding("file for this phone"), "unknown not checked: there is no file");
     EXPECT_EQ(findingOf("initial file", HttpAnswer::error(401)), "error HTTP 401 Unauthorized");
+    EXPECT_THAT(phone.out.str(), HasSubstr("Set System.Provision.FactoryAuthUsername and FactoryAuthPassword"));
     EXPECT_EQ(findingOf("initial file", HttpAnswer::error(500)), "error HTTP 500 Internal Server Error");
     EXPECT_EQ(findingOf("initial file", HttpAnswer::ok(std::string((16U << 20U) + 1, ' '))),
               "error Maximum file size exceeded, HTTP 200 OK");
