@@ -32,6 +32,33 @@ else()
   set(ZAV_TEST_OPTIONS $<$<CONFIG:Release>:-O1>)
 endif()
 
+# Under emulation tests take several times as long, and those that tests/emulation.txt names are not run.
+if(CMAKE_CROSSCOMPILING_EMULATOR)
+  set(ZAV_SLOWNESS 5)
+  set(emulation ${CMAKE_SOURCE_DIR}/tests/emulation.txt)
+  set_property(DIRECTORY ${CMAKE_SOURCE_DIR} APPEND PROPERTY CMAKE_CONFIGURE_DEPENDS ${emulation})
+  file(STRINGS ${emulation} ZAV_NOT_EMULATED REGEX "^[*a-z]")
+else()
+  set(ZAV_SLOWNESS 1)
+endif()
+
+# zav_runnable(target variable): the path of a program that tests start. Under emulation that is a script, which is also
+# the name that the program has of itself, to start itself again.
+function(zav_runnable target variable)
+  set(path $<TARGET_FILE:${target}>)
+  if(CMAKE_CROSSCOMPILING_EMULATOR)
+    set(path ${CMAKE_BINARY_DIR}/emulated/bin/${target})
+    get_property(written TARGET ${target} PROPERTY ZAV_RUNNABLE)
+    if(NOT written)
+      set_property(TARGET ${target} PROPERTY ZAV_RUNNABLE ON)
+      list(JOIN CMAKE_CROSSCOMPILING_EMULATOR "' '" emulator)
+      file(GENERATE OUTPUT ${path} CONTENT "#!/bin/sh\nexec '${emulator}' -0 \"$0\" '$<TARGET_FILE:${target}>' \"$@\"\n"
+        FILE_PERMISSIONS OWNER_READ OWNER_WRITE OWNER_EXECUTE GROUP_READ GROUP_EXECUTE WORLD_READ WORLD_EXECUTE)
+    endif()
+  endif()
+  set(${variable} ${path} PARENT_SCOPE)
+endfunction()
+
 # zav_test(name SOURCES ... [LIBS ...] [LABELS unit] [TIMEOUT s] [SECONDS s]): a GoogleTest program. It runs in a sandbox
 # with empty, private copies of the phone's folders: /var/volatile, /config, /custom, /etc/zav.d. SECONDS is the
 # approximate run time; ctest starts long tests first, so that none of them runs alone at the end.
@@ -48,6 +75,17 @@ function(zav_test name)
   set_target_properties(${name} PROPERTIES RUNTIME_OUTPUT_DIRECTORY ${CMAKE_BINARY_DIR}/tests)
   target_include_directories(${name} PRIVATE ${CMAKE_SOURCE_DIR}/tests)
   target_link_libraries(${name} PRIVATE ${arg_LIBS} zav::options GTest::gmock GTest::gtest GTest::gtest_main)
-  add_test(NAME ${name} COMMAND ${CMAKE_SOURCE_DIR}/lab/sandbox ${ZAV_WRITABLE} -- $<TARGET_FILE:${name}>)
-  set_tests_properties(${name} PROPERTIES TIMEOUT ${arg_TIMEOUT} LABELS "${arg_LABELS}" COST "0${arg_SECONDS}")
+  set(left_out)
+  foreach(row IN LISTS ZAV_NOT_EMULATED)
+    if(row MATCHES "^([*]|${ZAV_ARCHITECTURE}) +${name} +([^ ]+) ")
+      string(APPEND left_out ":${CMAKE_MATCH_2}")
+    endif()
+  endforeach()
+  if(left_out)
+    set(left_out --gtest_filter=-${left_out})
+  endif()
+  zav_runnable(${name} program)
+  add_test(NAME ${name} COMMAND ${CMAKE_SOURCE_DIR}/lab/sandbox ${ZAV_WRITABLE} -- ${program} ${left_out})
+  math(EXPR timeout "${arg_TIMEOUT} * ${ZAV_SLOWNESS}")
+  set_tests_properties(${name} PROPERTIES TIMEOUT ${timeout} LABELS "${arg_LABELS}" COST "0${arg_SECONDS}")
 endfunction()

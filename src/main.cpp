@@ -2,11 +2,9 @@
 
 #include <curl/curl.h>
 
-#include <condition_variable>
 #include <csignal>
 #include <cstdlib>
 #include <memory>
-#include <mutex>
 #include <utility>
 
 #include "Core/Constants.h"
@@ -19,6 +17,7 @@
 #include "common/Descriptor.h"
 #include "common/Memory.h"
 #include "common/Signal.h"
+#include "common/ThreadSafety.h"
 #include "debug/Debug.h"
 #include "http/Curl.h"
 #include "ipc/IPCFactory.h"
@@ -29,19 +28,19 @@
 namespace {
 
 const dbg::Debug channel("ZAV");
-std::condition_variable termination;
-std::mutex terminationMutex;
+common::ConditionVariable termination;
+common::Mutex terminationMutex;
 
 // Runs on the signal thread, not in a signal handler.
 void onTerminate(int) {
-    const std::unique_lock<std::mutex> lock(terminationMutex);
-    termination.notify_one();
+    const common::LockGuard lock(terminationMutex);
+    termination.notifyOne();
 }
 
 // Waits without a predicate: a SIGTERM that arrives before this is lost, a spurious wake-up ends the process.
 void waitForTermination() {
-    std::unique_lock<std::mutex> lock(terminationMutex);
-    termination.wait(lock);
+    const common::LockGuard lock(terminationMutex);
+    termination.wait(terminationMutex);
 }
 
 int run() {
@@ -54,9 +53,8 @@ int run() {
     const auto signals = common::signal::registerHandler();
     common::signal::registerCustomHandler(SIGTERM, onTerminate);
     const zav::xml::Library xmlLibrary;
-    const auto bus =
-        ipc::IPCFactory::createInstanceShared(zav::constants::clientName, zav::constants::brokerHost, false);
-    const auto properties = propertyapi::PropertyApiBuilder::getPropertyApi(bus, zav::constants::clientName);
+    const auto bus = ipc::IPCFactory::createInstanceShared(zav::constants.clientName, zav::constants.brokerHost, false);
+    const auto properties = propertyapi::PropertyApiBuilder::getPropertyApi(bus, zav::constants.clientName);
     zav::ProvisioningTimer timer(properties);
     zav::Security security(properties);
     curl_global_init(CURL_GLOBAL_ALL);

@@ -5,6 +5,7 @@
 #include <iostream>
 #include <string>
 
+#include "SystemdNotifier.h"
 #include "catalogue/Catalogue.h"
 #include "common/Descriptor.h"
 #include "common/Signal.h"
@@ -79,7 +80,9 @@ int main(int argc, char** argv) {
         const propertyservice::Catalogue catalogue = propertyservice::Catalogue::load(cataloguePath);
         propertyservice::Store store(storePath);
         propertyservice::PropertyService service(catalogue, store);
-        const auto bus = ipc::IPCFactory::createService(propertyprotocol::serviceName);
+        propertyservice::SystemdNotifier notifier;
+        const auto bus = ipc::IPCFactory::createService(
+            propertyprotocol::serviceName, {[&notifier] { notifier.ready(); }, [&notifier] { notifier.alive(); }});
         dbg::Debug::info() << "Serving " << catalogue.keys().size() << " properties, stored in " << storePath
                            << std::endl;
         bus->start(host, propertyprotocol::statusTopic,
@@ -87,6 +90,7 @@ int main(int argc, char** argv) {
                     propertyprotocol::describeTopic, propertyprotocol::importTopic},
                    [&service](const std::vector<ipc::ServiceRequest>& requests) { return service.handle(requests); });
         termination().get_future().wait();
+        notifier.stopping();
         bus->stop();
         dbg::Debug::info() << "Stopped" << std::endl;
         return done;

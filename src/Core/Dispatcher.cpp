@@ -20,18 +20,13 @@ namespace {
 constexpr std::chrono::milliseconds bootUpPollInterval{250};
 constexpr int atLeastOnce = 1;
 
-struct Message {
-    std::string key;
-    std::string value;
-};
-
 std::string textOf(const Json::Value& object, const std::string& name) {
     const Json::Value& member = object[name];
     return member.isArray() || member.isObject() ? std::string() : member.asString();
 }
 
-// The key is empty if the content is not a JSON object.
-Message parse(const std::string& content) {
+// Key and value. The key is empty if the content is not a JSON object.
+std::pair<std::string, std::string> parse(const std::string& content) {
     Json::CharReaderBuilder builder;
     builder["allowTrailingCommas"] = false;
     builder["skipBom"] = false;
@@ -43,21 +38,21 @@ Message parse(const std::string& content) {
     } catch (const Json::Exception&) {  // nested too deeply
         return {};
     }
-    return {textOf(message, constants::messageKey), textOf(message, constants::messageValue)};
+    return {textOf(message, constants.messageKey), textOf(message, constants.messageValue)};
 }
 
 }  // namespace
 
 Dispatcher::Dispatcher(std::shared_ptr<ipc::IIPCClient> bus, std::shared_ptr<propertyapi::IPropertyApi> properties,
                        ProvisioningTimer& timer, std::shared_ptr<Curl> http, Security& security)
-    : handlers_{{constants::debugLevelMaskKey, &Dispatcher::setDebugLevelMask},
-                {constants::periodKey, &Dispatcher::setTimerPeriod},
-                {constants::provisioningServerKey, &Dispatcher::storeProvisioningServer},
-                {constants::provisioningStateKey, &Dispatcher::handleProvisioningRequest},
-                {constants::autoRebootBusyQueryKey, &Dispatcher::handleAutoRebootQuery},
-                {constants::updateCaBundleKey, &Dispatcher::updateCertificateBundle},
-                {constants::watchdogQuery, &Dispatcher::handleWatchdogQuery},
-                {constants::firmwareTriggerAutoKey, &Dispatcher::handleProvisioningRequest}},
+    : handlers_{{constants.debugLevelMaskKey, &Dispatcher::setDebugLevelMask},
+                {constants.periodKey, &Dispatcher::setTimerPeriod},
+                {constants.provisioningServerKey, &Dispatcher::storeProvisioningServer},
+                {constants.provisioningStateKey, &Dispatcher::handleProvisioningRequest},
+                {constants.autoRebootBusyQueryKey, &Dispatcher::handleAutoRebootQuery},
+                {constants.updateCaBundleKey, &Dispatcher::updateCertificateBundle},
+                {constants.watchdogQuery, &Dispatcher::handleWatchdogQuery},
+                {constants.firmwareTriggerAutoKey, &Dispatcher::handleProvisioningRequest}},
       bus_(std::move(bus)),
       properties_(std::move(properties)),
       timer_(timer),
@@ -67,11 +62,11 @@ Dispatcher::Dispatcher(std::shared_ptr<ipc::IIPCClient> bus, std::shared_ptr<pro
 void Dispatcher::startListening() {
     dbg::Debug::info() << "run IPC listening" << std::endl;
     try {
-        bus_->subscribe(constants::statePropertyTopic, *this);
-        bus_->subscribe(constants::systemPropertyTopic, *this);
-        bus_->subscribe(constants::watchdogQueryTopic, *this);
-        bus_->subscribe(constants::autoRebootQueryTopic, *this);
-        bus_->connect(constants::brokerHost);
+        bus_->subscribe(constants.statePropertyTopic, *this);
+        bus_->subscribe(constants.systemPropertyTopic, *this);
+        bus_->subscribe(constants.watchdogQueryTopic, *this);
+        bus_->subscribe(constants.autoRebootQueryTopic, *this);
+        bus_->connect(constants.brokerHost);
     } catch (const ipc::IPCException& e) {
         dbg::Debug::error() << "IPC error " << e.what() << std::endl;
         throw std::runtime_error(e.what());
@@ -127,13 +122,13 @@ void Dispatcher::messageArrived(const std::string& topic, const std::string& con
 }
 
 void Dispatcher::dispatch(const std::string& content) {
-    const Message message = parse(content);
-    const auto handler = handlers_.find(message.key);
+    const auto [key, value] = parse(content);
+    const auto handler = handlers_.find(key);
     if (handler == handlers_.end()) {
         dbg::Debug::info() << "No handler for message: " << content << std::endl;
         return;
     }
-    (this->*handler->second)(message.value);
+    (this->*handler->second)(value);
 }
 
 void Dispatcher::setDebugLevelMask(const std::string& value) { dbg::Debug::setDebugLevelMask(value); }
@@ -154,14 +149,14 @@ void Dispatcher::handleProvisioningRequest(const std::string& value) {
         dbg::Debug::warning() << "Handling provisioning requests not enabled yet" << std::endl;
         return;
     }
-    if (value.find(constants::requestWord) != std::string::npos) worker_.startProvisioning("");
+    if (value.find(constants.requestWord) != std::string::npos) worker_.startProvisioning("");
 }
 
 // No reply means not busy.
 void Dispatcher::handleAutoRebootQuery(const std::string&) {
     try {
         if (!worker_.isProvisioningFinished()) {
-            bus_->publish(constants::autoRebootReplyTopic, constants::busyReply, atLeastOnce);
+            bus_->publish(constants.autoRebootReplyTopic, constants.busyReply, atLeastOnce);
         }
     } catch (const std::exception& e) {
         dbg::Debug::error() << "Handling Autoreboot query failed: " << e.what() << std::endl;
@@ -173,7 +168,7 @@ void Dispatcher::updateCertificateBundle(const std::string& value) {
     if (value.empty()) return;
     security_.reloadCertificates();
     security_.notifySystemAboutNewCertificates();
-    properties_->set(constants::updateCaBundleKey, "");
+    properties_->set(constants.updateCaBundleKey, "");
 }
 
 // A hanging pass must leave the watchdog without a reply.
@@ -181,7 +176,7 @@ void Dispatcher::handleWatchdogQuery(const std::string&) {
     try {
         worker_.waitForProgress();
         if (stopping_.isStopped()) return;
-        bus_->publish(constants::watchdogReplyTopic, constants::watchdogReply, atLeastOnce);
+        bus_->publish(constants.watchdogReplyTopic, constants.watchdogReply, atLeastOnce);
     } catch (const std::exception& e) {
         dbg::Debug::error() << "Cannot send response to watchdog: " << e.what() << std::endl;
     }
@@ -199,20 +194,20 @@ void Dispatcher::enableProvisioning() {
 }
 
 void Dispatcher::provisionOnBootUp() {
-    const std::string value = properties_->get(constants::provisioningOnBootUpKey);
+    const std::string value = properties_->get(constants.provisioningOnBootUpKey);
     security_.reloadCertificates();
-    if (value == constants::bootUpDoneWord) {
+    if (value == constants.bootUpDoneWord) {
         dbg::Debug::warning() << "Provisioning on boot up already done, skipping" << std::endl;
         return;
     }
-    dbg::Debug::info() << "Do provisioning on boot up " << quote(constants::provisioningOnBootUpKey, value, "")
+    dbg::Debug::info() << "Do provisioning on boot up " << quote(constants.provisioningOnBootUpKey, value, "")
                        << std::endl;
-    handleProvisioningRequest(constants::requestWord);
+    handleProvisioningRequest(constants.requestWord);
     while (!worker_.isProvisioningFinished()) {
         if (stopping_.waitFor(bootUpPollInterval)) return;
     }
     if (stopping_.isStopped()) return;
-    properties_->set(constants::provisioningOnBootUpKey, constants::bootUpDoneWord);
+    properties_->set(constants.provisioningOnBootUpKey, constants.bootUpDoneWord);
 }
 
 }  // namespace zav

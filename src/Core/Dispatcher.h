@@ -29,8 +29,6 @@ class Dispatcher : public ipc::IIPCCallback {
 
     /// Disconnects if stopListening was not called, as when start-up ends in an exception.
     ~Dispatcher() override;
-    Dispatcher(const Dispatcher&) = delete;
-    Dispatcher& operator=(const Dispatcher&) = delete;
 
     void connectionLost(const std::string& cause) override;
     void messageArrived(const std::string& topic, const std::string& content) override;

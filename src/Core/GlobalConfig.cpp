@@ -1,10 +1,10 @@
 #include "Core/GlobalConfig.h"
 
-#include <mutex>
 #include <thread>
 
 #include "Core/Constants.h"
 #include "common/Quote.h"
+#include "common/ThreadSafety.h"
 #include "debug/Debug.h"
 
 namespace zav {
@@ -12,26 +12,36 @@ namespace zav {
 namespace {
 
 struct Values {
-    std::mutex mutex;
-    std::string softwareVersion;  // guarded by mutex, like the members below
+    std::string softwareVersion;
     std::string settingsVersion;
     std::string customVersion;
     std::string provisioningServer;
 };
 
-Values& values() {
-    static Values instance;
+class SharedValues {
+ public:
+    // A function, because the compiler does not check pointers to members.
+    Values& all() REQUIRES(mutex) { return all_; }
+
+    common::Mutex mutex;
+
+ private:
+    Values all_ GUARDED_BY(mutex);
+};
+
+SharedValues& values() {
+    static SharedValues instance;
     return instance;
 }
 
 std::string copyOut(std::string Values::*member) {
-    const std::lock_guard<std::mutex> lock(values().mutex);
-    return values().*member;
+    const common::LockGuard lock(values().mutex);
+    return values().all().*member;
 }
 
 void assign(std::string Values::*member, const std::string& value) {
-    const std::lock_guard<std::mutex> lock(values().mutex);
-    values().*member = value;
+    const common::LockGuard lock(values().mutex);
+    values().all().*member = value;
 }
 
 }  // namespace
@@ -46,8 +56,8 @@ std::string GlobalConfig::getValue(const Properties& properties, const std::stri
 }
 
 bool GlobalConfig::hasAuthCredentials(const Properties& properties) {
-    return !getValue(properties, constants::factoryAuthUsernameKey).empty() &&
-           !getValue(properties, constants::factoryAuthPasswordKey).empty();
+    return !getValue(properties, constants.factoryAuthUsernameKey).empty() &&
+           !getValue(properties, constants.factoryAuthPasswordKey).empty();
 }
 
 void GlobalConfig::waitForPreconditions(const Properties& properties, unsigned maxWaits, std::chrono::seconds pause) {
@@ -68,12 +78,12 @@ void GlobalConfig::waitForPreconditions(const Properties& properties, unsigned m
 
 void GlobalConfig::readProperties(const Properties& properties) {
     dbg::Debug::info() << "Reading properties to GlobalConfig" << std::endl;
-    assign(&Values::softwareVersion, getValue(properties, constants::softwareVersionKey));
-    assign(&Values::settingsVersion, getValue(properties, constants::settingsVersionKey));
-    assign(&Values::customVersion, getValue(properties, constants::customVersionKey));
-    assign(&Values::provisioningServer, getValue(properties, constants::provisioningServerKey));
+    assign(&Values::softwareVersion, getValue(properties, constants.softwareVersionKey));
+    assign(&Values::settingsVersion, getValue(properties, constants.settingsVersionKey));
+    assign(&Values::customVersion, getValue(properties, constants.customVersionKey));
+    assign(&Values::provisioningServer, getValue(properties, constants.provisioningServerKey));
     // Read, but applied only when a change arrives on the bus.
-    static_cast<void>(getValue(properties, constants::debugLevelMaskKey));
+    static_cast<void>(getValue(properties, constants.debugLevelMaskKey));
 }
 
 std::string GlobalConfig::softwareVersion() { return copyOut(&Values::softwareVersion); }
@@ -81,21 +91,5 @@ std::string GlobalConfig::settingsVersion() { return copyOut(&Values::settingsVe
 std::string GlobalConfig::customVersion() { return copyOut(&Values::customVersion); }
 std::string GlobalConfig::provisioningServer() { return copyOut(&Values::provisioningServer); }
 void GlobalConfig::setProvisioningServer(const std::string& url) { assign(&Values::provisioningServer, url); }
-
-const std::string& GlobalConfig::fileFormatVersion() {
-    static const std::string version = "1.1";
-    return version;
-}
-
-const std::string& GlobalConfig::productIdentifier() {
-    static const std::string identifier = "kd4v";
-    return identifier;
-}
-
-const std::string& GlobalConfig::defaultProvisioningServer() {
-    // Deployments set their own host here; example.com has no such server.
-    static const std::string host = "provisioning.example.com";
-    return host;
-}
 
 }  // namespace zav

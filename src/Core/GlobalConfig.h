@@ -34,9 +34,10 @@ class GlobalConfig {
     static void setProvisioningServer(const std::string& url);
 
     /// The highest supported format version of provisioning files.
-    static const std::string& fileFormatVersion();
-    static const std::string& productIdentifier();
-    static const std::string& defaultProvisioningServer();
+    static inline const std::string fileFormatVersion = "1.1";
+    static inline const std::string productIdentifier = "kd4v";
+    /// Deployments set their own host here; example.com has no such server.
+    static inline const std::string defaultProvisioningServer = "provisioning.example.com";
 };
 
 }  // namespace zav

@@ -17,10 +17,7 @@ constexpr int periodAttempts = 10;
 
 }  // namespace
 
-Init::Init(ProvisioningTimer& timer, std::shared_ptr<propertyapi::IPropertyApi> properties)
-    : Init(timer, std::move(properties), Timing()) {}
-
-Init::Init(ProvisioningTimer& timer, std::shared_ptr<propertyapi::IPropertyApi> properties, Timing timing)
+Init::Init(ProvisioningTimer& timer, std::shared_ptr<propertyapi::IPropertyApi> properties, InitTiming timing)
     : properties_(std::move(properties)), timer_(timer), timing_(timing) {}
 
 void Init::run() {
@@ -34,7 +31,7 @@ void Init::setTimer() {
     bool set = false;
     for (int attempt = 0; attempt < periodAttempts && !set; ++attempt) {
         try {
-            const std::string period = properties_->get(constants::periodKey);
+            const std::string period = properties_->get(constants.periodKey);
             timer_.start(checkPeriod(period));
             set = true;
             dbg::Debug::info() << "Timer set to " << period << " seconds" << std::endl;

@@ -1,5 +1,5 @@
-// Start-up steps that need the property service: factory credentials, configuration, timer period. Threads: main
-// thread.
+// Start-up steps that need the property service: waits for the factory credentials, reads the configuration, starts the
+// timer. Threads: main.
 #pragma once
 
 #include <chrono>
@@ -10,15 +10,14 @@
 
 namespace zav {
 
+struct InitTiming {
+    std::chrono::seconds credentialsPause{1};
+    std::chrono::seconds periodPause{10};
+};
+
 class Init {
  public:
-    struct Timing {
-        std::chrono::seconds credentialsPause{1};
-        std::chrono::seconds periodPause{10};
-    };
-
-    Init(ProvisioningTimer& timer, std::shared_ptr<propertyapi::IPropertyApi> properties);
-    Init(ProvisioningTimer& timer, std::shared_ptr<propertyapi::IPropertyApi> properties, Timing timing);
+    Init(ProvisioningTimer& timer, std::shared_ptr<propertyapi::IPropertyApi> properties, InitTiming timing = {});
 
     /// Continues without what is missing. Blocks for up to 10 credentialsPause, then as setTimer does.
     void run();
@@ -29,7 +28,7 @@ class Init {
  private:
     const std::shared_ptr<propertyapi::IPropertyApi> properties_;
     ProvisioningTimer& timer_;
-    const Timing timing_;
+    const InitTiming timing_;
 };
 
 }  // namespace zav

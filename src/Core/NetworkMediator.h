@@ -13,19 +13,18 @@
 
 namespace zav {
 
+constexpr std::chrono::seconds stabilisationTime{90};
+
+struct MediatorTiming {
+    std::chrono::milliseconds pollInterval{5000};
+    std::chrono::seconds stabilisation{stabilisationTime};
+};
+
 class NetworkMediator {
  public:
     using Check = std::function<bool()>;
 
-    static constexpr std::chrono::seconds stabilisationTime{90};
-
-    struct Timing {
-        std::chrono::milliseconds pollInterval{5000};
-        std::chrono::seconds stabilisation{stabilisationTime};
-    };
-
-    NetworkMediator();
-    explicit NetworkMediator(Timing timing);
+    explicit NetworkMediator(MediatorTiming timing = {});
     ~NetworkMediator();
     NetworkMediator(const NetworkMediator&) = delete;
     NetworkMediator& operator=(const NetworkMediator&) = delete;
@@ -36,10 +35,6 @@ class NetworkMediator {
 
  private:
     struct Shared;
-    static void run(const std::shared_ptr<Shared>& shared, const std::shared_ptr<Dispatcher>& dispatcher,
-                    const Check& isReady);
-    static bool waitForNetwork(Shared& shared, const Check& isReady);
-
     std::shared_ptr<Shared> shared_;
 };
 

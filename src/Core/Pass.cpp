@@ -2,20 +2,44 @@
 
 #include <utility>
 
+#include "common/ThreadSafety.h"
+
 namespace zav {
 
 namespace {
 
 thread_local Pass* passOfThisThread = nullptr;
 
+struct Version {
+    common::Mutex mutex;
+    std::string text GUARDED_BY(mutex);
+};
+
+Version& version() {
+    static Version instance;
+    return instance;
+}
+
 }  // namespace
 
-Pass::Pass(std::shared_ptr<Usage> usage, unsigned depth, std::shared_ptr<common::StopSignal> stop)
-    : usage_(std::move(usage)), depth_(depth), stop_(std::move(stop)), outer_(passOfThisThread) {
+std::atomic<int> lastHttpCode{0};
+
+std::string currentProvisioningVersion() {
+    const common::LockGuard lock(version().mutex);
+    return version().text;
+}
+
+void setCurrentProvisioningVersion(const std::string& text) {
+    const common::LockGuard lock(version().mutex);
+    version().text = text;
+}
+
+Pass::Pass(Pass* outer, std::shared_ptr<common::StopSignal> stop)
+    : outer_(outer), depth_(outer == nullptr ? 1 : outer->depth_ + 1), stop_(std::move(stop)) {
     passOfThisThread = this;
 }
 
-Pass::~Pass() { passOfThisThread = outer_; }
+Pass::~Pass() { passOfThisThread = nullptr; }
 
 Pass* Pass::ofThisThread() { return passOfThisThread; }
 
@@ -24,11 +48,7 @@ Pass& Pass::current() {
     return *passOfThisThread;
 }
 
-bool Pass::useFile() {
-    if (usage_->files >= maximumFiles) return false;
-    ++usage_->files;
-    return true;
-}
+bool Pass::countNestedPass() { return depth_ < maximumDepth && ++usage().nestedPasses <= maximumNestedPasses; }
 
 void Pass::throwIfOverdue() const {
     if (isOverdue()) throw ShuttingDownException();

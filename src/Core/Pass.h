@@ -1,17 +1,26 @@
 // Limits of the provisioning pass that runs on a thread: items and files that it has used together with included files
-// and nested passes (redirects), nesting of handlers, and shutdown.
+// and nested passes (redirects), nesting of handlers, and shutdown. Also the process-wide values of the latest pass.
 //
 // Threads: the worker creates a Pass on the pass thread for the duration of the pass. A nested pass has a thread of its
-// own and shares the Usage of the outermost pass without locking, because the outer thread waits for the inner one.
+// own and shares the usage of the outermost pass without locking, because the outer thread waits for the inner one.
 #pragma once
 
+#include <atomic>
 #include <cstddef>
 #include <memory>
 #include <stdexcept>
+#include <string>
 
 #include "common/StopSignal.h"
 
 namespace zav {
+
+/// Format version of the running provisioning file; empty until the initial file is verified. Any thread.
+std::string currentProvisioningVersion();
+void setCurrentProvisioningVersion(const std::string& version);
+
+/// HTTP status of the initial download, or of the latest failed download after it; 0 if there was no response.
+extern std::atomic<int> lastHttpCode;
 
 /// Ends a pass because the process is shutting down.
 class ShuttingDownException : public std::runtime_error {
@@ -35,8 +44,9 @@ class Pass {
         bool decryptionReported = false;
     };
 
-    /// Becomes the calling thread's pass until destruction. `depth` is 1 for an outermost pass.
-    Pass(std::shared_ptr<Usage> usage, unsigned depth, std::shared_ptr<common::StopSignal> stop);
+    /// Becomes the calling thread's pass until destruction. `outer`, which must outlive this object, is the pass that
+    /// it is nested in; null for an outermost pass.
+    Pass(Pass* outer, std::shared_ptr<common::StopSignal> stop);
     ~Pass();
     Pass(const Pass&) = delete;
     Pass& operator=(const Pass&) = delete;
@@ -46,15 +56,12 @@ class Pass {
     /// Throws std::logic_error if no pass runs on the calling thread.
     static Pass& current();
 
-    const std::shared_ptr<Usage>& usage() const { return usage_; }
+    Usage& usage() { return outer_ == nullptr ? usage_ : outer_->usage(); }
     const std::shared_ptr<common::StopSignal>& stop() const { return stop_; }
-    unsigned depth() const { return depth_; }
 
-    std::size_t itemsLeft() const { return maximumItems - usage_->items; }
-    /// `count` must not exceed itemsLeft().
-    void useItems(std::size_t count) { usage_->items += count; }
-    /// Counts a file. False if the pass has downloaded maximumFiles already.
-    bool useFile();
+    /// Counts a pass that is about to be nested in this one. False if the limits do not allow it, which ends loops of
+    /// redirects.
+    bool countNestedPass();
 
     /// Whether long work must end now: shutdown has begun and its grace period is over.
     bool isOverdue() const { return stop_->isOverdue(); }
@@ -75,10 +82,10 @@ class Pass {
     bool mayNestHandler() const { return handlerDepth_ < maximumHandlerDepth; }
 
  private:
-    const std::shared_ptr<Usage> usage_;
-    const unsigned depth_;
+    Pass* const outer_;
+    const unsigned depth_;  // 1 for an outermost pass
     const std::shared_ptr<common::StopSignal> stop_;
-    Pass* const outer_;          // of the same thread; usually null
+    Usage usage_;                // of an outermost pass
     unsigned handlerDepth_ = 1;  // the handler started by the worker is the first
 };
 

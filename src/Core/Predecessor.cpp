@@ -20,17 +20,14 @@ namespace zav {
 namespace {
 
 // Downloaded files never have a colon in their name.
-const std::string& lockFile() {
-    static const std::string path = provisioningDirectory() + "zavd:lock";
-    return path;
-}
+constexpr const char* lockFile = "/var/volatile/provisioning/zavd:lock";
 
 DaemonLock::State lock(common::Descriptor& file) {
-    ::mkdir(provisioningDirectory().c_str(), 0700);
-    file.reset(::open(lockFile().c_str(), O_RDWR | O_CREAT | O_CLOEXEC | O_NOFOLLOW, 0600));
+    ::mkdir(provisioningDirectory.c_str(), 0700);
+    file.reset(::open(lockFile, O_RDWR | O_CREAT | O_CLOEXEC | O_NOFOLLOW, 0600));
     if (file.get() >= 0 && ::flock(file.get(), LOCK_EX | LOCK_NB) == 0) return DaemonLock::State::held;
     if (file.get() >= 0 && errno == EWOULDBLOCK) return DaemonLock::State::heldByAnother;
-    dbg::Debug::warning() << "Cannot lock " << lockFile() << ": " << std::generic_category().message(errno)
+    dbg::Debug::warning() << "Cannot lock " << lockFile << ": " << std::generic_category().message(errno)
                           << "; a second zavd would not be detected" << std::endl;
     return DaemonLock::State::unavailable;
 }
@@ -38,13 +35,13 @@ DaemonLock::State lock(common::Descriptor& file) {
 void unlockScreen(propertyapi::IPropertyApi& properties) {
     std::string state;
     try {
-        state = properties.get(constants::provisioningLockUiKey);
+        state = properties.get(constants.provisioningLockUiKey);
     } catch (const propertyapi::PropertyException&) {
         return;
     }
-    if (state != constants::uiLocked) return;
+    if (state != constants.uiLocked) return;
     dbg::Debug::warning() << "The screen was left locked by a zavd that was killed, unlocking it" << std::endl;
-    properties.set(constants::provisioningLockUiKey, constants::uiUnlocked);
+    properties.set(constants.provisioningLockUiKey, constants.uiUnlocked);
 }
 
 // openssl may still be writing one. They may hold decrypted settings.
@@ -52,7 +49,7 @@ void removeDecryptedLeftovers() {
     namespace fs = std::filesystem;
     std::error_code error;
     std::vector<fs::path> leftovers;
-    for (fs::recursive_directory_iterator each(provisioningDirectory(), error), end; !error && each != end;
+    for (fs::recursive_directory_iterator each(provisioningDirectory, error), end; !error && each != end;
          each.increment(error)) {
         if (each->path().extension() == ".tmp" && !each->is_directory(error)) leftovers.push_back(each->path());
     }

@@ -17,35 +17,32 @@ constexpr const char* overallStatus = "provisioningStatus";
 constexpr const char* jobStatus = "jobStatus";
 
 // Without "FileDownloadHandler" and "file": those jobs do not count in the overall status.
-const std::map<std::string, std::string>& jobCategoryByName() {
-    static const std::map<std::string, std::string> categories{
-        {"NVMJobHandler", "nvm"},
-        {"nvm", "nvm"},
-        {"CustomScenarioJobHandler", "custom"},
-        {"custom", "custom"},
-        {"FirmwareJobHandler", "firmware"},
-        {"firmware", "firmware"},
-    };
-    return categories;
-}
+const std::map<std::string, std::string> jobCategoryByName{
+    {"NVMJobHandler", "nvm"},
+    {"nvm", "nvm"},
+    {"CustomScenarioJobHandler", "custom"},
+    {"custom", "custom"},
+    {"FirmwareJobHandler", "firmware"},
+    {"firmware", "firmware"},
+};
 
 std::string wordOf(int result) {
     switch (result) {
         case jobFail:
-            return constants::failWord;
+            return constants.failWord;
         case jobPartSuccess:
-            return constants::partSuccessWord;
+            return constants.partSuccessWord;
         case jobSuccess:
-            return constants::successWord;
+            return constants.successWord;
         default:
             return {};
     }
 }
 
 std::string overallStatusOf(const std::set<std::string>& words) {
-    if (words == std::set<std::string>{constants::successWord}) return constants::successWord;
-    if (words == std::set<std::string>{constants::failWord}) return constants::failWord;
-    return constants::partSuccessWord;  // mixed results, or none
+    if (words == std::set<std::string>{constants.successWord}) return constants.successWord;
+    if (words == std::set<std::string>{constants.failWord}) return constants.failWord;
+    return constants.partSuccessWord;  // mixed results, or none
 }
 
 // Does not insert a missing member, unlike operator[] of a mutable object.
@@ -77,16 +74,16 @@ void ProvisioningStatusReporter::setJobStatus(const std::string& handlerName, in
 
 void ProvisioningStatusReporter::setJobField(const std::string& handlerName, const std::string& key,
                                              const Json::Value& value) {
-    const auto category = jobCategoryByName().find(handlerName);
-    if (category == jobCategoryByName().end()) return;
-    const std::lock_guard<std::mutex> lock(mutex_);
+    const auto category = jobCategoryByName.find(handlerName);
+    if (category == jobCategoryByName.end()) return;
+    const common::LockGuard lock(mutex_);
     document_[category->second][key] = value;
 }
 
 void ProvisioningStatusReporter::reportFinished() {
     Json::Value document;
     {
-        const std::lock_guard<std::mutex> lock(mutex_);
+        const common::LockGuard lock(mutex_);
         document = document_;
     }
     addOverallStatus(document);
@@ -96,31 +93,32 @@ void ProvisioningStatusReporter::reportFinished() {
     // and without the lock, so that a slow log does not block readers.
     dbg::Debug::info() << "Finished provisioning, status is" << dbg::verbatim(text.str()) << std::endl;
     {
-        const std::lock_guard<std::mutex> lock(mutex_);
+        const common::LockGuard lock(mutex_);
         document_ = document;
     }
-    finished_.notify_all();
+    finished_.notifyAll();
 }
 
 void ProvisioningStatusReporter::setProvisioningStatus(const std::string& status) {
-    const std::lock_guard<std::mutex> lock(mutex_);
+    const common::LockGuard lock(mutex_);
     document_[overallStatus] = status;
-    finished_.notify_all();
+    finished_.notifyAll();
 }
 
 std::string ProvisioningStatusReporter::getProvisioningStatus() {
-    const std::lock_guard<std::mutex> lock(mutex_);
+    const common::LockGuard lock(mutex_);
     return member(document_, overallStatus).asString();
 }
 
 std::string ProvisioningStatusReporter::waitForProvisioningStatus(std::chrono::milliseconds timeout) {
-    std::unique_lock<std::mutex> lock(mutex_);
-    finished_.wait_for(lock, timeout, [this] { return !member(document_, overallStatus).isNull(); });
+    const common::LockGuard lock(mutex_);
+    finished_.waitFor(mutex_, timeout,
+                      [this]() REQUIRES(mutex_) { return !member(document_, overallStatus).isNull(); });
     return member(document_, overallStatus).asString();
 }
 
 void ProvisioningStatusReporter::resetStatus() {
-    const std::lock_guard<std::mutex> lock(mutex_);
+    const common::LockGuard lock(mutex_);
     document_.clear();
 }
 

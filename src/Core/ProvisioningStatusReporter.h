@@ -7,9 +7,9 @@
 #include <json/value.h>
 
 #include <chrono>
-#include <condition_variable>
-#include <mutex>
 #include <string>
+
+#include "common/ThreadSafety.h"
 
 namespace zav {
 
@@ -35,9 +35,9 @@ class ProvisioningStatusReporter final {
     std::string waitForProvisioningStatus(std::chrono::milliseconds timeout);
 
  private:
-    std::mutex mutex_;
-    std::condition_variable finished_;
-    Json::Value document_;  // guarded by mutex_
+    common::Mutex mutex_;
+    common::ConditionVariable finished_;
+    Json::Value document_ GUARDED_BY(mutex_);
 };
 
 }  // namespace zav

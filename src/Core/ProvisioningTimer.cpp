@@ -2,16 +2,19 @@
 
 #include <array>
 #include <ctime>
+#include <random>
 #include <string>
 
 #include "Core/Constants.h"
-#include "Core/NightSchedule.h"
 #include "common/Quote.h"
 #include "debug/Debug.h"
 
 namespace zav {
 
 namespace {
+
+constexpr std::uint32_t earliestNightOffset = 3600;
+constexpr std::uint32_t latestNightOffset = 14400;
 
 // The steady clock that times the wait and the wall clock drift apart over a night.
 constexpr std::chrono::minutes clockTolerance{1};
@@ -27,11 +30,40 @@ std::string readableTime(std::chrono::system_clock::time_point time) {
 
 }  // namespace
 
+// Uniformly distributed: the generator's values are divided into equal buckets, and values beyond the last full bucket
+// are drawn again. Does not use std::uniform_int_distribution, whose results differ between standard libraries.
+std::chrono::seconds nightOffset() {
+    std::seed_seq seed(constants.macAddressKey.begin(), constants.macAddressKey.end());
+    std::minstd_rand0 generator(seed);  // multiplier 16807, modulus 2147483647, no increment
+
+    constexpr std::uint32_t wanted = latestNightOffset - earliestNightOffset + 1;
+    constexpr std::uint32_t bucket = (std::minstd_rand0::max() - std::minstd_rand0::min()) / wanted;
+    std::uint32_t value = 0;
+    do {
+        value = static_cast<std::uint32_t>(generator() - std::minstd_rand0::min());
+    } while (value >= wanted * bucket);
+    return std::chrono::seconds(earliestNightOffset + value / bucket);
+}
+
+std::chrono::system_clock::time_point nextNight(std::chrono::system_clock::time_point now,
+                                                std::chrono::seconds offset) {
+    using std::chrono::system_clock;
+    const std::time_t seconds = system_clock::to_time_t(now);
+    tzset();  // localtime_r need not re-read the time zone
+    std::tm midnight{};
+    localtime_r(&seconds, &midnight);
+    midnight.tm_sec = 0;
+    midnight.tm_min = 0;
+    midnight.tm_hour = 0;
+    const auto next = system_clock::from_time_t(std::mktime(&midnight)) + offset;
+    return next < now ? next + std::chrono::hours(24) : next;
+}
+
 std::chrono::system_clock::time_point TimerClock::now() const { return std::chrono::system_clock::now(); }
 
-std::cv_status TimerClock::waitFor(std::condition_variable& condition, std::unique_lock<std::mutex>& lock,
+std::cv_status TimerClock::waitFor(common::ConditionVariable& condition, common::Mutex& mutex,
                                    std::chrono::nanoseconds duration) const {
-    return condition.wait_for(lock, duration);  // steady clock: setting the wall clock back must not stall it
+    return condition.waitFor(mutex, duration);  // steady clock: setting the wall clock back must not stall it
 }
 
 const TimerClock& TimerClock::real() {
@@ -45,10 +77,10 @@ ProvisioningTimer::ProvisioningTimer(std::shared_ptr<propertyapi::IPropertyApi> 
 ProvisioningTimer::~ProvisioningTimer() { ProvisioningTimer::stop(); }
 
 void ProvisioningTimer::start(unsigned period) {
-    const std::lock_guard<std::mutex> control(control_);
+    const common::LockGuard control(control_);
     stopThread();
     {
-        const std::lock_guard<std::mutex> lock(mutex_);
+        const common::LockGuard lock(mutex_);
         nextTime_ = {};
         scheduleNext(period);
         period_ = period;
@@ -58,25 +90,25 @@ void ProvisioningTimer::start(unsigned period) {
 }
 
 void ProvisioningTimer::stop() {
-    const std::lock_guard<std::mutex> control(control_);
+    const common::LockGuard control(control_);
     stopThread();
 }
 
 void ProvisioningTimer::stopThread() {
     if (!thread_.joinable()) return;
     {
-        const std::lock_guard<std::mutex> lock(mutex_);
+        const common::LockGuard lock(mutex_);
         running_ = false;
     }
-    wake_.notify_all();
+    wake_.notifyAll();
     thread_.join();
     thread_ = std::thread();
 }
 
 void ProvisioningTimer::run() {
-    std::unique_lock<std::mutex> lock(mutex_);
+    const common::LockGuard lock(mutex_);
     while (running_) {
-        const std::cv_status woken = clock_.waitFor(wake_, lock, exactWait_);
+        const std::cv_status woken = clock_.waitFor(wake_, mutex_, exactWait_);
         if (woken == std::cv_status::no_timeout || !running_) {
             dbg::Debug::info() << "Provisioning timer: Abort" << std::endl;
             continue;
@@ -90,7 +122,7 @@ void ProvisioningTimer::run() {
 
 void ProvisioningTimer::requestProvisioning() {
     try {
-        properties_->set(constants::provisioningStateKey, constants::requestWord);
+        properties_->set(constants.provisioningStateKey, constants.requestWord);
     } catch (...) {  // not repeated: the next time comes by itself
     }
 }

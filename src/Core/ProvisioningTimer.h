@@ -5,11 +5,10 @@
 #pragma once
 
 #include <chrono>
-#include <condition_variable>
 #include <memory>
-#include <mutex>
 #include <thread>
 
+#include "common/ThreadSafety.h"
 #include "propertyapi/IPropertyApi.h"
 
 namespace zav {
@@ -21,19 +20,24 @@ class TimerClock {
     virtual std::chrono::system_clock::time_point now() const;
 
     /// Waits for the condition, for at most `duration`.
-    virtual std::cv_status waitFor(std::condition_variable& condition, std::unique_lock<std::mutex>& lock,
-                                   std::chrono::nanoseconds duration) const;
+    virtual std::cv_status waitFor(common::ConditionVariable& condition, common::Mutex& mutex,
+                                   std::chrono::nanoseconds duration) const REQUIRES(mutex);
 
     static const TimerClock& real();
 };
+
+/// Night offset: 13995 s (03:53:15) on every phone, because its seed is the name of the MAC address property, not its
+/// value.
+std::chrono::seconds nightOffset();
+
+/// Local midnight at the start of today plus the offset, or exactly 24 h later if that is before `now`.
+std::chrono::system_clock::time_point nextNight(std::chrono::system_clock::time_point now, std::chrono::seconds offset);
 
 class ProvisioningTimer {
  public:
     explicit ProvisioningTimer(std::shared_ptr<propertyapi::IPropertyApi> properties,
                                const TimerClock& clock = TimerClock::real());
     virtual ~ProvisioningTimer();
-    ProvisioningTimer(const ProvisioningTimer&) = delete;
-    ProvisioningTimer& operator=(const ProvisioningTimer&) = delete;
 
     /// Restarts the timer from now. `period` is in seconds, 0 for once a night. Throws std::system_error if the thread
     /// cannot be started.
@@ -44,26 +48,26 @@ class ProvisioningTimer {
 
  protected:
     virtual void run();
-    virtual void schedulePeriodic(unsigned period);
+    virtual void schedulePeriodic(unsigned period) REQUIRES(mutex_);
 
  private:
-    void scheduleNight();
-    void scheduleNext(unsigned period);
-    void stopThread();
+    void scheduleNight() REQUIRES(mutex_);
+    void scheduleNext(unsigned period) REQUIRES(mutex_);
+    void stopThread() REQUIRES(control_);
     void requestProvisioning();
-    std::chrono::system_clock::time_point scheduleReference() const;
+    std::chrono::system_clock::time_point scheduleReference() const REQUIRES(mutex_);
 
     const TimerClock& clock_;
-    std::mutex control_;  // serialises start and stop
+    common::Mutex control_;  // serialises start and stop
 
-    std::chrono::system_clock::time_point nextTime_;  // guarded by mutex_, like the members below except thread_
-    std::chrono::seconds waitDuration_{-1};           // exactWait_ in whole seconds, for the log
-    std::chrono::nanoseconds exactWait_{0};
-    std::condition_variable wake_;
-    std::thread thread_;  // guarded by control_
-    unsigned period_ = 0;
-    std::mutex mutex_;
-    bool running_ = false;
+    std::chrono::system_clock::time_point nextTime_ GUARDED_BY(mutex_);
+    std::chrono::seconds waitDuration_ GUARDED_BY(mutex_){-1};  // exactWait_ in whole seconds, for the log
+    std::chrono::nanoseconds exactWait_ GUARDED_BY(mutex_){0};
+    common::ConditionVariable wake_;
+    std::thread thread_ GUARDED_BY(control_);
+    unsigned period_ GUARDED_BY(mutex_) = 0;
+    common::Mutex mutex_;
+    bool running_ GUARDED_BY(mutex_) = false;
     const std::shared_ptr<propertyapi::IPropertyApi> properties_;
 };
 

@@ -21,20 +21,13 @@ namespace {
 constexpr const char* interfaceNamePattern = "eth";
 constexpr const char* localServerAddress = "127.0.0.1";
 constexpr timeval connectTimeout{5, 0};  // a server that does not accept must not delay shutdown
+constexpr const char* defaultFileName = "provisioning.xml";
 constexpr unsigned shortestPeriod = 600;
 constexpr unsigned longestPeriod = 86400;
 constexpr const char* firmwareCleanUpCommand = "/config/bin/clean-up-utils.sh firmware-update";
 constexpr std::chrono::milliseconds firmwareCleanUpTimeout{10000};
 
-std::string& lastReportedError() {
-    static std::string error;
-    return error;
-}
-
-const std::string& defaultFileName() {
-    static const std::string name = "provisioning.xml";
-    return name;
-}
+std::string lastReportedError;
 
 }  // namespace
 
@@ -79,13 +72,13 @@ bool canConnect(const addrinfo* addresses, const std::string& host) {
             return true;
         }
     }
-    reportErrorOnce(lastReportedError(), "Connection to " + host + " can not be performed", __LINE__);
+    reportErrorOnce(lastReportedError, "Connection to " + host + " can not be performed", __LINE__);
     return false;
 }
 
 bool isServerReachable() {
     if (!isNetworkInterfaceUp()) {
-        reportErrorOnce(lastReportedError(), "Network interface is not ready yet", __LINE__);
+        reportErrorOnce(lastReportedError, "Network interface is not ready yet", __LINE__);
         return false;
     }
     dbg::Debug::info() << "Network interface is ready. Checking server address..." << std::endl;
@@ -98,13 +91,13 @@ bool isServerReachable() {
     const std::string service = serviceOf(server);
     addrinfo* addresses = nullptr;
     if (getaddrinfo(server.host().c_str(), service.c_str(), &hints, &addresses) != 0) {
-        reportErrorOnce(lastReportedError(),
+        reportErrorOnce(lastReportedError,
                         "Could not get address information for [" + server.host() + "][" + service + "]", __LINE__);
         return false;
     }
     const std::unique_ptr<addrinfo, decltype(&freeaddrinfo)> list(addresses, freeaddrinfo);
     const bool reachable = canConnect(list.get(), server.host());
-    clearReportedError(lastReportedError(), reachable);
+    clearReportedError(lastReportedError, reachable);
     return reachable;
 }
 
@@ -123,7 +116,7 @@ unsigned checkPeriod(const std::string& text) {
 
 UrlInfo makeUrlInfo(const std::string& url) {
     UrlInfo info(url);
-    if (info.fileName().empty()) info.setFileName(defaultFileName());
+    if (info.fileName().empty()) info.setFileName(defaultFileName);
     return info;
 }
 
@@ -139,22 +132,10 @@ std::string serviceOf(const UrlInfo& urlInfo) {
     return urlInfo.port() == 0 ? urlInfo.scheme() : std::to_string(urlInfo.port());
 }
 
-const std::string& provisioningDirectory() {
-    static const std::string directory = "/var/volatile/provisioning/";
-    return directory;
-}
-
-std::string provisioningPath(const std::string& a, const std::string& b) {
-    return provisioningDirectory() + a + "/" + b;
-}
-
-const std::string& firmwareDirectory() {
-    static const std::string directory = "/config/swupdate/";
-    return directory;
-}
+std::string provisioningPath(const std::string& a, const std::string& b) { return provisioningDirectory + a + "/" + b; }
 
 void cleanFirmwareUpdate(const common::StopSignal* stop) {
-    filesystem::removeAllFromDirectory(firmwareDirectory());
+    filesystem::removeAllFromDirectory(firmwareDirectory);
     os::execute(firmwareCleanUpCommand, firmwareCleanUpTimeout, stop);
 }
 

@@ -49,13 +49,13 @@ std::string serverPrefix(const UrlInfo& urlInfo);
 std::string serviceOf(const UrlInfo& urlInfo);
 
 /// The folder of downloaded provisioning files, ending in "/".
-const std::string& provisioningDirectory();
+inline const std::string provisioningDirectory = "/var/volatile/provisioning/";
 
-/// provisioningDirectory() + a + "/" + b
+/// provisioningDirectory + a + "/" + b
 std::string provisioningPath(const std::string& a, const std::string& b);
 
 /// The firmware staging folder, ending in "/".
-const std::string& firmwareDirectory();
+inline const std::string firmwareDirectory = "/config/swupdate/";
 
 /// Empties the firmware staging folder and runs the device's clean-up script. Blocks for up to 10 s; `stop` ends the
 /// script earlier, see os::execute. Throws what filesystem::removeAllFromDirectory and os::execute throw.

@@ -1,22 +1,123 @@
 #include "xml/Library.h"
 
+#include <libxml/SAX2.h>
+#include <libxml/dict.h>
 #include <libxml/parser.h>
+#include <libxml/parserInternals.h>
+#include <libxml/xmlIO.h>
+#include <libxml/xmlerror.h>
 
-#include <mutex>
-
-#include "xml/EntityLoader.h"
+#include "common/ThreadSafety.h"
 
 namespace zav::xml {
 
 namespace {
 
-std::mutex mutex;
-unsigned instances = 0;  // guarded by mutex
+common::Mutex mutex;
+unsigned instances GUARDED_BY(mutex) = 0;
+
+struct Document {
+    const std::string* path = nullptr;
+    common::Descriptor* file = nullptr;  // empty once libxml2 has taken it over
+    unsigned nodes = 0;
+};
+
+thread_local Document document;
+
+constexpr unsigned maximumNodes = 1250000;  // elements, attributes, comments and similar together
+// libxml2 compares the attributes of an element in pairs: 40,000 of them take 20 s. Limiting the names of the document
+// bounds the first such element; countElement then ends the document.
+constexpr int maximumAttributes = 64;
+constexpr std::size_t maximumNameBytes = 64U * 1024U;
+
+void swallowError(void*, xmlErrorPtr) {}
+
+void refuse(void* context) {
+    auto* const parser = static_cast<xmlParserCtxtPtr>(context);
+    parser->wellFormed = 0;  // xmlStopParser alone would return what was read so far
+    xmlStopParser(parser);
+}
+
+void refuseEntity(void* context, const xmlChar*, int, const xmlChar*, const xmlChar*, xmlChar*) { refuse(context); }
+
+void refuseUnparsedEntity(void* context, const xmlChar*, const xmlChar*, const xmlChar*, const xmlChar*) {
+    refuse(context);
+}
+
+void refuseAttributeList(void* context, const xmlChar*, const xmlChar*, int, int, const xmlChar*,
+                         xmlEnumerationPtr values) {
+    xmlFreeEnumeration(values);
+    refuse(context);
+}
+
+bool fits(void* context, unsigned nodes) {
+    document.nodes += nodes;
+    if (document.nodes <= maximumNodes) return true;
+    refuse(context);
+    return false;
+}
+
+void countElement(void* context, const xmlChar* name, const xmlChar* prefix, const xmlChar* uri, int namespaceCount,
+                  const xmlChar** namespaces, int attributeCount, int defaulted, const xmlChar** attributes) {
+    if (attributeCount > maximumAttributes) {
+        refuse(context);
+        return;  // `attributes` points into the buffer that refuse() freed
+    }
+    if (!fits(context, 1 + static_cast<unsigned>(attributeCount) + static_cast<unsigned>(namespaceCount))) return;
+    xmlSAX2StartElementNs(context, name, prefix, uri, namespaceCount, namespaces, attributeCount, defaulted,
+                          attributes);
+}
+
+void countComment(void* context, const xmlChar* text) {
+    if (fits(context, 1)) xmlSAX2Comment(context, text);
+}
+
+void countInstruction(void* context, const xmlChar* target, const xmlChar* data) {
+    if (fits(context, 1)) xmlSAX2ProcessingInstruction(context, target, data);
+}
+
+void countCdata(void* context, const xmlChar* text, int length) {
+    if (fits(context, 1)) xmlSAX2CDataBlock(context, text, length);
+}
+
+// Text only tells that its element is not empty, for which one text node is enough. Keeping all line breaks between
+// elements would double the memory.
+void keepFirstText(void* context, const xmlChar* text, int length) {
+    const auto* const parser = static_cast<xmlParserCtxtPtr>(context);
+    if (parser->node != nullptr && parser->node->children == nullptr) xmlSAX2Characters(context, text, length);
+}
+
+// libxml2's external-entity loader, which also opens the document itself. It reads from a descriptor: given a name,
+// libxml2 would inflate gzip, xz and lzma files.
+xmlParserInputPtr loadOnlyTheDocument(const char* url, const char*, xmlParserCtxtPtr context) {
+    const bool isDocument = document.file != nullptr && document.file->get() >= 0 && url != nullptr &&
+                            context != nullptr && *document.path == url && context->sax != nullptr;
+    if (!isDocument) return nullptr;
+    // Nothing has been parsed yet, so the handlers see the whole document.
+    context->sax->entityDecl = refuseEntity;
+    context->sax->unparsedEntityDecl = refuseUnparsedEntity;
+    context->sax->attributeDecl = refuseAttributeList;
+    context->sax->startElementNs = countElement;
+    context->sax->comment = countComment;
+    context->sax->processingInstruction = countInstruction;
+    context->sax->cdataBlock = countCdata;
+    context->sax->characters = keepFirstText;
+    context->sax->ignorableWhitespace = keepFirstText;
+    context->options |= XML_PARSE_COMPACT;  // stores short attribute values without an allocation
+    xmlDictSetLimit(context->dict, maximumNameBytes);
+
+    xmlParserInputBufferPtr buffer = xmlParserInputBufferCreateFd(document.file->get(), XML_CHAR_ENCODING_NONE);
+    if (buffer == nullptr) return nullptr;
+    static_cast<void>(document.file->release());  // closed with the buffer
+    xmlParserInputPtr input = xmlNewIOInputStream(context, buffer, XML_CHAR_ENCODING_NONE);
+    if (input == nullptr) xmlFreeParserInputBuffer(buffer);
+    return input;
+}
 
 }  // namespace
 
 Library::Library() {
-    const std::lock_guard<std::mutex> lock(mutex);
+    const common::LockGuard lock(mutex);
     if (instances++ == 0) {
         xmlInitParser();
         xmlSetExternalEntityLoader(loadOnlyTheDocument);
@@ -24,8 +125,18 @@ Library::Library() {
 }
 
 Library::~Library() {
-    const std::lock_guard<std::mutex> lock(mutex);
+    const common::LockGuard lock(mutex);
     if (--instances == 0) xmlCleanupParser();
+}
+
+DocumentScope::DocumentScope(const std::string& path, common::Descriptor& file) {
+    document = {&path, &file, 0};
+    xmlSetStructuredErrorFunc(nullptr, swallowError);
+}
+
+DocumentScope::~DocumentScope() {
+    xmlSetStructuredErrorFunc(nullptr, nullptr);
+    document = {};
 }
 
 }  // namespace zav::xml

@@ -5,8 +5,6 @@
 #include <libxml/tree.h>
 #include <sys/stat.h>
 
-#include "xml/EntityLoader.h"
-
 namespace zav {
 
 namespace {

@@ -21,10 +21,7 @@ class XMLReader {
     /// Larger files are refused. Bytes.
     static constexpr long maximumFileSize = 16L * 1024 * 1024;
 
-    XMLReader() = default;
     virtual ~XMLReader();
-    XMLReader(const XMLReader&) = delete;
-    XMLReader& operator=(const XMLReader&) = delete;
 
     /// Loads a document, replacing the current one. Returns false, with no document loaded, if the file is not a
     /// regular file of at most maximumFileSize, is not well-formed XML, declares entities or attribute lists, or has

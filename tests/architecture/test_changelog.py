@@ -22,6 +22,11 @@ class Changelog(unittest.TestCase):
         version = re.search(r"project\(zav VERSION (\S+)", (tree.ROOT / "CMakeLists.txt").read_text()).group(1)
         self.assertEqual(RELEASE.findall(changelog())[0], version)
 
+    def test_the_packages_have_the_version_of_the_programs(self):
+        version = re.search(r"project\(zav VERSION (\S+)", (tree.ROOT / "CMakeLists.txt").read_text()).group(1)
+        first = (tree.ROOT / "packaging/debian/changelog").read_text(encoding="utf-8").splitlines()[0]
+        self.assertRegex(first, rf"^zav \({re.escape(version)}-\d+\) ")
+
 
 if __name__ == "__main__":
     unittest.main()

@@ -17,6 +17,9 @@ PLATFORM = {
     "version": {"debug", "common"},
 }
 
+# A header that any library may include: it needs nothing but the standard library.
+EVERYWHERE = "common/ThreadSafety.h"
+
 # A library's headers and the only places that may include them.
 FENCED = {
     r"mosquitto.*\.h|mqtt_protocol\.h": r"platform/ipc/src/.*",
@@ -35,7 +38,7 @@ DOCTOR = (r"tools/zavctl/Doctor\w+\.cpp",
 
 # The daemon's files by rank: a file includes its own rank and those before it.
 RANKS = [
-    r"xml/.*|Core/(Constants|GlobalConfig|Utils|Pass|PassState|Predecessor|NightSchedule|ProvisioningTimer"
+    r"xml/.*|Core/(Constants|GlobalConfig|Utils|Pass|Predecessor|ProvisioningTimer"
     r"|ProvisioningStatusReporter|Init)\.\w+"
     r"|Core/ProvisioningWatchdog/(ProgressReporter|IProvisioningWorker|DeferredWrites)\.\w+",
     r"Core/JobHandlers/.*",
@@ -67,9 +70,15 @@ class DependencyRules(unittest.TestCase):
             self.assertIn(library, PLATFORM, f"{name}: a library that has no rule")
             for kind, target in tree.includes(name):
                 other = target.split("/")[0]
+                if target == EVERYWHERE:
+                    continue
                 if kind == '"' and other in PLATFORM and other != library and other not in PLATFORM[library]:
                     wrong.append(f"{name} includes {target}")
         self.assertEqual(wrong, [])
+
+    def test_a_header_for_every_library_needs_none_of_them(self):
+        kinds = {kind for kind, _ in tree.includes(f"platform/common/include/{EVERYWHERE}")}
+        self.assertEqual(kinds, {"<"})
 
     def test_the_platform_knows_nothing_of_what_stands_on_it(self):
         wrong = [f"{name} includes {target}"

@@ -11,11 +11,11 @@ PRODUCT = ("src", "platform", "services", "tools", "lab")
 # Where a thread begins: an object that is given something to run. platform/ipc starts its own through `startThread`,
 # whose body is not a thread of its own.
 STARTS = re.compile(r"\bstd::j?thread\s*[({]\s*(?!std::move\b)[^\s)}]"
-                    r"|\bstd::j?thread\s+(?!startThread\b)\w+\s*[({]\s*[^\s)}]"
+                    r"|\bstd::j?thread\s+(?!startThread\b)\w+\s*[({]\s*(?!std::move\b)[^\s)}]"
                     r"|\bthread_\s*[({]\s*\[|\bthreads?_?\.emplace_back\(|\bstd::async\b|\bpthread_create\b"
                     r"|\bstartThread\(\s*\"")
 LOCK = re.compile(r"^\s*(?:static\s+|mutable\s+)*"
-                  r"(?:std::(?:recursive_|shared_|timed_)*mutex|(?:common::)?Mutex)\s+(\w+)\s*(?:;|\{\}|=)", re.M)
+                  r"(?:std::(?:recursive_|shared_|timed_)*mutex|(?:common::)?(?:Recursive)?Mutex)\s+(\w+)\s*(?:;|\{\}|=)", re.M)
 CODE = re.compile(r"`([^`]+)`")
 
 

@@ -10,7 +10,7 @@ import tempfile
 ROOT = pathlib.Path(__file__).resolve().parents[2]
 # What changes a build, besides the arguments.
 OUR_ENVIRONMENT = ("CXX", "CC", "CXXFLAGS", "CFLAGS", "CPPFLAGS", "LDFLAGS", "CMAKE_CXX_COMPILER_LAUNCHER",
-                   "CMAKE_BUILD_TYPE", "CMAKE_GENERATOR")
+                   "CMAKE_BUILD_TYPE", "CMAKE_GENERATOR", "CCACHE_BASEDIR", "CCACHE_NOHASHDIR")
 WARNINGS_ARE_ERRORS = "-DCMAKE_COMPILE_WARNING_AS_ERROR=ON"
 
 

@@ -2,7 +2,7 @@
 
 #include <ostream>
 
-#include "propertyapi/PatientCalls.h"
+#include "propertyapi/RecoveryScope.h"
 
 namespace fakes {
 
@@ -27,7 +27,7 @@ std::ostream& operator<<(std::ostream& stream, const PropertyWrite& write) {
 FakeProperties::FakeProperties(Values values) : values_(std::move(values)) {}
 
 void FakeProperties::check(Call kind, const std::string& key) {
-    if (propertyapi::PatientCalls::onThisThread()) patientCalls_.push_back(key);
+    if (propertyapi::RecoveryScope::onThisThread()) recoveryCalls_.push_back(key);
     if (const auto failing = failingCall_.find(kind); failing != failingCall_.end() && --failing->second == 0) {
         failingCall_.erase(failing);
         offline(key);
@@ -107,9 +107,9 @@ std::vector<std::string> FakeProperties::reads() const {
     return reads_;
 }
 
-std::vector<std::string> FakeProperties::patientCalls() const {
+std::vector<std::string> FakeProperties::recoveryCalls() const {
     const std::lock_guard<std::mutex> lock(mutex_);
-    return patientCalls_;
+    return recoveryCalls_;
 }
 
 void FakeProperties::beginShutdown() {
@@ -126,7 +126,7 @@ void FakeProperties::forgetCalls() {
     const std::lock_guard<std::mutex> lock(mutex_);
     writes_.clear();
     reads_.clear();
-    patientCalls_.clear();
+    recoveryCalls_.clear();
 }
 
 void FakeProperties::failCall(Call kind, std::size_t n) {

@@ -54,8 +54,8 @@ class FakeProperties : public propertyapi::IPropertyApi {
     std::vector<std::string> writesTo(const std::string& key) const;
     /// Keys read, in order.
     std::vector<std::string> reads() const;
-    /// Keys of the calls made under PatientCalls, in order: reads, and writes even if refused.
-    std::vector<std::string> patientCalls() const;
+    /// Keys of the calls made under RecoveryScope, in order: reads, and writes even if refused.
+    std::vector<std::string> recoveryCalls() const;
     void forgetCalls();
     bool shutdownBegun() const;
 
@@ -87,7 +87,7 @@ class FakeProperties : public propertyapi::IPropertyApi {
     Values values_;
     std::vector<PropertyWrite> writes_;
     std::vector<std::string> reads_;
-    std::vector<std::string> patientCalls_;
+    std::vector<std::string> recoveryCalls_;
     bool shutdownBegun_ = false;
     std::map<Call, std::size_t> failingCall_;  // calls left until the failing one
     std::map<std::string, bool> failingKeys_;

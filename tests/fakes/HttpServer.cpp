@@ -217,7 +217,7 @@ void HttpServer::State::close(Connection& connection, Ending how) {
     if (how == Ending::reset) {
         // Connecting to AF_UNSPEC drops the connection at once and keeps the descriptor.
         const sockaddr nobody{};
-        ::connect(connection.fd, &nobody, sizeof nobody);
+        static_cast<void>(::connect(connection.fd, &nobody, sizeof nobody));
     }
     // The descriptor stays open until the end, so that its number is not reused.
     ::shutdown(connection.fd, SHUT_RDWR);

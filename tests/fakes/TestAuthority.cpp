@@ -34,6 +34,9 @@ Owned<EVP_PKEY> makeKey() {
     return key;
 }
 
+int daysOf(TestAuthority::Hours time) { return static_cast<int>(time.count() / 24); }
+long secondsOf(TestAuthority::Hours time) { return static_cast<long>(time.count() % 24) * 3600; }
+
 Owned<X509> makeCertificate(const std::string& name, EVP_PKEY* key, TestAuthority::Hours begin,
                             TestAuthority::Hours end) {
     Owned<X509> certificate(X509_new());
@@ -42,8 +45,9 @@ Owned<X509> makeCertificate(const std::string& name, EVP_PKEY* key, TestAuthorit
     std::uint64_t serial = 0;
     RAND_bytes(reinterpret_cast<unsigned char*>(&serial), sizeof serial);
     ASN1_INTEGER_set_uint64(X509_get_serialNumber(certificate.get()), serial >> 1U);
-    X509_gmtime_adj(X509_getm_notBefore(certificate.get()), std::chrono::seconds(begin).count());
-    X509_gmtime_adj(X509_getm_notAfter(certificate.get()), std::chrono::seconds(end).count());
+    // Days, because a long of seconds may end after 68 years.
+    X509_time_adj_ex(X509_getm_notBefore(certificate.get()), daysOf(begin), secondsOf(begin), nullptr);
+    X509_time_adj_ex(X509_getm_notAfter(certificate.get()), daysOf(end), secondsOf(end), nullptr);
     X509_set_pubkey(certificate.get(), key);
     X509_NAME_add_entry_by_txt(X509_get_subject_name(certificate.get()), "CN", MBSTRING_UTF8,
                                reinterpret_cast<const unsigned char*>(name.data()), static_cast<int>(name.size()), -1,

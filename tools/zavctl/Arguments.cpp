@@ -30,7 +30,8 @@ class Splitter {
                 if (takeOption(*option, word, next)) ++at;
                 afterKey_ = false;
             } else if (!literal_ && word == "--" && !(afterKey_ && next == nullptr)) {
-                takeSeparator();
+                literal_ = true;
+                if (command_ == nullptr) result_.error = "the command must come before \"--\"";
             } else {
                 takeWord(word);
                 afterKey_ = isValueNext();
@@ -70,11 +71,6 @@ class Splitter {
     }
 
     bool isValueNext() const { return result_.command == "set" && result_.positionals.size() == 1; }
-
-    void takeSeparator() {
-        literal_ = true;
-        if (command_ == nullptr) result_.error = "the command must come before \"--\"";
-    }
 
     void takeWord(const std::string& word) {
         if (!literal_ && looksLikeOption(word) && !isValueNext()) {

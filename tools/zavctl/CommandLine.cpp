@@ -1,19 +1,75 @@
-#include "CommandLine.h"
-
 #include <CLI/CLI.hpp>
 #include <functional>
 #include <optional>
 
 #include "Arguments.h"
 #include "Commands.h"
-#include "Failure.h"
-#include "Help.h"
 #include "Output.h"
 #include "ipc/Address.h"
 
 namespace zavctl {
 
 namespace {
+
+constexpr char noAnswer[] = "the property service did not answer in time";
+constexpr char noKey[] = "no such key";
+constexpr char noPrefix[] = "no key begins with PREFIX";
+constexpr char notWritten[] = "the output could not be written";
+constexpr char refused[] = "a setting was refused and nothing written, or the file cannot be read";
+
+struct Positional {
+    const char* name;
+    const char* description;
+    bool required = true;
+};
+
+const Positional key{"KEY", "Key of the property"};
+const Positional prefix{"PREFIX", "Only keys that begin with it; default: all", false};
+const Positional inputFile{"FILE", "The file; - is standard input"};
+
+// What the exit statuses of a command mean; null: the command never exits with it.
+struct Statuses {
+    const char* done;
+    const char* failed = notWritten;
+    const char* noSuchKey = nullptr;
+    const char* timedOut = noAnswer;
+};
+
+using Examples = std::vector<std::string>;
+
+std::string exampleLines(const Examples& examples) {
+    std::string text = "Examples:";
+    for (const std::string& example : examples) text += "\n  " + example;
+    return text;
+}
+
+std::string footer(const Statuses& statuses, const Examples& examples) {
+    const std::vector<std::pair<const char*, const char*>> meanings{
+        {"0", statuses.done},
+        {"1", statuses.failed},
+        {"2", "the command line is wrong"},
+        {"3", "the broker or the property service cannot be reached"},
+        {"4", statuses.noSuchKey},
+        {"5", statuses.timedOut}};
+    std::string text = "Exit status:\n";
+    for (const auto& [status, meaning] : meanings) {
+        if (meaning != nullptr) text += "  " + std::string(status) + "  " + meaning + "\n";
+    }
+    return text + "\n" + exampleLines(examples) +
+           "\n\nEvery command also accepts --json and --host HOST[:PORT]; see zavctl help.";
+}
+
+std::string generalFooter() {
+    return "Exit status: 0 done (also a pass that ended partSuccess), 1 the operation failed (a pass that ended fail, "
+           "a value\n"
+           "that is not allowed), 2 usage, 3 broker or property service unreachable, 4 no such key, 5 timed out.\n"
+           "\n" +
+           exampleLines({"zavctl set System.Provision.ProvisioningServer https://server.example/phones/",
+                         "zavctl provision --wait --timeout 120", "zavctl list NET.", "zavctl watch State. --json",
+                         "zavctl export Audio. >audio.json; zavctl import audio.json --apply"}) +
+           "\n\n"
+           "See zavctl help COMMAND for the options, exit statuses and examples of a command.";
+}
 
 Failure usageFailure(const std::string& command, const std::string& reason) {
     return {ExitCode::usage, "usage", reason + " (see zavctl " + (command.empty() ? "" : command + " ") + "--help)"};
@@ -34,9 +90,7 @@ class CommandLine {
         addProvisioningCommands();
         addTransferCommands();
         addFileCommands();
-        CLI::App* const helpCommand = addCommand("help", "Shows the help of a command; without one, lists the commands",
-                                                 [this] { return help(); });
-        addPositional(helpCommand, "COMMAND", "The command", false);
+        addHelp();
     }
 
     ExitCode run(const std::vector<std::string>& words) {
@@ -44,11 +98,11 @@ class CommandLine {
         try {
             execute(arguments);
             environment_.out.flush();
-            if (!environment_.out) throw Failure(ExitCode::failed, "failed", "the output could not be written");
+            if (!environment_.out) throw Failure(ExitCode::failed, "failed", notWritten);
             return code_;
         } catch (...) {
             const Failure failure = currentFailure();
-            printFailure(environment_.out, environment_.err, arguments.json, failure);
+            print(failure, arguments.json);
             return failure.code();
         }
     }
@@ -68,6 +122,14 @@ class CommandLine {
         }
     }
 
+    void print(const Failure& failure, bool json) const {
+        if (json) {
+            printJson(environment_.out, toObject({{"error", failure.name()}, {"reason", failure.what()}}));
+        } else {
+            printError(environment_.err, failure.what());
+        }
+    }
+
     // The parser wants the last word first. It gets placeholders for the positional arguments, so that it checks their
     // number only.
     static std::vector<std::string> parserWords(const Arguments& arguments) {
@@ -77,15 +139,15 @@ class CommandLine {
         return words;
     }
 
-    CLI::App* addCommand(const char* name, const char* description, std::function<ExitCode()> action) {
+    CLI::App* addCommand(const char* name, const char* description, const std::vector<Positional>& positionals,
+                         const Statuses& statuses, const Examples& examples, std::function<void()> action) {
         CLI::App* const command = app_.add_subcommand(name, description);
-        command->footer(footerOf(name));
-        command->final_callback([this, action = std::move(action)] { code_ = action(); });
+        for (const Positional& one : positionals) {
+            command->add_option(one.name, ignored_, one.description)->required(one.required);
+        }
+        command->footer(footer(statuses, examples));
+        command->final_callback(std::move(action));
         return command;
-    }
-
-    void addPositional(CLI::App* command, const char* name, const char* description, bool required) {
-        command->add_option(name, ignored_, description)->required(required);
     }
 
     /// The command's n-th positional argument, "" if it was left out.
@@ -98,104 +160,122 @@ class CommandLine {
     }
 
     void addPropertyCommands() {
-        CLI::App* command = addCommand("get", "Prints the value of a property",
-                                       [this] { return get(environment_, options_, positional(0)); });
-        addPositional(command, "KEY", "Key of the property", true);
-
-        command = addCommand("set", "Writes the value of a property",
-                             [this] { return set(environment_, options_, positional(0), positional(1)); });
-        addPositional(command, "KEY", "Key of the property", true);
-        addPositional(command, "VALUE", "The value, taken literally; put \"--\" before a value that is also an option",
-                      true);
-
-        command = addCommand("list", "Prints properties, sorted by key",
-                             [this] { return list(environment_, options_, positional(0)); });
-        addPositional(command, "PREFIX", "Only keys that begin with it; default: all", false);
-        addShowSecrets(command);
-
-        command = addCommand("keys", "Prints the keys of properties",
-                             [this] { return keys(environment_, options_, positional(0)); });
-        addPositional(command, "PREFIX", "Only keys that begin with it; default: all", false);
-
-        command = addCommand("describe", "Prints the definition of a property",
-                             [this] { return describe(environment_, options_, positional(0)); });
-        addPositional(command, "KEY", "Key of the property", true);
-
-        command = addCommand("watch", "Prints changes as they happen, until interrupted",
-                             [this] { return watch(environment_, options_, positional(0)); });
-        addPositional(command, "PREFIX", "Only keys that begin with it; default: all", false);
+        addCommand("get", "Prints the value of a property", {key}, {"the value was printed", notWritten, noKey},
+                   {"zavctl get NET.MAC.Address", "zavctl get System.Provision.Period --json"},
+                   [this] { get(environment_, options_, positional(0)); });
+        addCommand("set", "Writes the value of a property",
+                   {key, {"VALUE", "The value, taken literally; put \"--\" before a value that is also an option"}},
+                   {"the value was written", "the value is not allowed, or the property cannot be written", noKey},
+                   {"zavctl set System.Provision.ProvisioningServer https://server.example/phones/",
+                    "zavctl set System.General.Location ''", "zavctl set System.General.Location -- --json"},
+                   [this] { set(environment_, options_, positional(0), positional(1)); });
+        addShowSecrets(addCommand("list", "Prints properties, sorted by key", {prefix},
+                                  {"properties were printed", notWritten, noPrefix},
+                                  {"zavctl list NET.", "zavctl list --show-secrets System.Provision."},
+                                  [this] { list(environment_, options_, positional(0)); }));
+        addCommand("keys", "Prints the keys of properties", {prefix}, {"keys were printed", notWritten, noPrefix},
+                   {"zavctl keys State."}, [this] { keys(environment_, options_, positional(0)); });
+        addCommand("describe", "Prints the definition of a property", {key},
+                   {"the definition was printed", notWritten, noKey}, {"zavctl describe System.Reboot.Automatic.Hour"},
+                   [this] { describe(environment_, options_, positional(0)); });
+        addCommand("watch", "Prints changes as they happen, until interrupted", {prefix},
+                   {"interrupted (Ctrl-C, SIGTERM)"}, {"zavctl watch", "zavctl watch State. --json"},
+                   [this] { watch(environment_, options_, positional(0)); });
     }
 
     void addProvisioningCommands() {
-        CLI::App* const command = addCommand("provision", "Requests a provisioning pass", [this] {
-            const std::chrono::duration<double> timeout(timeoutSeconds_);
-            return provision(environment_, options_, wait_,
-                             std::chrono::duration_cast<std::chrono::milliseconds>(timeout));
-        });
+        CLI::App* const command =
+            addCommand("provision", "Requests a provisioning pass", {},
+                       {"the pass was requested; with --wait: it ended success or partSuccess",
+                        "the pass ended fail, or the request was refused", nullptr,
+                        "the pass did not end within the time-out; it may continue"},
+                       {"zavctl provision", "zavctl provision --wait --timeout 120"}, [this] {
+                           const std::chrono::duration<double> timeout(timeoutSeconds_);
+                           code_ = provision(environment_, options_, wait_,
+                                             std::chrono::duration_cast<std::chrono::milliseconds>(timeout));
+                       });
         command->add_flag("--wait", wait_, "Waits for the end of the pass; prints its result and HTTP status");
         command->add_option("--timeout", timeoutSeconds_, "Time-out in seconds")
             ->check(CLI::Range(0.001, 1e6))
             ->capture_default_str();
-        addCommand("status", "Prints server, last result, user interface lock, versions and period",
-                   [this] { return status(environment_, options_); });
-        addCommand("doctor", "Finds out why the phone does not provision, and changes nothing",
-                   [this] { return doctor(environment_, options_, log_); })
+        addCommand("status", "Prints server, last result, user interface lock, versions and period", {},
+                   {"the status was printed"}, {"zavctl status", "zavctl status --json"},
+                   [this] { status(environment_, options_); });
+        addCommand("doctor", "Finds out why the phone does not provision, and changes nothing", {},
+                   {"no error was found", "an error was found", nullptr, nullptr},
+                   {"zavctl doctor", "zavctl doctor --json"}, [this] { code_ = doctor(environment_, options_, log_); })
             ->add_option("--log", log_, "File with the daemon's log; default: the journal of zavd.service")
             ->envname("ZAVD_LOG");
     }
 
     void addTransferCommands() {
-        CLI::App* command = addCommand("export", "Prints settings in the format that import reads",
-                                       [this] { return exportSettings(environment_, options_, positional(0)); });
-        addPositional(command, "PREFIX", "Only keys that begin with it; default: all", false);
-        addShowSecrets(command);
-
-        command = addCommand("import", "Shows what a settings file would change; --apply writes it",
-                             [this] { return importSettings(environment_, options_, positional(0), apply_); });
-        addPositional(command, "FILE", "The file; - is standard input", true);
+        addShowSecrets(addCommand("export", "Prints settings in the format that import reads", {prefix},
+                                  {"settings were printed", notWritten, "no setting begins with PREFIX"},
+                                  {"zavctl export Audio. >audio.json", "zavctl export --show-secrets >all.json"},
+                                  [this] { exportSettings(environment_, options_, positional(0)); }));
+        CLI::App* command =
+            addCommand("import", "Shows what a settings file would change; --apply writes it", {inputFile},
+                       {"the changes were shown; with --apply: written", refused, "none of the refused keys exists"},
+                       {"zavctl import audio.json", "zavctl import --apply audio.json", "zavctl import - <audio.json"},
+                       [this] { importSettings(environment_, options_, positional(0), apply_); });
         command->add_flag("--apply", apply_, "Writes all changes, or none if any is refused");
         addShowSecrets(command);
-
-        command = addCommand("diff", "Compares a settings file with another file or with the phone",
-                             [this] { return diff(); });
-        addPositional(command, "A", "A file; - is standard input", true);
-        addPositional(command, "B", "Another file; default: the phone, for the keys in A", false);
+        command = addCommand(
+            "diff", "Compares a settings file with another file or with the phone",
+            {{"A", "A file; - is standard input"}, {"B", "Another file; default: the phone, for the keys in A", false}},
+            {"the comparison was printed, with or without differences", "a file cannot be read"},
+            {"zavctl diff audio.json", "zavctl diff --all audio.json", "zavctl diff before.json after.json"},
+            [this] { diff(); });
         command->add_flag("--all", all_,
                           "Compares all settings of the phone, including those that are not in the file");
         addShowSecrets(command);
-
-        command = addCommand("reset", "Resets settings to their defaults",
-                             [this] { return reset(environment_, options_, positional(0)); });
-        addPositional(command, "KEY", "A key, or a prefix that ends in a dot: Audio.", true);
+        addCommand(
+            "reset", "Resets settings to their defaults", {{"KEY", "A key, or a prefix that ends in a dot: Audio."}},
+            {"the settings were reset", "a property cannot be written", "no such key, or no key begins with PREFIX."},
+            {"zavctl reset Audio.Ringer.Volume", "zavctl reset Audio."},
+            [this] { reset(environment_, options_, positional(0)); });
     }
 
     void addFileCommands() {
-        CLI::App* command = addCommand("backup", "Writes all settings to a file",
-                                       [this] { return backup(environment_, options_, positional(0), replace_); });
-        addPositional(command, "FILE", "The file, readable by its owner only; - is standard output", true);
+        CLI::App* const command =
+            addCommand("backup", "Writes all settings to a file",
+                       {{"FILE", "The file, readable by its owner only; - is standard output"}},
+                       {"the backup was written", "the file already exists, or cannot be written"},
+                       {"zavctl backup settings.json", "zavctl backup --force settings.json",
+                        "zavctl backup - | gzip >settings.json.gz"},
+                       [this] { backup(environment_, options_, positional(0), replace_); });
         command->add_flag("--force", replace_, "Replaces a file that exists");
-
-        command = addCommand("restore", "Restores all settings from a backup",
-                             [this] { return restore(environment_, options_, positional(0)); });
-        addPositional(command, "FILE", "The file; - is standard input", true);
+        addCommand("restore", "Restores all settings from a backup", {inputFile},
+                   {"the settings were written", refused},
+                   {"zavctl restore settings.json", "zcat settings.json.gz | zavctl restore -"},
+                   [this] { restore(environment_, options_, positional(0)); });
     }
 
-    ExitCode diff() {
-        if (positionals_.size() == 1) return diffSettings(environment_, options_, positionals_[0], std::nullopt, all_);
-        if (all_) throw usageFailure("diff", "--all compares a file with the phone, not with another file");
-        return diffSettings(environment_, options_, positionals_[0], positionals_[1], false);
+    void addHelp() {
+        CLI::App* const command = addCommand("help", "Shows the help of a command; without one, lists the commands",
+                                             {{"COMMAND", "The command", false}}, {}, {}, [this] { help(); });
+        command->footer(
+            "Exit status:\n  0  the help was printed\n  1  the output could not be written\n"
+            "  2  no such command\n\n" +
+            exampleLines({"zavctl help", "zavctl help provision"}));
     }
 
-    ExitCode help() {
+    void diff() {
+        std::optional<std::string> after;
+        if (positionals_.size() > 1) after = positionals_[1];
+        if (all_ && after) throw usageFailure("diff", "--all compares a file with the phone, not with another file");
+        diffSettings(environment_, options_, positional(0), after, all_);
+    }
+
+    void help() {
         if (positionals_.empty()) {
             environment_.out << app_.get_formatter()->make_help(&app_, app_.get_name(), CLI::AppFormatMode::Normal);
-            return ExitCode::done;
+            return;
         }
         const std::vector<CLI::App*> found =
             app_.get_subcommands([this](const CLI::App* command) { return command->get_name() == positional(0); });
         if (found.empty()) throw usageFailure("", "unknown command \"" + positional(0) + "\"");
         environment_.out << found.front()->help(app_.get_name());
-        return ExitCode::done;
     }
 
     const Environment& environment_;
@@ -214,7 +294,7 @@ class CommandLine {
 
 }  // namespace
 
-ExitCode run(std::vector<std::string> arguments, const Environment& environment) {
+ExitCode run(const std::vector<std::string>& arguments, const Environment& environment) {
     return CommandLine(environment).run(arguments);
 }
 

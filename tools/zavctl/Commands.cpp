@@ -2,25 +2,23 @@
 
 #include <json/value.h>
 
-#include <algorithm>
-#include <iomanip>
 #include <utility>
 #include <vector>
 
 #include "Definitions.h"
 #include "Output.h"
 #include "Session.h"
+#include "common/UrlSyntax.h"
 #include "debug/Debug.h"
+#include "propertyprotocol/Errors.h"
+#include "propertyprotocol/Topics.h"
 
 namespace zavctl {
 
 namespace {
 
 Json::Value pair(const std::string& key, const std::string& value) {
-    Json::Value object;
-    object["param"] = key;
-    object["value"] = value;
-    return object;
+    return toObject({{"param", key}, {"value", value}});
 }
 
 std::string getOrEmpty(propertyapi::IPropertyApi& properties, const std::string& key) {
@@ -29,10 +27,6 @@ std::string getOrEmpty(propertyapi::IPropertyApi& properties, const std::string&
     } catch (const propertyapi::PropertyNotFoundException&) {
         return {};
     }
-}
-
-bool isNumber(const std::string& text) {
-    return !text.empty() && text.size() < 10 && text.find_first_not_of("0123456789") == std::string::npos;
 }
 
 std::string periodText(const std::string& period) {
@@ -45,11 +39,25 @@ std::string resultText(const std::string& state, bool pending, bool locked) {
     return state.empty() ? "none since startup" : state;
 }
 
+// All properties whose keys begin with the prefix; throws a Failure if there are none.
+std::vector<propertyapi::Property> matching(Session& session, const std::string& prefix) {
+    std::vector<propertyapi::Property> properties = session.list(prefix);
+    if (properties.empty() && !prefix.empty()) {
+        throw Failure(ExitCode::noSuchKey, propertyprotocol::errors::notFound, "no key begins with \"" + prefix + "\"");
+    }
+    return properties;
+}
+
+std::string writersOf(const Definition& definition) {
+    if (definition.readOnly) return "no client: it is read-only";
+    if (definition.refusedSources.empty()) return "any client";
+    return "any client except " + definition.refusedSources;
+}
+
 }  // namespace
 
-ExitCode get(const Environment& environment, const Options& options, const std::string& key) {
+void get(const Environment& environment, const Options& options, const std::string& key) {
     Session session(environment, options.host);
-    session.connect();
     const std::string value = session.properties().get(key);
     if (options.json) {
         printJson(environment.out, pair(key, value));
@@ -57,24 +65,20 @@ ExitCode get(const Environment& environment, const Options& options, const std::
         // A script gets the exact value; on a terminal it must not act as control sequences.
         environment.out << (environment.outIsTerminal ? dbg::escapeControls(value) : value) << std::endl;
     }
-    return ExitCode::done;
 }
 
-ExitCode set(const Environment& environment, const Options& options, const std::string& key, const std::string& value) {
+void set(const Environment& environment, const Options& options, const std::string& key, const std::string& value) {
     Session session(environment, options.host);
-    session.connect();
     session.properties().set(key, clientName, value);
     if (options.json) printJson(environment.out, pair(key, value));
-    return ExitCode::done;
 }
 
-ExitCode list(const Environment& environment, const Options& options, const std::string& prefix) {
+void list(const Environment& environment, const Options& options, const std::string& prefix) {
     Session session(environment, options.host);
-    session.connect();
     Definitions definitions;
     if (!options.showSecrets) definitions = definitionsOf(session, prefix);
     Json::Value all(Json::arrayValue);
-    for (const propertyapi::Property& property : session.listOrFail(prefix)) {
+    for (const propertyapi::Property& property : matching(session, prefix)) {
         const std::string value =
             options.showSecrets ? property.value : maskedValue(definitions, property.key, property.value);
         if (options.json) {
@@ -83,20 +87,46 @@ ExitCode list(const Environment& environment, const Options& options, const std:
             environment.out << property.key << "=" << dbg::escapeControls(value) << "\n";
         }
     }
-    if (options.json) {
-        Json::Value object;
-        object["properties"] = std::move(all);
-        printJson(environment.out, object);
-    }
+    if (options.json) printJson(environment.out, toObject({{"properties", all}}));
     environment.out.flush();
-    return ExitCode::done;
 }
 
-ExitCode status(const Environment& environment, const Options& options) {
+void describe(const Environment& environment, const Options& options, const std::string& key) {
     Session session(environment, options.host);
-    session.connect();
+    if (options.json) {
+        printJson(environment.out, session.request(propertyprotocol::describeTopic, toObject({{"param", key}})));
+        return;
+    }
+    const Definition definition = definitionOf(session, key);
+    const Table table{
+        {"Key", key},
+        {"Description", definition.description},
+        {"Type", definition.limits.empty() ? definition.type : definition.type + ", " + definition.limits},
+        {"Default", definition.defaultValue.empty() ? "empty" : definition.defaultValue},
+        {"Writable by", writersOf(definition)},
+        {"Persistence", definition.isVolatile ? "until the property service restarts" : "permanent"},
+    };
+    printTable(environment.out, 13, table);
+}
+
+void keys(const Environment& environment, const Options& options, const std::string& prefix) {
+    Session session(environment, options.host);
+    Json::Value all(Json::arrayValue);
+    for (const propertyapi::Property& property : matching(session, prefix)) {
+        if (options.json) {
+            all.append(property.key);
+        } else {
+            environment.out << property.key << "\n";
+        }
+    }
+    if (options.json) printJson(environment.out, toObject({{"keys", all}}));
+    environment.out.flush();
+}
+
+void status(const Environment& environment, const Options& options) {
+    Session session(environment, options.host);
     propertyapi::IPropertyApi& properties = session.properties();
-    const std::string server = withoutPassword(getOrEmpty(properties, "System.Provision.ProvisioningServer"));
+    const std::string server = common::withoutPassword(getOrEmpty(properties, "System.Provision.ProvisioningServer"));
     const std::string state = getOrEmpty(properties, "State.Provisioning");
     const bool pending = state.find("request") != std::string::npos;  // the request has overwritten the last result
     const std::string http = getOrEmpty(properties, "State.Provisioning.HttpErrorCode");
@@ -107,21 +137,19 @@ ExitCode status(const Environment& environment, const Options& options) {
     const std::string provisioning = getOrEmpty(properties, "System.Provision.ProvisioningVersion");
     const std::string period = getOrEmpty(properties, "System.Provision.Period");
     if (options.json) {
-        Json::Value object;
-        object["server"] = server;
-        object["requestPending"] = pending;
-        object["result"] = pending ? Json::Value() : Json::Value(state);
-        object["httpStatus"] = isNumber(http) ? Json::Value(std::stoi(http)) : Json::Value();
-        object["uiLocked"] = locked;
-        object["softwareVersion"] = software;
-        object["settingsVersion"] = settings;
-        object["customVersion"] = custom;
-        object["provisioningVersion"] = provisioning;
-        object["period"] = period;
-        printJson(environment.out, object);
-        return ExitCode::done;
+        printJson(environment.out, toObject({{"server", server},
+                                             {"requestPending", pending},
+                                             {"result", pending ? Json::Value() : Json::Value(state)},
+                                             {"httpStatus", toNumber(http)},
+                                             {"uiLocked", locked},
+                                             {"softwareVersion", software},
+                                             {"settingsVersion", settings},
+                                             {"customVersion", custom},
+                                             {"provisioningVersion", provisioning},
+                                             {"period", period}}));
+        return;
     }
-    const std::vector<std::pair<const char*, std::string>> lines{
+    const Table table{
         {"Server", server.empty() ? "none: provisioning is off" : server},
         {"Last result", resultText(state, pending, locked)},
         {"HTTP status", http},
@@ -132,12 +160,7 @@ ExitCode status(const Environment& environment, const Options& options) {
         {"Provisioning version", provisioning},
         {"Next period", periodText(period)},
     };
-    for (const auto& [name, text] : lines) {
-        environment.out << std::left << std::setw(22) << name << (text.empty() ? "-" : dbg::escapeControls(text))
-                        << "\n";
-    }
-    environment.out.flush();
-    return ExitCode::done;
+    printTable(environment.out, 22, table);
 }
 
 }  // namespace zavctl

@@ -1,8 +1,7 @@
 #include "Definitions.h"
 
-#include <stdexcept>
-
 #include "Output.h"
+#include "common/UrlSyntax.h"
 #include "propertyprotocol/Topics.h"
 
 namespace zavctl {
@@ -44,24 +43,15 @@ Definition read(const Json::Value& json) {
 }  // namespace
 
 Definition definitionOf(Session& session, const std::string& key) {
-    Json::Value request;
-    request["param"] = key;
-    return read(session.request(propertyprotocol::describeTopic, request));
+    return read(session.request(propertyprotocol::describeTopic, toObject({{"param", key}})));
 }
 
 Definitions definitionsOf(Session& session, const std::string& prefix) {
+    const Json::Value request = toObject({{"prefix", prefix}});
     Definitions definitions;
-    Json::Value request;
-    request["prefix"] = prefix;
-    std::string after;
-    do {
-        if (!after.empty()) request["after"] = after;
-        const Json::Value page = session.request(propertyprotocol::describeTopic, request);
-        for (const Json::Value& json : page["definitions"]) definitions.emplace(textOf(json["param"]), read(json));
-        const std::string next = textOf(page["next"]);
-        if (!next.empty() && next <= after) throw std::runtime_error("the property service's list does not advance");
-        after = next;
-    } while (!after.empty());
+    for (const Json::Value& json : session.requestAll(propertyprotocol::describeTopic, request, "definitions")) {
+        definitions.emplace(textOf(json["param"]), read(json));
+    }
     return definitions;
 }
 
@@ -70,7 +60,7 @@ std::string maskedValue(const Definitions& definitions, const std::string& key, 
     const bool secret = definition != definitions.end() && definition->second.isSecret();
     if (secret && !value.empty()) return "***";
     const bool url = definition != definitions.end() && definition->second.type == "url";
-    return url || value.find("://") != std::string::npos ? withoutPassword(value) : value;
+    return url || value.find("://") != std::string::npos ? common::withoutPassword(value) : value;
 }
 
 }  // namespace zavctl

@@ -4,17 +4,14 @@
 #include <iterator>
 
 #include "Failure.h"
+#include "Output.h"
 #include "debug/Debug.h"
 #include "propertyprotocol/Errors.h"
 #include "propertyprotocol/Topics.h"
 
 namespace zavctl {
 
-namespace {
-
 constexpr Json::ArrayIndex maxErrors = 1000;  // the property service reports no more
-
-}  // namespace
 
 std::string counted(std::size_t count, const char* one, const char* more) {
     return std::to_string(count) + " " + (count == 1 ? one : more);
@@ -70,16 +67,11 @@ std::vector<Difference> compare(const Settings& before, const Settings& after) {
 }
 
 void writeChanges(Session& session, const std::vector<Difference>& differences, bool apply) {
-    Json::Value request;
-    request["source"] = clientName;
-    request["apply"] = apply;
-    request["properties"] = Json::Value(Json::arrayValue);
+    Json::Value writes(Json::arrayValue);
     for (const Difference& one : differences) {
-        Json::Value property;
-        property["param"] = one.key;
-        property["value"] = one.after ? Json::Value(*one.after) : Json::Value();
-        request["properties"].append(std::move(property));
+        writes.append(toObject({{"param", one.key}, {"value", orNull(one.after)}}));
     }
+    const Json::Value request = toObject({{"source", clientName}, {"apply", apply}, {"properties", writes}});
     const Json::Value answer = session.request(propertyprotocol::importTopic, request);
     const Json::Value& errors = answer["errors"];
     if (!errors.isArray()) return;
@@ -95,29 +87,26 @@ void writeChanges(Session& session, const std::vector<Difference>& differences, 
                       (errors.size() < maxErrors ? "" : ", or more") + reasons);
 }
 
-std::string DifferencePrinter::shown(const std::string& key, const std::string& value) const {
-    return showSecrets_ ? value : maskedValue(definitions_, key, value);
+std::vector<Difference> shown(std::vector<Difference> differences, const Definitions& definitions, bool showSecrets) {
+    for (Difference& one : differences) {
+        for (std::optional<std::string>* const value : {&one.before, &one.after}) {
+            if (*value && !showSecrets) *value = maskedValue(definitions, one.key, **value);
+        }
+    }
+    return differences;
 }
 
-std::string DifferencePrinter::line(const std::string& key, const std::string& value) const {
-    return dbg::escapeControls(key + "=" + shown(key, value)) + "\n";
-}
-
-void DifferencePrinter::print(std::ostream& out, const std::vector<Difference>& differences) const {
+void printDifferences(std::ostream& out, const std::vector<Difference>& differences) {
     for (const Difference& one : differences) {
-        if (one.before) out << "-" << line(one.key, *one.before);
-        if (one.after) out << "+" << line(one.key, *one.after);
+        if (one.before) out << "-" << dbg::escapeControls(one.key + "=" + *one.before) << "\n";
+        if (one.after) out << "+" << dbg::escapeControls(one.key + "=" + *one.after) << "\n";
     }
 }
 
-Json::Value DifferencePrinter::json(const std::vector<Difference>& differences) const {
+Json::Value toJson(const std::vector<Difference>& differences) {
     Json::Value list(Json::arrayValue);
     for (const Difference& one : differences) {
-        Json::Value object;
-        object["param"] = one.key;
-        object["before"] = one.before ? Json::Value(shown(one.key, *one.before)) : Json::Value();
-        object["after"] = one.after ? Json::Value(shown(one.key, *one.after)) : Json::Value();
-        list.append(std::move(object));
+        list.append(toObject({{"param", one.key}, {"before", orNull(one.before)}, {"after", orNull(one.after)}}));
     }
     return list;
 }

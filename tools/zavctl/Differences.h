@@ -43,21 +43,10 @@ std::vector<Difference> compare(const Settings& before, const Settings& after);
 /// nothing is written and the Failure lists every refused key with its reason.
 void writeChanges(Session& session, const std::vector<Difference>& differences, bool apply);
 
-/// Prints differences; secrets, and passwords in URLs, are masked unless `showSecrets`.
-class DifferencePrinter {
- public:
-    DifferencePrinter(const Definitions& definitions, bool showSecrets)
-        : definitions_(definitions), showSecrets_(showSecrets) {}
+/// The differences with secrets, and passwords in URLs, replaced by "***", unless `showSecrets`.
+std::vector<Difference> shown(std::vector<Difference> differences, const Definitions& definitions, bool showSecrets);
 
-    void print(std::ostream& out, const std::vector<Difference>& differences) const;
-    Json::Value json(const std::vector<Difference>& differences) const;
-
- private:
-    std::string shown(const std::string& key, const std::string& value) const;
-    std::string line(const std::string& key, const std::string& value) const;
-
-    const Definitions& definitions_;
-    const bool showSecrets_;
-};
+void printDifferences(std::ostream& out, const std::vector<Difference>& differences);
+Json::Value toJson(const std::vector<Difference>& differences);
 
 }  // namespace zavctl

@@ -109,10 +109,8 @@ ExitCode doctor(const Environment& environment, const Options& options, const st
             const char* const level = levels.at(static_cast<std::size_t>(finding.level));
             if (finding.level == Level::error) code = ExitCode::failed;
             if (options.json) {
-                Json::Value& object = findings.append(Json::objectValue);
-                object["subject"] = check.subject;
-                object["level"] = level;
-                object["text"] = finding.text;
+                Json::Value& object =
+                    findings.append(toObject({{"subject", check.subject}, {"level", level}, {"text", finding.text}}));
                 if (!finding.fix.empty()) object["fix"] = finding.fix;
                 continue;
             }
@@ -121,11 +119,7 @@ ExitCode doctor(const Environment& environment, const Options& options, const st
             if (!finding.fix.empty()) environment.out << std::string(9, ' ') << finding.fix << std::endl;
         }
     }
-    if (options.json) {
-        Json::Value object;
-        object["findings"] = std::move(findings);
-        printJson(environment.out, object);
-    }
+    if (options.json) printJson(environment.out, toObject({{"findings", findings}}));
     return code;
 }
 

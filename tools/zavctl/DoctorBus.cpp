@@ -49,7 +49,7 @@ Finding checkPropertyService(Examination& examination) {
 Finding silentDaemon() {
     const Finding gone = error("zavd is not running", "Start it; its log says why it ended.");
     struct stat status {};
-    if (::stat((zav::provisioningDirectory() + "zavd:lock").c_str(), &status) != 0) {
+    if (::stat((zav::provisioningDirectory + "zavd:lock").c_str(), &status) != 0) {
         return errno == EACCES ? error("zavd does not answer", "Start it; if it runs, restart it.") : gone;
     }
     std::array<char, 64> wanted{};

@@ -109,11 +109,11 @@ Finding checkFolder(const std::string& path, std::uint64_t needed) {
 
 // 17: the daemon leaves 16 MiB free.
 Finding checkProvisioningFolder(Examination& /*examination*/) {
-    return checkFolder(zav::provisioningDirectory(), mebibyte);
+    return checkFolder(zav::provisioningDirectory, mebibyte);
 }
 Finding checkContacts(Examination& /*examination*/) { return checkFolder("/var/volatile/contacts/", mebibyte); }
 Finding checkStorage(Examination& /*examination*/) { return checkFolder("/custom/certs/_storage/", mebibyte); }
-Finding checkFirmware(Examination& /*examination*/) { return checkFolder(zav::firmwareDirectory(), 17 * mebibyte); }
+Finding checkFirmware(Examination& /*examination*/) { return checkFolder(zav::firmwareDirectory, 17 * mebibyte); }
 
 using Addresses = std::unique_ptr<addrinfo, decltype(&::freeaddrinfo)>;
 

@@ -101,8 +101,8 @@ Finding refused(zav::XMLReader& reader, const std::string& macAddress) {
         const auto found = root.find(name);
         return found != root.end() && found->second >= least && found->second <= most;
     };
-    const std::string& product = zav::GlobalConfig::productIdentifier();
-    const std::string& format = zav::GlobalConfig::fileFormatVersion();
+    const std::string& product = zav::GlobalConfig::productIdentifier;
+    const std::string& format = zav::GlobalConfig::fileFormatVersion;
     if (reader.name() != "provisioning")
         return error("the root element is " + quote(reader.name()), "Name it provisioning.");
     if (!is("productID", product, product)) return differs("productID", quote(product));
@@ -118,7 +118,7 @@ Finding checkFile(Examination& examination) {
     if (encrypted && ::access("/etc/zav.d/key", R_OK) != 0 && errno == EACCES) {
         return notChecked("it is encrypted, and this user cannot read the key");
     }
-    const zav::Pass pass(std::make_shared<zav::Pass::Usage>(), 1, examination.deadline);  // the parser needs one
+    const zav::Pass pass(nullptr, examination.deadline);  // the parser needs one
     zav::XMLParser reader;
     zav::ProvisioningFileParser parser(examination.file(), reader, examination.properties);
     if (parser.parseInitialFile()) return ok(encrypted ? "yes, decrypted" : "yes, not encrypted");

@@ -4,9 +4,17 @@
 #include <stdexcept>
 #include <string>
 
-#include "ExitCode.h"
-
 namespace zavctl {
+
+/// Scripts rely on the exit statuses: they never change.
+enum class ExitCode : int {
+    done = 0,
+    failed = 1,       // the operation failed: a pass that ended "fail", a value that is not allowed
+    usage = 2,        // the command line is wrong
+    unreachable = 3,  // the broker or the property service cannot be reached
+    noSuchKey = 4,
+    timedOut = 5,
+};
 
 class Failure : public std::runtime_error {
  public:

@@ -1,24 +1,37 @@
 #include "Output.h"
 
+#include <iomanip>
+
 #include "Json.h"
-#include "common/UrlSyntax.h"
 #include "debug/Debug.h"
 
 namespace zavctl {
 
-void printJson(std::ostream& out, const Json::Value& object) { out << compactJson(object) << std::endl; }
-
-void printFailure(std::ostream& out, std::ostream& err, bool json, const Failure& failure) {
-    if (json) {
-        Json::Value object;
-        object["error"] = failure.name();
-        object["reason"] = failure.what();
-        printJson(out, object);
-    } else {
-        err << "zavctl: " << dbg::escapeControls(failure.what()) << std::endl;
-    }
+Json::Value toObject(std::initializer_list<std::pair<const char*, Json::Value>> members) {
+    Json::Value object;
+    for (const auto& [name, value] : members) object[name] = value;
+    return object;
 }
 
-std::string withoutPassword(const std::string& url) { return common::withoutPassword(url); }
+Json::Value orNull(const std::optional<std::string>& text) { return text ? Json::Value(*text) : Json::Value(); }
+
+void printJson(std::ostream& out, const Json::Value& object) { out << compactJson(object) << std::endl; }
+
+void printError(std::ostream& err, const std::string& text) {
+    err << "zavctl: " << dbg::escapeControls(text) << std::endl;
+}
+
+void printTable(std::ostream& out, int width, const Table& table) {
+    for (const auto& [name, value] : table) {
+        out << std::left << std::setw(width) << name << (value.empty() ? "-" : dbg::escapeControls(value)) << "\n";
+    }
+    out.flush();
+}
+
+bool isNumber(const std::string& text) {
+    return !text.empty() && text.size() < 10 && text.find_first_not_of("0123456789") == std::string::npos;
+}
+
+Json::Value toNumber(const std::string& text) { return isNumber(text) ? Json::Value(std::stoi(text)) : Json::Value(); }
 
 }  // namespace zavctl

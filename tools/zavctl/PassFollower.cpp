@@ -3,7 +3,7 @@
 #include <algorithm>
 
 #include "Session.h"
-#include "propertyprotocol/Change.h"
+#include "propertyprotocol/Json.h"
 #include "propertyprotocol/Topics.h"
 
 namespace zavctl {
@@ -17,10 +17,10 @@ void PassFollower::connectionLost(const std::string& cause) {
 
 void PassFollower::setLost(const std::string& reason) {
     {
-        const std::lock_guard<std::mutex> lock(mutex_);
-        if (lostReason_.empty()) lostReason_ = reason;
+        const common::LockGuard lock(mutex_);
+        if (state_.lostReason.empty()) state_.lostReason = reason;
     }
-    changed_.notify_all();
+    changed_.notifyAll();
 }
 
 void PassFollower::messageArrived(const std::string& topic, const std::string& content) {
@@ -28,59 +28,44 @@ void PassFollower::messageArrived(const std::string& topic, const std::string& c
         setLost("the property service went away");
     propertyprotocol::Change change;
     if (!propertyprotocol::readChange(content, change)) return;
-    const std::lock_guard<std::mutex> lock(mutex_);
+    const common::LockGuard lock(mutex_);
     if (change.param == "State.Provisioning") {
         const bool isRequest = change.value.find("request") != std::string::npos;
-        if (!isRequest) earlierPassRuns_ = false;
+        if (!isRequest) state_.isEarlierPassRunning = false;
         if (isRequest) {
             requested_ = requested_ || change.source == source_;
-        } else if (requested_ && !(result_ && passBegan_)) {
-            result_ = change.value;
-            countsFrom_ = passBegan_ ? Clock::now() : Clock::now() + settleTime_;
+        } else if (requested_ && !(state_.result && state_.passBegan)) {
+            state_.result = change.value;
+            countsFrom_ = state_.passBegan ? Clock::now() : Clock::now() + settleTime_;
         }
-    } else if (change.param == "State.Provisioning.LockUI" && change.value == "1" && requested_ && !earlierPassRuns_ &&
-               !passBegan_) {
-        passBegan_ = true;
-        result_.reset();  // it was the result of an earlier pass
+    } else if (change.param == "State.Provisioning.LockUI" && change.value == "1" && requested_ &&
+               !state_.isEarlierPassRunning && !state_.passBegan) {
+        state_.passBegan = true;
+        state_.result.reset();  // it was the result of an earlier pass
     }
-    changed_.notify_all();
+    changed_.notifyAll();
 }
 
 void PassFollower::deliveryComplete(const std::string&) {}
 
 void PassFollower::expectEarlierResult() {
-    const std::lock_guard<std::mutex> lock(mutex_);
-    earlierPassRuns_ = true;
+    const common::LockGuard lock(mutex_);
+    state_.isEarlierPassRunning = true;
 }
 
 std::optional<std::string> PassFollower::waitUntil(Clock::time_point until) {
-    std::unique_lock<std::mutex> lock(mutex_);
+    const common::LockGuard lock(mutex_);
     while (true) {
         const Clock::time_point now = Clock::now();
-        if (result_ && countsFrom_ <= now) return result_;
-        if (until <= now || !lostReason_.empty()) return std::nullopt;
-        changed_.wait_until(lock, result_ ? std::min(countsFrom_, until) : until);
+        if (state_.result && countsFrom_ <= now) return state_.result;
+        if (until <= now || !state_.lostReason.empty()) return std::nullopt;
+        changed_.waitUntil(mutex_, state_.result ? std::min(countsFrom_, until) : until);
     }
 }
 
-std::optional<std::string> PassFollower::unconfirmedResult() const {
-    const std::lock_guard<std::mutex> lock(mutex_);
-    return result_;
-}
-
-bool PassFollower::passBegan() const {
-    const std::lock_guard<std::mutex> lock(mutex_);
-    return passBegan_;
-}
-
-bool PassFollower::isEarlierPassRunning() const {
-    const std::lock_guard<std::mutex> lock(mutex_);
-    return earlierPassRuns_;
-}
-
-std::string PassFollower::lostReason() const {
-    const std::lock_guard<std::mutex> lock(mutex_);
-    return lostReason_;
+PassFollower::State PassFollower::state() const {
+    const common::LockGuard lock(mutex_);
+    return state_;
 }
 
 }  // namespace zavctl

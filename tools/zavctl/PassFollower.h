@@ -8,11 +8,10 @@
 #pragma once
 
 #include <chrono>
-#include <condition_variable>
-#include <mutex>
 #include <optional>
 #include <string>
 
+#include "common/ThreadSafety.h"
 #include "ipc/IIPCCallback.h"
 
 namespace zavctl {
@@ -20,6 +19,13 @@ namespace zavctl {
 class PassFollower final : public ipc::IIPCCallback {
  public:
     using Clock = std::chrono::steady_clock;
+
+    struct State {
+        bool isEarlierPassRunning = false;  // ours has not begun
+        bool passBegan = false;
+        std::optional<std::string> result;  // does not count before the settle time is over
+        std::string lostReason;             // why the pass can no longer be followed; empty while it can be
+    };
 
     /// `source` is the source of our request; a result without a start counts after `settleTime`.
     PassFollower(std::string source, std::chrono::milliseconds settleTime);
@@ -34,16 +40,7 @@ class PassFollower final : public ipc::IIPCCallback {
     /// Waits for the result of the pass. Returns nothing at `until`, or once the pass can no longer be followed.
     std::optional<std::string> waitUntil(Clock::time_point until);
 
-    /// A result that does not count yet, because the settle time is not over.
-    std::optional<std::string> unconfirmedResult() const;
-
-    bool passBegan() const;
-
-    /// Whether another pass is still running, so that ours has not begun.
-    bool isEarlierPassRunning() const;
-
-    /// Why the pass can no longer be followed: the broker or the property service went away. Empty while it can be.
-    std::string lostReason() const;
+    State state() const;
 
  private:
     void setLost(const std::string& reason);
@@ -51,15 +48,11 @@ class PassFollower final : public ipc::IIPCCallback {
     const std::string source_;
     const std::chrono::milliseconds settleTime_;
 
-    mutable std::mutex mutex_;
-    std::condition_variable changed_;
-    // guarded by mutex_
-    bool requested_ = false;
-    bool earlierPassRuns_ = false;
-    bool passBegan_ = false;
-    std::string lostReason_;
-    std::optional<std::string> result_;
-    Clock::time_point countsFrom_{};  // when result_ begins to count
+    mutable common::Mutex mutex_;
+    common::ConditionVariable changed_;
+    bool requested_ GUARDED_BY(mutex_) = false;
+    State state_ GUARDED_BY(mutex_);
+    Clock::time_point countsFrom_ GUARDED_BY(mutex_){};  // when the result begins to count
 };
 
 }  // namespace zavctl

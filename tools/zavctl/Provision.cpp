@@ -1,5 +1,3 @@
-#include <json/value.h>
-
 #include <algorithm>
 #include <cmath>
 #include <cstdio>
@@ -64,10 +62,8 @@ class ProgressLine {
 };
 
 // The likely reason why the requested pass has not begun.
-std::string likelyReason(Session& session, const PassFollower& follower) {
-    if (follower.isEarlierPassRunning()) {
-        return "another pass is running; the requested pass begins when it ends";
-    }
+std::string likelyReason(Session& session, const PassFollower::State& state) {
+    if (state.isEarlierPassRunning) return "another pass is running; the requested pass begins when it ends";
     session.limitRequests(reasonTime);
     try {
         propertyapi::IPropertyApi& properties = session.properties();
@@ -91,12 +87,11 @@ std::string likelyReason(Session& session, const PassFollower& follower) {
                   reason + " (the pass may continue: zavctl status shows its result later)");
 }
 
-[[noreturn]] void failTimedOut(Session& session, const PassFollower& follower, std::chrono::milliseconds timeout) {
+[[noreturn]] void failTimedOut(Session& session, const PassFollower::State& state, std::chrono::milliseconds timeout) {
     const std::string reason =
-        follower.passBegan()
-            ? "the provisioning pass has not ended within " + seconds(timeout) +
-                  " and continues: zavctl status shows its result later; --timeout S waits longer"
-            : "no provisioning pass began within " + seconds(timeout) + ": " + likelyReason(session, follower);
+        state.passBegan ? "the provisioning pass has not ended within " + seconds(timeout) +
+                              " and continues: zavctl status shows its result later; --timeout S waits longer"
+                        : "no provisioning pass began within " + seconds(timeout) + ": " + likelyReason(session, state);
     throw Failure(ExitCode::timedOut, "timed-out", reason);
 }
 
@@ -107,40 +102,36 @@ std::string follow(const Environment& environment, const Options& options, Sessi
     const Clock::time_point end = start + timeout;
     Clock::time_point hintAt = std::min(end, start + environment.hintAfter);
     while (true) {
-        progress.show(follower.passBegan() ? "Provisioning" : "Waiting for the pass to begin", since(start));
+        progress.show(follower.state().passBegan ? "Provisioning" : "Waiting for the pass to begin", since(start));
         const std::optional<std::string> result =
             follower.waitUntil(std::min({end, hintAt, Clock::now() + progressInterval}));
-        if (result || !follower.lostReason().empty() || Clock::now() >= end) progress.clear();
+        const PassFollower::State state = follower.state();
+        const Clock::time_point now = Clock::now();
+        if (result || !state.lostReason.empty() || now >= end) progress.clear();
         if (result) return *result;
-        if (const std::string reason = follower.lostReason(); !reason.empty()) failLost(reason);
-        if (Clock::now() >= end) {
-            if (const std::optional<std::string> unconfirmedResult = follower.unconfirmedResult())
-                return *unconfirmedResult;
-            failTimedOut(session, follower, timeout);
-        }
-        if (Clock::now() < hintAt) continue;
+        if (!state.lostReason.empty()) failLost(state.lostReason);
+        if (now >= end && state.result) return *state.result;
+        if (now >= end) failTimedOut(session, state, timeout);
+        if (now < hintAt) continue;
         hintAt = end;
-        if (follower.passBegan() || follower.unconfirmedResult()) continue;
-        const std::string reason = likelyReason(session, follower);
+        if (state.passBegan || state.result) continue;
+        const std::string reason = likelyReason(session, state);
         progress.clear();
-        if (const std::string lost = follower.lostReason(); !lost.empty()) failLost(lost);
-        environment.err << "zavctl: no provisioning pass has begun yet: " << reason << std::endl;
+        if (const std::string lost = follower.state().lostReason; !lost.empty()) failLost(lost);
+        printError(environment.err, "no provisioning pass has begun yet: " + reason);
     }
 }
 
 ExitCode report(const Environment& environment, const Options& options, const std::string& result,
                 const std::string& http, std::chrono::milliseconds duration) {
-    const bool isCode = !http.empty() && http.size() < 10 && http.find_first_not_of("0123456789") == std::string::npos;
     if (options.json) {
-        Json::Value object;
-        object["result"] = result;
-        object["httpStatus"] = isCode ? Json::Value(std::stoi(http)) : Json::Value();
-        object["milliseconds"] = static_cast<Json::Int64>(duration.count());
-        printJson(environment.out, object);
+        const Json::Int64 milliseconds = duration.count();
+        printJson(environment.out,
+                  toObject({{"result", result}, {"httpStatus", toNumber(http)}, {"milliseconds", milliseconds}}));
     } else {
         environment.out << dbg::escapeControls(result);
         if (result == "partSuccess") environment.out << ": some jobs or settings were not applied";
-        environment.out << " (HTTP " << (isCode ? http : "-") << ", " << seconds(duration) << ")" << std::endl;
+        environment.out << " (HTTP " << (isNumber(http) ? http : "-") << ", " << seconds(duration) << ")" << std::endl;
     }
     return result == "success" || result == "partSuccess" ? ExitCode::done : ExitCode::failed;
 }
@@ -150,20 +141,18 @@ ExitCode report(const Environment& environment, const Options& options, const st
 ExitCode provision(const Environment& environment, const Options& options, bool wait,
                    std::chrono::milliseconds timeout) {
     PassFollower follower(clientName, settleTime);
-    Session session(environment, options.host);
+    Session::Subscriptions subscriptions;
     if (wait) {
-        session.subscribe(propertyprotocol::changeFilter("State"), follower);
-        session.subscribe(propertyprotocol::statusTopic, follower);
+        subscriptions = {{propertyprotocol::changeFilter("State"), &follower},
+                         {propertyprotocol::statusTopic, &follower}};
     }
-    session.connect();
+    Session session(environment, options.host, subscriptions);
     if (wait && isScreenLocked(session)) follower.expectEarlierResult();
     const Clock::time_point start = Clock::now();
     session.properties().set("State.Provisioning", clientName, "request");
     if (!wait) {
         if (options.json) {
-            Json::Value object;
-            object["requested"] = true;
-            printJson(environment.out, object);
+            printJson(environment.out, toObject({{"requested", true}}));
         } else {
             environment.out << "Provisioning requested." << std::endl;
         }

@@ -1,17 +1,12 @@
 #include "Session.h"
 
-#include <json/reader.h>
-#include <json/value.h>
-#include <json/writer.h>
-
-#include <chrono>
 #include <iterator>
 #include <stdexcept>
-#include <utility>
 
 #include "Failure.h"
 #include "Json.h"
 #include "propertyprotocol/Errors.h"
+#include "propertyprotocol/Json.h"
 #include "propertyprotocol/Limits.h"
 #include "propertyprotocol/Topics.h"
 
@@ -36,10 +31,21 @@ constexpr std::chrono::seconds requestTimeout{5};
     throw Failure(ExitCode::failed, word, reason);
 }
 
+void checkNext(const std::string& next, const std::string& after) {
+    if (!next.empty() && next <= after) throw std::runtime_error("the property service's list does not advance");
+}
+
 }  // namespace
 
-Session::Session(const Environment& environment, std::string host)
-    : host_(std::move(host)), bus_(environment.makeBus(host_)), properties_(environment.makeProperties(bus_)) {}
+Session::Session(std::shared_ptr<ipc::IIPCClient> bus, const Environment& environment)
+    : bus_(std::move(bus)), properties_(environment.makeProperties(bus_)) {}
+
+// Delegates so that the destructor disconnects also if `connect` throws.
+Session::Session(const Environment& environment, const std::string& host, const Subscriptions& subscriptions)
+    : Session(environment.makeBus(host), environment) {
+    for (const auto& [filter, callback] : subscriptions) bus_->subscribe(filter, *callback);
+    bus_->connect(host);
+}
 
 Session::~Session() {
     try {
@@ -47,12 +53,6 @@ Session::~Session() {
     } catch (const std::exception&) {  // the session ends anyway
     }
 }
-
-void Session::subscribe(const std::string& topicFilter, ipc::IIPCCallback& callback) {
-    bus_->subscribe(topicFilter, callback);
-}
-
-void Session::connect() { bus_->connect(host_); }
 
 Json::Value Session::request(const std::string& topic, const Json::Value& content) {
     const std::string payload = compactJson(content);
@@ -63,12 +63,25 @@ Json::Value Session::request(const std::string& topic, const Json::Value& conten
     }
     const std::string text = bus_->request(topic, payload, propertyprotocol::statusTopic, requestTimeout);
     Json::Value answer;
-    std::string error;
-    if (!parseJson(text, answer, error) || !answer.isObject()) {
-        throw Failure(ExitCode::failed, errors::badRequest, "the property service sent an invalid answer: " + error);
+    const auto error = propertyprotocol::parseJson(text, answer);
+    if (error || !answer.isObject()) {
+        throw Failure(ExitCode::failed, errors::badRequest,
+                      "the property service sent an invalid answer: " + (error ? error->text() : ""));
     }
     if (std::as_const(answer)["error"].isString()) throwFailure(answer);
     return answer;
+}
+
+std::vector<Json::Value> Session::requestAll(const std::string& topic, Json::Value content, const char* member) {
+    std::vector<Json::Value> all;
+    do {
+        const Json::Value page = request(topic, content);
+        all.insert(all.end(), page[member].begin(), page[member].end());
+        const std::string next = textOf(page, "next");
+        checkNext(next, textOf(content, "after"));
+        content["after"] = next;
+    } while (!textOf(content, "after").empty());
+    return all;
 }
 
 std::vector<propertyapi::Property> Session::list(const std::string& prefix) {
@@ -76,36 +89,10 @@ std::vector<propertyapi::Property> Session::list(const std::string& prefix) {
     std::string after;
     do {
         propertyapi::PropertyPage page = properties_->list(prefix, after);
-        if (!page.next.empty() && page.next <= after)
-            throw std::runtime_error("the property service's list does not advance");
+        checkNext(page.next, after);
         std::move(page.properties.begin(), page.properties.end(), std::back_inserter(all));
         after = page.next;
     } while (!after.empty());
-    return all;
-}
-
-std::vector<propertyapi::Property> Session::listOrFail(const std::string& prefix) {
-    std::vector<propertyapi::Property> some = list(prefix);
-    if (some.empty() && !prefix.empty()) {
-        throw Failure(ExitCode::noSuchKey, errors::notFound, "no key begins with \"" + prefix + "\"");
-    }
-    return some;
-}
-
-std::vector<propertyapi::Property> Session::listUncatalogued() {
-    std::vector<propertyapi::Property> all;
-    Json::Value query;
-    query["uncatalogued"] = true;
-    for (bool more = true; more;) {
-        const Json::Value page = request(propertyprotocol::listTopic, query);
-        for (const Json::Value& one : page["properties"]) all.push_back({textOf(one, "param"), textOf(one, "value")});
-        const std::string next = textOf(page, "next");
-        more = !next.empty();
-        if (more && next <= textOf(query, "after")) {
-            throw std::runtime_error("the property service's list does not advance");
-        }
-        query["after"] = next;
-    }
     return all;
 }
 

@@ -1,13 +1,11 @@
-#include <json/value.h>
-
 #include <chrono>
-#include <mutex>
 
 #include "Commands.h"
 #include "Output.h"
 #include "Session.h"
+#include "common/ThreadSafety.h"
 #include "debug/Debug.h"
-#include "propertyprotocol/Change.h"
+#include "propertyprotocol/Json.h"
 #include "propertyprotocol/Topics.h"
 
 namespace zavctl {
@@ -35,7 +33,7 @@ class Printer final : public ipc::IIPCCallback {
         propertyprotocol::Change change;
         if (!propertyprotocol::isChangeTopic(topic) || !propertyprotocol::readChange(content, change)) return;
         if (change.param.compare(0, prefix_.size(), prefix_) != 0) return;
-        const std::lock_guard<std::mutex> lock(mutex_);
+        const common::LockGuard lock(mutex_);
         print(change);
         if (!environment_.out) environment_.stopSignal.stop();  // the output was closed
     }
@@ -43,18 +41,15 @@ class Printer final : public ipc::IIPCCallback {
     void deliveryComplete(const std::string&) override {}
 
     void warn(const std::string& text) {
-        const std::lock_guard<std::mutex> lock(mutex_);
-        environment_.err << "zavctl: " << dbg::escapeControls(text) << std::endl;
+        const common::LockGuard lock(mutex_);
+        printError(environment_.err, text);
     }
 
  private:
-    void print(const propertyprotocol::Change& change) {
+    void print(const propertyprotocol::Change& change) REQUIRES(mutex_) {
         if (json_) {
-            Json::Value object;
-            object["param"] = change.param;
-            object["value"] = change.value;
-            object["source"] = change.source;
-            printJson(environment_.out, object);
+            printJson(environment_.out,
+                      toObject({{"param", change.param}, {"value", change.value}, {"source", change.source}}));
             return;
         }
         environment_.out << dbg::escapeControls(change.param + "=" + change.value);
@@ -65,7 +60,7 @@ class Printer final : public ipc::IIPCCallback {
     const Environment& environment_;
     const bool json_;
     const std::string prefix_;
-    std::mutex mutex_;  // guards the output
+    common::Mutex mutex_;  // guards the output
 };
 
 // Warns when the property service goes offline: its last changes are lost if it crashed, and it publishes none when it
@@ -90,21 +85,18 @@ class PresencePrinter final : public ipc::IIPCCallback {
 
 }  // namespace
 
-ExitCode watch(const Environment& environment, const Options& options, const std::string& prefix) {
+void watch(const Environment& environment, const Options& options, const std::string& prefix) {
     environment.catchSignals();
     Printer printer(environment, options.json, prefix);
     PresencePrinter presence(printer);
-    Session session(environment, options.host);
-    session.subscribe(topicFilter(prefix), printer);
-    session.subscribe(propertyprotocol::statusTopic, presence);
-    session.connect();
+    Session session(environment, options.host,
+                    {{topicFilter(prefix), &printer}, {propertyprotocol::statusTopic, &presence}});
     // Also fails at once if the property service is offline.
     if (session.properties().list(prefix, "").properties.empty()) {
         printer.warn("no key begins with \"" + prefix + "\"; watching anyway");
     }
     while (!environment.stopSignal.waitFor(std::chrono::hours(1))) {
     }
-    return ExitCode::done;
 }
 
 }  // namespace zavctl

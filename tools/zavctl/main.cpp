@@ -6,7 +6,7 @@
 #include <cstdlib>
 #include <iostream>
 
-#include "CommandLine.h"
+#include "Commands.h"
 #include "Session.h"
 #include "common/Descriptor.h"
 #include "common/Signal.h"

@@ -12,17 +12,19 @@
 #include <cerrno>
 #include <optional>
 #include <system_error>
+#include <thread>
 
-#include "ChildEnd.h"
 #include "OpenDescriptors.h"
 #include "common/Descriptor.h"
 #include "common/Quote.h"
+#include "common/Signal.h"
 
 namespace os {
 
 namespace {
 
 using common::Descriptor;
+using common::reasonOf;
 
 constexpr std::size_t keptErrorText = 512;
 constexpr std::chrono::milliseconds stopCheckInterval{250};
@@ -38,23 +40,21 @@ constexpr int commandNotFound = 127;
     throw CommandNotStartedException("Command " + quote(command) + " " + reason);
 }
 
-std::string describe(int error) { return std::generic_category().message(error); }
+// Returns false, with errno set, if no descriptor is left.
+bool openPipe(Descriptor& reading, Descriptor& writing) {
+    std::array<int, 2> ends{-1, -1};
+    const bool opened = pipe2(ends.data(), O_CLOEXEC) == 0;
+    reading.reset(ends[0]);
+    writing.reset(ends[1]);
+    return opened;
+}
 
+// A child that knows nothing of us: own group, default signals, three descriptors.
 class SpawnAttributes {
  public:
-    SpawnAttributes() {
+    explicit SpawnAttributes(int errorPipe) {
         posix_spawnattr_init(&attributes_);
         posix_spawn_file_actions_init(&actions_);
-    }
-    SpawnAttributes(const SpawnAttributes&) = delete;
-    SpawnAttributes& operator=(const SpawnAttributes&) = delete;
-    ~SpawnAttributes() {
-        posix_spawn_file_actions_destroy(&actions_);
-        posix_spawnattr_destroy(&attributes_);
-    }
-
-    // A child that knows nothing of us: own group, default signals, three descriptors.
-    void prepare(int errorPipe) {
         sigset_t none;
         sigset_t all;
         sigemptyset(&none);
@@ -67,6 +67,12 @@ class SpawnAttributes {
         posix_spawn_file_actions_addopen(&actions_, STDOUT_FILENO, "/dev/null", O_WRONLY, 0);
         posix_spawn_file_actions_adddup2(&actions_, errorPipe, STDERR_FILENO);
         common::closeInChild(actions_);
+    }
+    SpawnAttributes(const SpawnAttributes&) = delete;
+    SpawnAttributes& operator=(const SpawnAttributes&) = delete;
+    ~SpawnAttributes() {
+        posix_spawn_file_actions_destroy(&actions_);
+        posix_spawnattr_destroy(&attributes_);
     }
 
     const posix_spawnattr_t* attributes() const { return &attributes_; }
@@ -98,15 +104,14 @@ class Shell {
  public:
     /// Throws CommandNotStartedException.
     Shell(const std::string& command, int errorPipe) {
-        SpawnAttributes spawn;
-        spawn.prepare(errorPipe);
+        const SpawnAttributes spawn(errorPipe);
         std::string shell = "sh";
         std::string option = "-c";
         std::string text = command;
         const std::array<char*, 4> arguments{shell.data(), option.data(), text.data(), nullptr};
         const int error =
             posix_spawn(&process_, "/bin/sh", spawn.actions(), spawn.attributes(), arguments.data(), environ);
-        if (error != 0) failToStart(command, "cannot be started: " + describe(error));
+        if (error != 0) failToStart(command, "cannot be started: " + reasonOf(error));
     }
     Shell(const Shell&) = delete;
     Shell& operator=(const Shell&) = delete;
@@ -116,13 +121,26 @@ class Shell {
         reap();
     }
 
-    /// Throws std::system_error.
-    void watch() { end_.emplace(process_); }
-    int endDescriptor() const { return end_->descriptor(); }
+    /// Makes the end something that poll can wait for, on every kernel and C library: a thread waits for it and then
+    /// closes a pipe. No signal handler, no polling, and processes that the shell leaves behind do not delay it. Throws
+    /// std::system_error if no descriptor or no thread is left.
+    void watch() {
+        if (!openPipe(ended_, running_)) throw std::system_error(errno, std::generic_category());
+        const common::signal::AllBlocked blocked;
+        waiting_ = std::thread([this] {
+            siginfo_t ignored{};
+            // The shell stays a zombie until it is reaped, so its number cannot be reused meanwhile.
+            while (waitid(P_PID, static_cast<id_t>(process_), &ignored, WEXITED | WNOWAIT) != 0 && errno == EINTR) {
+            }
+            running_.close();
+        });
+    }
+    /// Reports POLLHUP once the shell has ended.
+    int endDescriptor() const { return ended_.get(); }
 
     /// Waits for the end. The exit status as waitpid reports it; nothing, with errno set, if it is lost.
     std::optional<int> reap() {
-        end_.reset();  // it may still be looking at the process
+        if (waiting_.joinable()) waiting_.join();  // it may still be looking at the process
         reaped_ = true;
         int status = 0;
         while (waitpid(process_, &status, 0) < 0) {
@@ -133,7 +151,9 @@ class Shell {
 
  private:
     pid_t process_ = -1;
-    std::optional<common::ChildEnd> end_;
+    Descriptor ended_;
+    Descriptor running_;
+    std::thread waiting_;
     bool reaped_ = false;
 };
 
@@ -142,28 +162,24 @@ std::string spoken(std::string errorText) {
     return errorText.empty() ? "" : ": " + quote(errorText);
 }
 
-struct Limits {
-    std::chrono::milliseconds timeout;
-    const common::StopSignal* stop;
-};
-
 // Returns once the shell has ended, with the beginning of what it wrote to standard error until then.
-std::string awaitEnd(const std::string& command, const Shell& shell, Descriptor& errors, const Limits& limits) {
+std::string awaitEnd(const std::string& command, const Shell& shell, Descriptor& errors,
+                     std::chrono::milliseconds timeout, const common::StopSignal* stop) {
     using Clock = std::chrono::steady_clock;
-    const auto deadline = Clock::now() + limits.timeout;
+    const auto deadline = Clock::now() + timeout;
     std::string errorText;
     for (;;) {
-        if (limits.stop != nullptr && limits.stop->isOverdue()) {
+        if (stop != nullptr && stop->isOverdue()) {
             fail(command, "was ended: the process is shutting down");
         }
         const auto left = std::chrono::ceil<std::chrono::milliseconds>(deadline - Clock::now());
         if (left.count() <= 0) {
-            fail(command, "took longer than " + std::to_string(limits.timeout.count()) + " ms and was ended");
+            fail(command, "took longer than " + std::to_string(timeout.count()) + " ms and was ended");
         }
         std::array<pollfd, 2> waited{pollfd{shell.endDescriptor(), POLLIN, 0}, pollfd{errors.get(), POLLIN, 0}};
-        const auto longest = limits.stop == nullptr ? std::chrono::milliseconds(60000) : stopCheckInterval;
+        const auto longest = stop == nullptr ? std::chrono::milliseconds(60000) : stopCheckInterval;
         const int ready = poll(waited.data(), waited.size(), static_cast<int>(std::min(left, longest).count()));
-        if (ready < 0 && errno != EINTR) fail(command, "cannot be waited for: " + describe(errno));
+        if (ready < 0 && errno != EINTR) fail(command, "cannot be waited for: " + reasonOf(errno));
         if (ready <= 0) continue;
         if (waited[1].revents != 0) drain(errors, errorText);
         if (waited[0].revents != 0) return errorText;
@@ -173,10 +189,9 @@ std::string awaitEnd(const std::string& command, const Shell& shell, Descriptor&
 }  // namespace
 
 void execute(const std::string& command, std::chrono::milliseconds timeout, const common::StopSignal* stop) {
-    std::array<int, 2> ends{};
-    if (pipe2(ends.data(), O_CLOEXEC) != 0) failToStart(command, "cannot be started: " + describe(errno));
-    Descriptor errors(ends[0]);
-    Descriptor shellErrors(ends[1]);
+    Descriptor errors;
+    Descriptor shellErrors;
+    if (!openPipe(errors, shellErrors)) failToStart(command, "cannot be started: " + reasonOf(errno));
     fcntl(errors.get(), F_SETFL, O_NONBLOCK);
 
     Shell shell(command, shellErrors.get());
@@ -184,12 +199,12 @@ void execute(const std::string& command, std::chrono::milliseconds timeout, cons
     try {
         shell.watch();
     } catch (const std::system_error& failure) {
-        fail(command, "cannot be waited for: " + describe(failure.code().value()));
+        fail(command, "cannot be waited for: " + reasonOf(failure.code().value()));
     }
-    std::string errorText = awaitEnd(command, shell, errors, {timeout, stop});
+    std::string errorText = awaitEnd(command, shell, errors, timeout, stop);
     const std::optional<int> status = shell.reap();
     // A program that ignores SIGCHLD loses the status of its children.
-    if (!status) fail(command, "cannot be waited for: " + describe(errno));
+    if (!status) fail(command, "cannot be waited for: " + reasonOf(errno));
     if (errors.get() >= 0) drain(errors, errorText);
     if (WIFSIGNALED(*status)) {
         fail(command, "was ended by signal " + std::to_string(WTERMSIG(*status)) + spoken(errorText));

@@ -6,9 +6,10 @@
 #include <atomic>
 #include <cerrno>
 #include <map>
-#include <mutex>
 #include <system_error>
 #include <thread>
+
+#include "common/ThreadSafety.h"
 
 namespace common::signal {
 
@@ -33,7 +34,7 @@ class ReceiverThread final : public SignalReceiver {
 
     void add(int signal, CustomHandler handler) {
         block(signal);
-        const std::lock_guard<std::mutex> lock(mutex_);
+        const LockGuard lock(mutex_);
         handlers_[signal] = handler;
         if (!thread_.joinable()) {
             startThread();
@@ -57,31 +58,22 @@ class ReceiverThread final : public SignalReceiver {
         sigset_t set;
         sigemptyset(&set);
         sigaddset(&set, wakeUp());
-        const std::lock_guard<std::mutex> lock(mutex_);
+        const LockGuard lock(mutex_);
         for (const auto& [signal, handler] : handlers_) sigaddset(&set, signal);
         return set;
     }
 
     CustomHandler handlerFor(int signal) {
-        const std::lock_guard<std::mutex> lock(mutex_);
+        const LockGuard lock(mutex_);
         const auto found = handlers_.find(signal);
         return found == handlers_.end() ? nullptr : found->second;
     }
 
     // The thread begins with every signal blocked. One that is registered later would otherwise find it unblocked there
     // for a moment, and take its default action.
-    void startThread() {
-        sigset_t all;
-        sigset_t before;
-        sigfillset(&all);
-        pthread_sigmask(SIG_SETMASK, &all, &before);
-        try {
-            thread_ = std::thread([this] { receive(); });
-        } catch (...) {
-            pthread_sigmask(SIG_SETMASK, &before, nullptr);
-            throw;
-        }
-        pthread_sigmask(SIG_SETMASK, &before, nullptr);
+    void startThread() REQUIRES(mutex_) {
+        const AllBlocked blocked;
+        thread_ = std::thread([this] { receive(); });
     }
 
     void receive() {
@@ -94,9 +86,9 @@ class ReceiverThread final : public SignalReceiver {
     }
 
     std::atomic<bool> ending_{false};
-    std::mutex mutex_;
-    std::map<int, CustomHandler> handlers_;  // guarded by mutex_
-    std::thread thread_;                     // started by add, joined by the destructor
+    Mutex mutex_;
+    std::map<int, CustomHandler> handlers_ GUARDED_BY(mutex_);
+    std::thread thread_ GUARDED_BY(mutex_);  // joined by the destructor
 };
 
 std::atomic<ReceiverThread*> current{nullptr};

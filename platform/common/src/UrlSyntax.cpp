@@ -32,29 +32,17 @@ std::size_t authorityBegin(const std::string& text) {
     return scheme == 0 ? 0 : scheme + 3;
 }
 
-// Whether a path segment is "." or "..". Escaped dots count, because servers decode them.
-bool isDotSegment(const std::string& segment) {
-    std::string plain;
-    for (std::size_t at = 0; at < segment.size(); ++at) {
-        if (segment[at] == '%' && at + 2 < segment.size() && segment[at + 1] == '2' &&
-            (segment[at + 2] | 0x20) == 'e') {
-            plain += '.';
-            at += 2;
-        } else {
-            plain += segment[at];
-        }
-    }
-    return plain == "." || plain == "..";
-}
-
+// Whether a segment of the path is "." or "..". Escaped dots count, because servers decode them.
 bool hasDotSegment(const std::string& path) {
-    std::size_t begin = 0;
-    for (;;) {
-        const auto end = path.find('/', begin);
-        if (isDotSegment(path.substr(begin, end == std::string::npos ? end : end - begin))) return true;
-        if (end == std::string::npos) return false;
-        begin = end + 1;
+    std::string plain;
+    for (std::size_t at = 0; at < path.size(); ++at) {
+        const bool isEscapedDot =
+            path.compare(at, 2, "%2") == 0 && at + 2 < path.size() && (path[at + 2] | 0x20) == 'e';
+        plain += isEscapedDot ? '.' : path[at];
+        if (isEscapedDot) at += 2;
     }
+    plain += '/';
+    return plain.find("/./") != std::string::npos || plain.find("/../") != std::string::npos;
 }
 
 // Whether the path of a URL without a scheme may contain a password, as in the misspelt "https//user:password@host".

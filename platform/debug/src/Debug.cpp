@@ -68,10 +68,19 @@ Output& output() {
     return *standardError;
 }
 
+/// To the journal each line of a text is an entry of its own.
+std::string eachLineAfter(std::string text, const std::string& prefix) {
+    for (auto end = text.find('\n'); end != std::string::npos; end = text.find('\n', end + 1)) {
+        text.insert(end + 1, prefix);
+    }
+    return text;
+}
+
 std::string lineOf(unsigned level, const char* file, int line, const std::string& text) {
     static const bool journal = isJournal();
-    return (journal ? journalPriority(level) : std::string()) + timeStamp() + " " + channelName.load() + " " +
-           levelName(level) + " " + withoutExtension(file) + ":" + std::to_string(line) + " " + text + "\n";
+    const std::string priority = journal ? journalPriority(level) : "";
+    return priority + timeStamp() + " " + channelName.load() + " " + levelName(level) + " " + withoutExtension(file) +
+           ":" + std::to_string(line) + " " + eachLineAfter(text, priority) + "\n";
 }
 
 std::string lossNotice(std::size_t lost) {
@@ -152,7 +161,7 @@ void Debug::setDebugLevelMask(const std::string& mask) {
     const std::string digits = hexadecimal ? mask.substr(2) : mask;
     const char* allowed = hexadecimal ? "0123456789abcdefABCDEF" : "0123456789";
     errno = 0;
-    const unsigned long value = std::strtoul(digits.c_str(), nullptr, hexadecimal ? 16 : 10);
+    const unsigned long long value = std::strtoull(digits.c_str(), nullptr, hexadecimal ? 16 : 10);
     if (digits.empty() || digits.find_first_not_of(allowed) != std::string::npos || errno == ERANGE) {
         warning() << "Debug level mask '" << mask << "' is not a number, ignored" << std::endl;
         return;

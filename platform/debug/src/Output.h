@@ -10,8 +10,9 @@
 #include <atomic>
 #include <chrono>
 #include <cstddef>
-#include <mutex>
 #include <string>
+
+#include "common/ThreadSafety.h"
 
 namespace dbg {
 
@@ -30,7 +31,7 @@ class Output {
     /// `line` must end with a line break. `notice(n)` must return the line that reports n lost lines.
     template <typename Notice>
     void write(const std::string& line, Notice notice) {
-        const std::lock_guard<std::mutex> lock(mutex_);
+        const common::LockGuard lock(mutex_);
         if (lost_ > 0) {
             if (!writeAll(notice(lost_), std::chrono::milliseconds(0))) {
                 ++lost_;
@@ -47,24 +48,22 @@ class Output {
  private:
     using Clock = std::chrono::steady_clock;
 
-    // With mutex_ held.
-    bool writeAll(const std::string& text, std::chrono::milliseconds timeout);
-    void openTarget();
-    void closeTarget();
-    bool wait(Clock::time_point deadline, bool untilWritable);
-    std::size_t writeSome(const char* text, std::size_t length, bool& mayRetry) const;
+    bool writeAll(const std::string& text, std::chrono::milliseconds timeout) REQUIRES(mutex_);
+    void openTarget() REQUIRES(mutex_);
+    void closeTarget() REQUIRES(mutex_);
+    bool wait(Clock::time_point deadline, bool untilWritable) REQUIRES(mutex_);
+    std::size_t writeSome(const char* text, std::size_t length, bool& mayRetry) const REQUIRES(mutex_);
 
     const int descriptor_;
     std::atomic<bool> shuttingDown_{false};
 
-    std::mutex mutex_;
-    // Guarded by mutex_.
-    std::size_t lost_ = 0;    // lines since the reader stalled
-    bool truncated_ = false;  // the last line was not written to its end
-    std::chrono::milliseconds shutdownLeft_ = shutdownTimeout;
-    dev_t device_ = 0;  // of the file behind the descriptor at the last write
-    ino_t inode_ = 0;
-    int nonBlocking_ = -1;  // a second, non-blocking descriptor for that file; -1: none
+    common::Mutex mutex_;
+    std::size_t lost_ GUARDED_BY(mutex_) = 0;    // lines since the reader stalled
+    bool truncated_ GUARDED_BY(mutex_) = false;  // the last line was not written to its end
+    std::chrono::milliseconds shutdownLeft_ GUARDED_BY(mutex_) = shutdownTimeout;
+    dev_t device_ GUARDED_BY(mutex_) = 0;  // of the file behind the descriptor at the last write
+    ino_t inode_ GUARDED_BY(mutex_) = 0;
+    int nonBlocking_ GUARDED_BY(mutex_) = -1;  // a second, non-blocking descriptor for that file; -1: none
 };
 
 }  // namespace dbg

@@ -4,49 +4,40 @@
 
 #include <algorithm>
 #include <array>
+#include <sstream>
+#include <utility>
 #include <vector>
 
 namespace zav {
 
 namespace {
 
-struct Suffix {
-    const char* coding;
-    const char* suffix;
-};
+using Suffix = std::pair<const char*, const char*>;  // of a coding
 
-constexpr std::array<Suffix, 17> suffixes{{
+constexpr std::array<Suffix, 10> suffixes{{
     {"gzip", ".gz"},
     {"gzip", ".tgz"},
-    {"x-gzip", ".gz"},
-    {"x-gzip", ".tgz"},
     {"compress", ".Z"},
-    {"x-compress", ".Z"},
     {"br", ".br"},
     {"zstd", ".zst"},
     {"zstd", ".tzst"},
     {"xz", ".xz"},
     {"xz", ".txz"},
-    {"x-xz", ".xz"},
-    {"x-xz", ".txz"},
     {"bzip2", ".bz2"},
     {"bzip2", ".tbz2"},
-    {"x-bzip2", ".bz2"},
-    {"x-bzip2", ".tbz2"},
 }};
 
-std::vector<std::string> split(const std::string& list) {
-    std::vector<std::string> elements;
-    for (std::size_t begin = 0; begin <= list.size();) {
-        const std::size_t end = std::min(list.find(',', begin), list.size());
-        const std::size_t first = list.find_first_not_of(" \t", begin);
-        if (first < end) {
-            const std::size_t last = list.find_last_not_of(" \t", end - 1);
-            elements.push_back(list.substr(first, last + 1 - first));
-        }
-        begin = end + 1;
+// The codings that change the body, without the "x-" of their old names.
+std::vector<std::string> appliedCodings(const std::string& codings) {
+    std::vector<std::string> applied;
+    std::string coding;
+    for (std::istringstream list(codings); std::getline(list, coding, ',');) {
+        coding.erase(0, coding.find_first_not_of(" \t"));
+        coding.erase(coding.find_last_not_of(" \t") + 1);
+        if (coding.empty() || strcasecmp(coding.c_str(), "identity") == 0) continue;
+        applied.push_back(strncasecmp(coding.c_str(), "x-", 2) == 0 ? coding.substr(2) : coding);
     }
-    return elements;
+    return applied;
 }
 
 bool endsWith(const std::string& name, const std::string& suffix) {
@@ -56,13 +47,10 @@ bool endsWith(const std::string& name, const std::string& suffix) {
 }  // namespace
 
 bool isAcceptedCoding(const std::string& codings, const std::string& fileName) {
-    std::vector<std::string> applied = split(codings);
-    applied.erase(std::remove_if(applied.begin(), applied.end(),
-                                 [](const std::string& coding) { return strcasecmp(coding.c_str(), "identity") == 0; }),
-                  applied.end());
+    const std::vector<std::string> applied = appliedCodings(codings);
     if (applied.empty()) return true;
     return applied.size() == 1 && std::any_of(suffixes.begin(), suffixes.end(), [&](const Suffix& suffix) {
-               return strcasecmp(applied.front().c_str(), suffix.coding) == 0 && endsWith(fileName, suffix.suffix);
+               return strcasecmp(applied.front().c_str(), suffix.first) == 0 && endsWith(fileName, suffix.second);
            });
 }
 

@@ -1,24 +1,23 @@
 #include "http/Curl.h"
 
-#include <fcntl.h>
 #include <poll.h>
 
-#include <cerrno>
-#include <exception>
+#include <new>
 #include <stdexcept>
 #include <utility>
 
 #include "CurlState.h"
+#include "common/Descriptor.h"
 #include "debug/Debug.h"
 
 namespace zav {
 
 namespace {
 
-// If memory runs out while libcurl 7.88 sets up a name lookup, it closes descriptor 0. The next file or socket of the
-// process would get that number, and the next such failure would close it.
-void occupyDescriptorZero() {
-    if (::fcntl(0, F_GETFD) < 0 && errno == EBADF) ::open("/dev/null", O_RDWR);
+// The index of our pointer in each context.
+int pointerIndex() {
+    static const int index = SSL_CTX_get_ex_new_index(0, nullptr, nullptr, nullptr, nullptr);
+    return index;
 }
 
 // Between a response and the next request, a socket is readable only if the server closed it or sent too much.
@@ -28,6 +27,21 @@ bool isReadable(curl_socket_t socket) {
 }
 
 }  // namespace
+
+void CloseNotify::watch(SSL_CTX* context) {
+    // Without this option newer versions of libcurl report a cut themselves; 7.88 does not.
+    SSL_CTX_clear_options(context, SSL_OP_IGNORE_UNEXPECTED_EOF);
+    if (pointerIndex() < 0 || SSL_CTX_set_ex_data(context, pointerIndex(), this) != 1) throw std::bad_alloc();
+    SSL_CTX_set_info_callback(context, &CloseNotify::onEvent);
+}
+
+void CloseNotify::onEvent(const SSL* connection, int where, int value) {
+    constexpr int descriptionMask = 0xff;
+    auto* const self = static_cast<CloseNotify*>(SSL_CTX_get_ex_data(SSL_get_SSL_CTX(connection), pointerIndex()));
+    // A new connection may have the address of the closed one.
+    if (where == SSL_CB_HANDSHAKE_START && self->closed_ == connection) self->closed_ = nullptr;
+    if (where == SSL_CB_READ_ALERT && (value & descriptionMask) == SSL_AD_CLOSE_NOTIFY) self->closed_ = connection;
+}
 
 Curl::State::State(CurlSettings clientSettings)
     : settings(std::move(clientSettings)), stop(std::make_shared<common::StopSignal>()) {
@@ -58,28 +72,28 @@ void Curl::State::dropHandle() {
     curl_easy_cleanup(handle);
     handle = nullptr;
     keptSocket = CURL_SOCKET_BAD;
-    occupyDescriptorZero();
+    // If memory runs out while libcurl 7.88 sets up a name lookup, it closes descriptor 0. The next file or socket of
+    // the process would get that number, and the next such failure would close it.
+    common::occupyStandardDescriptors();
 }
 
 std::shared_ptr<common::StopSignal> Curl::State::stopSignal() const {
-    const std::lock_guard<std::mutex> lock(stopMutex);
+    const common::LockGuard lock(stopMutex);
     return stop;
 }
 
-void Curl::State::report(long total, long now, long uploadTotal, long uploaded) {
-    const std::lock_guard<std::recursive_mutex> lock(callbackMutex);
+void Curl::State::report(long total, long now) {
+    const common::LockGuard lock(callbackMutex);
     const auto current = callback;  // keeps it alive if it removes itself
     if (current == nullptr) return;
     try {
-        (*current)(total, now, uploadTotal, uploaded);
+        (*current)(total, now, 0, 0);
     } catch (const std::exception& exception) {
         dbg::Debug::warning() << "Progress callback: " << exception.what() << std::endl;
     } catch (...) {
         dbg::Debug::warning() << "Progress callback: unknown exception" << std::endl;
     }
 }
-
-Curl::Curl() : Curl(CurlSettings()) {}
 
 Curl::Curl(CurlSettings settings) : state_(std::make_unique<State>(std::move(settings))) {}
 
@@ -89,13 +103,13 @@ long Curl::getHttpCode() const { return state_->httpCode; }
 
 void Curl::setProgressCallback(ProgressCallback callback) {
     auto next = callback ? std::make_shared<ProgressCallback>(std::move(callback)) : nullptr;
-    const std::lock_guard<std::recursive_mutex> lock(state_->callbackMutex);
+    const common::LockGuard lock(state_->callbackMutex);
     state_->callback.swap(next);  // the old one is destroyed after the lock is released
 }
 
 void Curl::stopWith(std::shared_ptr<common::StopSignal> signal) {
     if (signal == nullptr) signal = std::make_shared<common::StopSignal>();
-    const std::lock_guard<std::mutex> lock(state_->stopMutex);
+    const common::LockGuard lock(state_->stopMutex);
     state_->stop.swap(signal);
 }
 

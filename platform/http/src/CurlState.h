@@ -2,23 +2,38 @@
 #pragma once
 
 #include <curl/curl.h>
+#include <openssl/ssl.h>
 
 #include <atomic>
 #include <memory>
-#include <mutex>
 
-#include "CloseNotify.h"
+#include "common/ThreadSafety.h"
 #include "http/Curl.h"
 #include "security/DeviceIdentity.h"
 #include "security/TrustedCertificates.h"
 
 namespace zav {
 
+/// Tells whether a TLS server closed its connection (close_notify) or the connection was cut. libcurl takes both for
+/// the end of a body without a length, so that an attacker could truncate a file. Must outlive the connections it
+/// watches.
+class CloseNotify {
+ public:
+    /// Watches all connections of `context`. Throws std::bad_alloc.
+    void watch(SSL_CTX* context);
+
+    /// Whether the server sent close_notify on `connection`, which must be open or have been closed in this transfer.
+    bool wasReceivedOn(const SSL* connection) const { return connection != nullptr && closed_ == connection; }
+
+ private:
+    static void onEvent(const SSL* connection, int where, int value);
+
+    const SSL* closed_ = nullptr;  // the last one with a close_notify; may dangle, only compared
+};
+
 struct Curl::State {
     explicit State(CurlSettings clientSettings);
     ~State();
-    State(const State&) = delete;
-    State& operator=(const State&) = delete;
 
     /// The handle for a transfer that trusts `certificates` and presents `ownIdentity`, which may be null; null if out
     /// of memory. Its connection from the last transfer is reused, except after a change of either (it was made with
@@ -40,7 +55,7 @@ struct Curl::State {
     bool isOverdue() const { return stopSignal()->isOverdue(settings.steadyNow()); }
 
     /// Calls the progress callback, if any. Logs its exceptions and does not throw them.
-    void report(long total, long now, long uploadTotal, long uploaded);
+    void report(long total, long now);
 
     // Constant after construction.
     const CurlSettings settings;
@@ -55,12 +70,12 @@ struct Curl::State {
     // Own synchronisation.
     std::atomic<long> httpCode{0};
 
-    mutable std::mutex stopMutex;
-    std::shared_ptr<common::StopSignal> stop;  // guarded by stopMutex
+    mutable common::Mutex stopMutex;
+    std::shared_ptr<common::StopSignal> stop GUARDED_BY(stopMutex);
 
     // Held while the callback runs, so that its removal waits for it. Recursive, so that a callback may remove itself.
-    std::recursive_mutex callbackMutex;
-    std::shared_ptr<ProgressCallback> callback;  // guarded by callbackMutex
+    common::RecursiveMutex callbackMutex;
+    std::shared_ptr<ProgressCallback> callback GUARDED_BY(callbackMutex);
 };
 
 }  // namespace zav

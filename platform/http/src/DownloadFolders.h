@@ -4,13 +4,17 @@
 
 #include <array>
 #include <cstdint>
+#include <optional>
 #include <string>
 
 namespace zav {
 
+/// Bytes per file; nothing for firmware, which is limited by the free space less a reserve.
+using FileLimit = std::optional<std::uint64_t>;
+
 struct DownloadFolder {
-    const char* path;     // ends with "/"
-    std::uint64_t limit;  // bytes per file; 0: the free space less a reserve (firmware)
+    const char* path;  // ends with "/"
+    FileLimit limit;
     bool hasSubfolders;
 };
 
@@ -18,16 +22,17 @@ constexpr std::uint64_t mebibyte = 1024 * 1024;
 
 constexpr std::array<DownloadFolder, 4> downloadFolders{{
     {"/var/volatile/provisioning/", 16 * mebibyte, true},
-    {"/config/swupdate/", 0, false},
+    {"/config/swupdate/", std::nullopt, false},
     {"/custom/certs/_storage/", 1 * mebibyte, false},
     {"/var/volatile/contacts/", 64 * mebibyte, false},
 }};
 
-/// Whether `destination` is a firmware image, whose interrupted transfers are retried.
-bool isFirmware(const std::string& destination);
-
-/// The size limit in bytes of a file at `destination`, which must not be firmware. Outside the folders above it is that
-/// of provisioning files.
-std::uint64_t fixedLimit(const std::string& destination);
+/// The limit of a file at `destination`. Outside the folders above it is that of provisioning files.
+inline FileLimit limitOf(const std::string& destination) {
+    for (const DownloadFolder& folder : downloadFolders) {
+        if (destination.rfind(folder.path, 0) == 0) return folder.limit;
+    }
+    return downloadFolders.front().limit;
+}
 
 }  // namespace zav

@@ -7,12 +7,15 @@
 #include <unistd.h>
 
 #include <cerrno>
+#include <cstdint>
 #include <string_view>
 #include <system_error>
 
 namespace zav {
 
 namespace {
+
+static_assert(sizeof(off_t) >= sizeof(std::uint64_t), "files over 2 GiB need _FILE_OFFSET_BITS=64");
 
 constexpr std::string_view prefix = ".";
 constexpr std::string_view suffix = ".part";

@@ -19,8 +19,6 @@ class PartialFile {
 
     /// Removes the temporary file unless it was committed.
     ~PartialFile();
-    PartialFile(const PartialFile&) = delete;
-    PartialFile& operator=(const PartialFile&) = delete;
 
     /// Whether `name` is the name of such a temporary file.
     static bool isPartialName(const std::string& name);

@@ -3,12 +3,9 @@
 #include <strings.h>
 
 #include <algorithm>
-#include <limits>
 
 #include "ContentCoding.h"
-#include "CurlOptions.h"
 #include "CurlPointers.h"
-#include "Pace.h"
 #include "debug/Debug.h"
 
 namespace zav {
@@ -21,14 +18,8 @@ constexpr std::size_t maxHeaderBytes = 256UL * 1024;           // of one transfe
 constexpr std::uint64_t maxDiscardedBytes = 64 * 1024;         // of a body that is not stored
 constexpr std::uint64_t limitCheckInterval = 4 * 1024 * 1024;  // bytes of the file
 
-long asLong(curl_off_t value) {
-    return static_cast<long>(std::min<curl_off_t>(value, std::numeric_limits<long>::max()));
-}
-
-bool isRedirect(long status) {
-    return status == HttpStatus::movedPermanently || status == HttpStatus::found || status == HttpStatus::seeOther ||
-           status == HttpStatus::temporaryRedirect || status == HttpStatus::permanentRedirect;
-}
+// 300, 304 and 305 may have a Location too, but do not repeat the request there.
+bool isRedirect(long status) { return (status >= 301 && status <= 303) || status == 307 || status == 308; }
 
 // `location` relative to `base`. If that is not a URL, `location` itself, which the caller refuses.
 std::string resolve(const std::string& base, const std::string& location) {
@@ -64,9 +55,15 @@ std::string shortened(const std::string& text) { return text.size() <= 100 ? tex
 
 }  // namespace
 
-Transfer::Transfer(Curl& curl, const Security& security, const TransferContext& context,
+bool keepsPace(std::chrono::steady_clock::duration elapsed, std::uint64_t bytes) {
+    constexpr std::uint64_t minBytesPerSecond = 1024;
+    constexpr std::chrono::seconds allowance{300};
+    return elapsed <= allowance + std::chrono::seconds(bytes / minBytesPerSecond);
+}
+
+Transfer::Transfer(Curl::State& client, const Security& security, const TransferContext& context,
                    std::shared_ptr<const DeviceIdentity> identity)
-    : state_(*curl.state_),
+    : state_(client),
       trusted_(security.trustedCertificates()),
       identity_(std::move(identity)),
       handle_(state_.handleFor(trusted_, identity_)),
@@ -77,48 +74,58 @@ void Transfer::useCredentials(const Credentials& credentials, unsigned long sche
     schemes_ = schemes;
 }
 
+// After the first option that fails it sets no others: a transfer must not run without all its options.
 CURLcode Transfer::setOptions(const std::string& url, const curl_slist* headers) {
-    CurlOptions options(handle_);
-    options.set(CURLOPT_URL, url.c_str())
-        .set(CURLOPT_USERAGENT, "zav")
-        .set(CURLOPT_HTTP_VERSION, long{CURL_HTTP_VERSION_1_1})
-        .set(CURLOPT_PROTOCOLS_STR, "http,https")
-        .set(CURLOPT_FOLLOWLOCATION, 0L)
-        .set(CURLOPT_NETRC, long{CURL_NETRC_IGNORED})
-        .set(CURLOPT_PROXY, "")  // no proxy, not even from the environment
-        .set(CURLOPT_NOSIGNAL, 1L)
-        .set(CURLOPT_MAXCONNECTS, 1L)  // handleFor checks only one
-        .set(CURLOPT_QUICK_EXIT, 1L)   // do not wait for the thread of an aborted name lookup
-        .set(CURLOPT_CONNECTTIMEOUT, static_cast<long>(state_.settings.connectTimeout.count()))
-        .set(CURLOPT_LOW_SPEED_LIMIT, 1L)
-        .set(CURLOPT_LOW_SPEED_TIME, static_cast<long>(state_.settings.stallTimeout.count()))
-        .set(CURLOPT_TCP_KEEPALIVE, 1L)
-        .set(CURLOPT_BUFFERSIZE, context_.large ? largeBufferSize : normalBufferSize)
-        .set(CURLOPT_SSLVERSION, long{CURL_SSLVERSION_TLSv1_2})
-        .set(CURLOPT_SSL_VERIFYPEER, 1L)
-        .set(CURLOPT_SSL_VERIFYHOST, 2L)
-        // tlsCallback sets the trusted certificates, already parsed.
-        .set(CURLOPT_CAINFO, static_cast<char*>(nullptr))
-        .set(CURLOPT_CAPATH, static_cast<char*>(nullptr))
-        .set(CURLOPT_SSL_CTX_FUNCTION, &Transfer::tlsCallback)
-        .set(CURLOPT_SSL_CTX_DATA, this)
-        .set(CURLOPT_HEADERFUNCTION, &Transfer::headerCallback)
-        .set(CURLOPT_HEADERDATA, this)
-        .set(CURLOPT_WRITEFUNCTION, &Transfer::bodyCallback)
-        .set(CURLOPT_WRITEDATA, this)
-        .set(CURLOPT_NOPROGRESS, 0L)
-        .set(CURLOPT_XFERINFOFUNCTION, &Transfer::progressCallback)
-        .set(CURLOPT_XFERINFODATA, this);
+    CURLcode result = CURLE_OK;
+    const auto set = [&](CURLoption option, auto value) {
+        if (result != CURLE_OK) return;
+        result = curl_easy_setopt(handle_, option, value);
+        if (result == CURLE_OK) return;
+        const curl_easyoption* const known = curl_easy_option_by_id(option);
+        dbg::Debug::error() << "HTTP option " << (known == nullptr ? "?" : known->name)
+                            << " cannot be set: " << curl_easy_strerror(result) << std::endl;
+    };
+    set(CURLOPT_URL, url.c_str());
+    set(CURLOPT_USERAGENT, "zav");
+    set(CURLOPT_HTTP_VERSION, long{CURL_HTTP_VERSION_1_1});
+    set(CURLOPT_PROTOCOLS_STR, "http,https");
+    set(CURLOPT_FOLLOWLOCATION, 0L);
+    set(CURLOPT_NETRC, long{CURL_NETRC_IGNORED});
+    set(CURLOPT_PROXY, "");  // no proxy, not even from the environment
+    set(CURLOPT_NOSIGNAL, 1L);
+    set(CURLOPT_MAXCONNECTS, 1L);  // handleFor checks only one
+    set(CURLOPT_QUICK_EXIT, 1L);   // do not wait for the thread of an aborted name lookup
+    set(CURLOPT_CONNECTTIMEOUT, static_cast<long>(state_.settings.connectTimeout.count()));
+    set(CURLOPT_LOW_SPEED_LIMIT, 1L);
+    set(CURLOPT_LOW_SPEED_TIME, static_cast<long>(state_.settings.stallTimeout.count()));
+    set(CURLOPT_TCP_KEEPALIVE, 1L);
+    set(CURLOPT_BUFFERSIZE, context_.large ? largeBufferSize : normalBufferSize);
+    set(CURLOPT_SSLVERSION, long{CURL_SSLVERSION_TLSv1_2});
+    set(CURLOPT_SSL_VERIFYPEER, 1L);
+    set(CURLOPT_SSL_VERIFYHOST, 2L);
+    // tlsCallback sets the trusted certificates, already parsed.
+    set(CURLOPT_CAINFO, static_cast<char*>(nullptr));
+    set(CURLOPT_CAPATH, static_cast<char*>(nullptr));
+    set(CURLOPT_SSL_CTX_FUNCTION, &Transfer::tlsCallback);
+    set(CURLOPT_SSL_CTX_DATA, this);
+    set(CURLOPT_HEADERFUNCTION, &Transfer::headerCallback);
+    set(CURLOPT_HEADERDATA, this);
+    set(CURLOPT_WRITEFUNCTION, &Transfer::bodyCallback);
+    set(CURLOPT_WRITEDATA, this);
+    set(CURLOPT_NOPROGRESS, 0L);
+    set(CURLOPT_XFERINFOFUNCTION, &Transfer::progressCallback);
+    set(CURLOPT_XFERINFODATA, this);
     if (credentials_) {
-        options.set(CURLOPT_HTTPAUTH, schemes_)
-            .set(CURLOPT_USERNAME, credentials_->user.c_str())
-            .set(CURLOPT_PASSWORD, credentials_->password.c_str());
+        set(CURLOPT_HTTPAUTH, schemes_);
+        set(CURLOPT_USERNAME, credentials_->user.c_str());
+        set(CURLOPT_PASSWORD, credentials_->password.c_str());
     }
     if (headers != nullptr) {
         const std::string range = std::to_string(context_.file.size()) + "-";
-        options.set(CURLOPT_HTTPHEADER, headers).set(CURLOPT_RANGE, range.c_str());
+        set(CURLOPT_HTTPHEADER, headers);
+        set(CURLOPT_RANGE, range.c_str());
     }
-    return options.result();
+    return result;
 }
 
 int Transfer::run(const std::string& url) {
@@ -146,7 +153,7 @@ int Transfer::run(const std::string& url) {
 // Whether the connection can be reused. A server may send a body with a response that has none, such as a 204; it would
 // be read as the next response.
 bool Transfer::isFullyRead() const {
-    return !ended_ && !failure_ && (storing_ || !redirection_.empty() || status_ == HttpStatus::unauthorized);
+    return !ended_ && !failure_ && (storing_ || !redirection_.empty() || status_ == httpUnauthorized);
 }
 
 // Returns the result of libcurl; `ended_` overrides it.
@@ -228,8 +235,8 @@ FileVersion Transfer::fileVersion() const {
 void Transfer::beginBody() {
     bodyBegun_ = true;
     curl_easy_getinfo(handle_, CURLINFO_RESPONSE_CODE, &status_);
-    const bool isRest = resumeFrom_ && status_ == HttpStatus::partialContent;
-    if (resumeFrom_ && status_ == HttpStatus::rangeNotSatisfiable) return endAsMismatch();
+    const bool isRest = resumeFrom_ && status_ == httpPartialContent;
+    if (resumeFrom_ && status_ == httpRangeNotSatisfiable) return endAsMismatch();
     if (isRest && !beginRest()) return endAsMismatch();
     storing_ = status_ == httpOk || isRest;
     if (!storing_) return;
@@ -334,15 +341,12 @@ std::size_t Transfer::onBody(const char* data, std::size_t length) {
 
 int Transfer::onProgress(curl_off_t total, curl_off_t now) {
     const auto offset = static_cast<curl_off_t>(offset_);
-    const auto elapsed = state_.settings.steadyNow() - context_.startedAt;
-    if (!ended_ && !keepsPace(elapsed, static_cast<std::int64_t>(context_.received + received_))) {
-        ended_ = CURLE_OPERATION_TIMEDOUT;
-    }
+    if (!ended_ && !context_.keepsPace(state_.settings.steadyNow(), received_)) ended_ = CURLE_OPERATION_TIMEDOUT;
     // libcurl reads the body of a 401 itself, without onBody, if it repeats the request with credentials.
     const std::uint64_t read = static_cast<std::uint64_t>(std::max<curl_off_t>(now, 0));
     if (!ended_ && read > delivered_ + maxDiscardedBytes) ended_ = CURLE_OK;
     if (!ended_ && state_.isOverdue()) ended_ = CURLE_ABORTED_BY_CALLBACK;
-    state_.report(total > 0 ? asLong(offset + total) : 0, asLong(offset + now), 0, 0);
+    state_.report(total > 0 ? wrappedCount<long>(offset + total) : 0, wrappedCount<long>(offset + now));
     return ended_ ? 1 : 0;
 }
 

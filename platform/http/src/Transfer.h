@@ -8,6 +8,7 @@
 #include <cstdint>
 #include <exception>
 #include <functional>
+#include <limits>
 #include <memory>
 #include <optional>
 #include <string>
@@ -15,13 +16,29 @@
 #include "Credentials.h"
 #include "CurlState.h"
 #include "FileVersion.h"
-#include "HttpStatus.h"
 #include "PartialFile.h"
-#include "http/Curl.h"
 #include "http/CurlTypes.h"
 #include "security/Security.h"
 
 namespace zav {
+
+/// The HTTP status codes, besides httpOk and redirects, that downloads distinguish.
+constexpr long httpPartialContent = 206;
+constexpr long httpUnauthorized = 401;
+constexpr long httpRangeNotSatisfiable = 416;
+
+/// Whether a download that has received `bytes` after `elapsed` may continue. The stall timeout does not end a transfer
+/// of a byte now and then, so all attempts of a download together must receive 1 KiB per second, not counting the first
+/// five minutes. Any line that a phone is used on is faster.
+bool keepsPace(std::chrono::steady_clock::duration elapsed, std::uint64_t bytes);
+
+/// `bytes` for a progress callback, whose `long` has 32 bits on some phones: counted from 0 again past the maximum of
+/// `Integer`. A callback takes an unchanged count for a stalled transfer, so the count must not stay at the maximum.
+template <typename Integer>
+Integer wrappedCount(std::int64_t bytes) {
+    constexpr auto maximum = static_cast<std::uint64_t>(std::numeric_limits<Integer>::max());
+    return static_cast<Integer>(static_cast<std::uint64_t>(bytes) & maximum);
+}
 
 /// Returns the size limit of the file in bytes. Called repeatedly, because the free space may change.
 using SizeLimit = std::function<std::uint64_t()>;
@@ -34,13 +51,17 @@ struct TransferContext {
     bool large = false;                               // use a large buffer
     std::chrono::steady_clock::time_point startedAt;  // of the download
     std::uint64_t received = 0;                       // bytes that earlier transfers stored
+
+    bool keepsPace(std::chrono::steady_clock::time_point now, std::uint64_t moreReceived) const {
+        return zav::keepsPace(now - startedAt, received + moreReceived);
+    }
 };
 
 class Transfer {
  public:
-    /// `curl` and `context` must outlive this object. `identity` is what the phone presents if the server asks for a
+    /// `client` and `context` must outlive this object. `identity` is what the phone presents if the server asks for a
     /// certificate; null for none.
-    Transfer(Curl& curl, const Security& security, const TransferContext& context,
+    Transfer(Curl::State& client, const Security& security, const TransferContext& context,
              std::shared_ptr<const DeviceIdentity> identity);
     Transfer(const Transfer&) = delete;
     Transfer& operator=(const Transfer&) = delete;
@@ -63,16 +84,13 @@ class Transfer {
     /// Whether the response was the whole file, or the rest of a resumed one, and its body was stored as far as it
     /// came.
     bool storedWholeFile() const { return storing_ && status_ == httpOk; }
-    bool storedRest() const { return storing_ && status_ == HttpStatus::partialContent; }
+    bool storedRest() const { return storing_ && status_ == httpPartialContent; }
     /// Whether the response to `resume` did not continue the file. The content of the file is then useless.
     bool isMismatch() const { return mismatch_; }
     /// Describes the bytes in the file. Valid after storedWholeFile or storedRest.
     const ResumePoint& resumePoint() const { return resumePoint_; }
     /// Bytes that this transfer stored.
     std::uint64_t received() const { return received_; }
-
-    /// Sets what Curl::getHttpCode returns.
-    static void setClientStatus(Curl& curl, long status) { curl.state_->httpCode = status; }
 
  private:
     CURLcode setOptions(const std::string& url, const curl_slist* headers);

@@ -13,26 +13,13 @@ namespace {
 
 constexpr std::size_t maxLocalNameLength = 200;
 
-class ParsedUrl {
- public:
-    explicit ParsedUrl(const std::string& text) {
-        if (handle_ == nullptr ||
-            curl_url_set(handle_.get(), CURLUPART_URL, text.c_str(), CURLU_PATH_AS_IS) != CURLUE_OK) {
-            throw UrlException();
-        }
-    }
-
-    // Undecoded; empty if missing.
-    std::string part(CURLUPart which) const {
-        char* text = nullptr;
-        if (curl_url_get(handle_.get(), which, &text, 0) != CURLUE_OK) return "";
-        const CurlText owner(text);
-        return text;
-    }
-
- private:
-    CurlUrl handle_{curl_url()};
-};
+// Undecoded; empty if missing.
+std::string partOf(const CurlUrl& url, CURLUPart which) {
+    char* text = nullptr;
+    if (curl_url_get(url.get(), which, &text, 0) != CURLUE_OK) return "";
+    const CurlText owner(text);
+    return text;
+}
 
 }  // namespace
 
@@ -45,13 +32,17 @@ UrlInfo::UrlInfo(const std::string& url) {
                    [](unsigned char c) { return static_cast<char>(std::tolower(c)); });
 
     // All schemes are parsed by the rules of http; the downloader refuses those it does not support.
-    const ParsedUrl parsed("http://" + (scheme.empty() ? url : url.substr(scheme.size() + 3)));
-    host_ = parsed.part(CURLUPART_HOST);
+    const std::string text = "http://" + (scheme.empty() ? url : url.substr(scheme.size() + 3));
+    const CurlUrl parsed(curl_url());
+    if (parsed == nullptr || curl_url_set(parsed.get(), CURLUPART_URL, text.c_str(), CURLU_PATH_AS_IS) != CURLUE_OK) {
+        throw UrlException();
+    }
+    host_ = partOf(parsed, CURLUPART_HOST);
     if (host_.size() > 2 && host_.front() == '[') host_ = host_.substr(1, host_.size() - 2);
     if (!syntax->port.empty()) port_ = static_cast<unsigned>(std::stoul(syntax->port));
     userInfo_ = syntax->userInfo;
-    query_ = parsed.part(CURLUPART_QUERY);
-    const std::string whole = parsed.part(CURLUPART_PATH);
+    query_ = partOf(parsed, CURLUPART_QUERY);
+    const std::string whole = partOf(parsed, CURLUPART_PATH);
     if (host_.empty() || whole.empty()) throw UrlException();
     const auto slash = whole.rfind('/');
     path_ = whole.substr(0, slash + 1);

@@ -1,10 +1,6 @@
-#include "Address.h"
-
-#include <netdb.h>
-#include <sys/socket.h>
+#include "ipc/Address.h"
 
 #include <charconv>
-#include <memory>
 
 #include "ipc/IPCException.h"
 
@@ -58,28 +54,6 @@ std::string addressError(const std::string& text) {
     } catch (const IPCException& error) {
         return error.what();
     }
-}
-
-std::vector<std::string> resolve(const Address& address, std::string& failure) {
-    addrinfo hints{};
-    hints.ai_socktype = SOCK_STREAM;
-    addrinfo* found = nullptr;
-    const int result = getaddrinfo(address.host.c_str(), nullptr, &hints, &found);
-    const std::unique_ptr<addrinfo, decltype(&freeaddrinfo)> owner(found, &freeaddrinfo);
-    std::vector<std::string> numeric;
-    if (result == 0) {
-        for (const addrinfo* each = found; each != nullptr; each = each->ai_next) {
-            char host[NI_MAXHOST];
-            if (getnameinfo(each->ai_addr, each->ai_addrlen, host, sizeof host, nullptr, 0, NI_NUMERICHOST) == 0) {
-                numeric.emplace_back(host);
-            }
-        }
-    } else {
-        failure = gai_strerror(result);
-    }
-    // A phone with a damaged hosts file must still reach its own broker.
-    if (numeric.empty() && address.host == "localhost") numeric.emplace_back("127.0.0.1");
-    return numeric;
 }
 
 }  // namespace ipc

@@ -1,6 +1,7 @@
 // The pause before the next connection attempt. It has no clock: the caller passes how long the last connection held.
 #pragma once
 
+#include <algorithm>
 #include <chrono>
 
 namespace ipc {
@@ -27,7 +28,18 @@ class BackOff {
     static constexpr Duration takeoverResetAfter{60000};
 
     /// The pause after a connection that was ready for `held`, 0 if it never was.
-    Duration next(Duration held, Loss loss);
+    Duration next(Duration held, Loss loss) {
+        if (held >= resetAfter) pause_ = firstPause;
+        if (held >= takeoverResetAfter) takeoverPause_ = Duration{0};
+        if (loss == Loss::plain) {
+            const Duration pause = pause_;
+            pause_ = std::min(2 * pause_, longestPause);
+            return pause;
+        }
+        const Duration pause = std::max(takeoverPause_, loss == Loss::takeover ? firstTakeoverPause : firstPause);
+        takeoverPause_ = std::min(2 * pause, longestTakeoverPause);
+        return pause;
+    }
 
  private:
     Duration pause_ = firstPause;

@@ -2,7 +2,6 @@
 
 #include <utility>
 
-#include "Thread.h"
 #include "debug/Debug.h"
 #include "ipc/IPCException.h"
 
@@ -19,10 +18,7 @@ bool isConnectionFailure(int result) {
 }  // namespace
 
 Connection::Connection(Options options, ConnectionListener& listener)
-    : options_(std::move(options)),
-      listener_(listener),
-      keepSession_(options_.keepSession),
-      log_(options_.logsEvents ? ConnectionLoss::Logging::on : ConnectionLoss::Logging::off, options_.clientId) {}
+    : options_(std::move(options)), listener_(listener), keepSession_(options_.keepSession) {}
 
 Connection::~Connection() { close(); }
 

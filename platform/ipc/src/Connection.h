@@ -15,8 +15,8 @@
 //
 // Threads: one network thread opens, reads and closes; it alone waits on the socket. Every operation may be called from
 // any thread: one mutex guards the link and all state, and is never held while waiting. The listener is called on the
-// network thread with that mutex held, except for `roundEnded`: it must not call back into the connection, run user
-// code or wait.
+// network thread with that mutex held, except for `connecting` and `roundEnded`: it must not call back into the
+// connection, run user code or wait.
 #pragma once
 
 #include <chrono>
@@ -27,15 +27,14 @@
 #include <string>
 #include <thread>
 
-#include "Address.h"
 #include "BackOff.h"
-#include "ConnectionLoss.h"
 #include "Link.h"
-#include "Message.h"
+#include "Mqtt.h"
 #include "Outbox.h"
 #include "Subscriptions.h"
-#include "Waker.h"
+#include "System.h"
 #include "common/ThreadSafety.h"
+#include "ipc/Address.h"
 
 namespace ipc {
 
@@ -43,6 +42,8 @@ class ConnectionListener {
  public:
     virtual ~ConnectionListener() = default;
 
+    /// An attempt to connect begins. Called without the mutex, at most 40 s after this or `roundEnded` was called.
+    virtual void connecting() {}
     /// The broker has accepted the connection and answered every subscription.
     virtual void connectionReady() = 0;
     /// An accepted connection was lost.
@@ -135,8 +136,8 @@ class Connection : private LinkListener {
     void beginSubscribing() REQUIRES(mutex_);
     void becomeReady() REQUIRES(mutex_);
     BackOff::Loss afterLoss(const std::string& numericAddress) REQUIRES(mutex_);
+    void logLoss(BackOff::Loss loss) REQUIRES(mutex_);
     bool suspectsTakeover(const std::string& numericAddress) REQUIRES(mutex_);
-    std::chrono::milliseconds held() const;
 
     // Inside Link::serve, on the network thread with mutex_ held.
     void acknowledged(int identifier, int reason) override;
@@ -167,9 +168,9 @@ class Connection : private LinkListener {
     Outbox outbox_ GUARDED_BY(mutex_);
 
     // The network thread's own.
-    ConnectionLoss log_;
+    std::string lastLoggedFailure_;
     Clock::time_point readyDeadline_;
-    Clock::time_point readySince_;
+    Clock::time_point readySince_;  // the latest time if the last connection never was
 
     std::thread thread_;
 };

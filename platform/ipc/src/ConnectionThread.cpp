@@ -7,7 +7,6 @@
 #include <vector>
 
 #include "Connection.h"
-#include "Socket.h"
 #include "debug/Debug.h"
 #include "ipc/IPCException.h"
 
@@ -28,20 +27,21 @@ void Connection::run() {
     const common::LockGuard lock(mutex_);
     BackOff backOff;
     while (!isClosing()) {
+        {
+            const common::UnlockGuard unlocked(mutex_);
+            listener_.connecting();
+        }
+        if (isClosing()) break;
         state_ = State::connecting;
         const BackOff::Loss loss = attempt();
         if (isClosing() || (reached_ == Milestone::none && !forEver_)) break;
         state_ = State::pausing;
-        changed_.waitFor(mutex_, backOff.next(held(), loss), [this]() REQUIRES(mutex_) { return isClosing(); });
+        const auto held = std::max(Clock::now() - readySince_, Clock::duration::zero());
+        const auto pause = backOff.next(std::chrono::duration_cast<milliseconds>(held), loss);
+        changed_.waitFor(mutex_, pause, [this]() REQUIRES(mutex_) { return isClosing(); });
     }
     state_ = State::ended;
     changed_.notifyAll();
-}
-
-/// How long the last connection was ready.
-milliseconds Connection::held() const {
-    if (readySince_ == Clock::time_point::max()) return milliseconds(0);
-    return std::chrono::duration_cast<milliseconds>(Clock::now() - readySince_);
 }
 
 /// One connection from the name look-up to its end. Returns how it was lost.
@@ -75,8 +75,10 @@ BackOff::Loss Connection::attempt() {
     if (!notABrokerReason.empty()) failure_ = notABrokerReason;
     if (isClosing()) {
         state_ = State::ended;
-    } else {
-        log_.failed(address_, failure_);
+    } else if (options_.logsEvents && failure_ != lastLoggedFailure_) {
+        lastLoggedFailure_ = failure_;
+        dbg::Debug::warning() << "Cannot connect to the broker at " << address_.host << ":" << address_.port << ": "
+                              << failure_ << "; retrying" << std::endl;
     }
     return BackOff::Loss::plain;
 }
@@ -187,7 +189,8 @@ void Connection::becomeReady() {
     reached_ = Milestone::ready;
     readySince_ = Clock::now();
     if (!options_.statusTopic.empty()) enqueue({options_.statusTopic, "online", 1, {}, {}}, true);
-    log_.connected();
+    lastLoggedFailure_.clear();
+    if (options_.logsEvents) dbg::Debug::info() << "Connected to the broker" << std::endl;
     listener_.connectionReady();
     changed_.notifyAll();
 }
@@ -207,10 +210,22 @@ BackOff::Loss Connection::afterLoss(const std::string& numericAddress) {
                    "\" has taken over the session";
     }
     if (isClosing()) return loss;
-    log_.lost(loss, failure_);
+    if (options_.logsEvents) logLoss(loss);
     listener_.connectionLost(failure_);
     changed_.notifyAll();
     return loss;
+}
+
+void Connection::logLoss(BackOff::Loss loss) {
+    if (loss == BackOff::Loss::takeover) {
+        dbg::Debug::error() << "Another " << options_.clientId
+                            << " is connected to the broker and has taken over from this one" << std::endl;
+    } else if (loss == BackOff::Loss::suspected) {
+        dbg::Debug::warning() << "The broker closed the connection; perhaps another " << options_.clientId
+                              << " is connected and has taken over from this one" << std::endl;
+    } else {
+        dbg::Debug::warning() << "Connection to the broker lost: " << failure_ << std::endl;
+    }
 }
 
 /// Some brokers close the connection without a reason when another client takes the session over. A broker that exits

@@ -3,7 +3,7 @@
 #include <exception>
 #include <utility>
 
-#include "Thread.h"
+#include "System.h"
 #include "debug/Debug.h"
 
 namespace ipc {
@@ -13,21 +13,27 @@ Delivery::Delivery(std::string name, IIPCCallback& callback) : name_(std::move(n
     threadId_ = thread_.get_id();
 }
 
-Delivery::~Delivery() { stop(); }
+void Delivery::messageArrived(std::string_view topic, std::string_view content) {
+    put([this, topic = std::string(topic),
+         content = std::string(content)] { callback_.messageArrived(topic, content); },
+        topic.size() + content.size());
+}
 
-void Delivery::messageArrived(std::string_view topic, std::string_view content) { put(Kind::message, topic, content); }
+void Delivery::connectionLost(std::string_view cause) {
+    put([this, cause = std::string(cause)] { callback_.connectionLost(cause); }, cause.size());
+}
 
-void Delivery::connectionLost(std::string_view cause) { put(Kind::lost, cause, {}); }
+void Delivery::deliveryComplete(std::string_view topic) {
+    put([this, topic = std::string(topic)] { callback_.deliveryComplete(topic); }, topic.size());
+}
 
-void Delivery::deliveryComplete(std::string_view topic) { put(Kind::complete, topic, {}); }
-
-void Delivery::put(Kind kind, std::string_view text, std::string_view content) {
+void Delivery::put(std::function<void()> run, std::size_t bytes) {
     bool warn = false;
     {
         const common::LockGuard lock(mutex_);
         if (stopping_) return;
-        items_.push_back({kind, std::string(text), std::string(content)});
-        bytes_ += text.size() + content.size();
+        calls_.push_back({std::move(run), bytes});
+        bytes_ += bytes;
         warn = trim();
     }
     changed_.notifyOne();
@@ -39,9 +45,9 @@ void Delivery::put(Kind kind, std::string_view text, std::string_view content) {
 
 bool Delivery::trim() {
     const bool wasOverflowing = overflowing_;
-    while (items_.size() > 1 && (items_.size() > maxItems || bytes_ > maxBytes)) {
-        bytes_ -= items_.front().text.size() + items_.front().content.size();
-        items_.pop_front();
+    while (calls_.size() > 1 && (calls_.size() > maxItems || bytes_ > maxBytes)) {
+        bytes_ -= calls_.front().bytes;
+        calls_.pop_front();
         overflowing_ = true;
     }
     return overflowing_ && !wasOverflowing;
@@ -50,36 +56,26 @@ bool Delivery::trim() {
 void Delivery::run() {
     const common::LockGuard lock(mutex_);
     for (;;) {
-        changed_.wait(mutex_, [this]() REQUIRES(mutex_) { return stopping_ || !items_.empty(); });
+        changed_.wait(mutex_, [this]() REQUIRES(mutex_) { return stopping_ || !calls_.empty(); });
         if (stopping_) return;
-        const Item item = take();
+        const Call call = take();
         const common::UnlockGuard unlocked(mutex_);
-        call(item);
+        execute(call);
     }
 }
 
-Delivery::Item Delivery::take() {
-    Item item = std::move(items_.front());
-    items_.pop_front();
-    bytes_ -= item.text.size() + item.content.size();
+Delivery::Call Delivery::take() {
+    Call call = std::move(calls_.front());
+    calls_.pop_front();
+    bytes_ -= call.bytes;
     // Warn about the next overflow only once the queue has been half empty.
-    if (items_.size() < maxItems / 2 && bytes_ < maxBytes / 2) overflowing_ = false;
-    return item;
+    if (calls_.size() < maxItems / 2 && bytes_ < maxBytes / 2) overflowing_ = false;
+    return call;
 }
 
-void Delivery::call(const Item& item) noexcept {
+void Delivery::execute(const Call& call) noexcept {
     try {
-        switch (item.kind) {
-            case Kind::message:
-                callback_.messageArrived(item.text, item.content);
-                break;
-            case Kind::lost:
-                callback_.connectionLost(item.text);
-                break;
-            case Kind::complete:
-                callback_.deliveryComplete(item.text);
-                break;
-        }
+        call.run();
     } catch (const std::exception& error) {
         dbg::Debug::error() << "Exception in the callback for \"" << name_ << "\": " << error.what() << std::endl;
     } catch (...) {
@@ -91,7 +87,7 @@ void Delivery::requestStop() {
     {
         const common::LockGuard lock(mutex_);
         stopping_ = true;
-        items_.clear();
+        calls_.clear();
         bytes_ = 0;
     }
     changed_.notifyOne();

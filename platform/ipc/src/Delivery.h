@@ -6,6 +6,7 @@
 
 #include <cstddef>
 #include <deque>
+#include <functional>
 #include <string>
 #include <string_view>
 #include <thread>
@@ -17,7 +18,7 @@ namespace ipc {
 
 class Delivery {
  public:
-    /// Beyond either limit the oldest items are dropped; the newest is always kept.
+    /// Beyond either limit the oldest calls are dropped; the newest is always kept.
     static constexpr std::size_t maxItems = 10000;
     static constexpr std::size_t maxBytes = std::size_t{32} * 1024 * 1024;
 
@@ -25,13 +26,13 @@ class Delivery {
     Delivery(std::string name, IIPCCallback& callback);
     Delivery(const Delivery&) = delete;
     Delivery& operator=(const Delivery&) = delete;
-    ~Delivery();
+    ~Delivery() { stop(); }
 
     void messageArrived(std::string_view topic, std::string_view content);
     void connectionLost(std::string_view cause);
     void deliveryComplete(std::string_view topic);
 
-    /// Drops queued items and waits for a running callback. Must not be called on the delivery's own thread.
+    /// Drops queued calls and waits for a running one. Must not be called on the delivery's own thread.
     void stop();
 
     /// The same without waiting, so that several queues can stop in parallel.
@@ -41,26 +42,24 @@ class Delivery {
     IIPCCallback& callback() const { return callback_; }
 
  private:
-    enum class Kind { message, lost, complete };
-    struct Item {
-        Kind kind;
-        std::string text;  // the topic, or the cause
-        std::string content;
+    struct Call {
+        std::function<void()> run;
+        std::size_t bytes;
     };
 
-    void put(Kind kind, std::string_view text, std::string_view content);
+    void put(std::function<void()> run, std::size_t bytes);
     /// Returns whether an overflow has just begun.
     bool trim() REQUIRES(mutex_);
     void run();
-    Item take() REQUIRES(mutex_);
-    void call(const Item& item) noexcept;
+    Call take() REQUIRES(mutex_);
+    void execute(const Call& call) noexcept;
 
     const std::string name_;
     IIPCCallback& callback_;
 
     common::Mutex mutex_;
     common::ConditionVariable changed_;
-    std::deque<Item> items_ GUARDED_BY(mutex_);
+    std::deque<Call> calls_ GUARDED_BY(mutex_);
     std::size_t bytes_ GUARDED_BY(mutex_) = 0;
     bool overflowing_ GUARDED_BY(mutex_) = false;
     bool stopping_ GUARDED_BY(mutex_) = false;

@@ -1,10 +1,13 @@
 #include "Link.h"
 
+#include <fcntl.h>
+#include <netinet/in.h>
+#include <netinet/tcp.h>
 #include <poll.h>
+#include <sys/ioctl.h>
+#include <sys/socket.h>
 
 #include <cerrno>
-
-#include "Socket.h"
 
 namespace ipc {
 
@@ -14,6 +17,27 @@ constexpr int keepAliveSeconds = 60;
 constexpr std::chrono::seconds upkeepInterval{10};
 constexpr std::size_t packetsPerRound = 256;
 constexpr unsigned char connackByte = 0x20;
+
+/// Sends a delayed TCP acknowledgement now; repeat it after each read. A broker with Nagle's algorithm on holds its
+/// next packet back until the last one is acknowledged, which costs 40 ms.
+void enableQuickAck(int socket) {
+    if (socket < 0) return;
+    // The value 1 would acknowledge the next packet at once too, although a response is about to carry that
+    // acknowledgement. So would 2 if there were nothing to acknowledge now.
+    const int now = 2;
+    setsockopt(socket, IPPROTO_TCP, TCP_QUICKACK, &now, sizeof now);
+}
+
+/// While `on`, only full TCP segments are sent; switching it off sends the rest.
+void setCork(int socket, bool on) {
+    const int value = on ? 1 : 0;
+    setsockopt(socket, IPPROTO_TCP, TCP_CORK, &value, sizeof value);
+}
+
+bool hasInput(int socket) {
+    int bytes = 0;
+    return ioctl(socket, FIONREAD, &bytes) == 0 && bytes > 0;
+}
 
 }  // namespace
 
@@ -39,7 +63,8 @@ std::string Link::connect(const std::string& numericAddress, int port) {
                                                  properties.get());
     if (result != MOSQ_ERR_SUCCESS) return resultText(result, errno);
     nextUpkeep_ = Clock::now() + upkeepInterval;
-    prepareSocket(descriptor());
+    enableQuickAck(descriptor());
+    if (descriptor() >= 0) fcntl(descriptor(), F_SETFD, FD_CLOEXEC);
     return {};
 }
 
@@ -122,10 +147,10 @@ bool Link::serve(short events) {
 /// libmosquitto would take any first byte for the beginning of a packet and wait for the rest.
 bool Link::startsWithConnack() {
     if (stage_ != Stage::silent) return true;
-    const auto first = peek(descriptor());
-    if (!first) return true;
+    unsigned char first = 0;
+    if (recv(descriptor(), &first, 1, MSG_PEEK | MSG_DONTWAIT) != 1) return true;
     stage_ = Stage::answering;
-    if (*first == connackByte) return true;
+    if (first == connackByte) return true;
     fail(handshakeFailureText(MOSQ_ERR_PROTOCOL, 0));
     return false;
 }
@@ -140,7 +165,7 @@ int Link::readPackets() {
         const std::size_t before = arrivals_;
         result = mosquitto_loop_read(handle_.get(), 1);
         const bool goOn = result == MOSQ_ERR_SUCCESS && !readingPaused_ && arrivals_ > before && arrivals_ < enough;
-        more = goOn && hasMore(descriptor());
+        more = goOn && hasInput(descriptor());
     }
     reading_ = false;
     return result;

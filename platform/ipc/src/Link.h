@@ -18,7 +18,6 @@
 #include <string>
 
 #include "BackOff.h"
-#include "Message.h"
 #include "Mqtt.h"
 
 namespace ipc {

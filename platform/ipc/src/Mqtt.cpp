@@ -1,20 +1,49 @@
 #include "Mqtt.h"
 
+#include <algorithm>
+#include <cerrno>
 #include <cstdlib>
-#include <cstring>
 #include <mutex>
 
+#include "common/Descriptor.h"
 #include "ipc/IPCException.h"
 
 namespace ipc {
 
 namespace {
 
-// Depending on the C library, strerror_r returns the text, or whether it wrote the text into the buffer.
-[[maybe_unused]] const char* textOf(const char* text, const char* /*buffer*/) { return text; }
-[[maybe_unused]] const char* textOf(int error, const char* buffer) { return error == 0 ? buffer : "unknown error"; }
+// Brokers disconnect a client that publishes on a deeper topic. As the message is kept until it is acknowledged, that
+// would repeat for ever.
+constexpr std::ptrdiff_t maxSlashes = 200;
+constexpr std::size_t maxCorrelationData = 65535;
+
+bool hasNul(std::string_view text) { return text.find('\0') != std::string_view::npos; }
+
+/// UTF-8 as MQTT defines it: without NUL.
+bool isUtf8(std::string_view text) {
+    return mosquitto_validate_utf8(text.data(), static_cast<int>(text.size())) == MOSQ_ERR_SUCCESS;
+}
+
+bool isTopic(std::string_view topic) {
+    return !topic.empty() && std::count(topic.begin(), topic.end(), '/') <= maxSlashes &&
+           mosquitto_pub_topic_check2(topic.data(), topic.size()) == MOSQ_ERR_SUCCESS && isUtf8(topic);
+}
 
 }  // namespace
+
+void requirePublishable(const Message& message) {
+    if (!isTopic(message.topic) || hasNul(message.responseTopic) ||
+        message.correlationData.size() > maxCorrelationData || message.payload.size() > maxPacket) {
+        throw IPCException("The topic is invalid or the message is too large: \"" + std::string(message.topic) + "\"");
+    }
+}
+
+void requireFilter(const std::string& filter) {
+    const bool isFilter = !filter.empty() &&
+                          mosquitto_sub_topic_check2(filter.data(), filter.size()) == MOSQ_ERR_SUCCESS &&
+                          isUtf8(filter);
+    if (!isFilter) throw IPCException("Invalid topic filter: \"" + filter + "\"");
+}
 
 std::string Incoming::responseTopic() const {
     char* text = nullptr;
@@ -33,18 +62,29 @@ std::string Incoming::correlationData() const {
     return data != nullptr ? std::string(static_cast<const char*>(data), size) : std::string();
 }
 
+std::vector<std::uint32_t> Incoming::subscriptions() const {
+    std::vector<std::uint32_t> named;
+    std::uint32_t identifier = 0;
+    const mosquitto_property* at = properties;
+    while ((at = mosquitto_property_read_varint(at, MQTT_PROP_SUBSCRIPTION_IDENTIFIER, &identifier, !named.empty())) !=
+           nullptr) {
+        named.push_back(identifier);
+    }
+    return named;
+}
+
 Handle newHandle(const std::string& clientId, bool cleanStart, void* owner) {
     static std::once_flag initialised;
     std::call_once(initialised, [] { mosquitto_lib_init(); });
     Handle handle(mosquitto_new(clientId.c_str(), cleanStart, owner));
-    if (!handle) throw IPCException("Cannot create an MQTT client: " + systemText(errno));
+    if (!handle) throw IPCException("Cannot create an MQTT client: " + common::reasonOf(errno));
     mosquitto_int_option(handle.get(), MOSQ_OPT_PROTOCOL_VERSION, MQTT_PROTOCOL_V5);
     mosquitto_int_option(handle.get(), MOSQ_OPT_TCP_NODELAY, 1);
     return handle;
 }
 
 std::string resultText(int result, int systemError) {
-    return result == MOSQ_ERR_ERRNO ? systemText(systemError) : std::string(mosquitto_strerror(result));
+    return result == MOSQ_ERR_ERRNO ? common::reasonOf(systemError) : std::string(mosquitto_strerror(result));
 }
 
 std::string lossText(int reason, int systemError) {
@@ -63,15 +103,10 @@ std::string handshakeFailureText(int reason, int systemError) {
         case MOSQ_ERR_CONN_LOST:
             return "it closed the connection";
         case MOSQ_ERR_ERRNO:
-            return systemError == 0 ? "it closed the connection" : systemText(systemError);
+            return systemError == 0 ? "it closed the connection" : common::reasonOf(systemError);
         default:
             return lossText(reason, systemError);
     }
-}
-
-std::string systemText(int systemError) {
-    char buffer[128] = "";
-    return textOf(strerror_r(systemError, buffer, sizeof buffer), buffer);
 }
 
 bool topicMatches(const std::string& filter, std::string_view topic) {

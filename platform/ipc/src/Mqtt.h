@@ -1,15 +1,42 @@
-// Thin wrappers around libmosquitto's bare pointers.
+// Messages, and thin wrappers around libmosquitto's bare pointers.
 #pragma once
 
 #include <mosquitto.h>
 #include <mqtt_protocol.h>
 
+#include <cstddef>
 #include <cstdint>
 #include <memory>
 #include <string>
 #include <string_view>
+#include <vector>
 
 namespace ipc {
+
+/// The largest packet that the broker may send to us, and the largest payload that we send.
+constexpr std::uint32_t maxPacket = std::uint32_t{16} * 1024 * 1024;
+
+/// An outgoing message.
+struct Message {
+    std::string_view topic;
+    std::string_view payload;
+    int qualityOfService = 0;
+    std::string responseTopic;    // empty: none
+    std::string correlationData;  // empty: none
+};
+
+/// The size in bytes that a queued message counts.
+template <typename Kept>
+std::size_t sizeOf(const Kept& message) {
+    return message.topic.size() + message.payload.size() + message.responseTopic.size() +
+           message.correlationData.size();
+}
+
+/// Throw IPCException if MQTT forbids it, or if a broker would close the connection because of it.
+void requirePublishable(const Message& message);
+void requireFilter(const std::string& filter);
+
+bool topicMatches(const std::string& filter, std::string_view topic);
 
 /// A property list to send. Texts must not contain NUL bytes; correlation data may contain any bytes.
 class Properties {
@@ -43,20 +70,8 @@ struct Incoming {
     std::string responseTopic() const;    // empty: none
     std::string correlationData() const;  // empty: none
 
-    /// Calls `visit(identifier)` for every subscription that the broker names in the message; returns whether there was
-    /// one.
-    template <typename Visit>
-    bool forEachSubscription(Visit visit) const {
-        std::uint32_t identifier = 0;
-        const mosquitto_property* at =
-            mosquitto_property_read_varint(properties, MQTT_PROP_SUBSCRIPTION_IDENTIFIER, &identifier, false);
-        const bool any = at != nullptr;
-        while (at != nullptr) {
-            visit(identifier);
-            at = mosquitto_property_read_varint(at, MQTT_PROP_SUBSCRIPTION_IDENTIFIER, &identifier, true);
-        }
-        return any;
-    }
+    /// The subscriptions that the broker names in the message; empty if it does not support that.
+    std::vector<std::uint32_t> subscriptions() const;
 };
 
 struct HandleDeleter {
@@ -75,10 +90,5 @@ std::string lossText(int reason, int systemError);
 
 /// Why a connection ended before a broker accepted it; "it" in the text is the peer.
 std::string handshakeFailureText(int reason, int systemError);
-
-/// The system's text for an errno value.
-std::string systemText(int systemError);
-
-bool topicMatches(const std::string& filter, std::string_view topic);
 
 }  // namespace ipc

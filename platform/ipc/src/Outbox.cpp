@@ -33,14 +33,9 @@ bool Outbox::dropRefused() {
 template <typename Condition>
 bool Outbox::dropIf(Condition condition) {
     const std::size_t before = entries_.size();
-    for (auto each = entries_.begin(); each != entries_.end();) {
-        if (condition(*each)) {
-            bytes_ -= sizeOf(*each);
-            each = entries_.erase(each);
-        } else {
-            ++each;
-        }
-    }
+    entries_.erase(std::remove_if(entries_.begin(), entries_.end(), condition), entries_.end());
+    bytes_ = 0;
+    for (const Entry& each : entries_) bytes_ += sizeOf(each);
     return entries_.size() != before;
 }
 

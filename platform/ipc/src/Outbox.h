@@ -10,7 +10,7 @@
 #include <string>
 #include <string_view>
 
-#include "Message.h"
+#include "Mqtt.h"
 
 namespace ipc {
 

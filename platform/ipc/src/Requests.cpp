@@ -4,7 +4,6 @@
 #include <cstring>
 #include <utility>
 
-#include "Random.h"
 #include "ipc/IPCException.h"
 
 namespace ipc {
@@ -23,8 +22,6 @@ std::string correlationOf(std::uint64_t number) {
 
 }  // namespace
 
-Requests::Requests() : first_(random64()), since_(Clock::now()), next_(first_) {}
-
 bool Requests::watch(const std::string& statusTopic) {
     const common::LockGuard lock(mutex_);
     return services_.emplace(statusTopic, WatchedService()).second;
@@ -32,48 +29,39 @@ bool Requests::watch(const std::string& statusTopic) {
 
 // ---- requests ----
 
-std::uint64_t Requests::registerPending(Pending& pending) {
-    const common::LockGuard lock(mutex_);
-    if (closed_) throw IPCOfflineException("The bus client is closed");
-    const std::uint64_t number = next_++;
-    pending_.emplace(number, &pending);
-    return number;
-}
-
-void Requests::unregister(std::uint64_t number) {
-    const common::LockGuard lock(mutex_);
-    pending_.erase(number);
-    if (closed_) finished_.notifyAll();
-}
-
 std::string Requests::ask(const std::string& statusTopic, std::chrono::milliseconds timeout, const Send& send) {
     const auto begun = Clock::now();
+    const common::LockGuard lock(mutex_);
     Pending pending(statusTopic);
-    // `pending` is on the stack, so it must be unregistered on every way out.
-    struct Registration {
+    const std::uint64_t number = next_++;
+    pending_.emplace(number, &pending);
+    // `pending` is on the stack, so it must be removed on every way out.
+    struct Removal {
         Requests& requests;
         const std::uint64_t number;
-        ~Registration() { requests.unregister(number); }
-    } const registration{*this, registerPending(pending)};
-
-    const common::LockGuard lock(mutex_);
+        ~Removal() {
+            requests.mutex_.assertHeld();
+            requests.pending_.erase(number);
+            requests.finished_.notifyAll();
+        }
+    } const removal{*this, number};
     for (;;) {
         const Clock::time_point deadline = limited(begun + timeout, begun);
         Clock::time_point until = deadline;
         switch (nextStep(pending, deadline, until)) {
             case Step::finish:
-                return std::move(pending.answer);
+                return std::move(pending.response);
             case Step::wait:
                 pending.changed.waitUntil(mutex_, until);
                 break;
             case Step::send:
-                sendOnce(pending, registration.number, deadline, send);
+                sendOnce(pending, number, deadline, send);
                 break;
         }
     }
 }
 
-/// The next step of a request's caller; throws if the answer can no longer come.
+/// The next step of a request's caller; throws if the response can no longer come.
 Requests::Step Requests::nextStep(const Pending& pending, Clock::time_point deadline, Clock::time_point& until) const {
     const std::string& statusTopic = pending.statusTopic;
     if (pending.stage == Pending::Stage::answered) return Step::finish;
@@ -142,22 +130,22 @@ void Requests::close() {
 
 // ---- waits for a service ----
 
-bool Requests::waitForService(const std::string& statusTopic, std::chrono::milliseconds patience) {
+bool Requests::waitForService(const std::string& statusTopic, std::chrono::milliseconds limit) {
     const common::LockGuard lock(mutex_);
     ++serviceWaits_;
-    const bool isOnline = awaitService(statusTopic, patience);
+    const bool isOnline = awaitService(statusTopic, limit);
     --serviceWaits_;
-    if (closed_) finished_.notifyAll();
+    finished_.notifyAll();
     return isOnline;
 }
 
-bool Requests::awaitService(const std::string& statusTopic, std::chrono::milliseconds patience) {
+bool Requests::awaitService(const std::string& statusTopic, std::chrono::milliseconds limit) {
     for (;;) {
         const auto service = services_.find(statusTopic);
         if (closed_ || service == services_.end()) return false;
         if (broker_ == Broker::connected && service->second.presence == Presence::online) return true;
         if (limit_ || !service->second.lastOnline) return false;
-        const auto until = *service->second.lastOnline + patience;
+        const auto until = *service->second.lastOnline + limit;
         if (Clock::now() >= until) return false;
         presenceChanged_.waitUntil(mutex_, until);
     }
@@ -218,17 +206,17 @@ void Requests::setPresence(const std::string& statusTopic, WatchedService& servi
     }
 }
 
-void Requests::answerArrived(const std::string& correlationData, std::string_view answer) {
+void Requests::responseArrived(const std::string& correlationData, std::string_view response) {
     std::uint64_t number = 0;
     if (correlationData.size() != sizeof number) return;
     std::memcpy(&number, correlationData.data(), sizeof number);
     const common::LockGuard lock(mutex_);
-    if (number - first_ >= next_ - first_) return;
-    ++answers_;
+    if (number == 0 || number >= next_) return;
+    ++responses_;
     const auto found = pending_.find(number);
     if (found == pending_.end() || found->second->stage == Pending::Stage::answered) return;
     found->second->stage = Pending::Stage::answered;
-    found->second->answer = answer;
+    found->second->response = response;
     found->second->changed.notifyOne();
 }
 

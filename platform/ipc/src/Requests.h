@@ -25,19 +25,19 @@ class Requests {
     /// Sends the request with this correlation data. Returns false while there is no connection.
     using Send = std::function<bool(std::string correlationData)>;
 
-    Requests();
+    Requests() = default;
     Requests(const Requests&) = delete;
     Requests& operator=(const Requests&) = delete;
 
     /// Returns whether the service was not watched before.
     bool watch(const std::string& statusTopic) EXCLUDES(mutex_);
 
-    /// Blocks until the answer is there. Sends once the service is online, and again only if `send` returned false.
+    /// Blocks until the response is there. Sends once the service is online, and again only if `send` returned false.
     /// Throws like IIPCClient::request.
     std::string ask(const std::string& statusTopic, std::chrono::milliseconds timeout, const Send& send)
         EXCLUDES(mutex_);
     /// See IIPCClient::waitForService.
-    bool waitForService(const std::string& statusTopic, std::chrono::milliseconds patience) EXCLUDES(mutex_);
+    bool waitForService(const std::string& statusTopic, std::chrono::milliseconds limit) EXCLUDES(mutex_);
     /// See IIPCClient::limitRequests.
     void limit(std::chrono::milliseconds limit) EXCLUDES(mutex_);
     /// Fails all pending calls, and waits until they have returned.
@@ -53,10 +53,10 @@ class Requests {
     void connectionLost() EXCLUDES(mutex_);
     /// Any message; it is ignored unless it is "online" or "offline" on a watched topic.
     void presenceArrived(std::string_view topic, std::string_view payload) EXCLUDES(mutex_);
-    void answerArrived(const std::string& correlationData, std::string_view answer) EXCLUDES(mutex_);
+    void responseArrived(const std::string& correlationData, std::string_view response) EXCLUDES(mutex_);
 
-    /// The number of answers received, including late ones.
-    std::uint64_t answers() const { return answers_; }
+    /// The number of responses received, including late ones.
+    std::uint64_t responses() const { return responses_; }
 
  private:
     enum class Broker { neverConnected, away, connected };
@@ -70,7 +70,7 @@ class Requests {
         explicit Pending(const std::string& topic) : statusTopic(topic) {}
         const std::string& statusTopic;
         Stage stage = Stage::unsent;
-        std::string answer;
+        std::string response;
         common::ConditionVariable changed;
     };
     struct WatchedService {
@@ -78,33 +78,30 @@ class Requests {
         std::optional<Clock::time_point> lastOnline;  // when it went offline; unset if it never was online
     };
 
-    std::uint64_t registerPending(Pending& pending) EXCLUDES(mutex_);
-    void unregister(std::uint64_t number) EXCLUDES(mutex_);
     Step nextStep(const Pending& pending, Clock::time_point deadline, Clock::time_point& until) const REQUIRES(mutex_);
     Presence presenceOf(const std::string& statusTopic) const REQUIRES(mutex_);
     void sendOnce(Pending& pending, std::uint64_t number, Clock::time_point deadline, const Send& send)
         REQUIRES(mutex_);
-    bool awaitService(const std::string& statusTopic, std::chrono::milliseconds patience) REQUIRES(mutex_);
+    bool awaitService(const std::string& statusTopic, std::chrono::milliseconds limit) REQUIRES(mutex_);
     Clock::time_point limited(Clock::time_point deadline, Clock::time_point begun) const REQUIRES(mutex_);
     void setPresence(const std::string& statusTopic, WatchedService& service, Presence presence) REQUIRES(mutex_);
     void notifyWaiters() REQUIRES(mutex_);
-
-    const std::uint64_t first_;  // the first request number of this object
 
     common::Mutex mutex_;
     common::ConditionVariable finished_;         // a request or a wait for a service has ended
     common::ConditionVariable presenceChanged_;  // also when requests are limited or this is closed
     bool closed_ GUARDED_BY(mutex_) = false;
     Broker broker_ GUARDED_BY(mutex_) = Broker::neverConnected;
-    Clock::time_point since_ GUARDED_BY(mutex_);  // when the present connection began or the last one was lost
+    Clock::time_point since_ GUARDED_BY(mutex_) =
+        Clock::now();  // when the present connection began or the last one was lost
     std::map<std::string, WatchedService, std::less<>> services_ GUARDED_BY(mutex_);  // by status topic
     unsigned serviceWaits_ GUARDED_BY(mutex_) = 0;
     std::optional<std::chrono::milliseconds> limit_ GUARDED_BY(mutex_);
     Clock::time_point limitedSince_ GUARDED_BY(mutex_);
     std::unordered_map<std::uint64_t, Pending*> pending_ GUARDED_BY(mutex_);
-    std::uint64_t next_ GUARDED_BY(mutex_);
+    std::uint64_t next_ GUARDED_BY(mutex_) = 1;  // number of the next request
 
-    std::atomic<std::uint64_t> answers_{0};
+    std::atomic<std::uint64_t> responses_{0};
 };
 
 }  // namespace ipc

@@ -1,9 +1,5 @@
 #include "Messages.h"
 
-#include <json/json.h>
-
-#include <memory>
-
 #include "propertyprotocol/Errors.h"
 #include "propertyprotocol/Json.h"
 #include "propertyprotocol/Limits.h"
@@ -14,93 +10,64 @@ namespace propertyapi {
 namespace {
 
 namespace errors = propertyprotocol::errors;
-using propertyprotocol::appendMember;
-
-std::string about(const std::string& key) { return "Property '" + key + "': "; }
+using propertyprotocol::jsonObject;
+using propertyprotocol::textMember;
 
 [[noreturn]] void throwMalformed(const std::string& key) {
-    throw PropertyProtocolException(about(key) + "the answer is malformed");
-}
-
-std::string textMember(const Json::Value& object, const char* name) {
-    const Json::Value& member = object[name];
-    return member.isString() ? member.asString() : std::string();
+    throw PropertyProtocolException(errorText(key, "the answer is malformed"));
 }
 
 [[noreturn]] void throwError(const std::string& key, const std::string& code, const std::string& reason) {
-    const auto text = [&](const char* meaning) { return about(key) + meaning + (reason.empty() ? "" : ": " + reason); };
+    const auto text = [&](const std::string& meaning) {
+        return errorText(key, meaning + (reason.empty() ? "" : ": " + reason));
+    };
     if (code == errors::notFound) throw PropertyNotFoundException(text("unknown key"));
     if (code == errors::invalidValue) throw PropertyInvalidValueException(text("invalid value"));
     if (code == errors::readOnly) throw PropertyReadOnlyException(text("read-only"));
     if (code == errors::badRequest) throw PropertyProtocolException(text("bad request"));
     if (code == errors::storage) throw PropertyStorageException(text("cannot be stored"));
-    throw PropertyException(text(("error '" + code + "'").c_str()));
+    throw PropertyException(text("error '" + code + "'"));
 }
 
-/// Parses an answer; throws if it is an error or not a JSON object.
-Json::Value parse(const std::string& key, const std::string& answer) {
-    static const Json::CharReaderBuilder builder = [] {
-        Json::CharReaderBuilder made;
-        made["collectComments"] = false;
-        made["stackLimit"] = 16;
-        return made;
-    }();
-    const std::unique_ptr<Json::CharReader> reader(builder.newCharReader());
+/// Parses a response; throws if it is an error or not a JSON object.
+Json::Value parse(const std::string& key, const std::string& response) {
     Json::Value root;
-    try {
-        if (!reader->parse(answer.data(), answer.data() + answer.size(), &root, nullptr)) throwMalformed(key);
-    } catch (const Json::Exception&) {  // nested too deeply
-        throwMalformed(key);
-    }
-    if (!root.isObject()) throwMalformed(key);
-    const Json::Value& constRoot = root;
-    if (constRoot.isMember("error")) {
-        throwError(key, textMember(constRoot, "error"), textMember(constRoot, "reason"));
-    }
+    if (propertyprotocol::parseJson(response, root) || !root.isObject()) throwMalformed(key);
+    if (root.isMember("error")) throwError(key, textMember(root, "error"), textMember(root, "reason"));
     return root;
 }
 
 }  // namespace
 
-std::string getRequest(const std::string& key) {
-    std::string json;
-    appendMember(json, "param", key);
-    return json + '}';
-}
+std::string errorText(const std::string& key, const std::string& reason) { return "Property '" + key + "': " + reason; }
+
+std::string getRequest(const std::string& key) { return jsonObject({{"param", key}}); }
 
 std::string setRequest(const std::string& key, const std::string& source, const std::string& value) {
     if (value.size() > propertyprotocol::maxValueBytes)
-        throw PropertyInvalidValueException(about(key) + "invalid value: over 64 KiB");
+        throw PropertyInvalidValueException(errorText(key, "invalid value: over 64 KiB"));
     if (!propertyprotocol::isUtf8(value) || !propertyprotocol::isUtf8(source))
-        throw PropertyInvalidValueException(about(key) + "invalid value: not UTF-8");
-    std::string json;
-    json.reserve(key.size() + source.size() + value.size() + 40);
-    appendMember(json, "param", key);
-    appendMember(json, "value", value);
-    appendMember(json, "source", source);
-    return json + '}';
+        throw PropertyInvalidValueException(errorText(key, "invalid value: not UTF-8"));
+    return jsonObject({{"param", key}, {"value", value}, {"source", source}});
 }
 
 std::string listRequest(const std::string& prefix, const std::string& after) {
-    std::string json;
-    appendMember(json, "prefix", prefix);
-    if (!after.empty()) appendMember(json, "after", after);
-    return json + '}';
+    return after.empty() ? jsonObject({{"prefix", prefix}}) : jsonObject({{"prefix", prefix}, {"after", after}});
 }
 
-std::string readValue(const std::string& key, const std::string& answer) {
-    const Json::Value root = parse(key, answer);
+std::string readValue(const std::string& key, const std::string& response) {
+    const Json::Value root = parse(key, response);
     if (!root["value"].isString() || textMember(root, "param") != key) throwMalformed(key);
     return root["value"].asString();
 }
 
-void checkSetAnswer(const std::string& key, const std::string& answer) {
-    const Json::Value root = parse(key, answer);
+void checkSetResponse(const std::string& key, const std::string& response) {
+    const Json::Value root = parse(key, response);
     if (textMember(root, "param") != key) throwMalformed(key);
 }
 
-PropertyPage readPage(const std::string& prefix, const std::string& answer) {
-    const Json::Value root = parse(prefix, answer);
+PropertyPage readPage(const std::string& prefix, const std::string& response) {
+    const Json::Value root = parse(prefix, response);
     const Json::Value& properties = root["properties"];
     if (!properties.isArray()) throwMalformed(prefix);
     PropertyPage page;

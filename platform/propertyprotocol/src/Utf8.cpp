@@ -2,30 +2,18 @@
 
 namespace propertyprotocol {
 
-// The limits of the second byte exclude overlong forms, surrogates and code points beyond U+10FFFF.
 std::size_t utf8SequenceLength(const std::string& text, std::size_t at) {
     const auto byte = [&text](std::size_t position) {
         return position < text.size() ? static_cast<unsigned char>(text[position]) : 0U;
     };
     const unsigned first = byte(at);
-    std::size_t length = 0;
-    unsigned low = 0x80;
-    unsigned high = 0xbf;
     if (first < 0x80) return at < text.size() ? 1 : 0;
-    if (first >= 0xc2 && first <= 0xdf) {
-        length = 2;
-    } else if (first >= 0xe0 && first <= 0xef) {
-        length = 3;
-        if (first == 0xe0) low = 0xa0;
-        if (first == 0xed) high = 0x9f;
-    } else if (first >= 0xf0 && first <= 0xf4) {
-        length = 4;
-        if (first == 0xf0) low = 0x90;
-        if (first == 0xf4) high = 0x8f;
-    } else {
-        return 0;
-    }
+    if (first < 0xc2 || first > 0xf4) return 0;
+    // These limits of the second byte exclude overlong forms, surrogates and code points beyond U+10FFFF.
+    const unsigned low = first == 0xe0 ? 0xa0 : first == 0xf0 ? 0x90 : 0x80;
+    const unsigned high = first == 0xed ? 0x9f : first == 0xf4 ? 0x8f : 0xbf;
     if (byte(at + 1) < low || byte(at + 1) > high) return 0;
+    const std::size_t length = first < 0xe0 ? 2 : first < 0xf0 ? 3 : 4;
     for (std::size_t next = 2; next < length; ++next) {
         if (byte(at + next) < 0x80 || byte(at + next) > 0xbf) return 0;
     }

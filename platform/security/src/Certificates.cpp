@@ -8,8 +8,10 @@
 #include <sys/stat.h>
 #include <unistd.h>
 
+#include <algorithm>
 #include <array>
 #include <cerrno>
+#include <cstdint>
 #include <limits>
 #include <memory>
 #include <new>
@@ -51,8 +53,11 @@ std::string readFile(const std::string& path, std::size_t limit, Links links) {
     if (::fstat(file.get(), &status) != 0) throwReadError(path);
     if (!S_ISREG(status.st_mode)) throw std::runtime_error("Cannot read " + path + ": not a regular file");
 
+    const auto tooLong = [&path] { return std::runtime_error("Cannot read " + path + ": too long"); };
+    const auto size = static_cast<std::uint64_t>(std::max<off_t>(status.st_size, 0));
+    if (size > limit) throw tooLong();
     std::string bytes;
-    bytes.reserve(status.st_size > 0 ? static_cast<std::size_t>(status.st_size) : 0);
+    bytes.reserve(static_cast<std::size_t>(size));
     std::array<char, 16384> buffer{};
     for (;;) {
         const ssize_t count = ::read(file.get(), buffer.data(), buffer.size());
@@ -60,7 +65,7 @@ std::string readFile(const std::string& path, std::size_t limit, Links links) {
         if (count < 0) throwReadError(path);
         if (count == 0) return bytes;
         bytes.append(buffer.data(), static_cast<std::size_t>(count));
-        if (bytes.size() > limit) throw std::runtime_error("Cannot read " + path + ": too long");
+        if (bytes.size() > limit) throw tooLong();
     }
 }
 

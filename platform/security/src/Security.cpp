@@ -5,12 +5,12 @@
 #include <cerrno>
 #include <exception>
 #include <iterator>
-#include <mutex>
 #include <optional>
 #include <string>
 #include <utility>
 
 #include "Certificates.h"
+#include "common/ThreadSafety.h"
 #include "debug/Debug.h"
 
 namespace zav {
@@ -94,8 +94,8 @@ std::shared_ptr<const DeviceIdentity> checkedIdentity() {
 }  // namespace
 
 struct Security::State {
-    // With the mutex held. Decodes the first bundles when they are first needed, to keep the start-up short.
-    const std::shared_ptr<const TrustedCertificates>& current() {
+    // Decodes the first bundles when they are first needed, to keep the start-up short.
+    const std::shared_ptr<const TrustedCertificates>& current() REQUIRES(mutex) {
         if (trusted == nullptr) {
             trusted = notified = decode(*first);
             first.reset();
@@ -103,26 +103,24 @@ struct Security::State {
         return trusted;
     }
 
-    std::mutex reloading;  // held while the bundles are read; taken before mutex
-    std::mutex mutex;
-    // Guarded by mutex.
-    std::optional<Bundles> first = Bundles();
-    std::shared_ptr<const TrustedCertificates> trusted;
-    std::shared_ptr<const TrustedCertificates> notified;  // announced last
-    std::shared_ptr<const DeviceIdentity> identity;
+    common::Mutex reloading;  // held while the bundles are read; taken before mutex
+    common::Mutex mutex;
+    std::optional<Bundles> first GUARDED_BY(mutex) = Bundles();
+    std::shared_ptr<const TrustedCertificates> trusted GUARDED_BY(mutex);
+    std::shared_ptr<const TrustedCertificates> notified GUARDED_BY(mutex);  // announced last
+    std::shared_ptr<const DeviceIdentity> identity GUARDED_BY(mutex);
 };
 
-Security::Security(std::shared_ptr<propertyapi::IPropertyApi> properties)
-    : properties_(std::move(properties)), state_(std::make_unique<State>()) {}
+Security::Security(const std::shared_ptr<propertyapi::IPropertyApi>&) : state_(std::make_unique<State>()) {}
 
 Security::~Security() = default;
 
 void Security::reloadCertificates() {
     try {
         // Two reloads at once must not store their results in the wrong order.
-        const std::lock_guard<std::mutex> oneAtATime(state_->reloading);
+        const common::LockGuard oneAtATime(state_->reloading);
         const Bundles bundles;
-        const std::lock_guard<std::mutex> lock(state_->mutex);
+        const common::LockGuard lock(state_->mutex);
         auto read = decode(bundles);
         if (!read->sameAs(*state_->current())) state_->trusted = std::move(read);
     } catch (const std::exception& exception) {
@@ -134,7 +132,7 @@ void Security::notifySystemAboutNewCertificates() {
     try {
         std::size_t count = 0;
         {
-            const std::lock_guard<std::mutex> lock(state_->mutex);
+            const common::LockGuard lock(state_->mutex);
             if (state_->trusted == state_->notified || state_->trusted->sameAs(*state_->notified)) return;
             state_->notified = state_->trusted;
             count = state_->trusted->count();
@@ -155,19 +153,19 @@ int Security::checkCertificate(const std::string& path) {
 }
 
 std::shared_ptr<const TrustedCertificates> Security::trustedCertificates() const {
-    const std::lock_guard<std::mutex> lock(state_->mutex);
+    const common::LockGuard lock(state_->mutex);
     return state_->current();
 }
 
 void Security::reloadDeviceIdentity() {
     auto read = checkedIdentity();
-    const std::lock_guard<std::mutex> lock(state_->mutex);
+    const common::LockGuard lock(state_->mutex);
     const bool same = read != nullptr && state_->identity != nullptr && read->sameAs(*state_->identity);
     if (!same) state_->identity = std::move(read);
 }
 
 std::shared_ptr<const DeviceIdentity> Security::deviceIdentity() const {
-    const std::lock_guard<std::mutex> lock(state_->mutex);
+    const common::LockGuard lock(state_->mutex);
     return state_->identity;
 }
 

@@ -1,4 +1,4 @@
-#include "FirmwareVersion.h"
+#include "version/FirmwareVersion.h"
 
 #include <algorithm>
 #include <utility>
@@ -54,14 +54,13 @@ bool FirmwareVersion::parse() {
     }
 }
 
-Comparison FirmwareVersion::compare(const IFirmwareVersion& offered) const {
-    const FirmwareVersion other(offered.text());
-    if (!other.valid_) return Comparison::malformed;
+Comparison FirmwareVersion::compare(const FirmwareVersion& offered) const {
+    if (!offered.valid_) return Comparison::malformed;
     if (!valid_) return Comparison::noUpgradePath;
-    if (!productLine_.empty() && !other.productLine_.empty() && productLine_ != other.productLine_) {
+    if (!productLine_.empty() && !offered.productLine_.empty() && productLine_ != offered.productLine_) {
         return Comparison::noUpgradePath;
     }
-    const int order = compareNumberLists(other.numbers_, numbers_);
+    const int order = compareNumberLists(offered.numbers_, numbers_);
     if (order == 0) return Comparison::equal;
     return order > 0 ? Comparison::newer : Comparison::older;
 }

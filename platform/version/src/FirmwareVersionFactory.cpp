@@ -1,6 +1,5 @@
 #include <stdexcept>
 
-#include "FirmwareVersion.h"
 #include "version/FirmwareVersionConsts.h"
 #include "version/IFirmwareVersionFactory.h"
 
@@ -8,9 +7,9 @@ namespace version {
 
 namespace {
 
-class FirmwareVersionFactory final : public IFirmwareVersionFactory {
+class FirmwareVersionFactory : public IFirmwareVersionFactory {
  public:
-    std::unique_ptr<IFirmwareVersion> create(const std::string& kind, const std::string& text) override {
+    std::unique_ptr<FirmwareVersion> create(const std::string& kind, const std::string& text) override {
         const FirmwareVersionConsts& consts = FirmwareVersionConsts::getInstance();
         if (kind == consts.offeredVersion()) return std::make_unique<FirmwareVersion>(text);
         if (kind == consts.currentVersion()) return std::make_unique<FirmwareVersion>(consts.runningVersion());
@@ -31,12 +30,12 @@ FirmwareVersionConsts& FirmwareVersionConsts::getInstance() {
 }
 
 void FirmwareVersionConsts::setRunningVersion(const std::string& text) {
-    const std::lock_guard<std::mutex> lock(mutex_);
+    const common::LockGuard lock(mutex_);
     runningVersion_ = text;
 }
 
 std::string FirmwareVersionConsts::runningVersion() const {
-    const std::lock_guard<std::mutex> lock(mutex_);
+    const common::LockGuard lock(mutex_);
     return runningVersion_;
 }
 

@@ -1,18 +1,18 @@
 #include "catalogue/Catalogue.h"
 
-#include <json/reader.h>
 #include <json/value.h>
 #include <json/writer.h>
 
 #include <algorithm>
 #include <cerrno>
+#include <charconv>
 #include <fstream>
-#include <iterator>
+#include <optional>
 #include <sstream>
 #include <system_error>
 
-#include "catalogue/KeyPattern.h"
 #include "debug/Debug.h"
+#include "propertyprotocol/Json.h"
 #include "propertyprotocol/Limits.h"
 #include "propertyprotocol/Utf8.h"
 
@@ -21,6 +21,7 @@ namespace propertyservice {
 namespace {
 
 constexpr std::size_t maxFileBytes = 8 * 1024 * 1024;
+constexpr std::size_t maxKeysOfPattern = 10000;
 
 class Source {
  public:
@@ -37,36 +38,15 @@ class Source {
     }
 
     Json::Value root() const {
-        Json::CharReaderBuilder builder;
-        Json::CharReaderBuilder::strictMode(&builder.settings_);
-        builder["stackLimit"] = propertyprotocol::maxNesting;
-        const std::unique_ptr<Json::CharReader> reader(builder.newCharReader());
         Json::Value root;
-        std::string errors;
-        try {
-            if (reader->parse(text_.data(), text_.data() + text_.size(), &root, &errors)) return root;
-        } catch (const Json::Exception&) {
-            throw CatalogueException(name_ + ": is nested too deeply");
-        }
-        throwSyntaxError(errors);
+        const auto error = propertyprotocol::parseJson(text_, root);
+        if (!error) return root;
+        if (error->nestedTooDeeply) throw CatalogueException(name_ + ": is nested too deeply");
+        throw CatalogueException(name_ + ":" + std::to_string(error->line) + ":" + std::to_string(error->column) +
+                                 ": " + error->reason);
     }
 
  private:
-    // The reader reports "* Line 3, Column 5\n  reason\n" for each error.
-    [[noreturn]] void throwSyntaxError(const std::string& errors) const {
-        int line = 1;
-        int column = 1;
-        std::istringstream position(errors);
-        std::string word;
-        char comma = 0;
-        position >> word >> word >> line >> comma >> word >> column;
-        const std::string::size_type start = errors.find('\n');
-        std::string reason = start == std::string::npos ? errors : errors.substr(start + 1);
-        reason = reason.substr(0, reason.find('\n'));
-        reason.erase(0, std::min(reason.find_first_not_of(' '), reason.size()));
-        throw CatalogueException(name_ + ":" + std::to_string(line) + ":" + std::to_string(column) + ": " + reason);
-    }
-
     const std::string& text_;
     const std::string& name_;
 };
@@ -82,9 +62,7 @@ int invalidUtf8Line(const std::string& text) {
 }
 
 bool flag(const Json::Value& json, const char* name) {
-    if (json.isMember(name) && !json[name].isBool()) {
-        throw std::invalid_argument("\"" + std::string(name) + "\" must be true or false");
-    }
+    require(!json.isMember(name) || json[name].isBool(), "\"" + std::string(name) + "\" must be true or false");
     return json[name].asBool();
 }
 
@@ -92,19 +70,14 @@ std::vector<std::string> refusedSourcesOf(const Json::Value& json) {
     std::vector<std::string> sources;
     if (!json.isMember("refusedSources")) return sources;
     const Json::Value& list = json["refusedSources"];
-    if (!list.isArray() || list.empty()) {
-        throw std::invalid_argument("\"refusedSources\" must be an array such as [\"provisioning\"]");
-    }
+    require(list.isArray() && !list.empty(), "\"refusedSources\" must be an array such as [\"provisioning\"]");
     for (const Json::Value& source : list) {
-        if (!source.isString() || source.asString().empty()) {
-            throw std::invalid_argument("each of \"refusedSources\" must be a non-empty string");
-        }
-        if (dbg::escapeControls(source.asString()) != source.asString()) {
-            throw std::invalid_argument("each of \"refusedSources\" must be a single line");
-        }
-        if (std::find(sources.begin(), sources.end(), source.asString()) != sources.end()) {
-            throw std::invalid_argument("duplicate \"" + source.asString() + "\" in \"refusedSources\"");
-        }
+        require(source.isString() && !source.asString().empty(),
+                "each of \"refusedSources\" must be a non-empty string");
+        require(dbg::escapeControls(source.asString()) == source.asString(),
+                "each of \"refusedSources\" must be a single line");
+        require(std::find(sources.begin(), sources.end(), source.asString()) == sources.end(),
+                "duplicate \"" + source.asString() + "\" in \"refusedSources\"");
         sources.push_back(source.asString());
     }
     return sources;
@@ -123,41 +96,54 @@ std::string limitsOf(const Json::Value& json, const std::string& type) {
 }
 
 std::shared_ptr<const Definition> readDefinition(const Json::Value& json) {
-    if (!json.isObject()) throw std::invalid_argument("the definition must be an object");
+    require(json.isObject(), "the definition must be an object");
     auto definition = std::make_shared<Definition>();
     definition->rule = makeValueRule(json);
     definition->type = json["type"].asString();
     definition->limits = limitsOf(json, definition->type);
-    if (!json["description"].isString() || json["description"].asString().empty()) {
-        throw std::invalid_argument("\"description\" is missing");
-    }
+    require(json["description"].isString() && !json["description"].asString().empty(), "\"description\" is missing");
     definition->description = json["description"].asString();
-    if (dbg::escapeControls(definition->description) != definition->description) {
-        throw std::invalid_argument("\"description\" must be a single line");
-    }
+    require(dbg::escapeControls(definition->description) == definition->description,
+            "\"description\" must be a single line");
     definition->readOnly = flag(json, "readOnly");
     definition->isVolatile = flag(json, "volatile");
     definition->refusedSources = refusedSourcesOf(json);
-    if (definition->readOnly && !definition->refusedSources.empty()) {
-        throw std::invalid_argument("\"refusedSources\" is redundant with \"readOnly\"");
-    }
-    if (!json["default"].isString()) {
-        throw std::invalid_argument("\"default\" is missing or not a string (write \"5\", not 5)");
-    }
+    require(!definition->readOnly || definition->refusedSources.empty(),
+            "\"refusedSources\" is redundant with \"readOnly\"");
+    require(json["default"].isString(), "\"default\" is missing or not a string (write \"5\", not 5)");
     definition->defaultValue = json["default"].asString();
-    if (definition->defaultValue.find('\0') != std::string::npos) {
-        throw std::invalid_argument("the default must not contain a NUL");
-    }
-    if (definition->defaultValue.size() > propertyprotocol::maxValueBytes) {
-        throw std::invalid_argument("the default must be at most " + std::to_string(propertyprotocol::maxValueBytes) +
-                                    " bytes long");
-    }
-    const std::string objection = definition->rule->objection(definition->defaultValue);
+    require(definition->defaultValue.find('\0') == std::string::npos, "the default must not contain a NUL");
+    require(definition->defaultValue.size() <= propertyprotocol::maxValueBytes,
+            "the default must be at most " + std::to_string(propertyprotocol::maxValueBytes) + " bytes long");
+    const std::string objection = definition->rule(definition->defaultValue);
     if (!objection.empty()) {
         const std::string shown = definition->isSecret() ? "" : " \"" + definition->defaultValue + "\"";
         throw std::invalid_argument("the default" + shown + " " + objection);
     }
     return definition;
+}
+
+struct Range {
+    unsigned first;
+    unsigned last;
+};
+
+std::optional<unsigned> indexOf(const std::string& digits) {
+    unsigned number = 0;
+    const auto [end, error] = std::from_chars(digits.data(), digits.data() + digits.size(), number);
+    const bool canonical = digits == "0" || (!digits.empty() && digits.front() != '0');
+    if (error != std::errc() || end != digits.data() + digits.size() || !canonical) return std::nullopt;
+    return number;
+}
+
+Range rangeOf(const std::string& text) {
+    const std::string::size_type dash = text.find('-');
+    if (dash != std::string::npos) {
+        const std::optional<unsigned> first = indexOf(text.substr(0, dash));
+        const std::optional<unsigned> last = indexOf(text.substr(dash + 1));
+        if (first && last && *first <= *last && *last - *first < maxKeysOfPattern) return {*first, *last};
+    }
+    throw std::invalid_argument("\"{" + text + "}\" is not an index range such as {0-7}");
 }
 
 }  // namespace
@@ -179,6 +165,31 @@ bool isKey(const std::string& text) {
 }
 
 bool isState(const std::string& key) { return key.compare(0, 6, "State.") == 0; }
+
+std::vector<std::string> expandKeyPattern(const std::string& pattern) {
+    std::vector<std::string> keys{""};
+    std::string::size_type position = 0;
+    while (position < pattern.size()) {
+        const std::string::size_type open = pattern.find('{', position);
+        const std::string literal = pattern.substr(position, open - position);
+        for (std::string& key : keys) key += literal;
+        if (open == std::string::npos) break;
+        const std::string::size_type close = pattern.find('}', open);
+        require(close != std::string::npos, "\"{\" is not closed");
+        const Range indices = rangeOf(pattern.substr(open + 1, close - open - 1));
+        require(keys.size() * (indices.last - indices.first + 1) <= maxKeysOfPattern,
+                "the pattern expands to more than " + std::to_string(maxKeysOfPattern) + " keys");
+        std::vector<std::string> longer;
+        for (const std::string& key : keys) {
+            for (unsigned offset = 0; offset <= indices.last - indices.first; ++offset) {
+                longer.push_back(key + std::to_string(indices.first + offset));
+            }
+        }
+        keys = std::move(longer);
+        position = close + 1;
+    }
+    return keys;
+}
 
 Catalogue Catalogue::load(const std::string& path) {
     std::ifstream file(path, std::ios::binary);
@@ -214,14 +225,11 @@ Catalogue Catalogue::parse(const std::string& text, const std::string& name) {
         try {
             const std::shared_ptr<const Definition> definition = readDefinition(json);
             for (std::string& key : expandKeyPattern(pattern)) {
-                if (!isKey(key)) {
-                    throw std::invalid_argument(
+                require(isKey(key),
                         "is not a valid key: letters, digits, \"_\" and \"-\" in segments between dots, at most 255 "
                         "bytes");
-                }
-                if (isState(key) && json.isMember("volatile") && !definition->isVolatile) {
-                    throw std::invalid_argument("keys below \"State.\" are volatile");
-                }
+                require(!isState(key) || !json.isMember("volatile") || definition->isVolatile,
+                        "keys below \"State.\" are volatile");
                 catalogue.keys_.push_back({std::move(key), definition, line});
             }
         } catch (const std::invalid_argument& error) {

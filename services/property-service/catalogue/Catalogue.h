@@ -26,7 +26,7 @@ struct Definition {
     bool readOnly = false;
     bool isVolatile = false;                  // "State.*" is volatile in any case
     std::vector<std::string> refusedSources;  // sources that may not write it
-    std::shared_ptr<const ValueRule> rule;
+    ValueRule rule;
 
     bool refuses(const std::string& source) const;
 
@@ -60,5 +60,9 @@ bool isKey(const std::string& text);
 
 /// Whether the key begins with "State.": these are volatile.
 bool isState(const std::string& key);
+
+/// Expands the index ranges of a pattern: "FunctionKeys.{0-7}.Label" gives eight keys. Throws std::invalid_argument
+/// with the reason if a range is malformed or there are over 10,000 keys.
+std::vector<std::string> expandKeyPattern(const std::string& pattern);
 
 }  // namespace propertyservice

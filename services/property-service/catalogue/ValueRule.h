@@ -1,8 +1,9 @@
 // Rules for the values of a key. Rules are immutable and may be used from any thread.
 #pragma once
 
-#include <memory>
+#include <functional>
 #include <string>
+#include <string_view>
 #include <vector>
 
 namespace Json {
@@ -11,18 +12,16 @@ class Value;
 
 namespace propertyservice {
 
-class ValueRule {
- public:
-    virtual ~ValueRule() = default;
-
-    /// Why the value is not allowed ("must be a whole number from 0 to 7"); empty if it is allowed.
-    virtual std::string objection(const std::string& value) const = 0;
-};
+/// Returns why the value is not allowed ("must be a whole number from 0 to 7"), "" if it is allowed.
+using ValueRule = std::function<std::string(const std::string& value)>;
 
 /// Creates the rule for a catalogue definition from its "type" and the limits of that type.
 /// Throws std::invalid_argument with the reason for an unknown type, a missing or contradictory limit, or an unknown
 /// member.
-std::shared_ptr<const ValueRule> makeValueRule(const Json::Value& definition);
+ValueRule makeValueRule(const Json::Value& definition);
+
+/// Throws std::invalid_argument with the reason unless a definition is valid.
+void require(bool isValid, std::string_view reason);
 
 /// The members that limit values of the type, in the order of descriptions.
 std::vector<std::string> limitNames(const std::string& type);

@@ -1,20 +1,28 @@
 // The JSON of the bus protocol: requests in, answers and changes out.
 #pragma once
 
-#include <json/reader.h>
-#include <json/value.h>
-
 #include <cstddef>
-#include <memory>
 #include <optional>
 #include <stdexcept>
 #include <string>
 #include <vector>
 
 #include "catalogue/Catalogue.h"
-#include "service/Limits.h"
+#include "propertyprotocol/Limits.h"
 
 namespace propertyservice {
+
+using propertyprotocol::maxImportBytes;
+using propertyprotocol::maxNesting;
+using propertyprotocol::maxRequestBytes;
+using propertyprotocol::maxValueBytes;
+
+/// Commas and opening brackets of a request: each takes about 100 bytes of memory once parsed.
+inline constexpr std::size_t maxRequestTokens = 1000;
+inline constexpr std::size_t maxImportTokens = 200000;
+/// A page of a listing ends at the first limit that it reaches, but has at least one entry.
+inline constexpr std::size_t maxPageEntries = 1000;
+inline constexpr std::size_t maxPageBytes = 1024 * 1024;
 
 /// The payload is not the JSON object that the topic requires. `param` is the requested key, "" if unknown.
 class BadRequest : public std::runtime_error {
@@ -59,30 +67,12 @@ struct ImportRequest {
     bool apply = false;  // false: only check the writes
 };
 
-/// Reads requests. Used by one thread at a time, as all requests share one parser. For an invalid payload all
-/// operations throw BadRequest and nothing else. Unknown members are ignored.
-class RequestReader {
- public:
-    RequestReader();
-
-    GetRequest get(const std::string& payload);
-    SetRequest set(const std::string& payload);
-    ListRequest list(const std::string& payload);
-    DescribeRequest describe(const std::string& payload);
-    ImportRequest import(const std::string& payload);
-
- private:
-    void parse(const std::string& payload, std::size_t maxBytes = maxRequestBytes,
-               std::size_t maxTokens = maxRequestTokens);
-    std::string text(const char* member, const std::string& param, bool required) const;
-    std::string source(const std::string& param) const;
-    std::string param() const;
-    ListRequest page() const;
-
-    const std::unique_ptr<Json::CharReader> reader_;
-    Json::Value object_;
-    std::string errors_;
-};
+/// Read a request. For an invalid payload all throw BadRequest and nothing else. Unknown members are ignored.
+GetRequest readGet(const std::string& payload);
+SetRequest readSet(const std::string& payload);
+ListRequest readList(const std::string& payload);
+DescribeRequest readDescribe(const std::string& payload);
+ImportRequest readImport(const std::string& payload);
 
 std::string valueAnswer(const std::string& key, const std::string& value);
 std::string errorAnswer(const std::string& key, const char* code, const std::string& reason);

@@ -1,16 +1,15 @@
 #include "service/PropertyService.h"
 
 #include <algorithm>
+#include <cstdio>
 #include <set>
 #include <utility>
 
 #include "debug/Debug.h"
-#include "propertyprotocol/Change.h"
 #include "propertyprotocol/Errors.h"
 #include "propertyprotocol/Json.h"
 #include "propertyprotocol/Topics.h"
-#include "service/Excerpt.h"
-#include "service/Limits.h"
+#include "propertyprotocol/Utf8.h"
 
 namespace propertyservice {
 
@@ -29,10 +28,30 @@ bool isPublishable(const std::string& topic) {
 
 std::string objection(const Property& property, const std::string& value) {
     if (value.size() > maxValueBytes) return "must be at most " + std::to_string(maxValueBytes) + " bytes long";
-    return property.definition->rule->objection(value);
+    return property.definition->rule(value);
 }
 
 }  // namespace
+
+std::string excerpt(const std::string& text, std::size_t maxCharacters) {
+    std::string shown;
+    std::size_t at = 0;
+    for (std::size_t count = 0; count < maxCharacters && at < text.size(); ++count) {
+        const std::size_t length = propertyprotocol::utf8SequenceLength(text, at);
+        if (length == 0) break;
+        const std::string character = text.substr(at, length);
+        // Some terminals execute U+0080 to U+009F.
+        if (character >= "\xc2\x80" && character <= "\xc2\x9f") {
+            char escape[7];
+            std::snprintf(escape, sizeof escape, "\\u%04x", static_cast<unsigned char>(character[1]));
+            shown += escape;
+        } else {
+            shown += character;
+        }
+        at += length;
+    }
+    return at < text.size() ? shown + "..." : shown;
+}
 
 PropertyService::PropertyService(const Catalogue& catalogue, IStore& store)
     : store_(store), table_(catalogue, store.load()) {}
@@ -108,7 +127,7 @@ void PropertyService::execute(const ipc::ServiceRequest& request, Messages& mess
 }
 
 std::string PropertyService::get(const std::string& payload) {
-    const GetRequest request = reader_.get(payload);
+    const GetRequest request = readGet(payload);
     const Property* const property = table_.find(request.param);
     if (property == nullptr) return errorAnswer(request.param, errors::notFound, noSuchKey);
     return valueAnswer(property->key, property->value);
@@ -136,7 +155,7 @@ void PropertyService::logRefusal(const Property& property, const std::string& va
 }
 
 std::string PropertyService::set(const std::string& payload, Messages& messages) {
-    SetRequest request = reader_.set(payload);
+    SetRequest request = readSet(payload);
     Property* const property = table_.find(request.param);
     if (const std::optional<Refusal> refusal = checkWrite(property, request.source, &request.value)) {
         if (property != nullptr) logRefusal(*property, request.value, request.source, *refusal);
@@ -147,7 +166,7 @@ std::string PropertyService::set(const std::string& payload, Messages& messages)
 }
 
 std::string PropertyService::import(const std::string& payload, Messages& messages) {
-    ImportRequest request = reader_.import(payload);
+    ImportRequest request = readImport(payload);
     std::vector<std::string> errors;
     std::set<std::string> seen;
     for (const ImportRequest::Write& entry : request.writes) {
@@ -190,13 +209,10 @@ void PropertyService::write(Property& property, std::optional<std::string> value
 template <typename Entry, typename Render>
 std::string PropertyService::page(const char* name, const std::vector<Entry>& all, const ListRequest& request,
                                   Render render) {
-    auto position = std::lower_bound(all.begin(), all.end(), request.prefix,
+    // A NUL sorts before all else, so this is the first key behind `after`.
+    const std::string first = request.after.empty() ? request.prefix : std::max(request.prefix, request.after + '\0');
+    auto position = std::lower_bound(all.begin(), all.end(), first,
                                      [](const Entry& entry, const std::string& key) { return entry.key < key; });
-    if (!request.after.empty()) {
-        const auto next = std::upper_bound(all.begin(), all.end(), request.after,
-                                           [](const std::string& key, const Entry& entry) { return key < entry.key; });
-        position = std::max(position, next);
-    }
     const auto matches = [&request](const Entry& entry) {
         return entry.key.compare(0, request.prefix.size(), request.prefix) == 0;
     };
@@ -218,7 +234,7 @@ std::string PropertyService::page(const char* name, const std::vector<Entry>& al
 
 std::string PropertyService::list(const std::string& payload) {
     const auto render = [](const auto& entry) { return valueAnswer(entry.key, entry.value); };
-    const ListRequest request = reader_.list(payload);
+    const ListRequest request = readList(payload);
     if (request.uncatalogued) return page("properties", table_.uncatalogued(), request, render);
     return page("properties", table_.all(), request, render);
 }
@@ -227,7 +243,7 @@ std::string PropertyService::describe(const std::string& payload) {
     const auto render = [](const Property& property) {
         return description(property.key, *property.definition, property.isVolatile);
     };
-    const DescribeRequest request = reader_.describe(payload);
+    const DescribeRequest request = readDescribe(payload);
     if (!request.param) return page("definitions", table_.all(), request.page, render);
     const Property* const property = table_.find(*request.param);
     if (property == nullptr) return errorAnswer(*request.param, errors::notFound, noSuchKey);

@@ -57,7 +57,6 @@ class PropertyService {
 
     IStore& store_;
     PropertyTable table_;
-    RequestReader reader_;
 
     // The current transaction: entries to store, and the values that `rollBack` restores.
     std::vector<IStore::Entry> writes_;
@@ -66,5 +65,9 @@ class PropertyService {
     bool storeFailing_ = false;   // a full disk is logged once, not on every write
     bool rebuildNeeded_ = false;  // the store is damaged: rebuild it before the next write
 };
+
+/// For the log, which escapes other control characters: the first `maxCharacters` of a UTF-8 text without C1 control
+/// characters, and "..." if it is longer.
+std::string excerpt(const std::string& text, std::size_t maxCharacters);
 
 }  // namespace propertyservice

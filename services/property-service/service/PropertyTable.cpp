@@ -3,9 +3,9 @@
 #include <algorithm>
 
 #include "debug/Debug.h"
+#include "propertyprotocol/Limits.h"
 #include "propertyprotocol/Topics.h"
 #include "propertyprotocol/Utf8.h"
-#include "service/Limits.h"
 
 namespace propertyservice {
 
@@ -14,18 +14,16 @@ namespace {
 using propertyprotocol::isUtf8WithoutNul;
 
 std::string objection(const Definition& definition, const std::string& value) {
-    if (value.size() > maxValueBytes) return "is too long";
+    if (value.size() > propertyprotocol::maxValueBytes) return "is too long";
     if (!isUtf8WithoutNul(value)) return "is not UTF-8 text";
-    return definition.rule->objection(value);
+    return definition.rule(value);
 }
 
 }  // namespace
 
 PropertyTable::PropertyTable(const Catalogue& catalogue, const std::vector<IStore::Entry>& stored) {
     properties_.reserve(catalogue.keys().size());
-    indices_.reserve(catalogue.keys().size());
     for (const CatalogueKey& entry : catalogue.keys()) {
-        indices_.emplace(entry.key, properties_.size());
         properties_.push_back({entry.key, entry.definition->defaultValue, entry.definition,
                                propertyprotocol::changeTopic(entry.key),
                                isState(entry.key) || entry.definition->isVolatile, Stored::nothing});
@@ -36,8 +34,8 @@ PropertyTable::PropertyTable(const Catalogue& catalogue, const std::vector<IStor
         if (property == nullptr || property->isVolatile || !value) {
             ++unknown;
             // An answer must not exceed the limits of the protocol.
-            const bool isListable =
-                value && value->size() <= maxValueBytes && isUtf8WithoutNul(key) && isUtf8WithoutNul(*value);
+            const bool isListable = value && value->size() <= propertyprotocol::maxValueBytes &&
+                                    isUtf8WithoutNul(key) && isUtf8WithoutNul(*value);
             if (property == nullptr && isListable) uncatalogued_.push_back({key, *value});
             continue;
         }
@@ -60,8 +58,10 @@ PropertyTable::PropertyTable(const Catalogue& catalogue, const std::vector<IStor
 }
 
 Property* PropertyTable::find(const std::string& key) {
-    const auto found = indices_.find(key);
-    return found == indices_.end() ? nullptr : &properties_[found->second];
+    const auto found =
+        std::lower_bound(properties_.begin(), properties_.end(), key,
+                         [](const Property& property, const std::string& wanted) { return property.key < wanted; });
+    return found == properties_.end() || found->key != key ? nullptr : &*found;
 }
 
 }  // namespace propertyservice

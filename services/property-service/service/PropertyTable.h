@@ -3,7 +3,6 @@
 
 #include <memory>
 #include <string>
-#include <unordered_map>
 #include <vector>
 
 #include "catalogue/Catalogue.h"
@@ -50,7 +49,6 @@ class PropertyTable {
 
  private:
     std::vector<Property> properties_;
-    std::unordered_map<std::string, std::size_t> indices_;
     std::vector<UncataloguedValue> uncatalogued_;
 };
 

@@ -1,32 +1,38 @@
 #include "store/Database.h"
 
 #include <sqlite3.h>
+#include <unistd.h>
 
 #include <cstdint>
+#include <fstream>
 #include <system_error>
 
 namespace propertyservice {
 
 namespace {
 
-constexpr int applicationId = 0x5a415670;  // "ZAVp"
 constexpr std::chrono::milliseconds syncDelay{500};
 constexpr int busyMilliseconds = 2000;
-
-// FNV-1a over the key, a NUL, and the value: detects every change of a single byte.
-std::int64_t checksum(const std::string& key, const std::string& value) {
-    std::uint64_t sum = 0xcbf29ce484222325U;
-    const auto take = [&sum](unsigned char byte) { sum = (sum ^ byte) * 0x100000001b3U; };
-    for (const char letter : key) take(static_cast<unsigned char>(letter));
-    take(0);
-    for (const char letter : value) take(static_cast<unsigned char>(letter));
-    return static_cast<std::int64_t>(sum);
-}
 
 std::string column(sqlite3_stmt* statement, int index) {
     const void* bytes = sqlite3_column_blob(statement, index);
     const auto size = static_cast<std::size_t>(sqlite3_column_bytes(statement, index));
     return size == 0 ? std::string() : std::string(static_cast<const char*>(bytes), size);
+}
+
+// SQL function checksum(key, value): FNV-1a over the key, a NUL, and the value, which detects every change of a single
+// byte.
+void checksum(sqlite3_context* context, int, sqlite3_value** arguments) {
+    std::uint64_t sum = 0xcbf29ce484222325U;
+    const auto take = [&sum](unsigned char byte) { sum = (sum ^ byte) * 0x100000001b3U; };
+    const auto takeText = [&take](sqlite3_value* argument) {
+        const auto* const text = static_cast<const unsigned char*>(sqlite3_value_blob(argument));
+        for (int at = 0; at < sqlite3_value_bytes(argument); ++at) take(text[at]);
+    };
+    takeText(arguments[0]);
+    take(0);
+    takeText(arguments[1]);
+    sqlite3_result_int64(context, static_cast<std::int64_t>(sum));
 }
 
 void bind(sqlite3_stmt* statement, int index, const std::string& text) {
@@ -35,8 +41,8 @@ void bind(sqlite3_stmt* statement, int index, const std::string& text) {
 
 }  // namespace
 
-void Database::CloseDatabase::operator()(sqlite3* database) const { sqlite3_close(database); }
-void Database::FinalizeStatement::operator()(sqlite3_stmt* statement) const { sqlite3_finalize(statement); }
+void Database::Close::operator()(sqlite3* database) const { sqlite3_close(database); }
+void Database::Close::operator()(sqlite3_stmt* statement) const { sqlite3_finalize(statement); }
 
 Database::Database(const std::string& path) : path_(path) {
     createIfMissing(path_);
@@ -45,7 +51,7 @@ Database::Database(const std::string& path) : path_(path) {
     prepareFormat();
     checkStructure();
     upsert_ = prepare(
-        "INSERT INTO property (key, value, checksum) VALUES (?1, ?2, ?3) "
+        "INSERT INTO property (key, value, checksum) VALUES (?1, ?2, checksum(?1, ?2)) "
         "ON CONFLICT (key) DO UPDATE SET value = excluded.value, checksum = excluded.checksum",
         SQLITE_PREPARE_PERSISTENT);
     remove_ = prepare("DELETE FROM property WHERE key = ?1", SQLITE_PREPARE_PERSISTENT);
@@ -54,8 +60,9 @@ Database::Database(const std::string& path) : path_(path) {
     } catch (const std::system_error& error) {
         throw UnwritableStore(path_ + ": its log cannot be synced: " + error.what());
     }
-    fileMark_.emplace(path_);
-    logMark_.emplace(path_ + "-wal");
+    file_ = idOf(path_, std::nullopt);
+    log_ = idOf(path_ + "-wal", std::nullopt);
+    if (!file_ || !log_) throw StoreException(path_ + ": was deleted while it was opened");
 }
 
 Database::~Database() = default;
@@ -69,6 +76,8 @@ void Database::open() {
     // Closing must not merge the log into the file until the file's version is known.
     sqlite3_db_config(database, SQLITE_DBCONFIG_NO_CKPT_ON_CLOSE, 1, nullptr);
     sqlite3_busy_timeout(database, busyMilliseconds);
+    sqlite3_create_function(database, "checksum", 2, SQLITE_UTF8 | SQLITE_DETERMINISTIC, nullptr, checksum, nullptr,
+                            nullptr);
     // A set writes one page to the log, which takes little more than half the time of the default size.
     execute("PRAGMA page_size = 1024");
     // Set before the first read, this avoids the shared memory file and locking per commit, and excludes other
@@ -92,24 +101,11 @@ void Database::prepareFormat() {
     }
     if (found == 1) {
         execute("ALTER TABLE property ADD COLUMN checksum INTEGER NOT NULL DEFAULT 0");
-        const Statement rows = prepare("SELECT key, value FROM property");
-        const Statement update = prepare("UPDATE property SET checksum = ?2 WHERE key = ?1");
-        std::vector<std::pair<std::string, std::int64_t>> sums;
-        int result = SQLITE_ROW;
-        while ((result = sqlite3_step(rows.get())) == SQLITE_ROW) {
-            const std::string key = column(rows.get(), 0);
-            sums.emplace_back(key, checksum(key, column(rows.get(), 1)));
-        }
-        if (result != SQLITE_DONE) fail("cannot be read");
-        for (const auto& [key, sum] : sums) {
-            bind(update.get(), 1, key);
-            sqlite3_bind_int64(update.get(), 2, sum);
-            if (sqlite3_step(update.get()) != SQLITE_DONE) fail("cannot be migrated");
-            sqlite3_reset(update.get());
-        }
+        execute("UPDATE property SET checksum = checksum(key, value)");
     }
     if (found != version) execute(("PRAGMA user_version = " + std::to_string(version)).c_str());
     execute("COMMIT");
+    lostCommits_ = countLostCommits();
     // Moves what an earlier run left in the log into the file, and syncs it.
     execute("PRAGMA wal_checkpoint(TRUNCATE)");
     if (found == 0) syncFolder(path_);
@@ -134,17 +130,37 @@ int Database::numberOf(const char* pragma) {
     return sqlite3_column_int(statement.get(), 0);
 }
 
+// SQLite silently drops all commits behind a corrupt frame, and the log can hold weeks of settings: without this, a
+// phone with failing flash memory would return to old settings and nobody would know why.
+std::size_t Database::countLostCommits() {
+    // https://www.sqlite.org/fileformat2.html#the_write_ahead_log
+    std::string header(32, '\0');
+    std::string frame(24, '\0');
+    const std::streamoff pageSize = numberOf("PRAGMA page_size");
+    int intact = 0;
+    sqlite3_wal_checkpoint_v2(database_.get(), nullptr, SQLITE_CHECKPOINT_PASSIVE, &intact, nullptr);
+    std::ifstream log(path_ + "-wal", std::ios::binary);
+    if (intact < 0 || !log.read(header.data(), 32)) return 0;
+    std::size_t lost = 0;
+    log.seekg(intact * (pageSize + 24), std::ios::cur);
+    for (; log.read(frame.data(), 24); log.seekg(pageSize, std::ios::cur)) {
+        // A frame with another salt is left from before the log was last restarted.
+        const bool isOfThisLog = frame.compare(8, 8, header, 16, 8) == 0;
+        const bool isCommit = frame.compare(4, 4, std::string(4, '\0')) != 0;
+        if (isOfThisLog && isCommit) ++lost;
+    }
+    return lost > 1 ? lost : 0;
+}
+
 std::vector<IStore::Entry> Database::load() {
-    const Statement statement = prepare("SELECT key, value, checksum FROM property");
+    const Statement statement = prepare("SELECT key, value, checksum = checksum(key, value) FROM property");
     std::vector<Entry> entries;
     int result = SQLITE_ROW;
     while ((result = sqlite3_step(statement.get())) == SQLITE_ROW) {
-        std::string key = column(statement.get(), 0);
-        std::string value = column(statement.get(), 1);
-        if (checksum(key, value) != sqlite3_column_int64(statement.get(), 2)) {
+        if (sqlite3_column_int(statement.get(), 2) == 0) {
             throw DamagedStore(path_ + ": is damaged: a stored value has a wrong checksum");
         }
-        entries.emplace_back(std::move(key), std::move(value));
+        entries.emplace_back(column(statement.get(), 0), column(statement.get(), 1));
     }
     if (result != SQLITE_DONE) fail("cannot be read");
     return entries;
@@ -152,9 +168,12 @@ std::vector<IStore::Entry> Database::load() {
 
 std::size_t Database::copyTo(const std::string& path) {
     const std::size_t rows = load().size();
+    ::unlink(path.c_str());  // of an earlier attempt
+    createIfMissing(path);   // with the mode of a store
     const Statement statement = prepare("VACUUM INTO ?1");
     bind(statement.get(), 1, path);
     if (sqlite3_step(statement.get()) != SQLITE_DONE) fail("cannot be copied to " + path);
+    syncFile(path);
     return rows;
 }
 
@@ -181,10 +200,7 @@ void Database::put(const Entry& entry) {
     const auto& [key, value] = entry;
     sqlite3_stmt* const statement = (value ? upsert_ : remove_).get();
     bind(statement, 1, key);
-    if (value) {
-        bind(statement, 2, *value);
-        sqlite3_bind_int64(statement, 3, checksum(key, *value));
-    }
+    if (value) bind(statement, 2, *value);
     const bool done = sqlite3_step(statement) == SQLITE_DONE;
     if (sqlite3_reset(statement) != SQLITE_OK || !done) fail("cannot store " + key);
 }

@@ -31,6 +31,9 @@ class Database {
  public:
     using Entry = IStore::Entry;
 
+    /// "ZAVp" in the file's header distinguishes a property store from any other database.
+    static constexpr int applicationId = 0x5a415670;
+
     /// The format that this version writes; 1 had no checksums. Opening a file migrates an older format in one
     /// transaction. A file with a newer format is refused and left unchanged.
     static constexpr int version = 2;
@@ -48,29 +51,31 @@ class Database {
     std::vector<Entry> load();
     void write(const std::vector<Entry>& entries);
 
-    /// Checks every row, then writes a copy to the file, which must be empty. Returns the number of rows.
+    /// Checks every row, then replaces the file by a synced copy (mode 0600). Returns the number of rows.
     std::size_t copyTo(const std::string& path);
 
-    /// Whether the open file and its log are still at their paths. Takes two path look-ups.
-    bool isInPlace() const { return fileState() == FileMark::State::inPlace && logState() == FileMark::State::inPlace; }
-    FileMark::State fileState() const { return fileMark_->state(); }
-    FileMark::State logState() const { return logMark_->state(); }
+    /// The files that are open, to detect that they were deleted or replaced.
+    const FileId& file() const { return file_; }
+    const FileId& log() const { return log_; }
+
+    /// The number of commits that opening the file has lost behind a corrupt frame of its log. 0 if at most the last
+    /// commit is corrupt, as after a kill.
+    std::size_t lostCommits() const { return lostCommits_; }
 
     /// How often the log was synced to the disk.
     unsigned syncs() const { return logSync_->syncs(); }
 
  private:
-    struct CloseDatabase {
+    struct Close {
         void operator()(sqlite3* database) const;
-    };
-    struct FinalizeStatement {
         void operator()(sqlite3_stmt* statement) const;
     };
-    using Statement = std::unique_ptr<sqlite3_stmt, FinalizeStatement>;
+    using Statement = std::unique_ptr<sqlite3_stmt, Close>;
 
     void open();
     void prepareFormat();
     void checkStructure();
+    std::size_t countLostCommits();
     Statement prepare(const char* sql, unsigned flags = 0);
     int numberOf(const char* pragma);
     void execute(const char* sql);
@@ -78,12 +83,13 @@ class Database {
     [[noreturn]] void fail(const std::string& what) const;
 
     const std::string path_;
-    std::unique_ptr<sqlite3, CloseDatabase> database_;
+    std::unique_ptr<sqlite3, Close> database_;
     Statement upsert_;
     Statement remove_;
+    std::size_t lostCommits_ = 0;
     std::unique_ptr<LogSync> logSync_;
-    std::optional<FileMark> fileMark_;
-    std::optional<FileMark> logMark_;
+    FileId file_;
+    FileId log_;
 };
 
 }  // namespace propertyservice

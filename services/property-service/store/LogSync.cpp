@@ -10,52 +10,44 @@
 
 namespace propertyservice {
 
-namespace {
-
-int openFile(const std::string& path) {
-    const int file = ::open(path.c_str(), O_RDONLY | O_CLOEXEC);
-    if (file < 0) throw std::system_error(errno, std::generic_category(), "cannot open " + path);
-    return file;
-}
-
-}  // namespace
-
 LogSync::LogSync(const std::string& path, std::chrono::milliseconds delay)
-    : path_(path), file_(openFile(path)), delay_(delay), thread_([this] { run(); }) {}
+    : path_(path), file_(::open(path.c_str(), O_RDONLY | O_CLOEXEC)), delay_(delay) {
+    if (file_.get() < 0) throw std::system_error(errno, std::generic_category(), "cannot open " + path);
+    thread_ = std::thread([this] { run(); });
+}
 
 LogSync::~LogSync() {
     {
-        const std::lock_guard<std::mutex> lock(mutex_);
+        const common::LockGuard lock(mutex_);
         stopping_ = true;
     }
-    changed_.notify_all();
+    changed_.notifyAll();
     thread_.join();
-    ::close(file_);
 }
 
 void LogSync::written() {
     {
-        const std::lock_guard<std::mutex> lock(mutex_);
+        const common::LockGuard lock(mutex_);
         if (dirty_) return;  // a sync is already scheduled
         dirty_ = true;
     }
-    changed_.notify_all();
+    changed_.notifyAll();
 }
 
 unsigned LogSync::syncs() const {
-    const std::lock_guard<std::mutex> lock(mutex_);
+    const common::LockGuard lock(mutex_);
     return syncs_;
 }
 
 void LogSync::run() {
     bool failed = false;
-    std::unique_lock<std::mutex> lock(mutex_);
+    common::UniqueLock lock(mutex_);
     while (true) {
-        changed_.wait(lock, [this] { return dirty_ || stopping_; });
-        if (changed_.wait_for(lock, delay_, [this] { return stopping_; })) return;
+        changed_.wait(mutex_, [this]() REQUIRES(mutex_) { return dirty_ || stopping_; });
+        if (changed_.waitFor(mutex_, delay_, [this]() REQUIRES(mutex_) { return stopping_; })) return;
         dirty_ = false;  // a write during the sync needs another one
         lock.unlock();
-        const bool synced = ::fdatasync(file_) == 0;
+        const bool synced = ::fdatasync(file_.get()) == 0;
         const std::error_code error(errno, std::generic_category());
         if (!synced && !failed) {
             dbg::Debug::error() << "Cannot sync " << path_ << " to the disk: " << error.message()
@@ -69,7 +61,7 @@ void LogSync::run() {
         } else {
             dirty_ = true;
         }
-        changed_.notify_all();
+        changed_.notifyAll();
     }
 }
 

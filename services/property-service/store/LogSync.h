@@ -2,10 +2,11 @@
 #pragma once
 
 #include <chrono>
-#include <condition_variable>
-#include <mutex>
 #include <string>
 #include <thread>
+
+#include "common/Descriptor.h"
+#include "common/ThreadSafety.h"
 
 namespace propertyservice {
 
@@ -28,14 +29,14 @@ class LogSync {
     void run();
 
     const std::string path_;
-    const int file_;
+    const common::Descriptor file_;
     const std::chrono::milliseconds delay_;
 
-    mutable std::mutex mutex_;
-    std::condition_variable changed_;
-    bool dirty_ = false;     // guarded by mutex_
-    bool stopping_ = false;  // guarded by mutex_
-    unsigned syncs_ = 0;     // guarded by mutex_
+    mutable common::Mutex mutex_;
+    common::ConditionVariable changed_;
+    bool dirty_ GUARDED_BY(mutex_) = false;
+    bool stopping_ GUARDED_BY(mutex_) = false;
+    unsigned syncs_ GUARDED_BY(mutex_) = 0;
 
     std::thread thread_;  // last: it uses everything above
 };

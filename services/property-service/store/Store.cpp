@@ -7,7 +7,6 @@
 #include <utility>
 
 #include "debug/Debug.h"
-#include "store/LogCheck.h"
 #include "store/StoreFiles.h"
 
 namespace propertyservice {
@@ -69,10 +68,9 @@ Store::~Store() {
 
 void Store::open() {
     try {
-        const std::size_t lost = lostCommits(path_ + "-wal");
         database_ = std::make_unique<Database>(path_);
         entries_ = database_->load();
-        if (lost > 0) {
+        if (const std::size_t lost = database_->lostCommits(); lost > 0) {
             dbg::Debug::error() << path_ << "-wal: is damaged; the last changes in it are lost: " << lost << std::endl;
         }
     } catch (const DamagedStore& error) {
@@ -175,20 +173,22 @@ void Store::rebuild(const std::vector<Entry>& entries) {
 // The open database still has everything, so a copy of it replaces whatever is at the path now. Until that succeeds
 // nothing is written: it would go to a deleted file.
 void Store::rewriteIfDisplaced() {
-    using State = FileMark::State;
-    if (database_->isInPlace()) return;
-    const State file = database_->fileState();
-    const State log = database_->logState();
-    const bool isLogOnly = file == State::inPlace;
-    std::string report = path_ + (isLogOnly ? "-wal: was " : ": was ") +
-                         ((isLogOnly ? log : file) == State::deleted ? "deleted" : "replaced") + " while in use";
-    if (file == State::replaced && isInUse(path_)) throw StoreException(report + "; another process uses the new file");
-    const std::string fresh = beginStore(path_);
+    const FileId file = idOf(path_, database_->file());
+    const FileId log = idOf(path_ + "-wal", database_->log());
+    const bool isFileInPlace = file == database_->file();
+    const bool isLogInPlace = log == database_->log();
+    if (isFileInPlace && isLogInPlace) return;
+    const bool isReplaced = isFileInPlace ? log.has_value() : file.has_value();
+    std::string report =
+        path_ + (isFileInPlace ? "-wal: was " : ": was ") + (isReplaced ? "replaced" : "deleted") + " while in use";
+    const bool isOtherFile = !isFileInPlace && isReplaced;
+    if (isOtherFile && isInUse(path_)) throw StoreException(report + "; another process uses the new file");
+    const std::string fresh = path_ + ".new";
     const std::size_t count = database_->copyTo(fresh);
-    if (file == State::replaced) {
+    if (isOtherFile) {
         std::error_code ignored;
         // The log does not belong to the other file.
-        if (log == State::inPlace) std::filesystem::remove(path_ + "-wal", ignored);
+        if (isLogInPlace) std::filesystem::remove(path_ + "-wal", ignored);
         report += "; the other file is kept as " + moveAside(path_);
     }
     install(fresh, path_);
@@ -221,7 +221,7 @@ void Store::scheduleBackup() {
 void Store::backUp() {
     nextBackup_ = Clock::now() + backupInterval_;
     try {
-        database_->copyTo(beginBackup(path_));
+        database_->copyTo(path_ + ".backup-new");
         keepBackup(path_);
         nextBackup_ = Clock::now() + backupDelay();
     } catch (const DamagedStore&) {

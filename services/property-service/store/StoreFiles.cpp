@@ -12,6 +12,7 @@
 #include <filesystem>
 #include <system_error>
 
+#include "common/Descriptor.h"
 #include "store/Database.h"
 
 namespace propertyservice {
@@ -20,8 +21,6 @@ namespace {
 
 namespace fs = std::filesystem;
 
-// "ZAVp" in the file's header distinguishes a property store from any other database.
-constexpr int applicationId = 0x5a415670;
 constexpr std::size_t maxDamagedFiles = 2;
 constexpr int maxLinks = 40;
 // A version number further ahead than this counts as damage.
@@ -30,10 +29,8 @@ constexpr int maxVersionsAhead = 16;
 constexpr off_t firstLockByte = 0x40000000;
 constexpr off_t lockBytes = 512;
 
-std::string reasonOf(int error) { return std::generic_category().message(error); }
-
 [[noreturn]] void fail(const std::string& path, const std::string& what, int error) {
-    const std::string text = path + ": " + what + ": " + reasonOf(error);
+    const std::string text = path + ": " + what + ": " + common::reasonOf(error);
     if (error == EROFS || error == ENOSPC || error == EDQUOT || error == EIO) throw UnwritableStore(text);
     throw StoreException(text);
 }
@@ -41,16 +38,6 @@ std::string reasonOf(int error) { return std::generic_category().message(error);
 std::string folderOf(const std::string& path) {
     const std::string folder = fs::path(path).parent_path().string();
     return folder.empty() ? "." : folder;
-}
-
-void syncFile(const std::string& path) {
-    const int file = ::open(path.c_str(), O_RDONLY | O_CLOEXEC);
-    if (file < 0 || ::fsync(file) != 0) {
-        const int error = errno;
-        if (file >= 0) ::close(file);
-        fail(path, "cannot be synced", error);
-    }
-    ::close(file);
 }
 
 void rename(const std::string& from, const std::string& to) {
@@ -68,19 +55,10 @@ std::string timeStamp() {
 
 }  // namespace
 
-FileMark::FileMark(std::string path) : path_(std::move(path)) {
+FileId idOf(const std::string& path, const FileId& ifUnknown) {
     struct stat status {};
-    if (::stat(path_.c_str(), &status) != 0) fail(path_, "cannot be found", errno);
-    device_ = status.st_dev;
-    inode_ = status.st_ino;
-}
-
-FileMark::State FileMark::state() const {
-    struct stat status {};
-    if (::stat(path_.c_str(), &status) != 0) {
-        return errno == ENOENT || errno == ENOTDIR ? State::deleted : State::inPlace;
-    }
-    return status.st_dev == device_ && status.st_ino == inode_ ? State::inPlace : State::replaced;
+    if (::stat(path.c_str(), &status) == 0) return std::pair(status.st_dev, status.st_ino);
+    return errno == ENOENT || errno == ENOTDIR ? std::nullopt : ifUnknown;
 }
 
 void createIfMissing(const std::string& path) {
@@ -91,22 +69,20 @@ void createIfMissing(const std::string& path) {
         if (error) fail(path, "its folder cannot be created", error.value());
     }
     // Only the owner may read it: settings include credentials. SQLite gives the log the same mode.
-    const int file = ::open(path.c_str(), O_RDWR | O_CREAT | O_CLOEXEC, 0600);
-    if (file < 0) fail(path, "cannot be opened for writing", errno);
+    const common::Descriptor file(::open(path.c_str(), O_RDWR | O_CREAT | O_CLOEXEC, 0600));
+    if (file.get() < 0) fail(path, "cannot be opened for writing", errno);
     struct stat status {};
-    const bool regular = ::fstat(file, &status) == 0 && S_ISREG(status.st_mode);
-    ::close(file);
+    const bool regular = ::fstat(file.get(), &status) == 0 && S_ISREG(status.st_mode);
     if (!regular) throw StoreException(path + ": is not a regular file");
 }
 
 void checkHeader(const std::string& path) {
     std::array<unsigned char, 100> header{};
-    const int file = ::open(path.c_str(), O_RDONLY | O_CLOEXEC);
-    if (file < 0) fail(path, "cannot be read", errno);
-    const ssize_t length = ::pread(file, header.data(), header.size(), 0);
-    const int error = errno;
-    ::close(file);  // before SQLite opens the file: a later close would drop SQLite's locks
-    if (length < 0) fail(path, "cannot be read", error);
+    common::Descriptor file(::open(path.c_str(), O_RDONLY | O_CLOEXEC));
+    if (file.get() < 0) fail(path, "cannot be read", errno);
+    const ssize_t length = ::pread(file.get(), header.data(), header.size(), 0);
+    if (length < 0) fail(path, "cannot be read", errno);
+    file.close();  // before SQLite opens the file: a later close would drop SQLite's locks
     // Only a property store has backups.
     const bool hasBackups = !backupsOf(path).empty();
     if (length == 0) {
@@ -122,7 +98,7 @@ void checkHeader(const std::string& path) {
         return static_cast<std::int32_t>(std::uint32_t{header[at]} << 24 | std::uint32_t{header[at + 1]} << 16 |
                                          std::uint32_t{header[at + 2]} << 8 | std::uint32_t{header[at + 3]});
     };
-    const bool isOurs = number(68) == applicationId;
+    const bool isOurs = number(68) == Database::applicationId;
     const std::int32_t found = number(60);
     if (isOurs && found > Database::version && found <= Database::version + maxVersionsAhead) {
         throw StoreException(path + ": " + newerVersionError(found));
@@ -140,16 +116,13 @@ void checkHeader(const std::string& path) {
 }
 
 bool isInUse(const std::string& path) {
-    const int file = ::open(path.c_str(), O_RDWR | O_CLOEXEC);
-    if (file < 0) return false;
+    const common::Descriptor file(::open(path.c_str(), O_RDWR | O_CLOEXEC));
     struct flock lock {};
     lock.l_type = F_WRLCK;
     lock.l_whence = SEEK_SET;
     lock.l_start = firstLockByte;
     lock.l_len = lockBytes;
-    const bool known = ::fcntl(file, F_GETLK, &lock) == 0;
-    ::close(file);
-    return known && lock.l_type != F_UNLCK;
+    return ::fcntl(file.get(), F_GETLK, &lock) == 0 && lock.l_type != F_UNLCK;
 }
 
 std::string newerVersionError(int format) {
@@ -165,11 +138,14 @@ std::string resolveLinks(std::string path) {
     return path;
 }
 
+void syncFile(const std::string& path) {
+    const common::Descriptor file(::open(path.c_str(), O_RDONLY | O_CLOEXEC));
+    if (file.get() < 0 || ::fsync(file.get()) != 0) fail(path, "cannot be synced", errno);
+}
+
 void syncFolder(const std::string& path) {
-    const int file = ::open(folderOf(path).c_str(), O_RDONLY | O_DIRECTORY | O_CLOEXEC);
-    if (file < 0) return;
-    ::fsync(file);
-    ::close(file);
+    const common::Descriptor folder(::open(folderOf(path).c_str(), O_RDONLY | O_DIRECTORY | O_CLOEXEC));
+    if (folder.get() >= 0) ::fsync(folder.get());
 }
 
 void copyFile(const std::string& from, const std::string& to) {
@@ -198,32 +174,14 @@ std::optional<std::chrono::seconds> ageOfBackup(const std::string& path) {
     return std::chrono::seconds(std::time(nullptr) - status.st_mtime);
 }
 
-std::string beginBackup(const std::string& path) {
-    std::string fresh = path + ".backup-new";
-    const int file = ::open(fresh.c_str(), O_WRONLY | O_CREAT | O_TRUNC | O_CLOEXEC, 0600);
-    if (file < 0) fail(fresh, "cannot be created", errno);
-    ::close(file);
-    return fresh;
-}
-
 void keepBackup(const std::string& path) {
-    syncFile(path + ".backup-new");
     std::error_code error;
     if (fs::exists(path + ".backup-1", error)) rename(path + ".backup-1", path + ".backup-2");
     rename(path + ".backup-new", path + ".backup-1");
     syncFolder(path);
 }
 
-std::string beginStore(const std::string& path) {
-    std::string fresh = path + ".new";
-    std::error_code ignored;
-    fs::remove(fresh, ignored);  // of an earlier attempt
-    createIfMissing(fresh);
-    return fresh;
-}
-
 void install(const std::string& fresh, const std::string& path) {
-    syncFile(fresh);
     std::error_code ignored;
     fs::remove(path + "-wal", ignored);
     rename(fresh, path);

@@ -7,25 +7,16 @@
 #include <chrono>
 #include <optional>
 #include <string>
+#include <utility>
 #include <vector>
 
 namespace propertyservice {
 
-/// Remembers which file is at a path, to detect that it was deleted or replaced.
-class FileMark {
- public:
-    enum class State { inPlace, deleted, replaced };
+/// Which file is at a path; none if there is none.
+using FileId = std::optional<std::pair<dev_t, ino_t>>;
 
-    explicit FileMark(std::string path);
-
-    /// One system call. Errors other than a missing file count as `inPlace`.
-    State state() const;
-
- private:
-    std::string path_;
-    dev_t device_ = 0;
-    ino_t inode_ = 0;
-};
+/// One system call. Returns `ifUnknown` if it fails for another reason than a missing file.
+FileId idOf(const std::string& path, const FileId& ifUnknown);
 
 /// Creates the file (mode 0600) and its folder if missing. Throws UnwritableStore or StoreException.
 void createIfMissing(const std::string& path);
@@ -44,6 +35,9 @@ std::string newerVersionError(int format);
 /// Resolves links, also to a missing file: SQLite keeps the log beside the target.
 std::string resolveLinks(std::string path);
 
+/// Throws UnwritableStore or StoreException.
+void syncFile(const std::string& path);
+
 /// Syncs the folder of the file: until then a power cut may lose a new or renamed file.
 void syncFolder(const std::string& path);
 
@@ -56,13 +50,11 @@ std::vector<std::string> backupsOf(const std::string& path);
 /// Age of the newest backup by the system clock; negative if the clock was set back.
 std::optional<std::chrono::seconds> ageOfBackup(const std::string& path);
 
-/// Creates an empty file (mode 0600) for a backup; `keepBackup` makes it the newest one. Both throw StoreException.
-std::string beginBackup(const std::string& path);
+/// Makes PATH.backup-new, which must be synced, the newest backup. Throws UnwritableStore or StoreException.
 void keepBackup(const std::string& path);
 
-/// Creates an empty file (mode 0600) for a new store, and its folder. `install` renames it to the store's path and
-/// removes the log of the previous file. Both throw UnwritableStore or StoreException.
-std::string beginStore(const std::string& path);
+/// Renames `fresh`, which must be synced, to the store's path and removes the log of the previous file. Throws
+/// UnwritableStore or StoreException.
 void install(const std::string& fresh, const std::string& path);
 
 /// Moves the store and its log aside and returns the new name. Removes all but the two newest. Throws StoreException.

@@ -4,7 +4,6 @@
 
 #include "Core/Constants.h"
 #include "Core/Pass.h"
-#include "Core/PassState.h"
 #include "Core/Utils.h"
 #include "common/Quote.h"
 #include "debug/Debug.h"
@@ -19,18 +18,6 @@ constexpr const char* forceAcceptFlag = "FORCE_ACCEPT";
 constexpr const char* phoneBookDirectory = "/var/volatile/contacts/";
 constexpr const char* certificateDirectory = "/custom/certs/_storage/";
 constexpr int functionKeys = 8;
-
-// Restores the outer pass's version: a nested pass sets that of its own files.
-class ProvisioningVersionScope {
- public:
-    ProvisioningVersionScope() : version_(currentProvisioningVersion()) {}
-    ~ProvisioningVersionScope() { setCurrentProvisioningVersion(version_); }
-    ProvisioningVersionScope(const ProvisioningVersionScope&) = delete;
-    ProvisioningVersionScope& operator=(const ProvisioningVersionScope&) = delete;
-
- private:
-    const std::string version_;
-};
 
 }  // namespace
 
@@ -67,7 +54,7 @@ int CustomScenarioJobHandler::run() {
 }
 
 UrlInfo CustomScenarioJobHandler::resolveStepUrl(const Attributes& step) const {
-    return makeJobUrlInfo(step.at(urlAttribute), properties_->get(constants::provisioningServerKey));
+    return makeJobUrlInfo(step.at(urlAttribute), properties_->get(constants.provisioningServerKey));
 }
 
 bool CustomScenarioJobHandler::downloadAndReport(const std::string& kind, const std::string& source,
@@ -96,10 +83,9 @@ bool CustomScenarioJobHandler::applyCertificate(const std::string& fileName, con
     dbg::Debug::info() << "Applying certificate " << quote(fileName) << std::endl;
     try {
         if (security_.checkCertificate(path) == 0) {
-            properties_->set(constants::certificateInvalidKey, fileName);
+            properties_->set(constants.certificateInvalidKey, fileName);
         } else {
-            properties_->set(forceAccept ? constants::certificateAcceptKey : constants::certificatePendingKey,
-                             fileName);
+            properties_->set(forceAccept ? constants.certificateAcceptKey : constants.certificatePendingKey, fileName);
         }
     } catch (const std::exception& e) {
         dbg::Debug::error() << "Error applying certificate " << quote(fileName, path, "=") << e.what() << std::endl;
@@ -117,17 +103,18 @@ bool CustomScenarioJobHandler::unlockAllFunctionKeysStep(const Attributes&) {
 }
 
 bool CustomScenarioJobHandler::redirectStep(const Attributes& step) {
-    const ProvisioningVersionScope version;
+    const std::string version = currentProvisioningVersion();
     worker_->startProvisioning(step.at(urlAttribute));
     do {
         worker_->waitForProgress();
         progressReporter_.notifyProgress();  // the watchdog waits for progress of the outer pass
     } while (!worker_->isProvisioningFinished());
-    return worker_->getProvisioningStatus() == constants::successWord;
+    setCurrentProvisioningVersion(version);  // the nested pass set that of its own files
+    return worker_->getProvisioningStatus() == constants.successWord;
 }
 
 bool CustomScenarioJobHandler::localPhoneBookStep(const Attributes& step) {
-    if (properties_->get(constants::provisioningStateKey) == constants::requestCheckSyncWord) {
+    if (properties_->get(constants.provisioningStateKey) == constants.requestCheckSyncWord) {
         dbg::Debug::info() << "Download of local phone book skipped" << std::endl;
         return true;
     }
@@ -136,10 +123,10 @@ bool CustomScenarioJobHandler::localPhoneBookStep(const Attributes& step) {
     dbg::Debug::info() << "Downloading PhoneBook from URL " << quote(source) << std::endl;
     const std::string fileName = urlInfo.localName();
     if (!downloadAndReport("LocalPhoneBook", source, phoneBookDirectory + fileName)) return false;
-    properties_->set(constants::phoneBookFileNameKey, fileName);
-    properties_->set(constants::phoneBookVerifyKey, constants::requestWord);
+    properties_->set(constants.phoneBookFileNameKey, fileName);
+    properties_->set(constants.phoneBookVerifyKey, constants.requestWord);
     const std::string renewPeriod = attributeOr(step, "renewPeriod", "");
-    if (!renewPeriod.empty()) properties_->set(constants::periodKey, renewPeriod);
+    if (!renewPeriod.empty()) properties_->set(constants.periodKey, renewPeriod);
     return true;
 }
 

@@ -7,20 +7,12 @@
 
 namespace zav {
 
-FileDownloadHandler::FileDownloadHandler(const JobDescription& job, std::shared_ptr<Curl> curl, Security& security,
-                                         const std::shared_ptr<propertyapi::IPropertyApi>& properties,
-                                         XMLReader& reader, ProgressReporter& progressReporter,
-                                         ProvisioningStatusReporter& statusReporter)
-    : JobHandler(job, std::move(curl), security, properties, reader, progressReporter, statusReporter) {
-    handlerName_ = "FileDownloadHandler";
-}
-
 int FileDownloadHandler::run() {
     dbg::Debug::info() << "Running FileDownloadHandlerJob on: " << job_->name << std::endl;
     const std::string url = findNewestUrl(*job_);
     if (url.empty()) return jobFail;
 
-    const UrlInfo urlInfo = makeJobUrlInfo(url, properties_->get(constants::provisioningServerKey));
+    const UrlInfo urlInfo = makeJobUrlInfo(url, properties_->get(constants.provisioningServerKey));
     const std::string source = urlInfo.text();
     const std::string destination = formatUrl(provisioningPath(job_->name, urlInfo.localName()), properties_);
     dbg::Debug::info() << "Found job with URL: " << source << std::endl;

@@ -7,9 +7,12 @@ namespace zav {
 
 class FileDownloadHandler : public JobHandler {
  public:
-    FileDownloadHandler(const JobDescription& job, std::shared_ptr<Curl> curl, Security& security,
-                        const std::shared_ptr<propertyapi::IPropertyApi>& properties, XMLReader& reader,
-                        ProgressReporter& progressReporter, ProvisioningStatusReporter& statusReporter);
+    /// Takes the arguments of JobHandler.
+    template <typename... Shared>
+    explicit FileDownloadHandler(const JobDescription& job, Shared&&... shared)
+        : JobHandler(job, std::forward<Shared>(shared)...) {
+        handlerName_ = "FileDownloadHandler";
+    }
 
     /// Returns the result of the last job that ran, jobFail if none ran.
     int run() override;

@@ -21,20 +21,13 @@ constexpr const char* updateByProvisioning = "provisioning-request";
 
 }  // namespace
 
-FirmwareJobHandler::FirmwareJobHandler(const JobDescription& job, std::shared_ptr<Curl> curl, Security& security,
-                                       const std::shared_ptr<propertyapi::IPropertyApi>& properties, XMLReader& reader,
-                                       ProgressReporter& progressReporter, ProvisioningStatusReporter& statusReporter)
-    : JobHandler(job, std::move(curl), security, properties, reader, progressReporter, statusReporter) {
-    handlerName_ = "FirmwareJobHandler";
-}
-
 int FirmwareJobHandler::run() {
     int result = jobFail;
-    triggeredByRequest_ = properties_->get(constants::firmwareTriggerAutoKey) == constants::requestWord;
+    triggeredByRequest_ = properties_->get(constants.firmwareTriggerAutoKey) == constants.requestWord;
     forceAccept_ = std::any_of(job_->items.begin(), job_->items.end(), [](const Attributes& item) {
         return attributeOr(item, "flags", "") == forceAcceptFlag;
     });
-    const bool automatic = properties_->get(constants::firmwareAutomaticCheckKey) == automaticCheckOn;
+    const bool automatic = properties_->get(constants.firmwareAutomaticCheckKey) == automaticCheckOn;
     if (!automatic && !triggeredByRequest_ && !forceAccept_) return jobSuccess;
 
     const std::string url = findUpgradableVersion();
@@ -45,8 +38,8 @@ int FirmwareJobHandler::run() {
         result = downloadAndInstall(url);
     }
     if (triggeredByRequest_) {
-        properties_->set(constants::firmwareTriggerAutoKey,
-                         result == jobSuccess ? constants::successWord : constants::noVersionWord);
+        properties_->set(constants.firmwareTriggerAutoKey,
+                         result == jobSuccess ? constants.successWord : constants.noVersionWord);
     }
     return result;
 }
@@ -91,20 +84,20 @@ bool FirmwareJobHandler::isUpgradable(const std::string& versionText) const {
 }
 
 int FirmwareJobHandler::downloadAndInstall(const std::string& url) {
-    const UrlInfo urlInfo = makeJobUrlInfo(url, properties_->get(constants::provisioningServerKey));
+    const UrlInfo urlInfo = makeJobUrlInfo(url, properties_->get(constants.provisioningServerKey));
     const std::string source = urlInfo.text();
-    const std::string destination = formatUrl(firmwareDirectory() + urlInfo.localName(), properties_);
+    const std::string destination = formatUrl(firmwareDirectory + urlInfo.localName(), properties_);
     if (!countDownload(source)) return jobFail;
     if (!download("firmware", source, destination)) {
         statusReporter_.setJobField(getName(), "extraInfo", lastHttpStatus());
         return jobFail;
     }
     // The name on disk, with placeholders expanded: the updater looks for it there.
-    properties_->set(constants::firmwareFilenameKey, destination.substr(firmwareDirectory().size()));
+    properties_->set(constants.firmwareFilenameKey, destination.substr(firmwareDirectory.size()));
     if (triggeredByRequest_) {
-        properties_->set(constants::firmwareVerifyKey, constants::requestWord);
+        properties_->set(constants.firmwareVerifyKey, constants.requestWord);
     } else {
-        properties_->set(constants::firmwareUpdateSystemKey, updateByProvisioning);
+        properties_->set(constants.firmwareUpdateSystemKey, updateByProvisioning);
     }
     return jobSuccess;
 }

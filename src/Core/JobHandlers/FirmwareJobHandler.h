@@ -8,9 +8,12 @@ namespace zav {
 
 class FirmwareJobHandler : public JobHandler {
  public:
-    FirmwareJobHandler(const JobDescription& job, std::shared_ptr<Curl> curl, Security& security,
-                       const std::shared_ptr<propertyapi::IPropertyApi>& properties, XMLReader& reader,
-                       ProgressReporter& progressReporter, ProvisioningStatusReporter& statusReporter);
+    /// Takes the arguments of JobHandler.
+    template <typename... Shared>
+    explicit FirmwareJobHandler(const JobDescription& job, Shared&&... shared)
+        : JobHandler(job, std::forward<Shared>(shared)...) {
+        handlerName_ = "FirmwareJobHandler";
+    }
 
     int run() override;
 

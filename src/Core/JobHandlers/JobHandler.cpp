@@ -9,7 +9,6 @@
 #include "Core/JobHandlers/ProvisioningFileParser.h"
 #include "Core/JobHandlers/RegularExpression.h"
 #include "Core/Pass.h"
-#include "Core/PassState.h"
 #include "common/Quote.h"
 #include "debug/Debug.h"
 #include "http/CurlTypes.h"
@@ -25,16 +24,9 @@ constexpr const char* versionPattern =
 
 using AllowedJobs = std::vector<std::pair<std::string, std::string>>;
 
-const AllowedJobs& jobsOfVersion10() {
-    static const AllowedJobs jobs{{"provisioning", "category"}, {"nvm", "file"},       {"custom", "file"},
+const AllowedJobs jobsOfVersion10{{"provisioning", "category"}, {"nvm", "file"},       {"custom", "file"},
                                   {"firmware", "file"},         {"settings", "param"}, {"scenario", "step"}};
-    return jobs;
-}
-
-const AllowedJobs& jobsOfVersion11() {
-    static const AllowedJobs jobs{{"nvm", "param"}, {"custom", "step"}, {"firmware", "file"}};
-    return jobs;
-}
+const AllowedJobs jobsOfVersion11{{"nvm", "param"}, {"custom", "step"}, {"firmware", "file"}};
 
 bool contains(const AllowedJobs& jobs, const JobDescription& job) {
     return std::find(jobs.begin(), jobs.end(), std::make_pair(job.name, job.itemName)) != jobs.end();
@@ -43,8 +35,8 @@ bool contains(const AllowedJobs& jobs, const JobDescription& job) {
 bool isAllowed(const JobDescription& job) {
     Pass::current().throwIfOverdue();
     const std::string version = currentProvisioningVersion();
-    if (version == "1.0" && contains(jobsOfVersion10(), job)) return true;
-    if (version == "1.1" && contains(jobsOfVersion11(), job)) return true;
+    if (version == "1.0" && contains(jobsOfVersion10, job)) return true;
+    if (version == "1.1" && contains(jobsOfVersion11, job)) return true;
     dbg::Debug::warning() << "Job: " << job.name << " " << job.itemName
                           << " is not valid for provisioning version: " << version << " and it will not be started"
                           << std::endl;
@@ -107,7 +99,10 @@ int JobHandler::startJob(const JobDescription& job) {
 bool JobHandler::countDownload(const std::string& url) {
     Pass& pass = Pass::current();
     pass.throwIfOverdue();
-    if (pass.useFile()) return true;
+    if (pass.usage().files < Pass::maximumFiles) {
+        ++pass.usage().files;
+        return true;
+    }
     dbg::Debug::error() << "File " << url << " follows " << Pass::maximumFiles
                         << " others in this pass and will not be downloaded" << std::endl;
     return false;
@@ -154,7 +149,7 @@ std::string JobHandler::lastHttpStatus() const { return CurlTypes::getHTTPCodeDe
 
 void JobHandler::reportFailedFile(const std::string& handlerName) {
     lastHttpCode = static_cast<int>(curl_->getHttpCode());
-    statusReporter_.setJobField(handlerName, "xmlFileStatus", constants::failWord);
+    statusReporter_.setJobField(handlerName, "xmlFileStatus", constants.failWord);
     statusReporter_.setJobField(handlerName, "extraInfo", "HTTP: " + lastHttpStatus());
 }
 

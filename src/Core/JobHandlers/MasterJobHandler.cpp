@@ -8,13 +8,6 @@
 
 namespace zav {
 
-MasterJobHandler::MasterJobHandler(const JobDescription& job, std::shared_ptr<Curl> curl, Security& security,
-                                   const std::shared_ptr<propertyapi::IPropertyApi>& properties, XMLReader& reader,
-                                   ProgressReporter& progressReporter, ProvisioningStatusReporter& statusReporter)
-    : JobHandler(job, std::move(curl), security, properties, reader, progressReporter, statusReporter) {
-    handlerName_ = "MasterJobHandler";
-}
-
 bool MasterJobHandler::isSupportedJobType(const std::string& type) {
     return type == "firmware" || type == "nvm" || type == "custom";
 }
@@ -31,7 +24,7 @@ int MasterJobHandler::run() {
 }
 
 void MasterJobHandler::runCategory(const std::string& type, const std::string& url) {
-    const UrlInfo urlInfo = makeJobUrlInfo(url, properties_->get(constants::provisioningServerKey));
+    const UrlInfo urlInfo = makeJobUrlInfo(url, properties_->get(constants.provisioningServerKey));
     const std::string source = urlInfo.text();
     const std::string destination = formatUrl(provisioningPath(type, urlInfo.localName()), properties_);
     dbg::Debug::info() << "Found " << type << " job type with URL: " << source << std::endl;

@@ -7,9 +7,12 @@ namespace zav {
 
 class MasterJobHandler : public JobHandler {
  public:
-    MasterJobHandler(const JobDescription& job, std::shared_ptr<Curl> curl, Security& security,
-                     const std::shared_ptr<propertyapi::IPropertyApi>& properties, XMLReader& reader,
-                     ProgressReporter& progressReporter, ProvisioningStatusReporter& statusReporter);
+    /// Takes the arguments of JobHandler.
+    template <typename... Shared>
+    explicit MasterJobHandler(const JobDescription& job, Shared&&... shared)
+        : JobHandler(job, std::forward<Shared>(shared)...) {
+        handlerName_ = "MasterJobHandler";
+    }
 
     /// Always returns jobSuccess: each category reports its own result to the status reporter.
     int run() override;

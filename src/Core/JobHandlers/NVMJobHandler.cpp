@@ -4,7 +4,6 @@
 #include <utility>
 
 #include "Core/Constants.h"
-#include "Core/JobHandlers/InvalidFormatException.h"
 #include "Core/Pass.h"
 #include "common/Quote.h"
 #include "debug/Debug.h"
@@ -34,13 +33,6 @@ bool isFunctionKeyParam(const std::string& name, const std::string& prefix) {
     if (name.compare(0, prefix.length(), prefix) != 0) return false;
     static_cast<void>(std::stoi(getIndexAndPostfix(name, prefix).first, nullptr, 10));
     return true;
-}
-
-NVMJobHandler::NVMJobHandler(const JobDescription& job, std::shared_ptr<Curl> curl, Security& security,
-                             const std::shared_ptr<propertyapi::IPropertyApi>& properties, XMLReader& reader,
-                             ProgressReporter& progressReporter, ProvisioningStatusReporter& statusReporter)
-    : JobHandler(job, std::move(curl), security, properties, reader, progressReporter, statusReporter) {
-    handlerName_ = "NVMJobHandler";
 }
 
 int NVMJobHandler::run() {
@@ -109,7 +101,7 @@ bool NVMJobHandler::isFunctionKeyLocked(const std::string& index) {
 }
 
 void NVMJobHandler::write(const std::string& name, const std::string& value) {
-    properties_->set(name, constants::provisioningSource, value);
+    properties_->set(name, constants.provisioningSource, value);
     ++applied_;
 }
 

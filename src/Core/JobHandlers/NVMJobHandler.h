@@ -3,16 +3,26 @@
 #pragma once
 
 #include <map>
+#include <stdexcept>
 
 #include "Core/JobHandlers/JobHandler.h"
 
 namespace zav {
 
+/// Thrown for a malformed parameter name in a provisioning file.
+class InvalidFormatException : public std::runtime_error {
+ public:
+    using std::runtime_error::runtime_error;
+};
+
 class NVMJobHandler : public JobHandler {
  public:
-    NVMJobHandler(const JobDescription& job, std::shared_ptr<Curl> curl, Security& security,
-                  const std::shared_ptr<propertyapi::IPropertyApi>& properties, XMLReader& reader,
-                  ProgressReporter& progressReporter, ProvisioningStatusReporter& statusReporter);
+    /// Takes the arguments of JobHandler.
+    template <typename... Shared>
+    explicit NVMJobHandler(const JobDescription& job, Shared&&... shared)
+        : JobHandler(job, std::forward<Shared>(shared)...) {
+        handlerName_ = "NVMJobHandler";
+    }
 
     /// jobSuccess if every parameter was written, jobFail if none was, jobPartSuccess otherwise.
     int run() override;

@@ -13,7 +13,6 @@
 #include "Core/Constants.h"
 #include "Core/GlobalConfig.h"
 #include "Core/Pass.h"
-#include "Core/PassState.h"
 #include "common/Descriptor.h"
 #include "common/Execute.h"
 #include "common/Quote.h"
@@ -82,7 +81,7 @@ void ProvisioningFileParser::decrypt() {
 // Once per pass, and only for a corrupted file: a plain file needs neither key nor openssl.
 void ProvisioningFileParser::reportDecryptionError() const {
     if (decryptionError_.empty()) return;
-    bool& reported = Pass::current().usage()->decryptionReported;
+    bool& reported = Pass::current().usage().decryptionReported;
     if (reported) return;
     reported = true;
     dbg::Debug::warning() << "If the file is encrypted, it could not be decrypted: " << decryptionError_ << std::endl;
@@ -136,9 +135,9 @@ bool ProvisioningFileParser::verifyProduct(const Attributes& root) const {
         dbg::Debug::error() << "Product ID is not specified in xml" << std::endl;
         return false;
     }
-    if (product->second != GlobalConfig::productIdentifier()) {
-        dbg::Debug::warning() << "Incorrect product ID "
-                              << quote(product->second, GlobalConfig::productIdentifier(), "=") << std::endl;
+    if (product->second != GlobalConfig::productIdentifier) {
+        dbg::Debug::warning() << "Incorrect product ID " << quote(product->second, GlobalConfig::productIdentifier, "=")
+                              << std::endl;
         return false;
     }
     return true;
@@ -146,7 +145,7 @@ bool ProvisioningFileParser::verifyProduct(const Attributes& root) const {
 
 // Compares as many characters as the device's own address has, ignoring case.
 bool ProvisioningFileParser::verifyMacAddress(const Attributes& root) const {
-    const std::string device = properties_->get(constants::macAddressKey);
+    const std::string device = properties_->get(constants.macAddressKey);
     const auto address = root.find("macAddress");
     if (address == root.end()) {
         dbg::Debug::info() << "MAC address not provided in XML, skipping check" << std::endl;
@@ -163,7 +162,7 @@ bool ProvisioningFileParser::verifyVersion(const Attributes& root) const {
         return false;
     }
     // Compared as strings: "1.05" is in range, "1.1.0" is not.
-    if (version->second < oldestFormatVersion || version->second > GlobalConfig::fileFormatVersion()) {
+    if (version->second < oldestFormatVersion || version->second > GlobalConfig::fileFormatVersion) {
         dbg::Debug::warning() << "Incorrect file format version, provisioning not supported" << std::endl;
         return false;
     }
@@ -188,8 +187,8 @@ struct ProvisioningFileParser::Walk {
 
 bool ProvisioningFileParser::collectJobs(std::vector<JobDescription>& jobs) {
     const std::size_t before = jobs.size();
-    Pass& pass = Pass::current();
-    Walk walk{jobs, pass.itemsLeft()};
+    std::size_t& used = Pass::current().usage().items;
+    Walk walk{jobs, Pass::maximumItems - used};
     collectLevel(reader_.name(), true, walk);
     if (walk.exceedsFile()) {
         dbg::Debug::error() << "File " << filePath_ << " lists more than " << maximumItems
@@ -199,7 +198,7 @@ bool ProvisioningFileParser::collectJobs(std::vector<JobDescription>& jobs) {
                             << " items, none of its jobs will be started" << std::endl;
     }
     if (walk.exceeded()) jobs.resize(before);
-    pass.useItems(std::min(walk.items, walk.itemsLeft));
+    used += std::min(walk.items, walk.itemsLeft);
     return true;
 }
 

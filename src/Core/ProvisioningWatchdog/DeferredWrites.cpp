@@ -16,10 +16,10 @@ constexpr std::chrono::milliseconds retryInterval{500};
 
 DeferredWrites::~DeferredWrites() {
     {
-        const std::lock_guard<std::mutex> lock(mutex_);
+        const common::LockGuard lock(mutex_);
         ending_ = true;
     }
-    changed_.notify_all();
+    changed_.notifyAll();
     if (thread_.joinable()) thread_.join();
 }
 
@@ -38,44 +38,35 @@ bool DeferredWrites::execute(const Write& write) {
 void DeferredWrites::write(Kind kind, const Write& write) {
     bool mustWait = false;
     {
-        const std::lock_guard<std::mutex> lock(mutex_);
+        const common::LockGuard lock(mutex_);
         mustWait = !pending_.empty();
     }
     if (mustWait || !execute(write)) keep(kind, write);
 }
 
 void DeferredWrites::keep(Kind kind, const Write& write) {
-    const std::lock_guard<std::mutex> lock(mutex_);
+    const common::LockGuard lock(mutex_);
     pending_.push_back({nextNumber_++, kind, write});
     if (!thread_.joinable()) thread_ = std::thread([this] { retry(); });
-    changed_.notify_all();
+    changed_.notifyAll();
 }
 
-void DeferredWrites::cancel() {
+void DeferredWrites::cancel(std::optional<Kind> kind) {
     {
-        const std::lock_guard<std::mutex> lock(mutex_);
-        pending_.clear();
+        const common::LockGuard lock(mutex_);
+        pending_.erase(std::remove_if(pending_.begin(), pending_.end(),
+                                      [kind](const Pending& pending) { return !kind || pending.kind == *kind; }),
+                       pending_.end());
     }
-    waitForAttempt();
+    const common::LockGuard noAttempt(attempt_);
 }
-
-void DeferredWrites::cancel(Kind kind) {
-    {
-        const std::lock_guard<std::mutex> lock(mutex_);
-        const auto isOfKind = [kind](const Pending& pending) { return pending.kind == kind; };
-        pending_.erase(std::remove_if(pending_.begin(), pending_.end(), isOfKind), pending_.end());
-    }
-    waitForAttempt();
-}
-
-void DeferredWrites::waitForAttempt() { const std::lock_guard<std::mutex> attempt(attempt_); }
 
 // One write per interval: a service that has just returned may deliver a request that cancels the others.
 void DeferredWrites::retry() {
-    std::unique_lock<std::mutex> lock(mutex_);
+    common::UniqueLock lock(mutex_);
     for (;;) {
-        changed_.wait(lock, [this] { return ending_ || !pending_.empty(); });
-        const bool last = changed_.wait_for(lock, retryInterval, [this] { return ending_; });
+        changed_.wait(mutex_, [this]() REQUIRES(mutex_) { return ending_ || !pending_.empty(); });
+        const bool last = changed_.waitFor(mutex_, retryInterval, [this]() REQUIRES(mutex_) { return ending_; });
         lock.unlock();
         while (tryFirst() && last) {  // on shutdown, all of them
         }
@@ -86,10 +77,10 @@ void DeferredWrites::retry() {
 
 // False if nothing is pending or the write must be retried.
 bool DeferredWrites::tryFirst() {
-    const std::lock_guard<std::mutex> attempt(attempt_);
+    const common::LockGuard attempt(attempt_);
     Pending first{};
     {
-        const std::lock_guard<std::mutex> lock(mutex_);
+        const common::LockGuard lock(mutex_);
         if (pending_.empty()) return false;
         first = pending_.front();
     }
@@ -98,7 +89,7 @@ bool DeferredWrites::tryFirst() {
     } catch (const std::exception& e) {
         dbg::Debug::error() << "Deferred property write failed: " << e.what() << std::endl;
     }
-    const std::lock_guard<std::mutex> lock(mutex_);
+    const common::LockGuard lock(mutex_);
     if (!pending_.empty() && pending_.front().number == first.number)
         pending_.pop_front();  // otherwise cancelled meanwhile
     return true;

@@ -5,12 +5,13 @@
 // Threads: any. Retries run on a thread of their own, started when first needed.
 #pragma once
 
-#include <condition_variable>
 #include <cstdint>
 #include <deque>
 #include <functional>
-#include <mutex>
+#include <optional>
 #include <thread>
+
+#include "common/ThreadSafety.h"
 
 namespace zav {
 
@@ -19,12 +20,8 @@ class DeferredWrites {
     using Write = std::function<void()>;
     enum class Kind { unlock, result };
 
-    DeferredWrites() = default;
-
     /// Tries the pending writes once more, so that a shutdown during a pass still unlocks the screen.
     ~DeferredWrites();
-    DeferredWrites(const DeferredWrites&) = delete;
-    DeferredWrites& operator=(const DeferredWrites&) = delete;
 
     /// Executes the write, or keeps it for later if the service is away or earlier writes are pending. Blocks for the
     /// property calls of the write. Throws what a refused write throws (a retry would be refused too), and
@@ -33,8 +30,7 @@ class DeferredWrites {
 
     /// Drops all pending writes, or those of one kind. Returns when no retry is in progress, which may take
     /// the property calls of one write.
-    void cancel();
-    void cancel(Kind kind);
+    void cancel(std::optional<Kind> kind = std::nullopt);
 
  private:
     struct Pending {
@@ -46,16 +42,15 @@ class DeferredWrites {
     void keep(Kind kind, const Write& write);
     void retry();
     bool tryFirst();
-    void waitForAttempt();
     static bool execute(const Write& write);
 
-    std::mutex attempt_;  // held during each retry so that cancel can wait for it; locked before mutex_
-    std::mutex mutex_;
-    std::condition_variable changed_;
-    std::deque<Pending> pending_;   // guarded by mutex_
-    std::uint64_t nextNumber_ = 0;  // guarded by mutex_
-    bool ending_ = false;           // guarded by mutex_
-    std::thread thread_;            // guarded by mutex_ until ending_ is set
+    common::Mutex attempt_;  // held during each retry so that cancel can wait for it; locked before mutex_
+    common::Mutex mutex_;
+    common::ConditionVariable changed_;
+    std::deque<Pending> pending_ GUARDED_BY(mutex_);
+    std::uint64_t nextNumber_ GUARDED_BY(mutex_) = 0;
+    bool ending_ GUARDED_BY(mutex_) = false;
+    std::thread thread_ GUARDED_BY(mutex_);  // until ending_ is set
 };
 
 }  // namespace zav

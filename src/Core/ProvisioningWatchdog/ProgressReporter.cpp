@@ -6,22 +6,22 @@ namespace zav {
 
 void ProgressReporter::notifyProgress() {
     {
-        const std::lock_guard<std::mutex> lock(mutex_);
+        const common::LockGuard lock(mutex_);
         progressAvailable_ = true;
     }
-    signalled_.notify_one();
+    signalled_.notifyOne();
 }
 
 void ProgressReporter::resetProgress() {
-    const std::lock_guard<std::mutex> lock(mutex_);
+    const common::LockGuard lock(mutex_);
     progressAvailable_ = false;
 }
 
 void ProgressReporter::waitForProgress() {
     dbg::Debug::info() << "Waiting for progress" << std::endl;
     {
-        std::unique_lock<std::mutex> lock(mutex_);
-        signalled_.wait(lock, [this] { return progressAvailable_ || released_; });
+        const common::LockGuard lock(mutex_);
+        signalled_.wait(mutex_, [this]() REQUIRES(mutex_) { return progressAvailable_ || released_; });
         progressAvailable_ = false;
     }
     // After unlocking: a slow log must not block notifyProgress.
@@ -30,10 +30,10 @@ void ProgressReporter::waitForProgress() {
 
 void ProgressReporter::release() {
     {
-        const std::lock_guard<std::mutex> lock(mutex_);
+        const common::LockGuard lock(mutex_);
         released_ = true;
     }
-    signalled_.notify_all();
+    signalled_.notifyAll();
 }
 
 }  // namespace zav

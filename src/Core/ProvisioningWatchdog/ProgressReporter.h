@@ -5,8 +5,7 @@
 // thread that starts a pass resets. A signal wakes one waiter; the worker wakes the others when the pass has ended.
 #pragma once
 
-#include <condition_variable>
-#include <mutex>
+#include "common/ThreadSafety.h"
 
 namespace zav {
 
@@ -24,10 +23,10 @@ class ProgressReporter {
     void release();
 
  private:
-    std::mutex mutex_;
-    std::condition_variable signalled_;
-    bool progressAvailable_ = false;  // guarded by mutex_
-    bool released_ = false;           // guarded by mutex_
+    common::Mutex mutex_;
+    common::ConditionVariable signalled_;
+    bool progressAvailable_ GUARDED_BY(mutex_) = false;
+    bool released_ GUARDED_BY(mutex_) = false;
 };
 
 }  // namespace zav

@@ -7,14 +7,14 @@
 #include "Core/JobHandlers/JobHandler.h"
 #include "Core/JobHandlers/JobHandlerFactory.h"
 #include "Core/JobHandlers/ProvisioningFileParser.h"
-#include "Core/PassState.h"
+#include "Core/Pass.h"
 #include "Core/Utils.h"
 #include "common/Memory.h"
 #include "debug/Debug.h"
 #include "http/CurlTypes.h"
 #include "http/FileDownloader.h"
 #include "http/FormatUrl.h"
-#include "propertyapi/PatientCalls.h"
+#include "propertyapi/RecoveryScope.h"
 #include "version/FirmwareVersionConsts.h"
 #include "xml/XMLParser.h"
 
@@ -48,27 +48,15 @@ class AtScopeExit {
     Action action_;
 };
 
-// A nested worker shares the stop signal of the outer one.
-std::shared_ptr<common::StopSignal> stopOfThisThread() {
-    const Pass* const outer = Pass::ofThisThread();
-    return outer == nullptr ? std::make_shared<common::StopSignal>() : outer->stop();
-}
-
 }  // namespace
 
 ProvisioningWorker::ProvisioningWorker(std::shared_ptr<propertyapi::IPropertyApi> properties,
                                        std::shared_ptr<Curl> curl, Security& security)
-    : ProvisioningWorker(std::move(properties), std::move(curl), security, stopOfThisThread()) {}
-
-ProvisioningWorker::ProvisioningWorker(std::shared_ptr<propertyapi::IPropertyApi> properties,
-                                       std::shared_ptr<Curl> curl, Security& security,
-                                       std::shared_ptr<common::StopSignal> stop)
     : properties_(std::move(properties)),
       curl_(std::move(curl)),
       security_(security),
-      depth_(Pass::ofThisThread() == nullptr ? 1 : Pass::ofThisThread()->depth() + 1),
-      outerUsage_(Pass::ofThisThread() == nullptr ? nullptr : Pass::ofThisThread()->usage()),
-      stop_(std::move(stop)) {
+      outer_(Pass::ofThisThread()),
+      stop_(outer_ == nullptr ? std::make_shared<common::StopSignal>() : outer_->stop()) {
     curl_->stopWith(stop_);
     curl_->setProgressCallback([this](long downloadTotal, long downloaded, long uploadTotal, long uploaded) {
         onDownloadProgress(downloadTotal, downloaded, uploadTotal, uploaded);
@@ -82,39 +70,34 @@ ProvisioningWorker::~ProvisioningWorker() {
 
 void ProvisioningWorker::stop() {
     {
-        const std::lock_guard<std::mutex> lock(stateMutex_);
+        const common::LockGuard lock(stateMutex_);
         stopping_ = true;
     }
     stop_->stop();
-    stateChanged_.notify_all();
+    stateChanged_.notifyAll();
     progressReporter_.release();
 }
 
 // False if the process is shutting down.
 bool ProvisioningWorker::waitForPreviousPass() {
     {
-        std::unique_lock<std::mutex> lock(stateMutex_);
+        const common::LockGuard lock(stateMutex_);
         // Waiters of the previous pass must be gone too, or a signal of the next pass would wake them.
-        stateChanged_.wait(lock, [this] { return (!passRunning_ && progressWaiters_ == 0) || stopping_; });
+        stateChanged_.wait(stateMutex_, [this]() REQUIRES(stateMutex_) {
+            return (!passRunning_ && progressWaiters_ == 0) || stopping_;
+        });
         if (stopping_) return false;
     }
     if (thread_.joinable()) thread_.join();
     return true;
 }
 
-// Ends loops of redirects. False if the limits are reached.
-bool ProvisioningWorker::countNestedPass() {
-    if (!outerUsage_) return true;
-    if (depth_ > Pass::maximumDepth) return false;
-    return ++outerUsage_->nestedPasses <= Pass::maximumNestedPasses;
-}
-
 void ProvisioningWorker::startProvisioning(std::string url) {
     endWrites_.cancel(DeferredWrites::Kind::result);  // a stale result must not overwrite this request
-    const std::lock_guard<std::mutex> serialised(startMutex_);
-    if (!countNestedPass()) {
+    const common::LockGuard serialised(startMutex_);
+    if (outer_ != nullptr && !outer_->countNestedPass()) {
         dbg::Debug::error() << "Redirected too often, provisioning not started" << std::endl;
-        statusReporter_.setProvisioningStatus(constants::failWord);
+        statusReporter_.setProvisioningStatus(constants.failWord);
         return;
     }
     if (!isProvisioningFinished()) {
@@ -144,7 +127,7 @@ void ProvisioningWorker::startProvisioning(std::string url) {
 }
 
 void ProvisioningWorker::startThread(const UrlInfo& url, const Completion& completion) {
-    const std::lock_guard<std::mutex> lock(stateMutex_);
+    const common::LockGuard lock(stateMutex_);
     if (stopping_) {
         finished_ = true;
         return;
@@ -160,85 +143,76 @@ void ProvisioningWorker::startThread(const UrlInfo& url, const Completion& compl
 }
 
 void ProvisioningWorker::waitForProgress() {
-    if (isProvisioningFinished()) return;
-    // After an invalid URL `finished_` is false, but no pass runs.
-    if (!beginToWait()) return;
+    {
+        const common::LockGuard lock(stateMutex_);
+        // After an invalid URL `finished_` is false, but no pass runs.
+        if (finished_ || !passRunning_) return;
+        ++progressWaiters_;
+    }
     progressReporter_.waitForProgress();
-    endWaiting();
-}
-
-// False if no pass runs.
-bool ProvisioningWorker::beginToWait() {
-    const std::lock_guard<std::mutex> lock(stateMutex_);
-    if (passRunning_) ++progressWaiters_;
-    return passRunning_;
-}
-
-// A signal wakes one waiter only, so once the pass is over each waiter wakes the next.
-void ProvisioningWorker::endWaiting() {
     bool othersWaitInVain = false;
     {
-        const std::lock_guard<std::mutex> lock(stateMutex_);
+        const common::LockGuard lock(stateMutex_);
         --progressWaiters_;
         othersWaitInVain = !passRunning_ && progressWaiters_ > 0;
     }
-    stateChanged_.notify_all();
+    stateChanged_.notifyAll();
+    // A signal wakes one waiter only, so once the pass is over each waiter wakes the next.
     if (othersWaitInVain) progressReporter_.notifyProgress();
-}
-
-bool ProvisioningWorker::isPassRunning() {
-    const std::lock_guard<std::mutex> lock(stateMutex_);
-    return passRunning_;
 }
 
 bool ProvisioningWorker::isProvisioningFinished() { return finished_; }
 
 // `finished_` is set shortly before the status is known: wait for it.
 std::string ProvisioningWorker::getProvisioningStatus() {
-    if (isProvisioningFinished() && isPassRunning()) return statusReporter_.waitForProvisioningStatus(statusWait);
-    return statusReporter_.getProvisioningStatus();
+    bool isEnding = false;
+    {
+        const common::LockGuard lock(stateMutex_);
+        isEnding = finished_ && passRunning_;
+    }
+    return isEnding ? statusReporter_.waitForProvisioningStatus(statusWait) : statusReporter_.getProvisioningStatus();
 }
 
 void ProvisioningWorker::provisioningThreadMain(const UrlInfo& url, const Completion& completion) {
     const AtScopeExit ended([this] { passEnded(); });
-    const Pass pass(outerUsage_ ? outerUsage_ : std::make_shared<Pass::Usage>(), depth_, stop_);
-    const propertyapi::PatientCalls patience;  // no setting is lost if the property service restarts
-    endWrites_.cancel();                       // only a pass that starts makes the pending unlock stale
+    const Pass pass(outer_, stop_);
+    const propertyapi::RecoveryScope recovery;  // no setting is lost if the property service restarts
+    endWrites_.cancel();                        // only a pass that starts makes the pending unlock stale
     guarded("start the pass", [this] { startAction(); });
-    if (!outerUsage_) security_.reloadDeviceIdentity();
+    if (outer_ == nullptr) security_.reloadDeviceIdentity();
     const AtScopeExit end([&] { endAction(completion); });
     try {
         downloadAndRun(url);
     } catch (const UrlException& e) {
-        statusReporter_.setProvisioningStatus(constants::failWord);
+        statusReporter_.setProvisioningStatus(constants.failWord);
         dbg::Debug::error() << e.what() << std::endl;
     } catch (const std::exception& e) {
-        statusReporter_.setProvisioningStatus(constants::failWord);
+        statusReporter_.setProvisioningStatus(constants.failWord);
         dbg::Debug::error() << "Something went wrong during provisioning process, an exception was thrown: " << e.what()
                             << std::endl;
     } catch (...) {
-        statusReporter_.setProvisioningStatus(constants::failWord);
+        statusReporter_.setProvisioningStatus(constants.failWord);
         dbg::Debug::error() << "Something went wrong during provisioning process, an exception was thrown: "
                             << "unknown" << std::endl;
     }
 }
 
 void ProvisioningWorker::passEnded() {
-    if (!outerUsage_) common::releaseFreeMemory();  // the next pass may be a day away
+    if (outer_ == nullptr) common::releaseFreeMemory();  // the next pass may be a day away
     bool waited = false;
     {
-        const std::lock_guard<std::mutex> lock(stateMutex_);
+        const common::LockGuard lock(stateMutex_);
         passRunning_ = false;
         waited = progressWaiters_ > 0;
     }
-    stateChanged_.notify_all();
+    stateChanged_.notifyAll();
     if (waited) progressReporter_.notifyProgress();
 }
 
 void ProvisioningWorker::startAction() {
     dbg::Debug::info() << "Provisioning Started" << std::endl;
     try {
-        properties_->set(constants::provisioningLockUiKey, constants::uiLocked);
+        properties_->set(constants.provisioningLockUiKey, constants.uiLocked);
     } catch (...) {  // provision even if the screen cannot be locked
     }
     progressReporter_.notifyProgress();
@@ -249,7 +223,7 @@ void ProvisioningWorker::startAction() {
 void ProvisioningWorker::endAction(const Completion& completion) {
     try {
         endWrites_.write(DeferredWrites::Kind::unlock,
-                         [this] { properties_->set(constants::provisioningLockUiKey, constants::uiUnlocked); });
+                         [this] { properties_->set(constants.provisioningLockUiKey, constants.uiUnlocked); });
     } catch (...) {  // as in startAction
     }
     finished_ = true;
@@ -261,7 +235,7 @@ void ProvisioningWorker::endAction(const Completion& completion) {
 }
 
 void ProvisioningWorker::downloadAndRun(const UrlInfo& url) {
-    const std::string destination = provisioningDirectory() + url.localName();
+    const std::string destination = provisioningDirectory + url.localName();
     const std::string source = url.text();
     dbg::Debug::info() << "Provisioning XML from: " << source << " to: " << destination << std::endl;
     FileDownloader downloader(curl_, security_, properties_);
@@ -276,7 +250,7 @@ void ProvisioningWorker::downloadAndRun(const UrlInfo& url) {
     dbg::Debug::error() << "Curl Error: " << CurlTypes::getCurlErrorDescription(result)
                         << " HTTP Error: " << CurlTypes::getHTTPCodeDescription(httpCode) << std::endl;
     dbg::Debug::error() << "Worker failed to download initial job" << std::endl;
-    statusReporter_.setProvisioningStatus(constants::failWord);
+    statusReporter_.setProvisioningStatus(constants.failWord);
 }
 
 void ProvisioningWorker::runPass(const std::string& filePath) {
@@ -286,7 +260,7 @@ void ProvisioningWorker::runPass(const std::string& filePath) {
     setCurrentProvisioningVersion({});
     if (!parser.parseInitialFile()) {
         dbg::Debug::warning() << "Initial provisioning file verification failed" << std::endl;
-        statusReporter_.setProvisioningStatus(constants::failWord);
+        statusReporter_.setProvisioningStatus(constants.failWord);
         return;
     }
     parser.collectJobs(jobs);
@@ -315,17 +289,17 @@ void ProvisioningWorker::publishResult() {
     const std::string httpCode = std::to_string(lastHttpCode.load());
     guarded("publish the HTTP code", [&] {
         endWrites_.write(DeferredWrites::Kind::result,
-                         [this, httpCode] { properties_->set(constants::provisioningHttpErrorCodeKey, httpCode); });
+                         [this, httpCode] { properties_->set(constants.provisioningHttpErrorCodeKey, httpCode); });
     });
     guarded("publish the status", [&] {
         endWrites_.write(DeferredWrites::Kind::result,
-                         [this, status] { properties_->set(constants::provisioningStateKey, status); });
+                         [this, status] { properties_->set(constants.provisioningStateKey, status); });
     });
-    const bool succeeded = status == constants::successWord || status == constants::partSuccessWord;
+    const bool succeeded = status == constants.successWord || status == constants.partSuccessWord;
     dbg::Debug::info() << (succeeded ? "Provisioning succeeded. " : "Provisioning failed. ") << std::endl;
     endWrites_.write(DeferredWrites::Kind::result, [this] {  // last, so it may throw to the caller
-        if (properties_->get(constants::firmwareTriggerAutoKey) == constants::requestWord) {
-            properties_->set(constants::firmwareTriggerAutoKey, constants::noVersionWord);
+        if (properties_->get(constants.firmwareTriggerAutoKey) == constants.requestWord) {
+            properties_->set(constants.firmwareTriggerAutoKey, constants.noVersionWord);
         }
     });
 }

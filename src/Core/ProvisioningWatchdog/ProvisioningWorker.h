@@ -10,10 +10,8 @@
 #pragma once
 
 #include <atomic>
-#include <condition_variable>
 #include <functional>
 #include <memory>
-#include <mutex>
 #include <string>
 #include <thread>
 #include <vector>
@@ -25,6 +23,7 @@
 #include "Core/ProvisioningWatchdog/IProvisioningWorker.h"
 #include "Core/ProvisioningWatchdog/ProgressReporter.h"
 #include "common/StopSignal.h"
+#include "common/ThreadSafety.h"
 #include "http/Curl.h"
 #include "http/UrlInfo.h"
 #include "propertyapi/IPropertyApi.h"
@@ -38,14 +37,8 @@ class ProvisioningWorker : public IProvisioningWorker {
     ProvisioningWorker(std::shared_ptr<propertyapi::IPropertyApi> properties, std::shared_ptr<Curl> curl,
                        Security& security);
 
-    /// Uses the caller's stop signal.
-    ProvisioningWorker(std::shared_ptr<propertyapi::IPropertyApi> properties, std::shared_ptr<Curl> curl,
-                       Security& security, std::shared_ptr<common::StopSignal> stop);
-
     /// Waits for the running pass.
     ~ProvisioningWorker() override;
-    ProvisioningWorker(const ProvisioningWorker&) = delete;
-    ProvisioningWorker& operator=(const ProvisioningWorker&) = delete;
 
     void startProvisioning(std::string url) override;
     void waitForProgress() override;
@@ -59,12 +52,8 @@ class ProvisioningWorker : public IProvisioningWorker {
  private:
     using Completion = std::function<void()>;  // null: nothing to publish
 
-    bool countNestedPass();
-    bool isPassRunning();
-    bool beginToWait();
-    void endWaiting();
-    bool waitForPreviousPass();
-    void startThread(const UrlInfo& url, const Completion& completion);
+    bool waitForPreviousPass() REQUIRES(startMutex_);
+    void startThread(const UrlInfo& url, const Completion& completion) REQUIRES(startMutex_);
     void provisioningThreadMain(const UrlInfo& url, const Completion& completion);
     void passEnded();
     void startAction();
@@ -76,7 +65,7 @@ class ProvisioningWorker : public IProvisioningWorker {
     void onDownloadProgress(long downloadTotal, long downloaded, long uploadTotal, long uploaded);
 
     ProgressReporter progressReporter_;
-    std::thread thread_;  // guarded by startMutex_
+    std::thread thread_ GUARDED_BY(startMutex_);
     std::atomic<bool> finished_{true};
     long lastProgress_ = 0;  // bytes; used by the transferring thread only
     const std::shared_ptr<propertyapi::IPropertyApi> properties_;
@@ -84,18 +73,17 @@ class ProvisioningWorker : public IProvisioningWorker {
     Security& security_;
     ProvisioningStatusReporter statusReporter_;
 
-    const unsigned depth_;                            // 1 if not nested
-    const std::shared_ptr<Pass::Usage> outerUsage_;   // of the outer pass; null if not nested
+    Pass* const outer_;                               // null if not nested
     const std::shared_ptr<common::StopSignal> stop_;  // shared with the nested workers
 
-    std::mutex startMutex_;  // held by startProvisioning from start to end
+    common::Mutex startMutex_;  // held by startProvisioning from start to end
     DeferredWrites endWrites_;
 
-    std::mutex stateMutex_;
-    std::condition_variable stateChanged_;
-    bool passRunning_ = false;      // guarded by stateMutex_: the pass thread has not reached passEnded
-    bool stopping_ = false;         // guarded by stateMutex_
-    unsigned progressWaiters_ = 0;  // guarded by stateMutex_
+    common::Mutex stateMutex_;
+    common::ConditionVariable stateChanged_;
+    bool passRunning_ GUARDED_BY(stateMutex_) = false;  // the pass thread has not reached passEnded
+    bool stopping_ GUARDED_BY(stateMutex_) = false;
+    unsigned progressWaiters_ GUARDED_BY(stateMutex_) = 0;
 };
 
 }  // namespace zav

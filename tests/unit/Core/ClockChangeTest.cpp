@@ -25,8 +25,8 @@ class LeapingClock : public zav::TimerClock {
         return now_;
     }
 
-    std::cv_status waitFor(std::condition_variable& condition, std::unique_lock<std::mutex>& lock,
-                           nanoseconds duration) const override {
+    std::cv_status waitFor(common::ConditionVariable& condition, common::Mutex& mutex,
+                           nanoseconds duration) const override REQUIRES(mutex) {
         {
             const std::lock_guard<std::mutex> own(mutex_);
             if (now_ + duration < end_ && ++waits_ < maxWaits) {
@@ -36,7 +36,7 @@ class LeapingClock : public zav::TimerClock {
             ended_ = true;
             changed_.notify_all();
         }
-        condition.wait(lock);
+        condition.wait(mutex);
         return std::cv_status::no_timeout;
     }
 

@@ -92,9 +92,9 @@ TEST_F(GlobalConfigTest, UnreadableServerIsEmpty) {
 }
 
 TEST_F(GlobalConfigTest, FixedValues) {
-    EXPECT_EQ(GlobalConfig::fileFormatVersion(), "1.1");
-    EXPECT_EQ(GlobalConfig::productIdentifier(), "kd4v");
-    EXPECT_FALSE(GlobalConfig::defaultProvisioningServer().empty());
+    EXPECT_EQ(GlobalConfig::fileFormatVersion, "1.1");
+    EXPECT_EQ(GlobalConfig::productIdentifier, "kd4v");
+    EXPECT_FALSE(GlobalConfig::defaultProvisioningServer.empty());
 }
 
 }  // namespace

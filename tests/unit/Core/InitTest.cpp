@@ -26,7 +26,7 @@ class RecordingTimer : public zav::ProvisioningTimer {
 
 class InitTest : public testing::Test {
  protected:
-    static zav::Init::Timing atOnce() { return {std::chrono::seconds(0), std::chrono::seconds(0)}; }
+    static zav::InitTiming atOnce() { return {std::chrono::seconds(0), std::chrono::seconds(0)}; }
 
     tests::Phone phone_;
     RecordingTimer timer_{phone_.properties};
@@ -34,7 +34,7 @@ class InitTest : public testing::Test {
 };
 
 TEST_F(InitTest, DefaultPauses) {
-    const zav::Init::Timing timing;
+    const zav::InitTiming timing;
     EXPECT_EQ(timing.credentialsPause, std::chrono::seconds(1));
     EXPECT_EQ(timing.periodPause, std::chrono::seconds(10));
 }

@@ -10,7 +10,7 @@ using fakes::error;
 using fakes::info;
 using fakes::warning;
 using Lines = fakes::LogCapture::Lines;
-using Timing = zav::NetworkMediator::Timing;
+using Timing = zav::MediatorTiming;
 
 const std::string source = "Core/NetworkMediator";
 const auto started = info(source, "start network state checker");

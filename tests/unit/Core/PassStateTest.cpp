@@ -1,4 +1,4 @@
-#include "Core/PassState.h"
+#include "Core/Pass.h"
 
 #include <gtest/gtest.h>
 

@@ -178,7 +178,7 @@ TEST_F(ProvisioningStatusReporterTest, BlockedLogDoesNotDelayReaders) {
         reporter_.reportFinished();
         reported = true;
     });
-    auto longest = start - start;
+    std::chrono::steady_clock::duration longest{};
     while (!reported) {
         const auto before = std::chrono::steady_clock::now();
         static_cast<void>(reporter_.getProvisioningStatus());

@@ -30,10 +30,10 @@ class ManualClock : public zav::TimerClock {
         return now_;
     }
 
-    std::cv_status waitFor(std::condition_variable& condition, std::unique_lock<std::mutex>& lock,
-                           nanoseconds duration) const override {
-        announce(condition, lock, duration);
-        condition.wait(lock);
+    std::cv_status waitFor(common::ConditionVariable& condition, common::Mutex& mutex,
+                           nanoseconds duration) const override REQUIRES(mutex) {
+        announce(condition, mutex, duration);
+        condition.wait(mutex);
         const std::lock_guard<std::mutex> own(mutex_);
         condition_ = nullptr;
         if (!timesOut_) return std::cv_status::no_timeout;
@@ -55,32 +55,32 @@ class ManualClock : public zav::TimerClock {
     }
 
  private:
-    void announce(std::condition_variable& condition, std::unique_lock<std::mutex>& lock, nanoseconds duration) const {
+    void announce(common::ConditionVariable& condition, common::Mutex& mutex, nanoseconds duration) const {
         const std::lock_guard<std::mutex> own(mutex_);
         condition_ = &condition;
-        timerMutex_ = lock.mutex();
+        timerMutex_ = &mutex;
         waits_.push_back(duration);
         changed_.notify_all();
     }
 
     // Holds the timer's mutex, so that the timer is inside its wait.
     void endWait(bool timesOut, nanoseconds error) const {
-        std::condition_variable* condition = nullptr;
-        std::mutex* timerMutex = nullptr;
+        common::ConditionVariable* condition = nullptr;
+        common::Mutex* timerMutex = nullptr;
         {
             std::unique_lock<std::mutex> own(mutex_);
             ASSERT_TRUE(changed_.wait_for(own, seconds(30), [&] { return condition_ != nullptr; }));
             condition = condition_;
             timerMutex = timerMutex_;
         }
-        const std::lock_guard<std::mutex> timer(*timerMutex);
+        const common::LockGuard timer(*timerMutex);
         {
             const std::lock_guard<std::mutex> own(mutex_);
             timesOut_ = timesOut;
             error_ = error;
             condition_ = nullptr;
         }
-        condition->notify_all();
+        condition->notifyAll();
     }
 
     mutable std::mutex mutex_;
@@ -89,8 +89,8 @@ class ManualClock : public zav::TimerClock {
     mutable system_clock::time_point now_;
     mutable nanoseconds error_{};
     mutable bool timesOut_ = false;
-    mutable std::condition_variable* condition_ = nullptr;
-    mutable std::mutex* timerMutex_ = nullptr;
+    mutable common::ConditionVariable* condition_ = nullptr;
+    mutable common::Mutex* timerMutex_ = nullptr;
     mutable std::vector<nanoseconds> waits_;
 };
 

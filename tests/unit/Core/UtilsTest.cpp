@@ -292,7 +292,7 @@ TEST_F(UtilsTest, PrefixAndServiceOfAUrl) {
 }
 
 TEST_F(UtilsTest, PathsBelowTheProvisioningFolder) {
-    EXPECT_EQ(zav::provisioningDirectory(), "/var/volatile/provisioning/");
+    EXPECT_EQ(zav::provisioningDirectory, "/var/volatile/provisioning/");
     EXPECT_EQ(zav::provisioningPath("nvm", "job.xml"), "/var/volatile/provisioning/nvm/job.xml");
 }
 

@@ -1,8 +1,11 @@
-// Owns a file descriptor. Not thread-safe.
+// A file descriptor and its owner, which is not thread-safe; the reasons of failed calls.
 #pragma once
 
+#include <fcntl.h>
 #include <unistd.h>
 
+#include <string>
+#include <system_error>
 #include <utility>
 
 namespace common {
@@ -34,8 +37,16 @@ class Descriptor {
     int fd_ = -1;
 };
 
+/// The system's text for an errno value.
+inline std::string reasonOf(int error) { return std::generic_category().message(error); }
+
 /// Opens /dev/null on each of the descriptors 0 to 2 that is closed. Otherwise the next file or socket would get that
 /// number, and with it the log lines. Call first in `main`, before any thread is started.
-void occupyStandardDescriptors();
+inline void occupyStandardDescriptors() {
+    for (int descriptor = STDIN_FILENO; descriptor <= STDERR_FILENO; ++descriptor) {
+        // open returns the lowest free number, which is this one.
+        if (::fcntl(descriptor, F_GETFD) < 0) ::open("/dev/null", O_RDWR);
+    }
+}
 
 }  // namespace common

@@ -3,8 +3,12 @@
 
 #include <string>
 
+#include "debug/Debug.h"
+
 /// 'text'
-std::string quote(const std::string& text);
+inline std::string quote(const std::string& text) { return "'" + dbg::escapeControls(text) + "'"; }
 
 /// 'first'SEPARATOR'second', as in 'name'='value'.
-std::string quote(const std::string& first, const std::string& second, const std::string& separator);
+inline std::string quote(const std::string& first, const std::string& second, const std::string& separator) {
+    return quote(first) + separator + quote(second);
+}

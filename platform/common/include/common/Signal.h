@@ -2,6 +2,8 @@
 // this library receives them with sigwait and calls the handlers. Handlers may therefore lock, allocate and log.
 #pragma once
 
+#include <signal.h>
+
 #include <memory>
 
 namespace common::signal {
@@ -21,5 +23,21 @@ class SignalReceiver {
 /// registerHandler, before any other thread is started.
 /// Throws std::system_error without registerHandler, or if the signal cannot be blocked or the thread not be started.
 void registerCustomHandler(int signal, void (*handler)(int));
+
+/// While it exists, every signal is blocked on its thread, and stays so on the threads started meanwhile.
+class AllBlocked {
+ public:
+    AllBlocked() {
+        sigset_t all;
+        sigfillset(&all);
+        pthread_sigmask(SIG_SETMASK, &all, &before_);
+    }
+    AllBlocked(const AllBlocked&) = delete;
+    AllBlocked& operator=(const AllBlocked&) = delete;
+    ~AllBlocked() { pthread_sigmask(SIG_SETMASK, &before_, nullptr); }
+
+ private:
+    sigset_t before_;
+};
 
 }  // namespace common::signal

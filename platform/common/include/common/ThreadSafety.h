@@ -1,7 +1,7 @@
 // Locks that the compiler checks. With clang's -Wthread-safety a member that is GUARDED_BY a mutex can be touched only
 // where that mutex is held, and a function that REQUIRES it can be called only there. The standard mutex carries no
 // such annotations, so these are thin owners of it: each operation is the standard one, inlined. Other compilers see
-// no annotations at all.
+// no annotations at all. Constructors and destructors are not checked.
 //
 // Declare members as `int count_ GUARDED_BY(mutex_) = 0;`, functions as `void add() REQUIRES(mutex_);`, and predicates
 // of a wait as `[this]() REQUIRES(mutex_) { return count_ > 0; }`.
@@ -51,15 +51,30 @@ class CAPABILITY("mutex") Mutex {
     std::mutex mutex_;
 };
 
+/// A mutex that its holder can lock again.
+class CAPABILITY("mutex") RecursiveMutex {
+ public:
+    RecursiveMutex() = default;
+    RecursiveMutex(const RecursiveMutex&) = delete;
+    RecursiveMutex& operator=(const RecursiveMutex&) = delete;
+
+    void lock() ACQUIRE() { mutex_.lock(); }
+    void unlock() RELEASE() { mutex_.unlock(); }
+
+ private:
+    std::recursive_mutex mutex_;
+};
+
+template <typename Lockable>
 class SCOPED_CAPABILITY LockGuard {
  public:
-    explicit LockGuard(Mutex& mutex) ACQUIRE(mutex) : mutex_(mutex) { mutex_.lock(); }
+    explicit LockGuard(Lockable& mutex) ACQUIRE(mutex) : mutex_(mutex) { mutex_.lock(); }
     LockGuard(const LockGuard&) = delete;
     LockGuard& operator=(const LockGuard&) = delete;
     ~LockGuard() RELEASE() { mutex_.unlock(); }
 
  private:
-    Mutex& mutex_;
+    Lockable& mutex_;
 };
 
 /// A LockGuard that can be unlocked early and locked again.
@@ -109,9 +124,13 @@ class ConditionVariable {
         condition_.wait(borrowed.lock);
     }
     template <typename Clock, typename Duration>
-    void waitUntil(Mutex& mutex, std::chrono::time_point<Clock, Duration> time) REQUIRES(mutex) {
+    std::cv_status waitUntil(Mutex& mutex, std::chrono::time_point<Clock, Duration> time) REQUIRES(mutex) {
         const Borrowed borrowed(mutex.mutex_);
-        condition_.wait_until(borrowed.lock, time);
+        return condition_.wait_until(borrowed.lock, time);
+    }
+    template <typename Rep, typename Period>
+    std::cv_status waitFor(Mutex& mutex, std::chrono::duration<Rep, Period> duration) REQUIRES(mutex) {
+        return waitUntil(mutex, std::chrono::steady_clock::now() + duration);
     }
 
     // The predicate is called with the mutex held, which the analysis cannot see through a template.

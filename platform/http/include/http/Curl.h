@@ -4,14 +4,23 @@
 // and getHttpCode may be called from any thread.
 #pragma once
 
+#include <chrono>
 #include <functional>
 #include <memory>
-#include <string>
 
 #include "common/StopSignal.h"
-#include "http/CurlSettings.h"
 
 namespace zav {
+
+/// Timeouts and clocks. Only tests change the defaults.
+struct CurlSettings {
+    std::chrono::seconds connectTimeout{30};  // name lookup, TCP and TLS handshake together
+    std::chrono::seconds stallTimeout{120};   // without receiving a byte of the body
+
+    // Called on the transferring thread.
+    std::function<std::chrono::steady_clock::time_point()> steadyNow = &std::chrono::steady_clock::now;
+    std::function<std::chrono::system_clock::time_point()> systemNow = &std::chrono::system_clock::now;
+};
 
 class Curl {
  public:
@@ -19,11 +28,8 @@ class Curl {
 
     /// Holds a reference to libcurl's global initialisation, so that a cleanup elsewhere does not affect this client.
     /// Throws std::runtime_error if libcurl cannot be initialised.
-    Curl();
-    explicit Curl(CurlSettings settings);
+    explicit Curl(CurlSettings settings = {});
     virtual ~Curl();
-    Curl(const Curl&) = delete;
-    Curl& operator=(const Curl&) = delete;
 
     /// The HTTP status of the last transfer; 0 if there was no response.
     virtual long getHttpCode() const;
@@ -39,10 +45,11 @@ class Curl {
     /// CURLE_ABORTED_BY_CALLBACK, within about a second. Null: never stops.
     virtual void stopWith(std::shared_ptr<common::StopSignal> signal);
 
- private:
-    friend class Transfer;  // uses the handle
-    friend class Download;  // uses the settings and the stop signal
+    /// What a transfer uses of the client.
     struct State;
+
+ private:
+    friend class FileDownloader;
     std::unique_ptr<State> state_;
 };
 

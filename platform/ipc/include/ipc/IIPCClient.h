@@ -42,28 +42,29 @@ class IIPCClient {
     /// Watches the retained presence ("online" or "offline") of a service on `statusTopic`. Call it before connect.
     virtual void watchPresence(const std::string& statusTopic) = 0;
 
-    /// Sends a request to a service whose presence is watched on `statusTopic` and returns its answer (MQTT v5 response
-    /// topic and correlation data, quality of service 0). Blocks for at most `timeout`, in which it waits up to 2 s for
-    /// a reconnection. Never call it from code that the network thread waits for. Throws, each as soon as it is known:
+    /// Sends a request to a service whose presence is watched on `statusTopic` and returns the response (MQTT v5
+    /// response topic and correlation data, quality of service 0). Blocks for at most `timeout`, in which it waits up
+    /// to 2 s for a reconnection. Never call it from code that the network thread waits for. Throws, each as soon as it
+    /// is known:
     /// - IPCOfflineException: the broker has been away for more than 2 s, the service is "offline", or it has published
     ///   no presence within 1 s of the connection. Its subclass IPCServiceLostException: the service went offline after
     ///   the request was sent.
-    /// - IPCTimeoutException: no answer in time. Its subclass IPCInterruptedException: the connection was lost after
+    /// - IPCTimeoutException: no response in time. Its subclass IPCInterruptedException: the connection was lost after
     ///   the request was sent. It is not sent again, and whether it was executed is unknown.
     virtual std::string request(const std::string& topic, const std::string& payload, const std::string& statusTopic,
                                 std::chrono::milliseconds timeout) = 0;
 
     // Implementations that make no requests may keep the defaults of the next three.
 
-    /// Waits until the service watched on `statusTopic` is online, but no longer than `patience` after it went away, by
+    /// Waits until the service watched on `statusTopic` is online, but no longer than `limit` after it went away, by
     /// publishing "offline" or by a lost connection to the broker. Returns whether it is online. Returns false at once
     /// if it never was online, or if requests are limited.
-    virtual bool waitForService(const std::string& /*statusTopic*/, std::chrono::milliseconds /*patience*/) {
+    virtual bool waitForService(const std::string& /*statusTopic*/, std::chrono::milliseconds /*limit*/) {
         return false;
     }
 
-    /// The number of answers received so far, including those whose request had timed out.
-    virtual std::uint64_t answersReceived() const { return 0; }
+    /// The number of responses received so far, including those whose request had timed out.
+    virtual std::uint64_t responsesReceived() const { return 0; }
 
     /// For shutdown: requests in flight return within `limit` from now, later ones wait at most `limit`, and
     /// waitForService no longer waits.

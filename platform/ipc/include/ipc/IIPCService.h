@@ -26,6 +26,12 @@ struct OutgoingMessage {
     int qualityOfService = 0;
 };
 
+/// What a supervisor wants to know. Both are called on the thread that handles requests, and must not block.
+struct ServiceEvents {
+    std::function<void()> online;  // the broker has accepted "online": requests are answered from now on
+    std::function<void()> alive;   // the thread is not stuck; at least every 40 s, also while the broker is away
+};
+
 class IIPCService {
  public:
     /// Called on the service's thread with up to 64 pending requests, oldest first, so that a handler can batch its

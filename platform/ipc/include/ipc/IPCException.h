@@ -22,13 +22,13 @@ class IPCServiceLostException : public IPCOfflineException {
     using IPCOfflineException::IPCOfflineException;
 };
 
-/// No answer came in time. Whether the request was executed is unknown.
+/// No response came in time. Whether the request was executed is unknown.
 class IPCTimeoutException : public IPCException {
  public:
     using IPCException::IPCException;
 };
 
-/// The connection was lost between the request and its answer. Whether the request was executed is unknown.
+/// The connection was lost between the request and its response. Whether the request was executed is unknown.
 class IPCInterruptedException : public IPCTimeoutException {
  public:
     using IPCTimeoutException::IPCTimeoutException;

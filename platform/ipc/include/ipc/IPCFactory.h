@@ -19,7 +19,7 @@ class IPCFactory {
                                                             bool transient);
 
     /// A new bus service, not yet started: see IIPCService.
-    static std::unique_ptr<IIPCService> createService(const std::string& clientName);
+    static std::unique_ptr<IIPCService> createService(const std::string& clientName, ServiceEvents events = {});
 };
 
 }  // namespace ipc

@@ -1,9 +1,9 @@
 // The client of the property service, which keeps every setting and state of the phone as key and text.
 //
-// Threads: every operation may be called from any thread and blocks until the answer is there, at most 5 s. Once a call
-// has timed out, all calls wait only 1 s each until an answer comes. While the service is known to be offline, calls
-// fail at once, except under PatientCalls. If the connection is lost and comes back in time, a call is retried; a set
-// only if reading the value back shows that it was not executed. All operations throw PropertyException: see
+// Threads: every operation may be called from any thread and blocks until the response is there, at most 5 s. Once a
+// call has timed out, all calls wait only 1 s each until a response comes. While the service is known to be offline,
+// calls fail at once, except under RecoveryScope. If the connection is lost and comes back in time, a call is retried;
+// a set only if reading the value back shows that it was not executed. All operations throw PropertyException: see
 // PropertyExceptions.h.
 #pragma once
 
@@ -43,7 +43,7 @@ class IPropertyApi {
 
     /// The process is shutting down: from now on calls wait at most 2 s, those in flight at most 2 s from now, and no
     /// call waits for the service to come back. Once a call has timed out, before or after this, calls throw
-    /// PropertyTimeoutException at once until an answer comes. Never blocks; idempotent.
+    /// PropertyTimeoutException at once until a response comes. Never blocks; idempotent.
     virtual void beginShutdown() = 0;
 };
 

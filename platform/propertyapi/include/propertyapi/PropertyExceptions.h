@@ -28,7 +28,7 @@ class PropertyReadOnlyException : public PropertyException {
     using PropertyException::PropertyException;
 };
 
-/// The service rejected the request as malformed ("bad-request"), or its answer is malformed.
+/// The service rejected the request as malformed ("bad-request"), or its response is malformed.
 class PropertyProtocolException : public PropertyException {
  public:
     using PropertyException::PropertyException;
@@ -40,7 +40,7 @@ class PropertyStorageException : public PropertyException {
     using PropertyException::PropertyException;
 };
 
-/// No answer within the time-out. A set may still have been executed: read the value back.
+/// No response within the time-out. A set may still have been executed: read the value back.
 class PropertyTimeoutException : public PropertyException {
  public:
     using PropertyException::PropertyException;

@@ -16,10 +16,8 @@ namespace zav {
 
 class Security {
  public:
-    explicit Security(std::shared_ptr<propertyapi::IPropertyApi> properties);
+    explicit Security(const std::shared_ptr<propertyapi::IPropertyApi>& properties);
     virtual ~Security();
-    Security(const Security&) = delete;
-    Security& operator=(const Security&) = delete;
 
     /// Reads the bundles again. Errors in a bundle are logged and the certificates that can be read are used. Does not
     /// throw.
@@ -46,7 +44,6 @@ class Security {
 
  private:
     struct State;
-    std::shared_ptr<propertyapi::IPropertyApi> properties_;
     std::unique_ptr<State> state_;
 };
 

@@ -16,8 +16,6 @@ class TrustedCertificates {
     /// `certificates` are X.509 in DER, in any order; duplicates are dropped.
     explicit TrustedCertificates(std::vector<std::string> certificates);
     ~TrustedCertificates();
-    TrustedCertificates(const TrustedCertificates&) = delete;
-    TrustedCertificates& operator=(const TrustedCertificates&) = delete;
 
     std::size_t count() const { return certificates_.size(); }
     bool sameAs(const TrustedCertificates& other) const { return certificates_ == other.certificates_; }

@@ -2,8 +2,9 @@
 // thread.
 #pragma once
 
-#include <mutex>
 #include <string>
+
+#include "common/ThreadSafety.h"
 
 namespace version {
 
@@ -24,8 +25,8 @@ class FirmwareVersionConsts {
 
     const std::string offeredVersion_ = "offered";
     const std::string currentVersion_ = "current";
-    mutable std::mutex mutex_;
-    std::string runningVersion_;  // guarded by mutex_
+    mutable common::Mutex mutex_;
+    std::string runningVersion_ GUARDED_BY(mutex_);
 };
 
 }  // namespace version

@@ -4,7 +4,7 @@
 #include <memory>
 #include <string>
 
-#include "version/IFirmwareVersion.h"
+#include "version/FirmwareVersion.h"
 
 namespace version {
 
@@ -15,7 +15,7 @@ class IFirmwareVersionFactory {
 
     /// `kind` is one of FirmwareVersionConsts; the running version ignores `text`. An invalid text is not an error
     /// here: compare reports it. Throws std::invalid_argument if the kind is unknown.
-    virtual std::unique_ptr<IFirmwareVersion> create(const std::string& kind, const std::string& text) = 0;
+    virtual std::unique_ptr<FirmwareVersion> create(const std::string& kind, const std::string& text) = 0;
 };
 
 }  // namespace version

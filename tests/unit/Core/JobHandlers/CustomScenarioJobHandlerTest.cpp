@@ -331,7 +331,7 @@ TEST_F(CustomScenarioJobHandlerTest, FailedPhoneBookDownloadKeepsTheOldFile) {
 
 TEST_F(CustomScenarioJobHandlerTest, DownloadsCountTowardsTheFileLimitOfThePass) {
     server_.on("/book.xml", fakes::HttpAnswer::ok("<book/>"));
-    usage_->files = zav::Pass::maximumFiles - 1;
+    pass_.usage().files = zav::Pass::maximumFiles - 1;
     EXPECT_EQ(run({{{"type", "LocalPhoneBook"}, {"url", "/book.xml"}}, {{"type", "certificate"}, {"url", "/one.pem"}}}),
               0);
     EXPECT_EQ(server_.requests().size(), 1U);

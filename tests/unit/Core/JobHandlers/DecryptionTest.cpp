@@ -98,7 +98,7 @@ TEST_F(DecryptionTest, UnreadableKeyIsLoggedOncePerPass) {
                              "If the file is encrypted, it could not be decrypted: Cannot read the key file "
                              "/etc/zav.d/key: No such file or directory"),
                      warning(source, "File " + path + " is corrupted")}));
-    zav::Pass next(std::make_shared<zav::Pass::Usage>(), 1, stop_);
+    zav::Pass next(nullptr, stop_);
     loadCorruptedFile();
     EXPECT_EQ(phone_.log.lines().size(), 5U) << "the next pass must log it again";
 }

@@ -325,7 +325,7 @@ TEST_F(FirmwareJobHandlerTest, UrlsThatLeaveTheFolderThrow) {
 }
 
 TEST_F(FirmwareJobHandlerTest, ImageCountsTowardsTheFileLimitOfThePass) {
-    usage_->files = zav::Pass::maximumFiles;
+    pass_.usage().files = zav::Pass::maximumFiles;
     EXPECT_EQ(run({entry("2.14")}), 0);
     EXPECT_TRUE(server_.requests().empty());
     EXPECT_TRUE(phone_.properties->writes().empty());

@@ -8,7 +8,6 @@
 
 #include "Core/JobHandlers/JobDescription.h"
 #include "Core/Pass.h"
-#include "Core/PassState.h"
 #include "Core/ProvisioningStatusReporter.h"
 #include "Core/ProvisioningWatchdog/ProgressReporter.h"
 #include "fakes/HttpServer.h"
@@ -42,8 +41,7 @@ class HandlerFixture : public testing::Test {
     fakes::HttpServer server_;
     const std::shared_ptr<common::StopSignal> stop_ =
         std::make_shared<common::StopSignal>(std::chrono::milliseconds(0));  // without a grace period
-    const std::shared_ptr<zav::Pass::Usage> usage_ = std::make_shared<zav::Pass::Usage>();
-    zav::Pass pass_{usage_, 1, stop_};  // on the test's thread
+    zav::Pass pass_{nullptr, stop_};                                         // on the test's thread
     zav::XMLParser reader_;
     zav::ProgressReporter progress_;
     zav::ProvisioningStatusReporter status_;

@@ -143,7 +143,7 @@ TEST_F(JobHandlerTest, NestedJobOfUnknownTypeFails) {
 
 TEST_F(JobHandlerTest, FileWithTooManyItemsAppendsNothing) {
     server_.on("/job.xml", fakes::HttpAnswer::ok(tests::provisioningFile("nvm", "1.0", "<file url=\"/x\"/>")));
-    usage_->items = zav::Pass::maximumItems;
+    pass_.usage().items = zav::Pass::maximumItems;
     std::vector<JobDescription> jobs{{"before", "x", {}}};
     EXPECT_TRUE(make<PlainHandler>(job_)->downloadAndParse(server_.url("/job.xml"),
                                                            "/var/volatile/provisioning/nvm/job.xml", jobs));

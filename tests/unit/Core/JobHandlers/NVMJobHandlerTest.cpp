@@ -1,6 +1,5 @@
 #include "Core/JobHandlers/NVMJobHandler.h"
 
-#include "Core/JobHandlers/InvalidFormatException.h"
 #include "unit/Core/JobHandlers/HandlerFixture.h"
 
 namespace {

@@ -6,7 +6,7 @@
 #include <thread>
 #include <vector>
 
-#include "Core/PassState.h"
+#include "Core/Pass.h"
 #include "Core/ProvisioningWatchdog/ProvisioningWorker.h"
 #include "fakes/HttpServer.h"
 #include "unit/Core/support/Phone.h"

@@ -216,7 +216,7 @@ TEST_F(ReferringHandlersTest, AppliesAFileOfTwelveHundredGroups) {
 TEST_F(ReferringHandlersTest, AllFilesOfAPassShareOneItemBudget) {
     phone_.properties->put("A", "");
     serve("/two.xml", "settings", R"(<param name="A" value="1"/><param name="A" value="2"/>)");
-    usage_->items = zav::Pass::maximumItems - 3;
+    pass_.usage().items = zav::Pass::maximumItems - 3;
     EXPECT_EQ(runDownload({{{"url", "/two.xml"}}}), 2);
     EXPECT_EQ(runDownload({{{"url", "/two.xml"}}}), 0) << "one item too many";
     serve("/one.xml", "settings", R"(<param name="A" value="3"/>)");

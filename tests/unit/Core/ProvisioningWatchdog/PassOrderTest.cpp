@@ -143,7 +143,7 @@ TEST_F(PassOrderTest, OnlyCallsOnThePassThreadArePatient) {
     worker_->startProvisioning("");
     ASSERT_TRUE(phone_.log.waitFor(info(source, "Provisioning failed. ")));
     worker_.reset();
-    EXPECT_EQ(properties_->patientCalls(),
+    EXPECT_EQ(properties_->recoveryCalls(),
               (std::vector<std::string>{"State.Provisioning.LockUI", "State.Provisioning.LockUI",
                                         "State.Provisioning.HttpErrorCode", "State.Provisioning",
                                         "State.FirmwareUpdate.TriggerAuto"}));

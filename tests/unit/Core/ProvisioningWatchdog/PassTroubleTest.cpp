@@ -2,6 +2,7 @@
 #include <gtest/gtest.h>
 #include <pthread.h>
 
+#include <limits>
 #include <system_error>
 #include <thread>
 
@@ -68,7 +69,8 @@ class NoThreads {
         pthread_attr_t attributes;
         pthread_getattr_default_np(&attributes);
         pthread_attr_getstacksize(&attributes, &before_);
-        set(std::size_t{1} << 47U);
+        constexpr std::size_t maximum = std::numeric_limits<std::size_t>::max();
+        set(maximum - maximum / 16);
         pthread_attr_destroy(&attributes);
     }
     ~NoThreads() { set(before_); }

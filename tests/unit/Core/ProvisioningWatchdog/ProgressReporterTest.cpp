@@ -76,7 +76,7 @@ TEST_F(ProgressReporterTest, BlockedLogDoesNotDelaySignals) {
     full.hold();
     reporter_.notifyProgress();  // the waiter wakes and logs
     const auto start = std::chrono::steady_clock::now();
-    auto longest = start - start;
+    std::chrono::steady_clock::duration longest{};
     while (!returned_) {
         const auto before = std::chrono::steady_clock::now();
         reporter_.notifyProgress();

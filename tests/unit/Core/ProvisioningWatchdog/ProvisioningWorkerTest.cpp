@@ -7,7 +7,7 @@
 #include <thread>
 #include <utility>
 
-#include "Core/PassState.h"
+#include "Core/Pass.h"
 #include "debug/Debug.h"
 #include "fakes/HttpServer.h"
 #include "unit/Core/support/Phone.h"
@@ -290,8 +290,9 @@ TEST_F(ProvisioningWorkerTest, RequestDropsThePendingResult) {
 
 TEST_F(ProvisioningWorkerTest, ShutdownStopsTheJobsOfAPass) {
     phone_.properties->put("A", "");
-    worker_ = std::make_unique<zav::ProvisioningWorker>(
-        phone_.properties, phone_.curl, security_, std::make_shared<common::StopSignal>(std::chrono::milliseconds(0)));
+    // The worker shares the stop signal of the pass around it, which has no grace period.
+    zav::Pass outer(nullptr, std::make_shared<common::StopSignal>(std::chrono::milliseconds(0)));
+    worker_ = std::make_unique<zav::ProvisioningWorker>(phone_.properties, phone_.curl, security_);
     server_.on(
         "/provisioning.xml",
         HttpAnswer::ok(tests::provisioningFile(

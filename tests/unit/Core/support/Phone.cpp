@@ -10,7 +10,7 @@
 #include <stdexcept>
 
 #include "Core/GlobalConfig.h"
-#include "Core/PassState.h"
+#include "Core/Pass.h"
 #include "common/Execute.h"
 #include "debug/Debug.h"
 #include "xml/Library.h"

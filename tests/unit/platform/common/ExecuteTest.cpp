@@ -7,6 +7,7 @@
 #include <unistd.h>
 
 #include <atomic>
+#include <cstdint>
 #include <filesystem>
 #include <fstream>
 #include <sstream>
@@ -180,12 +181,13 @@ TEST_F(ExecuteTest, TheChildHasDefaultSignalHandling) {
     pthread_sigmask(SIG_SETMASK, &before, nullptr);
     std::istringstream masks(content(file("masks")));
     std::string name;
-    unsigned long blockedInChild = 0;
-    unsigned long ignoredInChild = 0;
+    std::uint64_t blockedInChild = 0;
+    std::uint64_t ignoredInChild = 0;
     masks >> name >> std::hex >> blockedInChild >> name >> ignoredInChild;
     ASSERT_TRUE(masks);
     EXPECT_EQ(blockedInChild, 0U);
-    EXPECT_EQ(ignoredInChild & ~0x180000000U, 0U);  // 32 and 33 belong to the C library, which ignores them itself
+    EXPECT_EQ(ignoredInChild & ~std::uint64_t{0x180000000},
+              0U);  // 32 and 33 belong to the C library, which ignores them itself
 }
 
 }  // namespace

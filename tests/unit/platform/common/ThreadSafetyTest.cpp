@@ -14,7 +14,13 @@ using std::chrono::steady_clock;
 
 /// Whether another thread finds the mutex free.
 bool isFree(common::Mutex& mutex) {
-    return std::async(std::launch::async, [&mutex] { return mutex.tryLock() ? (mutex.unlock(), true) : false; }).get();
+    return std::async(std::launch::async,
+                      [&mutex] {
+                          const bool locked = mutex.tryLock();
+                          if (locked) mutex.unlock();
+                          return locked;
+                      })
+        .get();
 }
 
 TEST(LockGuard, HoldsTheMutexForItsScope) {
@@ -24,6 +30,17 @@ TEST(LockGuard, HoldsTheMutexForItsScope) {
         EXPECT_FALSE(isFree(mutex));
     }
     EXPECT_TRUE(isFree(mutex));
+}
+
+TEST(LockGuard, LocksARecursiveMutexAgain) {
+    common::RecursiveMutex mutex;
+    int locked = 0;
+    const auto lockTwice = [&](const auto& self) -> void {
+        const common::LockGuard lock(mutex);
+        if (++locked < 2) self(self);
+    };
+    lockTwice(lockTwice);
+    EXPECT_EQ(locked, 2);
 }
 
 TEST(UniqueLock, CanBeUnlockedEarlyAndLockedAgain) {
@@ -84,7 +101,8 @@ TEST(ConditionVariable, SaysWhetherItWaitedInVain) {
     EXPECT_FALSE(changed.waitFor(mutex, milliseconds(20), [] { return false; }));
     EXPECT_GE(steady_clock::now() - begin, milliseconds(20));
     EXPECT_TRUE(changed.waitUntil(mutex, steady_clock::now() + seconds(30), [] { return true; }));
-    changed.waitUntil(mutex, steady_clock::now() - seconds(1));
+    EXPECT_EQ(changed.waitFor(mutex, milliseconds(-1)), std::cv_status::timeout);
+    EXPECT_EQ(changed.waitUntil(mutex, steady_clock::now() - seconds(1)), std::cv_status::timeout);
     EXPECT_FALSE(isFree(mutex));
 }
 

@@ -69,6 +69,7 @@ TEST_F(DebugTest, MaskSelectsTheLevels) {
     EXPECT_EQ(levels("0x3"), "ew");
     EXPECT_EQ(levels("0X5"), "ei");
     EXPECT_EQ(levels("255"), "ewi");
+    EXPECT_EQ(levels("0x100000001"), "e");
     EXPECT_EQ(levels("0"), "");
 }
 
@@ -93,7 +94,8 @@ class JournalTest : public DebugTest {
         setenv("JOURNAL_STREAM", journal.c_str(), 1);
         dbg::Debug::error() << "E" << std::endl;
         dbg::Debug::warning() << "W" << std::endl;
-        dbg::Debug::info() << "I" << std::endl;
+        const std::string lines = "I\n{\n}";
+        dbg::Debug::info() << dbg::verbatim(lines) << std::endl;
         std::_Exit(0);
     }
 };
@@ -101,12 +103,12 @@ class JournalTest : public DebugTest {
 TEST_F(JournalTest, EachLineHasAPriority) {
     EXPECT_EXIT(logWithJournalStream(0), testing::ExitedWithCode(0),
                 testing::ContainsRegex("<3>[^\n<]* TEST error [^\n]* E\n<4>[^\n<]* TEST warning [^\n]* W\n"
-                                       "<6>[^\n<]* TEST info [^\n]* I\n"));
+                                       "<6>[^\n<]* TEST info [^\n]* I\n<6>[{]\n<6>[}]\n"));
 }
 
 TEST_F(JournalTest, NoPriorityIfStandardErrorIsNotTheJournal) {
     EXPECT_EXIT(logWithJournalStream(1), testing::ExitedWithCode(0),
-                testing::AllOf(testing::HasSubstr(" I\n"), testing::Not(testing::HasSubstr("<"))));
+                testing::AllOf(testing::HasSubstr(" I\n{\n}\n"), testing::Not(testing::HasSubstr("<"))));
 }
 
 TEST_F(DebugTest, LineWithoutEndlIsWrittenOnDestruction) {

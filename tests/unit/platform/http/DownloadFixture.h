@@ -15,7 +15,6 @@
 #include "fakes/FakeProperties.h"
 #include "fakes/HttpServer.h"
 #include "http/Curl.h"
-#include "http/CurlSettings.h"
 #include "http/FileDownloader.h"
 #include "security/Security.h"
 

@@ -7,6 +7,7 @@
 #include <cstdlib>
 #include <cstring>
 #include <functional>
+#include <limits>
 
 #include "DownloadFixture.h"
 #include "fakes/TestAuthority.h"
@@ -32,7 +33,7 @@ class FailingAllocation {
     }
 
  private:
-    static constexpr long never = 1L << 60;
+    static constexpr long never = std::numeric_limits<long>::max() / 2;
 
     std::atomic<long> left_{never};
     std::atomic<bool> andAllLater_{false};

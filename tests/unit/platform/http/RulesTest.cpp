@@ -1,12 +1,14 @@
 #include <gtest/gtest.h>
 
 #include <chrono>
+#include <cstdint>
+#include <limits>
 
 #include "ContentCoding.h"
 #include "Credentials.h"
 #include "FileVersion.h"
-#include "Pace.h"
 #include "ResumePlan.h"
+#include "Transfer.h"
 
 namespace {
 
@@ -38,6 +40,17 @@ TEST(Pace, AllowsASlowLine) {
 TEST(Pace, EndsADrippingTransfer) {
     // Ten bytes a minute do not stall.
     EXPECT_FALSE(keepsPace(minutes(10), 100));
+}
+
+TEST(ByteCount, ChangesWithEachByteBeyondItsType) {
+    using zav::wrappedCount;
+    constexpr std::int64_t maximum = std::numeric_limits<std::int32_t>::max();
+    EXPECT_EQ(wrappedCount<std::int32_t>(0), 0);
+    EXPECT_EQ(wrappedCount<std::int32_t>(maximum), maximum);
+    EXPECT_EQ(wrappedCount<std::int32_t>(maximum + 1), 0);
+    EXPECT_EQ(wrappedCount<std::int32_t>(maximum + 2), 1);
+    EXPECT_EQ(wrappedCount<std::int32_t>(5'000'000'000), 705'032'704);
+    EXPECT_EQ(wrappedCount<std::int64_t>(5'000'000'000), 5'000'000'000);
 }
 
 TEST(ResumePlan, FirstRetryHasNoPause) { EXPECT_EQ(ResumePlan().next(0), seconds(0)); }
@@ -176,6 +189,10 @@ TEST(ContentRangeRule, AcceptsCompleteRangesOnly) {
     EXPECT_EQ(range->last, 9U);
     EXPECT_EQ(range->total, 20U);
     EXPECT_TRUE(zav::parseContentRange("Bytes 0-0/1"));
+    const auto large = zav::parseContentRange("bytes 5000000000-5999999999/6000000000");
+    ASSERT_TRUE(large);
+    EXPECT_EQ(large->first, 5'000'000'000U);
+    EXPECT_EQ(large->total, 6'000'000'000U);
     for (const char* text : {"", "bytes", "bytes 5-9", "bytes 5-9/", "bytes 5-9/*", "bytes */20", "bytes 9-5/20",
                              "bytes 5-20/20", "bytes -9/20", "bytes 5-/20", "bytes 5/20-9", "bytes  5-9/20",
                              "bytes 5 - 9/20", "bytes=5-9/20", "bytes +5-9/20", "bytes 5-9/20,bytes 5-9/20",

@@ -165,7 +165,7 @@ TEST_F(Stop, EndsThePauseBeforeTheNextAttempt) {
     auto download = std::async(std::launch::async, [this] { return fetch(server.url("/image"), image); });
     // The pauses before the second, third and fourth attempt are 0, 1 and 2 s.
     ASSERT_TRUE(log.waitFor(
-        fakes::info("platform/http/src/Download", "Download broke off after 3 bytes, starting again in 2 s")));
+        fakes::info("platform/http/src/FileDownloader", "Download broke off after 3 bytes, starting again in 2 s")));
     signal->stop();
     EXPECT_EQ(download.get(), partialFile);
     EXPECT_EQ(server.requests().size(), 3U);

@@ -158,8 +158,9 @@ class UnsetClock : public Fixture {
         return settings;
     }
 
-    const fakes::LogLine line = fakes::warning(
-        "platform/http/src/Download", "The clock is not set: it shows 1970-01-02, so certificates are not valid yet");
+    const fakes::LogLine line =
+        fakes::warning("platform/http/src/FileDownloader",
+                       "The clock is not set: it shows 1970-01-02, so certificates are not valid yet");
 };
 
 TEST_F(UnsetClock, IsLoggedWhenTlsFails) {

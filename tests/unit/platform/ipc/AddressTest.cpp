@@ -1,9 +1,10 @@
-#include "Address.h"
+#include "ipc/Address.h"
 
 #include <gtest/gtest.h>
 
 #include <string>
 
+#include "System.h"
 #include "ipc/IPCException.h"
 
 namespace {

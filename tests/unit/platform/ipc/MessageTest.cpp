@@ -1,4 +1,4 @@
-#include "Message.h"
+#include "Mqtt.h"
 
 #include <gtest/gtest.h>
 

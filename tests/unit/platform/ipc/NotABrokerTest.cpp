@@ -60,7 +60,7 @@ TEST(NotABroker, ServiceLogsItAndServesOnceThereIsABroker) {
     auto listener = std::make_unique<RawListener>("HTTP/1.1 400 Bad Request\r\n\r\n", Then::closes, broker.port());
     const fakes::LogCapture log;
     const EchoService service(broker.address());
-    EXPECT_TRUE(log.waitFor(fakes::warning("platform/ipc/src/ConnectionLoss",
+    EXPECT_TRUE(log.waitFor(fakes::warning("platform/ipc/src/ConnectionThread",
                                            "Cannot connect to the broker at " + broker.address() +
                                                ": it is not an MQTT v5 broker (its answer is not MQTT v5); retrying")))
         << log.text();

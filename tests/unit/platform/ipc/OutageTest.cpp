@@ -185,12 +185,12 @@ TEST(Answers, CountIncludesLateAnswers) {
         return EchoService::echo(requests);
     });
     const auto client = newAsker(broker.address());
-    const auto before = client->answersReceived();
+    const auto before = client->responsesReceived();
     EXPECT_GT(before, 0U);
     EXPECT_THROW(ask(*client, "slow", milliseconds(50)), ipc::IPCTimeoutException);
-    EXPECT_EQ(client->answersReceived(), before);
+    EXPECT_EQ(client->responsesReceived(), before);
     gate.open();
-    EXPECT_TRUE(eventually([&] { return client->answersReceived() == before + 1; }));
+    EXPECT_TRUE(eventually([&] { return client->responsesReceived() == before + 1; }));
 }
 
 }  // namespace

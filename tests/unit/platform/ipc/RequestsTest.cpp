@@ -37,17 +37,17 @@ TEST_F(RequestsTest, CorrelationDataSelectsTheAnswer) {
     serve();
     std::vector<std::string> sent;
     const auto answered = [&](std::string correlation) {
-        requests.answerArrived("not ours", "wrong");
-        requests.answerArrived(std::string(8, '\0'), "wrong");
-        for (const std::string& earlier : sent) requests.answerArrived(earlier, "late");
+        requests.responseArrived("not ours", "wrong");
+        requests.responseArrived(std::string(8, '\0'), "wrong");
+        for (const std::string& earlier : sent) requests.responseArrived(earlier, "late");
         sent.push_back(correlation);
-        requests.answerArrived(correlation, "answer " + std::to_string(sent.size()));
-        requests.answerArrived(correlation, "a second one");
+        requests.responseArrived(correlation, "answer " + std::to_string(sent.size()));
+        requests.responseArrived(correlation, "a second one");
         return true;
     };
     EXPECT_EQ(ask(answered), "answer 1");
     EXPECT_EQ(ask(answered), "answer 2");
-    EXPECT_EQ(requests.answers(), 5U) << "duplicate and late answers count, foreign ones do not";
+    EXPECT_EQ(requests.responses(), 5U) << "duplicate and late answers count, foreign ones do not";
 }
 
 TEST_F(RequestsTest, FailsAtOnceWithoutItsService) {
@@ -103,7 +103,7 @@ TEST_F(RequestsTest, UnsentRequestIsSentOnTheNextConnection) {
                       lost.open();
                       return false;
                   }
-                  requests.answerArrived(correlation, "here");
+                  requests.responseArrived(correlation, "here");
                   return true;
               }),
               "here");

@@ -148,7 +148,7 @@ TEST(Takeover, ReportedByTheBrokerIsLoggedByAService) {
     ASSERT_TRUE(eventually([&] { return broker.connections() == 1; }));
     broker.takeOver();
     EXPECT_TRUE(
-        log.waitFor(fakes::error("platform/ipc/src/ConnectionLoss",
+        log.waitFor(fakes::error("platform/ipc/src/ConnectionThread",
                                  "Another test-service is connected to the broker and has taken over from this one")))
         << log.text();
     broker.giveIn();

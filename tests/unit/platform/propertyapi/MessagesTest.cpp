@@ -72,7 +72,7 @@ void expectError(const char* code, const char* text) {
         EXPECT_STREQ(error.what(), text);
         EXPECT_EQ(typeid(error), typeid(Exception)) << code;
     }
-    EXPECT_THROW(checkSetAnswer("X.Y", answer), Exception);
+    EXPECT_THROW(checkSetResponse("X.Y", answer), Exception);
     EXPECT_THROW(readPage("X.Y", answer), Exception);
 }
 
@@ -107,7 +107,7 @@ TEST(Messages, MalformedAnswersAreProtocolErrors) {
     }
     EXPECT_THROW(readPage("K", R"({"properties":[7]})"), PropertyProtocolException);
     EXPECT_THROW(readPage("K", R"({"properties":[{"param":"A"}]})"), PropertyProtocolException);
-    EXPECT_THROW(checkSetAnswer("K", R"({"param":"L"})"), PropertyProtocolException);
+    EXPECT_THROW(checkSetResponse("K", R"({"param":"L"})"), PropertyProtocolException);
 }
 
 }  // namespace

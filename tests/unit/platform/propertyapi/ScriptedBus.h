@@ -39,12 +39,12 @@ class ScriptedBus final : public ipc::IIPCClient {
         ++received;
         return text;
     }
-    bool waitForService(const std::string& statusTopic, milliseconds patience) override {
+    bool waitForService(const std::string& statusTopic, milliseconds wait) override {
         asked.push_back("wait for " + statusTopic);
-        patiences.push_back(patience);
+        waits.push_back(wait);
         return comesBack;
     }
-    std::uint64_t answersReceived() const override { return received; }
+    std::uint64_t responsesReceived() const override { return received; }
     void limitRequests(milliseconds requestLimit) override { limit = requestLimit; }
 
     std::deque<Answer> answers;  // empty: requests time out
@@ -54,7 +54,7 @@ class ScriptedBus final : public ipc::IIPCClient {
     std::vector<std::string> asked;  // topics of requests, and waits
     std::vector<std::string> payloads;
     std::vector<milliseconds> timeouts;
-    std::vector<milliseconds> patiences;
+    std::vector<milliseconds> waits;
     std::optional<milliseconds> limit;
     std::string watched, status;
 };

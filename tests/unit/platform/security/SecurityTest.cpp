@@ -90,6 +90,15 @@ TEST_F(Security, CountsASingleDamagedEntry) {
     EXPECT_NE(log.find(std::string(phoneBundle) + ": 1 damaged entries, ignored"), std::string::npos) << log;
 }
 
+TEST_F(Security, IgnoresABundleLargerThanMemory) {
+    const auto before = security.trustedCertificates();
+    writeFile(phoneBundle, "");
+    std::filesystem::resize_file(phoneBundle, std::uintmax_t{3} << 30U);
+    const std::string log = logOf([this] { security.reloadCertificates(); });
+    EXPECT_NE(log.find(std::string("Cannot read ") + phoneBundle + ": too long"), std::string::npos) << log;
+    EXPECT_EQ(security.trustedCertificates(), before);
+}
+
 TEST_F(Security, IgnoresABundleWithoutCertificates) {
     const auto before = security.trustedCertificates();
     for (const std::string text : {"", "not a certificate", "-----BEGIN CERTIFICATE-----"}) {
@@ -156,6 +165,11 @@ TEST_F(CertificateCheck, AcceptsPemAndDer) {
     EXPECT_EQ(check(good.der), 1);
     EXPECT_EQ(check(authority.certificate()), 1);
     EXPECT_EQ(check("subject=phone\r\n" + good.certificate + "\nsome text\n"), 1);
+}
+
+TEST_F(CertificateCheck, AcceptsDatesBeyond2038) {
+    constexpr Hours thirtyYears(30 * 365 * 24);
+    EXPECT_EQ(check(authority.issue("phone.example", Hours(-1), thirtyYears).certificate), 1);
 }
 
 TEST_F(CertificateCheck, RejectsExpiredAndFutureCertificates) {

@@ -6,10 +6,8 @@
 
 #include <random>
 
-#include "propertyprotocol/Change.h"
 #include "propertyprotocol/Json.h"
 #include "propertyprotocol/Utf8.h"
-#include "service/Limits.h"
 
 namespace propertyservice {
 namespace {
@@ -67,7 +65,6 @@ TEST(Codec, ControlCharactersAreEscaped) {
 
 TEST(Codec, ReadsRequestsOfAnotherWriter) {
     std::mt19937 random(2);
-    RequestReader reader;
     Json::StreamWriterBuilder plain;
     Json::StreamWriterBuilder utf8;
     utf8["emitUTF8"] = true;
@@ -79,7 +76,7 @@ TEST(Codec, ReadsRequestsOfAnotherWriter) {
         if (round % 2 == 0) object["source"] = randomText(random);
         if (round % 3 == 0) object["other"]["nested"][2] = randomText(random);
         const std::string payload = Json::writeString(round % 5 == 0 ? utf8 : plain, object);
-        const SetRequest request = reader.set(payload);
+        const SetRequest request = readSet(payload);
         EXPECT_EQ(request.param, object["param"].asString());
         EXPECT_EQ(request.value, object["value"].asString());
         EXPECT_EQ(request.source, round % 2 == 0 ? object["source"].asString() : "");
@@ -88,7 +85,6 @@ TEST(Codec, ReadsRequestsOfAnotherWriter) {
 
 TEST(Codec, ReadsImportsOfAnotherWriter) {
     std::mt19937 random(4);
-    RequestReader reader;
     Json::StreamWriterBuilder plain;
     for (int round = 0; round < 1000; ++round) {
         Json::Value object;
@@ -101,7 +97,7 @@ TEST(Codec, ReadsImportsOfAnotherWriter) {
         }
         object["source"] = randomText(random);
         object["apply"] = round % 2 == 0;
-        const ImportRequest request = reader.import(Json::writeString(plain, object));
+        const ImportRequest request = readImport(Json::writeString(plain, object));
         ASSERT_EQ(request.writes.size(), object["properties"].size());
         for (Json::ArrayIndex index = 0; index < request.writes.size(); ++index) {
             const Json::Value& property = object["properties"][index];
@@ -137,7 +133,6 @@ TEST(Codec, DescriptionsAreReadByAnotherParser) {
 
 TEST(Codec, SurvivesRandomDamageInImports) {
     std::mt19937 random(6);
-    RequestReader reader;
     int refused = 0;
     for (int round = 0; round < 10000; ++round) {
         std::string payload =
@@ -151,11 +146,11 @@ TEST(Codec, SurvivesRandomDamageInImports) {
             }
         }
         try {
-            for (const ImportRequest::Write& write : reader.import(payload).writes) {
+            for (const ImportRequest::Write& write : readImport(payload).writes) {
                 EXPECT_TRUE(propertyprotocol::isUtf8WithoutNul(write.param) &&
                             propertyprotocol::isUtf8WithoutNul(write.value.value_or("")));
             }
-            reader.describe(payload);
+            readDescribe(payload);
         } catch (const BadRequest&) {
             ++refused;
         }
@@ -165,7 +160,6 @@ TEST(Codec, SurvivesRandomDamageInImports) {
 
 TEST(Codec, SurvivesRandomDamage) {
     std::mt19937 random(3);
-    RequestReader reader;
     int refused = 0;
     for (int round = 0; round < 20000; ++round) {
         std::string payload =
@@ -184,7 +178,7 @@ TEST(Codec, SurvivesRandomDamage) {
             }
         }
         try {
-            const SetRequest request = reader.set(payload);
+            const SetRequest request = readSet(payload);
             EXPECT_TRUE(propertyprotocol::isUtf8WithoutNul(request.param) &&
                         propertyprotocol::isUtf8WithoutNul(request.value) &&
                         propertyprotocol::isUtf8WithoutNul(request.source));
@@ -193,22 +187,20 @@ TEST(Codec, SurvivesRandomDamage) {
         }
     }
     EXPECT_GT(refused, 5000);
-    EXPECT_EQ(reader.get(R"({"param":"a"})").param, "a");
+    EXPECT_EQ(readGet(R"({"param":"a"})").param, "a");
 }
 
 TEST(Codec, CommasAndBracketsInsideStringsAreNotCounted) {
-    RequestReader reader;
     const std::string value = "\\\"" + std::string(5000, ',') + std::string(5000, '[');
-    EXPECT_EQ(reader.set(R"({"param":"a","value":")" + value + "\"}").value.size(), 10001U);
+    EXPECT_EQ(readSet(R"({"param":"a","value":")" + value + "\"}").value.size(), 10001U);
 }
 
 TEST(Codec, ImportsAreLimited) {
-    RequestReader reader;
-    const auto import = [&reader](std::size_t count) {
+    const auto import = [](std::size_t count) {
         std::string payload = R"({"properties":[)";
         for (std::size_t index = 0; index < count; ++index) payload += R"({"param":"a","value":""},)";
         payload.back() = ']';
-        return reader.import(payload + "}").writes.size();
+        return readImport(payload + "}").writes.size();
     };
     EXPECT_EQ(import(60000), 60000U);
     EXPECT_THROW(import(70000), BadRequest);
@@ -224,15 +216,14 @@ struct Hostile {
 class HostilePayload : public testing::TestWithParam<Hostile> {};
 
 TEST_P(HostilePayload, IsABadRequest) {
-    RequestReader reader;
     try {
-        reader.set(GetParam().payload);
+        readSet(GetParam().payload);
         FAIL() << "was accepted";
     } catch (const BadRequest& error) {
         EXPECT_STREQ(error.what(), GetParam().reason);
         EXPECT_EQ(error.param(), GetParam().param);
     }
-    EXPECT_EQ(reader.set(R"({"param":"a","value":""})").param, "a") << "the next request must succeed";
+    EXPECT_EQ(readSet(R"({"param":"a","value":""})").param, "a") << "the next request must succeed";
 }
 
 constexpr char notAnObject[] = "the payload must be a JSON object";
@@ -284,22 +275,19 @@ INSTANTIATE_TEST_SUITE_P(
     [](const auto& row) { return row.param.name; });
 
 TEST(Codec, UnknownMembersAreIgnored) {
-    RequestReader reader;
-    EXPECT_EQ(reader.get(R"({"param":"a","value":7,"x":{"y":[null,1.5,true]}})").param, "a");
-    EXPECT_EQ(reader.list(R"({"prefix":"p","param":3})").prefix, "p");
+    EXPECT_EQ(readGet(R"({"param":"a","value":7,"x":{"y":[null,1.5,true]}})").param, "a");
+    EXPECT_EQ(readList(R"({"prefix":"p","param":3})").prefix, "p");
 }
 
 TEST(Codec, ListRequiresAPrefix) {
-    RequestReader reader;
-    EXPECT_THROW(reader.list("{}"), BadRequest);
-    EXPECT_THROW(reader.list(R"({"prefix":"","after":1})"), BadRequest);
-    EXPECT_EQ(reader.list(R"({"prefix":"","after":"k"})").after, "k");
+    EXPECT_THROW(readList("{}"), BadRequest);
+    EXPECT_THROW(readList(R"({"prefix":"","after":1})"), BadRequest);
+    EXPECT_EQ(readList(R"({"prefix":"","after":"k"})").after, "k");
 }
 
 TEST(Codec, KeepsNothingFromThePreviousRequest) {
-    RequestReader reader;
-    EXPECT_EQ(reader.set(R"({"param":"a","value":"b","source":"s"})").source, "s");
-    EXPECT_EQ(reader.set(R"({"param":"a","value":"b"})").source, "");
+    EXPECT_EQ(readSet(R"({"param":"a","value":"b","source":"s"})").source, "s");
+    EXPECT_EQ(readSet(R"({"param":"a","value":"b"})").source, "");
 }
 
 }  // namespace

@@ -8,7 +8,7 @@
 #include "FakeStore.h"
 #include "propertyprotocol/Json.h"
 #include "propertyprotocol/Topics.h"
-#include "service/Limits.h"
+#include "service/Codec.h"
 #include "service/PropertyService.h"
 
 namespace propertyservice {

@@ -9,7 +9,7 @@
 #include "FakeStore.h"
 #include "fakes/LogCapture.h"
 #include "propertyprotocol/Topics.h"
-#include "service/Limits.h"
+#include "service/Codec.h"
 
 namespace propertyservice {
 namespace {

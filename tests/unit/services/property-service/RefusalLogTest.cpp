@@ -6,7 +6,6 @@
 #include "fakes/LogCapture.h"
 #include "propertyprotocol/Json.h"
 #include "propertyprotocol/Topics.h"
-#include "service/Excerpt.h"
 #include "service/PropertyService.h"
 
 namespace propertyservice {

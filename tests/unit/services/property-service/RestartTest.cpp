@@ -1,4 +1,4 @@
-// The property service is killed and restarted while a client writes: calls of a patient thread survive, others fail at
+// The property service is killed and restarted while a client writes: calls in a RecoveryScope survive, others fail at
 // once.
 #include <gtest/gtest.h>
 #include <signal.h>
@@ -19,8 +19,8 @@
 #include "TemporaryFolder.h"
 #include "fakes/Broker.h"
 #include "ipc/IPCFactory.h"
-#include "propertyapi/PatientCalls.h"
 #include "propertyapi/PropertyApiBuilder.h"
+#include "propertyapi/RecoveryScope.h"
 
 namespace {
 
@@ -94,13 +94,13 @@ TEST_F(Restart, LosesNoSetOfAPatientThread) {
     std::promise<void> halfWay;
     std::vector<std::string> failures;
     std::thread writer([&] {
-        const propertyapi::PatientCalls patient;
+        const propertyapi::RecoveryScope scope;
         failures = writeAll(halfWay);
     });
     halfWay.get_future().wait();
     EXPECT_EQ(service->end(SIGKILL), -SIGKILL);
     while (isOnline()) std::this_thread::yield();
-    // This thread is not patient.
+    // This thread has no RecoveryScope.
     const auto begin = steady_clock::now();
     EXPECT_THROW(properties->set(key(0), "0"), PropertyOfflineException);
     EXPECT_LT(steady_clock::now() - begin, 2s);
@@ -174,7 +174,7 @@ TEST_F(Restart, LosesNoChangeOfAnAnsweredSet) {
     bus->disconnect();
 }
 
-TEST_F(Restart, FailsSetsOfAnImpatientThreadAtOnce) {
+TEST_F(Restart, FailsSetsAtOnceWithoutARecoveryScope) {
     std::promise<void> halfWay;
     std::vector<std::string> failures;
     steady_clock::time_point end;
@@ -194,7 +194,7 @@ TEST_F(Restart, WithSigtermLosesNoSetOfAPatientThread) {
     std::promise<void> halfWay;
     std::vector<std::string> failures;
     std::thread writer([&] {
-        const propertyapi::PatientCalls patient;
+        const propertyapi::RecoveryScope scope;
         failures = writeAll(halfWay);
     });
     halfWay.get_future().wait();
@@ -209,7 +209,7 @@ TEST_F(Restart, OfServiceAndBrokerLosesNoSetOfAPatientThread) {
     std::promise<void> halfWay;
     std::vector<std::string> failures;
     std::thread writer([&] {
-        const propertyapi::PatientCalls patient;
+        const propertyapi::RecoveryScope scope;
         failures = writeAll(halfWay);
     });
     halfWay.get_future().wait();

@@ -1,4 +1,4 @@
-#include "CommandLine.h"
+#include "Commands.h"
 
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
@@ -6,14 +6,14 @@
 #include <sstream>
 
 #include "Failure.h"
-#include "Help.h"
-#include "Output.h"
 #include "Phone.h"
+#include "common/UrlSyntax.h"
 #include "data/UrlVectors.h"
 
 namespace zavctl {
 namespace {
 
+using common::withoutPassword;
 using testing::ElementsAre;
 using testing::HasSubstr;
 using testing::Not;
@@ -286,11 +286,22 @@ std::vector<std::string> wordsOf(const std::string& example) {
     return words;
 }
 
+// The examples in a help text: the lines after "Examples:".
+std::vector<std::string> examplesIn(const std::string& help) {
+    std::istringstream lines(help.substr(help.find("\nExamples:\n") + 11));
+    std::vector<std::string> examples;
+    for (std::string line; std::getline(lines, line) && line.compare(0, 2, "  ") == 0;) examples.push_back(line);
+    return examples;
+}
+
 TEST_F(Zavctl, HelpExamplesAreValidCommandLines) {
     phone.properties->setOffline(true);  // so that no example waits or writes
     for (const std::string& command : commands()) {
-        EXPECT_FALSE(examplesOf(command).empty()) << command;
-        for (const std::string& example : examplesOf(command)) {
+        phone.out.str("");
+        ASSERT_EQ(phone.run({"help", command}), ExitCode::done);
+        const std::vector<std::string> examples = examplesIn(phone.out.str());
+        EXPECT_FALSE(examples.empty()) << command;
+        for (const std::string& example : examples) {
             const std::vector<std::string> words = wordsOf(example);
             ASSERT_EQ(words.front(), command);
             const bool readsInput = words.back() == "-" && command != "backup";

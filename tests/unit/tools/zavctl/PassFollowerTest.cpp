@@ -26,9 +26,9 @@ class Follower : public testing::Test {
 TEST_F(Follower, FollowsAPassFromRequestToResult) {
     EXPECT_FALSE(now());
     change(state, "request", "zavctl");
-    EXPECT_FALSE(follower.passBegan());
+    EXPECT_FALSE(follower.state().passBegan);
     change(lock, "1");
-    EXPECT_TRUE(follower.passBegan());
+    EXPECT_TRUE(follower.state().passBegan);
     change(lock, "0");
     change("State.Provisioning.HttpErrorCode", "200");
     EXPECT_FALSE(now());
@@ -41,8 +41,8 @@ TEST_F(Follower, IgnoresAResultBeforeTheRequest) {
     change(state, "success");
     change(state, "request", "zavctl");
     EXPECT_FALSE(now());
-    EXPECT_FALSE(follower.unconfirmedResult());
-    EXPECT_FALSE(follower.passBegan());
+    EXPECT_FALSE(follower.state().result);
+    EXPECT_FALSE(follower.state().passBegan);
 }
 
 TEST_F(Follower, IgnoresRequestsOfOtherClients) {
@@ -50,7 +50,7 @@ TEST_F(Follower, IgnoresRequestsOfOtherClients) {
     change(lock, "1");
     change(state, "fail");
     EXPECT_FALSE(now());
-    EXPECT_FALSE(follower.unconfirmedResult());
+    EXPECT_FALSE(follower.state().result);
 }
 
 TEST_F(Follower, IgnoresTheResultOfAnEarlierPass) {
@@ -58,9 +58,9 @@ TEST_F(Follower, IgnoresTheResultOfAnEarlierPass) {
     change(lock, "0");
     change(state, "fail");
     EXPECT_FALSE(now());
-    EXPECT_EQ(follower.unconfirmedResult(), "fail");
+    EXPECT_EQ(follower.state().result, "fail");
     change(lock, "1");
-    EXPECT_FALSE(follower.unconfirmedResult());
+    EXPECT_FALSE(follower.state().result);
     change(lock, "0");
     change(state, "success");
     EXPECT_EQ(now(), "success");
@@ -71,12 +71,12 @@ TEST_F(Follower, IgnoresARedirectOfAnEarlierPass) {
     change(state, "request", "zavctl");
     change(lock, "1");  // the pass of the redirect
     change(lock, "0");
-    EXPECT_FALSE(follower.passBegan());
+    EXPECT_FALSE(follower.state().passBegan);
     change(lock, "0");
     change(state, "fail");
     EXPECT_FALSE(now());
     change(lock, "1");
-    EXPECT_TRUE(follower.passBegan());
+    EXPECT_TRUE(follower.state().passBegan);
     change(lock, "0");
     change(state, "success");
     EXPECT_EQ(now(), "success");
@@ -97,21 +97,21 @@ TEST(FollowerWithShortSettleTime, AcceptsAResultWithoutAStartAfterTheSettleTime)
     follower.messageArrived("t", changeText(state, "request-check-sync", "zavctl"));
     follower.messageArrived("t", changeText(state, "success", ""));
     EXPECT_EQ(follower.waitUntil(Clock::now() + std::chrono::hours(1)), "success");
-    EXPECT_FALSE(follower.passBegan());
+    EXPECT_FALSE(follower.state().passBegan);
 }
 
 TEST_F(Follower, StopsWaitingWhenTheBrokerOrServiceGoesAway) {
     const auto late = Clock::now() + std::chrono::seconds(20);
     follower.messageArrived("prop-service/status", "online");
     follower.messageArrived("another/status", "offline");
-    EXPECT_EQ(follower.lostReason(), "");
+    EXPECT_EQ(follower.state().lostReason, "");
     follower.messageArrived("prop-service/status", "offline");
     EXPECT_FALSE(follower.waitUntil(late));
-    EXPECT_EQ(follower.lostReason(), "the property service went away");
+    EXPECT_EQ(follower.state().lostReason, "the property service went away");
     PassFollower other("zavctl", std::chrono::hours(1));
     other.connectionLost("x");
     EXPECT_FALSE(other.waitUntil(late));
-    EXPECT_EQ(other.lostReason(), "the connection to the broker was lost: x");
+    EXPECT_EQ(other.state().lostReason, "the connection to the broker was lost: x");
     EXPECT_LT(Clock::now(), late) << "waited until the deadline";
 }
 
@@ -124,13 +124,13 @@ TEST_F(Follower, KeepsAResultReceivedBeforeTheConnectionWasLost) {
 }
 
 TEST_F(Follower, KnowsWhetherAnEarlierPassIsRunning) {
-    EXPECT_FALSE(follower.isEarlierPassRunning());
+    EXPECT_FALSE(follower.state().isEarlierPassRunning);
     follower.expectEarlierResult();
-    EXPECT_TRUE(follower.isEarlierPassRunning());
+    EXPECT_TRUE(follower.state().isEarlierPassRunning);
     change(state, "request", "zavctl");
-    EXPECT_TRUE(follower.isEarlierPassRunning());
+    EXPECT_TRUE(follower.state().isEarlierPassRunning);
     change(state, "fail");
-    EXPECT_FALSE(follower.isEarlierPassRunning());
+    EXPECT_FALSE(follower.state().isEarlierPassRunning);
 }
 
 TEST_F(Follower, IgnoresInvalidChanges) {
@@ -138,7 +138,7 @@ TEST_F(Follower, IgnoresInvalidChanges) {
     for (const char* content : {"", "x", "[]", "{}", R"({"param":5,"value":"success"})"}) {
         follower.messageArrived("t", content);
     }
-    EXPECT_FALSE(follower.unconfirmedResult());
+    EXPECT_FALSE(follower.state().result);
 }
 
 }  // namespace

@@ -14,7 +14,7 @@
 #include <utility>
 #include <vector>
 
-#include "CommandLine.h"
+#include "Commands.h"
 #include "fakes/FakeProperties.h"
 #include "ipc/IPCException.h"
 

@@ -1,4 +1,4 @@
-#include "PrivateFile.h"
+#include "SettingsFile.h"
 
 #include <fcntl.h>
 #include <gmock/gmock.h>

@@ -10,7 +10,7 @@
 #include <optional>
 #include <sstream>
 
-#include "CommandLine.h"
+#include "Commands.h"
 #include "Json.h"
 #include "SettingsFile.h"
 #include "propertyapi/PropertyApiBuilder.h"

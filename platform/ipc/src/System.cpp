@@ -1,0 +1,104 @@
+#include "System.h"
+
+#include <netdb.h>
+#include <poll.h>
+#include <pthread.h>
+#include <sys/eventfd.h>
+#include <sys/socket.h>
+#include <unistd.h>
+
+#include <algorithm>
+#include <cerrno>
+#include <cstdint>
+#include <memory>
+#include <system_error>
+#include <utility>
+
+#include "common/Signal.h"
+#include "ipc/IPCException.h"
+
+namespace ipc {
+
+namespace {
+
+using AddressList = std::unique_ptr<addrinfo, decltype(&freeaddrinfo)>;
+
+/// Returns getaddrinfo's result.
+int lookUp(const std::string& host, const char* port, int flags, AddressList& found) {
+    addrinfo hints{};
+    hints.ai_socktype = SOCK_STREAM;
+    hints.ai_flags = flags;
+    addrinfo* list = nullptr;
+    const int result = getaddrinfo(host.c_str(), port, &hints, &list);
+    found.reset(list);
+    return result;
+}
+
+}  // namespace
+
+std::thread startThread(const char* name, std::function<void()> body) {
+    const common::signal::AllBlocked blocked;
+    try {
+        std::thread thread(std::move(body));
+        pthread_setname_np(thread.native_handle(), name);
+        return thread;
+    } catch (const std::system_error& error) {
+        throw IPCException(std::string("Cannot start a thread: ") + error.what());
+    }
+}
+
+Waker::Waker() : event_(eventfd(0, EFD_NONBLOCK | EFD_CLOEXEC)) {
+    if (event_.get() < 0) throw IPCException("Cannot create an event descriptor: " + common::reasonOf(errno));
+}
+
+void Waker::wake() const {
+    const std::uint64_t one = 1;
+    // A full counter means that a wake-up is pending already.
+    [[maybe_unused]] const ssize_t written = ::write(event_.get(), &one, sizeof one);
+}
+
+void Waker::drain() const {
+    std::uint64_t count = 0;
+    [[maybe_unused]] const ssize_t size = ::read(event_.get(), &count, sizeof count);
+}
+
+std::vector<std::string> resolve(const Address& address, std::string& failure) {
+    AddressList found(nullptr, &freeaddrinfo);
+    const int result = lookUp(address.host, nullptr, 0, found);
+    if (result != 0) failure = gai_strerror(result);
+    std::vector<std::string> numeric;
+    for (const addrinfo* each = found.get(); each != nullptr; each = each->ai_next) {
+        char host[NI_MAXHOST];
+        if (getnameinfo(each->ai_addr, each->ai_addrlen, host, sizeof host, nullptr, 0, NI_NUMERICHOST) == 0) {
+            numeric.emplace_back(host);
+        }
+    }
+    // A phone with a damaged hosts file must still reach its own broker.
+    if (numeric.empty() && address.host == "localhost") numeric.emplace_back("127.0.0.1");
+    return numeric;
+}
+
+std::optional<std::string> probe(const std::string& numericAddress, int port,
+                                 std::chrono::steady_clock::time_point deadline, int cancel) {
+    AddressList found(nullptr, &freeaddrinfo);
+    const int result = lookUp(numericAddress, std::to_string(port).c_str(), AI_NUMERICHOST | AI_NUMERICSERV, found);
+    if (result != 0) return std::string(gai_strerror(result));
+
+    const common::Descriptor tried(socket(found->ai_family, SOCK_STREAM | SOCK_NONBLOCK | SOCK_CLOEXEC, 0));
+    if (tried.get() < 0) return common::reasonOf(errno);
+    if (connect(tried.get(), found->ai_addr, found->ai_addrlen) == 0) return std::string();
+    if (errno != EINPROGRESS) return common::reasonOf(errno);
+
+    using std::chrono::milliseconds;
+    const auto left = std::chrono::ceil<milliseconds>(deadline - std::chrono::steady_clock::now()).count();
+    pollfd watched[2] = {{tried.get(), POLLOUT, 0}, {cancel, POLLIN, 0}};
+    poll(watched, 2, static_cast<int>(std::max<milliseconds::rep>(left, 0)));
+    if (watched[0].revents == 0 && watched[1].revents != 0) return std::nullopt;
+    if (watched[0].revents == 0) return std::string("the broker does not answer");
+    int error = 0;
+    socklen_t size = sizeof error;
+    getsockopt(tried.get(), SOL_SOCKET, SO_ERROR, &error, &size);
+    return error == 0 ? std::string() : common::reasonOf(error);
+}
+
+}  // namespace ipc
