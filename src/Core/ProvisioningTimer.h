@@ -27,7 +27,7 @@ class TimerClock {
 };
 
 /// Night offset: 13995 s (03:53:15) on every phone, because its seed is the name of the MAC address property, not its
-/// value.
+/// value. Kept on purpose: operators and servers rely on that time.
 std::chrono::seconds nightOffset();
 
 /// Local midnight at the start of today plus the offset, or exactly 24 h later if that is before `now`.

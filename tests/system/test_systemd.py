@@ -57,7 +57,7 @@ class SystemdTest(unittest.TestCase):
         self.assertFalse(self.heard("STOPPING=1"))
         self.assertEqual(phone.service("stop", "properties"), 0)
         self.assertTrue(self.heard("STOPPING=1"))
-        self.assertNotIn("WATCHDOG=1", self.received, "nobody asked for signs of life")
+        self.assertNotIn("WATCHDOG=1", self.received, "the unit sets no watchdog")
         self.log.none(["Cannot notify systemd"])
 
     def test_signs_of_life_come_from_the_thread_that_answers(self):

@@ -28,7 +28,7 @@ using common::reasonOf;
 
 constexpr std::size_t keptErrorText = 512;
 constexpr std::chrono::milliseconds stopCheckInterval{250};
-// What a shell answers for a program that it does not find, or may not execute.
+// Exit statuses of a shell for a program that it does not find, or may not execute.
 constexpr int cannotExecute = 126;
 constexpr int commandNotFound = 127;
 
@@ -49,7 +49,7 @@ bool openPipe(Descriptor& reading, Descriptor& writing) {
     return opened;
 }
 
-// A child that knows nothing of us: own group, default signals, three descriptors.
+// The child has its own process group, default signal handling and no open files but the standard ones.
 class SpawnAttributes {
  public:
     explicit SpawnAttributes(int errorPipe) {
@@ -83,7 +83,7 @@ class SpawnAttributes {
     posix_spawn_file_actions_t actions_{};
 };
 
-// What the child says on standard error; the beginning is kept, the rest is read away so that it never blocks.
+// Reads the child's standard error and keeps its beginning. The rest is discarded, so that the child never blocks.
 void drain(Descriptor& pipe, std::string& kept) {
     std::array<char, 4096> buffer{};
     for (;;) {
@@ -99,7 +99,7 @@ void drain(Descriptor& pipe, std::string& kept) {
     }
 }
 
-// The running shell. Destroyed before it was waited for, it is killed with its whole group.
+// The running shell. The destructor kills its process group unless it has been reaped.
 class Shell {
  public:
     /// Throws CommandNotStartedException.
@@ -121,7 +121,7 @@ class Shell {
         reap();
     }
 
-    /// Makes the end something that poll can wait for, on every kernel and C library: a thread waits for it and then
+    /// Lets poll wait for the end of the shell, on every kernel and C library: a thread waits for it and then
     /// closes a pipe. No signal handler, no polling, and processes that the shell leaves behind do not delay it. Throws
     /// std::system_error if no descriptor or no thread is left.
     void watch() {
@@ -138,9 +138,9 @@ class Shell {
     /// Reports POLLHUP once the shell has ended.
     int endDescriptor() const { return ended_.get(); }
 
-    /// Waits for the end. The exit status as waitpid reports it; nothing, with errno set, if it is lost.
+    /// Waits for the end. Returns the exit status of waitpid, or nothing, with errno set, if it is lost.
     std::optional<int> reap() {
-        if (waiting_.joinable()) waiting_.join();  // it may still be looking at the process
+        if (waiting_.joinable()) waiting_.join();  // it may still use the process number
         reaped_ = true;
         int status = 0;
         while (waitpid(process_, &status, 0) < 0) {
@@ -157,7 +157,7 @@ class Shell {
     bool reaped_ = false;
 };
 
-std::string spoken(std::string errorText) {
+std::string errorSuffix(std::string errorText) {
     while (!errorText.empty() && errorText.back() == '\n') errorText.pop_back();
     return errorText.empty() ? "" : ": " + quote(errorText);
 }
@@ -207,10 +207,10 @@ void execute(const std::string& command, std::chrono::milliseconds timeout, cons
     if (!status) fail(command, "cannot be waited for: " + reasonOf(errno));
     if (errors.get() >= 0) drain(errors, errorText);
     if (WIFSIGNALED(*status)) {
-        fail(command, "was ended by signal " + std::to_string(WTERMSIG(*status)) + spoken(errorText));
+        fail(command, "was ended by signal " + std::to_string(WTERMSIG(*status)) + errorSuffix(errorText));
     }
     if (const int code = WEXITSTATUS(*status); code != 0) {
-        const std::string reason = "ended with status " + std::to_string(code) + spoken(errorText);
+        const std::string reason = "ended with status " + std::to_string(code) + errorSuffix(errorText);
         if (code == cannotExecute || code == commandNotFound) failToStart(command, reason);
         fail(command, reason);
     }

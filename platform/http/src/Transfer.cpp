@@ -248,7 +248,7 @@ void Transfer::beginBody() {
 
 void Transfer::checkCodings() {
     const auto refuse = [this](const char* logText, const std::string& codings) {
-        dbg::Debug::warning() << logText << shortened(codings) << "', which nobody asked for; download failed"
+        dbg::Debug::warning() << logText << shortened(codings) << "', which was not requested; download failed"
                               << std::endl;
         ended_ = CURLE_BAD_CONTENT_ENCODING;
     };

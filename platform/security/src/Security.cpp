@@ -147,7 +147,7 @@ int Security::checkCertificate(const std::string& path) {
     const std::string bytes = readFile(path, maxCertificateSize, Links::refuse);
     if (isValidToday(bytes)) return 1;
     const Certificates found = certificatesFromPem(bytes, Parse::yes);
-    // Whoever installs the file might use another block than the one that was checked.
+    // The program that installs the file might use another block than the one that was checked.
     const bool single = found.der.size() == 1 && found.damaged == 0 && found.others == 0;
     return single && isValidToday(found.der.front()) ? 1 : 0;
 }

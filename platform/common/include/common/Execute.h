@@ -9,8 +9,7 @@
 
 namespace os {
 
-/// Why a command did not do its work. The text names the command, the reason, and the first of what it wrote to
-/// standard error.
+/// A command that failed. The text names the command, the reason, and the beginning of its standard error.
 class ExecuteException : public std::runtime_error {
  public:
     using std::runtime_error::runtime_error;

@@ -176,7 +176,7 @@ TEST_F(ContentCoding, FailsTheDownloadAndIsLogged) {
     EXPECT_EQ(fetchCoded("/a.xml", {{"Content-Encoding", "gzip"}}), badCoding);
     EXPECT_EQ(curl->getHttpCode(), 200);
     EXPECT_TRUE(namesIn(folder).empty());
-    const std::string line = "The answer has the content coding 'gzip', which nobody asked for; download failed";
+    const std::string line = "The answer has the content coding 'gzip', which was not requested; download failed";
     EXPECT_TRUE(log.has(fakes::warning("platform/http/src/Transfer", line))) << log.text();
 }
 

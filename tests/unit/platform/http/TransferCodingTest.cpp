@@ -56,7 +56,7 @@ TEST_F(TransferCoding, GzipFailsTheDownloadAndIsLogged) {
     EXPECT_EQ(curl->getHttpCode(), 200);
     EXPECT_TRUE(namesIn(folder).empty());
     const std::string line =
-        "The answer has the transfer coding 'gzip, chunked', which nobody asked for; download failed";
+        "The answer has the transfer coding 'gzip, chunked', which was not requested; download failed";
     EXPECT_EQ(log.count(fakes::warning("platform/http/src/Transfer", line)), 1U) << log.text();
 }
 

@@ -4,6 +4,7 @@
 #include <sqlite3.h>
 #include <sys/stat.h>
 
+#include <cstdint>
 #include <filesystem>
 #include <fstream>
 #include <iterator>
@@ -147,7 +148,7 @@ unsigned long lastOf(const std::vector<Entry>& entries) {
 
 TEST(TornLog, KeepsAPrefixWithAllSyncedWrites) {
     const TemporaryFolder folder;
-    std::size_t synced = 0;
+    std::uintmax_t synced = 0;
     constexpr unsigned long before = 6;
     constexpr unsigned long after = 12;
     {
