@@ -8,7 +8,7 @@ _zavctl_keys() {
 _zavctl() {
     local cur=${COMP_WORDS[COMP_CWORD]} command='' words=0 index word name
     local host=()
-    local commands='backup describe diff export get help import keys list provision reset restore set status watch'
+    local commands='backup describe diff doctor export get help import keys list provision reset restore set status watch'
     COMPREPLY=()
     for ((index = 1; index < COMP_CWORD; index++)); do
         word=${COMP_WORDS[index]}
@@ -39,6 +39,7 @@ _zavctl() {
             import) options+=' --show-secrets --apply' ;;
             backup) options+=' --force' ;;
             provision) options+=' --wait --timeout' ;;
+            doctor) options+=' --log' ;;
         esac
         mapfile -t COMPREPLY < <(compgen -W "$options" -- "$cur")
         return

@@ -31,6 +31,11 @@ FENCED = {
     r"CLI/.*": r"services/.*|tools/.*",
 }
 
+# `zavctl doctor` finds out whether the daemon would accept what it finds: it runs the daemon's own checks instead of
+# copies of them. No other file of services/ and tools/ includes anything of src/.
+DOCTOR = (r"tools/zavctl/Doctor\w+\.cpp",
+          r"Core/(GlobalConfig|Pass|Utils|JobHandlers/ProvisioningFileParser)\.h|xml/XMLParser\.h")
+
 # The daemon's files by rank: a file includes its own rank and those before it.
 RANKS = [
     r"xml/.*|Core/(Constants|GlobalConfig|Utils|Pass|Predecessor|ProvisioningTimer"
@@ -86,7 +91,8 @@ class DependencyRules(unittest.TestCase):
         wrong = [f"{name} includes {target}"
                  for name in tree.sources("services", "tools", "lab")
                  for kind, target in tree.includes(name)
-                 if kind == '"' and re.match(r"(Core|xml|src|tests)/", target)]
+                 if kind == '"' and re.match(r"(Core|xml|src|tests)/", target)
+                 and not (re.fullmatch(DOCTOR[0], name) and re.fullmatch(DOCTOR[1], target))]
         self.assertEqual(wrong, [])
 
     def test_the_parts_of_the_property_service_include_downwards(self):

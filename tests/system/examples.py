@@ -148,9 +148,12 @@ def mistakes(page):
 
 
 def comparable(line):
-    """The line without what differs from run to run: times, line numbers of the source, width of blanks."""
+    """The line without what differs from run to run: times, dates, free space, line numbers of the source, width of
+    blanks."""
     line = re.sub(r"\b\d+\.\d+ s\b", "# s", line)
     line = re.sub(r"\b\d{4}-\d\d-\d\dT\d\d:\d\d:\d\d(\.\d+)?Z?", "TIME", line)
+    line = re.sub(r"\b\d{4}-\d\d-\d\d\b", "DATE", line)
+    line = re.sub(r"\b\d+ MiB free", "# MiB free", line)
     line = re.sub(r"(?<=[A-Za-z]):\d+(?= )", ":#", line)
     return re.sub(r"\s+", " ", line).strip()
 

@@ -196,6 +196,8 @@ class WholePhoneTest(BrokerTest):
                 return listener.poll() is not None
             phone.wait_until(answered, "the watchdog's answer")
             self.assertEqual(listener.stdout.read(), '{"param":"Ok"}\n')
+        _, said = run_command("zavctl", "doctor")
+        self.assertRegex(said, r"(?m)^ok +daemon +answers$")
 
 
 class PasswordTest(BrokerTest):

@@ -201,6 +201,11 @@ class CommandLine {
         addCommand("status", "Prints server, last result, user interface lock, versions and period", {},
                    {"the status was printed"}, {"zavctl status", "zavctl status --json"},
                    [this] { status(environment_, options_); });
+        addCommand("doctor", "Finds out why the phone does not provision, and changes nothing", {},
+                   {"no error was found", "an error was found", nullptr, nullptr},
+                   {"zavctl doctor", "zavctl doctor --json"}, [this] { code_ = doctor(environment_, options_, log_); })
+            ->add_option("--log", log_, "File with the daemon's log; default: the journal of zavd.service")
+            ->envname("ZAVD_LOG");
     }
 
     void addTransferCommands() {
@@ -283,6 +288,7 @@ class CommandLine {
     bool replace_ = false;
     bool wait_ = false;
     double timeoutSeconds_ = 300;
+    std::string log_;
     ExitCode code_ = ExitCode::done;
 };
 

@@ -52,4 +52,7 @@ void watch(const Environment& environment, const Options& options, const std::st
 ExitCode provision(const Environment& environment, const Options& options, bool wait,
                    std::chrono::milliseconds timeout);
 
+/// Prints why the phone does not provision; changes nothing. `log` is the daemon's log; if it is empty, the journal is.
+ExitCode doctor(const Environment& environment, const Options& options, const std::string& log);
+
 }  // namespace zavctl

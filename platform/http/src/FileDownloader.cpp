@@ -14,6 +14,7 @@
 #include "PartialFile.h"
 #include "ResumePlan.h"
 #include "Transfer.h"
+#include "common/Release.h"
 #include "debug/Debug.h"
 #include "http/CurlTypes.h"
 #include "http/FormatUrl.h"
@@ -22,9 +23,6 @@
 namespace zav {
 
 namespace {
-
-// A system clock that shows an earlier date has not been set.
-constexpr std::chrono::system_clock::time_point releaseDate{std::chrono::seconds{1795305600}};  // 2026-11-22, UTC
 
 constexpr unsigned maxRedirects = 5;
 constexpr std::uint64_t firmwareReserve = 16 * mebibyte;  // left free on the file system
@@ -217,7 +215,7 @@ bool Download::addCredentials(Hop& hop, unsigned long offered) const {
 void Download::logUnsetClock(int result) const {
     if (result != CURLE_PEER_FAILED_VERIFICATION && result != CURLE_SSL_CONNECT_ERROR) return;
     const auto now = client_.settings.systemNow();
-    if (now >= releaseDate) return;
+    if (now >= common::releaseDate) return;
     dbg::Debug::warning() << "The clock is not set: it shows " << formatDate(now)
                           << ", so certificates are not valid yet" << std::endl;
 }

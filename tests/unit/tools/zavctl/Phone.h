@@ -6,6 +6,7 @@
 #include <json/writer.h>
 
 #include <chrono>
+#include <functional>
 #include <memory>
 #include <mutex>
 #include <sstream>
@@ -34,7 +35,10 @@ class FakeBus final : public ipc::IIPCClient {
         const std::lock_guard<std::mutex> lock(mutex_);
         subscriptions_.emplace_back(topicFilter, &callback);
     }
-    void publish(const std::string&, const std::string&, int) override {}
+    void publish(const std::string& topic, const std::string&, int) override {
+        published.push_back(topic);
+        if (onPublish) onPublish(topic);
+    }
     void watchPresence(const std::string&) override {}
     std::string request(const std::string& topic, const std::string&, const std::string&,
                         std::chrono::milliseconds) override {
@@ -48,6 +52,13 @@ class FakeBus final : public ipc::IIPCClient {
         return all;
     }
 
+    /// Calls the subscribers of exactly this topic.
+    void answer(const std::string& topic) {
+        const std::lock_guard<std::mutex> lock(mutex_);
+        for (const auto& [filter, callback] : subscriptions_) {
+            if (filter == topic) callback->messageArrived(topic, "{}");
+        }
+    }
     /// Calls every subscriber, whatever its filter.
     void deliver(const std::string& topic, const std::string& content) {
         const std::lock_guard<std::mutex> lock(mutex_);
@@ -62,6 +73,8 @@ class FakeBus final : public ipc::IIPCClient {
     std::string descriptions = R"({"definitions":[]})";
     std::vector<std::string> hosts;
     int disconnects = 0;
+    std::vector<std::string> published;                       // topics
+    std::function<void(const std::string& topic)> onPublish;  // what the other clients do
 
  private:
     std::mutex mutex_;
