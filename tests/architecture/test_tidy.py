@@ -56,14 +56,14 @@ class Tidy(unittest.TestCase):
         self.git("add", "-A")
         self.git("commit", "-qm", f"change {' '.join(names)}")
 
-    def tidied(self, status=0):
+    def tidied(self, status=0, limit=()):
         """What it says, and the sources that it hands to the build."""
         path = f"{self.root}/bin:{os.environ['PATH']}"
-        done = subprocess.run([self.root / "scripts/tidy", "--changed"], env={**os.environ, "PATH": path},
+        done = subprocess.run([self.root / "scripts/tidy", "--changed", *limit], env={**os.environ, "PATH": path},
                               capture_output=True, text=True)
         self.assertEqual(done.returncode, status, done.stderr)
         builds = [line for line in done.stdout.splitlines() if line.startswith("build tidy ")]
-        targets = builds[0].split()[4:] if builds else []
+        targets = [target for build in builds for target in build.split()[4:]]
         return done.stdout, [target.removeprefix(f"{self.root}/").removesuffix("^") for target in targets]
 
     def test_a_commit_without_a_parent_is_not_checked_and_says_so(self):
@@ -101,6 +101,13 @@ class Tidy(unittest.TestCase):
     def test_a_source_outside_the_build_is_named(self):
         self.commit("src/Unbuilt.cpp")
         self.assertIn("src/Unbuilt.cpp is not part of the build", self.tidied()[0])
+
+    def test_the_rest_is_left_when_the_time_is_up(self):
+        self.commit("src/Own.cpp")
+        said, sources = self.tidied(limit=["0"])
+        self.assertIn("clang-tidy: checked 0 of 1 sources", said)
+        self.assertIn("the time is up", said)
+        self.assertEqual(sources, [])
 
     def test_findings_are_its_exit_status(self):
         self.write("scripts/build", '[ "$1" != tidy ]\n')
