@@ -1,4 +1,4 @@
-"""The examples of README.md and docs/*.md: every block of code, what it is, and how its output is compared.
+"""The examples of README.md, docs/*.md and docs/man/*.md: every block of code, what it is, and how its output is compared.
 
 The info string says what a block is:
 
@@ -72,7 +72,7 @@ class Block:
 
 
 def pages():
-    return ["README.md", *sorted(f"docs/{path.name}" for path in (ROOT / "docs").glob("*.md"))]
+    return ["README.md", *sorted(str(path.relative_to(ROOT)) for folder in ("docs", "docs/man") for path in (ROOT / folder).glob("*.md"))]
 
 
 def blocks(page, text=None):
