@@ -9,6 +9,7 @@ The info string says what a block is:
     ```json             a catalogue (it has "keys"), with which the property service starts
     ```ini              a part of a systemd unit
     ```conf             a configuration of the broker
+    ```nginx, apache, dnsmasq    a server's configuration
 
 A comment on the line before the block says more:
 
@@ -22,7 +23,7 @@ import pathlib
 import re
 
 ROOT = pathlib.Path(__file__).resolve().parents[2]
-KINDS = ("xml", "console", "sh", "log", "json", "ini", "conf")
+KINDS = ("xml", "console", "sh", "log", "json", "ini", "conf", "nginx", "apache", "dnsmasq")
 ON_THE_MACHINE = re.compile(r"^(lab|scripts)/|^ctest ")
 FENCE = re.compile(r"^ {0,3}(```+|~~~+)(.*)$")
 COMMENT = re.compile(r"^<!-- *(figure|published|meanwhile)(?:: *(.*?))? *-->$")
