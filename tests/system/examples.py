@@ -76,6 +76,11 @@ def pages():
     return ["README.md", *sorted(str(path.relative_to(ROOT)) for folder in ("docs", "docs/man") for path in (ROOT / folder).glob("*.md"))]
 
 
+def documents():
+    """The pages, and those beside README.md, whose blocks are not examples."""
+    return pages() + ["ARCHITECTURE.md", "CHANGELOG.md", "CONTRIBUTING.md"]
+
+
 def blocks(page, text=None):
     """All blocks of a page, also those made by indentation, whose kind is always unknown."""
     lines = (text if text is not None else (ROOT / page).read_text(encoding="utf-8")).splitlines()

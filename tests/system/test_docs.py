@@ -206,7 +206,7 @@ class DocsTest(unittest.TestCase):
         self.assertEqual(cut, [])
 
     def test_links_lead_somewhere(self):
-        broken = [f"{page}: {link}" for page in examples.pages() for link in examples.links(page) if not examples.exists(page, link)]
+        broken = [f"{page}: {link}" for page in examples.documents() for link in examples.links(page) if not examples.exists(page, link)]
         self.assertEqual(broken, [])
 
     def test_every_example_does_what_its_page_says(self):
