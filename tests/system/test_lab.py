@@ -124,6 +124,10 @@ class ServiceTest(unittest.TestCase):
                 self.assertNotEqual(status, 0)
                 self.assertEqual(said, [f"lab/service: {reason}"])
 
+    def test_the_daemon_stays_ready_when_the_property_service_restarts(self):
+        script = "service ready daemon; service restart properties; timeout 20 service ready daemon; echo $?"
+        self.assertEqual(phone(["--no-boot-pass"], script), (0, ["0"]))
+
     def test_a_killed_service_starts_again(self):
         script = "for i in 1 2 3 4 5; do kill -9 $(cat /run/phone/server.pid); service start server; done; service status server"
         self.assertEqual(phone(["--no-broker", "--no-properties", "--no-daemon"], script), (0, ["running"]))
