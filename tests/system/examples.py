@@ -1,4 +1,4 @@
-"""The examples of README.md and docs/*.md: every block of code, what it is, and how its output is compared.
+"""The examples of README.md, docs/*.md and docs/man/*.md: every block of code, what it is, and how its output is compared.
 
 The info string says what a block is:
 
@@ -9,6 +9,7 @@ The info string says what a block is:
     ```json             a catalogue (it has "keys"), with which the property service starts
     ```ini              a part of a systemd unit
     ```conf             a configuration of the broker
+    ```nginx, apache, dnsmasq    a server's configuration
 
 A comment on the line before the block says more:
 
@@ -22,7 +23,7 @@ import pathlib
 import re
 
 ROOT = pathlib.Path(__file__).resolve().parents[2]
-KINDS = ("xml", "console", "sh", "log", "json", "ini", "conf")
+KINDS = ("xml", "console", "sh", "log", "json", "ini", "conf", "nginx", "apache", "dnsmasq")
 ON_THE_MACHINE = re.compile(r"^(lab|scripts)/|^ctest ")
 FENCE = re.compile(r"^ {0,3}(```+|~~~+)(.*)$")
 COMMENT = re.compile(r"^<!-- *(figure|published|meanwhile)(?:: *(.*?))? *-->$")
@@ -72,7 +73,12 @@ class Block:
 
 
 def pages():
-    return ["README.md", *sorted(f"docs/{path.name}" for path in (ROOT / "docs").glob("*.md"))]
+    return ["README.md", *sorted(str(path.relative_to(ROOT)) for folder in ("docs", "docs/man") for path in (ROOT / folder).glob("*.md"))]
+
+
+def documents():
+    """The pages, and those beside README.md, whose blocks are not examples."""
+    return pages() + ["ARCHITECTURE.md", "CHANGELOG.md", "CONTRIBUTING.md"]
 
 
 def blocks(page, text=None):

@@ -114,7 +114,7 @@ class CommandsTest(unittest.TestCase):
     def test_scripts_refuse_arguments_that_they_do_not_know(self):
         copy = Copy()
         self.addCleanup(copy.folder.cleanup)
-        for name in ("build", "demo", "format", "pictures", "setup", "sysroot", "test", "tidy"):
+        for name in ("build", "demo", "docs", "format", "pictures", "setup", "sysroot", "test", "tidy"):
             with self.subTest(name):
                 status, said = copy.run(f"scripts/{name} --nothing")
                 self.assertEqual(status, 2, said)

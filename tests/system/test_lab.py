@@ -70,6 +70,46 @@ class OptionsTest(unittest.TestCase):
         self.assertIn("lab/phone: the setting Time.Format=13h was refused", said)
 
 
+class ShellTest(unittest.TestCase):
+    """What somebody meets who starts lab/phone without a command."""
+
+    def shell(self, text, folder=PROJECT, options=()):
+        """(what was printed, what was said beside it) by a shell that reads these lines."""
+        done = subprocess.run([f"{PROJECT}/lab/phone", "--build", BUILD, *options], input=text, cwd=folder, stdout=subprocess.PIPE,
+                              stderr=subprocess.PIPE, text=True, timeout=150, check=False)
+        self.assertEqual(done.returncode, 0, done.stdout + done.stderr)
+        return done.stdout
+
+    def test_the_commands_that_it_suggests_work(self):
+        banner = self.shell("exit\n")
+        suggested = [line.strip() for line in banner.splitlines() if line.startswith("    ")]
+        self.assertEqual(len(suggested), 3, banner)
+        said = self.shell("set -e\n" + "\n".join(suggested) + "\n")
+        self.assertRegex(said, r"\nsuccess \(HTTP 200, ")
+        self.assertIn("\nTelephony.Accounts.0.DisplayName=Front desk\n", said)
+
+    def test_completion_is_there(self):
+        said = self.shell("complete -p zavctl\nCOMP_WORDS=(zavctl get NET.MAC.A) COMP_CWORD=2; _zavctl; echo \"$COMPREPLY\"\n")
+        self.assertIn("\ncomplete -F _zavctl zavctl\nNET.MAC.Address", said)
+
+    def test_the_folder_of_the_caller_is_visible_and_read_only(self):
+        with tempfile.TemporaryDirectory(dir="/var/tmp") as folder:
+            with open(f"{folder}/mine.xml", "w", encoding="ascii") as file:
+                file.write("mine\n")
+            said = self.shell("cat /srv/here/mine.xml\ntouch /srv/here/new || echo refused\n", folder)
+            self.assertTrue(said.endswith("is /srv/here, read-only.\nmine\nrefused\n"), said)
+            self.assertEqual(os.listdir(folder), ["mine.xml"])
+        self.assertNotIn("/srv/here", self.shell("exit\n"))
+
+    def test_a_folder_of_the_caller_is_published_as_it_is(self):
+        fixtures = f"{PROJECT}/lab/fixtures/two-levels"
+        said = self.shell("ls /srv/www | tr '\\n' ' '\n", options=("--www", fixtures))
+        self.assertTrue(said.endswith(" ".join(sorted(os.listdir(fixtures))) + " "), said)
+
+    def test_a_command_prints_only_its_own_output(self):
+        self.assertEqual(phone([], "ls /srv/www; echo mine"), (0, ["mine"]))
+
+
 class ServiceTest(unittest.TestCase):
     def test_the_device_services_wait_for_a_broker(self):
         script = "service start broker; service start properties; " + WAIT.format("firmware-update") + WAIT.format("certificate-store")
@@ -83,6 +123,10 @@ class ServiceTest(unittest.TestCase):
                 status, said = phone(["--no-broker", "--no-properties", "--no-daemon"], script)
                 self.assertNotEqual(status, 0)
                 self.assertEqual(said, [f"lab/service: {reason}"])
+
+    def test_the_daemon_stays_ready_when_the_property_service_restarts(self):
+        script = "service ready daemon; service restart properties; timeout 20 service ready daemon; echo $?"
+        self.assertEqual(phone(["--no-boot-pass"], script), (0, ["0"]))
 
     def test_a_killed_service_starts_again(self):
         script = "for i in 1 2 3 4 5; do kill -9 $(cat /run/phone/server.pid); service start server; done; service status server"
