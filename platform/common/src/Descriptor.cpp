@@ -21,8 +21,12 @@ std::string reasonOf(int error) {
 
 void occupyStandardDescriptors() {
     for (int descriptor = STDIN_FILENO; descriptor <= STDERR_FILENO; ++descriptor) {
-        // open returns the lowest free number, which is this one.
-        if (::fcntl(descriptor, F_GETFD) < 0) ::open("/dev/null", O_RDWR);
+        while (::fcntl(descriptor, F_GETFD) < 0) {
+            // open returns the lowest free number: this one, unless another thread has just got it.
+            const int opened = ::open("/dev/null", O_RDWR);
+            if (opened > STDERR_FILENO) ::close(opened);
+            if (opened < 0) break;
+        }
     }
 }
 
