@@ -41,6 +41,12 @@ def device(name, days=2):
         return file.read()
 
 
+def parts(text):
+    """The certificate and the key of a device's file."""
+    key = text.index("-----BEGIN PRIVATE")
+    return text[:key], text[key:]
+
+
 class IdentityTest(phone.PhoneTest):
     settings = {"System.Provision.ProvisioningServer": URL}
 
@@ -80,11 +86,11 @@ class IdentityTest(phone.PhoneTest):
         self.log.none(["Device certificate"])
 
     def test_unusable_file_is_one_warning_and_the_pass_goes_on(self):
-        good = device("phone")
-        head, key = good[:good.index("-----BEGIN PRIVATE")], good[good.index("-----BEGIN PRIVATE"):]
+        good, other = device("phone"), device("other")
+        head, key = parts(good)
         rows = [("", "has no certificate"), (head, "has no private key"), (key, "has no certificate"),
                 (good.replace("MII", "!!!"), "has a damaged certificate or key"),
-                (head + device("other")[len(head):], "has a private key that does not belong to its first certificate"),
+                (head + parts(other)[1], "has a private key that does not belong to its first certificate"),
                 (device("old", days=-1), "expired on ")]
         for text, reason in rows:
             with self.subTest(reason):
