@@ -142,7 +142,7 @@ class PassFaultTest(FaultTest):
 
     def freeze(self, name):
         pid = phone.service_pid(name)
-        os.kill(pid, signal.SIGSTOP)
+        phone.freeze(pid)
         self.addCleanup(self.thaw, pid)
         return pid
 

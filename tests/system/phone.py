@@ -7,6 +7,7 @@ that passes is a failure that shows what was there instead.
 import json
 import os
 import re
+import signal
 import subprocess
 import threading
 import time
@@ -54,16 +55,26 @@ def clock(*words):
     subprocess.run(["phone-clock", f"{HOME}/clock", *map(str, words)], check=True, timeout=10)
 
 
-def asleep(pid):
-    """Whether every thread of the process sleeps."""
+def all_threads_are(state, pid):
+    """Whether every thread of the process is in this state: "S" sleeps, "T" is stopped."""
     for task in os.listdir(f"/proc/{pid}/task"):
         try:
             with open(f"/proc/{pid}/task/{task}/stat", encoding="ascii") as file:
-                if file.read().rsplit(")", 1)[1].split()[0] != "S":
+                if file.read().rsplit(")", 1)[1].split()[0] != state:
                     return False
         except FileNotFoundError:
             pass  # a thread that has ended meanwhile
     return True
+
+
+def asleep(pid):
+    return all_threads_are("S", pid)
+
+
+def freeze(pid):
+    """Stops the process. On a busy machine other threads still run for a moment after the signal was sent."""
+    os.kill(pid, signal.SIGSTOP)
+    wait_until(lambda: all_threads_are("T", pid), f"all threads of process {pid} stopped")
 
 
 def service_pid(name="daemon"):

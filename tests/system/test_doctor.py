@@ -263,7 +263,7 @@ class DoctorTest(phone.PhoneTest):
 
     def test_daemon_that_is_frozen_or_gone(self):
         pid = phone.service_pid()
-        os.kill(pid, signal.SIGSTOP)
+        phone.freeze(pid)
         try:
             self.says({"daemon": f"error zavd (process {pid}) does not answer"})
         finally:
@@ -381,7 +381,7 @@ class DoctorTest(phone.PhoneTest):
             finally:
                 run("umount", "/etc/resolv.conf")
         for name in ("broker", "properties"):
-            os.kill(phone.service_pid(name), signal.SIGSTOP)
+            phone.freeze(phone.service_pid(name))
             try:
                 begin = time.monotonic()
                 self.assertEqual(doctor()[0], 1)

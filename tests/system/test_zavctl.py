@@ -292,7 +292,7 @@ class ZavctlTest(phone.PhoneTest):
                 phone.wait_until(lambda: self.catches(process) and phone.asleep(process.pid), "a watch that waits")
                 yield process
 
-        os.kill(phone.service_pid("properties"), signal.SIGSTOP)
+        phone.freeze(phone.service_pid("properties"))
         try:
             self.interrupted(watch)
         finally:
