@@ -7,7 +7,6 @@
 
 #include <array>
 #include <csignal>
-#include <ctime>
 #include <filesystem>
 #include <iomanip>
 
@@ -80,15 +79,6 @@ Finding run(const Check& check, Examination& examination) {
 }
 
 }  // namespace
-
-std::string dateText(std::chrono::system_clock::time_point time) {
-    const std::time_t seconds = std::chrono::system_clock::to_time_t(time);
-    std::tm parts{};
-    std::array<char, 32> text{};
-    ::gmtime_r(&seconds, &parts);
-    std::strftime(text.data(), text.size(), "%Y-%m-%d", &parts);
-    return text.data();
-}
 
 ExitCode doctor(const Environment& environment, const Options& options, const std::string& log) {
     dbg::Debug::setDebugLevelMask("0");  // the findings say what the daemon's code would log

@@ -79,7 +79,4 @@ std::vector<Check> busChecks();
 /// The provisioning server and its initial file. They need the bus checks.
 std::vector<Check> serverChecks();
 
-/// "2026-11-22", UTC.
-std::string dateText(std::chrono::system_clock::time_point time);
-
 }  // namespace zavctl

@@ -155,9 +155,9 @@ Finding checkInterface(Examination& /*examination*/) {
 
 Finding checkClock(Examination& /*examination*/) {
     const auto now = std::chrono::system_clock::now();
-    const std::string text = "it is " + dateText(now);
+    const std::string text = "it is " + common::dateText(now);
     if (now >= common::releaseDate && now < common::releaseDate + longestUse) return ok(text);
-    return error(text + "; this software is of " + dateText(common::releaseDate),
+    return error(text + "; this software is of " + common::dateText(common::releaseDate),
                  "Set the clock: outside their dates no certificates are valid.");
 }
 
@@ -173,7 +173,7 @@ Finding checkTrust(Examination& /*examination*/) {
     if (!own) return ok(count);  // some of the system's have expired at any time
     const auto first = std::min_element(bundle.certificates.begin(), bundle.certificates.end(),
                                         [](const auto& a, const auto& b) { return a.expires < b.expires; });
-    const std::string text = path + ", first to expire: " + first->subject + " on " + dateText(first->expires);
+    const std::string text = path + ", first to expire: " + first->subject + " on " + common::dateText(first->expires);
     return first->expires > std::chrono::system_clock::now() ? ok(text) : warning(text, fix);
 }
 

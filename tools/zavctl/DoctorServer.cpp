@@ -9,6 +9,7 @@
 #include "Core/Utils.h"
 #include "Doctor.h"
 #include "common/Quote.h"
+#include "common/Release.h"
 #include "http/CurlTypes.h"
 #include "http/FileDownloader.h"
 #include "http/FormatUrl.h"
@@ -60,7 +61,8 @@ Finding checkConnection(Examination& examination) {
 
 Finding checkCertificate(Examination& examination) {
     const auto& expires = examination.probe.expires;
-    return checkStep(examination, Step::tls, expires ? "trusted until " + dateText(*expires) : "none: it is http",
+    return checkStep(examination, Step::tls,
+                     expires ? "trusted until " + common::dateText(*expires) : "none: it is http",
                      "Renew it on the server, or add its authority to /custom/certs/ca-bundle.pem.");
 }
 

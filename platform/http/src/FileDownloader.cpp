@@ -2,8 +2,6 @@
 
 #include <strings.h>
 
-#include <array>
-#include <ctime>
 #include <new>
 #include <system_error>
 #include <utility>
@@ -26,15 +24,6 @@ namespace {
 
 constexpr unsigned maxRedirects = 5;
 constexpr std::uint64_t firmwareReserve = 16 * mebibyte;  // left free on the file system
-
-std::string formatDate(std::chrono::system_clock::time_point time) {
-    const std::time_t seconds = std::chrono::system_clock::to_time_t(time);
-    std::tm parts{};
-    std::array<char, 32> text{};
-    ::gmtime_r(&seconds, &parts);
-    std::strftime(text.data(), text.size(), "%Y-%m-%d", &parts);
-    return text.data();
-}
 
 bool isHttpUrl(const std::string& url) {
     return strncasecmp(url.c_str(), "http://", 7) == 0 || strncasecmp(url.c_str(), "https://", 8) == 0;
@@ -216,7 +205,7 @@ void Download::logUnsetClock(int result) const {
     if (result != CURLE_PEER_FAILED_VERIFICATION && result != CURLE_SSL_CONNECT_ERROR) return;
     const auto now = client_.settings.systemNow();
     if (now >= common::releaseDate) return;
-    dbg::Debug::warning() << "The clock is not set: it shows " << formatDate(now)
+    dbg::Debug::warning() << "The clock is not set: it shows " << common::dateText(now)
                           << ", so certificates are not valid yet" << std::endl;
 }
 
