@@ -39,7 +39,7 @@ class TemporaryFolder {
         if (child_ != 0) return;
         sigset_t all;
         sigfillset(&all);
-        ::sigprocmask(SIG_BLOCK, &all, nullptr);
+        ::pthread_sigmask(SIG_BLOCK, &all, nullptr);
         writer_.close();
         for (const int output : {STDOUT_FILENO, STDERR_FILENO})
             ::close(output);  // whoever reads them waits for the end

@@ -123,7 +123,7 @@ Addresses localAddresses(const char* service) {
     hints.ai_family = AF_INET;
     hints.ai_socktype = SOCK_STREAM;
     addrinfo* list = nullptr;
-    ::getaddrinfo("127.0.0.1", service, &hints, &list);
+    if (::getaddrinfo("127.0.0.1", service, &hints, &list) != 0) list = nullptr;
     return {list, ::freeaddrinfo};
 }
 
