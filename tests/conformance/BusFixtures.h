@@ -12,12 +12,13 @@
 #include <vector>
 
 #include "Library.h"
+#include "Settings.h"
 #include "ipc/IIPCCallback.h"
 #include "ipc/IPCException.h"
 
 namespace bustest {
 
-constexpr std::chrono::seconds patience{30};  // limit for events that must happen
+inline const std::chrono::seconds& patience = conformance::settings().patience;  // limit for events that must happen
 inline const std::string statusTopic = "test-service/status";
 
 /// Records its calls. `onMessage`, if set, runs inside messageArrived, without the lock.

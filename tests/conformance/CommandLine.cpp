@@ -3,6 +3,7 @@
 #include <gtest/gtest.h>
 #include <unistd.h>
 
+#include <chrono>
 #include <cstdlib>
 #include <functional>
 #include <iostream>
@@ -36,6 +37,7 @@ The property service, whose checks are skipped without it:
   --guarded-key KEY        refuses the source "provisioning" (State.Provisioning)
 
 The checks:
+  --patience SECONDS       how long to wait for what must happen (30)
   --list                   print their names, by header
   --only PATTERNS          run these, such as 'Client.*:Request.*'; behind a "-" those to leave out
   --report FILE            also write the results to a file, as JUnit XML
@@ -116,6 +118,7 @@ class Options {
                   {"--text-key", &to.textKey},
                   {"--number-key", &to.numberKey},
                   {"--guarded-key", &to.guardedKey},
+                  {"--patience", &patience_},
                   {"--serve", &serve_},
                   {"--only", &only_},
                   {"--report", &report_}};
@@ -141,6 +144,9 @@ class Options {
                 *text->second = words[i];
             }
         }
+        const int seconds = std::atoi(patience_.c_str());
+        if (seconds <= 0) return "--patience needs a number of seconds";
+        settings().patience = std::chrono::seconds(seconds);
         if (help_ || list_ || !serve_.empty()) return "";
         if (settings().address.empty()) return "--address is missing";
         return settings().startBus.empty() ? "--start-bus is missing" : "";
@@ -160,6 +166,7 @@ class Options {
  private:
     std::map<std::string, std::string*> texts_;
     std::map<std::string, std::function<void()>> flags_;
+    std::string patience_ = "30";
     std::string serve_;
     std::string only_;
     std::string report_;

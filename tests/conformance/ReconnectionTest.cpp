@@ -32,6 +32,8 @@ TEST(Reconnection, ReportsTheLossOncePerCallbackObject) {
     bus.start();
     client->publish("a", "x", 1);
     ASSERT_TRUE(recorder.waitForMessages(1));
+    EXPECT_EQ(recorder.losses().size(), 1U);
+    EXPECT_EQ(other.losses().size(), 1U);
     bus.stop();
     EXPECT_TRUE(recorder.waitForLosses(2));
     client->disconnect();

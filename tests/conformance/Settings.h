@@ -1,6 +1,7 @@
 // What the options of the kit say: how to start the bus and the property service, and which keys there are.
 #pragma once
 
+#include <chrono>
 #include <string>
 
 namespace conformance {
@@ -14,6 +15,7 @@ struct Settings {
     std::string stopBus;       // empty: kill what was started
     std::string startService;  // empty: the property client is not checked
     std::string stopService;
+    std::chrono::seconds patience{30};  // limit for events that must happen
     // Keys of the property service.
     std::string textKey = "System.General.Location";  // any text
     std::string numberKey = "Audio.Ringer.Volume";    // refuses the value "loud"
