@@ -66,7 +66,7 @@ class BrokenLibraries(unittest.TestCase):
         checks = sorted({check for _, check in PROMISES})
         with concurrent.futures.ThreadPoolExecutor(4) as pool:
             kept = pool.submit(run, "", checks, 30)
-            broken = {promise: pool.submit(run, promise, [check], 1) for promise, check in PROMISES}
+            broken = {promise: pool.submit(run, promise, [check], 2) for promise, check in PROMISES}
         cls.kept, cls.broken = kept.result(), {promise: result.result() for promise, result in broken.items()}
 
     def test_each_broken_promise_fails_its_check(self):
