@@ -85,6 +85,8 @@ class Gate {
         open_ = true;
         changed_.notify_all();
     }
+    /// For a callback that must block: longer than a check waits for what must happen meanwhile.
+    void passBlocked() { pass(4 * patience); }
     bool pass(std::chrono::milliseconds limit = patience) {
         std::unique_lock<std::mutex> lock(mutex_);
         return changed_.wait_for(lock, limit, [this] { return open_; });

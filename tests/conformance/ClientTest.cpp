@@ -256,7 +256,7 @@ TEST(Client, BlockedCallbackDelaysNothingElse) {
     Recorder blocked;
     Recorder other;
     Gate gate;
-    blocked.onMessage = [&gate](const std::string&, const std::string&) { gate.pass(); };
+    blocked.onMessage = [&gate](const std::string&, const std::string&) { gate.passBlocked(); };
     const auto client = newClient("blocked");
     client->watchPresence(statusTopic);
     client->subscribe("slow", blocked);

@@ -40,6 +40,8 @@ std::thread inBackground(std::string& outcome, Call call) {
             outcome = "service lost";
         } catch (const ipc::IPCOfflineException&) {
             outcome = "offline";
+        } catch (const ipc::IPCInterruptedException&) {
+            outcome = "interrupted";
         } catch (const ipc::IPCTimeoutException&) {
             outcome = "timeout";
         }
@@ -59,6 +61,20 @@ TEST(Outage, FailsARequestInFlightEvenIfTheServiceIsBackAtOnce) {
     other->publish(statusTopic, "online", 1);
     asking.join();
     EXPECT_EQ(outcome, "service lost");
+}
+
+TEST(Outage, DeathOfTheBusInterruptsARequestInFlight) {
+    NEEDS_REQUESTS();
+    Bus bus;
+    SilentPair pair(bus.address());
+    std::string outcome;
+    std::thread asking = inBackground(outcome, [&] { return ask(*pair.client, "x"); });
+    ASSERT_TRUE(pair.asked.pass());
+    const auto begin = steady_clock::now();
+    bus.stop();
+    asking.join();
+    EXPECT_EQ(outcome, "interrupted");
+    EXPECT_LT(steady_clock::now() - begin, patience / 2);
 }
 
 TEST(Outage, DoesNotFailARequestToAnotherService) {

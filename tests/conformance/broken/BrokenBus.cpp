@@ -105,6 +105,7 @@ class Client final : public ipc::IIPCClient {
             if (breaks("an offline service has its exception")) throw ipc::IPCTimeoutException(error.what());
             throw;
         } catch (const ipc::IPCInterruptedException&) {
+            if (breaks("a lost connection has its exception")) throw ipc::IPCOfflineException("lost");
             if (breaks("a request is sent once")) return real_->request(topic, payload, statusTopic, timeout);
             throw;
         }

@@ -29,6 +29,7 @@ PROMISES = [
     ("payloads may have any bytes", "Client.CarriesAnyBytesUpToAMebibyte"),
     ("each request gets its own answer", "Request.ManyThreadsEachGetTheirOwnAnswer"),
     ("a lost service has its exception", "Outage.FailsARequestInFlightEvenIfTheServiceIsBackAtOnce"),
+    ("a lost connection has its exception", "Outage.DeathOfTheBusInterruptsARequestInFlight"),
     ("an offline service has its exception", "Request.FailsAtOnceWhenTheServiceIsOfflineAndWorksWhenItIsBack"),
     ("a request is sent once", "Reconnection.DoesNotResendARequest"),
     ("a wait has its limit", "Outage.WaitEndsWhenTheServiceIsBack"),
