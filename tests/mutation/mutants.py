@@ -1,7 +1,7 @@
-"""scripts/test mutants [N] [--seed S] [--all] [--only TEXT]: breaks the daemon's core and the comparison of firmware
+"""scripts/test mutants [N] [--seed S] [--all] [--only REGEX]: breaks the daemon's core and the comparison of firmware
 versions in N places (default: 200, drawn with seed 1), one at a time, and runs their unit and flow tests against each.
 A mutant that no test notices survives: write the test, or give the reason in tests/mutation/equivalents.txt. --only
-takes the places whose name contains TEXT. A run that was interrupted goes on where it stopped, unless a source has
+takes the places whose names match REGEX. A run that was interrupted goes on where it stopped, unless a source has
 changed. Fails if a mutant without a reason survives."""
 
 import argparse
@@ -130,25 +130,25 @@ def run_test(command, mutant, limit):
 
 
 def equivalents():
-    """Reasons, by path, line without indentation, and change."""
+    """Reasons, by path, function, line with single spaces, and change."""
     reasons = {}
     for number, line in enumerate((ROOT / "tests/mutation/equivalents.txt").read_text().splitlines(), 1):
         if not line or line.startswith("#"):
             continue
         parts = [part.strip() for part in line.split(" | ")]
-        if len(parts) != 4:
-            sys.exit(f"tests/mutation/equivalents.txt:{number}: not PATH | LINE | CHANGE | REASON")
-        reasons[tuple(parts[:3])] = parts[3]
+        if len(parts) != 5:
+            sys.exit(f"tests/mutation/equivalents.txt:{number}: not PATH | FUNCTION | LINE | CHANGE | REASON")
+        reasons[tuple(parts[:4])] = parts[4]
     return reasons
 
 
 def reason_of(site, reasons):
-    return reasons.get((site.path, " ".join(site.source.split()), f"{site.kind}: {site.change}"))
+    return reasons.get((site.path, site.function, " ".join(site.source.split()), f"{site.kind}: {site.change}"))
 
 
 def draw(found, arguments):
     if arguments.only:
-        return [site for site in found if arguments.only in site.name]
+        return [site for site in found if re.search(arguments.only, site.name)]
     if arguments.all:
         return found
     # The seed and the text decide, not the number of places: one more line changes one mutant.
@@ -207,7 +207,7 @@ def main():
             if not program:
                 survivors.append(site)
                 reason = reason_of(site, reasons)
-                print(f"survived: {site.name}\n    {site.source.strip()}" + (f"\n    equivalent: {reason}" if reason else ""),
+                print(f"survived: {site.name} in {site.function}\n    {site.source.strip()}" + (f"\n    equivalent: {reason}" if reason else ""),
                       flush=True)
             elif done % 25 == 0:
                 print(f"{done} of {len(numbered)}, {len(survivors)} survived, {time.monotonic() - begin:.0f} s", flush=True)
