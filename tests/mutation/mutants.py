@@ -94,9 +94,11 @@ def compile_mutants(numbered):
         if result.returncode == 0:
             return refused
         wrong = set()
-        for path, line in set(re.findall(rf"^(?:{re.escape(str(TREE))}/|[./]*/)?((?:src|platform)/\S+?):(\d+):\d+: error:",
-                                         result.stdout, re.M)):
-            for margin in (0, 1, 3, 10):
+        places = re.findall(r"^(?:\S*/)?((?:src|platform)/\S+?):(\d+):\d+: (error|note): (.*)", result.stdout, re.M)
+        for path, line, kind, text in set(places):
+            if kind == "note" and "was not initialized with a constant expression" not in text:
+                continue
+            for margin in (0, 1, 3, 10) if kind == "error" else (0,):
                 near = {n for n, s in numbered.items() if s.path == path and abs(s.line - int(line)) <= margin}
                 if near:
                     wrong |= near
