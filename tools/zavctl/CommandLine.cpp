@@ -195,18 +195,20 @@ class CommandLine {
         command->add_option("--timeout", timeoutSeconds_, "Time-out in seconds")
             ->check(CLI::Range(0.001, 1e6))
             ->capture_default_str();
-        addLog(command);
+        addLog(command, passLog_);
         addCommand("status", "Prints server, last result, user interface lock, versions and period", {},
                    {"the status was printed"}, {"zavctl status", "zavctl status --json"},
                    [this] { status(environment_, options_); });
         addLog(addCommand("doctor", "Finds out why the phone does not provision, and changes nothing", {},
                           {"no error was found", "an error was found", nullptr, nullptr},
                           {"zavctl doctor", "zavctl doctor --json"},
-                          [this] { code_ = doctor(environment_, options_, log_); }));
+                          [this] { code_ = doctor(environment_, options_, doctorLog_); }),
+               doctorLog_);
     }
 
-    void addLog(CLI::App* command) {
-        command->add_option("--log", log_, "File with the daemon's log; default: the journal of zavd.service")
+    // Each command needs a variable of its own: the environment also sets the options of commands that are not run.
+    static void addLog(CLI::App* command, std::string& path) {
+        command->add_option("--log", path, "File with the daemon's log; default: the journal of zavd.service")
             ->envname("ZAVD_LOG");
     }
 
@@ -266,7 +268,7 @@ class CommandLine {
         const std::chrono::duration<double> timeout(timeoutSeconds_);
         if (wait_) {
             code_ = provisionAndWait(environment_, options_,
-                                     std::chrono::duration_cast<std::chrono::milliseconds>(timeout), log_);
+                                     std::chrono::duration_cast<std::chrono::milliseconds>(timeout), passLog_);
         } else {
             requestProvisioning(environment_, options_);
         }
@@ -300,7 +302,8 @@ class CommandLine {
     bool replace_ = false;
     bool wait_ = false;
     double timeoutSeconds_ = 300;
-    std::string log_;
+    std::string passLog_;
+    std::string doctorLog_;
     ExitCode code_ = ExitCode::done;
 };
 

@@ -35,6 +35,12 @@ std::string shortened(std::string_view text) {
     return std::string(text.substr(0, end)) + "…";
 }
 
+// A job was found, but nothing ran it.
+bool isJobNotRun(std::string_view text) {
+    return text == "Unknown job type !" ||
+           (startsWith(text, "Job: ") && text.find(" is nested more than ") != std::string_view::npos);
+}
+
 // After these lines, what was explained before explains nothing any more.
 bool beginsFile(std::string_view text) {
     return startsWith(text, "Provisioning XML from: ") || startsWith(text, "Found job with URL: ") ||
@@ -111,7 +117,7 @@ void PassReasons::report(const LogLine& line) {
     const Role role = advice == nullptr ? Role::reason : advice->role;
     if (line.level == "info" && role != Role::reasonAtAnyLevel) return;
     if (role == Role::ignored || (role == Role::consequence && pass_.explained)) return;
-    if (line.text == "Unknown job type !") pass_.pending.reset();
+    if (isJobNotRun(line.text)) pass_.pending.reset();
     const std::string kind = advice == nullptr ? std::string(line.source) : advice->line;
     append(kind, line.level == "info" ? "warning" : line.level, line.text, role == Role::detail ? nullptr : advice);
     if (role != Role::detail) pass_.explained = true;

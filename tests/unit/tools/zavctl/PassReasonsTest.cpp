@@ -93,12 +93,12 @@ TEST_F(Log, OneJobDoesNotExplainTheNext) {
         "Error downloading firmware file 'https://s/i' to '/c/i' status: No error HTTP status: 404 Not Found";
     begin();
     info("+++++ Starting NVMJobHandler");
-    warning("Property 'X': not found");
+    warning("Property 'X': unknown key: x");
     info("-----Finishing NVMJobHandler");
     info("+++++ Starting FirmwareJobHandler");
     error(failed);
     end();
-    EXPECT_THAT(texts(), ElementsAre("Property 'X': not found", failed));
+    EXPECT_THAT(texts(), ElementsAre("Property 'X': unknown key: x", failed));
 }
 
 TEST_F(Log, OnlyTheLastPassThatEnded) {
@@ -201,8 +201,8 @@ TEST_F(Log, SaysThatNoCategoryIsKnown) {
 
 TEST_F(Log, LinesOfOneKindAreOneReason) {
     begin();
-    for (int i = 0; i < 1000; ++i) warning("Property 'K" + std::to_string(i) + "': not found");
-    for (int i = 0; i < 3; ++i) warning("Property 'K0': not found");
+    for (int i = 0; i < 1000; ++i) warning("Property 'K" + std::to_string(i) + "': unknown key: x");
+    for (int i = 0; i < 3; ++i) warning("Property 'K0': unknown key: x");
     end();
     ASSERT_EQ(reasons.reasons().size(), 1U);
     EXPECT_EQ(reasons.reasons()[0].texts.size(), PassReasons::maximumTexts);

@@ -98,30 +98,30 @@ TEST_F(Provision, FailExits1) {
 
 TEST_F(Provision, AFailureShowsItsReasonsWithAdvice) {
     answerWith("fail", "200",
-               {started, "warning a/b:1 Property 'One': not found", "error a/b:2 Unknown to every page",
-                "warning a/b:1 Property 'Two': not found", finished});
+               {started, "warning a/b:1 Property 'One': unknown key: x", "error a/b:2 Unknown to every page",
+                "warning a/b:1 Property 'Two': unknown key: x", finished});
     EXPECT_EQ(phone.run({"provision", "--wait", "--log", log}), ExitCode::failed);
     EXPECT_EQ(printedReasons(),
-              "warning  Property 'One': not found\n"
-              "warning  Property 'Two': not found\n"
+              "warning  Property 'One': unknown key: x\n"
+              "warning  Property 'Two': unknown key: x\n"
               "         zavctl keys PREFIX lists the keys\n"
               "error    Unknown to every page\n");
 }
 
 TEST_F(Provision, AReasonTakesThreeLinesAtMost) {
     std::vector<std::string> lines{started};
-    for (int i = 0; i < 200; ++i) lines.push_back("warning a/b:1 Property '" + std::to_string(i) + "': not found");
+    for (int i = 0; i < 200; ++i) lines.push_back("warning a/b:1 Property '" + std::to_string(i) + "': unknown key: x");
     lines.push_back(finished);
     answerWith("fail", "200", lines);
     EXPECT_EQ(phone.run({"provision", "--wait", "--log", log}), ExitCode::failed);
     EXPECT_EQ(printedReasons(),
-              "warning  Property '0': not found\n"
+              "warning  Property '0': unknown key: x\n"
               "         and 199 more such lines\n"
               "         zavctl keys PREFIX lists the keys\n");
 }
 
 TEST_F(Provision, ASuccessShowsNoReasons) {
-    answerWith("success", "200", {started, "warning a/b:1 Property 'One': not found", finished});
+    answerWith("success", "200", {started, "warning a/b:1 Property 'One': unknown key: x", finished});
     EXPECT_EQ(phone.run({"provision", "--wait", "--log", log}), ExitCode::done);
     EXPECT_EQ(printedReasons(), "");
     phone.out.str("");
@@ -130,13 +130,14 @@ TEST_F(Provision, ASuccessShowsNoReasons) {
 }
 
 TEST_F(Provision, ReasonsAsJson) {
-    answerWith("partSuccess", "200",
-               {started, "warning a/b:1 Property 'One': not found", "error a/b:2 Unknown to every page", finished});
+    answerWith(
+        "partSuccess", "200",
+        {started, "warning a/b:1 Property 'One': unknown key: x", "error a/b:2 Unknown to every page", finished});
     EXPECT_EQ(phone.run({"provision", "--wait", "--log", log, "--json"}), ExitCode::done);
     const Json::Value reasons = phone.json()["reasons"];
     ASSERT_EQ(reasons.size(), 2U);
     EXPECT_EQ(reasons[0]["level"], "warning");
-    EXPECT_EQ(reasons[0]["texts"][0], "Property 'One': not found");
+    EXPECT_EQ(reasons[0]["texts"][0], "Property 'One': unknown key: x");
     EXPECT_EQ(reasons[0]["count"], 1);
     EXPECT_EQ(reasons[0]["advice"], "zavctl keys PREFIX lists the keys");
     EXPECT_TRUE(reasons[1]["advice"].isNull());
