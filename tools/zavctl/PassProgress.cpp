@@ -10,6 +10,8 @@ namespace zavctl {
 
 namespace {
 
+constexpr std::chrono::milliseconds staleAfter{1500};
+
 // Counts that fit into the bar's line, in the unit that goes with them.
 struct Shown {
     std::uint64_t done;
@@ -86,9 +88,12 @@ void PassProgress::show(const std::string& phase, const std::vector<JobProgress>
         job_ = progress;
     }
     if (json_) return;
-    if (environment_.outIsTerminal) {
+    // Between two messages the rate would only fall, until it is clear that nothing comes.
+    const bool isStale = news.empty() && bar_ && elapsed < drawnAt_ + staleAfter;
+    if (environment_.outIsTerminal && !isStale) {
+        drawnAt_ = elapsed;
         showOnTerminal(phase, elapsed);
-    } else {
+    } else if (!environment_.outIsTerminal) {
         showAsLine(phase, elapsed);
     }
 }

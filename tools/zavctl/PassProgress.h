@@ -66,6 +66,7 @@ class PassProgress {
     std::optional<ProgressBar> bar_;  // of that job
     bool visible_ = false;            // a line without a bar
     std::chrono::milliseconds nextLine_;
+    std::chrono::milliseconds drawnAt_{0};
 };
 
 }  // namespace zavctl

@@ -78,6 +78,12 @@ TEST_F(PassProgressTest, ABarOnATerminal) {
     time += seconds(4);
     progress.show("Provisioning", {job("firmware", 5000000, 12000000, "bytes")}, seconds(5));
     EXPECT_EQ(printed(), "\r[########            ] 5,000/12,000 kB firmware, 1,000/s, 7 s left\x1b[K");
+    time += seconds(1);
+    progress.show("Provisioning", {}, seconds(6));
+    EXPECT_EQ(printed(), "") << "the next message may be on its way";
+    time += seconds(1);
+    progress.show("Provisioning", {}, seconds(7));
+    EXPECT_EQ(printed(), "\r[########            ] 5,000/12,000 kB firmware, 666/s, 11 s left\x1b[K");
     progress.clear();
     EXPECT_EQ(printed(), "\r\x1b[K");
 }
