@@ -38,7 +38,7 @@ _zavctl() {
             diff) options+=' --show-secrets --all' ;;
             import) options+=' --show-secrets --apply' ;;
             backup) options+=' --force' ;;
-            provision) options+=' --wait --timeout' ;;
+            provision) options+=' --wait --timeout --log' ;;
             doctor) options+=' --log' ;;
         esac
         mapfile -t COMPREPLY < <(compgen -W "$options" -- "$cur")

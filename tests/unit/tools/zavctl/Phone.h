@@ -106,7 +106,8 @@ class Phone {
         return zavctl::run(
             arguments, Environment{out, err, terminal, stopSignal, [this] { catching = true; },
                                    [this](const std::string&) { return bus; },
-                                   [this](const std::shared_ptr<ipc::IIPCClient>&) { return properties; }, hintAfter});
+                                   [this](const std::shared_ptr<ipc::IIPCClient>&) { return properties; }, hintAfter,
+                                   progressEvery, now});
     }
 
     Json::Value json() const {
@@ -125,6 +126,8 @@ class Phone {
     bool terminal = false;
     bool catching = false;
     std::chrono::milliseconds hintAfter{2000};
+    std::chrono::milliseconds progressEvery{10000};
+    std::function<std::chrono::steady_clock::time_point()> now = &std::chrono::steady_clock::now;
     common::StopSignal stopSignal;
 };
 
