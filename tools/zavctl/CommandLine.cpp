@@ -11,6 +11,7 @@ namespace zavctl {
 
 namespace {
 
+constexpr char noBroker[] = "the broker or the property service cannot be reached";
 constexpr char noAnswer[] = "the property service did not answer in time";
 constexpr char noKey[] = "no such key";
 constexpr char noPrefix[] = "no key begins with PREFIX";
@@ -33,6 +34,7 @@ struct Statuses {
     const char* failed = notWritten;
     const char* noSuchKey = nullptr;
     const char* timedOut = noAnswer;
+    const char* unreachable = noBroker;
 };
 
 using Examples = std::vector<std::string>;
@@ -45,12 +47,8 @@ std::string exampleLines(const Examples& examples) {
 
 std::string footer(const Statuses& statuses, const Examples& examples) {
     const std::vector<std::pair<const char*, const char*>> meanings{
-        {"0", statuses.done},
-        {"1", statuses.failed},
-        {"2", "the command line is wrong"},
-        {"3", "the broker or the property service cannot be reached"},
-        {"4", statuses.noSuchKey},
-        {"5", statuses.timedOut}};
+        {"0", statuses.done},        {"1", statuses.failed},    {"2", "the command line is wrong"},
+        {"3", statuses.unreachable}, {"4", statuses.noSuchKey}, {"5", statuses.timedOut}};
     std::string text = "Exit status:\n";
     for (const auto& [status, meaning] : meanings) {
         if (meaning != nullptr) text += "  " + std::string(status) + "  " + meaning + "\n";
@@ -90,6 +88,7 @@ class CommandLine {
         addProvisioningCommands();
         addTransferCommands();
         addFileCommands();
+        addPublishingCommands();
         addHelp();
     }
 
@@ -251,6 +250,52 @@ class CommandLine {
                    [this] { restore(environment_, options_, positional(0)); });
     }
 
+    // They need no phone.
+    void addPublishing(const char* name, const char* description, const std::vector<Positional>& positionals,
+                       const char* done, const char* failed, const Examples& examples, const char* force,
+                       std::function<void()> action) {
+        CLI::App* const command = addCommand(name, description, positionals, {done, failed, nullptr, nullptr, nullptr},
+                                             examples, std::move(action));
+        command->add_option("--key", publish_.key, "File with the pass phrase, a copy of the phones' key")->required();
+        if (positionals.size() == 1) {
+            command->add_option("--to", publish_.to, "The folder that is written; made if it is missing")->required();
+        }
+        command->add_flag("--force", publish_.force, force);
+        command->add_flag("--dry-run", publish_.dryRun, "Shows what would be written, and writes nothing");
+    }
+
+    void addPublishingCommands() {
+        addPublishing("pack", "Encrypts a folder of provisioning files for the phones", {{"DIR", "The plain files"}},
+                      "the folder is published",
+                      "a file is wrong and nothing was published, or a folder cannot be read or written",
+                      {"zavctl pack phones --key phone.key --to /srv/phones",
+                       "zavctl pack phones --key phone.key --to /srv/phones --delete --dry-run"},
+                      "Publishes in spite of mistakes in provisioning files",
+                      [this] { code_ = pack(environment_, options_, positional(0), publish_); });
+        app_.get_subcommand("pack")->add_flag("--delete", publish_.removeVanished,
+                                              "Removes published files that are no longer in DIR");
+        addPublishing("unpack", "Decrypts a published folder", {{"DIR", "The published files"}},
+                      "the folder is decrypted",
+                      "a file cannot be decrypted or would be replaced, and nothing was written",
+                      {"zavctl unpack /srv/phones --key phone.key --to phones"}, "Replaces files that exist and differ",
+                      [this] { code_ = unpack(environment_, options_, positional(0), publish_); });
+        addPublishing(
+            "fleet", "Makes and encrypts the files of many phones from a table",
+            {{"TABLE", "Comma-separated values in UTF-8; the first row names the columns"},
+             {"TEMPLATE", "A file, or a folder, with {column} where a row's value belongs"},
+             {"OUT", "The folder that is written; made if it is missing"}},
+            "all rows are published", "rows failed, and the others are published; or nothing was published",
+            {"zavctl fleet phones.csv template /srv/phones --key phone.key",
+             "zavctl fleet phones.csv phone.xml /srv/phones --name '{MACD}/provisioning.xml' --key phone.key"},
+            "Publishes in spite of mistakes in provisioning files", [this] {
+                publish_.to = positional(2);
+                code_ = fleet(environment_, options_, positional(0), positional(1), publish_);
+            });
+        CLI::App* const command = app_.get_subcommand("fleet");
+        command->add_option("--name", publish_.place, "Where a single TEMPLATE goes below OUT; default: its own name");
+        command->add_option("--errors", publish_.errors, "File for all rows that failed; on the screen are 20 at most");
+    }
+
     void addHelp() {
         CLI::App* const command = addCommand("help", "Shows the help of a command; without one, lists the commands",
                                              {{"COMMAND", "The command", false}}, {}, {}, [this] { help(); });
@@ -289,6 +334,7 @@ class CommandLine {
     bool wait_ = false;
     double timeoutSeconds_ = 300;
     std::string log_;
+    PublishOptions publish_;
     ExitCode code_ = ExitCode::done;
 };
 

@@ -24,6 +24,8 @@ struct Environment {
     std::function<std::shared_ptr<propertyapi::IPropertyApi>(std::shared_ptr<ipc::IIPCClient>)> makeProperties;
     /// If no pass has begun by then, `provision --wait` prints the likely reason.
     std::chrono::milliseconds hintAfter{2000};
+    /// Progress is shown there.
+    bool errIsTerminal = false;
 };
 
 }  // namespace zavctl

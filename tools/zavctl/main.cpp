@@ -63,7 +63,9 @@ int main(int argc, char** argv) {
         [](const std::string& host) { return ipc::IPCFactory::createInstanceShared(zavctl::clientName, host, true); },
         [](std::shared_ptr<ipc::IIPCClient> bus) {
             return propertyapi::PropertyApiBuilder::getPropertyApi(std::move(bus), zavctl::clientName);
-        }};
+        },
+        std::chrono::seconds(2),
+        ::isatty(STDERR_FILENO) != 0};
     const zavctl::ExitCode code = zavctl::run(arguments, environment);
     commandEnded().stop();
     return static_cast<int>(code);

@@ -106,7 +106,8 @@ class Phone {
         return zavctl::run(
             arguments, Environment{out, err, terminal, stopSignal, [this] { catching = true; },
                                    [this](const std::string&) { return bus; },
-                                   [this](const std::shared_ptr<ipc::IIPCClient>&) { return properties; }, hintAfter});
+                                   [this](const std::shared_ptr<ipc::IIPCClient>&) { return properties; }, hintAfter,
+                                   errTerminal});
     }
 
     Json::Value json() const {
@@ -122,7 +123,8 @@ class Phone {
     const std::shared_ptr<fakes::FakeProperties> properties;
     std::ostringstream out;
     std::ostringstream err;
-    bool terminal = false;
+    bool terminal = false;     // standard output
+    bool errTerminal = false;  // standard error
     bool catching = false;
     std::chrono::milliseconds hintAfter{2000};
     common::StopSignal stopSignal;
