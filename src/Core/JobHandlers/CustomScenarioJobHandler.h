@@ -20,6 +20,9 @@ class CustomScenarioJobHandler : public JobHandler {
     /// Success or fail, never partial success.
     int run() override;
 
+    /// The step types that exist.
+    static std::vector<std::string> stepTypes();
+
     virtual bool applyCertificateStep(const Attributes& step);
 
  private:
@@ -32,7 +35,8 @@ class CustomScenarioJobHandler : public JobHandler {
     UrlInfo resolveStepUrl(const Attributes& step) const;
     bool downloadAndReport(const std::string& kind, const std::string& source, const std::string& destination);
 
-    const std::map<std::string, Step> steps_;
+    static const std::map<std::string, Step>& steps();
+
     const std::shared_ptr<IProvisioningWorker> worker_;
 };
 

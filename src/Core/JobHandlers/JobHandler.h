@@ -86,6 +86,12 @@ void runEach(std::vector<JobDescription>& jobs, RunJob runJob, const char* file 
     }
 }
 
+/// Job name and item name.
+using AllowedJobs = std::vector<std::pair<std::string, std::string>>;
+
+/// The jobs that a pass of this format version runs.
+const AllowedJobs& allowedJobs(const std::string& version);
+
 /// Removes the jobs that the format version of the running pass does not allow. Logs a warning for each.
 void removeJobsNotAllowed(std::vector<JobDescription>& jobs);
 
