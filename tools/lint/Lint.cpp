@@ -2,6 +2,10 @@
 
 #include <algorithm>
 
+#include "lint/Inspection.h"
+#include "lint/Passes.h"
+#include "lint/Site.h"
+
 namespace lint {
 
 const char* nameOf(Level level) {
@@ -14,8 +18,13 @@ std::size_t Report::count(Level level) const {
                                                   [level](const Finding& finding) { return finding.level == level; }));
 }
 
-std::vector<Finding> lintDocument(const std::string&, const std::string&, const Options&, Role) { return {}; }
+std::vector<Finding> lintDocument(const std::string& name, const std::string& bytes, const Options& options,
+                                  Role role) {
+    return inspect(name, bytes, options, {role, "", travelsReadable(name, options)}).findings;
+}
 
-Report lintPaths(const std::vector<std::string>&, const Options&) { return {}; }
+Report lintPaths(const std::vector<std::string>& paths, const Options& options) {
+    return Passes(listFiles(paths), options).report();
+}
 
 }  // namespace lint

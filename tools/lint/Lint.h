@@ -45,7 +45,7 @@ struct Finding {
 /// What is known about the phone that the files are for.
 struct Phone {
     std::string macAddress;                     // as in NET.MAC.Address; empty: unknown
-    std::map<std::string, std::string> values;  // of the properties that decide: lock flags, System.General.DeviceID
+    std::map<std::string, std::string> values;  // of properties: lock flags, and what placeholders in URLs stand for
 };
 
 /// What fetching a URL brought.
@@ -63,7 +63,7 @@ struct Options {
     std::optional<Phone> phone;
     /// URL under which the files are published, such as the phone's provisioning server. May be empty.
     std::string baseUrl;
-    /// Downloads a URL; null: nothing is downloaded. Called from several threads, one call at a time.
+    /// Downloads a URL; null: nothing is downloaded. Called on the calling thread.
     std::function<Fetched(const std::string& url)> fetch;
     /// Beyond this many findings a file's others are left out.
     std::size_t findingsPerFile = 1000;
@@ -87,9 +87,9 @@ struct Report {
     std::size_t count(Level level) const;
 };
 
-/// Lints files, folders and URLs. A file's references are followed: in its folder (below a folder that was named, in
-/// the folder of the initial file), or below the base URL. In a folder every file whose name ends in ".xml" is linted.
-/// Uses two threads. Throws LintException if a path cannot be read.
+/// Lints files, folders, URLs and, as "-", standard input. What a file refers to is followed: below the folder of the
+/// initial file, or below the base URL. In a folder every file whose name ends in ".xml" is linted. Uses two threads.
+/// Throws LintException if a path cannot be read.
 Report lintPaths(const std::vector<std::string>& paths, const Options& options);
 
 }  // namespace lint

@@ -15,8 +15,6 @@ namespace {
 
 constexpr const char* urlAttribute = "url";
 constexpr const char* forceAcceptFlag = "FORCE_ACCEPT";
-constexpr const char* phoneBookDirectory = "/var/volatile/contacts/";
-constexpr const char* certificateDirectory = "/custom/certs/_storage/";
 constexpr int functionKeys = 8;
 
 }  // namespace
@@ -85,7 +83,7 @@ bool CustomScenarioJobHandler::applyCertificateStep(const Attributes& step) {
     const std::string destination = formatUrl(certificateDirectory + urlInfo.localName(), properties_);
     // The error line calls a certificate a firmware file too.
     if (!downloadAndReport("firmware", source, destination)) return false;
-    return applyCertificate(destination.substr(std::string(certificateDirectory).size()), destination,
+    return applyCertificate(destination.substr(certificateDirectory.size()), destination,
                             flags == forceAcceptFlag);
 }
 

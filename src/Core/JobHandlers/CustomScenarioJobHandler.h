@@ -2,12 +2,18 @@
 #pragma once
 
 #include <map>
+#include <string>
+#include <vector>
 
 #include "Core/JobHandlers/JobHandler.h"
 #include "Core/ProvisioningWatchdog/IProvisioningWorker.h"
 #include "http/UrlInfo.h"
 
 namespace zav {
+
+/// Where downloads of steps are stored, ending in "/".
+inline const std::string phoneBookDirectory = "/var/volatile/contacts/";
+inline const std::string certificateDirectory = "/custom/certs/_storage/";
 
 class CustomScenarioJobHandler : public JobHandler {
  public:

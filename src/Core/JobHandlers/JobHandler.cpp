@@ -55,7 +55,9 @@ JobHandler::JobHandler(const JobDescription& job, std::shared_ptr<Curl> curl, Se
 
 const std::string& JobHandler::getName() { return handlerName_; }
 
-std::string JobHandler::findNewestUrl(const JobDescription& job) {
+std::string JobHandler::findNewestUrl(const JobDescription& job) { return newestUrl(job); }
+
+std::string newestUrl(const JobDescription& job) {
     std::string newest = oldestVersion;
     std::string url;
     for (const Attributes& item : job.items) {

@@ -95,6 +95,9 @@ const AllowedJobs& allowedJobs(const std::string& version);
 /// Removes the jobs that the format version of the running pass does not allow. Logs a warning for each.
 void removeJobsNotAllowed(std::vector<JobDescription>& jobs);
 
+/// What JobHandler::findNewestUrl returns; logs it. For a thread with a pass.
+std::string newestUrl(const JobDescription& job);
+
 /// Whether the text is the version of a published file: a time stamp or the "V" form. Logs a warning if not.
 bool isValidVersion(const std::string& version);
 
