@@ -4,6 +4,7 @@
 
 #include "Arguments.h"
 #include "Commands.h"
+#include "Lint.h"
 #include "Output.h"
 #include "ipc/Address.h"
 
@@ -22,6 +23,7 @@ struct Positional {
     const char* name;
     const char* description;
     bool required = true;
+    bool isRepeated = false;
 };
 
 const Positional key{"KEY", "Key of the property"};
@@ -88,6 +90,7 @@ class CommandLine {
         addProvisioningCommands();
         addTransferCommands();
         addFileCommands();
+        addAuthorCommands();
         addPublishingCommands();
         addHelp();
     }
@@ -142,7 +145,11 @@ class CommandLine {
                          const Statuses& statuses, const Examples& examples, std::function<void()> action) {
         CLI::App* const command = app_.add_subcommand(name, description);
         for (const Positional& one : positionals) {
-            command->add_option(one.name, ignored_, one.description)->required(one.required);
+            if (one.isRepeated) {
+                command->add_option(one.name, manyIgnored_, one.description)->required(one.required);
+            } else {
+                command->add_option(one.name, ignored_, one.description)->required(one.required);
+            }
         }
         command->footer(footer(statuses, examples));
         command->final_callback(std::move(action));
@@ -250,6 +257,26 @@ class CommandLine {
                    [this] { restore(environment_, options_, positional(0)); });
     }
 
+    void addAuthorCommands() {
+        CLI::App* const command =
+            addCommand("lint", "Finds mistakes in provisioning files before they are published",
+                       {{"FILE", "Files, folders, URLs; - is standard input", false, true}},
+                       {"no error was found; there may be warnings", "an error was found", nullptr, noAnswer},
+                       {"zavctl lint provisioning.xml", "zavctl lint /srv/www --base https://server.example/phones/",
+                        "zavctl lint https://server.example/phones/provisioning.xml", "zavctl lint --rules"},
+                       [this] {
+                           if (positionals_.empty() && !lint_.rules) throw usageFailure("lint", "FILE is required");
+                           code_ = lintFiles(environment_, options_, lint_, positionals_);
+                       });
+        command->add_option("--catalogue", lint_.catalogue, "The keys of the phone; default: the installed catalogue");
+        command->add_option("--as", lint_.phone, "running: the files are for the phone at --host, with its keys")
+            ->check(CLI::IsMember({"running"}));
+        command->add_option("--key", lint_.keyFile, "The phone's key file, for encrypted files")->capture_default_str();
+        command->add_option("--base", lint_.baseUrl, "The URL under which the files are published");
+        command->add_flag("--offline", lint_.offline, "Downloads nothing");
+        command->add_flag("--rules", lint_.rules, "Prints the rules instead");
+    }
+
     // They need no phone.
     void addPublishing(const char* name, const char* description, const std::vector<Positional>& positionals,
                        const char* done, const char* failed, const Examples& examples, const char* force,
@@ -328,6 +355,8 @@ class CommandLine {
     Options options_;
     std::vector<std::string> positionals_;
     std::string ignored_;  // where the parser stores the placeholders of the positional arguments
+    std::vector<std::string> manyIgnored_;
+    LintOptions lint_;
     bool all_ = false;
     bool apply_ = false;
     bool replace_ = false;
