@@ -40,9 +40,9 @@ _zavctl() {
             backup) options+=' --force' ;;
             provision) options+=' --wait --timeout' ;;
             doctor) options+=' --log' ;;
-            pack) options+=' --key --to --force --dry-run --delete' ;;
+            pack) options+=' --key --to --force --catalogue --dry-run --delete' ;;
             unpack) options+=' --key --to --force --dry-run' ;;
-            fleet) options+=' --key --force --dry-run --name --errors' ;;
+            fleet) options+=' --key --force --catalogue --dry-run --name --errors' ;;
         esac
         mapfile -t COMPREPLY < <(compgen -W "$options" -- "$cur")
         return

@@ -288,6 +288,10 @@ class CommandLine {
             command->add_option("--to", publish_.to, "The folder that is written; made if it is missing")->required();
         }
         command->add_flag("--force", publish_.force, force);
+        if (std::string(name) != "unpack") {
+            command->add_option("--catalogue", publish_.catalogue,
+                                "The keys of the phones; default: the installed catalogue");
+        }
         command->add_flag("--dry-run", publish_.dryRun, "Shows what would be written, and writes nothing");
     }
 

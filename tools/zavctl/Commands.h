@@ -61,6 +61,7 @@ struct PublishOptions {
     std::string to;   // output folder
     bool force = false;
     bool dryRun = false;
+    std::string catalogue;        // pack, fleet: path; empty: the installed one
     bool removeVanished = false;  // pack
     std::string place;            // fleet: of a single template file
     std::string errors;           // fleet: file for the failed rows

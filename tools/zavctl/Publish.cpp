@@ -2,11 +2,15 @@
 #include <algorithm>
 #include <fstream>
 
+#include "CatalogueFile.h"
 #include "Commands.h"
 #include "Differences.h"
 #include "Output.h"
 #include "ProgressBar.h"
 #include "common/Descriptor.h"
+#include "debug/Debug.h"
+#include "lint/Lint.h"
+#include "lint/Settings.h"
 #include "pack/Error.h"
 #include "pack/Files.h"
 #include "pack/Fleet.h"
@@ -20,6 +24,34 @@ constexpr std::size_t shownFailures = 20;
 constexpr int actionWidth = 11;
 
 Failure failure(const pack::Error& error) { return {ExitCode::failed, "failed", error.what()}; }
+
+// A server has the catalogue only if somebody has put it there. Without it, settings are not checked.
+std::shared_ptr<const lint::Settings> settingsOf(const PublishOptions& publish, std::vector<std::string>& warnings) {
+    try {
+        return lint::Settings::load(publish.catalogue.empty() ? defaultCatalogue() : publish.catalogue);
+    } catch (const lint::LintException& error) {
+        if (!publish.catalogue.empty()) throw Failure(ExitCode::failed, "bad-file", error.what());
+        warnings.push_back("keys and values of settings are not checked: " + std::string(error.what()) +
+                           " (--catalogue FILE)");
+        return nullptr;
+    }
+}
+
+// What lint finds in one document. References between files are left to `zavctl lint`.
+pack::Check checkOf(const PublishOptions& publish, std::vector<std::string>& warnings) {
+    dbg::Debug::setDebugLevelMask("0");  // the findings say what the daemon's code would log
+    lint::Options options;
+    options.settings = settingsOf(publish, warnings);
+    return [options](const std::string& name, const std::string& bytes) {
+        std::vector<pack::Finding> findings;
+        for (const lint::Finding& one : lint::lintDocument(name, bytes, options)) {
+            if (one.level == lint::Level::note) continue;
+            findings.push_back({name, one.line, one.level == lint::Level::error,
+                                one.message + (one.fix.empty() ? "" : " (" + one.fix + ")")});
+        }
+        return findings;
+    };
+}
 
 Json::Value toJson(const std::vector<std::string>& names) {
     Json::Value array(Json::arrayValue);
@@ -92,6 +124,7 @@ void printTextResult(const Environment& environment, const pack::Result& result,
 
 ExitCode run(const Environment& environment, const Options& options, const std::string& folder,
              const PublishOptions& publish, pack::Result (*operation)(const pack::Options&)) {
+    std::vector<std::string> warnings;
     ProgressBar bar(environment.err, environment.errIsTerminal);
     pack::Options request;
     request.from = folder;
@@ -101,6 +134,7 @@ ExitCode run(const Environment& environment, const Options& options, const std::
     request.dryRun = publish.dryRun;
     request.removeVanished = publish.removeVanished;
     request.progress = [&bar](std::size_t done, std::size_t total) { bar.show(done, total, "files"); };
+    if (operation == pack::pack) request.check = checkOf(publish, warnings);
     pack::Result result;
     try {
         result = operation(request);
@@ -108,6 +142,7 @@ ExitCode run(const Environment& environment, const Options& options, const std::
         throw failure(error);
     }
     bar.clear();
+    result.warnings.insert(result.warnings.end(), warnings.begin(), warnings.end());
     if (options.json) {
         printJsonResult(environment, result, publish.dryRun);
     } else {
@@ -185,6 +220,8 @@ ExitCode fleet(const Environment& environment, const Options& options, const std
     request.force = publish.force;
     request.dryRun = publish.dryRun;
     request.progress = [&bar](std::size_t done, std::size_t total) { bar.show(done, total, "rows"); };
+    std::vector<std::string> warnings;
+    request.check = checkOf(publish, warnings);
     pack::FleetResult result;
     try {
         result = pack::fleet(request);
@@ -192,6 +229,7 @@ ExitCode fleet(const Environment& environment, const Options& options, const std
         throw failure(error);
     }
     bar.clear();
+    result.warnings.insert(result.warnings.end(), warnings.begin(), warnings.end());
     if (!publish.errors.empty()) writeErrors(publish.errors, result.failures);
     if (options.json) {
         printFleetJson(environment, result, publish.dryRun);

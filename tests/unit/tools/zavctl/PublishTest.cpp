@@ -12,6 +12,11 @@ namespace {
 
 using testing::HasSubstr;
 
+std::string document(const std::string& volume) {
+    return "<provisioning version=\"1.1\" productID=\"kd4v\">\n<nvm><param name=\"Audio.Ringer.Volume\" value=\"" +
+           volume + "\"/></nvm>\n</provisioning>\n";
+}
+
 class Publish : public testing::Test {
  protected:
     Publish() {
@@ -19,10 +24,10 @@ class Publish : public testing::Test {
         folder = std::string(::mkdtemp(pattern.data())) + "/";
         std::filesystem::create_directory(folder + "in");
         write("key", "correct horse\n");
-        write("in/provisioning.xml", "<provisioning/>");
+        write("in/provisioning.xml", document("3"));
         write("in/a.img", "image");
-        write("t.csv", "mac,name\n02:00:5E:10:00:01,One\n02:00:5E:10:00:02,Two\n");
-        write("t.xml", "<nvm>{name}</nvm>");
+        write("t.csv", "mac,volume\n02:00:5E:10:00:01,1\n02:00:5E:10:00:02,2\n");
+        write("t.xml", document("{volume}"));
     }
     ~Publish() override { std::filesystem::remove_all(folder); }
 
@@ -90,6 +95,24 @@ TEST_F(Publish, FilesThatKeepAllFromBeingPublishedAreListed) {
     EXPECT_EQ(pack({"--force"}), ExitCode::done);
 }
 
+TEST_F(Publish, ErrorsThatLintFindsKeepAllFromBeingPublished) {
+    write("in/provisioning.xml", document("99"));
+    EXPECT_EQ(pack(), ExitCode::failed);
+    EXPECT_THAT(phone.err.str(), HasSubstr("zavctl: provisioning.xml:2: Audio.Ringer.Volume"));
+    EXPECT_FALSE(std::filesystem::exists(folder + "out"));
+    EXPECT_EQ(pack({"--force"}), ExitCode::done);
+    write("t.csv", "mac,volume\n02:00:5E:10:00:01,1\n02:00:5E:10:00:02,99\n");
+    EXPECT_EQ(fleet(), ExitCode::failed);
+    EXPECT_THAT(phone.err.str(), HasSubstr("zavctl: row 3: 02-00-5E-10-00-02.xml:2: Audio.Ringer.Volume"));
+    EXPECT_EQ(phone.out.str(), "1 of 2 rows: 1 file written, 0 unchanged.\n");
+}
+
+TEST_F(Publish, ACatalogueThatCannotBeReadIsAnError) {
+    EXPECT_EQ(pack({"--catalogue", folder + "none.json"}), ExitCode::failed);
+    EXPECT_THAT(phone.err.str(), HasSubstr("none.json"));
+    EXPECT_FALSE(std::filesystem::exists(folder + "out"));
+}
+
 TEST_F(Publish, ErrorsOfTheWholeCommandNameThePath) {
     EXPECT_EQ(run({"pack", folder + "none", "--to", folder + "out"}), ExitCode::failed);
     EXPECT_THAT(phone.err.str(), HasSubstr("zavctl: " + folder + "none: cannot be opened: No such file"));
@@ -121,8 +144,8 @@ TEST_F(Publish, FleetPrintsTheNumbers) {
 }
 
 TEST_F(Publish, FleetShowsTwentyFailedRowsAndWritesAllToAFile) {
-    std::string table = "mac,name\n02:00:5E:10:00:01,\"two\nlines\"\n";
-    for (int row = 0; row < 25; ++row) table += "x,y\n";
+    std::string table = "mac,volume,note\n02:00:5E:10:00:01,3,\"two\nlines\"\n";
+    for (int row = 0; row < 25; ++row) table += "x,4,\n";
     write("t.csv", table);
     EXPECT_EQ(fleet(), ExitCode::failed);
     EXPECT_EQ(phone.out.str(), "1 of 26 rows: 1 file written, 0 unchanged.\n");
