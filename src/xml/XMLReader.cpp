@@ -24,11 +24,16 @@ bool isDocument(int file) {
 XMLReader::~XMLReader() { xmlFreeDoc(document_); }
 
 bool XMLReader::load(const std::string& path) {
+    return load(path, common::Descriptor(open(path.c_str(), O_RDONLY | O_NOFOLLOW | O_NONBLOCK | O_CLOEXEC)));
+}
+
+bool XMLReader::load(const std::string& name, common::Descriptor file) {
     release();
-    common::Descriptor file(open(path.c_str(), O_RDONLY | O_NOFOLLOW | O_NONBLOCK | O_CLOEXEC));
+    failure_ = {xml::ParseFailure::Kind::unreadable, "", 0, 0};
     if (file.get() >= 0 && isDocument(file.get())) {
-        const xml::DocumentScope scope(path, file);
-        document_ = xmlParseFile(path.c_str());
+        const xml::DocumentScope scope(name, file);
+        document_ = xmlParseFile(name.c_str());
+        failure_ = xml::DocumentScope::failure();
     }
     XMLReader::reset();
     return document_ != nullptr;

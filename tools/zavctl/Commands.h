@@ -57,4 +57,25 @@ ExitCode provisionAndWait(const Environment& environment, const Options& options
 /// Prints why the phone does not provision; changes nothing. `log` is the daemon's log; if it is empty, the journal is.
 ExitCode doctor(const Environment& environment, const Options& options, const std::string& log);
 
+/// How pack, unpack and fleet publish.
+struct PublishOptions {
+    std::string key;  // path of the key file
+    std::string to;   // output folder
+    bool force = false;
+    bool dryRun = false;
+    std::string catalogue;        // pack, fleet: path; empty: the installed one
+    bool removeVanished = false;  // pack
+    std::string place;            // fleet: of a single template file
+    std::string errors;           // fleet: file for the failed rows
+};
+
+/// Publish a folder, recover one, and make and publish the files of a table's rows. Without a phone. Findings and
+/// failed rows that kept something from being written are ExitCode::failed.
+ExitCode pack(const Environment& environment, const Options& options, const std::string& folder,
+              const PublishOptions& publish);
+ExitCode unpack(const Environment& environment, const Options& options, const std::string& folder,
+                const PublishOptions& publish);
+ExitCode fleet(const Environment& environment, const Options& options, const std::string& table,
+               const std::string& templatePath, const PublishOptions& publish);
+
 }  // namespace zavctl

@@ -17,6 +17,7 @@ struct Environment {
     std::ostream& out;
     std::ostream& err;
     bool outIsTerminal;
+    bool errIsTerminal;  // progress is shown there
     common::StopSignal& stopSignal;
     /// Makes SIGINT and SIGTERM trigger `stopSignal`. Call it before starting threads.
     std::function<void()> catchSignals;

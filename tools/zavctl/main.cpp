@@ -58,6 +58,7 @@ int main(int argc, char** argv) {
         std::cout,
         std::cerr,
         ::isatty(STDOUT_FILENO) != 0,
+        ::isatty(STDERR_FILENO) != 0,
         stopSignal(),
         catchSignals,
         [](const std::string& host) { return ipc::IPCFactory::createInstanceShared(zavctl::clientName, host, true); },

@@ -221,6 +221,8 @@ void Download::record(const Transfer& transfer) {
 
 }  // namespace
 
+std::optional<std::uint64_t> sizeLimitOf(const std::string& destination) { return limitOf(destination); }
+
 FileDownloader::FileDownloader(std::shared_ptr<Curl> curl, Security& security,
                                std::shared_ptr<propertyapi::IPropertyApi> properties)
     : curl_(std::move(curl)), security_(security), properties_(std::move(properties)) {}

@@ -22,8 +22,6 @@ constexpr const char* oldestVersion = "1000-01-01_01:01:01";
 constexpr const char* versionPattern =
     R"(^(20[0-9][0-9]-(0[1-9]|1[012])-(0[1-9]|[12][0-9]|3[01])_([01][0-9]|2[0-3]):[0-5][0-9]:[0-5][0-9]|V\d\d\d.\d\d\d.\d\d\d)$)";
 
-using AllowedJobs = std::vector<std::pair<std::string, std::string>>;
-
 const AllowedJobs jobsOfVersion10{{"provisioning", "category"}, {"nvm", "file"},       {"custom", "file"},
                                   {"firmware", "file"},         {"settings", "param"}, {"scenario", "step"}};
 const AllowedJobs jobsOfVersion11{{"nvm", "param"}, {"custom", "step"}, {"firmware", "file"}};
@@ -35,8 +33,7 @@ bool contains(const AllowedJobs& jobs, const JobDescription& job) {
 bool isAllowed(const JobDescription& job) {
     Pass::current().throwIfOverdue();
     const std::string version = currentProvisioningVersion();
-    if (version == "1.0" && contains(jobsOfVersion10, job)) return true;
-    if (version == "1.1" && contains(jobsOfVersion11, job)) return true;
+    if (contains(allowedJobs(version), job)) return true;
     dbg::Debug::warning() << "Job: " << job.name << " " << job.itemName
                           << " is not valid for provisioning version: " << version << " and it will not be started"
                           << std::endl;
@@ -58,7 +55,9 @@ JobHandler::JobHandler(const JobDescription& job, std::shared_ptr<Curl> curl, Se
 
 const std::string& JobHandler::getName() { return handlerName_; }
 
-std::string JobHandler::findNewestUrl(const JobDescription& job) {
+std::string JobHandler::findNewestUrl(const JobDescription& job) { return newestUrl(job); }
+
+std::string newestUrl(const JobDescription& job) {
     std::string newest = oldestVersion;
     std::string url;
     for (const Attributes& item : job.items) {
@@ -168,6 +167,12 @@ ProgressPublisher::Job progressOf(const JobDescription& job) {
 void removeJobsNotAllowed(std::vector<JobDescription>& jobs) {
     jobs.erase(std::remove_if(jobs.begin(), jobs.end(), [](const JobDescription& job) { return !isAllowed(job); }),
                jobs.end());
+}
+
+const AllowedJobs& allowedJobs(const std::string& version) {
+    static const AllowedJobs none;
+    if (version == "1.0") return jobsOfVersion10;
+    return version == "1.1" ? jobsOfVersion11 : none;
 }
 
 bool isValidVersion(const std::string& version) {

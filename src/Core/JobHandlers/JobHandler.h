@@ -92,8 +92,17 @@ void runEach(std::vector<JobDescription>& jobs, RunJob runJob, const char* file 
     }
 }
 
+/// Job name and item name.
+using AllowedJobs = std::vector<std::pair<std::string, std::string>>;
+
+/// The jobs that a pass of this format version runs.
+const AllowedJobs& allowedJobs(const std::string& version);
+
 /// Removes the jobs that the format version of the running pass does not allow. Logs a warning for each.
 void removeJobsNotAllowed(std::vector<JobDescription>& jobs);
+
+/// What JobHandler::findNewestUrl returns; logs it. For a thread with a pass.
+std::string newestUrl(const JobDescription& job);
 
 /// Whether the text is the version of a published file: a time stamp or the "V" form. Logs a warning if not.
 bool isValidVersion(const std::string& version);

@@ -12,12 +12,14 @@ namespace zav {
 
 namespace {
 
-constexpr const char* functionKeyPrefix = "PhoneUI.Keys.FunctionKeys.";
-constexpr const char* lockPostfix = "LockProvisioning";
 // Part of the error text; spelled out because __PRETTY_FUNCTION__ differs between compilers.
 constexpr const char* getIndexAndPostfixSignature =
     "std::pair<const std::basic_string<char>, const std::basic_string<char> > "
     "zav::{anonymous}::getIndexAndPostfix(const string&, const string&)";
+
+}  // namespace
+
+std::string lockKeyOf(const std::string& index) { return "FunctionKeys." + index + "." + lockPostfix; }
 
 std::pair<const std::string, const std::string> getIndexAndPostfix(const std::string& name, const std::string& prefix) {
     const auto dot = name.find('.', prefix.length());
@@ -26,8 +28,6 @@ std::pair<const std::string, const std::string> getIndexAndPostfix(const std::st
     }
     return {name.substr(prefix.length(), dot - prefix.length()), name.substr(dot + 1)};
 }
-
-}  // namespace
 
 bool isFunctionKeyParam(const std::string& name, const std::string& prefix) {
     if (name.compare(0, prefix.length(), prefix) != 0) return false;
@@ -97,7 +97,7 @@ void NVMJobHandler::applyFunctionKeyParam(const std::string& name, const std::st
 bool NVMJobHandler::isFunctionKeyLocked(const std::string& index) {
     auto flag = lockCache_.find(index);
     if (flag == lockCache_.end()) {
-        flag = lockCache_.emplace(index, properties_->get("FunctionKeys." + index + "." + lockPostfix)).first;
+        flag = lockCache_.emplace(index, properties_->get(lockKeyOf(index))).first;
     }
     return flag->second != "0";
 }

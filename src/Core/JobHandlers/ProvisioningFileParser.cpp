@@ -49,13 +49,25 @@ const char* digit(bool passed) { return passed ? "1" : "0"; }
 
 }  // namespace
 
+const std::vector<std::string>& verifiableRoots() {
+    static const std::vector<std::string> roots{"provisioning", "firmware", "nvm", "settings", "custom", "scenario"};
+    return roots;
+}
+
+bool isFormatVersion(const std::string& version) {
+    return version >= oldestFormatVersion && version <= GlobalConfig::fileFormatVersion;
+}
+
+bool isMacAddressOf(const std::string& device, const std::string& address) {
+    return address.size() >= device.size() && std::equal(device.begin(), device.end(), address.begin(),
+                                                         [](char a, char b) { return upper(a) == upper(b); });
+}
+
 ProvisioningFileParser::ProvisioningFileParser(std::string filePath, XMLReader& reader,
-                                               std::shared_ptr<propertyapi::IPropertyApi> properties)
-    : filePath_(std::move(filePath)),
-      reader_(reader),
-      properties_(std::move(properties)),
-      verifiableRoots_{"provisioning", "firmware", "nvm", "settings", "custom", "scenario"} {
-    decrypt();
+                                               std::shared_ptr<propertyapi::IPropertyApi> properties,
+                                               Decryption decryption)
+    : filePath_(std::move(filePath)), reader_(reader), properties_(std::move(properties)) {
+    if (decryption == Decryption::inPlace) decrypt();
 }
 
 // Only openssl's exit status tells whether the file was encrypted. The path needs no quoting: local file names are
@@ -106,9 +118,8 @@ bool ProvisioningFileParser::parseInitialFile() {
 }
 
 bool ProvisioningFileParser::verify() {
-    if (std::find(verifiableRoots_.begin(), verifiableRoots_.end(), reader_.name()) == verifiableRoots_.end()) {
-        return false;
-    }
+    const std::vector<std::string>& roots = verifiableRoots();
+    if (std::find(roots.begin(), roots.end(), reader_.name()) == roots.end()) return false;
     dbg::Debug::info() << "File " << filePath_ << " is verifiable" << std::endl;
     try {
         const Attributes root = reader_.attributes();
@@ -142,7 +153,6 @@ bool ProvisioningFileParser::verifyProduct(const Attributes& root) const {
     return true;
 }
 
-// Compares as many characters as the device's own address has, ignoring case.
 bool ProvisioningFileParser::verifyMacAddress(const Attributes& root) const {
     const std::string device = properties_->get(constants.macAddressKey);
     const auto address = root.find("macAddress");
@@ -150,8 +160,7 @@ bool ProvisioningFileParser::verifyMacAddress(const Attributes& root) const {
         dbg::Debug::info() << "MAC address not provided in XML, skipping check" << std::endl;
         return true;
     }
-    return address->second.size() >= device.size() && std::equal(device.begin(), device.end(), address->second.begin(),
-                                                                 [](char a, char b) { return upper(a) == upper(b); });
+    return isMacAddressOf(device, address->second);
 }
 
 bool ProvisioningFileParser::verifyVersion(const Attributes& root) const {
@@ -160,8 +169,7 @@ bool ProvisioningFileParser::verifyVersion(const Attributes& root) const {
         dbg::Debug::error() << "Provisioning version is not specified in xml" << std::endl;
         return false;
     }
-    // Compared as strings: "1.05" is in range, "1.1.0" is not.
-    if (version->second < oldestFormatVersion || version->second > GlobalConfig::fileFormatVersion) {
+    if (!isFormatVersion(version->second)) {
         dbg::Debug::warning() << "Incorrect file format version, provisioning not supported" << std::endl;
         return false;
     }
@@ -201,6 +209,10 @@ bool ProvisioningFileParser::collectJobs(std::vector<JobDescription>& jobs) {
     return true;
 }
 
+void ProvisioningFileParser::reportMixedItems(const std::string& jobName) {
+    dbg::Debug::info() << "XML child nodes have inconsistient names, please verify xml job: " << jobName << std::endl;
+}
+
 // The reader keeps a restored position on its stack, so after a nested level the outer one continues from the element
 // entered last, and child names of the nested level stay in the set. `atElement` is false if the level has no element.
 void ProvisioningFileParser::collectLevel(const std::string& parentName, bool atElement, Walk& walk) {
@@ -227,8 +239,7 @@ void ProvisioningFileParser::collectLevel(const std::string& parentName, bool at
     }
     if (!job.items.empty()) {
         if (childNames_.size() > 1) {
-            dbg::Debug::info() << "XML child nodes have inconsistient names, please verify xml job: " << parentName
-                               << std::endl;
+            reportMixedItems(parentName);
         } else {
             job.name = parentName;
             walk.jobs.push_back(std::move(job));

@@ -104,7 +104,7 @@ class Phone {
 
     ExitCode run(const std::vector<std::string>& arguments) {
         return zavctl::run(
-            arguments, Environment{out, err, terminal, stopSignal, [this] { catching = true; },
+            arguments, Environment{out, err, terminal, errTerminal, stopSignal, [this] { catching = true; },
                                    [this](const std::string&) { return bus; },
                                    [this](const std::shared_ptr<ipc::IIPCClient>&) { return properties; }, hintAfter,
                                    progressEvery, now});
@@ -123,7 +123,8 @@ class Phone {
     const std::shared_ptr<fakes::FakeProperties> properties;
     std::ostringstream out;
     std::ostringstream err;
-    bool terminal = false;
+    bool terminal = false;     // standard output
+    bool errTerminal = false;  // standard error
     bool catching = false;
     std::chrono::milliseconds hintAfter{2000};
     std::chrono::milliseconds progressEvery{10000};

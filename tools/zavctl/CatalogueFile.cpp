@@ -1,0 +1,38 @@
+#include "CatalogueFile.h"
+
+#include <filesystem>
+#include <fstream>
+
+namespace zavctl {
+
+namespace {
+
+namespace fs = std::filesystem;
+
+constexpr char homeEntry[] = "CMAKE_HOME_DIRECTORY:INTERNAL=";
+
+// The source tree of a build tree; empty if the folder is not a build tree.
+std::string sourceTreeOf(const fs::path& folder) {
+    std::ifstream cache(folder / "CMakeCache.txt");
+    std::string line;
+    while (std::getline(cache, line)) {
+        if (line.rfind(homeEntry, 0) == 0) return line.substr(sizeof homeEntry - 1);
+    }
+    return {};
+}
+
+}  // namespace
+
+std::string defaultCatalogue() {
+    std::error_code error;
+    const fs::path program = fs::read_symlink("/proc/self/exe", error);
+    for (fs::path folder = program.parent_path(); folder.has_relative_path(); folder = folder.parent_path()) {
+        const std::string source = sourceTreeOf(folder);
+        if (source.empty()) continue;
+        const fs::path catalogue = fs::path(source) / "services/property-service/catalogue.json";
+        if (fs::exists(catalogue, error)) return catalogue.string();
+    }
+    return ZAV_CATALOGUE;
+}
+
+}  // namespace zavctl
