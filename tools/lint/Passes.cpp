@@ -9,6 +9,7 @@
 
 #include "Core/JobHandlers/CustomScenarioJobHandler.h"
 #include "Core/Pass.h"
+#include "common/UrlSyntax.h"
 #include "http/FileDownloader.h"
 #include "lint/Checks.h"
 #include "lint/Rules.h"
@@ -192,7 +193,7 @@ void Passes::followOne(const std::string& name, const Reference& reference, cons
     const Target target = site.resolve(reference.url, reference.kind);
     if (target.file.empty()) {
         addFurther(name, static_cast<std::size_t>(RuleId::notFollowed), reference,
-                   quoted(reference.url) + " was not checked: " + target.reason);
+                   quoted(common::withoutPassword(reference.url)) + " was not checked: " + target.reason);
         return;
     }
     if (!target.exists) {

@@ -27,7 +27,7 @@ constexpr char anyServer[] = "http://server/";
 
 std::string folderOf(const std::string& path) {
     const std::size_t slash = path.rfind('/');
-    return slash == std::string::npos ? "./" : path.substr(0, slash + 1);
+    return slash == std::string::npos ? "" : path.substr(0, slash + 1);
 }
 
 int digitOf(char c) {
@@ -138,7 +138,7 @@ Target Site::inFolder(const std::string& relative) const {
     for (const std::string& name : {relative, decoded(relative)}) {
         if (isSteppingOut(name)) continue;
         std::error_code error;
-        const fs::path path(folder_ == "./" ? name : folder_ + name);
+        const fs::path path(folder_ + name);
         const fs::file_status status = fs::status(path, error);
         if (target.file.empty() || fs::exists(status)) target.file = path.string();
         if (!fs::exists(status)) continue;
