@@ -1,9 +1,10 @@
 #include "lint/Passes.h"
 
 #include <algorithm>
+#include <array>
 #include <atomic>
 #include <exception>
-#include <mutex>
+#include <functional>
 #include <thread>
 #include <utility>
 
@@ -13,6 +14,7 @@
 #include "http/FileDownloader.h"
 #include "lint/Checks.h"
 #include "lint/Rules.h"
+#include "xml/Library.h"
 
 namespace lint {
 
@@ -59,6 +61,7 @@ Passes::Passes(std::vector<std::string> files, const Options& options) : named_(
 }
 
 Report Passes::report() {
+    const zav::xml::Library library;  // initialised once, not for each file
     inspectNamedFiles();
     for (const std::string& name : named_) {
         const File& file = files_[name];
@@ -89,24 +92,25 @@ void Passes::inspectNamedFiles() {
     }
     std::vector<std::pair<Inspection, std::string>> results(local.size());
     std::atomic<std::size_t> next{0};
-    std::mutex mutex;
-    std::exception_ptr failure;  // lack of memory
-    const auto work = [&] {
+    std::array<std::exception_ptr, workers> failures;  // lack of memory
+    const auto work = [&](std::exception_ptr& failure) {
         try {
             for (std::size_t index = next++; index < local.size(); index = next++) {
                 const Circumstances around{roleByName(local[index]), "", travelsReadable(local[index], options_)};
                 results[index].first = inspectFile(local[index], around, results[index].second);
             }
         } catch (...) {
-            const std::lock_guard<std::mutex> lock(mutex);
             failure = std::current_exception();
         }
     };
     std::vector<std::thread> threads;
-    for (unsigned worker = 1; worker < workers && worker < local.size(); ++worker) threads.emplace_back(work);
-    work();
+    for (unsigned worker = 1; worker < workers && worker < local.size(); ++worker)
+        threads.emplace_back(work, std::ref(failures.at(worker)));
+    work(failures.front());
     for (std::thread& thread : threads) thread.join();
-    if (failure) std::rethrow_exception(failure);
+    for (const std::exception_ptr& failure : failures) {
+        if (failure) std::rethrow_exception(failure);
+    }
     for (std::size_t index = 0; index < local.size(); ++index) {
         File& file = files_[local[index]];
         file.readError = std::move(results[index].second);
