@@ -52,12 +52,11 @@ bool travelsReadable(const std::string& name, const Options& options) {
     return url.size() >= 5 && (url[0] | 0x20) == 'h' && url.find("://") == 4;
 }
 
-Passes::Passes(std::vector<std::string> files, const Options& options) : named_(std::move(files)), options_(options) {
-    for (const std::string& name : named_) {
-        File& file = files_[name];
-        if (!file.isNamed) order_.push_back(name);
-        file.isNamed = true;
+Passes::Passes(const std::vector<std::string>& files, const Options& options) : options_(options) {
+    for (const std::string& name : files) {
+        if (files_.emplace(name, File()).second) named_.push_back(name);
     }
+    order_ = named_;
 }
 
 Report Passes::report() {
@@ -188,7 +187,7 @@ void Passes::followOne(const std::string& name, const Reference& reference, cons
                        const std::string& version, Pass& pass) {
     if (reference.isFetched && reference.kind != Reference::Kind::redirect && ++pass.files > zav::Pass::maximumFiles) {
         if (!pass.isOverFiles) {
-            addFurther(name, static_cast<std::size_t>(RuleId::tooManyFiles), reference,
+            addFurther(name, RuleId::tooManyFiles, reference,
                        "The pass has downloaded " + std::to_string(zav::Pass::maximumFiles) + " files before");
         }
         pass.isOverFiles = true;
@@ -196,37 +195,34 @@ void Passes::followOne(const std::string& name, const Reference& reference, cons
     }
     const Target target = site.resolve(reference.url, reference.kind);
     if (target.file.empty()) {
-        addFurther(name, static_cast<std::size_t>(RuleId::notFollowed), reference,
+        addFurther(name, RuleId::notFollowed, reference,
                    quoted(common::withoutPassword(reference.url)) + " was not checked: " + target.reason);
         return;
     }
     if (!target.exists) {
         if (!isProvisioningFile(reference.kind)) otherFiles_.insert(target.file);
         if (reference.isFetched) {
-            addFurther(name, static_cast<std::size_t>(RuleId::missingFile), reference,
-                       "There is no file " + quoted(target.file));
+            addFurther(name, RuleId::missingFile, reference, "There is no file " + quoted(target.file));
         }
         return;
     }
     if (!isProvisioningFile(reference.kind)) return checkOther(name, reference, target);
     if (std::find(pass.trail.begin(), pass.trail.end(), target.file) != pass.trail.end()) {
-        addFurther(name, static_cast<std::size_t>(RuleId::includeLoop), reference,
-                   quoted(target.file) + " leads back to itself");
+        addFurther(name, RuleId::includeLoop, reference, quoted(target.file) + " leads back to itself");
         return;
     }
     const bool isNewPass = reference.kind == Reference::Kind::redirect;
     const Inspection* const found =
         inspectionOf(target.file, {roleOf(reference.kind), isNewPass ? "" : version, target.isReadableOnTheWay});
     if (found == nullptr) {
-        addFurther(name, static_cast<std::size_t>(RuleId::missingFile), reference,
-                   quoted(target.file) + " " + files_[target.file].readError);
+        addFurther(name, RuleId::missingFile, reference, quoted(target.file) + " " + files_[target.file].readError);
         return;
     }
     reached_.insert(target.file);
     if (reference.isFetched) pass.items += found->items;
     if (pass.items > zav::Pass::maximumItems && !pass.isOverItems) {
         pass.isOverItems = true;
-        addFurther(name, static_cast<std::size_t>(RuleId::tooManyPassItems), reference,
+        addFurther(name, RuleId::tooManyPassItems, reference,
                    "With this file the pass has " + std::to_string(pass.items) + " items");
     }
     if (pass.trail.size() >= zav::Pass::maximumHandlerDepth) return;
@@ -242,13 +238,12 @@ void Passes::checkOther(const std::string& name, const Reference& reference, con
     const auto limit = zav::sizeLimitOf(destinationOf(reference.kind));
     if (!limit || target.size <= *limit) return;
     addFurther(
-        name, static_cast<std::size_t>(RuleId::tooLarge), reference,
+        name, RuleId::tooLarge, reference,
         quoted(target.file) + " has " + std::to_string(target.size) + " bytes; the limit is " + std::to_string(*limit));
 }
 
-void Passes::addFurther(const std::string& name, std::size_t rule, const Reference& reference,
-                        const std::string& message) {
-    const Rule& row = rules()[rule];
+void Passes::addFurther(const std::string& name, RuleId rule, const Reference& reference, const std::string& message) {
+    const Rule& row = ruleOf(rule);
     Finding finding = reference.place;
     finding.level = row.level;
     finding.rule = row.id;

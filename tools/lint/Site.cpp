@@ -110,13 +110,7 @@ std::vector<std::string> listFiles(const std::vector<std::string>& paths) {
             files.push_back(path);
         }
     }
-    std::vector<std::string> unique;
-    for (std::string& file : files) {
-        if (std::find(unique.begin(), unique.end(), file) == unique.end() || files.size() > 100) {
-            unique.push_back(std::move(file));
-        }
-    }
-    return unique;
+    return files;
 }
 
 Site::Site(std::string initial, const Options& options)
