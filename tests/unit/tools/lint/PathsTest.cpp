@@ -129,6 +129,7 @@ TEST_F(LintPaths, ReferencesDoNotLeaveTheFolder) {
     write("outside.xml", settingsFile);
     const std::string first = write("inside/provisioning.xml", initial("/%2e./outside.xml"));
     EXPECT_THAT(lint({first}), ElementsAre("inside/provisioning.xml: invalid-url"));
+    write("inside/a/b.txt", "");
     write("inside/provisioning.xml", initial("/a%2f..%2f../outside.xml"));
     EXPECT_THAT(lint({first}), ElementsAre("inside/provisioning.xml: missing-file"));
 }
