@@ -5,6 +5,8 @@
 #include <libxml/tree.h>
 #include <sys/stat.h>
 
+#include "common/PathRoot.h"
+
 namespace zav {
 
 namespace {
@@ -25,10 +27,11 @@ XMLReader::~XMLReader() { xmlFreeDoc(document_); }
 
 bool XMLReader::load(const std::string& path) {
     release();
-    common::Descriptor file(open(path.c_str(), O_RDONLY | O_NOFOLLOW | O_NONBLOCK | O_CLOEXEC));
+    const std::string onDisk = common::rooted(path);
+    common::Descriptor file(open(onDisk.c_str(), O_RDONLY | O_NOFOLLOW | O_NONBLOCK | O_CLOEXEC));
     if (file.get() >= 0 && isDocument(file.get())) {
-        const xml::DocumentScope scope(path, file);
-        document_ = xmlParseFile(path.c_str());
+        const xml::DocumentScope scope(onDisk, file);
+        document_ = xmlParseFile(onDisk.c_str());
     }
     XMLReader::reset();
     return document_ != nullptr;

@@ -35,7 +35,7 @@ std::unique_ptr<JobHandler> JobHandlerFactory::create(const JobDescription& job,
     }
     if (is("custom", "step") || job.name == "scenario") {
         // An HTTP client of its own: a shared one would keep the worker's progress callback after its destruction.
-        auto worker = std::make_shared<ProvisioningWorker>(properties, std::make_shared<Curl>(), security);
+        auto worker = std::make_shared<ProvisioningWorker>(properties, std::make_shared<Curl>(curl->settings()), security);
         return std::make_unique<CustomScenarioJobHandler>(job, std::move(curl), security, properties, reader,
                                                           progressReporter, statusReporter, std::move(worker));
     }

@@ -14,6 +14,7 @@
 #include "Core/Pass.h"
 #include "common/Descriptor.h"
 #include "common/Execute.h"
+#include "common/PathRoot.h"
 #include "common/Quote.h"
 #include "debug/Debug.h"
 
@@ -37,7 +38,7 @@ std::size_t bytesOf(const Attributes& attributes) {
 
 // Empty if the key is readable.
 std::string keyFileError() {
-    const common::Descriptor key(::open(keyFile, O_RDONLY | O_CLOEXEC));
+    const common::Descriptor key(::open(common::rooted(keyFile).c_str(), O_RDONLY | O_CLOEXEC));
     char first = 0;
     if (key.get() >= 0 && ::read(key.get(), &first, 1) >= 0) return {};
     return std::string("Cannot read the key file ") + keyFile + ": " + common::reasonOf(errno);
@@ -61,13 +62,14 @@ ProvisioningFileParser::ProvisioningFileParser(std::string filePath, XMLReader& 
 // Only openssl's exit status tells whether the file was encrypted. The path needs no quoting: local file names are
 // reduced to safe characters before the download.
 void ProvisioningFileParser::decrypt() {
-    const std::string temporary = filePath_ + ".tmp";
+    const std::string file = common::rooted(filePath_);
+    const std::string temporary = file + ".tmp";
     std::remove(temporary.c_str());  // openssl would follow a symbolic link
     try {
         os::execute(
-            "openssl enc -aes-128-cbc -d -in " + filePath_ + " -out " + temporary + " -pass file:/etc/zav.d/key",
+            "openssl enc -aes-128-cbc -d -in " + file + " -out " + temporary + " -pass file:" + common::rooted(keyFile),
             decryptionTimeout, Pass::current().stop().get());
-        std::rename(temporary.c_str(), filePath_.c_str());
+        std::rename(temporary.c_str(), file.c_str());
         return;
     } catch (const os::CommandNotStartedException& e) {
         decryptionError_ = e.what();
