@@ -206,6 +206,23 @@ class CommandLine {
                    {"zavctl doctor", "zavctl doctor --json"}, [this] { code_ = doctor(environment_, options_, log_); })
             ->add_option("--log", log_, "File with the daemon's log; default: the journal of zavd.service")
             ->envname("ZAVD_LOG");
+        addExplain();
+    }
+
+    void addExplain() {
+        CLI::App* const command = addCommand(
+            "explain", "Shows what a phone would do with provisioning files, and why; changes nothing",
+            {{"SOURCE", "The server's folder, an initial file, or its URL"}},
+            {"the pass would end success or partSuccess", "the pass would end fail, or a file cannot be read"},
+            {"zavctl explain phones/ --as phone.json", "zavctl explain phones/provisioning.xml --key phone.key",
+             "zavctl explain https://server.example/phones/ --as running"},
+            [this] { code_ = explain(environment_, options_, positional(0), explained_); });
+        command->add_option(
+            "--as", explained_.as,
+            "The phone: a file in the format of export, or \"running\"; default: the catalogue's defaults");
+        command->add_option("--catalogue", explained_.catalogue, "The phone's catalogue; default: the installed one");
+        command->add_option("--key", explained_.key, "File with the phone's pass phrase; default: /etc/zav.d/key");
+        addShowSecrets(command);
     }
 
     void addTransferCommands() {
@@ -289,6 +306,7 @@ class CommandLine {
     bool wait_ = false;
     double timeoutSeconds_ = 300;
     std::string log_;
+    ExplainOptions explained_;
     ExitCode code_ = ExitCode::done;
 };
 

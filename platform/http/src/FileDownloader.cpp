@@ -110,6 +110,7 @@ int Download::run() {
     }
     if (result == CURLE_OK && status_ == httpOk) file_.commit();
     logUnsetClock(result);
+    if (client_.settings.onEnd) client_.settings.onEnd(source_.text(), result, status_);
     return result;
 }
 

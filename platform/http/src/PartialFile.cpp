@@ -31,7 +31,8 @@ bool hasParentSegment(const std::string& path) { return ("/" + path + "/").find(
 void makeFolders(const std::string& path) {
     for (std::size_t end = path.find('/', 1);; end = path.find('/', end + 1)) {
         const std::string folder = path.substr(0, end);
-        if (::mkdir(common::rooted(folder).c_str(), 0700) != 0 && errno != EEXIST) fail(errno, "Cannot create the folder " + folder);
+        if (::mkdir(common::rooted(folder).c_str(), 0700) != 0 && errno != EEXIST)
+            fail(errno, "Cannot create the folder " + folder);
         if (end == std::string::npos) return;
     }
 }

@@ -81,7 +81,8 @@ std::shared_ptr<const DeviceIdentity> checkedIdentity() {
     try {
         auto identity = readIdentity();
         struct stat status {};
-        if (identity != nullptr && ::stat(common::rooted(identityFile).c_str(), &status) == 0 && (status.st_mode & (S_IROTH | S_IWOTH)) != 0) {
+        if (identity != nullptr && ::stat(common::rooted(identityFile).c_str(), &status) == 0 &&
+            (status.st_mode & (S_IROTH | S_IWOTH)) != 0) {
             dbg::Debug::warning() << "Device certificate: every user can read or replace the private key in "
                                   << identityFile << std::endl;
         }

@@ -7,6 +7,7 @@
 #include "Core/JobHandlers/FirmwareJobHandler.h"
 #include "Core/JobHandlers/MasterJobHandler.h"
 #include "Core/JobHandlers/NVMJobHandler.h"
+#include "Core/JobHandlers/PassObserver.h"
 #include "Core/ProvisioningWatchdog/ProvisioningWorker.h"
 #include "debug/Debug.h"
 
@@ -35,7 +36,8 @@ std::unique_ptr<JobHandler> JobHandlerFactory::create(const JobDescription& job,
     }
     if (is("custom", "step") || job.name == "scenario") {
         // An HTTP client of its own: a shared one would keep the worker's progress callback after its destruction.
-        auto worker = std::make_shared<ProvisioningWorker>(properties, std::make_shared<Curl>(curl->settings()), security);
+        auto worker =
+            std::make_shared<ProvisioningWorker>(properties, std::make_shared<Curl>(curl->settings()), security);
         return std::make_unique<CustomScenarioJobHandler>(job, std::move(curl), security, properties, reader,
                                                           progressReporter, statusReporter, std::move(worker));
     }
@@ -44,6 +46,7 @@ std::unique_ptr<JobHandler> JobHandlerFactory::create(const JobDescription& job,
                                                     progressReporter, statusReporter);
     }
     dbg::Debug::warning() << "Unknown job type !" << std::endl;
+    PassObserver::current().jobDropped(job, "unknown job type");
     return nullptr;
 }
 

@@ -11,6 +11,7 @@
 
 #include "Core/Constants.h"
 #include "Core/GlobalConfig.h"
+#include "Core/JobHandlers/PassObserver.h"
 #include "Core/Pass.h"
 #include "common/Descriptor.h"
 #include "common/Execute.h"
@@ -231,6 +232,7 @@ void ProvisioningFileParser::collectLevel(const std::string& parentName, bool at
         if (childNames_.size() > 1) {
             dbg::Debug::info() << "XML child nodes have inconsistient names, please verify xml job: " << parentName
                                << std::endl;
+            PassObserver::current().jobDropped({parentName, job.itemName, {}}, "its elements have different names");
         } else {
             job.name = parentName;
             walk.jobs.push_back(std::move(job));

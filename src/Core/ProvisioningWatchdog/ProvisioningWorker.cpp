@@ -6,6 +6,7 @@
 #include "Core/GlobalConfig.h"
 #include "Core/JobHandlers/JobHandler.h"
 #include "Core/JobHandlers/JobHandlerFactory.h"
+#include "Core/JobHandlers/PassObserver.h"
 #include "Core/JobHandlers/ProvisioningFileParser.h"
 #include "Core/Pass.h"
 #include "Core/Utils.h"
@@ -278,7 +279,9 @@ void ProvisioningWorker::runJobs(std::vector<JobDescription> jobs, XMLReader& re
             JobHandlerFactory::create(job, curl_, security_, properties_, reader, progressReporter_, statusReporter_);
         if (!handler) return;
         dbg::Debug::info() << "+++++ Starting " << handler->getName() << std::endl;
+        PassObserver::current().jobStarted(job, handler->getName());
         const int result = handler->run();
+        PassObserver::current().jobEnded(job, result);
         statusReporter_.setJobStatus(handler->getName(), result);
         dbg::Debug::info() << "-----Finishing " << handler->getName() << std::endl;
     });

@@ -29,7 +29,11 @@ struct CurlSettings {
     std::function<std::chrono::system_clock::time_point()> systemNow = &std::chrono::system_clock::now;
 
     // Answers requests in place of all servers; null: the network. Called on the transferring thread.
-    std::function<LocalAnswer(const std::string& url)> standIn;
+    std::function<LocalAnswer(const std::string& url)> standIn = nullptr;
+
+    // Hears the end of each download: its URL, a libcurl result code and the HTTP status. Called on the transferring
+    // thread.
+    std::function<void(const std::string& url, int result, long status)> onEnd = nullptr;
 };
 
 class Curl {
