@@ -141,6 +141,7 @@ class PhoneInMemory {
 
     std::shared_ptr<zav::Curl> client() {
         zav::CurlSettings settings;
+        settings.sync = false;
         if (folder_) settings.standIn = [this](const std::string& url) { return folder_->answer(url); };
         settings.onEnd = [this](const std::string& url, int result, long status) { onDownload(url, result, status); };
         return std::make_shared<zav::Curl>(settings);

@@ -108,7 +108,9 @@ int Download::run() {
         if (!pause || !waitForRetry(*pause)) break;
         result = attempt();
     }
-    if (result == CURLE_OK && status_ == httpOk) file_.commit();
+    if (result == CURLE_OK && status_ == httpOk) {
+        file_.commit(client_.settings.sync ? PartialFile::Sync::yes : PartialFile::Sync::no);
+    }
     logUnsetClock(result);
     if (client_.settings.onEnd) client_.settings.onEnd(source_.text(), result, status_);
     return result;

@@ -89,13 +89,13 @@ void PartialFile::restart() {
     size_ = 0;
 }
 
-void PartialFile::commit() {
-    if (::fsync(file_.get()) != 0) fail(errno, "Cannot sync " + destination_);
+void PartialFile::commit(Sync sync) {
+    if (sync == Sync::yes && ::fsync(file_.get()) != 0) fail(errno, "Cannot sync " + destination_);
     if (::renameat(folder_.get(), temporaryName_.c_str(), folder_.get(), name_.c_str()) != 0) {
         fail(errno, "Cannot replace " + destination_);
     }
     committed_ = true;
-    if (::fsync(folder_.get()) != 0) fail(errno, "Cannot sync the folder of " + destination_);
+    if (sync == Sync::yes && ::fsync(folder_.get()) != 0) fail(errno, "Cannot sync the folder of " + destination_);
 }
 
 }  // namespace zav

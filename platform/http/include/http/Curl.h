@@ -28,6 +28,8 @@ struct CurlSettings {
     std::function<std::chrono::steady_clock::time_point()> steadyNow = &std::chrono::steady_clock::now;
     std::function<std::chrono::system_clock::time_point()> systemNow = &std::chrono::system_clock::now;
 
+    bool sync = true;  // false: files need not survive a crash of the system
+
     // Answers requests in place of all servers; null: the network. Called on the transferring thread.
     std::function<LocalAnswer(const std::string& url)> standIn = nullptr;
 
