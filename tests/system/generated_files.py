@@ -71,9 +71,9 @@ class Case:
     def _add(self, name, text):
         """Publishes a file, now and then damaged or encrypted (True: with the phone's key, False: with another)."""
         content = text.encode()
-        if self._chance(20):
+        if self._chance(12):
             content = self._mutated(content)
-        self.files[name] = (content, self._pick([None, None, None, True, True, False]) if self._chance(40) else None)
+        self.files[name] = (content, self._pick([None, None, None, True, True, False]) if self._chance(30) else None)
 
     def _mutated(self, content):
         data = bytearray(content)
@@ -94,9 +94,9 @@ class Case:
             b"://" + FIXED, b"") else content
 
     def _root(self, name, children):
-        version = self.format if self._chance(93) else self._pick(["1.0", "1.1", "1.05", "2.0", None])
-        product = PRODUCT if self._chance(95) else self._pick(["kd5", None])
-        mac = None if self._chance(70) else self._pick(["02:00:5E:10:00:01", "02:00:5e:10:00:01", "02:00:5E:10:00:02"])
+        version = self.format if self._chance(97) else self._pick(["1.0", "1.1", "1.05", "2.0", None])
+        product = PRODUCT if self._chance(97) else self._pick(["kd5", None])
+        mac = None if self._chance(80) else self._pick(["02:00:5E:10:00:01", "02:00:5e:10:00:01", "02:00:5E:10:00:02"])
         return root(name, children, version=version, product=product, mac=mac)
 
     def _initial(self):

@@ -18,8 +18,9 @@ CASES = int(os.environ.get("EXPLAIN_CASES", "40"))
 FIRST = int(os.environ.get("EXPLAIN_SEED", "1"))
 PHONE_FILE = f"{phone.HOME}/explained.json"
 CATALOGUE = f"{phone.PROJECT}/services/property-service/catalogue.json"
-# What other threads of the daemon log about the changes that a pass makes.
-OTHERS = ("Core/Dispatcher:", "Core/ProvisioningTimer:", "Core/Utils:")
+# What other threads log about the changes that a pass makes; and how often the thread of a pass wakes while a nested
+# pass runs, which depends on the machine.
+OTHERS = ("Core/Dispatcher:", "Core/ProvisioningTimer:", "Core/Utils:", "Core/ProvisioningWatchdog/ProgressReporter:")
 ENTRY = re.compile(r"^\d{4}-\d\d-\d\dT\S+ ZAV (\w+) (\S+) (.*)$")
 
 

@@ -151,7 +151,8 @@ class PhoneInMemory {
         std::string place;
         if (folder_) {
             place = folder_->answer(url).file;
-            if (place.empty()) place = "not published here";
+            if (place.empty())
+                place = folder_->isElsewhere(url) ? "on another server, not asked" : "not published here";
         }
         std::string outcome = status == 0 ? "" : zav::CurlTypes::getHTTPCodeDescription(status);
         if (result != 0) outcome += (outcome.empty() ? "" : ", ") + zav::CurlTypes::getCurlErrorDescription(result);

@@ -38,7 +38,7 @@ struct Request {
 struct Event {
     enum class Kind {
         file,      // subject: URL; value: where it is; reason: HTTP status
-        dropped,   // subject: job; reason
+        dropped,   // subject: job or file; reason
         started,   // subject: job; value: handler
         ended,     // subject: job; value: result
         chosen,    // subject: job; value: URL; reason: version, or why there is none

@@ -67,6 +67,8 @@ PublishedFolder::PublishedFolder(const std::string& source, const zav::UrlInfo& 
     }
 }
 
+bool PublishedFolder::isElsewhere(const std::string& url) const { return !isSameServer(zav::UrlInfo(url), initial_); }
+
 zav::LocalAnswer PublishedFolder::answer(const std::string& url) const {
     const zav::UrlInfo wanted(url);
     const std::string& prefix = initial_.path();

@@ -2,7 +2,6 @@
 // and all others with 404, "not published here".
 #pragma once
 
-#include <functional>
 #include <string>
 
 #include "http/Curl.h"
@@ -19,7 +18,8 @@ class PublishedFolder {
     /// Any thread.
     zav::LocalAnswer answer(const std::string& url) const;
 
-    const zav::UrlInfo& initial() const { return initial_; }
+    /// Whether the URL is one of another server, of which the folder says nothing.
+    bool isElsewhere(const std::string& url) const;
 
  private:
     const zav::UrlInfo initial_;

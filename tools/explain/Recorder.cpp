@@ -16,7 +16,8 @@ constexpr char hidden[] = "***";
 
 std::string nameOf(const zav::JobDescription& job) { return job.name + "/" + job.itemName; }
 
-std::string wordOf(int result) {
+std::string wordOf(std::optional<int> result) {
+    if (!result) return "ended by an exception";
     if (result == zav::jobSuccess) return zav::constants.successWord;
     return result == zav::jobPartSuccess ? zav::constants.partSuccessWord : zav::constants.failWord;
 }
@@ -93,8 +94,21 @@ void Recorder::written(const propertyprotocol::Change& change, const std::string
     add(Kind::written, change.param, old, shown(change.param, change.value), change.source);
 }
 
+// Drops the event of the warning or error that was logged just now, because the next event says the same.
+void Recorder::replaceLastLog() {
+    if (events_.empty() || log_.empty() || events_.back().kind != Kind::log) return;
+    if (log_.back().level != dbg::Debug::levelInfo && events_.back().value == log_.back().text) events_.pop_back();
+}
+
+void Recorder::fileRefused(const std::string& path, const std::string& reason) {
+    const common::LockGuard lock(mutex_);
+    replaceLastLog();
+    add(Kind::dropped, path, "", "", reason);
+}
+
 void Recorder::jobDropped(const zav::JobDescription& job, const std::string& reason) {
     const common::LockGuard lock(mutex_);
+    replaceLastLog();
     add(Kind::dropped, nameOf(job), "", "", reason);
 }
 
@@ -104,7 +118,7 @@ void Recorder::jobStarted(const zav::JobDescription& job, const std::string& han
     ++depth_;
 }
 
-void Recorder::jobEnded(const zav::JobDescription& job, int result) {
+void Recorder::jobEnded(const zav::JobDescription& job, std::optional<int> result) {
     const common::LockGuard lock(mutex_);
     if (depth_ > 0) --depth_;
     add(Kind::ended, nameOf(job), "", wordOf(result), "");
@@ -123,6 +137,7 @@ void Recorder::fileChosen(const zav::JobDescription& job, const std::string& url
 
 void Recorder::settingRefused(const std::string& name, const std::string& value, const std::string& reason) {
     const common::LockGuard lock(mutex_);
+    replaceLastLog();
     add(Kind::refused, name, "", shown(name, value), reason);
 }
 

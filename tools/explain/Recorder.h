@@ -5,6 +5,7 @@
 #pragma once
 
 #include <functional>
+#include <optional>
 #include <set>
 #include <string>
 #include <vector>
@@ -26,9 +27,10 @@ class Recorder final : public zav::PassObserver {
     void fileRequested(const std::string& url, const std::string& place, const std::string& status);
     void written(const propertyprotocol::Change& change, const std::string& before);
 
+    void fileRefused(const std::string& path, const std::string& reason) override;
     void jobDropped(const zav::JobDescription& job, const std::string& reason) override;
     void jobStarted(const zav::JobDescription& job, const std::string& handler) override;
-    void jobEnded(const zav::JobDescription& job, int result) override;
+    void jobEnded(const zav::JobDescription& job, std::optional<int> result) override;
     void fileChosen(const zav::JobDescription& job, const std::string& url, const std::string& version) override;
     void settingRefused(const std::string& name, const std::string& value, const std::string& reason) override;
     void firmwareNotWanted() override;
@@ -44,6 +46,7 @@ class Recorder final : public zav::PassObserver {
  private:
     void add(Event::Kind kind, const std::string& subject, const std::string& before, const std::string& value,
              const std::string& reason) REQUIRES(mutex_);
+    void replaceLastLog() REQUIRES(mutex_);
     void logged(const dbg::LogLine& line);
     std::string shown(const std::string& key, const std::string& value) REQUIRES(mutex_);
 

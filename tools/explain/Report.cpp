@@ -69,11 +69,6 @@ std::string textOf(const Event& event) {
     return event.value;
 }
 
-// Lines that repeat what an event of another kind says.
-bool isRepetition(const Event& event) {
-    return event.kind == Kind::log && event.reason == "Core/JobHandlers/NVMJobHandler";
-}
-
 void printLine(std::ostream& out, const std::string& word, unsigned depth, const std::string& text) {
     out << std::left << std::setw(wordWidth) << word << std::string(std::size_t{depth} * indentation, ' ')
         << dbg::escapeControls(text) << "\n";
@@ -89,7 +84,7 @@ Json::Value toJson(const Event& event) {
             add("url", event.subject), add("file", event.value), add("outcome", event.reason);
             break;
         case Kind::dropped:
-            add("job", event.subject), add("reason", event.reason);
+            add("what", event.subject), add("reason", event.reason);
             break;
         case Kind::started:
             add("job", event.subject), add("handler", event.value);
@@ -128,7 +123,6 @@ const char* levelName(unsigned level) {
 void print(std::ostream& out, const Explanation& explanation) {
     for (const std::string& note : explanation.notes) printLine(out, "note", 0, note);
     for (const Event& event : explanation.events) {
-        if (isRepetition(event)) continue;
         printLine(out, event.kind == Kind::log ? event.subject : nameOf(event.kind), event.depth, textOf(event));
     }
     const std::string http = explanation.httpCode.empty() ? "" : " (HTTP " + explanation.httpCode + ")";

@@ -23,7 +23,7 @@ std::map<std::string, std::string> valuesOf(const Environment& environment, cons
         Session session(environment, options.host);
         for (const propertyapi::Property& one : session.list("")) values[one.key] = one.value;
     } else if (!phone.empty()) {
-        for (const auto& [key, value] : readSettings(phone)) {
+        for (const auto& [key, value] : readProperties(phone)) {
             if (value) values[key] = *value;
         }
     }

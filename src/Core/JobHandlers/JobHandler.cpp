@@ -97,9 +97,7 @@ int JobHandler::startJob(const JobDescription& job) {
         JobHandlerFactory::create(job, curl_, security_, properties_, reader_, progressReporter_, statusReporter_);
     if (!handler) return jobFail;
     dbg::Debug::info() << "+++++ Starting " << handler->getName() << std::endl;
-    PassObserver::current().jobStarted(job, handler->getName());
-    const int result = handler->run();
-    PassObserver::current().jobEnded(job, result);
+    const int result = runObserved(job, *handler);
     dbg::Debug::info() << "-----Finishing " << handler->getName() << std::endl;
     return result;
 }

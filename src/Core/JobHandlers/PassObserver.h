@@ -4,6 +4,7 @@
 // Threads: called on pass threads, of which only one runs at a time; the others wait for it.
 #pragma once
 
+#include <optional>
 #include <string>
 
 #include "Core/JobHandlers/JobDescription.h"
@@ -29,11 +30,14 @@ class PassObserver {
     PassObserver(const PassObserver&) = delete;
     PassObserver& operator=(const PassObserver&) = delete;
 
+    /// A downloaded provisioning file is not for this phone.
+    virtual void fileRefused(const std::string& /*path*/, const std::string& /*reason*/) {}
+
     /// The job will not run.
     virtual void jobDropped(const JobDescription& /*job*/, const std::string& /*reason*/) {}
     virtual void jobStarted(const JobDescription& /*job*/, const std::string& /*handler*/) {}
-    /// `result` is a JobResult. Not called if an exception ends the job and the pass.
-    virtual void jobEnded(const JobDescription& /*job*/, int /*result*/) {}
+    /// `result` is a JobResult; none if an exception ends the job and the pass.
+    virtual void jobEnded(const JobDescription& /*job*/, std::optional<int> /*result*/) {}
 
     /// The file of several published ones; `version` is empty if it has none. The URL is empty if no file has a valid
     /// version.
@@ -62,5 +66,19 @@ class PassObserver {
         return observer;
     }
 };
+
+/// Runs the handler of a job, and tells the observer of its start and end.
+template <typename Handler>
+int runObserved(const JobDescription& job, Handler& handler) {
+    PassObserver::current().jobStarted(job, handler.getName());
+    try {
+        const int result = handler.run();
+        PassObserver::current().jobEnded(job, result);
+        return result;
+    } catch (...) {
+        PassObserver::current().jobEnded(job, std::nullopt);
+        throw;
+    }
+}
 
 }  // namespace zav

@@ -47,6 +47,19 @@ std::string keyFileError() {
 
 int upper(char c) { return std::toupper(static_cast<unsigned char>(c)); }
 
+// In words.
+std::string refusal(const Attributes& root, bool product, bool macAddress, bool version) {
+    std::string text;
+    const auto add = [&](bool passed, const char* name, const char* meaning) {
+        if (passed) return;
+        text += (text.empty() ? "" : "; ") + std::string(name) + " " + quote(attributeOr(root, name, "")) + meaning;
+    };
+    add(product, "productID", " is not this product");
+    add(macAddress, "macAddress", " is not this phone's");
+    add(version, "version", " is not supported, or not that of the initial file");
+    return text;
+}
+
 const char* digit(bool passed) { return passed ? "1" : "0"; }
 
 }  // namespace
@@ -110,6 +123,7 @@ bool ProvisioningFileParser::parseInitialFile() {
 
 bool ProvisioningFileParser::verify() {
     if (std::find(verifiableRoots_.begin(), verifiableRoots_.end(), reader_.name()) == verifiableRoots_.end()) {
+        PassObserver::current().fileRefused(filePath_, "its root element is " + quote(reader_.name()));
         return false;
     }
     dbg::Debug::info() << "File " << filePath_ << " is verifiable" << std::endl;
@@ -124,6 +138,7 @@ bool ProvisioningFileParser::verify() {
         }
         dbg::Debug::error() << "File " << filePath_ << " check error: ID=" << digit(product)
                             << " MAC=" << digit(macAddress) << " VER=" << digit(version) << std::endl;
+        PassObserver::current().fileRefused(filePath_, refusal(root, product, macAddress, version));
     } catch (const std::exception& e) {
         dbg::Debug::error() << "XML File doesn't meet provisioning requirements. Exception thrown: " << e.what()
                             << std::endl;

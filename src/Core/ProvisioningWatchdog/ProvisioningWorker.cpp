@@ -279,9 +279,7 @@ void ProvisioningWorker::runJobs(std::vector<JobDescription> jobs, XMLReader& re
             JobHandlerFactory::create(job, curl_, security_, properties_, reader, progressReporter_, statusReporter_);
         if (!handler) return;
         dbg::Debug::info() << "+++++ Starting " << handler->getName() << std::endl;
-        PassObserver::current().jobStarted(job, handler->getName());
-        const int result = handler->run();
-        PassObserver::current().jobEnded(job, result);
+        const int result = runObserved(job, *handler);
         statusReporter_.setJobStatus(handler->getName(), result);
         dbg::Debug::info() << "-----Finishing " << handler->getName() << std::endl;
     });
