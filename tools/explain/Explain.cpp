@@ -107,8 +107,9 @@ class PhoneInMemory {
         }
         noteDefaults(explanation.notes);
         recorder_.moveInto(explanation);
-        if (!started) return;
-        explanation.status = bus_->valueOf(constants.provisioningStateKey);
+        const std::string status = bus_->valueOf(constants.provisioningStateKey);
+        if (!started || status == values_.at(constants.provisioningStateKey)) return;
+        explanation.status = status;
         explanation.httpCode = bus_->valueOf(constants.provisioningHttpErrorCodeKey);
     }
 
