@@ -8,7 +8,7 @@ _zavctl_keys() {
 _zavctl() {
     local cur=${COMP_WORDS[COMP_CWORD]} command='' words=0 index word name
     local host=()
-    local commands='backup describe diff doctor export get help import keys list provision reset restore set status watch'
+    local commands='backup describe diff doctor explain export get help import keys list provision reset restore set status watch'
     COMPREPLY=()
     for ((index = 1; index < COMP_CWORD; index++)); do
         word=${COMP_WORDS[index]}
@@ -40,6 +40,7 @@ _zavctl() {
             backup) options+=' --force' ;;
             provision) options+=' --wait --timeout' ;;
             doctor) options+=' --log' ;;
+            explain) options+=' --show-secrets --as --catalogue --key' ;;
         esac
         mapfile -t COMPREPLY < <(compgen -W "$options" -- "$cur")
         return
@@ -50,7 +51,7 @@ _zavctl() {
         describe | export | get | keys | list | reset | set | watch)
             if [ "$words" -eq 0 ]; then mapfile -t COMPREPLY < <(_zavctl_keys "$cur"); fi
             ;;
-        diff | import | backup | restore)
+        diff | explain | import | backup | restore)
             compopt -o filenames
             mapfile -t COMPREPLY < <(compgen -f -- "$cur")
             ;;
