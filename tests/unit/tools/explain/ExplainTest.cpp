@@ -59,6 +59,17 @@ TEST_F(ExplainTest, LogShowsThePhonesPaths) {
     EXPECT_THAT(events(explanation, Kind::log), Contains(HasSubstr("Cannot read the key file /etc/zav.d/key: ")));
 }
 
+TEST_F(ExplainTest, LogShowsThePhonesPathsInCommands) {
+    const char* const path = std::getenv("PATH");  // NOLINT(concurrency-mt-unsafe): no other thread runs
+    const std::string programs = path == nullptr ? "" : path;
+    ::setenv("PATH", folder.c_str(), 1);  // NOLINT(concurrency-mt-unsafe): as above
+    const Explanation explanation = explained("not XML");
+    ::setenv("PATH", programs.c_str(), 1);  // NOLINT(concurrency-mt-unsafe): as above
+    EXPECT_THAT(events(explanation, Kind::log),
+                Contains(HasSubstr("could not be decrypted: Command 'openssl enc -aes-128-cbc -d -in "
+                                   "/var/volatile/provisioning/provisioning.xml -out ")));
+}
+
 TEST_F(ExplainTest, EncryptedFileNeedsTheKey) {
     publish("plain", oneSetting);
     request.keyFile = folder + "/pass phrase";
