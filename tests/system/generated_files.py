@@ -5,7 +5,6 @@ import random
 from files import KEY, PRODUCT, element, params, root
 
 SERVER = "http://provisioning.test/"
-OLDEST = "1.0"
 SETTINGS = [
     ("Telephony.Accounts.0.Label", ["Desk", "", "Büro & <Co>", "x" * 300]),
     ("Telephony.Accounts.1.Active", ["0", "1", "2", "yes"]),
@@ -56,17 +55,21 @@ class Case:
     def _pick(self, values):
         return self.random.choice(values)
 
+    def _checks_sync(self):
+        """Whether the pass skips phone books."""
+        return self.request[1] == "request-check-sync"
+
     def _make(self):
         self.format = self._pick(["1.0", "1.1"])
+        if self._chance(15):
+            self.request = ("State.FirmwareUpdate.TriggerAuto", "request")
+        elif self._chance(20):
+            self.request = ("State.Provisioning", "request-check-sync")
         self._add("provisioning.xml", self._initial())
         if self._chance(25):
             self.before["FunctionKeys.1.LockProvisioning"] = self._pick(["0", "1"])
         if self._chance(30):
             self.before["FirmwareManagment.AutomaticCheckForUpdates"] = self._pick(["0", "1"])
-        if self._chance(15):
-            self.request = ("State.FirmwareUpdate.TriggerAuto", "request")
-        elif self._chance(15):
-            self.request = ("State.Provisioning", "request-check-sync")
 
     def _add(self, name, text):
         """Publishes a file, now and then damaged or encrypted (True: with the phone's key, False: with another)."""
@@ -108,6 +111,8 @@ class Case:
 
     def _direct_job(self):
         kind = self._pick(["nvm", "nvm", "custom", "firmware", "settings"])
+        if self._checks_sync():
+            kind = "custom"
         if kind == "custom":
             return element(kind, {}, self._steps())
         if kind == "firmware":
@@ -134,6 +139,8 @@ class Case:
         steps = []
         for _ in range(self.random.randrange(1, 4)):
             kind = self._pick(["certificate", "UnlockAllFunctionKeys", "Redirect", "LocalPhoneBook", "Dance", None])
+            if self._checks_sync() and self._chance(50):
+                kind = "LocalPhoneBook"
             step = {"type": kind}
             if kind == "certificate":
                 step.update(url=self._binary("certificate"), flags=self._pick([None, "FORCE_ACCEPT"]))

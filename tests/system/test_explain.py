@@ -14,7 +14,7 @@ import unittest
 import phone
 from generated_files import SERVER, Case
 
-CASES = int(os.environ.get("EXPLAIN_CASES", "40"))
+CASES = int(os.environ.get("EXPLAIN_CASES", "30"))
 FIRST = int(os.environ.get("EXPLAIN_SEED", "1"))
 PHONE_FILE = f"{phone.HOME}/explained.json"
 CATALOGUE = f"{phone.PROJECT}/services/property-service/catalogue.json"
@@ -147,7 +147,7 @@ class ExplainedPassesTest(phone.PhoneTest):
                 seen[explanation["status"]] += 1
                 kinds.update(event["event"] for event in explanation["events"])
         print(f"{CASES} passes: {seen}, events: {sorted(kinds)}", flush=True)
-        if CASES >= 40:
+        if CASES >= 30:
             self.assertTrue(all(seen.values()), seen)
             self.assertEqual(kinds, {"file", "dropped", "job", "result", "chosen", "set", "refused", "firmware", "log"})
 
