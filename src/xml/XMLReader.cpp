@@ -5,6 +5,8 @@
 #include <libxml/tree.h>
 #include <sys/stat.h>
 
+#include "common/PathRoot.h"
+
 namespace zav {
 
 namespace {
@@ -24,7 +26,8 @@ bool isDocument(int file) {
 XMLReader::~XMLReader() { xmlFreeDoc(document_); }
 
 bool XMLReader::load(const std::string& path) {
-    return load(path, common::Descriptor(open(path.c_str(), O_RDONLY | O_NOFOLLOW | O_NONBLOCK | O_CLOEXEC)));
+    const std::string onDisk = common::rooted(path);
+    return load(onDisk, common::Descriptor(open(onDisk.c_str(), O_RDONLY | O_NOFOLLOW | O_NONBLOCK | O_CLOEXEC)));
 }
 
 bool XMLReader::load(const std::string& name, common::Descriptor file) {

@@ -210,12 +210,29 @@ class CommandLine {
                           {"zavctl doctor", "zavctl doctor --json"},
                           [this] { code_ = doctor(environment_, options_, doctorLog_); }),
                doctorLog_);
+        addExplain();
     }
 
     // Each command needs a variable of its own: the environment also sets the options of commands that are not run.
     static void addLog(CLI::App* command, std::string& path) {
         command->add_option("--log", path, "File with the daemon's log; default: the journal of zavd.service")
             ->envname("ZAVD_LOG");
+    }
+
+    void addExplain() {
+        CLI::App* const command = addCommand(
+            "explain", "Shows what a phone would do with provisioning files, and why; changes nothing",
+            {{"SOURCE", "The server's folder, an initial file, or its URL"}},
+            {"the pass would end success or partSuccess", "the pass would end fail, or a file cannot be read"},
+            {"zavctl explain phones/ --as phone.json", "zavctl explain phones/provisioning.xml --key phone.key",
+             "zavctl explain https://server.example/phones/ --as running"},
+            [this] { code_ = explain(environment_, options_, positional(0), explained_); });
+        command->add_option(
+            "--as", explained_.as,
+            "The phone: a file in the format of export, or \"running\"; default: the catalogue's defaults");
+        command->add_option("--catalogue", explained_.catalogue, "The phone's catalogue; default: the installed one");
+        command->add_option("--key", explained_.key, "File with the phone's pass phrase; default: /etc/zav.d/key");
+        addShowSecrets(command);
     }
 
     void addTransferCommands() {
@@ -383,6 +400,7 @@ class CommandLine {
     std::string passLog_;
     std::string doctorLog_;
     PublishOptions publish_;
+    ExplainOptions explained_;
     ExitCode code_ = ExitCode::done;
 };
 

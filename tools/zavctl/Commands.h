@@ -54,6 +54,18 @@ void requestProvisioning(const Environment& environment, const Options& options)
 ExitCode provisionAndWait(const Environment& environment, const Options& options, std::chrono::milliseconds timeout,
                           const std::string& log);
 
+/// What `explain` explains.
+struct ExplainOptions {
+    std::string as;         // a settings file, "running", or empty: the catalogue's defaults
+    std::string catalogue;  // path; empty: the installed one
+    std::string key;        // path of the pass phrase; empty: this machine's
+};
+
+/// Prints what a phone would do with the files in a folder, a file, or the file at a URL; changes nothing. A pass that
+/// would end "fail" is ExitCode::failed.
+ExitCode explain(const Environment& environment, const Options& options, const std::string& source,
+                 const ExplainOptions& phone);
+
 /// Prints why the phone does not provision; changes nothing. `log` is the daemon's log; if it is empty, the journal is.
 ExitCode doctor(const Environment& environment, const Options& options, const std::string& log);
 

@@ -7,7 +7,7 @@
 
 #include "Commands.h"
 #include "Output.h"
-#include "TemporaryFolder.h"
+#include "common/TemporaryFolder.h"
 #include "debug/Debug.h"
 
 namespace zavctl {
@@ -29,7 +29,7 @@ Finding run(const Check& check, Examination& examination) {
 
 ExitCode doctor(const Environment& environment, const Options& options, const std::string& log) {
     dbg::Debug::setDebugLevelMask("0");  // the findings say what the daemon's code would log
-    const TemporaryFolder folder("doctor");
+    const common::TemporaryFolder folder("zavctl-doctor");
     Examination examination;
     examination.host = options.host;
     examination.log = log;

@@ -11,7 +11,7 @@
 #include "Lint.h"
 #include "Output.h"
 #include "Session.h"
-#include "TemporaryFolder.h"
+#include "common/TemporaryFolder.h"
 #include "debug/Debug.h"
 #include "http/CurlTypes.h"
 #include "http/FileDownloader.h"
@@ -150,8 +150,8 @@ ExitCode lintFiles(const Environment& environment, const Options& options, const
     const bool hasUrl = std::any_of(paths.begin(), paths.end(), isUrl);
     const bool mayDownload =
         !lintOptions.offline && (hasUrl || !lintOptions.baseUrl.empty() || !lintOptions.phone.empty());
-    std::unique_ptr<TemporaryFolder> folder;
-    if (mayDownload) folder = std::make_unique<TemporaryFolder>("lint");
+    std::unique_ptr<common::TemporaryFolder> folder;
+    if (mayDownload) folder = std::make_unique<common::TemporaryFolder>("zavctl-lint");
     try {
         lint::Options given;
         given.keyFile = lintOptions.keyFile;

@@ -8,6 +8,7 @@
 #include <cerrno>
 #include <cstdlib>
 #include <ctime>
+#include <utility>
 
 #include "Output.h"
 
@@ -66,6 +67,11 @@ std::string withoutExtension(const char* file) {
 Output& output() {
     static auto* const standardError = new Output(STDERR_FILENO);
     return *standardError;
+}
+
+Sink& redirection() {
+    static auto* const sink = new Sink;
+    return *sink;
 }
 
 /// To the journal each line of a text is an entry of its own.
@@ -145,6 +151,10 @@ void Stream::emit() {
     if (!open_) return;
     open_ = false;
     try {
+        if (const Sink& sink = redirection()) {
+            sink({level_, withoutExtension(file_), line_, text_});
+            return;
+        }
         output().write(lineOf(level_, file_, line_, text_), lossNotice);
     } catch (...) {  // out of memory: the line is dropped
     }
@@ -168,6 +178,8 @@ void Debug::setDebugLevelMask(const std::string& mask) {
     }
     levelMask.store(static_cast<unsigned>(value & allLevels));
 }
+
+void Debug::redirect(Sink sink) { redirection() = std::move(sink); }
 
 void Debug::beginShutdown() { output().beginShutdown(); }
 

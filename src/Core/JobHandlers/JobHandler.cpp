@@ -6,6 +6,7 @@
 
 #include "Core/Constants.h"
 #include "Core/JobHandlers/JobHandlerFactory.h"
+#include "Core/JobHandlers/PassObserver.h"
 #include "Core/JobHandlers/ProvisioningFileParser.h"
 #include "Core/JobHandlers/RegularExpression.h"
 #include "Core/Pass.h"
@@ -37,6 +38,7 @@ bool isAllowed(const JobDescription& job) {
     dbg::Debug::warning() << "Job: " << job.name << " " << job.itemName
                           << " is not valid for provisioning version: " << version << " and it will not be started"
                           << std::endl;
+    PassObserver::current().jobDropped(job, "not a job of format " + quote(version));
     return false;
 }
 
@@ -59,12 +61,14 @@ std::string JobHandler::findNewestUrl(const JobDescription& job) { return newest
 
 std::string newestUrl(const JobDescription& job) {
     std::string newest = oldestVersion;
+    bool unversioned = false;
     std::string url;
     for (const Attributes& item : job.items) {
         Pass::current().throwIfOverdue();
         const auto version = item.find("version");
         if (version == item.end()) {
             url = item.at("url");
+            unversioned = true;
             dbg::Debug::info() << "Found url without version tag, assuming newest version is: " << url << std::endl;
             break;
         }
@@ -74,6 +78,7 @@ std::string newestUrl(const JobDescription& job) {
         }
     }
     dbg::Debug::info() << "Newest:" << url << std::endl;
+    PassObserver::current().fileChosen(job, url, unversioned || url.empty() ? "" : newest);
     return url;
 }
 
@@ -83,6 +88,7 @@ int JobHandler::startJob(const JobDescription& job) {
     if (!pass.mayNestHandler()) {
         dbg::Debug::error() << "Job: " << job.name << " is nested more than " << Pass::maximumHandlerDepth
                             << " handlers deep and will not be started" << std::endl;
+        PassObserver::current().jobDropped(job, "nested too deeply");
         return jobFail;
     }
     const Pass::HandlerScope scope(pass);
@@ -91,7 +97,7 @@ int JobHandler::startJob(const JobDescription& job) {
     if (!handler) return jobFail;
     const ProgressPublisher::Job progress = progressOf(job);
     dbg::Debug::info() << "+++++ Starting " << handler->getName() << std::endl;
-    const int result = handler->run();
+    const int result = runObserved(job, *handler);
     dbg::Debug::info() << "-----Finishing " << handler->getName() << std::endl;
     return result;
 }

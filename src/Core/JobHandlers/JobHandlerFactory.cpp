@@ -7,6 +7,7 @@
 #include "Core/JobHandlers/FirmwareJobHandler.h"
 #include "Core/JobHandlers/MasterJobHandler.h"
 #include "Core/JobHandlers/NVMJobHandler.h"
+#include "Core/JobHandlers/PassObserver.h"
 #include "Core/ProvisioningWatchdog/ProvisioningWorker.h"
 #include "debug/Debug.h"
 
@@ -38,7 +39,8 @@ std::unique_ptr<JobHandler> JobHandlerFactory::create(const JobDescription& job,
                                                    statusReporter);
         case JobKind::scenario: {
             // An HTTP client of its own: a shared one would keep the worker's progress callback after its destruction.
-            auto worker = std::make_shared<ProvisioningWorker>(properties, std::make_shared<Curl>(), security);
+            auto worker =
+                std::make_shared<ProvisioningWorker>(properties, std::make_shared<Curl>(curl->settings()), security);
             return std::make_unique<CustomScenarioJobHandler>(job, std::move(curl), security, properties, reader,
                                                               progressReporter, statusReporter, std::move(worker));
         }
@@ -49,6 +51,7 @@ std::unique_ptr<JobHandler> JobHandlerFactory::create(const JobDescription& job,
             break;
     }
     dbg::Debug::warning() << "Unknown job type !" << std::endl;
+    PassObserver::current().jobDropped(job, "unknown job type");
     return nullptr;
 }
 

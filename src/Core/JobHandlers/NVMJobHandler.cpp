@@ -4,6 +4,7 @@
 #include <utility>
 
 #include "Core/Constants.h"
+#include "Core/JobHandlers/PassObserver.h"
 #include "Core/Pass.h"
 #include "common/Quote.h"
 #include "debug/Debug.h"
@@ -73,9 +74,11 @@ void NVMJobHandler::applyParams() {
             }
         } catch (const propertyapi::PropertyNotFoundException& e) {
             dbg::Debug::warning() << e.what() << std::endl;
+            PassObserver::current().settingRefused(name, value, e.what());
         } catch (const std::exception& e) {
             dbg::Debug::error() << "Could not set param : " << quote(name, value, "=") << " (exception " << e.what()
                                 << ")" << std::endl;
+            PassObserver::current().settingRefused(name, value, e.what());
         }
         if (pass.progress() != nullptr) pass.progress()->report(++done, job_->items.size());
     }
@@ -85,8 +88,10 @@ void NVMJobHandler::applyFunctionKeyParam(const std::string& name, const std::st
     const auto [index, postfix] = getIndexAndPostfix(name, functionKeyPrefix);
     if (postfix == lockPostfix) {
         dbg::Debug::warning() << "This parameter can not be set by provisioning " << quote(name) << std::endl;
+        PassObserver::current().settingRefused(name, value, "can not be set by provisioning");
     } else if (isFunctionKeyLocked(index)) {
         dbg::Debug::warning() << "This parameter can not be changed because it is locked " << quote(name) << std::endl;
+        PassObserver::current().settingRefused(name, value, "the function key is locked");
     } else {
         dbg::Debug::info() << "Applying function key param: " << quote(name, value, "=") << std::endl;
         write(name, value);

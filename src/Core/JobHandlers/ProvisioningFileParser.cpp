@@ -11,9 +11,11 @@
 
 #include "Core/Constants.h"
 #include "Core/GlobalConfig.h"
+#include "Core/JobHandlers/PassObserver.h"
 #include "Core/Pass.h"
 #include "common/Descriptor.h"
 #include "common/Execute.h"
+#include "common/PathRoot.h"
 #include "common/Quote.h"
 #include "debug/Debug.h"
 
@@ -37,13 +39,26 @@ std::size_t bytesOf(const Attributes& attributes) {
 
 // Empty if the key is readable.
 std::string keyFileError() {
-    const common::Descriptor key(::open(keyFile, O_RDONLY | O_CLOEXEC));
+    const common::Descriptor key(::open(common::rooted(keyFile).c_str(), O_RDONLY | O_CLOEXEC));
     char first = 0;
     if (key.get() >= 0 && ::read(key.get(), &first, 1) >= 0) return {};
     return std::string("Cannot read the key file ") + keyFile + ": " + common::reasonOf(errno);
 }
 
 int upper(char c) { return std::toupper(static_cast<unsigned char>(c)); }
+
+// In words.
+std::string refusal(const Attributes& root, bool product, bool macAddress, bool version) {
+    std::string text;
+    const auto add = [&](bool passed, const char* name, const char* meaning) {
+        if (passed) return;
+        text += (text.empty() ? "" : "; ") + std::string(name) + " " + quote(attributeOr(root, name, "")) + meaning;
+    };
+    add(product, "productID", " is not this product");
+    add(macAddress, "macAddress", " is not this phone's");
+    add(version, "version", " is not supported, or not that of the initial file");
+    return text;
+}
 
 const char* digit(bool passed) { return passed ? "1" : "0"; }
 
@@ -73,13 +88,14 @@ ProvisioningFileParser::ProvisioningFileParser(std::string filePath, XMLReader& 
 // Only openssl's exit status tells whether the file was encrypted. The path needs no quoting: local file names are
 // reduced to safe characters before the download.
 void ProvisioningFileParser::decrypt() {
-    const std::string temporary = filePath_ + ".tmp";
+    const std::string file = common::rooted(filePath_);
+    const std::string temporary = file + ".tmp";
     std::remove(temporary.c_str());  // openssl would follow a symbolic link
     try {
         os::execute(
-            "openssl enc -aes-128-cbc -d -in " + filePath_ + " -out " + temporary + " -pass file:/etc/zav.d/key",
+            "openssl enc -aes-128-cbc -d -in " + file + " -out " + temporary + " -pass file:" + common::rooted(keyFile),
             decryptionTimeout, Pass::current().stop().get());
-        std::rename(temporary.c_str(), filePath_.c_str());
+        std::rename(temporary.c_str(), file.c_str());
         return;
     } catch (const os::CommandNotStartedException& e) {
         decryptionError_ = e.what();
@@ -119,7 +135,10 @@ bool ProvisioningFileParser::parseInitialFile() {
 
 bool ProvisioningFileParser::verify() {
     const std::vector<std::string>& roots = verifiableRoots();
-    if (std::find(roots.begin(), roots.end(), reader_.name()) == roots.end()) return false;
+    if (std::find(roots.begin(), roots.end(), reader_.name()) == roots.end()) {
+        PassObserver::current().fileRefused(filePath_, "its root element is " + quote(reader_.name()));
+        return false;
+    }
     dbg::Debug::info() << "File " << filePath_ << " is verifiable" << std::endl;
     try {
         const Attributes root = reader_.attributes();
@@ -132,6 +151,7 @@ bool ProvisioningFileParser::verify() {
         }
         dbg::Debug::error() << "File " << filePath_ << " check error: ID=" << digit(product)
                             << " MAC=" << digit(macAddress) << " VER=" << digit(version) << std::endl;
+        PassObserver::current().fileRefused(filePath_, refusal(root, product, macAddress, version));
     } catch (const std::exception& e) {
         dbg::Debug::error() << "XML File doesn't meet provisioning requirements. Exception thrown: " << e.what()
                             << std::endl;
@@ -240,6 +260,7 @@ void ProvisioningFileParser::collectLevel(const std::string& parentName, bool at
     if (!job.items.empty()) {
         if (childNames_.size() > 1) {
             reportMixedItems(parentName);
+            PassObserver::current().jobDropped({parentName, job.itemName, {}}, "its elements have different names");
         } else {
             job.name = parentName;
             walk.jobs.push_back(std::move(job));

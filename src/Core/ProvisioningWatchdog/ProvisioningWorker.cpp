@@ -6,6 +6,7 @@
 #include "Core/GlobalConfig.h"
 #include "Core/JobHandlers/JobHandler.h"
 #include "Core/JobHandlers/JobHandlerFactory.h"
+#include "Core/JobHandlers/PassObserver.h"
 #include "Core/JobHandlers/ProvisioningFileParser.h"
 #include "Core/Pass.h"
 #include "Core/Utils.h"
@@ -285,7 +286,7 @@ void ProvisioningWorker::runJobs(std::vector<JobDescription> jobs, XMLReader& re
         if (!handler) return;
         const ProgressPublisher::Job progress = progressOf(job);
         dbg::Debug::info() << "+++++ Starting " << handler->getName() << std::endl;
-        const int result = handler->run();
+        const int result = runObserved(job, *handler);
         statusReporter_.setJobStatus(handler->getName(), result);
         dbg::Debug::info() << "-----Finishing " << handler->getName() << std::endl;
     });

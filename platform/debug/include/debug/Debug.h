@@ -9,8 +9,11 @@
 //
 // Threads: all functions may be called from any thread at any time and do not throw. If the reader stalls, one line
 // waits up to 2 s and the lines after it are dropped; their number is logged once the reader resumes.
+//
+// A program that shows the log of another one's code may redirect the lines to a sink of its own.
 #pragma once
 
+#include <functional>
 #include <ostream>
 #include <sstream>
 #include <string>
@@ -22,6 +25,15 @@ struct Verbatim {
     const std::string& text;
 };
 inline Verbatim verbatim(const std::string& text) { return {text}; }
+
+/// A log line as a sink receives it.
+struct LogLine {
+    unsigned level = 0;  // one of the levels of Debug
+    std::string source;  // path without extension
+    int line = 0;
+    std::string text;
+};
+using Sink = std::function<void(const LogLine&)>;
 
 /// One log line. It is written when `std::endl` is streamed, at the latest when the stream is destroyed.
 class Stream {
@@ -73,6 +85,10 @@ class Debug {
     /// Sets the levels that are logged: the sum of 1 (error), 2 (warning) and 4 (info), decimal or as 0x… in
     /// hexadecimal. The default is all levels. If `mask` is not a number, logs a warning and changes nothing.
     static void setDebugLevelMask(const std::string& mask);
+
+    /// Passes all lines to `sink`, which may be called on any thread and must not log, instead of standard error; null
+    /// ends that. Call it while no other thread logs.
+    static void redirect(Sink sink);
 
     /// To be called when the process shuts down: from now on all lines together wait up to 0.5 s for a stalled reader.
     static void beginShutdown();

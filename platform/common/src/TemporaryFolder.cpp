@@ -1,22 +1,22 @@
-#include "TemporaryFolder.h"
+#include "common/TemporaryFolder.h"
 
 #include <fcntl.h>
+#include <signal.h>
+#include <stdlib.h>
 #include <sys/wait.h>
 #include <unistd.h>
 
 #include <array>
-#include <csignal>
-#include <cstdlib>
 #include <filesystem>
+#include <system_error>
 
-namespace zavctl {
+namespace common {
 
-TemporaryFolder::TemporaryFolder(const std::string& command) {
-    // A fixed place: the decryption command does not quote the path.
-    std::string path = "/tmp/zavctl-" + command + "-XXXXXX";
+TemporaryFolder::TemporaryFolder(const std::string& name) {
+    std::string path = "/tmp/" + name + "-XXXXXX";
     std::array<int, 2> ends{};
     if (::pipe2(ends.data(), O_CLOEXEC) != 0) return;
-    const common::Descriptor reader(ends[0]);
+    const Descriptor reader(ends[0]);
     writer_.reset(ends[1]);
     if (::mkdtemp(path.data()) == nullptr) return;
     path_ = path;
@@ -44,4 +44,4 @@ void TemporaryFolder::remove() const {
     if (!path_.empty()) std::filesystem::remove_all(path_, ignored);
 }
 
-}  // namespace zavctl
+}  // namespace common
