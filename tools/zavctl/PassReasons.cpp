@@ -3,6 +3,8 @@
 #include <algorithm>
 #include <utility>
 
+#include "propertyprotocol/Utf8.h"
+
 namespace zavctl {
 
 namespace {
@@ -27,12 +29,17 @@ std::string_view takeWord(std::string_view& line) {
     return word;
 }
 
+// What is shown of a text: valid in JSON, and not endless.
 std::string shortened(std::string_view text) {
     while (!text.empty() && text.back() == ' ') text.remove_suffix(1);
-    if (text.size() <= maximumText) return std::string(text);
-    std::size_t end = maximumText;
-    while (end > 0 && (static_cast<unsigned char>(text[end]) & 0xC0U) == 0x80U) --end;  // inside a character
-    return std::string(text.substr(0, end)) + "…";
+    const std::string bytes(text.substr(0, 2 * maximumText));
+    std::string shown;
+    for (std::size_t at = 0; at < bytes.size() && shown.size() < maximumText;) {
+        const std::size_t length = propertyprotocol::utf8SequenceLength(bytes, at);
+        shown += length == 0 ? "?" : bytes.substr(at, length);
+        at += std::max<std::size_t>(length, 1);
+    }
+    return text.size() > maximumText ? shown + "…" : shown;
 }
 
 // A job was found, but nothing ran it.

@@ -90,7 +90,7 @@ TEST_F(DaemonLogTest, AFileThatAppearsLaterIsReadFromItsBeginning) {
 TEST_F(DaemonLogTest, BytesAndLongLinesAreHarmless) {
     replace(path, "");
     const DaemonLog log(path);
-    const std::string bytes("\0\xff\x1b[2J\r", 8);
+    const std::string bytes("\0\xff\x1b[2J\r", 7);
     append(path, bytes + "\n" + std::string(1000000, 'x') + "\nend\n");
     const std::vector<std::string> lines = linesOf(log);
     ASSERT_EQ(lines.size(), 3U);

@@ -219,6 +219,15 @@ TEST_F(Log, WhatIsKeptIsBounded) {
     EXPECT_LT(texts().front().size(), 500U);
 }
 
+TEST_F(Log, WhatIsShownIsUtf8) {
+    begin();
+    error(
+        "a\xff\xfe"
+        "b \xc3\xa4");
+    end();
+    EXPECT_THAT(texts(), ElementsAre("a??b \xc3\xa4"));
+}
+
 TEST_F(Log, ForeignLinesAreIgnored) {
     for (const std::string& text :
          {std::string(), std::string("Killed"), std::string("error"), std::string("a ZAV error"),
