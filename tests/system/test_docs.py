@@ -86,7 +86,7 @@ class Page:
 
     def finish_example(self):
         if self.untried:
-            self.wrong.append(f"{self.untried}: no `zavctl provision --wait` behind this example says what comes of it")
+            self.wrong.append(f"{self.untried}: no `zavctl provision --wait` or `zavctl lint` behind this example says what comes of it")
         self.untried = None
 
     def try_xml(self, block):
@@ -105,7 +105,7 @@ class Page:
         if block.comment and block.comment[0] == "meanwhile":
             self.listen(block, *commands.pop())
         for command, expected in commands:
-            if "zavctl provision --wait" in command:
+            if "zavctl provision --wait" in command or "zavctl lint" in command:
                 self.untried = None
             _, printed = execute(command)
             if not examples.same(expected, printed):

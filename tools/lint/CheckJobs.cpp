@@ -85,7 +85,7 @@ const std::string* needed(Checks& checks, const zav::Attributes& item, std::size
     if (found != item.end()) return &found->second;
     checks.add(RuleId::missingAttribute, {element},
                quoted(checks.document.nameOf(element)) + " has no " + quoted(attribute),
-               "add " + std::string(attribute) + "=\"...\"");
+               "add " + std::string(attribute));
     return nullptr;
 }
 

@@ -80,7 +80,7 @@ void checkMacAddress(Checks& checks, const zav::Attributes& root) {
     if (device.empty()) {
         if (!beginsWithUsualForm(address->second)) {
             checks.add(RuleId::macForm, valueOf(0, "macAddress"),
-                       quoted(address->second) + " has not the form of a phone's MAC address");
+                       quoted(address->second) + " is not written as phones write their MAC address");
         }
     } else if (!zav::isMacAddressOf(device, address->second)) {
         const std::string meant = digitsOf(address->second);

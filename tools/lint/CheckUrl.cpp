@@ -75,12 +75,13 @@ bool isPath(const std::string& url) {
            host.find('%') == std::string::npos;
 }
 
-void checkParts(Checks& checks, std::size_t element, const std::string& attribute, const std::string& url,
+// Returns whether there is a file to fetch.
+bool checkParts(Checks& checks, std::size_t element, const std::string& attribute, const std::string& url,
                 const zav::UrlInfo& info, UrlUse use) {
     const Place place = valueOf(element, attribute);
     if (info.scheme() != "http" && info.scheme() != "https") {
         checks.add(RuleId::urlScheme, place, quoted(info.scheme()) + " URLs are not fetched");
-        return;
+        return false;
     }
     if (!hasScheme(url) && url.front() != '/') {
         checks.add(RuleId::urlWithoutScheme, place,
@@ -98,13 +99,16 @@ void checkParts(Checks& checks, std::size_t element, const std::string& attribut
     const std::string& name = info.fileName();
     if (name.empty()) {
         checks.add(RuleId::urlWithoutFile, place, quoted(common::withoutPassword(url)) + " names no file");
-    } else if (isInitial(use) && isPlaceholderAt(name, 0) && name.size() == placeholderLength) {
+        return false;
+    }
+    if (isInitial(use) && isPlaceholderAt(name, 0) && name.size() == placeholderLength) {
         checks.add(RuleId::macFolder, place, quoted(name) + " is taken for a file; a folder needs a \"/\" behind it",
                    "write " + quoted(common::withoutPassword(url) + "/"));
     } else if (zav::localFileName(name) != name) {
         checks.add(RuleId::fileNameChanges, place,
                    "On the phone " + quoted(name) + " is called " + quoted(zav::localFileName(name)));
     }
+    return true;
 }
 
 }  // namespace
@@ -127,8 +131,8 @@ void checkUrl(Checks& checks, std::size_t element, const std::string& attribute,
                    "write " + quoted("/" + url));
         return;
     }
-    checkParts(checks, element, attribute, url, *info, use);
-    if (use != UrlUse::server) checks.links.push_back({kindOf(use), url, isFetched, place});
+    const bool isFetchable = checkParts(checks, element, attribute, url, *info, use);
+    if (isFetchable && use != UrlUse::server) checks.links.push_back({kindOf(use), url, isFetched, place});
 }
 
 }  // namespace lint

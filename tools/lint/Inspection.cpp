@@ -1,6 +1,7 @@
 #include "lint/Inspection.h"
 
 #include <algorithm>
+#include <array>
 #include <memory>
 #include <optional>
 #include <utility>
@@ -47,6 +48,25 @@ Source sourceOf(std::string text, const Options& options) {
         const propertyservice::Definition* const definition = settings ? settings->find(setting) : nullptr;
         return definition != nullptr && definition->isSecret();
     });
+}
+
+// What to do about libxml2's commonest messages; empty: nothing in particular.
+std::string remedyFor(const std::string& message) {
+    constexpr std::array<std::pair<const char*, const char*>, 9> remedies{{
+        {"EntityRef", "write &amp; for &"},
+        {"Unescaped '<'", "write &lt; for <"},
+        {"tag mismatch", "close each element, the inner one first"},
+        {"Premature end", "close each element; the file may be cut off"},
+        {"redefined", "remove one of the two"},
+        {"AttValue", "put the value in quotation marks"},
+        {"attributes construct", "separate attributes with blanks, and put values in quotation marks"},
+        {"Start tag expected", "the file must begin with its root element"},
+        {"Extra content", "a file has one root element"},
+    }};
+    for (const auto& [part, remedy] : remedies) {
+        if (message.find(part) != std::string::npos) return remedy;
+    }
+    return "";
 }
 
 // Positions of elements and attributes. The document is scanned only if there is something to place.
@@ -205,6 +225,16 @@ class Inspector {
         std::stable_sort(result_.findings.begin(), result_.findings.end(), [](const Finding& a, const Finding& b) {
             return std::make_pair(a.line, a.column) < std::make_pair(b.line, b.column);
         });
+        // What the walk comes to more than once is wrong in the same way each time.
+        std::vector<Finding> once;
+        for (Finding& finding : result_.findings) {
+            const bool isKnown = std::any_of(once.rbegin(), once.rend(), [&](const Finding& other) {
+                return other.line == finding.line && other.column == finding.column && other.rule == finding.rule &&
+                       other.message == finding.message;
+            });
+            if (!isKnown) once.push_back(std::move(finding));
+        }
+        result_.findings = std::move(once);
     }
 
     void reportFailure(const std::string& text, const zav::xml::ParseFailure& failure) {
@@ -222,19 +252,34 @@ class Inspector {
             case FailureKind::names:
                 return add(RuleId::tooManyNames, failure, text, "The document has too many different names");
             case FailureKind::encoding:
-                return add(RuleId::encoding, failure, text, failure.message);
+                return reportEncoding(text, failure);
             default:
                 return add(RuleId::notWellFormed, failure, text,
                            failure.message.empty() ? "The file is not XML" : failure.message);
         }
     }
 
+    // libxml2 notices bytes that are not UTF-8 some way behind them.
+    void reportEncoding(const std::string& text, const zav::xml::ParseFailure& failure) {
+        const std::size_t invalid = invalidUtf8(text);
+        if (invalid == std::string::npos || failure.message.find("UTF-8") == std::string::npos) {
+            return add(RuleId::encoding, failure, text, failure.message);
+        }
+        addAt(RuleId::encoding, sourceOf(text, options_), invalid,
+              "The bytes here are not UTF-8, and no other encoding is declared", "");
+    }
+
     void add(RuleId rule, const zav::xml::ParseFailure& failure, const std::string& text, const std::string& message) {
         // The parser's messages may contain bytes of the file.
-        std::string shown = quoted(message);
-        Finding finding = findingOf(name_, rule, shown.substr(1, shown.size() - 2), "");
+        const std::string shown = quoted(message);
         const Source source = sourceOf(toUtf8(text, ""), options_);
-        const std::size_t offset = source.offsetOf(failure.line, failure.column);
+        addAt(rule, source, source.offsetOf(failure.line, failure.column), shown.substr(1, shown.size() - 2),
+              rule == RuleId::notWellFormed ? remedyFor(message) : "");
+    }
+
+    void addAt(RuleId rule, const Source& source, std::size_t offset, const std::string& message,
+               const std::string& fix) {
+        Finding finding = findingOf(name_, rule, message, fix);
         const Position position = source.positionOf(offset);
         Excerpt excerpt = source.excerptAt(offset);
         finding.line = position.line;

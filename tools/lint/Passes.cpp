@@ -1,17 +1,20 @@
 #include "lint/Passes.h"
 
 #include <algorithm>
+#include <array>
 #include <atomic>
 #include <exception>
-#include <mutex>
+#include <functional>
 #include <thread>
 #include <utility>
 
 #include "Core/JobHandlers/CustomScenarioJobHandler.h"
 #include "Core/Pass.h"
+#include "common/UrlSyntax.h"
 #include "http/FileDownloader.h"
 #include "lint/Checks.h"
 #include "lint/Rules.h"
+#include "xml/Library.h"
 
 namespace lint {
 
@@ -49,15 +52,15 @@ bool travelsReadable(const std::string& name, const Options& options) {
     return url.size() >= 5 && (url[0] | 0x20) == 'h' && url.find("://") == 4;
 }
 
-Passes::Passes(std::vector<std::string> files, const Options& options) : named_(std::move(files)), options_(options) {
-    for (const std::string& name : named_) {
-        File& file = files_[name];
-        if (!file.isNamed) order_.push_back(name);
-        file.isNamed = true;
+Passes::Passes(const std::vector<std::string>& files, const Options& options) : options_(options) {
+    for (const std::string& name : files) {
+        if (files_.emplace(name, File()).second) named_.push_back(name);
     }
+    order_ = named_;
 }
 
 Report Passes::report() {
+    const zav::xml::Library library;  // initialised once, not for each file
     inspectNamedFiles();
     for (const std::string& name : named_) {
         const File& file = files_[name];
@@ -88,24 +91,25 @@ void Passes::inspectNamedFiles() {
     }
     std::vector<std::pair<Inspection, std::string>> results(local.size());
     std::atomic<std::size_t> next{0};
-    std::mutex mutex;
-    std::exception_ptr failure;  // lack of memory
-    const auto work = [&] {
+    std::array<std::exception_ptr, workers> failures;  // lack of memory
+    const auto work = [&](std::exception_ptr& failure) {
         try {
             for (std::size_t index = next++; index < local.size(); index = next++) {
                 const Circumstances around{roleByName(local[index]), "", travelsReadable(local[index], options_)};
                 results[index].first = inspectFile(local[index], around, results[index].second);
             }
         } catch (...) {
-            const std::lock_guard<std::mutex> lock(mutex);
             failure = std::current_exception();
         }
     };
     std::vector<std::thread> threads;
-    for (unsigned worker = 1; worker < workers && worker < local.size(); ++worker) threads.emplace_back(work);
-    work();
+    for (unsigned worker = 1; worker < workers && worker < local.size(); ++worker)
+        threads.emplace_back(work, std::ref(failures.at(worker)));
+    work(failures.front());
     for (std::thread& thread : threads) thread.join();
-    if (failure) std::rethrow_exception(failure);
+    for (const std::exception_ptr& failure : failures) {
+        if (failure) std::rethrow_exception(failure);
+    }
     for (std::size_t index = 0; index < local.size(); ++index) {
         File& file = files_[local[index]];
         file.readError = std::move(results[index].second);
@@ -183,7 +187,7 @@ void Passes::followOne(const std::string& name, const Reference& reference, cons
                        const std::string& version, Pass& pass) {
     if (reference.isFetched && reference.kind != Reference::Kind::redirect && ++pass.files > zav::Pass::maximumFiles) {
         if (!pass.isOverFiles) {
-            addFurther(name, static_cast<std::size_t>(RuleId::tooManyFiles), reference,
+            addFurther(name, RuleId::tooManyFiles, reference,
                        "The pass has downloaded " + std::to_string(zav::Pass::maximumFiles) + " files before");
         }
         pass.isOverFiles = true;
@@ -191,37 +195,34 @@ void Passes::followOne(const std::string& name, const Reference& reference, cons
     }
     const Target target = site.resolve(reference.url, reference.kind);
     if (target.file.empty()) {
-        addFurther(name, static_cast<std::size_t>(RuleId::notFollowed), reference,
-                   quoted(reference.url) + " was not checked: " + target.reason);
+        addFurther(name, RuleId::notFollowed, reference,
+                   quoted(common::withoutPassword(reference.url)) + " was not checked: " + target.reason);
         return;
     }
     if (!target.exists) {
         if (!isProvisioningFile(reference.kind)) otherFiles_.insert(target.file);
         if (reference.isFetched) {
-            addFurther(name, static_cast<std::size_t>(RuleId::missingFile), reference,
-                       "There is no file " + quoted(target.file));
+            addFurther(name, RuleId::missingFile, reference, "There is no file " + quoted(target.file));
         }
         return;
     }
     if (!isProvisioningFile(reference.kind)) return checkOther(name, reference, target);
     if (std::find(pass.trail.begin(), pass.trail.end(), target.file) != pass.trail.end()) {
-        addFurther(name, static_cast<std::size_t>(RuleId::includeLoop), reference,
-                   quoted(target.file) + " leads back to itself");
+        addFurther(name, RuleId::includeLoop, reference, quoted(target.file) + " leads back to itself");
         return;
     }
     const bool isNewPass = reference.kind == Reference::Kind::redirect;
     const Inspection* const found =
         inspectionOf(target.file, {roleOf(reference.kind), isNewPass ? "" : version, target.isReadableOnTheWay});
     if (found == nullptr) {
-        addFurther(name, static_cast<std::size_t>(RuleId::missingFile), reference,
-                   quoted(target.file) + " " + files_[target.file].readError);
+        addFurther(name, RuleId::missingFile, reference, quoted(target.file) + " " + files_[target.file].readError);
         return;
     }
     reached_.insert(target.file);
     if (reference.isFetched) pass.items += found->items;
     if (pass.items > zav::Pass::maximumItems && !pass.isOverItems) {
         pass.isOverItems = true;
-        addFurther(name, static_cast<std::size_t>(RuleId::tooManyPassItems), reference,
+        addFurther(name, RuleId::tooManyPassItems, reference,
                    "With this file the pass has " + std::to_string(pass.items) + " items");
     }
     if (pass.trail.size() >= zav::Pass::maximumHandlerDepth) return;
@@ -237,13 +238,12 @@ void Passes::checkOther(const std::string& name, const Reference& reference, con
     const auto limit = zav::sizeLimitOf(destinationOf(reference.kind));
     if (!limit || target.size <= *limit) return;
     addFurther(
-        name, static_cast<std::size_t>(RuleId::tooLarge), reference,
+        name, RuleId::tooLarge, reference,
         quoted(target.file) + " has " + std::to_string(target.size) + " bytes; the limit is " + std::to_string(*limit));
 }
 
-void Passes::addFurther(const std::string& name, std::size_t rule, const Reference& reference,
-                        const std::string& message) {
-    const Rule& row = rules()[rule];
+void Passes::addFurther(const std::string& name, RuleId rule, const Reference& reference, const std::string& message) {
+    const Rule& row = ruleOf(rule);
     Finding finding = reference.place;
     finding.level = row.level;
     finding.rule = row.id;

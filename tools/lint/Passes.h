@@ -9,6 +9,7 @@
 
 #include "lint/Inspection.h"
 #include "lint/Lint.h"
+#include "lint/Rules.h"
 #include "lint/Site.h"
 
 namespace lint {
@@ -16,7 +17,7 @@ namespace lint {
 class Passes {
  public:
     /// `options` must outlive this object.
-    Passes(std::vector<std::string> files, const Options& options);
+    Passes(const std::vector<std::string>& files, const Options& options);
 
     /// Call once. Blocks for reading, and for downloads.
     Report report();
@@ -26,7 +27,6 @@ class Passes {
     using Way = std::tuple<Role, std::string, bool>;
 
     struct File {
-        bool isNamed = false;  // to lint, not only in another file
         std::string readError;
         std::map<Way, Inspection> ways;  // how the phone comes to it
         std::vector<Finding> further;    // about what it refers to
@@ -51,11 +51,11 @@ class Passes {
     void followOne(const std::string& name, const Reference& reference, const Site& site, const std::string& version,
                    Pass& pass);
     void checkOther(const std::string& name, const Reference& reference, const Target& target);
-    void addFurther(const std::string& name, std::size_t rule, const Reference& reference, const std::string& message);
+    void addFurther(const std::string& name, RuleId rule, const Reference& reference, const std::string& message);
     void collect(const std::string& name, const File& file, Report& report) const;
 
-    const std::vector<std::string> named_;
     const Options& options_;
+    std::vector<std::string> named_;  // to lint, not only in another file; each once
     std::map<std::string, File> files_;
     std::vector<std::string> order_;    // named files first, then others as they are found
     std::set<std::string> otherFiles_;  // certificates, phone books and images

@@ -27,7 +27,7 @@ constexpr char anyServer[] = "http://server/";
 
 std::string folderOf(const std::string& path) {
     const std::size_t slash = path.rfind('/');
-    return slash == std::string::npos ? "./" : path.substr(0, slash + 1);
+    return slash == std::string::npos ? "" : path.substr(0, slash + 1);
 }
 
 int digitOf(char c) {
@@ -110,13 +110,7 @@ std::vector<std::string> listFiles(const std::vector<std::string>& paths) {
             files.push_back(path);
         }
     }
-    std::vector<std::string> unique;
-    for (std::string& file : files) {
-        if (std::find(unique.begin(), unique.end(), file) == unique.end() || files.size() > 100) {
-            unique.push_back(std::move(file));
-        }
-    }
-    return unique;
+    return files;
 }
 
 Site::Site(std::string initial, const Options& options)
@@ -138,7 +132,7 @@ Target Site::inFolder(const std::string& relative) const {
     for (const std::string& name : {relative, decoded(relative)}) {
         if (isSteppingOut(name)) continue;
         std::error_code error;
-        const fs::path path(folder_ == "./" ? name : folder_ + name);
+        const fs::path path(folder_ + name);
         const fs::file_status status = fs::status(path, error);
         if (target.file.empty() || fs::exists(status)) target.file = path.string();
         if (!fs::exists(status)) continue;

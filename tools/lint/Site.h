@@ -47,7 +47,7 @@ class Site {
 
     const Options& options_;
     const bool isRemote_;
-    const std::string folder_;  // ends in "/"; of local files
+    const std::string folder_;  // ends in "/" unless it is empty; of local files
     const std::string server_;  // URL of the initial file; may be made up
 };
 

@@ -72,6 +72,19 @@ std::string visible(const std::string& text, std::size_t begin, std::size_t end)
 
 }  // namespace
 
+std::size_t invalidUtf8(const std::string& text) {
+    for (std::size_t at = 0; at < text.size();) {
+        const auto first = static_cast<unsigned char>(text[at]);
+        const std::size_t length = first < 0x80 ? 1 : first < 0xC2 ? 0 : first < 0xE0 ? 2 : first < 0xF0 ? 3 : 4;
+        if (length == 0 || first > 0xF4 || at + length > text.size()) return at;
+        for (std::size_t next = 1; next < length; ++next) {
+            if (!isContinuation(text[at + next])) return at;
+        }
+        at += length;
+    }
+    return std::string::npos;
+}
+
 bool soundsSecret(const std::string& setting) {
     std::string lower = setting;
     std::transform(lower.begin(), lower.end(), lower.begin(),

@@ -40,6 +40,9 @@ class Source {
     std::vector<std::size_t> lines_;  // where each begins
 };
 
+/// Where the text ceases to be UTF-8; npos if it does not.
+std::size_t invalidUtf8(const std::string& text);
+
 /// Whether a name says that its value is a secret: for settings that no catalogue knows.
 bool soundsSecret(const std::string& setting);
 

@@ -83,8 +83,7 @@ bool CustomScenarioJobHandler::applyCertificateStep(const Attributes& step) {
     const std::string destination = formatUrl(certificateDirectory + urlInfo.localName(), properties_);
     // The error line calls a certificate a firmware file too.
     if (!downloadAndReport("firmware", source, destination)) return false;
-    return applyCertificate(destination.substr(certificateDirectory.size()), destination,
-                            flags == forceAcceptFlag);
+    return applyCertificate(destination.substr(certificateDirectory.size()), destination, flags == forceAcceptFlag);
 }
 
 bool CustomScenarioJobHandler::applyCertificate(const std::string& fileName, const std::string& path,
