@@ -17,7 +17,9 @@ function(zav_library name)
   target_link_libraries(${name}
     PUBLIC ${arg_PUBLIC} Threads::Threads
     PRIVATE $<BUILD_INTERFACE:zav::options> ${arg_PRIVATE})
-  zav_install_library(${name} ${arg_DESCRIPTION} ${arg_PUBLIC} ${arg_PRIVATE})
+  if(ZAV_INSTALL_LIBRARIES)
+    zav_install_library(${name} ${arg_DESCRIPTION} ${arg_PUBLIC} ${arg_PRIVATE})
+  endif()
 endfunction()
 
 # Lets tests in the sandbox write their coverage counters, which are beside the object files.

@@ -110,7 +110,7 @@ def run(number, title, folder, encrypted, expected_result, expected_settings, ex
     log_start = os.path.getsize(LOG)
     progress(f"Provisioning ({title}) …")
     begin = time.monotonic()
-    status, (answer, *_) = zavctl("provision", "--wait", "--timeout", "20")
+    status, (*_, answer) = zavctl("provision", "--wait", "--timeout", "20")
     took = time.monotonic() - begin
     after = settings()
     progress("")

@@ -38,7 +38,7 @@ _zavctl() {
             diff) options+=' --show-secrets --all' ;;
             import) options+=' --show-secrets --apply' ;;
             backup) options+=' --force' ;;
-            provision) options+=' --wait --timeout' ;;
+            provision) options+=' --wait --timeout --log' ;;
             doctor) options+=' --log' ;;
             lint) options+=' --catalogue --as --key --base --offline --rules' ;;
             pack) options+=' --key --to --force --catalogue --dry-run --delete' ;;

@@ -4,7 +4,7 @@ The info string says what a block is:
 
     ```xml NAME         a file that the provisioning server publishes; provisioning.xml begins a new example
     ```console          commands, each behind "$ ", and all that they print
-    ```sh               commands that succeed; those below lab/ and scripts/, and ctest, run on the machine
+    ```sh               commands that succeed; those below lab/, scripts/ and build/, ctest and cmake run on the machine
     ```log              lines of the daemon's log, in this order, since the example began
     ```json             a catalogue (it has "keys"), with which the property service starts
     ```ini              a part of a systemd unit
@@ -24,7 +24,7 @@ import re
 
 ROOT = pathlib.Path(__file__).resolve().parents[2]
 KINDS = ("xml", "console", "sh", "log", "json", "ini", "conf", "nginx", "apache", "dnsmasq")
-ON_THE_MACHINE = re.compile(r"^(lab|scripts)/|^ctest ")
+ON_THE_MACHINE = re.compile(r"^(lab|scripts|build/unix-bus)/|^(ctest|cmake) ")
 FENCE = re.compile(r"^ {0,3}(```+|~~~+)(.*)$")
 COMMENT = re.compile(r"^<!-- *(figure|published|meanwhile)(?:: *(.*?))? *-->$")
 
@@ -132,7 +132,7 @@ def table(page, heading):
 
 
 def mistakes(page):
-    """[(line, files, changes, result, log texts)]: the rows of each table that begins with the columns "Right" and
+    """[(line, files, changes, result, texts that the tool prints)]: the rows of each table that begins with the columns "Right" and
     "Wrong". The files are {name: text} of the example before the table, the changes are [(right, wrong)] in them."""
     found, inside = [], False
     known = blocks(page)

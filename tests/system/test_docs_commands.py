@@ -88,7 +88,9 @@ class CommandsTest(unittest.TestCase):
         return found
 
     def test_every_command_is_tried_somewhere(self):
-        rest = [f"{block}: {command}" for block, command in commands() if not re.match(r"(lab|scripts)/|ctest ", command)]
+        # tests/build/test_replacement.py tries those of the build with another bus.
+        rest = [f"{block}: {command}" for block, command in commands()
+                if not re.match(r"(lab|scripts)/|ctest ", command) and "build/unix-bus" not in command]
         self.assertEqual(rest, [])
 
     def test_commands_of_the_lab(self):

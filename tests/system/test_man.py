@@ -32,11 +32,11 @@ def converted(page):
 class ManualPagesTest(unittest.TestCase):
     def test_every_program_and_format_has_a_page(self):
         self.assertEqual([page.name for page in PAGES], [
-            "prop-service.8.md", "zav-demo.1.md", "zav-phone.1.md", "zav-properties.7.md", "zav-provisioning.5.md", "zavctl.1.md",
-            "zavd.8.md"])
+            "prop-service.8.md", "zav-demo.1.md", "zav-phone.1.md", "zav-platform-tests.1.md", "zav-properties.7.md",
+            "zav-provisioning.5.md", "zavctl.1.md", "zavd.8.md"])
 
     def test_each_page_is_installed(self):
-        rules = "".join(path.read_text() for folder in ("src", "services", "tools", "lab") for path in (ROOT / folder).rglob("CMakeLists.txt"))
+        rules = "".join(path.read_text() for folder in ("src", "services", "tools", "lab", "tests") for path in (ROOT / folder).rglob("CMakeLists.txt"))
         installed = re.findall(r"zav_install_man_page\(\S+ (\S+)\)", rules)
         self.assertEqual(sorted(f"{name}.md" for name in installed), [page.name for page in PAGES])
 

@@ -195,22 +195,26 @@ class CommandLine {
                        {"the pass was requested; with --wait: it ended success or partSuccess",
                         "the pass ended fail, or the request was refused", nullptr,
                         "the pass did not end within the time-out; it may continue"},
-                       {"zavctl provision", "zavctl provision --wait --timeout 120"}, [this] {
-                           const std::chrono::duration<double> timeout(timeoutSeconds_);
-                           code_ = provision(environment_, options_, wait_,
-                                             std::chrono::duration_cast<std::chrono::milliseconds>(timeout));
-                       });
-        command->add_flag("--wait", wait_, "Waits for the end of the pass; prints its result and HTTP status");
+                       {"zavctl provision", "zavctl provision --wait --timeout 120"}, [this] { provision(); });
+        command->add_flag("--wait", wait_,
+                          "Waits for the end of the pass; prints its result, and why it is not success");
         command->add_option("--timeout", timeoutSeconds_, "Time-out in seconds")
             ->check(CLI::Range(0.001, 1e6))
             ->capture_default_str();
+        addLog(command, passLog_);
         addCommand("status", "Prints server, last result, user interface lock, versions and period", {},
                    {"the status was printed"}, {"zavctl status", "zavctl status --json"},
                    [this] { status(environment_, options_); });
-        addCommand("doctor", "Finds out why the phone does not provision, and changes nothing", {},
-                   {"no error was found", "an error was found", nullptr, nullptr},
-                   {"zavctl doctor", "zavctl doctor --json"}, [this] { code_ = doctor(environment_, options_, log_); })
-            ->add_option("--log", log_, "File with the daemon's log; default: the journal of zavd.service")
+        addLog(addCommand("doctor", "Finds out why the phone does not provision, and changes nothing", {},
+                          {"no error was found", "an error was found", nullptr, nullptr},
+                          {"zavctl doctor", "zavctl doctor --json"},
+                          [this] { code_ = doctor(environment_, options_, doctorLog_); }),
+               doctorLog_);
+    }
+
+    // Each command needs a variable of its own: the environment also sets the options of commands that are not run.
+    static void addLog(CLI::App* command, std::string& path) {
+        command->add_option("--log", path, "File with the daemon's log; default: the journal of zavd.service")
             ->envname("ZAVD_LOG");
     }
 
@@ -336,6 +340,16 @@ class CommandLine {
             exampleLines({"zavctl help", "zavctl help provision"}));
     }
 
+    void provision() {
+        const std::chrono::duration<double> timeout(timeoutSeconds_);
+        if (wait_) {
+            code_ = provisionAndWait(environment_, options_,
+                                     std::chrono::duration_cast<std::chrono::milliseconds>(timeout), passLog_);
+        } else {
+            requestProvisioning(environment_, options_);
+        }
+    }
+
     void diff() {
         std::optional<std::string> after;
         if (positionals_.size() > 1) after = positionals_[1];
@@ -366,7 +380,8 @@ class CommandLine {
     bool replace_ = false;
     bool wait_ = false;
     double timeoutSeconds_ = 300;
-    std::string log_;
+    std::string passLog_;
+    std::string doctorLog_;
     PublishOptions publish_;
     ExitCode code_ = ExitCode::done;
 };

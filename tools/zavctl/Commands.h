@@ -47,10 +47,12 @@ void restore(const Environment& environment, const Options& options, const std::
 /// Prints changes until the environment's stop signal.
 void watch(const Environment& environment, const Options& options, const std::string& prefix);
 
-/// Requests a provisioning pass; with `wait`, waits for its end, up to `timeout`. A pass that ends "fail" is
-/// ExitCode::failed.
-ExitCode provision(const Environment& environment, const Options& options, bool wait,
-                   std::chrono::milliseconds timeout);
+/// Requests a provisioning pass.
+void requestProvisioning(const Environment& environment, const Options& options);
+/// Also waits for its end, up to `timeout`, and prints why it is not a success, from the daemon's log: the file `log`
+/// or, if that is empty, the journal. A pass that ends "fail" is ExitCode::failed.
+ExitCode provisionAndWait(const Environment& environment, const Options& options, std::chrono::milliseconds timeout,
+                          const std::string& log);
 
 /// Prints why the phone does not provision; changes nothing. `log` is the daemon's log; if it is empty, the journal is.
 ExitCode doctor(const Environment& environment, const Options& options, const std::string& log);

@@ -24,7 +24,10 @@ struct Environment {
     std::function<std::shared_ptr<propertyapi::IPropertyApi>(std::shared_ptr<ipc::IIPCClient>)> makeProperties;
     /// If no pass has begun by then, `provision --wait` prints the likely reason.
     std::chrono::milliseconds hintAfter{2000};
-    /// Progress is shown there.
+    /// How often `provision --wait` says how far the pass is where it cannot draw a bar.
+    std::chrono::milliseconds progressEvery{10000};
+    std::function<std::chrono::steady_clock::time_point()> now = &std::chrono::steady_clock::now;
+    /// Progress of files is drawn there.
     bool errIsTerminal = false;
 };
 

@@ -54,7 +54,7 @@ int main(int argc, char** argv) {
     commandEnded();
     const auto reception = common::signal::registerHandler();
 
-    const zavctl::Environment environment{
+    zavctl::Environment environment{
         std::cout,
         std::cerr,
         ::isatty(STDOUT_FILENO) != 0,
@@ -63,9 +63,8 @@ int main(int argc, char** argv) {
         [](const std::string& host) { return ipc::IPCFactory::createInstanceShared(zavctl::clientName, host, true); },
         [](std::shared_ptr<ipc::IIPCClient> bus) {
             return propertyapi::PropertyApiBuilder::getPropertyApi(std::move(bus), zavctl::clientName);
-        },
-        std::chrono::seconds(2),
-        ::isatty(STDERR_FILENO) != 0};
+        }};
+    environment.errIsTerminal = ::isatty(STDERR_FILENO) != 0;
     const zavctl::ExitCode code = zavctl::run(arguments, environment);
     commandEnded().stop();
     return static_cast<int>(code);

@@ -89,6 +89,7 @@ int JobHandler::startJob(const JobDescription& job) {
     const auto handler =
         JobHandlerFactory::create(job, curl_, security_, properties_, reader_, progressReporter_, statusReporter_);
     if (!handler) return jobFail;
+    const ProgressPublisher::Job progress = progressOf(job);
     dbg::Debug::info() << "+++++ Starting " << handler->getName() << std::endl;
     const int result = handler->run();
     dbg::Debug::info() << "-----Finishing " << handler->getName() << std::endl;
@@ -156,6 +157,11 @@ bool hasItems(const JobDescription& job, const char* file, int line) {
     if (!job.items.empty()) return true;
     dbg::Debug::info(file, line) << "Node: " << job.name << " has no child nodes, skipping" << std::endl;
     return false;
+}
+
+ProgressPublisher::Job progressOf(const JobDescription& job) {
+    const bool settings = job.name == "settings" || job.itemName == "param";
+    return {Pass::current().progress(), job.name, settings ? "items" : "bytes", settings ? job.items.size() : 0};
 }
 
 void removeJobsNotAllowed(std::vector<JobDescription>& jobs) {

@@ -10,6 +10,7 @@
 #include <vector>
 
 #include "Core/JobHandlers/JobDescription.h"
+#include "Core/ProgressPublisher.h"
 #include "Core/ProvisioningStatusReporter.h"
 #include "Core/ProvisioningWatchdog/ProgressReporter.h"
 #include "http/Curl.h"
@@ -74,6 +75,11 @@ class JobHandler {
 
 /// False, with a log line of the given source position, if the job has no items.
 bool hasItems(const JobDescription& job, const char* file, int line);
+
+/// Publishes the progress of a job of the running pass for as long as the returned object lives: of a settings job its
+/// settings, of any other the file that it downloads. The job must outlive the object, and its name be one of those
+/// that have a handler.
+ProgressPublisher::Job progressOf(const JobDescription& job);
 
 /// Calls `runJob` for each job that has items, in order, and frees each job before the next one runs. Logs a line of
 /// the caller's source file for a job without items.

@@ -53,6 +53,7 @@ int NVMJobHandler::run() {
 
 void NVMJobHandler::applyParams() {
     const Pass& pass = Pass::current();
+    std::uint64_t done = 0;
     for (const Attributes& param : job_->items) {
         if (pass.isOverdue()) {
             dbg::Debug::warning() << "The process is shutting down, " << applied_ << " of " << total_
@@ -76,6 +77,7 @@ void NVMJobHandler::applyParams() {
             dbg::Debug::error() << "Could not set param : " << quote(name, value, "=") << " (exception " << e.what()
                                 << ")" << std::endl;
         }
+        if (pass.progress() != nullptr) pass.progress()->report(++done, job_->items.size());
     }
 }
 

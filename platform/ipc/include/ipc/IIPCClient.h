@@ -1,6 +1,9 @@
 // The bus client: one connection to an MQTT v5 broker. After a connection loss it reconnects with back-off, subscribes
 // again, and sends the messages accepted meanwhile.
 //
+// Topics are texts in UTF-8 of levels separated by "/". In a filter "+" stands for one level, and "#" at the end for
+// any number of levels, none included. A payload has any bytes, up to 1 MiB at least.
+//
 // Threads: every operation may be called from any thread, but `disconnect` throws on a delivery thread, and the client
 // must not be destroyed on one. One network thread reads, opens and closes the connection and never runs user code.
 // Each subscription has its own delivery thread and a queue of 10,000 messages; when it is full, the oldest message is

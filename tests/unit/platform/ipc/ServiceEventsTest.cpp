@@ -41,33 +41,4 @@ TEST(ServiceEvents, OnlineIsReportedOnceTheBrokerHasAcceptedIt) {
     EXPECT_EQ(supervisor.online, 1) << "\"offline\" was taken for \"online\"";
 }
 
-// A handler that hangs must silence the reports, so they must not come from another thread.
-TEST(ServiceEvents, AliveIsReportedByTheThreadThatHandlesRequests) {
-    const fakes::Broker broker;
-    Supervisor supervisor;
-    std::atomic<std::thread::id> handling{};
-    const auto service = ipc::IPCFactory::createService("test-service", supervisor.events());
-    service->start(broker.address(), statusTopic, {"test-service/ask"}, [&](const auto& requests) {
-        handling = std::this_thread::get_id();
-        return EchoService::echo(requests);
-    });
-    const auto client = newAsker(broker.address());
-    const int before = supervisor.alive;
-    EXPECT_EQ(ask(*client, "x"), "re:x");
-    EXPECT_TRUE(eventually([&] { return supervisor.alive > before; }));
-    EXPECT_EQ(supervisor.thread.load(), handling.load());
-    client->disconnect();
-}
-
-TEST(ServiceEvents, AliveIsReportedWithoutABroker) {
-    fakes::Broker broker;
-    const std::string address = broker.address();
-    broker.stop();
-    Supervisor supervisor;
-    const auto service = ipc::IPCFactory::createService("test-service", supervisor.events());
-    service->start(address, statusTopic, {"test-service/ask"}, EchoService::echo);
-    EXPECT_TRUE(eventually([&] { return supervisor.alive >= 3; }));
-    EXPECT_EQ(supervisor.online, 0);
-}
-
 }  // namespace

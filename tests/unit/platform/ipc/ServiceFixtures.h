@@ -35,15 +35,4 @@ struct LargeChanges {
     }
 };
 
-/// Publishes each request on "test-changes" and then answers it.
-inline std::vector<ipc::OutgoingMessage> changeAndEcho(const std::vector<ipc::ServiceRequest>& requests) {
-    std::vector<ipc::OutgoingMessage> messages;
-    for (const auto& request : requests) {
-        messages.push_back({"test-changes", request.payload, "", 1});
-        messages.push_back(
-            {request.responseTopic, "re:" + request.payload, request.correlationData, request.qualityOfService});
-    }
-    return messages;
-}
-
 }  // namespace bustest

@@ -117,25 +117,6 @@ TEST(Service, StopsAtOnceIfTheBrokerHasExited) {
     EXPECT_LT(std::chrono::steady_clock::now() - begin, std::chrono::milliseconds(1500));
 }
 
-TEST(Service, StartsWithoutABrokerAndServesWhenThereIsOne) {
-    const fakes::LogCapture log;
-    Broker broker;
-    broker.stop();
-    EchoService service(broker.address());
-    EXPECT_TRUE(eventually([&] { return logContains(log, "Cannot connect to the broker at " + broker.address()); }));
-    broker.start();
-    EXPECT_NO_THROW(newAsker(broker.address()));
-}
-
-TEST(Service, ServesAgainAfterTheBrokerWasRestarted) {
-    Broker broker;
-    EchoService service(broker.address());
-    newAsker(broker.address());
-    broker.stop();
-    broker.start();
-    EXPECT_NO_THROW(newAsker(broker.address()));
-}
-
 TEST(Service, PublishesOfflineLastIfItStopsBeforeItIsSubscribed) {
     fakes::StubbornBroker broker;
     broker.holdSubscriptions();
@@ -147,33 +128,6 @@ TEST(Service, PublishesOfflineLastIfItStopsBeforeItIsSubscribed) {
     broker.giveIn();
     stopped.wait();
     EXPECT_EQ(broker.published(), std::vector<std::string>{statusTopic}) << "\"online\" after \"offline\"";
-}
-
-TEST(Service, StopsWithoutABroker) {
-    Broker broker;
-    const std::string address = broker.address();
-    broker.stop();
-    EchoService service(address);
-    const auto begin = std::chrono::steady_clock::now();
-    service.stop();
-    EXPECT_LT(std::chrono::steady_clock::now() - begin, std::chrono::seconds(5));
-}
-
-TEST(Service, ConnectionLossPublishesTheLastWill) {
-    Broker broker;
-    fakes::Relay relay(broker.port());
-    EchoService service(relay.address());
-    Recorder recorder;
-    const auto client = newClient("watcher");
-    client->subscribe(statusTopic, recorder);
-    client->connect(broker.address());
-    ASSERT_TRUE(recorder.waitForMessages(1));
-    relay.cut();
-    ASSERT_TRUE(recorder.waitForMessages(2));
-    relay.restore();
-    ASSERT_TRUE(recorder.waitForMessages(3));
-    EXPECT_EQ(recorder.contents(), (std::vector<std::string>{"online", "offline", "online"}));
-    client->disconnect();
 }
 
 }  // namespace

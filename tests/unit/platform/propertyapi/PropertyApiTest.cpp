@@ -1,14 +1,10 @@
 #include <gtest/gtest.h>
-#include <json/json.h>
 
-#include <functional>
-#include <map>
-#include <sstream>
+#include <memory>
+#include <string>
 
 #include "ScriptedBus.h"
-#include "fakes/Broker.h"
 #include "ipc/IPCException.h"
-#include "ipc/IPCFactory.h"
 #include "propertyapi/PropertyApiBuilder.h"
 
 namespace {
@@ -69,57 +65,6 @@ TEST_F(PropertyApi, BusErrorsHaveTheKey) {
     EXPECT_EQ(textOf(), "timeout|Property 'A.B': late");
     bus->answers = {[]() -> std::string { throw ipc::IPCException("odd"); }};
     EXPECT_EQ(textOf(), "other|Property 'A.B': odd");
-}
-
-/// End to end: a small property service on a real broker.
-TEST(PropertyApiOnTheBus, ReadsWritesAndLists) {
-    fakes::Broker broker;
-    std::map<std::string, std::string> store{{"A.1", "one"}, {"A.2", "two"}, {"B.1", "gr\xc3\xbc\xc3\x9f"}};
-    const auto service = ipc::IPCFactory::createService("prop-service");
-    service->start(broker.address(), "prop-service/status",
-                   {"prop-service/get", "prop-service/set", "prop-service/list"},
-                   [&](const std::vector<ipc::ServiceRequest>& requests) {
-                       std::vector<ipc::OutgoingMessage> answers;
-                       for (const auto& request : requests) {
-                           Json::Value asked;
-                           std::istringstream(request.payload) >> asked;
-                           Json::Value answer;
-                           const std::string key = asked["param"].asString();
-                           if (request.topic == "prop-service/list") {
-                               answer["properties"] = Json::arrayValue;
-                               for (const auto& [name, value] : store) {
-                                   if (name.rfind(asked["prefix"].asString(), 0) != 0) continue;
-                                   Json::Value entry;
-                                   entry["param"] = name;
-                                   entry["value"] = value;
-                                   answer["properties"].append(entry);
-                               }
-                           } else if (store.count(key) == 0) {
-                               answer["param"] = key;
-                               answer["error"] = "not-found";
-                               answer["reason"] = "not in the catalogue";
-                           } else {
-                               if (request.topic == "prop-service/set") store[key] = asked["value"].asString();
-                               answer["param"] = key;
-                               answer["value"] = store[key];
-                           }
-                           Json::StreamWriterBuilder writer;
-                           answers.push_back({request.responseTopic, Json::writeString(writer, answer),
-                                              request.correlationData, request.qualityOfService});
-                       }
-                       return answers;
-                   });
-    const auto bus = ipc::IPCFactory::createInstanceShared("prov-client", "localhost", false);
-    const auto properties = PropertyApiBuilder::getPropertyApi(bus, "prov-client");
-    bus->connect(broker.address());
-    EXPECT_EQ(properties->get("B.1"), "gr\xc3\xbc\xc3\x9f");
-    properties->set("A.1", "\"new\"\n");
-    EXPECT_EQ(properties->get("A.1"), "\"new\"\n");
-    const PropertyPage page = properties->list("A.", "");
-    ASSERT_EQ(page.properties.size(), 2U);
-    EXPECT_EQ(page.properties[1].value, "two");
-    EXPECT_THROW(properties->get("No.Such.Key"), PropertyNotFoundException);
-    service->stop();
 }
 
 }  // namespace

@@ -107,7 +107,7 @@ class Phone {
             arguments, Environment{out, err, terminal, stopSignal, [this] { catching = true; },
                                    [this](const std::string&) { return bus; },
                                    [this](const std::shared_ptr<ipc::IIPCClient>&) { return properties; }, hintAfter,
-                                   errTerminal});
+                                   progressEvery, now, errTerminal});
     }
 
     Json::Value json() const {
@@ -127,6 +127,8 @@ class Phone {
     bool errTerminal = false;  // standard error
     bool catching = false;
     std::chrono::milliseconds hintAfter{2000};
+    std::chrono::milliseconds progressEvery{10000};
+    std::function<std::chrono::steady_clock::time_point()> now = &std::chrono::steady_clock::now;
     common::StopSignal stopSignal;
 };
 

@@ -11,13 +11,14 @@
 #include <utility>
 #include <vector>
 
+#include "Library.h"
+#include "Settings.h"
 #include "ipc/IIPCCallback.h"
 #include "ipc/IPCException.h"
-#include "ipc/IPCFactory.h"
 
 namespace bustest {
 
-constexpr std::chrono::seconds patience{30};  // limit for events that must happen
+inline const std::chrono::seconds& patience = conformance::settings().patience;  // limit for events that must happen
 inline const std::string statusTopic = "test-service/status";
 
 /// Records its calls. `onMessage`, if set, runs inside messageArrived, without the lock.
@@ -84,6 +85,8 @@ class Gate {
         open_ = true;
         changed_.notify_all();
     }
+    /// For a callback that must block: longer than a check waits for what must happen meanwhile.
+    void passBlocked() { pass(4 * patience); }
     bool pass(std::chrono::milliseconds limit = patience) {
         std::unique_lock<std::mutex> lock(mutex_);
         return changed_.wait_for(lock, limit, [this] { return open_; });
@@ -99,7 +102,7 @@ class Gate {
 class EchoService {
  public:
     explicit EchoService(const std::string& address, ipc::IIPCService::Handler handler = echo)
-        : service_(ipc::IPCFactory::createService("test-service")) {
+        : service_(conformance::busLibrary().service("test-service", {})) {
         service_->start(address, statusTopic, {"test-service/ask"}, std::move(handler));
     }
     void stop() { service_->stop(); }
@@ -118,7 +121,7 @@ class EchoService {
 };
 
 inline std::shared_ptr<ipc::IIPCClient> newClient(const std::string& name, bool transient = false) {
-    return ipc::IPCFactory::createInstanceShared(name, "localhost", transient);
+    return conformance::busLibrary().client(name, "localhost", transient);
 }
 
 inline std::string ask(ipc::IIPCClient& client, const std::string& payload,
@@ -160,6 +163,17 @@ inline std::shared_ptr<ipc::IIPCClient> newAsker(const std::string& address, con
     client->connect(address);
     if (!waitForService(*client)) throw std::runtime_error("The service does not answer");
     return client;
+}
+
+/// Publishes each request on "test-changes" and then answers it.
+inline std::vector<ipc::OutgoingMessage> changeAndEcho(const std::vector<ipc::ServiceRequest>& requests) {
+    std::vector<ipc::OutgoingMessage> messages;
+    for (const auto& request : requests) {
+        messages.push_back({"test-changes", request.payload, "", 1});
+        messages.push_back(
+            {request.responseTopic, "re:" + request.payload, request.correlationData, request.qualityOfService});
+    }
+    return messages;
 }
 
 }  // namespace bustest

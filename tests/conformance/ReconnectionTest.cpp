@@ -4,48 +4,52 @@
 #include <atomic>
 #include <thread>
 
+#include "Bus.h"
 #include "BusFixtures.h"
+#include "Settings.h"
 #include "fakes/Broker.h"
 
 namespace {
 
 using namespace bustest;
-using fakes::Broker;
+using conformance::Bus;
 using fakes::Relay;
 using std::chrono::milliseconds;
 using std::chrono::steady_clock;
 
 TEST(Reconnection, ReportsTheLossOncePerCallbackObject) {
-    Broker broker;
+    Bus bus;
     Recorder recorder;
     Recorder other;
     const auto client = newClient("loser");
     client->subscribe("a", recorder);
     client->subscribe("b", recorder);
     client->subscribe("c", other);
-    client->connect(broker.address());
-    broker.stop();
+    client->connect(bus.address());
+    bus.stop();
     ASSERT_TRUE(recorder.waitForLosses(1));
     ASSERT_TRUE(other.waitForLosses(1));
-    broker.start();
+    bus.start();
     client->publish("a", "x", 1);
     ASSERT_TRUE(recorder.waitForMessages(1));
-    broker.stop();
+    EXPECT_EQ(recorder.losses().size(), 1U);
+    EXPECT_EQ(other.losses().size(), 1U);
+    bus.stop();
     EXPECT_TRUE(recorder.waitForLosses(2));
     client->disconnect();
 }
 
 TEST(Reconnection, SubscribesAgainAfterTheBrokerWasRestarted) {
-    Broker broker;
+    Bus bus;
     Recorder recorder;
     const auto client = newClient("faithful");
     client->subscribe("news/#", recorder);
-    client->connect(broker.address());
-    broker.stop();
+    client->connect(bus.address());
+    bus.stop();
     ASSERT_TRUE(recorder.waitForLosses(1));
-    broker.start();
+    bus.start();
     const auto other = newClient("reporter");
-    other->connect(broker.address());
+    other->connect(bus.address());
     // The restarted broker has no subscription until the client is back, so publish repeatedly.
     ASSERT_TRUE(eventually([&] {
         other->publish("news/now", "x", 1);
@@ -56,32 +60,51 @@ TEST(Reconnection, SubscribesAgainAfterTheBrokerWasRestarted) {
 }
 
 TEST(Reconnection, SendsMessagesPublishedMeanwhileOnceAndInOrder) {
-    Broker broker;
+    Bus bus;
     Recorder recorder;
     const auto client = newClient("writer");
     client->subscribe("diary", recorder);
-    client->connect(broker.address());
-    broker.stop();
+    client->connect(bus.address());
+    bus.stop();
     ASSERT_TRUE(recorder.waitForLosses(1));
     std::vector<std::string> expected;
     for (int i = 0; i < 500; ++i) {
         client->publish("diary", std::to_string(i), 1);
         expected.push_back(std::to_string(i));
     }
-    broker.start();
+    bus.start();
     ASSERT_TRUE(recorder.waitForCompletions(500));
     ASSERT_TRUE(recorder.waitForMessages(500));
     EXPECT_EQ(recorder.contents(), expected);
     client->disconnect();
 }
 
+TEST(Reconnection, DropsQualityZeroPublishedMeanwhile) {
+    Bus bus;
+    Recorder recorder;
+    const auto client = newClient("writer");
+    client->subscribe("diary", recorder);
+    client->connect(bus.address());
+    bus.stop();
+    ASSERT_TRUE(recorder.waitForLosses(1));
+    for (int i = 0; i < 20; ++i) client->publish("diary", "lost", 0);
+    client->publish("diary", "kept", 1);
+    bus.start();
+    ASSERT_TRUE(recorder.waitForMessages(1));
+    client->publish("diary", "end", 1);
+    ASSERT_TRUE(recorder.waitForMessages(2));
+    EXPECT_EQ(recorder.contents(), (std::vector<std::string>{"kept", "end"}));
+    client->disconnect();
+}
+
 TEST(Reconnection, LosesNoPublishedMessage) {
-    Broker broker;
-    Relay relay(broker.port());
+    NEEDS_TCP();
+    Bus bus;
+    Relay relay(Bus::port());
     Recorder recorder;
     const auto reader = newClient("reader");
     reader->subscribe("diary", recorder);
-    reader->connect(broker.address());
+    reader->connect(bus.address());
     const auto client = newClient("writer");
     client->connect(relay.address());
     for (int i = 0; i < 2000; ++i) {
@@ -103,8 +126,9 @@ TEST(Reconnection, LosesNoPublishedMessage) {
 }
 
 TEST(Reconnection, DeliversMessagesPublishedMeanwhileByOthers) {
-    Broker broker;
-    Relay relay(broker.port());
+    NEEDS_TCP();
+    Bus bus;
+    Relay relay(Bus::port());
     Recorder recorder;
     Recorder overlapping;
     const auto client = newClient("sleeper");
@@ -114,7 +138,7 @@ TEST(Reconnection, DeliversMessagesPublishedMeanwhileByOthers) {
     const auto other = newClient("writer");
     Recorder witness;
     other->subscribe("prop/#", witness);
-    other->connect(broker.address());
+    other->connect(bus.address());
     relay.cut();
     ASSERT_TRUE(recorder.waitForLosses(1));
     std::vector<std::string> expected;
@@ -133,8 +157,9 @@ TEST(Reconnection, DeliversMessagesPublishedMeanwhileByOthers) {
 }
 
 TEST(Reconnection, NewProcessStartsClean) {
-    Broker broker;
-    Relay relay(broker.port());
+    NEEDS_TCP();
+    Bus bus;
+    Relay relay(Bus::port());
     Recorder gone;
     auto first = newClient("phone");
     first->subscribe("prop/#", gone);
@@ -146,7 +171,7 @@ TEST(Reconnection, NewProcessStartsClean) {
     const auto other = newClient("writer");
     Recorder witness;
     other->subscribe("prop/#", witness);
-    other->connect(broker.address());
+    other->connect(bus.address());
     other->publish("prop/a", "stale", 1);
     ASSERT_TRUE(witness.waitForMessages(1));
     relay.restore();
@@ -162,25 +187,28 @@ TEST(Reconnection, NewProcessStartsClean) {
 }
 
 TEST(Reconnection, RequestsWorkAfterIt) {
-    Broker broker;
+    NEEDS_REQUESTS();
+    Bus bus;
     Recorder recorder;
     const auto client = newClient("asker");
     client->watchPresence(statusTopic);
     client->subscribe("a", recorder);
-    client->connect(broker.address());
-    const EchoService service(broker.address());
+    client->connect(bus.address());
+    const EchoService service(bus.address());
     ASSERT_TRUE(waitForService(*client));
-    broker.stop();
+    bus.stop();
     ASSERT_TRUE(recorder.waitForLosses(1));
-    broker.start();
+    bus.start();
     EXPECT_TRUE(waitForService(*client));
     client->disconnect();
 }
 
 TEST(Reconnection, RequestWaitsForTheReconnection) {
-    Broker broker;
-    Relay relay(broker.port());
-    const EchoService service(broker.address());
+    NEEDS_REQUESTS();
+    NEEDS_TCP();
+    Bus bus;
+    Relay relay(Bus::port());
+    const EchoService service(bus.address());
     Recorder recorder;
     const auto client = newAsker(relay.address(), "a", &recorder);
     relay.cut();
@@ -200,11 +228,13 @@ TEST(Reconnection, RequestWaitsForTheReconnection) {
 }
 
 TEST(Reconnection, DoesNotResendARequest) {
-    Broker broker;
-    Relay relay(broker.port());
+    NEEDS_REQUESTS();
+    NEEDS_TCP();
+    Bus bus;
+    Relay relay(Bus::port());
     std::atomic<int> executed{0};
     Gate asked;
-    EchoService service(broker.address(), [&](const std::vector<ipc::ServiceRequest>& requests) {
+    EchoService service(bus.address(), [&](const std::vector<ipc::ServiceRequest>& requests) {
         for (const auto& request : requests) {
             if (request.payload != "once") continue;
             ++executed;
@@ -235,11 +265,12 @@ TEST(Reconnection, DoesNotResendARequest) {
 }
 
 TEST(Reconnection, RequestsFailAtOnceWhenTheBrokerStaysAway) {
-    Broker broker;
-    const EchoService service(broker.address());
+    NEEDS_REQUESTS();
+    Bus bus;
+    const EchoService service(bus.address());
     Recorder recorder;
-    const auto client = newAsker(broker.address(), "news", &recorder);
-    broker.stop();
+    const auto client = newAsker(bus.address(), "news", &recorder);
+    bus.stop();
     ASSERT_TRUE(recorder.waitForLosses(1));
     const auto begin = steady_clock::now();
     EXPECT_THROW(ask(*client, "x"), ipc::IPCOfflineException);
@@ -251,12 +282,12 @@ TEST(Reconnection, RequestsFailAtOnceWhenTheBrokerStaysAway) {
 }
 
 TEST(Reconnection, RefusesTooManyMessagesInsteadOfDroppingThem) {
-    Broker broker;
+    Bus bus;
     Recorder recorder;
     const auto client = newClient("flood");
     client->subscribe("a", recorder);
-    client->connect(broker.address());
-    broker.stop();
+    client->connect(bus.address());
+    bus.stop();
     ASSERT_TRUE(recorder.waitForLosses(1));
     size_t accepted = 0;
     try {
@@ -264,24 +295,25 @@ TEST(Reconnection, RefusesTooManyMessagesInsteadOfDroppingThem) {
     } catch (const ipc::IPCException&) {
     }
     EXPECT_EQ(accepted, 10000U);
-    broker.start();
+    bus.start();
     ASSERT_TRUE(recorder.waitForMessages(accepted));
     client->disconnect();
 }
 
 TEST(Reconnection, ClientStopsInTimeWhileTheBrokerIsFrozen) {
-    Broker broker;
+    NEEDS_FREEZING();
+    Bus bus;
     auto client = newClient("unlucky");
     Recorder recorder;
     client->subscribe("a", recorder);
-    client->connect(broker.address());
-    broker.freeze();
+    client->connect(bus.address());
+    bus.freeze();
     client->publish("a", "x", 1);
     const auto begin = steady_clock::now();
     client->disconnect();
     client.reset();
     EXPECT_LT(steady_clock::now() - begin, milliseconds(5000));
-    broker.thaw();
+    bus.thaw();
 }
 
 }  // namespace

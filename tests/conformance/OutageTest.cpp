@@ -3,13 +3,15 @@
 
 #include <thread>
 
+#include "Bus.h"
 #include "BusFixtures.h"
+#include "Settings.h"
 #include "fakes/Broker.h"
 
 namespace {
 
 using namespace bustest;
-using fakes::Broker;
+using conformance::Bus;
 using std::chrono::milliseconds;
 using std::chrono::steady_clock;
 
@@ -38,6 +40,8 @@ std::thread inBackground(std::string& outcome, Call call) {
             outcome = "service lost";
         } catch (const ipc::IPCOfflineException&) {
             outcome = "offline";
+        } catch (const ipc::IPCInterruptedException&) {
+            outcome = "interrupted";
         } catch (const ipc::IPCTimeoutException&) {
             outcome = "timeout";
         }
@@ -45,29 +49,45 @@ std::thread inBackground(std::string& outcome, Call call) {
 }
 
 TEST(Outage, FailsARequestInFlightEvenIfTheServiceIsBackAtOnce) {
-    Broker broker;
-    SilentPair pair(broker.address());
+    NEEDS_REQUESTS();
+    Bus bus;
+    SilentPair pair(bus.address());
     std::string outcome;
     std::thread asking = inBackground(outcome, [&] { return ask(*pair.client, "x"); });
     ASSERT_TRUE(pair.asked.pass());
     const auto other = newClient("announcer");
-    other->connect(broker.address());
+    other->connect(bus.address());
     other->publish(statusTopic, "offline", 1);
     other->publish(statusTopic, "online", 1);
     asking.join();
     EXPECT_EQ(outcome, "service lost");
 }
 
+TEST(Outage, DeathOfTheBusInterruptsARequestInFlight) {
+    NEEDS_REQUESTS();
+    Bus bus;
+    SilentPair pair(bus.address());
+    std::string outcome;
+    std::thread asking = inBackground(outcome, [&] { return ask(*pair.client, "x"); });
+    ASSERT_TRUE(pair.asked.pass());
+    const auto begin = steady_clock::now();
+    bus.stop();
+    asking.join();
+    EXPECT_EQ(outcome, "interrupted");
+    EXPECT_LT(steady_clock::now() - begin, patience / 2);
+}
+
 TEST(Outage, DoesNotFailARequestToAnotherService) {
-    Broker broker;
-    SilentPair pair(broker.address());
+    NEEDS_REQUESTS();
+    Bus bus;
+    SilentPair pair(bus.address());
     pair.client->disconnect();
     const auto client = newClient("watcher");
     client->watchPresence(statusTopic);
     client->watchPresence("other/status");
     Recorder recorder;
     client->subscribe("other/status", recorder);
-    client->connect(broker.address());
+    client->connect(bus.address());
     std::string outcome;
     std::thread asking = inBackground(outcome, [&] { return ask(*client, "x", milliseconds(300)); });
     ASSERT_TRUE(pair.asked.pass());
@@ -79,10 +99,11 @@ TEST(Outage, DoesNotFailARequestToAnotherService) {
 }
 
 TEST(Outage, IgnoresOtherPresencePayloads) {
-    Broker broker;
-    const EchoService service(broker.address());
+    NEEDS_REQUESTS();
+    Bus bus;
+    const EchoService service(bus.address());
     Recorder recorder;
-    const auto client = newAsker(broker.address(), statusTopic, &recorder);
+    const auto client = newAsker(bus.address(), statusTopic, &recorder);
     ASSERT_TRUE(recorder.waitForMessages(1));
     client->publish(statusTopic, "", 1);
     client->publish(statusTopic, "garbage", 1);
@@ -92,24 +113,26 @@ TEST(Outage, IgnoresOtherPresencePayloads) {
 }
 
 TEST(Outage, WaitEndsWhenTheServiceIsBack) {
-    Broker broker;
-    auto service = std::make_unique<EchoService>(broker.address());
-    const auto client = newAsker(broker.address());
+    NEEDS_REQUESTS();
+    Bus bus;
+    auto service = std::make_unique<EchoService>(bus.address());
+    const auto client = newAsker(bus.address());
     EXPECT_TRUE(client->waitForService(statusTopic, milliseconds(0))) << "it is online";
     service.reset();
     ASSERT_TRUE(eventually([&] { return !client->waitForService(statusTopic, milliseconds(0)); }));
     std::string outcome;
     std::thread waiting =
         inBackground(outcome, [&] { return client->waitForService(statusTopic, patience) ? "back" : "gone"; });
-    const EchoService again(broker.address());
+    const EchoService again(bus.address());
     waiting.join();
     EXPECT_EQ(outcome, "back");
 }
 
 TEST(Outage, WaitTimesOut) {
-    Broker broker;
-    auto service = std::make_unique<EchoService>(broker.address());
-    const auto client = newAsker(broker.address());
+    NEEDS_REQUESTS();
+    Bus bus;
+    auto service = std::make_unique<EchoService>(bus.address());
+    const auto client = newAsker(bus.address());
     service.reset();
     ASSERT_TRUE(eventually([&] { return !client->waitForService(statusTopic, milliseconds(0)); }));
     EXPECT_FALSE(client->waitForService(statusTopic, milliseconds(1000)));
@@ -120,10 +143,10 @@ TEST(Outage, WaitTimesOut) {
 }
 
 TEST(Outage, NoWaitForAServiceThatWasNeverOnline) {
-    Broker broker;
+    Bus bus;
     const auto client = newClient("asker");
     client->watchPresence(statusTopic);
-    client->connect(broker.address());
+    client->connect(bus.address());
     const auto begin = steady_clock::now();
     EXPECT_FALSE(client->waitForService(statusTopic, patience));
     EXPECT_FALSE(client->waitForService("not/watched", patience));
@@ -131,25 +154,27 @@ TEST(Outage, NoWaitForAServiceThatWasNeverOnline) {
 }
 
 TEST(Outage, WaitSurvivesARestartOfTheBroker) {
-    Broker broker;
-    const EchoService service(broker.address());
+    NEEDS_REQUESTS();
+    Bus bus;
+    const EchoService service(bus.address());
     Recorder recorder;
-    const auto client = newAsker(broker.address(), "a", &recorder);
-    broker.stop();
+    const auto client = newAsker(bus.address(), "a", &recorder);
+    bus.stop();
     ASSERT_TRUE(recorder.waitForLosses(1));
     std::string outcome;
     std::thread waiting =
         inBackground(outcome, [&] { return client->waitForService(statusTopic, patience) ? "back" : "gone"; });
-    broker.start();
+    bus.start();
     waiting.join();
     EXPECT_EQ(outcome, "back");
     client->disconnect();
 }
 
 TEST(Outage, NoWaitOnceRequestsAreLimited) {
-    Broker broker;
-    auto service = std::make_unique<EchoService>(broker.address());
-    const auto client = newAsker(broker.address());
+    NEEDS_REQUESTS();
+    Bus bus;
+    auto service = std::make_unique<EchoService>(bus.address());
+    const auto client = newAsker(bus.address());
     service.reset();
     ASSERT_TRUE(eventually([&] { return !client->waitForService(statusTopic, milliseconds(0)); }));
     std::string outcome;
@@ -163,8 +188,9 @@ TEST(Outage, NoWaitOnceRequestsAreLimited) {
 }
 
 TEST(LimitedRequests, LimitAppliesInFlightAndLater) {
-    Broker broker;
-    SilentPair pair(broker.address());
+    NEEDS_REQUESTS();
+    Bus bus;
+    SilentPair pair(bus.address());
     std::string outcome;
     std::thread asking = inBackground(outcome, [&] { return ask(*pair.client, "x"); });
     ASSERT_TRUE(pair.asked.pass());
@@ -178,13 +204,14 @@ TEST(LimitedRequests, LimitAppliesInFlightAndLater) {
 }
 
 TEST(Answers, CountIncludesLateAnswers) {
-    Broker broker;
+    NEEDS_REQUESTS();
+    Bus bus;
     Gate gate;
-    EchoService slow(broker.address(), [&](const std::vector<ipc::ServiceRequest>& requests) {
+    EchoService slow(bus.address(), [&](const std::vector<ipc::ServiceRequest>& requests) {
         if (requests.front().payload == "slow") gate.pass();
         return EchoService::echo(requests);
     });
-    const auto client = newAsker(broker.address());
+    const auto client = newAsker(bus.address());
     const auto before = client->responsesReceived();
     EXPECT_GT(before, 0U);
     EXPECT_THROW(ask(*client, "slow", milliseconds(50)), ipc::IPCTimeoutException);
