@@ -105,7 +105,7 @@ std::optional<std::string> decrypt(const std::string& encrypted, const std::stri
         ERR_clear_error();
         return std::nullopt;
     }
-    out.resize(static_cast<std::size_t>(body + tail));
+    out.resize(static_cast<std::size_t>(body) + static_cast<std::size_t>(tail));
     return out;
 }
 

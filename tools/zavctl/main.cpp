@@ -54,7 +54,7 @@ int main(int argc, char** argv) {
     commandEnded();
     const auto reception = common::signal::registerHandler();
 
-    const zavctl::Environment environment{
+    zavctl::Environment environment{
         std::cout,
         std::cerr,
         ::isatty(STDOUT_FILENO) != 0,

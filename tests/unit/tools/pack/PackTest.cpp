@@ -273,7 +273,7 @@ TEST_F(Packing, AWriteThatFailsLeavesWhatIsPublished) {
 
 TEST_F(Packing, WhatAKilledRunLeftIsRemoved) {
     run();
-    write("out/.zavctl-staging/7", "half a file");
+    write("out/.zavctl-staging/0", "half a file");
     write("in/contacts.xml", "<contacts>x</contacts>");
     run();
     EXPECT_FALSE(exists("out/.zavctl-staging"));
