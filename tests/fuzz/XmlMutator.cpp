@@ -151,7 +151,7 @@ class Reader {
             if (!readElement(element.children.back(), depth + 1)) return false;
         }
         at_ += 2;
-        if (upTo(">") != element.name) return false;
+        if (upTo(">") != element.name || !isAt(">")) return false;
         ++at_;
         return true;
     }

@@ -35,7 +35,7 @@ TEST(XmlMutatorTest, DependsOnTheSeedOnly) { EXPECT_EQ(mutateXml(document, 7, la
 
 TEST(XmlMutatorTest, LeavesOtherTextsToOtherMutations) {
     for (const char* text :
-         {"", "x", "<", "<a", "<a>", "<a></b>", "<a b>", "<a b=\"c></a>", "<a/>x", "<!DOCTYPE a><a/>"}) {
+         {"", "x", "<", "<a", "<a>", "<a></b>", "<a b>", "<a b=\"c></a>", "<a><b></b", "<a/>x", "<!DOCTYPE a><a/>"}) {
         EXPECT_EQ(mutateXml(text, 1, large), "") << text;
     }
 }
