@@ -3,7 +3,7 @@
 
 Each starts with the corpus in the tree and what earlier runs found, which BUILD/corpus keeps. The table at the end has
 a row for each target; inputs that broke a promise or crash are in BUILD/found. With --minimise, each target's
-corpus in the tree is replaced by the fewest inputs with the same coverage; files named regression_* stay.
+corpus in the tree is replaced by the fewest inputs with the same coverage; files with names that a person gave them stay.
 """
 
 import argparse
@@ -19,7 +19,7 @@ import time
 FOLDER = pathlib.Path(__file__).resolve().parent
 SECONDS_PER_INPUT = 10
 MEGABYTES = 1024
-REGRESSION = "regression_"
+HASHED = re.compile(r"[0-9a-f]{12}")  # the name of an input that libFuzzer made
 STATUS = re.compile(r"^#(\d+)\s+\w+\s+cov: (\d+) ft: (\d+) corp: (\d+)")
 
 
@@ -76,7 +76,7 @@ class Target:
                            stdin=subprocess.DEVNULL, stdout=subprocess.DEVNULL, stderr=subprocess.DEVNULL,
                            env=environment())
             for path in self.tree.iterdir():
-                if not path.name.startswith(REGRESSION):
+                if HASHED.fullmatch(path.name):
                     path.unlink()
             for path in pathlib.Path(folder).iterdir():
                 shutil.copy(path, self.tree / path.name[:12])
