@@ -250,6 +250,16 @@ class Bus:
                 pass
         return self._ask("get", {"param": key})["value"]
 
+    def list(self, prefix):
+        """All properties whose keys begin so."""
+        found, after = {}, {}
+        while True:
+            page = self._ask("list", {"prefix": prefix, **after})
+            found.update((one["param"], one["value"]) for one in page["properties"])
+            if "next" not in page:
+                return found
+            after = {"after": page["next"]}
+
     def set(self, key, value):
         """Returns when its change was heard too, which may come a moment behind the answer."""
         topic = f"prop-service-{key.split('.')[0].lower()}/"
