@@ -1,0 +1,291 @@
+"""One row of the matrix on a phone: the daemon is brought into its stage, the fault strikes and is mended, and then every
+promise of the row is looked at. Runs inside lab/phone."""
+
+import os
+import random
+import threading
+import time
+
+import faults
+import phone
+from files import LABEL, direct, element, params, root
+from raw_server import RawServer, ok
+from server import Answer
+
+STATE = "State.Provisioning"
+LOCK = "State.Provisioning.LockUI"
+RESULTS = ("success", "partSuccess", "fail")
+FOLDERS = ("/var/volatile/provisioning", "/var/volatile/contacts", "/config/swupdate", "/custom/certs/_storage")
+SETTINGS = faults.spread(150)
+APPLIED = 20        # settings that are written before the daemon is caught in its settings job
+IMAGE = random.Random(7).randbytes(300_000)
+BOOK = b"<contacts/>"
+LIMIT = 10          # seconds of the machine's time from SIGTERM to the end
+PATIENCE = 25       # that are waited for a daemon which does not keep it
+STEP = 6            # seconds of the phone's time that pass at once while a fault is on: one time-out of a property call
+LONGEST_FAULT = 90  # seconds of the phone's time that a fault lasts at most
+THREADS_SPARE = 1
+DESCRIPTORS_SPARE = 2
+
+
+class NotHeld(AssertionError):
+    """A promise of the row that does not hold: its word, what was expected, what was seen."""
+
+    def __init__(self, word, expected, seen):
+        super().__init__(f"{word}: expected {expected}; seen {seen}")
+        self.word, self.expected, self.seen = word, expected, seen
+
+
+def descriptors(pid):
+    return len(os.listdir(f"/proc/{pid}/fd"))
+
+
+def threads(pid):
+    return len(os.listdir(f"/proc/{pid}/task"))
+
+
+def firmware(url="/image.bin"):
+    return element("firmware", {}, [element("file", {"version": "2.14", "url": url})])
+
+
+def custom(*steps):
+    return element("custom", {}, [element("step", one) for one in steps])
+
+
+def settings(values):
+    return element("nvm", {}, params(values))
+
+
+def initial(*jobs):
+    return root("provisioning", jobs)
+
+
+class Case(faults.PassFaultTest):
+    """A phone and its daemon. `struck_at` and what follows belong to the row that runs."""
+
+    settings = {"FirmwareManagment.AutomaticCheckForUpdates": "1", "System.General.SoftwareVersion": "2.13.7"}
+    boot_pass = None
+    environment = {}   # of the daemon, besides the lab's
+    count = 0
+
+    def __init__(self, row, seed):
+        super().__init__()
+        self.row = row
+        self.random = random.Random(f"{seed}:{row.name}")
+        self.known = {BOOK, IMAGE, faults.GOOD}   # whole contents of files that may stand in the folders
+        self.notes = []                           # what the row measured, for its report
+        self.frozen = None                        # process that the stage has frozen
+
+    # The daemon
+
+    def start_idle(self):
+        """A daemon past its boot that has run a good pass, the one of the last row if it is still there."""
+        if phone.service("status", "daemon", check=False) == 0 and getattr(type(self), "usable", False):
+            return
+        self.start_daemon()
+        self.settle_quietly()
+        self.measure()
+
+    def start_daemon(self, boot_pass=False):
+        if phone.service("status", "daemon", check=False) == 0:
+            phone.service("kill", "daemon")
+        type(self).usable = False
+        for key, value in self.settings.items():
+            self.bus.set(key, value)
+        self.bus.set("State.Provisioning.OnBootUp", "" if boot_pass else "done")
+        self.launch()
+
+    def launch(self):
+        self.log.mark()
+        kept = {key: os.environ.get(key) for key in self.environment}
+        os.environ.update(self.environment)
+        try:
+            phone.service("start", "daemon")
+        finally:
+            for key, value in kept.items():
+                os.environ.pop(key) if value is None else os.environ.update({key: value})
+
+    def settle_quietly(self):
+        """Past the wait for the network; a pass after boot has ended."""
+        self.log.wait("for stabilization.")
+        phone.jump(90)
+        self.log.wait("Enabling provisioning function.")
+        phone.wait_until(lambda: self.log.count("already done, skipping") or self.passes_ended(),
+                         lambda: "the end of the boot in:\n" + "\n".join(self.log.lines()[-40:]))
+
+    def measure(self):
+        """What the idle daemon has after a good pass: the least of which later promises speak."""
+        self.run_good_pass()
+        pid = phone.service_pid()
+        self.wait_calm(pid)
+        cls = type(self)
+        cls.idle, cls.idle_threads, cls.idle_descriptors = faults.dirty(pid), threads(pid), descriptors(pid)
+        cls.usable = True
+
+    @staticmethod
+    def wait_calm(pid):
+        phone.wait_until(lambda: phone.asleep(pid), "the daemon asleep")
+
+    def run_good_pass(self):
+        """A pass that must succeed and apply a value that no pass before it had."""
+        Case.count += 1
+        value = f"pass {Case.count}"
+        text = direct([(LABEL, value)]).encode()
+        self.known.add(text)
+        self.good.answers["/provisioning.xml"] = ok(text)
+        self.configure(self.good)
+        result = self.provision()
+        applied = self.bus.get(LABEL)
+        if (result, applied) != ("success", value):
+            raise NotHeld("next pass", f"success and {value!r}", f"{result} and {applied!r}; {self.tail()}")
+
+    def daemon_ended(self):
+        return os.path.exists(f"{phone.HOME}/daemon.status")
+
+    def tail(self, lines=30):
+        return "log:\n" + "\n".join(self.log.lines()[-lines:])
+
+    # Time
+
+    def drive(self, condition, what, step=STEP, longest=LONGEST_FAULT, pause=0.05):
+        """Lets the phone's time pass in steps until the condition holds; whether it did within `longest` seconds."""
+        passed, end = 0, time.monotonic() + phone.DEADLINE
+        while not condition():
+            if passed > longest or time.monotonic() > end:
+                return False
+            waited = time.monotonic() + pause
+            while time.monotonic() < waited and not condition():
+                time.sleep(0.005)
+            if not self.daemon_ended() and phone.asleep(phone.service_pid()) and not condition():
+                phone.clock("jump", step)
+                passed += step
+        return True
+
+    def wait_back(self, condition, what):
+        """After the fault: the phone's time passes slowly enough for answers that come at the machine's pace."""
+        if not self.drive(condition, what, step=1, longest=10_000, pause=0.3):
+            raise NotHeld("pass ends", what, self.tail())
+
+    # Promises
+
+    def check(self):
+        """Looks at every promise of the row."""
+        for word, argument in self.row.holds:
+            getattr(self, "hold_" + word.replace(" ", "_"))(argument)
+
+    def hold_pass_ends(self, _):
+        self.wait_back(lambda: self.passes_ended() > 0, "the line that a pass ends with")
+
+    def eventually(self, word, expected, look):
+        """`look` hands back what it sees and whether that is right; the daemon may first have to connect anew."""
+        seen = None
+
+        def right():
+            nonlocal seen
+            seen, is_right = look()
+            return is_right
+
+        if not self.drive(right, word, step=1, longest=10_000, pause=0.3):
+            raise NotHeld(word, expected, f"{seen}; {self.tail()}")
+
+    def hold_unlocked(self, _):
+        self.eventually("unlocked", f"{LOCK} = 0", lambda: ((value := self.bus.get(LOCK)), value == "0"))
+
+    def hold_result(self, argument):
+        allowed = argument.split("/") if argument else RESULTS
+        self.eventually("result", " or ".join(allowed), lambda: ((value := self.bus.get(STATE)), value in allowed))
+
+    def hold_code(self, argument):
+        seen = self.bus.get("State.Provisioning.HttpErrorCode")
+        if seen not in argument.split("/"):
+            raise NotHeld("code", argument, seen)
+
+    def hold_whole_files(self, _):
+        """No part of a file anywhere, and under a file's own name only what a server sent as a whole."""
+        for folder in FOLDERS:
+            for name in faults.files_below(folder) if os.path.isdir(folder) else ():
+                path = f"{folder}/{name}"
+                if name.endswith((".part", ".tmp")):
+                    raise NotHeld("whole files", "no partial file", path)
+                if os.path.basename(name) == "zavd:lock" or os.path.islink(path):
+                    continue
+                with open(path, "rb") as file:
+                    content = file.read()
+                if content not in self.known:
+                    raise NotHeld("whole files", "a file as a server sent it", f"{path}: {len(content)} bytes {content[:60]!r}")
+
+    def hold_daemon_stays(self, _):
+        if self.daemon_ended() or phone.service_pid() != self.pid_before:
+            with open(f"{phone.HOME}/daemon.status", encoding="ascii") as file:
+                raise NotHeld("daemon stays", "the same process", f"it ended with status {file.read().strip()}; {self.tail()}")
+
+    def hold_next_pass(self, _):
+        self.wait_daemon_on_bus()
+        self.run_good_pass()
+
+    def hold_log(self, argument):
+        lines = self.log_at_end
+        if not any(argument in line for line in lines):
+            raise NotHeld("log", f"a line with {argument!r}", "log:\n" + "\n".join(lines[-40:]))
+
+    def hold_no_log(self, argument):
+        found = [line for line in self.log_at_end if argument in line]
+        if found:
+            raise NotHeld("no log", f"no line with {argument!r}", found[0])
+
+    def hold_memory(self, _):
+        pid = phone.service_pid()
+        if faults.is_sanitized(pid):
+            return
+        limit = self.idle * 3 // 2 + faults.SPARE
+        self.settled("memory", f"at most {limit} KiB", lambda: faults.dirty(pid), limit)
+        self.settled("memory", f"at most {self.idle_threads + THREADS_SPARE} threads", lambda: threads(pid),
+                     self.idle_threads + THREADS_SPARE)
+        self.settled("memory", f"at most {self.idle_descriptors + DESCRIPTORS_SPARE} descriptors", lambda: descriptors(pid),
+                     self.idle_descriptors + DESCRIPTORS_SPARE)
+
+    @staticmethod
+    def settled(word, expected, look, limit):
+        try:
+            phone.wait_until(lambda: look() <= limit, expected, 5)
+        except phone.Late:
+            raise NotHeld(word, expected, look()) from None
+
+    def hold_stops(self, _):
+        """SIGTERM, then the end within ten seconds with status 0. The daemon of the next row is a new one."""
+        took, status = self.stop_daemon()
+        if status != "0" or took > LIMIT:
+            raise NotHeld("stops", f"status 0 within {LIMIT} s", f"status {status} after {took:.1f} s; {self.tail()}")
+
+    def stop_daemon(self):
+        type(self).usable = False
+        begin = time.monotonic()
+        os.kill(phone.service_pid(), 15)
+        return self.wait_daemon_end(begin)
+
+    def wait_daemon_end(self, begin):
+        """Seconds that it took, and the status; nothing if the daemon still runs."""
+        end = begin + PATIENCE
+        while not self.daemon_ended() and time.monotonic() < end:
+            time.sleep(0.01)
+        took = time.monotonic() - begin
+        if not self.daemon_ended():
+            return took, None
+        with open(f"{phone.HOME}/daemon.status", encoding="ascii") as file:
+            return took, file.read().strip()
+
+    # The row
+
+    def run_row(self, stage, fault):
+        stage.reach(self)
+        self.pid_before = None if self.daemon_ended() else phone.service_pid()
+        fault.strike(self)
+        try:
+            stage.go_on(self)
+            if fault.lasts:
+                self.drive(lambda: stage.over(self), "the end of the stage")
+        finally:
+            fault.mend(self)
+        stage.wait_over(self)
+        self.log_at_end = self.log.lines()
+        self.check()
