@@ -13,7 +13,7 @@ from paho.mqtt.packettypes import PacketTypes
 
 import phone
 
-STOPPED, RUNNING = 0.02, 0.005   # seconds: a slow process runs a fifth of the time
+STOPPED, RUNNING = 0.03, 0.002   # seconds in which a slow process is stopped, and runs
 NAMES = {"broker": "broker", "property service": "properties"}
 
 
@@ -36,24 +36,19 @@ class ServiceFault(Fault):
         if case.frozen is not None:
             case.thaw(case.frozen)
 
-    def leave_bus(self, case):
-        """The test's own client is not to meet what takes the broker's place."""
-        if self.name == "broker":
-            case.bus.close()
-
     def start(self, case):
+        """The test's own client leaves the bus before, so that it never meets what takes a service's place."""
         if phone.service("status", self.name, check=False) != 0:
             phone.service("start", self.name)
-        if self.name == "broker":
-            type(case).bus = phone.Bus()
-            case.bus.wait_message("prop-service/status")
-            phone.wait_until(lambda: case.bus.messages("prop-service/status")[-1][1] == "online",
-                             "the property service on the new broker")
+        type(case).bus = phone.Bus()
+        case.bus.wait_message("prop-service/status")
+        phone.wait_until(lambda: case.bus.messages("prop-service/status")[-1][1] == "online",
+                         "the property service on the broker")
 
 
 class Killed(ServiceFault):
     def strike(self, case):
-        self.leave_bus(case)
+        case.bus.close()
         phone.service("kill", self.name)
         self.thaw_stage(case) if self.name == "broker" else None
 
@@ -87,7 +82,7 @@ class Frozen(ServiceFault):
 class Slow(ServiceFault):
     """The process is stopped most of the time. Lasts until the pass has ended at the machine's pace."""
 
-    lasts = False
+    lasts = False     # for the phone's time; the process is slow until mend
 
     def strike(self, case):
         self.pid = phone.service_pid(self.name)
@@ -108,9 +103,6 @@ class Slow(ServiceFault):
         self.thread.join()
         os.kill(self.pid, signal.SIGCONT)
 
-    def hold(self, case, over):
-        """Instead of the phone's time passing in steps."""
-        phone.wait_until(over, lambda: f"the end of the stage with a slow {self.name}; {case.tail()}")
 
 
 class FalseBroker(Killed):
@@ -207,8 +199,4 @@ SERVICE = {**COMMON, "errors": RefusingService, "garbage": GarbageService}
 
 
 def find(what, fault):
-    if what == "broker":
-        return BROKER[fault]("broker")
-    if what == "property service":
-        return SERVICE[fault]("properties")
-    return None
+    return BROKER[fault]("broker") if what == "broker" else SERVICE[fault]("properties")

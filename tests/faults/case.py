@@ -3,14 +3,12 @@ promise of the row is looked at. Runs inside lab/phone."""
 
 import os
 import random
-import threading
 import time
 
 import faults
 import phone
 from files import LABEL, direct, element, params, root
-from raw_server import RawServer, ok
-from server import Answer
+from raw_server import ok
 
 STATE = "State.Provisioning"
 LOCK = "State.Provisioning.LockUI"
@@ -20,6 +18,7 @@ SETTINGS = faults.spread(150)
 APPLIED = 20        # settings that are written before the daemon is caught in its settings job
 IMAGE = random.Random(7).randbytes(300_000)
 BOOK = b"<contacts/>"
+LOCK_FILE = "zavd:lock"
 LIMIT = 10          # seconds of the machine's time from SIGTERM to the end
 PATIENCE = 25       # that are waited for a daemon which does not keep it
 STEP = 6            # seconds of the phone's time that pass at once while a fault is on: one time-out of a property call
@@ -75,6 +74,12 @@ class Case(faults.PassFaultTest):
         self.known = {BOOK, IMAGE, faults.GOOD}   # whole contents of files that may stand in the folders
         self.notes = []                           # what the row measured, for its report
         self.frozen = None                        # process that the stage has frozen
+
+    def setUp(self):
+        super().setUp()
+        for path in self.files():
+            if os.path.basename(path) != LOCK_FILE:
+                os.remove(path)
 
     # The daemon
 
@@ -147,7 +152,7 @@ class Case(faults.PassFaultTest):
 
     # Time
 
-    def drive(self, condition, what, step=STEP, longest=LONGEST_FAULT, pause=0.05):
+    def drive(self, condition, step=STEP, longest=LONGEST_FAULT, pause=0.05):
         """Lets the phone's time pass in steps until the condition holds; whether it did within `longest` seconds."""
         passed, end = 0, time.monotonic() + phone.DEADLINE
         while not condition():
@@ -161,9 +166,9 @@ class Case(faults.PassFaultTest):
                 passed += step
         return True
 
-    def wait_back(self, condition, what):
+    def wait_back(self, condition, what, step=1, pause=0.3):
         """After the fault: the phone's time passes slowly enough for answers that come at the machine's pace."""
-        if not self.drive(condition, what, step=1, longest=10_000, pause=0.3):
+        if not self.drive(condition, step, longest=10_000, pause=pause):
             raise NotHeld("pass ends", what, self.tail())
 
     # Promises
@@ -185,7 +190,7 @@ class Case(faults.PassFaultTest):
             seen, is_right = look()
             return is_right
 
-        if not self.drive(right, word, step=1, longest=10_000, pause=0.3):
+        if not self.drive(right, step=1, longest=10_000, pause=0.3):
             raise NotHeld(word, expected, f"{seen}; {self.tail()}")
 
     def hold_unlocked(self, _):
@@ -200,19 +205,29 @@ class Case(faults.PassFaultTest):
         if seen not in argument.split("/"):
             raise NotHeld("code", argument, seen)
 
+    @staticmethod
+    def files():
+        """Paths of all files that passes have left."""
+        return [f"{folder}/{name}" for folder in FOLDERS for name in faults.files_below(folder)]
+
+    def hold_no_partial_file(self, _):
+        partial = [path for path in self.files() if path.endswith((".part", ".tmp"))]
+        if partial:
+            raise NotHeld("no partial file", "none", partial)
+
     def hold_whole_files(self, _):
         """No part of a file anywhere, and under a file's own name only what a server sent as a whole."""
-        for folder in FOLDERS:
-            for name in faults.files_below(folder) if os.path.isdir(folder) else ():
-                path = f"{folder}/{name}"
-                if name.endswith((".part", ".tmp")):
-                    raise NotHeld("whole files", "no partial file", path)
-                if os.path.basename(name) == "zavd:lock" or os.path.islink(path):
-                    continue
+        self.hold_no_partial_file(_)
+        for path in self.files():
+            if os.path.basename(path) != LOCK_FILE and not os.path.islink(path):
                 with open(path, "rb") as file:
                     content = file.read()
                 if content not in self.known:
                     raise NotHeld("whole files", "a file as a server sent it", f"{path}: {len(content)} bytes {content[:60]!r}")
+
+    def hold_peak(self, argument):
+        if not faults.is_sanitized(phone.service_pid()) and (seen := faults.peak(phone.service_pid())) > int(argument) << 10:
+            raise NotHeld("peak", f"at most {argument} MiB", f"{seen} KiB")
 
     def hold_daemon_stays(self, _):
         if self.daemon_ended() or phone.service_pid() != self.pid_before:
@@ -274,18 +289,9 @@ class Case(faults.PassFaultTest):
         with open(f"{phone.HOME}/daemon.status", encoding="ascii") as file:
             return took, file.read().strip()
 
-    # The row
-
-    def run_row(self, stage, fault):
-        stage.reach(self)
-        self.pid_before = None if self.daemon_ended() else phone.service_pid()
-        fault.strike(self)
-        try:
-            stage.go_on(self)
-            if fault.lasts:
-                self.drive(lambda: stage.over(self), "the end of the stage")
-        finally:
-            fault.mend(self)
-        stage.wait_over(self)
+    def finish(self):
+        """After the fault: what the daemon has logged, and every promise. It is kept for the next row if it still runs."""
         self.log_at_end = self.log.lines()
         self.check()
+        if not self.daemon_ended():
+            type(self).usable = True

@@ -5,9 +5,9 @@ import fnmatch
 import pathlib
 import re
 
-# Promises, each with a method hold_... of case.Case that looks at it.
-WORDS = ("pass ends", "unlocked", "result", "code", "whole files", "daemon stays", "next pass", "memory", "stops", "log",
-         "no log", "known")
+# Promises, each with a method hold_... of case.Case that looks at it, in the order in which they are looked at.
+WORDS = ("pass ends", "daemon stays", "unlocked", "result", "code", "log", "no log", "peak", "whole files", "no partial file",
+         "next pass", "memory", "stops")
 TABLE = pathlib.Path(__file__).with_name("matrix.txt")
 
 
@@ -35,7 +35,7 @@ class Row:
 
 def split(promise):
     """The word, and what stands behind it."""
-    word = next((word for word in WORDS if f"{promise} ".startswith(f"{word} ")), None)
+    word = next((word for word in (*WORDS, "known") if f"{promise} ".startswith(f"{word} ")), None)
     if word is None:
         raise ValueError(f"unknown promise {promise!r}")
     return word, promise[len(word):].strip()
@@ -47,7 +47,7 @@ def promises(text, sets):
     for one in filter(None, (part.strip() for part in text.split(";"))):
         held.update(sets[one] if one in sets else [split(one)])
     known = held.pop("known", "")
-    return tuple(held.items()), known
+    return tuple(sorted(held.items(), key=lambda one: WORDS.index(one[0]))), known
 
 
 def parse(text):

@@ -10,6 +10,7 @@ import argparse
 import json
 import pathlib
 import random
+import shlex
 import shutil
 import subprocess
 import sys
@@ -103,7 +104,7 @@ def describe(report, number, of, seed):
           + "".join(f"; {note}" for note in report["notes"]), flush=True)
     if not held(report):
         print(f"     promise:  {report['failed']}\n     expected: {report['expected']}\n     seen:     {report['seen']}\n"
-              f"     again:    scripts/test faults --seed {seed} '{report['name']}'", flush=True)
+              f"     again:    scripts/test faults --seed {seed} {shlex.quote(report['name'])}", flush=True)
 
 
 def arguments():

@@ -65,7 +65,8 @@ class Stabilising(Stage):
         return case.daemon_ended() or time.monotonic() > case.deadline
 
     def wait_over(self, case):
-        case.wait_back(lambda: case.log.count("Enabling provisioning function.") > 0, "the end of the wait for the network")
+        case.wait_back(lambda: case.log.count("Enabling provisioning function.") > 0, "the end of the wait for the network",
+                       cases.STEP, 0.05)
         # Without its properties the daemon cannot know whether the pass after boot is due, and leaves it out.
         case.wait_back(lambda: case.log.count("already done, skipping") or case.passes_ended() or
                        case.log.count("PropertyApi exception: Property 'State.Provisioning.OnBootUp'"), "the end of the boot")

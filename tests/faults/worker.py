@@ -15,10 +15,9 @@ sys.path.insert(0, str(pathlib.Path(__file__).resolve().parents[1] / "system"))
 # pylint: disable=wrong-import-position
 import matrix
 import phone
-from bus_faults import find
 from case import Case, NotHeld
 from raw_server import RawServer
-from stages import STAGES
+from scenarios import find
 
 FAILED = 3
 
@@ -38,7 +37,8 @@ def run(row, seed):
     report = {"name": row.name, "known": row.known, "failed": "", "expected": "", "seen": ""}
     try:
         case.setUp()
-        case.run_row(STAGES[row.stage](), find(row.what, row.fault))
+        find(row)(case)
+        case.finish()
     except NotHeld as failure:
         report.update(failed=failure.word, expected=failure.expected, seen=str(failure.seen))
     except Exception as failure:

@@ -68,8 +68,8 @@ class FaultTest(phone.PhoneTest):
     def runTest(self):
         """For measure_idle."""
 
-    def serve(self, answers=None, answer=None, certificate=None, accept=None):
-        server = RawServer(answers, answer, certificate, accept)
+    def serve(self, answers=None, answer=None, certificate=None, accept=None, **options):
+        server = RawServer(answers, answer, certificate, accept, **options)
         self.addCleanup(server.close)
         return server
 
