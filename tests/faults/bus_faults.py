@@ -20,6 +20,9 @@ NAMES = {"broker": "broker", "property service": "properties"}
 class Fault:
     lasts = True
 
+    def prepare(self, case):
+        """Before the stage is reached."""
+
     def strike(self, case):
         pass
 
