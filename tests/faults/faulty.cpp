@@ -1,6 +1,6 @@
 // A preload library that makes one process fail as an exhausted machine would: the n-th allocation, threads, a full
 // disk. It also keeps what the process has synced of each file it writes, so that a power cut can be played afterwards:
-// FAULTY_DISK names the folder of these copies, by inode; without it nothing is kept.
+// FAULTY_DISK names the folder of these copies, by device and inode; without it nothing is kept.
 //
 // FAULTY names a file with a `Control`, which another process writes. Children start without this library.
 #include <dlfcn.h>
@@ -76,12 +76,13 @@ bool isFull(int file) {
 // Copies the file as it stands into the folder of synced contents; `onlyFirst` leaves an earlier copy alone.
 void keep(int file, bool onlyFirst) {
     struct stat status {};
-    if (disk[0] == '\0' || fstat(file, &status) != 0 || !S_ISREG(status.st_mode)) return;
+    if (disk[0] == '\0' || file <= STDERR_FILENO || fstat(file, &status) != 0 || !S_ISREG(status.st_mode)) return;
     const int error = errno;
     const std::lock_guard<std::mutex> lock(diskMutex);
     std::array<char, 320> kept{};
     std::array<char, 320> fresh{};
-    std::snprintf(kept.data(), kept.size(), "%s/%lu", disk, static_cast<unsigned long>(status.st_ino));
+    std::snprintf(kept.data(), kept.size(), "%s/%lu-%lu", disk, static_cast<unsigned long>(status.st_dev),
+                  static_cast<unsigned long>(status.st_ino));
     std::snprintf(fresh.data(), fresh.size(), "%s/new", disk);
     if (!onlyFirst || access(kept.data(), F_OK) != 0) {
         std::array<char, 64> own{};

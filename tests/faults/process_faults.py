@@ -1,10 +1,15 @@
 """What happens to one process: killed at random moments, a power cut, no memory, no threads, no descriptors, a full disk."""
 
+import json
 import os
 import resource
 import shutil
 import struct
+import threading
 import time
+
+import paho.mqtt.client as mqtt
+from paho.mqtt.packettypes import PacketTypes
 
 import case as cases
 import faults
@@ -112,40 +117,97 @@ def daemon_killed(times):
     return run
 
 
+class Load:
+    """Sets in a stream that does not wait for its answers; every value is a number larger than the ones before."""
+
+    KEYS = [f"Telephony.Accounts.{number}.Label" for number in range(8)]
+    count = 0
+    AHEAD = 200     # sets without an answer
+
+    def __init__(self, first):
+        self.number = self.first = first
+        self.answered = {}      # key: (number, when)
+        self.lock = threading.Condition()
+        self.client = mqtt.Client(f"load-{first}", protocol=mqtt.MQTTv5)
+        self.client.on_message = self.on_message
+        self.client.connect("127.0.0.1", 1883)
+        ready = threading.Event()
+        self.client.on_subscribe = lambda *_: ready.set()
+        self.client.loop_start()
+        self.client.subscribe(f"load-{first}/answer", 0)
+        if not ready.wait(phone.DEADLINE):
+            raise AssertionError("the load is not on the bus")
+
+    def on_message(self, _client, _data, message):
+        answer = json.loads(message.payload)
+        if "error" in answer:
+            return
+        with self.lock:
+            self.answered[answer["param"]] = (int(answer["value"]), time.monotonic())
+            self.lock.notify()
+
+    def run(self, seconds):
+        """Sets for so long, and at least one of each key."""
+        properties = mqtt.Properties(PacketTypes.PUBLISH)
+        properties.ResponseTopic = f"load-{self.first}/answer"
+        end = time.monotonic() + seconds
+        while time.monotonic() < end or self.number < self.first + len(self.KEYS):
+            key = self.KEYS[self.number % len(self.KEYS)]
+            self.client.publish("prop-service/set", json.dumps({"param": key, "value": str(self.number), "source": "load"}), 0,
+                                properties=properties)
+            self.number += 1
+            with self.lock:
+                done = self.lock.wait_for(lambda: self.number - max([self.first, *(number for number, _ in
+                                                                    self.answered.values())]) < self.AHEAD, phone.DEADLINE)
+            if not done:
+                raise AssertionError("the property service answers nothing")
+
+    def end(self):
+        self.client.disconnect()
+        self.client.loop_stop()
+
+    def check(self, case, after, older=0.0):
+        """What was answered `older` seconds before now or earlier is there, or a later value."""
+        now = time.monotonic()
+        for key, (number, when) in self.answered.items():
+            if now - when >= older and int(case.bus.get(key) or 0) < number:
+                raise cases.NotHeld("settings kept", f"{key} of {number} or later after {after}", case.bus.get(key))
+
+
+def loaded(case, seconds, at_end):
+    """Sets go on for so long until `at_end` has killed the service; the load that was on it."""
+    Load.count += 1
+    load = Load(Load.count * 1_000_000)
+    try:
+        load.run(seconds)
+        at_end()
+    finally:
+        load.end()
+    return load
+
+
 def service_killed(times):
     """kill -9 of the property service while sets arrive; every set that was answered is there afterwards."""
     def run(case):
         case.start_idle()
         case.configure(case.good)
-        keys = [f"Directory.Online.{number % 4}.Name" for number in range(4)]
-        for round_ in range(times):
-            answered = write_until(case, keys, round_, case.random.uniform(0, 0.1))
+        total = 0
+        for _ in range(times):
+            load = loaded(case, case.random.uniform(0, 0.3), lambda: os.kill(phone.service_pid("properties"), 9))
             phone.service("kill", "properties")
             phone.service("start", "properties")
-            check_values(case, answered, "kill -9")
-            case.notes = [f"{times} times, the last after {answered['count']} sets"]
-        case.log.mark()
-        case.bus.mark()
-        case.pid_before = phone.service_pid()
+            load.check(case, "kill -9")
+            total += load.number - load.first
+        case.notes.append(f"{times} times under {total} sets in all")
+        quiet_after(case)
 
     return run
 
 
-def write_until(case, keys, round_, seconds):
-    """Sets these keys in turn for so long. What was answered, the number of sets, and when the last began."""
-    answered, number, end = {}, 0, time.monotonic() + seconds
-    while time.monotonic() < end or number < len(keys):
-        key, value = keys[number % len(keys)], f"round {round_} set {number}"
-        case.bus.set(key, value)
-        answered[key] = value
-        number += 1
-    return {"values": answered, "count": number}
-
-
-def check_values(case, answered, after):
-    for key, value in answered["values"].items():
-        if (seen := case.bus.get(key)) != value:
-            raise cases.NotHeld("settings kept", f"{key} = {value!r} after {after}", repr(seen))
+def quiet_after(case):
+    case.log.mark()
+    case.bus.mark()
+    case.pid_before = phone.service_pid()
 
 
 # A power cut.
@@ -156,7 +218,8 @@ def lose_unsynced(folders):
     for folder in folders:
         for name in faults.files_below(folder):
             path = f"{folder}/{name}"
-            kept = f"{DISK}/{os.stat(path).st_ino}"
+            status = os.stat(path)
+            kept = f"{DISK}/{status.st_dev}-{status.st_ino}"
             if os.path.exists(kept):
                 with open(path, "rb") as now, open(kept, "rb") as synced:
                     if now.read() != synced.read():
@@ -217,38 +280,53 @@ def check_finals(case, moment):
 
 
 def service_power_cut(times):
-    """What was answered more than a second before the cut is there afterwards."""
+    """What was answered more than a second before the cut is there afterwards, and the store opens."""
     def run(case):
         case.start_idle()
         case.configure(case.good)
-        keys = [f"Directory.Online.{number}.Name" for number in range(4)]
-        late = [f"Telephony.Accounts.{number}.Label" for number in range(4)]
-        kept = 0
-        for round_ in range(times):
+        lost = total = 0
+        for _ in range(times):
             phone.service("stop", "properties")
             fresh_disk()
-            os.environ.update({"LAB_PRELOAD": LIBRARY, "FAULTY_DISK": DISK})
-            phone.service("start", "properties")
-            for name in ("LAB_PRELOAD", "FAULTY_DISK"):
-                os.environ.pop(name)
-            answered = write_until(case, keys, round_, case.random.uniform(0, 0.2))
-            old = time.monotonic() + 1
-            while time.monotonic() < old:
-                write_until(case, late, round_, 0.02)
+            with_environment({"LAB_PRELOAD": LIBRARY, "FAULTY_DISK": DISK}, lambda: phone.service("start", "properties"))
+            early = loaded(case, case.random.uniform(0, 0.3), lambda: None)
+            later = loaded(case, 1.1, lambda: os.kill(phone.service_pid("properties"), 9))
             phone.service("kill", "properties")
-            lost = lose_unsynced(["/config"])
+            lost += len(lose_unsynced(["/config"]))
             phone.service("start", "properties")
-            kept += len(lost)
-            check_values(case, answered, "a power cut a second later")
-        case.notes.append(f"{times} times, {kept} files lost what was not synced")
-        case.log.mark()
-        case.bus.mark()
-        case.pid_before = phone.service_pid()
+            # The later load has written the same keys: what it had answered a second before the cut must be there.
+            early.check(case, "a power cut a second later")
+            total += early.number - early.first + later.number - later.first
+        case.notes.append(f"{times} times, {lost} files lost what was not synced, {total} sets")
+        if lost == 0:
+            raise cases.NotHeld("the row itself", "a power cut that loses something", "all was synced")
+        quiet_after(case)
 
     return run
 
 
+def with_environment(values, function):
+    os.environ.update(values)
+    try:
+        function()
+    finally:
+        for name in values:
+            os.environ.pop(name)
+
+
 # No memory.
+
+def end_of_pass(case, number):
+    """Waits for the end of a pass, or of the daemon. 1 if the request itself was lost: there was no memory to read it."""
+    last = time.monotonic() + 3
+
+    def ended():
+        return case.daemon_ended() or case.passes_ended() > 0 or (
+            time.monotonic() > last and case.log.count("Start provisioning thread") == 0)
+
+    case.wait_back(ended, f"the end of a pass whose allocation {number} fails")
+    return int(not case.daemon_ended() and case.passes_ended() == 0)
+
 
 def no_memory(part, parts, samples):
     """One allocation of a pass fails; in the next pass another. `part` of `parts` of the pass's allocations."""
@@ -262,19 +340,19 @@ def no_memory(part, parts, samples):
         duration(case, job)
         total = control.get("allocations")
         control.put("fail at", 0)
-        deaths = []
+        deaths, last_words, lost = [], "", 0
         for sample in range(samples):
             number = 1 + total * (part - 1) // parts + case.random.randrange(total // parts)
             empty_folders(case)
             control.put("allocations", 0)
             control.put("fail at", number)
             job.begin()
-            phone.wait_until(lambda: case.daemon_ended() or case.passes_ended() > 0,
-                             lambda: f"the end of a pass whose allocation {number} fails; {case.tail()}")
+            lost += end_of_pass(case, number)
             control.put("fail at", 0)
             if case.daemon_ended():
                 with open(f"{phone.HOME}/daemon.status", encoding="ascii") as file:
                     deaths.append(f"{number}: status {file.read().strip()}")
+                last_words = case.tail(60)
                 case.environment = Control.environment
                 case.bus.set("State.Provisioning.OnBootUp", "done")
                 case.launch()
@@ -282,9 +360,9 @@ def no_memory(part, parts, samples):
                 case.settle_quietly()
             case.hold_whole_files("")
             check_unlocked(case, f"a pass whose allocation {number} failed")
-        case.notes.append(f"{samples} of {total} allocations" + (f", the daemon ended at {'; '.join(deaths)}" if deaths else ""))
+        case.notes.append(f"{samples} of {total} allocations, {lost} requests lost" + (f", the daemon ended at {'; '.join(deaths)}" if deaths else ""))
         if deaths and case.row.argument("daemon stays") is not None:
-            raise cases.NotHeld("daemon stays", "the same process", "; ".join(deaths))
+            raise cases.NotHeld("daemon stays", "the same process", f"{'; '.join(deaths)}; {last_words}")
         case.pid_before = phone.service_pid()
 
     return run
@@ -328,12 +406,7 @@ class StoreFull(Exhausted):
     def prepare(self, case):
         Control()
         phone.service("stop", "properties")
-        os.environ.update(Control.environment)
-        try:
-            phone.service("start", "properties")
-        finally:
-            for name in Control.environment:
-                os.environ.pop(name)
+        with_environment(Control.environment, lambda: phone.service("start", "properties"))
 
 
 class NoDescriptors(Fault):
