@@ -4,6 +4,7 @@
 //
 // FAULTY names a file with a `Control`, which another process writes. Children start without this library.
 #include <dlfcn.h>
+#include <execinfo.h>
 #include <fcntl.h>
 #include <pthread.h>
 #include <sys/mman.h>
@@ -44,6 +45,8 @@ char disk[256];  // empty without FAULTY_DISK
 std::mutex diskMutex;
 
 __attribute__((constructor)) void begin() {
+    void* first = nullptr;
+    backtrace(&first, 1);  // loads what it needs: later there may be no memory for that
     if (const char* path = getenv("FAULTY")) {
         const int file = open(path, O_RDWR | O_CLOEXEC);
         void* memory = file < 0 ? MAP_FAILED : mmap(nullptr, sizeof(Control), PROT_READ | PROT_WRITE, MAP_SHARED, file, 0);
@@ -60,6 +63,10 @@ __attribute__((constructor)) void begin() {
 bool allocationFails() {
     if (control == nullptr || control->failAt.load(std::memory_order_relaxed) == 0) return false;
     if (control->allocations.fetch_add(1) + 1 != control->failAt) return false;
+    std::array<void*, 40> callers{};
+    constexpr char line[] = "This allocation fails:\n";
+    syscall(SYS_write, STDERR_FILENO, line, sizeof line - 1);
+    backtrace_symbols_fd(callers.data(), backtrace(callers.data(), callers.size()), STDERR_FILENO);
     errno = ENOMEM;
     return true;
 }

@@ -322,7 +322,7 @@ def end_of_pass(case, number):
 
     def ended():
         return case.daemon_ended() or case.passes_ended() > 0 or (
-            time.monotonic() > last and case.log.count("Start provisioning thread") == 0)
+            time.monotonic() > last and case.log.count("Provisioning Started") == 0)
 
     case.wait_back(ended, f"the end of a pass whose allocation {number} fails")
     return int(not case.daemon_ended() and case.passes_ended() == 0)
