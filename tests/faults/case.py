@@ -68,6 +68,7 @@ class Case(faults.PassFaultTest):
 
     settings = {"FirmwareManagment.AutomaticCheckForUpdates": "1", "System.General.SoftwareVersion": "2.13.7"}
     boot_pass = None
+    patience = phone.DEADLINE  # seconds that a promise may take to hold
     environment = {}   # of the daemon, besides the lab's
     count = 0
 
@@ -75,8 +76,11 @@ class Case(faults.PassFaultTest):
         super().__init__()
         self.row = row
         self.random = random.Random(f"{seed}:{row.name}")
+        self.log_at_end = []
+        self.expected = []
         self.known = {BOOK, IMAGE, faults.GOOD}   # whole contents of files that may stand in the folders
-        self.notes = []                           # what the row measured, for its report
+        self.notes = []                           # what the row did, for who reads its report
+        self.figures = {}                         # what it measured: docs/reliability.md adds them up
         self.frozen = None                        # process that the stage has frozen
 
     def setUp(self):
@@ -84,6 +88,12 @@ class Case(faults.PassFaultTest):
         for path in self.files():
             if os.path.basename(path) != LOCK_FILE:
                 os.remove(path)
+
+    def new_settings(self, count):
+        """Settings with values that no row before this one has set; "all settings" looks for them."""
+        Case.count += 1
+        self.expected = faults.spread(count, f"{self.row.name} {Case.count},")
+        return self.expected
 
     # The daemon
 
@@ -158,17 +168,23 @@ class Case(faults.PassFaultTest):
 
     def drive(self, condition, step=STEP, longest=LONGEST_FAULT, pause=0.05):
         """Lets the phone's time pass in steps until the condition holds; whether it did within `longest` seconds."""
-        passed, end = 0, time.monotonic() + phone.DEADLINE
+        passed, end = 0, time.monotonic() + self.patience
         while not condition():
             if passed > longest or time.monotonic() > end:
                 return False
             waited = time.monotonic() + pause
             while time.monotonic() < waited and not condition():
                 time.sleep(0.005)
-            if not self.daemon_ended() and phone.asleep(phone.service_pid()) and not condition():
+            if self.daemon_waits() and not condition():
                 phone.clock("jump", step)
                 passed += step
         return True
+
+    def daemon_waits(self):
+        try:
+            return not self.daemon_ended() and phone.asleep(phone.service_pid())
+        except FileNotFoundError:
+            return False  # it has just ended
 
     def wait_back(self, condition, what, step=1, pause=0.3):
         """After the fault: the phone's time passes slowly enough for answers that come at the machine's pace."""
@@ -204,6 +220,11 @@ class Case(faults.PassFaultTest):
         allowed = argument.split("/") if argument else RESULTS
         self.eventually("result", " or ".join(allowed), lambda: ((value := self.bus.get(STATE)), value in allowed))
 
+    def hold_all_settings(self, _):
+        wrong = {key: (value, seen) for key, value in dict(self.expected).items() if (seen := self.bus.get(key)) != value}
+        if wrong:
+            raise NotHeld("all settings", f"{len(dict(self.expected))} settings", f"{len(wrong)} wrong, such as {min(wrong.items())}")
+
     def hold_code(self, argument):
         seen = self.bus.get("State.Provisioning.HttpErrorCode")
         if seen not in argument.split("/"):
@@ -234,9 +255,15 @@ class Case(faults.PassFaultTest):
             raise NotHeld("peak", f"at most {argument} MiB", f"{seen} KiB")
 
     def hold_daemon_stays(self, _):
-        if self.daemon_ended() or phone.service_pid() != self.pid_before:
-            with open(f"{phone.HOME}/daemon.status", encoding="ascii") as file:
-                raise NotHeld("daemon stays", "the same process", f"it ended with status {file.read().strip()}; {self.tail()}")
+        if self.daemon_ended():
+            raise NotHeld("daemon stays", "the same process", f"it ended with status {self.end_status()}; {self.tail()}")
+        if (pid := phone.service_pid()) != self.pid_before:
+            raise NotHeld("daemon stays", f"process {self.pid_before}", f"process {pid}; {self.tail()}")
+
+    @staticmethod
+    def end_status():
+        with open(f"{phone.HOME}/daemon.status", encoding="ascii") as file:
+            return file.read().strip()
 
     def hold_next_pass(self, _):
         self.wait_daemon_on_bus()
@@ -246,6 +273,14 @@ class Case(faults.PassFaultTest):
         lines = self.log_at_end
         if not any(argument in line for line in lines):
             raise NotHeld("log", f"a line with {argument!r}", "log:\n" + "\n".join(lines[-40:]))
+
+    def hold_felt(self, _):
+        """The log says that something was wrong: a fault that nobody feels tests nothing."""
+        if not self.complaints():
+            raise NotHeld("felt", "a warning or an error", "log:\n" + "\n".join(self.log_at_end[-40:]))
+
+    def complaints(self):
+        return [line for line in self.log_at_end if " ZAV warning " in line or " ZAV error " in line]
 
     def hold_no_log(self, argument):
         found = [line for line in self.log_at_end if argument in line]
@@ -258,21 +293,22 @@ class Case(faults.PassFaultTest):
             return
         limit = self.idle * 3 // 2 + faults.SPARE
         self.settled("memory", f"at most {limit} KiB", lambda: faults.dirty(pid), limit)
+        self.figures["memory"] = max(0, faults.dirty(pid) - self.idle)
         self.settled("memory", f"at most {self.idle_threads + THREADS_SPARE} threads", lambda: threads(pid),
                      self.idle_threads + THREADS_SPARE)
         most = self.idle_descriptors + DESCRIPTORS_SPARE
         self.settled("memory", f"at most {most} descriptors", lambda: descriptors(pid), most, lambda: open_files(pid))
 
-    @staticmethod
-    def settled(word, expected, look, limit, detail=lambda: ""):
+    def settled(self, word, expected, look, limit, detail=lambda: ""):
         try:
-            phone.wait_until(lambda: look() <= limit, expected, 5)
+            phone.wait_until(lambda: look() <= limit, expected, min(5, self.patience))
         except phone.Late:
             raise NotHeld(word, expected, f"{look()} {detail()}") from None
 
     def hold_stops(self, _):
         """SIGTERM, then the end within ten seconds with status 0. The daemon of the next row is a new one."""
         took, status = self.stop_daemon()
+        self.figures["stop"] = max(took, self.figures.get("stop", 0))
         if status != "0" or took > LIMIT:
             raise NotHeld("stops", f"status 0 within {LIMIT} s", f"status {status} after {took:.1f} s; {self.tail()}")
 
@@ -288,10 +324,7 @@ class Case(faults.PassFaultTest):
         while not self.daemon_ended() and time.monotonic() < end:
             time.sleep(0.01)
         took = time.monotonic() - begin
-        if not self.daemon_ended():
-            return took, None
-        with open(f"{phone.HOME}/daemon.status", encoding="ascii") as file:
-            return took, file.read().strip()
+        return took, self.end_status() if self.daemon_ended() else None
 
     def finish(self):
         """After the fault: what the daemon has logged, and every promise. It is kept for the next row if it still runs."""

@@ -2,7 +2,7 @@
 book, function keys, and a redirect to another server."""
 
 import os
-import shutil
+import time
 
 import case as cases
 import phone
@@ -68,7 +68,10 @@ def empty_folders(case):
             os.remove(path)
 
 
-def copy_folders(to):
-    shutil.rmtree(to, ignore_errors=True)
-    for folder in cases.FOLDERS:
-        shutil.copytree(folder, to + folder)
+def duration(case, job):
+    """Seconds from the request for a pass to its end."""
+    begin = time.monotonic()
+    if job.run() != "success":
+        raise cases.NotHeld("every kind", "success", case.tail())
+    job.check_done()
+    return time.monotonic() - begin

@@ -6,13 +6,11 @@ import shutil
 import subprocess
 
 import case as cases
-import certificates
-import faults
 import phone
 from bus_faults import Fault
 from every_kind import EveryKind
 from files import direct
-from server import Answer, Server
+from server import Server
 from server_faults import run_pass
 from raw_server import ok
 
@@ -62,10 +60,6 @@ class Folder:
         with open(self.folder, "wb"):
             pass
         return lambda: (os.remove(self.folder), os.rename(self.aside, self.folder))
-
-    def not_permitted(self):
-        mount("-t", "tmpfs", "-o", "ro,nodev,noexec,size=4k", "tmpfs", os.path.dirname(self.folder))
-        return lambda: unmount(os.path.dirname(self.folder))
 
 
 def spoiled_folder(name, way):
@@ -229,12 +223,12 @@ class InterfaceBounced(InterfaceDown):
         self.network.set("up")
 
 
-def find(what, fault, stage):
+def find(what, fault):
     if what.endswith(" folder"):
         return spoiled_folder(what.removesuffix(" folder"), fault)
     if what == "openssl":
         return openssl(fault)
-    return None
+    raise KeyError(f"{what}: {fault}")
 
 
 def in_stage(what, fault):

@@ -6,7 +6,7 @@ import pathlib
 import re
 
 # Promises, each with a method hold_... of case.Case that looks at it, in the order in which they are looked at.
-WORDS = ("pass ends", "daemon stays", "unlocked", "result", "code", "log", "no log", "peak", "whole files", "no partial file",
+WORDS = ("pass ends", "daemon stays", "unlocked", "result", "all settings", "code", "log", "no log", "felt", "peak", "whole files", "no partial file",
          "next pass", "memory", "stops")
 TABLE = pathlib.Path(__file__).with_name("matrix.txt")
 

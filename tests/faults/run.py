@@ -1,4 +1,5 @@
-"""run.py [--build DIR] [--phones N] [--seed N] [--resume] [--list] [--write-page] [PATTERN...]: the matrix of faults.
+"""run.py [--build DIR] [--folder DIR] [--phones N] [--seed N] [--repeat N] [--resume] [--list] [--write-page] [PATTERN...]:
+the matrix of faults.
 
 A pattern is a row's name, a part of one, or has wildcards; without one every row runs. Several phones run side by side.
 --resume leaves out the rows that have passed since the last start without it. The random moments come from the seed,
@@ -18,6 +19,7 @@ import threading
 import time
 
 import matrix
+import report
 
 HERE = pathlib.Path(__file__).resolve().parent
 ROOT = HERE.parents[1]
@@ -110,6 +112,7 @@ def describe(report, number, of, seed):
 def arguments():
     parser = argparse.ArgumentParser(prog="scripts/test faults")
     parser.add_argument("--build", default=str(ROOT / "build/release"))
+    parser.add_argument("--folder", help="of the reports; default: faults in the build's folder")
     parser.add_argument("--phones", type=int, default=3)
     parser.add_argument("--seed", type=int, default=None)
     parser.add_argument("--resume", action="store_true")
@@ -136,7 +139,7 @@ def prepare(folder, rows, resume):
 
 def once(options, rows):
     seed = options.seed if options.seed is not None else random.randrange(1 << 30)
-    folder = pathlib.Path(options.build) / "faults"
+    folder = pathlib.Path(options.folder or f"{options.build}/faults")
     prepare(folder, rows, options.resume)
     print(f"{len(rows)} rows on {options.phones} phones, seed {seed}", flush=True)
     begin = time.monotonic()
@@ -151,6 +154,8 @@ def once(options, rows):
         print(f"failed: {name}")
     print(f"{len(reports) - len(failed)} held, {len(failed)} failed, {len(known)} known faults, {len(missing)} not run, "
           f"{seconds:.0f} s, seed {seed}")
+    if options.write_page and not missing:
+        report.write(rows, reports, seconds, options.phones, seed)
     return not missing and not failed
 
 
@@ -159,6 +164,9 @@ def main():
     rows = matrix.select(matrix.load(), options.pattern)
     if not rows:
         print("scripts/test faults: no row has this name", file=sys.stderr)
+        return 2
+    if options.write_page and (options.pattern or options.resume):
+        print("scripts/test faults: --write-page is for a complete run", file=sys.stderr)
         return 2
     if options.list:
         print("\n".join(row.name for row in rows))

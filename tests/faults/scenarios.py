@@ -4,6 +4,7 @@ import bus_faults
 import machine_faults
 import phone
 import process_faults
+import random_faults
 import server_faults
 from stages import STAGES
 
@@ -42,7 +43,8 @@ def find(row):
         return server_faults.find(row.fault, row.stage)
     if fault := fault_in_stage(row):
         return in_stage(fault, STAGES[row.stage]())
-    scenario = process_faults.find(row.what, row.fault, row.stage) or machine_faults.find(row.what, row.fault, row.stage)
-    if scenario is None:
-        raise KeyError(row.name)
-    return scenario
+    if row.fault.startswith(("killed at", "power cut at")):
+        return random_faults.find(row.what, row.fault)
+    if row.fault.startswith("no memory at"):
+        return process_faults.find(row.fault)
+    return machine_faults.find(row.what, row.fault)

@@ -3,6 +3,7 @@
 import functools
 import re
 import socket
+import subprocess
 
 import case as cases
 import faults
@@ -69,8 +70,12 @@ def run_pass(case):
                             lambda: f"the pass's result in {case.bus.changes()}")[-1]
 
 
-def begin(case):
+def begin(case, stage=""):
+    """A firmware image may be as large as the free space: with a small disk, a flood ends soon."""
     case.start_idle()
+    if stage == "firmware":
+        subprocess.run(["mount", "-t", "tmpfs", "-o", "size=48m", "tmpfs", "/config/swupdate"], check=True, timeout=10)
+        case.addCleanup(subprocess.run, ["umount", "/config/swupdate"], check=True, timeout=10)
     case.pid_before = phone.service_pid()
     faults.reset_peak(case.pid_before)
 
@@ -78,7 +83,7 @@ def begin(case):
 def answered(answer, stage, **options):
     """One pass whose download of this stage gets the answer. A server that breaks connections does so for its own only."""
     def run(case):
-        begin(case)
+        begin(case, stage)
         bad = case.serve(answer=answer, **options)
         if stage == "download":
             case.configure(bad)

@@ -91,6 +91,25 @@ class Idle(Stage):
         pass
 
 
+class Request(Stage):
+    """The request for a pass comes while the fault is on."""
+
+    def reach(self, case):
+        case.start_idle()
+        case.log.mark()
+        text = direct(case.new_settings(20))
+        case.known.add(text.encode())
+        case.server.answers["/provisioning.xml"] = Answer(text)
+        case.configure(case.server)
+        case.deadline = time.monotonic() + 1
+
+    def go_on(self, case):
+        case.request()
+
+    def over(self, case):
+        return super().over(case) or (time.monotonic() > case.deadline and case.log.count("Provisioning Started") == 0)
+
+
 class Download(Stage):
     """The server has the request for the initial file and has not answered it."""
 
@@ -99,7 +118,7 @@ class Download(Stage):
     def reach(self, case):
         case.start_idle()
         case.log.mark()
-        text = direct(cases.SETTINGS[:20])
+        text = direct(case.new_settings(20))
         case.known.add(text.encode())
         case.begin(Answer(text, gate=case.gate, part=self.part))
 
@@ -109,8 +128,9 @@ class Settings(Stage):
 
     def reach(self, case):
         case.start_idle()
-        case.known.add(direct(cases.SETTINGS).encode())
-        case.frozen = case.begin_settings(cases.SETTINGS, cases.APPLIED)
+        settings = case.new_settings(150)
+        case.known.add(direct(settings).encode())
+        case.frozen = case.begin_settings(settings, cases.APPLIED)
 
     def go_on(self, case):
         pass
@@ -120,7 +140,7 @@ class BootUpPass(Download):
     def reach(self, case):
         case.start_idle()
         phone.service("stop", "daemon")
-        text = direct(cases.SETTINGS[:20])
+        text = direct(case.new_settings(20))
         case.known.add(text.encode())
         case.server.requests.clear()
         case.server.answers["/provisioning.xml"] = Answer(text, gate=case.gate, part=self.part)
@@ -139,11 +159,12 @@ class Job(Stage):
     def reach(self, case):
         case.start_idle()
         case.log.mark()
-        text = cases.initial(*self.jobs_for(case), cases.settings(cases.SETTINGS[:20]))
-        case.known |= {text.encode(), self.body}
+        body = self.body or direct(case.new_settings(20)).encode()
+        text = cases.initial(*self.jobs_for(case), cases.settings(case.new_settings(20)))  # the last job, its values stay
+        case.known |= {text.encode(), body}
         case.server.requests.clear()
         case.server.answers = {"/provisioning.xml": Answer(text),
-                               self.path: Answer(self.body, gate=case.gate, part=len(self.body) // 2)}
+                               self.path: Answer(body, gate=case.gate, part=len(body) // 2)}
         case.configure(case.server)
         case.request()
         phone.wait_until(lambda: self.path in case.server.requests, f"the request for {self.path}")
@@ -161,7 +182,7 @@ class PhoneBook(Job):
 
 
 class Redirect(Job):
-    path, body = "/there/provisioning.xml", direct(cases.SETTINGS[:20]).encode()
+    path, body = "/there/provisioning.xml", b""
 
     def jobs_for(self, case):
         return (cases.custom({"type": "Redirect", "url": f"{case.server.url}there/"}),)
@@ -188,6 +209,7 @@ class Shutdown(Download):
 
     def go_on(self, case):
         case.took, case.status = case.stop_daemon()
+        case.figures["stop"] = case.took
         case.gate.set()
 
     def over(self, case):
@@ -203,6 +225,6 @@ class Shutdown(Download):
         case.pid_before = phone.service_pid()
 
 
-STAGES = {"start-up": StartUp, "stabilising": Stabilising, "idle": Idle, "boot-up pass": BootUpPass, "download": Download,
+STAGES = {"start-up": StartUp, "stabilising": Stabilising, "idle": Idle, "request": Request, "boot-up pass": BootUpPass, "download": Download,
           "settings": Settings, "firmware": Firmware, "phone book": PhoneBook, "redirect": Redirect,
           "publication": Publication, "shutdown": Shutdown}

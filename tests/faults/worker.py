@@ -7,6 +7,7 @@ ends with status 3, because nobody knows what the failure has left; the caller s
 import json
 import os
 import pathlib
+import re
 import sys
 import time
 import traceback
@@ -49,7 +50,8 @@ def run(row, seed):
             case.doCleanups()
         except Exception as failure:
             report.update(failed=report["failed"] or "the row itself", seen=report["seen"] + repr(failure))
-    report.update(seconds=round(time.monotonic() - begin, 2), notes=case.notes)
+    report.update(seconds=round(time.monotonic() - begin, 2), notes=case.notes, figures=case.figures,
+                  complaints=sorted({re.sub(r"^.* ZAV (warning|error) ", "", line) for line in case.complaints()})[:20])
     return report
 
 
