@@ -158,6 +158,12 @@ class Case(faults.PassFaultTest):
         if (result, applied) != ("success", value):
             raise NotHeld("next pass", f"success and {value!r}", f"{result} and {applied!r}; {self.tail()}")
 
+    def published(self):
+        """The result of the pass that was requested last; nothing before there is one."""
+        values = [value for _, value in self.bus.changes(STATE)]
+        requests = [place for place, value in enumerate(values) if "request" in value]
+        return values[-1] if requests and requests[-1] < len(values) - 1 else None
+
     def daemon_ended(self):
         return os.path.exists(f"{phone.HOME}/daemon.status")
 

@@ -49,7 +49,8 @@ __attribute__((constructor)) void begin() {
     backtrace(&first, 1);  // loads what it needs: later there may be no memory for that
     if (const char* path = getenv("FAULTY")) {
         const int file = open(path, O_RDWR | O_CLOEXEC);
-        void* memory = file < 0 ? MAP_FAILED : mmap(nullptr, sizeof(Control), PROT_READ | PROT_WRITE, MAP_SHARED, file, 0);
+        void* memory =
+            file < 0 ? MAP_FAILED : mmap(nullptr, sizeof(Control), PROT_READ | PROT_WRITE, MAP_SHARED, file, 0);
         if (memory == MAP_FAILED) _exit(127);
         close(file);
         control = static_cast<Control*>(memory);
@@ -128,7 +129,8 @@ EXPORT int posix_memalign(void** result, size_t alignment, size_t size) {
     return 0;
 }
 
-EXPORT int pthread_create(pthread_t* thread, const pthread_attr_t* attributes, void* (*function)(void*), void* argument) {
+EXPORT int pthread_create(pthread_t* thread, const pthread_attr_t* attributes, void* (*function)(void*),
+                          void* argument) {
     using Create = int (*)(pthread_t*, const pthread_attr_t*, void* (*)(void*), void*);
     static const auto create = reinterpret_cast<Create>(dlsym(RTLD_NEXT, "pthread_create"));
     return control != nullptr && control->noThreads != 0 ? EAGAIN : create(thread, attributes, function, argument);

@@ -66,8 +66,7 @@ def run_pass(case):
         return case.passes_ended() > 0
 
     phone.wait_until(ended, lambda: f"the end of the pass; {case.tail()}", 2 * phone.DEADLINE)
-    return phone.wait_until(lambda: [v for k, v in case.bus.changes(cases.STATE) if "request" not in v],
-                            lambda: f"the pass's result in {case.bus.changes()}")[-1]
+    return phone.wait_until(case.published, lambda: f"the pass's result in {case.bus.changes()}")
 
 
 def begin(case, stage=""):

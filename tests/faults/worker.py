@@ -42,6 +42,8 @@ def run(row, seed):
         case.finish()
     except NotHeld as failure:
         report.update(failed=failure.word, expected=failure.expected, seen=str(failure.seen))
+    except phone.Late as failure:
+        report.update(failed="in time", expected="what the row waits for", seen=f"{failure}; {case.tail()}")
     except Exception as failure:
         report.update(failed="the row itself", expected="a row that runs", seen="".join(
             traceback.format_exception(failure)) + case.tail())
