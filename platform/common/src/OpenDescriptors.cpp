@@ -33,6 +33,7 @@ int highestOpenDescriptor(const char* listing) {
     if (!folder) return highestByTrying();
     int highest = STDERR_FILENO;
     errno = 0;
+    // NOLINTNEXTLINE(concurrency-mt-unsafe): no other thread reads this stream
     while (const dirent* entry = readdir(folder.get())) {
         int descriptor = 0;
         if (std::from_chars(entry->d_name, entry->d_name + std::strlen(entry->d_name), descriptor).ec == std::errc()) {
