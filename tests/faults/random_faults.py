@@ -141,6 +141,23 @@ def loaded(case, seconds, at_end):
     return load
 
 
+def killed_in_stage(stage):
+    """kill -9 in mid-stage; what the daemon was downloading is half there, and the next daemon removes it."""
+    def run(case):
+        stage.reach(case)
+        phone.service("kill", "daemon")
+        case.gate.set()
+        if case.frozen is not None:
+            case.thaw(case.frozen)
+        restart(case)
+        check_unlocked(case, "kill -9")
+        case.bus.set("State.Provisioning.OnBootUp", "done")
+        case.settle_quietly()
+        case.pid_before = phone.service_pid()
+
+    return run
+
+
 def service_killed(times):
     """kill -9 of the property service while sets arrive; every set that was answered is there afterwards."""
     def run(case):

@@ -43,6 +43,8 @@ def find(row):
         return server_faults.find(row.fault, row.stage)
     if fault := fault_in_stage(row):
         return in_stage(fault, STAGES[row.stage]())
+    if (row.what, row.fault) == ("daemon", "killed"):
+        return random_faults.killed_in_stage(STAGES[row.stage]())
     if row.fault.startswith(("killed at", "power cut at")):
         return random_faults.find(row.what, row.fault)
     if row.fault.startswith("no memory at"):
