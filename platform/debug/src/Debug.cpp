@@ -127,18 +127,17 @@ Stream::~Stream() { emit(); }
 void Stream::append(const std::string& text) { text_ += escapeControls(text); }
 
 Stream& Stream::operator<<(const std::string& text) {
-    if (open_) append(text);
-    return *this;
+    return ifOpen([&] { append(text); });
 }
 
 Stream& Stream::operator<<(const char* text) {
-    if (open_ && text != nullptr) append(text);
-    return *this;
+    return ifOpen([&] {
+        if (text != nullptr) append(text);
+    });
 }
 
 Stream& Stream::operator<<(Verbatim text) {
-    if (open_) text_ += text.text;
-    return *this;
+    return ifOpen([&] { text_ += text.text; });
 }
 
 Stream& Stream::operator<<(std::ostream& (*)(std::ostream&)) {

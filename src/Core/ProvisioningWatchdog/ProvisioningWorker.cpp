@@ -230,7 +230,14 @@ void ProvisioningWorker::endAction(const Completion& completion) {
     }
     finished_ = true;
     dbg::Debug::info() << "Provisioning Finished" << std::endl;
-    guarded("form the provisioning status", [this] { statusReporter_.reportFinished(); });
+    guarded("form the provisioning status", [this] {
+        try {
+            statusReporter_.reportFinished();
+        } catch (...) {  // without memory; an empty status would be published
+            statusReporter_.setProvisioningStatus(constants.failWord);
+            throw;
+        }
+    });
     if (completion) guarded("publish the provisioning result", completion);
     guarded("notify about new certificates", [this] { security_.notifySystemAboutNewCertificates(); });
     progressReporter_.notifyProgress();

@@ -14,6 +14,7 @@
 #pragma once
 
 #include <functional>
+#include <new>
 #include <ostream>
 #include <sstream>
 #include <string>
@@ -45,12 +46,11 @@ class Stream {
 
     template <typename T>
     Stream& operator<<(const T& value) {
-        if (open_) {
+        return ifOpen([&] {
             std::ostringstream text;
             text << value;
             append(text.str());
-        }
-        return *this;
+        });
     }
     Stream& operator<<(const std::string& text);
     Stream& operator<<(const char* text);
@@ -58,6 +58,16 @@ class Stream {
     Stream& operator<<(std::ostream& (*manipulator)(std::ostream&));
 
  private:
+    /// Without memory a part of the line is left out.
+    template <typename Function>
+    Stream& ifOpen(const Function& extend) {
+        if (!open_) return *this;
+        try {
+            extend();
+        } catch (const std::bad_alloc&) {  // logging does not throw
+        }
+        return *this;
+    }
     void append(const std::string& text);
     void emit();
 
