@@ -4,7 +4,6 @@
 #include <libxml/tree.h>
 
 #include <algorithm>
-#include <cstdint>
 #include <cstring>
 
 #include "Core/JobHandlers/ProvisioningFileParser.h"
@@ -15,8 +14,6 @@
 namespace lint {
 
 namespace {
-
-std::size_t indexOf(const xmlNode* node) { return reinterpret_cast<std::uintptr_t>(node->_private) - 1; }
 
 bool isBlankText(const xmlChar* text) {
     return text == nullptr || std::strspn(reinterpret_cast<const char*>(text), " \t\r\n") ==
@@ -44,15 +41,12 @@ bool Document::parse(const std::string& bytes) {
     return !nodes_.empty();
 }
 
-// Gives each element its index, kept in the node for the way back.
+// Gives each element its index. For the way back the node points to its count of visits.
 void Document::number() {
     xmlNode* node = xmlDocGetRootElement(document());
     const xmlNode* const root = node;
     while (node != nullptr) {
-        if (node->type == XML_ELEMENT_NODE) {
-            nodes_.push_back(node);
-            node->_private = reinterpret_cast<void*>(static_cast<std::uintptr_t>(nodes_.size()));
-        }
+        if (node->type == XML_ELEMENT_NODE) nodes_.push_back(node);
         if (node->type == XML_ELEMENT_NODE && node->children != nullptr) {
             node = node->children;
             continue;
@@ -61,6 +55,11 @@ void Document::number() {
         node = node == root ? nullptr : node->next;
     }
     visits_.assign(nodes_.size(), 0);
+    for (std::size_t index = 0; index < nodes_.size(); ++index) nodes_[index]->_private = &visits_[index];
+}
+
+std::size_t Document::indexOf(const _xmlNode* node) const {
+    return static_cast<std::size_t>(static_cast<const unsigned*>(node->_private) - visits_.data());
 }
 
 void Document::walk() {

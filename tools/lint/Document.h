@@ -64,6 +64,7 @@ class Document final : public zav::XMLReader {
     class Parser;
 
     void number();
+    std::size_t indexOf(const _xmlNode* node) const;  // of an element
     std::size_t indexOfCurrent() const;
     void matchJobs();
 

@@ -118,12 +118,13 @@ TEST(LintDocument, FindingsAreLimited) {
 
 // Each file is refused, or has findings that can be printed; nothing is thrown.
 TEST(LintDocument, AnyBytesGiveADiagnosis) {
+    const std::string latin = std::string("<?xml version=\"1.0\" encoding=\"ISO-8859-1\"?>") +
+                              "<nvm version=\"1.0\" productID=\"kd4v\"><file version=\"V001.000.000\" url=\"/x#f\"/>" +
+                              "<a><b><c x=\"y\"/></b></a></nvm>";
     const std::string seeds[] = {
         provisioning("<nvm>" + volume + "</nvm><custom><step type=\"Redirect\" url=\"https://u:p@h/%MACD\"/></custom>"),
         provisioning("<category type=\"nvm\" url=\"/a\"/><!-- c --><?p i?><![CDATA[x]]>", "1.0"),
-        "<?xml version=\"1.0\" encoding=\"ISO-8859-1\"?><nvm version=\"1.0\" productID=\"kd4v\"><file "
-        "version=\"V001.000.000\" "
-        "url=\"/x#f\"/><a><b><c x=\"y\"/></b></a></nvm>",
+        latin,
         "Salted__0123456789",
         "U2FsdGVkX1",
         std::string("\xFF\xFE<\0p\0", 6),
@@ -133,9 +134,10 @@ TEST(LintDocument, AnyBytesGiveADiagnosis) {
     const auto below = [&random](std::size_t bound) {
         return std::uniform_int_distribution<std::size_t>(0, bound - 1)(random);
     };
-    const std::string pieces[] = {"<",      ">",         "/>",  "\"", "'", "&",  "\0",       "\xC3", "<!DOCTYPE x [",
-                                  "]>",     "<![CDATA[", "-->", "%",  "=", "\n", "\xFF\xFE", "x:",   " ",
-                                  "</nvm>", "value"};
+    const std::string pieces[] = {
+        "<",      ">",         "/>",  "\"", "'", "&",  std::string(1, '\0'), "\xC3", "<!DOCTYPE x [",
+        "]>",     "<![CDATA[", "-->", "%",  "=", "\n", "\xFF\xFE",           "x:",   " ",
+        "</nvm>", "value"};
     for (int round = 0; round < 3000; ++round) {
         std::string text = seeds[below(std::size(seeds))];
         for (std::size_t edits = below(6); edits > 0; --edits) {
