@@ -11,6 +11,8 @@ from every_kind import EveryKind, duration, empty_folders
 from faulty import Control, start_with, with_environment
 from random_faults import check_unlocked
 
+QUIET = 0.7     # seconds of the machine's time without a line, after which nothing goes on
+
 # Allocations whose failure a library does not survive: the function in the trace, and what it does then.
 HOPELESS = {"xmlGetGlobalState": "libxml2 uses a thread's state without asking whether there was memory for it"}
 
@@ -18,10 +20,21 @@ HOPELESS = {"xmlGetGlobalState": "libxml2 uses a thread's state without asking w
 def end_of_pass(case, number):
     """Waits for the end of a pass, or of the daemon. 1 if the request itself was lost: there was no memory to read it."""
     last = time.monotonic() + 3
+    grown = (0, 0.0)    # the log's length, and when it was first seen
 
-    # The line that a pass ends with may be what there was no memory for: the result tells, too.
+    def quiet():
+        """The log has not grown for a while."""
+        nonlocal grown
+        length = len(case.log.lines())
+        if length != grown[0]:
+            grown = (length, time.monotonic())
+        return time.monotonic() - grown[1] > QUIET
+
+    # The line that a pass ends with may be what there was no memory for. The result tells, too, but may be that of the
+    # pass before, which was written late: then the log goes on.
     def ended():
-        return case.daemon_ended() or case.passes_ended() > 0 or case.published() or (
+        is_quiet = quiet()
+        return case.daemon_ended() or case.passes_ended() > 0 or (is_quiet and case.published()) or (
             time.monotonic() > last and case.log.count("Provisioning Started") == 0)
 
     case.wait_back(ended, f"the end of a pass whose allocation {number} fails")

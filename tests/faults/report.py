@@ -41,7 +41,7 @@ def figures(rows, reports, seconds, phones, seed):
         f"property service at {totals(reports, 'service killed')} under {totals(reports, 'sets')} sets.",
         f"- Power cuts: {totals(reports, 'daemon power cuts')} in a pass, {totals(reports, 'service power cuts')} under sets.",
         f"- {totals(reports, 'allocations failed')} failed allocations, each in a pass of its own; "
-        f"{totals(reports, 'requests lost')} of the requests were lost, because there was no memory to read them, and "
+        f"{totals(reports, 'requests lost')} requests were lost, for want of memory to read them, and "
         f"{totals(reports, 'deaths')} ended the daemon.",
         "", "Known faults:" if known else "No known faults.", *known]) + "\n"
 
