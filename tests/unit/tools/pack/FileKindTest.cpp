@@ -60,5 +60,15 @@ TEST(FileKind, AFileThatSeemsMeantToBeOneIsAProblem) {
     }
 }
 
+TEST(FileKind, WhatAWrongKeyMakesOfAFileIsNotReadable) {
+    for (const std::string& text : {std::string(), std::string("<nvm/>"), std::string("<nvm>\xe9</nvm>"),
+                                    utf16("<nvm/>", true), std::string("not XML, but text\r\n\t\xc3\xa9")}) {
+        EXPECT_TRUE(isReadable(text)) << text;
+    }
+    for (const std::string& bytes : {std::string("<\x01"), std::string("<a\0b>", 5), std::string("<a\xe9>")}) {
+        EXPECT_FALSE(isReadable(bytes)) << bytes;
+    }
+}
+
 }  // namespace
 }  // namespace pack
