@@ -40,9 +40,7 @@ TEST(FileKind, WhatPrecedesTheRootIsSkipped) {
 
 TEST(FileKind, OtherFilesAreNotProvisioningFiles) {
     EXPECT_EQ(classify("a.xml", "Salted__12345678").kind, FileKind::encrypted);
-    for (const std::string text : {"<contacts/>", "<settingsBackup/>", "-----BEGIN CERTIFICATE-----", "",
-                                   "\x7f"
-                                   "ELF"}) {
+    for (const std::string text : {"<contacts/>", "<settingsBackup/>", "-----BEGIN CERTIFICATE-----", "", "\177ELF"}) {
         const Classification found = classify("a.bin", text);
         EXPECT_EQ(found.kind, FileKind::other) << text;
         EXPECT_EQ(found.problem, "") << text;
