@@ -4,8 +4,8 @@
 #include <array>
 #include <optional>
 
-#include "common/Ascii.h"
 #include "pack/Container.h"
+#include "propertyprotocol/Utf8.h"
 
 namespace pack {
 
@@ -129,6 +129,15 @@ bool isXml(const std::string& bytes) {
     const std::string text = narrowed(bytes);
     const std::size_t at = text.find_first_not_of(blanks, startsWith(text, 0, utf8Mark) ? 3 : 0);
     return at != std::string::npos && text[at] == '<';
+}
+
+bool isReadable(const std::string& bytes) {
+    if (classify("", bytes).kind == FileKind::provisioning) return true;
+    const bool hasControls = std::any_of(bytes.begin(), bytes.end(), [](char c) {
+        return static_cast<unsigned char>(c) < 0x20 &&
+               std::char_traits<char>::find(blanks, sizeof blanks - 1, c) == nullptr;
+    });
+    return !hasControls && propertyprotocol::isUtf8(bytes);
 }
 
 Classification classify(const std::string& name, const std::string& bytes) {

@@ -29,4 +29,7 @@ Classification classify(const std::string& name, const std::string& bytes);
 /// Whether the bytes begin as an XML document does.
 bool isXml(const std::string& bytes);
 
+/// Whether the bytes can be a provisioning file, even a damaged one, or text. What a wrong key makes of a file cannot.
+bool isReadable(const std::string& bytes);
+
 }  // namespace pack

@@ -80,7 +80,8 @@ class Packing {
         const std::string bytes = readBeginning(path, maxProvisioningFileBytes);
         const Classification kind = classify(name, bytes);
         if (!kind.problem.empty()) step.findings.push_back({name, 0, true, kind.problem});
-        if (kind.kind == FileKind::provisioning) {
+        // A file that only seems meant to be one may hold secrets as well.
+        if (kind.kind == FileKind::provisioning || !kind.problem.empty()) {
             examineProvisioning(name, kind, bytes, step);
             return;
         }
@@ -95,7 +96,7 @@ class Packing {
         if (encryptedSize(step.state.size) > maxProvisioningFileBytes) {
             step.findings.push_back({name, 0, true, "is too large: phones refuse more than 16 MiB, encrypted"});
         }
-        if (options_.check) {
+        if (options_.check && kind.problem.empty()) {
             std::vector<Finding> found = options_.check(name, bytes);
             step.findings.insert(step.findings.end(), found.begin(), found.end());
         }

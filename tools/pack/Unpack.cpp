@@ -80,10 +80,10 @@ class Unpacking {
         }
     }
 
-    // A wrong key goes unnoticed by the container once in 256 times, but then what comes out is not XML.
+    // A wrong key goes unnoticed by the container once in 256 times, but then what comes out is not text.
     std::string plain(const std::string& name) const {
         std::optional<std::string> bytes = decrypt(readFile(sourceOf(name), maxProvisioningFileBytes), passPhrase_);
-        if (!bytes || !isXml(*bytes)) throw Error("cannot be decrypted with this key");
+        if (!bytes || !isReadable(*bytes)) throw Error("cannot be decrypted with this key");
         return std::move(*bytes);
     }
 

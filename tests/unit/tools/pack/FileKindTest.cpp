@@ -40,9 +40,7 @@ TEST(FileKind, WhatPrecedesTheRootIsSkipped) {
 
 TEST(FileKind, OtherFilesAreNotProvisioningFiles) {
     EXPECT_EQ(classify("a.xml", "Salted__12345678").kind, FileKind::encrypted);
-    for (const std::string text : {"<contacts/>", "<settingsBackup/>", "-----BEGIN CERTIFICATE-----", "",
-                                   "\x7f"
-                                   "ELF"}) {
+    for (const std::string text : {"<contacts/>", "<settingsBackup/>", "-----BEGIN CERTIFICATE-----", "", "\177ELF"}) {
         const Classification found = classify("a.bin", text);
         EXPECT_EQ(found.kind, FileKind::other) << text;
         EXPECT_EQ(found.problem, "") << text;
@@ -57,6 +55,16 @@ TEST(FileKind, AFileThatSeemsMeantToBeOneIsAProblem) {
     EXPECT_THAT(classify("a.xml", "").problem, HasSubstr("empty"));
     for (const std::string text : {"not XML", "<!-- never ends", "<?xml", "\x1f\x8b"}) {
         EXPECT_THAT(classify("A.XML", text).problem, HasSubstr("not an XML document")) << text;
+    }
+}
+
+TEST(FileKind, WhatAWrongKeyMakesOfAFileIsNotReadable) {
+    for (const std::string& text : {std::string(), std::string("<nvm/>"), std::string("<nvm>\xe9</nvm>"),
+                                    utf16("<nvm/>", true), std::string("not XML, but text\r\n\t\xc3\xa9")}) {
+        EXPECT_TRUE(isReadable(text)) << text;
+    }
+    for (const std::string& bytes : {std::string("<\x01"), std::string("<a\0b>", 5), std::string("<a\xe9>")}) {
+        EXPECT_FALSE(isReadable(bytes)) << bytes;
     }
 }
 
