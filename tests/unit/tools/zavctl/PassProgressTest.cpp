@@ -54,7 +54,7 @@ class PassProgressTest : public testing::Test {
     }
 
     Environment environment() {
-        return {phone.out, phone.err, phone.terminal,  phone.stopSignal,    {},
+        return {phone.out, phone.err, phone.terminal,  phone.errTerminal,   phone.stopSignal, {},
                 {},        {},        phone.hintAfter, phone.progressEvery, phone.now};
     }
     std::string printed() {
