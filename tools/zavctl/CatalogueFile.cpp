@@ -11,7 +11,9 @@ namespace fs = std::filesystem;
 
 constexpr char homeEntry[] = "CMAKE_HOME_DIRECTORY:INTERNAL=";
 
-// The source tree of a build tree; empty if the folder is not a build tree.
+constexpr char inSourceTree[] = "services/property-service/catalogue.json";
+
+// The source tree of a build tree outside of it; empty if the folder is not a build tree.
 std::string sourceTreeOf(const fs::path& folder) {
     std::ifstream cache(folder / "CMakeCache.txt");
     std::string line;
@@ -27,10 +29,11 @@ std::string defaultCatalogue() {
     std::error_code error;
     const fs::path program = fs::read_symlink("/proc/self/exe", error);
     for (fs::path folder = program.parent_path(); folder.has_relative_path(); folder = folder.parent_path()) {
-        const std::string source = sourceTreeOf(folder);
-        if (source.empty()) continue;
-        const fs::path catalogue = fs::path(source) / "services/property-service/catalogue.json";
-        if (fs::exists(catalogue, error)) return catalogue.string();
+        // The tree may have moved since it was configured.
+        for (const fs::path& source : {folder, fs::path(sourceTreeOf(folder))}) {
+            const fs::path catalogue = source / inSourceTree;
+            if (!source.empty() && fs::exists(catalogue, error)) return catalogue.string();
+        }
     }
     return ZAV_CATALOGUE;
 }
