@@ -2,6 +2,7 @@
 
 #include <filesystem>
 #include <fstream>
+#include <vector>
 
 namespace zavctl {
 
@@ -12,6 +13,7 @@ namespace fs = std::filesystem;
 constexpr char homeEntry[] = "CMAKE_HOME_DIRECTORY:INTERNAL=";
 
 constexpr char inSourceTree[] = "services/property-service/catalogue.json";
+constexpr char belowPrefix[] = "share/zav/catalogue.json";
 
 // The source tree of a build tree outside of it; empty if the folder is not a build tree.
 std::string sourceTreeOf(const fs::path& folder) {
@@ -29,10 +31,12 @@ std::string defaultCatalogue() {
     std::error_code error;
     const fs::path program = fs::read_symlink("/proc/self/exe", error);
     for (fs::path folder = program.parent_path(); folder.has_relative_path(); folder = folder.parent_path()) {
-        // The tree may have moved since it was configured.
-        for (const fs::path& source : {folder, fs::path(sourceTreeOf(folder))}) {
-            const fs::path catalogue = source / inSourceTree;
-            if (!source.empty() && fs::exists(catalogue, error)) return catalogue.string();
+        // A tree may have moved since it was configured, and a program since it was installed.
+        std::vector<fs::path> candidates{folder / inSourceTree, folder / belowPrefix};
+        if (const std::string source = sourceTreeOf(folder); !source.empty())
+            candidates.push_back(fs::path(source) / inSourceTree);
+        for (const fs::path& catalogue : candidates) {
+            if (fs::exists(catalogue, error)) return catalogue.string();
         }
     }
     return ZAV_CATALOGUE;

@@ -5,7 +5,7 @@
 
 namespace zavctl {
 
-/// The path of the installed catalogue; for a program that runs in its build tree, that of the source tree.
+/// The path of the catalogue that was installed with this program; in a build tree that of the source tree.
 std::string defaultCatalogue();
 
 }  // namespace zavctl
