@@ -1,4 +1,5 @@
-"""Runs five provisioning passes and prints the requests, the changed settings, the result and the duration of each.
+"""Runs five provisioning passes and prints the requests, the changed settings, the result and the duration of each; then
+has careless files checked before they are published.
 
 Runs inside lab/phone. The settings come from the property service, the result from zavctl, and the reason of a refusal
 from the daemon's log.
@@ -34,6 +35,9 @@ SECOND_ACT = [
     ("a redirect to the server whose certificate came with that update", "moved", False, "success",
      {"Telephony.Accounts.0.Label": "Ground floor"}, Moved()),
 ]
+# Where zavctl lint finds something in the careless files, and the rule.
+CARELESS = ["nvm.xml:2 file-version", "provisioning.xml:1 mac-form", "provisioning.xml:2 url-without-slash",
+            "provisioning.xml:3 unknown-category", "settings.xml:2 unknown-key", "settings.xml:3 bad-value"]
 
 
 def progress(text):
@@ -106,7 +110,7 @@ def run(number, title, folder, encrypted, expected_result, expected_settings, ex
     log_start = os.path.getsize(LOG)
     progress(f"Provisioning ({title}) …")
     begin = time.monotonic()
-    status, (answer, *_) = zavctl("provision", "--wait", "--timeout", "20")
+    status, (*_, answer) = zavctl("provision", "--wait", "--timeout", "20")
     took = time.monotonic() - begin
     after = settings()
     progress("")
@@ -143,6 +147,25 @@ def run(number, title, folder, encrypted, expected_result, expected_settings, ex
     return not errors, asked_count
 
 
+def lint_careless_files():
+    begin = time.monotonic()
+    status, (report, *_) = zavctl("lint", os.path.join(FIXTURES, "careless"))
+    took = time.monotonic() - begin
+    findings = report.get("findings", [])
+    for finding in findings:
+        finding["file"] = os.path.basename(finding["file"])
+    print(f"Third act: six mistakes in three files, found by zavctl lint in {took:.2f} s, before any phone asks for them.\n")
+    for number, finding in enumerate(findings, 1):
+        print(f"{number}. {finding['file']}:{finding['line']}: {finding['message']}")
+        print(f"   fix: {finding['fix']}")
+    print(flush=True)
+    found = [f"{finding['file']}:{finding['line']} {finding['rule']}" for finding in findings]
+    if found == CARELESS and status == 1:
+        return True
+    print(f"Not as promised: status {status}, {report}", file=sys.stderr)
+    return False
+
+
 def main():
     sys.stdout.reconfigure(errors="replace")  # for terminals that cannot print arrows
     booted = wait_for_phone()
@@ -155,6 +178,7 @@ def main():
             print("Second act: everything else that a server may ask of a phone.\n", flush=True)
         as_expected, asked = run(number, *case, asked)
         passed = passed and as_expected
+    passed = lint_careless_files() and passed
     print("All as promised." if passed else "Something is not as promised; the log lines are above.")
     return 0 if passed else 1
 

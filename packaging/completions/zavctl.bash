@@ -8,7 +8,7 @@ _zavctl_keys() {
 _zavctl() {
     local cur=${COMP_WORDS[COMP_CWORD]} command='' words=0 index word name
     local host=()
-    local commands='backup describe diff doctor export get help import keys list provision reset restore set status watch'
+    local commands='backup describe diff doctor explain export fleet get help import keys lint list pack provision reset restore set status unpack watch'
     COMPREPLY=()
     for ((index = 1; index < COMP_CWORD; index++)); do
         word=${COMP_WORDS[index]}
@@ -38,8 +38,13 @@ _zavctl() {
             diff) options+=' --show-secrets --all' ;;
             import) options+=' --show-secrets --apply' ;;
             backup) options+=' --force' ;;
-            provision) options+=' --wait --timeout' ;;
+            provision) options+=' --wait --timeout --log' ;;
             doctor) options+=' --log' ;;
+            explain) options+=' --show-secrets --as --catalogue --key' ;;
+            lint) options+=' --catalogue --as --key --base --offline --rules' ;;
+            pack) options+=' --key --to --force --catalogue --dry-run --delete' ;;
+            unpack) options+=' --key --to --force --dry-run' ;;
+            fleet) options+=' --key --force --catalogue --dry-run --name --errors' ;;
         esac
         mapfile -t COMPREPLY < <(compgen -W "$options" -- "$cur")
         return
@@ -50,7 +55,7 @@ _zavctl() {
         describe | export | get | keys | list | reset | set | watch)
             if [ "$words" -eq 0 ]; then mapfile -t COMPREPLY < <(_zavctl_keys "$cur"); fi
             ;;
-        diff | import | backup | restore)
+        diff | explain | import | backup | restore | lint | pack | unpack | fleet)
             compopt -o filenames
             mapfile -t COMPREPLY < <(compgen -f -- "$cur")
             ;;

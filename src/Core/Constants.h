@@ -25,6 +25,7 @@ struct Constants {
     const std::string autoRebootQueryTopic = autoRebootServiceName + "/" + clientName;
     const std::string watchdogReplyTopic = clientName + "/" + watchdogServiceName;
     const std::string autoRebootReplyTopic = clientName + "/" + autoRebootServiceName;
+    const std::string progressTopic = clientName + "-progress";
 
     // Messages
     const std::string messageKey = "param";    // the member that names the property or query

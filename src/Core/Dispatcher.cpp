@@ -57,7 +57,8 @@ Dispatcher::Dispatcher(std::shared_ptr<ipc::IIPCClient> bus, std::shared_ptr<pro
       properties_(std::move(properties)),
       timer_(timer),
       security_(security),
-      worker_(properties_, std::move(http), security) {}
+      progress_(bus_),
+      worker_(properties_, std::move(http), security, &progress_) {}
 
 void Dispatcher::startListening() {
     dbg::Debug::info() << "run IPC listening" << std::endl;

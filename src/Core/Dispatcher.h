@@ -11,6 +11,7 @@
 #include <memory>
 #include <string>
 
+#include "Core/ProgressPublisher.h"
 #include "Core/ProvisioningTimer.h"
 #include "Core/ProvisioningWatchdog/ProvisioningWorker.h"
 #include "common/StopSignal.h"
@@ -67,6 +68,7 @@ class Dispatcher : public ipc::IIPCCallback {
     const std::shared_ptr<propertyapi::IPropertyApi> properties_;
     ProvisioningTimer& timer_;
     Security& security_;
+    ProgressPublisher progress_;
     ProvisioningWorker worker_;
     std::atomic<bool> provisioningEnabled_{false};
     std::atomic<bool> handlingStarted_{false};

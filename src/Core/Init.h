@@ -12,7 +12,7 @@ namespace zav {
 
 struct InitTiming {
     std::chrono::seconds credentialsPause{1};
-    std::chrono::seconds periodPause{10};
+    std::chrono::milliseconds periodPause{10000};
 };
 
 class Init {

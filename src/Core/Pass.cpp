@@ -34,8 +34,8 @@ void setCurrentProvisioningVersion(const std::string& text) {
     version().text = text;
 }
 
-Pass::Pass(Pass* outer, std::shared_ptr<common::StopSignal> stop)
-    : outer_(outer), depth_(outer == nullptr ? 1 : outer->depth_ + 1), stop_(std::move(stop)) {
+Pass::Pass(Pass* outer, std::shared_ptr<common::StopSignal> stop, ProgressPublisher* progress)
+    : outer_(outer), depth_(outer == nullptr ? 1 : outer->depth_ + 1), stop_(std::move(stop)), progress_(progress) {
     passOfThisThread = this;
 }
 

@@ -11,6 +11,7 @@
 #include <stdexcept>
 #include <string>
 
+#include "Core/ProgressPublisher.h"
 #include "common/StopSignal.h"
 
 namespace zav {
@@ -45,8 +46,8 @@ class Pass {
     };
 
     /// Becomes the calling thread's pass until destruction. `outer`, which must outlive this object, is the pass that
-    /// it is nested in; null for an outermost pass.
-    Pass(Pass* outer, std::shared_ptr<common::StopSignal> stop);
+    /// it is nested in; null for an outermost pass. `progress` may be null.
+    Pass(Pass* outer, std::shared_ptr<common::StopSignal> stop, ProgressPublisher* progress = nullptr);
     ~Pass();
     Pass(const Pass&) = delete;
     Pass& operator=(const Pass&) = delete;
@@ -58,6 +59,8 @@ class Pass {
 
     Usage& usage() { return outer_ == nullptr ? usage_ : outer_->usage(); }
     const std::shared_ptr<common::StopSignal>& stop() const { return stop_; }
+    /// Null if nobody is to be told.
+    ProgressPublisher* progress() const { return progress_; }
 
     /// Counts a pass that is about to be nested in this one. False if the limits do not allow it, which ends loops of
     /// redirects.
@@ -85,6 +88,7 @@ class Pass {
     Pass* const outer_;
     const unsigned depth_;  // 1 for an outermost pass
     const std::shared_ptr<common::StopSignal> stop_;
+    ProgressPublisher* const progress_;
     Usage usage_;                // of an outermost pass
     unsigned handlerDepth_ = 1;  // the handler started by the worker is the first
 };

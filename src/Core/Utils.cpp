@@ -12,6 +12,7 @@
 #include "common/Descriptor.h"
 #include "common/Execute.h"
 #include "common/Filesystem.h"
+#include "common/PathRoot.h"
 #include "debug/Debug.h"
 
 namespace zav {
@@ -136,7 +137,7 @@ std::string provisioningPath(const std::string& a, const std::string& b) { retur
 
 void cleanFirmwareUpdate(const common::StopSignal* stop) {
     filesystem::removeAllFromDirectory(firmwareDirectory);
-    os::execute(firmwareCleanUpCommand, firmwareCleanUpTimeout, stop);
+    os::execute(common::rooted(firmwareCleanUpCommand), firmwareCleanUpTimeout, stop);
 }
 
 }  // namespace zav

@@ -7,6 +7,8 @@
 #include <libxml/xmlIO.h>
 #include <libxml/xmlerror.h>
 
+#include <utility>
+
 #include "common/ThreadSafety.h"
 
 namespace zav::xml {
@@ -20,47 +22,61 @@ struct Document {
     const std::string* path = nullptr;
     common::Descriptor* file = nullptr;  // empty once libxml2 has taken it over
     unsigned nodes = 0;
+    ParseFailure failure;
 };
 
 thread_local Document document;
 
-constexpr unsigned maximumNodes = 1250000;  // elements, attributes, comments and similar together
-// libxml2 compares the attributes of an element in pairs: 40,000 of them take 20 s. Limiting the names of the document
-// bounds the first such element; countElement then ends the document.
-constexpr int maximumAttributes = 64;
-constexpr std::size_t maximumNameBytes = 64U * 1024U;
+ParseFailure::Kind kindOf(const xmlError& error) {
+    if (error.code == XML_ERR_NO_MEMORY) return ParseFailure::Kind::names;  // what a full dictionary is reported as
+    const bool isEncoding = error.domain == XML_FROM_I18N || error.code == XML_ERR_INVALID_ENCODING ||
+                            error.code == XML_ERR_UNKNOWN_ENCODING || error.code == XML_ERR_UNSUPPORTED_ENCODING ||
+                            error.code == XML_ERR_INVALID_CHAR;
+    return isEncoding ? ParseFailure::Kind::encoding : ParseFailure::Kind::malformed;
+}
 
-void swallowError(void*, xmlErrorPtr) {}
+// Instead of libxml2's output. It goes on behind an error, but only the first one is about the document.
+void recordError(void*, xmlErrorPtr error) {
+    if (error == nullptr || error->level != XML_ERR_FATAL || document.failure.kind != ParseFailure::Kind::none) return;
+    std::string message = error->message == nullptr ? "" : error->message;
+    while (!message.empty() && (message.back() == '\n' || message.back() == ' ')) message.pop_back();
+    document.failure = {kindOf(*error), std::move(message), error->line, error->int2};
+}
 
-void refuse(void* context) {
+void refuse(void* context, ParseFailure::Kind kind) {
     auto* const parser = static_cast<xmlParserCtxtPtr>(context);
+    if (document.failure.kind == ParseFailure::Kind::none) {
+        document.failure = {kind, "", xmlSAX2GetLineNumber(context), xmlSAX2GetColumnNumber(context)};
+    }
     parser->wellFormed = 0;  // xmlStopParser alone would return what was read so far
     xmlStopParser(parser);
 }
 
-void refuseEntity(void* context, const xmlChar*, int, const xmlChar*, const xmlChar*, xmlChar*) { refuse(context); }
+void refuseEntity(void* context, const xmlChar*, int, const xmlChar*, const xmlChar*, xmlChar*) {
+    refuse(context, ParseFailure::Kind::entities);
+}
 
 void refuseUnparsedEntity(void* context, const xmlChar*, const xmlChar*, const xmlChar*, const xmlChar*) {
-    refuse(context);
+    refuse(context, ParseFailure::Kind::entities);
 }
 
 void refuseAttributeList(void* context, const xmlChar*, const xmlChar*, int, int, const xmlChar*,
                          xmlEnumerationPtr values) {
     xmlFreeEnumeration(values);
-    refuse(context);
+    refuse(context, ParseFailure::Kind::attributeList);
 }
 
 bool fits(void* context, unsigned nodes) {
     document.nodes += nodes;
     if (document.nodes <= maximumNodes) return true;
-    refuse(context);
+    refuse(context, ParseFailure::Kind::nodes);
     return false;
 }
 
 void countElement(void* context, const xmlChar* name, const xmlChar* prefix, const xmlChar* uri, int namespaceCount,
                   const xmlChar** namespaces, int attributeCount, int defaulted, const xmlChar** attributes) {
     if (attributeCount > maximumAttributes) {
-        refuse(context);
+        refuse(context, ParseFailure::Kind::attributes);
         return;  // `attributes` points into the buffer that refuse() freed
     }
     if (!fits(context, 1 + static_cast<unsigned>(attributeCount) + static_cast<unsigned>(namespaceCount))) return;
@@ -130,13 +146,15 @@ Library::~Library() {
 }
 
 DocumentScope::DocumentScope(const std::string& path, common::Descriptor& file) {
-    document = {&path, &file, 0};
-    xmlSetStructuredErrorFunc(nullptr, swallowError);
+    document = {&path, &file, 0, {}};
+    xmlSetStructuredErrorFunc(nullptr, recordError);
 }
 
 DocumentScope::~DocumentScope() {
     xmlSetStructuredErrorFunc(nullptr, nullptr);
     document = {};
 }
+
+const ParseFailure& DocumentScope::failure() { return document.failure; }
 
 }  // namespace zav::xml

@@ -1,6 +1,7 @@
 // libxml2: its initialisation, and its restriction to the one document that a thread is loading.
 #pragma once
 
+#include <cstddef>
 #include <string>
 
 #include "common/Descriptor.h"
@@ -17,16 +18,44 @@ class Library {
     Library& operator=(const Library&) = delete;
 };
 
+/// Why a document could not be parsed: the first error in it.
+struct ParseFailure {
+    enum class Kind {
+        none,
+        unreadable,     // not a regular file of acceptable size
+        malformed,      // not well-formed; `message` says why
+        encoding,       // bytes that are not of its encoding, or an encoding that is not supported
+        entities,       // it declares entities
+        attributeList,  // it declares attribute lists
+        nodes,          // more than maximumNodes
+        attributes,     // an element with more than maximumAttributes
+        names,          // more than maximumNameBytes
+    };
+    Kind kind = Kind::none;
+    std::string message;  // libxml2's own, for malformed and encoding
+    int line = 0;         // from 1
+    int column = 0;       // from 1, in bytes of UTF-8; where the error was noticed
+};
+
+constexpr unsigned maximumNodes = 1250000;  // elements, attributes, comments and similar together
+// libxml2 compares the attributes of an element in pairs: 40,000 of them take 20 s. Limiting the names of the document
+// bounds the first such element; the limit on attributes then ends the document.
+constexpr int maximumAttributes = 64;
+constexpr std::size_t maximumNameBytes = 64U * 1024U;
+
 /// While it exists, libxml2 may read only `file` on this thread, under the name `path`, and prints no errors. Both must
 /// outlive it; libxml2 takes the descriptor over when it opens the document. Parsing fails if the document declares
-/// entities or attribute lists, which can expand a small file to gigabytes, or has more than 1,250,000 nodes (enough
-/// for 250,000 items with four attributes), 64 attributes in an element, or 64 KiB of distinct names.
+/// entities or attribute lists, which can expand a small file to gigabytes, or has more than maximumNodes (enough for
+/// 250,000 items with four attributes), maximumAttributes in an element, or maximumNameBytes of distinct names.
 class DocumentScope {
  public:
     DocumentScope(const std::string& path, common::Descriptor& file);
     ~DocumentScope();
     DocumentScope(const DocumentScope&) = delete;
     DocumentScope& operator=(const DocumentScope&) = delete;
+
+    /// Why parsing failed. For the thread that created the scope.
+    static const ParseFailure& failure();
 };
 
 }  // namespace zav::xml

@@ -5,6 +5,8 @@
 #include <libxml/tree.h>
 #include <sys/stat.h>
 
+#include "common/PathRoot.h"
+
 namespace zav {
 
 namespace {
@@ -24,11 +26,17 @@ bool isDocument(int file) {
 XMLReader::~XMLReader() { xmlFreeDoc(document_); }
 
 bool XMLReader::load(const std::string& path) {
+    const std::string onDisk = common::rooted(path);
+    return load(onDisk, common::Descriptor(open(onDisk.c_str(), O_RDONLY | O_NOFOLLOW | O_NONBLOCK | O_CLOEXEC)));
+}
+
+bool XMLReader::load(const std::string& name, common::Descriptor file) {
     release();
-    common::Descriptor file(open(path.c_str(), O_RDONLY | O_NOFOLLOW | O_NONBLOCK | O_CLOEXEC));
+    failure_ = {xml::ParseFailure::Kind::unreadable, "", 0, 0};
     if (file.get() >= 0 && isDocument(file.get())) {
-        const xml::DocumentScope scope(path, file);
-        document_ = xmlParseFile(path.c_str());
+        const xml::DocumentScope scope(name, file);
+        document_ = xmlParseFile(name.c_str());
+        failure_ = xml::DocumentScope::failure();
     }
     XMLReader::reset();
     return document_ != nullptr;

@@ -28,6 +28,9 @@ class XMLReader {
     /// too many nodes. Compressed files are not inflated. Blocks for disk reads.
     virtual bool load(const std::string& path);
 
+    /// Why the last load failed.
+    const xml::ParseFailure& failure() const { return failure_; }
+
     /// Frees the document.
     void release();
 
@@ -52,6 +55,14 @@ class XMLReader {
     /// Returns to the position saved last, without removing it; to no element if none was saved.
     virtual void restorePosition();
 
+ protected:
+    /// load, for a file that is already open; `name` only names it.
+    bool load(const std::string& name, common::Descriptor file);
+
+    /// Null if there is none.
+    _xmlDoc* document() const { return document_; }
+    _xmlNode* current() const { return current_; }
+
  private:
     void skipTextAndComments();
 
@@ -59,6 +70,7 @@ class XMLReader {
     _xmlDoc* document_ = nullptr;  // owned
     _xmlNode* current_ = nullptr;
     std::stack<_xmlNode*> savedPositions_;
+    xml::ParseFailure failure_;
 };
 
 }  // namespace zav

@@ -41,7 +41,7 @@ FORETELLING = [
 
 # The daemon's files by rank: a file includes its own rank and those before it.
 RANKS = [
-    r"xml/.*|Core/(Constants|GlobalConfig|Utils|Pass|Predecessor|ProvisioningTimer"
+    r"xml/.*|Core/(Constants|GlobalConfig|Utils|Pass|Predecessor|ProgressPublisher|ProvisioningTimer"
     r"|ProvisioningStatusReporter|Init)\.\w+"
     r"|Core/ProvisioningWatchdog/(ProgressReporter|IProvisioningWorker|DeferredWrites)\.\w+",
     r"Core/JobHandlers/.*",

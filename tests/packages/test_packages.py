@@ -203,7 +203,9 @@ class InstalledTest(PackagesTest):
         self.addCleanup(self.phone.restore, "zavd.service")
         self.phone.run("systemctl", "restart", "zavd")
         self.wait_enabled()
-        self.assertNotIn("success", self.provision().split()[0])
+        said = self.provision()
+        self.assertNotIn("success", said.split()[0])
+        self.assertIn("Read-only file system", said, "the reason, from the journal")
         lines = [text for level, text in self.phone.journal("zavd") if level <= 4 and "/config/swupdate" in text]
         self.assertTrue([text for text in lines if "Read-only file system" in text], lines)
 

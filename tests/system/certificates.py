@@ -3,6 +3,7 @@
 import subprocess
 
 AUTHORITY = "/run/phone/authority"  # the one that the phone trusts
+NEW_KEY = ("-newkey", "ec", "-pkeyopt", "ec_paramgen_curve:P-256", "-nodes")  # quicker to make than RSA's
 TRUSTED_NAMES = "DNS:localhost,IP:127.0.0.1"
 
 
@@ -11,7 +12,7 @@ def _openssl(*words):
 
 
 def _key_and_request(path):
-    _openssl("req", "-newkey", "rsa:2048", "-nodes", "-subj", "/CN=127.0.0.1", "-keyout", f"{path}.key", "-out", f"{path}.csr")
+    _openssl("req", *NEW_KEY, "-subj", "/CN=127.0.0.1", "-keyout", f"{path}.key", "-out", f"{path}.csr")
 
 
 def _pem(path):
@@ -24,7 +25,7 @@ def _pem(path):
 
 
 def self_signed(path="/tmp/self"):
-    _openssl("req", "-x509", "-newkey", "rsa:2048", "-nodes", "-subj", "/CN=127.0.0.1", "-addext",
+    _openssl("req", "-x509", *NEW_KEY, "-subj", "/CN=127.0.0.1", "-addext",
              "subjectAltName=IP:127.0.0.1", "-days", "2", "-keyout", f"{path}.key", "-out", f"{path}.crt")
     return _pem(path)
 

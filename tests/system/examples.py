@@ -132,7 +132,7 @@ def table(page, heading):
 
 
 def mistakes(page):
-    """[(line, files, changes, result, log texts)]: the rows of each table that begins with the columns "Right" and
+    """[(line, files, changes, result, texts that the tool prints)]: the rows of each table that begins with the columns "Right" and
     "Wrong". The files are {name: text} of the example before the table, the changes are [(right, wrong)] in them."""
     found, inside = [], False
     known = blocks(page)

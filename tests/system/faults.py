@@ -68,8 +68,8 @@ class FaultTest(phone.PhoneTest):
     def runTest(self):
         """For measure_idle."""
 
-    def serve(self, answers=None, answer=None, certificate=None, accept=None):
-        server = RawServer(answers, answer, certificate, accept)
+    def serve(self, answers=None, answer=None, certificate=None, accept=None, **options):
+        server = RawServer(answers, answer, certificate, accept, **options)
         self.addCleanup(server.close)
         return server
 
@@ -125,12 +125,12 @@ class PassFaultTest(FaultTest):
         self.request()
         phone.wait_until(lambda: self.server.requests, "the pass's download")
 
-    def begin_settings(self, settings=SETTINGS):
+    def begin_settings(self, settings=SETTINGS, applied=100):
         """A pass that is in the middle of many settings. The property service is frozen; its process id."""
         def caught():
             self.log.mark()
             self.begin(Answer(direct(settings)))
-            self.log.wait("Applying ", 100)
+            self.log.wait("Applying ", applied)
             pid = self.freeze("properties")
             phone.wait_until(lambda: phone.asleep(phone.service_pid()), "the daemon waiting for the service")
             if self.log.count("-----Finishing NVMJobHandler") == 0:
@@ -139,6 +139,20 @@ class PassFaultTest(FaultTest):
             return self.wait_pass_end()
 
         return phone.wait_until(caught, "a pass caught in its settings")
+
+    def wait_daemon_on_bus(self):
+        """It answers the watchdog. A daemon that backs off before it connects anew is helped over its pause."""
+        self.bus.mark()
+
+        def answered():
+            self.alive()
+            try:
+                return self.bus.wait_message("prov-client/watchdog", deadline=0.3)
+            except phone.Late:
+                phone.jump(5)
+                return False
+
+        phone.wait_until(answered, lambda: "the daemon on the bus:\n" + "\n".join(self.log.lines()[-20:]))
 
     def freeze(self, name):
         pid = phone.service_pid(name)

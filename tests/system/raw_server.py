@@ -39,7 +39,7 @@ class RawServer:
     request; `answer` is for all paths that have none of their own. `certificate` is a PEM file with its key, or an SSL
     context. `accept`, if given, is handed each connection instead, before anything is read from it."""
 
-    def __init__(self, answers=None, answer=None, certificate=None, accept=None):
+    def __init__(self, answers=None, answer=None, certificate=None, accept=None, host="127.0.0.1"):
         self.answers = dict(answers or {})
         self.answer = answer
         self.requests = []        # (path, {header: value})
@@ -50,9 +50,11 @@ class RawServer:
         if isinstance(certificate, str):
             self._tls = ssl.SSLContext(ssl.PROTOCOL_TLS_SERVER)
             self._tls.load_cert_chain(certificate)
-        self._listening = socket.create_server(("127.0.0.1", 0))
+        family = socket.AF_INET6 if ":" in host else socket.AF_INET
+        self._listening = socket.create_server((host, 0), family=family)
         self.port = self._listening.getsockname()[1]
-        self.url = f"http{'s' if certificate else ''}://127.0.0.1:{self.port}/"
+        name = f"[{host}]" if ":" in host else host
+        self.url = f"http{'s' if certificate else ''}://{name}:{self.port}/"
         threading.Thread(target=self._accept, daemon=True).start()
 
     def close(self):

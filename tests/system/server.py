@@ -18,7 +18,7 @@ class Answer:
 
 
 class Server:
-    def __init__(self, answers=None):
+    def __init__(self, answers=None, host="127.0.0.1"):
         self.answers = dict(answers or {})
         self.requests = []
         self._ending = threading.Event()
@@ -39,8 +39,8 @@ class Server:
             def handle_error(self, *_):
                 """A client that goes away in mid-answer is part of the cases."""
 
-        self._http = Quiet(("127.0.0.1", 0), Handler)
-        self.url = f"http://127.0.0.1:{self._http.server_address[1]}/"
+        self._http = Quiet((host, 0), Handler)
+        self.url = f"http://{host}:{self._http.server_address[1]}/"
         threading.Thread(target=self._http.serve_forever, daemon=True).start()
 
     def close(self):

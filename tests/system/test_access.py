@@ -189,6 +189,7 @@ class WholePhoneTest(BrokerTest):
         log.wait("Enabling provisioning function.")
         status, said = run_command("zavctl", "provision", "--wait")
         self.assertEqual((status, said.split()[0]), (0, "success"), said)
+        phone.wait_until(lambda: '"event":"progress"' in run_command("zavctl", "provision", "--wait", "--json")[1], "progress")
         with subprocess.Popen(["mosquitto_sub", "-V", "5", "-u", "watchdog", "-W", "30", "-C", "1", "-t", "prov-client/watchdog"],
                               stdout=subprocess.PIPE, text=True) as listener:
             def answered():

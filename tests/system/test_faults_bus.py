@@ -29,20 +29,6 @@ class BusFaultsTest(faults.PassFaultTest):
         wrong = {key: value for key, value in dict(faults.SETTINGS).items() if self.bus.get(key) != value}
         self.assertEqual(wrong, {})
 
-    def wait_daemon_on_bus(self):
-        """It answers the watchdog. A daemon that backs off before it connects anew is helped over its pause."""
-        self.bus.mark()
-
-        def answered():
-            self.alive()
-            try:
-                return self.bus.wait_message("prov-client/watchdog", deadline=0.3)
-            except phone.Late:
-                phone.jump(5)
-                return False
-
-        phone.wait_until(answered, lambda: "the daemon on the bus:\n" + "\n".join(self.log.lines()[-20:]))
-
     # Queries.
 
     def ask_alive(self, count=1):

@@ -37,6 +37,14 @@ class ZavctlTest(phone.PhoneTest):
         self.assertEqual((code, err, out.count("\n")), (status, "", 1), (out, err))
         return json.loads(out)
 
+    def result(self, status=0):
+        """What `provision --wait` prints after the events."""
+        code, out, err = zavctl("--json", "provision", "--wait")
+        self.assertEqual((code, err), (status, ""), out)
+        *events, answer = [json.loads(line) for line in out.splitlines()]
+        self.assertEqual({one["event"] for one in events}, {"progress"})
+        return answer
+
     def refused(self, *words, status, word):
         """With and without --json: the status, and the reason where it belongs."""
         code, out, err = zavctl(*words)
@@ -108,7 +116,7 @@ class ZavctlTest(phone.PhoneTest):
         code, out, err = zavctl("provision", "--wait")
         self.assertEqual((code, err), (0, ""))
         self.assertRegex(out, r"\Asuccess \(HTTP 200, \d+\.\d s\)\n\Z")
-        answer = self.answer("provision", "--wait")
+        answer = self.result()
         self.assertEqual((answer["result"], answer["httpStatus"]), ("success", 200))
         self.assertEqual(self.bus.get(LABEL), "asked for")
         self.assertIn(("State.Provisioning", "request"), self.bus.changes())
@@ -122,7 +130,7 @@ class ZavctlTest(phone.PhoneTest):
         code, out, _ = zavctl("provision", "--wait")
         self.assertEqual(code, 1)
         self.assertRegex(out, r"\Afail \(HTTP 404, ")
-        answer = self.answer("provision", "--wait", status=1)
+        answer = self.result(status=1)
         self.assertEqual((answer["result"], answer["httpStatus"]), ("fail", 404))
 
     def test_a_value_that_is_not_allowed_is_1(self):

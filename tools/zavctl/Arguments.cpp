@@ -14,7 +14,12 @@ const CLI::App* commandOf(const CLI::App& app, const std::string& name) {
 }
 
 std::size_t positionalCount(const CLI::App& command) {
-    return command.get_options([](const CLI::Option* option) { return option->get_positional(); }).size();
+    std::size_t count = 0;
+    for (const CLI::Option* const option :
+         command.get_options([](const CLI::Option* one) { return one->get_positional(); })) {
+        count += static_cast<std::size_t>(option->get_items_expected_max());
+    }
+    return count;
 }
 
 class Splitter {

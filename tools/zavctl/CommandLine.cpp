@@ -4,6 +4,7 @@
 
 #include "Arguments.h"
 #include "Commands.h"
+#include "Lint.h"
 #include "Output.h"
 #include "ipc/Address.h"
 
@@ -11,6 +12,7 @@ namespace zavctl {
 
 namespace {
 
+constexpr char noBroker[] = "the broker or the property service cannot be reached";
 constexpr char noAnswer[] = "the property service did not answer in time";
 constexpr char noKey[] = "no such key";
 constexpr char noPrefix[] = "no key begins with PREFIX";
@@ -21,6 +23,7 @@ struct Positional {
     const char* name;
     const char* description;
     bool required = true;
+    bool isRepeated = false;
 };
 
 const Positional key{"KEY", "Key of the property"};
@@ -33,6 +36,7 @@ struct Statuses {
     const char* failed = notWritten;
     const char* noSuchKey = nullptr;
     const char* timedOut = noAnswer;
+    const char* unreachable = noBroker;
 };
 
 using Examples = std::vector<std::string>;
@@ -45,12 +49,8 @@ std::string exampleLines(const Examples& examples) {
 
 std::string footer(const Statuses& statuses, const Examples& examples) {
     const std::vector<std::pair<const char*, const char*>> meanings{
-        {"0", statuses.done},
-        {"1", statuses.failed},
-        {"2", "the command line is wrong"},
-        {"3", "the broker or the property service cannot be reached"},
-        {"4", statuses.noSuchKey},
-        {"5", statuses.timedOut}};
+        {"0", statuses.done},        {"1", statuses.failed},    {"2", "the command line is wrong"},
+        {"3", statuses.unreachable}, {"4", statuses.noSuchKey}, {"5", statuses.timedOut}};
     std::string text = "Exit status:\n";
     for (const auto& [status, meaning] : meanings) {
         if (meaning != nullptr) text += "  " + std::string(status) + "  " + meaning + "\n";
@@ -90,6 +90,8 @@ class CommandLine {
         addProvisioningCommands();
         addTransferCommands();
         addFileCommands();
+        addAuthorCommands();
+        addPublishingCommands();
         addHelp();
     }
 
@@ -143,7 +145,11 @@ class CommandLine {
                          const Statuses& statuses, const Examples& examples, std::function<void()> action) {
         CLI::App* const command = app_.add_subcommand(name, description);
         for (const Positional& one : positionals) {
-            command->add_option(one.name, ignored_, one.description)->required(one.required);
+            if (one.isRepeated) {
+                command->add_option(one.name, manyIgnored_, one.description)->required(one.required);
+            } else {
+                command->add_option(one.name, ignored_, one.description)->required(one.required);
+            }
         }
         command->footer(footer(statuses, examples));
         command->final_callback(std::move(action));
@@ -189,23 +195,44 @@ class CommandLine {
                        {"the pass was requested; with --wait: it ended success or partSuccess",
                         "the pass ended fail, or the request was refused", nullptr,
                         "the pass did not end within the time-out; it may continue"},
-                       {"zavctl provision", "zavctl provision --wait --timeout 120"}, [this] {
-                           const std::chrono::duration<double> timeout(timeoutSeconds_);
-                           code_ = provision(environment_, options_, wait_,
-                                             std::chrono::duration_cast<std::chrono::milliseconds>(timeout));
-                       });
-        command->add_flag("--wait", wait_, "Waits for the end of the pass; prints its result and HTTP status");
+                       {"zavctl provision", "zavctl provision --wait --timeout 120"}, [this] { provision(); });
+        command->add_flag("--wait", wait_,
+                          "Waits for the end of the pass; prints its result, and why it is not success");
         command->add_option("--timeout", timeoutSeconds_, "Time-out in seconds")
             ->check(CLI::Range(0.001, 1e6))
             ->capture_default_str();
+        addLog(command, passLog_);
         addCommand("status", "Prints server, last result, user interface lock, versions and period", {},
                    {"the status was printed"}, {"zavctl status", "zavctl status --json"},
                    [this] { status(environment_, options_); });
-        addCommand("doctor", "Finds out why the phone does not provision, and changes nothing", {},
-                   {"no error was found", "an error was found", nullptr, nullptr},
-                   {"zavctl doctor", "zavctl doctor --json"}, [this] { code_ = doctor(environment_, options_, log_); })
-            ->add_option("--log", log_, "File with the daemon's log; default: the journal of zavd.service")
+        addLog(addCommand("doctor", "Finds out why the phone does not provision, and changes nothing", {},
+                          {"no error was found", "an error was found", nullptr, nullptr},
+                          {"zavctl doctor", "zavctl doctor --json"},
+                          [this] { code_ = doctor(environment_, options_, doctorLog_); }),
+               doctorLog_);
+        addExplain();
+    }
+
+    // Each command needs a variable of its own: the environment also sets the options of commands that are not run.
+    static void addLog(CLI::App* command, std::string& path) {
+        command->add_option("--log", path, "File with the daemon's log; default: the journal of zavd.service")
             ->envname("ZAVD_LOG");
+    }
+
+    void addExplain() {
+        CLI::App* const command = addCommand(
+            "explain", "Shows what a phone would do with provisioning files, and why; changes nothing",
+            {{"SOURCE", "The server's folder, an initial file, or its URL"}},
+            {"the pass would end success or partSuccess", "the pass would end fail, or a file cannot be read"},
+            {"zavctl explain phones/ --as phone.json", "zavctl explain phones/provisioning.xml --key phone.key",
+             "zavctl explain https://server.example/phones/ --as running"},
+            [this] { code_ = explain(environment_, options_, positional(0), explained_); });
+        command->add_option(
+            "--as", explained_.as,
+            "The phone: a file in the format of export, or \"running\"; default: the catalogue's defaults");
+        command->add_option("--catalogue", explained_.catalogue, "The phone's catalogue; default: the installed one");
+        command->add_option("--key", explained_.key, "File with the phone's pass phrase; default: /etc/zav.d/key");
+        addShowSecrets(command);
     }
 
     void addTransferCommands() {
@@ -251,6 +278,76 @@ class CommandLine {
                    [this] { restore(environment_, options_, positional(0)); });
     }
 
+    void addAuthorCommands() {
+        CLI::App* const command =
+            addCommand("lint", "Finds mistakes in provisioning files before they are published",
+                       {{"FILE", "Files, folders, URLs; - is standard input", false, true}},
+                       {"no error was found; there may be warnings", "an error was found", nullptr, noAnswer},
+                       {"zavctl lint provisioning.xml", "zavctl lint /srv/www --base https://server.example/phones/",
+                        "zavctl lint https://server.example/phones/provisioning.xml", "zavctl lint --rules"},
+                       [this] {
+                           if (positionals_.empty() && !lint_.rules) throw usageFailure("lint", "FILE is required");
+                           code_ = lintFiles(environment_, options_, lint_, positionals_);
+                       });
+        command->add_option("--catalogue", lint_.catalogue, "The keys of the phone; default: the installed catalogue");
+        command->add_option("--as", lint_.phone, "running: the files are for the phone at --host, with its keys")
+            ->check(CLI::IsMember({"running"}));
+        command->add_option("--key", lint_.keyFile, "The phone's key file, for encrypted files")->capture_default_str();
+        command->add_option("--base", lint_.baseUrl, "The URL under which the files are published");
+        command->add_flag("--offline", lint_.offline, "Downloads nothing");
+        command->add_flag("--rules", lint_.rules, "Prints the rules instead");
+    }
+
+    // They need no phone.
+    void addPublishing(const char* name, const char* description, const std::vector<Positional>& positionals,
+                       const char* done, const char* failed, const Examples& examples, const char* force,
+                       std::function<void()> action) {
+        CLI::App* const command = addCommand(name, description, positionals, {done, failed, nullptr, nullptr, nullptr},
+                                             examples, std::move(action));
+        command->add_option("--key", publish_.key, "File with the pass phrase, a copy of the phones' key")->required();
+        if (positionals.size() == 1) {
+            command->add_option("--to", publish_.to, "The folder that is written; made if it is missing")->required();
+        }
+        command->add_flag("--force", publish_.force, force);
+        if (std::string(name) != "unpack") {
+            command->add_option("--catalogue", publish_.catalogue,
+                                "The keys of the phones; default: the installed catalogue");
+        }
+        command->add_flag("--dry-run", publish_.dryRun, "Shows what would be written, and writes nothing");
+    }
+
+    void addPublishingCommands() {
+        addPublishing("pack", "Encrypts a folder of provisioning files for the phones", {{"DIR", "The plain files"}},
+                      "the folder is published",
+                      "a file is wrong and nothing was published, or a folder cannot be read or written",
+                      {"zavctl pack phones --key phone.key --to /srv/phones",
+                       "zavctl pack phones --key phone.key --to /srv/phones --delete --dry-run"},
+                      "Publishes in spite of mistakes in provisioning files",
+                      [this] { code_ = pack(environment_, options_, positional(0), publish_); });
+        app_.get_subcommand("pack")->add_flag("--delete", publish_.removeVanished,
+                                              "Removes published files that are no longer in DIR");
+        addPublishing("unpack", "Decrypts a published folder", {{"DIR", "The published files"}},
+                      "the folder is decrypted",
+                      "a file cannot be decrypted or would be replaced, and nothing was written",
+                      {"zavctl unpack /srv/phones --key phone.key --to phones"}, "Replaces files that exist and differ",
+                      [this] { code_ = unpack(environment_, options_, positional(0), publish_); });
+        addPublishing(
+            "fleet", "Makes and encrypts the files of many phones from a table",
+            {{"TABLE", "Comma-separated values in UTF-8; the first row names the columns"},
+             {"TEMPLATE", "A file, or a folder, with {column} where a row's value belongs"},
+             {"OUT", "The folder that is written; made if it is missing"}},
+            "all rows are published", "rows failed, and the others are published; or nothing was published",
+            {"zavctl fleet phones.csv template /srv/phones --key phone.key",
+             "zavctl fleet phones.csv phone.xml /srv/phones --name '{MACD}/provisioning.xml' --key phone.key"},
+            "Publishes in spite of mistakes in provisioning files", [this] {
+                publish_.to = positional(2);
+                code_ = fleet(environment_, options_, positional(0), positional(1), publish_);
+            });
+        CLI::App* const command = app_.get_subcommand("fleet");
+        command->add_option("--name", publish_.place, "Where a single TEMPLATE goes below OUT; default: its own name");
+        command->add_option("--errors", publish_.errors, "File for all rows that failed; on the screen are 20 at most");
+    }
+
     void addHelp() {
         CLI::App* const command = addCommand("help", "Shows the help of a command; without one, lists the commands",
                                              {{"COMMAND", "The command", false}}, {}, {}, [this] { help(); });
@@ -258,6 +355,16 @@ class CommandLine {
             "Exit status:\n  0  the help was printed\n  1  the output could not be written\n"
             "  2  no such command\n\n" +
             exampleLines({"zavctl help", "zavctl help provision"}));
+    }
+
+    void provision() {
+        const std::chrono::duration<double> timeout(timeoutSeconds_);
+        if (wait_) {
+            code_ = provisionAndWait(environment_, options_,
+                                     std::chrono::duration_cast<std::chrono::milliseconds>(timeout), passLog_);
+        } else {
+            requestProvisioning(environment_, options_);
+        }
     }
 
     void diff() {
@@ -283,12 +390,17 @@ class CommandLine {
     Options options_;
     std::vector<std::string> positionals_;
     std::string ignored_;  // where the parser stores the placeholders of the positional arguments
+    std::vector<std::string> manyIgnored_;
+    LintOptions lint_;
     bool all_ = false;
     bool apply_ = false;
     bool replace_ = false;
     bool wait_ = false;
     double timeoutSeconds_ = 300;
-    std::string log_;
+    std::string passLog_;
+    std::string doctorLog_;
+    PublishOptions publish_;
+    ExplainOptions explained_;
     ExitCode code_ = ExitCode::done;
 };
 

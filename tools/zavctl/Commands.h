@@ -47,12 +47,47 @@ void restore(const Environment& environment, const Options& options, const std::
 /// Prints changes until the environment's stop signal.
 void watch(const Environment& environment, const Options& options, const std::string& prefix);
 
-/// Requests a provisioning pass; with `wait`, waits for its end, up to `timeout`. A pass that ends "fail" is
-/// ExitCode::failed.
-ExitCode provision(const Environment& environment, const Options& options, bool wait,
-                   std::chrono::milliseconds timeout);
+/// Requests a provisioning pass.
+void requestProvisioning(const Environment& environment, const Options& options);
+/// Also waits for its end, up to `timeout`, and prints why it is not a success, from the daemon's log: the file `log`
+/// or, if that is empty, the journal. A pass that ends "fail" is ExitCode::failed.
+ExitCode provisionAndWait(const Environment& environment, const Options& options, std::chrono::milliseconds timeout,
+                          const std::string& log);
+
+/// What `explain` explains.
+struct ExplainOptions {
+    std::string as;         // a settings file, "running", or empty: the catalogue's defaults
+    std::string catalogue;  // path; empty: the installed one
+    std::string key;        // path of the pass phrase; empty: this machine's
+};
+
+/// Prints what a phone would do with the files in a folder, a file, or the file at a URL; changes nothing. A pass that
+/// would end "fail" is ExitCode::failed.
+ExitCode explain(const Environment& environment, const Options& options, const std::string& source,
+                 const ExplainOptions& phone);
 
 /// Prints why the phone does not provision; changes nothing. `log` is the daemon's log; if it is empty, the journal is.
 ExitCode doctor(const Environment& environment, const Options& options, const std::string& log);
+
+/// How pack, unpack and fleet publish.
+struct PublishOptions {
+    std::string key;  // path of the key file
+    std::string to;   // output folder
+    bool force = false;
+    bool dryRun = false;
+    std::string catalogue;        // pack, fleet: path; empty: the installed one
+    bool removeVanished = false;  // pack
+    std::string place;            // fleet: of a single template file
+    std::string errors;           // fleet: file for the failed rows
+};
+
+/// Publish a folder, recover one, and make and publish the files of a table's rows. Without a phone. Findings and
+/// failed rows that kept something from being written are ExitCode::failed.
+ExitCode pack(const Environment& environment, const Options& options, const std::string& folder,
+              const PublishOptions& publish);
+ExitCode unpack(const Environment& environment, const Options& options, const std::string& folder,
+                const PublishOptions& publish);
+ExitCode fleet(const Environment& environment, const Options& options, const std::string& table,
+               const std::string& templatePath, const PublishOptions& publish);
 
 }  // namespace zavctl

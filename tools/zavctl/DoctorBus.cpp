@@ -47,7 +47,7 @@ Finding checkPropertyService(Examination& examination) {
 
 // The daemon gives no answer: whether it runs. Its lock is not tried: a daemon that starts meanwhile would end.
 Finding silentDaemon() {
-    const Finding gone = error("zavd is not running", "Start it; its log says why it ended.");
+    Finding gone = error("zavd is not running", "Start it; its log says why it ended.");
     struct stat status {};
     if (::stat((zav::provisioningDirectory + "zavd:lock").c_str(), &status) != 0) {
         return errno == EACCES ? error("zavd does not answer", "Start it; if it runs, restart it.") : gone;

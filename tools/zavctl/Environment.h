@@ -17,6 +17,7 @@ struct Environment {
     std::ostream& out;
     std::ostream& err;
     bool outIsTerminal;
+    bool errIsTerminal;  // progress is shown there
     common::StopSignal& stopSignal;
     /// Makes SIGINT and SIGTERM trigger `stopSignal`. Call it before starting threads.
     std::function<void()> catchSignals;
@@ -24,6 +25,9 @@ struct Environment {
     std::function<std::shared_ptr<propertyapi::IPropertyApi>(std::shared_ptr<ipc::IIPCClient>)> makeProperties;
     /// If no pass has begun by then, `provision --wait` prints the likely reason.
     std::chrono::milliseconds hintAfter{2000};
+    /// How often `provision --wait` says how far the pass is where it cannot draw a bar.
+    std::chrono::milliseconds progressEvery{10000};
+    std::function<std::chrono::steady_clock::time_point()> now = &std::chrono::steady_clock::now;
 };
 
 }  // namespace zavctl

@@ -1,12 +1,19 @@
 #include <algorithm>
 #include <cmath>
 #include <cstdio>
+#include <iomanip>
 #include <optional>
+#include <stdexcept>
+#include <thread>
+#include <vector>
 
 #include "Commands.h"
+#include "DaemonLog.h"
 #include "Failure.h"
 #include "Output.h"
 #include "PassFollower.h"
+#include "PassProgress.h"
+#include "PassReasons.h"
 #include "Session.h"
 #include "debug/Debug.h"
 #include "propertyprotocol/Topics.h"
@@ -17,8 +24,14 @@ namespace {
 
 using Clock = PassFollower::Clock;
 
+constexpr char stateKey[] = "State.Provisioning";
+constexpr char success[] = "success";
+constexpr int levelWidth = 9;
 constexpr std::chrono::seconds settleTime{2};
-constexpr std::chrono::seconds progressInterval{1};
+constexpr std::chrono::milliseconds progressInterval{250};
+// How long the journal may take to have the end of a pass that has published its result.
+constexpr std::chrono::seconds journalLag{2};
+constexpr std::chrono::milliseconds journalPoll{200};
 // Finding the likely reason must not delay the exit if the property service hangs.
 constexpr std::chrono::milliseconds reasonTime{500};
 
@@ -43,23 +56,6 @@ std::optional<std::string> tryGet(propertyapi::IPropertyApi& properties, const s
 bool isScreenLocked(Session& session) {
     return tryGet(session.properties(), "State.Provisioning.LockUI") == std::optional<std::string>("1");
 }
-
-class ProgressLine {
- public:
-    explicit ProgressLine(const Environment& environment, bool json)
-        : out_(environment.out), shown_(environment.outIsTerminal && !json) {}
-
-    void show(const char* what, std::chrono::milliseconds elapsed) {
-        if (shown_) out_ << "\r\x1b[K" << what << " … " << elapsed.count() / 1000 << " s" << std::flush;
-    }
-    void clear() {
-        if (shown_) out_ << "\r\x1b[K" << std::flush;
-    }
-
- private:
-    std::ostream& out_;
-    const bool shown_;
-};
 
 // The likely reason why the requested pass has not begun.
 std::string likelyReason(Session& session, const PassFollower::State& state) {
@@ -95,18 +91,27 @@ std::string likelyReason(Session& session, const PassFollower::State& state) {
     throw Failure(ExitCode::timedOut, "timed-out", reason);
 }
 
+void showProgress(PassProgress& progress, const PassFollower& follower, ProgressFeed& feed,
+                  std::chrono::milliseconds elapsed) {
+    const PassFollower::State state = follower.state();
+    const std::vector<JobProgress> news = feed.take();
+    progress.show(state.passBegan ? "Provisioning" : "Waiting for the pass to begin",
+                  state.isEarlierPassRunning ? std::vector<JobProgress>() : news, elapsed);
+}
+
 std::string follow(const Environment& environment, const Options& options, Session& session, PassFollower& follower,
-                   std::chrono::milliseconds timeout) {
-    ProgressLine progress(environment, options.json);
+                   ProgressFeed& feed, std::chrono::milliseconds timeout) {
+    PassProgress progress(environment, options.json);
     const Clock::time_point start = Clock::now();
     const Clock::time_point end = start + timeout;
     Clock::time_point hintAt = std::min(end, start + environment.hintAfter);
     while (true) {
-        progress.show(follower.state().passBegan ? "Provisioning" : "Waiting for the pass to begin", since(start));
+        showProgress(progress, follower, feed, since(start));
         const std::optional<std::string> result =
             follower.waitUntil(std::min({end, hintAt, Clock::now() + progressInterval}));
         const PassFollower::State state = follower.state();
         const Clock::time_point now = Clock::now();
+        if (result) showProgress(progress, follower, feed, since(start));  // what came meanwhile
         if (result || !state.lostReason.empty() || now >= end) progress.clear();
         if (result) return *result;
         if (!state.lostReason.empty()) failLost(state.lostReason);
@@ -122,47 +127,112 @@ std::string follow(const Environment& environment, const Options& options, Sessi
     }
 }
 
+// Why the pass was not a success, or why that is not known.
+struct Explanation {
+    std::vector<Reason> reasons;
+    std::string unknown;
+};
+
+Explanation explain(const DaemonLog& log, std::size_t passes) {
+    const Clock::time_point end = Clock::now() + journalLag;
+    try {
+        while (true) {
+            PassReasons reasons;
+            log.read([&reasons](std::string_view line) { reasons.add(line); });
+            if (log.mayLag() && reasons.endedPasses() < passes && Clock::now() < end) {
+                std::this_thread::sleep_for(journalPoll);
+                continue;
+            }
+            if (!reasons.reasons().empty()) return {reasons.reasons(), ""};
+            if (reasons.hasPass()) return {{}, "the daemon's log has neither a warning nor an error of this pass"};
+            return {{}, "the daemon's log has no line of this pass: System.Debug.LevelMask.ZAV 7 logs everything"};
+        }
+    } catch (const std::runtime_error& reason) {
+        return {{}, reason.what()};
+    }
+}
+
+Json::Value toJson(const std::vector<Reason>& reasons) {
+    Json::Value list(Json::arrayValue);
+    for (const Reason& reason : reasons) {
+        Json::Value texts(Json::arrayValue);
+        for (const std::string& text : reason.texts) texts.append(text);
+        const Json::UInt64 count = reason.texts.size() + reason.more;
+        list.append(toObject({{"level", reason.level},
+                              {"texts", texts},
+                              {"count", count},
+                              {"advice", reason.advice.empty() ? Json::Value() : Json::Value(reason.advice)}}));
+    }
+    return list;
+}
+
+// At most three lines: one or two of the log, and the advice.
+void print(std::ostream& out, const Reason& reason) {
+    const auto line = [&out](const std::string& level, const std::string& text) {
+        out << std::left << std::setw(levelWidth) << level << dbg::escapeControls(text) << "\n";
+    };
+    const std::size_t count = reason.texts.size() + reason.more;
+    line(reason.level, reason.texts.front());
+    if (count == 2) line(reason.level, reason.texts.back());
+    if (count > 2) line("", "and " + std::to_string(count - 1) + " more such lines");
+    if (!reason.advice.empty()) line("", reason.advice);
+}
+
+void printResult(std::ostream& out, const std::string& result, const std::string& http,
+                 std::chrono::milliseconds duration) {
+    out << dbg::escapeControls(result);
+    if (result == "partSuccess") out << ": some jobs or settings were not applied";
+    out << " (HTTP " << (isNumber(http) ? http : "-") << ", " << seconds(duration) << ")" << std::endl;
+}
+
 ExitCode report(const Environment& environment, const Options& options, const std::string& result,
-                const std::string& http, std::chrono::milliseconds duration) {
+                const std::string& http, std::chrono::milliseconds duration, const Explanation& explanation) {
     if (options.json) {
         const Json::Int64 milliseconds = duration.count();
-        printJson(environment.out,
-                  toObject({{"result", result}, {"httpStatus", toNumber(http)}, {"milliseconds", milliseconds}}));
+        Json::Value object =
+            toObject({{"result", result}, {"httpStatus", toNumber(http)}, {"milliseconds", milliseconds}});
+        if (result != success) object["reasons"] = toJson(explanation.reasons);
+        if (!explanation.unknown.empty()) object["reasonsUnknown"] = explanation.unknown;
+        printJson(environment.out, object);
     } else {
-        environment.out << dbg::escapeControls(result);
-        if (result == "partSuccess") environment.out << ": some jobs or settings were not applied";
-        environment.out << " (HTTP " << (isNumber(http) ? http : "-") << ", " << seconds(duration) << ")" << std::endl;
+        printResult(environment.out, result, http, duration);
+        for (const Reason& reason : explanation.reasons) print(environment.out, reason);
+        if (!explanation.unknown.empty()) print(environment.out, {"unknown", {explanation.unknown}, 0, ""});
     }
-    return result == "success" || result == "partSuccess" ? ExitCode::done : ExitCode::failed;
+    return result == success || result == "partSuccess" ? ExitCode::done : ExitCode::failed;
 }
 
 }  // namespace
 
-ExitCode provision(const Environment& environment, const Options& options, bool wait,
-                   std::chrono::milliseconds timeout) {
+void requestProvisioning(const Environment& environment, const Options& options) {
+    Session session(environment, options.host);
+    session.properties().set(stateKey, clientName, "request");
+    if (options.json) {
+        printJson(environment.out, toObject({{"requested", true}}));
+    } else {
+        environment.out << "Provisioning requested." << std::endl;
+    }
+}
+
+ExitCode provisionAndWait(const Environment& environment, const Options& options, std::chrono::milliseconds timeout,
+                          const std::string& logPath) {
     PassFollower follower(clientName, settleTime);
-    Session::Subscriptions subscriptions;
-    if (wait) {
-        subscriptions = {{propertyprotocol::changeFilter("State"), &follower},
-                         {propertyprotocol::statusTopic, &follower}};
-    }
-    Session session(environment, options.host, subscriptions);
-    if (wait && isScreenLocked(session)) follower.expectEarlierResult();
+    ProgressFeed feed;
+    Session session(environment, options.host,
+                    {{propertyprotocol::changeFilter("State"), &follower},
+                     {propertyprotocol::statusTopic, &follower},
+                     {progressTopic, &feed}});
+    const bool earlier = isScreenLocked(session);
+    if (earlier) follower.expectEarlierResult();
+    const DaemonLog log(logPath);
     const Clock::time_point start = Clock::now();
-    session.properties().set("State.Provisioning", clientName, "request");
-    if (!wait) {
-        if (options.json) {
-            printJson(environment.out, toObject({{"requested", true}}));
-        } else {
-            environment.out << "Provisioning requested." << std::endl;
-        }
-        return ExitCode::done;
-    }
-    const std::string result = follow(environment, options, session, follower, timeout);
+    session.properties().set(stateKey, clientName, "request");
+    const std::string result = follow(environment, options, session, follower, feed, timeout);
     const std::chrono::milliseconds duration = since(start);
     // The daemon writes the HTTP status before the result.
     const std::string http = tryGet(session.properties(), "State.Provisioning.HttpErrorCode").value_or("");
-    return report(environment, options, result, http, duration);
+    const Explanation explanation = result == success ? Explanation() : explain(log, earlier ? 2 : 1);
+    return report(environment, options, result, http, duration, explanation);
 }
 
 }  // namespace zavctl

@@ -104,21 +104,40 @@ Json::Value toJson(const Settings& settings) {
     return root;
 }
 
-Settings readSettings(const std::string& path) {
+namespace {
+
+Json::Value documentIn(const std::string& path) {
     Json::Value root;
     if (const auto error = propertyprotocol::parseJson(contentOf(path), root)) fail(path, error->text());
-    if (!root.isObject() || root["version"] != 1 || !root["properties"].isObject()) {
-        fail(path, "is not a settings file; expected {\"version\": 1, \"properties\": {KEY: VALUE, ...}}");
-    }
+    return root;
+}
+
+Settings settingsIn(const std::string& path, const Json::Value& properties) {
     Settings settings;
-    for (const std::string& key : root["properties"].getMemberNames()) {
-        const Json::Value& value = root["properties"][key];
+    for (const std::string& key : properties.getMemberNames()) {
+        const Json::Value& value = properties[key];
         if (!value.isString() && !value.isNull()) {
             fail(path, key + ": its value must be a string (\"5\", not 5), or null for the default");
         }
         settings[key] = value.isNull() ? std::nullopt : std::optional<std::string>(value.asString());
     }
     return settings;
+}
+
+}  // namespace
+
+Settings readSettings(const std::string& path) {
+    const Json::Value root = documentIn(path);
+    if (!root.isObject() || root["version"] != 1 || !root["properties"].isObject()) {
+        fail(path, "is not a settings file; expected {\"version\": 1, \"properties\": {KEY: VALUE, ...}}");
+    }
+    return settingsIn(path, root["properties"]);
+}
+
+Settings readProperties(const std::string& path) {
+    const Json::Value root = documentIn(path);
+    if (!root.isObject()) fail(path, "is not a JSON object of keys and values");
+    return root["properties"].isObject() ? settingsIn(path, root["properties"]) : settingsIn(path, root);
 }
 
 void writePrivateFile(const std::string& path, const std::string& text, bool replace) {

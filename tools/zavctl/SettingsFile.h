@@ -18,6 +18,9 @@ Json::Value toJson(const Settings& settings);
 /// "-" reads standard input. Throws a Failure with the file and the error.
 Settings readSettings(const std::string& path);
 
+/// The same, but also accepts the properties alone: {KEY: VALUE, …}.
+Settings readProperties(const std::string& path);
+
 /// Writes a file that holds secrets.
 ///
 /// A regular file is written completely or not at all, with mode 0600; an existing one is replaced only with `replace`.

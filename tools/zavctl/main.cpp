@@ -54,10 +54,11 @@ int main(int argc, char** argv) {
     commandEnded();
     const auto reception = common::signal::registerHandler();
 
-    const zavctl::Environment environment{
+    zavctl::Environment environment{
         std::cout,
         std::cerr,
         ::isatty(STDOUT_FILENO) != 0,
+        ::isatty(STDERR_FILENO) != 0,
         stopSignal(),
         catchSignals,
         [](const std::string& host) { return ipc::IPCFactory::createInstanceShared(zavctl::clientName, host, true); },

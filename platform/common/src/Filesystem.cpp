@@ -3,12 +3,14 @@
 #include <filesystem>
 #include <system_error>
 
+#include "common/PathRoot.h"
+
 namespace filesystem {
 
 void removeAllFromDirectory(const std::string& directory) {
     namespace fs = std::filesystem;
     std::error_code error;
-    fs::directory_iterator entries(directory, error);
+    fs::directory_iterator entries(common::rooted(directory), error);
     if (error == std::errc::no_such_file_or_directory) return;
     if (error) throw fs::filesystem_error("cannot read the folder", directory, error);
 

@@ -1,13 +1,14 @@
 #include "OpenDescriptors.h"
 
+#include <dirent.h>
 #include <fcntl.h>
 #include <unistd.h>
 
 #include <algorithm>
+#include <cerrno>
 #include <charconv>
-#include <filesystem>
-#include <string>
-#include <system_error>
+#include <cstring>
+#include <memory>
 
 namespace common {
 
@@ -26,19 +27,20 @@ int highestByTrying() {
 
 }  // namespace
 
+// By readdir, which needs no memory: an iterator of std::filesystem ends the process when it finds none.
 int highestOpenDescriptor(const char* listing) {
-    std::error_code error;
-    std::filesystem::directory_iterator entry(listing, error);
-    if (error) return highestByTrying();
+    const std::unique_ptr<DIR, int (*)(DIR*)> folder(opendir(listing), closedir);
+    if (!folder) return highestByTrying();
     int highest = STDERR_FILENO;
-    for (; entry != std::filesystem::directory_iterator(); entry.increment(error)) {
-        const std::string name = entry->path().filename().string();
+    errno = 0;
+    // NOLINTNEXTLINE(concurrency-mt-unsafe): no other thread reads this stream
+    while (const dirent* entry = readdir(folder.get())) {
         int descriptor = 0;
-        if (std::from_chars(name.data(), name.data() + name.size(), descriptor).ec == std::errc()) {
+        if (std::from_chars(entry->d_name, entry->d_name + std::strlen(entry->d_name), descriptor).ec == std::errc()) {
             highest = std::max(highest, descriptor);
         }
     }
-    return error ? highestByTrying() : highest;
+    return errno != 0 ? highestByTrying() : highest;
 }
 
 void closeInChild(posix_spawn_file_actions_t& actions) {

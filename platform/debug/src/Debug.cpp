@@ -8,6 +8,7 @@
 #include <cerrno>
 #include <cstdlib>
 #include <ctime>
+#include <utility>
 
 #include "Output.h"
 
@@ -68,6 +69,11 @@ Output& output() {
     return *standardError;
 }
 
+Sink& redirection() {
+    static auto* const sink = new Sink;
+    return *sink;
+}
+
 /// To the journal each line of a text is an entry of its own.
 std::string eachLineAfter(std::string text, const std::string& prefix) {
     for (auto end = text.find('\n'); end != std::string::npos; end = text.find('\n', end + 1)) {
@@ -121,18 +127,17 @@ Stream::~Stream() { emit(); }
 void Stream::append(const std::string& text) { text_ += escapeControls(text); }
 
 Stream& Stream::operator<<(const std::string& text) {
-    if (open_) append(text);
-    return *this;
+    return ifOpen([&] { append(text); });
 }
 
 Stream& Stream::operator<<(const char* text) {
-    if (open_ && text != nullptr) append(text);
-    return *this;
+    return ifOpen([&] {
+        if (text != nullptr) append(text);
+    });
 }
 
 Stream& Stream::operator<<(Verbatim text) {
-    if (open_) text_ += text.text;
-    return *this;
+    return ifOpen([&] { text_ += text.text; });
 }
 
 Stream& Stream::operator<<(std::ostream& (*)(std::ostream&)) {
@@ -145,6 +150,10 @@ void Stream::emit() {
     if (!open_) return;
     open_ = false;
     try {
+        if (const Sink& sink = redirection()) {
+            sink({level_, withoutExtension(file_), line_, text_});
+            return;
+        }
         output().write(lineOf(level_, file_, line_, text_), lossNotice);
     } catch (...) {  // out of memory: the line is dropped
     }
@@ -168,6 +177,8 @@ void Debug::setDebugLevelMask(const std::string& mask) {
     }
     levelMask.store(static_cast<unsigned>(value & allLevels));
 }
+
+void Debug::redirect(Sink sink) { redirection() = std::move(sink); }
 
 void Debug::beginShutdown() { output().beginShutdown(); }
 

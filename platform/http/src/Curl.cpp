@@ -99,6 +99,8 @@ Curl::Curl(CurlSettings settings) : state_(std::make_unique<State>(std::move(set
 
 Curl::~Curl() = default;
 
+const CurlSettings& Curl::settings() const { return state_->settings; }
+
 long Curl::getHttpCode() const { return state_->httpCode; }
 
 void Curl::setProgressCallback(ProgressCallback callback) {

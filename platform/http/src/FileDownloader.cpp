@@ -9,6 +9,7 @@
 #include "Credentials.h"
 #include "CurlState.h"
 #include "DownloadFolders.h"
+#include "LocalTransfer.h"
 #include "PartialFile.h"
 #include "ResumePlan.h"
 #include "Transfer.h"
@@ -55,6 +56,7 @@ class Download {
     };
 
     int attempt();
+    int attemptLocally();
     bool mayRetry(int result) const;
     bool waitForRetry(std::chrono::seconds pause);
     std::uint64_t limit() const;
@@ -106,8 +108,11 @@ int Download::run() {
         if (!pause || !waitForRetry(*pause)) break;
         result = attempt();
     }
-    if (result == CURLE_OK && status_ == httpOk) file_.commit();
+    if (result == CURLE_OK && status_ == httpOk) {
+        file_.commit(client_.settings.sync ? PartialFile::Sync::yes : PartialFile::Sync::no);
+    }
     logUnsetClock(result);
+    if (client_.settings.onEnd) client_.settings.onEnd(source_.text(), result, status_);
     return result;
 }
 
@@ -135,6 +140,7 @@ bool Download::waitForRetry(std::chrono::seconds pause) {
 
 // Follows redirects from the source to the final response.
 int Download::attempt() {
+    if (client_.settings.standIn) return attemptLocally();
     Hop hop(source_);
     for (;;) {
         Transfer transfer(client_, security_, context_, identityFor(hop.url));
@@ -155,6 +161,12 @@ int Download::attempt() {
         }
         follow(hop, next);
     }
+}
+
+int Download::attemptLocally() {
+    const LocalAnswer answer = client_.settings.standIn(source_.text());
+    client_.httpCode = status_ = answer.status;
+    return answer.status == httpOk ? transferLocally(answer.file, client_, context_) : CURLE_OK;
 }
 
 // Only the configured server learns who the phone is. Its URL is read once, so that an outage between two attempts does
@@ -220,6 +232,8 @@ void Download::record(const Transfer& transfer) {
 }
 
 }  // namespace
+
+std::optional<std::uint64_t> sizeLimitOf(const std::string& destination) { return limitOf(destination); }
 
 FileDownloader::FileDownloader(std::shared_ptr<Curl> curl, Security& security,
                                std::shared_ptr<propertyapi::IPropertyApi> properties)

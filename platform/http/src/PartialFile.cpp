@@ -11,6 +11,8 @@
 #include <string_view>
 #include <system_error>
 
+#include "common/PathRoot.h"
+
 namespace zav {
 
 namespace {
@@ -29,7 +31,8 @@ bool hasParentSegment(const std::string& path) { return ("/" + path + "/").find(
 void makeFolders(const std::string& path) {
     for (std::size_t end = path.find('/', 1);; end = path.find('/', end + 1)) {
         const std::string folder = path.substr(0, end);
-        if (::mkdir(folder.c_str(), 0700) != 0 && errno != EEXIST) fail(errno, "Cannot create the folder " + folder);
+        if (::mkdir(common::rooted(folder).c_str(), 0700) != 0 && errno != EEXIST)
+            fail(errno, "Cannot create the folder " + folder);
         if (end == std::string::npos) return;
     }
 }
@@ -45,7 +48,7 @@ PartialFile::PartialFile(const std::string& destination) : destination_(destinat
 
     const auto last = folder.find_last_not_of('/');
     if (last != std::string::npos) makeFolders(folder.substr(0, last + 1));
-    folder_.reset(::open(folder.c_str(), O_RDONLY | O_DIRECTORY | O_CLOEXEC));
+    folder_.reset(::open(common::rooted(folder).c_str(), O_RDONLY | O_DIRECTORY | O_CLOEXEC));
     if (folder_.get() < 0) fail(errno, "Cannot open the folder " + folder);
     ::unlinkat(folder_.get(), temporaryName_.c_str(), 0);
     file_.reset(
@@ -86,13 +89,13 @@ void PartialFile::restart() {
     size_ = 0;
 }
 
-void PartialFile::commit() {
-    if (::fsync(file_.get()) != 0) fail(errno, "Cannot sync " + destination_);
+void PartialFile::commit(Sync sync) {
+    if (sync == Sync::yes && ::fsync(file_.get()) != 0) fail(errno, "Cannot sync " + destination_);
     if (::renameat(folder_.get(), temporaryName_.c_str(), folder_.get(), name_.c_str()) != 0) {
         fail(errno, "Cannot replace " + destination_);
     }
     committed_ = true;
-    if (::fsync(folder_.get()) != 0) fail(errno, "Cannot sync the folder of " + destination_);
+    if (sync == Sync::yes && ::fsync(folder_.get()) != 0) fail(errno, "Cannot sync the folder of " + destination_);
 }
 
 }  // namespace zav

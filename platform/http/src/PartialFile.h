@@ -36,8 +36,11 @@ class PartialFile {
     /// Empties the file.
     void restart();
 
-    /// Syncs the file, replaces the destination with it and syncs the folder. Blocks on the disk.
-    void commit();
+    enum class Sync { no, yes };
+
+    /// Syncs the file, replaces the destination with it and syncs the folder. Blocks on the disk; without the syncs the
+    /// file may be lost or empty after a crash of the system.
+    void commit(Sync sync = Sync::yes);
 
  private:
     const std::string destination_;

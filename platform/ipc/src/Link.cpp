@@ -8,6 +8,7 @@
 #include <sys/socket.h>
 
 #include <cerrno>
+#include <new>
 
 namespace ipc {
 
@@ -191,6 +192,15 @@ bool Link::resumeReading() {
 
 // ---- libmosquitto's callbacks ----
 
+template <typename Function>
+void Link::guarded(Function&& callback) {
+    try {
+        callback();
+    } catch (const std::bad_alloc&) {
+        fail("out of memory");  // short enough to need none
+    }
+}
+
 void Link::onConnect(mosquitto*, void* self, int reason, int, const mosquitto_property* properties) {
     auto& link = *static_cast<Link*>(self);
     if (reason != 0) {
@@ -225,13 +235,14 @@ void Link::onPublish(mosquitto*, void* self, int identifier, int reason, const m
     // Also called when a message with quality of service 0 has been written.
     if (!link.reading_) return;
     ++link.arrivals_;
-    link.listener_.acknowledged(identifier, reason);
+    link.guarded([&] { link.listener_.acknowledged(identifier, reason); });
 }
 
 void Link::onSubscribe(mosquitto*, void* self, int identifier, int count, const int* granted,
                        const mosquitto_property*) {
+    auto& link = *static_cast<Link*>(self);
     const bool refused = count > 0 && granted[0] >= 128;
-    static_cast<Link*>(self)->listener_.subscribed(identifier, refused ? mosquitto_reason_string(granted[0]) : "");
+    link.guarded([&] { link.listener_.subscribed(identifier, refused ? mosquitto_reason_string(granted[0]) : ""); });
 }
 
 void Link::onMessage(mosquitto*, void* self, const mosquitto_message* message, const mosquitto_property* properties) {
@@ -244,7 +255,9 @@ void Link::onMessage(mosquitto*, void* self, const mosquitto_message* message, c
     incoming.qualityOfService = message->qos;
     incoming.properties = properties;
     ++link.arrivals_;
-    if (!link.listener_.arrived(incoming)) link.readingPaused_ = true;
+    link.guarded([&] {
+        if (!link.listener_.arrived(incoming)) link.readingPaused_ = true;
+    });
 }
 
 }  // namespace ipc

@@ -99,6 +99,10 @@ class Link {
     int readPackets();
     void noteWrite();
 
+    /// Runs a callback. An exception must not reach libmosquitto, which is C: without memory the connection is lost.
+    template <typename Function>
+    void guarded(Function&& callback);
+
     static void onConnect(mosquitto*, void* self, int reason, int flags, const mosquitto_property*);
     static void onDisconnect(mosquitto*, void* self, int reason, const mosquitto_property*);
     static void onPublish(mosquitto*, void* self, int identifier, int reason, const mosquitto_property*);

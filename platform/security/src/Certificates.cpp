@@ -20,6 +20,7 @@
 #include <utility>
 
 #include "common/Descriptor.h"
+#include "common/PathRoot.h"
 
 namespace zav {
 
@@ -47,7 +48,7 @@ std::unique_ptr<X509, Free> parse(const std::string& der) {
 
 std::string readFile(const std::string& path, std::size_t limit, Links links) {
     const int noFollow = links == Links::refuse ? O_NOFOLLOW : 0;
-    const common::Descriptor file(::open(path.c_str(), O_RDONLY | O_CLOEXEC | O_NONBLOCK | noFollow));
+    const common::Descriptor file(::open(common::rooted(path).c_str(), O_RDONLY | O_CLOEXEC | O_NONBLOCK | noFollow));
     if (file.get() < 0) throwReadError(path);
     struct stat status {};
     if (::fstat(file.get(), &status) != 0) throwReadError(path);

@@ -10,6 +10,7 @@
 #include <utility>
 
 #include "Certificates.h"
+#include "common/PathRoot.h"
 #include "common/ThreadSafety.h"
 #include "debug/Debug.h"
 
@@ -28,7 +29,7 @@ enum class IfMissing { ignore, warn };
 
 bool exists(const char* path) {
     struct stat status {};
-    return ::stat(path, &status) == 0 || errno != ENOENT;
+    return ::stat(common::rooted(path).c_str(), &status) == 0 || errno != ENOENT;
 }
 
 // A bundle that cannot be read counts as empty, so that the certificates of the other one are still trusted.
@@ -80,7 +81,8 @@ std::shared_ptr<const DeviceIdentity> checkedIdentity() {
     try {
         auto identity = readIdentity();
         struct stat status {};
-        if (identity != nullptr && ::stat(identityFile, &status) == 0 && (status.st_mode & (S_IROTH | S_IWOTH)) != 0) {
+        if (identity != nullptr && ::stat(common::rooted(identityFile).c_str(), &status) == 0 &&
+            (status.st_mode & (S_IROTH | S_IWOTH)) != 0) {
             dbg::Debug::warning() << "Device certificate: every user can read or replace the private key in "
                                   << identityFile << std::endl;
         }

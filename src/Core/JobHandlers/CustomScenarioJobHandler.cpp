@@ -15,8 +15,6 @@ namespace {
 
 constexpr const char* urlAttribute = "url";
 constexpr const char* forceAcceptFlag = "FORCE_ACCEPT";
-constexpr const char* phoneBookDirectory = "/var/volatile/contacts/";
-constexpr const char* certificateDirectory = "/custom/certs/_storage/";
 constexpr int functionKeys = 8;
 
 }  // namespace
@@ -28,12 +26,23 @@ CustomScenarioJobHandler::CustomScenarioJobHandler(const JobDescription& job, st
                                                    ProvisioningStatusReporter& statusReporter,
                                                    std::shared_ptr<IProvisioningWorker> worker)
     : JobHandler(job, std::move(curl), security, properties, reader, progressReporter, statusReporter),
-      steps_{{"certificate", &CustomScenarioJobHandler::applyCertificateStep},
-             {"UnlockAllFunctionKeys", &CustomScenarioJobHandler::unlockAllFunctionKeysStep},
-             {"Redirect", &CustomScenarioJobHandler::redirectStep},
-             {"LocalPhoneBook", &CustomScenarioJobHandler::localPhoneBookStep}},
       worker_(std::move(worker)) {
     handlerName_ = "CustomScenarioJobHandler";
+}
+
+const std::map<std::string, CustomScenarioJobHandler::Step>& CustomScenarioJobHandler::steps() {
+    static const std::map<std::string, Step> steps{
+        {"certificate", &CustomScenarioJobHandler::applyCertificateStep},
+        {"UnlockAllFunctionKeys", &CustomScenarioJobHandler::unlockAllFunctionKeysStep},
+        {"Redirect", &CustomScenarioJobHandler::redirectStep},
+        {"LocalPhoneBook", &CustomScenarioJobHandler::localPhoneBookStep}};
+    return steps;
+}
+
+std::vector<std::string> CustomScenarioJobHandler::stepTypes() {
+    std::vector<std::string> types;
+    for (const auto& [type, operation] : steps()) types.push_back(type);
+    return types;
 }
 
 int CustomScenarioJobHandler::run() {
@@ -41,8 +50,8 @@ int CustomScenarioJobHandler::run() {
     for (const Attributes& step : job_->items) {
         Pass::current().throwIfOverdue();
         const std::string type = attributeOr(step, "type", "???");
-        const auto operation = steps_.find(type);
-        if (operation == steps_.end()) {
+        const auto operation = steps().find(type);
+        if (operation == steps().end()) {
             dbg::Debug::warning() << "Custom step type " << quote(type) << " not implemented" << std::endl;
             continue;
         }
@@ -74,8 +83,7 @@ bool CustomScenarioJobHandler::applyCertificateStep(const Attributes& step) {
     const std::string destination = formatUrl(certificateDirectory + urlInfo.localName(), properties_);
     // The error line calls a certificate a firmware file too.
     if (!downloadAndReport("firmware", source, destination)) return false;
-    return applyCertificate(destination.substr(std::string(certificateDirectory).size()), destination,
-                            flags == forceAcceptFlag);
+    return applyCertificate(destination.substr(certificateDirectory.size()), destination, flags == forceAcceptFlag);
 }
 
 bool CustomScenarioJobHandler::applyCertificate(const std::string& fileName, const std::string& path,

@@ -2,12 +2,18 @@
 #pragma once
 
 #include <map>
+#include <string>
+#include <vector>
 
 #include "Core/JobHandlers/JobHandler.h"
 #include "Core/ProvisioningWatchdog/IProvisioningWorker.h"
 #include "http/UrlInfo.h"
 
 namespace zav {
+
+/// Where downloads of steps are stored, ending in "/".
+inline const std::string phoneBookDirectory = "/var/volatile/contacts/";
+inline const std::string certificateDirectory = "/custom/certs/_storage/";
 
 class CustomScenarioJobHandler : public JobHandler {
  public:
@@ -19,6 +25,9 @@ class CustomScenarioJobHandler : public JobHandler {
 
     /// Success or fail, never partial success.
     int run() override;
+
+    /// The step types that exist.
+    static std::vector<std::string> stepTypes();
 
     virtual bool applyCertificateStep(const Attributes& step);
 
@@ -32,7 +41,8 @@ class CustomScenarioJobHandler : public JobHandler {
     UrlInfo resolveStepUrl(const Attributes& step) const;
     bool downloadAndReport(const std::string& kind, const std::string& source, const std::string& destination);
 
-    const std::map<std::string, Step> steps_;
+    static const std::map<std::string, Step>& steps();
+
     const std::shared_ptr<IProvisioningWorker> worker_;
 };
 

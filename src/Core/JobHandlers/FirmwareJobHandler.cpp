@@ -3,6 +3,7 @@
 #include <algorithm>
 
 #include "Core/Constants.h"
+#include "Core/JobHandlers/PassObserver.h"
 #include "Core/Pass.h"
 #include "Core/Utils.h"
 #include "common/Quote.h"
@@ -27,8 +28,11 @@ int FirmwareJobHandler::run() {
     forceAccept_ = std::any_of(job_->items.begin(), job_->items.end(), [](const Attributes& item) {
         return attributeOr(item, "flags", "") == forceAcceptFlag;
     });
-    const bool automatic = properties_->get(constants.firmwareAutomaticCheckKey) == automaticCheckOn;
-    if (!automatic && !triggeredByRequest_ && !forceAccept_) return jobSuccess;
+    automatic_ = properties_->get(constants.firmwareAutomaticCheckKey) == automaticCheckOn;
+    if (!automatic_ && !triggeredByRequest_ && !forceAccept_) {
+        PassObserver::current().firmwareNotWanted();
+        return jobSuccess;
+    }
 
     const std::string url = findUpgradableVersion();
     if (url.empty()) {
@@ -62,12 +66,15 @@ bool FirmwareJobHandler::isUpgradable(const std::string& versionText) const {
     auto& factory = version::IFirmwareVersionFactory::getInstance();
     const auto running = factory.create(consts.currentVersion(), "");
     const auto offered = factory.create(consts.offeredVersion(), versionText);
-    switch (running->compare(*offered)) {
-        case version::Comparison::newer:
-            return true;
+    const version::Comparison outcome = running->compare(*offered);
+    // A forced job may downgrade, an update that a user requested may not.
+    const bool installs = outcome == version::Comparison::newer ||
+                          (outcome == version::Comparison::older && forceAccept_ && !triggeredByRequest_);
+    PassObserver::current().firmwareDecided(
+        {running->text(), offered->text(), outcome, automatic_, triggeredByRequest_, forceAccept_, installs});
+    if (installs) return true;
+    switch (outcome) {
         case version::Comparison::older:
-            // A forced job may downgrade, an update that a user requested may not.
-            if (forceAccept_ && !triggeredByRequest_) return true;
             dbg::Debug::error() << quote(offered->text(), running->text(), "is older than") << std::endl;
             return false;
         case version::Comparison::equal:
@@ -76,6 +83,7 @@ bool FirmwareJobHandler::isUpgradable(const std::string& versionText) const {
         case version::Comparison::malformed:
             dbg::Debug::error() << "New firmware version" << quote(offered->text()) << "is invalid!" << std::endl;
             return false;
+        case version::Comparison::newer:
         case version::Comparison::noUpgradePath:
             break;
     }

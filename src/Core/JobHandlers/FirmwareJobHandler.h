@@ -26,6 +26,7 @@ class FirmwareJobHandler : public JobHandler {
  private:
     bool isUpgradable(const std::string& versionText) const;
 
+    bool automatic_ = false;
     bool triggeredByRequest_ = false;
     bool forceAccept_ = false;
 };

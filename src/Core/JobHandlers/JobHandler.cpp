@@ -6,6 +6,7 @@
 
 #include "Core/Constants.h"
 #include "Core/JobHandlers/JobHandlerFactory.h"
+#include "Core/JobHandlers/PassObserver.h"
 #include "Core/JobHandlers/ProvisioningFileParser.h"
 #include "Core/JobHandlers/RegularExpression.h"
 #include "Core/Pass.h"
@@ -22,8 +23,6 @@ constexpr const char* oldestVersion = "1000-01-01_01:01:01";
 constexpr const char* versionPattern =
     R"(^(20[0-9][0-9]-(0[1-9]|1[012])-(0[1-9]|[12][0-9]|3[01])_([01][0-9]|2[0-3]):[0-5][0-9]:[0-5][0-9]|V\d\d\d.\d\d\d.\d\d\d)$)";
 
-using AllowedJobs = std::vector<std::pair<std::string, std::string>>;
-
 const AllowedJobs jobsOfVersion10{{"provisioning", "category"}, {"nvm", "file"},       {"custom", "file"},
                                   {"firmware", "file"},         {"settings", "param"}, {"scenario", "step"}};
 const AllowedJobs jobsOfVersion11{{"nvm", "param"}, {"custom", "step"}, {"firmware", "file"}};
@@ -35,11 +34,11 @@ bool contains(const AllowedJobs& jobs, const JobDescription& job) {
 bool isAllowed(const JobDescription& job) {
     Pass::current().throwIfOverdue();
     const std::string version = currentProvisioningVersion();
-    if (version == "1.0" && contains(jobsOfVersion10, job)) return true;
-    if (version == "1.1" && contains(jobsOfVersion11, job)) return true;
+    if (contains(allowedJobs(version), job)) return true;
     dbg::Debug::warning() << "Job: " << job.name << " " << job.itemName
                           << " is not valid for provisioning version: " << version << " and it will not be started"
                           << std::endl;
+    PassObserver::current().jobDropped(job, "not a job of format " + quote(version));
     return false;
 }
 
@@ -58,14 +57,18 @@ JobHandler::JobHandler(const JobDescription& job, std::shared_ptr<Curl> curl, Se
 
 const std::string& JobHandler::getName() { return handlerName_; }
 
-std::string JobHandler::findNewestUrl(const JobDescription& job) {
+std::string JobHandler::findNewestUrl(const JobDescription& job) { return newestUrl(job); }
+
+std::string newestUrl(const JobDescription& job) {
     std::string newest = oldestVersion;
+    bool unversioned = false;
     std::string url;
     for (const Attributes& item : job.items) {
         Pass::current().throwIfOverdue();
         const auto version = item.find("version");
         if (version == item.end()) {
             url = item.at("url");
+            unversioned = true;
             dbg::Debug::info() << "Found url without version tag, assuming newest version is: " << url << std::endl;
             break;
         }
@@ -75,6 +78,7 @@ std::string JobHandler::findNewestUrl(const JobDescription& job) {
         }
     }
     dbg::Debug::info() << "Newest:" << url << std::endl;
+    PassObserver::current().fileChosen(job, url, unversioned || url.empty() ? "" : newest);
     return url;
 }
 
@@ -84,14 +88,16 @@ int JobHandler::startJob(const JobDescription& job) {
     if (!pass.mayNestHandler()) {
         dbg::Debug::error() << "Job: " << job.name << " is nested more than " << Pass::maximumHandlerDepth
                             << " handlers deep and will not be started" << std::endl;
+        PassObserver::current().jobDropped(job, "nested too deeply");
         return jobFail;
     }
     const Pass::HandlerScope scope(pass);
     const auto handler =
         JobHandlerFactory::create(job, curl_, security_, properties_, reader_, progressReporter_, statusReporter_);
     if (!handler) return jobFail;
+    const ProgressPublisher::Job progress = progressOf(job);
     dbg::Debug::info() << "+++++ Starting " << handler->getName() << std::endl;
-    const int result = handler->run();
+    const int result = runObserved(job, *handler);
     dbg::Debug::info() << "-----Finishing " << handler->getName() << std::endl;
     return result;
 }
@@ -159,9 +165,20 @@ bool hasItems(const JobDescription& job, const char* file, int line) {
     return false;
 }
 
+ProgressPublisher::Job progressOf(const JobDescription& job) {
+    const bool settings = job.name == "settings" || job.itemName == "param";
+    return {Pass::current().progress(), job.name, settings ? "items" : "bytes", settings ? job.items.size() : 0};
+}
+
 void removeJobsNotAllowed(std::vector<JobDescription>& jobs) {
     jobs.erase(std::remove_if(jobs.begin(), jobs.end(), [](const JobDescription& job) { return !isAllowed(job); }),
                jobs.end());
+}
+
+const AllowedJobs& allowedJobs(const std::string& version) {
+    static const AllowedJobs none;
+    if (version == "1.0") return jobsOfVersion10;
+    return version == "1.1" ? jobsOfVersion11 : none;
 }
 
 bool isValidVersion(const std::string& version) {

@@ -10,6 +10,7 @@
 #include <vector>
 
 #include "Core/JobHandlers/JobDescription.h"
+#include "Core/ProgressPublisher.h"
 #include "Core/ProvisioningStatusReporter.h"
 #include "Core/ProvisioningWatchdog/ProgressReporter.h"
 #include "http/Curl.h"
@@ -75,6 +76,11 @@ class JobHandler {
 /// False, with a log line of the given source position, if the job has no items.
 bool hasItems(const JobDescription& job, const char* file, int line);
 
+/// Publishes the progress of a job of the running pass for as long as the returned object lives: of a settings job its
+/// settings, of any other the file that it downloads. The job must outlive the object, and its name be one of those
+/// that have a handler.
+ProgressPublisher::Job progressOf(const JobDescription& job);
+
 /// Calls `runJob` for each job that has items, in order, and frees each job before the next one runs. Logs a line of
 /// the caller's source file for a job without items.
 template <typename RunJob>
@@ -86,8 +92,17 @@ void runEach(std::vector<JobDescription>& jobs, RunJob runJob, const char* file 
     }
 }
 
+/// Job name and item name.
+using AllowedJobs = std::vector<std::pair<std::string, std::string>>;
+
+/// The jobs that a pass of this format version runs.
+const AllowedJobs& allowedJobs(const std::string& version);
+
 /// Removes the jobs that the format version of the running pass does not allow. Logs a warning for each.
 void removeJobsNotAllowed(std::vector<JobDescription>& jobs);
+
+/// What JobHandler::findNewestUrl returns; logs it. For a thread with a pass.
+std::string newestUrl(const JobDescription& job);
 
 /// Whether the text is the version of a published file: a time stamp or the "V" form. Logs a warning if not.
 bool isValidVersion(const std::string& version);

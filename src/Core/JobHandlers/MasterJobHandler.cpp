@@ -1,5 +1,7 @@
 #include "Core/JobHandlers/MasterJobHandler.h"
 
+#include <algorithm>
+
 #include "Core/Constants.h"
 #include "Core/Pass.h"
 #include "Core/Utils.h"
@@ -9,7 +11,13 @@
 namespace zav {
 
 bool MasterJobHandler::isSupportedJobType(const std::string& type) {
-    return type == "firmware" || type == "nvm" || type == "custom";
+    const std::vector<std::string>& types = supportedJobTypes();
+    return std::find(types.begin(), types.end(), type) != types.end();
+}
+
+const std::vector<std::string>& MasterJobHandler::supportedJobTypes() {
+    static const std::vector<std::string> types{"firmware", "nvm", "custom"};
+    return types;
 }
 
 int MasterJobHandler::run() {

@@ -17,6 +17,9 @@ class MasterJobHandler : public JobHandler {
     /// Always returns jobSuccess: each category reports its own result to the status reporter.
     int run() override;
 
+    /// The category types that exist; others are passed over.
+    static const std::vector<std::string>& supportedJobTypes();
+
     virtual bool isSupportedJobType(const std::string& type);
 
  private:

@@ -4,6 +4,7 @@
 #include <utility>
 
 #include "Core/Constants.h"
+#include "Core/JobHandlers/PassObserver.h"
 #include "Core/Pass.h"
 #include "common/Quote.h"
 #include "debug/Debug.h"
@@ -12,12 +13,14 @@ namespace zav {
 
 namespace {
 
-constexpr const char* functionKeyPrefix = "PhoneUI.Keys.FunctionKeys.";
-constexpr const char* lockPostfix = "LockProvisioning";
 // Part of the error text; spelled out because __PRETTY_FUNCTION__ differs between compilers.
 constexpr const char* getIndexAndPostfixSignature =
     "std::pair<const std::basic_string<char>, const std::basic_string<char> > "
     "zav::{anonymous}::getIndexAndPostfix(const string&, const string&)";
+
+}  // namespace
+
+std::string lockKeyOf(const std::string& index) { return "FunctionKeys." + index + "." + lockPostfix; }
 
 std::pair<const std::string, const std::string> getIndexAndPostfix(const std::string& name, const std::string& prefix) {
     const auto dot = name.find('.', prefix.length());
@@ -26,8 +29,6 @@ std::pair<const std::string, const std::string> getIndexAndPostfix(const std::st
     }
     return {name.substr(prefix.length(), dot - prefix.length()), name.substr(dot + 1)};
 }
-
-}  // namespace
 
 bool isFunctionKeyParam(const std::string& name, const std::string& prefix) {
     if (name.compare(0, prefix.length(), prefix) != 0) return false;
@@ -53,6 +54,7 @@ int NVMJobHandler::run() {
 
 void NVMJobHandler::applyParams() {
     const Pass& pass = Pass::current();
+    std::uint64_t done = 0;
     for (const Attributes& param : job_->items) {
         if (pass.isOverdue()) {
             dbg::Debug::warning() << "The process is shutting down, " << applied_ << " of " << total_
@@ -72,10 +74,13 @@ void NVMJobHandler::applyParams() {
             }
         } catch (const propertyapi::PropertyNotFoundException& e) {
             dbg::Debug::warning() << e.what() << std::endl;
+            PassObserver::current().settingRefused(name, value, e.what());
         } catch (const std::exception& e) {
             dbg::Debug::error() << "Could not set param : " << quote(name, value, "=") << " (exception " << e.what()
                                 << ")" << std::endl;
+            PassObserver::current().settingRefused(name, value, e.what());
         }
+        if (pass.progress() != nullptr) pass.progress()->report(++done, job_->items.size());
     }
 }
 
@@ -83,8 +88,10 @@ void NVMJobHandler::applyFunctionKeyParam(const std::string& name, const std::st
     const auto [index, postfix] = getIndexAndPostfix(name, functionKeyPrefix);
     if (postfix == lockPostfix) {
         dbg::Debug::warning() << "This parameter can not be set by provisioning " << quote(name) << std::endl;
+        PassObserver::current().settingRefused(name, value, "can not be set by provisioning");
     } else if (isFunctionKeyLocked(index)) {
         dbg::Debug::warning() << "This parameter can not be changed because it is locked " << quote(name) << std::endl;
+        PassObserver::current().settingRefused(name, value, "the function key is locked");
     } else {
         dbg::Debug::info() << "Applying function key param: " << quote(name, value, "=") << std::endl;
         write(name, value);
@@ -95,7 +102,7 @@ void NVMJobHandler::applyFunctionKeyParam(const std::string& name, const std::st
 bool NVMJobHandler::isFunctionKeyLocked(const std::string& index) {
     auto flag = lockCache_.find(index);
     if (flag == lockCache_.end()) {
-        flag = lockCache_.emplace(index, properties_->get("FunctionKeys." + index + "." + lockPostfix)).first;
+        flag = lockCache_.emplace(index, properties_->get(lockKeyOf(index))).first;
     }
     return flag->second != "0";
 }

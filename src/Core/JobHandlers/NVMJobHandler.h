@@ -4,6 +4,8 @@
 
 #include <map>
 #include <stdexcept>
+#include <string>
+#include <utility>
 
 #include "Core/JobHandlers/JobHandler.h"
 
@@ -38,6 +40,15 @@ class NVMJobHandler : public JobHandler {
     int total_ = 0;
     int applied_ = 0;
 };
+
+/// Parameters of function keys: prefix, index, ".", the parameter's own name, which for the lock flag is the postfix.
+/// The flag that is looked at is another property.
+inline const std::string functionKeyPrefix = "PhoneUI.Keys.FunctionKeys.";
+inline const std::string lockPostfix = "LockProvisioning";
+std::string lockKeyOf(const std::string& index);
+
+/// Index and own name of a function key's parameter. Throws InvalidFormatException if there is no index.
+std::pair<const std::string, const std::string> getIndexAndPostfix(const std::string& name, const std::string& prefix);
 
 /// Whether the parameter belongs to a function key. If the name has the prefix and no valid index, throws
 /// InvalidFormatException or what std::stoi throws.

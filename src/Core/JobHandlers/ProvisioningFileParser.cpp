@@ -11,9 +11,11 @@
 
 #include "Core/Constants.h"
 #include "Core/GlobalConfig.h"
+#include "Core/JobHandlers/PassObserver.h"
 #include "Core/Pass.h"
 #include "common/Descriptor.h"
 #include "common/Execute.h"
+#include "common/PathRoot.h"
 #include "common/Quote.h"
 #include "debug/Debug.h"
 
@@ -37,7 +39,7 @@ std::size_t bytesOf(const Attributes& attributes) {
 
 // Empty if the key is readable.
 std::string keyFileError() {
-    const common::Descriptor key(::open(keyFile, O_RDONLY | O_CLOEXEC));
+    const common::Descriptor key(::open(common::rooted(keyFile).c_str(), O_RDONLY | O_CLOEXEC));
     char first = 0;
     if (key.get() >= 0 && ::read(key.get(), &first, 1) >= 0) return {};
     return std::string("Cannot read the key file ") + keyFile + ": " + common::reasonOf(errno);
@@ -45,29 +47,55 @@ std::string keyFileError() {
 
 int upper(char c) { return std::toupper(static_cast<unsigned char>(c)); }
 
+// In words.
+std::string refusal(const Attributes& root, bool product, bool macAddress, bool version) {
+    std::string text;
+    const auto add = [&](bool passed, const char* name, const char* meaning) {
+        if (passed) return;
+        text += (text.empty() ? "" : "; ") + std::string(name) + " " + quote(attributeOr(root, name, "")) + meaning;
+    };
+    add(product, "productID", " is not this product");
+    add(macAddress, "macAddress", " is not this phone's");
+    add(version, "version", " is not supported, or not that of the initial file");
+    return text;
+}
+
 const char* digit(bool passed) { return passed ? "1" : "0"; }
 
 }  // namespace
 
+const std::vector<std::string>& verifiableRoots() {
+    static const std::vector<std::string> roots{"provisioning", "firmware", "nvm", "settings", "custom", "scenario"};
+    return roots;
+}
+
+bool isFormatVersion(const std::string& version) {
+    return version >= oldestFormatVersion && version <= GlobalConfig::fileFormatVersion;
+}
+
+bool isMacAddressOf(const std::string& device, const std::string& address) {
+    return address.size() >= device.size() && std::equal(device.begin(), device.end(), address.begin(),
+                                                         [](char a, char b) { return upper(a) == upper(b); });
+}
+
 ProvisioningFileParser::ProvisioningFileParser(std::string filePath, XMLReader& reader,
-                                               std::shared_ptr<propertyapi::IPropertyApi> properties)
-    : filePath_(std::move(filePath)),
-      reader_(reader),
-      properties_(std::move(properties)),
-      verifiableRoots_{"provisioning", "firmware", "nvm", "settings", "custom", "scenario"} {
-    decrypt();
+                                               std::shared_ptr<propertyapi::IPropertyApi> properties,
+                                               Decryption decryption)
+    : filePath_(std::move(filePath)), reader_(reader), properties_(std::move(properties)) {
+    if (decryption == Decryption::inPlace) decrypt();
 }
 
 // Only openssl's exit status tells whether the file was encrypted. The path needs no quoting: local file names are
 // reduced to safe characters before the download.
 void ProvisioningFileParser::decrypt() {
-    const std::string temporary = filePath_ + ".tmp";
+    const std::string file = common::rooted(filePath_);
+    const std::string temporary = file + ".tmp";
     std::remove(temporary.c_str());  // openssl would follow a symbolic link
     try {
         os::execute(
-            "openssl enc -aes-128-cbc -d -in " + filePath_ + " -out " + temporary + " -pass file:/etc/zav.d/key",
+            "openssl enc -aes-128-cbc -d -in " + file + " -out " + temporary + " -pass file:" + common::rooted(keyFile),
             decryptionTimeout, Pass::current().stop().get());
-        std::rename(temporary.c_str(), filePath_.c_str());
+        std::rename(temporary.c_str(), file.c_str());
         return;
     } catch (const os::CommandNotStartedException& e) {
         decryptionError_ = e.what();
@@ -106,7 +134,9 @@ bool ProvisioningFileParser::parseInitialFile() {
 }
 
 bool ProvisioningFileParser::verify() {
-    if (std::find(verifiableRoots_.begin(), verifiableRoots_.end(), reader_.name()) == verifiableRoots_.end()) {
+    const std::vector<std::string>& roots = verifiableRoots();
+    if (std::find(roots.begin(), roots.end(), reader_.name()) == roots.end()) {
+        PassObserver::current().fileRefused(filePath_, "its root element is " + quote(reader_.name()));
         return false;
     }
     dbg::Debug::info() << "File " << filePath_ << " is verifiable" << std::endl;
@@ -121,6 +151,7 @@ bool ProvisioningFileParser::verify() {
         }
         dbg::Debug::error() << "File " << filePath_ << " check error: ID=" << digit(product)
                             << " MAC=" << digit(macAddress) << " VER=" << digit(version) << std::endl;
+        PassObserver::current().fileRefused(filePath_, refusal(root, product, macAddress, version));
     } catch (const std::exception& e) {
         dbg::Debug::error() << "XML File doesn't meet provisioning requirements. Exception thrown: " << e.what()
                             << std::endl;
@@ -142,7 +173,6 @@ bool ProvisioningFileParser::verifyProduct(const Attributes& root) const {
     return true;
 }
 
-// Compares as many characters as the device's own address has, ignoring case.
 bool ProvisioningFileParser::verifyMacAddress(const Attributes& root) const {
     const std::string device = properties_->get(constants.macAddressKey);
     const auto address = root.find("macAddress");
@@ -150,8 +180,7 @@ bool ProvisioningFileParser::verifyMacAddress(const Attributes& root) const {
         dbg::Debug::info() << "MAC address not provided in XML, skipping check" << std::endl;
         return true;
     }
-    return address->second.size() >= device.size() && std::equal(device.begin(), device.end(), address->second.begin(),
-                                                                 [](char a, char b) { return upper(a) == upper(b); });
+    return isMacAddressOf(device, address->second);
 }
 
 bool ProvisioningFileParser::verifyVersion(const Attributes& root) const {
@@ -160,8 +189,7 @@ bool ProvisioningFileParser::verifyVersion(const Attributes& root) const {
         dbg::Debug::error() << "Provisioning version is not specified in xml" << std::endl;
         return false;
     }
-    // Compared as strings: "1.05" is in range, "1.1.0" is not.
-    if (version->second < oldestFormatVersion || version->second > GlobalConfig::fileFormatVersion) {
+    if (!isFormatVersion(version->second)) {
         dbg::Debug::warning() << "Incorrect file format version, provisioning not supported" << std::endl;
         return false;
     }
@@ -201,6 +229,10 @@ bool ProvisioningFileParser::collectJobs(std::vector<JobDescription>& jobs) {
     return true;
 }
 
+void ProvisioningFileParser::reportMixedItems(const std::string& jobName) {
+    dbg::Debug::info() << "XML child nodes have inconsistient names, please verify xml job: " << jobName << std::endl;
+}
+
 // The reader keeps a restored position on its stack, so after a nested level the outer one continues from the element
 // entered last, and child names of the nested level stay in the set. `atElement` is false if the level has no element.
 void ProvisioningFileParser::collectLevel(const std::string& parentName, bool atElement, Walk& walk) {
@@ -227,8 +259,8 @@ void ProvisioningFileParser::collectLevel(const std::string& parentName, bool at
     }
     if (!job.items.empty()) {
         if (childNames_.size() > 1) {
-            dbg::Debug::info() << "XML child nodes have inconsistient names, please verify xml job: " << parentName
-                               << std::endl;
+            reportMixedItems(parentName);
+            PassObserver::current().jobDropped({parentName, job.itemName, {}}, "its elements have different names");
         } else {
             job.name = parentName;
             walk.jobs.push_back(std::move(job));

@@ -16,15 +16,29 @@
 
 namespace zav {
 
+/// The elements that may be the root of a provisioning file.
+const std::vector<std::string>& verifiableRoots();
+
+/// Whether files of this format version are accepted. Compared as strings: "1.05" is in range, "1.1.0" is not.
+bool isFormatVersion(const std::string& version);
+
+/// Whether a file's MAC address is the device's. Compares as many characters as the device's own address has, ignoring
+/// case.
+bool isMacAddressOf(const std::string& device, const std::string& address);
+
 class ProvisioningFileParser {
  public:
     /// A file with more items yields no jobs.
     static constexpr std::size_t maximumItems = 250000;
 
+    enum class Decryption { inPlace, none };
+
     /// Decrypts the file in place, or leaves it as it is if that fails. Removes an existing file at the temporary name,
-    /// `filePath` + ".tmp". Blocks for up to 10 s while openssl runs.
+    /// `filePath` + ".tmp". Blocks for up to 10 s while openssl runs. With Decryption::none the path is only a name:
+    /// for a document that the reader has already loaded.
     ProvisioningFileParser(std::string filePath, XMLReader& reader,
-                           std::shared_ptr<propertyapi::IPropertyApi> properties);
+                           std::shared_ptr<propertyapi::IPropertyApi> properties,
+                           Decryption decryption = Decryption::inPlace);
     virtual ~ProvisioningFileParser() = default;
     ProvisioningFileParser(const ProvisioningFileParser&) = delete;
     ProvisioningFileParser& operator=(const ProvisioningFileParser&) = delete;
@@ -41,6 +55,10 @@ class ProvisioningFileParser {
     /// Checks product, MAC address and format version of the loaded document.
     virtual bool verify();
 
+ protected:
+    /// Called when a job is dropped because its items have different names; logs it.
+    virtual void reportMixedItems(const std::string& jobName);
+
  private:
     struct Walk;
 
@@ -54,7 +72,6 @@ class ProvisioningFileParser {
     const std::string filePath_;
     XMLReader& reader_;
     const std::shared_ptr<propertyapi::IPropertyApi> properties_;
-    const std::vector<std::string> verifiableRoots_;
     std::set<std::string> childNames_;
     std::string decryptionError_;  // set if no file can be decrypted: key unreadable, openssl not started
 };

@@ -2,6 +2,7 @@
 
 #include <algorithm>
 #include <chrono>
+#include <new>
 
 #include "debug/Debug.h"
 #include "propertyapi/PropertyExceptions.h"
@@ -30,6 +31,8 @@ bool DeferredWrites::execute(const Write& write) {
     } catch (const propertyapi::PropertyOfflineException&) {
         return false;
     } catch (const propertyapi::PropertyTimeoutException&) {
+        return false;
+    } catch (const std::bad_alloc&) {
         return false;
     }
     return true;

@@ -23,9 +23,10 @@ class DeferredWrites {
     /// Tries the pending writes once more, so that a shutdown during a pass still unlocks the screen.
     ~DeferredWrites();
 
-    /// Executes the write, or keeps it for later if the service is away or earlier writes are pending. Blocks for the
-    /// property calls of the write. Throws what a refused write throws (a retry would be refused too), and
-    /// std::system_error if the retry thread cannot be started; the write is then still pending.
+    /// Executes the write, or keeps it for later if the service is away, if there is no memory for it, or if earlier
+    /// writes are pending. Blocks for the property calls of the write. Throws what a refused write throws (a retry
+    /// would be refused too), and std::system_error if the retry thread cannot be started; the write is then still
+    /// pending.
     void write(Kind kind, const Write& write);
 
     /// Drops all pending writes, or those of one kind. Returns when no retry is in progress, which may take

@@ -6,6 +6,7 @@
 #include "Core/GlobalConfig.h"
 #include "Core/JobHandlers/JobHandler.h"
 #include "Core/JobHandlers/JobHandlerFactory.h"
+#include "Core/JobHandlers/PassObserver.h"
 #include "Core/JobHandlers/ProvisioningFileParser.h"
 #include "Core/Pass.h"
 #include "Core/Utils.h"
@@ -51,12 +52,13 @@ class AtScopeExit {
 }  // namespace
 
 ProvisioningWorker::ProvisioningWorker(std::shared_ptr<propertyapi::IPropertyApi> properties,
-                                       std::shared_ptr<Curl> curl, Security& security)
+                                       std::shared_ptr<Curl> curl, Security& security, ProgressPublisher* progress)
     : properties_(std::move(properties)),
       curl_(std::move(curl)),
       security_(security),
       outer_(Pass::ofThisThread()),
-      stop_(outer_ == nullptr ? std::make_shared<common::StopSignal>() : outer_->stop()) {
+      stop_(outer_ == nullptr ? std::make_shared<common::StopSignal>() : outer_->stop()),
+      progress_(outer_ == nullptr ? progress : outer_->progress()) {
     curl_->stopWith(stop_);
     curl_->setProgressCallback([this](long downloadTotal, long downloaded, long uploadTotal, long uploaded) {
         onDownloadProgress(downloadTotal, downloaded, uploadTotal, uploaded);
@@ -175,7 +177,7 @@ std::string ProvisioningWorker::getProvisioningStatus() {
 
 void ProvisioningWorker::provisioningThreadMain(const UrlInfo& url, const Completion& completion) {
     const AtScopeExit ended([this] { passEnded(); });
-    Pass pass(outer_, stop_);
+    Pass pass(outer_, stop_, progress_);
     const propertyapi::RecoveryScope recovery;  // no setting is lost if the property service restarts
     endWrites_.cancel();                        // only a pass that starts makes the pending unlock stale
     guarded("start the pass", [this] { startAction(); });
@@ -228,7 +230,14 @@ void ProvisioningWorker::endAction(const Completion& completion) {
     }
     finished_ = true;
     dbg::Debug::info() << "Provisioning Finished" << std::endl;
-    guarded("form the provisioning status", [this] { statusReporter_.reportFinished(); });
+    guarded("form the provisioning status", [this] {
+        try {
+            statusReporter_.reportFinished();
+        } catch (...) {  // without memory; an empty status would be published
+            statusReporter_.setProvisioningStatus(constants.failWord);
+            throw;
+        }
+    });
     if (completion) guarded("publish the provisioning result", completion);
     guarded("notify about new certificates", [this] { security_.notifySystemAboutNewCertificates(); });
     progressReporter_.notifyProgress();
@@ -238,9 +247,8 @@ void ProvisioningWorker::downloadAndRun(const UrlInfo& url) {
     const std::string destination = provisioningDirectory + url.localName();
     const std::string source = url.text();
     dbg::Debug::info() << "Provisioning XML from: " << source << " to: " << destination << std::endl;
-    FileDownloader downloader(curl_, security_, properties_);
     const std::string expandedDestination = formatUrl(destination, properties_);
-    const int result = downloader.downloadFile(source, expandedDestination);
+    const int result = downloadInitialFile(source, expandedDestination);
     const long httpCode = curl_->getHttpCode();
     lastHttpCode = static_cast<int>(httpCode);
     if (result == 0 && httpCode == httpOk) {
@@ -251,6 +259,12 @@ void ProvisioningWorker::downloadAndRun(const UrlInfo& url) {
                         << " HTTP Error: " << CurlTypes::getHTTPCodeDescription(httpCode) << std::endl;
     dbg::Debug::error() << "Worker failed to download initial job" << std::endl;
     statusReporter_.setProvisioningStatus(constants.failWord);
+}
+
+int ProvisioningWorker::downloadInitialFile(const std::string& source, const std::string& destination) {
+    const std::string name = "provisioning";
+    const ProgressPublisher::Job progress(progress_, name, "bytes", 0);
+    return FileDownloader(curl_, security_, properties_).downloadFile(source, destination);
 }
 
 void ProvisioningWorker::runPass(const std::string& filePath) {
@@ -277,8 +291,9 @@ void ProvisioningWorker::runJobs(std::vector<JobDescription> jobs, XMLReader& re
         const auto handler =
             JobHandlerFactory::create(job, curl_, security_, properties_, reader, progressReporter_, statusReporter_);
         if (!handler) return;
+        const ProgressPublisher::Job progress = progressOf(job);
         dbg::Debug::info() << "+++++ Starting " << handler->getName() << std::endl;
-        const int result = handler->run();
+        const int result = runObserved(job, *handler);
         statusReporter_.setJobStatus(handler->getName(), result);
         dbg::Debug::info() << "-----Finishing " << handler->getName() << std::endl;
     });
@@ -305,10 +320,13 @@ void ProvisioningWorker::publishResult() {
 }
 
 // Only received bytes count as progress.
-void ProvisioningWorker::onDownloadProgress(long, long downloaded, long, long) {
+void ProvisioningWorker::onDownloadProgress(long total, long downloaded, long, long) {
     if (downloaded == lastProgress_) return;
     lastProgress_ = downloaded;
     progressReporter_.notifyProgress();
+    if (progress_ != nullptr) {
+        progress_->report(static_cast<std::uint64_t>(downloaded), static_cast<std::uint64_t>(total));
+    }
 }
 
 }  // namespace zav

@@ -34,8 +34,10 @@ namespace zav {
 
 class ProvisioningWorker : public IProvisioningWorker {
  public:
+    /// A worker of an outermost pass publishes with `progress`, which may be null; a nested one with that of the pass
+    /// around it.
     ProvisioningWorker(std::shared_ptr<propertyapi::IPropertyApi> properties, std::shared_ptr<Curl> curl,
-                       Security& security);
+                       Security& security, ProgressPublisher* progress = nullptr);
 
     /// Waits for the running pass.
     ~ProvisioningWorker() override;
@@ -59,6 +61,7 @@ class ProvisioningWorker : public IProvisioningWorker {
     void startAction();
     void endAction(const Completion& completion);
     void downloadAndRun(const UrlInfo& url);
+    int downloadInitialFile(const std::string& source, const std::string& destination);
     void runPass(const std::string& filePath);
     void runJobs(std::vector<JobDescription> jobs, XMLReader& reader);
     void publishResult();
@@ -75,6 +78,7 @@ class ProvisioningWorker : public IProvisioningWorker {
 
     Pass* const outer_;                               // null if not nested
     const std::shared_ptr<common::StopSignal> stop_;  // shared with the nested workers
+    ProgressPublisher* const progress_;               // likewise; null if nobody is to be told
 
     common::Mutex startMutex_;  // held by startProvisioning from start to end
     DeferredWrites endWrites_;

@@ -14,6 +14,7 @@ TEST(ConstantsTest, ComposedTopics) {
     EXPECT_EQ(constants.autoRebootQueryTopic, "auto-reboot/prov-client");
     EXPECT_EQ(constants.watchdogReplyTopic, "prov-client/watchdog");
     EXPECT_EQ(constants.autoRebootReplyTopic, "prov-client/auto-reboot");
+    EXPECT_EQ(constants.progressTopic, "prov-client-progress");
 }
 
 TEST(ConstantsTest, MessageTexts) {

@@ -78,6 +78,14 @@ TEST_F(InitTest, RetriesAnUnreadablePeriodTenTimesThenGivesUp) {
     EXPECT_TRUE(timer_.periods.empty());
 }
 
+TEST_F(InitTest, PausesBetweenAttempts) {
+    phone_.properties->failKey("System.Provision.Period");
+    zav::Init init(timer_, phone_.properties, {std::chrono::seconds(0), std::chrono::milliseconds(5)});
+    const auto begin = std::chrono::steady_clock::now();
+    init.setTimer();
+    EXPECT_GE(std::chrono::steady_clock::now() - begin, std::chrono::milliseconds(50));
+}
+
 TEST_F(InitTest, NonNumericPeriodCountsAsAFailedAttempt) {
     phone_.properties->put("System.Provision.Period", "daily");
     init_.setTimer();

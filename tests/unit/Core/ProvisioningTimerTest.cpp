@@ -207,6 +207,15 @@ TEST_F(ProvisioningTimerTest, ClockSetBackByAnHourRepeatsTheNight) {
     EXPECT_EQ(requests().size(), 1U);
 }
 
+TEST_F(ProvisioningTimerTest, ClockSetBackByAMinuteRepeatsTheNight) {
+    ManualClock clock(on20November(2));
+    zav::ProvisioningTimer timer(phone_.properties, clock);
+    timer.start(0);
+    clock.waits(1);
+    clock.elapse(-seconds(60));
+    EXPECT_EQ(clock.waits(2).back(), seconds(60));
+}
+
 INSTANTIATE_TEST_SUITE_P(Clocks, NightTest,
                          testing::Values(WakeUp{"exact", nanoseconds(0)}, WakeUp{"late", milliseconds(3)},
                                          WakeUp{"aMomentEarly", nanoseconds(-1)},

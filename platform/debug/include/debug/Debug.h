@@ -9,8 +9,12 @@
 //
 // Threads: all functions may be called from any thread at any time and do not throw. If the reader stalls, one line
 // waits up to 2 s and the lines after it are dropped; their number is logged once the reader resumes.
+//
+// A program that shows the log of another one's code may redirect the lines to a sink of its own.
 #pragma once
 
+#include <functional>
+#include <new>
 #include <ostream>
 #include <sstream>
 #include <string>
@@ -23,6 +27,15 @@ struct Verbatim {
 };
 inline Verbatim verbatim(const std::string& text) { return {text}; }
 
+/// A log line as a sink receives it.
+struct LogLine {
+    unsigned level = 0;  // one of the levels of Debug
+    std::string source;  // path without extension
+    int line = 0;
+    std::string text;
+};
+using Sink = std::function<void(const LogLine&)>;
+
 /// One log line. It is written when `std::endl` is streamed, at the latest when the stream is destroyed.
 class Stream {
  public:
@@ -33,12 +46,11 @@ class Stream {
 
     template <typename T>
     Stream& operator<<(const T& value) {
-        if (open_) {
+        return ifOpen([&] {
             std::ostringstream text;
             text << value;
             append(text.str());
-        }
-        return *this;
+        });
     }
     Stream& operator<<(const std::string& text);
     Stream& operator<<(const char* text);
@@ -46,6 +58,16 @@ class Stream {
     Stream& operator<<(std::ostream& (*manipulator)(std::ostream&));
 
  private:
+    /// Without memory a part of the line is left out.
+    template <typename Function>
+    Stream& ifOpen(const Function& extend) {
+        if (!open_) return *this;
+        try {
+            extend();
+        } catch (const std::bad_alloc&) {  // logging does not throw
+        }
+        return *this;
+    }
     void append(const std::string& text);
     void emit();
 
@@ -73,6 +95,10 @@ class Debug {
     /// Sets the levels that are logged: the sum of 1 (error), 2 (warning) and 4 (info), decimal or as 0x… in
     /// hexadecimal. The default is all levels. If `mask` is not a number, logs a warning and changes nothing.
     static void setDebugLevelMask(const std::string& mask);
+
+    /// Passes all lines to `sink`, which may be called on any thread and must not log, instead of standard error; null
+    /// ends that. Call it while no other thread logs.
+    static void redirect(Sink sink);
 
     /// To be called when the process shuts down: from now on all lines together wait up to 0.5 s for a stalled reader.
     static void beginShutdown();

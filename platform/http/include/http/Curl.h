@@ -7,12 +7,19 @@
 #include <chrono>
 #include <functional>
 #include <memory>
+#include <string>
 
 #include "common/StopSignal.h"
 
 namespace zav {
 
-/// Timeouts and clocks. Only tests change the defaults.
+/// What stands in for a server says to one request.
+struct LocalAnswer {
+    long status = 0;
+    std::string file;  // path of the body, if the status is 200
+};
+
+/// Timeouts, clocks, and what stands in for the network. The daemon uses the defaults.
 struct CurlSettings {
     std::chrono::seconds connectTimeout{30};  // name lookup, TCP and TLS handshake together
     std::chrono::seconds stallTimeout{120};   // without receiving a byte of the body
@@ -20,6 +27,15 @@ struct CurlSettings {
     // Called on the transferring thread.
     std::function<std::chrono::steady_clock::time_point()> steadyNow = &std::chrono::steady_clock::now;
     std::function<std::chrono::system_clock::time_point()> systemNow = &std::chrono::system_clock::now;
+
+    bool sync = true;  // false: files need not survive a crash of the system
+
+    // Answers requests in place of all servers; null: the network. Called on the transferring thread.
+    std::function<LocalAnswer(const std::string& url)> standIn = nullptr;
+
+    // Hears the end of each download: its URL, a libcurl result code and the HTTP status. Called on the transferring
+    // thread.
+    std::function<void(const std::string& url, int result, long status)> onEnd = nullptr;
 };
 
 class Curl {
@@ -30,6 +46,9 @@ class Curl {
     /// Throws std::runtime_error if libcurl cannot be initialised.
     explicit Curl(CurlSettings settings = {});
     virtual ~Curl();
+
+    /// As given to the constructor, for another client of the same kind.
+    const CurlSettings& settings() const;
 
     /// The HTTP status of the last transfer; 0 if there was no response.
     virtual long getHttpCode() const;

@@ -1,7 +1,9 @@
 // Downloads files over http and https.
 #pragma once
 
+#include <cstdint>
 #include <memory>
+#include <optional>
 #include <string>
 
 #include "http/Curl.h"
@@ -9,6 +11,9 @@
 #include "security/Security.h"
 
 namespace zav {
+
+/// The limit of files that are stored there, in bytes; none for firmware, which is limited by the free space.
+std::optional<std::uint64_t> sizeLimitOf(const std::string& destination);
 
 class FileDownloader {
  public:

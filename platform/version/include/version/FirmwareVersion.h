@@ -22,6 +22,9 @@ class FirmwareVersion {
  public:
     explicit FirmwareVersion(std::string text);
 
+    /// Whether the text has the form above.
+    bool isValid() const { return valid_; }
+
     /// Compares `offered` with this version as the running one.
     Comparison compare(const FirmwareVersion& offered) const;
 

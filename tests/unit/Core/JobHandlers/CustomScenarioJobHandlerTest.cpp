@@ -338,6 +338,7 @@ TEST_F(CustomScenarioJobHandlerTest, DownloadsCountTowardsTheFileLimitOfThePass)
     EXPECT_TRUE(phone_.log.has(fakes::error(
         "Core/JobHandlers/JobHandler",
         "File " + server_.url("/one.pem") + " follows 1000 others in this pass and will not be downloaded")));
+    EXPECT_EQ(phone_.log.count(info(source, "Applying certificate 'one.pem'")), 0U);
 }
 
 TEST_F(CustomScenarioJobHandlerTest, ShutdownStopsAScenario) {

@@ -147,7 +147,7 @@ TEST_F(NVMJobHandlerTest, MalformedFunctionKeyNames) {
     const std::string signature =
         "'std::pair<const std::basic_string<char>, const std::basic_string<char> > "
         "zav::{anonymous}::getIndexAndPostfix(const string&, const string&)'";
-    EXPECT_EQ(run({param(prefix + "7", "v"), param(prefix, "v"), param(prefix + "x.Label", "v"),
+    EXPECT_EQ(run({param(prefix + "7", "v"), param(prefix, "v"), param(prefix + "a.Label", "v"),
                    param(prefix + ".Label", "v"), param(prefix + "99999999999.Label", "v")}),
               0);
     EXPECT_EQ(phone_.log.lines(),
@@ -155,7 +155,7 @@ TEST_F(NVMJobHandlerTest, MalformedFunctionKeyNames) {
                                        "7'='v' (exception Function key parameter name invalid " + signature + ")"),
                      error(source, "Could not set param : '" + prefix +
                                        "'='v' (exception Function key parameter name invalid " + signature + ")"),
-                     error(source, "Could not set param : '" + prefix + "x.Label'='v' (exception stoi)"),
+                     error(source, "Could not set param : '" + prefix + "a.Label'='v' (exception stoi)"),
                      error(source, "Could not set param : '" + prefix + ".Label'='v' (exception stoi)"),
                      error(source, "Could not set param : '" + prefix + "99999999999.Label'='v' (exception stoi)")}));
 }

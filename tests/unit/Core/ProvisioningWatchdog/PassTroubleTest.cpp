@@ -121,4 +121,14 @@ TEST_F(PassTroubleTest, WaitsASecondForAMissingStatus) {
     phone_.properties->onWrite({});
 }
 
+TEST_F(PassTroubleTest, RefusedResultIsAnErrorAndTheEndGoesOn) {
+    phone_.properties->onWrite([](const fakes::PropertyWrite& write) {
+        if (write.key == "State.Provisioning") throw std::runtime_error("the store is full");
+    });
+    runPass();
+    end();
+    EXPECT_TRUE(phone_.log.has(error(source, "Could not publish the status: the store is full"))) << phone_.log.text();
+    EXPECT_TRUE(phone_.log.has(info(source, "Provisioning failed. "))) << "the steps after it";
+}
+
 }  // namespace

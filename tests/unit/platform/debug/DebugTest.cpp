@@ -135,4 +135,23 @@ TEST_F(DebugTest, LinesOfManyThreadsAreNotInterleaved) {
     EXPECT_EQ(count, 400);
 }
 
+TEST_F(DebugTest, RedirectedLinesGoToTheSinkOnly) {
+    std::vector<dbg::LogLine> lines;
+    const std::string text = written([&lines] {
+        dbg::Debug::redirect([&lines](const dbg::LogLine& line) { lines.push_back(line); });
+        dbg::Debug::warning("src/a.b/File.cpp", 12) << "x\n" << 1 << std::endl;
+        dbg::Debug::setDebugLevelMask("1");
+        dbg::Debug::warning() << "off" << std::endl;
+        dbg::Debug::redirect({});
+        dbg::Debug::error() << "not redirected" << std::endl;
+    });
+    ASSERT_EQ(lines.size(), 1U);
+    EXPECT_EQ(lines[0].level, dbg::Debug::levelWarning);
+    EXPECT_EQ(lines[0].source, "src/a.b/File");
+    EXPECT_EQ(lines[0].line, 12);
+    EXPECT_EQ(lines[0].text, "x\\n1");
+    EXPECT_THAT(text, testing::EndsWith("not redirected\n"));
+    EXPECT_THAT(text, testing::Not(testing::HasSubstr("File")));
+}
+
 }  // namespace

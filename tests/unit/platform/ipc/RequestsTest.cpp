@@ -36,7 +36,7 @@ class RequestsTest : public testing::Test {
 TEST_F(RequestsTest, CorrelationDataSelectsTheAnswer) {
     serve();
     std::vector<std::string> sent;
-    const auto answered = [&](std::string correlation) {
+    const auto answered = [&](const std::string& correlation) {
         requests.responseArrived("not ours", "wrong");
         requests.responseArrived(std::string(8, '\0'), "wrong");
         for (const std::string& earlier : sent) requests.responseArrived(earlier, "late");
@@ -51,7 +51,7 @@ TEST_F(RequestsTest, CorrelationDataSelectsTheAnswer) {
 }
 
 TEST_F(RequestsTest, FailsAtOnceWithoutItsService) {
-    const auto never = [](std::string) -> bool { throw std::logic_error("it was sent"); };
+    const auto never = [](const std::string&) -> bool { throw std::logic_error("it was sent"); };
     EXPECT_THROW(ask(never), ipc::IPCException) << "not watched";
     requests.watch(status);
     EXPECT_THROW(ask(never), ipc::IPCOfflineException) << "never connected";
@@ -64,12 +64,12 @@ TEST_F(RequestsTest, FailsAtOnceWithoutItsService) {
 
 TEST_F(RequestsTest, TimesOut) {
     serve();
-    EXPECT_THROW(ask([](std::string) { return true; }, milliseconds(5)), ipc::IPCTimeoutException);
+    EXPECT_THROW(ask([](const std::string&) { return true; }, milliseconds(5)), ipc::IPCTimeoutException);
 }
 
 TEST_F(RequestsTest, ConnectionLossInterruptsARequest) {
     serve();
-    const auto cut = [&](std::string) {
+    const auto cut = [&](const std::string&) {
         requests.connectionLost();
         requests.connected();
         requests.presenceArrived(status, "online");
@@ -80,7 +80,7 @@ TEST_F(RequestsTest, ConnectionLossInterruptsARequest) {
 
 TEST_F(RequestsTest, FailsWithItsServiceEvenIfThatIsBackAtOnce) {
     serve();
-    const auto restart = [&](std::string) {
+    const auto restart = [&](const std::string&) {
         requests.presenceArrived(status, "offline");
         requests.presenceArrived(status, "online");
         return true;
@@ -97,7 +97,7 @@ TEST_F(RequestsTest, UnsentRequestIsSentOnTheNextConnection) {
         requests.connected();
         requests.presenceArrived(status, "online");
     });
-    EXPECT_EQ(ask([&](std::string correlation) {
+    EXPECT_EQ(ask([&](const std::string& correlation) {
                   if (++attempts == 1) {
                       requests.connectionLost();
                       lost.open();
@@ -112,7 +112,7 @@ TEST_F(RequestsTest, UnsentRequestIsSentOnTheNextConnection) {
 
 TEST_F(RequestsTest, UnregistersIfSendingThrows) {
     serve();
-    EXPECT_THROW(ask([](std::string) -> bool { throw ipc::IPCException("too many"); }), ipc::IPCException);
+    EXPECT_THROW(ask([](const std::string&) -> bool { throw ipc::IPCException("too many"); }), ipc::IPCException);
     requests.close();  // would block if the request were still registered
 }
 
@@ -120,20 +120,20 @@ TEST_F(RequestsTest, CloseFailsPendingRequests) {
     serve();
     std::future<void> closed;
     const auto begin = Requests::Clock::now();
-    EXPECT_THROW(ask([&](std::string) {
+    EXPECT_THROW(ask([&](const std::string&) {
                      closed = std::async(std::launch::async, [this] { requests.close(); });
                      return true;
                  }),
                  ipc::IPCOfflineException);
     closed.wait();
     EXPECT_LT(Requests::Clock::now() - begin, bustest::patience / 2) << "it waited for its time-out";
-    EXPECT_THROW(ask([](std::string) { return true; }), ipc::IPCOfflineException);
+    EXPECT_THROW(ask([](const std::string&) { return true; }), ipc::IPCOfflineException);
 }
 
 TEST_F(RequestsTest, LimitEndsRequestsInFlight) {
     serve();
     const auto begin = Requests::Clock::now();
-    EXPECT_THROW(ask([&](std::string) {
+    EXPECT_THROW(ask([&](const std::string&) {
                      requests.limit(milliseconds(0));
                      return true;
                  }),

@@ -104,9 +104,10 @@ class Phone {
 
     ExitCode run(const std::vector<std::string>& arguments) {
         return zavctl::run(
-            arguments, Environment{out, err, terminal, stopSignal, [this] { catching = true; },
+            arguments, Environment{out, err, terminal, errTerminal, stopSignal, [this] { catching = true; },
                                    [this](const std::string&) { return bus; },
-                                   [this](const std::shared_ptr<ipc::IIPCClient>&) { return properties; }, hintAfter});
+                                   [this](const std::shared_ptr<ipc::IIPCClient>&) { return properties; }, hintAfter,
+                                   progressEvery, now});
     }
 
     Json::Value json() const {
@@ -122,9 +123,12 @@ class Phone {
     const std::shared_ptr<fakes::FakeProperties> properties;
     std::ostringstream out;
     std::ostringstream err;
-    bool terminal = false;
+    bool terminal = false;     // standard output
+    bool errTerminal = false;  // standard error
     bool catching = false;
     std::chrono::milliseconds hintAfter{2000};
+    std::chrono::milliseconds progressEvery{10000};
+    std::function<std::chrono::steady_clock::time_point()> now = &std::chrono::steady_clock::now;
     common::StopSignal stopSignal;
 };
 

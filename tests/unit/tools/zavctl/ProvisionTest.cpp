@@ -2,6 +2,8 @@
 #include <gtest/gtest.h>
 
 #include <algorithm>
+#include <filesystem>
+#include <fstream>
 #include <thread>
 
 #include "Phone.h"
@@ -30,6 +32,31 @@ class Provision : public testing::Test {
         });
     }
 
+    // The same, with a log of the daemon that has these lines of the pass.
+    void answerWith(const std::string& result, const std::string& http, const std::vector<std::string>& lines) {
+        std::ofstream(log, std::ios::trunc) << "2026-11-22T12:00:00.123 ZAV error a/b:1 of an earlier pass\n";
+        phone.properties->onWrite([this, result, http, lines](const fakes::PropertyWrite& write) {
+            phone.publish(write);
+            if (write.key != state || write.value != "request") return;
+            std::ofstream file(log, std::ios::app);
+            for (const std::string& line : lines) file << "2026-11-22T12:00:00.123 ZAV " << line << "\n";
+            file.close();
+            phone.properties->set("State.Provisioning.LockUI", "", "1");
+            phone.properties->set("State.Provisioning.LockUI", "", "0");
+            phone.properties->set("State.Provisioning.HttpErrorCode", "", http);
+            phone.properties->set(state, "", result);
+        });
+    }
+
+    // What the phone has printed below the line with the result.
+    std::string printedReasons() const {
+        const std::string text = phone.out.str();
+        return text.substr(text.find('\n') + 1);
+    }
+
+    const std::string log = testing::TempDir() + "daemon.log";
+    const std::string started = "info Core/ProvisioningWatchdog/ProvisioningWorker:1 Provisioning Started";
+    const std::string finished = "info Core/ProvisioningWatchdog/ProvisioningWorker:2 Provisioning Finished";
     Phone phone{{{state, "success"},
                  {"State.Provisioning.LockUI", "0"},
                  {"State.Provisioning.HttpErrorCode", "404"},
@@ -53,20 +80,110 @@ TEST_F(Provision, WaitsForSuccess) {
 }
 
 TEST_F(Provision, PartSuccessExits0WithANote) {
-    answerWith("partSuccess", "200");
-    EXPECT_EQ(phone.run({"provision", "--wait"}), ExitCode::done);
+    answerWith("partSuccess", "200", {});
+    EXPECT_EQ(phone.run({"provision", "--wait", "--log", log}), ExitCode::done);
     EXPECT_THAT(phone.out.str(), HasSubstr("partSuccess: some jobs or settings were not applied (HTTP 200"));
 }
 
 TEST_F(Provision, FailExits1) {
-    answerWith("fail", "404");
-    EXPECT_EQ(phone.run({"provision", "--wait"}), ExitCode::failed);
+    answerWith("fail", "404", {});
+    EXPECT_EQ(phone.run({"provision", "--wait", "--log", log}), ExitCode::failed);
     EXPECT_THAT(phone.out.str(), HasSubstr("fail (HTTP 404"));
     phone.out.str("");
-    EXPECT_EQ(phone.run({"provision", "--wait", "--json"}), ExitCode::failed);
+    EXPECT_EQ(phone.run({"provision", "--wait", "--log", log, "--json"}), ExitCode::failed);
     EXPECT_EQ(phone.json()["result"], "fail");
     EXPECT_EQ(phone.json()["httpStatus"], 404);
     EXPECT_TRUE(phone.json()["milliseconds"].isInt());
+}
+
+TEST_F(Provision, AFailureShowsItsReasonsWithAdvice) {
+    answerWith("fail", "200",
+               {started, "warning a/b:1 Property 'One': unknown key: x", "error a/b:2 Unknown to every page",
+                "warning a/b:1 Property 'Two': unknown key: x", finished});
+    EXPECT_EQ(phone.run({"provision", "--wait", "--log", log}), ExitCode::failed);
+    EXPECT_EQ(printedReasons(),
+              "warning  Property 'One': unknown key: x\n"
+              "warning  Property 'Two': unknown key: x\n"
+              "         zavctl keys PREFIX lists the keys\n"
+              "error    Unknown to every page\n");
+}
+
+TEST_F(Provision, AReasonTakesThreeLinesAtMost) {
+    std::vector<std::string> lines{started};
+    for (int i = 0; i < 200; ++i) lines.push_back("warning a/b:1 Property '" + std::to_string(i) + "': unknown key: x");
+    lines.push_back(finished);
+    answerWith("fail", "200", lines);
+    EXPECT_EQ(phone.run({"provision", "--wait", "--log", log}), ExitCode::failed);
+    EXPECT_EQ(printedReasons(),
+              "warning  Property '0': unknown key: x\n"
+              "         and 199 more such lines\n"
+              "         zavctl keys PREFIX lists the keys\n");
+}
+
+TEST_F(Provision, ASuccessShowsNoReasons) {
+    answerWith("success", "200", {started, "warning a/b:1 Property 'One': unknown key: x", finished});
+    EXPECT_EQ(phone.run({"provision", "--wait", "--log", log}), ExitCode::done);
+    EXPECT_EQ(printedReasons(), "");
+    phone.out.str("");
+    EXPECT_EQ(phone.run({"provision", "--wait", "--log", log, "--json"}), ExitCode::done);
+    EXPECT_FALSE(phone.json().isMember("reasons"));
+}
+
+TEST_F(Provision, ReasonsAsJson) {
+    answerWith(
+        "partSuccess", "200",
+        {started, "warning a/b:1 Property 'One': unknown key: x", "error a/b:2 Unknown to every page", finished});
+    EXPECT_EQ(phone.run({"provision", "--wait", "--log", log, "--json"}), ExitCode::done);
+    const Json::Value reasons = phone.json()["reasons"];
+    ASSERT_EQ(reasons.size(), 2U);
+    EXPECT_EQ(reasons[0]["level"], "warning");
+    EXPECT_EQ(reasons[0]["texts"][0], "Property 'One': unknown key: x");
+    EXPECT_EQ(reasons[0]["count"], 1);
+    EXPECT_EQ(reasons[0]["advice"], "zavctl keys PREFIX lists the keys");
+    EXPECT_TRUE(reasons[1]["advice"].isNull());
+    EXPECT_FALSE(phone.json().isMember("reasonsUnknown"));
+}
+
+TEST_F(Provision, SaysWhyTheReasonsAreUnknown) {
+    answerWith("fail", "200", {started, finished});
+    EXPECT_EQ(phone.run({"provision", "--wait", "--log", log}), ExitCode::failed);
+    EXPECT_EQ(printedReasons(), "unknown  the daemon's log has neither a warning nor an error of this pass\n");
+
+    phone.out.str("");
+    answerWith("fail", "200", {"Killed"});
+    EXPECT_EQ(phone.run({"provision", "--wait", "--log", log}), ExitCode::failed);
+    EXPECT_THAT(printedReasons(), HasSubstr("unknown  the daemon's log has no line of this pass: System.Debug."));
+
+    phone.out.str("");
+    answerWith("fail", "200");
+    std::filesystem::remove(log);
+    EXPECT_EQ(phone.run({"provision", "--wait", "--log", log, "--json"}), ExitCode::failed);
+    EXPECT_THAT(phone.json()["reasonsUnknown"].asString(), HasSubstr("cannot be read: No such file or directory"));
+    EXPECT_EQ(phone.json()["reasons"].size(), 0U);
+}
+
+TEST_F(Provision, ControlBytesOfTheLogAreEscaped) {
+    answerWith("fail", "200", {started, "error a/b:2 \x1b[2J", finished});
+    EXPECT_EQ(phone.run({"provision", "--wait", "--log", log}), ExitCode::failed);
+    EXPECT_EQ(printedReasons(), "error    \\x1b[2J\n");
+}
+
+TEST_F(Provision, ProgressAsEventsBeforeTheResult) {
+    phone.properties->onWrite([this](const fakes::PropertyWrite& write) {
+        phone.publish(write);
+        if (write.key != state || write.value != "request") return;
+        phone.bus->deliver("prov-client-progress", R"({"param":"nvm","value":"1/3 items"})");
+        phone.bus->deliver("prov-client-progress", R"({"param":"nvm","value":"3/3 items"})");
+        phone.properties->set("State.Provisioning.LockUI", "", "1");
+        phone.properties->set(state, "", "success");
+    });
+    EXPECT_EQ(phone.run({"provision", "--wait", "--json"}), ExitCode::done);
+    const std::string printed = phone.out.str();
+    EXPECT_THAT(printed, testing::StartsWith(R"({"done":1,"event":"progress","job":"nvm","total":3,"unit":"items"})"
+                                             "\n"
+                                             R"({"done":3,"event":"progress","job":"nvm","total":3,"unit":"items"})"
+                                             "\n"));
+    EXPECT_EQ(std::count(printed.begin(), printed.end(), '\n'), 3);
 }
 
 TEST_F(Provision, IgnoresAStaleResult) {

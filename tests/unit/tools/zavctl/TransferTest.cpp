@@ -85,12 +85,12 @@ class Transfer : public testing::Test {
         out.str("");
         err.str("");
         bus->changes.clear();
-        return zavctl::run(arguments,
-                           Environment{out, err, false, stopSignal, [] {}, [this](const std::string&) { return bus; },
-                                       [](std::shared_ptr<ipc::IIPCClient> client) {
-                                           return propertyapi::PropertyApiBuilder::getPropertyApi(std::move(client),
-                                                                                                  "zavctl");
-                                       }});
+        return zavctl::run(
+            arguments,
+            Environment{out, err, false, false, stopSignal, [] {}, [this](const std::string&) { return bus; },
+                        [](std::shared_ptr<ipc::IIPCClient> client) {
+                            return propertyapi::PropertyApiBuilder::getPropertyApi(std::move(client), "zavctl");
+                        }});
     }
     std::string value(const std::string& key) {
         run({"get", key});

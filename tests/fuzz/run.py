@@ -1,0 +1,131 @@
+#!/usr/bin/python3 -B
+"""Runs the fuzz targets of a build, one after the other: run.py [--minimise] [--minutes N] BUILD [TARGET...].
+
+Each starts with the corpus in the tree and what earlier runs found, which BUILD/corpus keeps. The table at the end has
+a row for each target; inputs that broke a promise or crash are in BUILD/found. With --minimise, each target's
+corpus in the tree is replaced by the fewest inputs with the same coverage; files with names that a person gave them stay.
+"""
+
+import argparse
+import os
+import pathlib
+import re
+import shutil
+import subprocess
+import sys
+import tempfile
+import time
+
+FOLDER = pathlib.Path(__file__).resolve().parent
+SECONDS_PER_INPUT = 10
+MEGABYTES = 1024
+HASHED = re.compile(r"[0-9a-f]{12}")  # the name of an input that libFuzzer made
+STATUS = re.compile(r"^#(\d+)\s+\w+\s+cov: (\d+) ft: (\d+) corp: (\d+)")
+
+
+class Target:
+    def __init__(self, build, name):
+        self.name = name
+        self.program = build / "bin" / f"fuzz_{name}"
+        self.tree = FOLDER / "corpus" / name
+        self.dictionary = FOLDER / "dictionaries" / f"{name}.dict"
+        self.corpus = build / "corpus" / name
+        self.log = build / "logs" / f"{name}.log"
+        self.found = build / "found"
+        for folder in (self.corpus, self.log.parent, self.found):
+            folder.mkdir(parents=True, exist_ok=True)
+
+    def command(self, *arguments):
+        dictionary = [f"-dict={self.dictionary}"] if self.dictionary.exists() else []
+        return [self.program, f"-timeout={SECONDS_PER_INPUT}", f"-rss_limit_mb={MEGABYTES}", *dictionary, *arguments]
+
+    def findings(self):
+        return {path.name for path in self.found.glob(f"{self.name}-*")}
+
+    def run(self, seconds):
+        """Fuzzes, and returns a row of the table."""
+        before = self.findings()
+        row = {"executions": 0, "coverage": 0, "features": 0, "quiet": 0}
+        begin = last_new = time.monotonic()
+        process = subprocess.Popen(
+            self.command(f"-max_total_time={seconds}", f"-artifact_prefix={self.found}/{self.name}-",
+                         "-print_final_stats=1", self.corpus, self.tree),
+            stdin=subprocess.DEVNULL, stdout=subprocess.DEVNULL, stderr=subprocess.PIPE, text=True, errors="replace",
+            env=environment())
+        with open(self.log, "w", encoding="utf-8") as log:
+            for line in process.stderr:
+                log.write(line)
+                if match := STATUS.match(line):
+                    if int(match[2]) > row["coverage"]:
+                        last_new = time.monotonic()
+                    row["executions"], row["coverage"], row["features"] = (int(match[i]) for i in (1, 2, 3))
+                elif line.startswith("stat::number_of_executed_units:"):
+                    row["executions"] = int(line.split()[-1])
+        row["failed"] = process.wait() != 0
+        row["seconds"] = time.monotonic() - begin
+        row["quiet"] = time.monotonic() - last_new
+        row["inputs"] = len({path.name for folder in (self.corpus, self.tree) for path in folder.iterdir()})
+        row["found"] = sorted(self.findings() - before)
+        return row
+
+    def minimise(self):
+        """Replaces the corpus in the tree: one input for each edge of the program that any input reaches."""
+        self.tree.mkdir(exist_ok=True)
+        with tempfile.TemporaryDirectory() as folder:
+            subprocess.run(self.command("-merge=1", "-use_counters=0", folder, self.tree, self.corpus), check=True,
+                           stdin=subprocess.DEVNULL, stdout=subprocess.DEVNULL, stderr=subprocess.DEVNULL,
+                           env=environment())
+            for path in self.tree.iterdir():
+                if HASHED.fullmatch(path.name):
+                    path.unlink()
+            for path in pathlib.Path(folder).iterdir():
+                shutil.copy(path, self.tree / path.name[:12])
+        size = sum(path.stat().st_size for path in self.tree.iterdir())
+        print(f"{self.name}: {len(list(self.tree.iterdir()))} inputs, {size} bytes")
+
+
+def environment():
+    """Files of inputs belong in memory."""
+    return {**os.environ, **({"TMPDIR": "/dev/shm"} if os.access("/dev/shm", os.W_OK) else {})}
+
+
+def show(name, row):
+    rate = row["executions"] / max(row["seconds"], 1)
+    print(f"{name:18} {row['executions']:>11,} {rate:>8,.0f} {row['coverage']:>8,} {row['features']:>8,} "
+          f"{row['inputs']:>7,} {row['quiet'] / 60:>12.1f}  {'FAILED' if row['failed'] else 'ok'}", flush=True)
+
+
+def main():
+    parser = argparse.ArgumentParser(prog="scripts/test fuzz")
+    parser.add_argument("--minimise", action="store_true")
+    parser.add_argument("--minutes", type=float, default=1)
+    parser.add_argument("build", type=pathlib.Path)
+    parser.add_argument("targets", nargs="*")
+    arguments = parser.parse_args()
+    build = arguments.build.resolve()
+    known = sorted(path.name.removeprefix("fuzz_") for path in (build / "bin").glob("fuzz_*")
+                   if not path.name.endswith("_test"))
+    if unknown := [name for name in arguments.targets if name not in known]:
+        sys.exit(f"scripts/test fuzz: there is no target '{unknown[0]}'; there are: {' '.join(known)}")
+    targets = [Target(build, name) for name in arguments.targets or known]
+    if arguments.minimise:
+        for target in targets:
+            target.minimise()
+        return 0
+    print(f"{'target':18} {'executions':>11} {'a second':>8} {'edges':>8} {'features':>8} {'inputs':>7} "
+          f"{'min. quiet':>12}  result", flush=True)
+    failures = []
+    for target in targets:
+        row = target.run(round(arguments.minutes * 60))
+        show(target.name, row)
+        if row["failed"]:
+            failures.append((target, row["found"]))
+    for target, found in failures:
+        print(f"\n{target.name}: see {target.log}")
+        for name in found:
+            print(f"  again: {target.program} {target.found / name}")
+    return 1 if failures else 0
+
+
+if __name__ == "__main__":
+    sys.exit(main())

@@ -1,0 +1,173 @@
+#include "pack/Fleet.h"
+
+#include <gmock/gmock.h>
+#include <sys/stat.h>
+
+#include "Workspace.h"
+
+namespace pack {
+namespace {
+
+using testing::ElementsAre;
+using testing::HasSubstr;
+using testing::IsEmpty;
+using testing::SizeIs;
+
+constexpr char templateXml[] =
+    "<provisioning version=\"1.1\" productID=\"kd4v\" macAddress=\"{MACC}\">"
+    "<nvm><param name=\"n\" value=\"{name}\"/></nvm></provisioning>";
+
+class FleetTest : public Workspace {
+ protected:
+    FleetTest() {
+        write("in/phone.xml", templateXml);
+        table("mac,name\n02:00:5E:10:00:01,One\n02:00:5E:10:00:02,Two\n");
+        options.table = root + "/t.csv";
+        options.templatePath = root + "/in/phone.xml";
+        options.place = "{MACD}/provisioning.xml";
+        options.to = root + "/out";
+        options.keyFile = root + "/key";
+    }
+
+    void table(const std::string& text) { write("t.csv", text); }
+    FleetResult run() const { return fleet(options); }
+
+    // "ROW REASON" of each failure.
+    std::vector<std::string> failures() const {
+        std::vector<std::string> texts;
+        for (const RowFailure& one : run().failures) texts.push_back(std::to_string(one.row) + " " + one.reason);
+        return texts;
+    }
+
+    FleetOptions options;
+};
+
+TEST_F(FleetTest, EachRowGetsItsFile) {
+    const FleetResult result = run();
+    EXPECT_EQ(result.rows, 2U);
+    EXPECT_EQ(result.written, 2U);
+    EXPECT_THAT(result.failures, IsEmpty());
+    EXPECT_THAT(decrypted("out/02-00-5E-10-00-01/provisioning.xml"), HasSubstr("macAddress=\"02:00:5E:10:00:01\""));
+    EXPECT_THAT(decrypted("out/02-00-5E-10-00-02/provisioning.xml"), HasSubstr("value=\"Two\""));
+    EXPECT_THAT(tree("out"), SizeIs(4));
+}
+
+TEST_F(FleetTest, TwiceWritesNothing) {
+    run();
+    const auto before = tree("out");
+    const FleetResult result = run();
+    EXPECT_EQ(result.written, 0U);
+    EXPECT_EQ(result.unchanged, 2U);
+    EXPECT_EQ(tree("out"), before);
+    table("mac,name\n02:00:5E:10:00:01,One\n02:00:5E:10:00:02,Other\n");
+    EXPECT_EQ(run().written, 1U);
+}
+
+TEST_F(FleetTest, ADryRunWritesNothing) {
+    options.dryRun = true;
+    EXPECT_EQ(run().written, 2U);
+    EXPECT_FALSE(exists("out"));
+}
+
+TEST_F(FleetTest, RowsThatFailAreListedAndTheOthersWritten) {
+    table(
+        "mac,name\n02:00:5E:10:00:01,One\nnot a mac,x\n02:00:5E:10:00:02\n02:00:5E:10:00:03,\x01\n"
+        "02:00:5E:10:00:04,Four\n");
+    EXPECT_THAT(failures(),
+                ElementsAre("3 mac is not the MAC address of a device: not a mac", "4 1 fields, but 2 columns",
+                            "5 name has a control character that XML cannot hold: \\x01"));
+    EXPECT_TRUE(exists("out/02-00-5E-10-00-01/provisioning.xml"));
+    EXPECT_TRUE(exists("out/02-00-5E-10-00-04/provisioning.xml"));
+    EXPECT_FALSE(exists("out/02-00-5E-10-00-03"));
+}
+
+TEST_F(FleetTest, AllRowsForOneFileFail) {
+    table("mac,name\n02:00:5E:10:00:01,a\n02:00:5E:10:00:02,b\n02-00-5E-10-00-01,c\n02005E100001,d\n");
+    const std::string name = "02-00-5E-10-00-01/provisioning.xml is also the file of row ";
+    EXPECT_THAT(failures(), ElementsAre("2 " + name + "4", "4 " + name + "2", "5 " + name + "2"));
+    EXPECT_THAT(tree("out"), SizeIs(2));
+}
+
+TEST_F(FleetTest, AValueCannotLeaveTheOutputFolder) {
+    options.place = "{name}/p.xml";
+    table(
+        "mac,name\n02:00:5E:10:00:01,..\n02:00:5E:10:00:01,a/"
+        "b\n02:00:5E:10:00:01,\n02:00:5E:10:00:01,.x\n02:00:5E:10:00:01,\"a\nb\"\n");
+    EXPECT_THAT(failures(),
+                ElementsAre(HasSubstr("2 a step of the path is empty or begins with \".\""),
+                            "3 name cannot be part of a path: a/b", "4 name is empty, but is part of a path",
+                            HasSubstr("5 a step of the path"), "6 name cannot be part of a path: a\\nb"));
+    EXPECT_FALSE(exists("out"));
+    EXPECT_FALSE(exists("p.xml"));
+}
+
+TEST_F(FleetTest, AFileThatIsAlsoAFolderFails) {
+    options.place = "{name}";
+    write("in/t/{name}", "x {name}");
+    write("in/t/{MACD}/y", "y");
+    options.templatePath = root + "/in/t";
+    options.place = "";
+    table("mac,name\n02:00:5E:10:00:01,02-00-5E-10-00-02\n02:00:5E:10:00:02,b\n");
+    EXPECT_THAT(failures(), ElementsAre(HasSubstr("2 02-00-5E-10-00-02 is also a folder")));
+}
+
+TEST_F(FleetTest, AFolderOfTemplatesWithFilesForAllRows) {
+    write("t/{MACD}/provisioning.xml", templateXml);
+    write("t/{MACD}/note.txt", "{name} & {{co}");
+    write("t/{MACD}/image", std::string("\0{name}", 7));
+    write("t/common/settings.xml", "<settings/>");
+    options.templatePath = root + "/t";
+    options.place = "";
+    EXPECT_EQ(run().written, 7U);
+    EXPECT_EQ(read("out/02-00-5E-10-00-01/note.txt"), "One & {co}");
+    EXPECT_EQ(read("out/02-00-5E-10-00-01/image"), std::string("\0{name}", 7));
+    EXPECT_EQ(decrypted("out/common/settings.xml"), "<settings/>");
+    EXPECT_EQ(run().unchanged, 7U);
+}
+
+TEST_F(FleetTest, MistakesInTheTemplateWriteNothing) {
+    const auto error = [this] { return errorOf([this] { run(); }); };
+    write("in/phone.xml", "<nvm>\n{nmae}</nvm>");
+    EXPECT_THAT(error(), HasSubstr("phone.xml:2: unknown placeholder {nmae}; there are mac, name, MACC, MACD"));
+    write("in/phone.xml", "<Nvm>{name}</Nvm>");
+    EXPECT_THAT(error(), HasSubstr("the phone wants \"nvm\""));
+    write("in/phone.xml", "<?xml version='1.0' encoding='ISO-8859-1'?><nvm>{name}</nvm>");
+    EXPECT_THAT(error(), HasSubstr("declares the encoding ISO-8859-1"));
+    write("in/phone.xml", "<nvm>{name}\xff</nvm>");
+    EXPECT_THAT(error(), HasSubstr("must be UTF-8"));
+    write("in/phone.xml", templateXml);
+    options.place = "phone.xml";
+    EXPECT_THAT(error(), HasSubstr("every row would write phone.xml"));
+    options.place = "{nmae}.xml";
+    EXPECT_THAT(error(), HasSubstr("unknown placeholder {nmae}"));
+    options.place = "../{name}.xml";
+    EXPECT_THAT(failures(), ElementsAre(HasSubstr("2 a step of the path"), HasSubstr("3 a step of the path")));
+    EXPECT_FALSE(exists("out"));
+}
+
+TEST_F(FleetTest, ErrorsOfTheCheckFailTheirRow) {
+    options.check = [](const std::string& name, const std::string& bytes) {
+        std::vector<Finding> findings{{name, 1, false, "just a warning"}};
+        if (bytes.find("Two") != std::string::npos) findings.push_back({name, 1, true, "no such value"});
+        return findings;
+    };
+    EXPECT_THAT(failures(), ElementsAre("3 02-00-5E-10-00-02/provisioning.xml:1: no such value"));
+    EXPECT_FALSE(exists("out/02-00-5E-10-00-02"));
+    options.force = true;
+    EXPECT_THAT(failures(), IsEmpty());
+}
+
+TEST_F(FleetTest, InputsInsideTheOutputFolderAreRefused) {
+    options.to = root;
+    EXPECT_THAT(errorOf([this] { run(); }), HasSubstr("t.csv: is inside"));
+    options.to = root + "/in";
+    EXPECT_THAT(errorOf([this] { run(); }), HasSubstr("phone.xml: is inside"));
+    write("in/t.csv", "a\nb\n");
+    options.to = root + "/out";
+    options.templatePath = root + "/in";
+    options.table = root + "/in/t.csv";
+    EXPECT_THAT(errorOf([this] { run(); }), HasSubstr("t.csv: is inside"));
+}
+
+}  // namespace
+}  // namespace pack

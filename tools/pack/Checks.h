@@ -1,0 +1,16 @@
+// Checks that all commands of this library share, before anything is read or written.
+#pragma once
+
+#include <string>
+#include <vector>
+
+namespace pack {
+
+/// Throws Error if one of the folders is inside the other or is the same, or if the key file is in one of them, where
+/// it would be published or could be removed. `to` need not exist yet.
+void checkFolders(const std::string& from, const std::string& to, const std::string& keyFile);
+
+/// Throws Error if one of these files is in the output folder, where it would be published.
+void checkOutsideOf(const std::string& to, const std::vector<std::string>& files);
+
+}  // namespace pack
