@@ -7,6 +7,7 @@
 #include <libxml/xmlIO.h>
 #include <libxml/xmlerror.h>
 
+#include <new>
 #include <utility>
 
 #include "common/ThreadSafety.h"
@@ -38,9 +39,13 @@ ParseFailure::Kind kindOf(const xmlError& error) {
 // Instead of libxml2's output. It goes on behind an error, but only the first one is about the document.
 void recordError(void*, xmlErrorPtr error) {
     if (error == nullptr || error->level != XML_ERR_FATAL || document.failure.kind != ParseFailure::Kind::none) return;
-    std::string message = error->message == nullptr ? "" : error->message;
-    while (!message.empty() && (message.back() == '\n' || message.back() == ' ')) message.pop_back();
-    document.failure = {kindOf(*error), std::move(message), error->line, error->int2};
+    document.failure = {kindOf(*error), "", error->line, error->int2};
+    try {
+        std::string message = error->message == nullptr ? "" : error->message;
+        while (!message.empty() && (message.back() == '\n' || message.back() == ' ')) message.pop_back();
+        document.failure.message = std::move(message);
+    } catch (const std::bad_alloc&) {  // must not pass through libxml2
+    }
 }
 
 void refuse(void* context, ParseFailure::Kind kind) {

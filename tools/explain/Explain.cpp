@@ -10,12 +10,14 @@
 #include "Core/ProvisioningWatchdog/ProvisioningWorker.h"
 #include "Core/Utils.h"
 #include "catalogue/Catalogue.h"
+#include "common/UrlSyntax.h"
 #include "explain/MemoryBus.h"
 #include "explain/PhoneFiles.h"
 #include "explain/PublishedFolder.h"
 #include "explain/Recorder.h"
 #include "http/CurlTypes.h"
 #include "http/FormatUrl.h"
+#include "lint/Source.h"
 #include "propertyapi/PropertyApiBuilder.h"
 #include "security/Security.h"
 #include "xml/Library.h"
@@ -75,7 +77,8 @@ class PhoneInMemory {
         : catalogue_(Catalogue::load(request.catalogue)),
           values_(beginning(request, catalogue_, notes)),
           files_(request.keyFile),
-          recorder_([this, all = request.showSecrets](const std::string& key) { return !all && isSecret(key); },
+          recorder_([this, all = request.showSecrets](
+                        const std::string& key, const std::string& value) { return all ? value : masked(key, value); },
                     [this](std::string text) { return files_.withPhonePaths(std::move(text)); }),
           store_(values_),
           bus_(std::make_shared<MemoryBus>(catalogue_, store_)),
@@ -122,9 +125,15 @@ class PhoneInMemory {
     }
 
  private:
-    bool isSecret(const std::string& key) const {
+    // A key that the catalogue lacks may be a misspelt secret.
+    std::string masked(const std::string& key, const std::string& value) const {
         const CatalogueKey* const known = find(catalogue_, key);
-        return known != nullptr && known->definition->isSecret();
+        const bool isSecret = known != nullptr ? known->definition->isSecret() : lint::soundsSecret(key);
+        if (isSecret) return value.empty() ? "" : "***";
+        return value.find('@') == std::string::npos ? value : withoutPasswordInUrl(value);
+    }
+    static std::string withoutPasswordInUrl(const std::string& value) {
+        return value.find("://") == std::string::npos ? value : common::withoutPassword(value);
     }
 
     zav::UrlInfo initialUrl() const {

@@ -12,8 +12,6 @@ namespace {
 
 using Kind = Event::Kind;
 
-constexpr char hidden[] = "***";
-
 std::string nameOf(const zav::JobDescription& job) { return job.name + "/" + job.itemName; }
 
 std::string wordOf(std::optional<int> result) {
@@ -51,8 +49,8 @@ void replaceAll(std::string& text, const std::string& from, const std::string& t
 
 }  // namespace
 
-Recorder::Recorder(std::function<bool(const std::string&)> isSecret, std::function<std::string(std::string)> readable)
-    : isSecret_(std::move(isSecret)), readable_(std::move(readable)) {
+Recorder::Recorder(Masked masked, std::function<std::string(std::string)> readable)
+    : masked_(std::move(masked)), readable_(std::move(readable)) {
     dbg::Debug::setDebugLevelMask("7");
     dbg::Debug::redirect([this](const dbg::LogLine& line) { logged(line); });
     install(this);
@@ -78,9 +76,9 @@ void Recorder::logged(const dbg::LogLine& line) {
 }
 
 std::string Recorder::shown(const std::string& key, const std::string& value) {
-    if (value.empty() || !isSecret_(key)) return value;
-    secretTexts_.insert(quote(key, value, "="));
-    return hidden;
+    const std::string masked = masked_(key, value);
+    if (masked != value) secretTexts_.insert_or_assign(quote(key, value, "="), quote(key, masked, "="));
+    return masked;
 }
 
 void Recorder::fileRequested(const std::string& url, const std::string& place, const std::string& status) {
@@ -167,8 +165,7 @@ bool Recorder::hasFirmwareDecision() const {
 
 void Recorder::moveInto(Explanation& explanation) {
     const common::LockGuard lock(mutex_);
-    for (const std::string& secret : secretTexts_) {
-        const std::string masked = secret.substr(0, secret.find("'='")) + "'='" + hidden + "'";
+    for (const auto& [secret, masked] : secretTexts_) {
         for (dbg::LogLine& line : log_) replaceAll(line.text, secret, masked);
         for (Event& event : events_) {
             if (event.kind == Kind::log) replaceAll(event.value, secret, masked);

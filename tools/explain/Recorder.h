@@ -5,8 +5,8 @@
 #pragma once
 
 #include <functional>
+#include <map>
 #include <optional>
-#include <set>
 #include <string>
 #include <vector>
 
@@ -19,9 +19,10 @@ namespace explain {
 
 class Recorder final : public zav::PassObserver {
  public:
-    /// `isSecret` tells whether values of a key are replaced with "***"; `readable` is applied to every text of the
-    /// log.
-    Recorder(std::function<bool(const std::string& key)> isSecret, std::function<std::string(std::string)> readable);
+    using Masked = std::function<std::string(const std::string& key, const std::string& value)>;
+
+    /// `masked` is a key's value without secrets; `readable` is applied to every text of the log.
+    Recorder(Masked masked, std::function<std::string(std::string)> readable);
     ~Recorder() override;
 
     void fileRequested(const std::string& url, const std::string& place, const std::string& status);
@@ -50,14 +51,14 @@ class Recorder final : public zav::PassObserver {
     void logged(const dbg::LogLine& line);
     std::string shown(const std::string& key, const std::string& value) REQUIRES(mutex_);
 
-    const std::function<bool(const std::string&)> isSecret_;
+    const Masked masked_;
     const std::function<std::string(std::string)> readable_;
 
     mutable common::Mutex mutex_;
     std::vector<Event> events_ GUARDED_BY(mutex_);
     std::vector<dbg::LogLine> log_ GUARDED_BY(mutex_);
     unsigned depth_ GUARDED_BY(mutex_) = 0;
-    std::set<std::string> secretTexts_ GUARDED_BY(mutex_);  // as log lines quote them
+    std::map<std::string, std::string> secretTexts_ GUARDED_BY(mutex_);  // as log lines quote them, and without secrets
     bool firmwareDecided_ GUARDED_BY(mutex_) = false;
 };
 

@@ -3,6 +3,8 @@
 #include <algorithm>
 #include <utility>
 
+#include "common/UrlSyntax.h"
+#include "lint/Source.h"
 #include "propertyprotocol/Utf8.h"
 
 namespace zavctl {
@@ -19,6 +21,21 @@ bool startsWith(std::string_view text, std::string_view begin) { return text.sub
 
 bool endsWith(std::string_view text, std::string_view end) {
     return text.size() >= end.size() && text.substr(text.size() - end.size()) == end;
+}
+
+// A refused setting's line without the value, if that may be a secret: 'KEY'='VALUE'.
+std::string withoutSecret(std::string text) {
+    const std::size_t middle = text.find("'='");
+    const std::size_t begin = middle == std::string::npos || middle == 0 ? middle : text.rfind('\'', middle - 1);
+    if (begin == std::string::npos || begin == middle) return text;
+    const std::string key = text.substr(begin + 1, middle - begin - 1);
+    const std::size_t value = middle + 3;
+    const std::size_t end = std::min(text.rfind("' (exception "), text.rfind('\''));
+    if (end == std::string::npos || end <= value) return text;
+    const std::string shown = text.substr(value, end - value);
+    const bool isUrl = shown.find("://") != std::string::npos;
+    if (!lint::soundsSecret(key) && !isUrl) return text;
+    return text.replace(value, end - value, lint::soundsSecret(key) ? "***" : common::withoutPassword(shown));
 }
 
 // Removes the next word and the blank behind it.
@@ -139,7 +156,7 @@ void PassReasons::append(const std::string& kind, std::string_view level, std::s
     }
     Reason& reason = pass_.reasons[found->second];
     std::set<std::string>& known = pass_.known[kind];
-    const std::string shown = shortened(text);
+    const std::string shown = shortened(withoutSecret(std::string(text)));
     if (known.count(shown) > 0) return;
     if (known.size() == maximumTexts) {
         ++reason.more;

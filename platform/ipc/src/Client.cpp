@@ -118,6 +118,9 @@ class Client final : public IIPCClient, private ConnectionListener {
             if (state_ == State::fresh) throw IPCException("The bus client is not connected");
             if (state_ == State::disconnected) throw IPCException("The bus client is disconnected");
         }
+        // Half of what may wait for the broker is left for requests: these must not fail because of messages that may
+        // be lost.
+        if (qualityOfService == 0 && connection_.congestion() == Congestion::unsent) return;
         connection_.publish({topic, payload, qualityOfService, {}, {}});
     }
 

@@ -166,7 +166,7 @@ bool hasItems(const JobDescription& job, const char* file, int line) {
 }
 
 ProgressPublisher::Job progressOf(const JobDescription& job) {
-    const bool settings = job.name == "settings" || job.itemName == "param";
+    const bool settings = JobHandlerFactory::kindOf(job.name, job.itemName) == JobKind::settings;
     return {Pass::current().progress(), job.name, settings ? "items" : "bytes", settings ? job.items.size() : 0};
 }
 

@@ -82,13 +82,15 @@ void DeferredWrites::retry() {
 bool DeferredWrites::tryFirst() {
     const common::LockGuard attempt(attempt_);
     Pending first{};
-    {
-        const common::LockGuard lock(mutex_);
-        if (pending_.empty()) return false;
-        first = pending_.front();
-    }
     try {
+        {
+            const common::LockGuard lock(mutex_);
+            if (pending_.empty()) return false;
+            first = pending_.front();
+        }
         if (!execute(first.write)) return false;
+    } catch (const std::bad_alloc&) {
+        return false;
     } catch (const std::exception& e) {
         dbg::Debug::error() << "Deferred property write failed: " << e.what() << std::endl;
     }

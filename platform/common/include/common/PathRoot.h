@@ -1,5 +1,6 @@
 // The folder that stands in for the root of the phone's file system. The daemon sets none. A tool that runs the
-// daemon's code on another machine sets a temporary folder, so that nothing outside it is read or written.
+// daemon's code on another machine sets a temporary folder, so that a pass reads and writes
+// nothing outside it.
 //
 // Code keeps the phone's paths, and log lines show them; only the calls that open, list or remove something use
 // `rooted`.

@@ -248,5 +248,19 @@ TEST_F(Log, TheEndOfAPassCannotBeForgedByAFile) {
     EXPECT_EQ(reasons.endedPasses(), 1U);
 }
 
+TEST_F(Log, RefusedSecretsAreHidden) {
+    begin();
+    error("Could not set param : 'System.Web.AdminPassword'='it's pw1' (exception Property: too long)");
+    error("Could not set param : 'System.Provision.ProvisioningServer'='http://u:pw2@h/ x' (exception Property: no)");
+    error("Could not set param : 'Time.Format'='13h' (exception Property: one of)");
+    ended();
+    EXPECT_THAT(
+        texts(),
+        ElementsAre("Could not set param : 'System.Web.AdminPassword'='***' (exception Property: too long)",
+                    "Could not set param : 'System.Provision.ProvisioningServer'='http://u:***@h/ x' (exception "
+                    "Property: no)",
+                    "Could not set param : 'Time.Format'='13h' (exception Property: one of)"));
+}
+
 }  // namespace
 }  // namespace zavctl
