@@ -46,11 +46,11 @@ class Parts(unittest.TestCase):
         self.assertEqual(build.parts(), PRODUCT)
 
     def test_without_the_lab_there_are_no_system_tests(self):
-        self.assertEqual(Build("-DZAV_LAB=OFF").labels(), {"architecture", "build", "flow", "unit"})
+        self.assertEqual(Build("-DZAV_LAB=OFF").labels(), {"architecture", "build", "flow", "once", "unit"})
 
     def test_everything_is_the_default(self):
         build = Build()
-        self.assertEqual(build.labels(), {"architecture", "build", "flow", "system", "unit"})
+        self.assertEqual(build.labels(), {"architecture", "build", "flow", "once", "system", "unit"})
         self.assertEqual(build.parts(), PRODUCT | {"bench", "lab", "tests"})
 
 
