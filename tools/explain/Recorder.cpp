@@ -76,7 +76,7 @@ void Recorder::logged(const dbg::LogLine& line) {
 }
 
 std::string Recorder::shown(const std::string& key, const std::string& value) {
-    const std::string masked = masked_(key, value);
+    std::string masked = masked_(key, value);
     if (masked != value) secretTexts_.insert_or_assign(quote(key, value, "="), quote(key, masked, "="));
     return masked;
 }
