@@ -5,6 +5,7 @@
 #include "lint/Inspection.h"
 #include "lint/Passes.h"
 #include "lint/Site.h"
+#include "xml/Library.h"
 
 namespace lint {
 
@@ -24,6 +25,7 @@ std::vector<Finding> lintDocument(const std::string& name, const std::string& by
 }
 
 Report lintPaths(const std::vector<std::string>& paths, const Options& options) {
+    const zav::xml::Library library;  // outlives the threads
     return Passes(listFiles(paths), options).report();
 }
 

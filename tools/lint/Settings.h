@@ -9,6 +9,7 @@
 #include <vector>
 
 #include "catalogue/Catalogue.h"
+#include "xml/Library.h"
 
 namespace Json {
 class Value;
@@ -33,6 +34,8 @@ class Settings {
     std::size_t size() const { return definitions_.size(); }
 
  private:
+    // Whoever checks on several threads has Settings: libxml2 is not to be cleaned up while one of them ends.
+    const zav::xml::Library library_;
     std::unordered_map<std::string, std::shared_ptr<const propertyservice::Definition>> definitions_;
 };
 
