@@ -7,6 +7,7 @@
 #include <iterator>
 #include <memory>
 
+#include "BaseUrl.h"
 #include "CatalogueFile.h"
 #include "Lint.h"
 #include "Output.h"
@@ -156,7 +157,7 @@ ExitCode lintFiles(const Environment& environment, const Options& options, const
         lint::Options given;
         given.keyFile = lintOptions.keyFile;
         if (given.keyFile == LintOptions().keyFile && ::access(given.keyFile.c_str(), R_OK) != 0) given.keyFile.clear();
-        given.baseUrl = lintOptions.baseUrl;
+        given.baseUrl = folderUrl(lintOptions.baseUrl);
         if (!lintOptions.phone.empty()) askPhone(environment, options, given);
         if (given.settings == nullptr || !lintOptions.catalogue.empty()) {
             given.settings =
