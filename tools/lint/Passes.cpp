@@ -120,7 +120,7 @@ void Passes::inspectNamedFiles() {
     }
     for (const std::string& name : order_) {
         if (!isUrl(name)) continue;
-        const Circumstances around{Role::byRoot, "", travelsReadable(name, options_)};
+        const Circumstances around{roleByName(name), "", travelsReadable(name, options_)};
         std::string error;
         Inspection inspection = inspectFile(name, around, error);
         if (!error.empty()) throw LintException(name + ": " + error);

@@ -95,6 +95,13 @@ lint::Phone nobody(const std::string& baseUrl) {
     return phone;
 }
 
+// A password in it is sent to this server only, as a phone does.
+std::string serverOf(const lint::Options& options, const std::vector<std::string>& paths) {
+    if (!options.baseUrl.empty()) return options.baseUrl;
+    const auto url = std::find_if(paths.begin(), paths.end(), isUrl);
+    return url == paths.end() ? "" : *url;
+}
+
 Json::Value toJson(const lint::Finding& finding) {
     Json::Value json = toObject({{"file", finding.file},
                                  {"level", lint::nameOf(finding.level)},
@@ -166,7 +173,8 @@ ExitCode lintFiles(const Environment& environment, const Options& options, const
         std::unique_ptr<Downloads> downloads;
         if (folder != nullptr) {
             if (folder->path().empty()) throw Failure(ExitCode::failed, "failed", "no folder can be made in /tmp");
-            downloads = std::make_unique<Downloads>(folder->path(), given.phone.value_or(nobody(given.baseUrl)));
+            downloads =
+                std::make_unique<Downloads>(folder->path(), given.phone.value_or(nobody(serverOf(given, paths))));
             given.fetch = [&downloads](const std::string& url) { return downloads->fetch(url); };
         }
         const lint::Report report = lint::lintPaths(paths, given);
