@@ -35,7 +35,8 @@ class SettingsCheck {
             return;
         }
         if (value == item.end()) {
-            checks_.add(RuleId::missingValue, {element}, quoted(name->second) + " has no value");
+            const bool isReported = isMisspelt(item, "value", attributesOfItem("param"));
+            if (!isReported) checks_.add(RuleId::missingValue, {element}, quoted(name->second) + " has no value");
             checkKey(name->second, element);
             return;
         }
@@ -99,10 +100,11 @@ class SettingsCheck {
         if (checks_.options.settings == nullptr) return nullptr;
         const propertyservice::Definition* const definition = checks_.options.settings->find(name);
         if (definition == nullptr) {
-            std::string near;
-            if (guesses_++ < maxGuesses) near = checks_.options.settings->nearest(name);
+            std::string remedy;
+            if (guesses_++ < maxGuesses) remedy = keyRemedy(*checks_.options.settings, name);
+            const bool isState = remedy.empty() && propertyservice::isState(name);
             checks_.add(RuleId::unknownKey, valueOf(element, "name"), "There is no key " + quoted(name),
-                        near.empty() ? "" : "write " + quoted(near));
+                        isState ? "remove it: keys below State. are not settings" : remedy);
         } else if (definition->readOnly) {
             checks_.add(RuleId::readOnlyKey, valueOf(element, "name"), quoted(name) + " is read-only");
         } else if (definition->refuses(zav::constants.provisioningSource)) {

@@ -273,8 +273,11 @@ class Inspector {
         // The parser's messages may contain bytes of the file.
         const std::string shown = quoted(message);
         const Source source = sourceOf(toUtf8(text, ""), options_);
-        addAt(rule, source, source.offsetOf(failure.line, failure.column), shown.substr(1, shown.size() - 2),
-              rule == RuleId::notWellFormed ? remedyFor(message) : "");
+        const std::size_t offset = source.offsetOf(failure.line, failure.column);
+        std::string remedy = rule == RuleId::notWellFormed ? remedyFor(message) : "";
+        if (!remedy.empty() && isTypographicQuote(source.text(), offset))
+            remedy = R"(write straight quotation marks: ")";
+        addAt(rule, source, offset, shown.substr(1, shown.size() - 2), remedy);
     }
 
     void addAt(RuleId rule, const Source& source, std::size_t offset, const std::string& message,

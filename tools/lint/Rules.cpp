@@ -89,6 +89,8 @@ const std::vector<Rule>& rules() {
          "settings of a published file are <settings> with <param>, scenarios <scenario> with <step>"},
         {"unknown-attribute", warning, "An attribute that the phone does not know is ignored.",
          "correct or remove it; upper and lower case count"},
+        {"misspelt-attribute", error, "A misspelt attribute is ignored, and what it should have said is missing.",
+         "correct the name; upper and lower case count"},
         {"missing-attribute", error, "An item without a needed attribute fails, and may end the pass.", "add it"},
         {"missing-value", error, "A setting without a value is not written.",
          "add value; value=\"\" clears the setting"},

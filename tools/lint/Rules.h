@@ -49,6 +49,7 @@ enum class RuleId : std::size_t {
     jobNotAllowed,
     unknownJob,
     unknownAttribute,
+    misspeltAttribute,
     missingAttribute,
     missingValue,
     unknownCategory,
