@@ -28,7 +28,8 @@ struct Mistake {
     RuleId rule;
     Place place;
     std::string message;
-    std::string fix;  // empty: the rule's
+    std::string fix;            // empty: the rule's
+    std::size_t before = none;  // the element that the message refers to; its line is added
 };
 
 struct Link {
@@ -43,9 +44,9 @@ class Checks {
     Checks(Document& checked, const Options& given, const Circumstances& around)
         : document(checked), options(given), circumstances(around) {}
 
-    void add(RuleId rule, Place place, std::string message, std::string fix = "") {
+    void add(RuleId rule, Place place, std::string message, std::string fix = "", std::size_t before = none) {
         if (mistakes.size() < options.findingsPerFile) {
-            mistakes.push_back({rule, std::move(place), std::move(message), std::move(fix)});
+            mistakes.push_back({rule, std::move(place), std::move(message), std::move(fix), before});
         }
     }
 

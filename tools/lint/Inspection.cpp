@@ -92,6 +92,12 @@ class Placement {
         finding.caret = excerpt.caret;
     }
 
+    std::string lineOf(std::size_t element) const {
+        Finding finding;
+        place(finding, {element});
+        return std::to_string(finding.line);
+    }
+
  private:
     std::size_t offsetOf(const Place& place) const {
         const ElementPlace& element = places_.elements[place.element];
@@ -212,6 +218,7 @@ class Inspector {
         if (checks.mistakes.empty() && checks.links.empty()) return;
         const Placement placement(checks.document, text, options_);
         for (Mistake& mistake : checks.mistakes) {
+            if (mistake.before != none) mistake.message += ", in line " + placement.lineOf(mistake.before);
             Finding finding = findingOf(name_, mistake.rule, std::move(mistake.message), mistake.fix);
             placement.place(finding, mistake.place);
             result_.findings.push_back(std::move(finding));

@@ -162,11 +162,21 @@ const std::vector<Rule>& rules() {
          "The provisioning period is 0 (nightly) or 600 to 86400 seconds; other numbers are clamped, other texts "
          "ignored.",
          "write a number of seconds"},
+        {"own-address", warning,
+         "NET.MAC.Address names the phone: with another one, files and folders of this phone are no longer its own.",
+         "remove the setting"},
         {"server-url", error, "With a provisioning server that is not a URL the phone never provisions again.",
          "write https://HOST/FOLDER/"},
+        {"server-over-http", warning,
+         "Over plain http everyone on the way reads, and may replace, what the server sends; factory credentials may "
+         "travel readable, too.",
+         "write https://"},
         {"secret-over-http", warning, "Secrets of a plain file travel readable for everyone over http.",
          "publish over https, or encrypt the file"},
         // What files refer to
+        {"initial-file-name", error,
+         "Phones ask for provisioning.xml unless the server's URL names another file; upper and lower case count.",
+         "rename the file to provisioning.xml"},
         {"missing-file", error, "A file that is not there fails its job.", "publish it, or correct the URL"},
         {"include-loop", error,
          "A file that leads back to itself is read again and again, until the phone's limits end it.",

@@ -75,7 +75,8 @@ void addFolder(const std::string& folder, std::vector<std::string>& files) {
         if (error) throw LintException(folder + ": cannot be read: " + error.message());
         std::error_code ignored;
         const fs::path& path = entries->path();
-        if (path.extension() == ".xml" && entries->is_regular_file(ignored)) found.push_back(path.string());
+        if (strcasecmp(path.extension().c_str(), ".xml") == 0 && entries->is_regular_file(ignored))
+            found.push_back(path.string());
     }
     std::sort(found.begin(), found.end());
     files.insert(files.end(), found.begin(), found.end());

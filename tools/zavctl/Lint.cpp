@@ -20,6 +20,7 @@
 #include "lint/Print.h"
 #include "lint/Rules.h"
 #include "lint/Settings.h"
+#include "lint/Source.h"
 #include "propertyprotocol/Topics.h"
 
 namespace zavctl {
@@ -103,11 +104,11 @@ std::string serverOf(const lint::Options& options, const std::vector<std::string
 }
 
 Json::Value toJson(const lint::Finding& finding) {
-    Json::Value json = toObject({{"file", finding.file},
+    Json::Value json = toObject({{"file", lint::validUtf8(finding.file)},
                                  {"level", lint::nameOf(finding.level)},
                                  {"rule", finding.rule},
-                                 {"message", finding.message},
-                                 {"fix", finding.fix}});
+                                 {"message", lint::validUtf8(finding.message)},
+                                 {"fix", lint::validUtf8(finding.fix)}});
     if (finding.line != 0) json["line"] = finding.line;
     if (finding.column != 0) json["column"] = finding.column;
     return json;

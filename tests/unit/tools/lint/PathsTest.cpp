@@ -120,6 +120,21 @@ TEST_F(LintPaths, ServersUrlStandsForTheFileThatAPhoneAsksFor) {
     EXPECT_THROW(lint({"http://"}), LintException);
 }
 
+TEST_F(LintPaths, InitialFileInAnotherCaseIsNeverAskedFor) {
+    write("Provisioning.XML", provisioning("<nvm>" + volume + "</nvm>"));
+    EXPECT_THAT(lint({folder}), ElementsAre("Provisioning.XML: initial-file-name"));
+    write("provisioning.xml", provisioning("<nvm>" + volume + "</nvm>"));
+    EXPECT_THAT(lint({folder}), IsEmpty());
+}
+
+TEST_F(LintPaths, KeyFileHasALimit) {
+    const std::string first = write("provisioning.xml", "Salted__12345678");
+    given.keyFile = "/dev/zero";
+    EXPECT_THROW(lint({first}), LintException);
+    given.keyFile = write("key", std::string(65536, 'k'));
+    EXPECT_THAT(lint({first}), ElementsAre("provisioning.xml: wrong-key"));
+}
+
 TEST_F(LintPaths, NothingIsFetchedWithoutPermission) {
     EXPECT_THROW(lint({"http://h/a/provisioning.xml"}), LintException);
 }
