@@ -17,6 +17,8 @@ void CommandLine::addExplain() {
                         "The phone: a file in the format of export, or \"running\"; default: the catalogue's defaults");
     command->add_option("--catalogue", explained_.catalogue, "The phone's catalogue; default: the installed one");
     command->add_option("--key", explained_.key, "File with the phone's pass phrase; default: /etc/zav.d/key");
+    command->add_option("--base", explained_.base,
+                        "The URL that the folder stands for; default: the server's, up to its first placeholder");
     addShowSecrets(command);
 }
 
