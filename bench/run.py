@@ -8,6 +8,7 @@ import os
 import pathlib
 import platform
 import re
+import signal
 import subprocess
 import sys
 import time
@@ -116,6 +117,9 @@ def arguments():
 
 def main():
     given = arguments()
+    # Whoever ends the run, the works end what they started.
+    signal.signal(signal.SIGTERM, signal.default_int_handler)
+    signal.signal(signal.SIGINT, signal.default_int_handler)
     works = [work for work in works_of_all_modules() if re.search(given.only, work.name, re.IGNORECASE)]
     works = [work for work in works if work.is_quick or not given.quick]
     if not works:

@@ -39,11 +39,15 @@ http {
 STAMP = re.compile(r"^(\S+) ZAV ")
 
 
-def children_of(pid):
-    for task in pathlib.Path(f"/proc/{pid}/task").iterdir():
-        for child in (task / "children").read_text().split():
-            yield int(child)
-            yield from children_of(int(child))
+def programs_below(pid):
+    """(name, pid) of all processes that descend from this one. Those that end meanwhile are left out."""
+    try:
+        yield pathlib.Path(f"/proc/{pid}/comm").read_text(encoding="ascii").strip(), pid
+        for task in pathlib.Path(f"/proc/{pid}/task").iterdir():
+            for child in (task / "children").read_text(encoding="ascii").split():
+                yield from programs_below(int(child))
+    except (FileNotFoundError, ProcessLookupError):
+        pass
 
 
 def proportional(pid):
@@ -65,9 +69,22 @@ class SmallPhone:
             raise RuntimeError(f"a phone ended: {(self.folder / 'errors').read_text()}")
         if not (self.folder / "ready").exists():
             return False
-        named = {(pathlib.Path(f"/proc/{pid}/comm").read_text().strip(), pid) for pid in children_of(self.process.pid)}
-        self.pids = dict(one for one in named if one[0] in PROGRAMS)
         return True
+
+    def start_daemon(self):
+        self.process.stdin.write(b"go\n")
+        self.process.stdin.flush()
+
+    def settles(self):
+        """Whether the daemon waits for the network to settle."""
+        if "for stabilization." not in self.log():
+            return False
+        self.pids = dict(one for one in programs_below(self.process.pid) if one[0] in PROGRAMS)
+        return True
+
+    def log(self):
+        log = self.folder / "daemon.log"
+        return log.read_text(encoding="utf-8", errors="replace") if log.exists() else ""
 
     def send(self, number):
         os.kill(self.pids["zavd"], number)
@@ -76,13 +93,13 @@ class SmallPhone:
         return sum(proportional(pid) for pid in self.pids.values())
 
     def has_passed(self):
-        log = (self.folder / "daemon.log").read_text(encoding="utf-8", errors="replace")
+        log = self.log()
         if "Provisioning failed. " in log:
             raise RuntimeError(f"a pass failed:\n{log}")
         return "Provisioning succeeded. " in log
 
     def moment(self, text):
-        for line in (self.folder / "daemon.log").read_text(encoding="utf-8", errors="replace").splitlines():
+        for line in self.log().splitlines():
             if text in line:
                 return datetime.datetime.fromisoformat(STAMP.match(line).group(1)).timestamp()
         raise RuntimeError(f"no line with {text!r}")
@@ -103,7 +120,7 @@ class Fleet:
         self.memory, self.seconds = {}, {}
         self.configure(context)
         try:
-            self.boot(context)
+            self.boot()
             self.passes()
             self.weigh()
         finally:
@@ -123,19 +140,22 @@ class Fleet:
                        stderr=subprocess.DEVNULL)
         self.build = context.build
 
-    def boot(self, context):
-        began = time.monotonic()
+    def boot(self):
         starting = []
         for number in range(sum(self.groups)):
             starting.append(SmallPhone(self.folder / str(number), self.build))
             self.phones.append(starting[-1])
             wait_until(lambda: len(self.still(starting)) < 4, "phones start")
         wait_until(lambda: not self.still(starting), "phones start")
-        # A broker gives up a daemon that is stopped for longer than its keep-alive allows.
-        if time.monotonic() - began > SETTLES - 10:
-            raise RuntimeError(f"the phones took {time.monotonic() - began:.0f} s to start, longer than they settle")
+        began = time.monotonic()
+        for phone in self.phones:
+            phone.start_daemon()
+        wait_until(lambda: all(phone.settles() for phone in self.phones), "daemons start")
         self.settled = time.monotonic() + SETTLES + 1
-        time.sleep(max(0, began + SETTLES - 8 - time.monotonic()))
+        # A broker gives up a daemon that is stopped for longer than its keep-alive allows.
+        if self.settled - began > SETTLES + 60:
+            raise RuntimeError("the machine is too busy: the daemons took more than a minute to start")
+        time.sleep(max(0, began + SETTLES - 5 - time.monotonic()))
         for phone in self.phones:
             phone.send(signal.SIGSTOP)
 
@@ -169,7 +189,7 @@ class Fleet:
         shutil.rmtree(self.folder, ignore_errors=True)
 
 
-FLEET = []  # one, once it has been measured
+FLEET = []  # one, once it has been tried
 
 
 class Phones(Work):
@@ -180,7 +200,10 @@ class Phones(Work):
 
     def prepare(self, context):
         if not FLEET:
-            FLEET.append(Fleet(context))
+            FLEET.append(None)
+            FLEET[0] = Fleet(context)
+        if FLEET[0] is None:
+            raise RuntimeError("the phones could not be measured, see the work before")
         self.most = FLEET[0].groups[-1]
 
     def measured(self):
