@@ -11,8 +11,10 @@ import sys
 
 HERE = pathlib.Path(__file__).resolve().parent
 ROOT = HERE.parents[1]
-# Folder: least percentage of lines and of branches. Branches that only an exception takes do not count.
-GOALS = {"src": (98, 92), "platform": (98, 92), "services": (98, 92), "tools": (0, 0)}
+# Folder: least percentage of lines and of branches. Edges that an exception takes do not count, but the branches behind
+# them do, such as the destruction of temporaries on its way out. For the branches of platform and services the goal is
+# 92, too; until they reach it these figures must not fall.
+GOALS = {"src": (98, 92), "platform": (98, 85), "services": (98, 87), "tools": (90, 70)}
 
 
 def named(path=HERE / "uncovered.txt"):
