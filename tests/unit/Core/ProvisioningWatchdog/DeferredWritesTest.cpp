@@ -5,6 +5,7 @@
 #include <atomic>
 #include <future>
 #include <memory>
+#include <new>
 #include <thread>
 #include <utility>
 
@@ -64,6 +65,16 @@ TEST_F(DeferredWritesTest, RetriesATimeout) {
         properties_.set("key", "a");
     });
     EXPECT_TRUE(properties_.waitForWrite("key", "a"));
+}
+
+TEST_F(DeferredWritesTest, RetriesWithoutMemory) {
+    int failures = 2;  // at once, and on the retry thread
+    writes_->write(Kind::result, [&] {
+        if (failures-- > 0) throw std::bad_alloc();
+        properties_.set("key", "a");
+    });
+    EXPECT_TRUE(properties_.waitForWrite("key", "a"));
+    EXPECT_EQ(log_.lines().size(), 0U);
 }
 
 TEST_F(DeferredWritesTest, RefusalThrowsAndIsNotRetried) {
