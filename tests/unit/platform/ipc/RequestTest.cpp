@@ -38,4 +38,19 @@ TEST_P(RequestSpeed, NoDelayedAcknowledgements) {
 INSTANTIATE_TEST_SUITE_P(Brokers, RequestSpeed, testing::Values("", "set_tcp_nodelay true\n"),
                          [](const auto& row) { return *row.param == '\0' ? "default" : "nodelay"; });
 
+// A broker that does not read, so that nothing leaves the client but what fits into the socket.
+TEST(RequestOnABusyConnection, IsNotCrowdedOutByMessagesThatMayBeLost) {
+    Broker broker;
+    EchoService service(broker.address());
+    const auto client = newAsker(broker.address());
+    ASSERT_EQ(ask(*client, "before"), "re:before");
+    broker.freeze();
+    const std::string payload(1000, 'p');
+    for (int i = 0; i < 20000; ++i) EXPECT_NO_THROW(client->publish("progress", payload, 0)) << i;
+    EXPECT_THROW(ask(*client, "accepted", milliseconds(50)), ipc::IPCTimeoutException);
+    broker.thaw();
+    EXPECT_EQ(ask(*client, "after"), "re:after");
+    client->disconnect();
+}
+
 }  // namespace
