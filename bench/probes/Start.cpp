@@ -1,5 +1,5 @@
-// Measures the start of a program: from its exec until it prints TEXT on standard error. For each line on standard input
-// it starts the program once, prints the microseconds, and ends the program with SIGTERM.
+// Measures the start of a program: from its exec until it prints TEXT on standard error. For each line on standard
+// input it starts the program once, prints the microseconds, and ends the program with SIGTERM.
 //
 //   bench_start TEXT PROGRAM [ARGUMENT...]
 #include <fcntl.h>

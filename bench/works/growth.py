@@ -100,9 +100,8 @@ class Keys(Growth):
     def catalogue(self, count):
         path = self.context.folder / f"keys-{count}.json"
         if not path.exists():
-            keys = {f"Bench.Key.{index}.Value": {"type": "text", "default": "", "description": "A key"}
-                    for index in range(count)}
-            path.write_text(json.dumps({"version": 1, "keys": keys}), encoding="utf-8")
+            keys = {f"Key.{index}": {"type": "text", "default": "", "description": "-"} for index in range(count)}
+            path.write_text(json.dumps({"version": 1, "keys": keys}, separators=(",", ":")), encoding="utf-8")
         return path
 
     def close(self):
