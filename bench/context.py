@@ -239,5 +239,10 @@ class Context:
         return Service([self.program("prop-service"), "--host", "127.0.0.1", "--port", port, "--store",
                         folder / "properties.db", "--catalogue", catalogue], folder / "log")
 
+    def wait_online(self, port):
+        """Returns once the property service on this broker serves requests."""
+        subprocess.run(["mosquitto_sub", "-V", "5", "-p", str(port), "-t", "prop-service/status", "-F", "%p", "-C", "1"],
+                       check=True, capture_output=True, timeout=DEADLINE)
+
     def close(self):
         self._stack.close()

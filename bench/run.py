@@ -8,6 +8,7 @@ import os
 import pathlib
 import platform
 import re
+import signal
 import subprocess
 import sys
 import time
@@ -36,7 +37,7 @@ def measure(work, context, curves, notes):
     """The record of one work, from samples of ours and of the floor in turn."""
     try:
         work.prepare(context)
-        samples = 3 if context.quick else max(7, work.samples)
+        samples = 1 if work.samples == 1 else 3 if context.quick else max(7, work.samples)
         ours, floor = [], []
         for _ in range(samples):
             ours.append(work.ours())
@@ -116,7 +117,11 @@ def arguments():
 
 def main():
     given = arguments()
+    # Whoever ends the run, the works end what they started.
+    signal.signal(signal.SIGTERM, signal.default_int_handler)
+    signal.signal(signal.SIGINT, signal.default_int_handler)
     works = [work for work in works_of_all_modules() if re.search(given.only, work.name, re.IGNORECASE)]
+    works = [work for work in works if work.is_quick or not given.quick]
     if not works:
         print(f"scripts/bench: no work matches '{given.only}'; --list names them", file=sys.stderr)
         return 2

@@ -34,8 +34,9 @@ class Work:
     unit = ""
     goal = None          # at_most(...) or at_least(...); None if only shown
     floor_name = ""      # what the floor does, on one line
-    samples = 9          # at least 7
+    samples = 9          # at least 7; 1 for what takes too long to be repeated
     needs_phone = False  # uses context.settled_phone(), which takes a while to settle: the runner starts it first
+    is_quick = True      # takes no more than seconds with context.quick, and is left out of --quick otherwise
     curve_axis = ""      # what the x values of the curve count
     curve_unit = ""      # the unit of its y values, if it is not `unit`
 

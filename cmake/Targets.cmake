@@ -22,9 +22,10 @@ function(zav_library name)
   endif()
 endfunction()
 
-# Lets tests in the sandbox write their coverage counters, which are beside the object files.
+# Lets tests in the sandbox write their coverage counters, which are beside the object files. lab/phone looks for the file.
 if(CMAKE_CXX_FLAGS MATCHES "--coverage")
   set(ZAV_WRITABLE --bind ${CMAKE_BINARY_DIR})
+  file(TOUCH ${CMAKE_BINARY_DIR}/coverage-counters)
 endif()
 
 # Optimising tests takes longer than it saves, above all with sanitizers. Without them _FORTIFY_SOURCE needs -O1.

@@ -1,72 +1,87 @@
-// Measures the start of a program: from its exec until it prints TEXT on standard error. For each line on standard
-// input it starts the program once, prints the microseconds, and ends the program with SIGTERM.
-//
-//   bench_start TEXT PROGRAM [ARGUMENT...]
+// bench_start PORT: a line "service PROGRAM ARGUMENT..." on standard input starts the program, waits until its presence on
+// the bus is "online", prints the milliseconds that this took, and ends it. A line "program PROGRAM ARGUMENT..." waits
+// for the program's end instead.
 #include <fcntl.h>
-#include <poll.h>
 #include <signal.h>
 #include <spawn.h>
 #include <sys/wait.h>
 #include <unistd.h>
 
-#include <array>
 #include <chrono>
+#include <cstdio>
 #include <iostream>
-#include <stdexcept>
-#include <string>
+#include <sstream>
+#include <vector>
 
-extern char** environ;
+#include "floors/BareClient.h"
 
 namespace {
 
-using Clock = std::chrono::steady_clock;
-
-/// Reads standard error of the program until it has printed the text.
-void awaitText(int errors, const std::string& text) {
-    std::string printed;
-    std::array<char, 4096> buffer{};
-    while (printed.find(text) == std::string::npos) {
-        const ssize_t count = ::read(errors, buffer.data(), buffer.size());
-        if (count <= 0) throw std::runtime_error("the program ended after: " + printed);
-        printed.append(buffer.data(), static_cast<std::size_t>(count));
-    }
+pid_t start(std::vector<std::string> words) {
+    std::vector<char*> arguments;
+    for (std::string& word : words) arguments.push_back(word.data());
+    arguments.push_back(nullptr);
+    posix_spawn_file_actions_t files;
+    posix_spawn_file_actions_init(&files);
+    posix_spawn_file_actions_addopen(&files, STDOUT_FILENO, "/dev/null", O_WRONLY, 0);
+    posix_spawn_file_actions_addopen(&files, STDERR_FILENO, "/dev/null", O_WRONLY, 0);
+    pid_t process = -1;
+    const int error = posix_spawn(&process, arguments[0], &files, nullptr, arguments.data(), environ);
+    posix_spawn_file_actions_destroy(&files);
+    if (error != 0) throw std::runtime_error("cannot start " + words[0]);
+    return process;
 }
 
-/// Repeats the signal, because the daemon loses one that comes before its wait.
-void end(pid_t process, int errors) {
-    pollfd closed{errors, POLLIN, 0};
-    std::array<char, 4096> buffer{};
-    for (ssize_t count = 1; count > 0;) {
-        ::kill(process, SIGTERM);
-        if (::poll(&closed, 1, 2) > 0) count = ::read(errors, buffer.data(), buffer.size());
+void awaitOnline(floors::BareClient& client, const std::string& presence, pid_t process) {
+    while (presence != "online") {
+        pollfd waited{client.socket(), POLLIN, 0};
+        if (poll(&waited, 1, 1000) > 0) {
+            client.read();
+        } else if (waitpid(process, nullptr, WNOHANG) == process) {
+            throw std::runtime_error("the service ended");
+        }
     }
-    ::waitpid(process, nullptr, 0);
-}
-
-double startOnce(const std::string& text, char** program) {
-    std::array<int, 2> pipe{};
-    if (::pipe2(pipe.data(), O_CLOEXEC) != 0) throw std::runtime_error("cannot make a pipe");
-    posix_spawn_file_actions_t actions{};
-    ::posix_spawn_file_actions_init(&actions);
-    ::posix_spawn_file_actions_adddup2(&actions, pipe[1], STDERR_FILENO);
-    pid_t process = 0;
-    const auto begin = Clock::now();
-    const int error = ::posix_spawn(&process, program[0], &actions, nullptr, program, environ);
-    ::posix_spawn_file_actions_destroy(&actions);
-    ::close(pipe[1]);
-    if (error != 0) throw std::runtime_error(std::string("cannot start ") + program[0]);
-    awaitText(pipe[0], text);
-    const double microseconds = std::chrono::duration<double, std::micro>(Clock::now() - begin).count();
-    end(process, pipe[0]);
-    ::close(pipe[0]);
-    return microseconds;
 }
 
 }  // namespace
 
 int main(int argc, char** argv) {
-    if (argc < 3) return 2;
-    const std::string text = argv[1];
-    for (std::string line; std::getline(std::cin, line);) std::cout << startOnce(text, argv + 2) << std::endl;
-    return 0;
+    if (argc != 2) return EXIT_FAILURE;
+    try {
+        std::string presence;
+        floors::BareClient client(std::atoi(argv[1]), "bench-start",
+                                  [&presence](const mosquitto_message& message, const mosquitto_property*) {
+                                      presence.assign(static_cast<const char*>(message.payload),
+                                                      static_cast<std::size_t>(message.payloadlen));
+                                  });
+        client.subscribe("prop-service/status");
+        for (std::string line; std::getline(std::cin, line);) {
+            std::istringstream stream(line);
+            std::string kind;
+            stream >> kind;
+            std::vector<std::string> words;
+            for (std::string word; stream >> word;) words.push_back(word);
+            const auto begin = std::chrono::steady_clock::now();
+            const pid_t process = start(words);
+            int status = 0;
+            if (kind == "service") {
+                awaitOnline(client, presence, process);
+            } else {
+                waitpid(process, &status, 0);
+            }
+            const auto end = std::chrono::steady_clock::now();
+            if (kind == "service") {
+                kill(process, SIGTERM);
+                while (presence == "online") client.step();
+                waitpid(process, &status, 0);
+            }
+            if (status != 0) throw std::runtime_error(words[0] + " failed");
+            std::printf("%.3f\n", std::chrono::duration<double, std::milli>(end - begin).count());
+            std::fflush(stdout);
+        }
+        return EXIT_SUCCESS;
+    } catch (const std::exception& error) {
+        std::fprintf(stderr, "bench_start: %s\n", error.what());
+        return EXIT_FAILURE;
+    }
 }

@@ -9,6 +9,7 @@ from work import Work, at_most
 
 COUNTS = (1000, 100000)
 AFTER_SECONDS = 5
+PASSES = 3
 
 
 def cpu_time(context, name, file):
@@ -100,9 +101,13 @@ class MemoryAfterwards(PassMemory):
     goal = at_most(1.5)
     floor_name = "the same daemon before its first pass"
 
-    def ours(self):
-        self.read_file()
+    def prepare(self, context):
+        super().prepare(context)
+        for _ in range(PASSES):
+            self.read_file()
         time.sleep(self.after)  # what is measured, not a wait for something
+
+    def ours(self):
         return self.dirty()
 
     def floor(self):

@@ -87,9 +87,9 @@ class Keys(Growth):
     """Property services with so many keys, on a broker of their own."""
 
     curve_axis = "keys"
-    points = (700, 10000, 20000, 50000, 100000)
-    middle = 20000
-    end = 100000
+    points = (700, 10000, 30000, 50000, 100000)
+    middle = 10000
+    end = 50000
 
     def prepare(self, context):
         super().prepare(context)
@@ -114,7 +114,7 @@ class ServiceStart(Keys):
     floor_name = f"the same with {Keys.middle:,} keys instead of {Keys.end:,}"
 
     def cost(self, x):
-        program = self.context.start(self.context.program("bench_start"), "Serving", self.context.program("prop-service"),
+        program = self.context.start(self.context.program("bench_startup"), "Serving", self.context.program("prop-service"),
                                      "--host", "127.0.0.1", "--port", self.port, "--store",
                                      self.context.folder / f"keys-{x}.db", "--catalogue", self.catalogue(x))
         try:

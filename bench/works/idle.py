@@ -48,12 +48,28 @@ class Memory(Idle):
 class Minute(Idle):
     """What both do in the same minute, counted once: nothing is left of a rare wake-up in shorter samples."""
 
+    counted = {}  # by context: what the works of this class share
+
     def prepare(self, context):
         super().prepare(context)
-        seconds = 2 if context.quick else 60
-        before = {who: self.counted(pid) for who, pid in self.pids.items()}
-        time.sleep(seconds)  # what is measured, not a wait for something
-        self.spent = {who: (self.counted(pid) - before[who]) * 60 / seconds for who, pid in self.pids.items()}
+        if context not in self.counted:
+            seconds = 2 if context.quick else 60
+            before = {who: self.count(pid) for who, pid in self.pids.items()}
+            time.sleep(seconds)  # what is measured, not a wait for something
+            self.counted[context] = {
+                who: [(now - then) * 60 / seconds for now, then in zip(self.count(pid), before[who])]
+                for who, pid in self.pids.items()}
+        self.wake_ups, self.cpu_time = ({who: counts[index] for who, counts in self.counted[context].items()}
+                                        for index in range(2))
+
+    def count(self, pid):
+        """Wake-ups, and microseconds of processor time, of all threads."""
+        switches = re.findall(r"^(?:non)?voluntary_ctxt_switches:\s*(\d+)", self.read(pid, "status"), re.MULTILINE)
+        times = [int(line.split()[0]) / 1000 for line in self.read(pid, "schedstat").splitlines()]
+        return sum(map(int, switches)), sum(times)
+
+    def read(self, pid, file):
+        return self.phone.run("sh", "-c", f"cat /proc/{pid}/task/*/{file}")
 
 
 class WakeUps(Minute):
@@ -62,18 +78,14 @@ class WakeUps(Minute):
     goal = at_most(1)
     floor_name = f"the limit: {ALLOWED_WAKE_UPS} more than a bare client with the same keep-alive"
 
-    def counted(self, pid):
-        text = self.phone.run("sh", "-c", f"cat /proc/{pid}/task/*/status")
-        return sum(map(int, re.findall(r"^(?:non)?voluntary_ctxt_switches:\s*(\d+)", text, re.MULTILINE)))
-
     def ours(self):
-        return self.spent["ours"]
+        return self.wake_ups["ours"]
 
     def floor(self):
-        return self.spent["floor"] + ALLOWED_WAKE_UPS
+        return self.wake_ups["floor"] + ALLOWED_WAKE_UPS
 
     def notes(self):
-        return [f"the bare client's keep-alive wakes it {self.spent['floor']:.0f} times"]
+        return [f"the bare client's keep-alive wakes it {self.wake_ups['floor']:.0f} times"]
 
 
 class CpuTime(Minute):
@@ -82,15 +94,11 @@ class CpuTime(Minute):
     goal = at_most(1.5)
     floor_name = "a bare client, same keep-alive"
 
-    def counted(self, pid):
-        text = self.phone.run("sh", "-c", f"cat /proc/{pid}/task/*/schedstat")
-        return sum(int(line.split()[0]) for line in text.splitlines()) / 1000
-
     def ours(self):
-        return self.spent["ours"]
+        return self.cpu_time["ours"]
 
     def floor(self):
-        return self.spent["floor"]
+        return self.cpu_time["floor"]
 
 
 WORKS = [WakeUps(), CpuTime(), Memory("dirty", "Private_Dirty"), Memory("proportional", "Pss")]

@@ -40,7 +40,7 @@ _zavctl() {
             backup) options+=' --force' ;;
             provision) options+=' --wait --timeout --log' ;;
             doctor) options+=' --log' ;;
-            explain) options+=' --show-secrets --as --catalogue --key' ;;
+            explain) options+=' --show-secrets --as --catalogue --key --base' ;;
             lint) options+=' --catalogue --as --key --base --offline --rules' ;;
             pack) options+=' --key --to --force --catalogue --dry-run --delete' ;;
             unpack) options+=' --key --to --force --dry-run' ;;

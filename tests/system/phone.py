@@ -63,7 +63,7 @@ def all_threads_are(state, pid):
             with open(f"/proc/{pid}/task/{task}/stat", encoding="ascii") as file:
                 if file.read().rsplit(")", 1)[1].split()[0] != state:
                     return False
-        except FileNotFoundError:
+        except (FileNotFoundError, ProcessLookupError):
             pass  # a thread that has ended meanwhile
     return True
 

@@ -35,6 +35,17 @@ constexpr char assumedServer[] = "http://server.example/";
 
 bool isUrl(const std::string& source) { return source.find("://") != std::string::npos; }
 
+// A server's URL up to the folder in which its first placeholder stands. A placeholder in the host's name stays, and
+// one behind the path does not count.
+std::string upToPlaceholder(const std::string& url) {
+    const std::size_t scheme = url.find("://");
+    const std::size_t path = url.find('/', scheme == std::string::npos ? 0 : scheme + 3);
+    std::size_t placeholder = std::string::npos;
+    for (const char* one : {"%MACC", "%MACD", "%DVID"}) placeholder = std::min(placeholder, url.find(one, path));
+    if (path == std::string::npos || placeholder > url.find_first_of("?#")) return url;
+    return placeholder == std::string::npos ? url : url.substr(0, url.rfind('/', placeholder) + 1);
+}
+
 const CatalogueKey* find(const Catalogue& catalogue, const std::string& key) {
     const auto& keys = catalogue.keys();
     const auto found = std::lower_bound(keys.begin(), keys.end(), key,
@@ -63,7 +74,7 @@ std::map<std::string, std::string> beginning(const Request& request, const Catal
     if (isUrl(request.source)) {
         server = request.source;
     } else if (server.empty()) {
-        server = assumedServer;
+        server = request.base.empty() ? assumedServer : request.base;
         notes.push_back(constants.provisioningServerKey + " is not set; " + server + " stands for it");
     }
     std::string& state = values[constants.provisioningStateKey];
@@ -88,7 +99,7 @@ class PhoneInMemory {
             const CatalogueKey* const known = find(catalogue_, key);
             if (known != nullptr && isVolatile(*known)) begin(key, value, notes);
         }
-        if (!isUrl(request.source)) serve(request.source);
+        if (!isUrl(request.source)) serve(request, notes);
     }
 
     /// Runs one pass to its end.
@@ -141,12 +152,28 @@ class PhoneInMemory {
         return zav::UrlInfo(zav::formatUrl(url.text(), properties_));
     }
 
-    void serve(const std::string& source) {
+    zav::UrlInfo baseUrl(const std::string& given) const {
+        const std::string url = given.empty() ? upToPlaceholder(values_.at(constants.provisioningServerKey)) : given;
+        return zav::UrlInfo(zav::formatUrl(url, properties_));
+    }
+
+    void serve(const Request& request, std::vector<std::string>& notes) {
+        std::optional<zav::UrlInfo> base;
         try {
-            folder_.emplace(source, initialUrl());
+            base = baseUrl(request.base);
         } catch (const zav::UrlException&) {
-            folder_.emplace(source, zav::UrlInfo(assumedServer));  // no pass starts, but the source is checked
+            if (!request.base.empty()) throw ExplainException(request.base + ": is not a URL that the phone accepts");
+            base.emplace(assumedServer);
         }
+        try {
+            folder_.emplace(request.source, initialUrl(), *base);
+        } catch (const zav::UrlException&) {
+            const zav::UrlInfo assumed(assumedServer);
+            folder_.emplace(request.source, assumed, assumed);  // no pass starts, but the source is checked
+            return;
+        }
+        notes.push_back(folder_->folder() + " stands for " + folder_->url() +
+                        (request.base.empty() ? "; --base URL changes that" : ""));
     }
 
     std::shared_ptr<zav::Curl> client() {

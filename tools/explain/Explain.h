@@ -27,6 +27,9 @@ struct Request {
     /// A folder that stands for that of the configured server, a file that stands for the initial file in its folder,
     /// or the URL of an initial file, which is downloaded.
     std::string source;
+    /// The URL that the folder stands for, or the file's folder. Empty: the configured server's folder, up to the first
+    /// placeholder of its URL.
+    std::string base;
     /// Values of the phone. All others are the catalogue's defaults.
     std::map<std::string, std::string> properties;
     std::string catalogue;  // path

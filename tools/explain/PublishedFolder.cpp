@@ -52,31 +52,60 @@ bool isSameServer(const zav::UrlInfo& a, const zav::UrlInfo& b) {
     return a.scheme() == b.scheme() && portOf(a) == portOf(b) && strcasecmp(a.host().c_str(), b.host().c_str()) == 0;
 }
 
+zav::UrlInfo folderOf(const zav::UrlInfo& url) { return zav::UrlInfo(url.origin() + url.path()); }
+
+bool isBelow(const zav::UrlInfo& url, const zav::UrlInfo& base) {
+    return isSameServer(url, base) && url.path().compare(0, base.path().size(), base.path()) == 0;
+}
+
 }  // namespace
 
-PublishedFolder::PublishedFolder(const std::string& source, const zav::UrlInfo& initial) : initial_(initial) {
+PublishedFolder::PublishedFolder(const std::string& source, const zav::UrlInfo& initial, const zav::UrlInfo& base)
+    : initial_(initial), base_(folderOf(base)) {
     std::error_code error;
     const fs::file_status status = fs::status(source, error);
     if (fs::is_directory(status)) {
         folder_ = source.back() == '/' ? source : source + "/";
     } else if (fs::is_regular_file(status)) {
         initialFile_ = source;
-        folder_ = fs::path(source).has_parent_path() ? fs::path(source).parent_path().string() + "/" : "./";
+        findFolderOf(source);
     } else {
         throw ExplainException(source + (fs::exists(status) ? ": is neither a file nor a folder" : ": does not exist"));
     }
 }
 
-bool PublishedFolder::isElsewhere(const std::string& url) const { return !isSameServer(zav::UrlInfo(url), initial_); }
+void PublishedFolder::findFolderOf(const std::string& file) {
+    folder_ = fs::path(file).has_parent_path() ? fs::path(file).parent_path().string() + "/" : "./";
+    if (!isBelow(initial_, base_)) return;
+    const auto below = decode(initial_.path().substr(base_.path().size()));
+    std::error_code error;
+    const std::string absolute = fs::absolute(folder_, error).lexically_normal().string();
+    const bool isThere = below && absolute.size() > below->size() &&
+                         absolute.compare(absolute.size() - below->size() - 1, std::string::npos, "/" + *below) == 0;
+    if (!isThere) {
+        base_ = folderOf(initial_);
+    } else if (!below->empty()) {
+        folder_ = absolute.substr(0, absolute.size() - below->size());
+    }
+}
+
+std::string PublishedFolder::url() const { return base_.text(); }
+
+bool PublishedFolder::isElsewhere(const std::string& url) const { return !isSameServer(zav::UrlInfo(url), base_); }
 
 zav::LocalAnswer PublishedFolder::answer(const std::string& url) const {
     const zav::UrlInfo wanted(url);
-    const std::string& prefix = initial_.path();
-    if (!isSameServer(wanted, initial_) || wanted.path().compare(0, prefix.size(), prefix) != 0) return {notFound, ""};
-    const auto name = decode(wanted.path().substr(prefix.size()) + wanted.fileName());
-    if (!name) return {notFound, ""};
-    const bool isInitial = wanted.path() == prefix && wanted.fileName() == initial_.fileName();
-    const std::string file = isInitial && !initialFile_.empty() ? initialFile_ : folder_ + *name;
+    const bool isInitial =
+        isSameServer(wanted, initial_) && wanted.path() == initial_.path() && wanted.fileName() == initial_.fileName();
+    std::string file;
+    if (isInitial && !initialFile_.empty()) {
+        file = initialFile_;
+    } else {
+        if (!isBelow(wanted, base_)) return {notFound, ""};
+        const auto name = decode(wanted.path().substr(base_.path().size()) + wanted.fileName());
+        if (!name) return {notFound, ""};
+        file = folder_ + *name;
+    }
     std::error_code error;
     if (!fs::is_regular_file(file, error)) return {notFound, file};
     return {::access(file.c_str(), R_OK) == 0 ? ok : forbidden, file};

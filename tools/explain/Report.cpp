@@ -5,6 +5,7 @@
 #include <utility>
 
 #include "Core/Constants.h"
+#include "lint/Source.h"
 
 namespace explain {
 
@@ -71,14 +72,14 @@ std::string textOf(const Event& event) {
 
 void printLine(std::ostream& out, const std::string& word, unsigned depth, const std::string& text) {
     out << std::left << std::setw(wordWidth) << word << std::string(std::size_t{depth} * indentation, ' ')
-        << dbg::escapeControls(text) << "\n";
+        << lint::validUtf8(dbg::escapeControls(text)) << "\n";
 }
 
 Json::Value toJson(const Event& event) {
     Json::Value object;
     object["event"] = nameOf(event.kind);
     object["depth"] = event.depth;
-    const auto add = [&object](const char* name, const std::string& text) { object[name] = text; };
+    const auto add = [&object](const char* name, const std::string& text) { object[name] = lint::validUtf8(text); };
     switch (event.kind) {
         case Kind::file:
             add("url", event.subject), add("file", event.value), add("outcome", event.reason);
@@ -131,18 +132,18 @@ void print(std::ostream& out, const Explanation& explanation) {
 
 Json::Value toJson(const Explanation& explanation) {
     Json::Value object;
-    object["url"] = explanation.url;
+    object["url"] = lint::validUtf8(explanation.url);
     object["status"] = explanation.status;
     object["httpCode"] = explanation.httpCode;
     for (const char* list : {"notes", "events", "log"}) object[list] = Json::Value(Json::arrayValue);
-    for (const std::string& note : explanation.notes) object["notes"].append(note);
+    for (const std::string& note : explanation.notes) object["notes"].append(lint::validUtf8(note));
     for (const Event& event : explanation.events) object["events"].append(toJson(event));
     for (const dbg::LogLine& line : explanation.log) {
         Json::Value& entry = object["log"].append(Json::Value());
         entry["level"] = levelName(line.level);
         entry["source"] = line.source;
         entry["line"] = line.line;
-        entry["text"] = line.text;
+        entry["text"] = lint::validUtf8(line.text);
     }
     return object;
 }

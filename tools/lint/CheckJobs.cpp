@@ -83,6 +83,7 @@ void checkContents(Checks& checks, const Job& job) {
 const std::string* needed(Checks& checks, const zav::Attributes& item, std::size_t element, const char* attribute) {
     const auto found = item.find(attribute);
     if (found != item.end()) return &found->second;
+    if (isMisspelt(item, attribute, attributesOfItem(checks.document.nameOf(element)))) return nullptr;
     checks.add(RuleId::missingAttribute, {element},
                quoted(checks.document.nameOf(element)) + " has no " + quoted(attribute),
                "add " + std::string(attribute));

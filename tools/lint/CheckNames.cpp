@@ -7,14 +7,6 @@ namespace lint {
 
 namespace {
 
-constexpr std::size_t maxQuoted = 80;
-
-// The document element's.
-const std::vector<std::string>& rootAttributes() {
-    static const std::vector<std::string> names{"version", "productID", "macAddress"};
-    return names;
-}
-
 // For other programs; every XML document may have them.
 bool isForEditors(const std::string& attribute) {
     static const std::vector<std::string> names{
@@ -22,33 +14,40 @@ bool isForEditors(const std::string& attribute) {
     return std::find(names.begin(), names.end(), attribute) != names.end();
 }
 
+bool isKnownOrForEditors(const std::string& attribute, const std::vector<std::string>& known) {
+    return std::find(known.begin(), known.end(), attribute) != known.end() || isForEditors(attribute);
+}
+
+std::string nearestOf(const std::string& misspelt, const std::vector<std::string>& names) {
+    Nearest nearest(misspelt);
+    for (const std::string& name : names) nearest.consider(name);
+    return nearest.found();
+}
+
 void checkElement(Checks& checks, std::size_t element, const zav::Attributes& attributes,
                   const std::vector<std::string>& known) {
     for (const auto& [attribute, value] : attributes) {
-        if (std::find(known.begin(), known.end(), attribute) != known.end() || isForEditors(attribute)) continue;
-        checks.add(RuleId::unknownAttribute, nameOf(element, attribute),
+        if (isKnownOrForEditors(attribute, known)) continue;
+        const std::string meant = nearestOf(attribute, known);
+        const bool isMissed = !meant.empty() && attributes.count(meant) == 0;
+        checks.add(isMissed ? RuleId::misspeltAttribute : RuleId::unknownAttribute, nameOf(element, attribute),
                    quoted(checks.document.nameOf(element)) + " has no attribute " + quoted(attribute),
-                   suggestion(attribute, known));
+                   meant.empty() ? "" : "write " + quoted(meant));
     }
 }
 
 }  // namespace
 
-std::string quoted(const std::string& text) {
-    std::string shown = "\"";
-    for (const char c : text) {
-        // Not within a character of several bytes.
-        if (shown.size() > maxQuoted && (static_cast<unsigned char>(c) & 0xC0U) != 0x80U) return shown + "...\"";
-        const auto byte = static_cast<unsigned char>(c);
-        shown += byte < 0x20 || byte == 0x7F ? ' ' : c;
-    }
-    return shown + "\"";
+bool isMisspelt(const zav::Attributes& attributes, const std::string& wanted, const std::vector<std::string>& known) {
+    if (attributes.count(wanted) > 0) return false;
+    return std::any_of(attributes.begin(), attributes.end(), [&](const auto& attribute) {
+        return !isKnownOrForEditors(attribute.first, known) && nearestOf(attribute.first, known) == wanted;
+    });
 }
 
-std::string suggestion(const std::string& misspelt, const std::vector<std::string>& names) {
-    Nearest nearest(misspelt);
-    for (const std::string& name : names) nearest.consider(name);
-    return nearest.found().empty() ? "" : "write " + quoted(nearest.found());
+const std::vector<std::string>& rootAttributes() {
+    static const std::vector<std::string> names{"version", "productID", "macAddress"};
+    return names;
 }
 
 const std::vector<std::string>& jobNames() {

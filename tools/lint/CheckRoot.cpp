@@ -22,6 +22,7 @@ Role roleOf(const std::string& root) {
 void checkVersion(Checks& checks, const zav::Attributes& root) {
     const auto version = root.find("version");
     if (version == root.end()) {
+        if (isMisspelt(root, "version", rootAttributes())) return;
         checks.add(RuleId::missingVersion, {0}, "The root has no version");
         return;
     }
@@ -48,7 +49,8 @@ void checkVersion(Checks& checks, const zav::Attributes& root) {
 void checkProduct(Checks& checks, const zav::Attributes& root) {
     const auto product = root.find("productID");
     if (product == root.end()) {
-        checks.add(RuleId::missingProduct, {0}, "The root has no productID");
+        const bool isReported = isMisspelt(root, "productID", rootAttributes());
+        if (!isReported) checks.add(RuleId::missingProduct, {0}, "The root has no productID");
     } else if (product->second != zav::GlobalConfig::productIdentifier) {
         checks.add(RuleId::product, valueOf(0, "productID"), "The file is for the product " + quoted(product->second));
     }

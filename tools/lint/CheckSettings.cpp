@@ -1,9 +1,12 @@
+#include <strings.h>
+
 #include <string_view>
-#include <unordered_set>
+#include <unordered_map>
 
 #include "Core/Constants.h"
 #include "Core/JobHandlers/NVMJobHandler.h"
 #include "catalogue/Catalogue.h"
+#include "common/UrlSyntax.h"
 #include "lint/Checks.h"
 #include "lint/Settings.h"
 
@@ -35,12 +38,14 @@ class SettingsCheck {
             return;
         }
         if (value == item.end()) {
-            checks_.add(RuleId::missingValue, {element}, quoted(name->second) + " has no value");
+            const bool isReported = isMisspelt(item, "value", attributesOfItem("param"));
+            if (!isReported) checks_.add(RuleId::missingValue, {element}, quoted(name->second) + " has no value");
             checkKey(name->second, element);
             return;
         }
-        if (!seen_.insert(name->second).second) {
-            checks_.add(RuleId::duplicateSetting, valueOf(element, "name"), quoted(name->second) + " is set before");
+        if (const auto [first, isNew] = seen_.emplace(name->second, element); !isNew) {
+            checks_.add(RuleId::duplicateSetting, valueOf(element, "name"), quoted(name->second) + " is set before", "",
+                        first->second);
         }
         if (!isFunctionKeyOpen(name->second, element)) return;
         const propertyservice::Definition* const definition = checkKey(name->second, element);
@@ -99,10 +104,11 @@ class SettingsCheck {
         if (checks_.options.settings == nullptr) return nullptr;
         const propertyservice::Definition* const definition = checks_.options.settings->find(name);
         if (definition == nullptr) {
-            std::string near;
-            if (guesses_++ < maxGuesses) near = checks_.options.settings->nearest(name);
+            std::string remedy;
+            if (guesses_++ < maxGuesses) remedy = keyRemedy(*checks_.options.settings, name);
+            const bool isState = remedy.empty() && propertyservice::isState(name);
             checks_.add(RuleId::unknownKey, valueOf(element, "name"), "There is no key " + quoted(name),
-                        near.empty() ? "" : "write " + quoted(near));
+                        isState ? "remove it: keys below State. are not settings" : remedy);
         } else if (definition->readOnly) {
             checks_.add(RuleId::readOnlyKey, valueOf(element, "name"), quoted(name) + " is read-only");
         } else if (definition->refuses(zav::constants.provisioningSource)) {
@@ -126,25 +132,40 @@ class SettingsCheck {
             checks_.add(RuleId::blanksAround, valueOf(element, "value"),
                         name + ": white space at an end of the value is kept");
         }
-        if (checks_.circumstances.isReadableOnTheWay && !checks_.isEncrypted && definition.isSecret() &&
-            !value.empty()) {
+        if (!checks_.circumstances.isReadableOnTheWay || checks_.isEncrypted || value.empty()) return;
+        if (definition.isSecret()) {
             checks_.add(RuleId::secretOverHttp, valueOf(element, "value"), name + " travels readable over http");
+        } else if (value.find('@') != std::string::npos && common::withoutPassword(value) != value) {
+            checks_.add(RuleId::secretOverHttp, valueOf(element, "value"),
+                        "The password in " + name + " travels readable over http");
         }
+    }
+
+    void checkServer(const std::string& value, std::size_t element) {
+        const std::size_t scheme = value.find("://");
+        if (scheme != std::string::npos && strncasecmp(value.c_str(), "http://", 7) != 0) return;
+        const bool hasPassword = value.find('@') != std::string::npos && common::withoutPassword(value) != value;
+        checks_.add(RuleId::serverOverHttp, valueOf(element, "value"),
+                    "The server is asked over plain http" +
+                        std::string(hasPassword ? ", and the password in its URL travels readable" : ""));
     }
 
     // Settings that the daemon itself reads, whose types allow any text.
     void checkMeaning(const std::string& name, const std::string& value, std::size_t element) {
-        if (name == zav::constants.periodKey) {
+        if (name == zav::constants.macAddressKey) {
+            checks_.add(RuleId::ownAddress, valueOf(element, "name"), quoted(name) + " is the phone's own address");
+        } else if (name == zav::constants.periodKey) {
             const std::string effect = periodEffect(value);
             if (!effect.empty()) checks_.add(RuleId::period, valueOf(element, "value"), effect);
         } else if (name == zav::constants.provisioningServerKey && !value.empty()) {
             checkUrl(checks_, element, "value", value, UrlUse::server);
+            checkServer(value, element);
         }
     }
 
     Checks& checks_;
     const Job& job_;
-    std::unordered_set<std::string_view> seen_;
+    std::unordered_map<std::string_view, std::size_t> seen_;  // to the element that sets it first
     std::map<std::string, bool> lockCache_;
     std::size_t guesses_ = 0;
 };

@@ -2,7 +2,6 @@
 #include <optional>
 
 #include "Core/Utils.h"
-#include "common/Ascii.h"
 #include "common/UrlSyntax.h"
 #include "http/UrlInfo.h"
 #include "lint/Checks.h"
@@ -21,18 +20,6 @@ bool isPlaceholderAt(const std::string& text, std::size_t at) {
         if (text.compare(at, placeholderLength, placeholder) == 0) return true;
     }
     return false;
-}
-
-bool isHexDigit(char c) { return common::isAsciiDigit(c) || (c >= 'a' && c <= 'f') || (c >= 'A' && c <= 'F'); }
-
-// A "%" that begins neither a placeholder nor an escape.
-std::optional<std::string> unknownPlaceholder(const std::string& url) {
-    for (std::size_t at = url.find('%'); at != std::string::npos; at = url.find('%', at + 1)) {
-        if (isPlaceholderAt(url, at)) continue;
-        if (at + 2 < url.size() && isHexDigit(url[at + 1]) && isHexDigit(url[at + 2])) continue;
-        return url.substr(at, placeholderLength);
-    }
-    return std::nullopt;
 }
 
 Reference::Kind kindOf(UrlUse use) {
@@ -94,7 +81,8 @@ bool checkParts(Checks& checks, std::size_t element, const std::string& attribut
         checks.add(RuleId::urlFragment, place, "The fragment " + quoted(url.substr(url.find('#'))) + " is dropped");
     }
     if (const auto unknown = unknownPlaceholder(url)) {
-        checks.add(RuleId::unknownPlaceholder, place, quoted(*unknown) + " is not a placeholder");
+        checks.add(RuleId::unknownPlaceholder, place, quoted(*unknown) + " is not a placeholder",
+                   placeholderRemedy(*unknown));
     }
     const std::string& name = info.fileName();
     if (name.empty()) {

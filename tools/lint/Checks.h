@@ -8,6 +8,7 @@
 
 #include "lint/Document.h"
 #include "lint/Inspection.h"
+#include "lint/Remedies.h"
 #include "lint/Rules.h"
 
 namespace lint {
@@ -27,7 +28,8 @@ struct Mistake {
     RuleId rule;
     Place place;
     std::string message;
-    std::string fix;  // empty: the rule's
+    std::string fix;            // empty: the rule's
+    std::size_t before = none;  // the element that the message refers to; its line is added
 };
 
 struct Link {
@@ -42,9 +44,9 @@ class Checks {
     Checks(Document& checked, const Options& given, const Circumstances& around)
         : document(checked), options(given), circumstances(around) {}
 
-    void add(RuleId rule, Place place, std::string message, std::string fix = "") {
+    void add(RuleId rule, Place place, std::string message, std::string fix = "", std::size_t before = none) {
         if (mistakes.size() < options.findingsPerFile) {
-            mistakes.push_back({rule, std::move(place), std::move(message), std::move(fix)});
+            mistakes.push_back({rule, std::move(place), std::move(message), std::move(fix), before});
         }
     }
 
@@ -89,18 +91,18 @@ void checkUrl(Checks& checks, std::size_t element, const std::string& attribute,
 /// What the phone makes of a provisioning period; empty if it takes it as it is.
 std::string periodEffect(const std::string& period);
 
+/// Whether another attribute was probably meant for the wanted one: checkAttributes reports it, and nobody else needs
+/// to.
+bool isMisspelt(const zav::Attributes& attributes, const std::string& wanted, const std::vector<std::string>& known);
+
 /// The item's attribute; if it has none, adds a finding and returns null.
 const std::string* needed(Checks& checks, const zav::Attributes& item, std::size_t element, const char* attribute);
-
-/// The text in quotation marks, shortened, control characters replaced.
-std::string quoted(const std::string& text);
-
-/// `write "NEAREST"` if one of the names is near, else empty.
-std::string suggestion(const std::string& misspelt, const std::vector<std::string>& names);
 
 /// Element names of the format: those of jobs and those of items.
 const std::vector<std::string>& jobNames();
 const std::vector<std::string>& itemNames();
+/// Of the document element.
+const std::vector<std::string>& rootAttributes();
 /// Attributes that an element of this name may have as an item; empty for other elements.
 const std::vector<std::string>& attributesOfItem(const std::string& itemName);
 

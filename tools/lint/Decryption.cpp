@@ -4,10 +4,10 @@
 #include <cerrno>
 #include <chrono>
 #include <fstream>
-#include <iterator>
 #include <optional>
 
 #include "common/Execute.h"
+#include "lint/Lint.h"
 #include "lint/MemoryFile.h"
 
 namespace lint {
@@ -17,6 +17,7 @@ namespace {
 constexpr char salted[] = "Salted__";
 constexpr char saltedAsBase64[] = "U2FsdGVkX1";
 constexpr char phonesOptions[] = "-aes-128-cbc";
+constexpr std::size_t maximumKeySize = 65536;        // openssl reads one line
 constexpr std::chrono::milliseconds timeout{10000};  // as the daemon's
 
 bool beginsWith(const std::string& text, const char* prefix) { return text.rfind(prefix, 0) == 0; }
@@ -51,7 +52,10 @@ Decrypted decrypt(const std::string& bytes, const std::string& keyFile) {
     if (keyFile.empty()) return {Outcome::noKey, "", ""};
     std::ifstream stream(keyFile, std::ios::binary);
     if (!stream) return {Outcome::noKey, "", "cannot read " + keyFile + ": " + common::reasonOf(errno)};
-    const std::string keyBytes(std::istreambuf_iterator<char>(stream), {});
+    std::string keyBytes(maximumKeySize + 1, '\0');
+    stream.read(keyBytes.data(), static_cast<std::streamsize>(keyBytes.size()));
+    keyBytes.resize(static_cast<std::size_t>(stream.gcount()));
+    if (keyBytes.size() > maximumKeySize) throw LintException(keyFile + ": is larger than 64 KiB, so it is not a key");
     const common::Descriptor key = memoryFile(keyBytes);
     const common::Descriptor encrypted = memoryFile(bytes);
     // One key in 256 decrypts to garbage that openssl takes for text.

@@ -20,7 +20,7 @@ struct Decrypted {
 };
 
 /// Starts openssl up to a few times, with up to 10 s for each; nothing for a plain file. Decrypted text is only in
-/// memory. Any thread.
+/// memory. Throws LintException for a key file of more than 64 KiB. Any thread.
 Decrypted decrypt(const std::string& bytes, const std::string& keyFile);
 
 }  // namespace lint

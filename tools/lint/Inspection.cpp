@@ -92,6 +92,12 @@ class Placement {
         finding.caret = excerpt.caret;
     }
 
+    std::string lineOf(std::size_t element) const {
+        Finding finding;
+        place(finding, {element});
+        return std::to_string(finding.line);
+    }
+
  private:
     std::size_t offsetOf(const Place& place) const {
         const ElementPlace& element = places_.elements[place.element];
@@ -212,6 +218,7 @@ class Inspector {
         if (checks.mistakes.empty() && checks.links.empty()) return;
         const Placement placement(checks.document, text, options_);
         for (Mistake& mistake : checks.mistakes) {
+            if (mistake.before != none) mistake.message += ", in line " + placement.lineOf(mistake.before);
             Finding finding = findingOf(name_, mistake.rule, std::move(mistake.message), mistake.fix);
             placement.place(finding, mistake.place);
             result_.findings.push_back(std::move(finding));
@@ -273,8 +280,11 @@ class Inspector {
         // The parser's messages may contain bytes of the file.
         const std::string shown = quoted(message);
         const Source source = sourceOf(toUtf8(text, ""), options_);
-        addAt(rule, source, source.offsetOf(failure.line, failure.column), shown.substr(1, shown.size() - 2),
-              rule == RuleId::notWellFormed ? remedyFor(message) : "");
+        const std::size_t offset = source.offsetOf(failure.line, failure.column);
+        std::string remedy = rule == RuleId::notWellFormed ? remedyFor(message) : "";
+        if (!remedy.empty() && isTypographicQuote(source.text(), offset))
+            remedy = R"(write straight quotation marks: ")";
+        addAt(rule, source, offset, shown.substr(1, shown.size() - 2), remedy);
     }
 
     void addAt(RuleId rule, const Source& source, std::size_t offset, const std::string& message,

@@ -26,7 +26,7 @@ std::vector<Finding> lintDocument(const std::string& name, const std::string& by
 
 Report lintPaths(const std::vector<std::string>& paths, const Options& options) {
     const zav::xml::Library library;  // outlives the threads
-    return Passes(listFiles(paths), options).report();
+    return Passes(listFiles(paths, options), options).report();
 }
 
 }  // namespace lint

@@ -1,9 +1,12 @@
 #include "lint/Passes.h"
 
+#include <strings.h>
+
 #include <algorithm>
 #include <array>
 #include <atomic>
 #include <exception>
+#include <filesystem>
 #include <functional>
 #include <thread>
 #include <utility>
@@ -79,6 +82,7 @@ Report Passes::report() {
         const Inspection inspection = file.ways.begin()->second;
         follow(name, inspection, Site(name, options_), inspection.version, pass);
     }
+    for (const std::string& name : named_) checkName(name);
     Report report;
     for (const std::string& name : order_) collect(name, files_[name], report);
     return report;
@@ -120,7 +124,7 @@ void Passes::inspectNamedFiles() {
     }
     for (const std::string& name : order_) {
         if (!isUrl(name)) continue;
-        const Circumstances around{Role::byRoot, "", travelsReadable(name, options_)};
+        const Circumstances around{roleByName(name), "", travelsReadable(name, options_)};
         std::string error;
         Inspection inspection = inspectFile(name, around, error);
         if (!error.empty()) throw LintException(name + ": " + error);
@@ -219,6 +223,7 @@ void Passes::followOne(const std::string& name, const Reference& reference, cons
         return;
     }
     reached_.insert(target.file);
+    referredTo_.insert(target.file);
     if (reference.isFetched) pass.items += found->items;
     if (pass.items > zav::Pass::maximumItems && !pass.isOverItems) {
         pass.isOverItems = true;
@@ -253,6 +258,22 @@ void Passes::addFurther(const std::string& name, RuleId rule, const Reference& r
     const bool isKnown =
         std::any_of(further.begin(), further.end(), [&](const Finding& one) { return isSame(one, finding); });
     if (!isKnown) further.push_back(std::move(finding));
+}
+
+// A folder may have both names on purpose.
+void Passes::checkName(const std::string& name) {
+    const std::string base = baseNameOf(name);
+    if (base == initialFileName || strcasecmp(base.c_str(), initialFileName) != 0) return;
+    std::error_code error;
+    const std::string right = name.substr(0, name.size() - base.size()) + initialFileName;
+    if (isUrl(name) || referredTo_.count(name) != 0 || std::filesystem::exists(right, error)) return;
+    Finding finding;
+    finding.level = ruleOf(RuleId::initialFileName).level;
+    finding.rule = ruleOf(RuleId::initialFileName).id;
+    finding.file = name;
+    finding.message = "No phone asks for " + quoted(base);
+    finding.fix = ruleOf(RuleId::initialFileName).fix;
+    files_[name].further.push_back(std::move(finding));
 }
 
 void Passes::collect(const std::string& name, const File& file, Report& report) const {

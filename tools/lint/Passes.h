@@ -52,6 +52,7 @@ class Passes {
                    Pass& pass);
     void checkOther(const std::string& name, const Reference& reference, const Target& target);
     void addFurther(const std::string& name, RuleId rule, const Reference& reference, const std::string& message);
+    void checkName(const std::string& name);
     void collect(const std::string& name, const File& file, Report& report) const;
 
     const Options& options_;
@@ -59,7 +60,8 @@ class Passes {
     std::map<std::string, File> files_;
     std::vector<std::string> order_;    // named files first, then others as they are found
     std::set<std::string> otherFiles_;  // certificates, phone books and images
-    std::set<std::string> reached_;     // from an initial file
+    std::set<std::string> reached_;     // from an initial file, those included
+    std::set<std::string> referredTo_;  // by another file
 };
 
 /// Whether a file of this name, path or URL, reaches the phone over plain http.

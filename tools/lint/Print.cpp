@@ -1,6 +1,7 @@
 #include "lint/Print.h"
 
 #include "debug/Debug.h"
+#include "lint/Source.h"
 
 namespace lint {
 
@@ -24,7 +25,8 @@ std::string toText(const Finding& finding) {
         text += indent + finding.excerpt + "\n";
         if (finding.caret != 0) text += indent + std::string(finding.caret - 1, ' ') + "^\n";
     }
-    return text + "  fix: " + dbg::escapeControls(finding.fix) + "\n";
+    // The names of files may be any bytes.
+    return validUtf8(text + "  fix: " + dbg::escapeControls(finding.fix) + "\n");
 }
 
 std::string summaryOf(const Report& report) {

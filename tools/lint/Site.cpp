@@ -12,6 +12,7 @@
 
 #include "Core/Utils.h"
 #include "common/Descriptor.h"
+#include "common/UrlSyntax.h"
 #include "http/FormatUrl.h"
 #include "http/UrlInfo.h"
 #include "lint/PhoneProperties.h"
@@ -59,6 +60,12 @@ bool hasPlaceholder(const std::string& url) {
            url.find("%DVID") != std::string::npos;
 }
 
+// Throws propertyapi::PropertyException if the phone is not known well enough.
+std::string expanded(const std::string& url, const Options& options) {
+    if (!hasPlaceholder(url)) return url;
+    return zav::formatUrl(url, std::make_shared<PhoneProperties>(options.phone.value_or(Phone())));
+}
+
 void addFolder(const std::string& folder, std::vector<std::string>& files) {
     std::error_code error;
     std::vector<std::string> found;
@@ -68,10 +75,23 @@ void addFolder(const std::string& folder, std::vector<std::string>& files) {
         if (error) throw LintException(folder + ": cannot be read: " + error.message());
         std::error_code ignored;
         const fs::path& path = entries->path();
-        if (path.extension() == ".xml" && entries->is_regular_file(ignored)) found.push_back(path.string());
+        if (strcasecmp(path.extension().c_str(), ".xml") == 0 && entries->is_regular_file(ignored))
+            found.push_back(path.string());
     }
     std::sort(found.begin(), found.end());
     files.insert(files.end(), found.begin(), found.end());
+}
+
+// What a phone with this server asks for: provisioning.xml if the URL names no file. Without user and password.
+std::string initialFileOf(const std::string& server, const Options& options) {
+    const std::string shown = common::withoutPassword(server);
+    try {
+        return zav::makeUrlInfo(expanded(server, options)).text();
+    } catch (const zav::UrlException&) {
+        throw LintException(shown + ": is not a URL that the phone accepts");
+    } catch (const propertyapi::PropertyException&) {
+        throw LintException(shown + ": depends on the phone; write its MAC address or device ID, or use --as running");
+    }
 }
 
 }  // namespace
@@ -96,7 +116,7 @@ bool isUrl(const std::string& text) {
     return strncasecmp(text.c_str(), "http://", 7) == 0 || strncasecmp(text.c_str(), "https://", 8) == 0;
 }
 
-std::vector<std::string> listFiles(const std::vector<std::string>& paths) {
+std::vector<std::string> listFiles(const std::vector<std::string>& paths, const Options& options) {
     std::vector<std::string> files;
     for (const std::string& path : paths) {
         std::error_code error;
@@ -107,7 +127,7 @@ std::vector<std::string> listFiles(const std::vector<std::string>& paths) {
             addFolder(path, files);
             if (files.size() == before) throw LintException(path + ": has no file whose name ends in .xml");
         } else {
-            files.push_back(path);
+            files.push_back(isUrl(path) ? initialFileOf(path, options) : path);
         }
     }
     return files;
@@ -121,11 +141,7 @@ Site::Site(std::string initial, const Options& options)
               : options.baseUrl.empty() ? anyServer
                                         : options.baseUrl) {}
 
-// Throws propertyapi::PropertyException if the phone is not known well enough.
-std::string Site::expand(const std::string& url) const {
-    if (!hasPlaceholder(url)) return url;
-    return zav::formatUrl(url, std::make_shared<PhoneProperties>(options_.phone.value_or(Phone())));
-}
+std::string Site::expand(const std::string& url) const { return expanded(url, options_); }
 
 Target Site::inFolder(const std::string& relative) const {
     Target target;

@@ -22,9 +22,10 @@ Content readFile(const std::string& path);
 
 bool isUrl(const std::string& text);
 
-/// The files that the arguments stand for: files and URLs themselves, of folders the ".xml" files below them, sorted.
-/// Throws LintException for a path that does not exist or cannot be read.
-std::vector<std::string> listFiles(const std::vector<std::string>& paths);
+/// The files that the arguments stand for: files themselves, of folders the ".xml" files below them, sorted, and of
+/// URLs what a phone with this server asks for. Throws LintException for a path that does not exist or cannot be read,
+/// and for a URL that is invalid or depends on a phone that is not known.
+std::vector<std::string> listFiles(const std::vector<std::string>& paths, const Options& options);
 
 /// Where a reference leads to.
 struct Target {

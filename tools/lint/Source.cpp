@@ -6,6 +6,7 @@
 #include <utility>
 
 #include "common/UrlSyntax.h"
+#include "propertyprotocol/Utf8.h"
 
 namespace lint {
 
@@ -60,9 +61,9 @@ std::string visible(const std::string& text, std::size_t begin, std::size_t end)
     const auto first = static_cast<unsigned char>(text[begin]);
     if (first < 0x20 || first == 0x7F) return first == '\t' ? " " : "?";
     if (first < 0x80) return text.substr(begin, 1);
-    const std::size_t length = first >= 0xF0 ? 4 : first >= 0xE0 ? 3 : 2;
+    const std::size_t length = propertyprotocol::utf8SequenceLength(text, begin);
     const bool isC1 = first == 0xC2 && end - begin == 2 && static_cast<unsigned char>(text[begin + 1]) < 0xA0;
-    if (first < 0xC2 || first > 0xF4 || end - begin != length || isC1) return "?";
+    if (length == 0 || end - begin != length || isC1) return "?";
     // Marks that change the direction of the text would show another text than is there.
     const std::string character = text.substr(begin, length);
     const bool turns = (character >= "\xE2\x80\xAA" && character <= "\xE2\x80\xAE") ||
@@ -74,15 +75,21 @@ std::string visible(const std::string& text, std::size_t begin, std::size_t end)
 
 std::size_t invalidUtf8(const std::string& text) {
     for (std::size_t at = 0; at < text.size();) {
-        const auto first = static_cast<unsigned char>(text[at]);
-        const std::size_t length = first < 0x80 ? 1 : first < 0xC2 ? 0 : first < 0xE0 ? 2 : first < 0xF0 ? 3 : 4;
-        if (length == 0 || first > 0xF4 || at + length > text.size()) return at;
-        for (std::size_t next = 1; next < length; ++next) {
-            if (!isContinuation(text[at + next])) return at;
-        }
+        const std::size_t length = propertyprotocol::utf8SequenceLength(text, at);
+        if (length == 0) return at;
         at += length;
     }
     return std::string::npos;
+}
+
+std::string validUtf8(const std::string& text) {
+    std::string valid;
+    for (std::size_t at = 0; at < text.size();) {
+        const std::size_t length = propertyprotocol::utf8SequenceLength(text, at);
+        valid += length == 0 ? "?" : text.substr(at, length);
+        at += std::max<std::size_t>(length, 1);
+    }
+    return valid;
 }
 
 bool soundsSecret(const std::string& setting) {

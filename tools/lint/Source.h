@@ -43,6 +43,9 @@ class Source {
 /// Where the text ceases to be UTF-8; npos if it does not.
 std::size_t invalidUtf8(const std::string& text);
 
+/// The text with "?" for each byte that is not UTF-8.
+std::string validUtf8(const std::string& text);
+
 /// Whether a name says that its value is a secret: for settings that no catalogue knows.
 bool soundsSecret(const std::string& setting);
 

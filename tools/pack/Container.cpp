@@ -74,7 +74,7 @@ std::string encrypt(const std::string& plain, const std::string& passPhrase) {
     Salt salt{};
     if (RAND_bytes(salt.data(), static_cast<int>(salt.size())) != 1) fail("provide random bytes");
     const Context context = prepared(passPhrase, salt, true);
-    std::string out(encryptedSize(plain.size()), '\0');
+    std::string out(static_cast<std::size_t>(encryptedSize(plain.size())), '\0');
     out.replace(0, magicSize, magic);
     out.replace(magicSize, saltSize, reinterpret_cast<const char*>(salt.data()), saltSize);
     int body = 0;
@@ -109,6 +109,6 @@ std::optional<std::string> decrypt(const std::string& encrypted, const std::stri
     return out;
 }
 
-std::size_t encryptedSize(std::size_t plainSize) { return headerSize + (plainSize / blockSize + 1) * blockSize; }
+std::uint64_t encryptedSize(std::uint64_t plainSize) { return headerSize + (plainSize / blockSize + 1) * blockSize; }
 
 }  // namespace pack

@@ -3,7 +3,7 @@
 // functions may be called from any thread.
 #pragma once
 
-#include <cstddef>
+#include <cstdint>
 #include <optional>
 #include <string>
 
@@ -20,6 +20,6 @@ std::string encrypt(const std::string& plain, const std::string& passPhrase);
 std::optional<std::string> decrypt(const std::string& encrypted, const std::string& passPhrase);
 
 /// How large a file becomes.
-std::size_t encryptedSize(std::size_t plainSize);
+std::uint64_t encryptedSize(std::uint64_t plainSize);
 
 }  // namespace pack

@@ -135,10 +135,12 @@ class Lister {
 
 }  // namespace
 
-std::string readFile(const std::string& path, std::size_t limit) {
+std::string readFile(const std::string& path, std::uint64_t limit) {
     struct stat status {};
     const common::Descriptor file = openFile(path, status);
-    std::string content(std::min<std::size_t>(static_cast<std::size_t>(status.st_size), limit) + 1, '\0');
+    const std::uint64_t expected = std::min(static_cast<std::uint64_t>(status.st_size), limit);
+    if (expected >= std::string().max_size() / 2) throw Error(path, "is too large for this machine's memory");
+    std::string content(static_cast<std::size_t>(expected) + 1, '\0');
     for (std::size_t size = 0;;) {
         size += readFully(file, path, content.data() + size, content.size() - size);
         if (size > limit) throw Error(path, "has more than " + std::to_string(limit) + " bytes");
@@ -146,7 +148,8 @@ std::string readFile(const std::string& path, std::size_t limit) {
             content.resize(size);
             return content;
         }
-        content.resize(std::min(content.size() * 2, limit + 1));  // it has grown meanwhile
+        const std::uint64_t more = std::min<std::uint64_t>(content.size(), limit + 1 - size);  // it has grown meanwhile
+        content.resize(content.size() + static_cast<std::size_t>(more));
     }
 }
 

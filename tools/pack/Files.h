@@ -10,7 +10,7 @@
 namespace pack {
 
 /// The whole file. Throws Error if it cannot be read, is not a regular file, or has more than `limit` bytes.
-std::string readFile(const std::string& path, std::size_t limit);
+std::string readFile(const std::string& path, std::uint64_t limit);
 
 /// The first `count` bytes of the file, or all that there are. Throws Error if it cannot be read.
 std::string readBeginning(const std::string& path, std::size_t count);

@@ -82,12 +82,11 @@ class Fleet {
             checkOutsideOf(options_.templatePath, {options_.table});
         }
         checkOutsideOf(options_.to, {options_.table, options_.templatePath, options_.keyFile});
-        Key key = readKey(options_.keyFile);
-        passPhrase_ = std::move(key.passPhrase);
-        result_.warnings = std::move(key.warnings);
+        key_ = readKey(options_.keyFile);
+        result_.warnings = key_.warnings;
         table_ = readTable(options_.table);
         findMacColumn();
-        template_ = readTemplate(options_.templatePath, options_.place, placeholders_);
+        template_ = readTemplate(options_.templatePath, options_.place, placeholders_, key_);
         rows_.resize(table_.rows.size());
     }
 
@@ -215,10 +214,11 @@ class Fleet {
             const std::string path = options_.to + "/" + place.name;
             const bool encrypting = template_[place.file].kind == FileKind::provisioning;
             const bool present =
-                encrypting ? isPublished(path, contents[index], passPhrase_) : hasContent(path, contents[index]);
+                encrypting ? isPublished(path, contents[index], key_.passPhrase) : hasContent(path, contents[index]);
             ++(present ? row.unchanged : row.changed);
             if (present || options_.dryRun) continue;
-            const std::string bytes = encrypting ? encrypt(contents[index], passPhrase_) : std::move(contents[index]);
+            const std::string bytes =
+                encrypting ? encrypt(contents[index], key_.passPhrase) : std::move(contents[index]);
             row.staged.emplace_back(place.file, output().stage(place.name, bytes));
         }
     }
@@ -226,14 +226,16 @@ class Fleet {
     std::string render(const Place& place, Row& row) const {
         const TemplateFile& file = template_[place.file];
         std::string content = file.content.expand(file.isXml ? escaped(file, row) : row.values);
+        if (row.failure.empty() && isKey(content, key_)) {
+            row.failure = place.name + " would hold the key of the phones, which must not be published";
+        }
         if (!row.failure.empty() || file.kind != FileKind::provisioning) return content;
         if (encryptedSize(content.size()) > maxProvisioningFileBytes) {
             row.failure = place.name + " is too large: phones refuse more than 16 MiB, encrypted";
         } else if (options_.check && !options_.force) {
             for (const Finding& finding : options_.check(place.name, content)) {
                 if (!finding.isError) continue;
-                row.failure =
-                    finding.file + (finding.line > 0 ? ":" + std::to_string(finding.line) : "") + ": " + finding.text;
+                row.failure = toText(finding);
                 break;
             }
         }
@@ -293,7 +295,7 @@ class Fleet {
     }
 
     const FleetOptions& options_;
-    std::string passPhrase_;
+    Key key_;
     Table table_;
     std::size_t macColumn_ = noColumn;
     std::vector<std::string> placeholders_;

@@ -1,5 +1,7 @@
 #include "pack/Key.h"
 
+#include <string_view>
+
 #include "pack/Error.h"
 #include "pack/Files.h"
 
@@ -21,6 +23,13 @@ void checkPassPhrase(const std::string& path, const std::string& passPhrase) {
     if (passPhrase.size() > maxPassPhraseBytes) {
         throw Error(path, "the first line has more than 1023 bytes; the phone would use the first 1023 only");
     }
+}
+
+bool isBlank(char c) { return c == '\n' || c == '\r' || c == ' ' || c == '\t'; }
+
+std::string_view withoutBlanksAtEnd(std::string_view text) {
+    while (!text.empty() && isBlank(text.back())) text.remove_suffix(1);
+    return text;
 }
 
 }  // namespace
@@ -46,7 +55,15 @@ Key readKey(const std::string& path) {
     if (end != std::string::npos && end + 1 < content.size()) {
         key.warnings.push_back(path + ": only the first line is used");
     }
+    key.content = content;
     return key;
+}
+
+bool isKey(const std::string& bytes, const Key& key) {
+    // A long file would be searched for its end in vain.
+    if (bytes.size() > maxKeyFileBytes) return false;
+    const std::string_view text = withoutBlanksAtEnd(bytes);
+    return text == withoutBlanksAtEnd(key.passPhrase) || text == withoutBlanksAtEnd(key.content);
 }
 
 }  // namespace pack

@@ -22,7 +22,12 @@ struct Finding {
     bool isError = true;
     std::string text;
     bool canBeForced = true;  // Options::force publishes all the same
+    std::size_t column = 0;   // 0: the line as a whole
+    std::string rule{};       // that of the check; "": a finding of this library
 };
+
+/// FILE:LINE:COLUMN: LEVEL: TEXT [RULE], as far as they are known.
+std::string toText(const Finding& finding);
 
 /// Judges a plain provisioning file before it is published. Called from several threads.
 using Check = std::function<std::vector<Finding>(const std::string& name, const std::string& bytes)>;

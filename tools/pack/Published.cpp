@@ -11,16 +11,16 @@ namespace pack {
 namespace {
 
 // Most files of a first run are not there, which is not worth an exception.
-bool isFileOfSize(const std::string& path, std::size_t size) {
+bool isFileOfSize(const std::string& path, std::uint64_t size) {
     struct stat status {};
     return ::lstat(path.c_str(), &status) == 0 && S_ISREG(status.st_mode) &&
-           static_cast<std::size_t>(status.st_size) == size;
+           static_cast<std::uint64_t>(status.st_size) == size;
 }
 
 }  // namespace
 
 bool isPublished(const std::string& path, const std::string& plain, const std::string& passPhrase) {
-    const std::size_t size = encryptedSize(plain.size());
+    const std::uint64_t size = encryptedSize(plain.size());
     if (!isFileOfSize(path, size)) return false;
     try {
         return decrypt(readFile(path, size), passPhrase) == plain;

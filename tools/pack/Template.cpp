@@ -28,8 +28,11 @@ void checkEncoding(const std::string& source, const std::string& bytes) {
     }
 }
 
-TemplateFile readOne(const std::string& source, const std::string& place, const std::vector<std::string>& columns) {
+TemplateFile readOne(const std::string& source, const std::string& place, const std::vector<std::string>& columns,
+                     const Key& key) {
     const std::string bytes = readFile(source, maxProvisioningFileBytes);
+    if (isKey(bytes, key))
+        throw Error(source, "holds the key of the phones, which must not be published; move it elsewhere");
     const Classification kind = classify(place, bytes);
     if (!kind.problem.empty()) throw Error(source, kind.problem);
     if (kind.kind == FileKind::encrypted) throw Error(source, "is encrypted; a template must be plain");
@@ -53,16 +56,16 @@ TemplateFile readOne(const std::string& source, const std::string& place, const 
 }  // namespace
 
 std::vector<TemplateFile> readTemplate(const std::string& path, const std::string& place,
-                                       const std::vector<std::string>& columns) {
+                                       const std::vector<std::string>& columns, const Key& key) {
     std::vector<TemplateFile> files;
     std::error_code error;
     if (!fs::is_directory(path, error)) {
-        files.push_back(readOne(path, place.empty() ? fs::path(path).filename().string() : place, columns));
+        files.push_back(readOne(path, place.empty() ? fs::path(path).filename().string() : place, columns, key));
     } else {
         if (!place.empty()) throw Error(path, "is a folder; --name is for a single file");
         const Folder folder = listFolder(path);
         for (const Problem& one : folder.problems) throw Error(path + "/" + one.file, one.reason);
-        for (const std::string& name : folder.files) files.push_back(readOne(path + "/" + name, name, columns));
+        for (const std::string& name : folder.files) files.push_back(readOne(path + "/" + name, name, columns, key));
     }
     bool perRow = false;
     for (const TemplateFile& file : files) perRow = perRow || file.path.hasPlaceholders();

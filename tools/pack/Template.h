@@ -6,6 +6,7 @@
 #include <vector>
 
 #include "pack/FileKind.h"
+#include "pack/Key.h"
 #include "pack/Pattern.h"
 
 namespace pack {
@@ -21,8 +22,8 @@ struct TemplateFile {
 };
 
 /// `place` is where a single file goes; "" stands for the file's own name, and is the only choice for a folder. Throws
-/// Error for whatever makes the template useless for every row.
+/// Error for whatever makes the template useless for every row, and for a copy of the key, which must not be published.
 std::vector<TemplateFile> readTemplate(const std::string& path, const std::string& place,
-                                       const std::vector<std::string>& columns);
+                                       const std::vector<std::string>& columns, const Key& key);
 
 }  // namespace pack

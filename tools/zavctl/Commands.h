@@ -59,6 +59,7 @@ struct ExplainOptions {
     std::string as;         // a settings file, "running", or empty: the catalogue's defaults
     std::string catalogue;  // path; empty: the installed one
     std::string key;        // path of the pass phrase; empty: this machine's
+    std::string base;       // the URL that the folder stands for; empty: the server's
 };
 
 /// Prints what a phone would do with the files in a folder, a file, or the file at a URL; changes nothing. A pass that

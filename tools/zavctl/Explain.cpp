@@ -1,5 +1,6 @@
 #include <unistd.h>
 
+#include "BaseUrl.h"
 #include "CatalogueFile.h"
 #include "Commands.h"
 #include "Output.h"
@@ -36,6 +37,7 @@ ExitCode explain(const Environment& environment, const Options& options, const s
                  const ExplainOptions& phone) {
     ::explain::Request request;
     request.source = source;
+    request.base = folderUrl(phone.base);
     request.properties = valuesOf(environment, options, phone.as);
     request.catalogue = phone.catalogue.empty() ? defaultCatalogue() : phone.catalogue;
     request.keyFile = phone.key.empty() && ::access(phonesKey, R_OK) == 0 ? phonesKey : phone.key;

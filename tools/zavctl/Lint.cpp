@@ -7,6 +7,7 @@
 #include <iterator>
 #include <memory>
 
+#include "BaseUrl.h"
 #include "CatalogueFile.h"
 #include "Lint.h"
 #include "Output.h"
@@ -19,6 +20,7 @@
 #include "lint/Print.h"
 #include "lint/Rules.h"
 #include "lint/Settings.h"
+#include "lint/Source.h"
 #include "propertyprotocol/Topics.h"
 
 namespace zavctl {
@@ -94,12 +96,19 @@ lint::Phone nobody(const std::string& baseUrl) {
     return phone;
 }
 
+// A password in it is sent to this server only, as a phone does.
+std::string serverOf(const lint::Options& options, const std::vector<std::string>& paths) {
+    if (!options.baseUrl.empty()) return options.baseUrl;
+    const auto url = std::find_if(paths.begin(), paths.end(), isUrl);
+    return url == paths.end() ? "" : *url;
+}
+
 Json::Value toJson(const lint::Finding& finding) {
-    Json::Value json = toObject({{"file", finding.file},
+    Json::Value json = toObject({{"file", lint::validUtf8(finding.file)},
                                  {"level", lint::nameOf(finding.level)},
                                  {"rule", finding.rule},
-                                 {"message", finding.message},
-                                 {"fix", finding.fix}});
+                                 {"message", lint::validUtf8(finding.message)},
+                                 {"fix", lint::validUtf8(finding.fix)}});
     if (finding.line != 0) json["line"] = finding.line;
     if (finding.column != 0) json["column"] = finding.column;
     return json;
@@ -156,7 +165,7 @@ ExitCode lintFiles(const Environment& environment, const Options& options, const
         lint::Options given;
         given.keyFile = lintOptions.keyFile;
         if (given.keyFile == LintOptions().keyFile && ::access(given.keyFile.c_str(), R_OK) != 0) given.keyFile.clear();
-        given.baseUrl = lintOptions.baseUrl;
+        given.baseUrl = folderUrl(lintOptions.baseUrl);
         if (!lintOptions.phone.empty()) askPhone(environment, options, given);
         if (given.settings == nullptr || !lintOptions.catalogue.empty()) {
             given.settings =
@@ -165,7 +174,8 @@ ExitCode lintFiles(const Environment& environment, const Options& options, const
         std::unique_ptr<Downloads> downloads;
         if (folder != nullptr) {
             if (folder->path().empty()) throw Failure(ExitCode::failed, "failed", "no folder can be made in /tmp");
-            downloads = std::make_unique<Downloads>(folder->path(), given.phone.value_or(nobody(given.baseUrl)));
+            downloads =
+                std::make_unique<Downloads>(folder->path(), given.phone.value_or(nobody(serverOf(given, paths))));
             given.fetch = [&downloads](const std::string& url) { return downloads->fetch(url); };
         }
         const lint::Report report = lint::lintPaths(paths, given);

@@ -47,7 +47,8 @@ pack::Check checkOf(const PublishOptions& publish, std::vector<std::string>& war
         for (const lint::Finding& one : lint::lintDocument(name, bytes, options)) {
             if (one.level == lint::Level::note) continue;
             findings.push_back({name, one.line, one.level == lint::Level::error,
-                                one.message + (one.fix.empty() ? "" : " (" + one.fix + ")")});
+                                one.message + (one.fix.empty() ? "" : " (" + one.fix + ")"), true, one.column,
+                                one.rule});
         }
         return findings;
     };
@@ -59,21 +60,22 @@ Json::Value toJson(const std::vector<std::string>& names) {
     return array;
 }
 
+// null for 0, which stands for none
+Json::Value toJson(std::size_t position) {
+    return position > 0 ? Json::Value(static_cast<Json::UInt64>(position)) : Json::Value();
+}
+
 Json::Value toJson(const std::vector<pack::Finding>& findings) {
     Json::Value array(Json::arrayValue);
     for (const pack::Finding& one : findings) {
-        array.append(
-            toObject({{"file", pack::printable(one.file)},
-                      {"line", one.line > 0 ? Json::Value(static_cast<Json::UInt64>(one.line)) : Json::Value()},
-                      {"level", one.isError ? "error" : "warning"},
-                      {"text", pack::printable(one.text)}}));
+        array.append(toObject({{"file", pack::printable(one.file)},
+                               {"line", toJson(one.line)},
+                               {"column", toJson(one.column)},
+                               {"level", one.isError ? "error" : "warning"},
+                               {"rule", one.rule.empty() ? Json::Value() : Json::Value(one.rule)},
+                               {"text", pack::printable(one.text)}}));
     }
     return array;
-}
-
-std::string textOf(const pack::Finding& finding) {
-    const std::string line = finding.line > 0 ? ":" + std::to_string(finding.line) : "";
-    return finding.file + line + ": " + (finding.isError ? "" : "warning: ") + finding.text;
 }
 
 std::vector<std::pair<const char*, const std::vector<std::string>*>> listsOf(const pack::Result& result) {
@@ -102,7 +104,7 @@ void printRefusal(const Environment& environment, const pack::Result& result) {
 
 void printTextResult(const Environment& environment, const pack::Result& result, bool dryRun) {
     for (const std::string& warning : result.warnings) printError(environment.err, "warning: " + warning);
-    for (const pack::Finding& one : result.findings) printError(environment.err, textOf(one));
+    for (const pack::Finding& one : result.findings) environment.err << pack::printable(pack::toText(one)) << std::endl;
     if (result.refused) return printRefusal(environment, result);
     for (const auto& [name, files] : listsOf(result)) {
         for (const std::string& file : *files) {

@@ -76,6 +76,15 @@ TEST_F(PredecessorTest, IgnoresAnUnreadableScreenStateSilently) {
     EXPECT_TRUE(phone_.log.lines().empty());
 }
 
+TEST_F(PredecessorTest, FailedUnlockIsLogged) {
+    phone_.properties->put(lockUi, "1");
+    phone_.properties->failCall(fakes::FakeProperties::Call::set, 1);
+    zav::cleanUpAfterPredecessor(*phone_.properties);
+    EXPECT_TRUE(phone_.properties->writes().empty());
+    EXPECT_NE(phone_.log.text().find("Could not clean up after an earlier zavd: "), std::string::npos)
+        << phone_.log.text();
+}
+
 TEST_F(PredecessorTest, RemovesPartialDownloadsAndDecryptions) {
     const std::string folder = "/var/volatile/provisioning/";
     std::filesystem::create_directories(folder + "nvm");

@@ -5,6 +5,7 @@
 #include <atomic>
 #include <future>
 #include <memory>
+#include <new>
 #include <thread>
 #include <utility>
 
@@ -64,6 +65,43 @@ TEST_F(DeferredWritesTest, RetriesATimeout) {
         properties_.set("key", "a");
     });
     EXPECT_TRUE(properties_.waitForWrite("key", "a"));
+}
+
+TEST_F(DeferredWritesTest, RetriesAWriteThatHadNoMemory) {
+    bool first = true;
+    writes_->write(Kind::result, [&] {
+        if (std::exchange(first, false)) throw std::bad_alloc();
+        properties_.set("key", "a");
+    });
+    EXPECT_TRUE(properties_.waitForWrite("key", "a"));
+}
+
+/// A write without an answer on the thread that made it, whose first two copies on other threads have no memory.
+struct UncopyableWrite {
+    explicit UncopyableWrite(fakes::FakeProperties& written) : properties(&written) {}
+    UncopyableWrite(const UncopyableWrite& other)
+        : properties(other.properties), home(other.home), failures(other.failures) {
+        if (!isHome() && failures->fetch_sub(1) > 0) throw std::bad_alloc();
+    }
+    UncopyableWrite& operator=(const UncopyableWrite&) = delete;
+    ~UncopyableWrite() = default;
+    void operator()() const {
+        if (isHome()) throw propertyapi::PropertyTimeoutException("no answer");
+        properties->set("key", "a");
+    }
+    bool isHome() const { return std::this_thread::get_id() == home; }
+
+    fakes::FakeProperties* properties;
+    std::thread::id home = std::this_thread::get_id();
+    std::shared_ptr<std::atomic<int>> failures = std::make_shared<std::atomic<int>>(2);
+};
+
+// The retry thread copies a write before it makes it.
+TEST_F(DeferredWritesTest, RetriesAfterAnAttemptWithoutMemory) {
+    const UncopyableWrite uncopyable(properties_);
+    writes_->write(Kind::result, uncopyable);
+    EXPECT_TRUE(properties_.waitForWrite("key", "a"));
+    EXPECT_LE(*uncopyable.failures, 0) << "a copy must have failed";
 }
 
 TEST_F(DeferredWritesTest, RefusalThrowsAndIsNotRetried) {

@@ -62,6 +62,31 @@ TEST_F(PassTroubleTest, NonStandardExceptionEndsThePassAsFail) {
     EXPECT_EQ(properties->writesTo(lockUi), (std::vector<std::string>{"1", "0"}));
 }
 
+/// Properties that stop a worker when a request reads the last of its settings.
+class StoppingProperties : public fakes::FakeProperties {
+ public:
+    using FakeProperties::FakeProperties;
+    std::string get(const std::string& key) override {
+        if (key == "System.Debug.LevelMask.ZAV" && worker != nullptr) worker->stop();
+        return FakeProperties::get(key);
+    }
+    zav::ProvisioningWorker* worker = nullptr;
+};
+
+TEST_F(PassTroubleTest, ShutdownWhileARequestReadsItsSettingsStartsNoPass) {
+    fakes::FakeProperties::Values values = tests::factoryValues();
+    values["System.Provision.ProvisioningServer"] = server_.url("/");
+    values["System.Debug.LevelMask.ZAV"] = "7";
+    const auto properties = std::make_shared<StoppingProperties>(values);
+    worker_ = std::make_unique<zav::ProvisioningWorker>(properties, phone_.curl, phone_.security);
+    properties->worker = worker_.get();
+    worker_->startProvisioning("");
+    EXPECT_TRUE(worker_->isProvisioningFinished());
+    end();
+    EXPECT_TRUE(properties->writes().empty());
+    EXPECT_FALSE(phone_.log.has(finished));
+}
+
 /// While an object exists, no thread can be started: the default stack size is too large.
 class NoThreads {
  public:

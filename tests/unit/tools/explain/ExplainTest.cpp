@@ -111,6 +111,51 @@ TEST_F(ExplainTest, OtherServersAreNotAsked) {
     EXPECT_TRUE(other.requests().empty());
 }
 
+TEST_F(ExplainTest, FolderStandsForTheServersUpToTheFirstPlaceholder) {
+    request.properties["System.Provision.ProvisioningServer"] = server + "%MACD/";
+    const std::string included = "<custom><step type='LocalPhoneBook' url='" + server + "common/book'/>";
+    publish("02-00-5E-10-00-01/provisioning.xml",
+            direct(included + "<step type='LocalPhoneBook' url='/own'/></custom>"));
+    publish("02-00-5E-10-00-01/own", "x");
+    publish("common/book", "x");
+    const Explanation explanation = explained("not for this phone");
+    EXPECT_THAT(explanation.notes, Contains(folder + "/ stands for " + server + "; --base URL changes that"));
+    EXPECT_THAT(events(explanation, Kind::file),
+                ElementsAre(HasSubstr("02-00-5E-10-00-01/provisioning.xml|200 OK"),
+                            server + "common/book||" + folder + "/common/book|200 OK",
+                            server + "02-00-5E-10-00-01/own||" + folder + "/02-00-5E-10-00-01/own|200 OK"));
+    request.source = folder + "/02-00-5E-10-00-01/provisioning.xml";
+    EXPECT_EQ(explain(request).status, "success");
+}
+
+TEST_F(ExplainTest, PlaceholderInTheHostOrQueryChangesNoFolder) {
+    for (const char* url :
+         {"https://%DVID.example/phones/", "https://server.example/phones/provisioning.xml?for=%MACD"}) {
+        request.properties["System.Provision.ProvisioningServer"] = url;
+        EXPECT_EQ(explained(oneSetting).status, "success") << url;
+    }
+}
+
+TEST_F(ExplainTest, BaseUrlSaysWhatTheFolderStandsFor) {
+    request.properties["System.Provision.ProvisioningServer"] = server + "%MACD/";
+    request.base = server + "%MACD/";
+    const Explanation explanation = explained(oneSetting);
+    EXPECT_EQ(explanation.status, "success");
+    EXPECT_THAT(explanation.notes, Contains(folder + "/ stands for " + server + "02-00-5E-10-00-01/"));
+    request.base = "https://server.example/";
+    EXPECT_EQ(explain(request).httpCode, "404");
+    request.base = "https://";
+    EXPECT_THROW(explain(request), ExplainException);
+}
+
+TEST_F(ExplainTest, BaseUrlStandsForAServerThatIsNotSet) {
+    request.properties.erase("System.Provision.ProvisioningServer");
+    request.base = "https://another.example/";
+    const Explanation explanation = explained(oneSetting);
+    EXPECT_EQ(explanation.url, "https://another.example/provisioning.xml");
+    EXPECT_EQ(explanation.status, "success");
+}
+
 TEST_F(ExplainTest, FileStandsForTheInitialFile) {
     publish("draft.xml", oneSetting);
     request.source = folder + "/draft.xml";
@@ -167,7 +212,9 @@ TEST_F(ExplainTest, NotesWhatItAssumes) {
     request.properties.clear();
     EXPECT_THAT(explained(oneSetting).notes,
                 ElementsAre("System.Provision.ProvisioningServer is not set; http://server.example/ stands for it",
+                            folder + "/ stands for http://server.example/; --base URL changes that",
                             "NET.MAC.Address is taken to be \"\", the catalogue's default"));
+    request.base = server;
     request.properties = {{"No.Key", "1"},
                           {"NET.MAC.Address", mac},
                           {"System.Reboot.Automatic.Hour", "99"},
@@ -176,7 +223,8 @@ TEST_F(ExplainTest, NotesWhatItAssumes) {
         explain(request).notes,
         ElementsAre("No.Key: the catalogue has no such key; left out",
                     "System.Reboot.Automatic.Hour: must be a whole number from 0 to 23; its default is used, as on a "
-                    "phone"));
+                    "phone",
+                    folder + "/ stands for " + server));
 }
 
 TEST_F(ExplainTest, InvalidServerStartsNoPass) {

@@ -12,9 +12,9 @@ class PublishedFolderTest : public ExplainTest {
         publish("sub/a file+.xml", "other");
     }
 
-    long status(const std::string& url) const {
-        return PublishedFolder(folder, zav::UrlInfo(server + "provisioning.xml")).answer(url).status;
-    }
+    const zav::UrlInfo initial{server + "provisioning.xml"};
+
+    long status(const std::string& url) const { return PublishedFolder(folder, initial, initial).answer(url).status; }
 };
 
 TEST_F(PublishedFolderTest, AnswersUrlsBelowTheServersFolder) {
@@ -45,13 +45,25 @@ TEST_F(PublishedFolderTest, EscapesDoNotLeaveTheFolder) {
 
 TEST_F(PublishedFolderTest, FileStandsForTheInitialFileAndItsFolderForTheRest) {
     publish("draft.xml", "draft");
-    const PublishedFolder published(folder + "/draft.xml", zav::UrlInfo(server + "provisioning.xml"));
+    const PublishedFolder published(folder + "/draft.xml", initial, initial);
     EXPECT_EQ(published.answer(server + "provisioning.xml").file, folder + "/draft.xml");
     EXPECT_EQ(published.answer(server + "sub/a%20file+.xml").file, folder + "/sub/a file+.xml");
 }
 
+TEST_F(PublishedFolderTest, FileInThePhonesFolderHasTheFolderAbove) {
+    publish("02-00/provisioning.xml", "the phone's");
+    const zav::UrlInfo own(server + "02-00/provisioning.xml");
+    const PublishedFolder above(folder + "/02-00/provisioning.xml", own, zav::UrlInfo(server));
+    EXPECT_EQ(above.folder(), folder + "/");
+    EXPECT_EQ(above.url(), server);
+    EXPECT_EQ(above.answer(server + "sub/a%20file+.xml").file, folder + "/sub/a file+.xml");
+    const PublishedFolder elsewhere(folder + "/sub/a file+.xml", own, zav::UrlInfo(server));
+    EXPECT_EQ(elsewhere.url(), server + "02-00/");
+    EXPECT_EQ(elsewhere.answer(own.text()).file, folder + "/sub/a file+.xml");
+}
+
 TEST_F(PublishedFolderTest, TellsOtherServers) {
-    const PublishedFolder published(folder, zav::UrlInfo(server + "provisioning.xml"));
+    const PublishedFolder published(folder, initial, initial);
     EXPECT_TRUE(published.isElsewhere("https://other.example/x"));
     EXPECT_FALSE(published.isElsewhere("https://server.example/x"));
 }

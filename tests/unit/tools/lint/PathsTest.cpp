@@ -104,6 +104,37 @@ TEST_F(LintPaths, UrlsAreFetchedBelowTheFirstOnly) {
     EXPECT_THROW(lint({"http://h/a/other.xml"}), LintException);
 }
 
+TEST_F(LintPaths, ServersUrlStandsForTheFileThatAPhoneAsksFor) {
+    std::vector<std::string> fetched;
+    given.fetch = [&](const std::string& url) -> Fetched {
+        fetched.push_back(url);
+        return {settingsFile, ""};
+    };
+    EXPECT_THAT(lint({"http://h/a/", "http://h", "https://user:password@h/a/"}),
+                ElementsAre("http://h/a/provisioning.xml: initial-root", "http://h/provisioning.xml: initial-root",
+                            "https://h/a/provisioning.xml: initial-root"));
+    given.phone = Phone{"02:00:5E:10:00:01", {}};
+    EXPECT_THAT(lint({"http://h/%MACD/"}), ElementsAre("http://h/02-00-5E-10-00-01/provisioning.xml: initial-root"));
+    given.phone.reset();
+    EXPECT_THROW(lint({"http://h/%MACD/"}), LintException);
+    EXPECT_THROW(lint({"http://"}), LintException);
+}
+
+TEST_F(LintPaths, InitialFileInAnotherCaseIsNeverAskedFor) {
+    write("Provisioning.XML", provisioning("<nvm>" + volume + "</nvm>"));
+    EXPECT_THAT(lint({folder}), ElementsAre("Provisioning.XML: initial-file-name"));
+    write("provisioning.xml", provisioning("<nvm>" + volume + "</nvm>"));
+    EXPECT_THAT(lint({folder}), IsEmpty());
+}
+
+TEST_F(LintPaths, KeyFileHasALimit) {
+    const std::string first = write("provisioning.xml", "Salted__12345678");
+    given.keyFile = "/dev/zero";
+    EXPECT_THROW(lint({first}), LintException);
+    given.keyFile = write("key", std::string(65536, 'k'));
+    EXPECT_THAT(lint({first}), ElementsAre("provisioning.xml: wrong-key"));
+}
+
 TEST_F(LintPaths, NothingIsFetchedWithoutPermission) {
     EXPECT_THROW(lint({"http://h/a/provisioning.xml"}), LintException);
 }

@@ -145,13 +145,27 @@ TEST_F(FleetTest, MistakesInTheTemplateWriteNothing) {
     EXPECT_FALSE(exists("out"));
 }
 
+TEST_F(FleetTest, ACopyOfTheKeyIsNeverPublished) {
+    write("t/{MACD}/phone.xml", templateXml);
+    write("t/{MACD}/note.txt", "{name}");
+    options.templatePath = root + "/t";
+    options.place = "";
+    table("mac,name\n02:00:5E:10:00:01,One\n02:00:5E:10:00:02,correct horse\n");
+    EXPECT_THAT(failures(), ElementsAre("3 02-00-5E-10-00-02/note.txt would hold the key of the phones, which must not "
+                                        "be published"));
+    EXPECT_FALSE(exists("out/02-00-5E-10-00-02"));
+    write("t/common/secret.txt", "correct horse");
+    EXPECT_THAT(errorOf([this] { run(); }), HasSubstr("common/secret.txt: holds the key of the phones"));
+    EXPECT_FALSE(exists("out/common"));
+}
+
 TEST_F(FleetTest, ErrorsOfTheCheckFailTheirRow) {
     options.check = [](const std::string& name, const std::string& bytes) {
         std::vector<Finding> findings{{name, 1, false, "just a warning"}};
         if (bytes.find("Two") != std::string::npos) findings.push_back({name, 1, true, "no such value"});
         return findings;
     };
-    EXPECT_THAT(failures(), ElementsAre("3 02-00-5E-10-00-02/provisioning.xml:1: no such value"));
+    EXPECT_THAT(failures(), ElementsAre("3 02-00-5E-10-00-02/provisioning.xml:1: error: no such value"));
     EXPECT_FALSE(exists("out/02-00-5E-10-00-02"));
     options.force = true;
     EXPECT_THAT(failures(), IsEmpty());

@@ -244,6 +244,18 @@ TEST_F(Packing, FoldersThatContainEachOtherOrTheKeyAreRefused) {
     EXPECT_THAT(tree("out"), SizeIs(1));
 }
 
+TEST_F(Packing, ACopyOfTheKeyIsNeverPublished) {
+    for (const std::string copy :
+         {"correct horse\n", "correct horse", "correct horse\r\n\n", "correct horse\nold key"}) {
+        write("key", copy == "correct horse\nold key" ? copy + "\n" : "correct horse\n");
+        write("in/images/notes.txt", copy);
+        refused("images/notes.txt", "holds the key of the phones (" + root + "/key), which must not be published");
+        EXPECT_FALSE(exists("out"));
+    }
+    write("in/images/notes.txt", "correct horse, wrong place\n");
+    EXPECT_FALSE(run().refused);
+}
+
 TEST_F(Packing, AMissingFolderIsNamed) {
     options.from = root + "/none";
     EXPECT_THAT(errorOf([this] { run(); }), HasSubstr(root + "/none: cannot be opened"));

@@ -38,6 +38,15 @@ TEST_F(ExplainCommand, WithoutAPhoneTheCatalogueDecides) {
     EXPECT_TRUE(phone.bus->hosts.empty());  // no connection to a phone
 }
 
+TEST_F(ExplainCommand, BaseIsTheUrlOfAFolder) {
+    for (const char* base : {"https://server.example/phones", "https://server.example/phones/"}) {
+        phone.out.str("");
+        EXPECT_EQ(phone.run({"explain", "/tmp/explained", "--base", base}), ExitCode::done) << phone.err.str();
+        EXPECT_THAT(phone.out.str(), HasSubstr("/tmp/explained/ stands for https://server.example/phones/\n"));
+        EXPECT_THAT(phone.out.str(), HasSubstr("https://server.example/phones/provisioning.xml (/tmp/explained/prov"));
+    }
+}
+
 TEST_F(ExplainCommand, PhoneIsAFile) {
     for (const char* text : {R"({"version": 1, "properties": {"Time.Format": "12h", "Audio.Ringer.Volume": null}})",
                              R"({"Time.Format": "12h"})"}) {

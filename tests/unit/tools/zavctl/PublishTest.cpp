@@ -85,8 +85,8 @@ TEST_F(Publish, FilesThatKeepAllFromBeingPublishedAreListed) {
     EXPECT_EQ(pack(), ExitCode::failed);
     EXPECT_EQ(phone.out.str(), "");
     EXPECT_EQ(phone.err.str(),
-              "zavctl: b.xml: the file is empty\n"
-              "zavctl: c.xml: its root element is \"Nvm\"; the phone wants \"nvm\"\n"
+              "b.xml: error: the file is empty\n"
+              "c.xml: error: its root element is \"Nvm\"; the phone wants \"nvm\"\n"
               "zavctl: nothing was written: 2 errors; --force writes all the same\n");
     EXPECT_EQ(pack({"--json"}), ExitCode::failed);
     EXPECT_EQ(phone.json()["written"], false);
@@ -98,12 +98,21 @@ TEST_F(Publish, FilesThatKeepAllFromBeingPublishedAreListed) {
 TEST_F(Publish, ErrorsThatLintFindsKeepAllFromBeingPublished) {
     write("in/provisioning.xml", document("99"));
     EXPECT_EQ(pack(), ExitCode::failed);
-    EXPECT_THAT(phone.err.str(), HasSubstr("zavctl: provisioning.xml:2: Audio.Ringer.Volume"));
+    EXPECT_THAT(phone.err.str(), testing::MatchesRegex("provisioning.xml:2:[0-9]+: error: Audio.Ringer.Volume.* "
+                                                       "\\[[a-z-]+\\]\nzavctl: nothing was written: 1 error; .*\n"));
+    EXPECT_EQ(pack({"--json"}), ExitCode::failed);
+    const Json::Value finding = phone.json()["findings"][0];
+    EXPECT_EQ(finding["line"], 2);
+    EXPECT_GT(finding["column"].asInt(), 1);
+    EXPECT_EQ(finding["level"], "error");
+    EXPECT_FALSE(finding["rule"].asString().empty());
     EXPECT_FALSE(std::filesystem::exists(folder + "out"));
     EXPECT_EQ(pack({"--force"}), ExitCode::done);
     write("t.csv", "mac,volume\n02:00:5E:10:00:01,1\n02:00:5E:10:00:02,99\n");
     EXPECT_EQ(fleet(), ExitCode::failed);
-    EXPECT_THAT(phone.err.str(), HasSubstr("zavctl: row 3: 02-00-5E-10-00-02.xml:2: Audio.Ringer.Volume"));
+    EXPECT_THAT(phone.err.str(),
+                testing::MatchesRegex(
+                    "zavctl: row 3: 02-00-5E-10-00-02.xml:2:[0-9]+: error: Audio.Ringer.Volume.* \\[[a-z-]+\\]\n"));
     EXPECT_EQ(phone.out.str(), "1 of 2 rows: 1 file written, 0 unchanged.\n");
 }
 

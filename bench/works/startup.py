@@ -14,7 +14,7 @@ class Start(Work):
         self.phone = None
         self.phone = context.phone("--no-boot-pass", "--no-daemon")
         self.daemon, self.bare = (
-            self.phone.start(context.program("bench_start"), text, context.program(program))
+            self.phone.start(context.program("bench_startup"), text, context.program(program))
             for text, program in (("ZAV initialized.", "zavd"), ("ready\n", "floor_client")))
 
     def ours(self):

@@ -1,0 +1,76 @@
+"""What scripts/test coverage says about a report: goals, and lines of src that no test reaches."""
+
+import collections
+import contextlib
+import io
+import pathlib
+import re
+import tempfile
+import unittest
+
+import report
+
+
+def line(number, count, *branches):
+    return {"line_number": number, "count": count, "gcovr/noncode": False,
+            "branches": [{"count": taken, "throw": False} for taken in branches]}
+
+
+class Report(unittest.TestCase):
+    def setUp(self):
+        folder = tempfile.TemporaryDirectory()
+        self.addCleanup(folder.cleanup)
+        self.root = pathlib.Path(folder.name)
+        (self.root / "src").mkdir()
+        (self.root / "src/a.cpp").write_text("one();\n    two();\ntwo();\n" + "three();\n" * 97, encoding="utf-8")
+
+    def judge(self, lines, **allowed):
+        files = [{"file": "src/a.cpp", "lines": lines}]
+        names = collections.Counter({("src/a.cpp", f"{name}();"): times for name, times in allowed.items()})
+        with contextlib.redirect_stdout(io.StringIO()):
+            return report.judge(files, names, self.root)
+
+    def lines(self, unreached=()):
+        return [line(number, 0 if number in unreached else 1) for number in range(1, 101)]
+
+    def test_everything_reached(self):
+        self.assertEqual(self.judge(self.lines()), [])
+
+    def test_a_line_that_is_not_reached(self):
+        self.assertEqual(self.judge(self.lines([2])), ["src/a.cpp:2: no test reaches it: two();"])
+
+    def test_a_line_that_is_named(self):
+        self.assertEqual(self.judge(self.lines([2]), two=1), [])
+
+    def test_a_second_line_of_the_same_text(self):
+        self.assertEqual(self.judge(self.lines([2, 3]), two=1), ["src/a.cpp:3: no test reaches it: two();"])
+
+    def test_a_named_line_that_is_reached(self):
+        self.assertEqual(self.judge(self.lines(), two=1),
+                         ["uncovered.txt names a line that a test reaches, or that is gone: src/a.cpp: two();"])
+
+    def test_too_few_lines(self):
+        self.assertIn("src: 97.0 % of the lines, the goal is 98 %", self.judge(self.lines([1, 2, 3]), one=1, two=2))
+
+    def test_too_few_branches(self):
+        self.assertEqual(self.judge([line(1, 1, 1, 0)]), ["src: 50.0 % of the branches, the goal is 92 %"])
+
+    def test_branches_of_exceptions_do_not_count(self):
+        thrown = line(1, 1, 1, 0)
+        thrown["branches"][1]["throw"] = True
+        self.assertEqual(self.judge([thrown]), [])
+
+    def test_every_reason_is_given(self):
+        for (file, text), _ in report.named().items():
+            found = [one.strip() for one in (report.ROOT / file).read_text(encoding="utf-8").splitlines()]
+            self.assertIn(text, found, file)
+
+    def test_a_line_without_a_reason(self):
+        path = self.root / "uncovered.txt"
+        path.write_text("src/a.cpp | one();\n", encoding="utf-8")
+        with self.assertRaisesRegex(SystemExit, re.escape("FILE | TEXT | REASON")):
+            report.named(path)
+
+
+if __name__ == "__main__":
+    unittest.main()
