@@ -116,9 +116,7 @@ class Adviser {
         const std::string step = between(text, "Custom step type '", "' not implemented");
         if (ends(text, " is corrupted")) {
             lintFile(event, {});
-        } else if (ends(text, "an exception was thrown: map::at")) {
-            lintFile(event, {"missing-attribute", "misspelt-attribute"});
-        } else if (step == "???") {
+        } else if (step == "???" || ends(text, "an exception was thrown: map::at")) {
             lintFile(event, {"missing-attribute", "misspelt-attribute"});
         } else if (!step.empty()) {
             const std::string near = lint::suggestion(step, zav::CustomScenarioJobHandler::stepTypes());
