@@ -45,7 +45,7 @@ std::string defaultCatalogue() {
     throw Failure(
         ExitCode::failed, "no-catalogue",
         std::string(ZAV_CATALOGUE) +
-            ": does not exist; name the phone's catalogue with --catalogue FILE, or install the property service");
+            ": does not exist; name the phone's catalogue with --catalogue FILE, or install the catalogue");
 }
 
 }  // namespace zavctl
