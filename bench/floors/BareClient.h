@@ -1,4 +1,5 @@
-// The least that a client of the bus does: libmosquitto on one thread, no queues, no reconnection. Every failure throws.
+// The least that a client of the bus does: libmosquitto on one thread, no queues, no reconnection. Every failure
+// throws.
 #pragma once
 
 #include <mosquitto.h>
@@ -23,10 +24,10 @@ class BareClient {
         mosquitto_subscribe_callback_set(handle_, [](mosquitto*, void* self, int, int, const int*) {
             static_cast<BareClient*>(self)->subscribed_ = true;
         });
-        mosquitto_message_v5_callback_set(
-            handle_, [](mosquitto*, void* self, const mosquitto_message* message, const mosquitto_property* properties) {
-                static_cast<BareClient*>(self)->arrived(*message, properties);
-            });
+        mosquitto_message_v5_callback_set(handle_, [](mosquitto*, void* self, const mosquitto_message* message,
+                                                      const mosquitto_property* properties) {
+            static_cast<BareClient*>(self)->arrived(*message, properties);
+        });
         if (mosquitto_connect(handle_, "127.0.0.1", port, 600) != MOSQ_ERR_SUCCESS)
             throw std::runtime_error("cannot connect to the broker");
         subscribe(replyTopic_);

@@ -1,6 +1,6 @@
-// floor_pass PORT: the unavoidable work of a pass. A line "URL COUNT" on standard input: GET of the URL to a synced file,
-// openssl through sh, parse, and as many bare sets as the file has settings, each answered before the next one. Prints
-// the milliseconds that this took; fails if the file has other than COUNT settings.
+// floor_pass PORT: the unavoidable work of a pass. A line "URL COUNT" on standard input: GET of the URL to a synced
+// file, openssl through sh, parse, and as many bare sets as the file has settings, each answered before the next one.
+// Prints the milliseconds that this took; fails if the file has other than COUNT settings.
 #include <curl/curl.h>
 #include <fcntl.h>
 #include <libxml/parser.h>
@@ -60,8 +60,8 @@ void decrypt() {
 }
 
 std::string attribute(xmlNode* node, const char* name) {
-    const std::unique_ptr<xmlChar, void (*)(void*)> text(
-        xmlGetProp(node, reinterpret_cast<const xmlChar*>(name)), [](void* freed) { xmlFree(freed); });
+    const std::unique_ptr<xmlChar, void (*)(void*)> text(xmlGetProp(node, reinterpret_cast<const xmlChar*>(name)),
+                                                         [](void* freed) { xmlFree(freed); });
     return text ? reinterpret_cast<const char*>(text.get()) : "";
 }
 
@@ -97,7 +97,8 @@ int main(int argc, char** argv) {
             for (const Setting& setting : settings) {
                 client.request("prop-service/set", floors::setRequest(setting.name, setting.value));
             }
-            std::printf("%.3f\n", std::chrono::duration<double, std::milli>(std::chrono::steady_clock::now() - begin).count());
+            std::printf("%.3f\n",
+                        std::chrono::duration<double, std::milli>(std::chrono::steady_clock::now() - begin).count());
             std::fflush(stdout);
         }
         curl_easy_cleanup(curl);

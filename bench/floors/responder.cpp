@@ -1,5 +1,5 @@
-// floor_responder PORT: the least that a property service does. Answers each request on echo/get with its own payload. On
-// echo/set it also publishes the change, with quality of service 1. Prints "ready" once it is subscribed.
+// floor_responder PORT: the least that a property service does. Answers each request on echo/get with its own payload.
+// On echo/set it also publishes the change, with quality of service 1. Prints "ready" once it is subscribed.
 #include <cstdio>
 #include <cstring>
 
@@ -32,11 +32,11 @@ int main(int argc, char** argv) {
     if (argc != 2) return EXIT_FAILURE;
     try {
         mosquitto* handle = nullptr;
-        floors::BareClient client(
-            std::atoi(argv[1]), "floor-responder",
-            [&handle](const mosquitto_message& message, const mosquitto_property* properties) {
-                if (std::strncmp(message.topic, "echo/", 5) == 0) answer(handle, message, properties);
-            });
+        floors::BareClient client(std::atoi(argv[1]), "floor-responder",
+                                  [&handle](const mosquitto_message& message, const mosquitto_property* properties) {
+                                      if (std::strncmp(message.topic, "echo/", 5) == 0)
+                                          answer(handle, message, properties);
+                                  });
         handle = client.handle();
         client.subscribe("echo/#");
         std::puts("ready");

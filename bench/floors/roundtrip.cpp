@@ -1,5 +1,5 @@
-// floor_roundtrip PORT: round trips of a bare client to floor_responder. "get 2000" and "set 2000" on standard input each
-// print the median, the 99th percentile and the largest time, in microseconds.
+// floor_roundtrip PORT: round trips of a bare client to floor_responder. "get 2000" and "set 2000" on standard input
+// each print the median, the 99th percentile and the largest time, in microseconds.
 #include "floors/BareClient.h"
 #include "probes/Calls.h"
 

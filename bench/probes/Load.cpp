@@ -1,7 +1,7 @@
-// bench_load PORT CLIENTS: as many bare clients, each of which sends its next request when it has the answer to the last
-// one. A line "TOPIC MILLISECONDS KEY..." on standard input loads the topic for that long and prints the requests that
-// were answered a second, then median and 99th percentile of their times in microseconds. The clients take the keys in
-// turn.
+// bench_load PORT CLIENTS: as many bare clients, each of which sends its next request when it has the answer to the
+// last one. A line "TOPIC MILLISECONDS KEY..." on standard input loads the topic for that long and prints the requests
+// that were answered a second, then median and 99th percentile of their times in microseconds. The clients take the
+// keys in turn.
 #include <sys/epoll.h>
 #include <unistd.h>
 

@@ -1,5 +1,5 @@
-// bench_pass PORT: a line "pass" on standard input requests a pass on the bus, waits for its result there, and prints the
-// milliseconds between the two, then the result.
+// bench_pass PORT: a line "pass" on standard input requests a pass on the bus, waits for its result there, and prints
+// the milliseconds between the two, then the result.
 #include <chrono>
 #include <cstdio>
 #include <iostream>

@@ -1,5 +1,5 @@
-// bench_roundtrip PORT: round trips of the property client to the property service. "get 2000" and "set 2000" on standard
-// input each print the median, the 99th percentile and the largest time, in microseconds.
+// bench_roundtrip PORT: round trips of the property client to the property service. "get 2000" and "set 2000" on
+// standard input each print the median, the 99th percentile and the largest time, in microseconds.
 #include <chrono>
 #include <cstdlib>
 #include <stdexcept>

@@ -1,6 +1,6 @@
-// bench_start PORT: a line "service PROGRAM ARGUMENT..." on standard input starts the program, waits until its presence on
-// the bus is "online", prints the milliseconds that this took, and ends it. A line "program PROGRAM ARGUMENT..." waits
-// for the program's end instead.
+// bench_start PORT: a line "service PROGRAM ARGUMENT..." on standard input starts the program, waits until its presence
+// on the bus is "online", prints the milliseconds that this took, and ends it. A line "program PROGRAM ARGUMENT..."
+// waits for the program's end instead.
 #include <fcntl.h>
 #include <signal.h>
 #include <spawn.h>

@@ -3,15 +3,15 @@
 #include <fcntl.h>
 #include <sys/file.h>
 #include <sys/stat.h>
+#include <unistd.h>
 
 #include <cerrno>
-#include <filesystem>
 #include <string>
-#include <vector>
 
 #include "Core/Constants.h"
 #include "Core/Utils.h"
 #include "common/Descriptor.h"
+#include "common/Filesystem.h"
 #include "debug/Debug.h"
 #include "http/PartialDownloads.h"
 
@@ -46,16 +46,14 @@ void unlockScreen(propertyapi::IPropertyApi& properties) {
 
 // openssl may still be writing one. They may hold decrypted settings.
 void removeDecryptedLeftovers() {
-    namespace fs = std::filesystem;
-    std::error_code error;
-    std::vector<fs::path> leftovers;
-    for (fs::recursive_directory_iterator each(provisioningDirectory, error), end; !error && each != end;
-         each.increment(error)) {
-        if (each->path().extension() == ".tmp" && !each->is_directory(error)) leftovers.push_back(each->path());
-    }
-    for (const fs::path& path : leftovers) {
-        if (fs::remove(path, error)) {
-            dbg::Debug::info() << "Removed a half-decrypted file: " << path.string() << std::endl;
+    const std::string ending = ".tmp";
+    for (const filesystem::Entry& entry : filesystem::entriesOf(provisioningDirectory, true)) {
+        const std::string name = entry.path.substr(entry.path.rfind('/') + 1);
+        if (name.size() <= ending.size() || name.compare(name.size() - ending.size(), ending.size(), ending) != 0) {
+            continue;
+        }
+        if (::unlink(entry.path.c_str()) == 0) {
+            dbg::Debug::info() << "Removed a half-decrypted file: " << entry.path << std::endl;
         }
     }
 }

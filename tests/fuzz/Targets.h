@@ -9,7 +9,9 @@ namespace fuzz {
 void bus_message(const std::string& input);
 void catalogue(const std::string& input);
 void certificate(const std::string& input);
+void explain(const std::string& input);
 void http_header(const std::string& input);
+void lint(const std::string& input);
 void log_text(const std::string& input);
 void property_answer(const std::string& input);
 void property_request(const std::string& input);
@@ -27,7 +29,9 @@ inline constexpr Target targets[] = {
     {"bus_message", bus_message},
     {"catalogue", catalogue},
     {"certificate", certificate},
+    {"explain", explain},
     {"http_header", http_header},
+    {"lint", lint},
     {"log_text", log_text},
     {"property_answer", property_answer},
     {"property_request", property_request},

@@ -65,7 +65,9 @@ class Fleet {
     FleetResult run() {
         prepare();
         expandPaths();
+        warnOfLowerCase();
         refuseCollisions();
+        refuseErrorsOfAllRows();
         packCommonFiles();
         forEach(
             rows_.size(), [this](std::size_t index) { packRow(rows_[index]); },
@@ -151,6 +153,28 @@ class Fleet {
         return problem;
     }
 
+    // Paths have the case of the table; a phone asks for that of its own address.
+    void warnOfLowerCase() {
+        const auto hasMac = [this](const TemplateFile& file) {
+            const auto& columns = file.path.columns();
+            return std::any_of(columns.begin(), columns.end(), [this](std::size_t column) {
+                return column == macColumn_ || column >= table_.columns.size();
+            });
+        };
+        if (macColumn_ == noColumn || std::none_of(template_.begin(), template_.end(), hasMac)) return;
+        const auto isLower = [this](const Row& row) {
+            return row.failure.empty() && row.values[macColumn_].find_first_of("abcdef") != std::string::npos;
+        };
+        const auto first = std::find_if(rows_.begin(), rows_.end(), isLower);
+        if (first == rows_.end()) return;
+        const auto count = std::count_if(first, rows_.end(), isLower);
+        result_.warnings.push_back(options_.table +
+                                   ": MAC addresses in lower case, which paths keep: " + std::to_string(count) +
+                                   " of " + std::to_string(rows_.size()) + " rows, the first is row " +
+                                   std::to_string(table_.rows[static_cast<std::size_t>(first - rows_.begin())].number) +
+                                   "; a phone whose NET.MAC.Address is in upper case asks for another path");
+    }
+
     // Two rows for one file: none of them can be trusted to be the right one.
     void refuseCollisions() {
         std::unordered_map<std::string, std::size_t> owners;  // index of the row; rows_.size() for common files
@@ -189,6 +213,57 @@ class Fleet {
         }
     }
 
+    // An error that all rows have is reported once: most likely it is the template's.
+    void refuseErrorsOfAllRows() {
+        if (!options_.check || options_.force) return;
+        std::vector<std::size_t> usable;
+        for (std::size_t index = 0; index < rows_.size(); ++index) {
+            if (rows_[index].failure.empty()) usable.push_back(index);
+        }
+        if (usable.size() < 2) return;
+        std::vector<Finding> shared = errorsOf(rows_[usable.front()]);
+        if (shared.empty()) return;
+        const auto drop = [&](std::size_t at) {
+            {
+                const common::LockGuard<common::Mutex> lock(mutex_);
+                if (shared.empty()) return;
+            }
+            const std::vector<Finding> errors = errorsOf(rows_[usable[at]]);
+            const common::LockGuard<common::Mutex> lock(mutex_);
+            const auto isElsewhere = [&errors](const Finding& one) {
+                return std::none_of(errors.begin(), errors.end(),
+                                    [&one](const Finding& other) { return isSame(one, other); });
+            };
+            shared.erase(std::remove_if(shared.begin(), shared.end(), isElsewhere), shared.end());
+        };
+        forEach(usable.size(), drop, nullptr);
+        if (shared.empty()) return;
+        throw Error(printable(toText(shared.front())) + " (the same in every row; nothing was written)");
+    }
+
+    // The column is left out: it depends on the values before it.
+    static bool isSame(const Finding& one, const Finding& other) {
+        return one.file == other.file && one.line == other.line && one.rule == other.rule && one.text == other.text;
+    }
+
+    // With the file of the template instead of the row's.
+    std::vector<Finding> errorsOf(const Row& row) const {
+        std::vector<Finding> errors;
+        Row probe;
+        probe.values = row.values;
+        for (const Place& place : row.places) {
+            const TemplateFile& file = template_[place.file];
+            const std::string content = render(place, probe);
+            if (!probe.failure.empty() || file.kind != FileKind::provisioning) continue;
+            for (Finding& one : options_.check(place.name, content)) {
+                if (!one.isError) continue;
+                one.file = file.source;
+                errors.push_back(std::move(one));
+            }
+        }
+        return errors;
+    }
+
     void packCommonFiles() {
         for (const Place& place : common_.places) {
             const std::string blocked = obstacle(options_.to, place.name);
@@ -207,6 +282,7 @@ class Fleet {
         std::vector<std::string> contents;
         for (const Place& place : row.places) {
             contents.push_back(render(place, row));
+            if (row.failure.empty()) check(place, contents.back(), row);
             if (!row.failure.empty()) return;
         }
         for (std::size_t index = 0; index < contents.size(); ++index) {
@@ -226,20 +302,22 @@ class Fleet {
     std::string render(const Place& place, Row& row) const {
         const TemplateFile& file = template_[place.file];
         std::string content = file.content.expand(file.isXml ? escaped(file, row) : row.values);
-        if (row.failure.empty() && isKey(content, key_)) {
+        return content;
+    }
+
+    void check(const Place& place, const std::string& content, Row& row) const {
+        if (isKey(content, key_)) {
             row.failure = place.name + " would hold the key of the phones, which must not be published";
-        }
-        if (!row.failure.empty() || file.kind != FileKind::provisioning) return content;
-        if (encryptedSize(content.size()) > maxProvisioningFileBytes) {
+        } else if (template_[place.file].kind != FileKind::provisioning) {
+            return;
+        } else if (encryptedSize(content.size()) > maxProvisioningFileBytes) {
             row.failure = place.name + " is too large: phones refuse more than 16 MiB, encrypted";
         } else if (options_.check && !options_.force) {
-            for (const Finding& finding : options_.check(place.name, content)) {
-                if (!finding.isError) continue;
-                row.failure = toText(finding);
-                break;
-            }
+            const std::vector<Finding> findings = options_.check(place.name, content);
+            const auto error =
+                std::find_if(findings.begin(), findings.end(), [](const Finding& one) { return one.isError; });
+            if (error != findings.end()) row.failure = toText(*error);
         }
-        return content;
     }
 
     std::vector<std::string> escaped(const TemplateFile& file, Row& row) const {

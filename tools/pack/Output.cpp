@@ -9,9 +9,11 @@
 #include <cerrno>
 #include <cstdio>
 #include <utility>
+#include <vector>
 
 #include "common/Filesystem.h"
 #include "pack/Error.h"
+#include "pack/Parallel.h"
 
 namespace pack {
 
@@ -21,6 +23,8 @@ using common::reasonOf;
 
 constexpr char stagingName[] = "/.zavctl-staging";
 constexpr std::size_t chunkBytes = 256UL * 1024;
+// Replaced files that are kept open; a process may usually open 1024.
+constexpr std::size_t renamedAtOnce = 256;
 
 mode_t withoutMask(mode_t mode) {
     // Reading the mask means setting it. No other thread creates files yet.
@@ -167,18 +171,31 @@ void Output::syncAll() const {
     if (::syncfs(lock_.get()) != 0) throw Error(folder_, "cannot be synced to the disk: " + reasonOf(errno));
 }
 
+// The disk may take milliseconds to free a file, and a rename frees the file that it replaces, with a lock that all
+// other renames wait for. A file that is open is freed when it is closed, and that can happen on several threads.
+void Output::rename(const Staged& file, common::Descriptor& replaced) {
+    makeParents(file.name);
+    const std::string path = folder_ + "/" + file.name;
+    replaced.reset(::open(path.c_str(), O_PATH | O_NOFOLLOW | O_CLOEXEC));
+    if (::rename(file.temporary.c_str(), path.c_str()) != 0) {
+        throw Error(path, "cannot be written: " + reasonOf(errno));
+    }
+}
+
 void Output::publish(const std::vector<Staged>& files, const std::function<void(std::size_t)>& progress) {
     if (files.empty()) return;
     syncAll();
     std::size_t done = 0;
     try {
-        for (const Staged& file : files) {
-            makeParents(file.name);
-            const std::string path = folder_ + "/" + file.name;
-            if (::rename(file.temporary.c_str(), path.c_str()) != 0) {
-                throw Error(path, "cannot be written: " + reasonOf(errno));
+        std::vector<common::Descriptor> replaced;
+        while (done < files.size()) {
+            replaced = std::vector<common::Descriptor>(std::min(renamedAtOnce, files.size() - done));
+            for (common::Descriptor& old : replaced) {
+                rename(files[done], old);
+                progress(++done);
             }
-            progress(++done);
+            forEach(
+                replaced.size(), [&](std::size_t index) { replaced[index].close(); }, nullptr, Bound::disk);
         }
     } catch (const Error& error) {
         throw Error(std::string(error.what()) + " (" + std::to_string(done) + " of " + std::to_string(files.size()) +
@@ -188,9 +205,16 @@ void Output::publish(const std::vector<Staged>& files, const std::function<void(
 }
 
 void Output::remove(const std::vector<std::string>& names) {
+    forEach(
+        names.size(),
+        [&](std::size_t index) {
+            const std::string path = folder_ + "/" + names[index];
+            if (::unlink(path.c_str()) != 0 && errno != ENOENT) {
+                throw Error(path, "cannot be removed: " + reasonOf(errno));
+            }
+        },
+        nullptr, Bound::disk);
     for (const std::string& name : names) {
-        const std::string path = folder_ + "/" + name;
-        if (::unlink(path.c_str()) != 0 && errno != ENOENT) throw Error(path, "cannot be removed: " + reasonOf(errno));
         for (std::string parent = parentOf(name); !parent.empty(); parent = parentOf(parent)) {
             if (::rmdir((folder_ + "/" + parent).c_str()) != 0) break;
         }

@@ -58,6 +58,7 @@ class Output {
     common::Descriptor create(std::string& path);
     void finish(const common::Descriptor& file, const std::string& name) const;
     void syncAll() const;
+    void rename(const Staged& file, common::Descriptor& replaced);
 
     const std::string folder_;
     const std::string staging_;

@@ -51,19 +51,20 @@ class Work {
 }  // namespace
 
 void forEach(std::size_t count, const std::function<void(std::size_t)>& work,
-             const std::function<void(std::size_t)>& progress) {
+             const std::function<void(std::size_t)>& progress, Bound bound) {
     Work all(count, work);
-    const std::size_t processors = std::clamp(std::thread::hardware_concurrency(), 1U, maxThreads);
+    const std::size_t wanted =
+        bound == Bound::disk ? maxThreads : std::clamp(std::thread::hardware_concurrency(), 1U, maxThreads);
     std::vector<std::thread> threads;
     try {
-        while (threads.size() + 1 < std::min(processors, count)) threads.emplace_back([&all] { all.run(nullptr); });
+        while (threads.size() + 1 < std::min(wanted, count)) threads.emplace_back([&all] { all.run(nullptr); });
     } catch (const std::system_error&) {
         // No thread can be started now; those that there are do the work.
     }
     all.run(progress);
     for (std::thread& thread : threads) thread.join();
     all.throwIfFailed();
-    progress(count);
+    if (progress) progress(count);
 }
 
 }  // namespace pack

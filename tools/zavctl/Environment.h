@@ -2,11 +2,13 @@
 #pragma once
 
 #include <chrono>
+#include <cstddef>
 #include <functional>
 #include <memory>
 #include <ostream>
 #include <string>
 
+#include "Terminal.h"
 #include "common/StopSignal.h"
 #include "ipc/IIPCClient.h"
 #include "propertyapi/IPropertyApi.h"
@@ -28,6 +30,8 @@ struct Environment {
     /// How often `provision --wait` says how far the pass is where it cannot draw a bar.
     std::chrono::milliseconds progressEvery{10000};
     std::function<std::chrono::steady_clock::time_point()> now = &std::chrono::steady_clock::now;
+    /// The width of the terminal.
+    std::function<std::size_t()> columns = &terminalColumns;
 };
 
 }  // namespace zavctl

@@ -12,7 +12,7 @@ namespace {
 
 constexpr std::chrono::milliseconds staleAfter{1500};
 
-// Counts that fit into the bar's line, in the unit that goes with them.
+// Counts as they stand in a line of their own, in the unit that goes with them.
 struct Shown {
     std::uint64_t done;
     std::uint64_t total;
@@ -100,12 +100,12 @@ void PassProgress::show(const std::string& phase, const std::vector<JobProgress>
 
 void PassProgress::showOnTerminal(const std::string& phase, std::chrono::milliseconds elapsed) {
     if (job_ && job_->done > 0) {
-        const Shown shown = shownOf(*job_);
         if (!bar_) {
             clear();
-            bar_.emplace(environment_.out, true, environment_.now);
+            bar_.emplace(environment_.out, true, environment_.columns, environment_.now);
         }
-        bar_->show(shown.done, shown.total, job_->unit == "items" ? shown.unit : shown.unit + " " + job_->job);
+        const bool isBytes = job_->unit == "bytes";
+        bar_->show(job_->done, job_->total, isBytes ? "bytes" : "settings", isBytes ? job_->job : "");
         return;
     }
     clear();

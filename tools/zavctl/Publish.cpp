@@ -127,7 +127,7 @@ void printTextResult(const Environment& environment, const pack::Result& result,
 ExitCode run(const Environment& environment, const Options& options, const std::string& folder,
              const PublishOptions& publish, pack::Result (*operation)(const pack::Options&)) {
     std::vector<std::string> warnings;
-    ProgressBar bar(environment.err, environment.errIsTerminal);
+    ProgressBar bar(environment.err, environment.errIsTerminal, environment.columns);
     pack::Options request;
     request.from = folder;
     request.to = publish.to;
@@ -212,7 +212,7 @@ ExitCode unpack(const Environment& environment, const Options& options, const st
 
 ExitCode fleet(const Environment& environment, const Options& options, const std::string& table,
                const std::string& templatePath, const PublishOptions& publish) {
-    ProgressBar bar(environment.err, environment.errIsTerminal);
+    ProgressBar bar(environment.err, environment.errIsTerminal, environment.columns);
     pack::FleetOptions request;
     request.table = table;
     request.templatePath = templatePath;

@@ -2,6 +2,7 @@
 
 #include <strings.h>
 
+#include <functional>
 #include <new>
 #include <system_error>
 #include <utility>
@@ -112,7 +113,6 @@ int Download::run() {
         file_.commit(client_.settings.sync ? PartialFile::Sync::yes : PartialFile::Sync::no);
     }
     logUnsetClock(result);
-    if (client_.settings.onEnd) client_.settings.onEnd(source_.text(), result, status_);
     return result;
 }
 
@@ -231,21 +231,10 @@ void Download::record(const Transfer& transfer) {
     if (transfer.storedWholeFile() || transfer.storedRest()) resumePoint_ = transfer.resumePoint();
 }
 
-}  // namespace
-
-std::optional<std::uint64_t> sizeLimitOf(const std::string& destination) { return limitOf(destination); }
-
-FileDownloader::FileDownloader(std::shared_ptr<Curl> curl, Security& security,
-                               std::shared_ptr<propertyapi::IPropertyApi> properties)
-    : curl_(std::move(curl)), security_(security), properties_(std::move(properties)) {}
-
-int FileDownloader::downloadFile(const std::string& url, const std::string& destination) {
-    Curl::State& client = *curl_->state_;
-    client.httpCode = 0;
+// Turns what ends a download early into its result code.
+int resultOf(const std::function<int()>& download) {
     try {
-        const UrlInfo source(formatUrl(url, properties_));
-        if (!isHttpUrl(source.text())) return CURLE_UNSUPPORTED_PROTOCOL;
-        return Download(client, security_, properties_, source, destination).run();
+        return download();
     } catch (const UrlException&) {
         return CURLE_URL_MALFORMAT;
     } catch (const propertyapi::PropertyException& exception) {
@@ -257,6 +246,28 @@ int FileDownloader::downloadFile(const std::string& url, const std::string& dest
     } catch (const std::bad_alloc&) {
         return CURLE_OUT_OF_MEMORY;
     }
+}
+
+}  // namespace
+
+std::optional<std::uint64_t> sizeLimitOf(const std::string& destination) { return limitOf(destination); }
+
+FileDownloader::FileDownloader(std::shared_ptr<Curl> curl, Security& security,
+                               std::shared_ptr<propertyapi::IPropertyApi> properties)
+    : curl_(std::move(curl)), security_(security), properties_(std::move(properties)) {}
+
+int FileDownloader::downloadFile(const std::string& url, const std::string& destination) {
+    Curl::State& client = *curl_->state_;
+    client.httpCode = 0;
+    std::optional<UrlInfo> source;
+    const int result = resultOf([&] {
+        UrlInfo parsed(formatUrl(url, properties_));
+        if (!isHttpUrl(parsed.text())) return int{CURLE_UNSUPPORTED_PROTOCOL};
+        source = std::move(parsed);
+        return Download(client, security_, properties_, *source, destination).run();
+    });
+    if (source && client.settings.onEnd) client.settings.onEnd(source->text(), result, client.httpCode);
+    return result;
 }
 
 }  // namespace zav

@@ -1,40 +1,31 @@
 #include "http/PartialDownloads.h"
 
-#include <filesystem>
-#include <system_error>
-#include <vector>
+#include <unistd.h>
+
+#include <cerrno>
+#include <string>
 
 #include "DownloadFolders.h"
 #include "PartialFile.h"
+#include "common/Descriptor.h"
+#include "common/Filesystem.h"
 #include "debug/Debug.h"
 
 namespace zav {
 
 namespace {
 
-namespace fs = std::filesystem;
-
-// Adds the partial files in a folder and, if wanted, in its subfolders. What cannot be read is skipped.
-void findPartialFiles(const fs::path& folder, bool withSubfolders, std::vector<fs::path>& found) {
-    std::error_code error;
-    std::vector<fs::path> subfolders;
-    for (fs::directory_iterator each(folder, error), end; !error && each != end; each.increment(error)) {
-        std::error_code unreadable;
-        const fs::file_status status = each->symlink_status(unreadable);
-        if (fs::is_directory(status) && withSubfolders) subfolders.push_back(each->path());
-        if (fs::is_regular_file(status) && PartialFile::isPartialName(each->path().filename())) {
-            found.push_back(each->path());
-        }
-    }
-    for (const fs::path& subfolder : subfolders) findPartialFiles(subfolder, withSubfolders, found);
+bool isPartial(const filesystem::Entry& entry) {
+    return entry.isRegular && PartialFile::isPartialName(entry.path.substr(entry.path.rfind('/') + 1));
 }
 
-std::vector<fs::path> partialFilesIn(const DownloadFolder& folder) {
-    std::vector<fs::path> found;
-    std::error_code error;
-    const fs::path path = fs::path(folder.path).parent_path();  // without the "/" at its end
-    if (fs::is_directory(fs::symlink_status(path, error))) findPartialFiles(path, folder.hasSubfolders, found);
-    return found;
+void remove(const std::string& path) {
+    if (::unlink(path.c_str()) == 0) {
+        dbg::Debug::info() << "Removed the half-downloaded file " << path << std::endl;
+    } else if (errno != ENOENT) {
+        dbg::Debug::warning() << "Cannot remove the half-downloaded file " << path << ": " << common::reasonOf(errno)
+                              << std::endl;
+    }
 }
 
 }  // namespace
@@ -42,14 +33,8 @@ std::vector<fs::path> partialFilesIn(const DownloadFolder& folder) {
 void removePartialDownloads() noexcept {
     try {
         for (const DownloadFolder& folder : downloadFolders) {
-            for (const fs::path& path : partialFilesIn(folder)) {
-                std::error_code error;
-                if (fs::remove(path, error)) {
-                    dbg::Debug::info() << "Removed the half-downloaded file " << path.native() << std::endl;
-                } else if (error) {
-                    dbg::Debug::warning() << "Cannot remove the half-downloaded file " << path.native() << ": "
-                                          << error.message() << std::endl;
-                }
+            for (const filesystem::Entry& entry : filesystem::entriesOf(folder.path, folder.hasSubfolders)) {
+                if (isPartial(entry)) remove(entry.path);
             }
         }
     } catch (...) {

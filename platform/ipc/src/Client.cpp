@@ -1,6 +1,6 @@
 // The bus client over one Connection: subscriptions and deliveries to their callbacks. Requests are in Requests.
 //
-// Threads: the network thread hands messages to deliveries and responses to requests, and runs no callback.
+// Threads: whichever thread reads hands messages to deliveries and responses to requests, and runs no callback.
 // Lock order: Connection's mutex before mutex_, so never call the connection with mutex_ held.
 #include <algorithm>
 #include <cstdio>
@@ -28,7 +28,7 @@ std::string randomText() {
     return text;
 }
 
-class Client final : public IIPCClient, private ConnectionListener {
+class Client final : public IIPCClient, private ConnectionListener, private ResponseReader {
  public:
     Client(const std::string& name, std::string host, bool transient)
         : host_(std::move(host)),
@@ -198,7 +198,14 @@ class Client final : public IIPCClient, private ConnectionListener {
         return events;
     }
 
-    // ---- on the network thread ----
+    // ---- on the thread that waits for a response ----
+
+    bool read(std::chrono::steady_clock::time_point until, const std::function<bool()>& isDone) override {
+        return connection_.serve(until, isDone);
+    }
+    void interrupt() override { connection_.interruptServing(); }
+
+    // ---- on the network thread, or on one that waits for a response ----
 
     void connectionReady() override { requests_.connected(); }
 
@@ -238,7 +245,7 @@ class Client final : public IIPCClient, private ConnectionListener {
     std::vector<Route> routes_ GUARDED_BY(mutex_);
     Deliveries events_ GUARDED_BY(mutex_);  // connection events, one queue for each callback object
 
-    Requests requests_;  // has its own mutex
+    Requests requests_{this};  // has its own mutex
 
     Connection connection_;  // last: its thread calls into everything above
 };

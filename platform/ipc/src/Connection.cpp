@@ -137,6 +137,33 @@ std::size_t Connection::outstanding() {
     return isUp() ? outbox_.unsent() + outbox_.size() : 0;
 }
 
+// ---- reading on a caller's thread ----
+
+bool Connection::serve(Clock::time_point until, const std::function<bool()>& isDone) {
+    const common::LockGuard lock(mutex_);
+    if (isServedByCaller_ || state_ != State::ready || link_->isOver()) return false;
+    isServedByCaller_ = true;
+    const Link* const link = link_.get();
+    const auto isUsable = [&]() REQUIRES(mutex_) {
+        return state_ == State::ready && link_.get() == link && !link->isOver();
+    };
+    while (isUsable() && !isDone() && Clock::now() < until) {
+        short events = 0;
+        {
+            const common::UnlockGuard unlocked(mutex_);
+            events = callerWait_.wait(until);
+        }
+        if (events == 0 || !isUsable()) continue;
+        link_->beginRound();
+        serveLink(events);
+        link_->endRound(events);
+        // The rest is the network thread's: to write more, or to replace a link that has ended.
+        if (link_->isOver() || link_->hasPendingWrites()) waker_.wake();
+    }
+    isServedByCaller_ = false;
+    return true;
+}
+
 // ---- subscriptions ----
 
 std::uint32_t Connection::subscribe(const std::string& filter, int qualityOfService, int retained,

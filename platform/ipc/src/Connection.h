@@ -13,10 +13,10 @@
 //     close:  subscribing, ready ──▶ flushing ──▶ ended,  any other ──▶ ended
 //     the first attempt fails and must not be retried:  connecting ──▶ ended
 //
-// Threads: one network thread opens, reads and closes; it alone waits on the socket. Every operation may be called from
-// any thread: one mutex guards the link and all state, and is never held while waiting. The listener is called on the
-// network thread with that mutex held, except for `connecting` and `roundEnded`: it must not call back into the
-// connection, run user code or wait.
+// Threads: one network thread opens, reads and closes. A thread that waits for a response may read meanwhile, in
+// `serve`: then the response wakes no other thread. Every operation may be called from any thread: one mutex guards the
+// link and all state, and is never held while waiting. The listener is called on the thread that reads, with that mutex
+// held, except for `connecting` and `roundEnded`: it must not call back into the connection, run user code or wait.
 #pragma once
 
 #include <chrono>
@@ -93,6 +93,12 @@ class Connection : private LinkListener {
 
     Congestion congestion() EXCLUDES(mutex_);
 
+    /// Reads on the calling thread until `isDone` (called with the mutex held, as the listener), or it is time, or the
+    /// connection is lost. Returns false at once if the connection is not ready, or another thread does so.
+    bool serve(Clock::time_point until, const std::function<bool()>& isDone) EXCLUDES(mutex_);
+    /// Lets `serve` check `isDone` again.
+    void interruptServing() { caller_.wake(); }
+
     /// The number of messages not yet sent or not yet acknowledged; 0 without a connection.
     std::size_t outstanding() EXCLUDES(mutex_);
 
@@ -132,7 +138,7 @@ class Connection : private LinkListener {
     bool shouldContinue() REQUIRES(mutex_);
     bool shouldKeepFlushing(Clock::time_point now) REQUIRES(mutex_);
     short waitForEvents() REQUIRES(mutex_);
-    void serve(short events) REQUIRES(mutex_);
+    void serveLink(short events) REQUIRES(mutex_);
     void beginSubscribing() REQUIRES(mutex_);
     void becomeReady() REQUIRES(mutex_);
     BackOff::Loss afterLoss(const std::string& numericAddress) REQUIRES(mutex_);
@@ -153,6 +159,7 @@ class Connection : private LinkListener {
     const Options options_;
     ConnectionListener& listener_;
     const Waker waker_;
+    const Waker caller_;    // wakes the thread in the public `serve`
     Address address_;       // constant once the thread runs
     bool forEver_ = false;  // likewise
 
@@ -167,7 +174,11 @@ class Connection : private LinkListener {
     Subscriptions subscriptions_ GUARDED_BY(mutex_);
     Outbox outbox_ GUARDED_BY(mutex_);
 
+    SocketWait callerWait_{caller_};  // the thread in the public `serve` waits on it; the network thread changes it
+    bool isServedByCaller_ GUARDED_BY(mutex_) = false;
+
     // The network thread's own.
+    SocketWait networkWait_{waker_};
     std::string lastLoggedFailure_;
     Clock::time_point readyDeadline_;
     Clock::time_point readySince_;  // the latest time if the last connection never was

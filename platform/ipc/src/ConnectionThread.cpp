@@ -118,12 +118,15 @@ std::unique_ptr<Link> Connection::dial(const std::string& numericAddress) {
 
 /// Runs rounds until the link has ended or the connection is closing.
 void Connection::pump() {
+    callerWait_.closed();
+    networkWait_.closed();
+    callerWait_.watch(link_->descriptor(), POLLIN);  // first: see SocketWait
     while (shouldContinue()) {
         const short events = waitForEvents();
         link_->beginRound();
         // Each acknowledgement read lets libmosquitto send another queued message.
         if (outbox_.size() > 1) link_->cork();
-        serve(events);
+        serveLink(events);
         {
             const common::UnlockGuard unlocked(mutex_);
             listener_.roundEnded();
@@ -156,15 +159,12 @@ short Connection::waitForEvents() {
     auto until = link_->upkeepAt();
     if (state_ == State::connecting || state_ == State::subscribing) until = std::min(until, readyDeadline_);
     if (isClosing()) until = std::min(until, closeDeadline_);
-    pollfd watched[2] = {{link_->descriptor(), link_->eventsToAwait(isClosing()), 0}, {waker_.descriptor(), POLLIN, 0}};
+    networkWait_.watch(link_->descriptor(), link_->eventsToAwait(isClosing()));
     const common::UnlockGuard unlocked(mutex_);
-    const auto wait = std::chrono::ceil<milliseconds>(until - Clock::now()).count();
-    poll(watched, 2, static_cast<int>(std::max<milliseconds::rep>(wait, 0)));
-    if (watched[1].revents != 0) waker_.drain();
-    return watched[0].revents;
+    return networkWait_.wait(until);
 }
 
-void Connection::serve(short events) {
+void Connection::serveLink(short events) {
     const bool goesOn = link_->serve(events);
     if (!link_->hasPendingWrites()) outbox_.noteAllSent();
     if (!goesOn) return;

@@ -52,13 +52,38 @@ std::string Requests::ask(const std::string& statusTopic, std::chrono::milliseco
             case Step::finish:
                 return std::move(pending.response);
             case Step::wait:
-                pending.changed.waitUntil(mutex_, until);
+                wait(pending, until);
                 break;
             case Step::send:
                 sendOnce(pending, number, deadline, send);
                 break;
         }
     }
+}
+
+/// Returns once it is notified or it is time; it may return earlier.
+void Requests::wait(Pending& pending, Clock::time_point until) {
+    if (reader_ != nullptr && pending.stage == Pending::Stage::sent) {
+        pending.isNotified = false;
+        pending.reading = std::this_thread::get_id();
+        bool hasRead = false;
+        {
+            const common::UnlockGuard unlocked(mutex_);
+            hasRead = reader_->read(until, [&] {
+                const common::LockGuard lock(mutex_);
+                return pending.isNotified;
+            });
+        }
+        pending.reading.reset();
+        if (hasRead || pending.isNotified) return;
+    }
+    pending.changed.waitUntil(mutex_, until);
+}
+
+void Requests::notify(Pending& pending) {
+    pending.isNotified = true;
+    pending.changed.notifyOne();
+    if (pending.reading && *pending.reading != std::this_thread::get_id()) reader_->interrupt();
 }
 
 /// The next step of a request's caller; throws if the response can no longer come.
@@ -217,11 +242,11 @@ void Requests::responseArrived(const std::string& correlationData, std::string_v
     if (found == pending_.end() || found->second->stage == Pending::Stage::answered) return;
     found->second->stage = Pending::Stage::answered;
     found->second->response = response;
-    found->second->changed.notifyOne();
+    notify(*found->second);
 }
 
 void Requests::notifyWaiters() {
-    for (const auto& [number, pending] : pending_) pending->changed.notifyOne();
+    for (const auto& [number, pending] : pending_) notify(*pending);
     presenceChanged_.notifyAll();
 }
 

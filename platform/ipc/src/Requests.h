@@ -2,7 +2,7 @@
 // presence and on the shutdown limit. It does not know the bus: its owner sends and reports events.
 //
 // Threads: callers block in `ask`, `waitForService` and `close`; all other calls return at once, on any thread. One
-// mutex, which is not held while a request is sent.
+// mutex, which is not held while a request is sent or its caller reads.
 #pragma once
 
 #include <atomic>
@@ -13,11 +13,24 @@
 #include <optional>
 #include <string>
 #include <string_view>
+#include <thread>
 #include <unordered_map>
 
 #include "common/ThreadSafety.h"
 
 namespace ipc {
+
+/// Lets the caller of a request read its own response.
+class ResponseReader {
+ public:
+    virtual ~ResponseReader() = default;
+
+    /// Reads on this thread until `isDone` or it is time, or as long as there is a connection. Returns false at once if
+    /// it cannot.
+    virtual bool read(std::chrono::steady_clock::time_point until, const std::function<bool()>& isDone) = 0;
+    /// Lets `read` check `isDone` again.
+    virtual void interrupt() = 0;
+};
 
 class Requests {
  public:
@@ -25,7 +38,8 @@ class Requests {
     /// Sends the request with this correlation data. Returns false while there is no connection.
     using Send = std::function<bool(std::string correlationData)>;
 
-    Requests() = default;
+    /// Without a reader callers wait for other threads to report the responses.
+    explicit Requests(ResponseReader* reader = nullptr) : reader_(reader) {}
     Requests(const Requests&) = delete;
     Requests& operator=(const Requests&) = delete;
 
@@ -72,6 +86,8 @@ class Requests {
         Stage stage = Stage::unsent;
         std::string response;
         common::ConditionVariable changed;
+        std::optional<std::thread::id> reading;  // its caller, while it is in the reader
+        bool isNotified = false;                 // since then
     };
     struct WatchedService {
         Presence presence = Presence::unknown;
@@ -82,10 +98,14 @@ class Requests {
     Presence presenceOf(const std::string& statusTopic) const REQUIRES(mutex_);
     void sendOnce(Pending& pending, std::uint64_t number, Clock::time_point deadline, const Send& send)
         REQUIRES(mutex_);
+    void wait(Pending& pending, Clock::time_point until) REQUIRES(mutex_);
+    void notify(Pending& pending) REQUIRES(mutex_);
     bool awaitService(const std::string& statusTopic, std::chrono::milliseconds limit) REQUIRES(mutex_);
     Clock::time_point limited(Clock::time_point deadline, Clock::time_point begun) const REQUIRES(mutex_);
     void setPresence(const std::string& statusTopic, WatchedService& service, Presence presence) REQUIRES(mutex_);
     void notifyWaiters() REQUIRES(mutex_);
+
+    ResponseReader* const reader_;
 
     common::Mutex mutex_;
     common::ConditionVariable finished_;         // a request or a wait for a service has ended

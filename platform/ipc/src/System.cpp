@@ -3,6 +3,7 @@
 #include <netdb.h>
 #include <poll.h>
 #include <pthread.h>
+#include <sys/epoll.h>
 #include <sys/eventfd.h>
 #include <sys/socket.h>
 #include <unistd.h>
@@ -60,6 +61,43 @@ void Waker::wake() const {
 void Waker::drain() const {
     std::uint64_t count = 0;
     [[maybe_unused]] const ssize_t size = ::read(event_.get(), &count, sizeof count);
+}
+
+SocketWait::SocketWait(const Waker& waker) : waker_(waker), epoll_(epoll_create1(EPOLL_CLOEXEC)) {
+    epoll_event event{};
+    event.events = EPOLLIN;
+    event.data.fd = waker_.descriptor();
+    if (epoll_.get() < 0 || epoll_ctl(epoll_.get(), EPOLL_CTL_ADD, waker_.descriptor(), &event) != 0) {
+        throw IPCException("Cannot create an event descriptor: " + common::reasonOf(errno));
+    }
+}
+
+void SocketWait::watch(int socket, short events) {
+    if (socket == socket_ && events == events_) return;
+    // EPOLL_CTL_MOD is not allowed with EPOLLEXCLUSIVE.
+    if (socket == socket_) epoll_ctl(epoll_.get(), EPOLL_CTL_DEL, socket, nullptr);
+    socket_ = socket;
+    events_ = events;
+    epoll_event event{};
+    event.events = EPOLLEXCLUSIVE | static_cast<std::uint32_t>(events);
+    event.data.fd = socket;
+    epoll_ctl(epoll_.get(), EPOLL_CTL_ADD, socket, &event);
+}
+
+short SocketWait::wait(std::chrono::steady_clock::time_point until) const {
+    using std::chrono::milliseconds;
+    const auto left = std::chrono::ceil<milliseconds>(until - std::chrono::steady_clock::now()).count();
+    epoll_event ready[2] = {};
+    const int count = epoll_wait(epoll_.get(), ready, 2, static_cast<int>(std::max<milliseconds::rep>(left, 0)));
+    short events = 0;
+    for (int index = 0; index < count; ++index) {
+        if (ready[index].data.fd == waker_.descriptor()) {
+            waker_.drain();
+        } else {
+            events = static_cast<short>(ready[index].events);
+        }
+    }
+    return events;
 }
 
 std::vector<std::string> resolve(const Address& address, std::string& failure) {

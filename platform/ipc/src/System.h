@@ -32,6 +32,28 @@ class Waker {
     const common::Descriptor event_;
 };
 
+/// Waits for a socket or a Waker. Several objects can watch one socket: an event wakes only the first of them, in the
+/// order of `watch`, on which a thread waits. One thread at a time may wait.
+class SocketWait {
+ public:
+    /// Throws IPCException if the system has no free descriptor.
+    explicit SocketWait(const Waker& waker);
+
+    /// From now on waits for these events of the socket (POLLIN, POLLOUT), until it is closed.
+    void watch(int socket, short events);
+    /// The socket was closed; another one may have its number.
+    void closed() { socket_ = -1; }
+    /// Returns the socket's events; 0 once it is time, or after a `wake`, which it drains. The set may change
+    /// meanwhile.
+    short wait(std::chrono::steady_clock::time_point until) const;
+
+ private:
+    const Waker& waker_;
+    const common::Descriptor epoll_;
+    int socket_ = -1;
+    short events_ = 0;
+};
+
 /// The numeric addresses of the host, in the order to try. If it has none, the result is empty and `failure` is set.
 std::vector<std::string> resolve(const Address& address, std::string& failure);
 

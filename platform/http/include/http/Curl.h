@@ -33,8 +33,8 @@ struct CurlSettings {
     // Answers requests in place of all servers; null: the network. Called on the transferring thread.
     std::function<LocalAnswer(const std::string& url)> standIn = nullptr;
 
-    // Hears the end of each download: its URL, a libcurl result code and the HTTP status. Called on the transferring
-    // thread.
+    // Hears the end of each download, however it ends: its URL, a libcurl result code and the HTTP status (0: no
+    // response). A URL that is malformed or not HTTP is not downloaded. Called on the transferring thread.
     std::function<void(const std::string& url, int result, long status)> onEnd = nullptr;
 };
 

@@ -4,8 +4,11 @@
 #include <sys/stat.h>
 #include <unistd.h>
 
+#include <algorithm>
 #include <filesystem>
 #include <fstream>
+#include <string>
+#include <vector>
 
 namespace {
 
@@ -31,6 +34,22 @@ TEST_F(RemoveAllFromDirectoryTest, RemovesEverythingButTheFolder) {
     filesystem::removeAllFromDirectory(folder_);
     EXPECT_TRUE(fs::is_directory(folder_));
     EXPECT_TRUE(fs::is_empty(folder_));
+}
+
+TEST_F(RemoveAllFromDirectoryTest, EntriesAreListedWithoutFollowingLinks) {
+    fs::create_directories(folder_ / "a/b");
+    std::ofstream(folder_ / "a/b/file") << "x";
+    fs::create_directory_symlink(folder_ / "a", folder_ / "link");
+    std::vector<std::string> all;
+    for (const filesystem::Entry& entry : filesystem::entriesOf(folder_.string() + "/", true)) {
+        all.push_back(entry.path + (entry.isRegular ? "" : " (not regular)"));
+    }
+    std::sort(all.begin(), all.end());
+    EXPECT_EQ(all, (std::vector<std::string>{(folder_ / "a/b/file").string(),
+                                             (folder_ / "link").string() + " (not regular)"}));
+    EXPECT_EQ(filesystem::entriesOf(folder_, false).size(), 1U);
+    EXPECT_TRUE(filesystem::entriesOf(folder_ / "link", true).empty());
+    EXPECT_TRUE(filesystem::entriesOf(folder_ / "none", true).empty());
 }
 
 TEST_F(RemoveAllFromDirectoryTest, RemovesLinksButNotTheirTargets) {

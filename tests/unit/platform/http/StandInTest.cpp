@@ -1,10 +1,14 @@
+#include <new>
+
 #include "DownloadFixture.h"
 
 namespace {
 
 using namespace download;
 
+constexpr int writeError = 23;
 constexpr int readError = 26;
+constexpr int outOfMemory = 27;
 constexpr std::size_t mebibyte = 1024 * 1024;
 
 // Nothing of the network is used: each URL is answered by `answer`.
@@ -13,6 +17,7 @@ class StandIn : public testing::Test {
     StandIn() {
         zav::CurlSettings settings;
         settings.standIn = [this](const std::string& url) {
+            if (fails) throw std::bad_alloc();
             urls.push_back(url);
             return answer;
         };
@@ -35,6 +40,7 @@ class StandIn : public testing::Test {
     zav::LocalAnswer answer{200, body};
     std::vector<std::string> urls;
     std::vector<std::string> ends;
+    bool fails = false;
     std::shared_ptr<fakes::FakeProperties> properties = std::make_shared<fakes::FakeProperties>(
         fakes::FakeProperties::Values{{"NET.MAC.Address", "00:1A:2B:3C:4D:5E"}});
     zav::Security security{properties};
@@ -47,6 +53,16 @@ TEST_F(StandIn, AnswersTheExpandedUrlWithAFile) {
     EXPECT_EQ(contentOf(target), "content");
     EXPECT_EQ(urls, std::vector<std::string>{"https://server.example/00-1A-2B-3C-4D-5E/file.xml"});
     EXPECT_EQ(ends, std::vector<std::string>{"https://server.example/00-1A-2B-3C-4D-5E/file.xml 0 200"});
+}
+
+TEST_F(StandIn, TheEndIsHeardWhateverEndsTheDownload) {
+    const std::string url = "https://server.example/00-1A-2B-3C-4D-5E/file.xml ";
+    EXPECT_EQ(fetch("/proc/none/file.xml"), writeError);
+    EXPECT_EQ(ends, std::vector<std::string>{url + "23 0"});
+    ends.clear();
+    fails = true;
+    EXPECT_EQ(fetch(target), outOfMemory);
+    EXPECT_EQ(ends, std::vector<std::string>{url + "27 0"});
 }
 
 TEST_F(StandIn, ReportsProgress) {

@@ -1,7 +1,9 @@
 #include <gtest/gtest.h>
 
 #include <atomic>
+#include <string>
 #include <thread>
+#include <vector>
 
 #include "BusFixtures.h"
 #include "fakes/Broker.h"
@@ -37,5 +39,102 @@ TEST_P(RequestSpeed, NoDelayedAcknowledgements) {
 
 INSTANTIATE_TEST_SUITE_P(Brokers, RequestSpeed, testing::Values("", "set_tcp_nodelay true\n"),
                          [](const auto& row) { return *row.param == '\0' ? "default" : "nodelay"; });
+
+// A broker that does not read, so that nothing leaves the client but what fits into the socket.
+TEST(RequestOnABusyConnection, IsNotCrowdedOutByMessagesThatMayBeLost) {
+    Broker broker;
+    EchoService service(broker.address());
+    const auto client = newAsker(broker.address());
+    ASSERT_EQ(ask(*client, "before"), "re:before");
+    broker.freeze();
+    const std::string payload(1000, 'p');
+    for (int i = 0; i < 20000; ++i) EXPECT_NO_THROW(client->publish("progress", payload, 0)) << i;
+    EXPECT_THROW(ask(*client, "accepted", milliseconds(50)), ipc::IPCTimeoutException);
+    broker.thaw();
+    EXPECT_EQ(ask(*client, "after"), "re:after");
+    client->disconnect();
+}
+
+// A caller reads while it waits for its response, so messages of others arrive on its thread.
+
+TEST(ReadingCaller, DeliversMessagesOfOthers) {
+    Broker broker;
+    Gate answered;
+    EchoService service(broker.address(), [&answered](const auto& requests) {
+        if (requests.front().payload == "held") answered.passBlocked();
+        return EchoService::echo(requests);
+    });
+    Recorder recorder;
+    const auto client = newAsker(broker.address(), "news", &recorder);
+    const auto other = newClient("other");
+    other->connect(broker.address());
+    std::thread caller([&] { EXPECT_EQ(ask(*client, "held", 4 * patience), "re:held"); });
+    for (size_t count = 1; count <= 100; ++count) {
+        other->publish("news", std::to_string(count), 1);
+        if (!recorder.waitForMessages(count)) {
+            ADD_FAILURE() << "message " << count << " is late";
+            break;
+        }
+    }
+    answered.open();
+    caller.join();
+    client->disconnect();
+}
+
+TEST(ReadingCaller, LeavesReadingToTheNetworkThreadAfterwards) {
+    Broker broker;
+    EchoService service(broker.address());
+    Recorder recorder;
+    const auto client = newAsker(broker.address(), "news", &recorder);
+    const auto other = newClient("other");
+    other->connect(broker.address());
+    for (size_t count = 1; count <= 100; ++count) {
+        ASSERT_EQ(ask(*client, "x"), "re:x");
+        other->publish("news", std::to_string(count), 1);
+        ASSERT_TRUE(recorder.waitForMessages(count));
+    }
+    client->disconnect();
+}
+
+TEST(ReadingCaller, ConcurrentCallersGetTheirOwnResponses) {
+    Broker broker;
+    EchoService service(broker.address());
+    const auto client = newAsker(broker.address());
+    std::atomic<int> wrong{0};
+    std::vector<std::thread> callers;
+    for (int caller = 0; caller < 4; ++caller) {
+        callers.emplace_back([&, caller] {
+            for (int i = 0; i < 250; ++i) {
+                const std::string payload = std::to_string(caller) + "." + std::to_string(i);
+                if (ask(*client, payload) != "re:" + payload) ++wrong;
+            }
+        });
+    }
+    for (std::thread& caller : callers) caller.join();
+    EXPECT_EQ(wrong, 0);
+    client->disconnect();
+}
+
+TEST(ReadingCaller, LosesItsRequestWithTheConnection) {
+    Broker broker;
+    Gate asked;
+    Gate answered;
+    EchoService service(broker.address(), [&](const auto& requests) {
+        if (requests.front().payload == "held") {
+            asked.open();
+            answered.passBlocked();
+        }
+        return EchoService::echo(requests);
+    });
+    const auto client = newAsker(broker.address());
+    std::thread caller([&] { EXPECT_THROW(ask(*client, "held", 4 * patience), ipc::IPCInterruptedException); });
+    EXPECT_TRUE(asked.pass());
+    broker.stop();
+    caller.join();
+    answered.open();
+    broker.start();
+    EXPECT_TRUE(waitForService(*client));
+    client->disconnect();
+}
 
 }  // namespace

@@ -141,4 +141,74 @@ TEST_F(RequestsTest, LimitEndsRequestsInFlight) {
     EXPECT_LT(Requests::Clock::now() - begin, bustest::patience / 2) << "it waited for its time-out";
 }
 
+/// In place of a connection: `reading` runs on the caller's thread.
+class FakeReader : public ipc::ResponseReader {
+ public:
+    bool read(Requests::Clock::time_point, const std::function<bool()>& isDone) override { return reading(isDone); }
+    void interrupt() override { interrupted.open(); }
+
+    std::function<bool(const std::function<bool()>& isDone)> reading;
+    bustest::Gate interrupted;
+};
+
+class RequestsWithReader : public RequestsTest {
+ protected:
+    RequestsWithReader() : read(&reader) {
+        read.watch(status);
+        read.connecting();
+        read.connected();
+        read.presenceArrived(status, "online");
+    }
+    std::string ask() {
+        return read.ask(status, bustest::patience, [this](std::string correlation) {
+            sent = std::move(correlation);
+            return true;
+        });
+    }
+
+    FakeReader reader;
+    Requests read;
+    std::string sent;
+};
+
+TEST_F(RequestsWithReader, CallerReadsItsOwnResponse) {
+    reader.reading = [this](const auto& isDone) {
+        EXPECT_FALSE(isDone());
+        read.responseArrived(sent, "answer");
+        EXPECT_TRUE(isDone());
+        return true;
+    };
+    EXPECT_EQ(ask(), "answer");
+    EXPECT_FALSE(reader.interrupted.pass(milliseconds(0))) << "its own thread needs no wake-up";
+}
+
+TEST_F(RequestsWithReader, ResponseOnAnotherThreadInterruptsTheReader) {
+    std::future<void> other;
+    reader.reading = [&](const auto& isDone) {
+        other = std::async(std::launch::async, [this] { read.responseArrived(sent, "answer"); });
+        EXPECT_TRUE(reader.interrupted.pass());
+        EXPECT_TRUE(isDone());
+        return true;
+    };
+    EXPECT_EQ(ask(), "answer");
+}
+
+TEST_F(RequestsWithReader, WaitsForOtherThreadsIfItCannotRead) {
+    std::future<void> other;
+    reader.reading = [&](const auto&) {
+        other = std::async(std::launch::async, [this] { read.responseArrived(sent, "answer"); });
+        return false;
+    };
+    EXPECT_EQ(ask(), "answer");
+}
+
+TEST_F(RequestsWithReader, ConnectionLossEndsReading) {
+    reader.reading = [this](const auto& isDone) {
+        read.connectionLost();
+        EXPECT_TRUE(isDone());
+        return true;
+    };
+    EXPECT_THROW(ask(), ipc::IPCInterruptedException);
+}
+
 }  // namespace

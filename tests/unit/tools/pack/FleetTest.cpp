@@ -159,6 +159,41 @@ TEST_F(FleetTest, ACopyOfTheKeyIsNeverPublished) {
     EXPECT_FALSE(exists("out/common"));
 }
 
+TEST_F(FleetTest, AnErrorThatAllRowsHaveIsReportedOnceAndNothingWritten) {
+    table("mac,name\nx,y\n02:00:5E:10:00:01,One\n02:00:5E:10:00:02,Three\n");
+    options.check = [](const std::string& name, const std::string& bytes) {
+        return std::vector<Finding>{{name, 1, true, "bad value", true, bytes.find("n\" value") + 1, "r"},
+                                    {name, 2, true, "no such key", true, bytes.size(), "unknown-key"},
+                                    {name, 3, false, "suspicious", true, 1, "s"}};
+    };
+    EXPECT_THAT(errorOf([this] { run(); }), HasSubstr("in/phone.xml:1:"));
+    options.check = [](const std::string& name, const std::string& bytes) {
+        return std::vector<Finding>{
+            {name, 2, true, bytes.find("One") != std::string::npos ? "bad value One" : "bad value Three"},
+            {name, 2, true, "no such key", true, bytes.size(), "unknown-key"}};
+    };
+    EXPECT_THAT(errorOf([this] { run(); }),
+                testing::MatchesRegex(".*/in/phone.xml:2:[0-9]+: error: no such key \\[unknown-key\\] "
+                                      "\\(the same in every row; nothing was written\\)"));
+    EXPECT_FALSE(exists("out"));
+    options.force = true;
+    EXPECT_THAT(failures(), SizeIs(1));
+}
+
+TEST_F(FleetTest, MacAddressesInLowerCaseAreKeptWithAWarning) {
+    table("MAC,name\n02:00:5E:10:00:01,One\n02:00:5e:10:00:02,Two\n");
+    options.place = "{MACD}/provisioning.xml";
+    const FleetResult result = run();
+    EXPECT_THAT(result.failures, IsEmpty());
+    EXPECT_TRUE(exists("out/02-00-5e-10-00-02/provisioning.xml"));
+    EXPECT_THAT(result.warnings,
+                ElementsAre(root + "/t.csv: MAC addresses in lower case, which paths keep: 1 of 2 rows, "
+                                   "the first is row 3; a phone whose NET.MAC.Address is in upper case "
+                                   "asks for another path"));
+    options.place = "{name}.xml";  // the phone compares the address in a file in any case
+    EXPECT_THAT(run().warnings, IsEmpty());
+}
+
 TEST_F(FleetTest, ErrorsOfTheCheckFailTheirRow) {
     options.check = [](const std::string& name, const std::string& bytes) {
         std::vector<Finding> findings{{name, 1, false, "just a warning"}};

@@ -54,8 +54,18 @@ class PassProgressTest : public testing::Test {
     }
 
     Environment environment() {
-        return {phone.out, phone.err, phone.terminal,  phone.errTerminal,   phone.stopSignal, {},
-                {},        {},        phone.hintAfter, phone.progressEvery, phone.now};
+        return {phone.out,
+                phone.err,
+                phone.terminal,
+                phone.errTerminal,
+                phone.stopSignal,
+                {},
+                {},
+                {},
+                phone.hintAfter,
+                phone.progressEvery,
+                phone.now,
+                [this] { return phone.columns; }};
     }
     std::string printed() {
         std::string text = phone.out.str() + phone.err.str();
@@ -74,16 +84,16 @@ TEST_F(PassProgressTest, ABarOnATerminal) {
     progress.show("Provisioning", {}, seconds(0));
     EXPECT_EQ(printed(), "Provisioning … 0 s");
     progress.show("Provisioning", {job("firmware", 1000000, 12000000, "bytes")}, seconds(1));
-    EXPECT_EQ(printed(), "\r\x1b[K\r[#                   ] 1,000/12,000 kB firmware\x1b[K");
+    EXPECT_EQ(printed(), "\r\x1b[K\r[#                   ] 1.0/12.0 MB firmware\x1b[K");
     time += seconds(4);
     progress.show("Provisioning", {job("firmware", 5000000, 12000000, "bytes")}, seconds(5));
-    EXPECT_EQ(printed(), "\r[########            ] 5,000/12,000 kB firmware, 1,000/s, 7 s left\x1b[K");
+    EXPECT_EQ(printed(), "\r[########            ] 5.0/12.0 MB firmware, 1.0 MB/s, 7 s left\x1b[K");
     time += seconds(1);
     progress.show("Provisioning", {}, seconds(6));
     EXPECT_EQ(printed(), "") << "the next message may be on its way";
     time += seconds(1);
     progress.show("Provisioning", {}, seconds(7));
-    EXPECT_EQ(printed(), "\r[########            ] 5,000/12,000 kB firmware, 666/s, 11 s left\x1b[K");
+    EXPECT_EQ(printed(), "\r[########            ] 5.0/12.0 MB firmware, 666.7 kB/s, 11 s left\x1b[K");
     progress.clear();
     EXPECT_EQ(printed(), "\r\x1b[K");
 }
@@ -97,7 +107,7 @@ TEST_F(PassProgressTest, EachJobHasItsOwnRate) {
     time += seconds(1);
     printed();
     progress.show("Provisioning", {job("settings", 15, 50, "items")}, seconds(11));
-    EXPECT_EQ(printed(), "\r[######              ] 15/50 settings, 10/s, 4 s left\x1b[K");
+    EXPECT_EQ(printed(), "\r[######              ] 15/50 settings, 10 settings/s, 4 s left\x1b[K");
 }
 
 TEST_F(PassProgressTest, TheLineFitsIntoTheNarrowestTerminal) {
@@ -111,7 +121,7 @@ TEST_F(PassProgressTest, TheLineFitsIntoTheNarrowestTerminal) {
         printed();
         progress.show("", {each}, seconds(1));
         const std::string line = printed();
-        EXPECT_LE(line.size(), 80U + 4U) << line;  // besides the carriage return and the erasure
+        EXPECT_LT(line.size(), 80U + 4U) << line;  // besides the carriage return and the erasure
     }
 }
 

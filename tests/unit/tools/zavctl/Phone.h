@@ -107,7 +107,7 @@ class Phone {
             arguments, Environment{out, err, terminal, errTerminal, stopSignal, [this] { catching = true; },
                                    [this](const std::string&) { return bus; },
                                    [this](const std::shared_ptr<ipc::IIPCClient>&) { return properties; }, hintAfter,
-                                   progressEvery, now});
+                                   progressEvery, now, [this] { return columns; }});
     }
 
     Json::Value json() const {
@@ -124,6 +124,7 @@ class Phone {
     std::ostringstream out;
     std::ostringstream err;
     bool terminal = false;     // standard output
+    std::size_t columns = 80;  // of the terminal
     bool errTerminal = false;  // standard error
     bool catching = false;
     std::chrono::milliseconds hintAfter{2000};
