@@ -90,6 +90,12 @@ void XMLReader::savePosition() { savedPositions_.push(current_); }
 
 void XMLReader::restorePosition() { current_ = savedPositions_.empty() ? nullptr : savedPositions_.top(); }
 
+void XMLReader::dropAttributes() {
+    if (current_ == nullptr || current_->type != XML_ELEMENT_NODE) return;
+    xmlFreePropList(current_->properties);
+    current_->properties = nullptr;
+}
+
 void XMLReader::skipTextAndComments() {
     while (current_ != nullptr && (current_->type == XML_TEXT_NODE || current_->type == XML_COMMENT_NODE)) {
         current_ = current_->next;

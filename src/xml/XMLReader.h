@@ -55,6 +55,10 @@ class XMLReader {
     /// Returns to the position saved last, without removing it; to no element if none was saved.
     virtual void restorePosition();
 
+    /// Frees the attributes of the current element, which then has none. For a walk that reads them once: what it makes
+    /// of them takes their memory.
+    virtual void dropAttributes();
+
  protected:
     /// load, for a file that is already open; `name` only names it.
     bool load(const std::string& name, common::Descriptor file);

@@ -15,7 +15,7 @@ import unittest
 from configure import ROOT
 
 BUILD = os.path.realpath(sys.argv.pop() if len(sys.argv) > 1 else ROOT / "build" / "release")
-COMPONENTS = ("zavd", "prop-service", "zavctl", "dev", "lab", "platform-tests", "doc")
+COMPONENTS = ("zavd", "prop-service", "catalogue", "zavctl", "dev", "lab", "platform-tests", "doc")
 
 PROGRAM = r"""
 #include <iostream>

@@ -15,7 +15,7 @@ import unittest
 import container
 from container import Container, wait_until
 
-PACKAGES = ("zav-property-service", "zavctl", "zavd")
+PACKAGES = ("zav-catalogue", "zav-property-service", "zavctl", "zavd")
 SERVICES = ("prop-service", "zavd")
 SETTING = "Telephony.Accounts.0.DisplayName"
 WWW = "/var/www/html"

@@ -2,12 +2,14 @@
 
 import dataclasses
 import math
+import statistics
 
 WARM_UP = 400   # passes after a process's start that do not count: caches fill, the heap finds its size
 LONG_WARM_UP = {("store", "size"): 4000}   # the database's log grows to 4 MiB, and is used again from its beginning then
 OWNER = {"store": "properties"}   # a restart of the property service shortens the log
 PER = 10_000    # passes
 ENOUGH = 2000   # passes without which a slope says nothing
+MOST_POINTS = 200   # of a life, whose pairs are compared
 # (where, measure, unit): the most that it may rise in PER passes. A leak of ten bytes a pass is 98 KiB.
 LIMITS = {
     ("daemon", "memory", "KiB"): 64,
@@ -28,7 +30,7 @@ class Slope:
     unit: str
     limit: float
     slope: float    # in PER passes
-    error: float    # its standard error
+    error: float    # its standard error, as far as single peaks do not count
     least: float
     most: float
     span: int       # passes that count, of all lives together
@@ -62,19 +64,22 @@ def slope(phones, where, measure, unit, limit):
     span = sum(points[-1][0] - points[0][0] for points in parts)
     if span < ENOUGH:
         return None
-    sxx = sxy = syy = 0.0
-    count = 0
-    for points in parts:
-        x_mean = sum(x for x, _ in points) / len(points)
-        y_mean = sum(y for _, y in points) / len(points)
-        sxx += sum((x - x_mean) ** 2 for x, _ in points)
-        sxy += sum((x - x_mean) * (y - y_mean) for x, y in points)
-        syy += sum((y - y_mean) ** 2 for _, y in points)
-        count += len(points)
-    found = sxy / sxx
-    left = max(syy - found * sxy, 0.0) / max(count - len(parts) - 1, 1)
+    found = statistics.median(slope for points in parts for slope in pairwise(points))
+    residuals = [abs(one - statistics.median(level)) for level in levels(parts, found) for one in level]
+    spread = 1.4826 * statistics.median(residuals)   # as a standard deviation
+    sxx = sum((x - statistics.fmean(x for x, _ in points)) ** 2 for points in parts for x, _ in points)
     values = [y for points in parts for _, y in points]
-    return Slope(where, measure, unit, limit, found * PER, math.sqrt(left / sxx) * PER, min(values), max(values), span)
+    return Slope(where, measure, unit, limit, found * PER, spread / math.sqrt(sxx) * PER, min(values), max(values), span)
+
+
+def pairwise(points):
+    """The slopes between all pairs: their median ignores a step, as where the heap returns memory, and single peaks."""
+    points = points[::max(1, len(points) // MOST_POINTS)]
+    return [(y - b) / (x - a) for number, (a, b) in enumerate(points) for x, y in points[number + 1:]]
+
+
+def levels(parts, found):
+    return [[y - found * x for x, y in points] for points in parts]
 
 
 def slopes(phones):

@@ -56,8 +56,8 @@ def judge(folder):
             continue
         figures = json.loads((own / "figures.json").read_text())
         phones.append(samples)
-        names.append(f"{own.name}: {figures['passes']:,} passes, {figures['restarts']} restarts")
-        print(f"{names[-1]}, {figures['timed']} by the timer, {figures['seconds']} s")
+        names.append(f"{figures['passes']:,} passes, {figures['restarts']} restarts")
+        print(f"{own.name}: {names[-1]}, {figures['timed']} by the timer, {figures['seconds']} s")
         total += figures["passes"]
         for name, count in figures["kinds"].items():
             kinds[name] = kinds.get(name, 0) + count

@@ -14,6 +14,7 @@ import random
 import signal
 import sys
 import time
+import traceback
 
 HERE = pathlib.Path(__file__).resolve().parent
 sys.path[:0] = [str(HERE.parent / "system"), str(HERE.parent / "lives")]
@@ -237,8 +238,8 @@ def main():
     failure = ""
     try:
         soak.run(passes, seconds)
-    except Exception as reason:  # of any kind ends the phone, and is the runner's to show
-        failure = f"{type(reason).__name__}: {reason}"
+    except Exception:  # of any kind ends the phone, and is the runner's to show
+        failure = traceback.format_exc()
     soak.tell(failure)
     return 1 if failure else 0
 

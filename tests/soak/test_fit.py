@@ -37,6 +37,18 @@ class Fit(unittest.TestCase):
     def test_a_leak_of_a_few_bytes_a_pass(self):
         self.assertEqual(failed(samples(leak=16)), [("daemon", "memory")])
 
+    def test_a_leak_behind_a_step(self):
+        stepping = samples(leak=32)
+        for sample in stepping[:8]:
+            sample["daemon"]["memory"] += 700   # the heap returns what the first passes took
+        self.assertEqual(failed(stepping), [("daemon", "memory")])
+
+    def test_single_peaks_do_not_count(self):
+        peaks = samples()
+        for sample in peaks[60:80:3]:
+            sample["daemon"]["memory"] += 300
+        self.assertEqual(failed(peaks), [])
+
     def test_a_leak_behind_restarts(self):
         self.assertEqual(failed(samples(100_000, leak=32, restart=2000)), [("daemon", "memory")])
 

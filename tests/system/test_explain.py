@@ -149,7 +149,8 @@ class ExplainedPassesTest(phone.PhoneTest):
         print(f"{CASES} passes: {seen}, events: {sorted(kinds)}", flush=True)
         if CASES >= 30:
             self.assertTrue(all(seen.values()), seen)
-            self.assertEqual(kinds, {"file", "dropped", "job", "result", "chosen", "set", "refused", "firmware", "log"})
+            self.assertEqual(kinds, {"file", "dropped", "job", "result", "chosen", "set", "refused", "firmware", "log",
+                                     "advice"})
 
 
 if __name__ == "__main__":

@@ -107,7 +107,7 @@ class ReasonsTest(unittest.TestCase):
             gate.set()
             printed, _ = waiting.communicate(timeout=60)
         self.assertEqual(printed.splitlines()[1:], ["warning  Property 'Second': unknown key: the catalogue has no such key",
-                                                    "         zavctl keys PREFIX lists the keys"])
+                                                    "         correct the key, or its number; zavctl keys PREFIX lists the keys"])
 
     def test_a_log_without_information(self):
         publish([("provisioning.xml", [direct([("Wrong", "1")])])])

@@ -10,7 +10,9 @@
 #include "Core/ProvisioningWatchdog/ProvisioningWorker.h"
 #include "Core/Utils.h"
 #include "catalogue/Catalogue.h"
+#include "common/PathRoot.h"
 #include "common/UrlSyntax.h"
+#include "explain/Advice.h"
 #include "explain/MemoryBus.h"
 #include "explain/PhoneFiles.h"
 #include "explain/PublishedFolder.h"
@@ -86,6 +88,8 @@ class PhoneInMemory {
  public:
     PhoneInMemory(const Request& request, std::vector<std::string>& notes)
         : catalogue_(Catalogue::load(request.catalogue)),
+          settings_(lint::Settings::of(catalogue_)),
+          keyFile_(request.keyFile),
           values_(beginning(request, catalogue_, notes)),
           files_(request.keyFile),
           recorder_([this, all = request.showSecrets](
@@ -121,6 +125,9 @@ class PhoneInMemory {
         }
         noteDefaults(explanation.notes);
         recorder_.moveInto(explanation);
+        const auto address = values_.find(constants.macAddressKey);
+        addAdvice(explanation, {settings_, keyFile_, address == values_.end() ? "" : address->second,
+                                [](const std::string& path) { return common::rooted(path); }});
         const std::string status = bus_->valueOf(constants.provisioningStateKey);
         if (!started || status == values_.at(constants.provisioningStateKey)) return;
         explanation.status = status;
@@ -222,6 +229,8 @@ class PhoneInMemory {
     }
 
     const Catalogue catalogue_;
+    const std::shared_ptr<const lint::Settings> settings_;
+    const std::string keyFile_;
     std::map<std::string, std::string> values_;
     const PhoneFiles files_;
     const zav::xml::Library xmlLibrary_;

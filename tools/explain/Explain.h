@@ -49,7 +49,10 @@ struct Event {
         refused,   // subject: name; value; reason
         firmware,  // subject: offered version; before: running version; value: what happens; reason
         log,       // subject: level; value: text of a warning or error
+        advice,    // value: what to do about the event before
     };
+    /// The reason of a refused setting without a name or a value, whose text is then empty.
+    static constexpr char missingAttribute[] = "the item has no value, or no name";
     Kind kind;
     unsigned depth;  // of nested jobs
     std::string subject;

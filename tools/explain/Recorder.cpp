@@ -1,5 +1,6 @@
 #include "explain/Recorder.h"
 
+#include <string_view>
 #include <utility>
 
 #include "Core/Constants.h"
@@ -11,6 +12,10 @@ namespace explain {
 namespace {
 
 using Kind = Event::Kind;
+
+// What the settings job shows for a name or value that is not there, and the exception about it.
+constexpr char unset[] = "???";
+constexpr std::string_view noSuchAttribute = "map::at";
 
 std::string nameOf(const zav::JobDescription& job) { return job.name + "/" + job.itemName; }
 
@@ -136,7 +141,8 @@ void Recorder::fileChosen(const zav::JobDescription& job, const std::string& url
 void Recorder::settingRefused(const std::string& name, const std::string& value, const std::string& reason) {
     const common::LockGuard lock(mutex_);
     replaceLastLog();
-    add(Kind::refused, name, "", shown(name, value), reason);
+    const bool isMissing = value == unset && reason.compare(0, noSuchAttribute.size(), noSuchAttribute) == 0;
+    add(Kind::refused, name, "", isMissing ? "" : shown(name, value), isMissing ? Event::missingAttribute : reason);
 }
 
 void Recorder::firmwareNotWanted() {

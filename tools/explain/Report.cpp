@@ -36,6 +36,8 @@ const char* nameOf(Kind kind) {
             return "refused";
         case Kind::firmware:
             return "firmware";
+        case Kind::advice:
+            return "advice";
         case Kind::log:
             break;
     }
@@ -58,12 +60,14 @@ std::string textOf(const Event& event) {
         case Kind::written:
             return event.subject + ": " + quoted(event.before) + " -> " + quoted(event.value);
         case Kind::refused:
+            if (reason == Event::missingAttribute) return event.subject + ": " + reason;
             return event.subject + " = " + quoted(event.value) + ": " + reason;
         case Kind::firmware:
             return event.value + (event.reason.empty() ? "" : ": " + reason) +
                    (event.subject.empty() && event.before.empty()
                         ? ""
                         : " (offered " + quoted(event.subject) + ", running " + quoted(event.before) + ")");
+        case Kind::advice:
         case Kind::log:
             break;
     }
@@ -106,6 +110,9 @@ Json::Value toJson(const Event& event) {
         case Kind::firmware:
             add("offered", event.subject), add("running", event.before), add("decision", event.value);
             add("reason", event.reason);
+            break;
+        case Kind::advice:
+            add("text", event.value);
             break;
         case Kind::log:
             add("level", event.subject), add("text", event.value);

@@ -59,6 +59,7 @@ class Document final : public zav::XMLReader {
     bool hasChildren() override;
     std::map<std::string, std::string> attributes() override;
     void restorePosition() override;
+    void dropAttributes() override {}  // they are inspected after the walk
 
  private:
     class Parser;

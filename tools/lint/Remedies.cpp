@@ -49,7 +49,7 @@ std::string keyRemedy(const Settings& settings, const std::string& key) {
         const bool isNumber = end > begin && std::all_of(key.begin() + static_cast<std::ptrdiff_t>(begin),
                                                          key.begin() + static_cast<std::ptrdiff_t>(end),
                                                          [](char c) { return common::isAsciiDigit(c); });
-        const std::string remedy = isNumber ? numbersOf(settings, key, begin, end) : "";
+        std::string remedy = isNumber ? numbersOf(settings, key, begin, end) : "";
         if (!remedy.empty()) return remedy;
     }
     const std::string near = settings.nearest(key);

@@ -37,15 +37,18 @@ propertyservice::ValueRule ruleOf(const Json::Value& description) {
 
 std::shared_ptr<const Settings> Settings::load(const std::string& path) {
     try {
-        const auto catalogue = propertyservice::Catalogue::load(path);
-        auto settings = std::make_shared<Settings>();
-        for (const propertyservice::CatalogueKey& key : catalogue.keys()) {
-            settings->definitions_.emplace(key.key, key.definition);
-        }
-        return settings;
+        return of(propertyservice::Catalogue::load(path));
     } catch (const propertyservice::CatalogueException& error) {
         throw LintException(error.what());
     }
+}
+
+std::shared_ptr<const Settings> Settings::of(const propertyservice::Catalogue& catalogue) {
+    auto settings = std::make_shared<Settings>();
+    for (const propertyservice::CatalogueKey& key : catalogue.keys()) {
+        settings->definitions_.emplace(key.key, key.definition);
+    }
+    return settings;
 }
 
 void Settings::add(const Json::Value& description) {

@@ -22,6 +22,8 @@ class Settings {
     /// The keys of a catalogue file. Throws LintException if it cannot be read or is invalid.
     static std::shared_ptr<const Settings> load(const std::string& path);
 
+    static std::shared_ptr<const Settings> of(const propertyservice::Catalogue& catalogue);
+
     /// Adds a key as the property service describes it. A definition that this program does not know allows any value.
     void add(const Json::Value& description);
 

@@ -4,6 +4,8 @@
 #include <fstream>
 #include <vector>
 
+#include "Failure.h"
+
 namespace zavctl {
 
 namespace {
@@ -39,7 +41,11 @@ std::string defaultCatalogue() {
             if (fs::exists(catalogue, error)) return catalogue.string();
         }
     }
-    return ZAV_CATALOGUE;
+    if (fs::exists(ZAV_CATALOGUE, error)) return ZAV_CATALOGUE;
+    throw Failure(
+        ExitCode::failed, "no-catalogue",
+        std::string(ZAV_CATALOGUE) +
+            ": does not exist; name the phone's catalogue with --catalogue FILE, or install the catalogue");
 }
 
 }  // namespace zavctl

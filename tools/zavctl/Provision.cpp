@@ -15,6 +15,7 @@
 #include "PassProgress.h"
 #include "PassReasons.h"
 #include "Session.h"
+#include "common/UrlSyntax.h"
 #include "debug/Debug.h"
 #include "propertyprotocol/Topics.h"
 
@@ -25,7 +26,9 @@ namespace {
 using Clock = PassFollower::Clock;
 
 constexpr char stateKey[] = "State.Provisioning";
+constexpr char serverKey[] = "System.Provision.ProvisioningServer";
 constexpr char success[] = "success";
+constexpr std::size_t manyReasons = 4;  // lines of the log: from here on, lint is the shorter way
 constexpr int levelWidth = 9;
 constexpr std::chrono::seconds settleTime{2};
 constexpr std::chrono::milliseconds progressInterval{250};
@@ -131,6 +134,7 @@ std::string follow(const Environment& environment, const Options& options, Sessi
 struct Explanation {
     std::vector<Reason> reasons;
     std::string unknown;
+    std::string hint;  // how to find all mistakes at once; empty if there are few
 };
 
 Explanation explain(const DaemonLog& log, std::size_t passes) {
@@ -143,13 +147,22 @@ Explanation explain(const DaemonLog& log, std::size_t passes) {
                 std::this_thread::sleep_for(journalPoll);
                 continue;
             }
-            if (!reasons.reasons().empty()) return {reasons.reasons(), ""};
-            if (reasons.hasPass()) return {{}, "the daemon's log has neither a warning nor an error of this pass"};
-            return {{}, "the daemon's log has no line of this pass: System.Debug.LevelMask.ZAV 7 logs everything"};
+            if (!reasons.reasons().empty()) return {reasons.reasons(), "", ""};
+            if (reasons.hasPass()) return {{}, "the daemon's log has neither a warning nor an error of this pass", ""};
+            return {{}, "the daemon's log has no line of this pass: System.Debug.LevelMask.ZAV 7 logs everything", ""};
         }
     } catch (const std::runtime_error& reason) {
-        return {{}, reason.what()};
+        return {{}, reason.what(), ""};
     }
+}
+
+// Reasons come from the first mistake on; a file with many of them is better checked as a whole.
+std::string hintFor(const std::vector<Reason>& reasons, const std::string& server) {
+    std::size_t count = 0;
+    for (const Reason& reason : reasons) count += reason.texts.size() + reason.more;
+    if (count < manyReasons) return "";
+    return "zavctl lint --as running " + (server.empty() ? "URL" : common::withoutPassword(server)) +
+           " shows all mistakes, and where they are";
 }
 
 Json::Value toJson(const std::vector<Reason>& reasons) {
@@ -193,11 +206,13 @@ ExitCode report(const Environment& environment, const Options& options, const st
             toObject({{"result", result}, {"httpStatus", toNumber(http)}, {"milliseconds", milliseconds}});
         if (result != success) object["reasons"] = toJson(explanation.reasons);
         if (!explanation.unknown.empty()) object["reasonsUnknown"] = explanation.unknown;
+        if (!explanation.hint.empty()) object["hint"] = explanation.hint;
         printJson(environment.out, object);
     } else {
         printResult(environment.out, result, http, duration);
         for (const Reason& reason : explanation.reasons) print(environment.out, reason);
         if (!explanation.unknown.empty()) print(environment.out, {"unknown", {explanation.unknown}, 0, ""});
+        if (!explanation.hint.empty()) print(environment.out, {"hint", {explanation.hint}, 0, ""});
     }
     return result == success || result == "partSuccess" ? ExitCode::done : ExitCode::failed;
 }
@@ -231,7 +246,9 @@ ExitCode provisionAndWait(const Environment& environment, const Options& options
     const std::chrono::milliseconds duration = since(start);
     // The daemon writes the HTTP status before the result.
     const std::string http = tryGet(session.properties(), "State.Provisioning.HttpErrorCode").value_or("");
-    const Explanation explanation = result == success ? Explanation() : explain(log, earlier ? 2 : 1);
+    Explanation explanation = result == success ? Explanation() : explain(log, earlier ? 2 : 1);
+    if (!explanation.reasons.empty())
+        explanation.hint = hintFor(explanation.reasons, tryGet(session.properties(), serverKey).value_or(""));
     return report(environment, options, result, http, duration, explanation);
 }
 

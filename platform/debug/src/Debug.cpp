@@ -3,11 +3,12 @@
 #include <sys/stat.h>
 #include <unistd.h>
 
+#include <algorithm>
 #include <array>
-#include <atomic>
 #include <cerrno>
 #include <cstdlib>
 #include <ctime>
+#include <string_view>
 #include <utility>
 
 #include "Output.h"
@@ -18,7 +19,6 @@ namespace {
 
 constexpr unsigned allLevels = Debug::levelError | Debug::levelWarning | Debug::levelInfo;
 
-std::atomic<unsigned> levelMask{allLevels};
 std::atomic<const char*> channelName{"-"};
 
 const char* levelName(unsigned level) {
@@ -43,24 +43,62 @@ const char* journalPriority(unsigned level) {
     return "<6>";
 }
 
-std::string timeStamp() {
+// Formatting the time costs as much as the rest of a line, so each thread keeps the text of its last second.
+void appendTime(std::string& line) {
+    struct Formatted {
+        std::time_t second;
+        std::size_t length;  // 0 at first
+        std::array<char, 32> text;
+    };
+    static thread_local Formatted last{};
     timespec now{};
     clock_gettime(CLOCK_REALTIME, &now);
-    tm local{};
-    localtime_r(&now.tv_sec, &local);
-    std::array<char, 32> seconds{};
-    std::strftime(seconds.data(), seconds.size(), "%Y-%m-%dT%H:%M:%S", &local);
-    std::string milliseconds = std::to_string(now.tv_nsec / 1000000);
-    milliseconds.insert(0, 3 - milliseconds.size(), '0');
-    return std::string(seconds.data()) + "." + milliseconds;
+    if (now.tv_sec != last.second || last.length == 0) {
+        tm local{};
+        localtime_r(&now.tv_sec, &local);
+        last.length = std::strftime(last.text.data(), last.text.size(), "%Y-%m-%dT%H:%M:%S.", &local);
+        last.second = now.tv_sec;
+    }
+    line.append(last.text.data(), last.length);
+    const auto milliseconds = static_cast<int>(now.tv_nsec / 1000000);
+    for (const int unit : {100, 10, 1}) line += static_cast<char>('0' + milliseconds / unit % 10);
 }
 
-std::string withoutExtension(const char* file) {
-    std::string path(file);
+std::string_view withoutExtension(std::string_view path) {
     const auto dot = path.rfind('.');
     const auto slash = path.rfind('/');
-    if (dot != std::string::npos && (slash == std::string::npos || dot > slash)) path.erase(dot);
-    return path;
+    const bool hasExtension = dot != std::string_view::npos && (slash == std::string_view::npos || dot > slash);
+    return hasExtension ? path.substr(0, dot) : path;
+}
+
+bool isControl(char c) { return static_cast<unsigned char>(c) < 0x20 || c == 0x7f; }
+
+void appendEscape(std::string& escaped, char control) {
+    static constexpr char digits[] = "0123456789abcdef";
+    const auto byte = static_cast<unsigned char>(control);
+    if (control == '\n') {
+        escaped += "\\n";
+    } else if (control == '\t') {
+        escaped += "\\t";
+    } else if (control == '\r') {
+        escaped += "\\r";
+    } else {
+        escaped += "\\x";
+        escaped += digits[byte >> 4U];
+        escaped += digits[byte & 0xfU];
+    }
+}
+
+void appendEscaped(std::string& escaped, std::string_view text) {
+    while (!text.empty()) {
+        const auto control = std::find_if(text.begin(), text.end(), isControl);
+        const auto plain = static_cast<std::size_t>(control - text.begin());
+        escaped.append(text.substr(0, plain));
+        text.remove_prefix(plain);
+        if (text.empty()) return;
+        appendEscape(escaped, text.front());
+        text.remove_prefix(1);
+    }
 }
 
 // Never destroyed, because threads may log while the process exits.
@@ -74,19 +112,27 @@ Sink& redirection() {
     return *sink;
 }
 
-/// To the journal each line of a text is an entry of its own.
-std::string eachLineAfter(std::string text, const std::string& prefix) {
-    for (auto end = text.find('\n'); end != std::string::npos; end = text.find('\n', end + 1)) {
-        text.insert(end + 1, prefix);
+// To the journal each line of a text is an entry of its own.
+void appendEachLineAfter(std::string& line, std::string_view text, std::string_view prefix) {
+    for (auto end = text.find('\n'); end != std::string_view::npos && !prefix.empty(); end = text.find('\n')) {
+        line.append(text.substr(0, end + 1)).append(prefix);
+        text.remove_prefix(end + 1);
     }
-    return text;
+    line += text;
 }
 
-std::string lineOf(unsigned level, const char* file, int line, const std::string& text) {
+std::string lineOf(unsigned level, const char* file, int number, const std::string& text) {
+    constexpr std::size_t usualHead = 128;
     static const bool journal = isJournal();
-    const std::string priority = journal ? journalPriority(level) : "";
-    return priority + timeStamp() + " " + channelName.load() + " " + levelName(level) + " " + withoutExtension(file) +
-           ":" + std::to_string(line) + " " + eachLineAfter(text, priority) + "\n";
+    const char* const priority = journal ? journalPriority(level) : "";
+    std::string line;
+    line.reserve(usualHead + text.size());
+    line += priority;
+    appendTime(line);
+    line.append(" ").append(channelName.load()).append(" ").append(levelName(level)).append(" ");
+    line.append(withoutExtension(file)).append(":").append(std::to_string(number)).append(" ");
+    appendEachLineAfter(line, text, priority);
+    return line += '\n';
 }
 
 std::string lossNotice(std::size_t lost) {
@@ -96,62 +142,33 @@ std::string lossNotice(std::size_t lost) {
 
 }  // namespace
 
+std::atomic<unsigned> Stream::levels{allLevels};
+
 std::string escapeControls(const std::string& text) {
-    static constexpr char digits[] = "0123456789abcdef";
     std::string escaped;
-    escaped.reserve(text.size());
-    for (const char c : text) {
-        const auto byte = static_cast<unsigned char>(c);
-        if (byte >= 0x20 && byte != 0x7f) {
-            escaped += c;
-        } else if (c == '\n') {
-            escaped += "\\n";
-        } else if (c == '\t') {
-            escaped += "\\t";
-        } else if (c == '\r') {
-            escaped += "\\r";
-        } else {
-            escaped += "\\x";
-            escaped += digits[byte >> 4U];
-            escaped += digits[byte & 0xfU];
-        }
-    }
+    appendEscaped(escaped, text);
     return escaped;
 }
 
-Stream::Stream(unsigned level, const char* file, int line)
-    : level_(level), file_(file), line_(line), open_((levelMask.load(std::memory_order_relaxed) & level) != 0) {}
-
-Stream::~Stream() { emit(); }
-
-void Stream::append(const std::string& text) { text_ += escapeControls(text); }
-
-Stream& Stream::operator<<(const std::string& text) {
-    return ifOpen([&] { append(text); });
+void Stream::append(const char* text, std::size_t length) noexcept {
+    try {
+        appendEscaped(text_, {text, length});
+    } catch (const std::bad_alloc&) {
+    }
 }
 
-Stream& Stream::operator<<(const char* text) {
-    return ifOpen([&] {
-        if (text != nullptr) append(text);
-    });
+void Stream::appendVerbatim(const std::string& text) noexcept {
+    try {
+        text_ += text;
+    } catch (const std::bad_alloc&) {
+    }
 }
 
-Stream& Stream::operator<<(Verbatim text) {
-    return ifOpen([&] { text_ += text.text; });
-}
-
-Stream& Stream::operator<<(std::ostream& (*)(std::ostream&)) {
-    // The only manipulator in use is std::endl.
-    emit();
-    return *this;
-}
-
-void Stream::emit() {
-    if (!open_) return;
+void Stream::emit() noexcept {
     open_ = false;
     try {
         if (const Sink& sink = redirection()) {
-            sink({level_, withoutExtension(file_), line_, text_});
+            sink({level_, std::string(withoutExtension(file_)), line_, text_});
             return;
         }
         output().write(lineOf(level_, file_, line_, text_), lossNotice);
@@ -160,10 +177,6 @@ void Stream::emit() {
 }
 
 Debug::Debug(const char* channel) { channelName.store(channel); }
-
-Stream Debug::info(const char* file, int line) { return {levelInfo, file, line}; }
-Stream Debug::warning(const char* file, int line) { return {levelWarning, file, line}; }
-Stream Debug::error(const char* file, int line) { return {levelError, file, line}; }
 
 void Debug::setDebugLevelMask(const std::string& mask) {
     const bool hexadecimal = mask.compare(0, 2, "0x") == 0 || mask.compare(0, 2, "0X") == 0;
@@ -175,7 +188,7 @@ void Debug::setDebugLevelMask(const std::string& mask) {
         warning() << "Debug level mask '" << mask << "' is not a number, ignored" << std::endl;
         return;
     }
-    levelMask.store(static_cast<unsigned>(value & allLevels));
+    Stream::levels.store(static_cast<unsigned>(value & allLevels));
 }
 
 void Debug::redirect(Sink sink) { redirection() = std::move(sink); }

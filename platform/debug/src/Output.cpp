@@ -16,6 +16,7 @@ namespace {
 
 constexpr std::chrono::milliseconds pollInterval{100};  // within which a waiting line sees beginShutdown
 constexpr std::chrono::milliseconds retryPause{10};     // before a write that wrote nothing is repeated
+constexpr std::chrono::seconds checkInterval{1};
 
 }  // namespace
 
@@ -30,13 +31,20 @@ void Output::closeTarget() {
 // writable, and another process may fill the pipe in between. O_NONBLOCK would prevent it, but belongs to the open file
 // description, which other processes may share, so open a second description. Regular files never block, and their
 // offset must stay shared. Sockets have MSG_DONTWAIT.
-void Output::openTarget() {
+//
+// Lines reach a file or socket that was opened under the same number anyway, so these are checked now and then only:
+// Linux 6.13 and later write a file's times with each write that follows an fstat, which doubles the cost of a line.
+void Output::openTarget(Clock::time_point now) {
+    if ((isFile_ || isSocket_) && now < checkedAt_ + checkInterval) return;
+    checkedAt_ = now;
     struct stat status {};
     if (::fstat(descriptor_, &status) != 0) return;
     if (status.st_dev == device_ && status.st_ino == inode_) return;
     closeTarget();
     device_ = status.st_dev;
     inode_ = status.st_ino;
+    isFile_ = S_ISREG(status.st_mode);
+    isSocket_ = S_ISSOCK(status.st_mode);
     if (!S_ISFIFO(status.st_mode) && !S_ISCHR(status.st_mode)) return;
     const std::string path = "/proc/self/fd/" + std::to_string(descriptor_);
     nonBlocking_ = ::open(path.c_str(), O_WRONLY | O_NONBLOCK | O_NOCTTY | O_CLOEXEC);
@@ -44,11 +52,12 @@ void Output::openTarget() {
 
 // Returns false if part of the text was not written.
 bool Output::writeAll(const std::string& text, std::chrono::milliseconds timeout) {
-    openTarget();
-    const auto deadline = Clock::now() + timeout;
+    const auto now = Clock::now();
+    openTarget(now);
+    const auto deadline = now + timeout;
     const std::string whole = truncated_ ? "\n" + text : text;
     std::size_t written = 0;
-    while (written < whole.size() && wait(deadline, true)) {
+    while (written < whole.size() && (isFile_ || wait(deadline, true))) {
         bool mayRetry = false;
         const std::size_t count = writeSome(whole.data() + written, whole.size() - written, mayRetry);
         written += count;
@@ -85,8 +94,8 @@ std::size_t Output::writeSome(const char* text, std::size_t length, bool& mayRet
     if (nonBlocking_ >= 0) {
         written = ::write(nonBlocking_, text, length);
     } else {
-        written = ::send(descriptor_, text, length, MSG_DONTWAIT | MSG_NOSIGNAL);
-        if (written < 0 && errno == ENOTSOCK) {
+        if (isSocket_) written = ::send(descriptor_, text, length, MSG_DONTWAIT | MSG_NOSIGNAL);
+        if (!isSocket_ || (written < 0 && errno == ENOTSOCK)) {
             written = ::write(descriptor_, text, std::min<std::size_t>(length, PIPE_BUF));
         }
     }

@@ -22,7 +22,8 @@ class Output {
     /// For all lines together, once beginShutdown was called.
     static constexpr std::chrono::milliseconds shutdownTimeout{500};
 
-    /// Does not own `descriptor`. Follows it if another file is opened under the same number.
+    /// Does not own `descriptor`. Follows it if another file is opened under the same number; if it was a file or a
+    /// socket, a stalled reader of the new one is waited for without a limit during the first second.
     explicit Output(int descriptor) : descriptor_(descriptor) {}
     ~Output();
     Output(const Output&) = delete;
@@ -49,7 +50,7 @@ class Output {
     using Clock = std::chrono::steady_clock;
 
     bool writeAll(const std::string& text, std::chrono::milliseconds timeout) REQUIRES(mutex_);
-    void openTarget() REQUIRES(mutex_);
+    void openTarget(Clock::time_point now) REQUIRES(mutex_);
     void closeTarget() REQUIRES(mutex_);
     bool wait(Clock::time_point deadline, bool untilWritable) REQUIRES(mutex_);
     std::size_t writeSome(const char* text, std::size_t length, bool& mayRetry) const REQUIRES(mutex_);
@@ -63,6 +64,9 @@ class Output {
     std::chrono::milliseconds shutdownLeft_ GUARDED_BY(mutex_) = shutdownTimeout;
     dev_t device_ GUARDED_BY(mutex_) = 0;  // of the file behind the descriptor at the last write
     ino_t inode_ GUARDED_BY(mutex_) = 0;
+    Clock::time_point checkedAt_ GUARDED_BY(mutex_);
+    bool isFile_ GUARDED_BY(mutex_) = false;  // never blocks
+    bool isSocket_ GUARDED_BY(mutex_) = false;
     int nonBlocking_ GUARDED_BY(mutex_) = -1;  // a second, non-blocking descriptor for that file; -1: none
 };
 

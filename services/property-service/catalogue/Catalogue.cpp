@@ -25,12 +25,15 @@ constexpr std::size_t maxKeysOfPattern = 10000;
 
 class Source {
  public:
-    Source(const std::string& text, const std::string& name) : text_(text), name_(name) {}
+    Source(const std::string& text, const std::string& name) : text_(text), name_(name) {
+        for (auto end = text.find('\n'); end != std::string::npos; end = text.find('\n', end + 1)) {
+            lineEnds_.push_back(static_cast<ptrdiff_t>(end));
+        }
+    }
 
     int lineOf(const Json::Value& value) const {
-        const auto offset =
-            std::min(static_cast<std::size_t>(std::max<ptrdiff_t>(value.getOffsetStart(), 0)), text_.size());
-        return 1 + static_cast<int>(std::count(text_.begin(), text_.begin() + static_cast<ptrdiff_t>(offset), '\n'));
+        const auto next = std::lower_bound(lineEnds_.begin(), lineEnds_.end(), value.getOffsetStart());
+        return 1 + static_cast<int>(next - lineEnds_.begin());
     }
 
     [[noreturn]] void fail(int line, const std::string& key, const std::string& reason) const {
@@ -49,6 +52,7 @@ class Source {
  private:
     const std::string& text_;
     const std::string& name_;
+    std::vector<ptrdiff_t> lineEnds_;  // offsets of the line breaks, ascending
 };
 
 /// The number of the first line that is not UTF-8, 0 if there is none.

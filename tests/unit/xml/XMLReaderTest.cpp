@@ -118,6 +118,18 @@ TEST_F(XMLReaderTest, AttributeValuesArePlainText) {
     EXPECT_EQ(reader_.attributes(), (Attributes{{"a", "<&\"A"}, {"b", "x  y"}, {"c", ""}, {"d", "\xc3\xa4"}}));
 }
 
+TEST_F(XMLReaderTest, DroppedAttributesAreThoseOfTheCurrentElementOnly) {
+    ASSERT_TRUE(load("<root><a b=\"1\"/><c d=\"2\"/></root>"));
+    ASSERT_TRUE(reader_.firstChild());
+    reader_.dropAttributes();
+    EXPECT_EQ(reader_.attributes(), Attributes());
+    EXPECT_EQ(reader_.name(), "a");
+    ASSERT_TRUE(reader_.nextSibling());
+    EXPECT_EQ(reader_.attributes(), (Attributes{{"d", "2"}}));
+    EXPECT_FALSE(reader_.nextSibling());
+    reader_.dropAttributes();
+}
+
 TEST_F(XMLReaderTest, NewDocumentReplacesTheOldOne) {
     ASSERT_TRUE(load("<first/>"));
     ASSERT_TRUE(load("<second/>"));

@@ -13,11 +13,13 @@
 // A program that shows the log of another one's code may redirect the lines to a sink of its own.
 #pragma once
 
+#include <atomic>
 #include <functional>
 #include <new>
 #include <ostream>
 #include <sstream>
 #include <string>
+#include <type_traits>
 
 namespace dbg {
 
@@ -36,40 +38,65 @@ struct LogLine {
 };
 using Sink = std::function<void(const LogLine&)>;
 
-/// One log line. It is written when `std::endl` is streamed, at the latest when the stream is destroyed.
+/// One log line. It is written when `std::endl` is streamed, at the latest when the stream is destroyed. Inline as far
+/// as a line whose level is off goes, so that it costs next to nothing.
 class Stream {
  public:
-    Stream(unsigned level, const char* file, int line);
+    Stream(unsigned level, const char* file, int line)
+        : level_(level), file_(file), line_(line), open_((levels.load(std::memory_order_relaxed) & level) != 0) {}
     Stream(const Stream&) = delete;
     Stream& operator=(const Stream&) = delete;
-    ~Stream();
+    ~Stream() {
+        if (open_) emit();
+    }
 
     template <typename T>
     Stream& operator<<(const T& value) {
-        return ifOpen([&] {
-            std::ostringstream text;
-            text << value;
-            append(text.str());
-        });
-    }
-    Stream& operator<<(const std::string& text);
-    Stream& operator<<(const char* text);
-    Stream& operator<<(Verbatim text);
-    Stream& operator<<(std::ostream& (*manipulator)(std::ostream&));
-
- private:
-    /// Without memory a part of the line is left out.
-    template <typename Function>
-    Stream& ifOpen(const Function& extend) {
-        if (!open_) return *this;
-        try {
-            extend();
-        } catch (const std::bad_alloc&) {  // logging does not throw
-        }
+        if (open_) appendValue(value);
         return *this;
     }
-    void append(const std::string& text);
-    void emit();
+    Stream& operator<<(const std::string& text) {
+        if (open_) append(text.data(), text.size());
+        return *this;
+    }
+    Stream& operator<<(const char* text) {
+        if (open_ && text != nullptr) append(text, std::char_traits<char>::length(text));
+        return *this;
+    }
+    Stream& operator<<(Verbatim text) {
+        if (open_) appendVerbatim(text.text);
+        return *this;
+    }
+    /// The only manipulator in use is std::endl.
+    Stream& operator<<(std::ostream& (*)(std::ostream&)) {
+        if (open_) emit();
+        return *this;
+    }
+
+ private:
+    friend class Debug;
+
+    template <typename T>
+    void appendValue(const T& value) {
+        try {
+            if constexpr (std::is_integral_v<T> && sizeof(T) > sizeof(char)) {  // neither bool nor a character
+                const std::string digits = std::to_string(value);
+                append(digits.data(), digits.size());
+            } else {
+                std::ostringstream stream;
+                stream << value;
+                const std::string text = stream.str();
+                append(text.data(), text.size());
+            }
+        } catch (const std::bad_alloc&) {  // as in append
+        }
+    }
+    // Without memory a part of the line is left out: logging does not throw.
+    void append(const char* text, std::size_t length) noexcept;
+    void appendVerbatim(const std::string& text) noexcept;
+    void emit() noexcept;
+
+    static std::atomic<unsigned> levels;  // the level mask of the process
 
     const unsigned level_;
     const char* const file_;
@@ -88,9 +115,15 @@ class Debug {
     /// Sets the channel name; `channel` must have static storage duration. One object per process.
     explicit Debug(const char* channel);
 
-    static Stream info(const char* file = __builtin_FILE(), int line = __builtin_LINE());
-    static Stream warning(const char* file = __builtin_FILE(), int line = __builtin_LINE());
-    static Stream error(const char* file = __builtin_FILE(), int line = __builtin_LINE());
+    static Stream info(const char* file = __builtin_FILE(), int line = __builtin_LINE()) {
+        return {levelInfo, file, line};
+    }
+    static Stream warning(const char* file = __builtin_FILE(), int line = __builtin_LINE()) {
+        return {levelWarning, file, line};
+    }
+    static Stream error(const char* file = __builtin_FILE(), int line = __builtin_LINE()) {
+        return {levelError, file, line};
+    }
 
     /// Sets the levels that are logged: the sum of 1 (error), 2 (warning) and 4 (info), decimal or as 0x… in
     /// hexadecimal. The default is all levels. If `mask` is not a number, logs a warning and changes nothing.

@@ -5,7 +5,10 @@
 #include <sys/stat.h>
 #include <unistd.h>
 
+#include <array>
+#include <chrono>
 #include <cstdlib>
+#include <ctime>
 #include <regex>
 #include <thread>
 #include <vector>
@@ -34,6 +37,35 @@ TEST_F(DebugTest, LineHasTimeChannelLevelSourceAndText) {
                               "tests/unit/platform/debug/DebugTest:" +
                               std::to_string(line) + R"( Period is 600 seconds\.\n)");
     EXPECT_TRUE(std::regex_match(text, expected)) << text;
+}
+
+// Unlike time(), which may lag behind.
+std::time_t now() { return std::chrono::system_clock::to_time_t(std::chrono::system_clock::now()); }
+
+std::string localTime(std::time_t second) {
+    tm local{};
+    localtime_r(&second, &local);
+    std::array<char, 32> text{};
+    return {text.data(), std::strftime(text.data(), text.size(), "%Y-%m-%dT%H:%M:%S", &local)};
+}
+
+// Lines of one second share their text, so this goes on until the second has changed.
+TEST_F(DebugTest, TimeIsThatOfTheLine) {
+    const std::time_t begin = now();
+    for (std::time_t before = begin; before < begin + 2;) {
+        const std::string text = written([] { dbg::Debug::info() << "now" << std::endl; });
+        const std::string time = text.substr(0, text.find('.'));
+        const std::time_t after = now();
+        ASSERT_GE(time, localTime(before));
+        ASSERT_LE(time, localTime(after));
+        before = after;
+    }
+}
+
+TEST_F(DebugTest, NumbersFlagsAndCharactersReadAsInAStream) {
+    const std::string text =
+        written([] { dbg::Debug::info() << -5 << ' ' << 7UL << ' ' << true << ' ' << 0.5 << ' ' << 'c' << std::endl; });
+    EXPECT_NE(text.find(" -5 7 1 0.5 c\n"), std::string::npos) << text;
 }
 
 TEST_F(DebugTest, TextFromOutsideCannotForgeALine) {

@@ -190,6 +190,21 @@ TEST_P(OutputTest, FollowsAReopenedDescriptor) {
     for (const int end : other) ::close(end);
 }
 
+// The kind of a file is not checked for each line.
+TEST_P(OutputTest, LineReachesWhatReplacesAFile) {
+    std::array<char, 32> name{"/tmp/outputXXXXXX"};
+    const int file = ::mkstemp(name.data());
+    ASSERT_GE(file, 0);
+    ::unlink(name.data());
+    dbg::Output output(file);
+    output.write("first\n", notice);
+    EXPECT_EQ(::lseek(file, 0, SEEK_END), 6);
+    ASSERT_EQ(::dup2(ends_[1], file), file);
+    output.write("second\n", notice);
+    EXPECT_EQ(read(), "second\n");
+    ::close(file);
+}
+
 std::string nameOf(const testing::TestParamInfo<Kind>& kind) {
     if (kind.param == Kind::pipe) return "Pipe";
     return kind.param == Kind::socket ? "Socket" : "Terminal";

@@ -87,9 +87,11 @@ TEST_F(ExplainTest, EncryptedFileNeedsTheKey) {
 
 TEST_F(ExplainTest, FileForAnotherPhoneIsRefusedWithTheReason) {
     const std::string path = "/var/volatile/provisioning/provisioning.xml";
-    EXPECT_THAT(events(explained("<provisioning version='3' productID='kd5' macAddress='02'/>"), Kind::dropped),
-                ElementsAre(path + "|||productID 'kd5' is not this product; macAddress '02' is not this phone's; "
-                                   "version '3' is not supported, or not that of the initial file"));
+    EXPECT_THAT(
+        events(explained("<provisioning version='3' productID='kd5' macAddress='02'/>"), Kind::dropped),
+        ElementsAre(path + "|||productID 'kd5' is not this product; macAddress '02' is not this phone's, " + mac +
+                    "; "
+                    "version '3' is not supported, or not that of the initial file"));
     EXPECT_THAT(events(explained("<phone/>"), Kind::dropped), ElementsAre(path + "|||its root element is 'phone'"));
 }
 

@@ -53,6 +53,13 @@ TEST(Advice, TheMostExactLineIsChosen) {
               "`Curl Error: No error HTTP Error: …`");
     EXPECT_EQ(lineFor("Could not set param : 'A'='?\?\?' (exception map::at)"),
               "`Could not set param : '…'='?\?\?' (exception …)`");
+    EXPECT_EQ(lineFor("Could not set param : '?\?\?'='?\?\?' (exception map::at)"),
+              "`Could not set param : '?\?\?'='?\?\?' (exception …)`");
+    EXPECT_EQ(lineFor("Could not set param : 'A'='b' (exception Property 'A': read-only: may not be written)"),
+              "`Could not set param : '…'='…' (exception … read-only: …)`");
+    EXPECT_EQ(lineFor("Cannot write /var/volatile/provisioning/nvm/: Invalid argument"), "`Cannot write …/: …`");
+    EXPECT_EQ(lineFor("Cannot write /var/volatile/provisioning/nvm: Invalid argument"), "`Cannot write …`");
+    EXPECT_EQ(lineFor("Custom step type '?\?\?' not implemented"), "`Custom step type '?\?\?' not implemented`");
     EXPECT_EQ(lineFor("Could not set param : 'A'='b' (exception c)"), "`Could not set param : '…'='…' (exception …)`");
 }
 
