@@ -33,6 +33,10 @@ class Figures(unittest.TestCase):
         self.assertEqual((made["ours"]["low"], made["ours"]["high"]), (2, 4))
         self.assertIsNone(made["met"])
 
+    def test_a_floor_that_is_too_small_misses_the_goal(self):
+        self.assertFalse(report.result(work(at_most(1.2)), [1, 1], [0, 0])["met"])
+        self.assertTrue(report.result(work(at_most(1.2)), [0, 0], [0, 0])["met"])
+
     def test_goals(self):
         self.assertFalse(row(1.21)["met"])
         self.assertTrue(row(0.8, goal=at_least(0.8))["met"])
