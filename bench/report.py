@@ -1,6 +1,7 @@
 """Figures of a run: medians and spreads, the table, the record that is kept, and what became slower since the last one."""
 
 import json
+import math
 import statistics
 
 WORSE_BY = 1.15
@@ -14,10 +15,17 @@ def quartiles(values):
     return low, middle, high
 
 
+def divide(ours, floor):
+    """A floor can be too small to be measured."""
+    if floor == 0:
+        return 1.0 if ours == 0 else math.inf
+    return ours / floor
+
+
 def result(work, ours, floor):
     """The record of one work. The spread of the ratio is that of the pairs measured one after the other."""
-    ratio = statistics.median(ours) / statistics.median(floor)
-    low, _, high = quartiles([mine / bare for mine, bare in zip(ours, floor)])
+    ratio = divide(statistics.median(ours), statistics.median(floor))
+    low, _, high = quartiles([divide(mine, bare) for mine, bare in zip(ours, floor)])
     return {
         "name": work.name,
         "unit": work.unit,

@@ -14,6 +14,7 @@ import sys
 import time
 import traceback
 
+import page
 import plot
 import report
 from context import ROOT, Context
@@ -159,7 +160,8 @@ def main():
         HISTORY.mkdir(exist_ok=True)
         file = HISTORY / f"{record['date'][:10]}-{record['commit']}.json"
         file.write_text(json.dumps(record, indent=1) + "\n", encoding="utf-8")
-        print(f"Kept in {file.relative_to(ROOT)}")
+        page.update(ROOT / "docs/performance.md", output, record, notes)
+        print(f"Kept in {file.relative_to(ROOT)} and docs/performance.md")
     print(f"Details and plots: {output}")
     failed = [row for row in results if "failed" in row]
     for row in failed:

@@ -5,6 +5,7 @@ import pathlib
 import tempfile
 import unittest
 
+import page
 import plot
 import report
 from work import Work, at_least, at_most
@@ -31,6 +32,10 @@ class Figures(unittest.TestCase):
         made = report.result(work(None), [1, 2, 3, 4, 5], [1, 1, 1, 1, 1])
         self.assertEqual((made["ours"]["low"], made["ours"]["high"]), (2, 4))
         self.assertIsNone(made["met"])
+
+    def test_a_floor_that_is_too_small_misses_the_goal(self):
+        self.assertFalse(report.result(work(at_most(1.2)), [1, 1], [0, 0])["met"])
+        self.assertTrue(report.result(work(at_most(1.2)), [0, 0], [0, 0])["met"])
 
     def test_goals(self):
         self.assertFalse(row(1.21)["met"])
@@ -97,6 +102,28 @@ class Plots(unittest.TestCase):
         drawn = plot.curve("title", [(1, 2.0, None), (10, 20.0, None)], "settings", "ms")
         self.assertEqual(drawn.count("<polyline"), 1)
         self.assertEqual(drawn.count("<circle"), 2)
+
+
+class Page(unittest.TestCase):
+    def test_the_figures_are_replaced_and_the_rest_stays(self):
+        record = {"date": "2026-11-22T10:00:00Z", "commit": "abc", "machine": "a machine", "works": [row(1.5)]}
+        with tempfile.TemporaryDirectory() as folder:
+            output, docs = pathlib.Path(folder) / "output", pathlib.Path(folder) / "docs"
+            for made in (output, docs, docs / "plots"):
+                made.mkdir()
+            (output / "works.svg").write_text(plot.bars(record["works"], report.number), encoding="utf-8")
+            (docs / "plots" / "bench-old.svg").touch()
+            written = docs / "performance.md"
+            written.write_text(f"before\n{page.BEGIN}\nold\n{page.END}\nafter\n", encoding="utf-8")
+            for _ in range(2):
+                page.update(written, output, record, ["a note"])
+            text = written.read_text(encoding="utf-8")
+            self.assertTrue(text.startswith("before\n") and text.endswith("\nafter\n"))
+            self.assertNotIn("old", text)
+            self.assertEqual(text.count("| work | 1.50 (1.49-1.51) | 1.00 | ms | 1.50 | <= 1.2 | NO |"), 1)
+            self.assertIn("- a note", text)
+            self.assertIn("![Works beside their floors (floor = 1)](plots/bench-works.svg)", text)
+            self.assertEqual([made.name for made in (docs / "plots").iterdir()], ["bench-works.svg"])
 
 
 if __name__ == "__main__":

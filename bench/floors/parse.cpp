@@ -45,7 +45,7 @@ void readFile(const std::string& path) {
 }
 
 void readFileOften(benchmark::State& state, const std::string& path) {
-    for (auto _ : state) {
+    for ([[maybe_unused]] auto _ : state) {
         state.PauseTiming();
         malloc_trim(0);
         state.ResumeTiming();

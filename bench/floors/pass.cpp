@@ -1,6 +1,7 @@
 // floor_pass PORT: the unavoidable work of a pass. A line "URL COUNT" on standard input: GET of the URL to a synced
 // file, openssl through sh, parse, and as many bare sets as the file has settings, each answered before the next one.
-// Prints the milliseconds that this took; fails if the file has other than COUNT settings.
+// Prints the milliseconds that this took, then those of each of the four; fails if the file has other than COUNT
+// settings.
 #include <curl/curl.h>
 #include <fcntl.h>
 #include <libxml/parser.h>
@@ -21,6 +22,12 @@ namespace {
 
 constexpr char encrypted[] = "/var/volatile/floor.xml";
 constexpr char plain[] = "/var/volatile/floor.xml.tmp";
+
+using Clock = std::chrono::steady_clock;
+
+double milliseconds(Clock::time_point from, Clock::time_point to) {
+    return std::chrono::duration<double, std::milli>(to - from).count();
+}
 
 struct Setting {
     std::string name;
@@ -89,16 +96,21 @@ int main(int argc, char** argv) {
         for (std::string url; std::cin >> url;) {
             std::size_t count = 0;
             std::cin >> count;
-            const auto begin = std::chrono::steady_clock::now();
+            const auto begin = Clock::now();
             download(curl, url);
+            const auto downloaded = Clock::now();
             decrypt();
+            const auto decrypted = Clock::now();
             const std::vector<Setting> settings = parse();
+            const auto parsed = Clock::now();
             if (settings.size() != count) throw std::runtime_error("the file has other settings");
             for (const Setting& setting : settings) {
                 client.request("prop-service/set", floors::setRequest(setting.name, setting.value));
             }
-            std::printf("%.3f\n",
-                        std::chrono::duration<double, std::milli>(std::chrono::steady_clock::now() - begin).count());
+            const auto end = Clock::now();
+            std::printf("%.3f %.3f %.3f %.3f %.3f\n", milliseconds(begin, end), milliseconds(begin, downloaded),
+                        milliseconds(downloaded, decrypted), milliseconds(decrypted, parsed),
+                        milliseconds(parsed, end));
             std::fflush(stdout);
         }
         curl_easy_cleanup(curl);

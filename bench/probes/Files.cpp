@@ -44,7 +44,7 @@ void readFile(const std::string& path, const std::shared_ptr<propertyapi::IPrope
 
 void readFileOften(benchmark::State& state, const std::string& path) {
     const auto properties = std::make_shared<OneProperty>();
-    for (auto _ : state) {
+    for ([[maybe_unused]] auto _ : state) {
         state.PauseTiming();
         common::releaseFreeMemory();
         zav::setCurrentProvisioningVersion({});

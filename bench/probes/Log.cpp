@@ -25,24 +25,24 @@ void logOne(int number) { dbg::Debug::info() << "Applying param: '" << name << "
 
 void line(benchmark::State& state) {
     dbg::Debug::setDebugLevelMask("7");
-    for (auto _ : state) logOne(12345);
+    for ([[maybe_unused]] auto _ : state) logOne(12345);
 }
 
 void plainWrite(benchmark::State& state) {
     const std::string text =
         "2026-01-01T00:00:00.000 BENCH info bench/probes/Log:24 Applying param: '" + name + "'='12345'\n";
-    for (auto _ : state) {
+    for ([[maybe_unused]] auto _ : state) {
         if (::write(STDERR_FILENO, text.data(), text.size()) < 0) throw std::runtime_error("cannot write");
     }
 }
 
 void maskedLine(benchmark::State& state) {
     dbg::Debug::setDebugLevelMask("3");
-    for (auto _ : state) logOne(12345);
+    for ([[maybe_unused]] auto _ : state) logOne(12345);
 }
 
 void branch(benchmark::State& state) {
-    for (auto _ : state) {
+    for ([[maybe_unused]] auto _ : state) {
         if (enabled.load(std::memory_order_relaxed)) logOne(12345);
     }
 }

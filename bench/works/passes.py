@@ -1,6 +1,37 @@
 """Passes, from the request on the bus to the result on the bus: the file is encrypted, the phone on one CPU."""
 
+import datetime
+import statistics
+
 from work import Work, at_most
+
+# The daemon's log lines that end the phases of a pass. Their times are in milliseconds; the mean of many passes is finer.
+PHASES = [
+    ('State.Provisioning content: {"param":"State.Provisioning","value":"request"', None),
+    ("Start provisioning thread", "request to thread"),
+    ("Provisioning Started", "read the configuration"),
+    ("Provisioning XML from", "lock the screen"),
+    ("is verifiable", "GET, fsync, openssl, parse"),
+    ("Applying param", "verify, collect jobs"),
+    ("-----Finishing", "settings"),
+    ("Provisioning Finished", "unlock the screen"),
+    ("Provisioning succeeded", "result"),
+]
+
+
+def waterfall(log):
+    """(phase, mean milliseconds) of the passes in the log."""
+    passes, times = [], []
+    for line in log.splitlines():
+        if PHASES[0][0] in line:
+            times = []
+        if len(times) < len(PHASES) and PHASES[len(times)][0] in line:
+            times.append(datetime.datetime.fromisoformat(line.split()[0]).timestamp() * 1000)
+            if len(times) == len(PHASES):
+                passes.append([after - before for before, after in zip(times, times[1:])])
+    if not passes:
+        raise RuntimeError("the log has no whole pass")
+    return [(phase, statistics.fmean(phases)) for (_, phase), phases in zip(PHASES[1:], zip(*passes))]
 
 
 def file_of(settings):
@@ -18,6 +49,7 @@ class Pass(Work):
         self.name = "pass of one setting: fixed cost" if settings == 1 else f"pass of {settings:,} settings"
         self.goal = at_most(goal)
         self.floor_name = f"GET + fsync + openssl by sh + parse + {settings:,} bare sets on the same service"
+        self.parts = []
         self.samples = 31 if settings <= 10 else 9 if settings <= 1000 else 7
         self.started = []
 
@@ -35,8 +67,10 @@ class Pass(Work):
         self.bare = phone.start(context.program("floor_pass"), 1883)
         self.started = [self.passes, self.bare]
         self.request = f"http://provisioning.test/provisioning.xml {settings}"
+        self.phone = phone
         self.ours()
         self.floor()
+        self.before = len(phone.log())
 
     def ours(self):
         time, result = self.passes.ask("pass").split()
@@ -45,7 +79,17 @@ class Pass(Work):
         return float(time)
 
     def floor(self):
-        return float(self.bare.ask(self.request))
+        total, *parts = map(float, self.bare.ask(self.request).split())
+        self.parts.append(parts)
+        return total
+
+    def notes(self):
+        if self.settings != 1:
+            return []
+        ours = waterfall(self.phone.log()[self.before:])
+        floor = zip(("GET, fsync", "openssl by sh", "parse", "set"), map(statistics.median, zip(*self.parts)))
+        return ["ours, ms: " + "; ".join(f"{phase} {time:.2f}" for phase, time in ours),
+                "floor, ms: " + "; ".join(f"{phase} {time:.2f}" for phase, time in floor)]
 
     def close(self):
         for program in self.started:

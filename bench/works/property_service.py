@@ -40,7 +40,7 @@ class Loads:
         if self.users > 1:
             return self
         self.started = []
-        self.milliseconds = 50 if context.quick else 300
+        self.milliseconds = 50 if context.quick else 200
         with context.pin():
             self.loads = {keys: self.service(context, keys) for keys in (FEW, MANY)}
             broker, port = context.broker()
@@ -82,6 +82,7 @@ LOADS = Loads()
 
 class LoadWork(Work):
     unit = "1/s"
+    samples = 7
 
     def __init__(self, operation, keys):
         self.operation, self.keys = operation, keys
