@@ -128,6 +128,8 @@ class CommandsTest(unittest.TestCase):
         self.addCleanup(copy.folder.cleanup)
         for block, command in self.with_first_word("scripts/"):
             with self.subTest(f"{block}: {command}"):
+                if command.startswith("scripts/bench"):  # what it would measure: nothing is built here
+                    command = re.sub(r" *#.*", "", command) + " --list"
                 status, said = copy.run(re.sub(r"\d+\.\d+\.\d+", copy.version, command))
                 self.assertEqual(status, 0, said)
                 if command.startswith("scripts/demo"):

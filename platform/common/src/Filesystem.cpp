@@ -25,7 +25,7 @@ struct Name {
 
 Name nameOf(int folder, const dirent& entry) {
     struct stat status {};
-    mode_t mode = DTTOIF(entry.d_type);
+    auto mode = static_cast<mode_t>(DTTOIF(entry.d_type));
     if (entry.d_type == DT_UNKNOWN && ::fstatat(folder, entry.d_name, &status, AT_SYMLINK_NOFOLLOW) == 0) {
         mode = status.st_mode;
     }
