@@ -75,6 +75,13 @@ void StubbornBroker::send(const std::string& topic, const std::string& payload, 
     eventfd_write(wakeup_, 1);
 }
 
+void StubbornBroker::sendAroundPingResponse(const std::string& firstTopic, const std::string& secondTopic) {
+    const auto message = [](const std::string& topic) { return packet(publish << 4, text(topic) + '\0'); };
+    message_ = message(firstTopic) + packet(pingresp << 4, "") + message(secondTopic);
+    toSend_ = 1;
+    eventfd_write(wakeup_, 1);
+}
+
 void StubbornBroker::hangUp() {
     hangsUp_ = true;
     eventfd_write(wakeup_, 1);

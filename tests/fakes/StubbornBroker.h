@@ -25,6 +25,9 @@ class StubbornBroker {
     /// Once the client has subscribed, sends it `times` messages with QoS 0.
     void send(const std::string& topic, const std::string& payload, std::size_t times,
               const std::string& correlationData = "");
+    /// Once the client has subscribed, sends it two empty messages with QoS 0 and a ping response between them, all in
+    /// one TCP segment.
+    void sendAroundPingResponse(const std::string& firstTopic, const std::string& secondTopic);
     /// Whether the client has received everything sent.
     bool isTaken() const { return toSend_ == 0; }
 

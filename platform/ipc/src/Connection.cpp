@@ -161,6 +161,11 @@ bool Connection::serve(Clock::time_point until, const std::function<bool()>& isD
         if (link_->isOver() || link_->hasPendingWrites()) waker_.wake();
     }
     isServedByCaller_ = false;
+    // The event of what is left reached this thread only, so the network thread would not hear of it.
+    if (link_ && link_->hasUnreadInput()) {
+        inputLeft_ = true;
+        waker_.wake();
+    }
     return true;
 }
 

@@ -176,6 +176,7 @@ class Connection : private LinkListener {
 
     SocketWait callerWait_{caller_};  // the thread in the public `serve` waits on it; the network thread changes it
     bool isServedByCaller_ GUARDED_BY(mutex_) = false;
+    bool inputLeft_ GUARDED_BY(mutex_) = false;  // by the public `serve`; the network thread reads it
 
     // The network thread's own.
     SocketWait networkWait_{waker_};

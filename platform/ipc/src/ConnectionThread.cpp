@@ -120,7 +120,8 @@ std::unique_ptr<Link> Connection::dial(const std::string& numericAddress) {
 void Connection::pump() {
     callerWait_.closed();
     networkWait_.closed();
-    callerWait_.watch(link_->descriptor(), POLLIN);  // first: see SocketWait
+    // First: see SocketWait. If it fails, callers wait for the network thread to read.
+    (void)callerWait_.watch(link_->descriptor(), POLLIN);
     while (shouldContinue()) {
         const short events = waitForEvents();
         link_->beginRound();
@@ -159,9 +160,14 @@ short Connection::waitForEvents() {
     auto until = link_->upkeepAt();
     if (state_ == State::connecting || state_ == State::subscribing) until = std::min(until, readyDeadline_);
     if (isClosing()) until = std::min(until, closeDeadline_);
-    networkWait_.watch(link_->descriptor(), link_->eventsToAwait(isClosing()));
-    const common::UnlockGuard unlocked(mutex_);
-    return networkWait_.wait(until);
+    const bool isWatched = networkWait_.watch(link_->descriptor(), link_->eventsToAwait(isClosing()));
+    short events = 0;
+    {
+        const common::UnlockGuard unlocked(mutex_);
+        events = isWatched ? networkWait_.wait(until) : networkWait_.poll(until);
+    }
+    if (std::exchange(inputLeft_, false)) events = static_cast<short>(events | POLLIN);
+    return events;
 }
 
 void Connection::serveLink(short events) {

@@ -79,6 +79,8 @@ std::string Link::failure() const {
     return stage_ == Stage::accepted ? lossText(MOSQ_ERR_CONN_LOST, 0) : handshakeFailureText(MOSQ_ERR_CONN_LOST, 0);
 }
 
+bool Link::hasUnreadInput() const { return !isOver() && !readingPaused_ && hasInput(descriptor()); }
+
 void Link::fail(const std::string& cause) {
     if (failure_.empty()) failure_ = cause;
 }

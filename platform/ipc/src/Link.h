@@ -76,6 +76,8 @@ class Link {
     /// Messages with quality of service 1 that may be unacknowledged at once; libmosquitto keeps back the others.
     std::size_t receiveMaximum() const { return receiveMaximum_; }
     bool hasPendingWrites() const { return mosquitto_want_write(handle_.get()); }
+    /// False while reading is paused.
+    bool hasUnreadInput() const;
 
     // ---- the loop of the network thread: wait for the descriptor, then one round ----
 

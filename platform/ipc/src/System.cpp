@@ -35,6 +35,12 @@ int lookUp(const std::string& host, const char* port, int flags, AddressList& fo
     return result;
 }
 
+int millisecondsUntil(std::chrono::steady_clock::time_point time) {
+    using std::chrono::milliseconds;
+    const auto left = std::chrono::ceil<milliseconds>(time - std::chrono::steady_clock::now()).count();
+    return static_cast<int>(std::max<milliseconds::rep>(left, 0));
+}
+
 }  // namespace
 
 std::thread startThread(const char* name, std::function<void()> body) {
@@ -72,23 +78,22 @@ SocketWait::SocketWait(const Waker& waker) : waker_(waker), epoll_(epoll_create1
     }
 }
 
-void SocketWait::watch(int socket, short events) {
-    if (socket == socket_ && events == events_) return;
+bool SocketWait::watch(int socket, short events) {
+    if (isWatched_ && socket == socket_ && events == events_) return true;
     // EPOLL_CTL_MOD is not allowed with EPOLLEXCLUSIVE.
-    if (socket == socket_) epoll_ctl(epoll_.get(), EPOLL_CTL_DEL, socket, nullptr);
+    if (isWatched_ && socket == socket_) epoll_ctl(epoll_.get(), EPOLL_CTL_DEL, socket, nullptr);
     socket_ = socket;
     events_ = events;
     epoll_event event{};
     event.events = EPOLLEXCLUSIVE | static_cast<std::uint32_t>(events);
     event.data.fd = socket;
-    epoll_ctl(epoll_.get(), EPOLL_CTL_ADD, socket, &event);
+    isWatched_ = epoll_ctl(epoll_.get(), EPOLL_CTL_ADD, socket, &event) == 0;
+    return isWatched_;
 }
 
 short SocketWait::wait(std::chrono::steady_clock::time_point until) const {
-    using std::chrono::milliseconds;
-    const auto left = std::chrono::ceil<milliseconds>(until - std::chrono::steady_clock::now()).count();
     epoll_event ready[2] = {};
-    const int count = epoll_wait(epoll_.get(), ready, 2, static_cast<int>(std::max<milliseconds::rep>(left, 0)));
+    const int count = epoll_wait(epoll_.get(), ready, 2, millisecondsUntil(until));
     short events = 0;
     for (int index = 0; index < count; ++index) {
         if (ready[index].data.fd == waker_.descriptor()) {
@@ -98,6 +103,13 @@ short SocketWait::wait(std::chrono::steady_clock::time_point until) const {
         }
     }
     return events;
+}
+
+short SocketWait::poll(std::chrono::steady_clock::time_point until) const {
+    pollfd watched[2] = {{socket_, events_, 0}, {waker_.descriptor(), POLLIN, 0}};
+    if (::poll(watched, 2, millisecondsUntil(until)) <= 0) return 0;
+    if (watched[1].revents != 0) waker_.drain();
+    return watched[0].revents;
 }
 
 std::vector<std::string> resolve(const Address& address, std::string& failure) {

@@ -39,19 +39,23 @@ class SocketWait {
     /// Throws IPCException if the system has no free descriptor.
     explicit SocketWait(const Waker& waker);
 
-    /// From now on waits for these events of the socket (POLLIN, POLLOUT), until it is closed.
-    void watch(int socket, short events);
+    /// From now on waits for these events of the socket (POLLIN, POLLOUT), until it is closed. Returns false if the
+    /// system has no memory or watches left; the next call tries again.
+    [[nodiscard]] bool watch(int socket, short events);
     /// The socket was closed; another one may have its number.
-    void closed() { socket_ = -1; }
+    void closed() { isWatched_ = false; }
     /// Returns the socket's events; 0 once it is time, or after a `wake`, which it drains. The set may change
     /// meanwhile.
     short wait(std::chrono::steady_clock::time_point until) const;
+    /// As `wait`, for after a `watch` that failed, on the thread that called it. It shares no events.
+    short poll(std::chrono::steady_clock::time_point until) const;
 
  private:
     const Waker& waker_;
     const common::Descriptor epoll_;
     int socket_ = -1;
     short events_ = 0;
+    bool isWatched_ = false;
 };
 
 /// The numeric addresses of the host, in the order to try. If it has none, the result is empty and `failure` is set.
