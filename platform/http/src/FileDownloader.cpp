@@ -2,7 +2,6 @@
 
 #include <strings.h>
 
-#include <functional>
 #include <new>
 #include <system_error>
 #include <utility>
@@ -231,8 +230,9 @@ void Download::record(const Transfer& transfer) {
     if (transfer.storedWholeFile() || transfer.storedRest()) resumePoint_ = transfer.resumePoint();
 }
 
-// Turns what ends a download early into its result code.
-int resultOf(const std::function<int()>& download) {
+// Turns what ends a download early into its result code. A std::function would need memory.
+template <typename Function>
+int resultOf(const Function& download) {
     try {
         return download();
     } catch (const UrlException&) {
