@@ -42,10 +42,9 @@ std::string defaultCatalogue() {
         }
     }
     if (fs::exists(ZAV_CATALOGUE, error)) return ZAV_CATALOGUE;
-    throw Failure(
-        ExitCode::failed, "no-catalogue",
-        std::string(ZAV_CATALOGUE) +
-            ": does not exist; name the phone's catalogue with --catalogue FILE, or install the catalogue");
+    throw Failure(ExitCode::failed, "no-catalogue",
+                  std::string(ZAV_CATALOGUE) +
+                      ": does not exist; name the phone's catalogue with --catalogue FILE, or install the catalogue");
 }
 
 }  // namespace zavctl
