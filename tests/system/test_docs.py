@@ -90,7 +90,7 @@ class Page:
         self.untried = None
 
     def try_xml(self, block):
-        if block.name.endswith("provisioning.xml") and not block.name.startswith("elsewhere.test/"):
+        if block.name.lower().endswith("provisioning.xml") and not block.name.startswith("elsewhere.test/"):
             self.finish_example()
             publish({})
             self.log.mark()

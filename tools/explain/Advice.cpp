@@ -93,7 +93,11 @@ class Adviser {
     }
 
     void adviseFile(const Event& event) {
+        // What the phone skips without a line in its log.
+        static const std::set<std::string> silent{"value-as-text", "item-content", "empty-item",      "lost-element",
+                                                  "no-jobs",       "hidden-mix",   "unknown-category"};
         file_ = event;
+        if (begins(event.reason, "200 ")) lintFile(event, silent);
         const auto unknown = lint::unknownPlaceholder(event.subject);
         if (unknown && !begins(event.reason, "200 ")) {
             add(event, lint::quoted(*unknown) + " is not a placeholder: " + lint::placeholderRemedy(*unknown));

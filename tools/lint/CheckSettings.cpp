@@ -158,8 +158,7 @@ class SettingsCheck {
             const std::string effect = periodEffect(value);
             if (!effect.empty()) checks_.add(RuleId::period, valueOf(element, "value"), effect);
         } else if (name == zav::constants.provisioningServerKey && !value.empty()) {
-            checkUrl(checks_, element, "value", value, UrlUse::server);
-            checkServer(value, element);
+            if (checkUrl(checks_, element, "value", value, UrlUse::server)) checkServer(value, element);
         }
     }
 

@@ -101,26 +101,27 @@ bool checkParts(Checks& checks, std::size_t element, const std::string& attribut
 
 }  // namespace
 
-void checkUrl(Checks& checks, std::size_t element, const std::string& attribute, const std::string& url, UrlUse use,
+bool checkUrl(Checks& checks, std::size_t element, const std::string& attribute, const std::string& url, UrlUse use,
               bool isFetched) {
     const Place place = valueOf(element, attribute);
     if (use == UrlUse::redirect && !url.empty() && url.front() == '/') {
         checks.add(RuleId::redirectPath, place, "A redirect to the path " + quoted(url) + " fails");
-        return;
+        return false;
     }
     const auto info = parse(url, use, checks.options.baseUrl);
     if (!info) {
         const RuleId rule = use == UrlUse::server ? RuleId::serverUrl : RuleId::invalidUrl;
         checks.add(rule, place, quoted(common::withoutPassword(url)) + " is not a URL that the phone accepts");
-        return;
+        return false;
     }
     if (!isInitial(use) && !hasScheme(url) && url.front() != '/' && isPath(url)) {
         checks.add(RuleId::urlWithoutSlash, place, quoted(url) + " is read as the host " + quoted(info->host()),
                    "write " + quoted("/" + url));
-        return;
+        return true;
     }
     const bool isFetchable = checkParts(checks, element, attribute, url, *info, use);
     if (isFetchable && use != UrlUse::server) checks.links.push_back({kindOf(use), url, isFetched, place});
+    return true;
 }
 
 }  // namespace lint

@@ -84,8 +84,8 @@ void checkSettings(Checks& checks, const Job& job);
 /// What a URL is for.
 enum class UrlUse { jobFile, published, redirect, certificate, firmware, phoneBook, server };
 
-/// A URL in an attribute; also records the link. `isFetched` as of Reference.
-void checkUrl(Checks& checks, std::size_t element, const std::string& attribute, const std::string& url, UrlUse use,
+/// A URL in an attribute; also records the link. `isFetched` as of Reference. False if the phone does not accept it.
+bool checkUrl(Checks& checks, std::size_t element, const std::string& attribute, const std::string& url, UrlUse use,
               bool isFetched = true);
 
 /// What the phone makes of a provisioning period; empty if it takes it as it is.

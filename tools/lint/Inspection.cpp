@@ -50,9 +50,11 @@ Source sourceOf(std::string text, const Options& options) {
     });
 }
 
+constexpr char controlCharacter[] = "remove the character: of control characters XML allows only tabs and line ends";
+
 // What to do about libxml2's commonest messages; empty: nothing in particular.
 std::string remedyFor(const std::string& message) {
-    constexpr std::array<std::pair<const char*, const char*>, 9> remedies{{
+    constexpr std::array<std::pair<const char*, const char*>, 15> remedies{{
         {"EntityRef", "write &amp; for &"},
         {"Unescaped '<'", "write &lt; for <"},
         {"tag mismatch", "close each element, the inner one first"},
@@ -62,6 +64,12 @@ std::string remedyFor(const std::string& message) {
         {"attributes construct", "separate attributes with blanks, and put values in quotation marks"},
         {"Start tag expected", "the file must begin with its root element"},
         {"Extra content", "a file has one root element"},
+        {"Entity '", "write the character itself: XML knows only &amp;, &lt;, &gt;, &quot; and &apos;"},
+        {"Double hyphen", "write no -- inside a comment"},
+        {"XML declaration allowed only", "remove what stands before <?xml"},
+        {"invalid character", controlCharacter},
+        {"invalid xmlChar", controlCharacter},
+        {"invalid Char", controlCharacter},
     }};
     for (const auto& [part, remedy] : remedies) {
         if (message.find(part) != std::string::npos) return remedy;
@@ -281,7 +289,8 @@ class Inspector {
         const std::string shown = quoted(message);
         const Source source = sourceOf(toUtf8(text, ""), options_);
         const std::size_t offset = source.offsetOf(failure.line, failure.column);
-        std::string remedy = rule == RuleId::notWellFormed ? remedyFor(message) : "";
+        const bool isOfTheParser = rule == RuleId::notWellFormed || rule == RuleId::encoding;
+        std::string remedy = isOfTheParser ? remedyFor(message) : "";
         if (!remedy.empty() && isTypographicQuote(source.text(), offset))
             remedy = R"(write straight quotation marks: ")";
         addAt(rule, source, offset, shown.substr(1, shown.size() - 2), remedy);

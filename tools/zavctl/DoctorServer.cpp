@@ -125,7 +125,7 @@ Finding checkFile(Examination& examination) {
     zav::ProvisioningFileParser parser(examination.file(), reader, examination.properties);
     if (parser.parseInitialFile()) return ok(encrypted ? "yes, decrypted" : "yes, not encrypted");
     if (!reader.name().empty()) return refused(reader, examination.macAddress);
-    if (!encrypted) return error("it is not an acceptable XML file", "Correct it: xmllint --noout shows the place.");
+    if (!encrypted) return error("it is not an acceptable XML file", "Correct it: zavctl lint URL shows the place.");
     return error("it cannot be decrypted with this phone's key",
                  "Encrypt it with the pass phrase in /etc/zav.d/key, by openssl enc -aes-128-cbc.");
 }

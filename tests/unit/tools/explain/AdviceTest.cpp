@@ -45,6 +45,17 @@ TEST_F(ExplainAdvice, MissingAttributeIsNamed) {
                 ElementsAre("Time.Format|||" + std::string(Event::missingAttribute)));
 }
 
+TEST_F(ExplainAdvice, WhatThePhoneSkipsWithoutALineIsNamed) {
+    EXPECT_THAT(adviceOn(direct("<nvm><param name='Time.Format'>12h</param></nvm>")),
+                ElementsAre(AllOf(HasSubstr(folder + "/provisioning.xml:1:"), HasSubstr("write the text as value"))));
+    EXPECT_THAT(adviceOn(direct("<nvm><param name='Audio.Ringer.Volume' value='4'/>"
+                                "<param name='Time.Format' value='12h'> </param></nvm>")),
+                ElementsAre(HasSubstr("something stands inside it")));
+    EXPECT_THAT(adviceOn(direct("<nvm></nvm>")), ElementsAre(HasSubstr("The file has no job")));
+    EXPECT_THAT(adviceOn(document("provisioning", "1.0", "<category type='NVM' url='/nvm.xml'/>")),
+                ElementsAre(HasSubstr("There is no category \"NVM\"; write \"nvm\"")));
+}
+
 TEST_F(ExplainAdvice, RefusedSettingsHaveARemedy) {
     EXPECT_THAT(adviceOnSetting("name='Telephony.Accounts.99.Label' value='x'"), ElementsAre(HasSubstr("from 0 to 7")));
     EXPECT_THAT(adviceOnSetting("name='Time.Fromat' value='x'"), ElementsAre(HasSubstr("write \"Time.Format\"")));
