@@ -65,12 +65,12 @@ Passes::Passes(const std::vector<std::string>& files, const Options& options) : 
 Report Passes::report() {
     const zav::xml::Library library;  // initialised once, not for each file
     inspectNamedFiles();
+    // A file with another name may be an initial one by its root only. If a pass includes it, it is not.
     for (const std::string& name : named_) {
-        const File& file = files_[name];
-        const bool isInitial = std::any_of(file.ways.begin(), file.ways.end(), [](const auto& way) {
-            return way.second.role == Role::initial && way.second.isProvisioningFile;
-        });
-        if (isInitial) runPass(name);
+        if (roleByName(name) == Role::initial && isInitial(name)) runPass(name);
+    }
+    for (const std::string& name : named_) {
+        if (reached_.count(name) == 0 && isInitial(name)) runPass(name);
     }
     // Files that no initial file leads to: what they refer to must be there all the same.
     for (const std::string& name : named_) {
@@ -86,6 +86,13 @@ Report Passes::report() {
     Report report;
     for (const std::string& name : order_) collect(name, files_[name], report);
     return report;
+}
+
+bool Passes::isInitial(const std::string& name) {
+    const auto& ways = files_[name].ways;
+    return std::any_of(ways.begin(), ways.end(), [](const auto& way) {
+        return way.second.role == Role::initial && way.second.isProvisioningFile;
+    });
 }
 
 void Passes::inspectNamedFiles() {
@@ -224,6 +231,7 @@ void Passes::followOne(const std::string& name, const Reference& reference, cons
     }
     reached_.insert(target.file);
     referredTo_.insert(target.file);
+    if (isNewPass) redirectedTo_.insert(target.file);
     if (reference.isFetched) pass.items += found->items;
     if (pass.items > zav::Pass::maximumItems && !pass.isOverItems) {
         pass.isOverItems = true;
@@ -285,8 +293,10 @@ void Passes::collect(const std::string& name, const File& file, Report& report) 
     };
     // What a file is when it is looked at by itself does not count if the phone comes to it in another way.
     const bool hasWay = reached_.count(name) != 0;
+    const bool isIncluded =
+        referredTo_.count(name) != 0 && redirectedTo_.count(name) == 0 && roleByName(name) != Role::initial;
     for (const auto& [way, inspection] : file.ways) {
-        const bool isOnlyByItself = std::get<1>(way).empty() && std::get<0>(way) != Role::initial;
+        const bool isOnlyByItself = std::get<1>(way).empty() && (std::get<0>(way) != Role::initial || isIncluded);
         if (hasWay && isOnlyByItself && file.ways.size() > 1) continue;
         for (const Finding& finding : inspection.findings) {
             file.ways.size() > 1 ? add(finding) : found.push_back(finding);

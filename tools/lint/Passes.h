@@ -42,6 +42,7 @@ class Passes {
     };
 
     void inspectNamedFiles();
+    bool isInitial(const std::string& name);
     Inspection inspectFile(const std::string& name, const Circumstances& circumstances, std::string& error) const;
     Content read(const std::string& name) const;
     const Inspection* inspectionOf(const std::string& name, const Circumstances& circumstances);
@@ -58,10 +59,11 @@ class Passes {
     const Options& options_;
     std::vector<std::string> named_;  // to lint, not only in another file; each once
     std::map<std::string, File> files_;
-    std::vector<std::string> order_;    // named files first, then others as they are found
-    std::set<std::string> otherFiles_;  // certificates, phone books and images
-    std::set<std::string> reached_;     // from an initial file, those included
-    std::set<std::string> referredTo_;  // by another file
+    std::vector<std::string> order_;      // named files first, then others as they are found
+    std::set<std::string> otherFiles_;    // certificates, phone books and images
+    std::set<std::string> reached_;       // from an initial file, those included
+    std::set<std::string> referredTo_;    // by another file
+    std::set<std::string> redirectedTo_;  // likewise, as the initial file of a pass of their own
 };
 
 /// Whether a file of this name, path or URL, reaches the phone over plain http.

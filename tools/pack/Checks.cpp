@@ -61,4 +61,16 @@ void checkOutsideOf(const std::string& to, const std::vector<std::string>& files
     }
 }
 
+std::string problemOfName(const std::string& name) {
+    constexpr std::size_t maxNameBytes = 255;
+    for (std::size_t begin = 0; begin <= name.size();) {
+        const std::size_t end = std::min(name.find('/', begin), name.size());
+        const std::string step = name.substr(begin, end - begin);
+        if (step.empty() || step.front() == '.') return "a step of the path is empty or begins with \".\": " + name;
+        if (step.size() > maxNameBytes) return "a name of more than 255 bytes: " + name;
+        begin = end + 1;
+    }
+    return "";
+}
+
 }  // namespace pack

@@ -13,4 +13,8 @@ void checkFolders(const std::string& from, const std::string& to, const std::str
 /// Throws Error if one of these files is in the output folder, where it would be published.
 void checkOutsideOf(const std::string& to, const std::vector<std::string>& files);
 
+/// Why a published file below the output folder cannot have this name: a step of it is empty, hidden or too long; "" if
+/// it can.
+std::string problemOfName(const std::string& name);
+
 }  // namespace pack

@@ -5,6 +5,7 @@
 #include <optional>
 
 #include "pack/Container.h"
+#include "pack/Files.h"
 #include "propertyprotocol/Utf8.h"
 
 namespace pack {
@@ -115,7 +116,7 @@ bool isInitialFileName(const std::string& name) {
 }
 
 std::string problemOfRoot(const std::string& name, const Root& root) {
-    const std::string found = "its root element is \"" + root.name + "\"";
+    const std::string found = "its root element is \"" + printable(root.name) + "\"";
     if (isProvisioningRoot(lowered(root.name))) return found + "; the phone wants \"" + lowered(root.name) + "\"";
     if (root.tag.find("productID") != std::string::npos || isInitialFileName(name)) {
         return found + "; the phone wants one of provisioning, firmware, nvm, settings, custom, scenario";

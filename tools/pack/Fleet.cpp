@@ -25,7 +25,6 @@ namespace pack {
 namespace {
 
 constexpr std::size_t noColumn = static_cast<std::size_t>(-1);
-constexpr std::size_t maxNameBytes = 255;
 
 // A file of a row, or one for all rows.
 struct Place {
@@ -47,17 +46,6 @@ std::string lowered(std::string text) {
     return text;
 }
 
-std::string problemOfName(const std::string& name) {
-    for (std::size_t begin = 0; begin <= name.size();) {
-        const std::size_t end = std::min(name.find('/', begin), name.size());
-        const std::string step = name.substr(begin, end - begin);
-        if (step.empty() || step.front() == '.') return "a step of the path is empty or begins with \".\": " + name;
-        if (step.size() > maxNameBytes) return "a name of more than 255 bytes: " + name;
-        begin = end + 1;
-    }
-    return "";
-}
-
 class Fleet {
  public:
     explicit Fleet(const FleetOptions& options) : options_(options) {}
@@ -67,6 +55,7 @@ class Fleet {
         expandPaths();
         warnOfLowerCase();
         refuseCollisions();
+        refuseAddressesInTwoForms();
         refuseErrorsOfAllRows();
         packCommonFiles();
         forEach(
@@ -210,6 +199,24 @@ class Fleet {
         row.failure = name + " is also the file of row " + std::to_string(table_.rows[owner].number);
         if (rows_[owner].failure.empty()) {
             rows_[owner].failure = name + " is also the file of row " + std::to_string(table_.rows[index].number);
+        }
+    }
+
+    // Their paths may differ, but one phone cannot ask for both.
+    void refuseAddressesInTwoForms() {
+        if (macColumn_ == noColumn) return;
+        std::unordered_map<std::string, std::size_t> owners;  // index of the row that has the address first
+        for (std::size_t index = 0; index < rows_.size(); ++index) {
+            Row& row = rows_[index];
+            if (!row.failure.empty()) continue;
+            const auto [known, isNew] = owners.emplace(lowered(row.values.back()), index);
+            Row& first = rows_[known->second];
+            if (isNew || first.values[macColumn_] == row.values[macColumn_]) continue;
+            const auto failure = [this](std::size_t other) {
+                return "row " + std::to_string(table_.rows[other].number) + " writes the same address in another way";
+            };
+            row.failure = failure(known->second);
+            if (first.failure.empty()) first.failure = failure(index);
         }
     }
 

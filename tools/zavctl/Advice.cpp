@@ -179,6 +179,8 @@ const std::vector<Advice>& logAdvice() {
          R"~(add `value`; to clear a setting write `value=""`)~"},
         {"`Could not set param : '…'='…' (exception … read-only: …)`", "a provisioning file may not write this key",
          "remove the setting"},
+        {"`Could not set param : '…'='…' (exception Function key parameter name invalid …)`",
+         "no key number stands behind `PhoneUI.Keys.FunctionKeys.`", "write `PhoneUI.Keys.FunctionKeys.N.NAME`"},
         {"`Could not set param : '…'='…' (exception …)`", "the property service refused the value; the text says why",
          "`zavctl describe KEY` says what the key may hold"},
         {"`Property '…': unknown key: …`", "the phone has no such setting, or not with this number",

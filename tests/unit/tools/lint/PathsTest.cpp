@@ -65,6 +65,16 @@ TEST_F(LintPaths, FollowsTheFilesOfAPass) {
     EXPECT_THAT(lint({first}), ElementsAre("set tings.xml: unknown-key"));
 }
 
+// Its root alone would make it an initial file, in which settings are not jobs.
+TEST_F(LintPaths, AnIncludedFileMayHaveTheRootOfAnInitialOne) {
+    const std::string settings = "<nvm>" + volume + "</nvm>";
+    write("a.xml", provisioning(settings, "1.0"));
+    EXPECT_THAT(lint({folder}), testing::Contains("a.xml: job-not-allowed"));
+    write("provisioning.xml", initial("/nvm.xml"));
+    write("nvm.xml", jobFile("/a.xml"));
+    EXPECT_THAT(lint({folder}), IsEmpty());
+}
+
 TEST_F(LintPaths, EachPhonesFolderIsAServerOfItsOwn) {
     write("02-00-5E-10-00-01/provisioning.xml", initial("/nvm.xml"));
     write("02-00-5E-10-00-01/nvm.xml", jobFile("/settings.xml"));

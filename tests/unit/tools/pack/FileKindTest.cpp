@@ -52,6 +52,7 @@ TEST(FileKind, AFileThatSeemsMeantToBeOneIsAProblem) {
     EXPECT_THAT(classify("a.xml", "<Provisioning/>").problem, HasSubstr("the phone wants \"provisioning\""));
     EXPECT_THAT(classify("a.txt", "<provisionning productID='kd4v'/>").problem, HasSubstr("\"provisionning\""));
     EXPECT_THAT(classify("x/provisioning.xml", "<contacts/>").problem, HasSubstr("\"contacts\""));
+    EXPECT_THAT(classify("provisioning.xml", "<a\xe0\x97\xb1/>").problem, HasSubstr("\"a\\xe0"));
     EXPECT_THAT(classify("a.xml", "").problem, HasSubstr("empty"));
     for (const std::string text : {"not XML", "<!-- never ends", "<?xml", "\x1f\x8b"}) {
         EXPECT_THAT(classify("A.XML", text).problem, HasSubstr("not an XML document")) << text;
