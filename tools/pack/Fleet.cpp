@@ -208,14 +208,14 @@ class Fleet {
         std::unordered_map<std::string, std::size_t> owners;  // index of the row that has the address first
         for (std::size_t index = 0; index < rows_.size(); ++index) {
             Row& row = rows_[index];
-            if (!row.failure.empty()) continue;
+            if (row.values.size() != placeholders_.size()) continue;  // it has no address
             const auto [known, isNew] = owners.emplace(lowered(row.values.back()), index);
             Row& first = rows_[known->second];
             if (isNew || first.values[macColumn_] == row.values[macColumn_]) continue;
             const auto failure = [this](std::size_t other) {
                 return "row " + std::to_string(table_.rows[other].number) + " writes the same address in another way";
             };
-            row.failure = failure(known->second);
+            if (row.failure.empty()) row.failure = failure(known->second);
             if (first.failure.empty()) first.failure = failure(index);
         }
     }

@@ -92,7 +92,7 @@ TEST_F(FleetTest, OneAddressInTwoFormsFails) {
     table("mac,name\n02:00:5e:10:00:0a,a\n02:00:5E:10:00:0A,b\n02:00:5E:10:00:02,c\n02-00-5E-10-00-0A,d\n");
     EXPECT_THAT(failures(),
                 ElementsAre("2 row 3 writes the same address in another way", HasSubstr("3 "), HasSubstr("5 ")));
-    EXPECT_THAT(tree("out"), SizeIs(1));
+    EXPECT_THAT(tree("out"), SizeIs(2));
 }
 
 TEST_F(FleetTest, AValueCannotLeaveTheOutputFolder) {
