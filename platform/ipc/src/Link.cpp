@@ -15,8 +15,8 @@ namespace ipc {
 namespace {
 
 constexpr int keepAliveSeconds = 60;
-// How often libmosquitto checks whether a keep-alive is due. Each check wakes the process; the keep-alive must leave within
-// one and a half times its interval.
+// How often libmosquitto checks whether a keep-alive is due. Each check wakes the process; the keep-alive must leave
+// within one and a half times its interval.
 constexpr std::chrono::seconds upkeepInterval{20};
 static_assert(2 * upkeepInterval.count() < keepAliveSeconds);
 constexpr std::size_t packetsPerRound = 256;
