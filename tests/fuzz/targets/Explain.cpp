@@ -3,6 +3,7 @@
 #include "explain/Explain.h"
 
 #include <sstream>
+#include <string>
 
 #include "explain/Report.h"
 #include "fuzz/InputFile.h"
@@ -15,6 +16,7 @@ namespace fuzz {
 void explain(const std::string& input) {
     const auto [server, rest] = splitLine(input);
     const auto [base, file] = splitLine(rest);
+    if (base.find('\0') != std::string::npos) return;  // an argument of a command has none
     ::explain::Request request;
     request.source = inputFile(file);
     request.base = base;
