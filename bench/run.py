@@ -118,7 +118,7 @@ def arguments():
 
 def main():
     given = arguments()
-    # Whoever ends the run, the works end what they started.
+    # An interrupted or terminated run stops the processes of its works, too.
     signal.signal(signal.SIGTERM, signal.default_int_handler)
     signal.signal(signal.SIGINT, signal.default_int_handler)
     works = [work for work in works_of_all_modules() if re.search(given.only, work.name, re.IGNORECASE)]

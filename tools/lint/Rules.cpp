@@ -163,7 +163,8 @@ const std::vector<Rule>& rules() {
          "ignored.",
          "write a number of seconds"},
         {"own-address", warning,
-         "NET.MAC.Address names the phone: with another one, files and folders of this phone are no longer its own.",
+         "NET.MAC.Address identifies the phone: with another address it refuses its own files and asks for other "
+         "folders.",
          "remove the setting"},
         {"server-url", error, "With a provisioning server that is not a URL the phone never provisions again.",
          "write https://HOST/FOLDER/"},
