@@ -248,7 +248,8 @@ def freeze_properties(life):
 
 @fault("broker", "the broker is killed", "start the broker", lambda life: "broker frozen" not in life.broken)
 def kill_broker(life):
-    life.disturb()
+    # A frozen property service may still hold the timer's request, and announce it before the daemon is back.
+    life.disturb(lost=life.asking)
     life.booting = False
     life.disconnect()
     phone.service("kill", "broker")
