@@ -11,11 +11,6 @@ import unittest
 import report
 
 
-def line(number, count, *branches):
-    return {"line_number": number, "count": count, "gcovr/noncode": False,
-            "branches": [{"count": taken, "throw": False} for taken in branches]}
-
-
 class Report(unittest.TestCase):
     def setUp(self):
         folder = tempfile.TemporaryDirectory()
@@ -24,14 +19,16 @@ class Report(unittest.TestCase):
         (self.root / "src").mkdir()
         (self.root / "src/a.cpp").write_text("one();\n    two();\ntwo();\n" + "three();\n" * 97, encoding="utf-8")
 
-    def judge(self, lines, **allowed):
-        files = [{"file": "src/a.cpp", "lines": lines}]
+    def judge(self, text, **allowed):
+        """What is wrong with a report, whose lines name "src/a.cpp" in the way of a compiler."""
+        path = self.root / "report.lcov"
+        path.write_text(f"SF:{self.root}/build/../src/a.cpp\n{text}end_of_record\n", encoding="utf-8")
         names = collections.Counter({("src/a.cpp", f"{name}();"): times for name, times in allowed.items()})
         with contextlib.redirect_stdout(io.StringIO()):
-            return report.judge(files, names, self.root)
+            return report.judge(report.read(path, self.root), names, self.root)
 
     def lines(self, unreached=()):
-        return [line(number, 0 if number in unreached else 1) for number in range(1, 101)]
+        return "".join(f"DA:{number},{int(number not in unreached)}\n" for number in range(1, 101))
 
     def test_everything_reached(self):
         self.assertEqual(self.judge(self.lines()), [])
@@ -53,12 +50,16 @@ class Report(unittest.TestCase):
         self.assertIn("src: 97.0 % of the lines, the goal is 98 %", self.judge(self.lines([1, 2, 3]), one=1, two=2))
 
     def test_too_few_branches(self):
-        self.assertEqual(self.judge([line(1, 1, 1, 0)]), ["src: 50.0 % of the branches, the goal is 92 %"])
+        self.assertEqual(self.judge("DA:1,1\nBRDA:1,0,0,7\nBRDA:1,0,1,0\n"),
+                         ["src: 50.0 % of the branches, the goal is 92 %"])
 
-    def test_branches_of_exceptions_do_not_count(self):
-        thrown = line(1, 1, 1, 0)
-        thrown["branches"][1]["throw"] = True
-        self.assertEqual(self.judge([thrown]), [])
+    def test_a_condition_that_is_not_reached(self):
+        self.assertEqual(self.judge("DA:1,1\nBRDA:1,0,0,-\nBRDA:1,0,1,-\n"),
+                         ["src: 0.0 % of the branches, the goal is 92 %"])
+
+    def test_lines_and_branches_of_other_folders_count_there(self):
+        self.assertEqual(self.judge(f"DA:1,1\nend_of_record\nSF:{self.root}/tools/b.cpp\nDA:1,0\nBRDA:1,0,0,0\n"),
+                         ["tools: 0.0 % of the lines, the goal is 90 %", "tools: 0.0 % of the branches, the goal is 70 %"])
 
     def test_every_reason_is_given(self):
         for (file, text), _ in report.named().items():
