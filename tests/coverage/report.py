@@ -1,10 +1,12 @@
-"""report.py REPORT: coverage by folder from llvm-cov's LCOV file, and the lines of src that no test reaches.
+"""report.py LINES BRANCHES: coverage by folder from llvm-cov's LCOV file and its JSON file, and the lines of src that no test
+reaches.
 
 The status is 0 if each folder reaches its goals, and the lines of src that are not reached are those that uncovered.txt
 names: a line that is missing there, and one that is there without need, are failures.
 """
 
 import collections
+import json
 import os
 import pathlib
 import sys
@@ -21,22 +23,29 @@ class File:
 
     def __init__(self):
         self.lines = {}
-        self.branches = []
+        self.branches = collections.Counter()
 
 
-def read(path, root=ROOT):
-    """{path below root: File} of an LCOV file."""
-    files, one = {}, None
-    for line in path.read_text(encoding="utf-8").splitlines():
+def read(lines, branches, root=ROOT):
+    """{path below root: File} of the two files."""
+    files = collections.defaultdict(File)
+
+    def at(path):
+        return files[os.path.relpath(os.path.realpath(path), root)]
+
+    for line in lines.read_text(encoding="utf-8").splitlines():
         kind, _, rest = line.partition(":")
         if kind == "SF":
-            one = files.setdefault(os.path.relpath(os.path.realpath(rest), root), File())
+            one = at(rest)
         elif kind == "DA":
             number, count = map(int, rest.split(",")[:2])
             one.lines[number] = count
-        elif kind == "BRDA":
-            count = rest.split(",")[3]
-            one.branches.append(0 if count == "-" else int(count))  # "-": not even the condition was reached
+    for each in json.loads(branches.read_text(encoding="utf-8"))["data"][0]["files"]:
+        one = at(each["filename"])
+        # A condition in a template is there once for each type.
+        for *place, true, false, _, _, _ in each["branches"]:
+            one.branches[(*place, True)] += true
+            one.branches[(*place, False)] += false
     return files
 
 
@@ -56,7 +65,7 @@ def named(path=HERE / "uncovered.txt"):
 def counts(files, folder):
     """How often each line and each branch of a folder was reached."""
     found = [one for file, one in files.items() if file.split("/")[0] == folder]
-    return [count for one in found for count in one.lines.values()], [count for one in found for count in one.branches]
+    return [count for one in found for count in one.lines.values()], [count for one in found for count in one.branches.values()]
 
 
 def unreached(files, root=ROOT):
@@ -93,7 +102,7 @@ def judge(files, allowed, root=ROOT):
 
 
 def main():
-    wrong = judge(read(pathlib.Path(sys.argv[1])), named())
+    wrong = judge(read(*map(pathlib.Path, sys.argv[1:3])), named())
     for line in wrong:
         print(f"FAILED: {line}")
     return 1 if wrong else 0
