@@ -36,6 +36,17 @@ bool isToFail(Call call) {
     return true;
 }
 
+// The names that these functions have where a program has 64-bit file offsets.
+#ifdef __USE_FILE_OFFSET64
+constexpr const char* fstatName = "fstat64";
+constexpr const char* fstatvfsName = "fstatvfs64";
+constexpr const char* ftruncateName = "ftruncate64";
+#else
+constexpr const char* fstatName = "fstat";
+constexpr const char* fstatvfsName = "fstatvfs";
+constexpr const char* ftruncateName = "ftruncate";
+#endif
+
 int errorOf(Call call) { return orderFor(call).error; }
 
 // The function that the one of this name stands in front of.
@@ -87,12 +98,12 @@ using failing::isToFail;
 extern "C" {
 
 int fstat(int descriptor, struct stat* status) noexcept {
-    static auto* const real = failing::next<int(int, struct stat*)>("fstat");
+    static auto* const real = failing::next<int(int, struct stat*)>(failing::fstatName);
     return isToFail(Call::fstat) ? -1 : real(descriptor, status);
 }
 
 int fstatvfs(int descriptor, struct statvfs* status) noexcept {
-    static auto* const real = failing::next<int(int, struct statvfs*)>("fstatvfs");
+    static auto* const real = failing::next<int(int, struct statvfs*)>(failing::fstatvfsName);
     return isToFail(Call::fstatvfs) ? -1 : real(descriptor, status);
 }
 
@@ -102,7 +113,7 @@ int fsync(int descriptor) {
 }
 
 int ftruncate(int descriptor, off_t size) noexcept {
-    static auto* const real = failing::next<int(int, off_t)>("ftruncate");
+    static auto* const real = failing::next<int(int, off_t)>(failing::ftruncateName);
     return isToFail(Call::ftruncate) ? -1 : real(descriptor, size);
 }
 
