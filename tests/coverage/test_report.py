@@ -51,6 +51,10 @@ class Report(unittest.TestCase):
     def test_a_second_line_of_the_same_text(self):
         self.assertEqual(self.judge(self.lines([2, 3]), two=1), ["src/a.cpp:3: no test reaches it: two();"])
 
+    def test_the_end_of_a_block_needs_no_name(self):
+        (self.root / "src/a.cpp").write_text("one();\n}\n" + "three();\n" * 98, encoding="utf-8")
+        self.assertEqual(self.judge(self.lines([2])), [])
+
     def test_a_named_line_that_is_reached(self):
         self.assertEqual(self.judge(self.lines(), two=1),
                          ["uncovered.txt names a line that a test reaches, or that is gone: src/a.cpp: two();"])
