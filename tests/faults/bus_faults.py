@@ -19,6 +19,7 @@ NAMES = {"broker": "broker", "property service": "properties"}
 
 class Fault:
     lasts = True
+    brief = False   # over as soon as it has struck
 
     def prepare(self, case):
         """Before the stage is reached."""
@@ -61,6 +62,7 @@ class Killed(ServiceFault):
 
 class Restarted(Killed):
     lasts = False
+    brief = True
 
     def strike(self, case):
         super().strike(case)
