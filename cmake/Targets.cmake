@@ -22,10 +22,13 @@ function(zav_library name)
   endif()
 endfunction()
 
-# Lets tests in the sandbox write their coverage counters, which are beside the object files. lab/phone looks for the file.
-if(CMAKE_CXX_FLAGS MATCHES "--coverage")
+# Coverage counters are files in the build folder, which tests in the sandbox may write. lab/phone looks for the touched file.
+if(CMAKE_CXX_FLAGS MATCHES "-fprofile-instr-generate")
   set(ZAV_WRITABLE --bind ${CMAKE_BINARY_DIR})
   file(TOUCH ${CMAKE_BINARY_DIR}/coverage-counters)
+  add_library(zav_profile_path OBJECT ${CMAKE_SOURCE_DIR}/tests/coverage/profile_path.cpp)
+  target_compile_definitions(zav_profile_path PRIVATE PROFILE_PATH="${CMAKE_BINARY_DIR}/profiles/%c%m.profraw")
+  link_libraries($<$<NOT:$<STREQUAL:$<TARGET_PROPERTY:TYPE>,STATIC_LIBRARY>>:zav_profile_path>)
 endif()
 
 # Optimising tests takes longer than it saves, above all with sanitizers. Without them _FORTIFY_SOURCE needs -O1.

@@ -3,6 +3,7 @@
 import collections
 import contextlib
 import io
+import json
 import pathlib
 import re
 import tempfile
@@ -11,9 +12,9 @@ import unittest
 import report
 
 
-def line(number, count, *branches):
-    return {"line_number": number, "count": count, "gcovr/noncode": False,
-            "branches": [{"count": taken, "throw": False} for taken in branches]}
+def condition(line, true, false, column=1):
+    """A condition in llvm-cov's form: where it begins and ends, how often it was true and false, and what is of no interest."""
+    return [line, column, line, column + 5, true, false, 0, 0, 4]
 
 
 class Report(unittest.TestCase):
@@ -24,14 +25,18 @@ class Report(unittest.TestCase):
         (self.root / "src").mkdir()
         (self.root / "src/a.cpp").write_text("one();\n    two();\ntwo();\n" + "three();\n" * 97, encoding="utf-8")
 
-    def judge(self, lines, **allowed):
-        files = [{"file": "src/a.cpp", "lines": lines}]
+    def judge(self, text="", branches=(), **allowed):
+        """What is wrong with a report, whose lines name "src/a.cpp" in the way of a compiler."""
+        source = f"{self.root}/build/../src/a.cpp"
+        lines, conditions = self.root / "report.lcov", self.root / "report.json"
+        lines.write_text(f"SF:{source}\n{text}end_of_record\n", encoding="utf-8")
+        conditions.write_text(json.dumps({"data": [{"files": [{"filename": source, "branches": branches}]}]}), encoding="utf-8")
         names = collections.Counter({("src/a.cpp", f"{name}();"): times for name, times in allowed.items()})
         with contextlib.redirect_stdout(io.StringIO()):
-            return report.judge(files, names, self.root)
+            return report.judge(report.read(lines, conditions, self.root), names, self.root)
 
     def lines(self, unreached=()):
-        return [line(number, 0 if number in unreached else 1) for number in range(1, 101)]
+        return "".join(f"DA:{number},{int(number not in unreached)}\n" for number in range(1, 101))
 
     def test_everything_reached(self):
         self.assertEqual(self.judge(self.lines()), [])
@@ -53,12 +58,18 @@ class Report(unittest.TestCase):
         self.assertIn("src: 97.0 % of the lines, the goal is 98 %", self.judge(self.lines([1, 2, 3]), one=1, two=2))
 
     def test_too_few_branches(self):
-        self.assertEqual(self.judge([line(1, 1, 1, 0)]), ["src: 50.0 % of the branches, the goal is 92 %"])
+        self.assertEqual(self.judge(branches=[condition(1, 7, 0)]), ["src: 50.0 % of the branches, the goal is 92 %"])
 
-    def test_branches_of_exceptions_do_not_count(self):
-        thrown = line(1, 1, 1, 0)
-        thrown["branches"][1]["throw"] = True
-        self.assertEqual(self.judge([thrown]), [])
+    def test_a_condition_of_a_template_counts_once(self):
+        self.assertEqual(self.judge(branches=[condition(1, 7, 0), condition(1, 0, 1)]), [])
+
+    def test_conditions_of_the_same_line(self):
+        self.assertEqual(self.judge(branches=[condition(1, 7, 1), condition(1, 0, 1, column=9)]),
+                         ["src: 75.0 % of the branches, the goal is 92 %"])
+
+    def test_lines_of_other_folders_count_there(self):
+        self.assertEqual(self.judge(f"DA:1,1\nend_of_record\nSF:{self.root}/tools/b.cpp\nDA:1,0\n"),
+                         ["tools: 0.0 % of the lines, the goal is 90 %"])
 
     def test_every_reason_is_given(self):
         for (file, text), _ in report.named().items():
