@@ -1,0 +1,70 @@
+#include <gtest/gtest.h>
+
+#include <cerrno>
+#include <string>
+#include <vector>
+
+#include "FailingCalls.h"
+#include "common/Execute.h"
+
+namespace {
+
+using failing::Call;
+using failing::Calls;
+using failing::FewDescriptors;
+using std::chrono::seconds;
+
+// What the command ended with: "" for success, "not started: TEXT" or TEXT.
+std::string outcome(const std::string& command) {
+    try {
+        os::execute(command, seconds(60));
+    } catch (const os::CommandNotStartedException& failure) {
+        return std::string("not started: ") + failure.what();
+    } catch (const os::ExecuteException& failure) {
+        return failure.what();
+    }
+    return "";
+}
+
+TEST(ExecuteFailureTest, FailsWithoutDescriptorsAndLeaksNone) {
+    const std::string unstarted = "not started: Command 'true' cannot be started: Too many open files";
+    const std::string unwatched = "Command 'true' cannot be waited for: Too many open files";
+    const std::vector<std::string> expected{unstarted, unstarted, unwatched, ""};
+    for (int round = 0; round < 2; ++round) {
+        for (std::size_t left = 0; left < expected.size(); ++left) {
+            const FewDescriptors few(static_cast<int>(left));
+            EXPECT_EQ(outcome("true"), expected[left]) << left << " descriptors are left";
+        }
+    }
+}
+
+TEST(ExecuteFailureTest, InterruptedCallsAreRepeated) {
+    for (const Call call : {Call::poll, Call::read, Call::waitid, Call::waitpid}) {
+        const Calls interrupted(call, EINTR, 3);
+        EXPECT_EQ(outcome("echo broken >&2; exit 3"),
+                  "Command 'echo broken >&2; exit 3' ended with status 3: 'broken'");
+        EXPECT_EQ(interrupted.failed(), 3);
+    }
+}
+
+TEST(ExecuteFailureTest, AFailedWaitKillsTheCommand) {
+    const Calls noMemory(Call::poll, ENOMEM);
+    EXPECT_EQ(outcome("sleep 1000"), "Command 'sleep 1000' cannot be waited for: Cannot allocate memory");
+}
+
+TEST(ExecuteFailureTest, WithoutAThreadTheCommandIsKilled) {
+    const Calls none(Call::pthread_create, EAGAIN);
+    EXPECT_EQ(outcome("sleep 1000"), "Command 'sleep 1000' cannot be waited for: Resource temporarily unavailable");
+}
+
+TEST(ExecuteFailureTest, LostStatusIsAFailure) {
+    const Calls lost(Call::waitpid, ECHILD);
+    EXPECT_EQ(outcome("true"), "Command 'true' cannot be waited for: No child processes");
+}
+
+TEST(ExecuteFailureTest, StandardErrorThatCannotBeReadIsLeftOut) {
+    const Calls broken(Call::read, EIO);
+    EXPECT_EQ(outcome("echo broken >&2; exit 3"), "Command 'echo broken >&2; exit 3' ended with status 3");
+}
+
+}  // namespace

@@ -1,0 +1,51 @@
+// Calls of the C library that fail on demand. FailingCalls.cpp defines the functions themselves, in place of the
+// library's, so it belongs to a test program of its own. Whatever is not told to fail reaches the kernel.
+#pragma once
+
+namespace failing {
+
+enum class Call {
+    fstat,
+    fstatvfs,
+    fsync,
+    ftruncate,
+    getaddrinfo,
+    poll,
+    pthread_create,
+    read,
+    waitid,
+    waitpid,
+    write,
+    count
+};
+
+/// From construction to destruction, `times` calls fail with `error` (of errno.h; of netdb.h for getaddrinfo), in
+/// whatever thread, after `spared` that do not.
+class Calls {
+ public:
+    Calls(Call call, int error, int times = 1, int spared = 0);
+    Calls(const Calls&) = delete;
+    Calls& operator=(const Calls&) = delete;
+    ~Calls();
+
+    /// So many have failed until now.
+    int failed() const;
+
+ private:
+    Call call_;
+    int times_;
+};
+
+/// From construction to destruction the process can open only so many more descriptors.
+class FewDescriptors {
+ public:
+    explicit FewDescriptors(int left);
+    FewDescriptors(const FewDescriptors&) = delete;
+    FewDescriptors& operator=(const FewDescriptors&) = delete;
+    ~FewDescriptors();
+
+ private:
+    unsigned long before_;
+};
+
+}  // namespace failing
