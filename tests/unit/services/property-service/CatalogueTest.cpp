@@ -536,6 +536,7 @@ INSTANTIATE_TEST_SUITE_P(
                     RuleCase{digitsAndSigns, "GIT+SSH://server.example/", ""},
                     RuleCase{digitsAndSigns, "ssh://server.example/", "must begin with h2:// or git+ssh://"},
                     RuleCase{R"("type": "pattern", "pattern": "b", "default": "b")", "ab", "must match the pattern b"},
+                    RuleCase{R"("type": "pattern", "pattern": "b", "default": "b")", "z", "must match the pattern b"},
                     RuleCase{R"("type": "pattern", "pattern": "a", "default": "a")", "ab", "must match the pattern a"},
                     RuleCase{R"("type": "secret", "pattern": "a*", "maxLength": 2, "default": "")", "aaa",
                              "must be at most 2 bytes long"}));

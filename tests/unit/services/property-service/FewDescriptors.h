@@ -4,6 +4,13 @@
 #include <sys/resource.h>
 #include <unistd.h>
 
+// Sanitizers open files for their checks, or map memory; without either they report what is not there.
+#if defined(__SANITIZE_ADDRESS__) || defined(__SANITIZE_THREAD__)
+inline constexpr bool sanitized = true;
+#else
+inline constexpr bool sanitized = false;
+#endif
+
 /// This process gets `count` descriptors beyond the open ones, until the destructor restores its limit.
 class FewDescriptors {
  public:

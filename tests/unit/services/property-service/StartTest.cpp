@@ -13,6 +13,7 @@
 #include <optional>
 #include <thread>
 
+#include "FewDescriptors.h"
 #include "Program.h"
 #include "TemporaryFolder.h"
 #include "common/Descriptor.h"
@@ -121,6 +122,7 @@ TEST_F(PropServiceProgram, RefusesACatalogueThatIsAFolder) {
 }
 
 TEST_F(PropServiceProgram, FailsIfNoThreadCanBeStarted) {
+    if (sanitized) GTEST_SKIP() << "the sanitizer needs what is missing here";
     int status = 0;
     {
         const Limit stack(RLIMIT_STACK, rlim_t{1} << 47);  // of a thread: more than there are addresses
@@ -183,6 +185,7 @@ TEST_F(PropServiceProgram, ConnectsToAnIpv6Address) {
 }
 
 TEST_F(PropServiceProgram, WithFewDescriptorsFailsWithAReason) {
+    if (sanitized) GTEST_SKIP() << "the sanitizer needs what is missing here";
     constexpr int notLoaded = 127;  // fewer than its libraries need
     int failures = 0;
     for (rlim_t count = 4; count < 9; ++count) {
