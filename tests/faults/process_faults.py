@@ -131,6 +131,8 @@ class NoDescriptors(Fault):
 
     def __init__(self, name="daemon"):
         self.name = name
+        self.lasts = name == "daemon"  # the others answer, at the machine's pace
+        self.seconds = 3
 
     def strike(self, case):
         if case.frozen is not None:

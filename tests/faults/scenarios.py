@@ -1,5 +1,7 @@
 """Which row is run by what: each scenario is a function that is handed the case."""
 
+import contextlib
+
 import bus_faults
 import machine_faults
 import phone
@@ -27,6 +29,9 @@ def in_stage(fault, stage):
                 stage.go_on(case)
             if fault.lasts:
                 case.drive(lambda: stage.over(case))
+            elif fault.seconds:
+                with contextlib.suppress(phone.Late):
+                    phone.wait_until(lambda: stage.over(case), "the stage's end", fault.seconds)
         finally:
             case.log_in_fault = case.log.lines()
             fault.mend(case)
