@@ -19,6 +19,8 @@ NAMES = {"broker": "broker", "property service": "properties"}
 
 class Fault:
     lasts = True
+    brief = False   # over as soon as it has struck
+    seconds = 0     # one that does not last: of the machine's time, in which answers come, until it is mended
 
     def prepare(self, case):
         """Before the stage is reached."""
@@ -61,6 +63,7 @@ class Killed(ServiceFault):
 
 class Restarted(Killed):
     lasts = False
+    brief = True
 
     def strike(self, case):
         super().strike(case)
@@ -83,9 +86,10 @@ class Frozen(ServiceFault):
 
 
 class Slow(ServiceFault):
-    """The process is stopped most of the time. Lasts until the pass has ended at the machine's pace."""
+    """The process is stopped most of the time, until the stage is over at the machine's pace, or for three seconds."""
 
-    lasts = False     # for the phone's time; the process is slow until mend
+    lasts = False
+    seconds = 3
 
     def strike(self, case):
         self.pid = phone.service_pid(self.name)

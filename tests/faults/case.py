@@ -19,6 +19,8 @@ APPLIED = 20        # settings that are written before the daemon is caught in i
 IMAGE = random.Random(7).randbytes(300_000)
 BOOK = b"<contacts/>"
 LOCK_FILE = "zavd:lock"
+ABORTED = "terminate called after throwing"  # the C++ library's words for an exception that ends the daemon
+HEALTHY = "already done, skipping"  # a warning that each start without a pass after boot has
 LIMIT = 10          # seconds of the machine's time from SIGTERM to the end
 PATIENCE = 25       # that are waited for a daemon which does not keep it
 STEP = 6            # seconds of the phone's time that pass at once while a fault is on: one time-out of a property call
@@ -76,12 +78,14 @@ class Case(faults.PassFaultTest):
         super().__init__()
         self.row = row
         self.random = random.Random(f"{seed}:{row.name}")
+        self.log_in_fault = []                    # what was logged until the fault was mended: a new daemon has a new log
         self.log_at_end = []
         self.expected = []
         self.known = {BOOK, IMAGE, faults.GOOD}   # whole contents of files that may stand in the folders
         self.notes = []                           # what the row did, for who reads its report
         self.figures = {}                         # what it measured: docs/reliability.md adds them up
         self.frozen = None                        # process that the stage has frozen
+        self.took = self.status = None            # of the daemon's last end
 
     def setUp(self):
         super().setUp()
@@ -283,10 +287,11 @@ class Case(faults.PassFaultTest):
     def hold_felt(self, _):
         """The log says that something was wrong: a fault that nobody feels tests nothing."""
         if not self.complaints():
-            raise NotHeld("felt", "a warning or an error", "log:\n" + "\n".join(self.log_at_end[-40:]))
+            raise NotHeld("felt", "a warning or an error", "log:\n" + "\n".join((self.log_in_fault + self.log_at_end)[-40:]))
 
     def complaints(self):
-        return [line for line in self.log_at_end if " ZAV warning " in line or " ZAV error " in line]
+        return [line for line in dict.fromkeys(self.log_in_fault + self.log_at_end)
+                if line.startswith(ABORTED) or (" ZAV warning " in line or " ZAV error " in line) and HEALTHY not in line]
 
     def hold_no_log(self, argument):
         found = [line for line in self.log_at_end if argument in line]
@@ -313,10 +318,13 @@ class Case(faults.PassFaultTest):
 
     def hold_stops(self, _):
         """SIGTERM, then the end within ten seconds with status 0. The daemon of the next row is a new one."""
-        took, status = self.stop_daemon()
-        self.figures["stop"] = max(took, self.figures.get("stop", 0))
-        if status != "0" or took > LIMIT:
-            raise NotHeld("stops", f"status 0 within {LIMIT} s", f"status {status} after {took:.1f} s; {self.tail()}")
+        self.took, self.status = self.stop_daemon()
+        self.figures["stop"] = max(self.took, self.figures.get("stop", 0))
+        self.hold_ended_in_time()
+
+    def hold_ended_in_time(self):
+        if self.status != "0" or self.took > LIMIT:
+            raise NotHeld("stops", f"status 0 within {LIMIT} s", f"status {self.status} after {self.took:.1f} s; {self.tail()}")
 
     def stop_daemon(self):
         type(self).usable = False

@@ -1,6 +1,6 @@
-// A preload library that makes one process fail as an exhausted machine would: the n-th allocation, threads, a full
-// disk. It also keeps what the process has synced of each file it writes, so that a power cut can be played afterwards:
-// FAULTY_DISK names the folder of these copies, by device and inode; without it nothing is kept.
+// A preload library that makes one process fail as an exhausted machine would: the n-th allocation, threads,
+// descriptors, a full disk. It also keeps what the process has synced of each file it writes, so that a power cut can
+// be played afterwards: FAULTY_DISK names the folder of these copies, by device and inode; without it nothing is kept.
 //
 // FAULTY names a file with a `Control`, which another process writes. Children start without this library.
 #include <dlfcn.h>
@@ -8,6 +8,7 @@
 #include <fcntl.h>
 #include <pthread.h>
 #include <sys/mman.h>
+#include <sys/resource.h>
 #include <sys/sendfile.h>
 #include <sys/stat.h>
 #include <sys/syscall.h>
@@ -32,17 +33,25 @@ extern "C" void* __libc_memalign(size_t alignment, size_t size);
 
 namespace {
 
-// The Python side writes it as four 64-bit numbers.
+// The Python side writes it as five 64-bit numbers.
 struct Control {
     std::atomic<std::int64_t> allocations;  // counted since it was set to 0
     std::atomic<std::int64_t> failAt;       // the allocation that fails; 0 for none
     std::atomic<std::int64_t> noThreads;
     std::atomic<std::int64_t> diskFull;
+    std::atomic<std::int64_t> descriptors;  // the process may have no more, from its start; 0 for no limit
 };
 
 Control* control = nullptr;
 char disk[256];  // empty without FAULTY_DISK
 std::mutex diskMutex;
+
+void limitDescriptors() {
+    rlimit limit{};
+    if (control->descriptors == 0 || getrlimit(RLIMIT_NOFILE, &limit) != 0) return;
+    limit.rlim_cur = static_cast<rlim_t>(control->descriptors);
+    setrlimit(RLIMIT_NOFILE, &limit);
+}
 
 __attribute__((constructor)) void begin() {
     void* first = nullptr;
@@ -54,6 +63,7 @@ __attribute__((constructor)) void begin() {
         if (memory == MAP_FAILED) _exit(127);
         close(file);
         control = static_cast<Control*>(memory);
+        limitDescriptors();
     }
     if (const char* path = getenv("FAULTY_DISK")) std::snprintf(disk, sizeof disk, "%s", path);
     unsetenv("FAULTY");

@@ -8,7 +8,7 @@ import phone
 LIBRARY = f"{os.environ['LAB_BUILD']}/tests/faulty.so"
 CONTROL = f"{phone.HOME}/faulty"
 DISK = f"{phone.HOME}/synced"
-FIELDS = {"allocations": 0, "fail at": 1, "no threads": 2, "disk full": 3}
+FIELDS = {"allocations": 0, "fail at": 1, "no threads": 2, "disk full": 3, "descriptors": 4}
 
 
 class Control:

@@ -118,6 +118,7 @@ class ClockSet(Fault):
     """The date changes in mid-stage, and stays."""
 
     lasts = False
+    brief = True
     DATES = {"a year back": "2025-11-22 12:00:00", "a year ahead": "2027-11-22 12:00:00", "to 1970": "1970-01-02 00:00:00",
              "to 2199": "2199-12-30 00:00:00"}
 
@@ -217,6 +218,7 @@ class InterfaceBounced(InterfaceDown):
     """Down for a moment and up again: the transfer goes on."""
 
     lasts = False
+    brief = True
 
     def strike(self, case):
         super().strike(case)

@@ -79,6 +79,8 @@ def no_memory(part, parts, samples):
         if last_words and case.row.argument("daemon stays") is not None:
             raise cases.NotHeld("daemon stays", "the same process", f"{'; '.join(deaths)}; {last_words}")
         case.pid_before = phone.service_pid()
+        if case.passes_ended() == 0:  # the last request was lost, and the row speaks of a pass
+            duration(case, job)
 
     return run
 
@@ -125,18 +127,42 @@ class StoreFull(Exhausted):
 
 
 class NoDescriptors(Fault):
-    """No descriptor beyond those that are open."""
+    """No descriptor beyond those that a process has open."""
+
+    def __init__(self, name="daemon"):
+        self.name = name
+        self.lasts = name == "daemon"  # the others answer, at the machine's pace
+        self.seconds = 3
 
     def strike(self, case):
         if case.frozen is not None:
             case.thaw(case.frozen)
-        self.pid = phone.service_pid()
-        _, hard = resource.prlimit(self.pid, resource.RLIMIT_NOFILE)
-        self.limits = resource.prlimit(self.pid, resource.RLIMIT_NOFILE, (3, hard))
+        self.pid = phone.service_pid(self.name)
+        self.limits = limit_descriptors(self.pid, 3)
 
     def mend(self, case):
         if os.path.exists(f"/proc/{self.pid}"):
             resource.prlimit(self.pid, resource.RLIMIT_NOFILE, self.limits)
+
+
+class FewDescriptors(Exhausted):
+    """The daemon starts with a limit that it reaches before it has done so."""
+
+    switch, few, usual = "descriptors", 6, 1024
+
+    def strike(self, case):
+        Control.put(self.switch, self.few)
+
+    def mend(self, case):
+        super().mend(case)
+        if not case.daemon_ended():
+            limit_descriptors(phone.service_pid(), self.usual)
+
+
+def limit_descriptors(pid, count):
+    """What the limit was before."""
+    _, hard = resource.prlimit(pid, resource.RLIMIT_NOFILE)
+    return resource.prlimit(pid, resource.RLIMIT_NOFILE, (count, hard))
 
 
 IN_STAGE = {"no threads": NoThreads, "no descriptors": NoDescriptors, "its disk full": DiskFull}

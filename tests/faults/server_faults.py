@@ -1,16 +1,20 @@
 """Servers that break, lie, flood and redirect, at each download of a pass. The answers are those of the system tests."""
 
+import datetime
 import functools
+import os
 import re
 import socket
+import ssl
 import subprocess
 
 import case as cases
+import certificates
 import faults
 import phone
 from files import categories, element, root, settings_file
 from raw_server import HEAD, ok
-from test_faults_downloads import ROWS, stay, tls_rows
+from test_faults_downloads import ROWS, Row, stay, tls_rows
 from test_faults_firmware import E1, FIRST, LONGER, RESTS, SECOND, WITHOUT_VALIDATOR, cut, part, whole
 from test_hostile import ANSWERS
 
@@ -226,7 +230,47 @@ def without_validator(name):
 
 @functools.lru_cache
 def tls():
-    return {row.name: row for row in tls_rows()}
+    demanding = ssl.SSLContext(ssl.PROTOCOL_TLS_SERVER)
+    demanding.load_cert_chain(certificates.trusted("/tmp/demanding"))
+    demanding.load_verify_locations(f"{certificates.AUTHORITY}.crt")
+    demanding.verify_mode = ssl.CERT_REQUIRED
+    more = [Row("an unknown authority", ok(faults.GOOD), "0", of_unknown_authority()),
+            Row("not yet valid", ok(faults.GOOD), "0", not_yet_valid()),
+            Row("a certificate is demanded", ok(faults.GOOD), "", demanding)]
+    return {row.name: row for row in [*tls_rows(), *more]}
+
+
+def of_unknown_authority():
+    """A proper certificate, by an authority that the phone does not trust."""
+    folder = "/tmp/unknown-authority"
+    os.makedirs(folder, exist_ok=True)
+    certificates.self_signed(f"{folder}/authority")
+    known, certificates.AUTHORITY = certificates.AUTHORITY, f"{folder}/authority"
+    try:
+        return certificates.trusted(f"{folder}/server")
+    finally:
+        certificates.AUTHORITY = known
+
+
+def not_yet_valid():
+    """Only `openssl ca`, which keeps a list of what it signs, takes the day on which a certificate begins."""
+    folder = "/tmp/not-yet-valid"
+    os.makedirs(folder, exist_ok=True)
+    path = certificates.trusted(f"{folder}/server")
+    with open(f"{folder}/index", "w", encoding="ascii"), open(f"{folder}/ca.conf", "w", encoding="ascii") as file:
+        file.write(f"[ca]\ndefault_ca = this\n[this]\ndatabase = {folder}/index\nnew_certs_dir = {folder}\nrand_serial = yes\n"
+                   "default_md = sha256\npolicy = any\n[any]\ncommonName = supplied\n")
+    begin, end = ((datetime.datetime.now(datetime.timezone.utc) + datetime.timedelta(days=days)).strftime("%Y%m%d%H%M%SZ")
+                  for days in (3000, 3003))
+    subprocess.run(["openssl", "ca", "-batch", "-notext", "-config", f"{folder}/ca.conf", "-cert", f"{certificates.AUTHORITY}.crt",
+                    "-keyfile", f"{certificates.AUTHORITY}.key", "-extfile", f"{folder}/server.ext", "-startdate", begin,
+                    "-enddate", end, "-in", f"{folder}/server.csr", "-out", f"{folder}/server.crt"],
+                   check=True, capture_output=True)
+    with open(path, "w", encoding="ascii") as out:
+        for name in ("server.crt", "server.key"):
+            with open(f"{folder}/{name}", encoding="ascii") as file:
+                out.write(file.read())
+    return path
 
 
 def over_tls(name, stage):

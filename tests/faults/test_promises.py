@@ -104,6 +104,13 @@ class PromisesTest(unittest.TestCase):
         self.assert_broken("log", "not there")
         self.assert_broken("no log", "all is well")
         self.assert_broken("felt")
+        self.case.log_at_end = [f"2026 ZAV warning Core/Dispatcher:1 Provisioning on boot up {cases.HEALTHY}"]
+        self.assert_broken("felt")
+
+    def test_a_fault_that_is_felt_before_the_daemon_starts_anew(self):
+        for line in ("2026 ZAV error main:1 no bus", f"{cases.ABORTED} an instance of 'std::bad_alloc'"):
+            self.case.log_in_fault = [line]
+            self.case.hold_felt("")
 
     def test_a_partial_file(self):
         with open(LEFT_OVER, "wb") as file:

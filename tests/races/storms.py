@@ -3,6 +3,9 @@
 A storm is one life of the daemon: it starts, bursts of messages of every kind arrive on all of its topics while passes
 run, services restart, the clock jumps, and SIGTERM ends it at any moment, with the messages still coming. Status 0 is the
 only good end, of the property service as well. What the sanitizer has to say lands in FOLDER.
+
+In every other storm the daemon logs nothing: the log's lock would put the threads in an order that hides races. One pass
+after the other begins there while messages of one other kind keep coming.
 """
 
 import contextlib
@@ -27,6 +30,9 @@ BOOTED = "State.Provisioning.OnBootUp"
 PERIOD = "System.Provision.Period"
 BUNDLE = "State.Security.Certificates.UpdateCABundle"
 TRIGGER = "State.FirmwareUpdate.TriggerAuto"
+MASK = "System.Debug.LevelMask.ZAV"
+RESULTS = ("success", "partSuccess", "fail")
+MEETING = 2.5  # seconds for which passes begin while one kind of message keeps coming
 LIMIT = 120   # seconds for each wait: the programs are slow with the sanitizer
 REPORTED = 66  # the sanitizer's exit status, see run.py
 
@@ -42,7 +48,7 @@ def query(topic, key):
 MESSAGES = ([value(STATE, "request")] * 6 + [value(STATE, "request-check-sync"), value(TRIGGER, "request")] * 2 + [
     *(value(PERIOD, text) for text in ("0", "600", "86400", "soon")),
     value(BUNDLE, "1"),
-    *(value("System.Debug.LevelMask.ZAV", text) for text in ("7", "6", "none")),
+    *(value(MASK, text) for text in ("7", "6", "none")),
     value("Telephony.Accounts.0.Label", "storm"),
     query("prop-service/get", STATE),
     ("prop-service/list", {"prefix": "State."}),
@@ -58,6 +64,9 @@ class Storms:
         self.server = Server()
         self.contents = contents.good_contents(self.server.url) + contents.bad_contents(self.server.url)
         self.messages = MESSAGES + [value(SERVER, self.server.url)] * 2
+        # What a pass may meet, each as likely as the other; the daemon stays quiet.
+        self.meetings = [message for number, message in enumerate(self.messages) if message not in self.messages[:number]
+                         and MASK not in str(message) and message != value(STATE, "request")]
         self.sent = self.passes = 0
         self.failures = []
         self.begun = time.monotonic()
@@ -68,8 +77,10 @@ class Storms:
         self.log.wait(text, deadline=LIMIT)
 
     def send(self, chosen):
+        self.publish(*chosen.choice(self.messages))
+
+    def publish(self, topic, message):
         """Without waiting for anything."""
-        topic, message = chosen.choice(self.messages)
         self.bus._client.publish(topic, message if isinstance(message, str) else json.dumps(message), 1)
         self.sent += 1
 
@@ -93,11 +104,36 @@ class Storms:
         self.wait("ZAV initialized." if early else "for stabilization.")
         if not early:
             self.settle()
-            for _ in range(self.random.randint(1, 3)):
-                self.burst()
-                self.disturb()
+            if number % 2:
+                self.meet()
+            else:
+                for _ in range(self.random.randint(1, 3)):
+                    self.burst()
+                    self.disturb()
         self.end()
         self.passes += self.log.count("Start provisioning thread")
+        self.bus.set(MASK, "7")
+
+    def meet(self):
+        """Passes begin and end while messages of one kind keep coming; nothing is logged."""
+        other = self.random.choice(self.meetings)
+        self.server.answers = {}  # passes that end soon
+        self.bus.set(MASK, "0")
+        self.bus.mark()
+        end, results = time.monotonic() + MEETING, -1
+        while time.monotonic() < end:
+            ended = self.results()
+            if ended != results:
+                results = ended
+                self.publish(*value(STATE, "request"))
+            self.publish(*other)
+            time.sleep(0.003)
+        self.passes += results
+
+    def results(self):
+        """How many passes have ended since the mark."""
+        return sum(json.loads(text)["value"] in RESULTS for topic, text in self.bus.messages("prop-service-state/")
+                   if topic.endswith("/" + STATE))
 
     def settle(self):
         """Over the wait for the network. A thread that the noise has put to sleep looks as if it waited already."""
@@ -155,7 +191,8 @@ class Storms:
             if os.path.exists(status):
                 return True
             if not self.log.count("IPC listening terminated"):
-                os.kill(pid, 15)
+                with contextlib.suppress(ProcessLookupError):
+                    os.kill(pid, 15)
                 time.sleep(0.02)
             return False
 

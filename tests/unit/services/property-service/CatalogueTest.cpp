@@ -498,5 +498,48 @@ TEST(ShippedCatalogue, HasTheNetworkAndTheFunctionKeys) {
     EXPECT_NE(find(catalogue, "NET.IP.IPv4.Address")->definition->rule("here"), "");
 }
 
+INSTANTIATE_TEST_SUITE_P(
+    Values, CatalogueError,
+    testing::Values(
+        ErrorCase{"DescriptionNotAString", withKeys(R"("a.b": {"type": "text", "default": "", "description": 5})"),
+                  "c.json:2: a.b: \"description\" is missing"},
+        ErrorCase{"DescriptionEmpty", withKeys(R"("a.b": {"type": "text", "default": "", "description": ""})"),
+                  "c.json:2: a.b: \"description\" is missing"},
+        ErrorCase{"TypeNotAString", one(R"("type": 5, "default": "")"), "c.json:2: a.b: \"type\" is missing"},
+        ErrorCase{"FirstRefusedSourceNotAString", one(R"("type": "text", "default": "", "refusedSources": [5])"),
+                  "c.json:2: a.b: each of \"refusedSources\" must be a non-empty string"},
+        ErrorCase{"EnumValuesNotAnArray", one(R"("type": "enum", "values": "2", "default": "2")"),
+                  "c.json:2: a.b: an enum needs \"values\", a non-empty array of strings"},
+        ErrorCase{"EnumValuesEmpty", one(R"("type": "enum", "values": [], "default": "2")"),
+                  "c.json:2: a.b: an enum needs \"values\", a non-empty array of strings"},
+        ErrorCase{"PatternNotAString", one(R"("type": "pattern", "pattern": 5, "default": "2")"),
+                  "c.json:2: a.b: a pattern needs \"pattern\", a POSIX extended regular expression"},
+        ErrorCase{"PatternEmpty", one(R"("type": "pattern", "pattern": "", "default": "2")"),
+                  "c.json:2: a.b: a pattern needs \"pattern\", a POSIX extended regular expression"},
+        ErrorCase{"SchemesEmpty", one(R"("type": "url", "default": "", "schemes": [])"),
+                  "c.json:2: a.b: \"schemes\" must be an array such as [\"https\"]"},
+        ErrorCase{"SchemeNotAString", one(R"("type": "url", "default": "", "schemes": [5])"),
+                  "c.json:2: a.b: each of \"schemes\" must be a string in lower case"},
+        ErrorCase{"SchemeEmpty", one(R"("type": "url", "default": "", "schemes": [""])"),
+                  "c.json:2: a.b: each of \"schemes\" must be a string in lower case"},
+        ErrorCase{"SecondSchemeInUpperCase", one(R"("type": "url", "default": "", "schemes": ["https", "Http"])"),
+                  "c.json:2: a.b: each of \"schemes\" must be a string in lower case"},
+        ErrorCase{"VolatileState",
+                  withKeys("\"State.b\": " + definition(R"("type": "text", "default": "", "volatile": true)")),
+                  "no error"}),
+    [](const auto& row) { return row.param.name; });
+
+constexpr char digitsAndSigns[] = R"("type": "url", "default": "", "schemes": ["h2", "git+ssh"])";
+INSTANTIATE_TEST_SUITE_P(
+    UnusualSchemes, Rule,
+    testing::Values(RuleCase{digitsAndSigns, "h2://server.example/", ""},
+                    RuleCase{digitsAndSigns, "GIT+SSH://server.example/", ""},
+                    RuleCase{digitsAndSigns, "ssh://server.example/", "must begin with h2:// or git+ssh://"},
+                    RuleCase{R"("type": "pattern", "pattern": "b", "default": "b")", "ab", "must match the pattern b"},
+                    RuleCase{R"("type": "pattern", "pattern": "b", "default": "b")", "z", "must match the pattern b"},
+                    RuleCase{R"("type": "pattern", "pattern": "a", "default": "a")", "ab", "must match the pattern a"},
+                    RuleCase{R"("type": "secret", "pattern": "a*", "maxLength": 2, "default": "")", "aaa",
+                             "must be at most 2 bytes long"}));
+
 }  // namespace
 }  // namespace propertyservice

@@ -290,5 +290,26 @@ TEST(Codec, KeepsNothingFromThePreviousRequest) {
     EXPECT_EQ(readSet(R"({"param":"a","value":"b"})").source, "");
 }
 
+TEST(Codec, ListOfUncataloguedValuesNeedsNoPrefix) {
+    const ListRequest all = readList(R"({"uncatalogued":true})");
+    EXPECT_TRUE(all.uncatalogued);
+    EXPECT_EQ(all.prefix, "");
+    EXPECT_EQ(all.after, "");
+    EXPECT_EQ(readList(R"({"uncatalogued":true,"after":"k","prefix":5})").after, "k");
+    EXPECT_FALSE(readList(R"({"uncatalogued":false,"prefix":"p"})").uncatalogued);
+    EXPECT_FALSE(readList(R"({"uncatalogued":null,"prefix":"p"})").uncatalogued);
+    EXPECT_THROW(readList(R"({"uncatalogued":false})"), BadRequest) << "the prefix is missing";
+    EXPECT_THROW(readList(R"({"uncatalogued":true,"after":7})"), BadRequest);
+    for (const char* other : {"1", "0", "\"true\"", "[]", "{}"}) {
+        try {
+            readList("{\"uncatalogued\":" + std::string(other) + ",\"prefix\":\"\"}");
+            ADD_FAILURE() << other;
+        } catch (const BadRequest& error) {
+            EXPECT_STREQ(error.what(), "\"uncatalogued\" must be true or false") << other;
+            EXPECT_EQ(error.param(), "");
+        }
+    }
+}
+
 }  // namespace
 }  // namespace propertyservice

@@ -1,7 +1,8 @@
-// A store in memory that can be full or damaged, or refuse one key.
+// A store in memory that can be full or damaged, refuse one key, or run out of memory.
 #pragma once
 
 #include <map>
+#include <new>
 #include <string>
 #include <vector>
 
@@ -15,6 +16,7 @@ class FakeStore final : public IStore {
 
     void write(const std::vector<Entry>& entries) override {
         ++transactions;
+        if (outOfMemory) throw std::bad_alloc();
         if (damaged) throw DamagedStore("damaged");
         if (full) throw StoreException("disk full");
         for (const Entry& entry : entries) {
@@ -40,6 +42,7 @@ class FakeStore final : public IStore {
     int transactions = 0;
     int rebuilds = 0;
     bool full = false;
+    bool outOfMemory = false;
     std::string failingKey;
 };
 

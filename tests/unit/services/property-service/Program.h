@@ -44,6 +44,7 @@ class Program {
         ::waitpid(pid_, &status, WUNTRACED);
     }
     void thaw() const { ::kill(pid_, SIGCONT); }
+    void signal(int number) const { ::kill(pid_, number); }
 
     /// The exit status, or minus the signal that ended it.
     int end(int signal) {

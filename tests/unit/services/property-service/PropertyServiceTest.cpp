@@ -503,5 +503,84 @@ TEST(Listing, HasShorterPagesForLargeValues) {
     EXPECT_LE(largest, maxPageBytes + 1000);
 }
 
+ipc::ServiceRequest listUncatalogued(const std::string& after = "") {
+    return request(propertyprotocol::listTopic, R"({"uncatalogued":true,"after":")" + after + "\"}");
+}
+
+TEST_F(Service, ListsStoredValuesWithoutAKeyInTheCatalogue) {
+    store.values = {{"Gone.B", "2"},
+                    {"Gone.A", "1"},
+                    {"System.Name", "of the catalogue"},
+                    {"System.Uptime", "volatile today"},
+                    {"Gone.Long", std::string(maxValueBytes + 1, 'x')},
+                    {"Gone.Bytes", "\xff"},
+                    {"Gone.\xff", "x"},
+                    {"Gone.Nul", std::string("a\0b", 3)}};
+    EXPECT_THAT(handle({listUncatalogued()}),
+                ElementsAre("me/reply {\"properties\":[{\"param\":\"Gone.A\",\"value\":\"1\"},"
+                            "{\"param\":\"Gone.B\",\"value\":\"2\"}]}"));
+    EXPECT_THAT(handle({listUncatalogued("Gone.A")}),
+                ElementsAre("me/reply {\"properties\":[{\"param\":\"Gone.B\",\"value\":\"2\"}]}"));
+    EXPECT_THAT(handle({listUncatalogued("Gone.B")}), ElementsAre("me/reply {\"properties\":[]}"));
+    EXPECT_THAT(handle({get("System.Uptime")}), ElementsAre(answer("System.Uptime", "0")));
+}
+
+TEST_F(Service, RebuiltStoreHasValuesWithoutAKeyInTheCatalogue) {
+    store.values = {{"Gone.A", "1"}, {"System.Name", "kept"}};
+    handle({get("System.Name")});
+    store.values.clear();
+    store.damaged = true;
+    handle({set("System.Port", "7")});
+    EXPECT_EQ(store.values,
+              (std::map<std::string, std::string>{{"Gone.A", "1"}, {"System.Name", "kept"}, {"System.Port", "7"}}));
+}
+
+TEST_F(Service, ExceptionThatIsNotTheStoresLeavesTheOldValues) {
+    handle({set("System.Name", "old")});
+    store.outOfMemory = true;
+    EXPECT_THROW(handle({set("System.Port", "7"), set("System.Name", "new"), set("System.Name", "newer")}),
+                 std::bad_alloc);
+    store.outOfMemory = false;
+    EXPECT_THAT(handle({get("System.Name"), get("System.Port")}),
+                ElementsAre(answer("System.Name", "old"), answer("System.Port", "5")));
+    handle({set("Keys.0.Label", "x")});
+    EXPECT_EQ(store.values, (std::map<std::string, std::string>{{"System.Name", "old"}, {"Keys.0.Label", "x"}}))
+        << "nothing of the failed requests may be stored later";
+}
+
+TEST_F(Service, ImportOfSeveralKeysThatTheStoreRefusesNamesNone) {
+    store.full = true;
+    EXPECT_THAT(
+        handle({request(propertyprotocol::importTopic,
+                        R"({"properties":[{"param":"System.Name","value":"a"},{"param":"System.Port","value":"7"}],)"
+                        R"("apply":true})")}),
+        ElementsAre(error("", "storage", refused)));
+    EXPECT_THAT(handle({get("System.Name"), get("System.Port")}),
+                ElementsAre(answer("System.Name", "phone"), answer("System.Port", "5")));
+}
+
+TEST(Listing, OfUncataloguedValuesHasAtMost1000EntriesAPage) {
+    const Catalogue catalogue =
+        Catalogue::parse(R"({"version":1,"keys":{"a":{"type":"text","default":"","description":"d"}}})", "c.json");
+    FakeStore store;
+    for (int index = 0; index < 1500; ++index) store.values["gone." + std::to_string(index)] = "x";
+    for (int index = 0; index < 20; ++index) store.values["large." + std::to_string(index)] = std::string(60000, 'x');
+    PropertyService service(catalogue, store);
+    std::size_t pages = 0;
+    std::size_t entries = 0;
+    std::string after;
+    do {
+        const std::string payload = service.handle({listUncatalogued(after)}).at(0).payload;
+        const Json::Value page = parsed(payload);
+        EXPECT_LE(page["properties"].size(), 1000U);
+        EXPECT_LE(payload.size(), maxPageBytes + 1000);
+        entries += page["properties"].size();
+        after = page.get("next", "").asString();
+        ++pages;
+    } while (!after.empty() && pages < 100);
+    EXPECT_EQ(entries, 1520U);
+    EXPECT_GT(pages, 2U);
+}
+
 }  // namespace
 }  // namespace propertyservice

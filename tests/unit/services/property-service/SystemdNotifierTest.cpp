@@ -6,8 +6,10 @@
 
 #include <cstddef>
 #include <cstdlib>
+#include <optional>
 #include <string>
 
+#include "FewDescriptors.h"
 #include "TemporaryFolder.h"
 #include "fakes/LogCapture.h"
 
@@ -187,6 +189,18 @@ TEST_F(SystemdNotifierTest, ShortWatchdogIsAWarning) {
     set("WATCHDOG_USEC", "59999999");
     const SystemdNotifier tooShort;
     expectOneWarning(log, "WatchdogSec= is less than 60 s: an idle service may be taken for one that hangs");
+}
+
+TEST_F(SystemdNotifierTest, MissingDescriptorIsLoggedOnce) {
+    if (sanitized) GTEST_SKIP() << "the sanitizer needs what is missing here";
+    const fakes::LogCapture log;
+    set("NOTIFY_SOCKET", path);
+    std::optional<FewDescriptors> none(0);
+    SystemdNotifier notifier;
+    none.reset();
+    notifier.ready();
+    notifier.alive();
+    expectOneWarning(log, "Cannot notify systemd: Too many open files");
 }
 
 }  // namespace
