@@ -25,6 +25,16 @@ struct TemporaryFile {
     TemporaryFile(const TemporaryFile&) = delete;
     TemporaryFile& operator=(const TemporaryFile&) = delete;
 
+    void write(const std::string& content) const {
+        const common::Descriptor file(::open(path.c_str(), O_WRONLY | O_CREAT | O_TRUNC | O_CLOEXEC, 0600));
+        if (file.get() < 0) fail(path);
+        for (std::size_t written = 0; written < content.size();) {
+            const ssize_t count = ::write(file.get(), content.data() + written, content.size() - written);
+            if (count < 0) fail(path);
+            written += static_cast<std::size_t>(count);
+        }
+    }
+
     std::string path;
 };
 
@@ -32,13 +42,13 @@ struct TemporaryFile {
 
 const std::string& inputFile(const std::string& content) {
     static const TemporaryFile temporary;
-    const common::Descriptor file(::open(temporary.path.c_str(), O_WRONLY | O_CREAT | O_TRUNC | O_CLOEXEC, 0600));
-    if (file.get() < 0) fail(temporary.path);
-    for (std::size_t written = 0; written < content.size();) {
-        const ssize_t count = ::write(file.get(), content.data() + written, content.size() - written);
-        if (count < 0) fail(temporary.path);
-        written += static_cast<std::size_t>(count);
-    }
+    temporary.write(content);
+    return temporary.path;
+}
+
+const std::string& keyFile() {
+    static const TemporaryFile temporary;
+    temporary.write("phrase");
     return temporary.path;
 }
 

@@ -1,5 +1,6 @@
 #!/usr/bin/python3 -B
-"""Runs the fuzz targets of a build, one after the other: run.py [--minimise] [--minutes N] BUILD [TARGET...].
+"""Runs the fuzz targets of a build, one after the other, or N at a time:
+run.py [--minimise] [--minutes N] [--jobs N] BUILD [TARGET...].
 
 Each starts with the corpus in the tree and what earlier runs found, which BUILD/corpus keeps. The table at the end has
 a row for each target; inputs that broke a promise or crash are in BUILD/found. With --minimise, each target's
@@ -7,6 +8,7 @@ corpus in the tree is replaced by the fewest inputs with the same coverage; file
 """
 
 import argparse
+import concurrent.futures
 import os
 import pathlib
 import re
@@ -99,24 +101,26 @@ def main():
     parser = argparse.ArgumentParser(prog="scripts/test fuzz")
     parser.add_argument("--minimise", action="store_true")
     parser.add_argument("--minutes", type=float, default=1)
+    parser.add_argument("--jobs", type=int, default=1)
     parser.add_argument("build", type=pathlib.Path)
     parser.add_argument("targets", nargs="*")
-    arguments = parser.parse_args()
+    arguments = parser.parse_intermixed_args()
     build = arguments.build.resolve()
     known = sorted(path.name.removeprefix("fuzz_") for path in (build / "bin").glob("fuzz_*")
                    if not path.name.endswith("_test"))
     if unknown := [name for name in arguments.targets if name not in known]:
         sys.exit(f"scripts/test fuzz: there is no target '{unknown[0]}'; there are: {' '.join(known)}")
     targets = [Target(build, name) for name in arguments.targets or known]
+    pool = concurrent.futures.ThreadPoolExecutor(arguments.jobs)
     if arguments.minimise:
-        for target in targets:
-            target.minimise()
+        list(pool.map(Target.minimise, targets))
         return 0
     print(f"{'target':18} {'executions':>11} {'a second':>8} {'edges':>8} {'features':>8} {'inputs':>7} "
           f"{'min. quiet':>12}  result", flush=True)
     failures = []
-    for target in targets:
-        row = target.run(round(arguments.minutes * 60))
+    running = {pool.submit(target.run, round(arguments.minutes * 60)): target for target in targets}
+    for done in concurrent.futures.as_completed(running):
+        target, row = running[done], done.result()
         show(target.name, row)
         if row["failed"]:
             failures.append((target, row["found"]))

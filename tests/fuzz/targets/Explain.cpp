@@ -1,5 +1,5 @@
 // A whole pass of a phone in memory, and the report about it. The first line is the server's URL, the second the
-// folder's, and the rest the initial file. Each pass starts openssl, so this target is slow.
+// folder's, and the rest the initial file, which may be encrypted with the key "phrase".
 #include "explain/Explain.h"
 
 #include <sstream>
@@ -13,6 +13,12 @@
 
 namespace fuzz {
 
+namespace {
+
+constexpr char salted[] = "Salted__";
+
+}  // namespace
+
 void explain(const std::string& input) {
     const auto [server, rest] = splitLine(input);
     const auto [base, file] = splitLine(rest);
@@ -20,6 +26,7 @@ void explain(const std::string& input) {
     ::explain::Request request;
     request.source = inputFile(file);
     request.base = base;
+    if (file.rfind(salted, 0) == 0) request.keyFile = keyFile();
     request.catalogue = CATALOGUE;
     request.properties = {{"NET.MAC.Address", "02:00:5E:10:00:01"}, {"System.Provision.ProvisioningServer", server}};
     try {
