@@ -36,7 +36,7 @@ std::string read(const std::string& path) {
 // The first line; openssl reads it as a string that ends with a zero byte.
 std::string passPhrase(const std::string& path) {
     const std::string content = read(path);
-    if (content.empty()) fail("there is no pass phrase");
+    if (content.empty() || content.front() == '\0') fail("there is no pass phrase");
     const std::string line = content.substr(0, std::min(content.find('\n'), longestPassPhrase));
     return line.substr(0, line.find('\0'));
 }

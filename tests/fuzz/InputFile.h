@@ -1,15 +1,27 @@
-// The input and the phone's key as files, for code that takes a path: one of each per process, in the folder for temporary
-// files, removed at the end.
+// Files for code that takes a path, in the folder for temporary files.
 #pragma once
 
 #include <string>
 
 namespace fuzz {
 
-/// The path of the file, which now has this content. Throws std::system_error if it cannot be written.
-const std::string& inputFile(const std::string& content);
+/// Removed at the end.
+class TemporaryFile {
+ public:
+    /// Throws std::system_error if the file cannot be made or written.
+    explicit TemporaryFile(const std::string& content = {});
+    ~TemporaryFile();
+    TemporaryFile(const TemporaryFile&) = delete;
+    TemporaryFile& operator=(const TemporaryFile&) = delete;
 
-/// The path of a file with the pass phrase "phrase".
-const std::string& keyFile();
+    void write(const std::string& content) const;
+    const std::string& path() const { return path_; }
+
+ private:
+    std::string path_;
+};
+
+/// The path of the input, one file per process, which now has this content. Throws like TemporaryFile.
+const std::string& inputFile(const std::string& content);
 
 }  // namespace fuzz

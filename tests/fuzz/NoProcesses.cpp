@@ -1,5 +1,5 @@
-// Linked into fuzzing programs whose target would start processes: these functions take the place of the library's, which
-// fork. A process that has a sanitizer forks slowly, and libFuzzer runs each input in the same one.
+// Linked into fuzzing programs whose target would start processes: these functions take the place of the library's,
+// which fork. A process that has a sanitizer forks slowly, and libFuzzer runs each input in the same one.
 #include <stdlib.h>
 
 #include <filesystem>
@@ -19,9 +19,9 @@ void execute(const std::string& command, std::chrono::milliseconds, const common
 
 namespace common {
 
-// Without a child that removes the folder should this process be killed.
+// In the folder for files of inputs, and without a child that removes it should this process be killed.
 TemporaryFolder::TemporaryFolder(const std::string& name) {
-    std::string path = "/tmp/" + name + "-XXXXXX";
+    std::string path = std::filesystem::temp_directory_path() / (name + "-XXXXXX");
     child_ = 0;
     if (::mkdtemp(path.data()) != nullptr) path_ = path;
 }

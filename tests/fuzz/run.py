@@ -19,7 +19,7 @@ import tempfile
 import time
 
 FOLDER = pathlib.Path(__file__).resolve().parent
-SECONDS_PER_INPUT = 10
+SECONDS_PER_INPUT = 60  # of real time, and the machine may be busy
 MEGABYTES = 1024
 HASHED = re.compile(r"[0-9a-f]{12}")  # the name of an input that libFuzzer made
 STATUS = re.compile(r"^#(\d+)\s+\w+\s+cov: (\d+) ft: (\d+) corp: (\d+)")
