@@ -1,10 +1,11 @@
-"""scripts/test mutants [N] [--seed S] [--all] [--only REGEX]: breaks the daemon's core and the comparison of firmware
+"""scripts/test mutants [N] [--seed S] [--all] [--only REGEX] [--jobs N]: breaks the daemon's core and the comparison of firmware
 versions in N places (default: 200, drawn with seed 1), one at a time, and runs their unit and flow tests against each.
 A mutant that no test notices survives: write the test, or give the reason in tests/mutation/equivalents.txt. --only
 takes the places whose names match REGEX. A run that was interrupted goes on where it stopped, unless a source has
 changed. Fails if a mutant without a reason survives."""
 
 import argparse
+import collections
 import concurrent.futures
 import hashlib
 import json
@@ -82,6 +83,10 @@ def places(names):
         arguments = [word for word in command[1:] if word.startswith(("-I", "-D", "-std"))]
         arguments += [word for i, flag in enumerate(command) if flag == "-isystem" for word in ("-isystem", command[i + 1])]
         found += sites.find(name, str(TREE / name), ["-xc++", *arguments])
+    times = collections.Counter()
+    for site in sorted(found, key=lambda s: (s.path, s.line, s.column)):
+        times[site.line, *site.key()] += 1
+        site.number = times[site.line, *site.key()]
     return found
 
 
@@ -126,14 +131,15 @@ def equivalents():
         if not line or line.startswith("#"):
             continue
         parts = [part.strip() for part in line.split(" | ")]
-        if len(parts) != 5:
+        if len(parts) < 5:
             sys.exit(f"tests/mutation/equivalents.txt:{number}: not PATH | FUNCTION | LINE | CHANGE | REASON")
-        reasons[tuple(parts[:4])] = parts[4]
+        reasons[parts[0], parts[1], " | ".join(parts[2:-2]), parts[-2]] = parts[-1]
     return reasons
 
 
-def reason_of(site, reasons):
-    return reasons.get((site.path, site.function, " ".join(site.source.split()), f"{site.kind}: {site.change}"))
+def reason_key(site):
+    number = "" if site.number == 1 else f" #{site.number}"
+    return site.path, site.function, " ".join(site.source.split()), f"{site.kind}: {site.change}{number}"
 
 
 def draw(found, arguments):
@@ -159,6 +165,9 @@ def main():
     copy_tree(names)
     configure()
     found = places(names)
+    reasons = equivalents()
+    if stale := reasons.keys() - {reason_key(site) for site in found}:
+        sys.exit("tests/mutation/equivalents.txt: no such place:\n" + "\n".join(" | ".join(key) for key in sorted(stale)))
     chosen = draw(found, arguments)
     numbered = dict(enumerate(chosen))
     print(f"{len(found)} places, {len(chosen)} chosen (seed {arguments.seed}); building ...", flush=True)
@@ -179,7 +188,7 @@ def main():
             return number, reach.killer(commands, tests, number, site.path, killers.get(site.name))
         return number, killed[site.name]
 
-    reasons, survivors, begin = equivalents(), [], time.monotonic()
+    survivors, begin = [], time.monotonic()
     with concurrent.futures.ThreadPoolExecutor(arguments.jobs) as pool:
         for done, (number, test) in enumerate(pool.map(judge, random.Random(0).sample(sorted(numbered), len(numbered))), 1):
             site = numbered[number]
@@ -189,12 +198,12 @@ def main():
             record.write_text(json.dumps(state))
             if not test:
                 survivors.append(site)
-                reason = reason_of(site, reasons)
+                reason = reasons.get(reason_key(site))
                 print(f"survived: {site.name} in {site.function}\n    {site.source.strip()}" + (f"\n    equivalent: {reason}" if reason else ""),
                       flush=True)
             elif done % 25 == 0:
                 print(f"{done} of {len(numbered)}, {len(survivors)} survived, {time.monotonic() - begin:.0f} s", flush=True)
-    unexplained = [site for site in survivors if not reason_of(site, reasons)]
+    unexplained = [site for site in survivors if reason_key(site) not in reasons]
     by_kind = {}
     for site in numbered.values():
         counts = by_kind.setdefault(site.kind, [0, 0])
