@@ -4,6 +4,7 @@
 
 #include <array>
 #include <atomic>
+#include <stdexcept>
 #include <thread>
 #include <utility>
 
@@ -32,7 +33,7 @@ constexpr std::array<const char*, 3> lastKeys{"State.Provisioning.LockUI", "Stat
 // How long a test waits for an event that must not happen.
 constexpr std::chrono::milliseconds absenceTimeout{200};
 
-/// A security object that counts notifications and can fail them.
+/// A security object that counts calls, and can fail notifications.
 class CountingSecurity : public zav::Security {
  public:
     using Security::Security;
@@ -40,7 +41,12 @@ class CountingSecurity : public zav::Security {
         ++notifications;
         if (throws) throw 42;
     }
+    void reloadDeviceIdentity() override {
+        ++identityReloads;
+        if (throws) throw std::runtime_error("no memory");
+    }
     std::atomic<int> notifications{0};
+    std::atomic<int> identityReloads{0};
     std::atomic<bool> throws{false};
 };
 
@@ -90,6 +96,13 @@ TEST_F(ProvisioningWorkerTest, InitiallyFinishedWithoutAStatus) {
     EXPECT_TRUE(phone_.log.lines().empty());
 }
 
+TEST_F(ProvisioningWorkerTest, StatusIsNotAwaitedBeforeTheFirstPass) {
+    constexpr int times = 5;  // each would wait for a second
+    const auto begin = std::chrono::steady_clock::now();
+    for (int i = 0; i < times; ++i) EXPECT_EQ(worker_->getProvisioningStatus(), "");
+    EXPECT_LT(std::chrono::steady_clock::now() - begin, std::chrono::seconds(times));
+}
+
 TEST_F(ProvisioningWorkerTest, NothingStartsWithoutAServer) {
     phone_.properties->put("System.Provision.ProvisioningServer", "");
     worker_->startProvisioning("");
@@ -102,6 +115,7 @@ TEST_F(ProvisioningWorkerTest, InvalidUrlThrowsAndReleasesWaiters) {
     EXPECT_THROW(worker_->startProvisioning("http://a b/"), zav::UrlException);
     EXPECT_FALSE(worker_->isProvisioningFinished()) << "the flag stays false if the URL is invalid";
     worker_->waitForProgress();
+    EXPECT_FALSE(phone_.log.has(waiting)) << "no pass runs, so there is no progress to wait for";
     runPass();
     end();
     EXPECT_EQ(results(), std::vector<std::string>{"fail"});
@@ -162,6 +176,7 @@ TEST_F(ProvisioningWorkerTest, StopDropsAWaitingRequest) {
     ASSERT_TRUE(phone_.log.waitFor(waitsForPrevious));
     worker_->stop();
     second.join();
+    EXPECT_FALSE(worker_->isProvisioningFinished()) << "a dropped request does not wait for the pass";
     worker_->startProvisioning("");  // must be dropped too
     gate_->open();
     end();
@@ -400,6 +415,12 @@ TEST_F(ProvisioningWorkerTest, LastStepsFailIndependently) {
     end();
     EXPECT_EQ(properties->writes(), (std::vector<fakes::PropertyWrite>{{"State.Provisioning", "", "fail"}}));
     EXPECT_EQ(security_.notifications, 1);
+    for (const char* text :
+         {"Could not publish the HTTP code: Property 'State.Provisioning.HttpErrorCode': not found",
+          "Could not publish the provisioning result: Property 'State.FirmwareUpdate.TriggerAuto': not found",
+          "Could not read the device certificate: no memory", "Could not notify about new certificates"}) {
+        EXPECT_TRUE(phone_.log.has(error(source, text))) << text << "\n" << phone_.log.text();
+    }
 }
 
 TEST_F(ProvisioningWorkerTest, ExceptionEndsThePassAsFail) {
@@ -435,6 +456,16 @@ TEST_F(ProvisioningWorkerTest, VersionIsPerPass) {
     runPass();
     end();
     EXPECT_TRUE(phone_.log.has(info(source, "Starting provisioning version: 1.1"))) << "the old version must not count";
+}
+
+TEST_F(ProvisioningWorkerTest, OutermostPassReadsTheDeviceCertificate) {
+    runPass();
+    EXPECT_EQ(security_.identityReloads, 1);
+    end();
+    zav::Pass outer(nullptr, std::make_shared<common::StopSignal>());
+    worker_ = std::make_unique<zav::ProvisioningWorker>(phone_.properties, phone_.curl, security_);
+    runPass();
+    EXPECT_EQ(security_.identityReloads, 1) << "a nested pass uses that of the pass around it";
 }
 
 TEST_F(ProvisioningWorkerTest, DestructorWaitsForThePass) {
