@@ -5,6 +5,7 @@
 
 #include <atomic>
 #include <functional>
+#include <future>
 #include <limits>
 #include <system_error>
 #include <thread>
@@ -188,8 +189,13 @@ TEST_F(PassTroubleTest, OnlyAnOutermostPassReleasesFreeMemory) {
 TEST_F(PassTroubleTest, LastWaiterReturnsAlthoughTheFirstTookTheSignal) {
     const auto waiting = info("Core/ProvisioningWatchdog/ProgressReporter", "Waiting for progress");
     const auto consumed = info("Core/ProvisioningWatchdog/ProgressReporter", "Progress consumed");
-    const auto gate = std::make_shared<fakes::Gate>();
-    server_.on("/provisioning.xml", HttpAnswer::error(404).heldBy(gate));
+    std::promise<void> ending;
+    std::promise<void> goOn;
+    phone_.properties->onWrite([&](const fakes::PropertyWrite& write) {
+        if (write.key != lockUi || write.value != "0") return;
+        ending.set_value();  // behind the signals of the download
+        goOn.get_future().wait();
+    });
     std::atomic<bool> firstReturned{false};
     bool returnedBeforeTheEnd = false;
     onTrim() = [&] {
@@ -198,8 +204,8 @@ TEST_F(PassTroubleTest, LastWaiterReturnsAlthoughTheFirstTookTheSignal) {
         returnedBeforeTheEnd = firstReturned;
     };
     worker_->startProvisioning("");
-    ASSERT_TRUE(gate->waitUntilReached());
-    worker_->waitForProgress();  // the pass's start
+    ending.get_future().wait();
+    worker_->waitForProgress();  // the signal that the pass has given already
     std::vector<std::thread> waiters;
     for (int i = 0; i < 2; ++i) {
         waiters.emplace_back([&] {
@@ -208,12 +214,13 @@ TEST_F(PassTroubleTest, LastWaiterReturnsAlthoughTheFirstTookTheSignal) {
         });
     }
     EXPECT_TRUE(phone_.log.waitFor(waiting, 3));
-    gate->open();
-    EXPECT_TRUE(phone_.log.waitFor(consumed, 3));
+    goOn.set_value();
+    EXPECT_TRUE(phone_.log.waitFor(consumed, 3)) << "the thread's signal is missing";
     worker_->stop();  // releases whoever still waits
     for (auto& waiter : waiters) waiter.join();
     end();
     onTrim() = nullptr;
+    phone_.properties->onWrite({});
     EXPECT_TRUE(returnedBeforeTheEnd) << "the last step of a pass is a signal";
 }
 

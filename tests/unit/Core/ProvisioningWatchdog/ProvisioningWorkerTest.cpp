@@ -1,9 +1,12 @@
 #include "Core/ProvisioningWatchdog/ProvisioningWorker.h"
 
 #include <gtest/gtest.h>
+#include <sys/syscall.h>
+#include <unistd.h>
 
 #include <array>
 #include <atomic>
+#include <fstream>
 #include <stdexcept>
 #include <thread>
 #include <utility>
@@ -49,6 +52,21 @@ class CountingSecurity : public zav::Security {
     std::atomic<int> identityReloads{0};
     std::atomic<bool> throws{false};
 };
+
+// Returns once a thread of this process seems to have come to its wait: what it waits for could otherwise happen
+// before, and a missing wake-up would go unnoticed.
+void waitUntilAsleep(pid_t thread) {
+    constexpr int enough = 20;
+    for (int times = 0; times < enough;) {
+        std::ifstream file("/proc/self/task/" + std::to_string(thread) + "/stat");
+        std::string line;
+        std::getline(file, line);
+        const std::size_t name = line.rfind(") ");
+        if (name == std::string::npos) return;  // it has ended
+        times = line[name + 2] == 'S' ? times + 1 : 0;
+        std::this_thread::yield();
+    }
+}
 
 class ProvisioningWorkerTest : public testing::Test {
  protected:
@@ -172,8 +190,13 @@ TEST_F(ProvisioningWorkerTest, StopDropsAWaitingRequest) {
     hold();
     worker_->startProvisioning("");
     ASSERT_TRUE(gate_->waitUntilReached());
-    std::thread second([&] { worker_->startProvisioning(""); });
+    std::atomic<pid_t> waiter{0};
+    std::thread second([&] {
+        waiter = static_cast<pid_t>(::syscall(SYS_gettid));
+        worker_->startProvisioning("");
+    });
     ASSERT_TRUE(phone_.log.waitFor(waitsForPrevious));
+    waitUntilAsleep(waiter);
     worker_->stop();
     second.join();
     EXPECT_FALSE(worker_->isProvisioningFinished()) << "a dropped request does not wait for the pass";
