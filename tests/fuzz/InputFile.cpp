@@ -16,30 +16,31 @@ namespace {
 
 [[noreturn]] void fail(const std::string& path) { throw std::system_error(errno, std::generic_category(), path); }
 
-struct TemporaryFile {
-    TemporaryFile() : path(std::filesystem::temp_directory_path() / "zav-fuzz-XXXXXX") {
-        const common::Descriptor file(::mkostemp(path.data(), O_CLOEXEC));
-        if (file.get() < 0) fail(path);
-    }
-    ~TemporaryFile() { ::unlink(path.c_str()); }
-    TemporaryFile(const TemporaryFile&) = delete;
-    TemporaryFile& operator=(const TemporaryFile&) = delete;
-
-    std::string path;
-};
-
 }  // namespace
+
+TemporaryFile::TemporaryFile(const std::string& content)
+    : path_(std::filesystem::temp_directory_path() / "zav-fuzz-XXXXXX") {
+    const common::Descriptor file(::mkostemp(path_.data(), O_CLOEXEC));
+    if (file.get() < 0) fail(path_);
+    write(content);
+}
+
+TemporaryFile::~TemporaryFile() { ::unlink(path_.c_str()); }
+
+void TemporaryFile::write(const std::string& content) const {
+    const common::Descriptor file(::open(path_.c_str(), O_WRONLY | O_CREAT | O_TRUNC | O_CLOEXEC, 0600));
+    if (file.get() < 0) fail(path_);
+    for (std::size_t written = 0; written < content.size();) {
+        const ssize_t count = ::write(file.get(), content.data() + written, content.size() - written);
+        if (count < 0) fail(path_);
+        written += static_cast<std::size_t>(count);
+    }
+}
 
 const std::string& inputFile(const std::string& content) {
     static const TemporaryFile temporary;
-    const common::Descriptor file(::open(temporary.path.c_str(), O_WRONLY | O_CREAT | O_TRUNC | O_CLOEXEC, 0600));
-    if (file.get() < 0) fail(temporary.path);
-    for (std::size_t written = 0; written < content.size();) {
-        const ssize_t count = ::write(file.get(), content.data() + written, content.size() - written);
-        if (count < 0) fail(temporary.path);
-        written += static_cast<std::size_t>(count);
-    }
-    return temporary.path;
+    temporary.write(content);
+    return temporary.path();
 }
 
 }  // namespace fuzz

@@ -1,12 +1,27 @@
-// The input as a file, for code that takes a path. One file per process, in the folder for temporary files, replaced by
-// each input and removed at the end.
+// Files for code that takes a path, in the folder for temporary files.
 #pragma once
 
 #include <string>
 
 namespace fuzz {
 
-/// The path of the file, which now has this content. Throws std::system_error if it cannot be written.
+/// Removed at the end.
+class TemporaryFile {
+ public:
+    /// Throws std::system_error if the file cannot be made or written.
+    explicit TemporaryFile(const std::string& content = {});
+    ~TemporaryFile();
+    TemporaryFile(const TemporaryFile&) = delete;
+    TemporaryFile& operator=(const TemporaryFile&) = delete;
+
+    void write(const std::string& content) const;
+    const std::string& path() const { return path_; }
+
+ private:
+    std::string path_;
+};
+
+/// The path of the input, one file per process, which now has this content. Throws like TemporaryFile.
 const std::string& inputFile(const std::string& content);
 
 }  // namespace fuzz

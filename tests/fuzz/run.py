@@ -1,5 +1,6 @@
 #!/usr/bin/python3 -B
-"""Runs the fuzz targets of a build, one after the other: run.py [--minimise] [--minutes N] BUILD [TARGET...].
+"""Runs the fuzz targets of a build, one after the other, or N at a time:
+run.py [--minimise] [--minutes N] [--jobs N] BUILD [TARGET...].
 
 Each starts with the corpus in the tree and what earlier runs found, which BUILD/corpus keeps. The table at the end has
 a row for each target; inputs that broke a promise or crash are in BUILD/found. With --minimise, each target's
@@ -7,6 +8,7 @@ corpus in the tree is replaced by the fewest inputs with the same coverage; file
 """
 
 import argparse
+import concurrent.futures
 import os
 import pathlib
 import re
@@ -17,7 +19,7 @@ import tempfile
 import time
 
 FOLDER = pathlib.Path(__file__).resolve().parent
-SECONDS_PER_INPUT = 10
+SECONDS_PER_INPUT = 60  # of real time, and the machine may be busy
 MEGABYTES = 1024
 HASHED = re.compile(r"[0-9a-f]{12}")  # the name of an input that libFuzzer made
 STATUS = re.compile(r"^#(\d+)\s+\w+\s+cov: (\d+) ft: (\d+) corp: (\d+)")
@@ -37,7 +39,8 @@ class Target:
 
     def command(self, *arguments):
         dictionary = [f"-dict={self.dictionary}"] if self.dictionary.exists() else []
-        return [self.program, f"-timeout={SECONDS_PER_INPUT}", f"-rss_limit_mb={MEGABYTES}", *dictionary, *arguments]
+        return [self.program, f"-timeout={SECONDS_PER_INPUT}", f"-report_slow_units={SECONDS_PER_INPUT}",
+                f"-rss_limit_mb={MEGABYTES}", *dictionary, *arguments]
 
     def findings(self):
         return {path.name for path in self.found.glob(f"{self.name}-*")}
@@ -46,7 +49,7 @@ class Target:
         """Fuzzes, and returns a row of the table."""
         before = self.findings()
         row = {"executions": 0, "coverage": 0, "features": 0, "quiet": 0}
-        begin = last_new = time.monotonic()
+        begin, last_new = time.monotonic(), 0
         process = subprocess.Popen(
             self.command(f"-max_total_time={seconds}", f"-artifact_prefix={self.found}/{self.name}-",
                          "-print_final_stats=1", self.corpus, self.tree),
@@ -57,13 +60,16 @@ class Target:
                 log.write(line)
                 if match := STATUS.match(line):
                     if int(match[2]) > row["coverage"]:
-                        last_new = time.monotonic()
+                        last_new = processor_time(process.pid)
                     row["executions"], row["coverage"], row["features"] = (int(match[i]) for i in (1, 2, 3))
                 elif line.startswith("stat::number_of_executed_units:"):
                     row["executions"] = int(line.split()[-1])
-        row["failed"] = process.wait() != 0
+        _, status, usage = os.wait4(process.pid, 0)
+        process.returncode = os.waitstatus_to_exitcode(status)
+        row["failed"] = process.returncode != 0
         row["seconds"] = time.monotonic() - begin
-        row["quiet"] = time.monotonic() - last_new
+        row["processor"] = usage.ru_utime + usage.ru_stime
+        row["quiet"] = row["processor"] - last_new
         row["inputs"] = len({path.name for folder in (self.corpus, self.tree) for path in folder.iterdir()})
         row["found"] = sorted(self.findings() - before)
         return row
@@ -84,39 +90,48 @@ class Target:
         print(f"{self.name}: {len(list(self.tree.iterdir()))} inputs, {size} bytes")
 
 
+def processor_time(pid):
+    """Seconds: on a busy machine, real time says little."""
+    fields = pathlib.Path(f"/proc/{pid}/stat").read_text().rpartition(")")[2].split()
+    return (int(fields[11]) + int(fields[12])) / os.sysconf("SC_CLK_TCK")
+
+
 def environment():
     """Files of inputs belong in memory."""
     return {**os.environ, **({"TMPDIR": "/dev/shm"} if os.access("/dev/shm", os.W_OK) else {})}
 
 
 def show(name, row):
-    rate = row["executions"] / max(row["seconds"], 1)
+    rate = row["executions"] / max(row["processor"], 1)
     print(f"{name:18} {row['executions']:>11,} {rate:>8,.0f} {row['coverage']:>8,} {row['features']:>8,} "
-          f"{row['inputs']:>7,} {row['quiet'] / 60:>12.1f}  {'FAILED' if row['failed'] else 'ok'}", flush=True)
+          f"{row['inputs']:>7,} {row['processor'] / 60:>9.1f} {row['quiet'] / 60:>9.1f}  {'FAILED' if row['failed'] else 'ok'}",
+          flush=True)
 
 
 def main():
     parser = argparse.ArgumentParser(prog="scripts/test fuzz")
     parser.add_argument("--minimise", action="store_true")
     parser.add_argument("--minutes", type=float, default=1)
+    parser.add_argument("--jobs", type=int, default=1)
     parser.add_argument("build", type=pathlib.Path)
     parser.add_argument("targets", nargs="*")
-    arguments = parser.parse_args()
+    arguments = parser.parse_intermixed_args()
     build = arguments.build.resolve()
     known = sorted(path.name.removeprefix("fuzz_") for path in (build / "bin").glob("fuzz_*")
                    if not path.name.endswith("_test"))
     if unknown := [name for name in arguments.targets if name not in known]:
         sys.exit(f"scripts/test fuzz: there is no target '{unknown[0]}'; there are: {' '.join(known)}")
     targets = [Target(build, name) for name in arguments.targets or known]
+    pool = concurrent.futures.ThreadPoolExecutor(arguments.jobs)
     if arguments.minimise:
-        for target in targets:
-            target.minimise()
+        list(pool.map(Target.minimise, targets))
         return 0
     print(f"{'target':18} {'executions':>11} {'a second':>8} {'edges':>8} {'features':>8} {'inputs':>7} "
-          f"{'min. quiet':>12}  result", flush=True)
+          f"{'CPU min.':>9} {'quiet':>9}  result", flush=True)
     failures = []
-    for target in targets:
-        row = target.run(round(arguments.minutes * 60))
+    running = {pool.submit(target.run, round(arguments.minutes * 60)): target for target in targets}
+    for done in concurrent.futures.as_completed(running):
+        target, row = running[done], done.result()
         show(target.name, row)
         if row["failed"]:
             failures.append((target, row["found"]))

@@ -1,14 +1,39 @@
 // Included before every source of the mutated tree. The environment variable MUTANT chooses the mutant of this process;
-// all others behave as the original.
+// all others behave as the original. MUTANTS_REACHED names a file in which the byte at a mutant's number is set as soon
+// as its place is reached.
 #pragma once
+
+#include <fcntl.h>
+#include <sys/mman.h>
+#include <sys/stat.h>
+#include <unistd.h>
 
 #include <cstdlib>
 
 namespace mutation {
 
+struct Reached {
+    unsigned char* bytes = nullptr;
+    long size = 0;
+};
+
+// Shared with the file, so that a process that is killed has recorded its places, too.
+inline Reached openReached() {
+    const char* const name = std::getenv("MUTANTS_REACHED");
+    const int file = name == nullptr ? -1 : open(name, O_RDWR | O_CLOEXEC);
+    struct stat status;
+    if (file < 0 || fstat(file, &status) != 0) return {};
+    void* const bytes = mmap(nullptr, status.st_size, PROT_READ | PROT_WRITE, MAP_SHARED, file, 0);
+    close(file);
+    if (bytes == MAP_FAILED) return {};
+    return {static_cast<unsigned char*>(bytes), static_cast<long>(status.st_size)};
+}
+
 inline bool on(int mutant) {
     static const char* const text = std::getenv("MUTANT");
     static const int chosen = text == nullptr ? -1 : std::atoi(text);
+    static const Reached reached = openReached();
+    if (mutant < reached.size) __atomic_store_n(reached.bytes + mutant, 1, __ATOMIC_RELAXED);
     return mutant == chosen;
 }
 

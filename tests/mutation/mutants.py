@@ -1,10 +1,11 @@
-"""scripts/test mutants [N] [--seed S] [--all] [--only REGEX]: breaks the daemon's core and the comparison of firmware
+"""scripts/test mutants [N] [--seed S] [--all] [--only REGEX] [--jobs N]: breaks the daemon's core and the comparison of firmware
 versions in N places (default: 200, drawn with seed 1), one at a time, and runs their unit and flow tests against each.
 A mutant that no test notices survives: write the test, or give the reason in tests/mutation/equivalents.txt. --only
 takes the places whose names match REGEX. A run that was interrupted goes on where it stopped, unless a source has
 changed. Fails if a mutant without a reason survives."""
 
 import argparse
+import collections
 import concurrent.futures
 import hashlib
 import json
@@ -12,11 +13,11 @@ import os
 import pathlib
 import random
 import re
-import signal
 import subprocess
 import sys
 import time
 
+import reach
 import sites
 
 ROOT = pathlib.Path(__file__).resolve().parents[2]
@@ -24,8 +25,10 @@ FOLDER = ROOT / "build/mutants"
 TREE = FOLDER / "tree"
 BUILD = TREE / "build"
 PLACES = ("src/Core/", "platform/version/src/")
-TESTS = ("version_test", "job_handlers_test", "job_kinds_test", "core_test", "flow_test", "worker_test")
-HANGING = 4  # times as long as the unbroken program: then it hangs
+CODE = ("src/", "platform/", "cmake/", "tests/unit/", "tests/fakes/", "tests/flow/", "tests/data/")
+TESTS = ("version_test", "job_handlers_test", "job_kinds_test", "core_test", "flow_test", "worker_test",
+         "explain_test")
+READ_BY_TESTS = ("tests/data/", "tests/flow/rows/")
 
 
 def run(*command, **options):
@@ -38,10 +41,10 @@ def tracked():
     return [name for name in names if name and (ROOT / name).is_file()]
 
 
-def digest(names):
+def digest(names, folders):
     result = hashlib.sha256()
     for name in sorted(names):
-        if name.startswith(("src/", "platform/", "tests/", "cmake/")):
+        if name.startswith(folders):
             result.update(name.encode() + b"\0" + (ROOT / name).read_bytes())
     return result.hexdigest()
 
@@ -80,6 +83,10 @@ def places(names):
         arguments = [word for word in command[1:] if word.startswith(("-I", "-D", "-std"))]
         arguments += [word for i, flag in enumerate(command) if flag == "-isystem" for word in ("-isystem", command[i + 1])]
         found += sites.find(name, str(TREE / name), ["-xc++", *arguments])
+    times = collections.Counter()
+    for site in sorted(found, key=lambda s: (s.path, s.line, s.column)):
+        times[site.line, *site.key()] += 1
+        site.number = times[site.line, *site.key()]
     return found
 
 
@@ -90,7 +97,8 @@ def compile_mutants(numbered):
         for name in {site.path for site in numbered.values()} | {site.path for site in refused.values()}:
             put(TREE / name, sites.write((ROOT / name).read_bytes(),
                                          {n: s for n, s in numbered.items() if s.path == name}))
-        result = subprocess.run(["ninja", "-k", "0", "-C", str(BUILD), *TESTS], capture_output=True, text=True)
+        result = subprocess.run(["ninja", "-j", str(os.cpu_count()), "-k", "0", "-C", str(BUILD), *TESTS],
+                                capture_output=True, text=True)
         if result.returncode == 0:
             return refused
         wrong = set()
@@ -116,21 +124,6 @@ def test_commands():
     return {name: commands[name] for name in TESTS}
 
 
-def run_test(command, mutant, limit):
-    """Whether the program passed; a program that hangs did not."""
-    environment = {**os.environ, "GTEST_FAIL_FAST": "1"}
-    environment.pop("MUTANT", None)
-    if mutant is not None:
-        environment["MUTANT"] = str(mutant)
-    with subprocess.Popen(command, cwd=BUILD, env=environment, stdin=subprocess.DEVNULL, stdout=subprocess.DEVNULL,
-                          stderr=subprocess.DEVNULL, start_new_session=True) as process:
-        try:
-            return process.wait(limit) == 0
-        except subprocess.TimeoutExpired:
-            os.killpg(process.pid, signal.SIGKILL)
-            return False
-
-
 def equivalents():
     """Reasons, by path, function, line with single spaces, and change."""
     reasons = {}
@@ -138,14 +131,15 @@ def equivalents():
         if not line or line.startswith("#"):
             continue
         parts = [part.strip() for part in line.split(" | ")]
-        if len(parts) != 5:
+        if len(parts) < 5:
             sys.exit(f"tests/mutation/equivalents.txt:{number}: not PATH | FUNCTION | LINE | CHANGE | REASON")
-        reasons[tuple(parts[:4])] = parts[4]
+        reasons[parts[0], parts[1], " | ".join(parts[2:-2]), parts[-2]] = parts[-1]
     return reasons
 
 
-def reason_of(site, reasons):
-    return reasons.get((site.path, site.function, " ".join(site.source.split()), f"{site.kind}: {site.change}"))
+def reason_key(site):
+    number = "" if site.number == 1 else f" #{site.number}"
+    return site.path, site.function, " ".join(site.source.split()), f"{site.kind}: {site.change}{number}"
 
 
 def draw(found, arguments):
@@ -165,55 +159,51 @@ def main():
     parser.add_argument("--seed", type=int, default=1)
     parser.add_argument("--all", action="store_true")
     parser.add_argument("--only", default="")
+    parser.add_argument("--jobs", type=int, default=os.cpu_count())
     arguments = parser.parse_args()
     names = tracked()
     copy_tree(names)
     configure()
     found = places(names)
+    reasons = equivalents()
+    if stale := reasons.keys() - {reason_key(site) for site in found}:
+        sys.exit("tests/mutation/equivalents.txt: no such place:\n" + "\n".join(" | ".join(key) for key in sorted(stale)))
     chosen = draw(found, arguments)
     numbered = dict(enumerate(chosen))
     print(f"{len(found)} places, {len(chosen)} chosen (seed {arguments.seed}); building ...", flush=True)
     refused = compile_mutants(numbered)
     commands = test_commands()
-    limits, order = {}, {}
-    for name, command in commands.items():
-        begin = time.monotonic()
-        if not run_test(command, None, 600):
-            sys.exit(f"{name} fails without a mutant: {' '.join(command)}")
-        limits[name] = HANGING * (time.monotonic() - begin) + 5
-    print(f"{len(numbered)} mutants, {len(refused)} more do not compile; the tests pass without any", flush=True)
+    tests = reach.tests(FOLDER, commands, len(chosen), digest(names, READ_BY_TESTS), arguments.jobs)
+    print(f"{len(numbered)} mutants, {len(refused)} more do not compile; {len(tests)} tests pass without any", flush=True)
 
     record = FOLDER / "results.json"
-    state = json.loads(record.read_text()) if record.exists() else {}
-    if state.get("digest") != digest(names):
-        state = {"digest": digest(names), "killed": {}}
-    killed = state["killed"]  # name -> program, or "" for a survivor
+    state = {"digest": "", "killed": {}, "killers": {}, **(json.loads(record.read_text()) if record.exists() else {})}
+    if state["digest"] != digest(names, CODE):
+        state.update(digest=digest(names, CODE), killed={})
+    killed, killers = state["killed"], state["killers"]  # name -> test, or "" for a survivor
 
     def judge(number):
         site = numbered[number]
-        if site.name in killed:
-            return number, killed[site.name]
-        programs = sorted(commands, key=lambda name: -order.get((site.path, name), 0))
-        for name in programs:
-            if not run_test(commands[name], number, limits[name]):
-                order[site.path, name] = order.get((site.path, name), 0) + 1
-                return number, name
-        return number, ""
+        if site.name not in killed:
+            return number, reach.killer(commands, tests, number, site.path, killers.get(site.name))
+        return number, killed[site.name]
 
-    reasons, survivors, begin = equivalents(), [], time.monotonic()
-    with concurrent.futures.ThreadPoolExecutor(os.cpu_count()) as pool:
-        for done, (number, program) in enumerate(pool.map(judge, random.Random(0).sample(sorted(numbered), len(numbered))), 1):
+    survivors, begin = [], time.monotonic()
+    with concurrent.futures.ThreadPoolExecutor(arguments.jobs) as pool:
+        for done, (number, test) in enumerate(pool.map(judge, random.Random(0).sample(sorted(numbered), len(numbered))), 1):
             site = numbered[number]
-            killed[site.name] = program
+            killed[site.name] = test
+            if test:
+                killers[site.name] = test
             record.write_text(json.dumps(state))
-            if not program:
+            if not test:
                 survivors.append(site)
-                reason = reason_of(site, reasons)
+                reason = reasons.get(reason_key(site))
                 print(f"survived: {site.name} in {site.function}\n    {site.source.strip()}" + (f"\n    equivalent: {reason}" if reason else ""),
                       flush=True)
             elif done % 25 == 0:
                 print(f"{done} of {len(numbered)}, {len(survivors)} survived, {time.monotonic() - begin:.0f} s", flush=True)
-    unexplained = [site for site in survivors if not reason_of(site, reasons)]
+    unexplained = [site for site in survivors if reason_key(site) not in reasons]
     by_kind = {}
     for site in numbered.values():
         counts = by_kind.setdefault(site.kind, [0, 0])

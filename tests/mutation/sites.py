@@ -25,6 +25,7 @@ class Site:
     edits: list = field(default_factory=list)  # (begin, end, text): what is put in place of the bytes; see write
     depth: int = 0  # in the syntax tree
     source: str = ""  # the line
+    number: int = 1  # among the same changes of the line
 
     @property
     def name(self):

@@ -11,12 +11,15 @@
 #include <optional>
 #include <stdexcept>
 
+#include "catalogue/PatternSize.h"
 #include "common/UrlSyntax.h"
 #include "propertyprotocol/Limits.h"
 
 namespace propertyservice {
 
 namespace {
+
+constexpr std::size_t maxPatternSize = 500;
 
 bool isHexadecimal(char letter) {
     return (letter >= '0' && letter <= '9') || (letter >= 'a' && letter <= 'f') || (letter >= 'A' && letter <= 'F');
@@ -99,6 +102,8 @@ ValueRule patternRule(const Json::Value& definition) {
     require(definition["pattern"].isString() && !definition["pattern"].asString().empty(),
             "a pattern needs \"pattern\", a POSIX extended regular expression");
     const std::string pattern = definition["pattern"].asString();
+    require(sizeOfPattern(pattern, maxPatternSize) <= maxPatternSize,
+            "\"pattern\" has more than 500 characters once its repetitions are written out");
     auto compiled = std::make_unique<regex_t>();
     if (const int error = ::regcomp(compiled.get(), pattern.c_str(), REG_EXTENDED)) {
         char reason[200] = "";

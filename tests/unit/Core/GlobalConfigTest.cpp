@@ -2,6 +2,8 @@
 
 #include <gtest/gtest.h>
 
+#include <chrono>
+
 #include "unit/Core/support/Phone.h"
 
 namespace {
@@ -35,6 +37,13 @@ TEST_F(GlobalConfigTest, RetriesAnEmptyPasswordTenTimesThenContinues) {
     expected.push_back(info(source, "Preconditions are not met"));
     EXPECT_EQ(phone_.log.lines(), expected);
     EXPECT_EQ(phone_.properties->reads().size(), 22U) << "eleven checks of two properties";
+}
+
+TEST_F(GlobalConfigTest, PausesBetweenRetries) {
+    phone_.properties->put(password, "");
+    const auto begin = std::chrono::steady_clock::now();
+    GlobalConfig::waitForPreconditions(phone_.properties, 1, std::chrono::seconds(1));
+    EXPECT_GE(std::chrono::steady_clock::now() - begin, std::chrono::seconds(1));
 }
 
 TEST_F(GlobalConfigTest, ReadsThePasswordOnlyIfThereIsAUserName) {

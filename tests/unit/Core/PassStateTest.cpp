@@ -2,7 +2,19 @@
 
 #include <gtest/gtest.h>
 
+#include <stdexcept>
+
 namespace {
+
+TEST(PassStateTest, ThreadWithoutAPassHasNoCurrentOne) {
+    EXPECT_EQ(zav::Pass::ofThisThread(), nullptr);
+    try {
+        zav::Pass::current();
+        ADD_FAILURE();
+    } catch (const std::logic_error& error) {
+        EXPECT_STREQ(error.what(), "No provisioning pass runs on this thread");
+    }
+}
 
 TEST(PassStateTest, ReturnsACopyOfTheVersion) {
     zav::setCurrentProvisioningVersion("1.1");

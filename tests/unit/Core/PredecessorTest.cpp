@@ -27,6 +27,10 @@ TEST_F(PredecessorTest, OnlyOneDaemonHoldsTheLock) {
     EXPECT_EQ(first.state(), State::held);
     EXPECT_EQ(zav::DaemonLock().state(), State::heldByAnother);
     EXPECT_TRUE(phone_.log.lines().empty());
+    using std::filesystem::perms;
+    EXPECT_EQ(std::filesystem::status("/var/volatile/provisioning").permissions(), perms::owner_all);
+    EXPECT_EQ(std::filesystem::status("/var/volatile/provisioning/zavd:lock").permissions(),
+              perms::owner_read | perms::owner_write);
 }
 
 TEST_F(PredecessorTest, LockIsFreeOnceItsHolderHasExited) {
@@ -81,8 +85,11 @@ TEST_F(PredecessorTest, FailedUnlockIsLogged) {
     phone_.properties->failCall(fakes::FakeProperties::Call::set, 1);
     zav::cleanUpAfterPredecessor(*phone_.properties);
     EXPECT_TRUE(phone_.properties->writes().empty());
-    EXPECT_NE(phone_.log.text().find("Could not clean up after an earlier zavd: "), std::string::npos)
-        << phone_.log.text();
+    ASSERT_EQ(phone_.log.lines().size(), 2U) << phone_.log.text();
+    EXPECT_EQ(phone_.log.lines().back(),
+              fakes::error(source,
+                           "Could not clean up after an earlier zavd: Property 'State.Provisioning.LockUI': the "
+                           "property service is offline"));
 }
 
 TEST_F(PredecessorTest, RemovesPartialDownloadsAndDecryptions) {
@@ -90,15 +97,20 @@ TEST_F(PredecessorTest, RemovesPartialDownloadsAndDecryptions) {
     std::filesystem::create_directories(folder + "nvm");
     std::filesystem::create_directories(folder + "folder.tmp");
     for (const char* name :
-         {"provisioning.xml", "provisioning.xml.tmp", "nvm/settings.xml.tmp", ".settings.xml.part"}) {
+         {"provisioning.xml", "provisioning.xml.tmp", "nvm/settings.xml.tmp", "a.tmp", ".tmp", ".settings.xml.part"}) {
         tests::writeFile(folder + name, "x");
     }
     zav::cleanUpAfterPredecessor(*phone_.properties);
     EXPECT_TRUE(tests::exists(folder + "provisioning.xml"));
+    EXPECT_TRUE(tests::exists(folder + ".tmp"));
     EXPECT_TRUE(tests::exists(folder + "folder.tmp"));
-    for (const char* name : {"provisioning.xml.tmp", "nvm/settings.xml.tmp", ".settings.xml.part"}) {
+    for (const char* name : {"provisioning.xml.tmp", "nvm/settings.xml.tmp", "a.tmp", ".settings.xml.part"}) {
         EXPECT_FALSE(tests::exists(folder + name)) << name;
     }
+    for (const char* name : {"provisioning.xml.tmp", "nvm/settings.xml.tmp", "a.tmp"}) {
+        EXPECT_TRUE(phone_.log.has(fakes::info(source, "Removed a half-decrypted file: " + folder + name))) << name;
+    }
+    EXPECT_EQ(phone_.log.linesOf(source).size(), 3U) << phone_.log.text();
 }
 
 }  // namespace

@@ -121,6 +121,12 @@ TEST_F(DecryptionTest, PlainFileNeedsNeitherKeyNorOpenssl) {
     EXPECT_TRUE(phone_.log.linesOf(source).size() == 3U) << "verifiable, no MAC address, verified";
 }
 
+TEST_F(DecryptionTest, EmptyKeyFileIsReadable) {
+    tests::writeFile("/etc/zav.d/key", "");
+    loadCorruptedFile();
+    EXPECT_EQ(phone_.log.lines(), Lines{warning(source, "File " + path + " is corrupted")});
+}
+
 TEST_F(DecryptionTest, CorruptedFileLogsNoKeyError) {
     loadCorruptedFile();
     EXPECT_EQ(phone_.log.lines(), Lines{warning(source, "File " + path + " is corrupted")});

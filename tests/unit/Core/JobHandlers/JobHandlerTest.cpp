@@ -64,6 +64,11 @@ TEST_F(JobHandlerTest, NoUrlWithoutAValidFile) {
     EXPECT_EQ(phone_.log.count(info(source, "Newest:")), 2U);
 }
 
+TEST_F(JobHandlerTest, ShutdownStopsTheScan) {
+    stop_->stop();
+    EXPECT_THROW(newest({file("2016-01-01_00:00:00", "a")}), zav::ShuttingDownException);
+}
+
 TEST_F(JobHandlerTest, FileWithoutUrlThrows) {
     EXPECT_THROW(newest({{{"version", "2016-01-01_00:00:00"}}}), std::out_of_range);
     EXPECT_THROW(newest({{{"name", "x"}}}), std::out_of_range);
@@ -149,6 +154,28 @@ TEST_F(JobHandlerTest, FileWithTooManyItemsAppendsNothing) {
                                                            "/var/volatile/provisioning/nvm/job.xml", jobs));
     ASSERT_EQ(jobs.size(), 1U);
     EXPECT_EQ(jobs[0].name, "before");
+}
+
+TEST_F(JobHandlerTest, FileBeyondTheLimitOfThePassFails) {
+    server_.on("/job.xml", fakes::HttpAnswer::ok(tests::provisioningFile("nvm", "1.0", "<file url=\"/x\"/>")));
+    const auto downloads = [&] {
+        std::vector<JobDescription> jobs;
+        return make<PlainHandler>(job_)->downloadAndParse(server_.url("/job.xml"),
+                                                          "/var/volatile/provisioning/nvm/job.xml", jobs);
+    };
+    pass_.usage().files = zav::Pass::maximumFiles - 1;
+    EXPECT_TRUE(downloads());
+    EXPECT_FALSE(downloads());
+    EXPECT_EQ(server_.requests().size(), 1U);
+}
+
+TEST_F(JobHandlerTest, NothingIsDownloadedDuringShutdown) {
+    stop_->stop();
+    std::vector<JobDescription> jobs;
+    EXPECT_THROW(make<PlainHandler>(job_)->downloadAndParse(server_.url("/job.xml"),
+                                                            "/var/volatile/provisioning/nvm/job.xml", jobs),
+                 zav::ShuttingDownException);
+    EXPECT_TRUE(server_.requests().empty());
 }
 
 TEST_F(JobHandlerTest, DownloadsVerifiesAndAppendsTheJobs) {

@@ -227,6 +227,15 @@ TEST_F(ReferringHandlersTest, AllFilesOfAPassShareOneItemBudget) {
     EXPECT_EQ(phone_.properties->writesTo("A"), (std::vector<std::string>{"1", "2"}));
 }
 
+TEST_F(ReferringHandlersTest, LastItemOfThePassIsApplied) {
+    phone_.properties->put("A", "");
+    serve("/two.xml", "settings", R"(<param name="A" value="1"/><param name="A" value="2"/>)");
+    pass_.usage().items = zav::Pass::maximumItems - 2;
+    EXPECT_EQ(runDownload({{{"url", "/two.xml"}}}), 2);
+    EXPECT_EQ(phone_.properties->writesTo("A"), (std::vector<std::string>{"1", "2"}));
+    EXPECT_EQ(pass_.usage().items, zav::Pass::maximumItems);
+}
+
 TEST_F(ReferringHandlersTest, NoJobStartsDuringShutdown) {
     phone_.properties->put("A", "");
     serve("/groups.xml", "settings", R"(<nvm><param name="A" value="1"/></nvm><nvm><param name="A" value="2"/></nvm>)");

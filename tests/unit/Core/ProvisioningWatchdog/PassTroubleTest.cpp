@@ -1,11 +1,16 @@
 // Rare failures of a pass: its thread cannot be started, it throws an int, or it hangs in its last log lines.
 #include <gtest/gtest.h>
+#include <malloc.h>
 #include <pthread.h>
 
+#include <atomic>
+#include <functional>
+#include <future>
 #include <limits>
 #include <system_error>
 #include <thread>
 
+#include "Core/Pass.h"
 #include "Core/ProvisioningWatchdog/ProvisioningWorker.h"
 #include "fakes/FullStandardError.h"
 #include "fakes/HttpServer.h"
@@ -20,6 +25,13 @@ using fakes::info;
 const std::string source = "Core/ProvisioningWatchdog/ProvisioningWorker";
 const auto finished = info(source, "Provisioning Finished");
 const std::string lockUi = "State.Provisioning.LockUI";
+
+/// Called instead of the C library's malloc_trim, which ends every pass: after its last signal, and before it is marked
+/// as ended.
+std::function<void()>& onTrim() {
+    static std::function<void()> hook;
+    return hook;
+}
 
 class PassTroubleTest : public testing::Test {
  protected:
@@ -156,4 +168,66 @@ TEST_F(PassTroubleTest, RefusedResultIsAnErrorAndTheEndGoesOn) {
     EXPECT_TRUE(phone_.log.has(info(source, "Provisioning failed. "))) << "the steps after it";
 }
 
+TEST_F(PassTroubleTest, OnlyAnOutermostPassReleasesFreeMemory) {
+    std::atomic<int> calls{0};
+    onTrim() = [&] { ++calls; };
+    runPass();
+    end();
+    EXPECT_EQ(calls, 1);
+    {
+        zav::Pass outer(nullptr, std::make_shared<common::StopSignal>());
+        worker_ = std::make_unique<zav::ProvisioningWorker>(phone_.properties, phone_.curl, phone_.security);
+        worker_->startProvisioning("");
+        end();
+    }
+    EXPECT_EQ(calls, 1);
+    onTrim() = nullptr;
+}
+
+// The end of a pass gives two signals, and each wakes one waiter: its last step gives one, and the thread another if
+// anyone still waits.
+TEST_F(PassTroubleTest, LastWaiterReturnsAlthoughTheFirstTookTheSignal) {
+    const auto waiting = info("Core/ProvisioningWatchdog/ProgressReporter", "Waiting for progress");
+    const auto consumed = info("Core/ProvisioningWatchdog/ProgressReporter", "Progress consumed");
+    std::promise<void> ending;
+    std::promise<void> goOn;
+    phone_.properties->onWrite([&](const fakes::PropertyWrite& write) {
+        if (write.key != lockUi || write.value != "0") return;
+        ending.set_value();  // behind the signals of the download
+        goOn.get_future().wait();
+    });
+    std::atomic<bool> firstReturned{false};
+    bool returnedBeforeTheEnd = false;
+    onTrim() = [&] {
+        const auto deadline = std::chrono::steady_clock::now() + std::chrono::seconds(20);
+        while (!firstReturned && std::chrono::steady_clock::now() < deadline) std::this_thread::yield();
+        returnedBeforeTheEnd = firstReturned;
+    };
+    worker_->startProvisioning("");
+    ending.get_future().wait();
+    worker_->waitForProgress();  // the signal that the pass has given already
+    std::vector<std::thread> waiters;
+    for (int i = 0; i < 2; ++i) {
+        waiters.emplace_back([&] {
+            worker_->waitForProgress();
+            firstReturned = true;
+        });
+    }
+    EXPECT_TRUE(phone_.log.waitFor(waiting, 3));
+    goOn.set_value();
+    EXPECT_TRUE(phone_.log.waitFor(consumed, 3)) << "the thread's signal is missing";
+    worker_->stop();  // releases whoever still waits
+    for (auto& waiter : waiters) waiter.join();
+    end();
+    onTrim() = nullptr;
+    phone_.properties->onWrite({});
+    EXPECT_TRUE(returnedBeforeTheEnd) << "the last step of a pass is a signal";
+}
+
 }  // namespace
+
+// Takes the place of the C library's function in this program.
+extern "C" int malloc_trim(std::size_t) {
+    if (onTrim()) onTrim()();
+    return 0;
+}

@@ -1,9 +1,13 @@
 #include "Core/ProvisioningWatchdog/ProvisioningWorker.h"
 
 #include <gtest/gtest.h>
+#include <sys/syscall.h>
+#include <unistd.h>
 
 #include <array>
 #include <atomic>
+#include <fstream>
+#include <stdexcept>
 #include <thread>
 #include <utility>
 
@@ -32,7 +36,7 @@ constexpr std::array<const char*, 3> lastKeys{"State.Provisioning.LockUI", "Stat
 // How long a test waits for an event that must not happen.
 constexpr std::chrono::milliseconds absenceTimeout{200};
 
-/// A security object that counts notifications and can fail them.
+/// A security object that counts calls, and can fail notifications.
 class CountingSecurity : public zav::Security {
  public:
     using Security::Security;
@@ -40,9 +44,29 @@ class CountingSecurity : public zav::Security {
         ++notifications;
         if (throws) throw 42;
     }
+    void reloadDeviceIdentity() override {
+        ++identityReloads;
+        if (throws) throw std::runtime_error("no memory");
+    }
     std::atomic<int> notifications{0};
+    std::atomic<int> identityReloads{0};
     std::atomic<bool> throws{false};
 };
+
+// Returns once a thread of this process seems to have come to its wait: what it waits for could otherwise happen
+// before, and a missing wake-up would go unnoticed.
+void waitUntilAsleep(pid_t thread) {
+    constexpr int enough = 20;
+    for (int times = 0; times < enough;) {
+        std::ifstream file("/proc/self/task/" + std::to_string(thread) + "/stat");
+        std::string line;
+        std::getline(file, line);
+        const std::size_t name = line.rfind(") ");
+        if (name == std::string::npos) return;  // it has ended
+        times = line[name + 2] == 'S' ? times + 1 : 0;
+        std::this_thread::yield();
+    }
+}
 
 class ProvisioningWorkerTest : public testing::Test {
  protected:
@@ -90,6 +114,13 @@ TEST_F(ProvisioningWorkerTest, InitiallyFinishedWithoutAStatus) {
     EXPECT_TRUE(phone_.log.lines().empty());
 }
 
+TEST_F(ProvisioningWorkerTest, StatusIsNotAwaitedBeforeTheFirstPass) {
+    constexpr int times = 5;  // each would wait for a second
+    const auto begin = std::chrono::steady_clock::now();
+    for (int i = 0; i < times; ++i) EXPECT_EQ(worker_->getProvisioningStatus(), "");
+    EXPECT_LT(std::chrono::steady_clock::now() - begin, std::chrono::seconds(times));
+}
+
 TEST_F(ProvisioningWorkerTest, NothingStartsWithoutAServer) {
     phone_.properties->put("System.Provision.ProvisioningServer", "");
     worker_->startProvisioning("");
@@ -102,6 +133,7 @@ TEST_F(ProvisioningWorkerTest, InvalidUrlThrowsAndReleasesWaiters) {
     EXPECT_THROW(worker_->startProvisioning("http://a b/"), zav::UrlException);
     EXPECT_FALSE(worker_->isProvisioningFinished()) << "the flag stays false if the URL is invalid";
     worker_->waitForProgress();
+    EXPECT_FALSE(phone_.log.has(waiting)) << "no pass runs, so there is no progress to wait for";
     runPass();
     end();
     EXPECT_EQ(results(), std::vector<std::string>{"fail"});
@@ -158,10 +190,16 @@ TEST_F(ProvisioningWorkerTest, StopDropsAWaitingRequest) {
     hold();
     worker_->startProvisioning("");
     ASSERT_TRUE(gate_->waitUntilReached());
-    std::thread second([&] { worker_->startProvisioning(""); });
+    std::atomic<pid_t> waiter{0};
+    std::thread second([&] {
+        waiter = static_cast<pid_t>(::syscall(SYS_gettid));
+        worker_->startProvisioning("");
+    });
     ASSERT_TRUE(phone_.log.waitFor(waitsForPrevious));
+    waitUntilAsleep(waiter);
     worker_->stop();
     second.join();
+    EXPECT_FALSE(worker_->isProvisioningFinished()) << "a dropped request does not wait for the pass";
     worker_->startProvisioning("");  // must be dropped too
     gate_->open();
     end();
@@ -400,6 +438,12 @@ TEST_F(ProvisioningWorkerTest, LastStepsFailIndependently) {
     end();
     EXPECT_EQ(properties->writes(), (std::vector<fakes::PropertyWrite>{{"State.Provisioning", "", "fail"}}));
     EXPECT_EQ(security_.notifications, 1);
+    for (const char* text :
+         {"Could not publish the HTTP code: Property 'State.Provisioning.HttpErrorCode': not found",
+          "Could not publish the provisioning result: Property 'State.FirmwareUpdate.TriggerAuto': not found",
+          "Could not read the device certificate: no memory", "Could not notify about new certificates"}) {
+        EXPECT_TRUE(phone_.log.has(error(source, text))) << text << "\n" << phone_.log.text();
+    }
 }
 
 TEST_F(ProvisioningWorkerTest, ExceptionEndsThePassAsFail) {
@@ -435,6 +479,16 @@ TEST_F(ProvisioningWorkerTest, VersionIsPerPass) {
     runPass();
     end();
     EXPECT_TRUE(phone_.log.has(info(source, "Starting provisioning version: 1.1"))) << "the old version must not count";
+}
+
+TEST_F(ProvisioningWorkerTest, OutermostPassReadsTheDeviceCertificate) {
+    runPass();
+    EXPECT_EQ(security_.identityReloads, 1);
+    end();
+    zav::Pass outer(nullptr, std::make_shared<common::StopSignal>());
+    worker_ = std::make_unique<zav::ProvisioningWorker>(phone_.properties, phone_.curl, security_);
+    runPass();
+    EXPECT_EQ(security_.identityReloads, 1) << "a nested pass uses that of the pass around it";
 }
 
 TEST_F(ProvisioningWorkerTest, DestructorWaitsForThePass) {

@@ -98,7 +98,12 @@ TEST(Factory, ThrowsForAnUnknownKind) {
     auto& factory = IFirmwareVersionFactory::getInstance();
     const auto& consts = FirmwareVersionConsts::getInstance();
     EXPECT_NE(consts.currentVersion(), consts.offeredVersion());
-    EXPECT_THROW(factory.create("another", "1.0"), std::invalid_argument);
+    try {
+        factory.create("another", "1.0");
+        ADD_FAILURE();
+    } catch (const std::invalid_argument& error) {
+        EXPECT_STREQ(error.what(), "Unknown kind of firmware version: another");
+    }
     EXPECT_THROW(factory.create("", "1.0"), std::invalid_argument);
 }
 

@@ -303,6 +303,9 @@ INSTANTIATE_TEST_SUITE_P(
             "c.json:2: a.b: \"pattern\" is not a POSIX extended regular expression: Unmatched [, [^, [:, [., or [="},
         ErrorCase{"UnbalancedPattern", one(R"("type": "pattern", "pattern": "a)|(b", "default": "a")"),
                   "c.json:2: a.b: \"pattern\" is not a POSIX extended regular expression: Unmatched ( or \\("},
+        ErrorCase{"ExplosivePattern",
+                  one(R"("type": "pattern", "pattern": "a+++++++++++++++++++++++++++++++++", "default": "a")"),
+                  "c.json:2: a.b: \"pattern\" has more than 500 characters once its repetitions are written out"},
         ErrorCase{
             "KeyWithBlank", withKeys("\"a b\": " + definition(R"("type": "text", "default": "")")),
             "c.json:2: a b: is not a valid key: letters, digits, \"_\" and \"-\" in segments between dots, at most 255 "

@@ -40,7 +40,8 @@ TEST_F(ExplainedJobs, RefusedSettingsHaveTheServicesReason) {
     const Explanation explanation = explained(
         direct("<nvm><param name='No.Key' value='1'/><param name='System.Reboot.Automatic.Hour' value='24'/>"
                "<param name='State.Provisioning' value='request'/><param name='PhoneUI.Keys.FunctionKeys.2.Label' "
-               "value='x'/><param name='Time.Format' value='12h'/></nvm>"));
+               "value='x'/><param name='PhoneUI.Keys.FunctionKeys.2.LockProvisioning' value='0'/>"
+               "<param name='Time.Format' value='12h'/></nvm>"));
     EXPECT_EQ(explanation.status, "partSuccess");
     EXPECT_THAT(events(explanation, Kind::refused),
                 ElementsAre("No.Key||1|Property 'No.Key': unknown key: the catalogue has no such key",
@@ -48,7 +49,8 @@ TEST_F(ExplainedJobs, RefusedSettingsHaveTheServicesReason) {
                             "must be a whole number from 0 to 23",
                             "State.Provisioning||request|Property 'State.Provisioning': read-only: may not be "
                             "written by the source \"provisioning\"",
-                            "PhoneUI.Keys.FunctionKeys.2.Label||x|the function key is locked"));
+                            "PhoneUI.Keys.FunctionKeys.2.Label||x|the function key is locked",
+                            "PhoneUI.Keys.FunctionKeys.2.LockProvisioning||0|can not be set by provisioning"));
     EXPECT_THAT(events(explanation, Kind::log), IsEmpty());  // the events say it
 }
 
@@ -57,6 +59,15 @@ TEST_F(ExplainedJobs, JobsThatDoNotRunAreDroppedWithTheReason) {
         explained(direct("<nvm><file url='/x'/></nvm><nvm><param name='Time.Format' value='12h'/><x y='z'/></nvm>"));
     EXPECT_THAT(events(explanation, Kind::dropped),
                 ElementsAre("nvm/x|||its elements have different names", "nvm/file|||not a job of format '1.1'"));
+}
+
+TEST_F(ExplainedJobs, NestedJobsThatDoNotRunAreDroppedWithTheReason) {
+    const std::string initial = document("provisioning", "1.0", "<category type='nvm' url='/nvm.xml'/>");
+    publish("nvm.xml", document("nvm", "1.0", "<file url='/nvm.xml'/>"));
+    EXPECT_THAT(events(explained(initial), Kind::dropped), ElementsAre("nvm/file|||nested too deeply"));
+    publish("nvm.xml", document("nvm", "1.0", "<file url='/new.xml'/>"));
+    publish("new.xml", document("settings", "1.0", "<other><kind a='1'/></other>"));
+    EXPECT_THAT(events(explained(initial), Kind::dropped), ElementsAre("other/kind|||unknown job type"));
 }
 
 TEST_F(ExplainedJobs, NewestFileIsChosenWithTheReason) {
