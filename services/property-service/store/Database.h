@@ -84,7 +84,7 @@ class Database {
 
     const std::string path_;
     std::unique_ptr<sqlite3, Close> database_;
-    Statement upsert_;
+    Statement replace_;
     Statement remove_;
     std::size_t lostCommits_ = 0;
     std::unique_ptr<LogSync> logSync_;
