@@ -77,7 +77,7 @@ class Database {
     void checkStructure();
     std::size_t countLostCommits();
     Statement prepare(const char* sql, unsigned flags = 0);
-    int numberOf(const char* pragma);
+    int numberOf(const char* query);
     void execute(const char* sql);
     void put(const Entry& entry);
     [[noreturn]] void fail(const std::string& what) const;
