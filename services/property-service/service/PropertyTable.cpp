@@ -21,7 +21,7 @@ std::string objection(const Definition& definition, const std::string& value) {
 
 }  // namespace
 
-PropertyTable::PropertyTable(Catalogue catalogue, std::vector<IStore::Entry> stored) {
+PropertyTable::PropertyTable(Catalogue catalogue, std::vector<IStore::Entry>&& stored) {
     std::vector<CatalogueKey> keys = std::move(catalogue).keys();
     properties_.reserve(keys.size());
     for (CatalogueKey& entry : keys) {
