@@ -28,6 +28,15 @@ class BareClient {
                                                       const mosquitto_property* properties) {
             static_cast<BareClient*>(self)->arrived(*message, properties);
         });
+        mosquitto_connect_v5_callback_set(
+            handle_, [](mosquitto*, void* self, int, int, const mosquitto_property* said) {
+                mosquitto_property_read_int16(said, MQTT_PROP_RECEIVE_MAXIMUM,
+                                              &static_cast<BareClient*>(self)->receiveMaximum_, false);
+            });
+        mosquitto_publish_callback_set(handle_, [](mosquitto*, void* self, int identifier) {
+            const auto& published = static_cast<BareClient*>(self)->onPublished_;
+            if (published) published(identifier);
+        });
         if (mosquitto_connect(handle_, "127.0.0.1", port, 600) != MOSQ_ERR_SUCCESS)
             throw std::runtime_error("cannot connect to the broker");
         subscribe(replyTopic_);
@@ -44,6 +53,11 @@ class BareClient {
 
     int socket() const { return mosquitto_socket(handle_); }
     mosquitto* handle() { return handle_; }
+
+    /// `published` gets the identifier of each message that was sent with quality of service 0, or acknowledged.
+    void onPublished(std::function<void(int)> published) { onPublished_ = std::move(published); }
+    /// Messages with quality of service 1 that the broker takes before it acknowledges one.
+    std::size_t receiveMaximum() const { return receiveMaximum_; }
 
     /// Waits for the next packets and handles them.
     void step() {
@@ -96,6 +110,8 @@ class BareClient {
     const OnMessage onMessage_;
     const std::string replyTopic_;
     mosquitto* const handle_;
+    std::function<void(int)> onPublished_;
+    std::uint16_t receiveMaximum_ = 65535;
     bool subscribed_ = false;
     bool answered_ = false;
     std::string answer_;

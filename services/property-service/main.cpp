@@ -4,6 +4,7 @@
 #include <future>
 #include <iostream>
 #include <string>
+#include <utility>
 
 #include "SystemdNotifier.h"
 #include "catalogue/Catalogue.h"
@@ -77,14 +78,14 @@ int main(int argc, char** argv) {
         common::signal::registerCustomHandler(SIGTERM, onTerminate);
         common::signal::registerCustomHandler(SIGINT, onTerminate);
 
-        const propertyservice::Catalogue catalogue = propertyservice::Catalogue::load(cataloguePath);
+        propertyservice::Catalogue catalogue = propertyservice::Catalogue::load(cataloguePath);
+        const std::size_t count = catalogue.keys().size();
         propertyservice::Store store(storePath);
-        propertyservice::PropertyService service(catalogue, store);
+        propertyservice::PropertyService service(std::move(catalogue), store);
         propertyservice::SystemdNotifier notifier;
         const auto bus = ipc::IPCFactory::createService(
             propertyprotocol::serviceName, {[&notifier] { notifier.ready(); }, [&notifier] { notifier.alive(); }});
-        dbg::Debug::info() << "Serving " << catalogue.keys().size() << " properties, stored in " << storePath
-                           << std::endl;
+        dbg::Debug::info() << "Serving " << count << " properties, stored in " << storePath << std::endl;
         bus->start(host, propertyprotocol::statusTopic,
                    {propertyprotocol::getTopic, propertyprotocol::setTopic, propertyprotocol::listTopic,
                     propertyprotocol::describeTopic, propertyprotocol::importTopic},

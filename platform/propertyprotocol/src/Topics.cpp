@@ -23,7 +23,9 @@ std::string inLowerCase(std::string text) {
 }  // namespace
 
 std::string changeTopic(const std::string& key) {
-    return changePrefix + inLowerCase(key.substr(0, key.find('.'))) + "/" + key;
+    std::string topic = inLowerCase(key.substr(0, key.find('.')));
+    topic.reserve(sizeof changePrefix + topic.size() + key.size());
+    return topic.insert(0, changePrefix).append("/").append(key);
 }
 
 std::string changeFilter(const std::string& group) { return changePrefix + inLowerCase(group) + "/#"; }

@@ -4,11 +4,15 @@
 #include <json/writer.h>
 
 #include <algorithm>
+#include <array>
 #include <cerrno>
 #include <charconv>
+#include <cstdint>
 #include <fstream>
+#include <limits>
 #include <optional>
 #include <sstream>
+#include <utility>
 
 #include "common/Descriptor.h"
 #include "debug/Debug.h"
@@ -127,11 +131,6 @@ std::shared_ptr<const Definition> readDefinition(const Json::Value& json) {
     return definition;
 }
 
-struct Range {
-    unsigned first;
-    unsigned last;
-};
-
 std::optional<unsigned> indexOf(const std::string& digits) {
     unsigned number = 0;
     const auto [end, error] = std::from_chars(digits.data(), digits.data() + digits.size(), number);
@@ -140,14 +139,34 @@ std::optional<unsigned> indexOf(const std::string& digits) {
     return number;
 }
 
-Range rangeOf(const std::string& text) {
-    const std::string::size_type dash = text.find('-');
-    if (dash != std::string::npos) {
-        const std::optional<unsigned> first = indexOf(text.substr(0, dash));
-        const std::optional<unsigned> last = indexOf(text.substr(dash + 1));
-        if (first && last && *first <= *last && *last - *first < maxKeysOfPattern) return {*first, *last};
+// Orders numbers as their texts: by the digits, aligned to the left, then by how many they are.
+std::uint64_t textOrder(unsigned number) {
+    std::uint64_t digits = 1;
+    for (unsigned rest = number; rest >= 10; rest /= 10) ++digits;
+    std::uint64_t aligned = number;
+    for (std::uint64_t width = digits; width < std::numeric_limits<unsigned>::digits10 + 1; ++width) aligned *= 10;
+    return aligned * 16 + digits;
+}
+
+// The numbers of a range, in the order of their texts.
+std::vector<std::string> indicesOf(const std::string& range) {
+    const std::string::size_type dash = range.find('-');
+    const bool hasDash = dash != std::string::npos;
+    const std::optional<unsigned> first = hasDash ? indexOf(range.substr(0, dash)) : std::nullopt;
+    const std::optional<unsigned> last = hasDash ? indexOf(range.substr(dash + 1)) : std::nullopt;
+    if (!first || !last || *first > *last || *last - *first >= maxKeysOfPattern) {
+        throw std::invalid_argument("\"{" + range + "}\" is not an index range such as {0-7}");
     }
-    throw std::invalid_argument("\"{" + text + "}\" is not an index range such as {0-7}");
+    std::vector<std::pair<std::uint64_t, unsigned>> numbers;
+    numbers.reserve(*last - *first + 1);
+    for (unsigned offset = 0; offset <= *last - *first; ++offset) {
+        numbers.emplace_back(textOrder(*first + offset), *first + offset);
+    }
+    std::stable_sort(numbers.begin(), numbers.end());
+    std::vector<std::string> indices;
+    indices.reserve(numbers.size());
+    for (const auto& [order, number] : numbers) indices.push_back(std::to_string(number));
+    return indices;
 }
 
 }  // namespace
@@ -171,26 +190,26 @@ bool isKey(const std::string& text) {
 bool isState(const std::string& key) { return key.compare(0, 6, "State.") == 0; }
 
 std::vector<std::string> expandKeyPattern(const std::string& pattern) {
-    std::vector<std::string> keys{""};
-    std::string::size_type position = 0;
-    while (position < pattern.size()) {
-        const std::string::size_type open = pattern.find('{', position);
-        const std::string literal = pattern.substr(position, open - position);
-        for (std::string& key : keys) key += literal;
-        if (open == std::string::npos) break;
+    std::string::size_type open = pattern.find('{');
+    std::vector<std::string> keys{pattern.substr(0, open)};
+    while (open != std::string::npos) {
         const std::string::size_type close = pattern.find('}', open);
         require(close != std::string::npos, "\"{\" is not closed");
-        const Range indices = rangeOf(pattern.substr(open + 1, close - open - 1));
-        require(keys.size() * (indices.last - indices.first + 1) <= maxKeysOfPattern,
+        const std::vector<std::string> indices = indicesOf(pattern.substr(open + 1, close - open - 1));
+        require(keys.size() * indices.size() <= maxKeysOfPattern,
                 "the pattern expands to more than " + std::to_string(maxKeysOfPattern) + " keys");
+        open = pattern.find('{', close);
+        const std::string literal = pattern.substr(close + 1, open - close - 1);
         std::vector<std::string> longer;
+        longer.reserve(keys.size() * indices.size());
         for (const std::string& key : keys) {
-            for (unsigned offset = 0; offset <= indices.last - indices.first; ++offset) {
-                longer.push_back(key + std::to_string(indices.first + offset));
+            for (const std::string& index : indices) {
+                std::string& next = longer.emplace_back();
+                next.reserve(key.size() + index.size() + literal.size());
+                next.append(key).append(index).append(literal);
             }
         }
         keys = std::move(longer);
-        position = close + 1;
     }
     return keys;
 }
@@ -200,10 +219,14 @@ Catalogue Catalogue::load(const std::string& path) {
     if (!file) {
         throw CatalogueException(path + ": cannot be opened: " + common::reasonOf(errno));
     }
-    std::string text(maxFileBytes + 1, '\0');
-    file.read(text.data(), static_cast<std::streamsize>(text.size()));
+    // Grows with the file: a buffer of the greatest size would cost more than to parse a usual catalogue.
+    std::string text;
+    std::array<char, 65536> part;
+    while (text.size() <= maxFileBytes && file) {
+        file.read(part.data(), part.size());
+        text.append(part.data(), static_cast<std::size_t>(file.gcount()));
+    }
     if (file.bad() || (file.fail() && !file.eof())) throw CatalogueException(path + ": cannot be read");
-    text.resize(static_cast<std::size_t>(file.gcount()));
     if (text.size() > maxFileBytes) throw CatalogueException(path + ": is larger than 8 MiB");
     return parse(text, path);
 }
@@ -240,13 +263,17 @@ Catalogue Catalogue::parse(const std::string& text, const std::string& name) {
             source.fail(line, pattern, error.what());
         }
     }
-    std::sort(catalogue.keys_.begin(), catalogue.keys_.end(), [](const CatalogueKey& left, const CatalogueKey& right) {
+    // The patterns are sorted, and so are the keys of most of them.
+    const auto isNotAscending = [](const CatalogueKey& left, const CatalogueKey& right) {
+        return left.key >= right.key;
+    };
+    std::vector<CatalogueKey>& keys = catalogue.keys_;
+    if (std::adjacent_find(keys.begin(), keys.end(), isNotAscending) == keys.end()) return catalogue;
+    std::sort(keys.begin(), keys.end(), [](const CatalogueKey& left, const CatalogueKey& right) {
         return left.key != right.key ? left.key < right.key : left.line < right.line;
     });
-    const auto duplicate =
-        std::adjacent_find(catalogue.keys_.begin(), catalogue.keys_.end(),
-                           [](const CatalogueKey& left, const CatalogueKey& right) { return left.key == right.key; });
-    if (duplicate != catalogue.keys_.end()) {
+    const auto duplicate = std::adjacent_find(keys.begin(), keys.end(), isNotAscending);
+    if (duplicate != keys.end()) {
         source.fail((duplicate + 1)->line, duplicate->key,
                     "duplicate key, first defined in line " + std::to_string(duplicate->line));
     }

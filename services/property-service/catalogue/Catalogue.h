@@ -5,6 +5,7 @@
 #include <memory>
 #include <stdexcept>
 #include <string>
+#include <utility>
 #include <vector>
 
 #include "catalogue/ValueRule.h"
@@ -49,7 +50,8 @@ class Catalogue {
     static Catalogue parse(const std::string& text, const std::string& name);
 
     /// All keys, with index patterns expanded, sorted byte by byte.
-    const std::vector<CatalogueKey>& keys() const { return keys_; }
+    const std::vector<CatalogueKey>& keys() const& { return keys_; }
+    std::vector<CatalogueKey> keys() && { return std::move(keys_); }
 
  private:
     std::vector<CatalogueKey> keys_;
@@ -61,8 +63,9 @@ bool isKey(const std::string& text);
 /// Whether the key begins with "State.": these are volatile.
 bool isState(const std::string& key);
 
-/// Expands the index ranges of a pattern: "FunctionKeys.{0-7}.Label" gives eight keys. Throws std::invalid_argument
-/// with the reason if a range is malformed or there are over 10,000 keys.
+/// Expands the index ranges of a pattern: "FunctionKeys.{0-7}.Label" gives eight keys. The numbers of each range come
+/// in the order of their texts: 10 before 9. Throws std::invalid_argument with the reason if a range is malformed or
+/// there are over 10,000 keys.
 std::vector<std::string> expandKeyPattern(const std::string& pattern);
 
 }  // namespace propertyservice

@@ -2,6 +2,7 @@
 
 #include "propertyprotocol/Json.h"
 #include "propertyprotocol/Utf8.h"
+#include "service/PlainObject.h"
 
 namespace propertyservice {
 
@@ -58,11 +59,29 @@ Json::Value parse(const std::string& payload, std::size_t maxBytes = maxRequestB
     return object;
 }
 
+// What is wrong with a request is for `parse` to say.
+std::optional<PlainObject> readPlain(const std::string& payload) {
+    return payload.size() <= maxRequestBytes ? PlainObject::read(payload) : std::nullopt;
+}
+
 }  // namespace
 
-GetRequest readGet(const std::string& payload) { return {paramOf(parse(payload))}; }
+GetRequest readGet(const std::string& payload) {
+    if (const auto plain = readPlain(payload)) {
+        if (const auto key = plain->member("param")) return {std::string(*key)};
+    }
+    return {paramOf(parse(payload))};
+}
 
 SetRequest readSet(const std::string& payload) {
+    if (const auto plain = readPlain(payload)) {
+        const auto key = plain->member("param");
+        const auto value = plain->member("value");
+        const std::string_view source = plain->member("source").value_or("");
+        if (key && value && source.size() <= maxValueBytes) {
+            return {std::string(*key), std::string(*value), std::string(source)};
+        }
+    }
     const Json::Value object = parse(payload);
     std::string key = paramOf(object);
     std::string value = textOf(object, "value", key, true);

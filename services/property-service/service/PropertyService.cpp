@@ -53,8 +53,8 @@ std::string excerpt(const std::string& text, std::size_t maxCharacters) {
     return at < text.size() ? shown + "..." : shown;
 }
 
-PropertyService::PropertyService(const Catalogue& catalogue, IStore& store)
-    : store_(store), table_(catalogue, store.load()) {}
+PropertyService::PropertyService(Catalogue catalogue, IStore& store)
+    : store_(store), table_(std::move(catalogue), store.load()) {}
 
 std::vector<ipc::OutgoingMessage> PropertyService::handle(const std::vector<ipc::ServiceRequest>& requests) {
     Messages messages;
@@ -193,7 +193,8 @@ void PropertyService::write(Property& property, std::optional<std::string> value
                             Messages& messages) {
     const Stored stored = !property.isVolatile && value ? Stored::value : Stored::nothing;
     std::string next = value ? std::move(*value) : std::string(property.definition->defaultValue);
-    messages.push_back({property.changeTopic, propertyprotocol::changeMessage(property.key, next, source), "", 1});
+    messages.push_back({propertyprotocol::changeTopic(property.key),
+                        propertyprotocol::changeMessage(property.key, next, source), "", 1});
     const bool toStore =
         !property.isVolatile && (stored != property.stored || (stored == Stored::value && property.value != next));
     if (toStore) {

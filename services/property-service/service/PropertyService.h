@@ -19,7 +19,7 @@ namespace propertyservice {
 class PropertyService {
  public:
     /// Loads the stored values; throws StoreException if that fails. `store` must outlive the service.
-    PropertyService(const Catalogue& catalogue, IStore& store);
+    PropertyService(Catalogue catalogue, IStore& store);
 
     /// Returns changes and answers in the order of the requests. A request's changes come before its answer: a service
     /// that is killed while it sends may publish a change without its answer, but never an answer without its change.

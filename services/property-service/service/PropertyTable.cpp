@@ -1,10 +1,10 @@
 #include "service/PropertyTable.h"
 
 #include <algorithm>
+#include <utility>
 
 #include "debug/Debug.h"
 #include "propertyprotocol/Limits.h"
-#include "propertyprotocol/Topics.h"
 #include "propertyprotocol/Utf8.h"
 
 namespace propertyservice {
@@ -21,22 +21,27 @@ std::string objection(const Definition& definition, const std::string& value) {
 
 }  // namespace
 
-PropertyTable::PropertyTable(const Catalogue& catalogue, const std::vector<IStore::Entry>& stored) {
-    properties_.reserve(catalogue.keys().size());
-    for (const CatalogueKey& entry : catalogue.keys()) {
-        properties_.push_back({entry.key, entry.definition->defaultValue, entry.definition,
-                               propertyprotocol::changeTopic(entry.key),
-                               isState(entry.key) || entry.definition->isVolatile, Stored::nothing});
+PropertyTable::PropertyTable(Catalogue catalogue, std::vector<IStore::Entry>&& stored) {
+    std::vector<CatalogueKey> keys = std::move(catalogue).keys();
+    properties_.reserve(keys.size());
+    for (CatalogueKey& entry : keys) {
+        const bool isVolatile = isState(entry.key) || entry.definition->isVolatile;
+        properties_.push_back({std::move(entry.key), entry.definition->defaultValue, std::move(entry.definition),
+                               isVolatile, Stored::nothing});
     }
     std::size_t unknown = 0;
-    for (const auto& [key, value] : stored) {
-        Property* const property = find(key);
+    Property* next = properties_.data();
+    Property* const end = next + properties_.size();
+    for (auto& [key, value] : stored) {
+        // Entries mostly come in the order of the keys, so a search is rarely needed.
+        Property* const property = next != end && next->key == key ? next : find(key);
+        if (property != nullptr) next = property + 1;
         if (property == nullptr || property->isVolatile || !value) {
             ++unknown;
             // An answer must not exceed the limits of the protocol.
             const bool isListable = value && value->size() <= propertyprotocol::maxValueBytes &&
                                     isUtf8WithoutNul(key) && isUtf8WithoutNul(*value);
-            if (property == nullptr && isListable) uncatalogued_.push_back({key, *value});
+            if (property == nullptr && isListable) uncatalogued_.push_back({std::move(key), std::move(*value)});
             continue;
         }
         const std::string reason = objection(*property->definition, *value);
@@ -47,7 +52,7 @@ PropertyTable::PropertyTable(const Catalogue& catalogue, const std::vector<IStor
                                   << std::endl;
             continue;
         }
-        property->value = *value;
+        property->value = std::move(*value);
         property->stored = Stored::value;
     }
     std::sort(uncatalogued_.begin(), uncatalogued_.end(),

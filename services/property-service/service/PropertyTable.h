@@ -21,8 +21,7 @@ struct Property {
     std::string key;
     std::string value;
     std::shared_ptr<const Definition> definition;
-    std::string changeTopic;  // "prop-service-GROUP/KEY"
-    bool isVolatile;          // never stored, reset to its default at every start
+    bool isVolatile;  // never stored, reset to its default at every start
     Stored stored;
 };
 
@@ -36,7 +35,7 @@ class PropertyTable {
  public:
     /// Starts with the catalogue's defaults and applies the stored values. If the catalogue no longer allows a stored
     /// value, the default is used, with a warning. Values of unknown keys stay in the store.
-    PropertyTable(const Catalogue& catalogue, const std::vector<IStore::Entry>& stored);
+    PropertyTable(Catalogue catalogue, std::vector<IStore::Entry>&& stored);
 
     /// Null if the catalogue does not have the key.
     Property* find(const std::string& key);

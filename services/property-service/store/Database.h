@@ -77,14 +77,14 @@ class Database {
     void checkStructure();
     std::size_t countLostCommits();
     Statement prepare(const char* sql, unsigned flags = 0);
-    int numberOf(const char* pragma);
+    int numberOf(const char* query);
     void execute(const char* sql);
     void put(const Entry& entry);
     [[noreturn]] void fail(const std::string& what) const;
 
     const std::string path_;
     std::unique_ptr<sqlite3, Close> database_;
-    Statement upsert_;
+    Statement replace_;
     Statement remove_;
     std::size_t lostCommits_ = 0;
     std::unique_ptr<LogSync> logSync_;

