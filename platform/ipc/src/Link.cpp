@@ -156,6 +156,7 @@ void Link::beginRound() { wrote_ = false; }
 
 bool Link::serve(short events) {
     mosquitto* const handle = handle_.get();
+    hasReadAll_ = false;
     if (!startsWithConnack()) return false;
     int result = MOSQ_ERR_SUCCESS;
     // On a closed socket a write would fail before the broker's DISCONNECT, which has the reason, is read.
@@ -180,19 +181,18 @@ bool Link::startsWithConnack() {
 int Link::readPackets() {
     const std::size_t enough = arrivals_ + packetsPerRound;
     int result = MOSQ_ERR_SUCCESS;
-    bool more = true;
+    bool goesOn = true;
     reading_ = true;
-    while (more) {
+    while (goesOn && !hasReadAll_) {
         const std::size_t before = arrivals_;
         result = mosquitto_loop_read(handle_.get(), 1);
-        const bool goOn = result == MOSQ_ERR_SUCCESS && !readingPaused_ && arrivals_ > before && arrivals_ < enough;
-        more = goOn && hasInput(descriptor());
+        goesOn = result == MOSQ_ERR_SUCCESS && !readingPaused_ && arrivals_ > before && arrivals_ < enough;
+        hasReadAll_ = goesOn && !hasInput(descriptor());
     }
     reading_ = false;
     return result;
 }
 
-void Link::cork() {
 // libmosquitto does not tell when a ping is due, and asking it now and then would wake the process. A ping is due once
 // nothing was sent, or nothing received, for an interval. Where the system does not tell, libmosquitto is asked.
 void Link::keepAlive() {
@@ -210,6 +210,7 @@ void Link::keepAlive() {
     keepAliveAt_ = now + (hasSent ? keepAliveInterval_ - after->sent + keepAliveMargin : keepAliveInterval_ / 3);
 }
 
+void Link::cork() {
     if (!corked_) setCork(descriptor(), true);
     corked_ = true;
 }
@@ -250,11 +251,11 @@ void Link::onConnect(mosquitto*, void* self, int reason, int, const mosquitto_pr
     mosquitto_property_read_byte(properties, MQTT_PROP_SUBSCRIPTION_ID_AVAILABLE, &allowed, false);
     link.identifiersAllowed_ = allowed != 0;
     mosquitto_property_read_int16(properties, MQTT_PROP_RECEIVE_MAXIMUM, &link.receiveMaximum_, false);
-    link.stage_ = Stage::accepted;
     std::uint16_t seconds = keepAliveSeconds;
     mosquitto_property_read_int16(properties, MQTT_PROP_SERVER_KEEP_ALIVE, &seconds, false);
     link.keepAliveInterval_ = seconds > 0 ? std::chrono::seconds(seconds) : keepAliveOff;
     link.keepAliveAt_ = Clock::now() + link.keepAliveInterval_ + keepAliveMargin;
+    link.stage_ = Stage::accepted;
 }
 
 void Link::onDisconnect(mosquitto*, void* self, int reason, const mosquitto_property*) {
