@@ -25,6 +25,8 @@ enum Type {
     disconnect = 14,
 };
 constexpr unsigned char sessionTakenOver = 0x8e;
+constexpr char serverKeepAliveProperty = 0x13;
+constexpr char receiveMaximumProperty = 0x21;
 
 std::string variableLength(std::size_t length) {
     std::string bytes;
@@ -43,10 +45,14 @@ std::string text(const std::string& value) {
     return std::string{static_cast<char>(value.size() / 256), static_cast<char>(value.size() % 256)} + value;
 }
 
+std::string property(char identifier, std::uint16_t value) {
+    return {identifier, static_cast<char>(value / 256), static_cast<char>(value % 256)};
+}
+
 }  // namespace
 
-StubbornBroker::StubbornBroker(std::uint16_t receiveMaximum)
-    : wakeup_(eventfd(0, EFD_NONBLOCK | EFD_CLOEXEC)), receiveMaximum_(receiveMaximum) {
+StubbornBroker::StubbornBroker(std::uint16_t receiveMaximum, std::uint16_t keepAlive)
+    : wakeup_(eventfd(0, EFD_NONBLOCK | EFD_CLOEXEC)), receiveMaximum_(receiveMaximum), keepAlive_(keepAlive) {
     listener_ = socket(AF_INET, SOCK_STREAM | SOCK_CLOEXEC, 0);
     sockaddr_in address{};
     address.sin_family = AF_INET;
@@ -189,16 +195,18 @@ std::size_t StubbornBroker::takePacket(const std::string& bytes) {
 
 void StubbornBroker::answer(int first, const std::string& body) {
     switch (first >> 4) {
-        case connect:
-            // Accepted, with one property of three bytes: the receive maximum.
-            output_ += packet(connack << 4, std::string("\0\0\x03\x21", 4) + static_cast<char>(receiveMaximum_ / 256) +
-                                                static_cast<char>(receiveMaximum_ % 256));
+        case connect: {
+            std::string properties = property(receiveMaximumProperty, receiveMaximum_);
+            if (keepAlive_ > 0) properties += property(serverKeepAliveProperty, keepAlive_);
+            output_ += packet(connack << 4, std::string(2, '\0') + variableLength(properties.size()) + properties);
             break;
+        }
         case subscribe:
             subscriptions_.push_back(body.substr(0, 2));
             break;
         case pingreq:
-            output_ += packet(pingresp << 4, "");
+            ++pings_;
+            if (!ignoresPings_) output_ += packet(pingresp << 4, "");
             break;
         case publish: {
             const auto topic = static_cast<std::size_t>(static_cast<unsigned char>(body[0])) * 256 +

@@ -15,7 +15,8 @@ namespace fakes {
 class StubbornBroker {
  public:
     /// `receiveMaximum` is how many unacknowledged messages with quality of service 1 the client may have sent.
-    explicit StubbornBroker(std::uint16_t receiveMaximum = 65535);
+    /// If `keepAlive` is not 0, it demands a ping after that many silent seconds.
+    explicit StubbornBroker(std::uint16_t receiveMaximum = 65535, std::uint16_t keepAlive = 0);
     StubbornBroker(const StubbornBroker&) = delete;
     StubbornBroker& operator=(const StubbornBroker&) = delete;
     ~StubbornBroker();
@@ -43,6 +44,11 @@ class StubbornBroker {
     /// The number of unanswered subscriptions.
     std::size_t heldSubscriptions() const { return heldCount_; }
 
+    /// The number of pings received.
+    int pings() const { return pings_; }
+    /// Answers no ping from now on.
+    void ignorePings() { ignoresPings_ = true; }
+
     /// The number of unacknowledged publishes.
     std::size_t owed() const { return owedCount_; }
 
@@ -64,12 +70,15 @@ class StubbornBroker {
 
     const int wakeup_;
     const std::uint16_t receiveMaximum_;
+    const std::uint16_t keepAlive_;
     int port_ = 0;
     int listener_ = -1;
     std::atomic<std::size_t> toSend_{0};
     std::atomic<std::size_t> owedCount_{0};
     std::atomic<std::size_t> heldCount_{0};
     std::atomic<int> connections_{0};
+    std::atomic<int> pings_{0};
+    std::atomic<bool> ignoresPings_{false};
     std::atomic<bool> givesIn_{false};
     std::atomic<bool> hangsUp_{false};
     std::atomic<bool> takesOver_{false};

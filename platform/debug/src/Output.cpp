@@ -57,8 +57,11 @@ bool Output::writeAll(const std::string& text, std::chrono::milliseconds timeout
     const auto deadline = now + timeout;
     const std::string whole = truncated_ ? "\n" + text : text;
     std::size_t written = 0;
+    bool mayRetry = false;
+    // A socket says itself whether it has room, so ask it first only after a loss: while its reader is stalled, a short
+    // line may still fit, and the line after it would wait for the full time-out again.
+    if (isSocket_ && lost_ == 0) written = writeSome(whole.data(), whole.size(), mayRetry);
     while (written < whole.size() && (isFile_ || wait(deadline, true))) {
-        bool mayRetry = false;
         const std::size_t count = writeSome(whole.data() + written, whole.size() - written, mayRetry);
         written += count;
         if (count == 0 && !(mayRetry && wait(deadline, false))) break;
@@ -89,17 +92,19 @@ bool Output::wait(Clock::time_point deadline, bool untilWritable) {
 }
 
 // Returns the number of bytes written. If it is 0, sets `mayRetry` to whether a later call may succeed.
-std::size_t Output::writeSome(const char* text, std::size_t length, bool& mayRetry) const {
+std::size_t Output::writeSome(const char* text, std::size_t length, bool& mayRetry) {
     ssize_t written = -1;
     if (nonBlocking_ >= 0) {
         written = ::write(nonBlocking_, text, length);
     } else {
-        if (isSocket_) written = ::send(descriptor_, text, length, MSG_DONTWAIT | MSG_NOSIGNAL);
-        if (!isSocket_ || (written < 0 && errno == ENOTSOCK)) {
+        if (isSocket_) {
+            written = ::send(descriptor_, text, length, MSG_DONTWAIT | MSG_NOSIGNAL);
+        } else {
             written = ::write(descriptor_, text, std::min<std::size_t>(length, PIPE_BUF));
         }
     }
-    mayRetry = written < 0 && (errno == EINTR || errno == EAGAIN);
+    mayRetry = written < 0 && (errno == EINTR || errno == EAGAIN || errno == ENOTSOCK);
+    if (written < 0 && errno == ENOTSOCK) openTarget(checkedAt_ + checkInterval);
     return written < 0 ? 0 : static_cast<std::size_t>(written);
 }
 

@@ -22,8 +22,8 @@ class Output {
     /// For all lines together, once beginShutdown was called.
     static constexpr std::chrono::milliseconds shutdownTimeout{500};
 
-    /// Does not own `descriptor`. Follows it if another file is opened under the same number; if it was a file or a
-    /// socket, a stalled reader of the new one is waited for without a limit during the first second.
+    /// Does not own `descriptor`. Follows it if another file is opened under the same number; if it was a file, a
+    /// stalled reader of the new one is waited for without a limit during the first second.
     explicit Output(int descriptor) : descriptor_(descriptor) {}
     ~Output();
     Output(const Output&) = delete;
@@ -53,7 +53,7 @@ class Output {
     void openTarget(Clock::time_point now) REQUIRES(mutex_);
     void closeTarget() REQUIRES(mutex_);
     bool wait(Clock::time_point deadline, bool untilWritable) REQUIRES(mutex_);
-    std::size_t writeSome(const char* text, std::size_t length, bool& mayRetry) const REQUIRES(mutex_);
+    std::size_t writeSome(const char* text, std::size_t length, bool& mayRetry) REQUIRES(mutex_);
 
     const int descriptor_;
     std::atomic<bool> shuttingDown_{false};

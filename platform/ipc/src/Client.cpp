@@ -4,6 +4,7 @@
 // Lock order: Connection's mutex before mutex_, so never call the connection with mutex_ held.
 #include <algorithm>
 #include <cstdio>
+#include <functional>
 #include <memory>
 #include <random>
 #include <utility>
@@ -132,9 +133,10 @@ class Client final : public IIPCClient, private ConnectionListener, private Resp
 
     std::string request(const std::string& topic, const std::string& payload, const std::string& statusTopic,
                         std::chrono::milliseconds timeout) override {
-        return requests_.ask(statusTopic, timeout, [&](std::string correlationData) {
+        const auto send = [&](std::string correlationData) {
             return connection_.publish({topic, payload, 0, replyTopic_, std::move(correlationData)});
-        });
+        };
+        return requests_.ask(statusTopic, timeout, std::cref(send));
     }
 
     bool waitForService(const std::string& statusTopic, std::chrono::milliseconds limit) override {
@@ -200,8 +202,8 @@ class Client final : public IIPCClient, private ConnectionListener, private Resp
 
     // ---- on the thread that waits for a response ----
 
-    bool read(std::chrono::steady_clock::time_point until, const std::function<bool()>& isDone) override {
-        return connection_.serve(until, isDone);
+    bool read(std::chrono::steady_clock::time_point until, const std::function<Awaited()>& awaited) override {
+        return connection_.serve(until, awaited);
     }
     void interrupt() override { connection_.interruptServing(); }
 

@@ -139,7 +139,7 @@ std::size_t Connection::outstanding() {
 
 // ---- reading on a caller's thread ----
 
-bool Connection::serve(Clock::time_point until, const std::function<bool()>& isDone) {
+bool Connection::serve(Clock::time_point until, const std::function<Awaited()>& awaited) {
     const common::LockGuard lock(mutex_);
     if (isServedByCaller_ || state_ != State::ready || link_->isOver()) return false;
     isServedByCaller_ = true;
@@ -147,26 +147,43 @@ bool Connection::serve(Clock::time_point until, const std::function<bool()>& isD
     const auto isUsable = [&]() REQUIRES(mutex_) {
         return state_ == State::ready && link_.get() == link && !link->isOver();
     };
-    while (isUsable() && !isDone() && Clock::now() < until) {
+    bool mayLeaveInput = false;
+    Awaited still = awaited();
+    while (still == Awaited::response && isUsable() && Clock::now() < until) {
         short events = 0;
         {
             const common::UnlockGuard unlocked(mutex_);
             events = callerWait_.wait(until);
         }
-        if (events == 0 || !isUsable()) continue;
-        link_->beginRound();
-        serveLink(events);
-        link_->endRound(events);
-        // The rest is the network thread's: to write more, or to replace a link that has ended.
-        if (link_->isOver() || link_->hasPendingWrites()) waker_.wake();
+        if (events != 0) mayLeaveInput = true;
+        if (events != 0 && isUsable()) {
+            still = serveRound(events, awaited);
+            mayLeaveInput = !link_->hasReadAll();
+        } else {
+            still = awaited();
+        }
     }
     isServedByCaller_ = false;
     // The event of what is left reached this thread only, so the network thread would not hear of it.
-    if (link_ && link_->hasUnreadInput()) {
+    if (mayLeaveInput && link_ && link_->hasUnreadInput()) {
         inputLeft_ = true;
         waker_.wake();
     }
     return true;
+}
+
+/// Reads once; returns what is still awaited.
+Awaited Connection::serveRound(short events, const std::function<Awaited()>& awaited) {
+    link_->beginRound();
+    serveLink(events);
+    const Awaited still = awaited();
+    // The acknowledgement of the last packet may wait for the next request to carry it.
+    const bool expectsNothing = still == Awaited::nothing && outbox_.isEmpty() && subscriptions_.isSettled();
+    constexpr short noEvents = 0;
+    link_->endRound(expectsNothing ? noEvents : events);
+    // The rest is the network thread's: to write more, or to replace a link that has ended.
+    if (link_->isOver() || link_->hasPendingWrites()) waker_.wake();
+    return still;
 }
 
 // ---- subscriptions ----

@@ -27,6 +27,7 @@
 #include <string>
 #include <thread>
 
+#include "Awaited.h"
 #include "BackOff.h"
 #include "Link.h"
 #include "Mqtt.h"
@@ -93,10 +94,11 @@ class Connection : private LinkListener {
 
     Congestion congestion() EXCLUDES(mutex_);
 
-    /// Reads on the calling thread until `isDone` (called with the mutex held, as the listener), or it is time, or the
-    /// connection is lost. Returns false at once if the connection is not ready, or another thread does so.
-    bool serve(Clock::time_point until, const std::function<bool()>& isDone) EXCLUDES(mutex_);
-    /// Lets `serve` check `isDone` again.
+    /// Reads on the calling thread while its response is `awaited` (called with the mutex held, as the listener), until
+    /// it is time or the connection is lost. Returns false at once if the connection is not ready, or another thread
+    /// does so.
+    bool serve(Clock::time_point until, const std::function<Awaited()>& awaited) EXCLUDES(mutex_);
+    /// Lets `serve` check `awaited` again.
     void interruptServing() { caller_.wake(); }
 
     /// The number of messages not yet sent or not yet acknowledged; 0 without a connection.
@@ -139,6 +141,7 @@ class Connection : private LinkListener {
     bool shouldKeepFlushing(Clock::time_point now) REQUIRES(mutex_);
     short waitForEvents() REQUIRES(mutex_);
     void serveLink(short events) REQUIRES(mutex_);
+    Awaited serveRound(short events, const std::function<Awaited()>& awaited) REQUIRES(mutex_);
     void beginSubscribing() REQUIRES(mutex_);
     void becomeReady() REQUIRES(mutex_);
     BackOff::Loss afterLoss(const std::string& numericAddress) REQUIRES(mutex_);

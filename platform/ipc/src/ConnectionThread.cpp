@@ -128,6 +128,7 @@ void Connection::pump() {
         // Each acknowledgement read lets libmosquitto send another queued message.
         if (outbox_.size() > 1) link_->cork();
         serveLink(events);
+        link_->keepAlive();
         {
             const common::UnlockGuard unlocked(mutex_);
             listener_.roundEnded();
@@ -157,7 +158,7 @@ bool Connection::shouldKeepFlushing(Clock::time_point now) {
 
 /// Waits on the socket without the mutex; returns its events.
 short Connection::waitForEvents() {
-    auto until = link_->upkeepAt();
+    auto until = link_->keepAliveAt();
     if (state_ == State::connecting || state_ == State::subscribing) until = std::min(until, readyDeadline_);
     if (isClosing()) until = std::min(until, closeDeadline_);
     const bool isWatched = networkWait_.watch(link_->descriptor(), link_->eventsToAwait(isClosing()));

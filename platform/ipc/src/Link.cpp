@@ -7,18 +7,22 @@
 #include <sys/ioctl.h>
 #include <sys/socket.h>
 
+#include <algorithm>
 #include <cerrno>
+#include <cstddef>
 #include <new>
+#include <optional>
 
 namespace ipc {
 
 namespace {
 
-constexpr int keepAliveSeconds = 60;
-// How often libmosquitto checks whether a keep-alive is due. Each check wakes the process; the keep-alive must leave
-// within one and a half times its interval.
-constexpr std::chrono::seconds upkeepInterval{20};
-static_assert(2 * upkeepInterval.count() < keepAliveSeconds);
+using std::chrono::milliseconds;
+
+constexpr std::uint16_t keepAliveSeconds = 60;
+// libmosquitto counts in whole seconds, the system in its ticks. The broker waits for one and a half intervals.
+constexpr milliseconds keepAliveMargin{100};
+constexpr std::chrono::hours keepAliveOff{18};
 constexpr std::size_t packetsPerRound = 256;
 constexpr unsigned char connackByte = 0x20;
 
@@ -36,6 +40,21 @@ void enableQuickAck(int socket) {
 void setCork(int socket, bool on) {
     const int value = on ? 1 : 0;
     setsockopt(socket, IPPROTO_TCP, TCP_CORK, &value, sizeof value);
+}
+
+/// How long ago data was last sent and received.
+struct Silence {
+    milliseconds sent;
+    milliseconds received;
+};
+
+/// Nothing if the system does not tell.
+std::optional<Silence> silenceOf(int socket) {
+    tcp_info info{};
+    socklen_t size = sizeof info;
+    constexpr std::size_t needed = offsetof(tcp_info, tcpi_last_data_recv) + sizeof info.tcpi_last_data_recv;
+    if (getsockopt(socket, IPPROTO_TCP, TCP_INFO, &info, &size) != 0 || size < needed) return std::nullopt;
+    return Silence{milliseconds(info.tcpi_last_data_sent), milliseconds(info.tcpi_last_data_recv)};
 }
 
 bool hasInput(int socket) {
@@ -66,7 +85,7 @@ std::string Link::connect(const std::string& numericAddress, int port) {
     const int result = mosquitto_connect_bind_v5(handle_.get(), numericAddress.c_str(), port, keepAliveSeconds, nullptr,
                                                  properties.get());
     if (result != MOSQ_ERR_SUCCESS) return resultText(result, errno);
-    nextUpkeep_ = Clock::now() + upkeepInterval;
+    keepAliveAt_ = Clock::now() + keepAliveInterval_;
     enableQuickAck(descriptor());
     if (descriptor() >= 0) fcntl(descriptor(), F_SETFD, FD_CLOEXEC);
     return {};
@@ -137,16 +156,13 @@ void Link::beginRound() { wrote_ = false; }
 
 bool Link::serve(short events) {
     mosquitto* const handle = handle_.get();
+    hasReadAll_ = false;
     if (!startsWithConnack()) return false;
     int result = MOSQ_ERR_SUCCESS;
     // On a closed socket a write would fail before the broker's DISCONNECT, which has the reason, is read.
     const bool closed = (events & (POLLERR | POLLHUP)) != 0;
     if ((events & POLLOUT) != 0 && !closed) result = mosquitto_loop_write(handle, 1);
     if (result == MOSQ_ERR_SUCCESS && (events & (POLLIN | POLLERR | POLLHUP)) != 0) result = readPackets();
-    if (result == MOSQ_ERR_SUCCESS && Clock::now() >= nextUpkeep_) {
-        result = mosquitto_loop_misc(handle);
-        nextUpkeep_ = Clock::now() + upkeepInterval;
-    }
     return result == MOSQ_ERR_SUCCESS && descriptor() >= 0;
 }
 
@@ -165,16 +181,33 @@ bool Link::startsWithConnack() {
 int Link::readPackets() {
     const std::size_t enough = arrivals_ + packetsPerRound;
     int result = MOSQ_ERR_SUCCESS;
-    bool more = true;
+    bool goesOn = true;
     reading_ = true;
-    while (more) {
+    while (goesOn && !hasReadAll_) {
         const std::size_t before = arrivals_;
         result = mosquitto_loop_read(handle_.get(), 1);
-        const bool goOn = result == MOSQ_ERR_SUCCESS && !readingPaused_ && arrivals_ > before && arrivals_ < enough;
-        more = goOn && hasInput(descriptor());
+        goesOn = result == MOSQ_ERR_SUCCESS && !readingPaused_ && arrivals_ > before && arrivals_ < enough;
+        hasReadAll_ = goesOn && !hasInput(descriptor());
     }
     reading_ = false;
     return result;
+}
+
+// libmosquitto does not tell when a ping is due, and asking it now and then would wake the process. A ping is due once
+// nothing was sent, or nothing received, for an interval. Where the system does not tell, libmosquitto is asked.
+void Link::keepAlive() {
+    const auto now = Clock::now();
+    if (isOver() || now < keepAliveAt_) return;
+    const auto before = silenceOf(descriptor());
+    const auto silent = before ? std::max(before->sent, before->received) : milliseconds::max();
+    if (silent < keepAliveInterval_) {
+        keepAliveAt_ = now + keepAliveInterval_ - silent + keepAliveMargin;
+        return;
+    }
+    mosquitto_loop_misc(handle_.get());
+    const auto after = isOver() ? std::nullopt : silenceOf(descriptor());
+    const bool hasSent = after && after->sent < keepAliveInterval_;
+    keepAliveAt_ = now + (hasSent ? keepAliveInterval_ - after->sent + keepAliveMargin : keepAliveInterval_ / 3);
 }
 
 void Link::cork() {
@@ -218,6 +251,10 @@ void Link::onConnect(mosquitto*, void* self, int reason, int, const mosquitto_pr
     mosquitto_property_read_byte(properties, MQTT_PROP_SUBSCRIPTION_ID_AVAILABLE, &allowed, false);
     link.identifiersAllowed_ = allowed != 0;
     mosquitto_property_read_int16(properties, MQTT_PROP_RECEIVE_MAXIMUM, &link.receiveMaximum_, false);
+    std::uint16_t seconds = keepAliveSeconds;
+    mosquitto_property_read_int16(properties, MQTT_PROP_SERVER_KEEP_ALIVE, &seconds, false);
+    link.keepAliveInterval_ = seconds > 0 ? std::chrono::seconds(seconds) : keepAliveOff;
+    link.keepAliveAt_ = Clock::now() + link.keepAliveInterval_ + keepAliveMargin;
     link.stage_ = Stage::accepted;
 }
 

@@ -84,13 +84,18 @@ class Link {
     int descriptor() const { return mosquitto_socket(handle_.get()); }
     /// The events to poll for; with `readAnyway`, input also while reading is paused.
     short eventsToAwait(bool readAnyway) const;
-    Clock::time_point upkeepAt() const { return nextUpkeep_; }
+    Clock::time_point keepAliveAt() const { return keepAliveAt_; }
 
     void beginRound();
-    /// Writes, reads and keeps alive; returns whether the link is still up.
+    /// Writes and reads; returns whether the link is still up.
     bool serve(short events);
+    /// Sends a ping if one is due, and ends the link if the last one was not answered. Due again at `keepAliveAt`.
+    void keepAlive();
+    /// Whether the last `serve` has read everything; if not, there may be more.
+    bool hasReadAll() const { return hasReadAll_; }
     /// Data written from here to the end of the round is sent in as few TCP segments as possible.
     void cork();
+    /// Acknowledges what was read if `events` has POLLIN.
     void endRound(short events);
 
     /// Returns whether reading was paused.
@@ -120,14 +125,16 @@ class Link {
     std::string failure_;
     BackOff::Loss loss_ = BackOff::Loss::plain;
     bool closedByPeer_ = false;
-    bool identifiersAllowed_ = true;     // the broker supports subscription identifiers
-    std::uint16_t receiveMaximum_ = 20;  // libmosquitto's own limit if the broker names none
-    Clock::time_point nextUpkeep_;
+    bool identifiersAllowed_ = true;                      // the broker supports subscription identifiers
+    std::uint16_t receiveMaximum_ = 20;                   // libmosquitto's own limit if the broker names none
+    std::chrono::milliseconds keepAliveInterval_{60000};  // until the broker names its own
+    Clock::time_point keepAliveAt_;
 
     // The current round.
     bool corked_ = false;
     bool wrote_ = false;
     bool reading_ = false;
+    bool hasReadAll_ = false;
     bool readingPaused_ = false;
     std::size_t arrivals_ = 0;  // messages and acknowledgements so far
 };

@@ -42,7 +42,7 @@ std::string Requests::ask(const std::string& statusTopic, std::chrono::milliseco
         ~Removal() {
             requests.mutex_.assertHeld();
             requests.pending_.erase(number);
-            requests.finished_.notifyAll();
+            if (requests.closed_) requests.finished_.notifyAll();
         }
     } const removal{*this, number};
     for (;;) {
@@ -69,15 +69,18 @@ void Requests::wait(Pending& pending, Clock::time_point until) {
         bool hasRead = false;
         {
             const common::UnlockGuard unlocked(mutex_);
-            hasRead = reader_->read(until, [&] {
-                const common::LockGuard lock(mutex_);
-                return pending.isNotified;
-            });
+            hasRead = reader_->read(until, [&] { return awaitedBy(pending); });
         }
         pending.reading.reset();
         if (hasRead || pending.isNotified) return;
     }
     pending.changed.waitUntil(mutex_, until);
+}
+
+Awaited Requests::awaitedBy(const Pending& pending) {
+    if (!pending.isNotified) return Awaited::response;
+    const common::LockGuard lock(mutex_);
+    return pending_.size() > 1 ? Awaited::othersResponses : Awaited::nothing;
 }
 
 void Requests::notify(Pending& pending) {

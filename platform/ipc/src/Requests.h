@@ -16,6 +16,7 @@
 #include <thread>
 #include <unordered_map>
 
+#include "Awaited.h"
 #include "common/ThreadSafety.h"
 
 namespace ipc {
@@ -25,10 +26,10 @@ class ResponseReader {
  public:
     virtual ~ResponseReader() = default;
 
-    /// Reads on this thread until `isDone` or it is time, or as long as there is a connection. Returns false at once if
-    /// it cannot.
-    virtual bool read(std::chrono::steady_clock::time_point until, const std::function<bool()>& isDone) = 0;
-    /// Lets `read` check `isDone` again.
+    /// Reads on this thread while a response is awaited, until it is time, or as long as there is a connection. Returns
+    /// false at once if it cannot.
+    virtual bool read(std::chrono::steady_clock::time_point until, const std::function<Awaited()>& awaited) = 0;
+    /// Lets `read` check `awaited` again.
     virtual void interrupt() = 0;
 };
 
@@ -87,7 +88,7 @@ class Requests {
         std::string response;
         common::ConditionVariable changed;
         std::optional<std::thread::id> reading;  // its caller, while it is in the reader
-        bool isNotified = false;                 // since then
+        std::atomic<bool> isNotified{false};     // since then; read without the mutex
     };
     struct WatchedService {
         Presence presence = Presence::unknown;
@@ -99,6 +100,7 @@ class Requests {
     void sendOnce(Pending& pending, std::uint64_t number, Clock::time_point deadline, const Send& send)
         REQUIRES(mutex_);
     void wait(Pending& pending, Clock::time_point until) REQUIRES(mutex_);
+    Awaited awaitedBy(const Pending& pending) EXCLUDES(mutex_);
     void notify(Pending& pending) REQUIRES(mutex_);
     bool awaitService(const std::string& statusTopic, std::chrono::milliseconds limit) REQUIRES(mutex_);
     Clock::time_point limited(Clock::time_point deadline, Clock::time_point begun) const REQUIRES(mutex_);

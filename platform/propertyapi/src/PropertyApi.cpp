@@ -40,9 +40,9 @@ void checkKey(const std::string& key) {
 
 /// One call of the interface, which may take several requests.
 struct Call {
-    explicit Call(std::string property) : key(std::move(property)) {}
+    explicit Call(const std::string& property) : key(property) {}
 
-    const std::string key;
+    const std::string& key;
     const Clock::time_point begun = Clock::now();
     const bool waitsForRecovery = RecoveryScope::onThisThread();
     Clock::time_point deadline;

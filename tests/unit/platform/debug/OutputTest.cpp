@@ -21,6 +21,12 @@ using Clock = std::chrono::steady_clock;
 
 std::string notice(std::size_t lost) { return std::to_string(lost) + " lost\n"; }
 
+std::string line(std::size_t number) {
+    std::string text = std::to_string(number);
+    text.resize(999, '.');
+    return text + "\n";
+}
+
 enum class Kind { pipe, socket, terminal };
 
 // A pipe, socket or terminal whose reader reads only when told to.
@@ -76,12 +82,6 @@ class OutputTest : public testing::TestWithParam<Kind> {
         }
         return lines - 1;
     }
-    static std::string line(std::size_t number) {
-        std::string text = std::to_string(number);
-        text.resize(999, '.');
-        return text + "\n";
-    }
-
     std::array<int, 2> ends_{-1, -1};
     bool made_ = false;
 };
@@ -106,6 +106,45 @@ TEST_P(OutputTest, StalledReaderDelaysOneLineAndDropsTheNext) {
     if (seen.size() > end.size()) {
         EXPECT_EQ(seen[seen.size() - end.size() - 1], '\n');
     }
+}
+
+// Room for a short line is not yet a reader that keeps up.
+TEST(OutputToASocketTest, LinesAfterALossDoNotWaitWhileTheReaderIsFarBehind) {
+    std::array<int, 2> ends{};
+    ASSERT_EQ(::socketpair(AF_UNIX, SOCK_STREAM, 0, ends.data()), 0);
+    dbg::Output output(ends[1]);
+    std::atomic<unsigned> losses{0};
+    const auto counted = [&](std::size_t lost) {
+        ++losses;
+        return notice(lost);
+    };
+    while (losses == 0) output.write(line(0), counted);  // a notice is only made after a loss
+    std::array<char, 1000> buffer{};
+    const auto begin = Clock::now();
+    for (int round = 0; round < 5; ++round) {
+        ASSERT_EQ(::read(ends[0], buffer.data(), buffer.size()), 1000);
+        for (int more = 0; more < 5; ++more) output.write(line(1), counted);
+    }
+    EXPECT_LT(Clock::now() - begin, dbg::Output::lineTimeout);
+    for (const int end : ends) ::close(end);
+}
+
+TEST(OutputToASocketTest, StalledReaderOfWhatReplacesItIsWaitedForOnce) {
+    std::array<int, 2> socket{};
+    std::array<int, 2> pipe{};
+    ASSERT_EQ(::socketpair(AF_UNIX, SOCK_STREAM, 0, socket.data()), 0);
+    ASSERT_EQ(::pipe(pipe.data()), 0);
+    ::fcntl(pipe[1], F_SETFL, O_NONBLOCK);
+    while (::write(pipe[1], line(0).data(), 1000) > 0) {
+    }
+    ::fcntl(pipe[1], F_SETFL, 0);
+    dbg::Output output(socket[1]);
+    output.write("first\n", notice);
+    ASSERT_EQ(::dup2(pipe[1], socket[1]), socket[1]);
+    const auto begin = Clock::now();
+    for (int more = 0; more < 100; ++more) output.write(line(1), notice);
+    EXPECT_LT(Clock::now() - begin, 2 * dbg::Output::lineTimeout);
+    for (const int end : {socket[0], socket[1], pipe[0], pipe[1]}) ::close(end);
 }
 
 TEST_P(OutputTest, SlowReaderGetsEveryLine) {

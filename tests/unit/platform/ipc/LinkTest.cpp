@@ -58,6 +58,7 @@ class Driver {
             poll(&watched, 1, 5);
             link.beginRound();
             if (!link.serve(watched.revents)) break;
+            link.keepAlive();
             link.endRound(watched.revents);
         }
         return condition();
@@ -151,6 +152,50 @@ TEST(Link, DistinguishesATakeover) {
         EXPECT_EQ(driver.link.isClosedByPeer(), !takesOver);
         EXPECT_NE(driver.link.failure(), "");
     }
+}
+
+TEST(Link, PingsOnceInEachIntervalThatTheBrokerDemands) {
+    fakes::StubbornBroker broker(65535, 1);
+    Driver driver(broker.address());
+    ASSERT_TRUE(driver.untilAccepted());
+    for (const int count : {1, 2}) {
+        const auto due = driver.link.keepAliveAt();
+        ASSERT_TRUE(driver.until([&] { return driver.link.keepAliveAt() != due; }));
+        const auto next = driver.link.keepAliveAt();
+        EXPECT_GT(next, due + std::chrono::milliseconds(500));
+        ASSERT_TRUE(driver.until([&] { return broker.pings() == count; }));
+        EXPECT_EQ(driver.link.keepAliveAt(), next) << "it woke up without sending a ping";
+    }
+    EXPECT_FALSE(driver.link.isOver());
+}
+
+TEST(Link, EndsIfAPingIsNotAnswered) {
+    fakes::StubbornBroker broker(65535, 1);
+    broker.ignorePings();
+    Driver driver(broker.address());
+    ASSERT_TRUE(driver.untilAccepted());
+    EXPECT_TRUE(driver.untilOver());
+    EXPECT_EQ(broker.pings(), 1);
+    EXPECT_FALSE(driver.link.isClosedByPeer());
+}
+
+TEST(Link, TrafficInBothDirectionsPostponesThePing) {
+    fakes::StubbornBroker broker(65535, 2);
+    broker.giveIn();
+    Driver driver(broker.address());
+    ASSERT_TRUE(driver.untilAccepted());
+    const auto first = driver.link.keepAliveAt();
+    while (driver.link.keepAliveAt() == first) {
+        int identifier = 0;
+        ASSERT_EQ(driver.link.publish({"t", "x", 1, {}, {}}, false, &identifier), MOSQ_ERR_SUCCESS);
+        ASSERT_TRUE(driver.until([&] {
+            const auto& all = driver.listener.acknowledgements;
+            return !all.empty() && all.back() == identifier;
+        }));
+    }
+    EXPECT_EQ(broker.pings(), 0);
+    EXPECT_GT(driver.link.keepAliveAt(), Link::Clock::now());
+    ASSERT_TRUE(driver.until([&] { return broker.pings() == 1; }));
 }
 
 TEST(Link, KeepsTheFirstFailure) {

@@ -16,6 +16,7 @@
 namespace {
 
 using namespace bustest;
+using ipc::Awaited;
 using Clock = std::chrono::steady_clock;
 
 class Arrivals : public ipc::ConnectionListener {
@@ -63,13 +64,13 @@ TEST(ReadingConnection, LeavesUnreadInputToTheNetworkThread) {
     for (int count = 1; count <= 20; ++count) {
         bool sent = false;
         // Sent only now, so that the message finds this thread waiting: it alone hears of it.
-        const auto isDone = [&] {
+        const auto awaited = [&] {
             if (!sent) broker.sendAroundPingResponse("response", "other");
             sent = true;
-            return arrivals.responses() >= count;
+            return arrivals.responses() >= count ? Awaited::nothing : Awaited::response;
         };
         while (arrivals.responses() < count) {
-            const bool reads = connection.serve(Clock::now() + patience, isDone);
+            const bool reads = connection.serve(Clock::now() + patience, awaited);
             ASSERT_TRUE(reads || arrivals.responses() >= count);
         }
         ASSERT_TRUE(arrivals.waitForOthers(count)) << "message " << count << " is left in the socket";

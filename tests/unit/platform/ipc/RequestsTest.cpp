@@ -12,6 +12,7 @@
 
 namespace {
 
+using ipc::Awaited;
 using ipc::Requests;
 using std::chrono::milliseconds;
 const std::string status = "test-service/status";
@@ -144,10 +145,12 @@ TEST_F(RequestsTest, LimitEndsRequestsInFlight) {
 /// In place of a connection: `reading` runs on the caller's thread.
 class FakeReader : public ipc::ResponseReader {
  public:
-    bool read(Requests::Clock::time_point, const std::function<bool()>& isDone) override { return reading(isDone); }
+    bool read(Requests::Clock::time_point, const std::function<Awaited()>& awaited) override {
+        return reading(awaited);
+    }
     void interrupt() override { interrupted.open(); }
 
-    std::function<bool(const std::function<bool()>& isDone)> reading;
+    std::function<bool(const std::function<Awaited()>& awaited)> reading;
     bustest::Gate interrupted;
 };
 
@@ -172,10 +175,10 @@ class RequestsWithReader : public RequestsTest {
 };
 
 TEST_F(RequestsWithReader, CallerReadsItsOwnResponse) {
-    reader.reading = [this](const auto& isDone) {
-        EXPECT_FALSE(isDone());
+    reader.reading = [this](const auto& awaited) {
+        EXPECT_EQ(awaited(), Awaited::response);
         read.responseArrived(sent, "answer");
-        EXPECT_TRUE(isDone());
+        EXPECT_EQ(awaited(), Awaited::nothing);
         return true;
     };
     EXPECT_EQ(ask(), "answer");
@@ -184,10 +187,10 @@ TEST_F(RequestsWithReader, CallerReadsItsOwnResponse) {
 
 TEST_F(RequestsWithReader, ResponseOnAnotherThreadInterruptsTheReader) {
     std::future<void> other;
-    reader.reading = [&](const auto& isDone) {
+    reader.reading = [&](const auto& awaited) {
         other = std::async(std::launch::async, [this] { read.responseArrived(sent, "answer"); });
         EXPECT_TRUE(reader.interrupted.pass());
-        EXPECT_TRUE(isDone());
+        EXPECT_EQ(awaited(), Awaited::nothing);
         return true;
     };
     EXPECT_EQ(ask(), "answer");
@@ -202,10 +205,34 @@ TEST_F(RequestsWithReader, WaitsForOtherThreadsIfItCannotRead) {
     EXPECT_EQ(ask(), "answer");
 }
 
+// Their responses may be held back until what was read is acknowledged.
+TEST_F(RequestsWithReader, ReaderIsToldOfOtherRequestsInFlight) {
+    std::string others;
+    std::future<void> other;
+    bustest::Gate isSent;
+    reader.reading = [&](const auto& awaited) {
+        if (isSent.pass(milliseconds(0))) return false;
+        other = std::async(std::launch::async, [&] {
+            read.ask(status, bustest::patience, [&](std::string correlation) {
+                others = std::move(correlation);
+                isSent.open();
+                return true;
+            });
+        });
+        EXPECT_TRUE(isSent.pass());
+        read.responseArrived(sent, "answer");
+        EXPECT_EQ(awaited(), Awaited::othersResponses);
+        read.responseArrived(others, "other answer");
+        return true;
+    };
+    EXPECT_EQ(ask(), "answer");
+    other.get();
+}
+
 TEST_F(RequestsWithReader, ConnectionLossEndsReading) {
-    reader.reading = [this](const auto& isDone) {
+    reader.reading = [this](const auto& awaited) {
         read.connectionLost();
-        EXPECT_TRUE(isDone());
+        EXPECT_EQ(awaited(), Awaited::nothing);
         return true;
     };
     EXPECT_THROW(ask(), ipc::IPCInterruptedException);

@@ -52,6 +52,19 @@ TEST(Messages, ReadsAValue) {
     EXPECT_EQ(readValue("K", R"({"value":"","param":"K","more":1})"), "");
 }
 
+TEST(Messages, RefusesResponsesThatOnlyResembleTheUsualForm) {
+    EXPECT_EQ(readValue("K", R"({"param":"K","value":"a}"})"), "a}");
+    EXPECT_EQ(readValue("K", R"({"param":"K","value":"a\"}"})"), "a\"}");
+    EXPECT_EQ(readValue("a\"b", R"({"param":"a\"b","value":"v"})"), "v");
+    for (const char* response :
+         {R"({"param":"K","value":"a","value":"b"})", R"({"param":"K","value":"a\"})", R"({"param":"K","value":"a"}"})",
+          R"({"param":"K","value":"})", R"({"param":"K","value":"a")", R"({"param":"Kx","value":"a"})"}) {
+        EXPECT_THROW(readValue("K", response), PropertyProtocolException) << response;
+        EXPECT_THROW(checkSetResponse("K", response), PropertyProtocolException) << response;
+    }
+    EXPECT_THROW(readValue("a\"b", R"({"param":"a"b","value":"v"})"), PropertyProtocolException);
+}
+
 TEST(Messages, ReadsAPage) {
     const PropertyPage page =
         readPage("A", R"({"properties":[{"param":"A.1","value":"x"},{"param":"A.2","value":""}],"next":"A.2"})");
