@@ -22,8 +22,10 @@ unsigned instances GUARDED_BY(mutex) = 0;
 struct Document {
     const std::string* path = nullptr;
     common::Descriptor* file = nullptr;  // empty once libxml2 has taken it over
+    Tree* tree = nullptr;
     unsigned nodes = 0;
     ParseFailure failure;
+    bool outOfMemory = false;
 };
 
 thread_local Document document;
@@ -78,34 +80,73 @@ bool fits(void* context, unsigned nodes) {
     return false;
 }
 
-void countElement(void* context, const xmlChar* name, const xmlChar* prefix, const xmlChar* uri, int namespaceCount,
-                  const xmlChar** namespaces, int attributeCount, int defaulted, const xmlChar** attributes) {
+// Adds to the tree. An exception must not pass through libxml2.
+template <typename Add>
+void build(void* context, Add add) {
+    try {
+        add(*document.tree);
+    } catch (const std::bad_alloc&) {
+        document.outOfMemory = true;
+        refuse(context, ParseFailure::Kind::nodes);
+    }
+}
+
+const char* text(const xmlChar* string) { return reinterpret_cast<const char*>(string); }
+
+// Names are in the dictionary, which the tree keeps. As in libxml2's own nodes a prefix is part of the name only if
+// it is not declared.
+const char* nameOf(void* context, const xmlChar* name, const xmlChar* prefix, const xmlChar* uri) {
+    if (prefix == nullptr || uri != nullptr) return text(name);
+    const xmlChar* const full = xmlDictQLookup(static_cast<xmlParserCtxtPtr>(context)->dict, prefix, name);
+    return text(full == nullptr ? name : full);
+}
+
+void startElement(void* context, const xmlChar* name, const xmlChar* prefix, const xmlChar* uri, int namespaceCount,
+                  const xmlChar** /*namespaces*/, int attributeCount, int /*defaulted*/, const xmlChar** attributes) {
     if (attributeCount > maximumAttributes) {
         refuse(context, ParseFailure::Kind::attributes);
         return;  // `attributes` points into the buffer that refuse() freed
     }
-    if (!fits(context, 1 + static_cast<unsigned>(attributeCount) + static_cast<unsigned>(namespaceCount))) return;
-    xmlSAX2StartElementNs(context, name, prefix, uri, namespaceCount, namespaces, attributeCount, defaulted,
-                          attributes);
+    const auto count = static_cast<unsigned>(attributeCount);
+    if (!fits(context, 1 + count + static_cast<unsigned>(namespaceCount))) return;
+    build(context, [&](Tree& tree) {
+        Tree::Attribute* const kept =
+            tree.openElement(nameOf(context, name, prefix, uri), xmlSAX2GetLineNumber(context), count);
+        for (unsigned index = 0; index < count; ++index) {
+            const xmlChar** const attribute = attributes + std::size_t{5} * index;  // name, prefix, URI, begin, end
+            const auto length = static_cast<std::size_t>(attribute[4] - attribute[3]);
+            kept[index] = {nameOf(context, attribute[0], attribute[1], attribute[2]),
+                           tree.keep({text(attribute[3]), length})};
+        }
+    });
 }
 
-void countComment(void* context, const xmlChar* text) {
-    if (fits(context, 1)) xmlSAX2Comment(context, text);
+void endElement(void*, const xmlChar*, const xmlChar*, const xmlChar*) { document.tree->closeElement(); }
+
+bool isInDeclarations(void* context) { return static_cast<xmlParserCtxtPtr>(context)->inSubset != 0; }
+
+void comment(void* context, const xmlChar*) {
+    if (fits(context, 1) && !isInDeclarations(context)) document.tree->addComment();
 }
 
-void countInstruction(void* context, const xmlChar* target, const xmlChar* data) {
-    if (fits(context, 1)) xmlSAX2ProcessingInstruction(context, target, data);
+void instruction(void* context, const xmlChar* target, const xmlChar*) {
+    if (!fits(context, 1) || isInDeclarations(context)) return;
+    build(context, [&](Tree& tree) { tree.addOther(text(target)); });
 }
 
-void countCdata(void* context, const xmlChar* text, int length) {
-    if (fits(context, 1)) xmlSAX2CDataBlock(context, text, length);
+void cdata(void* context, const xmlChar* content, int length) {
+    if (!fits(context, 1)) return;
+    build(context, [&](Tree& tree) { tree.addCdata({text(content), static_cast<std::size_t>(length)}); });
 }
 
-// Text only tells that its element is not empty, for which one text node is enough. Keeping all line breaks between
-// elements would double the memory.
-void keepFirstText(void* context, const xmlChar* text, int length) {
-    const auto* const parser = static_cast<xmlParserCtxtPtr>(context);
-    if (parser->node != nullptr && parser->node->children == nullptr) xmlSAX2Characters(context, text, length);
+// Of an entity that may be declared in another file, which is not read.
+void reference(void* context, const xmlChar* name) {
+    if (!document.tree->isInElement() || !fits(context, 1)) return;
+    build(context, [&](Tree& tree) { tree.addOther(text(name)); });
+}
+
+void characters(void*, const xmlChar* content, int length) {
+    document.tree->addText({text(content), static_cast<std::size_t>(length)});
 }
 
 // libxml2's external-entity loader, which also opens the document itself. It reads from a descriptor: given a name,
@@ -118,14 +159,18 @@ xmlParserInputPtr loadOnlyTheDocument(const char* url, const char*, xmlParserCtx
     context->sax->entityDecl = refuseEntity;
     context->sax->unparsedEntityDecl = refuseUnparsedEntity;
     context->sax->attributeDecl = refuseAttributeList;
-    context->sax->startElementNs = countElement;
-    context->sax->comment = countComment;
-    context->sax->processingInstruction = countInstruction;
-    context->sax->cdataBlock = countCdata;
-    context->sax->characters = keepFirstText;
-    context->sax->ignorableWhitespace = keepFirstText;
-    context->options |= XML_PARSE_COMPACT;  // stores short attribute values without an allocation
+    context->sax->startElementNs = startElement;
+    context->sax->endElementNs = endElement;
+    context->sax->comment = comment;
+    context->sax->processingInstruction = instruction;
+    context->sax->cdataBlock = cdata;
+    context->sax->reference = reference;
+    context->sax->characters = characters;
+    context->sax->ignorableWhitespace = characters;
+    context->replaceEntities = 1;  // gives attribute values as they are, with "&" for "&amp;"
     xmlDictSetLimit(context->dict, maximumNameBytes);
+    xmlDictReference(context->dict);
+    document.tree->begin(Tree::Names(context->dict, xmlDictFree));
 
     xmlParserInputBufferPtr buffer = xmlParserInputBufferCreateFd(document.file->get(), XML_CHAR_ENCODING_NONE);
     if (buffer == nullptr) return nullptr;
@@ -150,8 +195,8 @@ Library::~Library() {
     if (--instances == 0) xmlCleanupParser();
 }
 
-DocumentScope::DocumentScope(const std::string& path, common::Descriptor& file) {
-    document = {&path, &file, 0, {}};
+DocumentScope::DocumentScope(const std::string& path, common::Descriptor& file, Tree& tree) {
+    document = {&path, &file, &tree, 0, {}, false};
     xmlSetStructuredErrorFunc(nullptr, recordError);
 }
 
@@ -161,5 +206,7 @@ DocumentScope::~DocumentScope() {
 }
 
 const ParseFailure& DocumentScope::failure() { return document.failure; }
+
+bool DocumentScope::outOfMemory() { return document.outOfMemory; }
 
 }  // namespace zav::xml

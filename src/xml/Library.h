@@ -5,6 +5,7 @@
 #include <string>
 
 #include "common/Descriptor.h"
+#include "xml/Tree.h"
 
 namespace zav::xml {
 
@@ -43,19 +44,22 @@ constexpr unsigned maximumNodes = 1250000;  // elements, attributes, comments an
 constexpr int maximumAttributes = 64;
 constexpr std::size_t maximumNameBytes = 64U * 1024U;
 
-/// While it exists, libxml2 may read only `file` on this thread, under the name `path`, and prints no errors. Both must
-/// outlive it; libxml2 takes the descriptor over when it opens the document. Parsing fails if the document declares
+/// While it exists, libxml2 may read only `file` on this thread, under the name `path`, builds `tree` instead of nodes
+/// of its own, and prints no errors. All three must outlive it; libxml2 takes the descriptor over when it opens the
+/// document. Parsing fails if the document declares
 /// entities or attribute lists, which can expand a small file to gigabytes, or has more than maximumNodes (enough for
 /// 250,000 items with four attributes), maximumAttributes in an element, or maximumNameBytes of distinct names.
 class DocumentScope {
  public:
-    DocumentScope(const std::string& path, common::Descriptor& file);
+    DocumentScope(const std::string& path, common::Descriptor& file, Tree& tree);
     ~DocumentScope();
     DocumentScope(const DocumentScope&) = delete;
     DocumentScope& operator=(const DocumentScope&) = delete;
 
     /// Why parsing failed. For the thread that created the scope.
     static const ParseFailure& failure();
+    /// Whether it failed because there was no memory for the tree.
+    static bool outOfMemory();
 };
 
 }  // namespace zav::xml

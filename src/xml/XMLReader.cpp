@@ -5,15 +5,15 @@
 #include <libxml/tree.h>
 #include <sys/stat.h>
 
+#include <new>
+
 #include "common/PathRoot.h"
 
 namespace zav {
 
 namespace {
 
-std::string text(const xmlChar* string) {
-    return string == nullptr ? std::string() : std::string(reinterpret_cast<const char*>(string));
-}
+using Kind = xml::Tree::Kind;
 
 // Whether the descriptor is a regular file of acceptable size.
 bool isDocument(int file) {
@@ -34,72 +34,65 @@ bool XMLReader::load(const std::string& name, common::Descriptor file) {
     release();
     failure_ = {xml::ParseFailure::Kind::unreadable, "", 0, 0};
     if (file.get() >= 0 && isDocument(file.get())) {
-        const xml::DocumentScope scope(name, file);
+        const xml::DocumentScope scope(name, file, tree_);
         document_ = xmlParseFile(name.c_str());
         failure_ = xml::DocumentScope::failure();
+        if (document_ == nullptr) tree_.clear();
+        if (xml::DocumentScope::outOfMemory()) throw std::bad_alloc();
     }
     XMLReader::reset();
     return document_ != nullptr;
 }
 
 void XMLReader::release() {
+    tree_.clear();
     xmlFreeDoc(document_);
     document_ = nullptr;
     XMLReader::reset();
 }
 
 void XMLReader::reset() {
-    current_ = document_ == nullptr ? nullptr : xmlDocGetRootElement(document_);
+    current_ = tree_.root();
     savedPositions_ = {};
 }
 
 bool XMLReader::nextSibling() {
-    if (current_ != nullptr) {
-        current_ = current_->next;
-        skipTextAndComments();
-    }
+    if (current_ != nullptr) current_ = current_->next;
     return current_ != nullptr;
 }
 
 bool XMLReader::firstChild() {
-    if (current_ != nullptr) {
-        current_ = current_->children;
-        skipTextAndComments();
-    }
+    if (current_ != nullptr) current_ = current_->firstChild;
     return current_ != nullptr;
 }
 
-std::string XMLReader::name() { return current_ == nullptr ? std::string() : text(current_->name); }
+std::string XMLReader::name() {
+    return current_ == nullptr || current_->name == nullptr ? std::string() : current_->name;
+}
 
 std::map<std::string, std::string> XMLReader::attributes() {
-    std::map<std::string, std::string> attributes;
-    if (current_ == nullptr || current_->type != XML_ELEMENT_NODE) return attributes;
-    for (const xmlAttr* attribute = current_->properties; attribute != nullptr; attribute = attribute->next) {
-        xmlChar* value = xmlGetProp(current_, attribute->name);
-        attributes.emplace(text(attribute->name), text(value));
-        xmlFree(value);
-    }
-    return attributes;
+    return current_ == nullptr ? std::map<std::string, std::string>() : attributesOf(*current_);
 }
 
 bool XMLReader::hasChildren() {
-    return current_ != nullptr && current_->type == XML_ELEMENT_NODE && current_->children != nullptr;
+    return current_ != nullptr && current_->kind == Kind::element && current_->content != xml::Tree::Content::none;
 }
 
 void XMLReader::savePosition() { savedPositions_.push(current_); }
 
 void XMLReader::restorePosition() { current_ = savedPositions_.empty() ? nullptr : savedPositions_.top(); }
 
-void XMLReader::dropAttributes() {
-    if (current_ == nullptr || current_->type != XML_ELEMENT_NODE) return;
-    xmlFreePropList(current_->properties);
-    current_->properties = nullptr;
+std::string XMLReader::encoding() const {
+    const bool known = document_ != nullptr && document_->encoding != nullptr;
+    return known ? reinterpret_cast<const char*>(document_->encoding) : "";
 }
 
-void XMLReader::skipTextAndComments() {
-    while (current_ != nullptr && (current_->type == XML_TEXT_NODE || current_->type == XML_COMMENT_NODE)) {
-        current_ = current_->next;
+std::map<std::string, std::string> XMLReader::attributesOf(const xml::Tree::Node& node) {
+    std::map<std::string, std::string> attributes;
+    for (std::uint32_t index = 0; index < node.attributeCount; ++index) {
+        attributes.emplace(node.attributes[index].name, node.attributes[index].value);
     }
+    return attributes;
 }
 
 }  // namespace zav

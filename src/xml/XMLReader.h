@@ -10,9 +10,9 @@
 #include <string>
 
 #include "xml/Library.h"
+#include "xml/Tree.h"
 
 struct _xmlDoc;
-struct _xmlNode;
 
 namespace zav {
 
@@ -55,25 +55,24 @@ class XMLReader {
     /// Returns to the position saved last, without removing it; to no element if none was saved.
     virtual void restorePosition();
 
-    /// Frees the attributes of the current element, which then has none. For a walk that reads them once: what it makes
-    /// of them takes their memory.
-    virtual void dropAttributes();
-
  protected:
     /// load, for a file that is already open; `name` only names it.
     bool load(const std::string& name, common::Descriptor file);
 
-    /// Null if there is none.
-    _xmlDoc* document() const { return document_; }
-    _xmlNode* current() const { return current_; }
+    /// The encoding as declared or detected; "" if it is neither.
+    std::string encoding() const;
+
+    const xml::Tree& tree() const { return tree_; }
+    const xml::Tree::Node* current() const { return current_; }
+    /// The first one of a repeated local name.
+    static std::map<std::string, std::string> attributesOf(const xml::Tree::Node& node);
 
  private:
-    void skipTextAndComments();
-
     const xml::Library library_;
-    _xmlDoc* document_ = nullptr;  // owned
-    _xmlNode* current_ = nullptr;
-    std::stack<_xmlNode*> savedPositions_;
+    xml::Tree tree_;
+    _xmlDoc* document_ = nullptr;  // owned; without nodes, which are in tree_
+    const xml::Tree::Node* current_ = nullptr;
+    std::stack<const xml::Tree::Node*> savedPositions_;
     xml::ParseFailure failure_;
 };
 

@@ -60,6 +60,11 @@ class OldKernelTest(unittest.TestCase):
         self.assertEqual(status, 1, said)
         self.assertIn("Function not implemented", said)
 
+    def test_commands(self):
+        status, said = run(f"{PROJECT}/lab/sandbox", "--", f"{BUILD}/tests/common_test", "--gtest_filter=ExecuteTest.*")
+        self.assertEqual(status, 0, said)
+        self.assertIn("ExecuteTest.ATimeOutEndsTheWholeGroup", said)
+
     def test_every_pass_of_the_demonstration(self):
         status, said = run(f"{PROJECT}/lab/phone", "--build", BUILD, "--no-boot-pass", "--device-services", "--",
                            "/usr/bin/python3", "-B", "lab/demonstration.py")

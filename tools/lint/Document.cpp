@@ -1,10 +1,6 @@
 #include "lint/Document.h"
 
 #include <libxml/encoding.h>
-#include <libxml/tree.h>
-
-#include <algorithm>
-#include <cstring>
 
 #include "Core/JobHandlers/ProvisioningFileParser.h"
 #include "Core/Pass.h"
@@ -13,14 +9,8 @@
 
 namespace lint {
 
-namespace {
-
-bool isBlankText(const xmlChar* text) {
-    return text == nullptr || std::strspn(reinterpret_cast<const char*>(text), " \t\r\n") ==
-                                  std::strlen(reinterpret_cast<const char*>(text));
-}
-
-}  // namespace
+using Node = zav::xml::Tree::Node;
+using zav::xml::Tree;
 
 class Document::Parser final : public zav::ProvisioningFileParser {
  public:
@@ -36,30 +26,30 @@ class Document::Parser final : public zav::ProvisioningFileParser {
 
 bool Document::parse(const std::string& bytes) {
     nodes_.clear();
+    parents_.clear();
     if (!load("document", memoryFile(bytes))) return false;
-    number();
+    listElements();
+    visits_.assign(nodes_.size(), 0);
     return !nodes_.empty();
 }
 
-// Gives each element its index. For the way back the node points to its count of visits.
-void Document::number() {
-    xmlNode* node = xmlDocGetRootElement(document());
-    const xmlNode* const root = node;
-    while (node != nullptr) {
-        if (node->type == XML_ELEMENT_NODE) nodes_.push_back(node);
-        if (node->type == XML_ELEMENT_NODE && node->children != nullptr) {
-            node = node->children;
-            continue;
-        }
-        while (node != root && node->next == nullptr) node = node->parent;
-        node = node == root ? nullptr : node->next;
+// In document order, which is that of their indices.
+void Document::listElements() {
+    struct Next {
+        const Node* node;
+        std::size_t parent;
+    };
+    std::vector<Next> left{{tree().root(), none}};
+    while (!left.empty()) {
+        const auto [node, parent] = left.back();
+        left.pop_back();
+        if (node == nullptr) continue;
+        if (node != tree().root()) left.push_back({node->next, parent});
+        if (node->kind != Tree::Kind::element) continue;
+        nodes_.push_back(node);
+        parents_.push_back(parent);
+        left.push_back({node->firstChild, node->index});
     }
-    visits_.assign(nodes_.size(), 0);
-    for (std::size_t index = 0; index < nodes_.size(); ++index) nodes_[index]->_private = &visits_[index];
-}
-
-std::size_t Document::indexOf(const _xmlNode* node) const {
-    return static_cast<std::size_t>(static_cast<const unsigned*>(node->_private) - visits_.data());
 }
 
 void Document::walk() {
@@ -89,7 +79,7 @@ void Document::matchJobs() {
 }
 
 std::size_t Document::indexOfCurrent() const {
-    return current() != nullptr && current()->type == XML_ELEMENT_NODE ? indexOf(current()) : none;
+    return current() != nullptr && current()->kind == Tree::Kind::element ? current()->index : none;
 }
 
 bool Document::hasChildren() {
@@ -124,49 +114,30 @@ void Document::restorePosition() {
     open_.pop_back();
 }
 
-std::string Document::encoding() const {
-    if (document()->encoding == nullptr) return "";
-    const auto encoding = xmlParseCharEncoding(reinterpret_cast<const char*>(document()->encoding));
-    if (encoding == XML_CHAR_ENCODING_UTF8 || encoding == XML_CHAR_ENCODING_ASCII) return "";
-    return reinterpret_cast<const char*>(document()->encoding);
+std::string Document::foreignEncoding() const {
+    const std::string name = encoding();
+    const auto known = xmlParseCharEncoding(name.c_str());
+    return known == XML_CHAR_ENCODING_UTF8 || known == XML_CHAR_ENCODING_ASCII ? "" : name;
 }
 
-std::string Document::nameOf(std::size_t element) const { return reinterpret_cast<const char*>(nodes_[element]->name); }
+std::string Document::nameOf(std::size_t element) const { return nodes_[element]->name; }
 
-std::size_t Document::parentOf(std::size_t element) const {
-    const xmlNode* const parent = nodes_[element]->parent;
-    return parent != nullptr && parent->type == XML_ELEMENT_NODE ? indexOf(parent) : none;
-}
+std::size_t Document::parentOf(std::size_t element) const { return parents_[element]; }
 
-bool Document::hasContent(std::size_t element) const { return nodes_[element]->children != nullptr; }
+bool Document::hasContent(std::size_t element) const { return nodes_[element]->content != Tree::Content::none; }
 
 bool Document::hasElements(std::size_t element) const {
-    for (const xmlNode* child = nodes_[element]->children; child != nullptr; child = child->next) {
-        if (child->type == XML_ELEMENT_NODE) return true;
+    for (const Node* child = nodes_[element]->firstChild; child != nullptr; child = child->next) {
+        if (child->kind == Tree::Kind::element) return true;
     }
     return false;
 }
 
-bool Document::hasText(std::size_t element) const {
-    for (const xmlNode* child = nodes_[element]->children; child != nullptr; child = child->next) {
-        const bool isText = child->type == XML_TEXT_NODE || child->type == XML_CDATA_SECTION_NODE;
-        if (isText && !isBlankText(child->content)) return true;
-    }
-    return false;
-}
+bool Document::hasText(std::size_t element) const { return nodes_[element]->content == Tree::Content::text; }
 
-zav::Attributes Document::attributesOf(std::size_t element) const {
-    zav::Attributes found;
-    for (const xmlAttr* attribute = nodes_[element]->properties; attribute != nullptr; attribute = attribute->next) {
-        xmlChar* value = xmlGetProp(nodes_[element], attribute->name);
-        found.emplace(reinterpret_cast<const char*>(attribute->name),
-                      value == nullptr ? "" : reinterpret_cast<const char*>(value));
-        xmlFree(value);
-    }
-    return found;
-}
+zav::Attributes Document::attributesOf(std::size_t element) const { return XMLReader::attributesOf(*nodes_[element]); }
 
-long Document::lineOf(std::size_t element) const { return xmlGetLineNo(nodes_[element]); }
+long Document::lineOf(std::size_t element) const { return nodes_[element]->line; }
 
 namespace {
 

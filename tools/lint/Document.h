@@ -40,7 +40,7 @@ class Document final : public zav::XMLReader {
     std::size_t itemCount() const { return itemCount_; }
 
     /// The document's encoding as declared or detected; "" for UTF-8.
-    std::string encoding() const;
+    std::string foreignEncoding() const;
 
     std::size_t elementCount() const { return nodes_.size(); }
     std::string nameOf(std::size_t element) const;
@@ -59,17 +59,16 @@ class Document final : public zav::XMLReader {
     bool hasChildren() override;
     std::map<std::string, std::string> attributes() override;
     void restorePosition() override;
-    void dropAttributes() override {}  // they are inspected after the walk
 
  private:
     class Parser;
 
-    void number();
-    std::size_t indexOf(const _xmlNode* node) const;  // of an element
+    void listElements();
     std::size_t indexOfCurrent() const;
     void matchJobs();
 
-    std::vector<_xmlNode*> nodes_;
+    std::vector<const zav::xml::Tree::Node*> nodes_;  // the elements
+    std::vector<std::size_t> parents_;
     std::vector<unsigned> visits_;
     std::vector<zav::JobDescription> jobs_;
     std::vector<WalkLevel> open_;
@@ -78,7 +77,7 @@ class Document final : public zav::XMLReader {
     bool exceedsLimits_ = false;
 };
 
-/// The text of a document in UTF-8. `declared` is Document's encoding().
+/// The text of a document in UTF-8. `declared` is Document's foreignEncoding().
 std::string toUtf8(const std::string& bytes, const std::string& declared);
 
 }  // namespace lint

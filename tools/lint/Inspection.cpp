@@ -82,7 +82,7 @@ class Placement {
  public:
     Placement(const Document& document, const std::string& bytes, const Options& options)
         : document_(document),
-          source_(sourceOf(toUtf8(bytes, document.encoding()), options)),
+          source_(sourceOf(toUtf8(bytes, document.foreignEncoding()), options)),
           places_(scan(source_.text())) {}
 
     void place(Finding& finding, const Place& place) const {

@@ -4,6 +4,7 @@
 #include <poll.h>
 #include <signal.h>
 #include <spawn.h>
+#include <sys/syscall.h>
 #include <sys/wait.h>
 #include <unistd.h>
 
@@ -47,6 +48,17 @@ bool openPipe(Descriptor& reading, Descriptor& writing) {
     reading.reset(ends[0]);
     writing.reset(ends[1]);
     return opened;
+}
+
+// A descriptor of a child that is not reaped yet, closed in children; negative if there is none. Not every C library
+// has the function.
+int openProcess(pid_t process) {
+#ifdef SYS_pidfd_open
+    return static_cast<int>(syscall(SYS_pidfd_open, process, 0));
+#else
+    static_cast<void>(process);
+    return -1;
+#endif
 }
 
 // The child has its own process group, default signal handling and no open files but the standard ones.
@@ -121,10 +133,12 @@ class Shell {
         reap();
     }
 
-    /// Lets poll wait for the end of the shell, on every kernel and C library: a thread waits for it and then
-    /// closes a pipe. No signal handler, no polling, and processes that the shell leaves behind do not delay it. Throws
-    /// std::system_error if no descriptor or no thread is left.
+    /// Lets poll wait for the end of the shell, by a descriptor of the process. Kernels before 5.3 have none: there a
+    /// thread waits for the end and then closes a pipe. No signal handler, no polling, and processes that the shell
+    /// leaves behind do not delay it. Throws std::system_error if no descriptor or no thread is left.
     void watch() {
+        ended_.reset(openProcess(process_));
+        if (ended_.get() >= 0) return;
         if (!openPipe(ended_, running_)) throw std::system_error(errno, std::generic_category());
         const common::signal::AllBlocked blocked;
         waiting_ = std::thread([this] {
@@ -135,7 +149,7 @@ class Shell {
             running_.close();
         });
     }
-    /// Reports POLLHUP once the shell has ended.
+    /// Reports POLLIN or POLLHUP once the shell has ended.
     int endDescriptor() const { return ended_.get(); }
 
     /// Waits for the end. Returns the exit status of waitpid, or nothing, with errno set, if it is lost.

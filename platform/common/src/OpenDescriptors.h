@@ -9,8 +9,11 @@ namespace common {
 /// read, each number up to the process's limit, at most 65,536, is tried.
 int highestOpenDescriptor(const char* listing = "/proc/self/fd");
 
-/// Adds actions that close every descriptor above standard error in the child, up to 64 that other threads open before
-/// it starts included.
+/// Adds actions that close every descriptor above standard error in the child, also those that other threads open
+/// before it starts.
 void closeInChild(posix_spawn_file_actions_t& actions);
+
+/// The same for C libraries that can only close one by one: of those opened meanwhile, 64.
+void closeEachInChild(posix_spawn_file_actions_t& actions);
 
 }  // namespace common

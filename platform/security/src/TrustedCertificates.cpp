@@ -1,10 +1,12 @@
 #include "security/TrustedCertificates.h"
 
+#include <openssl/asn1.h>
 #include <openssl/err.h>
 #include <openssl/x509.h>
 #include <openssl/x509_vfy.h>
 
 #include <algorithm>
+#include <memory>
 #include <new>
 #include <utility>
 
@@ -18,27 +20,101 @@ std::vector<std::string> sortedUnique(std::vector<std::string> certificates) {
     return certificates;
 }
 
+struct Free {
+    void operator()(X509_NAME* name) const { X509_NAME_free(name); }
+    void operator()(X509_STORE* store) const { X509_STORE_free(store); }
+};
+
+// Goes into the next element, or past it. False if there is none of this tag.
+bool advance(const unsigned char*& at, const unsigned char*& end, int wanted, bool enter) {
+    long length = 0;
+    int tag = 0;
+    int tagClass = 0;
+    const unsigned char* next = at;
+    constexpr int failed = 0x80;
+    if ((ASN1_get_object(&next, &length, &tag, &tagClass, end - at) & failed) != 0 || tag != wanted) return false;
+    if (enter) end = next + length;
+    at = enter ? next : next + length;
+    return true;
+}
+
+// What OpenSSL would look for a certificate by: the hash of its subject. 0 if it has none.
+unsigned long subjectHash(const std::string& der) {
+    constexpr int version = 0;  // [0], which old certificates lack
+    const auto* at = reinterpret_cast<const unsigned char*>(der.data());
+    const auto* end = at + der.size();
+    if (!advance(at, end, V_ASN1_SEQUENCE, true) || !advance(at, end, V_ASN1_SEQUENCE, true)) return 0;
+    static_cast<void>(advance(at, end, version, false));
+    if (!advance(at, end, V_ASN1_INTEGER, false)) return 0;  // serial number
+    for (int skipped = 0; skipped < 3; ++skipped) {          // signature algorithm, issuer, validity
+        if (!advance(at, end, V_ASN1_SEQUENCE, false)) return 0;
+    }
+    const std::unique_ptr<X509_NAME, Free> subject(d2i_X509_NAME(nullptr, &at, static_cast<long>(end - at)));
+    return subject == nullptr ? 0 : X509_NAME_hash_ex(subject.get(), nullptr, nullptr, nullptr);
+}
+
+// The certificates of a store that it has not parsed. Deleted with the store.
+struct Unparsed {
+    std::shared_ptr<const std::vector<std::string>> certificates;
+    std::vector<unsigned long> hashes;  // of their subjects
+};
+
+// Adds the certificates with this subject to the store and names one of them. Called by OpenSSL, under no lock, when
+// the store has none. Allocates nothing in C++, which might throw.
+int addBySubject(X509_LOOKUP* lookup, X509_LOOKUP_TYPE type, const X509_NAME* subject, X509_OBJECT* found) {
+    if (type != X509_LU_X509) return 0;
+    const auto& unparsed = *static_cast<const Unparsed*>(X509_LOOKUP_get_method_data(lookup));
+    const unsigned long hash = X509_NAME_hash_ex(subject, nullptr, nullptr, nullptr);
+    int result = 0;
+    for (std::size_t index = 0; index < unparsed.hashes.size(); ++index) {
+        if (unparsed.hashes[index] != hash) continue;
+        const std::string& der = (*unparsed.certificates)[index];
+        const auto* at = reinterpret_cast<const unsigned char*>(der.data());
+        X509* certificate = d2i_X509(nullptr, &at, static_cast<long>(der.size()));
+        const bool wanted = certificate != nullptr && X509_NAME_cmp(X509_get_subject_name(certificate), subject) == 0;
+        if (wanted && X509_STORE_add_cert(X509_LOOKUP_get_store(lookup), certificate) == 1 && result == 0 &&
+            X509_OBJECT_set1_X509(found, certificate) == 1) {
+            X509_free(certificate);  // OpenSSL takes no reference over from `found`: the store keeps the certificate
+            result = 1;
+        }
+        X509_free(certificate);
+    }
+    ERR_clear_error();
+    return result;
+}
+
+void deleteUnparsed(X509_LOOKUP* lookup) { delete static_cast<Unparsed*>(X509_LOOKUP_get_method_data(lookup)); }
+
+// Lives as long as the process.
+X509_LOOKUP_METHOD* newMethod() {
+    X509_LOOKUP_METHOD* const method = X509_LOOKUP_meth_new("certificates in memory");
+    if (method == nullptr) throw std::bad_alloc();
+    X509_LOOKUP_meth_set_get_by_subject(method, addBySubject);
+    X509_LOOKUP_meth_set_free(method, deleteUnparsed);
+    return method;
+}
+
 }  // namespace
 
 TrustedCertificates::TrustedCertificates(std::vector<std::string> certificates)
-    : certificates_(sortedUnique(std::move(certificates))) {}
+    : certificates_(std::make_shared<const std::vector<std::string>>(sortedUnique(std::move(certificates)))) {}
 
 TrustedCertificates::~TrustedCertificates() { X509_STORE_free(store_); }
 
 x509_store_st* TrustedCertificates::store() const {
     std::call_once(storeMade_, [this] {
-        X509_STORE* store = X509_STORE_new();
-        if (store == nullptr) throw std::bad_alloc();
-        for (const std::string& der : certificates_) {
-            const auto* at = reinterpret_cast<const unsigned char*>(der.data());
-            X509* certificate = d2i_X509(nullptr, &at, static_cast<long>(der.size()));
-            if (certificate != nullptr) X509_STORE_add_cert(store, certificate);
-            X509_free(certificate);
-        }
+        static X509_LOOKUP_METHOD* const method = newMethod();
+        auto unparsed = std::make_unique<Unparsed>(Unparsed{certificates_, {}});
+        unparsed->hashes.reserve(certificates_->size());
+        for (const std::string& der : *certificates_) unparsed->hashes.push_back(subjectHash(der));
         ERR_clear_error();
+        std::unique_ptr<X509_STORE, Free> store(X509_STORE_new());
+        X509_LOOKUP* const lookup = store == nullptr ? nullptr : X509_STORE_add_lookup(store.get(), method);
+        if (lookup == nullptr) throw std::bad_alloc();
+        X509_LOOKUP_set_method_data(lookup, unparsed.release());
         // A certificate in the bundle is trusted without its issuer: it may be a server's own or an intermediate one.
-        X509_STORE_set_flags(store, X509_V_FLAG_TRUSTED_FIRST | X509_V_FLAG_PARTIAL_CHAIN);
-        store_ = store;
+        X509_STORE_set_flags(store.get(), X509_V_FLAG_TRUSTED_FIRST | X509_V_FLAG_PARTIAL_CHAIN);
+        store_ = store.release();
     });
     return store_;
 }

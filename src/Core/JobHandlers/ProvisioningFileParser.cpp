@@ -235,10 +235,8 @@ void ProvisioningFileParser::reportMixedItems(const std::string& jobName) {
 
 // The reader keeps a restored position on its stack, so after a nested level the outer one continues from the element
 // entered last, and child names of the nested level stay in the set. `atElement` is false if the level has no element.
-// Elements without children are visited again only if they follow an entered one.
 void ProvisioningFileParser::collectLevel(const std::string& parentName, bool atElement, Walk& walk) {
     JobDescription job;
-    bool entered = false;
     childNames_.clear();
     while (atElement && !walk.exceeded()) {
         ++walk.steps;
@@ -246,12 +244,10 @@ void ProvisioningFileParser::collectLevel(const std::string& parentName, bool at
             const std::string name = reader_.name();
             reader_.savePosition();
             const bool nestedAtElement = reader_.firstChild();
-            entered = true;
             collectLevel(name, nestedAtElement, walk);
         } else {
             job.itemName = reader_.name();
             Attributes attributes = reader_.attributes();
-            if (!entered) reader_.dropAttributes();
             if (!attributes.empty()) {
                 ++walk.items;
                 walk.bytes += bytesOf(attributes);

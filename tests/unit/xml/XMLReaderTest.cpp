@@ -79,6 +79,45 @@ TEST_F(XMLReaderTest, CdataAndInstructionsAreNotSkipped) {
     EXPECT_EQ(reader_.name(), "a");
 }
 
+TEST_F(XMLReaderTest, CdataSectionsInARowAreOneNode) {
+    ASSERT_TRUE(load("<root><![CDATA[1]]> text <![CDATA[2]]><!-- comment --><![CDATA[3]]></root>"));
+    ASSERT_TRUE(reader_.firstChild());
+    ASSERT_TRUE(reader_.nextSibling()) << "a comment separates them";
+    EXPECT_FALSE(reader_.nextSibling());
+}
+
+TEST_F(XMLReaderTest, ReferencesToUnknownEntitiesAreNodes) {
+    ASSERT_TRUE(load("<!DOCTYPE root SYSTEM \"file\"><root a=\"&first;1\">&second;<a/></root>"));
+    EXPECT_EQ(reader_.attributes(), (Attributes{{"a", "1"}}));
+    ASSERT_TRUE(reader_.firstChild());
+    EXPECT_EQ(reader_.name(), "second");
+    EXPECT_FALSE(reader_.hasChildren());
+    ASSERT_TRUE(reader_.nextSibling());
+    EXPECT_EQ(reader_.name(), "a");
+}
+
+TEST_F(XMLReaderTest, UndeclaredPrefixesArePartOfTheName) {
+    ASSERT_TRUE(load("<p:root xmlns:q=\"urn:q\" p:a=\"1\" q:a=\"2\" a=\"3\"><q:b/></p:root>"));
+    EXPECT_EQ(reader_.name(), "p:root");
+    EXPECT_EQ(reader_.attributes(), (Attributes{{"p:a", "1"}, {"a", "2"}})) << "the first of a repeated name counts";
+    ASSERT_TRUE(reader_.firstChild());
+    EXPECT_EQ(reader_.name(), "b");
+}
+
+TEST_F(XMLReaderTest, InstructionBehindTheRootIsItsSibling) {
+    ASSERT_TRUE(load("<?before?><root/><!-- comment --><?after?>"));
+    EXPECT_EQ(reader_.name(), "root");
+    ASSERT_TRUE(reader_.nextSibling());
+    EXPECT_EQ(reader_.name(), "after");
+    EXPECT_FALSE(reader_.nextSibling());
+}
+
+TEST_F(XMLReaderTest, CommentsCountAsChildren) {
+    ASSERT_TRUE(load("<root><!-- comment --></root>"));
+    EXPECT_TRUE(reader_.hasChildren());
+    EXPECT_FALSE(reader_.firstChild());
+}
+
 TEST_F(XMLReaderTest, WhiteSpaceCountsAsChildren) {
     ASSERT_TRUE(load("<root><a> </a><b></b><c/></root>"));
     ASSERT_TRUE(reader_.firstChild());
@@ -116,18 +155,6 @@ TEST_F(XMLReaderTest, RestoredPositionStaysSaved) {
 TEST_F(XMLReaderTest, AttributeValuesArePlainText) {
     ASSERT_TRUE(load("<root a=\"&lt;&amp;&quot;&#65;\" b='x  y' c=\"\" d=\"\xc3\xa4\"/>"));
     EXPECT_EQ(reader_.attributes(), (Attributes{{"a", "<&\"A"}, {"b", "x  y"}, {"c", ""}, {"d", "\xc3\xa4"}}));
-}
-
-TEST_F(XMLReaderTest, DroppedAttributesAreThoseOfTheCurrentElementOnly) {
-    ASSERT_TRUE(load("<root><a b=\"1\"/><c d=\"2\"/></root>"));
-    ASSERT_TRUE(reader_.firstChild());
-    reader_.dropAttributes();
-    EXPECT_EQ(reader_.attributes(), Attributes());
-    EXPECT_EQ(reader_.name(), "a");
-    ASSERT_TRUE(reader_.nextSibling());
-    EXPECT_EQ(reader_.attributes(), (Attributes{{"d", "2"}}));
-    EXPECT_FALSE(reader_.nextSibling());
-    reader_.dropAttributes();
 }
 
 TEST_F(XMLReaderTest, NewDocumentReplacesTheOldOne) {

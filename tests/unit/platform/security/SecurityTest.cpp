@@ -1,10 +1,12 @@
 #include "security/Security.h"
 
 #include <gtest/gtest.h>
+#include <openssl/x509.h>
 #include <openssl/x509_vfy.h>
 
 #include <filesystem>
 #include <fstream>
+#include <memory>
 #include <string>
 #include <thread>
 
@@ -36,6 +38,19 @@ class Security : public testing::Test {
         return logOf([this] { security.notifySystemAboutNewCertificates(); });
     }
 
+    static bool finds(X509_STORE* store, const char* commonName) {
+        const std::unique_ptr<X509_NAME, void (*)(X509_NAME*)> name(X509_NAME_new(), X509_NAME_free);
+        X509_NAME_add_entry_by_txt(name.get(), "CN", MBSTRING_UTF8, reinterpret_cast<const unsigned char*>(commonName),
+                                   -1, -1, 0);
+        const std::unique_ptr<X509_STORE_CTX, void (*)(X509_STORE_CTX*)> context(X509_STORE_CTX_new(),
+                                                                                 X509_STORE_CTX_free);
+        X509_STORE_CTX_init(context.get(), store, nullptr, nullptr);
+        const std::unique_ptr<X509_OBJECT, void (*)(X509_OBJECT*)> found(
+            X509_STORE_CTX_get_obj_by_subject(context.get(), X509_LU_X509, name.get()), X509_OBJECT_free);
+        return found != nullptr &&
+               X509_NAME_cmp(X509_get_subject_name(X509_OBJECT_get0_X509(found.get())), name.get()) == 0;
+    }
+
     std::shared_ptr<fakes::FakeProperties> properties = std::make_shared<fakes::FakeProperties>();
     fakes::TestAuthority authority;
     zav::Security security{properties};
@@ -60,6 +75,25 @@ TEST_F(Security, AddsThePhonesBundleOnReload) {
     const auto after = security.trustedCertificates();
     EXPECT_EQ(after->count(), before->count() + 1);
     EXPECT_NE(after->store(), before->store());
+}
+
+// The others stay unparsed.
+TEST_F(Security, StoreParsesTheCertificatesOfTheSubjectThatIsLookedFor) {
+    const fakes::TestAuthority ofTheSameName;
+    const fakes::TestAuthority other("Other authority");
+    writeFile(phoneBundle, authority.certificate() + ofTheSameName.certificate() + other.certificate());
+    security.reloadCertificates();
+    X509_STORE* const store = security.trustedCertificates()->store();
+    const auto parsed = [store] { return sk_X509_OBJECT_num(X509_STORE_get0_objects(store)); };
+    EXPECT_EQ(parsed(), 0);
+    for (int time = 0; time < 2; ++time) {
+        EXPECT_TRUE(finds(store, "Test authority"));
+        EXPECT_EQ(parsed(), 2);
+    }
+    EXPECT_FALSE(finds(store, "Unknown authority"));
+    EXPECT_EQ(parsed(), 2);
+    EXPECT_TRUE(finds(store, "Other authority"));
+    EXPECT_EQ(parsed(), 3);
 }
 
 TEST_F(Security, ReloadWithoutChangesKeepsTheObject) {
