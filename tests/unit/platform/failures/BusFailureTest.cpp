@@ -57,6 +57,7 @@ class Port {
 };
 
 TEST(BusWithoutDescriptors, SaysWhatItCannotCreate) {
+    if (failing::sanitizerNeedsDescriptors) GTEST_SKIP() << "the sanitizer needs descriptors";
     const std::string expected = "Cannot create an event descriptor: Too many open files";
     const ipc::Waker waker;
     const FewDescriptors none(0);

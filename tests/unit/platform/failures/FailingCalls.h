@@ -36,6 +36,13 @@ class Calls {
     int times_;
 };
 
+/// UBSan opens descriptors to examine an object that is thrown, and takes it for damaged where there are none.
+#if defined(__SANITIZE_ADDRESS__)
+constexpr bool sanitizerNeedsDescriptors = true;
+#else
+constexpr bool sanitizerNeedsDescriptors = false;
+#endif
+
 /// From construction to destruction the process can open only so many more descriptors.
 class FewDescriptors {
  public:
