@@ -8,6 +8,7 @@
 #include <sys/resource.h>
 #include <sys/stat.h>
 #include <sys/statvfs.h>
+#include <sys/syscall.h>
 #include <sys/wait.h>
 #include <unistd.h>
 
@@ -91,6 +92,10 @@ FewDescriptors::~FewDescriptors() {
 
 }  // namespace failing
 
+// syscall() without the variable arguments of its declaration: whatever is called takes six at most.
+extern "C" long failingSyscall(long number, long first, long second, long third, long fourth, long fifth,
+                               long sixth) noexcept asm("syscall");
+
 using failing::Call;
 using failing::errorOf;
 using failing::isToFail;
@@ -136,6 +141,17 @@ int pthread_create(pthread_t* thread, const pthread_attr_t* attributes, void* (*
 ssize_t read(int descriptor, void* buffer, size_t size) {
     static auto* const real = failing::next<ssize_t(int, void*, size_t)>("read");
     return isToFail(Call::read) ? -1 : real(descriptor, buffer, size);
+}
+
+long failingSyscall(long number, long first, long second, long third, long fourth, long fifth, long sixth) noexcept {
+    using Function = long(long, long, long, long, long, long, long);
+    // Not a static object: its guard may itself make a system call.
+    static std::atomic<Function*> real{nullptr};
+    if (real == nullptr) real = failing::next<Function>("syscall");
+#ifdef SYS_pidfd_open
+    if (number == SYS_pidfd_open && isToFail(Call::pidfd_open)) return -1;
+#endif
+    return real.load()(number, first, second, third, fourth, fifth, sixth);
 }
 
 int waitid(idtype_t type, id_t id, siginfo_t* information, int options) {

@@ -10,6 +10,7 @@ enum class Call {
     fsync,
     ftruncate,
     getaddrinfo,
+    pidfd_open,
     poll,
     pthread_create,
     read,

@@ -165,7 +165,7 @@ TEST(StoreOfARebuild, ReplacesAFileThatIsGone) {
 }
 
 // More than the database keeps in memory, so that a backup reads the file.
-constexpr int manyValues = 38;
+constexpr int manyValues = 150;
 
 TEST(OpenStore, ReportsDamageThatABackupFinds) {
     const TemporaryFolder folder;
