@@ -59,28 +59,47 @@ struct Unparsed {
     std::vector<unsigned long> hashes;  // of their subjects
 };
 
-// Adds the certificates with this subject to the store and names one of them. Called by OpenSSL, under no lock, when
-// the store has none. Allocates nothing in C++, which might throw.
-int addBySubject(X509_LOOKUP* lookup, X509_LOOKUP_TYPE type, const X509_NAME* subject, X509_OBJECT* found) {
-    if (type != X509_LU_X509) return 0;
-    const auto& unparsed = *static_cast<const Unparsed*>(X509_LOOKUP_get_method_data(lookup));
+// False if the certificate is not added.
+bool keep(STACK_OF(X509_OBJECT) * objects, X509* certificate) {
+    X509_OBJECT* const object = X509_OBJECT_new();
+    const bool kept = object != nullptr && X509_OBJECT_set1_X509(object, certificate) == 1 &&
+                      sk_X509_OBJECT_push(objects, object) > 0;
+    if (!kept) X509_OBJECT_free(object);
+    return kept;
+}
+
+void parseBySubject(const Unparsed& unparsed, const X509_NAME* subject, STACK_OF(X509_OBJECT) * objects) {
     const unsigned long hash = X509_NAME_hash_ex(subject, nullptr, nullptr, nullptr);
-    int result = 0;
     for (std::size_t index = 0; index < unparsed.hashes.size(); ++index) {
         if (unparsed.hashes[index] != hash) continue;
         const std::string& der = (*unparsed.certificates)[index];
         const auto* at = reinterpret_cast<const unsigned char*>(der.data());
         X509* certificate = d2i_X509(nullptr, &at, static_cast<long>(der.size()));
         const bool wanted = certificate != nullptr && X509_NAME_cmp(X509_get_subject_name(certificate), subject) == 0;
-        if (wanted && X509_STORE_add_cert(X509_LOOKUP_get_store(lookup), certificate) == 1 && result == 0 &&
-            X509_OBJECT_set1_X509(found, certificate) == 1) {
-            X509_free(certificate);  // OpenSSL takes no reference over from `found`: the store keeps the certificate
-            result = 1;
-        }
+        if (wanted) static_cast<void>(keep(objects, certificate));
         X509_free(certificate);
     }
+}
+
+// Adds the certificates with this subject to the store and names one of them. Called by OpenSSL, under no lock, when
+// the store has none. Other threads must see all of them or none, and may have added them since, so this holds the
+// store's lock. Allocates nothing in C++, which might throw.
+int addBySubject(X509_LOOKUP* lookup, X509_LOOKUP_TYPE type, const X509_NAME* subject, X509_OBJECT* found) {
+    if (type != X509_LU_X509) return 0;
+    X509_STORE* const store = X509_LOOKUP_get_store(lookup);
+    if (X509_STORE_lock(store) != 1) return 0;
+    STACK_OF(X509_OBJECT)* const objects = X509_STORE_get0_objects(store);
+    const X509_OBJECT* known = X509_OBJECT_retrieve_by_subject(objects, type, subject);
+    if (known == nullptr) {
+        parseBySubject(*static_cast<const Unparsed*>(X509_LOOKUP_get_method_data(lookup)), subject, objects);
+        known = X509_OBJECT_retrieve_by_subject(objects, type, subject);
+    }
+    X509* const certificate = known == nullptr ? nullptr : X509_OBJECT_get0_X509(known);
+    const bool named = certificate != nullptr && X509_OBJECT_set1_X509(found, certificate) == 1;
+    if (named) X509_free(certificate);  // OpenSSL takes no reference over from `found`: the store keeps the certificate
+    X509_STORE_unlock(store);
     ERR_clear_error();
-    return result;
+    return named ? 1 : 0;
 }
 
 void deleteUnparsed(X509_LOOKUP* lookup) { delete static_cast<Unparsed*>(X509_LOOKUP_get_method_data(lookup)); }
