@@ -14,11 +14,6 @@
 
 namespace zav::xml {
 
-namespace {
-
-common::Mutex mutex;
-unsigned instances GUARDED_BY(mutex) = 0;
-
 struct Document {
     const std::string* path = nullptr;
     common::Descriptor* file = nullptr;  // empty once libxml2 has taken it over
@@ -28,7 +23,14 @@ struct Document {
     bool outOfMemory = false;
 };
 
-thread_local Document document;
+namespace {
+
+common::Mutex mutex;
+unsigned instances GUARDED_BY(mutex) = 0;
+
+// A pointer: a thread that first uses an object with a destructor needs memory, without which the C library ends the
+// process.
+thread_local Document* document = nullptr;
 
 ParseFailure::Kind kindOf(const xmlError& error) {
     if (error.code == XML_ERR_NO_MEMORY) return ParseFailure::Kind::names;  // what a full dictionary is reported as
@@ -40,20 +42,20 @@ ParseFailure::Kind kindOf(const xmlError& error) {
 
 // Instead of libxml2's output. It goes on behind an error, but only the first one is about the document.
 void recordError(void*, xmlErrorPtr error) {
-    if (error == nullptr || error->level != XML_ERR_FATAL || document.failure.kind != ParseFailure::Kind::none) return;
-    document.failure = {kindOf(*error), "", error->line, error->int2};
+    if (error == nullptr || error->level != XML_ERR_FATAL || document->failure.kind != ParseFailure::Kind::none) return;
+    document->failure = {kindOf(*error), "", error->line, error->int2};
     try {
         std::string message = error->message == nullptr ? "" : error->message;
         while (!message.empty() && (message.back() == '\n' || message.back() == ' ')) message.pop_back();
-        document.failure.message = std::move(message);
+        document->failure.message = std::move(message);
     } catch (const std::bad_alloc&) {  // must not pass through libxml2
     }
 }
 
 void refuse(void* context, ParseFailure::Kind kind) {
     auto* const parser = static_cast<xmlParserCtxtPtr>(context);
-    if (document.failure.kind == ParseFailure::Kind::none) {
-        document.failure = {kind, "", xmlSAX2GetLineNumber(context), xmlSAX2GetColumnNumber(context)};
+    if (document->failure.kind == ParseFailure::Kind::none) {
+        document->failure = {kind, "", xmlSAX2GetLineNumber(context), xmlSAX2GetColumnNumber(context)};
     }
     parser->wellFormed = 0;  // xmlStopParser alone would return what was read so far
     xmlStopParser(parser);
@@ -74,8 +76,8 @@ void refuseAttributeList(void* context, const xmlChar*, const xmlChar*, int, int
 }
 
 bool fits(void* context, unsigned nodes) {
-    document.nodes += nodes;
-    if (document.nodes <= maximumNodes) return true;
+    document->nodes += nodes;
+    if (document->nodes <= maximumNodes) return true;
     refuse(context, ParseFailure::Kind::nodes);
     return false;
 }
@@ -84,9 +86,9 @@ bool fits(void* context, unsigned nodes) {
 template <typename Add>
 void build(void* context, Add add) {
     try {
-        add(*document.tree);
+        add(*document->tree);
     } catch (const std::bad_alloc&) {
-        document.outOfMemory = true;
+        document->outOfMemory = true;
         refuse(context, ParseFailure::Kind::nodes);
     }
 }
@@ -121,12 +123,12 @@ void startElement(void* context, const xmlChar* name, const xmlChar* prefix, con
     });
 }
 
-void endElement(void*, const xmlChar*, const xmlChar*, const xmlChar*) { document.tree->closeElement(); }
+void endElement(void*, const xmlChar*, const xmlChar*, const xmlChar*) { document->tree->closeElement(); }
 
 bool isInDeclarations(void* context) { return static_cast<xmlParserCtxtPtr>(context)->inSubset != 0; }
 
 void comment(void* context, const xmlChar*) {
-    if (fits(context, 1) && !isInDeclarations(context)) document.tree->addComment();
+    if (fits(context, 1) && !isInDeclarations(context)) document->tree->addComment();
 }
 
 void instruction(void* context, const xmlChar* target, const xmlChar*) {
@@ -141,19 +143,19 @@ void cdata(void* context, const xmlChar* content, int length) {
 
 // Of an entity that may be declared in another file, which is not read.
 void reference(void* context, const xmlChar* name) {
-    if (!document.tree->isInElement() || !fits(context, 1)) return;
+    if (!document->tree->isInElement() || !fits(context, 1)) return;
     build(context, [&](Tree& tree) { tree.addOther(text(name)); });
 }
 
 void characters(void*, const xmlChar* content, int length) {
-    document.tree->addText({text(content), static_cast<std::size_t>(length)});
+    document->tree->addText({text(content), static_cast<std::size_t>(length)});
 }
 
 // libxml2's external-entity loader, which also opens the document itself. It reads from a descriptor: given a name,
 // libxml2 would inflate gzip, xz and lzma files.
 xmlParserInputPtr loadOnlyTheDocument(const char* url, const char*, xmlParserCtxtPtr context) {
-    const bool isDocument = document.file != nullptr && document.file->get() >= 0 && url != nullptr &&
-                            context != nullptr && *document.path == url && context->sax != nullptr;
+    const bool isDocument = document != nullptr && document->file != nullptr && document->file->get() >= 0 &&
+                            url != nullptr && context != nullptr && *document->path == url && context->sax != nullptr;
     if (!isDocument) return nullptr;
     // Nothing has been parsed yet, so the handlers see the whole document.
     context->sax->entityDecl = refuseEntity;
@@ -170,11 +172,11 @@ xmlParserInputPtr loadOnlyTheDocument(const char* url, const char*, xmlParserCtx
     context->replaceEntities = 1;  // gives attribute values as they are, with "&" for "&amp;"
     xmlDictSetLimit(context->dict, maximumNameBytes);
     xmlDictReference(context->dict);
-    document.tree->begin(Tree::Names(context->dict, xmlDictFree));
+    document->tree->begin(Tree::Names(context->dict, xmlDictFree));
 
-    xmlParserInputBufferPtr buffer = xmlParserInputBufferCreateFd(document.file->get(), XML_CHAR_ENCODING_NONE);
+    xmlParserInputBufferPtr buffer = xmlParserInputBufferCreateFd(document->file->get(), XML_CHAR_ENCODING_NONE);
     if (buffer == nullptr) return nullptr;
-    static_cast<void>(document.file->release());  // closed with the buffer
+    static_cast<void>(document->file->release());  // closed with the buffer
     xmlParserInputPtr input = xmlNewIOInputStream(context, buffer, XML_CHAR_ENCODING_NONE);
     if (input == nullptr) xmlFreeParserInputBuffer(buffer);
     return input;
@@ -195,18 +197,19 @@ Library::~Library() {
     if (--instances == 0) xmlCleanupParser();
 }
 
-DocumentScope::DocumentScope(const std::string& path, common::Descriptor& file, Tree& tree) {
-    document = {&path, &file, &tree, 0, {}, false};
+DocumentScope::DocumentScope(const std::string& path, common::Descriptor& file, Tree& tree)
+    : document_(std::make_unique<Document>(Document{&path, &file, &tree, 0, {}, false})) {
+    document = document_.get();
     xmlSetStructuredErrorFunc(nullptr, recordError);
 }
 
 DocumentScope::~DocumentScope() {
     xmlSetStructuredErrorFunc(nullptr, nullptr);
-    document = {};
+    document = nullptr;
 }
 
-const ParseFailure& DocumentScope::failure() { return document.failure; }
+const ParseFailure& DocumentScope::failure() { return document->failure; }
 
-bool DocumentScope::outOfMemory() { return document.outOfMemory; }
+bool DocumentScope::outOfMemory() { return document->outOfMemory; }
 
 }  // namespace zav::xml

@@ -2,6 +2,7 @@
 #pragma once
 
 #include <cstddef>
+#include <memory>
 #include <string>
 
 #include "common/Descriptor.h"
@@ -44,6 +45,8 @@ constexpr unsigned maximumNodes = 1250000;  // elements, attributes, comments an
 constexpr int maximumAttributes = 64;
 constexpr std::size_t maximumNameBytes = 64U * 1024U;
 
+struct Document;
+
 /// While it exists, libxml2 may read only `file` on this thread, under the name `path`, builds `tree` instead of nodes
 /// of its own, and prints no errors. All three must outlive it; libxml2 takes the descriptor over when it opens the
 /// document. Parsing fails if the document declares
@@ -60,6 +63,9 @@ class DocumentScope {
     static const ParseFailure& failure();
     /// Whether it failed because there was no memory for the tree.
     static bool outOfMemory();
+
+ private:
+    const std::unique_ptr<Document> document_;
 };
 
 }  // namespace zav::xml
