@@ -61,7 +61,7 @@ class DocumentScope {
 
     /// Why parsing failed. For the thread that created the scope.
     static const ParseFailure& failure();
-    /// Whether it failed because there was no memory for the tree.
+    /// Whether it failed for lack of memory for the tree.
     static bool outOfMemory();
 
  private:

@@ -52,7 +52,7 @@ def running():
 
 
 def open_gate():
-    """Whoever waits goes on; nobody waits there any more."""
+    """Lets processes that wait there go on, and later ones pass."""
     try:
         gate = os.open(GATE, os.O_WRONLY | os.O_NONBLOCK)
     except OSError as error:
@@ -66,7 +66,7 @@ def open_gate():
 
 
 class Decryption(Stage):
-    """openssl has written half of the initial file, which is encrypted."""
+    """The moment at which openssl has written half of the encrypted initial file."""
 
     def reach(self, case):
         install(case)

@@ -61,7 +61,7 @@ class Measurement {
         group.total = std::min(group.total - std::min(before, group.total) + group.last, limit_ + 1);
     }
 
-    // The greatest number between the braces. Braces that are no repetition are counted as if they were.
+    // The greatest number between the braces. Braces that repeat nothing count the same way.
     std::size_t readCount() {
         std::size_t greatest = 0;
         std::size_t number = 0;

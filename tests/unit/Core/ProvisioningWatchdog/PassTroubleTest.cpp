@@ -216,7 +216,7 @@ TEST_F(PassTroubleTest, LastWaiterReturnsAlthoughTheFirstTookTheSignal) {
     EXPECT_TRUE(phone_.log.waitFor(waiting, 3));
     goOn.set_value();
     EXPECT_TRUE(phone_.log.waitFor(consumed, 3)) << "the thread's signal is missing";
-    worker_->stop();  // releases whoever still waits
+    worker_->stop();  // releases threads that still wait
     for (auto& waiter : waiters) waiter.join();
     end();
     onTrim() = nullptr;

@@ -30,7 +30,7 @@ std::string derOf(X509* certificate) {
     return der;
 }
 
-// Two threads look for the same subject in a store that has not parsed it: each must find it, whoever adds it.
+// Two threads look for the same subject in a store that has not parsed it: both must find it, though only one adds it.
 TEST(TrustedCertificates, ThreadsThatFirstNeedTheSameOneBothFindIt) {
     const Certificate certificate = parsed(fakes::TestAuthority().certificate());
     const std::string der = derOf(certificate.get());
