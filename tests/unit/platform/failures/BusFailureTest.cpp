@@ -15,6 +15,7 @@
 
 #include "FailingCalls.h"
 #include "System.h"
+#include "fakes/FewDescriptors.h"
 #include "ipc/IPCException.h"
 #include "ipc/IPCFactory.h"
 
@@ -23,7 +24,7 @@ namespace {
 using common::Descriptor;
 using failing::Call;
 using failing::Calls;
-using failing::FewDescriptors;
+using fakes::FewDescriptors;
 using Clock = std::chrono::steady_clock;
 
 std::string failure(const std::function<void()>& action) {

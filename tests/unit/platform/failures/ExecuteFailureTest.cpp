@@ -9,12 +9,13 @@
 #include "FailingCalls.h"
 #include "common/Descriptor.h"
 #include "common/Execute.h"
+#include "fakes/FewDescriptors.h"
 
 namespace {
 
 using failing::Call;
 using failing::Calls;
-using failing::FewDescriptors;
+using fakes::FewDescriptors;
 using std::chrono::seconds;
 
 // What the command ended with: "" for success, "not started: TEXT" or TEXT.
@@ -43,7 +44,7 @@ TEST(ExecuteFailureTest, FailsWithoutDescriptorsAndLeaksNone) {
     for (int round = 0; round < 2; ++round) {
         const OldKernel old;
         for (std::size_t left = 0; left < expected.size(); ++left) {
-            const FewDescriptors few(static_cast<int>(left));
+            const FewDescriptors few(left);
             EXPECT_EQ(outcome("true"), expected[left]) << left << " descriptors are left";
         }
     }

@@ -5,7 +5,6 @@
 #include <netdb.h>
 #include <poll.h>
 #include <pthread.h>
-#include <sys/resource.h>
 #include <sys/stat.h>
 #include <sys/statvfs.h>
 #include <sys/syscall.h>
@@ -70,24 +69,6 @@ Calls::~Calls() { orderFor(call_).left = 0; }
 int Calls::failed() const {
     const int left = orderFor(call_).left;
     return times_ - (left > 0 ? left : 0);
-}
-
-FewDescriptors::FewDescriptors(int left) {
-    rlimit limit{};
-    ::getrlimit(RLIMIT_NOFILE, &limit);
-    before_ = limit.rlim_cur;
-    limit.rlim_cur = 0;
-    for (int free = 0; free < left || ::fcntl(static_cast<int>(limit.rlim_cur), F_GETFD) >= 0; ++limit.rlim_cur) {
-        if (::fcntl(static_cast<int>(limit.rlim_cur), F_GETFD) < 0) ++free;
-    }
-    ::setrlimit(RLIMIT_NOFILE, &limit);
-}
-
-FewDescriptors::~FewDescriptors() {
-    rlimit limit{};
-    ::getrlimit(RLIMIT_NOFILE, &limit);
-    limit.rlim_cur = before_;
-    ::setrlimit(RLIMIT_NOFILE, &limit);
 }
 
 }  // namespace failing

@@ -44,16 +44,4 @@ constexpr bool sanitizerNeedsDescriptors = true;
 constexpr bool sanitizerNeedsDescriptors = false;
 #endif
 
-/// From construction to destruction the process can open only so many more descriptors.
-class FewDescriptors {
- public:
-    explicit FewDescriptors(int left);
-    FewDescriptors(const FewDescriptors&) = delete;
-    FewDescriptors& operator=(const FewDescriptors&) = delete;
-    ~FewDescriptors();
-
- private:
-    unsigned long before_;
-};
-
 }  // namespace failing

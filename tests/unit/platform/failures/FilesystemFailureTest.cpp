@@ -9,11 +9,12 @@
 #include "FailingCalls.h"
 #include "common/Filesystem.h"
 #include "common/TemporaryFolder.h"
+#include "fakes/FewDescriptors.h"
 
 namespace {
 
 namespace fs = std::filesystem;
-using failing::FewDescriptors;
+using fakes::FewDescriptors;
 
 class FilesystemFailureTest : public testing::Test {
  protected:
@@ -42,14 +43,14 @@ TEST_F(FilesystemFailureTest, WithoutDescriptorsNothingIsRemoved) {
                                             "Too many open files: /a/b", ""};
     for (std::size_t left = 0; left < expected.size(); ++left) {
         EXPECT_TRUE(fs::exists(folder.path() + "/a/b/file"));
-        const FewDescriptors few(static_cast<int>(left));
+        const FewDescriptors few(left);
         EXPECT_EQ(removal(), expected[left]) << left << " descriptors are left";
     }
     EXPECT_TRUE(fs::is_empty(folder.path()));
 }
 
 TEST_F(FilesystemFailureTest, WithoutDescriptorsFoldersAreLeftOutOfAListing) {
-    for (const int left : {0, 1, 2, 3}) {
+    for (const rlim_t left : {0U, 1U, 2U, 3U}) {
         const FewDescriptors few(left);
         EXPECT_TRUE(filesystem::entriesOf(folder.path(), true).empty()) << left << " descriptors are left";
     }

@@ -13,8 +13,8 @@
 #include <optional>
 #include <thread>
 
-#include "FewDescriptors.h"
 #include "Program.h"
+#include "Sanitized.h"
 #include "TemporaryFolder.h"
 #include "common/Descriptor.h"
 #include "fakes/Broker.h"

@@ -12,10 +12,11 @@
 #include <iterator>
 #include <thread>
 
-#include "FewDescriptors.h"
+#include "Sanitized.h"
 #include "SmallDisk.h"
 #include "TemporaryFolder.h"
 #include "common/Descriptor.h"
+#include "fakes/FewDescriptors.h"
 #include "fakes/LogCapture.h"
 #include "store/Store.h"
 
@@ -92,7 +93,7 @@ TEST(StoreWithoutDescriptors, IsRefusedAndKeepsItsValues) {
     for (rlim_t count = 0; !opened; ++count) {
         ASSERT_LT(count, 20U);
         try {
-            const FewDescriptors few(count);
+            const fakes::FewDescriptors few(count);
             Store store(path);
             store.write({{"c", "3"}});
             opened = true;
@@ -116,7 +117,7 @@ TEST(StoreWithoutDescriptors, KeepsAnsweredValuesIfABackupFails) {
     Store store(folder / "s.db", 0ms);
     store.write({{"a", "1"}});
     {
-        const FewDescriptors none(0);
+        const fakes::FewDescriptors none(0);
         store.write({{"a", "2"}});
     }
     ASSERT_EQ(log.lines().size(), 1U) << log.text();

@@ -9,8 +9,9 @@
 #include <optional>
 #include <string>
 
-#include "FewDescriptors.h"
+#include "Sanitized.h"
 #include "TemporaryFolder.h"
+#include "fakes/FewDescriptors.h"
 #include "fakes/LogCapture.h"
 
 namespace {
@@ -195,7 +196,7 @@ TEST_F(SystemdNotifierTest, MissingDescriptorIsLoggedOnce) {
     if (sanitized) GTEST_SKIP() << "the sanitizer needs what is missing here";
     const fakes::LogCapture log;
     set("NOTIFY_SOCKET", path);
-    std::optional<FewDescriptors> none(0);
+    std::optional<fakes::FewDescriptors> none(0);
     SystemdNotifier notifier;
     none.reset();
     notifier.ready();
