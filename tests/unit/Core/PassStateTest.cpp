@@ -6,6 +6,11 @@
 
 namespace {
 
+// Read before any test of this program sets it.
+const int httpCodeAtStart = zav::lastHttpCode;
+
+TEST(PassStateTest, BeforeTheFirstDownloadTheHttpCodeIs0) { EXPECT_EQ(httpCodeAtStart, 0); }
+
 TEST(PassStateTest, ThreadWithoutAPassHasNoCurrentOne) {
     EXPECT_EQ(zav::Pass::ofThisThread(), nullptr);
     try {
