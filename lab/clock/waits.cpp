@@ -6,12 +6,14 @@
 #include <pthread.h>
 #include <sys/epoll.h>
 #include <sys/select.h>
+#include <sys/timerfd.h>
 #include <unistd.h>
 #include <algorithm>
 #include <array>
 #include <atomic>
 #include <cerrno>
 #include <csignal>
+#include <cstddef>
 
 #define EXPORT extern "C" __attribute__((visibility("default")))
 
@@ -24,6 +26,8 @@ using lab::Real;
 using lab::realFunction;
 using lab::slice;
 using lab::toTimespec;
+
+constexpr std::int64_t Endless = INT64_MAX / 4;
 
 template <typename Function>
 Function real(const char* name, const char* version = nullptr) {
@@ -118,7 +122,49 @@ int pselectAny(int count, fd_set* read, fd_set* write, fd_set* except, const tim
     });
 }
 
+// When each timer that runs ends on the phone's clock, by descriptor; 0 if it does not run.
+std::array<std::atomic<std::int64_t>, 1024> timerEnds{};
+std::atomic<std::size_t> timerCount{0};  // of the elements that are in use
+
+int setRealTimer(int timer, const itimerspec& time, itimerspec* before) {
+    using SetTime = int (*)(int, int, const itimerspec*, itimerspec*);
+    static const SetTime realSetTime = real<SetTime>("timerfd_settime");
+    return realSetTime(timer, 0, &time, before);
+}
+
+// Lets the timers fire whose time has come on the phone's clock. Returns when the next one ends.
+std::int64_t fireTimers() {
+    const std::int64_t now = phoneNow(CLOCK_MONOTONIC);
+    std::int64_t next = Endless;
+    for (std::size_t timer = 0; timer < timerCount; ++timer) {
+        std::int64_t end = timerEnds[timer];
+        if (end == 0) continue;
+        if (end > now)
+            next = std::min(next, end);
+        else if (timerEnds[timer].compare_exchange_strong(end, 0))
+            setRealTimer(static_cast<int>(timer), {{0, 0}, {0, 1}}, nullptr);
+    }
+    return next;
+}
+
 }  // namespace
+
+EXPORT int timerfd_settime(int timer, int flags, const itimerspec* time, itimerspec* before) noexcept {
+    const auto index = static_cast<std::size_t>(timer);
+    const bool repeats = time->it_interval.tv_sec != 0 || time->it_interval.tv_nsec != 0;
+    if (flags != 0 || repeats || index >= timerEnds.size()) {
+        errno = ENOTSUP;  // the daemon needs no other timers
+        return -1;
+    }
+    const int result = setRealTimer(timer, {}, before);
+    if (result != 0) return result;
+    const std::int64_t left = fromTimespec(time->it_value);
+    timerEnds[index] = left == 0 ? 0 : phoneNow(CLOCK_MONOTONIC) + left;
+    std::size_t count = timerCount;
+    while (count <= index && !timerCount.compare_exchange_weak(count, index + 1)) {
+    }
+    return 0;
+}
 
 EXPORT int pthread_cond_signal(pthread_cond_t* condition) noexcept {
     using Signal = int (*)(pthread_cond_t*);
@@ -202,8 +248,9 @@ EXPORT int select(int count, fd_set* __restrict read, fd_set* __restrict write, 
 EXPORT int epoll_pwait(int epoll, epoll_event* events, int most, int milliseconds, const sigset_t* mask) {
     using EpollPwait = int (*)(int, epoll_event*, int, int, const sigset_t*);
     static const EpollPwait realWait = real<EpollPwait>("epoll_pwait");
-    if (milliseconds < 0) return realWait(epoll, events, most, milliseconds, mask);
-    return waitSliced(milliseconds * Millisecond, [&](std::int64_t length) {
+    const std::int64_t duration = milliseconds < 0 ? Endless : milliseconds * Millisecond;
+    return waitSliced(duration, [&](std::int64_t length) {
+        length = std::min(length, slice(CLOCK_MONOTONIC, fireTimers()));
         const auto rounded = static_cast<int>((length + Millisecond - 1) / Millisecond);
         return realWait(epoll, events, most, rounded, mask);
     });

@@ -81,9 +81,17 @@ void StubbornBroker::send(const std::string& topic, const std::string& payload, 
     eventfd_write(wakeup_, 1);
 }
 
-void StubbornBroker::sendAroundPingResponse(const std::string& firstTopic, const std::string& secondTopic) {
+void StubbornBroker::sendAroundPingResponse(const std::string& firstTopic, const std::string& secondTopic, int times) {
     const auto message = [](const std::string& topic) { return packet(publish << 4, text(topic) + '\0'); };
-    message_ = message(firstTopic) + packet(pingresp << 4, "") + message(secondTopic);
+    message_ = message(firstTopic) + packet(pingresp << 4, "");
+    for (int count = 0; count < times; ++count) message_ += message(secondTopic);
+    toSend_ = 1;
+    eventfd_write(wakeup_, 1);
+}
+
+void StubbornBroker::sendAndEnd(const std::string& topic) {
+    endsAfterMessage_ = true;
+    message_ = packet(publish << 4, text(topic) + '\0');
     toSend_ = 1;
     eventfd_write(wakeup_, 1);
 }
@@ -134,6 +142,11 @@ bool StubbornBroker::talk(int client) {
     if (subscribed_ && output_.empty() && toSend_ > 0) {
         output_ = message_;
         --toSend_;
+        if (endsAfterMessage_.exchange(false)) {
+            // The system keeps back what more is announced for; closing the socket sends it with the end.
+            ::send(client, output_.data(), output_.size(), MSG_NOSIGNAL | MSG_MORE);
+            return false;
+        }
     }
     pollfd waiting[2] = {{client, static_cast<short>(POLLIN | (output_.empty() ? 0 : POLLOUT)), 0},
                          {wakeup_, POLLIN, 0}};

@@ -26,9 +26,12 @@ class StubbornBroker {
     /// Once the client has subscribed, sends it `times` messages with QoS 0.
     void send(const std::string& topic, const std::string& payload, std::size_t times,
               const std::string& correlationData = "");
-    /// Once the client has subscribed, sends it two empty messages with QoS 0 and a ping response between them, all in
-    /// one TCP segment.
-    void sendAroundPingResponse(const std::string& firstTopic, const std::string& secondTopic);
+    /// Once the client has subscribed, sends it an empty message with QoS 0, a ping response and `times` such messages
+    /// on the second topic, all in one TCP segment.
+    void sendAroundPingResponse(const std::string& firstTopic, const std::string& secondTopic, int times);
+    /// Once the client has subscribed, sends it an empty message with QoS 0 and ends the connection in the same TCP
+    /// segment; the next one is accepted.
+    void sendAndEnd(const std::string& topic);
     /// Whether the client has received everything sent.
     bool isTaken() const { return toSend_ == 0; }
 
@@ -82,6 +85,7 @@ class StubbornBroker {
     std::atomic<bool> givesIn_{false};
     std::atomic<bool> hangsUp_{false};
     std::atomic<bool> takesOver_{false};
+    std::atomic<bool> endsAfterMessage_{false};
     std::atomic<bool> holdsSubscriptions_{false};
     std::atomic<bool> stopping_{false};
     mutable std::mutex mutex_;

@@ -5,6 +5,7 @@
 #include <poll.h>
 #include <sys/epoll.h>
 #include <sys/select.h>
+#include <sys/timerfd.h>
 #include <unistd.h>
 #include <chrono>
 #include <condition_variable>
@@ -60,6 +61,18 @@ const char* epollFor(seconds time) {
     return epoll_wait(epoll, &event, 1, static_cast<int>(time.count()) * 1000) == 0 ? "timeout" : "failed";
 }
 
+const char* timerFor(seconds time) {
+    const int timer = timerfd_create(CLOCK_MONOTONIC, TFD_CLOEXEC);
+    const int epoll = epoll_create1(EPOLL_CLOEXEC);
+    epoll_event event{};
+    event.events = EPOLLIN;
+    itimerspec setting{};
+    setting.it_value.tv_sec = time.count();
+    if (epoll_ctl(epoll, EPOLL_CTL_ADD, timer, &event) != 0) return "failed";
+    if (timerfd_settime(timer, 0, &setting, nullptr) != 0) return "failed";
+    return epoll_wait(epoll, &event, 1, -1) == 1 ? "timeout" : "failed";
+}
+
 int takeTurns(int count) {
     int turn = 0;
     int idleWakes = 0;
@@ -104,9 +117,9 @@ int main(int count, char** words) {
         std::cout << takeTurns(number) << std::endl;
         return 0;
     }
-    const std::map<std::string, const char* (*)(seconds)> ways{{"wait_for", waitFor}, {"wait_until", waitUntilDate},
-                                                               {"sleep", sleepFor},   {"poll", pollFor},
-                                                               {"select", selectFor}, {"epoll", epollFor}};
+    const std::map<std::string, const char* (*)(seconds)> ways{
+        {"wait_for", waitFor}, {"wait_until", waitUntilDate}, {"sleep", sleepFor}, {"poll", pollFor},
+        {"select", selectFor}, {"epoll", epollFor},           {"timer", timerFor}};
     const steady_clock::time_point before = steady_clock::now();
     std::cout << "begin" << std::endl;
     const char* const end = ways.at(way)(seconds(number));

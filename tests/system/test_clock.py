@@ -10,7 +10,7 @@ import unittest
 import phone
 
 BUILD = os.environ["LAB_BUILD"]
-WAYS = ("wait_for", "wait_until", "sleep", "poll", "select", "epoll")
+WAYS = ("wait_for", "wait_until", "sleep", "poll", "select", "epoll", "timer")
 
 
 class ClockTest(unittest.TestCase):

@@ -157,25 +157,24 @@ bool Connection::serve(Clock::time_point until, const std::function<Awaited()>& 
         }
         if (events != 0) mayLeaveInput = true;
         if (events != 0 && isUsable()) {
-            still = serveRound(events, awaited);
-            mayLeaveInput = !link_->hasReadAll();
+            still = serveRound(events, awaited, mayLeaveInput);
         } else {
             still = awaited();
         }
     }
     isServedByCaller_ = false;
-    // The event of what is left reached this thread only, so the network thread would not hear of it.
-    if (mayLeaveInput && link_ && link_->hasUnreadInput()) {
+    // Only this thread was told of what is left. The end of the connection counts as input.
+    if (mayLeaveInput && callerWait_.ready() != 0) {
         inputLeft_ = true;
         waker_.wake();
     }
     return true;
 }
 
-/// Reads once; returns what is still awaited.
-Awaited Connection::serveRound(short events, const std::function<Awaited()>& awaited) {
+/// Reads one round; returns what is still awaited.
+Awaited Connection::serveRound(short events, const std::function<Awaited()>& awaited, bool& mayLeaveInput) {
     link_->beginRound();
-    serveLink(events);
+    mayLeaveInput = !serveLink(callerWait_, events);
     const Awaited still = awaited();
     // The acknowledgement of the last packet may wait for the next request to carry it.
     const bool expectsNothing = still == Awaited::nothing && outbox_.isEmpty() && subscriptions_.isSettled();

@@ -140,8 +140,9 @@ class Connection : private LinkListener {
     bool shouldContinue() REQUIRES(mutex_);
     bool shouldKeepFlushing(Clock::time_point now) REQUIRES(mutex_);
     short waitForEvents() REQUIRES(mutex_);
-    void serveLink(short events) REQUIRES(mutex_);
-    Awaited serveRound(short events, const std::function<Awaited()>& awaited) REQUIRES(mutex_);
+    bool serveLink(const SocketWait& wait, short events) REQUIRES(mutex_);
+    void servePacket(short events) REQUIRES(mutex_);
+    Awaited serveRound(short events, const std::function<Awaited()>& awaited, bool& mayLeaveInput) REQUIRES(mutex_);
     void beginSubscribing() REQUIRES(mutex_);
     void becomeReady() REQUIRES(mutex_);
     BackOff::Loss afterLoss(const std::string& numericAddress) REQUIRES(mutex_);

@@ -19,6 +19,7 @@ using std::chrono::milliseconds;
 constexpr std::uint32_t sessionSeconds = 3600;
 // A broker that exits closes its connections shortly before or after it stops listening.
 constexpr milliseconds brokerExitTime{50};
+constexpr int packetsPerRound = 256;
 constexpr int firstRefusal = 128;  // MQTT reason codes from here on are errors
 
 }  // namespace
@@ -127,7 +128,7 @@ void Connection::pump() {
         link_->beginRound();
         // Each acknowledgement read lets libmosquitto send another queued message.
         if (outbox_.size() > 1) link_->cork();
-        serveLink(events);
+        (void)serveLink(networkWait_, events);
         link_->keepAlive();
         {
             const common::UnlockGuard unlocked(mutex_);
@@ -161,17 +162,31 @@ short Connection::waitForEvents() {
     auto until = link_->keepAliveAt();
     if (state_ == State::connecting || state_ == State::subscribing) until = std::min(until, readyDeadline_);
     if (isClosing()) until = std::min(until, closeDeadline_);
+    // Only the thread in `serve` was told of the input that it has left.
+    if (std::exchange(inputLeft_, false)) networkWait_.unwatch();
     const bool isWatched = networkWait_.watch(link_->descriptor(), link_->eventsToAwait(isClosing()));
     short events = 0;
     {
         const common::UnlockGuard unlocked(mutex_);
         events = isWatched ? networkWait_.wait(until) : networkWait_.poll(until);
     }
-    if (std::exchange(inputLeft_, false)) events = static_cast<short>(events | POLLIN);
     return events;
 }
 
-void Connection::serveLink(short events) {
+/// Writes and reads, on the thread that waits on `wait`. What has arrived together is read in one round, as the
+/// listener handles it together. Returns whether all input was read.
+bool Connection::serveLink(const SocketWait& wait, short events) {
+    constexpr short input = POLLIN | POLLERR | POLLHUP;
+    auto left = static_cast<short>(events & input);
+    servePacket(events);
+    for (int packets = 1; left != 0 && packets < packetsPerRound && link_->mayRead(); ++packets) {
+        left = static_cast<short>(wait.ready() & input);
+        if (left != 0) servePacket(left);
+    }
+    return left == 0;
+}
+
+void Connection::servePacket(short events) {
     const bool goesOn = link_->serve(events);
     if (!link_->hasPendingWrites()) outbox_.noteAllSent();
     if (!goesOn) return;

@@ -4,7 +4,6 @@
 #include <netinet/in.h>
 #include <netinet/tcp.h>
 #include <poll.h>
-#include <sys/ioctl.h>
 #include <sys/socket.h>
 
 #include <algorithm>
@@ -23,7 +22,6 @@ constexpr std::uint16_t keepAliveSeconds = 60;
 // libmosquitto counts in whole seconds, the system in its ticks. The broker waits for one and a half intervals.
 constexpr milliseconds keepAliveMargin{100};
 constexpr std::chrono::hours keepAliveOff{18};
-constexpr std::size_t packetsPerRound = 256;
 constexpr unsigned char connackByte = 0x20;
 
 /// Sends a delayed TCP acknowledgement now; repeat it after each read. A broker with Nagle's algorithm on holds its
@@ -55,11 +53,6 @@ std::optional<Silence> silenceOf(int socket) {
     constexpr std::size_t needed = offsetof(tcp_info, tcpi_last_data_recv) + sizeof info.tcpi_last_data_recv;
     if (getsockopt(socket, IPPROTO_TCP, TCP_INFO, &info, &size) != 0 || size < needed) return std::nullopt;
     return Silence{milliseconds(info.tcpi_last_data_sent), milliseconds(info.tcpi_last_data_recv)};
-}
-
-bool hasInput(int socket) {
-    int bytes = 0;
-    return ioctl(socket, FIONREAD, &bytes) == 0 && bytes > 0;
 }
 
 }  // namespace
@@ -97,8 +90,6 @@ std::string Link::failure() const {
     if (!failure_.empty() || descriptor() >= 0) return failure_;
     return stage_ == Stage::accepted ? lossText(MOSQ_ERR_CONN_LOST, 0) : handshakeFailureText(MOSQ_ERR_CONN_LOST, 0);
 }
-
-bool Link::hasUnreadInput() const { return !isOver() && !readingPaused_ && hasInput(descriptor()); }
 
 void Link::fail(const std::string& cause) {
     if (failure_.empty()) failure_ = cause;
@@ -156,13 +147,12 @@ void Link::beginRound() { wrote_ = false; }
 
 bool Link::serve(short events) {
     mosquitto* const handle = handle_.get();
-    hasReadAll_ = false;
     if (!startsWithConnack()) return false;
     int result = MOSQ_ERR_SUCCESS;
     // On a closed socket a write would fail before the broker's DISCONNECT, which has the reason, is read.
     const bool closed = (events & (POLLERR | POLLHUP)) != 0;
     if ((events & POLLOUT) != 0 && !closed) result = mosquitto_loop_write(handle, 1);
-    if (result == MOSQ_ERR_SUCCESS && (events & (POLLIN | POLLERR | POLLHUP)) != 0) result = readPackets();
+    if (result == MOSQ_ERR_SUCCESS && (events & (POLLIN | POLLERR | POLLHUP)) != 0) result = readPacket();
     return result == MOSQ_ERR_SUCCESS && descriptor() >= 0;
 }
 
@@ -177,18 +167,9 @@ bool Link::startsWithConnack() {
     return false;
 }
 
-/// Reads up to one round of packets: a single libmosquitto call reads only one.
-int Link::readPackets() {
-    const std::size_t enough = arrivals_ + packetsPerRound;
-    int result = MOSQ_ERR_SUCCESS;
-    bool goesOn = true;
+int Link::readPacket() {
     reading_ = true;
-    while (goesOn && !hasReadAll_) {
-        const std::size_t before = arrivals_;
-        result = mosquitto_loop_read(handle_.get(), 1);
-        goesOn = result == MOSQ_ERR_SUCCESS && !readingPaused_ && arrivals_ > before && arrivals_ < enough;
-        hasReadAll_ = goesOn && !hasInput(descriptor());
-    }
+    const int result = mosquitto_loop_read(handle_.get(), 1);
     reading_ = false;
     return result;
 }
@@ -276,7 +257,6 @@ void Link::onPublish(mosquitto*, void* self, int identifier, int reason, const m
     auto& link = *static_cast<Link*>(self);
     // Also called when a message with quality of service 0 has been written.
     if (!link.reading_) return;
-    ++link.arrivals_;
     link.guarded([&] { link.listener_.acknowledged(identifier, reason); });
 }
 
@@ -296,7 +276,6 @@ void Link::onMessage(mosquitto*, void* self, const mosquitto_message* message, c
     }
     incoming.qualityOfService = message->qos;
     incoming.properties = properties;
-    ++link.arrivals_;
     link.guarded([&] {
         if (!link.listener_.arrived(incoming)) link.readingPaused_ = true;
     });

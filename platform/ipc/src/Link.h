@@ -77,7 +77,7 @@ class Link {
     std::size_t receiveMaximum() const { return receiveMaximum_; }
     bool hasPendingWrites() const { return mosquitto_want_write(handle_.get()); }
     /// False while reading is paused.
-    bool hasUnreadInput() const;
+    bool mayRead() const { return !isOver() && !readingPaused_; }
 
     // ---- the loop of the network thread: wait for the descriptor, then one round ----
 
@@ -87,12 +87,10 @@ class Link {
     Clock::time_point keepAliveAt() const { return keepAliveAt_; }
 
     void beginRound();
-    /// Writes and reads; returns whether the link is still up.
+    /// Writes, and reads at most one packet; returns whether the link is still up.
     bool serve(short events);
     /// Sends a ping if one is due, and ends the link if the last one was not answered. Due again at `keepAliveAt`.
     void keepAlive();
-    /// Whether the last `serve` has read everything; if not, there may be more.
-    bool hasReadAll() const { return hasReadAll_; }
     /// Data written from here to the end of the round is sent in as few TCP segments as possible.
     void cork();
     /// Acknowledges what was read if `events` has POLLIN.
@@ -103,7 +101,7 @@ class Link {
 
  private:
     bool startsWithConnack();
-    int readPackets();
+    int readPacket();
     void noteWrite();
 
     /// Runs a callback. An exception must not reach libmosquitto, which is C: without memory the connection is lost.
@@ -134,9 +132,7 @@ class Link {
     bool corked_ = false;
     bool wrote_ = false;
     bool reading_ = false;
-    bool hasReadAll_ = false;
     bool readingPaused_ = false;
-    std::size_t arrivals_ = 0;  // messages and acknowledgements so far
 };
 
 }  // namespace ipc

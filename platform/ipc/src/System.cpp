@@ -6,6 +6,7 @@
 #include <sys/epoll.h>
 #include <sys/eventfd.h>
 #include <sys/socket.h>
+#include <sys/timerfd.h>
 #include <unistd.h>
 
 #include <algorithm>
@@ -69,11 +70,18 @@ void Waker::drain() const {
     [[maybe_unused]] const ssize_t size = ::read(event_.get(), &count, sizeof count);
 }
 
-SocketWait::SocketWait(const Waker& waker) : waker_(waker), epoll_(epoll_create1(EPOLL_CLOEXEC)) {
-    epoll_event event{};
-    event.events = EPOLLIN;
-    event.data.fd = waker_.descriptor();
-    if (epoll_.get() < 0 || epoll_ctl(epoll_.get(), EPOLL_CTL_ADD, waker_.descriptor(), &event) != 0) {
+SocketWait::SocketWait(const Waker& waker)
+    : waker_(waker),
+      epoll_(epoll_create1(EPOLL_CLOEXEC)),
+      timer_(timerfd_create(CLOCK_MONOTONIC, TFD_NONBLOCK | TFD_CLOEXEC)) {
+    const auto watches = [this](int descriptor) {
+        epoll_event event{};
+        event.events = EPOLLIN;
+        event.data.fd = descriptor;
+        return epoll_ctl(epoll_.get(), EPOLL_CTL_ADD, descriptor, &event) == 0;
+    };
+    // In this order, so that errno is that of the first failure.
+    if (epoll_.get() < 0 || timer_.get() < 0 || !watches(waker_.descriptor()) || !watches(timer_.get())) {
         throw IPCException("Cannot create an event descriptor: " + common::reasonOf(errno));
     }
 }
@@ -81,7 +89,7 @@ SocketWait::SocketWait(const Waker& waker) : waker_(waker), epoll_(epoll_create1
 bool SocketWait::watch(int socket, short events) {
     if (isWatched_ && socket == socket_ && events == events_) return true;
     // EPOLL_CTL_MOD is not allowed with EPOLLEXCLUSIVE.
-    if (isWatched_ && socket == socket_) epoll_ctl(epoll_.get(), EPOLL_CTL_DEL, socket, nullptr);
+    if (socket == socket_) unwatch();
     socket_ = socket;
     events_ = events;
     epoll_event event{};
@@ -91,16 +99,52 @@ bool SocketWait::watch(int socket, short events) {
     return isWatched_;
 }
 
-short SocketWait::wait(std::chrono::steady_clock::time_point until) const {
-    epoll_event ready[2] = {};
-    const int count = epoll_wait(epoll_.get(), ready, 2, millisecondsUntil(until));
+void SocketWait::unwatch() {
+    if (isWatched_) epoll_ctl(epoll_.get(), EPOLL_CTL_DEL, socket_, nullptr);
+    isWatched_ = false;
+}
+
+short SocketWait::wait(std::chrono::steady_clock::time_point until) {
+    // A time-out of epoll_wait would be set and cancelled with each wait, which takes as long as two reads. As most
+    // waits end early, the timer is left running for the next one; if it fires too soon, the caller waits again.
+    if (!timerEnd_ || until < *timerEnd_) setTimer(until);
+    epoll_event happened[3] = {};
+    const int count = epoll_wait(epoll_.get(), happened, 3, -1);
     short events = 0;
     for (int index = 0; index < count; ++index) {
-        if (ready[index].data.fd == waker_.descriptor()) {
+        if (happened[index].data.fd == waker_.descriptor()) {
             waker_.drain();
+        } else if (happened[index].data.fd == timer_.get()) {
+            timerEnd_.reset();
         } else {
-            events = static_cast<short>(ready[index].events);
+            events = static_cast<short>(happened[index].events);
         }
+    }
+    return events;
+}
+
+/// Setting the timer also makes it unreadable.
+void SocketWait::setTimer(std::chrono::steady_clock::time_point until) {
+    using std::chrono::nanoseconds;
+    using std::chrono::seconds;
+    // A time of 0 would stop the timer.
+    const auto left = std::max<nanoseconds>(until - std::chrono::steady_clock::now(), nanoseconds(1));
+    const auto whole = std::chrono::duration_cast<seconds>(left);
+    itimerspec time{};
+    time.it_value.tv_sec = whole.count();
+    time.it_value.tv_nsec = static_cast<long>((left - whole).count());
+    timerfd_settime(timer_.get(), 0, &time, nullptr);
+    timerEnd_ = until;
+}
+
+short SocketWait::ready() const {
+    epoll_event present[3] = {};
+    const int count = epoll_wait(epoll_.get(), present, 3, 0);
+    short events = 0;
+    for (int index = 0; index < count; ++index) {
+        const int descriptor = present[index].data.fd;
+        const bool isSocket = descriptor != waker_.descriptor() && descriptor != timer_.get();
+        if (isSocket) events = static_cast<short>(present[index].events);
     }
     return events;
 }

@@ -33,7 +33,7 @@ class Waker {
 };
 
 /// Waits for a socket or a Waker. Several objects can watch one socket: an event wakes only the first of them, in the
-/// order of `watch`, on which a thread waits. One thread at a time may wait.
+/// order of `watch`, on which a thread waits. Only that one is told of it. One thread at a time may wait.
 class SocketWait {
  public:
     /// Throws IPCException if the system has no free descriptor.
@@ -44,15 +44,23 @@ class SocketWait {
     [[nodiscard]] bool watch(int socket, short events);
     /// The socket was closed; another one may have its number.
     void closed() { isWatched_ = false; }
-    /// Returns the socket's events; 0 once it is time, or after a `wake`, which it drains. The set may change
-    /// meanwhile.
-    short wait(std::chrono::steady_clock::time_point until) const;
+    /// The next `watch` begins anew, so that this object is told of all present events.
+    void unwatch();
+    /// Returns the socket's events; 0 once it is time, or after a `wake`, which it drains, and now and then for no
+    /// reason. What is watched may change meanwhile.
+    short wait(std::chrono::steady_clock::time_point until);
+    /// Returns the events of which this object was told and which the socket still has, without waiting.
+    short ready() const;
     /// As `wait`, for after a `watch` that failed, on the thread that called it. It shares no events.
     short poll(std::chrono::steady_clock::time_point until) const;
 
  private:
+    void setTimer(std::chrono::steady_clock::time_point until);
+
     const Waker& waker_;
     const common::Descriptor epoll_;
+    const common::Descriptor timer_;
+    std::optional<std::chrono::steady_clock::time_point> timerEnd_;  // of the thread that waits
     int socket_ = -1;
     short events_ = 0;
     bool isWatched_ = false;

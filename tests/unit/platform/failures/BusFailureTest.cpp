@@ -61,6 +61,10 @@ TEST(BusWithoutDescriptors, SaysWhatItCannotCreate) {
     if (failing::sanitizerNeedsDescriptors) GTEST_SKIP() << "the sanitizer needs descriptors";
     const std::string expected = "Cannot create an event descriptor: Too many open files";
     const ipc::Waker waker;
+    {
+        const FewDescriptors one(1);
+        EXPECT_EQ(failure([&] { const ipc::SocketWait wait(waker); }), expected) << "without its timer";
+    }
     const FewDescriptors none(0);
     EXPECT_EQ(failure([] { const ipc::Waker another; }), expected);
     EXPECT_EQ(failure([&] { const ipc::SocketWait wait(waker); }), expected);

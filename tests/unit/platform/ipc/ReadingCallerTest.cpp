@@ -1,15 +1,11 @@
 // A thread that reads from the connection while it waits, beside the network thread.
-#include <fcntl.h>
 #include <gtest/gtest.h>
-#include <poll.h>
 
 #include <chrono>
 #include <string>
 
 #include "BusFixtures.h"
 #include "Connection.h"
-#include "System.h"
-#include "common/Descriptor.h"
 #include "common/ThreadSafety.h"
 #include "fakes/StubbornBroker.h"
 
@@ -22,7 +18,11 @@ using Clock = std::chrono::steady_clock;
 class Arrivals : public ipc::ConnectionListener {
  public:
     void connectionReady() override {}
-    void connectionLost(const std::string&) override {}
+    void connectionLost(const std::string&) override {
+        const common::LockGuard lock(mutex_);
+        ++losses_;
+        changed_.notifyAll();
+    }
     void messageAcknowledged(const std::string&) override {}
     bool messageArrived(const ipc::Incoming& message) override {
         const common::LockGuard lock(mutex_);
@@ -43,6 +43,11 @@ class Arrivals : public ipc::ConnectionListener {
         const auto until = Clock::now() + patience;
         return changed_.waitUntil(mutex_, until, [&]() REQUIRES(mutex_) { return others_ >= count; });
     }
+    bool waitForLosses(int count) {
+        const common::LockGuard lock(mutex_);
+        const auto until = Clock::now() + patience;
+        return changed_.waitUntil(mutex_, until, [&]() REQUIRES(mutex_) { return losses_ >= count; });
+    }
 
  private:
     ipc::Connection* connection_ = nullptr;
@@ -51,9 +56,13 @@ class Arrivals : public ipc::ConnectionListener {
     common::ConditionVariable changed_;
     int responses_ GUARDED_BY(mutex_) = 0;
     int others_ GUARDED_BY(mutex_) = 0;
+    int losses_ GUARDED_BY(mutex_) = 0;
 };
 
-TEST(ReadingConnection, LeavesUnreadInputToTheNetworkThread) {
+/// Messages that arrive with a response: few that are read in one round, or more.
+class ReadingTogether : public testing::TestWithParam<int> {};
+
+TEST_P(ReadingTogether, LeavesNothingInTheSocket) {
     fakes::StubbornBroker broker;
     Arrivals arrivals;
     ipc::Connection connection({"reader", "reader", false, "", false}, arrivals);
@@ -65,7 +74,7 @@ TEST(ReadingConnection, LeavesUnreadInputToTheNetworkThread) {
         bool sent = false;
         // Sent only now, so that the message finds this thread waiting: it alone hears of it.
         const auto awaited = [&] {
-            if (!sent) broker.sendAroundPingResponse("response", "other");
+            if (!sent) broker.sendAroundPingResponse("response", "other", GetParam());
             sent = true;
             return arrivals.responses() >= count ? Awaited::nothing : Awaited::response;
         };
@@ -73,21 +82,34 @@ TEST(ReadingConnection, LeavesUnreadInputToTheNetworkThread) {
             const bool reads = connection.serve(Clock::now() + patience, awaited);
             ASSERT_TRUE(reads || arrivals.responses() >= count);
         }
-        ASSERT_TRUE(arrivals.waitForOthers(count)) << "message " << count << " is left in the socket";
+        ASSERT_TRUE(arrivals.waitForOthers(count * GetParam())) << "after response " << count;
     }
     connection.close();
 }
 
-TEST(SocketWait, PollsWhatCannotBeWatched) {
-    const ipc::Waker waker;
-    ipc::SocketWait wait(waker);
-    // The system refuses to watch a file, as it would refuse a socket without memory; poll calls it ready.
-    const common::Descriptor file(::open("/proc/self/exe", O_RDONLY | O_CLOEXEC));
-    EXPECT_FALSE(wait.watch(file.get(), POLLIN));
-    EXPECT_EQ(wait.poll(Clock::now() + patience), POLLIN);
-    EXPECT_FALSE(wait.watch(file.get(), POLLIN)) << "not tried again";
-    waker.wake();
-    EXPECT_EQ(wait.wait(Clock::now() + patience), 0);
+INSTANTIATE_TEST_SUITE_P(Response, ReadingTogether, testing::Values(1, 300));
+
+TEST(ReadingConnection, NoticesTheEndThatArrivesWithAResponse) {
+    fakes::StubbornBroker broker;
+    Arrivals arrivals;
+    ipc::Connection connection({"reader", "reader", false, "", false}, arrivals);
+    arrivals.interrupt(connection);
+    connection.subscribe("#", 0, 0);
+    connection.open(broker.address(), false);
+    connection.waitUntilReady();
+    bool sent = false;
+    // Sent only now, so that the segment finds this thread waiting.
+    const auto awaited = [&] {
+        if (!sent) broker.sendAndEnd("response");
+        sent = true;
+        return arrivals.responses() > 0 ? Awaited::nothing : Awaited::response;
+    };
+    while (arrivals.responses() == 0) {
+        const bool reads = connection.serve(Clock::now() + patience, awaited);
+        ASSERT_TRUE(reads || arrivals.responses() > 0);
+    }
+    EXPECT_TRUE(arrivals.waitForLosses(1)) << "the end is left in the socket";
+    connection.close();
 }
 
 }  // namespace
