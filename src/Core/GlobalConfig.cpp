@@ -97,6 +97,7 @@ void GlobalConfig::readProperties(const Properties& properties) {
                                       // Applied only when a change arrives on the bus.
                                       {constants.debugLevelMaskKey, nullptr}};
     std::vector<std::string> keys;
+    keys.reserve(targets.size());
     for (const Target& target : targets) keys.push_back(target.key);
     const std::vector<propertyapi::Reading> readings = properties->getEach(keys);
     for (std::size_t i = 0; i < targets.size(); ++i) {

@@ -91,6 +91,7 @@ TEST_F(GetEach, EachKeyIsNamedIfTheServiceIsOffline) {
 }
 
 TEST_F(GetEach, AllKeysShareOneTimeout) {
+    bus->answers = {late, broken};
     const auto readings = read();
     for (const Reading& reading : readings) EXPECT_THROW(reading.value(), propertyapi::PropertyTimeoutException);
     for (const milliseconds timeout : bus->timeouts) EXPECT_PRED2(isAbout, timeout, milliseconds(5000));
