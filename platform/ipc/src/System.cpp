@@ -62,10 +62,12 @@ int millisecondsUntil(std::chrono::steady_clock::time_point time) {
 std::thread startThread(const char* name, std::function<void()> body) {
     const common::signal::AllBlocked blocked;
     try {
-        return std::thread([name, body = std::move(body)] {
+        auto named = [name, body = std::move(body)] {
             pthread_setname_np(pthread_self(), name);  // of another thread it takes a file of /proc
             body();
-        });
+        };
+        std::thread thread(std::move(named));
+        return thread;
     } catch (const std::system_error& error) {
         throw IPCException(std::string("Cannot start a thread: ") + error.what());
     }
