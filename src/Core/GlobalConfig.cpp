@@ -1,6 +1,8 @@
 #include "Core/GlobalConfig.h"
 
+#include <cstddef>
 #include <thread>
+#include <vector>
 
 #include "Core/Constants.h"
 #include "common/Quote.h"
@@ -44,15 +46,21 @@ void assign(std::string Values::*member, const std::string& value) {
     values().all().*member = value;
 }
 
-}  // namespace
-
-std::string GlobalConfig::getValue(const Properties& properties, const std::string& key) {
+/// What `read` returns. Logs an error and returns an empty string if it throws.
+template <typename Read>
+std::string valueOf(const std::string& key, const Read& read) {
     try {
-        return properties->get(key);
+        return read();
     } catch (const std::exception& e) {
         dbg::Debug::error() << "Error getting value for key " << quote(key) << " exception: " << e.what() << std::endl;
         return {};
     }
+}
+
+}  // namespace
+
+std::string GlobalConfig::getValue(const Properties& properties, const std::string& key) {
+    return valueOf(key, [&] { return properties->get(key); });
 }
 
 bool GlobalConfig::hasAuthCredentials(const Properties& properties) {
@@ -78,12 +86,24 @@ void GlobalConfig::waitForPreconditions(const Properties& properties, unsigned m
 
 void GlobalConfig::readProperties(const Properties& properties) {
     dbg::Debug::info() << "Reading properties to GlobalConfig" << std::endl;
-    assign(&Values::softwareVersion, getValue(properties, constants.softwareVersionKey));
-    assign(&Values::settingsVersion, getValue(properties, constants.settingsVersionKey));
-    assign(&Values::customVersion, getValue(properties, constants.customVersionKey));
-    assign(&Values::provisioningServer, getValue(properties, constants.provisioningServerKey));
-    // Read, but applied only when a change arrives on the bus.
-    static_cast<void>(getValue(properties, constants.debugLevelMaskKey));
+    struct Target {
+        const std::string& key;
+        std::string Values::*member;
+    };
+    const std::vector<Target> targets{{constants.softwareVersionKey, &Values::softwareVersion},
+                                      {constants.settingsVersionKey, &Values::settingsVersion},
+                                      {constants.customVersionKey, &Values::customVersion},
+                                      {constants.provisioningServerKey, &Values::provisioningServer},
+                                      // Applied only when a change arrives on the bus.
+                                      {constants.debugLevelMaskKey, nullptr}};
+    std::vector<std::string> keys;
+    keys.reserve(targets.size());
+    for (const Target& target : targets) keys.push_back(target.key);
+    const std::vector<propertyapi::Reading> readings = properties->getEach(keys);
+    for (std::size_t i = 0; i < targets.size(); ++i) {
+        const std::string value = valueOf(keys[i], [&] { return readings.at(i).value(); });
+        if (targets[i].member != nullptr) assign(targets[i].member, value);
+    }
 }
 
 std::string GlobalConfig::softwareVersion() { return copyOut(&Values::softwareVersion); }

@@ -66,6 +66,15 @@ TEST_F(Properties, ReadBackWhatWasSet) {
     }
 }
 
+TEST_F(Properties, SeveralAreReadInOneCall) {
+    properties().set(text, "value");
+    const auto readings = properties().getEach({text, "No.Such.Key", text});
+    ASSERT_EQ(readings.size(), 3U);
+    EXPECT_EQ(readings[0].value(), "value");
+    EXPECT_THROW(readings[1].value(), PropertyNotFoundException);
+    EXPECT_EQ(readings[2].value(), "value");
+}
+
 TEST_F(Properties, ValuesHave64KiBAtMost) {
     const std::string longest(65536, '"');  // as JSON, each byte becomes two
     properties().set(text, longest);

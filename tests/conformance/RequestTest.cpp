@@ -32,6 +32,21 @@ TEST(Request, IsAnswered) {
     EXPECT_EQ(ask(*pair.client, ""), "re:");
 }
 
+TEST(Request, SeveralMayBeBegunBeforeTheFirstResponseIsAwaited) {
+    NEEDS_REQUESTS();
+    Bus bus;
+    const ConnectedPair pair(bus.address());
+    const auto begin = [&](const std::string& text) {
+        return pair.client->beginRequest("test-service/ask", text, statusTopic, patience);
+    };
+    const auto first = begin("first");
+    const auto second = begin("second");
+    const auto third = begin("third");
+    EXPECT_EQ(second->response(), "re:second");
+    EXPECT_EQ(first->response(), "re:first");
+    EXPECT_EQ(third->response(), "re:third");
+}
+
 TEST(Request, ManyThreadsEachGetTheirOwnAnswer) {
     NEEDS_REQUESTS();
     Bus bus;

@@ -29,6 +29,29 @@ std::string randomText() {
     return text;
 }
 
+/// A request of a Client, with what it refers to.
+class SentRequest final : public IPCRequest {
+ public:
+    SentRequest(Connection& connection, Requests& requests, const std::string& replyTopic, std::string topic,
+                std::string payload, std::string statusTopic, std::chrono::milliseconds timeout)
+        : topic_(std::move(topic)),
+          payload_(std::move(payload)),
+          statusTopic_(std::move(statusTopic)),
+          send_([this, &connection, &replyTopic](std::string correlationData) {
+              return connection.publish({topic_, payload_, 0, replyTopic, std::move(correlationData)});
+          }),
+          request_(requests, statusTopic_, timeout, send_) {}
+
+    std::string response() override { return request_.response(); }
+
+ private:
+    const std::string topic_;
+    const std::string payload_;
+    const std::string statusTopic_;
+    const Requests::Send send_;
+    Requests::Request request_;
+};
+
 class Client final : public IIPCClient, private ConnectionListener, private ResponseReader {
  public:
     Client(const std::string& name, std::string host, bool transient)
@@ -137,6 +160,12 @@ class Client final : public IIPCClient, private ConnectionListener, private Resp
             return connection_.publish({topic, payload, 0, replyTopic_, std::move(correlationData)});
         };
         return requests_.ask(statusTopic, timeout, std::cref(send));
+    }
+
+    std::unique_ptr<IPCRequest> beginRequest(const std::string& topic, const std::string& payload,
+                                             const std::string& statusTopic,
+                                             std::chrono::milliseconds timeout) override {
+        return std::make_unique<SentRequest>(connection_, requests_, replyTopic_, topic, payload, statusTopic, timeout);
     }
 
     bool waitForService(const std::string& statusTopic, std::chrono::milliseconds limit) override {

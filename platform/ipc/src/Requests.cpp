@@ -30,32 +30,46 @@ bool Requests::watch(const std::string& statusTopic) {
 // ---- requests ----
 
 std::string Requests::ask(const std::string& statusTopic, std::chrono::milliseconds timeout, const Send& send) {
-    const auto begun = Clock::now();
-    const common::LockGuard lock(mutex_);
-    Pending pending(statusTopic);
-    const std::uint64_t number = next_++;
-    pending_.emplace(number, &pending);
-    // `pending` is on the stack, so it must be removed on every way out.
-    struct Removal {
-        Requests& requests;
-        const std::uint64_t number;
-        ~Removal() {
-            requests.mutex_.assertHeld();
-            requests.pending_.erase(number);
-            if (requests.closed_) requests.finished_.notifyAll();
-        }
-    } const removal{*this, number};
+    return Request(*this, statusTopic, timeout, send).response();
+}
+
+Requests::Request::Request(Requests& requests, const std::string& statusTopic, std::chrono::milliseconds timeout,
+                           const Send& send)
+    : requests_(requests), send_(send), timeout_(timeout), pending_(statusTopic) {
+    const common::LockGuard lock(requests_.mutex_);
+    number_ = requests_.next_++;
+    requests_.pending_.emplace(number_, &pending_);
+    try {
+        Clock::time_point until;
+        const auto deadline = requests_.limited(begun_ + timeout_, begun_);
+        if (requests_.nextStep(pending_, deadline, until) == Step::send) requests_.send(pending_, number_, send_);
+    } catch (...) {
+        failure_ = std::current_exception();
+    }
+}
+
+Requests::Request::~Request() {
+    const common::LockGuard lock(requests_.mutex_);
+    requests_.pending_.erase(number_);
+    if (requests_.closed_) requests_.finished_.notifyAll();
+}
+
+std::string Requests::Request::response() {
+    if (failure_) std::rethrow_exception(failure_);
+    const common::LockGuard lock(requests_.mutex_);
     for (;;) {
-        const Clock::time_point deadline = limited(begun + timeout, begun);
+        const Clock::time_point deadline = requests_.limited(begun_ + timeout_, begun_);
         Clock::time_point until = deadline;
-        switch (nextStep(pending, deadline, until)) {
+        switch (requests_.nextStep(pending_, deadline, until)) {
             case Step::finish:
-                return std::move(pending.response);
+                return std::move(pending_.response);
             case Step::wait:
-                wait(pending, until);
+                requests_.wait(pending_, until);
                 break;
             case Step::send:
-                sendOnce(pending, number, deadline, send);
+                if (requests_.send(pending_, number_, send_) || requests_.broker_ != Broker::connected) break;
+                // The connection was lost just now, which has not been reported yet.
+                pending_.changed.waitUntil(requests_.mutex_, std::min(deadline, Clock::now() + presenceWait));
                 break;
         }
     }
@@ -123,19 +137,17 @@ Requests::Presence Requests::presenceOf(const std::string& statusTopic) const {
     return service->second.presence;
 }
 
-void Requests::sendOnce(Pending& pending, std::uint64_t number, Clock::time_point deadline, const Send& send) {
+/// Returns whether it was sent.
+bool Requests::send(Pending& pending, std::uint64_t number, const Send& send) {
     pending.stage = Pending::Stage::sent;
     bool sent = false;
     {
         const common::UnlockGuard unlocked(mutex_);
         sent = send(correlationOf(number));
     }
-    if (sent || pending.stage == Pending::Stage::answered) return;
-    // The connection was lost just now: wait for the next one, unless it has been reported already.
+    if (sent || pending.stage == Pending::Stage::answered) return true;
     pending.stage = Pending::Stage::unsent;
-    if (broker_ == Broker::connected) {
-        pending.changed.waitUntil(mutex_, std::min(deadline, Clock::now() + presenceWait));
-    }
+    return false;
 }
 
 void Requests::limit(std::chrono::milliseconds limit) {

@@ -1,13 +1,14 @@
 // The pending requests of a bus client, and how long each may wait: that depends on the connection, on the service's
 // presence and on the shutdown limit. It does not know the bus: its owner sends and reports events.
 //
-// Threads: callers block in `ask`, `waitForService` and `close`; all other calls return at once, on any thread. One
-// mutex, which is not held while a request is sent or its caller reads.
+// Threads: callers block in `ask`, `response`, `waitForService` and `close`; all other calls return at once, on any
+// thread. One mutex, which is not held while a request is sent or its caller reads.
 #pragma once
 
 #include <atomic>
 #include <chrono>
 #include <cstdint>
+#include <exception>
 #include <functional>
 #include <map>
 #include <optional>
@@ -47,6 +48,7 @@ class Requests {
     /// Returns whether the service was not watched before.
     bool watch(const std::string& statusTopic) EXCLUDES(mutex_);
 
+    class Request;
     /// Blocks until the response is there. Sends once the service is online, and again only if `send` returned false.
     /// Throws like IIPCClient::request.
     std::string ask(const std::string& statusTopic, std::chrono::milliseconds timeout, const Send& send)
@@ -97,8 +99,7 @@ class Requests {
 
     Step nextStep(const Pending& pending, Clock::time_point deadline, Clock::time_point& until) const REQUIRES(mutex_);
     Presence presenceOf(const std::string& statusTopic) const REQUIRES(mutex_);
-    void sendOnce(Pending& pending, std::uint64_t number, Clock::time_point deadline, const Send& send)
-        REQUIRES(mutex_);
+    bool send(Pending& pending, std::uint64_t number, const Send& send) REQUIRES(mutex_);
     void wait(Pending& pending, Clock::time_point until) REQUIRES(mutex_);
     Awaited awaitedBy(const Pending& pending) EXCLUDES(mutex_);
     void notify(Pending& pending) REQUIRES(mutex_);
@@ -124,6 +125,28 @@ class Requests {
     std::uint64_t next_ GUARDED_BY(mutex_) = 1;  // number of the next request
 
     std::atomic<std::uint64_t> responses_{0};
+};
+
+/// One request in flight, on one thread. The objects that it is constructed with must outlive it.
+class Requests::Request {
+ public:
+    /// Sends the request if that is possible now. Does not wait.
+    Request(Requests& requests, const std::string& statusTopic, std::chrono::milliseconds timeout, const Send& send);
+    Request(const Request&) = delete;
+    Request& operator=(const Request&) = delete;
+    ~Request();
+
+    /// As `ask`; the time-out runs since the construction. Call it once.
+    std::string response();
+
+ private:
+    Requests& requests_;
+    const Send& send_;
+    const std::chrono::milliseconds timeout_;
+    const Clock::time_point begun_ = Clock::now();
+    Pending pending_;
+    std::uint64_t number_ = 0;
+    std::exception_ptr failure_;  // of the construction
 };
 
 }  // namespace ipc

@@ -13,8 +13,8 @@
 
 namespace ipc {
 
-/// A new thread with every signal blocked, as the program chooses its own threads for signals. `name` has at most 15
-/// characters. Throws IPCException if the system cannot start one.
+/// A new thread with every signal blocked, as the program chooses its own threads for signals. `name` must be a literal
+/// of at most 15 characters. Throws IPCException if the system cannot start one.
 std::thread startThread(const char* name, std::function<void()> body);
 
 /// Wakes a thread that polls descriptors. Any thread may wake; the polling thread drains.
@@ -67,6 +67,7 @@ class SocketWait {
 };
 
 /// The numeric addresses of the host, in the order to try. If it has none, the result is empty and `failure` is set.
+/// "localhost" is this machine, whatever the name services say.
 std::vector<std::string> resolve(const Address& address, std::string& failure);
 
 /// Connects to a numeric address and closes the connection. Returns an empty text if it succeeded, else the reason;

@@ -1,9 +1,13 @@
 // The property client over a bus client: time-outs and retries of each call.
 #include <algorithm>
 #include <chrono>
+#include <cstddef>
 #include <cstdint>
+#include <exception>
+#include <memory>
 #include <optional>
 #include <utility>
+#include <vector>
 
 #include "Messages.h"
 #include "common/ThreadSafety.h"
@@ -38,11 +42,21 @@ void checkKey(const std::string& key) {
     }
 }
 
+template <typename Step>
+std::exception_ptr errorOf(const Step& step) {
+    try {
+        step();
+    } catch (const std::exception&) {
+        return std::current_exception();
+    }
+    return nullptr;
+}
+
 /// One call of the interface, which may take several requests.
 struct Call {
-    explicit Call(const std::string& property) : key(property) {}
+    explicit Call(const std::string& property) : key(&property) {}
 
-    const std::string& key;
+    const std::string* key;  // for error texts
     const Clock::time_point begun = Clock::now();
     const bool waitsForRecovery = RecoveryScope::onThisThread();
     Clock::time_point deadline;
@@ -61,6 +75,28 @@ class PropertyApi final : public IPropertyApi {
         checkKey(key);
         Call call = begin(key);
         return readValue(key, ask(call, getTopic, getRequest(key)));
+    }
+
+    std::vector<Reading> getEach(const std::vector<std::string>& keys) override {
+        std::vector<Reading> readings(keys.size());
+        if (keys.empty()) return readings;
+        std::vector<std::unique_ptr<ipc::IPCRequest>> requests(keys.size());
+        const auto forEach = [&](const auto& step) {
+            for (std::size_t i = 0; i < keys.size(); ++i) {
+                if (!readings[i].error) readings[i].error = errorOf([&] { step(i); });
+            }
+        };
+        forEach([&](std::size_t i) { checkKey(keys[i]); });
+        std::optional<Call> call;
+        forEach([&](std::size_t i) {
+            if (!call) call.emplace(begin(keys[i]));
+            requests[i] = bus_->beginRequest(getTopic, getRequest(keys[i]), statusTopic, timeLeft(*call));
+        });
+        forEach([&](std::size_t i) {
+            call->key = &keys[i];
+            readings[i].text = readValue(keys[i], ask(*call, getTopic, getRequest(keys[i]), requests[i].get()));
+        });
+        return readings;
     }
 
     void set(const std::string& key, const std::string& value) override { set(key, clientName_, value); }
@@ -107,20 +143,22 @@ class PropertyApi final : public IPropertyApi {
         return call;
     }
 
-    /// Sends a get or list, which may be repeated if the response was lost.
-    std::string ask(Call& call, const char* topic, const std::string& payload) {
-        for (;;) {
-            if (auto response = request(call, topic, payload)) return std::move(*response);
-            if (Clock::now() >= deadlineOf(call)) throw PropertyTimeoutException(errorText(call.key, call.lossReason));
+    /// Sends a get or list, which may be repeated if the response was lost. `begun` is the first request, if it has
+    /// been sent already.
+    std::string ask(Call& call, const char* topic, const std::string& payload, ipc::IPCRequest* begun = nullptr) {
+        for (;; begun = nullptr) {
+            if (auto response = request(call, topic, payload, begun)) return std::move(*response);
+            if (Clock::now() >= deadlineOf(call)) throw PropertyTimeoutException(errorText(*call.key, call.lossReason));
         }
     }
 
     /// The response, or nothing if it was lost: then it is unknown whether the request was executed.
-    std::optional<std::string> request(Call& call, const char* topic, const std::string& payload) {
-        for (;;) {
-            const auto left = std::chrono::ceil<milliseconds>(deadlineOf(call) - Clock::now());
+    std::optional<std::string> request(Call& call, const char* topic, const std::string& payload,
+                                       ipc::IPCRequest* begun = nullptr) {
+        for (;; begun = nullptr) {
             try {
-                return bus_->request(topic, payload, statusTopic, std::max(left, milliseconds(0)));
+                if (begun != nullptr) return begun->response();
+                return bus_->request(topic, payload, statusTopic, timeLeft(call));
             } catch (const ipc::IPCInterruptedException& error) {
                 call.lossReason = error.what();
                 return std::nullopt;
@@ -128,13 +166,13 @@ class PropertyApi final : public IPropertyApi {
                 call.lossReason = error.what();
                 return std::nullopt;
             } catch (const ipc::IPCOfflineException& error) {
-                if (!waitForRecovery(call)) throw PropertyOfflineException(errorText(call.key, error.what()));
+                if (!waitForRecovery(call)) throw PropertyOfflineException(errorText(*call.key, error.what()));
             } catch (const ipc::IPCTimeoutException& error) {
                 const common::LockGuard lock(mutex_);
                 responsesAtTimeout_ = bus_->responsesReceived();
-                throw PropertyTimeoutException(errorText(call.key, error.what()));
+                throw PropertyTimeoutException(errorText(*call.key, error.what()));
             } catch (const ipc::IPCException& error) {
-                throw PropertyException(errorText(call.key, error.what()));
+                throw PropertyException(errorText(*call.key, error.what()));
             }
         }
     }
@@ -147,6 +185,11 @@ class PropertyApi final : public IPropertyApi {
         if (!call.deadlineExtended) call.deadline = Clock::now() + timeout;
         call.deadlineExtended = true;
         return true;
+    }
+
+    milliseconds timeLeft(const Call& call) {
+        const auto left = std::chrono::ceil<milliseconds>(deadlineOf(call) - Clock::now());
+        return std::max(left, milliseconds(0));
     }
 
     Clock::time_point deadlineOf(const Call& call) EXCLUDES(mutex_) {

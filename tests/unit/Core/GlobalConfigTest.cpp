@@ -100,6 +100,22 @@ TEST_F(GlobalConfigTest, UnreadableServerIsEmpty) {
                              "'System.Provision.ProvisioningServer': the property service is offline")));
 }
 
+TEST_F(GlobalConfigTest, UnreadableValuesAreLoggedInTheirOrder) {
+    for (const char* key : {"System.Debug.LevelMask.ZAV", "System.Provision.CustomVersion"}) {
+        phone_.properties->failKey(key);
+    }
+    GlobalConfig::readProperties(phone_.properties);
+    const auto line = [](const std::string& key) {
+        return error(source, "Error getting value for key '" + key + "' exception: Property '" + key +
+                                 "': the property service is offline");
+    };
+    EXPECT_EQ(phone_.log.lines(),
+              (fakes::LogCapture::Lines{info(source, "Reading properties to GlobalConfig"),
+                                        line("System.Provision.CustomVersion"), line("System.Debug.LevelMask.ZAV")}));
+    EXPECT_EQ(GlobalConfig::customVersion(), "");
+    EXPECT_EQ(GlobalConfig::settingsVersion(), "2016-01-01_00:00:00");
+}
+
 TEST_F(GlobalConfigTest, FixedValues) {
     EXPECT_EQ(GlobalConfig::fileFormatVersion, "1.1");
     EXPECT_EQ(GlobalConfig::productIdentifier, "kd4v");

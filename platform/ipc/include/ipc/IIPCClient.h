@@ -10,13 +10,26 @@
 // dropped with a warning. The connection events of each callback object have a thread and a queue of their own too.
 #pragma once
 
+#include <algorithm>
 #include <chrono>
 #include <cstdint>
+#include <memory>
 #include <string>
+#include <utility>
 
 #include "ipc/IIPCCallback.h"
 
 namespace ipc {
+
+/// A request whose response is still to come. The client must outlive it; use and destroy it on the thread that made
+/// it.
+class IPCRequest {
+ public:
+    virtual ~IPCRequest() = default;
+
+    /// Blocks and throws as IIPCClient::request does; the time-out runs since the request was begun. Call it once.
+    virtual std::string response() = 0;
+};
 
 class IIPCClient {
  public:
@@ -57,6 +70,12 @@ class IIPCClient {
     virtual std::string request(const std::string& topic, const std::string& payload, const std::string& statusTopic,
                                 std::chrono::milliseconds timeout) = 0;
 
+    /// The same without waiting: the request is sent, and the response can be awaited later. So several requests take
+    /// the time of one; the service receives them in order. Does not block; `response` throws the errors. The default
+    /// makes the request when its response is awaited.
+    virtual std::unique_ptr<IPCRequest> beginRequest(const std::string& topic, const std::string& payload,
+                                                     const std::string& statusTopic, std::chrono::milliseconds timeout);
+
     // Implementations that make no requests may keep the defaults of the next three.
 
     /// Waits until the service watched on `statusTopic` is online, but no longer than `limit` after it went away, by
@@ -73,5 +92,36 @@ class IIPCClient {
     /// waitForService no longer waits.
     virtual void limitRequests(std::chrono::milliseconds /*limit*/) {}
 };
+
+/// The default of beginRequest.
+class DeferredRequest final : public IPCRequest {
+ public:
+    DeferredRequest(IIPCClient& client, std::string topic, std::string payload, std::string statusTopic,
+                    std::chrono::milliseconds timeout)
+        : client_(client),
+          topic_(std::move(topic)),
+          payload_(std::move(payload)),
+          statusTopic_(std::move(statusTopic)),
+          deadline_(std::chrono::steady_clock::now() + timeout) {}
+
+    std::string response() override {
+        using std::chrono::milliseconds;
+        const auto left = std::chrono::ceil<milliseconds>(deadline_ - std::chrono::steady_clock::now());
+        return client_.request(topic_, payload_, statusTopic_, std::max(left, milliseconds(0)));
+    }
+
+ private:
+    IIPCClient& client_;
+    const std::string topic_;
+    const std::string payload_;
+    const std::string statusTopic_;
+    const std::chrono::steady_clock::time_point deadline_;
+};
+
+inline std::unique_ptr<IPCRequest> IIPCClient::beginRequest(const std::string& topic, const std::string& payload,
+                                                            const std::string& statusTopic,
+                                                            std::chrono::milliseconds timeout) {
+    return std::make_unique<DeferredRequest>(*this, topic, payload, statusTopic, timeout);
+}
 
 }  // namespace ipc

@@ -7,6 +7,8 @@
 // PropertyExceptions.h.
 #pragma once
 
+#include <cstddef>
+#include <exception>
 #include <string>
 #include <vector>
 
@@ -25,12 +27,38 @@ struct PropertyPage {
     std::string next;
 };
 
+/// What `get` of one key has returned or thrown.
+struct Reading {
+    std::string text;
+    std::exception_ptr error;
+
+    /// The value of the key. Throws what `get` would throw.
+    const std::string& value() const {
+        if (error) std::rethrow_exception(error);
+        return text;
+    }
+};
+
 class IPropertyApi {
  public:
     virtual ~IPropertyApi() = default;
 
     /// The value of the key. Throws PropertyNotFoundException if the service does not know the key.
     virtual std::string get(const std::string& key) = 0;
+
+    /// `get` of several keys, in their order. One call: all keys together wait as long as one. Throws no
+    /// PropertyException; the readings have them. The default reads one key after the other.
+    virtual std::vector<Reading> getEach(const std::vector<std::string>& keys) {
+        std::vector<Reading> readings(keys.size());
+        for (std::size_t i = 0; i < keys.size(); ++i) {
+            try {
+                readings[i].text = get(keys[i]);
+            } catch (const std::exception&) {
+                readings[i].error = std::current_exception();
+            }
+        }
+        return readings;
+    }
 
     /// Writes the value; when it returns, the service has accepted the value.
     virtual void set(const std::string& key, const std::string& value) = 0;

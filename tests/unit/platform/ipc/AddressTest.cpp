@@ -2,7 +2,9 @@
 
 #include <gtest/gtest.h>
 
+#include <cstddef>
 #include <string>
+#include <vector>
 
 #include "System.h"
 #include "ipc/IPCException.h"
@@ -59,9 +61,19 @@ TEST(Address, ErrorHasTheTextAndTheReason) {
     }
 }
 
-TEST(Address, ResolvesLocalhostAlways) {
+TEST(Address, LocalhostIsTheLoopbackAddressIPv4First) {
     std::string failure;
-    EXPECT_FALSE(ipc::resolve(ipc::parseAddress("localhost"), failure).empty());
+    const auto addresses = ipc::resolve(ipc::parseAddress("localhost"), failure);
+    ASSERT_FALSE(addresses.empty());
+    EXPECT_EQ(addresses.front(), "127.0.0.1");
+    for (std::size_t i = 1; i < addresses.size(); ++i) EXPECT_EQ(addresses[i], "::1");
+    EXPECT_LE(addresses.size(), 2U);
+}
+
+TEST(Address, ResolvesOtherNamesThroughTheNameServices) {
+    std::string failure;
+    const auto addresses = ipc::resolve(ipc::parseAddress("127.0.0.1"), failure);
+    EXPECT_EQ(addresses, std::vector<std::string>{"127.0.0.1"});
 }
 
 TEST(Address, ReportsWhyAHostHasNoAddress) {

@@ -142,6 +142,76 @@ TEST_F(RequestsTest, LimitEndsRequestsInFlight) {
     EXPECT_LT(Requests::Clock::now() - begin, bustest::patience / 2) << "it waited for its time-out";
 }
 
+// ---- requests begun before the first response is awaited ----
+
+TEST_F(RequestsTest, BegunRequestsAreSentAtOnce) {
+    serve();
+    std::vector<std::string> sent;
+    const Requests::Send send = [&](std::string correlation) {
+        sent.push_back(std::move(correlation));
+        return true;
+    };
+    Requests::Request first(requests, status, bustest::patience, send);
+    Requests::Request second(requests, status, bustest::patience, send);
+    ASSERT_EQ(sent.size(), 2U);
+    requests.responseArrived(sent[1], "second");
+    requests.responseArrived(sent[0], "first");
+    EXPECT_EQ(first.response(), "first");
+    EXPECT_EQ(second.response(), "second");
+}
+
+TEST_F(RequestsTest, ResponseThrowsWhatTheBeginningMet) {
+    const Requests::Send tooMany = [](const std::string&) -> bool { throw ipc::IPCException("too many"); };
+    Requests::Request unwatched(requests, status, bustest::patience, tooMany);
+    serve();
+    Requests::Request unsendable(requests, status, bustest::patience, tooMany);
+    const auto errorOf = [](Requests::Request& request) -> std::string {
+        try {
+            return request.response();
+        } catch (const ipc::IPCException& error) {
+            return error.what();
+        }
+    };
+    EXPECT_EQ(errorOf(unwatched), "The presence on test-service/status is not watched");
+    EXPECT_EQ(errorOf(unsendable), "too many");
+}
+
+TEST_F(RequestsTest, ConnectionLossInterruptsBegunRequestsButKeepsResponses) {
+    serve();
+    std::vector<std::string> sent;
+    const Requests::Send send = [&](std::string correlation) {
+        sent.push_back(std::move(correlation));
+        return true;
+    };
+    Requests::Request answered(requests, status, bustest::patience, send);
+    Requests::Request unanswered(requests, status, bustest::patience, send);
+    requests.responseArrived(sent[0], "here");
+    requests.connectionLost();
+    EXPECT_EQ(answered.response(), "here");
+    EXPECT_THROW(unanswered.response(), ipc::IPCInterruptedException);
+}
+
+TEST_F(RequestsTest, BegunRequestThatCouldNotBeSentIsSentLater) {
+    serve();
+    int attempts = 0;
+    const Requests::Send send = [&](const std::string& correlation) {
+        if (++attempts == 1) return false;
+        requests.responseArrived(correlation, "here");
+        return true;
+    };
+    Requests::Request request(requests, status, bustest::patience, send);
+    EXPECT_EQ(attempts, 1);
+    EXPECT_EQ(request.response(), "here");
+    EXPECT_EQ(attempts, 2);
+}
+
+TEST_F(RequestsTest, AbandonedRequestIsForgotten) {
+    serve();
+    const Requests::Send send = [](const std::string&) { return true; };
+    { const Requests::Request request(requests, status, bustest::patience, send); }
+    requests.close();  // would block if it were still registered
+}
+
 /// In place of a connection: `reading` runs on the caller's thread.
 class FakeReader : public ipc::ResponseReader {
  public:
@@ -183,6 +253,18 @@ TEST_F(RequestsWithReader, CallerReadsItsOwnResponse) {
     };
     EXPECT_EQ(ask(), "answer");
     EXPECT_FALSE(reader.interrupted.pass(milliseconds(0))) << "its own thread needs no wake-up";
+}
+
+TEST_F(RequestsWithReader, TimeoutOfABegunRequestRunsSinceItsBeginning) {
+    int reads = 0;
+    reader.reading = [&](const auto&) { return ++reads < 0; };
+    const Requests::Send send = [](const std::string&) { return true; };
+    Requests::Request first(read, status, milliseconds(5), send);
+    Requests::Request second(read, status, milliseconds(5), send);
+    EXPECT_THROW(first.response(), ipc::IPCTimeoutException);
+    const int readsOfTheFirst = reads;
+    EXPECT_THROW(second.response(), ipc::IPCTimeoutException);
+    EXPECT_EQ(reads, readsOfTheFirst) << "it waited as long again";
 }
 
 TEST_F(RequestsWithReader, ResponseOnAnotherThreadInterruptsTheReader) {

@@ -3,9 +3,11 @@
 #pragma once
 
 #include <chrono>
+#include <cstddef>
 #include <cstdint>
 #include <deque>
 #include <functional>
+#include <memory>
 #include <optional>
 #include <string>
 #include <vector>
@@ -39,6 +41,12 @@ class ScriptedBus final : public ipc::IIPCClient {
         ++received;
         return text;
     }
+    std::unique_ptr<ipc::IPCRequest> beginRequest(const std::string& topic, const std::string& payload,
+                                                  const std::string& statusTopic, milliseconds timeout) override {
+        begun.push_back(payload);
+        answeredAtBeginning.push_back(asked.size());
+        return IIPCClient::beginRequest(topic, payload, statusTopic, timeout);
+    }
     bool waitForService(const std::string& statusTopic, milliseconds wait) override {
         asked.push_back("wait for " + statusTopic);
         waits.push_back(wait);
@@ -53,6 +61,8 @@ class ScriptedBus final : public ipc::IIPCClient {
 
     std::vector<std::string> asked;  // topics of requests, and waits
     std::vector<std::string> payloads;
+    std::vector<std::string> begun;                // payloads of requests whose response is awaited later
+    std::vector<std::size_t> answeredAtBeginning;  // how many requests had been answered then
     std::vector<milliseconds> timeouts;
     std::vector<milliseconds> waits;
     std::optional<milliseconds> limit;
