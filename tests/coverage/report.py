@@ -14,7 +14,7 @@ HERE = pathlib.Path(__file__).resolve().parent
 ROOT = HERE.parents[1]
 # Folder: least percentage of lines and of branches. A branch is one of the two outcomes of a condition of the source, of
 # each operand of && and || too, or a case of a switch.
-GOALS = {"src": (98, 92), "platform": (98, 92), "services": (98, 92), "tools": (93, 84)}
+GOALS = {"src": (98, 92), "platform": (98, 92), "services": (98, 92), "tools": (98, 92)}
 
 
 # Counts are differences of counters. One that is negative, as behind a fork, appears as the greatest number there is.

@@ -110,6 +110,7 @@ def different_settings(count):
     return [one for one in found if not one[0].startswith("State.")][:count]
 
 
+@unittest.skipIf((pathlib.Path(BUILD) / "profiles").exists(), "programs with coverage counters are slow")
 class SpeedTest(unittest.TestCase):
     """1,000 files of 1,000 settings take less than 3 s on two cores; the explanation of a file 50 ms beyond openssl.
 

@@ -2,8 +2,9 @@
 //
 // The rules are the daemon's own: its XML reader, its walk over the jobs, its tables and its checks run over the files,
 // beside the catalogue's rules for values. Needs no phone. Any bytes give findings, never an exception; only options
-// that cannot be used throw (LintException). Reads files and starts openssl for encrypted ones; fetches nothing itself.
-// Threads: any; calls share nothing. The daemon's code may log: switch the log off with dbg::Debug::setDebugLevelMask.
+// that cannot be used and a lack of memory or descriptors throw (LintException). Reads files and starts openssl for
+// encrypted ones; fetches nothing itself. Threads: any; calls share nothing. The daemon's code may log: switch the log
+// off with dbg::Debug::setDebugLevelMask.
 #pragma once
 
 #include <cstddef>

@@ -7,7 +7,7 @@
 
 namespace lint {
 
-/// Open for reading and writing, positioned at its beginning. The descriptor is negative if there is no memory.
+/// Open for reading and writing, positioned at its beginning. Throws LintException if there is no memory.
 common::Descriptor memoryFile(const std::string& bytes);
 
 /// All that the file holds.

@@ -106,7 +106,9 @@ void Output::lock() {
         if (lock_.get() < 0) throw Error(staging_, "cannot be opened: " + reasonOf(errno));
         if (::flock(lock_.get(), LOCK_EX | LOCK_NB) != 0) {
             if (errno == EWOULDBLOCK) throw Error(folder_, "another zavctl is writing to this folder");
-            throw Error(staging_, "cannot be locked: " + reasonOf(errno));
+            const int error = errno;
+            ::rmdir(staging_.c_str());
+            throw Error(staging_, "cannot be locked: " + reasonOf(error));
         }
         struct stat locked {};
         struct stat present {};

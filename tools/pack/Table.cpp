@@ -97,6 +97,9 @@ class Parser {
 
 void checkColumns(const TableRow& row, const std::string& name) {
     const std::string where = name + ":" + std::to_string(row.line);
+    if (row.fields.size() == 1 && row.fields.front().find_first_of(";\t") != std::string::npos) {
+        throw Error(where, "there is only one column; separate columns with commas");
+    }
     std::set<std::string> seen;
     for (std::size_t index = 0; index < row.fields.size(); ++index) {
         const std::string& column = row.fields[index];
@@ -109,9 +112,6 @@ void checkColumns(const TableRow& row, const std::string& name) {
             throw Error(where, "the name of " + ordinal + " has a brace: " + column);
         }
         if (!seen.insert(column).second) throw Error(where, "two columns are named \"" + column + "\"");
-    }
-    if (row.fields.size() == 1 && row.fields.front().find_first_of(";\t") != std::string::npos) {
-        throw Error(where, "there is only one column; separate columns with commas");
     }
 }
 

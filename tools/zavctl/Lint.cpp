@@ -20,6 +20,7 @@
 #include "lint/Print.h"
 #include "lint/Rules.h"
 #include "lint/Settings.h"
+#include "lint/Site.h"
 #include "lint/Source.h"
 #include "propertyprotocol/Topics.h"
 
@@ -29,8 +30,6 @@ namespace {
 
 constexpr char serverKey[] = "System.Provision.ProvisioningServer";
 constexpr char macAddressKey[] = "NET.MAC.Address";
-
-bool isUrl(const std::string& path) { return path.rfind("http://", 0) == 0 || path.rfind("https://", 0) == 0; }
 
 // Downloads as the phone does, into a private folder.
 class Downloads {
@@ -99,7 +98,7 @@ lint::Phone nobody(const std::string& baseUrl) {
 // A password in it is sent to this server only, as a phone does.
 std::string serverOf(const lint::Options& options, const std::vector<std::string>& paths) {
     if (!options.baseUrl.empty()) return options.baseUrl;
-    const auto url = std::find_if(paths.begin(), paths.end(), isUrl);
+    const auto url = std::find_if(paths.begin(), paths.end(), lint::isUrl);
     return url == paths.end() ? "" : *url;
 }
 
@@ -156,7 +155,7 @@ ExitCode lintFiles(const Environment& environment, const Options& options, const
         printRules(environment, options.json);
         return ExitCode::done;
     }
-    const bool hasUrl = std::any_of(paths.begin(), paths.end(), isUrl);
+    const bool hasUrl = std::any_of(paths.begin(), paths.end(), lint::isUrl);
     const bool mayDownload =
         !lintOptions.offline && (hasUrl || !lintOptions.baseUrl.empty() || !lintOptions.phone.empty());
     std::unique_ptr<common::TemporaryFolder> folder;

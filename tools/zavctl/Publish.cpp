@@ -25,23 +25,19 @@ constexpr int actionWidth = 11;
 
 Failure failure(const pack::Error& error) { return {ExitCode::failed, "failed", error.what()}; }
 
-// A server has the catalogue only if somebody has put it there. Without it, settings are not checked.
-std::shared_ptr<const lint::Settings> settingsOf(const PublishOptions& publish, std::vector<std::string>& warnings) {
+std::shared_ptr<const lint::Settings> settingsOf(const PublishOptions& publish) {
     try {
         return lint::Settings::load(publish.catalogue.empty() ? defaultCatalogue() : publish.catalogue);
     } catch (const lint::LintException& error) {
-        if (!publish.catalogue.empty()) throw Failure(ExitCode::failed, "bad-file", error.what());
-        warnings.push_back("keys and values of settings are not checked: " + std::string(error.what()) +
-                           " (--catalogue FILE)");
-        return nullptr;
+        throw Failure(ExitCode::failed, "bad-file", error.what());
     }
 }
 
 // What lint finds in one document. References between files are left to `zavctl lint`.
-pack::Check checkOf(const PublishOptions& publish, std::vector<std::string>& warnings) {
+pack::Check checkOf(const PublishOptions& publish) {
     dbg::Debug::setDebugLevelMask("0");  // the findings say what the daemon's code would log
     lint::Options options;
-    options.settings = settingsOf(publish, warnings);
+    options.settings = settingsOf(publish);
     return [options](const std::string& name, const std::string& bytes) {
         std::vector<pack::Finding> findings;
         for (const lint::Finding& one : lint::lintDocument(name, bytes, options)) {
@@ -126,7 +122,6 @@ void printTextResult(const Environment& environment, const pack::Result& result,
 
 ExitCode run(const Environment& environment, const Options& options, const std::string& folder,
              const PublishOptions& publish, pack::Result (*operation)(const pack::Options&)) {
-    std::vector<std::string> warnings;
     ProgressBar bar(environment.err, environment.errIsTerminal, environment.columns);
     pack::Options request;
     request.from = folder;
@@ -136,7 +131,7 @@ ExitCode run(const Environment& environment, const Options& options, const std::
     request.dryRun = publish.dryRun;
     request.removeVanished = publish.removeVanished;
     request.progress = [&bar](std::size_t done, std::size_t total) { bar.show(done, total, "files"); };
-    if (operation == pack::pack) request.check = checkOf(publish, warnings);
+    if (operation == pack::pack) request.check = checkOf(publish);
     pack::Result result;
     try {
         result = operation(request);
@@ -144,7 +139,6 @@ ExitCode run(const Environment& environment, const Options& options, const std::
         throw failure(error);
     }
     bar.clear();
-    result.warnings.insert(result.warnings.end(), warnings.begin(), warnings.end());
     if (options.json) {
         printJsonResult(environment, result, publish.dryRun);
     } else {
@@ -222,8 +216,7 @@ ExitCode fleet(const Environment& environment, const Options& options, const std
     request.force = publish.force;
     request.dryRun = publish.dryRun;
     request.progress = [&bar](std::size_t done, std::size_t total) { bar.show(done, total, "rows"); };
-    std::vector<std::string> warnings;
-    request.check = checkOf(publish, warnings);
+    request.check = checkOf(publish);
     pack::FleetResult result;
     try {
         result = pack::fleet(request);
@@ -231,7 +224,6 @@ ExitCode fleet(const Environment& environment, const Options& options, const std
         throw failure(error);
     }
     bar.clear();
-    result.warnings.insert(result.warnings.end(), warnings.begin(), warnings.end());
     if (!publish.errors.empty()) writeErrors(publish.errors, result.failures);
     if (options.json) {
         printFleetJson(environment, result, publish.dryRun);

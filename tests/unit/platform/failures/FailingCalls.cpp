@@ -5,6 +5,7 @@
 #include <netdb.h>
 #include <poll.h>
 #include <pthread.h>
+#include <sys/file.h>
 #include <sys/stat.h>
 #include <sys/statvfs.h>
 #include <sys/syscall.h>
@@ -83,6 +84,16 @@ using failing::isToFail;
 
 extern "C" {
 
+int fchmod(int descriptor, mode_t mode) noexcept {
+    static auto* const real = failing::next<int(int, mode_t)>("fchmod");
+    return isToFail(Call::fchmod) ? -1 : real(descriptor, mode);
+}
+
+int flock(int descriptor, int operation) noexcept {
+    static auto* const real = failing::next<int(int, int)>("flock");
+    return isToFail(Call::flock) ? -1 : real(descriptor, operation);
+}
+
 int fstat(int descriptor, struct stat* status) noexcept {
     static auto* const real = failing::next<int(int, struct stat*)>(failing::fstatName);
     return isToFail(Call::fstat) ? -1 : real(descriptor, status);
@@ -133,6 +144,11 @@ long failingSyscall(long number, long first, long second, long third, long fourt
     if (number == SYS_pidfd_open && isToFail(Call::pidfd_open)) return -1;
 #endif
     return real.load()(number, first, second, third, fourth, fifth, sixth);
+}
+
+int syncfs(int descriptor) noexcept {
+    static auto* const real = failing::next<int(int)>("syncfs");
+    return isToFail(Call::syncfs) ? -1 : real(descriptor);
 }
 
 int waitid(idtype_t type, id_t id, siginfo_t* information, int options) {

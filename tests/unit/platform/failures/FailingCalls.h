@@ -5,6 +5,8 @@
 namespace failing {
 
 enum class Call {
+    fchmod,
+    flock,
     fstat,
     fstatvfs,
     fsync,
@@ -14,6 +16,7 @@ enum class Call {
     poll,
     pthread_create,
     read,
+    syncfs,
     waitid,
     waitpid,
     write,

@@ -134,6 +134,96 @@ TEST(LintSettings, PasswordsInUrlsAreSecretsOnTheWay) {
     }
 }
 
+TEST(LintSettings, WhiteSpaceAtAnEndIsAWarning) {
+    for (const char* const value : {" a", "a ", "&#9;a", "a&#9;", "&#10;a", "a&#10;", "&#13;a", "a&#13;"}) {
+        EXPECT_THAT(lint(setting("name=\"Telephony.Accounts.0.DisplayName\" value=\"" + std::string(value) + "\"")),
+                    ElementsAre(HasSubstr("warning blanks-around")))
+            << value;
+    }
+    EXPECT_THAT(lint(setting(R"(name="Telephony.Accounts.0.DisplayName" value="")")), testing::IsEmpty());
+}
+
+TEST(LintSettings, OnlyPasswordsAreSecretsOnTheWay) {
+    Options given = options();
+    given.baseUrl = "http://h/";
+    EXPECT_THAT(lint(setting(R"(name="Telephony.Accounts.0.DisplayName" value="me@h")"), given), testing::IsEmpty());
+    EXPECT_THAT(lint(setting(R"(name="System.Web.AdminPassword" value="")"), given), testing::IsEmpty());
+    EXPECT_THAT(lint(setting(R"(name="System.Web.AdminPassword" value="x")"), given),
+                ElementsAre(HasSubstr("secret-over-http")));
+}
+
+TEST(LintSettings, AServerNeedsNeitherSchemeNorPassword) {
+    const auto server = [](const std::string& url) {
+        return lint(setting("name=\"System.Provision.ProvisioningServer\" value=\"" + url + "\""));
+    };
+    EXPECT_THAT(server("h.example/"), ElementsAre(HasSubstr("url-without-scheme"), HasSubstr("server-over-http")));
+    EXPECT_THAT(server("http://me@h.example/"), ElementsAre(HasSubstr("server-over-http")));
+    EXPECT_THAT(server(""), testing::IsEmpty());
+}
+
+TEST(LintSettings, LocksAreThoseOfThePhoneAndOfTheFile) {
+    const std::string label = R"(<param name="PhoneUI.Keys.FunctionKeys.3.Label" value="X"/>)";
+    const std::string value = R"(<param name="PhoneUI.Keys.FunctionKeys.3.Value" value="X"/>)";
+    Options given = options();
+    given.phone = Phone{"", {{"FunctionKeys.3.LockProvisioning", "1"}}};
+    EXPECT_THAT(lint(provisioning("<nvm>" + label + value + "</nvm>"), given),
+                ElementsAre(HasSubstr("locked-key"), HasSubstr("locked-key")));
+    given.phone = Phone{"", {{"FunctionKeys.3.LockProvisioning", "0"}}};
+    EXPECT_THAT(lint(provisioning("<nvm>" + label + "</nvm>"), given), testing::IsEmpty());
+    given.phone = Phone{"", {}};
+    EXPECT_THAT(lint(provisioning("<nvm>" + label + "</nvm>"), given), testing::IsEmpty());
+}
+
+TEST(LintSettings, WithoutACatalogueKeysAreNotChecked) {
+    Options given = options();
+    given.settings = nullptr;
+    EXPECT_THAT(lint(setting(R"(name="Nothing" value="x")"), given), testing::IsEmpty());
+    const auto findings = lintDocument("file.xml", setting(R"(name="Phone.Pin" value="1234" comment="x")"), given);
+    ASSERT_EQ(findings.size(), 1U);
+    EXPECT_THAT(findings[0].excerpt, testing::Not(HasSubstr("1234")));
+}
+
+TEST(LintUrls, AHostIsToldFromAPath) {
+    const auto url = [](const std::string& text) {
+        return lint(provisioning("<category type=\"nvm\" url=\"" + text + "\"/>", "1.0"));
+    };
+    for (const char* const path : {"nvm.xml", "jobs/nvm.xml"}) {
+        EXPECT_THAT(url(path), ElementsAre("error url-without-slash: write \"/" + std::string(path) + "\"")) << path;
+    }
+    for (const char* const host : {"server:80/nvm.xml", "server.example/nvm.xml"}) {
+        EXPECT_THAT(url(host), ElementsAre(HasSubstr("url-without-scheme"))) << host;
+    }
+    EXPECT_THAT(lint(provisioning(R"(<custom><step type="Redirect" url=""/></custom>)")),
+                ElementsAre(HasSubstr("invalid-url")));
+}
+
+TEST(LintXml, CompressedFilesOfEachKindAreNamed) {
+    for (const std::string& magic : {std::string("\x1F\x8B"), std::string("\xFD") + "7zXZ", std::string("BZh"),
+                                     std::string("PK\x03\x04"), std::string("\x28\xB5\x2F\xFD")}) {
+        EXPECT_THAT(lint(magic + "rest"), ElementsAre(HasSubstr("error compressed"))) << magic;
+    }
+}
+
+TEST(LintXml, EncodingsArePlacedByCharacter) {
+    const std::string key = "<param name=\"Nothing\" value=\"\"/>";
+    const std::string body = provisioning("<nvm>" + key + "</nvm>");
+    std::string big = "\xFE\xFF";
+    std::string unmarked;
+    for (const char c : "<?xml version=\"1.0\"?>" + body) {
+        big += {'\0', c};
+        unmarked += {c, '\0'};
+    }
+    for (const std::string& text :
+         {"<?xml version=\"1.0\"?>" + body, "<?xml version=\"1.0\" encoding=\"US-ASCII\"?>" + body, big, unmarked}) {
+        const auto findings = lintDocument("file.xml", text, options());
+        ASSERT_EQ(findings.size(), 1U);
+        EXPECT_EQ(findings[0].rule, "unknown-key");
+        EXPECT_EQ(findings[0].line, 1U);
+        EXPECT_THAT(findings[0].excerpt, HasSubstr("name=\"Nothing\""));
+    }
+    EXPECT_THAT(lint("<?xml version=\"1.0\" encoding=\"x-none\"?>" + body), ElementsAre(HasSubstr("error ")));
+}
+
 TEST(LintOutput, IsUtf8WhateverTheBytes) {
     for (const char* bytes : {"\xE0\x97\xB1", "\xC0\xAF", "\xED\xA0\x80", "\xF4\x90\x80\x80", "\xFF", "\x80"}) {
         const std::string text = provisioning("<nvm><param name=\"" + std::string(bytes) + "\" value=\"\"></nvm>");

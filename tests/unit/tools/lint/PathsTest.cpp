@@ -7,6 +7,8 @@
 #include <fstream>
 
 #include "Lint.h"
+#include "common/Execute.h"
+#include "fakes/FewDescriptors.h"
 
 namespace lint {
 namespace {
@@ -187,6 +189,162 @@ TEST_F(LintPaths, ManyFilesKeepTheirOrder) {
         expected.push_back(std::to_string(i) + ".xml: unknown-key");
     }
     EXPECT_EQ(lint({folder}), expected);
+}
+
+TEST_F(LintPaths, ARedirectBelowTheBaseUrlIsAPassOfItsOwn) {
+    given.baseUrl = "https://h/p/";
+    const auto redirect = [](const std::string& url) {
+        return provisioning(R"(<custom><step type="Redirect" url=")" + url + R"("/></custom>)");
+    };
+    const std::string first = write("provisioning.xml", redirect("https://h/p/site/"));
+    EXPECT_THAT(lint({first}), ElementsAre("provisioning.xml: missing-file"));
+    write("site/provisioning.xml", initial("/nvm.xml"));  // of another version of the format
+    write("nvm.xml", jobFile("/settings.xml"));
+    write("settings.xml", "<settings" + attributes + "><param name=\"Nothing\" value=\"\"/></settings>");
+    EXPECT_THAT(lint({first}), ElementsAre("settings.xml: unknown-key"));
+    EXPECT_EQ(report.files, 4U);
+    write("site/provisioning.xml", settingsFile);
+    EXPECT_THAT(lint({first}), ElementsAre("site/provisioning.xml: initial-root"));
+    write("site/provisioning.xml", redirect("https://h/p/provisioning.xml"));
+    EXPECT_THAT(lint({first}), ElementsAre("site/provisioning.xml: include-loop"));
+    write("provisioning.xml", redirect("https://h/p/site/first.xml"));
+    write("site/first.xml", provisioning("<nvm>" + volume + "</nvm>"));
+    EXPECT_THAT(lint({folder + "/provisioning.xml", folder + "/site/first.xml"}), IsEmpty());
+}
+
+TEST_F(LintPaths, AFileReachedInTwoWaysHasEachFindingOnce) {
+    const std::string first = write("provisioning.xml", provisioning("<category type=\"nvm\" url=\"/nvm.xml\"/>"
+                                                                     "<category type=\"custom\" url=\"/both.xml\"/>",
+                                                                     "1.0"));
+    write("nvm.xml", jobFile("/both.xml"));
+    write("both.xml", "<nvm" + attributes + "><param name=\"Nothing\" value=\"\"/></nvm>");
+    EXPECT_THAT(lint({first}), ElementsAre("both.xml: job-not-allowed", "both.xml: unknown-key"));
+}
+
+TEST_F(LintPaths, OneMissingFileIsReportedOnceForEachPlace) {
+    const std::string first = write("provisioning.xml", initial("/nvm.xml"));
+    write("nvm.xml", "<nvm" + attributes + "><file version=\"V001.000.000\" url=\"/none.xml\"/>\n" +
+                         "<file version=\"V002.000.000\" url=\"/none.xml\"/></nvm>");
+    EXPECT_THAT(lint({first}), ElementsAre("nvm.xml: missing-file", "nvm.xml: missing-file"));
+}
+
+TEST_F(LintPaths, CertificatesAndPhoneBooksHaveTheirOwnLimits) {
+    const std::string first =
+        write("provisioning.xml", provisioning("<custom><step type=\"certificate\" url=\"/ca.pem\"/>"
+                                               "<step type=\"certificate\" url=\"/none.pem\"/></custom>"));
+    write("ca.pem", std::string(1024UL * 1024, 'c'));
+    EXPECT_THAT(lint({first}), ElementsAre("provisioning.xml: missing-file"));
+    write("ca.pem", std::string(1024UL * 1024 + 1, 'c'));
+    EXPECT_THAT(lint({first}), ElementsAre("provisioning.xml: too-large", "provisioning.xml: missing-file"));
+    EXPECT_EQ(report.findings[0].message, "\"" + folder + "/ca.pem\" has 1048577 bytes; the limit is 1048576");
+}
+
+TEST_F(LintPaths, ANameInAnotherCaseIsFineForAFileThatIsIncluded) {
+    const std::string first = write("provisioning.xml", initial("/a/Provisioning.xml"));
+    write("a/Provisioning.xml", jobFile("/settings.xml"));
+    write("settings.xml", settingsFile);
+    EXPECT_THAT(lint({folder}), IsEmpty());
+    given.fetch = [&](const std::string&) { return Fetched{provisioning("<nvm>" + volume + "</nvm>"), ""}; };
+    EXPECT_THAT(lint({"https://h/a/Provisioning.xml"}), IsEmpty());
+}
+
+TEST_F(LintPaths, OddPercentSignsNameNoFile) {
+    write("dir/file", "");
+    for (const std::string url : {"/a%2", "/a%", "/a%-1", "/a%:2", "/a%zz", "/dir"}) {
+        const std::string first = write("provisioning.xml", initial(url));
+        EXPECT_THAT(lint({first}), testing::Contains("provisioning.xml: missing-file")) << url;
+    }
+    EXPECT_THAT(lint({write("provisioning.xml", initial("/a%2eb"))}), ElementsAre("provisioning.xml: missing-file"));
+    write("a.b", jobFile("/settings.xml"));
+    write("settings.xml", settingsFile);
+    EXPECT_THAT(lint({folder + "/provisioning.xml"}), IsEmpty());
+}
+
+TEST_F(LintPaths, EveryPlaceholderNeedsWhatItStandsFor) {
+    write("02:00:5E:10:00:01.xml", jobFile("/settings.xml"));
+    write("desk-7.xml", jobFile("/settings.xml"));
+    write("settings.xml", settingsFile);
+    for (const std::string url : {"/%MACC.xml", "/%DVID.xml"}) {
+        given.phone.reset();
+        const std::string first = write("provisioning.xml", initial(url));
+        EXPECT_THAT(lint({first}), testing::Contains("provisioning.xml: not-followed")) << url;
+        given.phone = Phone{"02:00:5E:10:00:01", {{"System.General.DeviceID", "desk-7"}}};
+        EXPECT_THAT(lint({first}), IsEmpty()) << url;
+    }
+}
+
+TEST_F(LintPaths, AFolderWithTheNameOfAFileIsLookedInto) {
+    write("a.xml/provisioning.xml", provisioning("<nvm>" + volume + "</nvm>"));
+    EXPECT_THAT(lint({folder}), IsEmpty());
+    EXPECT_EQ(report.files, 1U);
+}
+
+TEST_F(LintPaths, AFolderOrFileThatCannotBeReadIsNamed) {
+#ifdef __SANITIZE_ADDRESS__
+    GTEST_SKIP() << "the sanitizer needs descriptors";
+#endif
+    const std::string first = write("provisioning.xml", provisioning("<nvm>" + volume + "</nvm>"));
+    const auto error = [this](const std::string& path, rlim_t descriptors) {
+        const fakes::FewDescriptors few(descriptors);
+        try {
+            lint({path});
+        } catch (const LintException& thrown) {
+            return std::string(thrown.what());
+        }
+        return std::string();
+    };
+    EXPECT_EQ(error(folder, 0), folder + ": cannot be read: Too many open files");
+    EXPECT_EQ(error(first, 0), first + ": cannot be opened: Too many open files");
+    EXPECT_EQ(error("/proc/self/mem", 10), "/proc/self/mem: cannot be read: Input/output error");
+    // The key is read through one descriptor, and there is none left for the file that openssl reads.
+    given.keyFile = write("key", "phrase\n");
+    write("provisioning.xml", "Salted__" + std::string(24, 'x'));
+    EXPECT_EQ(error(first, 1), "no file in memory can be made: Too many open files");
+}
+
+TEST_F(LintPaths, WhatIsEncryptedMayBeginWithAByteOrderMark) {
+    given.keyFile = write("key", "phrase\n");
+    const auto encrypted = [this](const std::string& text, const std::string& options) {
+        const std::string plain = write("plain", text);
+        os::execute("openssl enc " + options + " -in " + plain + " -out " + folder +
+                        "/provisioning.xml -pass file:" + folder + "/key 2>/dev/null",
+                    std::chrono::seconds(20));
+        return folder + "/provisioning.xml";
+    };
+    const std::string text = provisioning("<nvm>" + volume + "</nvm>");
+    std::string wide = "\xFF\xFE";
+    for (const char c : text) wide += {c, '\0'};
+    std::string otherWide = "\xFE\xFF";
+    for (const char c : text) otherWide += {'\0', c};
+    for (const std::string& plain : {"\xEF\xBB\xBF" + text, " \n" + text, wide, otherWide}) {
+        EXPECT_THAT(lint({encrypted(plain, "-aes-128-cbc")}), IsEmpty());
+    }
+    EXPECT_THAT(lint({encrypted("not XML", "-aes-128-cbc")}), ElementsAre("provisioning.xml: wrong-key"));
+    EXPECT_THAT(lint({encrypted(" ", "-aes-128-cbc")}), ElementsAre("provisioning.xml: wrong-key"));
+    EXPECT_THAT(lint({encrypted("not XML", "-aes-256-cbc")}), ElementsAre("provisioning.xml: wrong-key"));
+    given.baseUrl = "http://h/";  // what is encrypted may hold secrets
+    const std::string secret = provisioning(R"(<nvm><param name="System.Web.AdminPassword" value="secret"/></nvm>)");
+    EXPECT_THAT(lint({encrypted(secret, "-aes-128-cbc")}), IsEmpty());
+}
+
+TEST_F(LintPaths, ADescriptionThatIsNotUnderstoodAllowsAnyValue) {
+    auto settings = std::make_shared<Settings>();
+    Json::Value description;
+    settings->add(description);
+    description["param"] = "A.B";
+    settings->add(description);
+    EXPECT_EQ(settings->size(), 0U);
+    description["type"] = "colour";  // of a newer service
+    description["depth"] = 24;
+    description["refusedSources"].append(7);
+    settings->add(description);
+    ASSERT_NE(settings->find("A.B"), nullptr);
+    EXPECT_EQ(settings->find("A.B")->rule("any"), "");
+    EXPECT_FALSE(settings->find("A.B")->refuses("7"));
+    description["param"] = 7;
+    settings->add(description);
+    settings->add("text");
+    EXPECT_EQ(settings->size(), 1U);
 }
 
 TEST_F(LintPaths, ADescribedKeyIsCheckedLikeACatalogues) {

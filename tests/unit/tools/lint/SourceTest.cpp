@@ -2,6 +2,8 @@
 
 #include <gtest/gtest.h>
 
+#include "lint/Remedies.h"
+#include "lint/Scan.h"
 #include "lint/Spelling.h"
 
 namespace lint {
@@ -42,6 +44,61 @@ TEST(Source, ColumnsInBytesBecomeOffsets) {
     EXPECT_EQ(text.offsetOf(2, 3), 5U);
     EXPECT_EQ(text.offsetOf(2, 2), 3U) << "not within a character";
     EXPECT_EQ(text.offsetOf(9, 1), 6U);
+}
+
+TEST(Source, OfAVeryLongLineTheNeighbourhoodIsShown) {
+    const std::string before(100000, ' ');
+    const std::string text = "<a>" + before + "<param name='Secret.Key' value='hidden'/>" + before;
+    EXPECT_EQ(source(text).excerptAt(before.size() + 40).text.find("hidden"), std::string::npos);
+    EXPECT_NE(source(text).excerptAt(before.size() + 40).text.find("value='***'"), std::string::npos);
+    EXPECT_EQ(source("x\n" + std::string(100000, 'a') + "\nb").excerptAt(100003).text, "b");
+    EXPECT_EQ(source("one").offsetOf(0, 1), 3U);
+}
+
+TEST(Source, PinsAndPasswordsAreSecretsWithoutACatalogue) {
+    for (const char* const name : {"Phone.PIN", "Phone.Pin", "pin", "My.PassWord", "A.Token"}) {
+        EXPECT_TRUE(soundsSecret(name)) << name;
+        const std::string text = "<param name='" + std::string(name) + "' value='1234'/>";
+        EXPECT_EQ(source(text).excerptAt(0).text.find("1234"), std::string::npos) << name;
+    }
+    EXPECT_FALSE(soundsSecret("Phone.Pins"));
+    EXPECT_EQ(source("<a b='me@server' c").excerptAt(0).text, "<a b='me@server' c");
+    EXPECT_EQ(source("<a b").excerptAt(0).text, "<a b");
+    EXPECT_EQ(source("<a b=").excerptAt(0).text, "<a b=");
+}
+
+TEST(Scan, FindsElementsBehindADocumentType) {
+    const std::string text =
+        "<?xml version='1.0'?><!DOCTYPE a SYSTEM \"b>c\" [<!ELEMENT x '>'><!-- ]> --><?y ]>?>]>"
+        "<a b='1>'\tc = \"2\"\r><d/></a>";
+    const Places places = scan(text);
+    ASSERT_EQ(places.elements.size(), 2U);
+    EXPECT_EQ(text.substr(places.elements[0].name, 1), "a");
+    EXPECT_EQ(text.substr(places.elements[1].name, 1), "d");
+    ASSERT_EQ(places.elements[0].attributeCount, 2U);
+    EXPECT_EQ(text.substr(places.attributes[1].name, 1), "c");
+    EXPECT_EQ(text.substr(places.attributes[1].value, 1), "2");
+}
+
+TEST(Scan, TextThatEndsAnywhereHasNoPlaceBehindItsEnd) {
+    const std::string whole =
+        "<?x?><!DOCTYPE a 'b' [<!-- c --><?d?>]><a b='1' c=\"2\"><![CDATA[e]]><f/></a><= '1'><g 'h'>";
+    for (std::size_t size = 0; size <= whole.size(); ++size) {
+        const Places places = scan(whole.substr(0, size));
+        for (const ElementPlace& element : places.elements) {
+            EXPECT_LE(element.nameEnd, size);
+            EXPECT_LE(element.firstAttribute + element.attributeCount, places.attributes.size());
+        }
+        for (const AttributePlace& attribute : places.attributes) EXPECT_LE(attribute.value, size);
+    }
+}
+
+TEST(Remedies, AreQuotedWithinTheirBounds) {
+    EXPECT_EQ(quoted("a\x7F\nb"), "\"a  b\"");
+    const std::string letters(79, 'a');
+    EXPECT_EQ(quoted(letters + "\u00FCbc"), "\"" + letters + "\u00FC...\"");
+    EXPECT_EQ(unknownPlaceholder("/a%4/"), "%4/");
+    EXPECT_EQ(unknownPlaceholder("/a%2?b"), "%2?b");
 }
 
 TEST(Utf8, TheFirstInvalidByteIsFound) {

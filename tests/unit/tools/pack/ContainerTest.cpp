@@ -101,6 +101,7 @@ INSTANTIATE_TEST_SUITE_P(Keys, KeyFile,
                          testing::Values(KeyRow{"OneLine", "abc\n", "abc", ""}, KeyRow{"NoLineEnd", "abc", "abc", ""},
                                          KeyRow{"CarriageReturn", "abc\r\n", "abc\r", "carriage return"},
                                          KeyRow{"Blank", "abc \n", "abc ", "ends with a blank"},
+                                         KeyRow{"Tab", "abc\t\n", "abc\t", "ends with a blank"},
                                          KeyRow{"SecondLine", "abc\ndef\n", "abc", "only the first line"},
                                          KeyRow{"ByteOrderMark",
                                                 "\xef\xbb\xbf"

@@ -27,9 +27,10 @@ TEST(FileKind, ARootThatThePhoneVerifiesMakesAProvisioningFile) {
 }
 
 TEST(FileKind, WhatPrecedesTheRootIsSkipped) {
-    for (const std::string before : {"\xef\xbb\xbf", " \r\n\t", "<?xml version=\"1.0\"?>\n", "<!-- <nothing> -->",
-                                     "<!DOCTYPE a>", "<!DOCTYPE a [<!ELEMENT a (b)> <!-- ] ' --> <?x ] \" ?> ]>",
-                                     "<!DOCTYPE a SYSTEM \"b>c\">", "<?a?><!--b--><?c d?>"}) {
+    for (const std::string before :
+         {"\xef\xbb\xbf", " \r\n\t", "<?xml version=\"1.0\"?>\n", "<!-- <nothing> -->", "<!DOCTYPE a>",
+          "<!DOCTYPE a [<!ELEMENT a (b)> <!-- ] ' --> <?x ] \" ?> ]>", "<!DOCTYPE a SYSTEM \"b>c\">",
+          "<!DOCTYPE a SYSTEM 'b>c'>", "<?a?><!--b--><?c d?>"}) {
         EXPECT_EQ(classify("a.xml", before + "<nvm/>").kind, FileKind::provisioning) << before;
     }
     for (const bool little : {true, false}) {
@@ -54,7 +55,8 @@ TEST(FileKind, AFileThatSeemsMeantToBeOneIsAProblem) {
     EXPECT_THAT(classify("x/provisioning.xml", "<contacts/>").problem, HasSubstr("\"contacts\""));
     EXPECT_THAT(classify("provisioning.xml", "<a\xe0\x97\xb1/>").problem, HasSubstr("\"a\\xe0"));
     EXPECT_THAT(classify("a.xml", "").problem, HasSubstr("empty"));
-    for (const std::string text : {"not XML", "<!-- never ends", "<?xml", "\x1f\x8b"}) {
+    for (const std::string text :
+         {"not XML", "<!-- never ends", "<?xml", "\x1f\x8b", "\xef\xbb\xbf", "<!DOCTYPE nvm [", "< nvm/>"}) {
         EXPECT_THAT(classify("A.XML", text).problem, HasSubstr("not an XML document")) << text;
     }
 }

@@ -225,5 +225,119 @@ TEST_F(FleetTest, InputsInsideTheOutputFolderAreRefused) {
     EXPECT_THAT(errorOf([this] { run(); }), HasSubstr("t.csv: is inside"));
 }
 
+TEST_F(FleetTest, ColumnsThatStandForTheAddressTwiceAreRefused) {
+    const auto error = [this] { return errorOf([this] { run(); }); };
+    table("mac,MAC,name\n02:00:5E:10:00:01,02:00:5E:10:00:01,One\n");
+    EXPECT_THAT(error(), HasSubstr("t.csv: two columns are named mac"));
+    table("Mac,MACD\n02:00:5E:10:00:01,One\n");
+    EXPECT_THAT(error(), HasSubstr("t.csv: a column is named MACD, which column Mac stands for already"));
+    EXPECT_FALSE(exists("out"));
+}
+
+TEST_F(FleetTest, ATableNeedsNoAddresses) {
+    table("name\nab\ncd\n");
+    write("in/phone.xml", "<nvm><param name=\"n\" value=\"{name}\"/></nvm>");
+    options.place = "{name}.xml";
+    const FleetResult result = run();
+    EXPECT_THAT(result.failures, IsEmpty());
+    EXPECT_THAT(result.warnings, IsEmpty());
+    EXPECT_THAT(decrypted("out/cd.xml"), HasSubstr("value=\"cd\""));
+}
+
+TEST_F(FleetTest, AddressesThatDifferOnlyInCaseFailBoth) {
+    table("mac,name\n02:00:5E:10:00:0A,a\n02:00:5e:10:00:0a,b\n02:00:5E:10:00:01,c\n");
+    EXPECT_THAT(failures(), ElementsAre("2 row 3 writes the same address in another way",
+                                        "3 row 2 writes the same address in another way"));
+    EXPECT_THAT(tree("out"), SizeIs(2));
+}
+
+TEST_F(FleetTest, PathsWithEmptyOrLongStepsFail) {
+    options.place = "{name}//p.xml";
+    table("mac,name\n02:00:5E:10:00:01,a\n");
+    EXPECT_THAT(failures(), ElementsAre(HasSubstr("2 a step of the path is empty or begins with \".\": a//p.xml")));
+    options.place = "{name}.xml";
+    table("mac,name\n02:00:5E:10:00:01," + std::string(252, 'n') + "\n02:00:5E:10:00:02," + std::string(251, 'n') +
+          "\n");
+    EXPECT_THAT(failures(), ElementsAre(HasSubstr("2 a name of more than 255 bytes: nnn")));
+}
+
+class FleetOfAFolder : public FleetTest {
+ protected:
+    FleetOfAFolder() {
+        write("t/{MACD}/provisioning.xml", templateXml);
+        write("t/common/settings.xml", "<settings/>");
+        options.templatePath = root + "/t";
+        options.place = "";
+    }
+    std::string error() const {
+        return errorOf([this] { run(); });
+    }
+};
+
+TEST_F(FleetOfAFolder, ARowCannotReplaceAFileForAllRows) {
+    write("t/{name}/settings.xml", "<settings/>");
+    table("mac,name\n02:00:5E:10:00:01,common\n02:00:5E:10:00:02,b\n");
+    EXPECT_THAT(failures(), ElementsAre("2 common/settings.xml is also a file for all rows"));
+    EXPECT_FALSE(exists("out/02-00-5E-10-00-01"));
+    EXPECT_TRUE(exists("out/02-00-5E-10-00-02"));
+}
+
+TEST_F(FleetOfAFolder, AMistakeInAFileForAllRowsWritesNothing) {
+    options.check = [](const std::string& name, const std::string&) {
+        return std::vector<Finding>{{name, 1, name == "common/settings.xml", "no such setting"}};
+    };
+    EXPECT_EQ(error(), "common/settings.xml:1: error: no such setting");
+    EXPECT_FALSE(exists("out"));
+    options.check = nullptr;
+    write("out/common/settings.xml/file", "");
+    EXPECT_THAT(error(), HasSubstr("/out/common/settings.xml is a folder"));
+    EXPECT_THAT(tree("out"), SizeIs(3));
+}
+
+TEST_F(FleetOfAFolder, AnErrorInOneOfSeveralFilesIsNotThatOfAllRows) {
+    write("t/{MACD}/note.txt", "{name}");
+    table("mac,name\n02:00:5E:10:00:01,One\n02:00:5E:10:00:02,\x01\n02:00:5E:10:00:03,Three\n");
+    options.check = [](const std::string& name, const std::string& bytes) {
+        std::vector<Finding> findings;
+        if (bytes.find("One") != std::string::npos) findings.push_back({name, 1, true, "no such value"});
+        return findings;
+    };
+    EXPECT_THAT(failures(), ElementsAre(HasSubstr("2 02-00-5E-10-00-01/provisioning.xml:1: error: no such value"),
+                                        HasSubstr("3 name has a control character")));
+    EXPECT_TRUE(exists("out/02-00-5E-10-00-03/note.txt"));
+}
+
+TEST_F(FleetOfAFolder, TemplatesThatCannotBeUsedAreRefused) {
+    options.place = "{name}.xml";
+    EXPECT_THAT(error(), HasSubstr("/t: is a folder; --name is for a single file"));
+    options.place = "";
+    std::filesystem::create_symlink("/etc/passwd", root + "/t/x");
+    EXPECT_THAT(error(), HasSubstr("/t/x: a symbolic link that leads out of the folder"));
+    std::filesystem::remove(root + "/t/x");
+    write("t/{name}.xml", encrypt("<nvm/>", passPhrase));
+    EXPECT_THAT(error(), HasSubstr("/t/{name}.xml: is encrypted; a template must be plain"));
+    options.templatePath = root + "/t/common/settings.xml";
+    EXPECT_THAT(error(), HasSubstr("no file of the template has a placeholder in its place, such as "
+                                   "{mac}/provisioning.xml; a single file gets one with --name"));
+    EXPECT_FALSE(exists("out"));
+}
+
+TEST_F(FleetTest, ATemplateMayDeclareThatItIsUtf8) {
+    const std::string body = "<nvm><param name=\"n\" value=\"{name}\"/></nvm>";
+    for (const std::string declaration : {"<?xml version='1.0'?>", "<?xml version='1.0' encoding=\"utf-8\"?>"}) {
+        write("in/phone.xml", declaration + body);
+        run();
+        EXPECT_THAT(decrypted("out/02-00-5E-10-00-01/provisioning.xml"), testing::StartsWith(declaration + "<nvm>"));
+    }
+}
+
+TEST_F(FleetTest, AFileThatPhonesRefuseForItsSizeFailsItsRow) {
+    write("in/phone.xml", "<nvm a=\"{name}\"><!--" + std::string(16UL * 1024 * 1024 - 100, ' ') + "--></nvm>");
+    table("mac,name\n02:00:5E:10:00:01," + std::string(100, 'n') + "\n02:00:5E:10:00:02,b\n");
+    EXPECT_THAT(failures(), ElementsAre("2 02-00-5E-10-00-01/provisioning.xml is too large: phones refuse more than 16 "
+                                        "MiB, encrypted"));
+    EXPECT_TRUE(exists("out/02-00-5E-10-00-02/provisioning.xml"));
+}
+
 }  // namespace
 }  // namespace pack

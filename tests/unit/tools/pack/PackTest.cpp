@@ -256,6 +256,48 @@ TEST_F(Packing, ACopyOfTheKeyIsNeverPublished) {
     EXPECT_FALSE(run().refused);
 }
 
+TEST_F(Packing, PathsAreComparedHoweverTheyAreWritten) {
+    options.to = options.from + "/";
+    EXPECT_THAT(errorOf([this] { run(); }), HasSubstr("is the folder that is read"));
+    options.to = "";
+    EXPECT_THAT(errorOf([this] { run(); }), HasSubstr("an empty path names no file"));
+    std::filesystem::create_symlink("circle", root + "/circle");
+    options.to = root + "/circle/out";
+    EXPECT_THAT(errorOf([this] { run(); }), HasSubstr("/circle/out: cannot be examined: Too many levels"));
+}
+
+TEST_F(Packing, LinksToHiddenFilesAndVeryDeepFoldersAreRefused) {
+    write("in/.git/config", "x");
+    std::filesystem::create_symlink(".git/config", root + "/in/x");
+    refused("x", "a symbolic link to a hidden file, which is not published");
+    std::filesystem::remove(root + "/in/x");
+    std::string deep = "d";
+    while (deep.size() < 127) deep += "/d";
+    write("in/" + deep + "/file", "x");
+    refused(deep, "folders inside each other more than 64 deep");
+}
+
+TEST_F(Packing, AFolderOfMistakesOnlyNamesThem) {
+    std::filesystem::remove_all(options.from);
+    std::filesystem::create_directory(options.from);
+    std::filesystem::create_symlink("nowhere", root + "/in/x");
+    const Result result = run();
+    EXPECT_TRUE(result.refused);
+    EXPECT_EQ(toText(result.findings.at(0)).find("x: error: a symbolic link that leads nowhere"), 0U);
+    EXPECT_EQ(toText({"x", 2, false, "suspicious", true, 3, "rule"}), "x:2:3: warning: suspicious [rule]");
+}
+
+TEST_F(Packing, ADryRunOfUnpackWritesNothing) {
+    run();
+    Options back;
+    back.from = options.to;
+    back.to = root + "/back";
+    back.keyFile = options.keyFile;
+    back.dryRun = true;
+    EXPECT_THAT(unpack(back).decrypted, ElementsAre("02/provisioning.xml"));
+    EXPECT_FALSE(exists("back"));
+}
+
 TEST_F(Packing, AMissingFolderIsNamed) {
     options.from = root + "/none";
     EXPECT_THAT(errorOf([this] { run(); }), HasSubstr(root + "/none: cannot be opened"));

@@ -35,6 +35,13 @@ TEST_F(TableTest, ReadsQuotesLineBreaksAndBothLineEnds) {
     EXPECT_EQ(table.rows[2].line, 6U);
 }
 
+TEST_F(TableTest, TheLastFieldMayEndWithItsQuote) {
+    const Table table = parseTable("a\n\"1\"", "t.csv");
+    EXPECT_THAT(table.columns, ElementsAre("a"));
+    ASSERT_THAT(table.rows, SizeIs(1));
+    EXPECT_THAT(table.rows[0].fields, ElementsAre("1"));
+}
+
 TEST_F(TableTest, AMistakeInOneRowIsTheRowsProblem) {
     const Table table = parseTable("a,b\n1\n1,2,3\n1,\xff\n1,2\n", "t.csv");
     ASSERT_THAT(table.rows, SizeIs(4));
@@ -48,6 +55,7 @@ TEST_F(TableTest, MistakesThatLeaveTheRowsOpenAreErrorsWithTheLine) {
     EXPECT_THAT(errorIn("a,b\n1,2\n\"3,4\n5,6\n"), HasSubstr("t.csv:3: the quote that begins a field here never ends"));
     EXPECT_THAT(errorIn("a,b\n1,2\"\n"), HasSubstr("t.csv:2: a quote inside a field"));
     EXPECT_THAT(errorIn("a,b\n\"1\n\"x,2\n"), HasSubstr("t.csv:3: text behind the quote"));
+    EXPECT_THAT(errorIn("a,b\n1,\"2\"\r"), HasSubstr("t.csv:2: a carriage return without a line feed"));
     EXPECT_THAT(errorIn("a,b\r1,2\r"), HasSubstr("t.csv:1: a carriage return without a line feed"));
 }
 
@@ -58,6 +66,12 @@ TEST_F(TableTest, ColumnsMustBeNamedAndDifferent) {
     EXPECT_THAT(errorIn("a,b,a\n1,2,3\n"), HasSubstr("two columns are named \"a\""));
     EXPECT_THAT(errorIn("a,{b}\n1,2\n"), HasSubstr("has a brace"));
     EXPECT_THAT(errorIn("a;b\n1;2\n"), HasSubstr("separate columns with commas"));
+    EXPECT_THAT(errorIn("a\tb\n1\t2\n"), HasSubstr("separate columns with commas"));
+    EXPECT_THAT(errorIn("a,\xff\n1,2\n"), HasSubstr("the name of column 2 has control characters or is not UTF-8"));
+    EXPECT_THAT(errorIn("a,\"b\nc\"\n1,2\n"), HasSubstr("the name of column 2 has control characters"));
+    for (const char* const mark : {"\xff\xfe", "\xfe\xff"}) {
+        EXPECT_THAT(errorIn(mark + std::string("a,b\n1,2\n")), HasSubstr("is UTF-16; save the table as CSV in UTF-8"));
+    }
     EXPECT_THAT(errorIn(std::string("\xff\xfe"
                                     "a\0",
                                     4)),
@@ -79,6 +93,7 @@ TEST_F(TableTest, ValuesAreEscapedForXml) {
     EXPECT_EQ(escapedForXml("a<b>&\"'\t\n\r\xc3\xa9"), "a&lt;b&gt;&amp;&quot;&apos;&#9;&#10;&#13;\xc3\xa9");
     EXPECT_THAT(errorOf([] { escapedForXml("a\x01"); }), HasSubstr("control character"));
     EXPECT_THAT(errorOf([] { escapedForXml("\xef\xbf\xbf"); }), HasSubstr("XML cannot hold"));
+    EXPECT_THAT(errorOf([] { escapedForXml("\xef\xbf\xbe"); }), HasSubstr("XML cannot hold"));
 }
 
 TEST_F(TableTest, MacAddressesOfDevicesOnly) {

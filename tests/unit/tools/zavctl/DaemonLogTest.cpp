@@ -163,6 +163,16 @@ TEST_F(JournalTest, AnEmptyJournalIsReadFromItsBeginning) {
     EXPECT_THAT(linesOf(log), ElementsAre("a"));
 }
 
+TEST_F(JournalTest, LinesThatAreNotEntriesAreSkipped) {
+    append(path, "-- No entries --\n");
+    const DaemonLog log("");
+    append(path, "[1]\nnot JSON\n");
+    entry("s=1;i=2", "[97,\"x\",98]");
+    EXPECT_THAT(linesOf(log), ElementsAre("ab"));
+    replace(path, "[1]\n");
+    EXPECT_THAT(errorOf(DaemonLog("")), HasSubstr("the journal has no line of this pass"));
+}
+
 TEST_F(JournalTest, SaysHowToReadAJournalThatItMayNotRead) {
     EXPECT_THAT(errorOf(DaemonLog("")), HasSubstr("run zavctl as root or in the group systemd-journal, or name"));
     setScript("exit 1\n");

@@ -143,6 +143,31 @@ TEST_F(PassProgressTest, ALineEveryTenSecondsElsewhere) {
     EXPECT_EQ(printed(), "") << "the next one is due after 50 s";
 }
 
+TEST_F(PassProgressTest, LinesHaveTheUnitThatSuitsThem) {
+    phone.terminal = false;
+    const Environment pipe = environment();
+    for (const auto& [total, text] : {std::pair(99999U, "1 of 99999 bytes"), std::pair(100000U, "0 of 100 kB"),
+                                      std::pair(100000000U, "0 of 100 MB")}) {
+        PassProgress progress(pipe, false);
+        progress.show("", {job("firmware", 1, total, "bytes")}, seconds(100000));
+        EXPECT_EQ(printed(), "zavctl: firmware: " + std::string(text) + ", 100000 s\n");
+    }
+}
+
+TEST_F(PassProgressTest, AJobThatBeginsAgainHasANewBar) {
+    const Environment terminal = environment();
+    PassProgress progress(terminal, false);
+    progress.show("Provisioning", {job("nvm", 50, 100, "items")}, seconds(0));
+    time += seconds(10);
+    printed();
+    progress.show("Provisioning", {job("nvm", 10, 100, "items")}, seconds(10));
+    EXPECT_EQ(printed(), "\r\x1b[K\r[##                  ] 10/100 settings\x1b[K");
+    progress.show("Provisioning", {job("nvm", 10, 100, "bytes")}, seconds(10));
+    EXPECT_NE(printed().find("10/100 bytes nvm"), std::string::npos);
+    progress.show("Provisioning", {job("nvm", 0, 100, "bytes")}, seconds(10));
+    EXPECT_NE(printed().find("Provisioning … 10 s"), std::string::npos);
+}
+
 TEST_F(PassProgressTest, EventsWithJson) {
     const Environment terminal = environment();
     PassProgress progress(terminal, true);

@@ -41,6 +41,21 @@ TEST_F(ProgressBarTest, ShowsShareRateAndTimeLeft) {
               "\r[                    ] 26,000/1,000,000 rows, 1,300 rows/s, 12 min 30 s left\x1b[K");
 }
 
+TEST_F(ProgressBarTest, LongTimesAreShownInHours) {
+    drawn(0, 100000);
+    time += std::chrono::seconds(10);
+    EXPECT_EQ(drawn(100, 100000), "\r[                    ] 100/100,000 rows, 10 rows/s, 2 h 46 min left\x1b[K");
+}
+
+TEST_F(ProgressBarTest, SmallFilesAreCountedInBytesAndKilobytes) {
+    bar.show(0, 900, "bytes", "nvm");
+    EXPECT_EQ(stream.str(), "\r[                    ] 0/900 bytes nvm\x1b[K");
+    stream.str("");
+    time += std::chrono::seconds(1);
+    bar.show(0, 900, "bytes", "nvm");
+    EXPECT_EQ(stream.str(), "\r[                    ] 0/900 bytes nvm\x1b[K") << "no rate as long as nothing came";
+}
+
 TEST_F(ProgressBarTest, DrawsAtMostTenTimesASecondAndAlwaysTheEnd) {
     EXPECT_NE(drawn(1, 3), "");
     time += std::chrono::milliseconds(99);

@@ -1,5 +1,6 @@
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
+#include <stdlib.h>
 
 #include <algorithm>
 #include <filesystem>
@@ -180,6 +181,39 @@ TEST_F(Provision, SaysWhyTheReasonsAreUnknown) {
     EXPECT_EQ(phone.run({"provision", "--wait", "--log", log, "--json"}), ExitCode::failed);
     EXPECT_THAT(phone.json()["reasonsUnknown"].asString(), HasSubstr("cannot be read: No such file or directory"));
     EXPECT_EQ(phone.json()["reasons"].size(), 0U);
+}
+
+// A journalctl that is asked where the journal ends, then has half of the pass, then all of it.
+TEST_F(Provision, WaitsForTheJournalToHaveTheEndOfThePass) {
+    const std::string folder = testing::TempDir() + "lagging-journal";
+    std::filesystem::create_directories(folder);
+    std::filesystem::remove(folder + "/asked");
+    const auto entry = [](const std::string& line) { return "{\"__CURSOR\":\"s\",\"MESSAGE\":\"" + line + "\"}\n"; };
+    std::ofstream(folder + "/half") << entry("T ZAV " + started) << entry("T ZAV error a/b:2 Broken");
+    std::ofstream(folder + "/rest") << entry("T ZAV " + finished);
+    std::ofstream(folder + "/journalctl") << "#!/bin/sh\ncd " << folder
+                                          << "\ncase \"$*\" in *'-n 1'*) exit ;; esac\n"
+                                             "cat half\nif [ -e asked ]; then cat rest; fi\necho >>asked\n";
+    std::filesystem::permissions(folder + "/journalctl", std::filesystem::perms::owner_all);
+    const std::string before = std::getenv("PATH");
+    ::setenv("PATH", (folder + ":" + before).c_str(), 1);
+    answerWith("fail", "200");
+    EXPECT_EQ(phone.run({"provision", "--wait"}), ExitCode::failed);
+    ::setenv("PATH", before.c_str(), 1);
+    EXPECT_EQ(printedReasons(), "error    Broken\n");
+    std::ifstream asked(folder + "/asked");
+    EXPECT_EQ(std::count(std::istreambuf_iterator<char>(asked), {}, '\n'), 2);
+}
+
+TEST_F(Provision, AnAnswerThatIsNotAStatusIsNotShown) {
+    phone.properties->put("System.Provision.ProvisioningServer", "");
+    std::vector<std::string> lines{started};
+    for (int i = 0; i < 4; ++i) lines.push_back("warning a/b:1 Property '" + std::to_string(i) + "': unknown key: x");
+    lines.push_back(finished);
+    answerWith("fail", "", lines);
+    EXPECT_EQ(phone.run({"provision", "--wait", "--log", log}), ExitCode::failed);
+    EXPECT_THAT(phone.out.str(), testing::StartsWith("fail (HTTP -, "));
+    EXPECT_THAT(phone.out.str(), HasSubstr("hint     zavctl lint --as running URL shows all mistakes"));
 }
 
 TEST_F(Provision, ControlBytesOfTheLogAreEscaped) {

@@ -131,6 +131,55 @@ TEST_F(Publish, ErrorsOfTheWholeCommandNameThePath) {
     EXPECT_THAT(phone.json()["reason"].asString(), HasSubstr("key: the first line is empty"));
 }
 
+TEST_F(Publish, WarningsAndNotesKeepNothingBack) {
+    const std::string lower = "<param name=\"Telephony.Accounts.0.DisplayName\" value=\"a \"/>";
+    write("in/provisioning.xml",
+          "<provisioning version=\"1.1\" productID=\"kd4v\">\n<nvm>" + lower + "</nvm></provisioning>\n");
+    EXPECT_EQ(pack({"--json"}), ExitCode::done);
+    const Json::Value result = phone.json();
+    EXPECT_EQ(result["findings"][0]["level"], "warning");
+    EXPECT_EQ(result["written"], true);
+    EXPECT_EQ(pack({"--json", "--dry-run"}), ExitCode::done);
+    EXPECT_EQ(phone.json()["written"], false);
+}
+
+TEST_F(Publish, WhatForceCannotPublishIsNotOfferedByForce) {
+    std::filesystem::create_symlink("/etc/passwd", folder + "in/x");
+    write("in/b.xml", "");
+    EXPECT_EQ(pack(), ExitCode::failed);
+    EXPECT_THAT(phone.err.str(), testing::EndsWith("zavctl: nothing was written: 2 errors\n"));
+    EXPECT_EQ(pack({"--force"}), ExitCode::failed);
+    EXPECT_FALSE(std::filesystem::exists(folder + "out"));
+}
+
+TEST_F(Publish, ADryRunSaysWhatWouldBeRemovedAndWritten) {
+    EXPECT_EQ(pack(), ExitCode::done);
+    std::filesystem::remove(folder + "in/a.img");
+    EXPECT_EQ(pack({"--delete", "--dry-run"}), ExitCode::done);
+    EXPECT_EQ(phone.out.str(), "removed    a.img\n0 files would be written, 1 unchanged, 1 would be removed.\n");
+    EXPECT_TRUE(std::filesystem::exists(folder + "out/a.img"));
+    std::filesystem::remove_all(folder + "out");
+    EXPECT_EQ(fleet({"--dry-run"}), ExitCode::done);
+    EXPECT_EQ(phone.out.str(), "2 of 2 rows: 2 files would be written, 0 unchanged.\n");
+    EXPECT_EQ(fleet({"--dry-run", "--json"}), ExitCode::done);
+    EXPECT_EQ(phone.json()["written"], 0);
+    EXPECT_EQ(phone.json()["changed"], 2);
+    EXPECT_FALSE(std::filesystem::exists(folder + "out"));
+}
+
+TEST_F(Publish, ErrorsOfAFleetAsAWholeAndItsWarnings) {
+    write("t.csv", "mac,volume\n02:00:5e:10:00:0a,1\n");
+    EXPECT_EQ(fleet(), ExitCode::done);
+    EXPECT_THAT(phone.err.str(), HasSubstr("zavctl: warning: " + folder + "t.csv: MAC addresses in lower case"));
+    write("t.csv", "mac,volume\n");
+    EXPECT_EQ(fleet(), ExitCode::failed);
+    EXPECT_EQ(phone.err.str(), "zavctl: " + folder + "t.csv: the table has no rows below the names of the columns\n");
+    write("t.csv", "mac,volume\nx,1\n");
+    EXPECT_EQ(fleet({"--errors", folder + "none/errors"}), ExitCode::failed);
+    EXPECT_EQ(phone.err.str(),
+              "zavctl: " + folder + "none/errors: the rows that failed cannot be written: No such file or directory\n");
+}
+
 TEST_F(Publish, UnpackIsTheWayBack) {
     EXPECT_EQ(pack(), ExitCode::done);
     EXPECT_EQ(run({"unpack", folder + "out", "--to", folder + "back"}), ExitCode::done);

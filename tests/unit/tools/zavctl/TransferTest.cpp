@@ -382,6 +382,16 @@ TEST_F(Transfer, BackupReadsAllPagesOfUncataloguedKeys) {
     EXPECT_EQ(readSettings(path).size(), 2504U);
 }
 
+TEST_F(Transfer, RestorePrintsJson) {
+    const std::string path = file(R"("Audio.Tone": "x", "Web.Password": "secret", "No.Such": "1")");
+    EXPECT_EQ(run({"restore", path, "--json"}), ExitCode::done);
+    EXPECT_THAT(out.str(), HasSubstr(R"("applied":true)"));
+    EXPECT_THAT(out.str(), HasSubstr("Audio.Tone"));
+    EXPECT_THAT(out.str(), Not(HasSubstr("secret")));
+    EXPECT_THAT(err.str(), HasSubstr("No.Such skipped: this phone has no such setting"));
+    EXPECT_EQ(value("Audio.Tone"), "x\n");
+}
+
 TEST_F(Transfer, RestoreSkipsUnknownKeys) {
     EXPECT_EQ(run({"restore", file(R"("Gone.Key": "1", "Audio.Volume": "9", "Serial": "43")")}), ExitCode::done);
     EXPECT_THAT(err.str(), HasSubstr("zavctl: Gone.Key skipped: this phone has no such setting\n"));
