@@ -12,6 +12,7 @@ enum class Call {
     getaddrinfo,
     pidfd_open,
     poll,
+    pread,
     pthread_create,
     read,
     waitid,
