@@ -22,6 +22,7 @@
 #include "http/Curl.h"
 #include "ipc/IPCFactory.h"
 #include "propertyapi/PropertyApiBuilder.h"
+#include "security/ErrorTexts.h"
 #include "security/Security.h"
 #include "xml/Library.h"
 
@@ -85,6 +86,7 @@ int run() {
 int main() {
     common::occupyStandardDescriptors();
     common::useOneHeap();
+    zav::omitErrorTexts();
     try {
         return run();
     } catch (...) {

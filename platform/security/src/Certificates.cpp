@@ -4,6 +4,7 @@
 #include <openssl/bio.h>
 #include <openssl/err.h>
 #include <openssl/pem.h>
+#include <openssl/sha.h>
 #include <openssl/x509.h>
 #include <sys/stat.h>
 #include <unistd.h>
@@ -35,6 +36,10 @@ struct Free {
     throw std::system_error(errno, std::generic_category(), "Cannot read " + path);
 }
 
+[[noreturn]] void throwTooLong(const std::string& path) {
+    throw std::runtime_error("Cannot read " + path + ": too long");
+}
+
 std::unique_ptr<X509, Free> parse(const std::string& der) {
     if (der.size() > static_cast<std::size_t>(std::numeric_limits<long>::max())) return nullptr;
     const auto* at = reinterpret_cast<const unsigned char*>(der.data());
@@ -46,35 +51,52 @@ std::unique_ptr<X509, Free> parse(const std::string& der) {
 
 }  // namespace
 
-std::string readFile(const std::string& path, std::size_t limit, Links links) {
+int openFile(const std::string& path, std::size_t limit, Links links) {
     const int noFollow = links == Links::refuse ? O_NOFOLLOW : 0;
-    const common::Descriptor file(::open(common::rooted(path).c_str(), O_RDONLY | O_CLOEXEC | O_NONBLOCK | noFollow));
+    common::Descriptor file(::open(common::rooted(path).c_str(), O_RDONLY | O_CLOEXEC | O_NONBLOCK | noFollow));
     if (file.get() < 0) throwReadError(path);
     struct stat status {};
     if (::fstat(file.get(), &status) != 0) throwReadError(path);
     if (!S_ISREG(status.st_mode)) throw std::runtime_error("Cannot read " + path + ": not a regular file");
+    if (static_cast<std::uint64_t>(std::max<off_t>(status.st_size, 0)) > limit) throwTooLong(path);
+    return file.release();
+}
 
-    const auto tooLong = [&path] { return std::runtime_error("Cannot read " + path + ": too long"); };
-    const auto size = static_cast<std::uint64_t>(std::max<off_t>(status.st_size, 0));
-    if (size > limit) throw tooLong();
+std::string contentOf(int file, const std::string& path, std::size_t limit) {
     std::string bytes;
-    bytes.reserve(static_cast<std::size_t>(size));
+    struct stat status {};
+    if (::fstat(file, &status) == 0) bytes.reserve(std::min(limit, static_cast<std::size_t>(status.st_size)));
     std::array<char, 16384> buffer{};
     for (;;) {
-        const ssize_t count = ::read(file.get(), buffer.data(), buffer.size());
+        const ssize_t count = ::pread(file, buffer.data(), buffer.size(), static_cast<off_t>(bytes.size()));
         if (count < 0 && errno == EINTR) continue;
         if (count < 0) throwReadError(path);
         if (count == 0) return bytes;
         bytes.append(buffer.data(), static_cast<std::size_t>(count));
-        if (bytes.size() > limit) throw tooLong();
+        if (bytes.size() > limit) throwTooLong(path);
     }
 }
 
-Certificates certificatesFromPem(const std::string& text, Parse parsed) {
-    Certificates found;
+std::string readFile(const std::string& path, std::size_t limit, Links links) {
+    const common::Descriptor file(openFile(path, limit, links));
+    return contentOf(file.get(), path, limit);
+}
+
+Digest digestOf(const std::string& der) {
+    Digest digest{};
+    if (SHA256(reinterpret_cast<const unsigned char*>(der.data()), der.size(), digest.data()) == nullptr) {
+        throw std::bad_alloc();
+    }
+    return digest;
+}
+
+OtherBlocks visitCertificates(const std::string& text, Parse parsed,
+                              const std::function<void(std::string der, Place place)>& visit) {
+    OtherBlocks found;
     const std::unique_ptr<BIO, Free> source(BIO_new_mem_buf(text.data(), static_cast<int>(text.size())));
     if (source == nullptr) throw std::bad_alloc();
     for (;;) {
+        const std::size_t begin = text.size() - BIO_ctrl_pending(source.get());
         char* name = nullptr;
         char* header = nullptr;
         unsigned char* data = nullptr;
@@ -103,10 +125,18 @@ Certificates certificatesFromPem(const std::string& text, Parse parsed) {
         }
         if (parsed == Parse::yes && parse(der) == nullptr) {
             ++found.damaged;
-        } else {
-            found.der.push_back(std::move(der));
+            continue;
         }
+        const std::size_t end = text.size() - BIO_ctrl_pending(source.get());
+        visit(std::move(der), {static_cast<std::uint32_t>(begin), static_cast<std::uint32_t>(end - begin)});
     }
+}
+
+Certificates certificatesFromPem(const std::string& text, Parse parsed) {
+    Certificates found;
+    static_cast<OtherBlocks&>(found) =
+        visitCertificates(text, parsed, [&found](std::string der, Place) { found.der.push_back(std::move(der)); });
+    return found;
 }
 
 bool isValidToday(const std::string& der) {

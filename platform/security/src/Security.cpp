@@ -4,11 +4,12 @@
 
 #include <cerrno>
 #include <exception>
-#include <iterator>
 #include <optional>
+#include <stdexcept>
 #include <string>
 #include <utility>
 
+#include "BundleFile.h"
 #include "Certificates.h"
 #include "common/PathRoot.h"
 #include "common/ThreadSafety.h"
@@ -25,44 +26,61 @@ constexpr std::size_t maxBundleSize = std::size_t{16} << 20U;
 constexpr std::size_t maxCertificateSize = std::size_t{1} << 20U;
 constexpr std::size_t maxIdentitySize = std::size_t{1} << 20U;
 
-enum class IfMissing { ignore, warn };
-
 bool exists(const char* path) {
     struct stat status {};
     return ::stat(common::rooted(path).c_str(), &status) == 0 || errno != ENOENT;
 }
 
+void warn(const std::exception& exception) {
+    dbg::Debug::warning() << "Certificate bundle: " << exception.what() << std::endl;
+}
+
 // A bundle that cannot be read counts as empty, so that the certificates of the other one are still trusted.
-std::string readBundle(const char* path, IfMissing ifMissing) {
-    if (ifMissing == IfMissing::ignore && !exists(path)) return "";
+std::shared_ptr<const BundleFile> openSystemBundle() {
     try {
-        return readFile(path, maxBundleSize, Links::follow);
+        return std::make_shared<const BundleFile>(systemBundle, maxBundleSize);
     } catch (const std::exception& exception) {
-        dbg::Debug::warning() << "Certificate bundle: " << exception.what() << std::endl;
+        warn(exception);
+        return nullptr;
+    }
+}
+
+// As above.
+std::string readPhoneBundle() {
+    if (!exists(phoneBundle)) return "";
+    try {
+        return readFile(phoneBundle, maxBundleSize, Links::follow);
+    } catch (const std::exception& exception) {
+        warn(exception);
         return "";
     }
 }
 
-// The content of the bundle files.
+// The system's has most of the certificates and is updated by renaming: they stay in the file. The phone's own is small
+// and may be written in place: it is read at once.
 struct Bundles {
-    std::string system = readBundle(systemBundle, IfMissing::warn);
-    std::string phone = readBundle(phoneBundle, IfMissing::ignore);
+    std::shared_ptr<const BundleFile> system = openSystemBundle();
+    std::string phone = readPhoneBundle();
 };
 
-Certificates decodeBundle(const char* path, const std::string& text, Parse parsed) {
-    Certificates found = certificatesFromPem(text, parsed);
-    if (found.damaged > 0) {
-        dbg::Debug::warning() << "Certificate bundle " << path << ": " << found.damaged << " damaged entries, ignored"
-                              << std::endl;
-    }
-    return found;
+void warnIfDamaged(const char* path, std::size_t entries) {
+    if (entries == 0) return;
+    dbg::Debug::warning() << "Certificate bundle " << path << ": " << entries << " damaged entries, ignored"
+                          << std::endl;
 }
 
 std::shared_ptr<const TrustedCertificates> decode(const Bundles& bundles) {
-    Certificates all = decodeBundle(systemBundle, bundles.system, Parse::no);
-    Certificates own = decodeBundle(phoneBundle, bundles.phone, Parse::yes);
-    all.der.insert(all.der.end(), std::make_move_iterator(own.der.begin()), std::make_move_iterator(own.der.end()));
-    return std::make_shared<const TrustedCertificates>(std::move(all.der));
+    const Certificates own = certificatesFromPem(bundles.phone, Parse::yes);
+    warnIfDamaged(phoneBundle, own.damaged);
+    if (bundles.system == nullptr) return std::make_shared<const TrustedCertificates>(own.der);
+    try {
+        auto all = std::make_shared<const TrustedCertificates>(bundles.system, own.der);
+        warnIfDamaged(systemBundle, all->damaged());
+        return all;
+    } catch (const std::runtime_error& error) {
+        warn(error);
+        return std::make_shared<const TrustedCertificates>(own.der);
+    }
 }
 
 // The identity in the file; null if there is no file. Throws std::exception with the reason if it cannot be used.
@@ -124,7 +142,9 @@ void Security::reloadCertificates() {
         const Bundles bundles;
         const common::LockGuard lock(state_->mutex);
         auto read = decode(bundles);
-        if (!read->sameAs(*state_->current())) state_->trusted = std::move(read);
+        const auto& current = state_->current();
+        // The set that is held reads the file that was opened for it, which may be damaged by now.
+        if (!read->sameAs(*current) || !read->sameFileAs(*current)) state_->trusted = std::move(read);
     } catch (const std::exception& exception) {
         dbg::Debug::error() << "Cannot reload certificates: " << exception.what() << std::endl;
     }

@@ -10,17 +10,15 @@
 #include <new>
 #include <utility>
 
+#include "BundleFile.h"
+#include "Certificates.h"
+
 namespace zav {
 
 namespace {
 
-std::vector<std::string> sortedUnique(std::vector<std::string> certificates) {
-    std::sort(certificates.begin(), certificates.end());
-    certificates.erase(std::unique(certificates.begin(), certificates.end()), certificates.end());
-    return certificates;
-}
-
 struct Free {
+    void operator()(X509* certificate) const { X509_free(certificate); }
     void operator()(X509_NAME* name) const { X509_NAME_free(name); }
     void operator()(X509_STORE* store) const { X509_STORE_free(store); }
 };
@@ -53,10 +51,11 @@ unsigned long subjectHash(const std::string& der) {
     return subject == nullptr ? 0 : X509_NAME_hash_ex(subject.get(), nullptr, nullptr, nullptr);
 }
 
-// The certificates of a store that it has not parsed. Deleted with the store.
-struct Unparsed {
-    std::shared_ptr<const std::vector<std::string>> certificates;
-    std::vector<unsigned long> hashes;  // of their subjects
+struct Known {
+    Digest digest{};
+    unsigned long subjectHash = 0;
+    Place place;      // in the bundle file
+    std::string der;  // empty if it is in the file
 };
 
 // False if the certificate is not added.
@@ -68,30 +67,68 @@ bool keep(STACK_OF(X509_OBJECT) * objects, X509* certificate) {
     return kept;
 }
 
-void parseBySubject(const Unparsed& unparsed, const X509_NAME* subject, STACK_OF(X509_OBJECT) * objects) {
-    const unsigned long hash = X509_NAME_hash_ex(subject, nullptr, nullptr, nullptr);
-    for (std::size_t index = 0; index < unparsed.hashes.size(); ++index) {
-        if (unparsed.hashes[index] != hash) continue;
-        const std::string& der = (*unparsed.certificates)[index];
-        const auto* at = reinterpret_cast<const unsigned char*>(der.data());
-        X509* certificate = d2i_X509(nullptr, &at, static_cast<long>(der.size()));
-        const bool wanted = certificate != nullptr && X509_NAME_cmp(X509_get_subject_name(certificate), subject) == 0;
-        if (wanted) static_cast<void>(keep(objects, certificate));
-        X509_free(certificate);
+}  // namespace
+
+// What is known of each certificate, by digest, and where the others are.
+struct TrustedCertificates::Index {
+    std::shared_ptr<const BundleFile> bundle;  // null: all are in memory
+    std::vector<Known> certificates;
+    std::size_t damaged = 0;
+
+    void add(const std::string& der, Place place, bool keepDer) {
+        certificates.push_back({digestOf(der), subjectHash(der), place, keepDer ? der : ""});
     }
-}
+
+    void add(const std::vector<std::string>& others) {
+        for (const std::string& der : others) add(der, {}, true);
+    }
+
+    // Of two that are equal, one that is in memory stays.
+    void finish() {
+        std::sort(certificates.begin(), certificates.end(), [](const Known& a, const Known& b) {
+            return a.digest != b.digest ? a.digest < b.digest : a.der.size() > b.der.size();
+        });
+        const auto equal = [](const Known& a, const Known& b) { return a.digest == b.digest; };
+        certificates.erase(std::unique(certificates.begin(), certificates.end(), equal), certificates.end());
+        certificates.shrink_to_fit();
+        ERR_clear_error();
+    }
+
+    void parseBySubject(const X509_NAME* subject, STACK_OF(X509_OBJECT) * objects) const {
+        const unsigned long hash = X509_NAME_hash_ex(subject, nullptr, nullptr, nullptr);
+        for (const Known& known : certificates) {
+            if (known.subjectHash != hash) continue;
+            const std::string read = known.der.empty() ? bundle->find(known.digest, known.place) : "";
+            const std::string& der = known.der.empty() ? read : known.der;
+            const auto* at = reinterpret_cast<const unsigned char*>(der.data());
+            const std::unique_ptr<X509, Free> certificate(d2i_X509(nullptr, &at, static_cast<long>(der.size())));
+            if (certificate == nullptr) continue;
+            if (X509_NAME_cmp(X509_get_subject_name(certificate.get()), subject) != 0) continue;
+            static_cast<void>(keep(objects, certificate.get()));
+        }
+    }
+
+    static int addBySubject(X509_LOOKUP* lookup, X509_LOOKUP_TYPE type, const X509_NAME* subject, X509_OBJECT* found);
+    static void release(X509_LOOKUP* lookup);
+    static X509_LOOKUP_METHOD* newMethod();
+};
 
 // Adds the certificates with this subject to the store and names one of them. Called by OpenSSL, under no lock, when
 // the store has none. Other threads must see all of them or none, and may have added them since, so this holds the
-// store's lock. Allocates nothing in C++, which might throw.
-int addBySubject(X509_LOOKUP* lookup, X509_LOOKUP_TYPE type, const X509_NAME* subject, X509_OBJECT* found) {
+// store's lock. Nothing may be thrown through OpenSSL: without memory there is no certificate.
+int TrustedCertificates::Index::addBySubject(X509_LOOKUP* lookup, X509_LOOKUP_TYPE type, const X509_NAME* subject,
+                                             X509_OBJECT* found) {
     if (type != X509_LU_X509) return 0;
     X509_STORE* const store = X509_LOOKUP_get_store(lookup);
     if (X509_STORE_lock(store) != 1) return 0;
     STACK_OF(X509_OBJECT)* const objects = X509_STORE_get0_objects(store);
     const X509_OBJECT* known = X509_OBJECT_retrieve_by_subject(objects, type, subject);
     if (known == nullptr) {
-        parseBySubject(*static_cast<const Unparsed*>(X509_LOOKUP_get_method_data(lookup)), subject, objects);
+        const auto& index = *static_cast<const std::shared_ptr<const Index>*>(X509_LOOKUP_get_method_data(lookup));
+        try {
+            index->parseBySubject(subject, objects);
+        } catch (...) {
+        }
         known = X509_OBJECT_retrieve_by_subject(objects, type, subject);
     }
     X509* const certificate = known == nullptr ? nullptr : X509_OBJECT_get0_X509(known);
@@ -102,35 +139,66 @@ int addBySubject(X509_LOOKUP* lookup, X509_LOOKUP_TYPE type, const X509_NAME* su
     return named ? 1 : 0;
 }
 
-void deleteUnparsed(X509_LOOKUP* lookup) { delete static_cast<Unparsed*>(X509_LOOKUP_get_method_data(lookup)); }
+void TrustedCertificates::Index::release(X509_LOOKUP* lookup) {
+    delete static_cast<std::shared_ptr<const Index>*>(X509_LOOKUP_get_method_data(lookup));
+}
 
 // Lives as long as the process.
-X509_LOOKUP_METHOD* newMethod() {
-    X509_LOOKUP_METHOD* const method = X509_LOOKUP_meth_new("certificates in memory");
+X509_LOOKUP_METHOD* TrustedCertificates::Index::newMethod() {
+    X509_LOOKUP_METHOD* const method = X509_LOOKUP_meth_new("trusted certificates");
     if (method == nullptr) throw std::bad_alloc();
     X509_LOOKUP_meth_set_get_by_subject(method, addBySubject);
-    X509_LOOKUP_meth_set_free(method, deleteUnparsed);
+    X509_LOOKUP_meth_set_free(method, release);
     return method;
 }
 
-}  // namespace
+TrustedCertificates::TrustedCertificates(const std::vector<std::string>& certificates)
+    : index_([&certificates] {
+          auto index = std::make_shared<Index>();
+          index->add(certificates);
+          index->finish();
+          return index;
+      }()) {}
 
-TrustedCertificates::TrustedCertificates(std::vector<std::string> certificates)
-    : certificates_(std::make_shared<const std::vector<std::string>>(sortedUnique(std::move(certificates)))) {}
+TrustedCertificates::TrustedCertificates(std::shared_ptr<const BundleFile> bundle,
+                                         const std::vector<std::string>& certificates)
+    : index_([&] {
+          auto index = std::make_shared<Index>();
+          const auto add = [&index](const std::string& der, Place place) { index->add(der, place, false); };
+          index->damaged = visitCertificates(bundle->text(), Parse::no, add).damaged;
+          index->bundle = std::move(bundle);
+          index->add(certificates);
+          index->finish();
+          return index;
+      }()) {}
 
 TrustedCertificates::~TrustedCertificates() { X509_STORE_free(store_); }
 
+std::size_t TrustedCertificates::count() const { return index_->certificates.size(); }
+
+std::size_t TrustedCertificates::damaged() const { return index_->damaged; }
+
+bool TrustedCertificates::sameAs(const TrustedCertificates& other) const {
+    const auto& ours = index_->certificates;
+    const auto& theirs = other.index_->certificates;
+    return std::equal(ours.begin(), ours.end(), theirs.begin(), theirs.end(),
+                      [](const Known& a, const Known& b) { return a.digest == b.digest; });
+}
+
+bool TrustedCertificates::sameFileAs(const TrustedCertificates& other) const {
+    const auto& ours = index_->bundle;
+    const auto& theirs = other.index_->bundle;
+    return ours == theirs || (ours != nullptr && theirs != nullptr && ours->sameAs(*theirs));
+}
+
 x509_store_st* TrustedCertificates::store() const {
     std::call_once(storeMade_, [this] {
-        static X509_LOOKUP_METHOD* const method = newMethod();
-        auto unparsed = std::make_unique<Unparsed>(Unparsed{certificates_, {}});
-        unparsed->hashes.reserve(certificates_->size());
-        for (const std::string& der : *certificates_) unparsed->hashes.push_back(subjectHash(der));
-        ERR_clear_error();
+        static X509_LOOKUP_METHOD* const method = Index::newMethod();
+        auto index = std::make_unique<std::shared_ptr<const Index>>(index_);
         std::unique_ptr<X509_STORE, Free> store(X509_STORE_new());
         X509_LOOKUP* const lookup = store == nullptr ? nullptr : X509_STORE_add_lookup(store.get(), method);
         if (lookup == nullptr) throw std::bad_alloc();
-        X509_LOOKUP_set_method_data(lookup, unparsed.release());
+        X509_LOOKUP_set_method_data(lookup, index.release());
         // A certificate in the bundle is trusted without its issuer: it may be a server's own or an intermediate one.
         X509_STORE_set_flags(store.get(), X509_V_FLAG_TRUSTED_FIRST | X509_V_FLAG_PARTIAL_CHAIN);
         store_ = store.release();

@@ -31,7 +31,8 @@ class Security {
     /// Throws std::runtime_error if the file is missing, not a regular file, a symbolic link or larger than 1 MiB.
     virtual int checkCertificate(const std::string& path);
 
-    /// The certificates of both bundles. Returns the same object until a reload finds other certificates.
+    /// The certificates of both bundles. Returns the same object until a reload finds other certificates or another
+    /// file of the system's bundle, which stays open.
     virtual std::shared_ptr<const TrustedCertificates> trustedCertificates() const;
 
     /// Reads the phone's own certificate and key again from "/etc/zav.d/device.pem". Without that file the phone has

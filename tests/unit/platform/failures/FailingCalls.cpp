@@ -42,10 +42,12 @@ bool isToFail(Call call) {
 constexpr const char* fstatName = "fstat64";
 constexpr const char* fstatvfsName = "fstatvfs64";
 constexpr const char* ftruncateName = "ftruncate64";
+constexpr const char* preadName = "pread64";
 #else
 constexpr const char* fstatName = "fstat";
 constexpr const char* fstatvfsName = "fstatvfs";
 constexpr const char* ftruncateName = "ftruncate";
+constexpr const char* preadName = "pread";
 #endif
 
 int errorOf(Call call) { return orderFor(call).error; }
@@ -122,6 +124,11 @@ int getaddrinfo(const char* host, const char* port, const addrinfo* hints, addri
 int poll(pollfd* descriptors, nfds_t count, int timeout) {
     static auto* const real = failing::next<int(pollfd*, nfds_t, int)>("poll");
     return isToFail(Call::poll) ? -1 : real(descriptors, count, timeout);
+}
+
+ssize_t pread(int descriptor, void* buffer, size_t size, off_t offset) {
+    static auto* const real = failing::next<ssize_t(int, void*, size_t, off_t)>(failing::preadName);
+    return isToFail(Call::pread) ? -1 : real(descriptor, buffer, size, offset);
 }
 
 int pthread_create(pthread_t* thread, const pthread_attr_t* attributes, void* (*run)(void*), void* argument) noexcept {

@@ -14,6 +14,7 @@ enum class Call {
     getaddrinfo,
     pidfd_open,
     poll,
+    pread,
     pthread_create,
     read,
     syncfs,

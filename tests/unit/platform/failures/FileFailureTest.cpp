@@ -8,13 +8,17 @@
 #include <string>
 #include <vector>
 
+#include "BundleFile.h"
 #include "Certificates.h"
 #include "FailingCalls.h"
 #include "PartialFile.h"
 #include "common/TemporaryFolder.h"
 #include "fakes/FakeProperties.h"
+#include "fakes/LogCapture.h"
+#include "fakes/TestAuthority.h"
 #include "http/Curl.h"
 #include "http/FileDownloader.h"
+#include "security/Security.h"
 
 namespace {
 
@@ -54,14 +58,14 @@ class FileFailureTest : public testing::Test {
 };
 
 TEST_F(FileFailureTest, InterruptedReadIsRepeated) {
-    const Calls interrupted(Call::read, EINTR, 2);
+    const Calls interrupted(Call::pread, EINTR, 2);
     EXPECT_EQ(zav::readFile(path, 100, zav::Links::refuse), "content");
     EXPECT_EQ(interrupted.failed(), 2);
 }
 
 TEST_F(FileFailureTest, ReadThatFailsHasItsReason) {
     {
-        const Calls broken(Call::read, EIO, 1, 1);
+        const Calls broken(Call::pread, EIO, 1, 1);
         EXPECT_EQ(readFailure(), "Cannot read " + path + ": Input/output error");
     }
     const Calls refused(Call::fstat, EIO);
@@ -73,6 +77,70 @@ TEST_F(FileFailureTest, FileThatGrowsBeyondTheLimitIsTooLong) {
     const std::string growing = "/proc/self/status";
     EXPECT_EQ(failure([&] { zav::readFile(growing, 10, zav::Links::refuse); }),
               "Cannot read " + growing + ": too long");
+}
+
+class BundleFailure : public FileFailureTest {
+ protected:
+    BundleFailure() { std::ofstream(path) << "a comment\n" + authority.certificate(); }
+
+    std::string find(const zav::BundleFile& file) const {
+        return file.find(zav::digestOf(der), {0, static_cast<std::uint32_t>(std::filesystem::file_size(path))});
+    }
+
+    const fakes::TestAuthority authority;
+    const std::string der = zav::certificatesFromPem(authority.certificate(), zav::Parse::yes).der.at(0);
+    const zav::BundleFile bundle{path, 10'000};
+    const fakes::LogCapture log;
+};
+
+TEST_F(BundleFailure, InterruptedReadIsRepeated) {
+    const Calls interrupted(Call::pread, EINTR, 2);
+    EXPECT_EQ(find(bundle), der);
+    EXPECT_EQ(interrupted.failed(), 2);
+}
+
+TEST_F(BundleFailure, CertificateThatCannotBeReadIsMissingWithAWarning) {
+    {
+        const Calls broken(Call::pread, EIO, 2);
+        EXPECT_EQ(find(bundle), "");
+        EXPECT_EQ(broken.failed(), 2);
+    }
+    EXPECT_EQ(log.lines(), (fakes::LogCapture::Lines{fakes::warning(
+                               "platform/security/src/BundleFile",
+                               "A trusted certificate cannot be used: Cannot read " + path + ": Input/output error")}));
+    EXPECT_EQ(find(bundle), der);
+}
+
+TEST_F(BundleFailure, SecondAttemptFindsTheCertificate) {
+    const Calls broken(Call::pread, EIO);
+    EXPECT_EQ(find(bundle), der);
+    EXPECT_TRUE(log.lines().empty()) << log.text();
+}
+
+TEST_F(BundleFailure, FileWhoseStateIsUnknownIsNotOpened) {
+    const Calls broken(Call::fstat, EIO, 1, 1);
+    EXPECT_EQ(failure([this] { const zav::BundleFile other(path, 10'000); }),
+              "Cannot read " + path + ": Input/output error");
+}
+
+// The certificates of the other bundle count.
+TEST_F(BundleFailure, SystemBundleThatCannotBeReadIsIgnoredWithAWarning) {
+    const auto properties = std::make_shared<fakes::FakeProperties>();
+    zav::Security security(properties);
+    std::size_t count = 1;
+    {
+        const Calls broken(Call::pread, EIO);
+        count = security.trustedCertificates()->count();
+        EXPECT_EQ(broken.failed(), 1);
+    }
+    EXPECT_EQ(count, 0U);
+    EXPECT_EQ(
+        log.lines(),
+        (fakes::LogCapture::Lines{fakes::warning("platform/security/src/Security",
+                                                 "Certificate bundle: Cannot read /etc/ssl/certs/ca-certificates.crt: "
+                                                 "Input/output error")}));
+    security.reloadCertificates();
+    EXPECT_GT(security.trustedCertificates()->count(), 50U);
 }
 
 TEST_F(FileFailureTest, InterruptedWriteOfADownloadIsRepeated) {

@@ -10,7 +10,11 @@
 #include <string>
 #include <thread>
 
+#include "Lookup.h"
+#include "common/PathRoot.h"
+#include "common/TemporaryFolder.h"
 #include "fakes/FakeProperties.h"
+#include "fakes/LogCapture.h"
 #include "fakes/TestAuthority.h"
 
 namespace {
@@ -24,6 +28,8 @@ void writeFile(const std::string& path, const std::string& content) {
     std::ofstream(path, std::ios::binary) << content;
 }
 
+using lookup::finds;
+
 class Security : public testing::Test {
  protected:
     Security() { std::filesystem::remove_all(phoneBundle); }
@@ -36,19 +42,6 @@ class Security : public testing::Test {
     }
     std::string notification() {
         return logOf([this] { security.notifySystemAboutNewCertificates(); });
-    }
-
-    static bool finds(X509_STORE* store, const char* commonName) {
-        const std::unique_ptr<X509_NAME, void (*)(X509_NAME*)> name(X509_NAME_new(), X509_NAME_free);
-        X509_NAME_add_entry_by_txt(name.get(), "CN", MBSTRING_UTF8, reinterpret_cast<const unsigned char*>(commonName),
-                                   -1, -1, 0);
-        const std::unique_ptr<X509_STORE_CTX, void (*)(X509_STORE_CTX*)> context(X509_STORE_CTX_new(),
-                                                                                 X509_STORE_CTX_free);
-        X509_STORE_CTX_init(context.get(), store, nullptr, nullptr);
-        const std::unique_ptr<X509_OBJECT, void (*)(X509_OBJECT*)> found(
-            X509_STORE_CTX_get_obj_by_subject(context.get(), X509_LU_X509, name.get()), X509_OBJECT_free);
-        return found != nullptr &&
-               X509_NAME_cmp(X509_get_subject_name(X509_OBJECT_get0_X509(found.get())), name.get()) == 0;
     }
 
     std::shared_ptr<fakes::FakeProperties> properties = std::make_shared<fakes::FakeProperties>();
@@ -182,6 +175,96 @@ TEST_F(Security, MayBeUsedFromManyThreads) {
         });
     }
     for (auto& thread : threads) thread.join();
+}
+
+// A phone whose system bundle is a file of the test.
+class SystemBundle : public testing::Test {
+ protected:
+    SystemBundle() {
+        common::setPathRoot(folder.path());
+        write(authority.certificate());
+    }
+    ~SystemBundle() override { common::setPathRoot(""); }
+
+    void write(const std::string& content) const { writeFile(bundle, content); }
+    // As the system's own tool does.
+    void replace(const std::string& content) const {
+        writeFile(bundle + ".new", content);
+        std::filesystem::rename(bundle + ".new", bundle);
+    }
+    static bool trusts(const zav::Security& security, const char* authority) {
+        return finds(security.trustedCertificates()->store(), authority);
+    }
+
+    const common::TemporaryFolder folder{"zav-test"};
+    const std::string bundle = folder.path() + "/etc/ssl/certs/ca-certificates.crt";
+    const fakes::TestAuthority authority;
+    const fakes::TestAuthority other{"Other authority"};
+    const std::shared_ptr<fakes::FakeProperties> properties = std::make_shared<fakes::FakeProperties>();
+    const fakes::LogCapture log;
+};
+
+TEST_F(SystemBundle, ReplacementCountsFromTheReloadOn) {
+    zav::Security security(properties);
+    replace(other.certificate());
+    EXPECT_TRUE(trusts(security, "Test authority"));
+    EXPECT_FALSE(trusts(security, "Other authority"));
+    security.reloadCertificates();
+    EXPECT_FALSE(trusts(security, "Test authority"));
+    EXPECT_TRUE(trusts(security, "Other authority"));
+}
+
+TEST_F(SystemBundle, ReloadReadsARepairedBundleWithTheSameCertificates) {
+    zav::Security security(properties);
+    const auto damaged = security.trustedCertificates();
+    std::filesystem::resize_file(bundle, 0);
+    EXPECT_FALSE(trusts(security, "Test authority"));
+    replace(authority.certificate());
+    security.reloadCertificates();
+    EXPECT_TRUE(trusts(security, "Test authority"));
+    EXPECT_NE(security.trustedCertificates(), damaged);
+    log.lines();
+    security.notifySystemAboutNewCertificates();
+    EXPECT_EQ(log.count(fakes::warning("platform/security/src/BundleFile",
+                                       "A trusted certificate cannot be used: /etc/ssl/certs/ca-certificates.crt was "
+                                       "changed and does not have it any more")),
+              1U)
+        << log.text();
+    EXPECT_EQ(log.lines().size(), 1U) << log.text();
+}
+
+TEST_F(SystemBundle, MissingOneIsLoggedAndThePhonesOwnIsTrusted) {
+    std::filesystem::remove(bundle);
+    writeFile(folder.path() + phoneBundle, other.certificate());
+    const zav::Security security(properties);
+    EXPECT_TRUE(trusts(security, "Other authority"));
+    EXPECT_EQ(security.trustedCertificates()->count(), 1U);
+    EXPECT_EQ(log.lines(), (fakes::LogCapture::Lines{fakes::warning(
+                               "platform/security/src/Security",
+                               "Certificate bundle: Cannot read /etc/ssl/certs/ca-certificates.crt: No such file or "
+                               "directory")}))
+        << log.text();
+}
+
+// The phone's bundle is kept in memory.
+TEST_F(SystemBundle, LossOfOneDoesNotAffectTheOther) {
+    writeFile(folder.path() + phoneBundle, authority.certificate());
+    const zav::Security security(properties);
+    EXPECT_EQ(security.trustedCertificates()->count(), 1U);
+    std::filesystem::resize_file(bundle, 0);
+    std::filesystem::resize_file(folder.path() + phoneBundle, 0);
+    EXPECT_TRUE(trusts(security, "Test authority"));
+    EXPECT_TRUE(log.lines().empty()) << log.text();
+}
+
+TEST_F(SystemBundle, DamagedEntriesAreCounted) {
+    write("-----BEGIN CERTIFICATE-----\n!!!\n-----END CERTIFICATE-----\n" + authority.certificate());
+    const zav::Security security(properties);
+    EXPECT_EQ(security.trustedCertificates()->count(), 1U);
+    EXPECT_EQ(log.lines(), (fakes::LogCapture::Lines{fakes::warning(
+                               "platform/security/src/Security",
+                               "Certificate bundle /etc/ssl/certs/ca-certificates.crt: 1 damaged entries, ignored")}))
+        << log.text();
 }
 
 class CertificateCheck : public Security {

@@ -5,11 +5,15 @@
 #include <openssl/x509_vfy.h>
 
 #include <atomic>
+#include <fstream>
+#include <functional>
 #include <memory>
 #include <string>
 #include <thread>
 #include <vector>
 
+#include "BundleFile.h"
+#include "common/TemporaryFolder.h"
 #include "fakes/TestAuthority.h"
 
 namespace {
@@ -31,17 +35,15 @@ std::string derOf(X509* certificate) {
 }
 
 // Two threads look for the same subject in a store that has not parsed it: both must find it, though only one adds it.
-TEST(TrustedCertificates, ThreadsThatFirstNeedTheSameOneBothFindIt) {
-    const Certificate certificate = parsed(fakes::TestAuthority().certificate());
-    const std::string der = derOf(certificate.get());
+void lookUpByTwoThreads(const std::function<std::unique_ptr<zav::TrustedCertificates>()>& make, X509* certificate) {
     std::atomic<int> found{0};
     constexpr int rounds = 300;
     for (int round = 0; round < rounds; ++round) {
-        const zav::TrustedCertificates trusted({der});
-        X509_STORE* const store = trusted.store();
+        const auto trusted = make();
+        X509_STORE* const store = trusted->store();
         std::atomic<int> waiting{2};
         const auto look = [&] {
-            const Certificate own(X509_dup(certificate.get()), &X509_free);
+            const Certificate own(X509_dup(certificate), &X509_free);
             const Context context(X509_STORE_CTX_new(), &X509_STORE_CTX_free);
             X509_STORE_CTX_init(context.get(), store, nullptr, nullptr);
             --waiting;
@@ -56,6 +58,23 @@ TEST(TrustedCertificates, ThreadsThatFirstNeedTheSameOneBothFindIt) {
         other.join();
     }
     EXPECT_EQ(found, 2 * rounds);
+}
+
+TEST(TrustedCertificates, ThreadsThatFirstNeedTheSameOneBothFindIt) {
+    const Certificate certificate = parsed(fakes::TestAuthority().certificate());
+    const std::vector<std::string> ders{derOf(certificate.get())};
+    lookUpByTwoThreads([&] { return std::make_unique<zav::TrustedCertificates>(ders); }, certificate.get());
+}
+
+TEST(TrustedCertificates, ThreadsThatFirstNeedTheSameOneOfAFileBothFindIt) {
+    const fakes::TestAuthority authority;
+    const Certificate certificate = parsed(authority.certificate());
+    const common::TemporaryFolder folder("zav-test");
+    const std::string path = folder.path() + "/bundle.pem";
+    std::ofstream(path) << authority.certificate();
+    const auto bundle = std::make_shared<const zav::BundleFile>(path, 100'000);
+    const std::vector<std::string> none;
+    lookUpByTwoThreads([&] { return std::make_unique<zav::TrustedCertificates>(bundle, none); }, certificate.get());
 }
 
 }  // namespace
