@@ -109,6 +109,8 @@ void Database::open() {
     execute("PRAGMA journal_mode = WAL");
     execute("PRAGMA synchronous = NORMAL");
     execute("PRAGMA wal_autocheckpoint = 4000");
+    // Otherwise a large statement, such as a migration, copies settings to a file in $TMPDIR or in the working folder.
+    execute("PRAGMA temp_store = MEMORY");
     // The structure check and `load` read the whole file, one after the other.
     execute("PRAGMA cache_size = -8192");
 }

@@ -3,6 +3,7 @@
 #include <stdlib.h>
 
 #include <algorithm>
+#include <cstdlib>
 #include <filesystem>
 #include <utility>
 
@@ -21,13 +22,20 @@ bool isEmpty(const std::string& path) {
     return std::filesystem::file_size(path, error) == 0 && !error && !std::filesystem::exists(path + "-wal", error);
 }
 
+// $TMPDIR, unless it is missing or relative: the working folder says nothing about where files may be written.
+std::filesystem::path folderOfTemporaryFiles() {
+    const char* const chosen = std::getenv("TMPDIR");
+    if (chosen == nullptr || !std::filesystem::path(chosen).is_absolute()) return "/tmp";
+    std::error_code error;
+    return std::filesystem::is_directory(chosen, error) ? chosen : "/tmp";
+}
+
 // A temporary folder, removed by the destructor.
 class TemporaryFolder {
  public:
     TemporaryFolder() {
-        std::error_code error;
         // The first may be on the same unwritable disk.
-        for (const std::filesystem::path& folder : {std::filesystem::temp_directory_path(error), {"/dev/shm"}}) {
+        for (const std::filesystem::path& folder : {folderOfTemporaryFiles(), {"/dev/shm"}}) {
             path_ = (folder / "prop-service-XXXXXX").string();
             if (::mkdtemp(path_.data()) != nullptr) return;
         }
