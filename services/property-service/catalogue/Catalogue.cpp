@@ -221,12 +221,13 @@ Catalogue Catalogue::parse(const std::string& text, const std::string& name) {
             const KeyPattern keyPattern(pattern);
             require(keyPattern.size() <= maxKeys - keys.size(),
                     "the catalogue has more than " + std::to_string(maxKeys) + " keys");
-            for (std::string& key : keyPattern.keys()) {
-                require(isKey(key),
-                        "is not a valid key: letters, digits, \"_\" and \"-\" in segments between dots, at most 255 "
-                        "bytes");
-                require(!isState(key) || !json.isMember("volatile") || definition->isVolatile,
-                        "keys below \"State.\" are volatile");
+            std::vector<std::string> expanded = keyPattern.keys();
+            // The keys of a pattern differ in digits only, so the first stands for all.
+            require(isKey(expanded.front()),
+                    "is not a valid key: letters, digits, \"_\" and \"-\" in segments between dots, at most 255 bytes");
+            require(!isState(expanded.front()) || !json.isMember("volatile") || definition->isVolatile,
+                    "keys below \"State.\" are volatile");
+            for (std::string& key : expanded) {
                 isAscending = isAscending && (keys.empty() || keys.back().key < key);
                 keys.push_back({std::move(key), definition, line});
             }

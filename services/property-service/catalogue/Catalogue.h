@@ -5,7 +5,6 @@
 #include <memory>
 #include <stdexcept>
 #include <string>
-#include <utility>
 #include <vector>
 
 #include "catalogue/ValueRule.h"
@@ -50,8 +49,7 @@ class Catalogue {
     static Catalogue parse(const std::string& text, const std::string& name);
 
     /// All keys, with patterns expanded, sorted byte by byte; at most 1,000,000.
-    const std::vector<CatalogueKey>& keys() const& { return keys_; }
-    std::vector<CatalogueKey> keys() && { return std::move(keys_); }
+    const std::vector<CatalogueKey>& keys() const { return keys_; }
 
  private:
     std::vector<CatalogueKey> keys_;

@@ -69,6 +69,7 @@ std::vector<std::string> KeyPattern::keys() const {
     std::vector<std::string> keys{textBefore_};
     for (const Range& range : ranges_) {
         std::vector<std::string> endings;
+        endings.reserve(range.last - range.first + 1);
         for (std::uint64_t digit = 0; digit < 10; ++digit) appendNumbers(digit, range.first, range.last, endings);
         for (std::string& ending : endings) ending += range.textBehind;
         std::vector<std::string> longer;

@@ -60,7 +60,7 @@ Store::Store(const std::string& path, std::chrono::milliseconds backupInterval)
     try {
         open();
     } catch (const UnwritableStore& error) {
-        entries_ = readCopy();
+        loaded_ = readCopy();
         dbg::Debug::error() << error.what() << "; stored settings can be read but not changed until the disk is "
                             << "writable" << std::endl;
     }
@@ -77,7 +77,7 @@ Store::~Store() {
 void Store::open() {
     try {
         database_ = std::make_unique<Database>(path_);
-        entries_ = database_->load();
+        loaded_ = database_->load();
         if (const std::size_t lost = database_->lostCommits(); lost > 0) {
             dbg::Debug::error() << path_ << "-wal: is damaged; the last changes in it are lost: " << lost << std::endl;
         }
@@ -106,8 +106,8 @@ void Store::restore(const std::string& damage) {
         try {
             copyFile(backup, path_);
             database_ = std::make_unique<Database>(path_);
-            entries_ = database_->load();
-            dbg::Debug::error() << "Restored the settings of the backup " << backup << ": " << entries_.size()
+            loaded_ = database_->load();
+            dbg::Debug::error() << "Restored the settings of the backup " << backup << ": " << loaded_.size()
                                 << " stored values" << std::endl;
             return;
         } catch (const DamagedStore& error) {
@@ -120,12 +120,12 @@ void Store::restore(const std::string& damage) {
         }
     }
     dbg::Debug::error() << "No usable backup: settings start at their defaults" << std::endl;
-    entries_.clear();
+    loaded_ = {};
     database_ = std::make_unique<Database>(path_);
 }
 
 // Loads a copy of the store in a temporary folder: SQLite would write files beside the original.
-std::vector<IStore::Entry> Store::readCopy() const {
+StoredValues Store::readCopy() const {
     std::vector<std::string> sources = backupsOf(path_);
     sources.insert(sources.begin(), path_);
     bool isUnreadable = false;
@@ -150,8 +150,8 @@ std::vector<IStore::Entry> Store::readCopy() const {
     return {};
 }
 
-std::vector<IStore::Entry> Store::load() {
-    if (!entries_.empty() || !database_) return std::exchange(entries_, {});
+StoredValues Store::load() {
+    if (!loaded_.empty() || !database_) return std::exchange(loaded_, {});
     return database_->load();
 }
 
@@ -159,7 +159,7 @@ void Store::write(const std::vector<Entry>& entries) {
     if (entries.empty()) return;
     if (!database_) {
         open();
-        entries_.clear();
+        loaded_ = {};
     } else {
         rewriteIfDisplaced();
     }
@@ -173,7 +173,7 @@ void Store::commit(const std::vector<Entry>& entries) {
 
 void Store::rebuild(const std::vector<Entry>& entries) {
     restore(path_ + ": is damaged");
-    entries_.clear();
+    loaded_ = {};
     scheduleBackup();
     commit(entries);
 }
@@ -202,7 +202,7 @@ void Store::rewriteIfDisplaced() {
     install(fresh, path_);
     database_.reset();  // before the new log exists: the old database would use it
     dbg::Debug::error() << report << "; the settings were rewritten: " << count << " stored values" << std::endl;
-    entries_.clear();
+    loaded_ = {};
     database_ = std::make_unique<Database>(path_);
     scheduleBackup();
 }
@@ -219,7 +219,7 @@ void Store::scheduleBackup() {
     const bool due = !age || *age < std::chrono::seconds(0) || *age >= delay;
     if (!due) {
         nextBackup_ = Clock::now() + delay - *age;
-    } else if (entries_.empty()) {
+    } else if (loaded_.empty()) {
         nextBackup_ = Clock::now();  // with the next write: an empty store needs no backup
     } else {
         backUp();

@@ -314,6 +314,13 @@ INSTANTIATE_TEST_SUITE_P(
                   "c.json:2: a..b: is not a valid key: letters, digits, \"_\" and \"-\" in segments between dots, at "
                   "most 255 "
                   "bytes"},
+        ErrorCase{
+            "PatternOfInvalidKeys", withKeys("\"a.{0-9}.\": " + definition(R"("type": "text", "default": "")")),
+            "c.json:2: a.{0-9}.: is not a valid key: letters, digits, \"_\" and \"-\" in segments between dots, at "
+            "most 255 bytes"},
+        ErrorCase{"PatternOfPermanentState",
+                  withKeys("\"State.{0-9}\": " + definition(R"("type": "text", "default": "", "volatile": false)")),
+                  "c.json:2: State.{0-9}: keys below \"State.\" are volatile"},
         ErrorCase{"RangeBackwards", withKeys("\"a.{7-0}\": " + definition(R"("type": "text", "default": "")")),
                   "c.json:2: a.{7-0}: \"{7-0}\" is not an index range such as {0-7}"},
         ErrorCase{"RangeOpen", withKeys("\"a.{0-7\": " + definition(R"("type": "text", "default": "")")),

@@ -16,6 +16,7 @@
 
 #include "Sanitized.h"
 #include "SmallDisk.h"
+#include "StoredValuesEqual.h"
 #include "TemporaryFolder.h"
 #include "common/Descriptor.h"
 #include "fakes/FewDescriptors.h"
