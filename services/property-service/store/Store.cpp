@@ -3,7 +3,6 @@
 #include <stdlib.h>
 
 #include <algorithm>
-#include <cstdlib>
 #include <filesystem>
 #include <utility>
 
@@ -24,10 +23,9 @@ bool isEmpty(const std::string& path) {
 
 // $TMPDIR, unless it is missing or relative: the working folder says nothing about where files may be written.
 std::filesystem::path folderOfTemporaryFiles() {
-    const char* const chosen = std::getenv("TMPDIR");
-    if (chosen == nullptr || !std::filesystem::path(chosen).is_absolute()) return "/tmp";
     std::error_code error;
-    return std::filesystem::is_directory(chosen, error) ? chosen : "/tmp";
+    std::filesystem::path chosen = std::filesystem::temp_directory_path(error);
+    return !error && chosen.is_absolute() ? chosen : "/tmp";
 }
 
 // A temporary folder, removed by the destructor.
