@@ -18,7 +18,11 @@ namespace explain {
 class MemoryStore final : public propertyservice::IStore {
  public:
     explicit MemoryStore(const std::map<std::string, std::string>& values) : values_(values) {}
-    std::vector<Entry> load() override { return {values_.begin(), values_.end()}; }
+    propertyservice::StoredValues load() override {
+        propertyservice::StoredValues values;
+        for (const auto& [key, value] : values_) values.add(key, value);
+        return values;
+    }
     void write(const std::vector<Entry>&) override {}
     void rebuild(const std::vector<Entry>&) override {}
 

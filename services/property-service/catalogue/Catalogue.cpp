@@ -6,14 +6,12 @@
 #include <algorithm>
 #include <array>
 #include <cerrno>
-#include <charconv>
-#include <cstdint>
 #include <fstream>
-#include <limits>
-#include <optional>
 #include <sstream>
+#include <string_view>
 #include <utility>
 
+#include "catalogue/KeyPattern.h"
 #include "common/Descriptor.h"
 #include "debug/Debug.h"
 #include "propertyprotocol/Json.h"
@@ -25,7 +23,16 @@ namespace propertyservice {
 namespace {
 
 constexpr std::size_t maxFileBytes = 8 * 1024 * 1024;
-constexpr std::size_t maxKeysOfPattern = 10000;
+constexpr std::size_t maxKeys = 1000000;
+
+// The bytes that a segment of a key may have.
+constexpr std::array<bool, 256> isPlain = [] {
+    std::array<bool, 256> plain{};
+    for (const char byte : std::string_view("ABCDEFGHIJKLMNOPQRSTUVWXYZabcdefghijklmnopqrstuvwxyz0123456789_-")) {
+        plain[static_cast<unsigned char>(byte)] = true;
+    }
+    return plain;
+}();
 
 class Source {
  public:
@@ -131,42 +138,25 @@ std::shared_ptr<const Definition> readDefinition(const Json::Value& json) {
     return definition;
 }
 
-std::optional<unsigned> indexOf(const std::string& digits) {
-    unsigned number = 0;
-    const auto [end, error] = std::from_chars(digits.data(), digits.data() + digits.size(), number);
-    const bool canonical = digits == "0" || (!digits.empty() && digits.front() != '0');
-    if (error != std::errc() || end != digits.data() + digits.size() || !canonical) return std::nullopt;
-    return number;
+// How many keys there will be. Patterns that are invalid are reported later.
+std::size_t countKeys(const std::vector<std::string>& patterns) {
+    std::size_t count = 0;
+    for (const std::string& pattern : patterns) {
+        try {
+            count += pattern.find('{') == std::string::npos ? 1 : KeyPattern(pattern).size();
+        } catch (const std::invalid_argument&) {
+        }
+    }
+    return std::min(count, maxKeys);
 }
 
-// Orders numbers as their texts: by the digits, aligned to the left, then by how many they are.
-std::uint64_t textOrder(unsigned number) {
-    std::uint64_t digits = 1;
-    for (unsigned rest = number; rest >= 10; rest /= 10) ++digits;
-    std::uint64_t aligned = number;
-    for (std::uint64_t width = digits; width < std::numeric_limits<unsigned>::digits10 + 1; ++width) aligned *= 10;
-    return aligned * 16 + digits;
-}
-
-// The numbers of a range, in the order of their texts.
-std::vector<std::string> indicesOf(const std::string& range) {
-    const std::string::size_type dash = range.find('-');
-    const bool hasDash = dash != std::string::npos;
-    const std::optional<unsigned> first = hasDash ? indexOf(range.substr(0, dash)) : std::nullopt;
-    const std::optional<unsigned> last = hasDash ? indexOf(range.substr(dash + 1)) : std::nullopt;
-    if (!first || !last || *first > *last || *last - *first >= maxKeysOfPattern) {
-        throw std::invalid_argument("\"{" + range + "}\" is not an index range such as {0-7}");
-    }
-    std::vector<std::pair<std::uint64_t, unsigned>> numbers;
-    numbers.reserve(*last - *first + 1);
-    for (unsigned offset = 0; offset <= *last - *first; ++offset) {
-        numbers.emplace_back(textOrder(*first + offset), *first + offset);
-    }
-    std::stable_sort(numbers.begin(), numbers.end());
-    std::vector<std::string> indices;
-    indices.reserve(numbers.size());
-    for (const auto& [order, number] : numbers) indices.push_back(std::to_string(number));
-    return indices;
+// A name can be megabytes long, as its length is checked late.
+std::string excerpt(const std::string& name) {
+    constexpr std::size_t maxBytes = 300;
+    if (name.size() <= maxBytes) return name;
+    std::size_t end = maxBytes;
+    while ((static_cast<unsigned char>(name[end]) & 0xc0U) == 0x80) --end;  // within a UTF-8 sequence
+    return name.substr(0, end) + "...";
 }
 
 }  // namespace
@@ -179,40 +169,13 @@ bool isKey(const std::string& text) {
     if (text.empty() || text.size() > propertyprotocol::maxKeyBytes) return false;
     char previous = '.';
     for (const char letter : text) {
-        const bool isPlain = (letter >= 'A' && letter <= 'Z') || (letter >= 'a' && letter <= 'z') ||
-                             (letter >= '0' && letter <= '9') || letter == '_' || letter == '-';
-        if (!isPlain && (letter != '.' || previous == '.')) return false;
+        if (!isPlain[static_cast<unsigned char>(letter)] && (letter != '.' || previous == '.')) return false;
         previous = letter;
     }
     return previous != '.';
 }
 
 bool isState(const std::string& key) { return key.compare(0, 6, "State.") == 0; }
-
-std::vector<std::string> expandKeyPattern(const std::string& pattern) {
-    std::string::size_type open = pattern.find('{');
-    std::vector<std::string> keys{pattern.substr(0, open)};
-    while (open != std::string::npos) {
-        const std::string::size_type close = pattern.find('}', open);
-        require(close != std::string::npos, "\"{\" is not closed");
-        const std::vector<std::string> indices = indicesOf(pattern.substr(open + 1, close - open - 1));
-        require(keys.size() * indices.size() <= maxKeysOfPattern,
-                "the pattern expands to more than " + std::to_string(maxKeysOfPattern) + " keys");
-        open = pattern.find('{', close);
-        const std::string literal = pattern.substr(close + 1, open - close - 1);
-        std::vector<std::string> longer;
-        longer.reserve(keys.size() * indices.size());
-        for (const std::string& key : keys) {
-            for (const std::string& index : indices) {
-                std::string& next = longer.emplace_back();
-                next.reserve(key.size() + index.size() + literal.size());
-                next.append(key).append(index).append(literal);
-            }
-        }
-        keys = std::move(longer);
-    }
-    return keys;
-}
 
 Catalogue Catalogue::load(const std::string& path) {
     std::ifstream file(path, std::ios::binary);
@@ -245,34 +208,40 @@ Catalogue Catalogue::parse(const std::string& text, const std::string& name) {
     if (!root["keys"].isObject()) source.fail(1, "", "\"keys\" is missing or not an object");
 
     Catalogue catalogue;
+    std::vector<CatalogueKey>& keys = catalogue.keys_;
     const Json::Value& definitions = root["keys"];
-    for (const std::string& pattern : definitions.getMemberNames()) {
+    const std::vector<std::string> patterns = definitions.getMemberNames();
+    keys.reserve(countKeys(patterns));
+    bool isAscending = true;  // as the patterns are sorted, and so are the keys of most of them
+    for (const std::string& pattern : patterns) {
         const Json::Value& json = definitions[pattern];
         const int line = source.lineOf(json);
         try {
             const std::shared_ptr<const Definition> definition = readDefinition(json);
-            for (std::string& key : expandKeyPattern(pattern)) {
-                require(isKey(key),
-                        "is not a valid key: letters, digits, \"_\" and \"-\" in segments between dots, at most 255 "
-                        "bytes");
-                require(!isState(key) || !json.isMember("volatile") || definition->isVolatile,
-                        "keys below \"State.\" are volatile");
-                catalogue.keys_.push_back({std::move(key), definition, line});
+            const KeyPattern keyPattern(pattern);
+            require(keyPattern.size() <= maxKeys - keys.size(),
+                    "the catalogue has more than " + std::to_string(maxKeys) + " keys");
+            std::vector<std::string> expanded = keyPattern.keys();
+            // The keys of a pattern differ in digits only, so the first stands for all.
+            require(isKey(expanded.front()),
+                    "is not a valid key: letters, digits, \"_\" and \"-\" in segments between dots, at most 255 bytes");
+            require(!isState(expanded.front()) || !json.isMember("volatile") || definition->isVolatile,
+                    "keys below \"State.\" are volatile");
+            for (std::string& key : expanded) {
+                isAscending = isAscending && (keys.empty() || keys.back().key < key);
+                keys.push_back({std::move(key), definition, line});
             }
         } catch (const std::invalid_argument& error) {
-            source.fail(line, pattern, error.what());
+            source.fail(line, excerpt(pattern), error.what());
         }
     }
-    // The patterns are sorted, and so are the keys of most of them.
-    const auto isNotAscending = [](const CatalogueKey& left, const CatalogueKey& right) {
-        return left.key >= right.key;
-    };
-    std::vector<CatalogueKey>& keys = catalogue.keys_;
-    if (std::adjacent_find(keys.begin(), keys.end(), isNotAscending) == keys.end()) return catalogue;
+    if (isAscending) return catalogue;
     std::sort(keys.begin(), keys.end(), [](const CatalogueKey& left, const CatalogueKey& right) {
         return left.key != right.key ? left.key < right.key : left.line < right.line;
     });
-    const auto duplicate = std::adjacent_find(keys.begin(), keys.end(), isNotAscending);
+    const auto duplicate =
+        std::adjacent_find(keys.begin(), keys.end(),
+                           [](const CatalogueKey& left, const CatalogueKey& right) { return left.key == right.key; });
     if (duplicate != keys.end()) {
         source.fail((duplicate + 1)->line, duplicate->key,
                     "duplicate key, first defined in line " + std::to_string(duplicate->line));

@@ -5,7 +5,6 @@
 #include <memory>
 #include <stdexcept>
 #include <string>
-#include <utility>
 #include <vector>
 
 #include "catalogue/ValueRule.h"
@@ -18,7 +17,7 @@ class CatalogueException : public std::runtime_error {
     using std::runtime_error::runtime_error;
 };
 
-/// One definition; all keys of an index pattern share it.
+/// One definition; all keys of a pattern share it.
 struct Definition {
     std::string type;
     std::string limits;  // as JSON members: "\"min\":1,\"max\":9", or empty
@@ -49,9 +48,8 @@ class Catalogue {
     /// The same for a text; errors begin with `name`.
     static Catalogue parse(const std::string& text, const std::string& name);
 
-    /// All keys, with index patterns expanded, sorted byte by byte.
-    const std::vector<CatalogueKey>& keys() const& { return keys_; }
-    std::vector<CatalogueKey> keys() && { return std::move(keys_); }
+    /// All keys, with patterns expanded, sorted byte by byte; at most 1,000,000.
+    const std::vector<CatalogueKey>& keys() const { return keys_; }
 
  private:
     std::vector<CatalogueKey> keys_;
@@ -62,10 +60,5 @@ bool isKey(const std::string& text);
 
 /// Whether the key begins with "State.": these are volatile.
 bool isState(const std::string& key);
-
-/// Expands the index ranges of a pattern: "FunctionKeys.{0-7}.Label" gives eight keys. The numbers of each range come
-/// in the order of their texts: 10 before 9. Throws std::invalid_argument with the reason if a range is malformed or
-/// there are over 10,000 keys.
-std::vector<std::string> expandKeyPattern(const std::string& pattern);
 
 }  // namespace propertyservice

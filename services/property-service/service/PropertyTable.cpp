@@ -21,30 +21,29 @@ std::string objection(const Definition& definition, const std::string& value) {
 
 }  // namespace
 
-PropertyTable::PropertyTable(Catalogue catalogue, std::vector<IStore::Entry>&& stored) {
-    std::vector<CatalogueKey> keys = std::move(catalogue).keys();
-    properties_.reserve(keys.size());
-    for (CatalogueKey& entry : keys) {
-        const bool isVolatile = isState(entry.key) || entry.definition->isVolatile;
-        properties_.push_back({std::move(entry.key), entry.definition->defaultValue, std::move(entry.definition),
-                               isVolatile, Stored::nothing});
+PropertyTable::PropertyTable(Catalogue catalogue, const StoredValues& stored) : catalogue_(std::move(catalogue)) {
+    properties_.reserve(catalogue_.keys().size());
+    for (const auto& [key, definition, line] : catalogue_.keys()) {
+        const bool isVolatile = isState(key) || definition->isVolatile;
+        properties_.push_back({key, definition->defaultValue, definition.get(), isVolatile, Stored::nothing});
     }
     std::size_t unknown = 0;
     Property* next = properties_.data();
     Property* const end = next + properties_.size();
-    for (auto& [key, value] : stored) {
+    for (const auto& [key, value] : stored) {
         // Entries mostly come in the order of the keys, so a search is rarely needed.
         Property* const property = next != end && next->key == key ? next : find(key);
         if (property != nullptr) next = property + 1;
-        if (property == nullptr || property->isVolatile || !value) {
+        std::string text(value);
+        if (property == nullptr || property->isVolatile) {
             ++unknown;
             // An answer must not exceed the limits of the protocol.
-            const bool isListable = value && value->size() <= propertyprotocol::maxValueBytes &&
-                                    isUtf8WithoutNul(key) && isUtf8WithoutNul(*value);
-            if (property == nullptr && isListable) uncatalogued_.push_back({std::move(key), std::move(*value)});
+            const bool isListable = text.size() <= propertyprotocol::maxValueBytes &&
+                                    isUtf8WithoutNul(std::string(key)) && isUtf8WithoutNul(text);
+            if (property == nullptr && isListable) uncatalogued_.push_back({std::string(key), std::move(text)});
             continue;
         }
-        const std::string reason = objection(*property->definition, *value);
+        const std::string reason = objection(*property->definition, text);
         if (!reason.empty()) {
             property->stored = Stored::invalidValue;
             // The value is not logged: it may be a credential.
@@ -52,7 +51,7 @@ PropertyTable::PropertyTable(Catalogue catalogue, std::vector<IStore::Entry>&& s
                                   << std::endl;
             continue;
         }
-        property->value = std::move(*value);
+        property->value = std::move(text);
         property->stored = Stored::value;
     }
     std::sort(uncatalogued_.begin(), uncatalogued_.end(),
@@ -62,11 +61,14 @@ PropertyTable::PropertyTable(Catalogue catalogue, std::vector<IStore::Entry>&& s
     }
 }
 
-Property* PropertyTable::find(const std::string& key) {
+// Searches the catalogue, whose keys are one step away.
+Property* PropertyTable::find(std::string_view key) {
+    const std::vector<CatalogueKey>& keys = catalogue_.keys();
     const auto found =
-        std::lower_bound(properties_.begin(), properties_.end(), key,
-                         [](const Property& property, const std::string& wanted) { return property.key < wanted; });
-    return found == properties_.end() || found->key != key ? nullptr : &*found;
+        std::lower_bound(keys.begin(), keys.end(), key,
+                         [](const CatalogueKey& entry, std::string_view wanted) { return entry.key < wanted; });
+    return found == keys.end() || found->key != key ? nullptr
+                                                    : &properties_[static_cast<std::size_t>(found - keys.begin())];
 }
 
 }  // namespace propertyservice

@@ -1,12 +1,12 @@
 // All properties with their current values, in memory. Reading never accesses the store. Used by one thread.
 #pragma once
 
-#include <memory>
 #include <string>
+#include <string_view>
 #include <vector>
 
 #include "catalogue/Catalogue.h"
-#include "store/IStore.h"
+#include "store/StoredValues.h"
 
 namespace propertyservice {
 
@@ -18,10 +18,10 @@ enum class Stored {
 };
 
 struct Property {
-    std::string key;
+    const std::string& key;  // the catalogue's
     std::string value;
-    std::shared_ptr<const Definition> definition;
-    bool isVolatile;  // never stored, reset to its default at every start
+    const Definition* definition;  // the catalogue's
+    bool isVolatile;               // never stored, reset to its default at every start
     Stored stored;
 };
 
@@ -33,12 +33,15 @@ struct UncataloguedValue {
 
 class PropertyTable {
  public:
+    PropertyTable(const PropertyTable&) = delete;
+    PropertyTable& operator=(const PropertyTable&) = delete;
+
     /// Starts with the catalogue's defaults and applies the stored values. If the catalogue no longer allows a stored
     /// value, the default is used, with a warning. Values of unknown keys stay in the store.
-    PropertyTable(Catalogue catalogue, std::vector<IStore::Entry>&& stored);
+    PropertyTable(Catalogue catalogue, const StoredValues& stored);
 
     /// Null if the catalogue does not have the key.
-    Property* find(const std::string& key);
+    Property* find(std::string_view key);
 
     /// All properties, sorted by key byte by byte.
     const std::vector<Property>& all() const { return properties_; }
@@ -47,7 +50,8 @@ class PropertyTable {
     const std::vector<UncataloguedValue>& uncatalogued() const { return uncatalogued_; }
 
  private:
-    std::vector<Property> properties_;
+    const Catalogue catalogue_;
+    std::vector<Property> properties_;  // in the order of the catalogue's keys
     std::vector<UncataloguedValue> uncatalogued_;
 };
 

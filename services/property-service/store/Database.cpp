@@ -109,6 +109,8 @@ void Database::open() {
     execute("PRAGMA journal_mode = WAL");
     execute("PRAGMA synchronous = NORMAL");
     execute("PRAGMA wal_autocheckpoint = 4000");
+    // Otherwise a large statement, such as a migration, copies settings to a file in $TMPDIR or in the working folder.
+    execute("PRAGMA temp_store = MEMORY");
     // The structure check and `load` read the whole file, one after the other.
     execute("PRAGMA cache_size = -8192");
 }
@@ -188,11 +190,11 @@ std::size_t Database::countLostCommits() {
     return hasFramesBehind ? lost : 0;
 }
 
-std::vector<IStore::Entry> Database::load() {
+StoredValues Database::load() {
     const Statement statement = prepare("SELECT key, value, checksum FROM property");
-    std::vector<Entry> entries;
+    StoredValues values;
     // Counting takes less time than growing.
-    entries.reserve(static_cast<std::size_t>(numberOf("SELECT count(*) FROM property")));
+    values.reserve(static_cast<std::size_t>(numberOf("SELECT count(*) FROM property")));
     int result = SQLITE_ROW;
     while ((result = sqlite3_step(statement.get())) == SQLITE_ROW) {
         const std::string_view key = text(statement.get(), 0);
@@ -200,11 +202,11 @@ std::vector<IStore::Entry> Database::load() {
         if (sqlite3_column_int64(statement.get(), 2) != checksum(key, value)) {
             throw DamagedStore(path_ + ": is damaged: a stored value has a wrong checksum");
         }
-        entries.emplace_back(key, std::string(value));
+        values.add(key, value);
     }
     if (result != SQLITE_DONE) fail("cannot be read");
     sqlite3_db_release_memory(database_.get());
-    return entries;
+    return values;
 }
 
 std::size_t Database::copyTo(const std::string& path) {

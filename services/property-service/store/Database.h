@@ -48,7 +48,7 @@ class Database {
     ~Database();
 
     /// Throws DamagedStore if the checksum of a row is wrong.
-    std::vector<Entry> load();
+    StoredValues load();
     void write(const std::vector<Entry>& entries);
 
     /// Checks every row, then replaces the file by a synced copy (mode 0600). Returns the number of rows.

@@ -7,6 +7,8 @@
 #include <utility>
 #include <vector>
 
+#include "store/StoredValues.h"
+
 namespace propertyservice {
 
 /// The store cannot be opened, or refused a write; `what()` is the reason.
@@ -28,8 +30,8 @@ class IStore {
 
     virtual ~IStore() = default;
 
-    /// All stored entries, in no particular order.
-    virtual std::vector<Entry> load() = 0;
+    /// All stored values, in no particular order.
+    virtual StoredValues load() = 0;
 
     /// Stores all entries in this order, or none of them. After it returns they survive a crash of the process. If it
     /// throws StoreException, the old values stay and a later write may succeed.

@@ -21,13 +21,19 @@ bool isEmpty(const std::string& path) {
     return std::filesystem::file_size(path, error) == 0 && !error && !std::filesystem::exists(path + "-wal", error);
 }
 
+// $TMPDIR, unless it is missing or relative: the working folder says nothing about where files may be written.
+std::filesystem::path folderOfTemporaryFiles() {
+    std::error_code error;
+    std::filesystem::path chosen = std::filesystem::temp_directory_path(error);
+    return !error && chosen.is_absolute() ? chosen : "/tmp";
+}
+
 // A temporary folder, removed by the destructor.
 class TemporaryFolder {
  public:
     TemporaryFolder() {
-        std::error_code error;
         // The first may be on the same unwritable disk.
-        for (const std::filesystem::path& folder : {std::filesystem::temp_directory_path(error), {"/dev/shm"}}) {
+        for (const std::filesystem::path& folder : {folderOfTemporaryFiles(), {"/dev/shm"}}) {
             path_ = (folder / "prop-service-XXXXXX").string();
             if (::mkdtemp(path_.data()) != nullptr) return;
         }
@@ -52,7 +58,7 @@ Store::Store(const std::string& path, std::chrono::milliseconds backupInterval)
     try {
         open();
     } catch (const UnwritableStore& error) {
-        entries_ = readCopy();
+        loaded_ = readCopy();
         dbg::Debug::error() << error.what() << "; stored settings can be read but not changed until the disk is "
                             << "writable" << std::endl;
     }
@@ -69,7 +75,7 @@ Store::~Store() {
 void Store::open() {
     try {
         database_ = std::make_unique<Database>(path_);
-        entries_ = database_->load();
+        loaded_ = database_->load();
         if (const std::size_t lost = database_->lostCommits(); lost > 0) {
             dbg::Debug::error() << path_ << "-wal: is damaged; the last changes in it are lost: " << lost << std::endl;
         }
@@ -98,8 +104,8 @@ void Store::restore(const std::string& damage) {
         try {
             copyFile(backup, path_);
             database_ = std::make_unique<Database>(path_);
-            entries_ = database_->load();
-            dbg::Debug::error() << "Restored the settings of the backup " << backup << ": " << entries_.size()
+            loaded_ = database_->load();
+            dbg::Debug::error() << "Restored the settings of the backup " << backup << ": " << loaded_.size()
                                 << " stored values" << std::endl;
             return;
         } catch (const DamagedStore& error) {
@@ -112,12 +118,12 @@ void Store::restore(const std::string& damage) {
         }
     }
     dbg::Debug::error() << "No usable backup: settings start at their defaults" << std::endl;
-    entries_.clear();
+    loaded_ = {};
     database_ = std::make_unique<Database>(path_);
 }
 
 // Loads a copy of the store in a temporary folder: SQLite would write files beside the original.
-std::vector<IStore::Entry> Store::readCopy() const {
+StoredValues Store::readCopy() const {
     std::vector<std::string> sources = backupsOf(path_);
     sources.insert(sources.begin(), path_);
     bool isUnreadable = false;
@@ -142,8 +148,8 @@ std::vector<IStore::Entry> Store::readCopy() const {
     return {};
 }
 
-std::vector<IStore::Entry> Store::load() {
-    if (!entries_.empty() || !database_) return std::exchange(entries_, {});
+StoredValues Store::load() {
+    if (!loaded_.empty() || !database_) return std::exchange(loaded_, {});
     return database_->load();
 }
 
@@ -151,7 +157,7 @@ void Store::write(const std::vector<Entry>& entries) {
     if (entries.empty()) return;
     if (!database_) {
         open();
-        entries_.clear();
+        loaded_ = {};
     } else {
         rewriteIfDisplaced();
     }
@@ -165,7 +171,7 @@ void Store::commit(const std::vector<Entry>& entries) {
 
 void Store::rebuild(const std::vector<Entry>& entries) {
     restore(path_ + ": is damaged");
-    entries_.clear();
+    loaded_ = {};
     scheduleBackup();
     commit(entries);
 }
@@ -194,7 +200,7 @@ void Store::rewriteIfDisplaced() {
     install(fresh, path_);
     database_.reset();  // before the new log exists: the old database would use it
     dbg::Debug::error() << report << "; the settings were rewritten: " << count << " stored values" << std::endl;
-    entries_.clear();
+    loaded_ = {};
     database_ = std::make_unique<Database>(path_);
     scheduleBackup();
 }
@@ -211,7 +217,7 @@ void Store::scheduleBackup() {
     const bool due = !age || *age < std::chrono::seconds(0) || *age >= delay;
     if (!due) {
         nextBackup_ = Clock::now() + delay - *age;
-    } else if (entries_.empty()) {
+    } else if (loaded_.empty()) {
         nextBackup_ = Clock::now();  // with the next write: an empty store needs no backup
     } else {
         backUp();

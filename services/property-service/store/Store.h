@@ -23,7 +23,7 @@ class Store final : public IStore {
     Store& operator=(const Store&) = delete;
     ~Store() override;
 
-    std::vector<Entry> load() override;
+    StoredValues load() override;
     void write(const std::vector<Entry>& entries) override;
     void rebuild(const std::vector<Entry>& entries) override;
 
@@ -35,7 +35,7 @@ class Store final : public IStore {
 
     void open();
     void restore(const std::string& damage);
-    std::vector<Entry> readCopy() const;
+    StoredValues readCopy() const;
     void commit(const std::vector<Entry>& entries);
     void rewriteIfDisplaced();
     std::chrono::milliseconds backupDelay() const;
@@ -45,7 +45,7 @@ class Store final : public IStore {
     const std::string path_;
     const std::chrono::milliseconds backupInterval_;
     std::unique_ptr<Database> database_;  // null: the disk is not writable
-    std::vector<Entry> entries_;          // read by `open`, until `load` returns it
+    StoredValues loaded_;                 // read by `open`, until `load` returns it
     Clock::time_point nextBackup_;
 };
 

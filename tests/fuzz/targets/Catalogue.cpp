@@ -1,6 +1,7 @@
 // The property service's catalogue: a file is refused as a whole, or each of its definitions is usable.
 #include "catalogue/Catalogue.h"
 
+#include "catalogue/KeyPattern.h"
 #include "fuzz/Promise.h"
 #include "fuzz/Targets.h"
 #include "propertyprotocol/Json.h"
@@ -14,7 +15,10 @@ using namespace propertyservice;
 
 void checkPattern(const std::string& pattern) {
     try {
-        for (const std::string& key : expandKeyPattern(pattern)) {
+        const KeyPattern keyPattern(pattern);
+        const std::vector<std::string> keys = keyPattern.keys();
+        promise(keys.size() == keyPattern.size(), "a pattern knows how many keys it has");
+        for (const std::string& key : keys) {
             promise(key.find('{') == std::string::npos || !isKey(key), "an expanded key has no range");
         }
     } catch (const std::invalid_argument&) {

@@ -314,6 +314,13 @@ INSTANTIATE_TEST_SUITE_P(
                   "c.json:2: a..b: is not a valid key: letters, digits, \"_\" and \"-\" in segments between dots, at "
                   "most 255 "
                   "bytes"},
+        ErrorCase{
+            "PatternOfInvalidKeys", withKeys("\"a.{0-9}.\": " + definition(R"("type": "text", "default": "")")),
+            "c.json:2: a.{0-9}.: is not a valid key: letters, digits, \"_\" and \"-\" in segments between dots, at "
+            "most 255 bytes"},
+        ErrorCase{"PatternOfPermanentState",
+                  withKeys("\"State.{0-9}\": " + definition(R"("type": "text", "default": "", "volatile": false)")),
+                  "c.json:2: State.{0-9}: keys below \"State.\" are volatile"},
         ErrorCase{"RangeBackwards", withKeys("\"a.{7-0}\": " + definition(R"("type": "text", "default": "")")),
                   "c.json:2: a.{7-0}: \"{7-0}\" is not an index range such as {0-7}"},
         ErrorCase{"RangeOpen", withKeys("\"a.{0-7\": " + definition(R"("type": "text", "default": "")")),
@@ -323,34 +330,6 @@ INSTANTIATE_TEST_SUITE_P(
                            ",\n\"a.{3-4}\": " + definition(R"("type": "text", "default": "")")),
                   "c.json:3: a.3: duplicate key, first defined in line 2"}),
     [](const auto& row) { return row.param.name; });
-
-TEST(KeyPattern, RefusesMoreThan10000Keys) {
-    EXPECT_EQ(expandKeyPattern("a.{0-99}.{0-99}").size(), 10000U);
-    EXPECT_THROW(expandKeyPattern("a.{0-99}.{0-100}"), std::invalid_argument);
-    EXPECT_THROW(expandKeyPattern("a.{0-4294967295}"), std::invalid_argument);
-    EXPECT_THROW(expandKeyPattern("a.{00-7}"), std::invalid_argument);
-    EXPECT_THROW(expandKeyPattern("a.{}"), std::invalid_argument);
-    EXPECT_EQ(expandKeyPattern("a.{0-9999}").size(), 10000U);
-    EXPECT_THROW(expandKeyPattern("a.{0-10000}"), std::invalid_argument);
-    EXPECT_THROW(expandKeyPattern("a.{0-9999}.{0-1}"), std::invalid_argument);
-}
-
-TEST(KeyPattern, AcceptsTheLargestIndex) {
-    EXPECT_THAT(expandKeyPattern("a.{4294967294-4294967295}"), ElementsAre("a.4294967294", "a.4294967295"));
-    EXPECT_THROW(expandKeyPattern("a.{4294967295-4294967296}"), std::invalid_argument);
-}
-
-TEST(KeyPattern, IndexIsADecimalNumber) {
-    for (const char* index : {"a", "f", "0x1", "0a", "+1", "-1", " 1", "1 ", "1a", "01", "00", "1.", "1e1", ""}) {
-        EXPECT_THROW(expandKeyPattern("k.{" + std::string(index) + "-20}"), std::invalid_argument) << index;
-        EXPECT_THROW(expandKeyPattern("k.{0-" + std::string(index) + "}"), std::invalid_argument) << index;
-    }
-    EXPECT_THAT(expandKeyPattern("k.{9-11}"), ElementsAre("k.10", "k.11", "k.9"));
-    EXPECT_THAT(expandKeyPattern("k.{0-0}"), ElementsAre("k.0"));
-    EXPECT_THAT(expandKeyPattern("k.{10-10}e"), ElementsAre("k.10e"));
-    EXPECT_THAT(expandKeyPattern("{1-2}{3-4}"), ElementsAre("13", "14", "23", "24"));
-    EXPECT_THAT(expandKeyPattern("plain}"), ElementsAre("plain}"));
-}
 
 TEST(Key, HasPlainSegmentsOnly) {
     EXPECT_TRUE(isKey("State"));
@@ -364,6 +343,27 @@ TEST(Key, HasPlainSegmentsOnly) {
     for (const char* text : {"", ".", "a.", ".a", "a/b", "a#", "a+", "\xc3\xa4", "a b", "a\n"}) {
         EXPECT_FALSE(isKey(text)) << text;
     }
+}
+
+TEST(Catalogue, NamesThePatternAndTheLineOfKeysThatAreTooLong) {
+    const std::string text = definition(R"("type": "text", "default": "")");
+    EXPECT_EQ(
+        errorOf(withKeys("\"a\": " + text + ",\n\"X.{0-9999}." + std::string(1024 * 1024, 'y') + "\": " + text)),
+        "c.json:3: X.{0-9999}." + std::string(289, 'y') + "...: the pattern expands to keys of more than 255 bytes");
+    EXPECT_EQ(
+        errorOf(withKeys("\"" + std::string(299, 'y') + "\u00e4z\": " + text)),
+        "c.json:2: " + std::string(299, 'y') +
+            "...: is not a valid key: letters, digits, \"_\" and \"-\" in segments between dots, at most 255 bytes");
+}
+
+TEST(Catalogue, HasAtMostAMillionKeys) {
+    std::string patterns;
+    for (int index = 0; index < 100; ++index) {
+        patterns +=
+            "\"a" + std::to_string(index) + ".{0-9999}\": " + definition(R"("type": "text", "default": "")") + ",\n";
+    }
+    EXPECT_EQ(errorOf(withKeys(patterns + "\"b\": " + definition(R"("type": "text", "default": "")"))),
+              "c.json:102: b: the catalogue has more than 1000000 keys");
 }
 
 TEST(Catalogue, MissingFileIsNamedInTheError) {

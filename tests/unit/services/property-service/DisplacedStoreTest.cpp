@@ -11,6 +11,7 @@
 #include <functional>
 #include <iterator>
 
+#include "StoredValuesEqual.h"
 #include "TemporaryFolder.h"
 #include "fakes/LogCapture.h"
 #include "store/Store.h"
@@ -51,7 +52,7 @@ class DisplacedStore : public testing::Test {
         for (const fs::directory_entry& entry : fs::directory_iterator(fs::path(path).parent_path())) {
             if (entry.path().filename().string().compare(0, 4, "s.db") == 0) fs::copy(entry.path(), copy, recursive);
         }
-        return Store(copy / "s.db").load();
+        return entriesOf(Store(copy / "s.db").load());
     }
 
     // Expects that the next write logs the report and rewrites the files, and that later writes log nothing.

@@ -12,7 +12,11 @@ namespace propertyservice {
 
 class FakeStore final : public IStore {
  public:
-    std::vector<Entry> load() override { return {values.begin(), values.end()}; }
+    StoredValues load() override {
+        StoredValues loaded;
+        for (const auto& [key, value] : values) loaded.add(key, value);
+        return loaded;
+    }
 
     void write(const std::vector<Entry>& entries) override {
         ++transactions;

@@ -2,6 +2,8 @@
 #include <fcntl.h>
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
+#include <sqlite3.h>
+#include <sys/inotify.h>
 #include <sys/stat.h>
 #include <sys/syscall.h>
 #include <unistd.h>
@@ -14,6 +16,7 @@
 
 #include "Sanitized.h"
 #include "SmallDisk.h"
+#include "StoredValuesEqual.h"
 #include "TemporaryFolder.h"
 #include "common/Descriptor.h"
 #include "fakes/FewDescriptors.h"
@@ -68,6 +71,25 @@ class TemporaryDirectory {
 
  private:
     std::string before_;
+};
+
+/// Sees the files that appear in a folder, also those that are removed at once.
+class FolderWatch {
+ public:
+    explicit FolderWatch(const std::string& path) {
+        if (::inotify_add_watch(events_.get(), path.c_str(), IN_CREATE) < 0)
+            throw std::runtime_error("cannot watch " + path);
+    }
+
+    /// The name of one that appeared since the last call, or nothing.
+    std::string created() const {
+        alignas(inotify_event) char buffer[4096];
+        if (::read(events_.get(), buffer, sizeof buffer) <= 0) return "";
+        return reinterpret_cast<const inotify_event*>(buffer)->name;
+    }
+
+ private:
+    const common::Descriptor events_{::inotify_init1(IN_NONBLOCK | IN_CLOEXEC)};
 };
 
 void overwrite(const std::string& path, std::streamoff at, const std::string& bytes) {
@@ -234,6 +256,40 @@ TEST_F(LittleDisk, IsRefusedIfAReadOnlyStoreCanBeCopiedNowhere) {
     log.forget();
     EXPECT_THROW(Store(disk / "s.db"), StoreException);
     EXPECT_THAT(log.text(), HasSubstr("/dev/shm/prop-service-"));
+}
+
+TEST_F(LittleDisk, CopiesAReadOnlyStoreNeverToTheWorkingFolder) {
+    { Store(disk / "s.db").write({{"a", "1"}}); }
+    disk.setReadOnly(true);
+    const WorkingFolder inside(folder / "");
+    const FolderWatch watch(folder / "");
+    for (const char* path : {"relative", ".", "", "/missing/folder", "/dev/null"}) {
+        const TemporaryDirectory invalid(path);
+        EXPECT_THAT(Store(disk / "s.db").load(), ElementsAre(Entry("a", "1"))) << path;
+        EXPECT_EQ(watch.created(), "") << path;
+    }
+}
+
+TEST(LargeStoreOfFormat1, IsMigratedWithoutTemporaryFiles) {
+    const TemporaryFolder folder;
+    const std::string path = folder / "s.db";
+    { const Store store(path); }
+    sqlite3* database = nullptr;
+    ASSERT_EQ(sqlite3_open(path.c_str(), &database), SQLITE_OK);
+    const char* const makeOld =
+        "ALTER TABLE property DROP COLUMN checksum; PRAGMA user_version = 1;"
+        "WITH RECURSIVE number(n) AS (SELECT 1 UNION ALL SELECT n + 1 FROM number WHERE n < 5000)"
+        "INSERT INTO property SELECT 'key' || n, printf('%.100c', 'v') FROM number";
+    EXPECT_EQ(sqlite3_exec(database, makeOld, nullptr, nullptr, nullptr), SQLITE_OK) << sqlite3_errmsg(database);
+    sqlite3_close(database);
+    const WorkingFolder inside(folder / "");
+    fs::create_directory("relative");
+    const TemporaryDirectory temporary("relative");
+    const FolderWatch watch("relative");
+    sqlite3_shutdown();  // it reads TMPDIR when it is initialised, which the next use does
+    EXPECT_EQ(Store(path).load().size(), 5000U);
+    EXPECT_EQ(watch.created(), "");
+    sqlite3_shutdown();
 }
 
 /// The descriptor of this process that reads the file.

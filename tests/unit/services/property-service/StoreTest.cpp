@@ -13,6 +13,7 @@
 #include <iterator>
 #include <thread>
 
+#include "StoredValuesEqual.h"
 #include "TemporaryFolder.h"
 
 namespace propertyservice {
@@ -209,7 +210,7 @@ TEST(Store, LosesNoAcknowledgedWriteWhenKilled) {
 
         Store store(path);
         std::map<std::string, std::string> values;
-        for (const auto& [key, value] : store.load()) values.emplace(key, *value);
+        for (const auto& [key, value] : store.load()) values.emplace(key, value);
         const unsigned long number = std::stoul(values["number"]);
         EXPECT_GE(number, acknowledged);
         EXPECT_LE(number, acknowledged + 1);  // the last one may have been stored but not acknowledged

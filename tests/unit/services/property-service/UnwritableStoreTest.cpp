@@ -5,6 +5,7 @@
 #include <fstream>
 
 #include "SmallDisk.h"
+#include "StoredValuesEqual.h"
 #include "TemporaryFolder.h"
 #include "fakes/LogCapture.h"
 #include "store/Store.h"

@@ -26,7 +26,11 @@ using testing::Not;
 
 class MemoryStore final : public propertyservice::IStore {
  public:
-    std::vector<Entry> load() override { return stored; }
+    propertyservice::StoredValues load() override {
+        propertyservice::StoredValues values;
+        for (const auto& [key, value] : stored) values.add(key, *value);
+        return values;
+    }
     void write(const std::vector<Entry>& entries) override {
         if (full) throw propertyservice::StoreException("full");
         if (damaged) throw propertyservice::DamagedStore("damaged");

@@ -1,0 +1,38 @@
+// A name in the catalogue that stands for one key or, with index ranges, for many: "FunctionKeys.{0-7}.Label" for
+// eight.
+#pragma once
+
+#include <cstddef>
+#include <cstdint>
+#include <string>
+#include <vector>
+
+namespace propertyservice {
+
+class KeyPattern {
+ public:
+    /// Throws std::invalid_argument with the reason if a range is malformed, or if there are over 10,000 keys or keys
+    /// of over 255 bytes. The keys are not checked otherwise.
+    explicit KeyPattern(const std::string& text);
+
+    /// The number of keys.
+    std::size_t size() const { return size_; }
+
+    /// All keys. The numbers of each range come in the order of their texts: 10 before 9.
+    std::vector<std::string> keys() const;
+
+ private:
+    struct Range {
+        std::uint64_t first;
+        std::uint64_t last;
+        std::string textBehind;
+    };
+
+    static Range readRange(const std::string& text);
+
+    std::string textBefore_;  // before the first range
+    std::vector<Range> ranges_;
+    std::size_t size_ = 1;
+};
+
+}  // namespace propertyservice
