@@ -87,7 +87,7 @@ class Link {
     Clock::time_point keepAliveAt() const { return keepAliveAt_; }
 
     void beginRound();
-    /// Writes, and reads at most one packet; returns whether the link is still up.
+    /// Writes, and usually reads one packet; returns whether the link is still up.
     bool serve(short events);
     /// Sends a ping if one is due, and ends the link if the last one was not answered. Due again at `keepAliveAt`.
     void keepAlive();

@@ -168,6 +168,8 @@ class PropertyApi final : public IPropertyApi {
             } catch (const ipc::IPCOfflineException& error) {
                 if (!waitForRecovery(call)) throw PropertyOfflineException(errorText(*call.key, error.what()));
             } catch (const ipc::IPCTimeoutException& error) {
+                // It may not have been sent before the service came back.
+                if (begun != nullptr && call.deadlineExtended && Clock::now() < deadlineOf(call)) continue;
                 const common::LockGuard lock(mutex_);
                 responsesAtTimeout_ = bus_->responsesReceived();
                 throw PropertyTimeoutException(errorText(*call.key, error.what()));

@@ -67,7 +67,7 @@ std::string BundleFile::find(const Digest& digest, Place place) const {
     try {
         std::string der = findIn(readPlace(file_.get(), place), digest);
         if (der.empty()) der = findIn(text(), digest);
-        if (der.empty()) throw std::runtime_error(path_ + " was changed and does not have it any more");
+        if (der.empty()) throw std::runtime_error(path_ + " was changed and no longer has it");
         return der;
     } catch (const std::exception& exception) {
         dbg::Debug::warning() << "A trusted certificate cannot be used: " << exception.what() << std::endl;

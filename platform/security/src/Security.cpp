@@ -155,8 +155,10 @@ void Security::notifySystemAboutNewCertificates() {
         std::size_t count = 0;
         {
             const common::LockGuard lock(state_->mutex);
-            if (state_->trusted == state_->notified || state_->trusted->sameAs(*state_->notified)) return;
-            state_->notified = state_->trusted;
+            if (state_->trusted == state_->notified) return;
+            // Also if it has the same certificates: the one before holds a file open.
+            const auto before = std::exchange(state_->notified, state_->trusted);
+            if (state_->trusted->sameAs(*before)) return;
             count = state_->trusted->count();
         }
         dbg::Debug::info() << "Trusted certificates changed: " << count << " certificates" << std::endl;

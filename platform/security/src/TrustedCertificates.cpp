@@ -80,10 +80,12 @@ struct TrustedCertificates::Index {
     }
 
     void add(const std::vector<std::string>& others) {
-        for (const std::string& der : others) add(der, {}, true);
+        for (const std::string& der : others) {
+            if (!der.empty()) add(der, {}, true);
+        }
     }
 
-    // Of two that are equal, one that is in memory stays.
+    // Of duplicates, keeps the one in memory.
     void finish() {
         std::sort(certificates.begin(), certificates.end(), [](const Known& a, const Known& b) {
             return a.digest != b.digest ? a.digest < b.digest : a.der.size() > b.der.size();

@@ -21,7 +21,8 @@ bool isEmpty(const std::string& path) {
     return std::filesystem::file_size(path, error) == 0 && !error && !std::filesystem::exists(path + "-wal", error);
 }
 
-// $TMPDIR, unless it is missing or relative: the working folder says nothing about where files may be written.
+// $TMPDIR (or TMP, TEMP, TEMPDIR), unless it is missing or relative: the working folder says nothing about where files
+// may be written.
 std::filesystem::path folderOfTemporaryFiles() {
     std::error_code error;
     std::filesystem::path chosen = std::filesystem::temp_directory_path(error);

@@ -71,8 +71,8 @@ class IIPCClient {
                                 std::chrono::milliseconds timeout) = 0;
 
     /// The same without waiting: the request is sent, and the response can be awaited later. So several requests take
-    /// the time of one; the service receives them in order. Does not block; `response` throws the errors. The default
-    /// makes the request when its response is awaited.
+    /// the time of one. Does not block; `response` throws the errors. The default makes the request when its response
+    /// is awaited, and what cannot be sent yet is sent then: the service may receive requests in another order.
     virtual std::unique_ptr<IPCRequest> beginRequest(const std::string& topic, const std::string& payload,
                                                      const std::string& statusTopic, std::chrono::milliseconds timeout);
 

@@ -121,8 +121,11 @@ TEST(Probe, OfABrokerThatDoesNotAnswerEndsInTimeOrWhenCancelled) {
 
 TEST(Resolve, LocalhostNeedsNoHostsFile) {
     std::string reason;
-    const Calls broken(Call::getaddrinfo, EAI_FAIL, 2);
-    EXPECT_EQ(ipc::resolve({"localhost"}, reason), std::vector<std::string>{"127.0.0.1"});
+    const Calls broken(Call::getaddrinfo, EAI_FAIL, 1);
+    const std::vector<std::string> addresses = ipc::resolve({"localhost"}, reason);
+    ASSERT_FALSE(addresses.empty());
+    EXPECT_EQ(addresses.front(), "127.0.0.1");
+    EXPECT_EQ(reason, "");
     EXPECT_TRUE(ipc::resolve({"broker.example"}, reason).empty());
     EXPECT_EQ(reason, ::gai_strerror(EAI_FAIL));
 }

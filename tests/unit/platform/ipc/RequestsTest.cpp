@@ -160,7 +160,7 @@ TEST_F(RequestsTest, BegunRequestsAreSentAtOnce) {
     EXPECT_EQ(second.response(), "second");
 }
 
-TEST_F(RequestsTest, ResponseThrowsWhatTheBeginningMet) {
+TEST_F(RequestsTest, ResponseThrowsTheErrorOfTheBeginning) {
     const Requests::Send tooMany = [](const std::string&) -> bool { throw ipc::IPCException("too many"); };
     Requests::Request unwatched(requests, status, bustest::patience, tooMany);
     serve();

@@ -119,4 +119,14 @@ TEST_F(GetEach, WaitsForTheServiceInARecoveryScope) {
     EXPECT_EQ(bus->waits, (std::vector<milliseconds>(2, milliseconds(5000))));
 }
 
+TEST_F(GetEach, AllKeysHaveTheFullTimeoutOnceTheServiceIsBack) {
+    const propertyapi::RecoveryScope recovery;
+    bus->answers = {offline, answerOf("A.1", "one"), late, answerOf("A.2", "two"), late, answerOf("A.3", "three")};
+    const auto readings = read();
+    EXPECT_EQ(readings[0].value(), "one");
+    EXPECT_EQ(readings[1].value(), "two");
+    EXPECT_EQ(readings[2].value(), "three");
+    EXPECT_PRED2(isAbout, bus->timeouts.back(), milliseconds(5000));
+}
+
 }  // namespace

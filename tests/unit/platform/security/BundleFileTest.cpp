@@ -28,8 +28,8 @@ class BundleFile : public testing::Test {
         return std::make_unique<zav::TrustedCertificates>(open(), std::vector<std::string>{});
     }
     fakes::LogLine warning() const {
-        return fakes::warning("platform/security/src/BundleFile", "A trusted certificate cannot be used: " + path +
-                                                                      " was changed and does not have it any more");
+        return fakes::warning("platform/security/src/BundleFile",
+                              "A trusted certificate cannot be used: " + path + " was changed and no longer has it");
     }
 
     const common::TemporaryFolder folder{"zav-test"};

@@ -6,6 +6,7 @@
 
 #include <filesystem>
 #include <fstream>
+#include <iterator>
 #include <memory>
 #include <string>
 #include <thread>
@@ -227,10 +228,26 @@ TEST_F(SystemBundle, ReloadReadsARepairedBundleWithTheSameCertificates) {
     security.notifySystemAboutNewCertificates();
     EXPECT_EQ(log.count(fakes::warning("platform/security/src/BundleFile",
                                        "A trusted certificate cannot be used: /etc/ssl/certs/ca-certificates.crt was "
-                                       "changed and does not have it any more")),
+                                       "changed and no longer has it")),
               1U)
         << log.text();
     EXPECT_EQ(log.lines().size(), 1U) << log.text();
+}
+
+TEST_F(SystemBundle, ReplacedFileIsClosedOnceItsReplacementIsAnnounced) {
+    const auto descriptors = [] {
+        const std::filesystem::directory_iterator open("/proc/self/fd");
+        return std::distance(begin(open), end(open));
+    };
+    zav::Security security(properties);
+    EXPECT_TRUE(trusts(security, "Test authority"));
+    const auto before = descriptors();
+    for (int update = 0; update < 3; ++update) {
+        replace(authority.certificate());
+        security.reloadCertificates();
+        security.notifySystemAboutNewCertificates();
+    }
+    EXPECT_EQ(descriptors(), before);
 }
 
 TEST_F(SystemBundle, MissingOneIsLoggedAndThePhonesOwnIsTrusted) {
