@@ -51,6 +51,12 @@ const std::vector<Advice>& logAdvice() {
          "[Device certificate](security.md#device-certificate)"},
         {"`Device certificate: every user can read or replace the private key in …`",
          "the file's mode is too open; the certificate is used", "`chmod o= /etc/zav.d/device.pem`"},
+        {"`A trusted certificate cannot be used: …`",
+         "the system's bundle was overwritten or truncated while the daemon had it open, or cannot be read; downloads "
+         "that "
+         "need the certificate fail",
+         "restore the bundle, replace it by renaming, and set `State.Security.Certificates.UpdateCABundle` to any "
+         "text"},
         {"`The clock is not set: it shows …, so certificates are not valid yet`",
          "TLS failed on a phone that has lost its time", "[Clock](operating.md#clock)"},
         {"`The TLS connection was cut before the answer's end`",
