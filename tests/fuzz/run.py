@@ -1,26 +1,31 @@
 #!/usr/bin/python3 -B
 """Runs the fuzz targets of a build, one after the other, or N at a time:
-run.py [--minimise] [--minutes N] [--jobs N] BUILD [TARGET...].
+run.py [--minimise] [--minutes N] [--quiet N] [--jobs N] BUILD [TARGET...].
 
 Each starts with the corpus in the tree and what earlier runs found, which BUILD/corpus keeps. The table at the end has
-a row for each target; inputs that broke a promise or crash are in BUILD/found. With --minimise, each target's
+a row for each target; with --quiet, a target ends early when an input last covered a new edge N minutes of its processor
+time ago. Inputs that broke a promise or crash are in BUILD/found. With --minimise, each target's
 corpus in the tree is replaced by the fewest inputs with the same coverage; files with names that a person gave them stay.
 """
 
 import argparse
 import concurrent.futures
+import math
 import os
 import pathlib
 import re
 import shutil
+import signal
 import subprocess
 import sys
 import tempfile
+import threading
 import time
 
 FOLDER = pathlib.Path(__file__).resolve().parent
 SECONDS_PER_INPUT = 60  # of real time, and the machine may be busy
 MEGABYTES = 1024
+INTERRUPTED = 72  # libFuzzer's status after SIGINT
 HASHED = re.compile(r"[0-9a-f]{12}")  # the name of an input that libFuzzer made
 STATUS = re.compile(r"^#(\d+)\s+\w+\s+cov: (\d+) ft: (\d+) corp: (\d+)")
 
@@ -45,31 +50,35 @@ class Target:
     def findings(self):
         return {path.name for path in self.found.glob(f"{self.name}-*")}
 
-    def run(self, seconds):
-        """Fuzzes, and returns a row of the table."""
+    def run(self, seconds, enough=math.inf):
+        """Fuzzes until time is up or no new edge was covered for `enough` seconds; returns a row of the table."""
         before = self.findings()
-        row = {"executions": 0, "coverage": 0, "features": 0, "quiet": 0}
-        begin, last_new = time.monotonic(), 0
+        row = {"executions": 0, "coverage": 0, "features": 0, "quiet": 0, "last_new": 0}
+        begin, ended = time.monotonic(), threading.Event()
         process = subprocess.Popen(
             self.command(f"-max_total_time={seconds}", f"-artifact_prefix={self.found}/{self.name}-",
                          "-print_final_stats=1", self.corpus, self.tree),
             stdin=subprocess.DEVNULL, stdout=subprocess.DEVNULL, stderr=subprocess.PIPE, text=True, errors="replace",
             env=environment())
+        watcher = threading.Thread(target=end_when_quiet, args=(process, row, enough, ended))
+        watcher.start()
         with open(self.log, "w", encoding="utf-8") as log:
             for line in process.stderr:
                 log.write(line)
                 if match := STATUS.match(line):
                     if int(match[2]) > row["coverage"]:
-                        last_new = processor_time(process.pid)
+                        row["last_new"] = processor_time(process.pid)
                     row["executions"], row["coverage"], row["features"] = (int(match[i]) for i in (1, 2, 3))
                 elif line.startswith("stat::number_of_executed_units:"):
                     row["executions"] = int(line.split()[-1])
+        ended.set()
+        watcher.join()
         _, status, usage = os.wait4(process.pid, 0)
         process.returncode = os.waitstatus_to_exitcode(status)
-        row["failed"] = process.returncode != 0
+        row["failed"] = process.returncode not in (0, INTERRUPTED)
         row["seconds"] = time.monotonic() - begin
         row["processor"] = usage.ru_utime + usage.ru_stime
-        row["quiet"] = row["processor"] - last_new
+        row["quiet"] = row["processor"] - row["last_new"]
         row["inputs"] = len({path.name for folder in (self.corpus, self.tree) for path in folder.iterdir()})
         row["found"] = sorted(self.findings() - before)
         return row
@@ -88,6 +97,14 @@ class Target:
                 shutil.copy(path, self.tree / path.name[:12])
         size = sum(path.stat().st_size for path in self.tree.iterdir())
         print(f"{self.name}: {len(list(self.tree.iterdir()))} inputs, {size} bytes")
+
+
+def end_when_quiet(process, row, enough, ended):
+    """Ends libFuzzer as Ctrl-C does: it prints its figures."""
+    while not ended.wait(5):
+        if processor_time(process.pid) - row["last_new"] >= enough:
+            process.send_signal(signal.SIGINT)
+            return
 
 
 def processor_time(pid):
@@ -112,6 +129,7 @@ def main():
     parser = argparse.ArgumentParser(prog="scripts/test fuzz")
     parser.add_argument("--minimise", action="store_true")
     parser.add_argument("--minutes", type=float, default=1)
+    parser.add_argument("--quiet", type=float, default=math.inf)
     parser.add_argument("--jobs", type=int, default=1)
     parser.add_argument("build", type=pathlib.Path)
     parser.add_argument("targets", nargs="*")
@@ -129,7 +147,7 @@ def main():
     print(f"{'target':18} {'executions':>11} {'a second':>8} {'edges':>8} {'features':>8} {'inputs':>7} "
           f"{'CPU min.':>9} {'quiet':>9}  result", flush=True)
     failures = []
-    running = {pool.submit(target.run, round(arguments.minutes * 60)): target for target in targets}
+    running = {pool.submit(target.run, round(arguments.minutes * 60), arguments.quiet * 60): target for target in targets}
     for done in concurrent.futures.as_completed(running):
         target, row = running[done], done.result()
         show(target.name, row)
