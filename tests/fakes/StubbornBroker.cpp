@@ -1,6 +1,7 @@
 #include "fakes/StubbornBroker.h"
 
 #include <arpa/inet.h>
+#include <linux/tcp.h>
 #include <netinet/in.h>
 #include <poll.h>
 #include <sys/eventfd.h>
@@ -47,6 +48,13 @@ std::string text(const std::string& value) {
 
 std::string property(char identifier, std::uint16_t value) {
     return {identifier, static_cast<char>(value / 256), static_cast<char>(value % 256)};
+}
+
+int segmentsWithData(int socket) {
+    tcp_info info{};
+    socklen_t size = sizeof info;
+    getsockopt(socket, IPPROTO_TCP, TCP_INFO, &info, &size);
+    return static_cast<int>(info.tcpi_data_segs_in);
 }
 
 }  // namespace
@@ -169,6 +177,7 @@ bool StubbornBroker::talk(int client) {
         char buffer[65536];
         const ssize_t size = recv(client, buffer, sizeof buffer, 0);
         if (size <= 0) return false;
+        segments_ = segmentsWithData(client);
         input_.append(buffer, static_cast<std::size_t>(size));
         while (const std::size_t taken = takePacket(input_)) input_.erase(0, taken);
     }

@@ -41,6 +41,9 @@ class StubbornBroker {
     /// Topics of all publishes, in order of arrival.
     std::vector<std::string> published() const;
 
+    /// The number of TCP segments with data that the current connection has received.
+    int segments() const { return segments_; }
+
     /// Withholds the answers to subscriptions until `answerSubscriptions`.
     void holdSubscriptions() { holdsSubscriptions_ = true; }
     void answerSubscriptions();
@@ -81,6 +84,7 @@ class StubbornBroker {
     std::atomic<std::size_t> heldCount_{0};
     std::atomic<int> connections_{0};
     std::atomic<int> pings_{0};
+    std::atomic<int> segments_{0};
     std::atomic<bool> ignoresPings_{false};
     std::atomic<bool> givesIn_{false};
     std::atomic<bool> hangsUp_{false};

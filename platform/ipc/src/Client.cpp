@@ -165,6 +165,8 @@ class Client final : public IIPCClient, private ConnectionListener, private Resp
     std::unique_ptr<IPCRequest> beginRequest(const std::string& topic, const std::string& payload,
                                              const std::string& statusTopic,
                                              std::chrono::milliseconds timeout) override {
+        // Waiting for a response sends what is corked.
+        connection_.cork();
         return std::make_unique<SentRequest>(connection_, requests_, replyTopic_, topic, payload, statusTopic, timeout);
     }
 

@@ -141,6 +141,7 @@ std::size_t Connection::outstanding() {
 
 bool Connection::serve(Clock::time_point until, const std::function<Awaited()>& awaited) {
     const common::LockGuard lock(mutex_);
+    if (link_) link_->uncork();
     if (isServedByCaller_ || state_ != State::ready || link_->isOver()) return false;
     isServedByCaller_ = true;
     const Link* const link = link_.get();

@@ -104,7 +104,8 @@ class Connection : private LinkListener {
     /// The number of messages not yet sent or not yet acknowledged; 0 without a connection.
     std::size_t outstanding() EXCLUDES(mutex_);
 
-    /// Inside `roundEnded`: messages published from here to its end are sent in as few TCP segments as possible.
+    /// Messages published from here to the end of the network thread's round, or to the next `serve`, are sent in as
+    /// few TCP segments as possible; one of the two must follow.
     void cork() EXCLUDES(mutex_);
 
     /// Returns the subscription identifier, which the broker names in messages for the filter. `retained` is one of

@@ -196,9 +196,13 @@ void Link::cork() {
     corked_ = true;
 }
 
-void Link::endRound(short events) {
+void Link::uncork() {
     if (corked_) setCork(descriptor(), false);
     corked_ = false;
+}
+
+void Link::endRound(short events) {
+    uncork();
     // Data written since then carries the acknowledgement.
     if ((events & POLLIN) != 0 && !wrote_) enableQuickAck(descriptor());
 }

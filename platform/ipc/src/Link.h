@@ -91,8 +91,10 @@ class Link {
     bool serve(short events);
     /// Sends a ping if one is due, and ends the link if the last one was not answered. Due again at `keepAliveAt`.
     void keepAlive();
-    /// Data written from here to the end of the round is sent in as few TCP segments as possible.
+    /// Data written from here to `uncork` or the end of the round is sent in as few TCP segments as possible. The
+    /// system sends what is 200 ms old in any case.
     void cork();
+    void uncork();
     /// Acknowledges what was read if `events` has POLLIN.
     void endRound(short events);
 

@@ -70,9 +70,10 @@ class IIPCClient {
     virtual std::string request(const std::string& topic, const std::string& payload, const std::string& statusTopic,
                                 std::chrono::milliseconds timeout) = 0;
 
-    /// The same without waiting: the request is sent, and the response can be awaited later. So several requests take
-    /// the time of one. Does not block; `response` throws the errors. The default makes the request when its response
-    /// is awaited, and what cannot be sent yet is sent then: the service may receive requests in another order.
+    /// The same without waiting: the request is sent, at the latest when a response is awaited (or 200 ms later), and
+    /// its own response can be awaited later. So several requests take the time of one. Does not block; `response`
+    /// throws the errors. The default makes the request when its response is awaited, and what cannot be sent yet is
+    /// sent then: the service may receive requests in another order.
     virtual std::unique_ptr<IPCRequest> beginRequest(const std::string& topic, const std::string& payload,
                                                      const std::string& statusTopic, std::chrono::milliseconds timeout);
 

@@ -7,6 +7,7 @@
 
 #include "BusFixtures.h"
 #include "fakes/Broker.h"
+#include "fakes/StubbornBroker.h"
 
 namespace {
 
@@ -52,6 +53,30 @@ TEST(RequestOnABusyConnection, IsNotCrowdedOutByMessagesThatMayBeLost) {
     EXPECT_THROW(ask(*client, "accepted", milliseconds(50)), ipc::IPCTimeoutException);
     broker.thaw();
     EXPECT_EQ(ask(*client, "after"), "re:after");
+    client->disconnect();
+}
+
+TEST(RequestsBegunTogether, LeaveInOneSegmentWithTheNext) {
+    fakes::StubbornBroker broker;  // never answers
+    const auto client = newClient("asker");
+    client->watchPresence(statusTopic);
+    client->connect(broker.address());
+    broker.send(statusTopic, "online", 1);
+    ASSERT_TRUE(eventually([&] { return client->waitForService(statusTopic, patience); }));
+    std::size_t sent = 0;
+    const auto segmentsOfFour = [&] {
+        const int before = broker.segments();
+        const auto begin = [&] { return client->beginRequest("test-service/ask", "begun", statusTopic, patience); };
+        const auto first = begin();
+        const auto second = begin();
+        const auto third = begin();
+        EXPECT_THROW(ask(*client, "plain", milliseconds(200)), ipc::IPCTimeoutException);
+        sent += 4;
+        EXPECT_TRUE(eventually([&] { return broker.published().size() == sent; }));
+        return broker.segments() - before;
+    };
+    // The network thread sends what is held back whenever it has read something, such as the presence.
+    EXPECT_TRUE(eventually([&] { return segmentsOfFour() == 1; }));
     client->disconnect();
 }
 
