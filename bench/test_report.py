@@ -9,6 +9,7 @@ import page
 import plot
 import report
 from work import Work, at_least, at_most
+from works import idle
 
 
 def work(goal, name="work"):
@@ -45,6 +46,19 @@ class Figures(unittest.TestCase):
     def test_numbers_have_three_digits(self):
         self.assertEqual([report.number(value) for value in (0, 0.12345, 1.2345, 12.345, 1234.5)],
                          ["0", "0.123", "1.23", "12.3", "1,234"])
+
+
+class Idle(unittest.TestCase):
+    def test_a_burst_lies_between_quiet_seconds(self):
+        self.assertEqual(idle.bursts([(0, 0), (0, 0), (1, 5), (2, 9), (2, 9), (3, 9)]), [(2, 9)])
+
+    def test_a_run_without_keep_alives_says_whose_are_missing(self):
+        idle.require_keep_alives({"ours": [(2, 9)], "floor": [(1, 5), (3, 9)]})
+        for seen in [], [(1, 5)]:
+            with self.assertRaisesRegex(RuntimeError, "no keep-alive of the daemon"):
+                idle.require_keep_alives({"ours": seen, "floor": [(2, 9)]})
+            with self.assertRaisesRegex(RuntimeError, "no keep-alive of the bare client"):
+                idle.require_keep_alives({"ours": [(2, 9)], "floor": seen})
 
 
 class Table(unittest.TestCase):

@@ -66,7 +66,9 @@ class KeepAlives(Idle):
             for _ in range((self.samples + 1) * INTERVAL):
                 time.sleep(1)  # what is measured, not a wait for something
                 samples.append(self.counts())
-            self.counted[context] = {who: bursts([sample[who] for sample in samples]) for who in self.pids}
+            counted = {who: bursts([sample[who] for sample in samples]) for who in self.pids}
+            require_keep_alives(counted)
+            self.counted[context] = counted
         self.seen = self.counted[context]
 
     def close(self):
@@ -99,6 +101,15 @@ def bursts(samples):
         elif current:
             current = tuple(sum(values) for values in zip(current, (after[0] - before[0], after[1] - before[1])))
     return [burst for burst in found if burst[0] > 0]
+
+
+def require_keep_alives(counted):
+    """Without one there is nothing to count or to divide by."""
+    names = {"ours": "the daemon", "floor": "the bare client"}
+    for who, seen in counted.items():
+        if not any(wakes >= KEEP_ALIVE for wakes, _ in seen):
+            raise RuntimeError(f"no keep-alive of {names[who]} was seen between two quiet seconds, "
+                               f"only {len(seen)} smaller bursts of wake-ups")
 
 
 class WakeUps(KeepAlives):
