@@ -11,8 +11,8 @@ namespace propertyservice {
 
 class KeyPattern {
  public:
-    /// Throws std::invalid_argument with the reason if a range is malformed, or if there are over 10,000 keys or keys
-    /// of over 255 bytes. The keys are not checked otherwise.
+    /// Throws std::invalid_argument with the reason if a range is malformed, or if ranges expand to over 10,000 keys or
+    /// to keys of over 255 bytes. The keys are not checked otherwise, and a name without a range not at all.
     explicit KeyPattern(const std::string& text);
 
     /// The number of keys.

@@ -77,5 +77,10 @@ TEST(KeyPattern, RefusesKeysOfMoreThan255Bytes) {
     EXPECT_EQ(errorOf("X.{0-9999}." + std::string(1024 * 1024, 'y')), tooLong) << "and takes no memory";
 }
 
+TEST(KeyPattern, LeavesANameWithoutARangeToTheCheckOfKeys) {
+    const std::string name(256, 'a');
+    EXPECT_EQ(keysOf(name), std::vector<std::string>{name});
+}
+
 }  // namespace
 }  // namespace propertyservice
