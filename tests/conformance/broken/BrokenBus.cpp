@@ -111,6 +111,15 @@ class Client final : public ipc::IIPCClient {
         }
     }
 
+    std::unique_ptr<ipc::IPCRequest> beginRequest(const std::string& topic, const std::string& payload,
+                                                  const std::string& statusTopic, milliseconds timeout) override {
+        if (!breaks("a begun request gets its own answer")) {
+            return IIPCClient::beginRequest(topic, payload, statusTopic, timeout);
+        }
+        const std::lock_guard<std::mutex> lock(mutex_);
+        return real_->beginRequest(topic, std::exchange(lastBegun_, payload), statusTopic, timeout);
+    }
+
     bool waitForService(const std::string& statusTopic, milliseconds limit) override {
         return real_->waitForService(statusTopic, breaks("a wait has its limit") ? milliseconds(0) : limit);
     }
@@ -134,6 +143,7 @@ class Client final : public ipc::IIPCClient {
     // Guarded by mutex_. The adapters must outlive the deliveries of the client below.
     std::map<ipc::IIPCCallback*, std::unique_ptr<Callback>> callbacks_;
     std::string lastAnswer_;
+    std::string lastBegun_;
     const std::shared_ptr<ipc::IIPCClient> real_;
 };
 

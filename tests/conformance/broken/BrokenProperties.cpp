@@ -3,6 +3,7 @@
 #include <algorithm>
 #include <future>
 #include <utility>
+#include <vector>
 
 #include "BrokenBus.h"
 
@@ -18,6 +19,14 @@ class Properties final : public IPropertyApi {
 
     std::string get(const std::string& key) override {
         return translated([&] { return real_->get(key); });
+    }
+
+    std::vector<Reading> getEach(const std::vector<std::string>& keys) override {
+        std::vector<Reading> readings = IPropertyApi::getEach(keys);
+        if (breaks("keys read together keep their order")) {
+            std::rotate(readings.begin(), readings.begin() + 1, readings.end());
+        }
+        return readings;
     }
 
     void set(const std::string& key, const std::string& value) override {
