@@ -80,6 +80,9 @@ class KeepAlives(Idle):
     def restart_broker(phone, keep_alive=""):
         phone.run("env", f"LAB_KEEP_ALIVE={keep_alive}", ROOT / "lab/service", "restart", "broker")
         phone.settle()
+        # A pass that is requested before the daemon is back on the bus does not begin.
+        phone.run("sh", "-c", "until mosquitto_rr -V 5 -W 1 -t watchdog/prov-client -e prov-client/watchdog "
+                              "-m '{\"param\":\"Are you alive?\"}'; do :; done")
 
     def counts(self):
         """Of both: wake-ups, and microseconds of processor time, of all threads."""
