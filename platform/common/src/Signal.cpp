@@ -23,6 +23,9 @@ class ReceiverThread final : public SignalReceiver {
         ::signal(SIGPIPE, SIG_IGN);
         // A parent may have left it ignored: the kernel would then drop the exit status of our children.
         ::signal(SIGCHLD, SIG_DFL);
+        // Where a thread has not blocked it, each child's end wakes that thread for nothing: the process waits
+        // otherwise.
+        block(SIGCHLD);
         // The thread's own wake-up call: blocked everywhere, taken by sigwait only.
         block(wakeUp());
     }
