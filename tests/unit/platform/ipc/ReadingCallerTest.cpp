@@ -59,17 +59,26 @@ class Arrivals : public ipc::ConnectionListener {
     int losses_ GUARDED_BY(mutex_) = 0;
 };
 
-/// Messages that arrive with a response: few that are read in one round, or more.
-class ReadingTogether : public testing::TestWithParam<int> {};
+/// A connection that is ready and hears everything.
+class ReadingConnection : public testing::Test {
+ protected:
+    ReadingConnection() {
+        arrivals.interrupt(connection);
+        connection.subscribe("#", 0, 0);
+        connection.open(broker.address(), false);
+        connection.waitUntilReady();
+    }
+    ~ReadingConnection() override { connection.close(); }
 
-TEST_P(ReadingTogether, LeavesNothingInTheSocket) {
     fakes::StubbornBroker broker;
     Arrivals arrivals;
-    ipc::Connection connection({"reader", "reader", false, "", false}, arrivals);
-    arrivals.interrupt(connection);
-    connection.subscribe("#", 0, 0);
-    connection.open(broker.address(), false);
-    connection.waitUntilReady();
+    ipc::Connection connection{{"reader", "reader", false, "", false}, arrivals};
+};
+
+/// Messages that arrive with a response: few that are read in one round, or more.
+class ReadingTogether : public ReadingConnection, public testing::WithParamInterface<int> {};
+
+TEST_P(ReadingTogether, LeavesNothingInTheSocket) {
     for (int count = 1; count <= 20; ++count) {
         bool sent = false;
         // Sent only now, so that the message finds this thread waiting: it alone hears of it.
@@ -84,19 +93,11 @@ TEST_P(ReadingTogether, LeavesNothingInTheSocket) {
         }
         ASSERT_TRUE(arrivals.waitForOthers(count * GetParam())) << "after response " << count;
     }
-    connection.close();
 }
 
 INSTANTIATE_TEST_SUITE_P(Response, ReadingTogether, testing::Values(1, 300));
 
-TEST(ReadingConnection, NoticesTheEndThatArrivesWithAResponse) {
-    fakes::StubbornBroker broker;
-    Arrivals arrivals;
-    ipc::Connection connection({"reader", "reader", false, "", false}, arrivals);
-    arrivals.interrupt(connection);
-    connection.subscribe("#", 0, 0);
-    connection.open(broker.address(), false);
-    connection.waitUntilReady();
+TEST_F(ReadingConnection, NoticesTheEndThatArrivesWithAResponse) {
     bool sent = false;
     // Sent only now, so that the segment finds this thread waiting.
     const auto awaited = [&] {
@@ -109,7 +110,6 @@ TEST(ReadingConnection, NoticesTheEndThatArrivesWithAResponse) {
         ASSERT_TRUE(reads || arrivals.responses() > 0);
     }
     EXPECT_TRUE(arrivals.waitForLosses(1)) << "the end is left in the socket";
-    connection.close();
 }
 
 }  // namespace
