@@ -42,6 +42,14 @@ std::string withPort(const ipc::Address& address, int port) {
     return (isIpv6 ? "[" + address.host + "]" : address.host) + ":" + std::to_string(port);
 }
 
+// To make the table of many keys takes as long as to read the first half of their values.
+std::future<propertyservice::PropertyTable> expandMeanwhile(const propertyservice::Definitions& definitions) {
+    const common::signal::AllBlocked blocked;
+    return std::async(std::launch::async, [&definitions] {
+        return propertyservice::PropertyTable(propertyservice::Catalogue(definitions));
+    });
+}
+
 }  // namespace
 
 int main(int argc, char** argv) {
@@ -78,10 +86,12 @@ int main(int argc, char** argv) {
         common::signal::registerCustomHandler(SIGTERM, onTerminate);
         common::signal::registerCustomHandler(SIGINT, onTerminate);
 
-        propertyservice::Catalogue catalogue = propertyservice::Catalogue::load(cataloguePath);
-        const std::size_t count = catalogue.keys().size();
+        const auto definitions = propertyservice::Definitions::load(cataloguePath);  // first: an error leaves the store
+        auto expanding = expandMeanwhile(definitions);
         propertyservice::Store store(storePath);
-        propertyservice::PropertyService service(std::move(catalogue), store);
+        propertyservice::PropertyTable defaults = expanding.get();
+        const std::size_t count = defaults.all().size();
+        propertyservice::PropertyService service(std::move(defaults), store);
         propertyservice::SystemdNotifier notifier;
         const auto bus = ipc::IPCFactory::createService(
             propertyprotocol::serviceName, {[&notifier] { notifier.ready(); }, [&notifier] { notifier.alive(); }});

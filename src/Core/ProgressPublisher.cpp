@@ -6,12 +6,6 @@
 
 namespace zav {
 
-namespace {
-
-constexpr int atMostOnce = 0;
-
-}  // namespace
-
 ProgressPublisher::ProgressPublisher(std::shared_ptr<ipc::IIPCClient> bus, Now now)
     : bus_(std::move(bus)), now_(std::move(now)) {}
 
@@ -44,8 +38,7 @@ void ProgressPublisher::publish(const Job& job) noexcept {
     nextReport_ = now_() + interval;
     try {
         const std::string value = std::to_string(job.done_) + "/" + std::to_string(job.total_) + " " + job.unit_;
-        bus_->publish(constants.progressTopic, R"({"param":")" + job.name_ + R"(","value":")" + value + R"("})",
-                      atMostOnce);
+        bus_->publishSoon(constants.progressTopic, R"({"param":")" + job.name_ + R"(","value":")" + value + R"("})");
     } catch (...) {  // whoever watches misses one of many messages
     }
 }

@@ -1,6 +1,8 @@
 #include <gtest/gtest.h>
 
+#include <array>
 #include <atomic>
+#include <cstddef>
 #include <thread>
 
 #include "Bus.h"
@@ -34,6 +36,23 @@ TEST(Client, DeliversToASubscriptionMadeLater) {
     client->subscribe("news/#", recorder);
     client->publish("news/today", "sun", 0);
     ASSERT_TRUE(recorder.waitForMessages(1));
+    client->disconnect();
+}
+
+TEST(Client, MessagesSentSoonNeedNoOtherAndKeepTheirOrder) {
+    Bus bus;
+    Recorder recorder;
+    const auto client = newClient("soon");
+    client->subscribe("news/#", recorder);
+    client->connect(bus.address());
+    client->publishSoon("news/today", "rain");
+    ASSERT_TRUE(recorder.waitForMessages(1));
+    client->publishSoon("news/today", "sun");
+    client->publish("news/today", "wind", 0);
+    ASSERT_TRUE(recorder.waitForMessages(3));
+    for (std::size_t i = 0; i < 3; ++i) {
+        EXPECT_EQ(recorder.messages()[i].second, (std::array{"rain", "sun", "wind"}[i]));
+    }
     client->disconnect();
 }
 

@@ -46,7 +46,7 @@ std::shared_ptr<const Settings> Settings::load(const std::string& path) {
 std::shared_ptr<const Settings> Settings::of(const propertyservice::Catalogue& catalogue) {
     auto settings = std::make_shared<Settings>();
     for (const propertyservice::CatalogueKey& key : catalogue.keys()) {
-        settings->definitions_.emplace(key.key, key.definition);
+        settings->definitions_.emplace(std::string(key.key), key.definition);
     }
     return settings;
 }

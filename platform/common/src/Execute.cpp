@@ -11,11 +11,16 @@
 #include <algorithm>
 #include <array>
 #include <cerrno>
+#include <cstdlib>
+#include <cstring>
 #include <optional>
+#include <sstream>
+#include <string>
 #include <system_error>
 #include <thread>
 
 #include "OpenDescriptors.h"
+#include "common/Ascii.h"
 #include "common/Descriptor.h"
 #include "common/Quote.h"
 #include "common/Signal.h"
@@ -40,6 +45,30 @@ constexpr int commandNotFound = 127;
 [[noreturn]] void failToStart(const std::string& command, const std::string& reason) {
     throw CommandNotStartedException("Command " + quote(command) + " " + reason);
 }
+
+// Should the shell have a command of its own by this name, the program does the same.
+bool isInPath(const std::string& name) {
+    const char* const path = std::getenv("PATH");  // NOLINT(concurrency-mt-unsafe): nothing sets variables
+    std::istringstream folders(path != nullptr ? path : "");
+    for (std::string folder; std::getline(folders, folder, ':');) {
+        if (access((folder + "/" + name).c_str(), X_OK) == 0) return true;
+    }
+    return false;
+}
+
+// Whether the command is a program and arguments that have no meaning to the shell.
+bool isOneProgram(const std::string& command) {
+    const auto isPlain = [](char c) { return common::isAsciiLetterOrDigit(c) || std::strchr("_-./:,+", c) != nullptr; };
+    const auto nameEnd = std::find_if_not(command.begin(), command.end(), isPlain);
+    const auto isArgument = [&](char c) { return isPlain(c) || c == ' ' || c == '='; };
+    if (nameEnd == command.begin() || (nameEnd != command.end() && *nameEnd != ' ')) return false;
+    if (!std::all_of(nameEnd, command.end(), isArgument)) return false;
+    const std::string name(command.begin(), nameEnd);
+    return name.find('/') != std::string::npos || isInPath(name);
+}
+
+// What the shell gets: with `exec` a program takes its place, where it would only wait for the end of another process.
+std::string shellCommand(const std::string& command) { return isOneProgram(command) ? "exec " + command : command; }
 
 // Returns false, with errno set, if no descriptor is left.
 bool openPipe(Descriptor& reading, Descriptor& writing) {
@@ -119,7 +148,7 @@ class Shell {
         const SpawnAttributes spawn(errorPipe);
         std::string shell = "sh";
         std::string option = "-c";
-        std::string text = command;
+        std::string text = shellCommand(command);
         const std::array<char*, 4> arguments{shell.data(), option.data(), text.data(), nullptr};
         const int error =
             posix_spawn(&process_, "/bin/sh", spawn.actions(), spawn.attributes(), arguments.data(), environ);

@@ -38,7 +38,8 @@ class SentRequest final : public IPCRequest {
           payload_(std::move(payload)),
           statusTopic_(std::move(statusTopic)),
           send_([this, &connection, &replyTopic](std::string correlationData) {
-              return connection.publish({topic_, payload_, 0, replyTopic, std::move(correlationData)});
+              return connection.publish({topic_, payload_, 0, replyTopic, std::move(correlationData)},
+                                        Departure::withNext);
           }),
           request_(requests, statusTopic_, timeout, send_) {}
 
@@ -137,15 +138,10 @@ class Client final : public IIPCClient, private ConnectionListener, private Resp
     }
 
     void publish(const std::string& topic, const std::string& payload, int qualityOfService) override {
-        {
-            const common::LockGuard lock(mutex_);
-            if (state_ == State::fresh) throw IPCException("The bus client is not connected");
-            if (state_ == State::disconnected) throw IPCException("The bus client is disconnected");
-        }
-        // Half of what may wait for the broker is left for requests: these must not fail because of messages that may
-        // be lost.
-        if (qualityOfService == 0 && connection_.congestion() == Congestion::unsent) return;
-        connection_.publish({topic, payload, qualityOfService, {}, {}});
+        publish({topic, payload, qualityOfService, {}, {}}, Departure::atOnce);
+    }
+    void publishSoon(const std::string& topic, const std::string& payload) override {
+        publish({topic, payload, 0, {}, {}}, Departure::withNext);
     }
 
     void watchPresence(const std::string& statusTopic) override {
@@ -157,7 +153,7 @@ class Client final : public IIPCClient, private ConnectionListener, private Resp
     std::string request(const std::string& topic, const std::string& payload, const std::string& statusTopic,
                         std::chrono::milliseconds timeout) override {
         const auto send = [&](std::string correlationData) {
-            return connection_.publish({topic, payload, 0, replyTopic_, std::move(correlationData)});
+            return connection_.publish({topic, payload, 0, replyTopic_, std::move(correlationData)}, Departure::atOnce);
         };
         return requests_.ask(statusTopic, timeout, std::cref(send));
     }
@@ -165,8 +161,6 @@ class Client final : public IIPCClient, private ConnectionListener, private Resp
     std::unique_ptr<IPCRequest> beginRequest(const std::string& topic, const std::string& payload,
                                              const std::string& statusTopic,
                                              std::chrono::milliseconds timeout) override {
-        // Waiting for a response sends what is corked.
-        connection_.cork();
         return std::make_unique<SentRequest>(connection_, requests_, replyTopic_, topic, payload, statusTopic, timeout);
     }
 
@@ -185,6 +179,18 @@ class Client final : public IIPCClient, private ConnectionListener, private Resp
         std::shared_ptr<Delivery> delivery;
     };
     using Deliveries = std::vector<std::shared_ptr<Delivery>>;
+
+    void publish(const Message& message, Departure departure) EXCLUDES(mutex_) {
+        {
+            const common::LockGuard lock(mutex_);
+            if (state_ == State::fresh) throw IPCException("The bus client is not connected");
+            if (state_ == State::disconnected) throw IPCException("The bus client is disconnected");
+        }
+        // Half of what may wait for the broker is left for requests: these must not fail because of messages that may
+        // be lost.
+        if (message.qualityOfService == 0 && connection_.congestion() == Congestion::unsent) return;
+        connection_.publish(message, departure);
+    }
 
     Deliveries allDeliveries() const REQUIRES(mutex_) {
         Deliveries all = events_;

@@ -62,11 +62,6 @@ void Connection::dropSession() {
     keepSession_ = false;
 }
 
-void Connection::cork() {
-    const common::LockGuard lock(mutex_);
-    if (link_) link_->cork();
-}
-
 void Connection::resumeReading() {
     {
         const common::LockGuard lock(mutex_);
@@ -77,10 +72,17 @@ void Connection::resumeReading() {
 
 // ---- sending ----
 
-bool Connection::publish(const Message& message) {
+bool Connection::publish(const Message& message, Departure departure) {
     requirePublishable(message);
     const common::LockGuard lock(mutex_);
     if (isClosing()) throw IPCException("The connection is closed");
+    if (link_ && departure == Departure::withNext) link_->cork();
+    const bool isSent = write(message);
+    if (link_ && departure == Departure::atOnce) link_->uncork();
+    return isSent;
+}
+
+bool Connection::write(const Message& message) {
     const bool isKept = message.qualityOfService > 0;
     if (!isKept && !isUp()) return false;
     if (isKept ? outbox_.isFull() : outbox_.isSocketFull()) {

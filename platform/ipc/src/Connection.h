@@ -58,6 +58,10 @@ class ConnectionListener {
     virtual void messageAcknowledged(const std::string& topic) = 0;
 };
 
+/// When a message leaves: `withNext` is for a message that can wait for the next one, so that both are sent in one TCP
+/// segment. It leaves at the end of the network thread's round, with the next `serve`, or 200 ms later at the latest.
+enum class Departure { atOnce, withNext };
+
 class Connection : private LinkListener {
  public:
     using Clock = std::chrono::steady_clock;
@@ -90,7 +94,7 @@ class Connection : private LinkListener {
 
     /// Returns false if it was not sent: quality 0 without a connection. Quality 1 is kept until it is acknowledged.
     /// Throws IPCException if the topic or the payload is invalid, or if too many messages are queued.
-    bool publish(const Message& message) EXCLUDES(mutex_);
+    bool publish(const Message& message, Departure departure) EXCLUDES(mutex_);
 
     Congestion congestion() EXCLUDES(mutex_);
 
@@ -103,10 +107,6 @@ class Connection : private LinkListener {
 
     /// The number of messages not yet sent or not yet acknowledged; 0 without a connection.
     std::size_t outstanding() EXCLUDES(mutex_);
-
-    /// Messages published from here to the end of the network thread's round, or to the next `serve`, are sent in as
-    /// few TCP segments as possible; one of the two must follow.
-    void cork() EXCLUDES(mutex_);
 
     /// Returns the subscription identifier, which the broker names in messages for the filter. `retained` is one of
     /// MQTT_SUB_OPT_SEND_RETAIN_…. `registered` is called with the identifier before the first message can arrive, with
@@ -155,6 +155,7 @@ class Connection : private LinkListener {
     void subscribed(int identifier, const std::string& refusal) override;
     bool arrived(const Incoming& message) override;
 
+    bool write(const Message& message) REQUIRES(mutex_);
     /// False if MQTT does not allow the message: it will never be sent.
     bool enqueue(const Message& message, bool retain) REQUIRES(mutex_);
     void send(Outbox::Entry& entry) REQUIRES(mutex_);

@@ -154,7 +154,6 @@ class Service final : public IIPCService, private ConnectionListener {
 
     /// Returns whether all messages were sent; if not, the rest waits for the broker.
     bool send() REQUIRES(round_) {
-        if (outbox_.size() > 1) connection_->cork();
         for (; !outbox_.empty(); outbox_.pop_front()) {
             // Beyond what the broker takes at once a response would overtake the change that comes before it.
             if (connection_->congestion() != Congestion::none) return false;
@@ -162,7 +161,8 @@ class Service final : public IIPCService, private ConnectionListener {
             if (message.topic.empty()) continue;  // the request had no response topic
             try {
                 connection_->publish(
-                    {message.topic, message.payload, message.qualityOfService, {}, std::move(message.correlationData)});
+                    {message.topic, message.payload, message.qualityOfService, {}, std::move(message.correlationData)},
+                    outbox_.size() > 1 ? Departure::withNext : Departure::atOnce);
             } catch (const std::exception& error) {
                 // The requester chose the response topic: an invalid one must not stop the other responses.
                 dbg::Debug::warning() << "Cannot send on " << message.topic << ": " << error.what() << std::endl;

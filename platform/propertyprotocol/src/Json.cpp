@@ -107,7 +107,7 @@ std::string textMember(const Json::Value& object, const char* name) {
     return member.isString() ? member.asString() : std::string();
 }
 
-std::string changeMessage(const std::string& param, const std::string& value, const std::string& source) {
+std::string changeMessage(std::string_view param, std::string_view value, std::string_view source) {
     return jsonObject({{"param", param}, {"value", value}, {"source", source}});
 }
 

@@ -22,8 +22,8 @@ std::string inLowerCase(std::string text) {
 
 }  // namespace
 
-std::string changeTopic(const std::string& key) {
-    std::string topic = inLowerCase(key.substr(0, key.find('.')));
+std::string changeTopic(std::string_view key) {
+    std::string topic = inLowerCase(std::string(key.substr(0, key.find('.'))));
     topic.reserve(sizeof changePrefix + topic.size() + key.size());
     return topic.insert(0, changePrefix).append("/").append(key);
 }

@@ -11,7 +11,6 @@
 #include <string_view>
 #include <utility>
 
-#include "catalogue/KeyPattern.h"
 #include "common/Descriptor.h"
 #include "debug/Debug.h"
 #include "propertyprotocol/Json.h"
@@ -34,6 +33,10 @@ constexpr std::array<bool, 256> isPlain = [] {
     return plain;
 }();
 
+[[noreturn]] void failAt(const std::string& name, int line, const std::string& key, const std::string& reason) {
+    throw CatalogueException(name + ":" + std::to_string(line) + ": " + (key.empty() ? "" : key + ": ") + reason);
+}
+
 class Source {
  public:
     Source(const std::string& text, const std::string& name) : text_(text), name_(name) {
@@ -48,7 +51,7 @@ class Source {
     }
 
     [[noreturn]] void fail(int line, const std::string& key, const std::string& reason) const {
-        throw CatalogueException(name_ + ":" + std::to_string(line) + ": " + (key.empty() ? "" : key + ": ") + reason);
+        failAt(name_, line, key, reason);
     }
 
     Json::Value root() const {
@@ -138,18 +141,6 @@ std::shared_ptr<const Definition> readDefinition(const Json::Value& json) {
     return definition;
 }
 
-// How many keys there will be. Patterns that are invalid are reported later.
-std::size_t countKeys(const std::vector<std::string>& patterns) {
-    std::size_t count = 0;
-    for (const std::string& pattern : patterns) {
-        try {
-            count += pattern.find('{') == std::string::npos ? 1 : KeyPattern(pattern).size();
-        } catch (const std::invalid_argument&) {
-        }
-    }
-    return std::min(count, maxKeys);
-}
-
 // A name can be megabytes long, as its length is checked late.
 std::string excerpt(const std::string& name) {
     constexpr std::size_t maxBytes = 300;
@@ -165,7 +156,7 @@ bool Definition::refuses(const std::string& source) const {
     return std::find(refusedSources.begin(), refusedSources.end(), source) != refusedSources.end();
 }
 
-bool isKey(const std::string& text) {
+bool isKey(std::string_view text) {
     if (text.empty() || text.size() > propertyprotocol::maxKeyBytes) return false;
     char previous = '.';
     for (const char letter : text) {
@@ -175,9 +166,9 @@ bool isKey(const std::string& text) {
     return previous != '.';
 }
 
-bool isState(const std::string& key) { return key.compare(0, 6, "State.") == 0; }
+bool isState(std::string_view key) { return key.compare(0, 6, "State.") == 0; }
 
-Catalogue Catalogue::load(const std::string& path) {
+Definitions Definitions::load(const std::string& path) {
     std::ifstream file(path, std::ios::binary);
     if (!file) {
         throw CatalogueException(path + ": cannot be opened: " + common::reasonOf(errno));
@@ -194,7 +185,7 @@ Catalogue Catalogue::load(const std::string& path) {
     return parse(text, path);
 }
 
-Catalogue Catalogue::parse(const std::string& text, const std::string& name) {
+Definitions Definitions::parse(const std::string& text, const std::string& name) {
     const Source source(text, name);
     if (const int line = invalidUtf8Line(text)) source.fail(line, "", "is not UTF-8 text");
     const Json::Value root = source.root();
@@ -207,46 +198,55 @@ Catalogue Catalogue::parse(const std::string& text, const std::string& name) {
     if (root["version"] != 1) source.fail(1, "", "\"version\" must be 1");
     if (!root["keys"].isObject()) source.fail(1, "", "\"keys\" is missing or not an object");
 
-    Catalogue catalogue;
-    std::vector<CatalogueKey>& keys = catalogue.keys_;
-    const Json::Value& definitions = root["keys"];
-    const std::vector<std::string> patterns = definitions.getMemberNames();
-    keys.reserve(countKeys(patterns));
-    bool isAscending = true;  // as the patterns are sorted, and so are the keys of most of them
-    for (const std::string& pattern : patterns) {
-        const Json::Value& json = definitions[pattern];
+    Definitions definitions;
+    definitions.name_ = name;
+    std::size_t count = 0;
+    const Json::Value& keys = root["keys"];
+    for (const std::string& member : keys.getMemberNames()) {
+        const Json::Value& json = keys[member];
         const int line = source.lineOf(json);
         try {
             const std::shared_ptr<const Definition> definition = readDefinition(json);
-            const KeyPattern keyPattern(pattern);
-            require(keyPattern.size() <= maxKeys - keys.size(),
+            const KeyPattern pattern(member);
+            require(pattern.size() <= maxKeys - count,
                     "the catalogue has more than " + std::to_string(maxKeys) + " keys");
-            std::vector<std::string> expanded = keyPattern.keys();
-            // The keys of a pattern differ in digits only, so the first stands for all.
-            require(isKey(expanded.front()),
+            count += pattern.size();
+            // The keys of a pattern differ in digits only, so one stands for all.
+            const std::string key = pattern.example();
+            require(isKey(key),
                     "is not a valid key: letters, digits, \"_\" and \"-\" in segments between dots, at most 255 bytes");
-            require(!isState(expanded.front()) || !json.isMember("volatile") || definition->isVolatile,
+            require(!isState(key) || !json.isMember("volatile") || definition->isVolatile,
                     "keys below \"State.\" are volatile");
-            for (std::string& key : expanded) {
-                isAscending = isAscending && (keys.empty() || keys.back().key < key);
-                keys.push_back({std::move(key), definition, line});
-            }
+            definitions.all_.push_back({pattern, definition, line});
         } catch (const std::invalid_argument& error) {
-            source.fail(line, excerpt(pattern), error.what());
+            source.fail(line, excerpt(member), error.what());
         }
     }
-    if (isAscending) return catalogue;
-    std::sort(keys.begin(), keys.end(), [](const CatalogueKey& left, const CatalogueKey& right) {
+    return definitions;
+}
+
+Catalogue::Catalogue(const Definitions& definitions) : texts_(std::make_shared<common::TextBlocks>()) {
+    std::size_t count = 0;
+    for (const auto& defined : definitions.all_) count += defined.pattern.size();
+    keys_.reserve(count);
+    bool isAscending = true;  // as the patterns are sorted, and so are the keys of most of them
+    for (const Definitions::Defined& defined : definitions.all_) {
+        defined.pattern.expand([&](std::string_view key) {
+            isAscending = isAscending && (keys_.empty() || keys_.back().key < key);
+            keys_.push_back({texts_->copy(key), defined.definition, defined.line});
+        });
+    }
+    if (isAscending) return;
+    std::sort(keys_.begin(), keys_.end(), [](const CatalogueKey& left, const CatalogueKey& right) {
         return left.key != right.key ? left.key < right.key : left.line < right.line;
     });
     const auto duplicate =
-        std::adjacent_find(keys.begin(), keys.end(),
+        std::adjacent_find(keys_.begin(), keys_.end(),
                            [](const CatalogueKey& left, const CatalogueKey& right) { return left.key == right.key; });
-    if (duplicate != keys.end()) {
-        source.fail((duplicate + 1)->line, duplicate->key,
-                    "duplicate key, first defined in line " + std::to_string(duplicate->line));
+    if (duplicate != keys_.end()) {
+        failAt(definitions.name_, (duplicate + 1)->line, std::string(duplicate->key),
+               "duplicate key, first defined in line " + std::to_string(duplicate->line));
     }
-    return catalogue;
 }
 
 }  // namespace propertyservice

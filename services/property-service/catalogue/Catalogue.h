@@ -5,9 +5,12 @@
 #include <memory>
 #include <stdexcept>
 #include <string>
+#include <string_view>
 #include <vector>
 
+#include "catalogue/KeyPattern.h"
 #include "catalogue/ValueRule.h"
+#include "common/TextBlocks.h"
 
 namespace propertyservice {
 
@@ -34,31 +37,59 @@ struct Definition {
     bool isSecret() const { return type == "secret"; }
 };
 
+/// Points into the Catalogue that has it, or copies of it.
 struct CatalogueKey {
-    std::string key;
+    std::string_view key;
     std::shared_ptr<const Definition> definition;
     int line = 0;
 };
 
-class Catalogue {
+/// The definitions of a file, each of them checked. A pattern has one for all its keys.
+class Definitions {
  public:
-    /// Throws CatalogueException if the file cannot be read or is invalid.
-    static Catalogue load(const std::string& path);
+    /// Throws CatalogueException if the file cannot be read or a definition is invalid.
+    static Definitions load(const std::string& path);
 
     /// The same for a text; errors begin with `name`.
-    static Catalogue parse(const std::string& text, const std::string& name);
+    static Definitions parse(const std::string& text, const std::string& name);
+
+ private:
+    friend class Catalogue;
+    struct Defined {
+        KeyPattern pattern;
+        std::shared_ptr<const Definition> definition;
+        int line;
+    };
+
+    std::string name_;
+    std::vector<Defined> all_;  // sorted by the texts of the patterns
+};
+
+class Catalogue {
+ public:
+    /// Expands the patterns. Throws CatalogueException if a key is defined twice.
+    explicit Catalogue(const Definitions& definitions);
+
+    /// Throws CatalogueException if the file cannot be read or is invalid.
+    static Catalogue load(const std::string& path) { return Catalogue(Definitions::load(path)); }
+
+    /// The same for a text; errors begin with `name`.
+    static Catalogue parse(const std::string& text, const std::string& name) {
+        return Catalogue(Definitions::parse(text, name));
+    }
 
     /// All keys, with patterns expanded, sorted byte by byte; at most 1,000,000.
     const std::vector<CatalogueKey>& keys() const { return keys_; }
 
  private:
+    std::shared_ptr<common::TextBlocks> texts_;  // of the keys
     std::vector<CatalogueKey> keys_;
 };
 
 /// Whether the text is a valid key: non-empty segments of [A-Za-z0-9_-], separated by dots, at most 255 bytes.
-bool isKey(const std::string& text);
+bool isKey(std::string_view text);
 
 /// Whether the key begins with "State.": these are volatile.
-bool isState(const std::string& key);
+bool isState(std::string_view key);
 
 }  // namespace propertyservice

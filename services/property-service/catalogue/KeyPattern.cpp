@@ -65,25 +65,30 @@ KeyPattern::KeyPattern(const std::string& text) {
     }
 }
 
-std::vector<std::string> KeyPattern::keys() const {
-    std::vector<std::string> keys{textBefore_};
-    for (const Range& range : ranges_) {
-        std::vector<std::string> endings;
-        endings.reserve(range.last - range.first + 1);
-        for (std::uint64_t digit = 0; digit < 10; ++digit) appendNumbers(digit, range.first, range.last, endings);
-        for (std::string& ending : endings) ending += range.textBehind;
-        std::vector<std::string> longer;
-        longer.reserve(keys.size() * endings.size());
-        for (const std::string& key : keys) {
-            std::string next = key;
-            for (const std::string& ending : endings) {
-                next.replace(key.size(), std::string::npos, ending);
-                longer.push_back(next);  // a copy has no spare capacity
-            }
-        }
-        keys = std::move(longer);
+std::string KeyPattern::example() const {
+    std::string key = textBefore_;
+    for (const Range& range : ranges_) key += std::to_string(range.first) + range.textBehind;
+    return key;
+}
+
+void KeyPattern::expand(const std::function<void(std::string_view)>& take) const {
+    std::vector<std::vector<std::string>> endings(ranges_.size());
+    for (std::size_t at = 0; at < ranges_.size(); ++at) {
+        const Range& range = ranges_[at];
+        endings[at].reserve(range.last - range.first + 1);
+        for (std::uint64_t digit = 0; digit < 10; ++digit) appendNumbers(digit, range.first, range.last, endings[at]);
+        for (std::string& ending : endings[at]) ending += range.textBehind;
     }
-    return keys;
+    std::string key = textBefore_;
+    const std::function<void(std::size_t)> extend = [&](std::size_t at) {
+        if (at == endings.size()) return take(key);
+        const std::size_t size = key.size();
+        for (const std::string& ending : endings[at]) {
+            key.replace(size, std::string::npos, ending);
+            extend(at + 1);
+        }
+    };
+    extend(0);
 }
 
 }  // namespace propertyservice

@@ -4,7 +4,9 @@
 
 #include <cstddef>
 #include <cstdint>
+#include <functional>
 #include <string>
+#include <string_view>
 #include <vector>
 
 namespace propertyservice {
@@ -18,8 +20,11 @@ class KeyPattern {
     /// The number of keys.
     std::size_t size() const { return size_; }
 
-    /// All keys. The numbers of each range come in the order of their texts: 10 before 9.
-    std::vector<std::string> keys() const;
+    /// One of the keys.
+    std::string example() const;
+
+    /// Calls `take` with each key. The numbers of each range come in the order of their texts: 10 before 9.
+    void expand(const std::function<void(std::string_view)>& take) const;
 
  private:
     struct Range {

@@ -125,7 +125,7 @@ ImportRequest readImport(const std::string& payload) {
     return request;
 }
 
-std::string valueAnswer(const std::string& key, const std::string& value) {
+std::string valueAnswer(std::string_view key, std::string_view value) {
     return jsonObject({{"param", key}, {"value", value}});
 }
 
@@ -141,7 +141,7 @@ std::string importRefusal(const std::vector<std::string>& errors) {
     return json + "]}";
 }
 
-std::string description(const std::string& key, const Definition& definition, bool isVolatile) {
+std::string description(std::string_view key, const Definition& definition, bool isVolatile) {
     const bool hidden = definition.isSecret() && !definition.defaultValue.empty();
     std::string json = jsonObject({{"param", key},
                                    {"type", definition.type},

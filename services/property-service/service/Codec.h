@@ -74,12 +74,12 @@ ListRequest readList(const std::string& payload);
 DescribeRequest readDescribe(const std::string& payload);
 ImportRequest readImport(const std::string& payload);
 
-std::string valueAnswer(const std::string& key, const std::string& value);
+std::string valueAnswer(std::string_view key, std::string_view value);
 std::string errorAnswer(const std::string& key, const char* code, const std::string& reason);
 std::string importAnswer(std::size_t count);
 /// `errors` are error answers.
 std::string importRefusal(const std::vector<std::string>& errors);
 /// The definition of the key as JSON. The default of a secret is hidden.
-std::string description(const std::string& key, const Definition& definition, bool isVolatile);
+std::string description(std::string_view key, const Definition& definition, bool isVolatile);
 
 }  // namespace propertyservice

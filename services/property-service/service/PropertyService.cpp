@@ -53,8 +53,9 @@ std::string excerpt(const std::string& text, std::size_t maxCharacters) {
     return at < text.size() ? shown + "..." : shown;
 }
 
-PropertyService::PropertyService(Catalogue catalogue, IStore& store)
-    : store_(store), table_(std::move(catalogue), store.load()) {}
+PropertyService::PropertyService(PropertyTable defaults, IStore& store) : store_(store), table_(std::move(defaults)) {
+    table_.apply(store_.load());
+}
 
 std::vector<ipc::OutgoingMessage> PropertyService::handle(const std::vector<ipc::ServiceRequest>& requests) {
     Messages messages;

@@ -7,6 +7,7 @@
 
 #include <optional>
 #include <string>
+#include <utility>
 #include <vector>
 
 #include "ipc/IIPCService.h"
@@ -18,8 +19,10 @@ namespace propertyservice {
 
 class PropertyService {
  public:
-    /// Loads the stored values; throws StoreException if that fails. `store` must outlive the service.
-    PropertyService(Catalogue catalogue, IStore& store);
+    /// Loads the stored values into a table of defaults; throws StoreException if that fails. `store` must outlive the
+    /// service.
+    PropertyService(PropertyTable defaults, IStore& store);
+    PropertyService(Catalogue catalogue, IStore& store) : PropertyService(PropertyTable(std::move(catalogue)), store) {}
 
     /// Returns changes and answers in the order of the requests. A request's changes come before its answer: a service
     /// that is killed while it sends may publish a change without its answer, but never an answer without its change.

@@ -21,12 +21,15 @@ std::string objection(const Definition& definition, const std::string& value) {
 
 }  // namespace
 
-PropertyTable::PropertyTable(Catalogue catalogue, const StoredValues& stored) : catalogue_(std::move(catalogue)) {
+PropertyTable::PropertyTable(Catalogue catalogue) : catalogue_(std::move(catalogue)) {
     properties_.reserve(catalogue_.keys().size());
     for (const auto& [key, definition, line] : catalogue_.keys()) {
         const bool isVolatile = isState(key) || definition->isVolatile;
         properties_.push_back({key, definition->defaultValue, definition.get(), isVolatile, Stored::nothing});
     }
+}
+
+void PropertyTable::apply(const StoredValues& stored) {
     std::size_t unknown = 0;
     Property* next = properties_.data();
     Property* const end = next + properties_.size();

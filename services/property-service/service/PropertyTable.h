@@ -18,7 +18,7 @@ enum class Stored {
 };
 
 struct Property {
-    const std::string& key;  // the catalogue's
+    std::string_view key;  // the catalogue's
     std::string value;
     const Definition* definition;  // the catalogue's
     bool isVolatile;               // never stored, reset to its default at every start
@@ -33,12 +33,17 @@ struct UncataloguedValue {
 
 class PropertyTable {
  public:
+    /// All properties have the catalogue's defaults.
+    explicit PropertyTable(Catalogue catalogue);
     PropertyTable(const PropertyTable&) = delete;
     PropertyTable& operator=(const PropertyTable&) = delete;
+    PropertyTable(PropertyTable&&) = default;
+    PropertyTable& operator=(PropertyTable&&) = delete;
+    ~PropertyTable() = default;
 
-    /// Starts with the catalogue's defaults and applies the stored values. If the catalogue no longer allows a stored
-    /// value, the default is used, with a warning. Values of unknown keys stay in the store.
-    PropertyTable(Catalogue catalogue, const StoredValues& stored);
+    /// Applies the stored values, once. If the catalogue no longer allows one, the default is used, with a warning.
+    /// Values of unknown keys stay in the store.
+    void apply(const StoredValues& stored);
 
     /// Null if the catalogue does not have the key.
     Property* find(std::string_view key);
@@ -50,7 +55,7 @@ class PropertyTable {
     const std::vector<UncataloguedValue>& uncatalogued() const { return uncatalogued_; }
 
  private:
-    const Catalogue catalogue_;
+    Catalogue catalogue_;
     std::vector<Property> properties_;  // in the order of the catalogue's keys
     std::vector<UncataloguedValue> uncatalogued_;
 };

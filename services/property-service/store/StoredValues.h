@@ -1,11 +1,11 @@
-// Keys and values of a store, copied into few large blocks: strings of their own would take much of the time that it
-// takes to read them.
+// Keys and values of a store.
 #pragma once
 
 #include <cstddef>
-#include <memory>
 #include <string_view>
 #include <vector>
+
+#include "common/TextBlocks.h"
 
 namespace propertyservice {
 
@@ -21,7 +21,9 @@ class StoredValues {
     using const_iterator = std::vector<StoredValue>::const_iterator;
 
     void reserve(std::size_t count) { values_.reserve(count); }
-    void add(std::string_view key, std::string_view value) { values_.push_back({copy(key), copy(value)}); }
+    void add(std::string_view key, std::string_view value) {
+        values_.push_back({texts_.copy(key), texts_.copy(value)});
+    }
 
     const_iterator begin() const { return values_.begin(); }
     const_iterator end() const { return values_.end(); }
@@ -29,12 +31,8 @@ class StoredValues {
     bool empty() const { return values_.empty(); }
 
  private:
-    std::string_view copy(std::string_view text);
-
     std::vector<StoredValue> values_;
-    std::vector<std::unique_ptr<char[]>> blocks_;
-    char* next_ = nullptr;  // unused bytes of the last block
-    std::size_t room_ = 0;
+    common::TextBlocks texts_;
 };
 
 }  // namespace propertyservice

@@ -26,6 +26,7 @@ PROMISES = [
     ("wildcards match all levels below", "Client/Wildcards.MatchLevels/Row5"),
     ("messages are kept while the bus is away", "Reconnection.SendsMessagesPublishedMeanwhileOnceAndInOrder"),
     ("quality 0 is dropped while the bus is away", "Reconnection.DropsQualityZeroPublishedMeanwhile"),
+    ("messages sent soon need no other", "Client.MessagesSentSoonNeedNoOtherAndKeepTheirOrder"),
     ("payloads may have any bytes", "Client.CarriesAnyBytesUpToAMebibyte"),
     ("each request gets its own answer", "Request.ManyThreadsEachGetTheirOwnAnswer"),
     ("a begun request gets its own answer", "Request.SeveralMayBeBegunBeforeTheFirstResponseIsAwaited"),

@@ -102,7 +102,7 @@ void property_request(const std::string& input) {
     const auto settings = settingsOf(service);
     promise(settings.size() == 10, "no setting is lost");
     for (const CatalogueKey& each : catalogue.keys()) {
-        const auto found = settings.find(each.key);
+        const auto found = settings.find(std::string(each.key));
         promise(found == settings.end() || each.definition->rule(found->second).empty(), "the catalogue holds");
     }
     PropertyService restarted(catalogue, store);

@@ -20,7 +20,8 @@ class CommandNotStartedException : public ExecuteException {
     using ExecuteException::ExecuteException;
 };
 
-/// Runs `command` with "/bin/sh -c" and waits for its end, `timeout` at most. The child has a process group of its own,
+/// Runs `command` with "/bin/sh -c" and waits for its end, `timeout` at most. A program takes the place of its shell if
+/// the command is nothing else. The child has a process group of its own,
 /// standard input and output on /dev/null, no other open files, default signal handling. After the time-out the whole
 /// group is killed and reaped. Blocks the calling thread; any thread may call it.
 /// A command that still runs when `stop` is overdue is killed as well.

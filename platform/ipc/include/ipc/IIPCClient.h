@@ -55,6 +55,11 @@ class IIPCClient {
     /// was lost is sent twice. Throws IPCException before connect, after disconnect, or if 10,000 messages are queued.
     virtual void publish(const std::string& topic, const std::string& payload, int qualityOfService) = 0;
 
+    /// As `publish` with quality of service 0, for what nobody waits for: the message leaves together with the next
+    /// message or request of this client, but at most 200 ms later, so that it costs the broker no wake-up of its own.
+    /// The default sends it at once.
+    virtual void publishSoon(const std::string& topic, const std::string& payload) { publish(topic, payload, 0); }
+
     /// Watches the retained presence ("online" or "offline") of a service on `statusTopic`. Call it before connect.
     virtual void watchPresence(const std::string& statusTopic) = 0;
 

@@ -25,7 +25,7 @@ struct Change {
     std::string source;
 };
 
-std::string changeMessage(const std::string& param, const std::string& value, const std::string& source);
+std::string changeMessage(std::string_view param, std::string_view value, std::string_view source);
 
 /// Returns false and leaves `change` unchanged if the message is not a change.
 bool readChange(const std::string& message, Change& change);

@@ -2,6 +2,7 @@
 #pragma once
 
 #include <string>
+#include <string_view>
 
 namespace propertyprotocol {
 
@@ -19,7 +20,7 @@ inline constexpr char describeTopic[] = "prop-service/describe";
 inline constexpr char importTopic[] = "prop-service/import";
 
 /// "prop-service-GROUP/KEY", where GROUP is the first segment of the key in lower case.
-std::string changeTopic(const std::string& key);
+std::string changeTopic(std::string_view key);
 
 /// The filter for all changes of a group of keys, given in any case.
 std::string changeFilter(const std::string& group);

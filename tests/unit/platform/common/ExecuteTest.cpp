@@ -31,6 +31,12 @@ class ExecuteTest : public testing::Test {
     ExecuteTest& operator=(const ExecuteTest&) = delete;
 
     std::string file(const std::string& name) const { return folder_ + "/" + name; }
+    /// The path of a program that does this.
+    std::string script(const std::string& commands) const {
+        std::ofstream(file("script")) << "#!/bin/sh\n" << commands << "\n";
+        chmod(file("script").c_str(), 0700);
+        return file("script");
+    }
     static std::string content(const std::string& path) {
         std::ifstream in(path);
         return {std::istreambuf_iterator<char>(in), {}};
@@ -52,6 +58,21 @@ TEST_F(ExecuteTest, RunsAShellCommandToItsEnd) {
     EXPECT_EQ(content(file("a")), "one\ntwo\n");
 }
 
+TEST_F(ExecuteTest, AProgramTakesThePlaceOfItsShell) {
+    const std::string program = script("echo $PPID $1 > " + file("parent"));
+    os::execute(program + " -a=b", seconds(10));
+    EXPECT_EQ(content(file("parent")), std::to_string(getpid()) + " -a=b\n");
+    os::execute("sh " + program + " c", seconds(10));
+    EXPECT_EQ(content(file("parent")), std::to_string(getpid()) + " c\n");
+}
+
+TEST_F(ExecuteTest, TheShellDoesWhatIsNoProgram) {
+    for (const char* const command : {"cd /", "exit 0", ":", "a=b", "a=b true", "true;", "true && true", "", " true ",
+                                      "test 'a b' = \"a b\"", "if true\nthen true\nfi"}) {
+        EXPECT_NO_THROW(os::execute(command, seconds(10))) << command;
+    }
+}
+
 TEST_F(ExecuteTest, ANonZeroExitThrowsWithStatusAndStandardError) {
     EXPECT_EQ(failure("echo broken >&2; exit 3"), "Command 'echo broken >&2; exit 3' ended with status 3: 'broken'");
 }
@@ -68,6 +89,8 @@ TEST_F(ExecuteTest, ACommandThatCannotBeStartedThrows) {
 
 TEST_F(ExecuteTest, DeathByASignalThrows) {
     EXPECT_EQ(failure("kill -9 $$"), "Command 'kill -9 $$' was ended by signal 9");
+    const std::string program = script("kill -9 $$");
+    EXPECT_EQ(failure(program), "Command '" + program + "' was ended by signal 9");
 }
 
 TEST_F(ExecuteTest, ATimeOutEndsTheWholeGroup) {

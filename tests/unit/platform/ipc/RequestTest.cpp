@@ -1,6 +1,8 @@
 #include <gtest/gtest.h>
 
 #include <atomic>
+#include <functional>
+#include <memory>
 #include <string>
 #include <thread>
 #include <vector>
@@ -56,28 +58,65 @@ TEST(RequestOnABusyConnection, IsNotCrowdedOutByMessagesThatMayBeLost) {
     client->disconnect();
 }
 
-TEST(RequestsBegunTogether, LeaveInOneSegmentWithTheNext) {
-    fakes::StubbornBroker broker;  // never answers
-    const auto client = newClient("asker");
-    client->watchPresence(statusTopic);
-    client->connect(broker.address());
-    broker.send(statusTopic, "online", 1);
-    ASSERT_TRUE(eventually([&] { return client->waitForService(statusTopic, patience); }));
-    std::size_t sent = 0;
-    const auto segmentsOfFour = [&] {
-        const int before = broker.segments();
-        const auto begin = [&] { return client->beginRequest("test-service/ask", "begun", statusTopic, patience); };
+/// A client that counts what it sends to a broker that answers no request.
+class MessagesThatCanWait : public testing::Test {
+ protected:
+    void SetUp() override {
+        client_->watchPresence(statusTopic);
+        client_->connect(broker_.address());
+        broker_.send(statusTopic, "online", 1);
+        ASSERT_TRUE(eventually([&] { return client_->waitForService(statusTopic, patience); }));
+    }
+    void TearDown() override { client_->disconnect(); }
+
+    std::unique_ptr<ipc::IPCRequest> begin() {
+        return client_->beginRequest("test-service/ask", "begun", statusTopic, patience);
+    }
+    void askInVain() { EXPECT_THROW(ask(*client_, "plain", milliseconds(200)), ipc::IPCTimeoutException); }
+
+    /// Whether `send`, which sends so many messages, at some time does so in one segment. The network thread sends what
+    /// is held back whenever it has read something, such as the presence.
+    bool fitInOneSegment(std::size_t count, const std::function<void()>& send) {
+        return eventually([&] {
+            const int before = broker_.segments();
+            const std::size_t expected = broker_.published().size() + count;
+            send();
+            EXPECT_TRUE(eventually([&] { return broker_.published().size() == expected; }));
+            return broker_.segments() - before == 1;
+        });
+    }
+
+    fakes::StubbornBroker broker_;
+    const std::shared_ptr<ipc::IIPCClient> client_ = newClient("asker");
+};
+
+TEST_F(MessagesThatCanWait, BegunRequestsLeaveInOneSegmentWithTheNext) {
+    EXPECT_TRUE(fitInOneSegment(4, [&] {
         const auto first = begin();
         const auto second = begin();
         const auto third = begin();
-        EXPECT_THROW(ask(*client, "plain", milliseconds(200)), ipc::IPCTimeoutException);
-        sent += 4;
-        EXPECT_TRUE(eventually([&] { return broker.published().size() == sent; }));
-        return broker.segments() - before;
+        askInVain();
+    }));
+}
+
+TEST_F(MessagesThatCanWait, MessagesLeaveInOneSegmentWithTheNextRequest) {
+    EXPECT_TRUE(fitInOneSegment(3, [&] {
+        client_->publishSoon("progress", "1");
+        client_->publishSoon("progress", "2");
+        askInVain();
+    }));
+}
+
+TEST_F(MessagesThatCanWait, HoldNoOtherMessageBack) {
+    const auto leavesAtOnce = [&] {
+        const std::size_t expected = broker_.published().size() + 2;
+        client_->publishSoon("progress", "1");
+        const auto begin = steady_clock::now();
+        client_->publish("news", "urgent", 0);
+        EXPECT_TRUE(eventually([&] { return broker_.published().size() == expected; }));
+        return steady_clock::now() - begin < milliseconds(100);  // the system holds data back for 200
     };
-    // The network thread sends what is held back whenever it has read something, such as the presence.
-    EXPECT_TRUE(eventually([&] { return segmentsOfFour() == 1; }));
-    client->disconnect();
+    EXPECT_TRUE(eventually(leavesAtOnce));
 }
 
 // A caller reads while it waits for its response, so messages of others arrive on its thread.

@@ -122,7 +122,7 @@ TEST(AccessList, CoversEveryGroupOfTheCatalogue) {
     for (std::string line; std::getline(file, line);) lines.insert(line);
     const auto catalogue = propertyservice::Catalogue::load(SHIPPED_CATALOGUE);
     for (const auto& entry : catalogue.keys()) {
-        std::string group = entry.key.substr(0, entry.key.find('.'));
+        std::string group(entry.key.substr(0, entry.key.find('.')));
         for (char& letter : group) letter = static_cast<char>(std::tolower(static_cast<unsigned char>(letter)));
         EXPECT_EQ(lines.count("topic write prop-service-" + group + "/#"), 1U) << group;
         EXPECT_EQ(lines.count("topic read prop-service-" + group + "/#"), 1U) << group;

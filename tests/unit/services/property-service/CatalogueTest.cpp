@@ -41,7 +41,7 @@ TEST(Catalogue, ExpandsIndexPatternsAndSortsKeys) {
                  ",\"F.{9-10}.{0-1}\": " + definition(R"("type": "text", "default": "")")),
         "c.json");
     std::vector<std::string> keys;
-    for (const CatalogueKey& entry : catalogue.keys()) keys.push_back(entry.key);
+    for (const CatalogueKey& entry : catalogue.keys()) keys.emplace_back(entry.key);
     EXPECT_THAT(keys, ElementsAre("F.0Lock", "F.10.0", "F.10.1", "F.1Lock", "F.2Lock", "F.9.0", "F.9.1", "b.Key"));
     EXPECT_EQ(find(catalogue, "b.Key")->definition->defaultValue, "x");
     EXPECT_EQ(find(catalogue, "b.Key")->definition->description, "d");
@@ -465,7 +465,7 @@ TEST(ShippedCatalogue, RefusesPassRequestsOfProvisioningFiles) {
     const Catalogue catalogue = Catalogue::load(SHIPPED_CATALOGUE);
     std::vector<std::string> refused;
     for (const CatalogueKey& entry : catalogue.keys()) {
-        if (entry.definition->refuses("provisioning")) refused.push_back(entry.key);
+        if (entry.definition->refuses("provisioning")) refused.emplace_back(entry.key);
         EXPECT_FALSE(entry.definition->refuses("prov-client")) << entry.key;
         EXPECT_FALSE(entry.definition->refuses("")) << entry.key;
     }

@@ -11,7 +11,11 @@ namespace {
 
 using testing::ElementsAre;
 
-std::vector<std::string> keysOf(const std::string& pattern) { return KeyPattern(pattern).keys(); }
+std::vector<std::string> keysOf(const std::string& pattern) {
+    std::vector<std::string> keys;
+    KeyPattern(pattern).expand([&keys](std::string_view key) { keys.emplace_back(key); });
+    return keys;
+}
 
 std::string errorOf(const std::string& pattern) {
     try {
@@ -65,6 +69,12 @@ TEST(KeyPattern, OrdersNumbersAsTexts) {
 TEST(KeyPattern, KnowsHowManyKeysItHas) {
     for (const char* pattern : {"", "a", "a.{3-3}", "a.{0-7}.b", "{10-99}.{0-9}{1-2}"}) {
         EXPECT_EQ(KeyPattern(pattern).size(), keysOf(pattern).size()) << pattern;
+    }
+}
+
+TEST(KeyPattern, ItsExampleIsOneOfItsKeys) {
+    for (const char* const text : {"A.B", "A.{7-9}", "{8-11}.A.{0-1}B"}) {
+        EXPECT_THAT(keysOf(text), testing::Contains(KeyPattern(text).example())) << text;
     }
 }
 

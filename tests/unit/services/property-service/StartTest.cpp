@@ -121,6 +121,15 @@ TEST_F(PropServiceProgram, RefusesACatalogueThatIsAFolder) {
     EXPECT_FALSE(std::filesystem::exists(store));
 }
 
+TEST_F(PropServiceProgram, NamesAKeyThatIsDefinedTwice) {
+    std::ofstream(folder / "twice.json") << R"({"version": 1, "keys": {
+"A.{0-1}": {"type": "text", "default": "", "description": "One."},
+"A.1": {"type": "text", "default": "", "description": "Two."}}})";
+    Program service({"--store", store, "--catalogue", folder / "twice.json"}, folder / "errors");
+    EXPECT_EQ(service.wait(), 3);
+    EXPECT_THAT(errors(), HasSubstr("twice.json:3: A.1: duplicate key, first defined in line 2"));
+}
+
 TEST_F(PropServiceProgram, FailsIfNoThreadCanBeStarted) {
     if (sanitized) GTEST_SKIP() << "the sanitizer needs what is missing here";
     int status = 0;

@@ -1,8 +1,8 @@
-#include "store/StoredValues.h"
+#include "common/TextBlocks.h"
 
 #include <algorithm>
 
-namespace propertyservice {
+namespace common {
 
 namespace {
 
@@ -10,7 +10,7 @@ constexpr std::size_t blockBytes = 65536;
 
 }  // namespace
 
-std::string_view StoredValues::copy(std::string_view text) {
+std::string_view TextBlocks::copy(std::string_view text) {
     if (text.size() > room_ || blocks_.empty()) {  // without blocks it was moved from
         const std::size_t size = std::max(blockBytes, text.size());
         blocks_.push_back(std::unique_ptr<char[]>(new char[size]));  // make_unique would initialise it
@@ -24,4 +24,4 @@ std::string_view StoredValues::copy(std::string_view text) {
     return {copied, text.size()};
 }
 
-}  // namespace propertyservice
+}  // namespace common
