@@ -9,7 +9,7 @@ import page
 import plot
 import report
 from work import Work, at_least, at_most
-from works import idle
+from works import idle, passes
 
 
 def work(goal, name="work"):
@@ -138,6 +138,21 @@ class Page(unittest.TestCase):
             self.assertIn("- a note", text)
             self.assertIn("![Works beside their floors (floor = 1)](plots/bench-works.svg)", text)
             self.assertEqual([made.name for made in (docs / "plots").iterdir()], ["bench-works.svg"])
+
+
+class Waterfall(unittest.TestCase):
+    def test_the_slowest_tenth_does_not_count(self):
+        log = ""
+        for slow in [0] * 9 + [40]:
+            for index, (phase, _) in enumerate(passes.PHASES):
+                late = slow if index == len(passes.PHASES) - 1 else 0
+                log += f"2026-11-22T10:00:00.{index * 2 + late:03} ZAV info {phase}\n"
+        self.assertEqual([(name, round(time, 3)) for name, time in passes.waterfall(log)],
+                         [(name, 2.0) for _, name in passes.PHASES[1:]])
+
+    def test_a_log_without_a_whole_pass_is_an_error(self):
+        with self.assertRaisesRegex(RuntimeError, "no whole pass"):
+            passes.waterfall("nothing\n")
 
 
 if __name__ == "__main__":
