@@ -1,6 +1,7 @@
 // Requests and waits while a service goes offline and comes back, and once they are limited.
 #include <gtest/gtest.h>
 
+#include <future>
 #include <thread>
 
 #include "Bus.h"
@@ -121,8 +122,12 @@ TEST(Outage, WaitEndsWhenTheServiceIsBack) {
     service.reset();
     ASSERT_TRUE(eventually([&] { return !client->waitForService(statusTopic, milliseconds(0)); }));
     std::string outcome;
-    std::thread waiting =
-        inBackground(outcome, [&] { return client->waitForService(statusTopic, patience) ? "back" : "gone"; });
+    std::promise<void> begun;
+    std::thread waiting = inBackground(outcome, [&] {
+        begun.set_value();
+        return client->waitForService(statusTopic, patience) ? "back" : "gone";
+    });
+    begun.get_future().wait();  // a service that is back before the wait needs none
     const EchoService again(bus.address());
     waiting.join();
     EXPECT_EQ(outcome, "back");
