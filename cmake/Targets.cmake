@@ -44,8 +44,8 @@ if(CMAKE_CROSSCOMPILING_EMULATOR)
   set(emulation ${CMAKE_SOURCE_DIR}/tests/emulation.txt)
   set_property(DIRECTORY ${CMAKE_SOURCE_DIR} APPEND PROPERTY CMAKE_CONFIGURE_DEPENDS ${emulation})
   file(STRINGS ${emulation} ZAV_NOT_EMULATED REGEX "^[*a-z]")
-elseif(CMAKE_CXX_FLAGS MATCHES "-fprofile-instr-generate")
-  set(ZAV_SLOWNESS 4)  # the counters slow down header-only libraries most
+elseif(CMAKE_CXX_FLAGS MATCHES "-fprofile-instr-generate|-fsanitize")
+  set(ZAV_SLOWNESS 4)  # counters and checks slow down header-only libraries most
 else()
   set(ZAV_SLOWNESS 1)
 endif()
