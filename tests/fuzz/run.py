@@ -26,7 +26,7 @@ FOLDER = pathlib.Path(__file__).resolve().parent
 SECONDS_PER_INPUT = 60  # of real time, and the machine may be busy
 MEGABYTES = 1024
 INTERRUPTED = 72  # libFuzzer's status after SIGINT
-HASHED = re.compile(r"[0-9a-f]{12}")  # the name of an input that libFuzzer made
+HASHED = re.compile(r"[0-9a-f]{12}|[0-9a-f]{40}")  # the name of an input that libFuzzer made
 STATUS = re.compile(r"^#(\d+)\s+\w+\s+cov: (\d+) ft: (\d+) corp: (\d+)")
 
 
