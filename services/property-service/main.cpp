@@ -42,7 +42,7 @@ std::string withPort(const ipc::Address& address, int port) {
     return (isIpv6 ? "[" + address.host + "]" : address.host) + ":" + std::to_string(port);
 }
 
-// To make the table of many keys takes as long as to read the first half of their values.
+// Making the table of many keys takes half as long as reading their values.
 std::future<propertyservice::PropertyTable> expandMeanwhile(const propertyservice::Definitions& definitions) {
     const common::signal::AllBlocked blocked;
     return std::async(std::launch::async, [&definitions] {

@@ -12,10 +12,10 @@
 #include <array>
 #include <cerrno>
 #include <cstdlib>
-#include <cstring>
 #include <optional>
 #include <sstream>
 #include <string>
+#include <string_view>
 #include <system_error>
 #include <thread>
 
@@ -58,7 +58,10 @@ bool isInPath(const std::string& name) {
 
 // Whether the command is a program and arguments that have no meaning to the shell.
 bool isOneProgram(const std::string& command) {
-    const auto isPlain = [](char c) { return common::isAsciiLetterOrDigit(c) || std::strchr("_-./:,+", c) != nullptr; };
+    constexpr std::string_view harmless = "_-./:,+";
+    const auto isPlain = [&](char c) {
+        return common::isAsciiLetterOrDigit(c) || harmless.find(c) != std::string_view::npos;
+    };
     const auto nameEnd = std::find_if_not(command.begin(), command.end(), isPlain);
     const auto isArgument = [&](char c) { return isPlain(c) || c == ' ' || c == '='; };
     if (nameEnd == command.begin() || (nameEnd != command.end() && *nameEnd != ' ')) return false;

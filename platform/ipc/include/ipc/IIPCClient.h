@@ -55,8 +55,8 @@ class IIPCClient {
     /// was lost is sent twice. Throws IPCException before connect, after disconnect, or if 10,000 messages are queued.
     virtual void publish(const std::string& topic, const std::string& payload, int qualityOfService) = 0;
 
-    /// As `publish` with quality of service 0, for what nobody waits for: the message leaves together with the next
-    /// message or request of this client, but at most 200 ms later, so that it costs the broker no wake-up of its own.
+    /// As `publish` with quality of service 0, for a message that is not urgent: it leaves together with the next
+    /// message or request of this client, at most 200 ms later, so that the broker is not woken for it alone.
     /// The default sends it at once.
     virtual void publishSoon(const std::string& topic, const std::string& payload) { publish(topic, payload, 0); }
 
