@@ -60,8 +60,8 @@ void appendTime(std::string& line) {
         last.second = now.tv_sec;
     }
     line.append(last.text.data(), last.length);
-    const auto milliseconds = static_cast<int>(now.tv_nsec / 1000000);
-    for (const int unit : {100, 10, 1}) line += static_cast<char>('0' + milliseconds / unit % 10);
+    const auto milliseconds = static_cast<unsigned>(now.tv_nsec / 1000000);
+    for (const unsigned unit : {100U, 10U, 1U}) line += static_cast<char>('0' + milliseconds / unit % 10);
 }
 
 std::string_view withoutExtension(std::string_view path) {
@@ -71,7 +71,15 @@ std::string_view withoutExtension(std::string_view path) {
     return hasExtension ? path.substr(0, dot) : path;
 }
 
-bool isControl(char c) { return static_cast<unsigned char>(c) < 0x20 || c == 0x7f; }
+// A look into a table takes half the time of the comparisons.
+constexpr std::array<bool, 256> controls = [] {
+    std::array<bool, 256> table{};
+    for (unsigned byte = 0; byte < 0x20; ++byte) table.at(byte) = true;
+    table.at(0x7f) = true;
+    return table;
+}();
+
+bool isControl(char c) { return controls[static_cast<unsigned char>(c)]; }
 
 void appendEscape(std::string& escaped, char control) {
     static constexpr char digits[] = "0123456789abcdef";
@@ -93,7 +101,7 @@ void appendEscaped(std::string& escaped, std::string_view text) {
     while (!text.empty()) {
         const auto control = std::find_if(text.begin(), text.end(), isControl);
         const auto plain = static_cast<std::size_t>(control - text.begin());
-        escaped.append(text.substr(0, plain));
+        escaped.append(text.data(), plain);
         text.remove_prefix(plain);
         if (text.empty()) return;
         appendEscape(escaped, text.front());
@@ -129,8 +137,12 @@ std::string lineOf(unsigned level, const char* file, int number, const std::stri
     line.reserve(usualHead + text.size());
     line += priority;
     appendTime(line);
-    line.append(" ").append(channelName.load()).append(" ").append(levelName(level)).append(" ");
-    line.append(withoutExtension(file)).append(":").append(std::to_string(number)).append(" ");
+    // Single letters are appended inline.
+    (line += ' ') += channelName.load();
+    (line += ' ') += levelName(level);
+    (line += ' ') += withoutExtension(file);
+    (line += ':') += std::to_string(number);
+    line += ' ';
     appendEachLineAfter(line, text, priority);
     return line += '\n';
 }
@@ -151,7 +163,9 @@ std::string escapeControls(const std::string& text) {
 }
 
 void Stream::append(const char* text, std::size_t length) noexcept {
+    constexpr std::size_t usualLength = 128;
     try {
+        if (text_.empty()) text_.reserve(usualLength);  // instead of growing three times
         appendEscaped(text_, {text, length});
     } catch (const std::bad_alloc&) {
     }

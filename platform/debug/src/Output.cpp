@@ -9,6 +9,7 @@
 
 #include <algorithm>
 #include <cerrno>
+#include <ctime>
 
 namespace dbg {
 
@@ -17,6 +18,14 @@ namespace {
 constexpr std::chrono::milliseconds pollInterval{100};  // within which a waiting line sees beginShutdown
 constexpr std::chrono::milliseconds retryPause{10};     // before a write that wrote nothing is repeated
 constexpr std::chrono::seconds checkInterval{1};
+
+/// The time of the last tick, at most 10 ms ago: exact enough for each line, in a fifth of the time.
+std::chrono::steady_clock::time_point lastTick() {
+    timespec now{};
+    clock_gettime(CLOCK_MONOTONIC_COARSE, &now);
+    return std::chrono::steady_clock::time_point(std::chrono::seconds(now.tv_sec) +
+                                                 std::chrono::nanoseconds(now.tv_nsec));
+}
 
 }  // namespace
 
@@ -52,10 +61,11 @@ void Output::openTarget(Clock::time_point now) {
 
 // Returns false if part of the text was not written.
 bool Output::writeAll(const std::string& text, std::chrono::milliseconds timeout) {
-    const auto now = Clock::now();
+    const auto now = lastTick();
     openTarget(now);
     const auto deadline = now + timeout;
-    const std::string whole = truncated_ ? "\n" + text : text;
+    const std::string afterTruncated = truncated_ ? "\n" + text : std::string();
+    const std::string& whole = truncated_ ? afterTruncated : text;
     std::size_t written = 0;
     bool mayRetry = false;
     // A socket says itself whether it has room, so ask it first only after a loss: while its reader is stalled, a short
