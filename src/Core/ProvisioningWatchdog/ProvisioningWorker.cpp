@@ -200,7 +200,10 @@ void ProvisioningWorker::provisioningThreadMain(const UrlInfo& url, const Comple
 }
 
 void ProvisioningWorker::passEnded() {
-    if (outer_ == nullptr) common::releaseFreeMemory();  // the next pass may be a day away
+    if (outer_ == nullptr) {  // the next pass may be a day away
+        common::releaseFreeMemory();
+        common::releaseCode();
+    }
     bool waited = false;
     {
         const common::LockGuard lock(stateMutex_);
