@@ -3,10 +3,10 @@
 // Threads: whichever thread reads hands messages to deliveries and responses to requests, and runs no callback.
 // Lock order: Connection's mutex before mutex_, so never call the connection with mutex_ held.
 #include <algorithm>
-#include <cstdio>
 #include <functional>
 #include <memory>
 #include <random>
+#include <string_view>
 #include <utility>
 #include <vector>
 
@@ -21,11 +21,14 @@ namespace ipc {
 
 namespace {
 
-/// 16 hexadecimal digits that distinguish clients; not for secrets.
+/// Eight letters and digits that distinguish clients; not for secrets. Short, as each request carries them twice to a
+/// reader that takes a longer packet in one more read.
 std::string randomText() {
+    constexpr std::string_view digits = "0123456789abcdefghijklmnopqrstuv";
     std::random_device source;
-    char text[17];
-    std::snprintf(text, sizeof text, "%08x%08x", source(), source());
+    std::uniform_int_distribution<std::size_t> any(0, digits.size() - 1);
+    std::string text(8, '0');
+    for (char& digit : text) digit = digits[any(source)];
     return text;
 }
 
@@ -37,9 +40,8 @@ class SentRequest final : public IPCRequest {
         : topic_(std::move(topic)),
           payload_(std::move(payload)),
           statusTopic_(std::move(statusTopic)),
-          send_([this, &connection, &replyTopic](std::string correlationData) {
-              return connection.publish({topic_, payload_, 0, replyTopic, std::move(correlationData)},
-                                        Departure::withNext);
+          send_([this, &connection, &replyTopic](const std::string& correlationData) {
+              return connection.publish({topic_, payload_, 0, replyTopic, correlationData}, Departure::withNext);
           }),
           request_(requests, statusTopic_, timeout, send_) {}
 
@@ -152,8 +154,8 @@ class Client final : public IIPCClient, private ConnectionListener, private Resp
 
     std::string request(const std::string& topic, const std::string& payload, const std::string& statusTopic,
                         std::chrono::milliseconds timeout) override {
-        const auto send = [&](std::string correlationData) {
-            return connection_.publish({topic, payload, 0, replyTopic_, std::move(correlationData)}, Departure::atOnce);
+        const auto send = [&](const std::string& correlationData) {
+            return connection_.publish({topic, payload, 0, replyTopic_, correlationData}, Departure::atOnce);
         };
         return requests_.ask(statusTopic, timeout, std::cref(send));
     }
@@ -260,10 +262,16 @@ class Client final : public IIPCClient, private ConnectionListener, private Resp
     }
 
     bool messageArrived(const Incoming& message) override {
-        if (message.topic == replyTopic_) requests_.responseArrived(message.correlationData(), message.payload);
-        requests_.presenceArrived(message.topic, message.payload);
-        // The broker sends one copy for each matching subscription and names it, so filters may overlap.
+        const bool isResponse = message.topic == replyTopic_;
+        if (isResponse) {
+            requests_.responseArrived(message.correlationData(), message.payload);
+        } else {
+            requests_.presenceArrived(message.topic, message.payload);
+        }
+        // The broker sends one copy for each matching subscription and names those of routes, so filters may overlap.
         const std::vector<std::uint32_t> named = message.subscriptions();
+        const bool isForRequests = named.empty() && (isResponse || requests_.isWatched(message.topic));
+        if (isForRequests && message.canNameSubscriptions) return true;
         const common::LockGuard lock(mutex_);
         for (const Route& route : routes_) {
             const bool matches = named.empty()

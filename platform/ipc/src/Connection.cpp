@@ -152,7 +152,7 @@ bool Connection::serve(Clock::time_point until, const std::function<Awaited()>& 
     };
     bool mayLeaveInput = false;
     Awaited still = awaited();
-    while (still == Awaited::response && isUsable() && Clock::now() < until) {
+    while (still == Awaited::response && isUsable()) {
         short events = 0;
         {
             const common::UnlockGuard unlocked(mutex_);
@@ -164,6 +164,7 @@ bool Connection::serve(Clock::time_point until, const std::function<Awaited()>& 
         } else {
             still = awaited();
         }
+        if (still == Awaited::response && Clock::now() >= until) break;
     }
     isServedByCaller_ = false;
     // Only this thread was told of what is left. The end of the connection counts as input.
@@ -194,7 +195,8 @@ std::uint32_t Connection::subscribe(const std::string& filter, int qualityOfServ
                                     const std::function<void(std::uint32_t)>& registered) {
     requireFilter(filter);
     const common::LockGuard lock(mutex_);
-    const std::uint32_t identifier = subscriptions_.add(filter, qualityOfService, retained);
+    const bool isNamed = static_cast<bool>(registered);
+    const std::uint32_t identifier = subscriptions_.add(filter, qualityOfService, retained, isNamed);
     if (registered) registered(identifier);
     if (isUp()) sendSubscription(identifier);
     return identifier;
@@ -203,7 +205,8 @@ std::uint32_t Connection::subscribe(const std::string& filter, int qualityOfServ
 void Connection::sendSubscription(std::uint32_t identifier) {
     const Subscriptions::Subscription& wanted = *subscriptions_.find(identifier);
     int message = 0;
-    const int result = link_->subscribe(wanted.filter, wanted.qualityOfService, wanted.retained, identifier, &message);
+    const int result = link_->subscribe(wanted.filter, wanted.qualityOfService, wanted.retained,
+                                        wanted.isNamed ? identifier : 0, &message);
     noteWritten(0);
     if (result == MOSQ_ERR_SUCCESS) {
         subscriptions_.sent(identifier, message);

@@ -140,9 +140,10 @@ void Connection::pump() {
 
 bool Connection::shouldContinue() {
     if (state_ == State::ended || link_->isOver()) return false;
+    if (state_ == State::ready) return true;
     const auto now = Clock::now();
     if (state_ == State::flushing) return shouldKeepFlushing(now);
-    if (state_ == State::ready || now < readyDeadline_) return true;
+    if (now < readyDeadline_) return true;
     link_->fail(link_->stage() == Link::Stage::accepted
                     ? "the broker does not answer"
                     : "no answer within " + std::to_string(connectTimeout.count()) + " s");

@@ -103,9 +103,9 @@ int Link::publish(const Message& message, bool retain, int* identifier) {
     if (!message.correlationData.empty()) {
         properties.addBinary(MQTT_PROP_CORRELATION_DATA, message.correlationData);
     }
-    const int result = mosquitto_publish_v5(handle_.get(), identifier, std::string(message.topic).c_str(),
-                                            static_cast<int>(message.payload.size()), message.payload.data(),
-                                            message.qualityOfService, retain, properties.get());
+    const int result =
+        mosquitto_publish_v5(handle_.get(), identifier, message.topic.c_str(), static_cast<int>(message.payload.size()),
+                             message.payload.data(), message.qualityOfService, retain, properties.get());
     noteWrite();
     return result;
 }
@@ -113,7 +113,8 @@ int Link::publish(const Message& message, bool retain, int* identifier) {
 int Link::subscribe(const std::string& filter, int qualityOfService, int retained, std::uint32_t subscription,
                     int* identifier) {
     Properties properties;
-    if (identifiersAllowed_) properties.addVarint(MQTT_PROP_SUBSCRIPTION_IDENTIFIER, subscription);
+    if (subscription != 0 && canNameSubscriptions_)
+        properties.addVarint(MQTT_PROP_SUBSCRIPTION_IDENTIFIER, subscription);
     const int result =
         mosquitto_subscribe_v5(handle_.get(), identifier, filter.c_str(), qualityOfService, retained, properties.get());
     noteWrite();
@@ -234,7 +235,7 @@ void Link::onConnect(mosquitto*, void* self, int reason, int, const mosquitto_pr
     }
     std::uint8_t allowed = 1;
     mosquitto_property_read_byte(properties, MQTT_PROP_SUBSCRIPTION_ID_AVAILABLE, &allowed, false);
-    link.identifiersAllowed_ = allowed != 0;
+    link.canNameSubscriptions_ = allowed != 0;
     mosquitto_property_read_int16(properties, MQTT_PROP_RECEIVE_MAXIMUM, &link.receiveMaximum_, false);
     std::uint16_t seconds = keepAliveSeconds;
     mosquitto_property_read_int16(properties, MQTT_PROP_SERVER_KEEP_ALIVE, &seconds, false);
@@ -280,6 +281,7 @@ void Link::onMessage(mosquitto*, void* self, const mosquitto_message* message, c
     }
     incoming.qualityOfService = message->qos;
     incoming.properties = properties;
+    incoming.canNameSubscriptions = link.canNameSubscriptions_;
     link.guarded([&] {
         if (!link.listener_.arrived(incoming)) link.readingPaused_ = true;
     });

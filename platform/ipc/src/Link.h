@@ -68,6 +68,7 @@ class Link {
     // ---- sending: returns libmosquitto's result; `serve` writes what does not fit into the socket at once ----
 
     int publish(const Message& message, bool retain, int* identifier);
+    /// Messages name the `subscription` if the broker can; 0: they do not.
     int subscribe(const std::string& filter, int qualityOfService, int retained, std::uint32_t subscription,
                   int* identifier);
     void unsubscribe(const std::string& filter);
@@ -125,7 +126,7 @@ class Link {
     std::string failure_;
     BackOff::Loss loss_ = BackOff::Loss::plain;
     bool closedByPeer_ = false;
-    bool identifiersAllowed_ = true;                      // the broker supports subscription identifiers
+    bool canNameSubscriptions_ = true;                    // the broker supports subscription identifiers
     std::uint16_t receiveMaximum_ = 20;                   // libmosquitto's own limit if the broker names none
     std::chrono::milliseconds keepAliveInterval_{60000};  // until the broker names its own
     Clock::time_point keepAliveAt_;

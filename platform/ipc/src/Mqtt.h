@@ -16,13 +16,25 @@ namespace ipc {
 /// The largest packet that the broker may send to us, and the largest payload that we send.
 constexpr std::uint32_t maxPacket = std::uint32_t{16} * 1024 * 1024;
 
-/// An outgoing message.
+/// A view of a text that ends with a NUL, as C asks for.
+class CText : public std::string_view {
+ public:
+    CText() : CText("") {}
+    // NOLINTBEGIN(google-explicit-constructor): as a std::string becomes a std::string_view
+    CText(const std::string& text) : std::string_view(text) {}
+    CText(const char* text) : std::string_view(text) {}
+    // NOLINTEND(google-explicit-constructor)
+
+    const char* c_str() const { return data(); }
+};
+
+/// An outgoing message, whose texts are someone else's.
 struct Message {
-    std::string_view topic;
+    CText topic;
     std::string_view payload;
     int qualityOfService = 0;
-    std::string responseTopic;    // empty: none
-    std::string correlationData;  // empty: none
+    CText responseTopic;               // empty: none
+    std::string_view correlationData;  // empty: none
 };
 
 /// The size in bytes that a queued message counts.
@@ -48,10 +60,8 @@ class Properties {
 
     void add32(int identifier, std::uint32_t value) { mosquitto_property_add_int32(&list_, identifier, value); }
     void addVarint(int identifier, std::uint32_t value) { mosquitto_property_add_varint(&list_, identifier, value); }
-    void addText(int identifier, const std::string& value) {
-        mosquitto_property_add_string(&list_, identifier, value.c_str());
-    }
-    void addBinary(int identifier, const std::string& value) {
+    void addText(int identifier, CText value) { mosquitto_property_add_string(&list_, identifier, value.c_str()); }
+    void addBinary(int identifier, std::string_view value) {
         mosquitto_property_add_binary(&list_, identifier, value.data(), static_cast<std::uint16_t>(value.size()));
     }
     const mosquitto_property* get() const { return list_; }
@@ -66,11 +76,12 @@ struct Incoming {
     std::string_view payload;
     int qualityOfService = 0;
     const mosquitto_property* properties = nullptr;
+    bool canNameSubscriptions = true;  // whether the broker supports that
 
     std::string responseTopic() const;    // empty: none
     std::string correlationData() const;  // empty: none
 
-    /// The subscriptions that the broker names in the message; empty if it does not support that.
+    /// The named subscriptions that the message matches, as the broker says.
     std::vector<std::uint32_t> subscriptions() const;
 };
 

@@ -7,7 +7,7 @@ namespace ipc {
 
 Outbox::Entry& Outbox::add(const Message& message, bool retain) {
     entries_.push_back({std::string(message.topic), std::string(message.payload), message.qualityOfService, retain,
-                        message.responseTopic, message.correlationData, Entry::unsent});
+                        std::string(message.responseTopic), std::string(message.correlationData), Entry::unsent});
     bytes_ += sizeOf(message);
     return entries_.back();
 }

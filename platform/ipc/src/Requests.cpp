@@ -27,6 +27,11 @@ bool Requests::watch(const std::string& statusTopic) {
     return services_.emplace(statusTopic, WatchedService()).second;
 }
 
+bool Requests::isWatched(std::string_view statusTopic) {
+    const common::LockGuard lock(mutex_);
+    return services_.find(statusTopic) != services_.end();
+}
+
 // ---- requests ----
 
 std::string Requests::ask(const std::string& statusTopic, std::chrono::milliseconds timeout, const Send& send) {
@@ -37,12 +42,12 @@ Requests::Request::Request(Requests& requests, const std::string& statusTopic, s
                            const Send& send)
     : requests_(requests), send_(send), timeout_(timeout), pending_(statusTopic) {
     const common::LockGuard lock(requests_.mutex_);
-    number_ = requests_.next_++;
-    requests_.pending_.emplace(number_, &pending_);
+    pending_.number = requests_.next_++;
+    requests_.pending_.push_back(&pending_);
     try {
         Clock::time_point until;
         const auto deadline = requests_.limited(begun_ + timeout_, begun_);
-        if (requests_.nextStep(pending_, deadline, until) == Step::send) requests_.send(pending_, number_, send_);
+        if (requests_.nextStep(pending_, begun_, deadline, until) == Step::send) requests_.send(pending_, send_);
     } catch (...) {
         failure_ = std::current_exception();
     }
@@ -50,7 +55,8 @@ Requests::Request::Request(Requests& requests, const std::string& statusTopic, s
 
 Requests::Request::~Request() {
     const common::LockGuard lock(requests_.mutex_);
-    requests_.pending_.erase(number_);
+    auto& all = requests_.pending_;
+    all.erase(std::find(all.begin(), all.end(), &pending_));
     if (requests_.closed_) requests_.finished_.notifyAll();
 }
 
@@ -60,14 +66,14 @@ std::string Requests::Request::response() {
     for (;;) {
         const Clock::time_point deadline = requests_.limited(begun_ + timeout_, begun_);
         Clock::time_point until = deadline;
-        switch (requests_.nextStep(pending_, deadline, until)) {
+        switch (requests_.nextStep(pending_, Clock::now(), deadline, until)) {
             case Step::finish:
                 return std::move(pending_.response);
             case Step::wait:
                 requests_.wait(pending_, until);
                 break;
             case Step::send:
-                if (requests_.send(pending_, number_, send_) || requests_.broker_ != Broker::connected) break;
+                if (requests_.send(pending_, send_) || requests_.broker_ != Broker::connected) break;
                 // The connection was lost just now, which has not been reported yet.
                 pending_.changed.waitUntil(requests_.mutex_, std::min(deadline, Clock::now() + presenceWait));
                 break;
@@ -78,33 +84,28 @@ std::string Requests::Request::response() {
 /// Returns once it is notified or it is time; it may return earlier.
 void Requests::wait(Pending& pending, Clock::time_point until) {
     if (reader_ != nullptr && pending.stage == Pending::Stage::sent) {
-        pending.isNotified = false;
+        pending.awaited = Awaited::response;
         pending.reading = std::this_thread::get_id();
         bool hasRead = false;
         {
             const common::UnlockGuard unlocked(mutex_);
-            hasRead = reader_->read(until, [&] { return awaitedBy(pending); });
+            hasRead = reader_->read(until, [&] { return pending.awaited.load(); });
         }
         pending.reading.reset();
-        if (hasRead || pending.isNotified) return;
+        if (hasRead || pending.awaited != Awaited::response) return;
     }
     pending.changed.waitUntil(mutex_, until);
 }
 
-Awaited Requests::awaitedBy(const Pending& pending) {
-    if (!pending.isNotified) return Awaited::response;
-    const common::LockGuard lock(mutex_);
-    return pending_.size() > 1 ? Awaited::othersResponses : Awaited::nothing;
-}
-
 void Requests::notify(Pending& pending) {
-    pending.isNotified = true;
+    pending.awaited = pending_.size() > 1 ? Awaited::othersResponses : Awaited::nothing;
     pending.changed.notifyOne();
     if (pending.reading && *pending.reading != std::this_thread::get_id()) reader_->interrupt();
 }
 
 /// The next step of a request's caller; throws if the response can no longer come.
-Requests::Step Requests::nextStep(const Pending& pending, Clock::time_point deadline, Clock::time_point& until) const {
+Requests::Step Requests::nextStep(const Pending& pending, Clock::time_point now, Clock::time_point deadline,
+                                  Clock::time_point& until) const {
     const std::string& statusTopic = pending.statusTopic;
     if (pending.stage == Pending::Stage::answered) return Step::finish;
     if (closed_) throw IPCOfflineException("The bus client is closed");
@@ -115,7 +116,6 @@ Requests::Step Requests::nextStep(const Pending& pending, Clock::time_point dead
         throw IPCServiceLostException("The service on " + statusTopic + " went offline before its answer came");
     }
     const Presence presence = presenceOf(statusTopic);
-    const auto now = Clock::now();
     if (broker_ == Broker::neverConnected) throw IPCOfflineException("The bus client is not connected");
     if (broker_ == Broker::away) {
         if (now >= since_ + reconnectWait) throw IPCOfflineException("There is no connection to the broker");
@@ -138,12 +138,12 @@ Requests::Presence Requests::presenceOf(const std::string& statusTopic) const {
 }
 
 /// Returns whether it was sent.
-bool Requests::send(Pending& pending, std::uint64_t number, const Send& send) {
+bool Requests::send(Pending& pending, const Send& send) {
     pending.stage = Pending::Stage::sent;
     bool sent = false;
     {
         const common::UnlockGuard unlocked(mutex_);
-        sent = send(correlationOf(number));
+        sent = send(correlationOf(pending.number));
     }
     if (sent || pending.stage == Pending::Stage::answered) return true;
     pending.stage = Pending::Stage::unsent;
@@ -217,7 +217,7 @@ void Requests::connectionLost() {
     // A connection that is lost before it is ready must not restart the wait for a reconnection.
     if (broker_ == Broker::connected) since_ = Clock::now();
     broker_ = Broker::away;
-    for (const auto& [number, pending] : pending_) {
+    for (Pending* const pending : pending_) {
         if (pending->stage == Pending::Stage::sent) pending->stage = Pending::Stage::connectionLost;
     }
     for (auto& [topic, service] : services_) setPresence(topic, service, Presence::unknown);
@@ -240,7 +240,7 @@ void Requests::setPresence(const std::string& statusTopic, WatchedService& servi
     if (service.presence == Presence::online && presence != Presence::online) service.lastOnline = Clock::now();
     service.presence = presence;
     if (presence != Presence::offline) return;
-    for (const auto& [number, pending] : pending_) {
+    for (Pending* const pending : pending_) {
         const bool isInFlight = pending->stage == Pending::Stage::sent && pending->statusTopic == statusTopic;
         if (isInFlight) pending->stage = Pending::Stage::serviceLost;
     }
@@ -253,15 +253,16 @@ void Requests::responseArrived(const std::string& correlationData, std::string_v
     const common::LockGuard lock(mutex_);
     if (number == 0 || number >= next_) return;
     ++responses_;
-    const auto found = pending_.find(number);
-    if (found == pending_.end() || found->second->stage == Pending::Stage::answered) return;
-    found->second->stage = Pending::Stage::answered;
-    found->second->response = response;
-    notify(*found->second);
+    const auto found = std::find_if(pending_.begin(), pending_.end(),
+                                    [number](const Pending* each) { return each->number == number; });
+    if (found == pending_.end() || (*found)->stage == Pending::Stage::answered) return;
+    (*found)->stage = Pending::Stage::answered;
+    (*found)->response = std::string(response);
+    notify(**found);
 }
 
 void Requests::notifyWaiters() {
-    for (const auto& [number, pending] : pending_) notify(*pending);
+    for (Pending* const pending : pending_) notify(*pending);
     presenceChanged_.notifyAll();
 }
 

@@ -15,7 +15,7 @@
 #include <string>
 #include <string_view>
 #include <thread>
-#include <unordered_map>
+#include <vector>
 
 #include "Awaited.h"
 #include "common/ThreadSafety.h"
@@ -47,6 +47,7 @@ class Requests {
 
     /// Returns whether the service was not watched before.
     bool watch(const std::string& statusTopic) EXCLUDES(mutex_);
+    bool isWatched(std::string_view statusTopic) EXCLUDES(mutex_);
 
     class Request;
     /// Blocks until the response is there. Sends once the service is online, and again only if `send` returned false.
@@ -86,22 +87,24 @@ class Requests {
 
         explicit Pending(const std::string& topic) : statusTopic(topic) {}
         const std::string& statusTopic;
+        std::uint64_t number = 0;
         Stage stage = Stage::unsent;
         std::string response;
         common::ConditionVariable changed;
         std::optional<std::thread::id> reading;  // its caller, while it is in the reader
-        std::atomic<bool> isNotified{false};     // since then; read without the mutex
+        std::atomic<Awaited> awaited{
+            Awaited::response};  // by that caller, until it is notified; read without the mutex
     };
     struct WatchedService {
         Presence presence = Presence::unknown;
         std::optional<Clock::time_point> lastOnline;  // when it went offline; unset if it never was online
     };
 
-    Step nextStep(const Pending& pending, Clock::time_point deadline, Clock::time_point& until) const REQUIRES(mutex_);
+    Step nextStep(const Pending& pending, Clock::time_point now, Clock::time_point deadline,
+                  Clock::time_point& until) const REQUIRES(mutex_);
     Presence presenceOf(const std::string& statusTopic) const REQUIRES(mutex_);
-    bool send(Pending& pending, std::uint64_t number, const Send& send) REQUIRES(mutex_);
+    bool send(Pending& pending, const Send& send) REQUIRES(mutex_);
     void wait(Pending& pending, Clock::time_point until) REQUIRES(mutex_);
-    Awaited awaitedBy(const Pending& pending) EXCLUDES(mutex_);
     void notify(Pending& pending) REQUIRES(mutex_);
     bool awaitService(const std::string& statusTopic, std::chrono::milliseconds limit) REQUIRES(mutex_);
     Clock::time_point limited(Clock::time_point deadline, Clock::time_point begun) const REQUIRES(mutex_);
@@ -121,8 +124,8 @@ class Requests {
     unsigned serviceWaits_ GUARDED_BY(mutex_) = 0;
     std::optional<std::chrono::milliseconds> limit_ GUARDED_BY(mutex_);
     Clock::time_point limitedSince_ GUARDED_BY(mutex_);
-    std::unordered_map<std::uint64_t, Pending*> pending_ GUARDED_BY(mutex_);
-    std::uint64_t next_ GUARDED_BY(mutex_) = 1;  // number of the next request
+    std::vector<Pending*> pending_ GUARDED_BY(mutex_);  // few
+    std::uint64_t next_ GUARDED_BY(mutex_) = 1;         // number of the next request
 
     std::atomic<std::uint64_t> responses_{0};
 };
@@ -145,7 +148,6 @@ class Requests::Request {
     const std::chrono::milliseconds timeout_;
     const Clock::time_point begun_ = Clock::now();
     Pending pending_;
-    std::uint64_t number_ = 0;
     std::exception_ptr failure_;  // of the construction
 };
 

@@ -157,11 +157,11 @@ class Service final : public IIPCService, private ConnectionListener {
         for (; !outbox_.empty(); outbox_.pop_front()) {
             // Beyond what the broker takes at once a response would overtake the change that comes before it.
             if (connection_->congestion() != Congestion::none) return false;
-            OutgoingMessage& message = outbox_.front();
+            const OutgoingMessage& message = outbox_.front();
             if (message.topic.empty()) continue;  // the request had no response topic
             try {
                 connection_->publish(
-                    {message.topic, message.payload, message.qualityOfService, {}, std::move(message.correlationData)},
+                    {message.topic, message.payload, message.qualityOfService, {}, message.correlationData},
                     outbox_.size() > 1 ? Departure::withNext : Departure::atOnce);
             } catch (const std::exception& error) {
                 // The requester chose the response topic: an invalid one must not stop the other responses.

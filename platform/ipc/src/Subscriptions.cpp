@@ -8,16 +8,17 @@
 
 namespace ipc {
 
-std::uint32_t Subscriptions::add(const std::string& filter, int qualityOfService, int retained) {
+std::uint32_t Subscriptions::add(const std::string& filter, int qualityOfService, int retained, bool isNamed) {
     const auto found =
         std::find_if(all_.begin(), all_.end(), [&filter](const auto& each) { return each.second.filter == filter; });
     if (found == all_.end()) {
-        all_.emplace(next_, Subscription{filter, qualityOfService, retained, 1, Answer::pending, {}});
+        all_.emplace(next_, Subscription{filter, qualityOfService, retained, isNamed, 1, Answer::pending, {}});
         return next_++;
     }
     Subscription& shared = found->second;
     ++shared.users;
     shared.qualityOfService = std::max(shared.qualityOfService, qualityOfService);
+    shared.isNamed = shared.isNamed || isNamed;
     shared.retained = MQTT_SUB_OPT_SEND_RETAIN_ALWAYS;
     shared.answer = Answer::pending;
     return found->first;

@@ -23,7 +23,8 @@ class Subscriptions {
     struct Subscription {
         std::string filter;
         int qualityOfService = 0;
-        int retained = 0;  // one of MQTT_SUB_OPT_SEND_RETAIN_…
+        int retained = 0;      // one of MQTT_SUB_OPT_SEND_RETAIN_…
+        bool isNamed = false;  // messages have its identifier
         unsigned users = 1;
         Answer answer = Answer::pending;
         std::string refusal;
@@ -31,8 +32,8 @@ class Subscriptions {
 
     /// Returns the subscription identifier. Users of the same filter share it, as a broker keeps one subscription for
     /// each filter of a client. It must be sent again for each further user, as that user wants the retained messages
-    /// too.
-    std::uint32_t add(const std::string& filter, int qualityOfService, int retained);
+    /// too. If one of them wants it named, it is.
+    std::uint32_t add(const std::string& filter, int qualityOfService, int retained, bool isNamed);
     /// Returns the filter to unsubscribe from if that was its last user.
     std::optional<std::string> remove(std::uint32_t identifier);
 

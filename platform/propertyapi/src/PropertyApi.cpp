@@ -22,11 +22,7 @@ namespace propertyapi {
 
 namespace {
 
-using propertyprotocol::getTopic;
-using propertyprotocol::listTopic;
 using propertyprotocol::maxKeyBytes;
-using propertyprotocol::setTopic;
-using propertyprotocol::statusTopic;
 using std::chrono::milliseconds;
 using Clock = std::chrono::steady_clock;
 
@@ -34,6 +30,12 @@ constexpr milliseconds timeout{5000};
 constexpr milliseconds timeoutWhenUnresponsive{1000};
 constexpr milliseconds shutdownTimeout{2000};
 constexpr milliseconds recoveryWait{5000};
+
+// Made once, not for each request.
+const std::string getTopic = propertyprotocol::getTopic;
+const std::string setTopic = propertyprotocol::setTopic;
+const std::string listTopic = propertyprotocol::listTopic;
+const std::string statusTopic = propertyprotocol::statusTopic;
 
 // No service can know such a key, and one that is not UTF-8 cannot be sent.
 void checkKey(const std::string& key) {
@@ -60,6 +62,7 @@ struct Call {
     const Clock::time_point begun = Clock::now();
     const bool waitsForRecovery = RecoveryScope::onThisThread();
     Clock::time_point deadline;
+    bool isFresh = true;            // no time has passed yet
     bool deadlineExtended = false;  // because the service came back
     std::string lossReason;         // why the last response was lost
 };
@@ -145,7 +148,8 @@ class PropertyApi final : public IPropertyApi {
 
     /// Sends a get or list, which may be repeated if the response was lost. `begun` is the first request, if it has
     /// been sent already.
-    std::string ask(Call& call, const char* topic, const std::string& payload, ipc::IPCRequest* begun = nullptr) {
+    std::string ask(Call& call, const std::string& topic, const std::string& payload,
+                    ipc::IPCRequest* begun = nullptr) {
         for (;; begun = nullptr) {
             if (auto response = request(call, topic, payload, begun)) return std::move(*response);
             if (Clock::now() >= deadlineOf(call)) throw PropertyTimeoutException(errorText(*call.key, call.lossReason));
@@ -153,7 +157,7 @@ class PropertyApi final : public IPropertyApi {
     }
 
     /// The response, or nothing if it was lost: then it is unknown whether the request was executed.
-    std::optional<std::string> request(Call& call, const char* topic, const std::string& payload,
+    std::optional<std::string> request(Call& call, const std::string& topic, const std::string& payload,
                                        ipc::IPCRequest* begun = nullptr) {
         for (;; begun = nullptr) {
             try {
@@ -189,7 +193,8 @@ class PropertyApi final : public IPropertyApi {
         return true;
     }
 
-    milliseconds timeLeft(const Call& call) {
+    milliseconds timeLeft(Call& call) {
+        if (std::exchange(call.isFresh, false)) return std::chrono::ceil<milliseconds>(call.deadline - call.begun);
         const auto left = std::chrono::ceil<milliseconds>(deadlineOf(call) - Clock::now());
         return std::max(left, milliseconds(0));
     }

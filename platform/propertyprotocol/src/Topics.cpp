@@ -6,11 +6,10 @@ namespace propertyprotocol {
 
 namespace {
 
-constexpr char changePrefix[] = "prop-service-";
+constexpr std::string_view service = serviceName;
+constexpr std::string_view changePrefix = "prop-service-";
 
-bool startsWith(const std::string& text, const std::string& prefix) {
-    return text.compare(0, prefix.size(), prefix) == 0;
-}
+bool startsWith(std::string_view text, std::string_view prefix) { return text.substr(0, prefix.size()) == prefix; }
 
 // Not std::tolower, which depends on the locale.
 std::string inLowerCase(std::string text) {
@@ -24,16 +23,17 @@ std::string inLowerCase(std::string text) {
 
 std::string changeTopic(std::string_view key) {
     std::string topic = inLowerCase(std::string(key.substr(0, key.find('.'))));
-    topic.reserve(sizeof changePrefix + topic.size() + key.size());
+    topic.reserve(changePrefix.size() + topic.size() + 1 + key.size());
     return topic.insert(0, changePrefix).append("/").append(key);
 }
 
-std::string changeFilter(const std::string& group) { return changePrefix + inLowerCase(group) + "/#"; }
+std::string changeFilter(const std::string& group) { return std::string(changePrefix) + inLowerCase(group) + "/#"; }
 
 bool isChangeTopic(const std::string& topic) { return startsWith(topic, changePrefix); }
 
 bool isServiceTopic(const std::string& topic) {
-    return topic == serviceName || startsWith(topic, std::string(serviceName) + "/") || isChangeTopic(topic);
+    if (!startsWith(topic, service)) return false;
+    return topic.size() == service.size() || topic[service.size()] == '/' || isChangeTopic(topic);
 }
 
 }  // namespace propertyprotocol

@@ -1,5 +1,7 @@
 #include "propertyprotocol/Utf8.h"
 
+#include <algorithm>
+
 namespace propertyprotocol {
 
 std::size_t utf8SequenceLength(const std::string& text, std::size_t at) {
@@ -21,7 +23,9 @@ std::size_t utf8SequenceLength(const std::string& text, std::size_t at) {
 }
 
 bool isUtf8(const std::string& text) {
-    for (std::size_t at = 0; at < text.size();) {
+    const auto isAscii = [](char letter) { return static_cast<unsigned char>(letter) < 0x80; };
+    const auto other = std::find_if_not(text.begin(), text.end(), isAscii);  // in most texts there is none
+    for (auto at = static_cast<std::size_t>(other - text.begin()); at < text.size();) {
         const std::size_t length = utf8SequenceLength(text, at);
         if (length == 0) return false;
         at += length;

@@ -1,5 +1,7 @@
 #include "service/PlainObject.h"
 
+#include <algorithm>
+
 namespace propertyservice {
 
 namespace {
@@ -16,8 +18,8 @@ class Cursor {
 
     bool passString(std::string_view& text) {
         if (!pass('"')) return false;
-        std::size_t size = 0;
-        while (size < left_.size() && isPlain(left_[size])) ++size;
+        const auto end = std::find_if_not(left_.begin(), left_.end(), isPlain);
+        const auto size = static_cast<std::size_t>(end - left_.begin());
         text = left_.substr(0, size);
         left_.remove_prefix(size);
         return pass('"');

@@ -23,7 +23,8 @@ constexpr std::size_t maxLoggedCharacters = 80;
 constexpr std::size_t maxLoggedPerImport = 10;
 
 bool isPublishable(const std::string& topic) {
-    return topic.find_first_of(std::string("+#\0", 3)) == std::string::npos;
+    const auto isForbidden = [](char letter) { return letter == '+' || letter == '#' || letter == '\0'; };
+    return std::none_of(topic.begin(), topic.end(), isForbidden);
 }
 
 std::string objection(const Property& property, const std::string& value) {

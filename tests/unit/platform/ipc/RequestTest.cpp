@@ -1,5 +1,6 @@
 #include <gtest/gtest.h>
 
+#include <algorithm>
 #include <atomic>
 #include <functional>
 #include <memory>
@@ -117,6 +118,23 @@ TEST_F(MessagesThatCanWait, HoldNoOtherMessageBack) {
         return steady_clock::now() - begin < milliseconds(100);  // the system holds data back for 200
     };
     EXPECT_TRUE(eventually(leavesAtOnce));
+}
+
+TEST(SubscriberOfEverything, GetsResponsesAndPresencesOnce) {
+    Broker broker;
+    EchoService service(broker.address());
+    Recorder all;
+    const auto client = newAsker(broker.address(), "#", &all);
+    ASSERT_EQ(ask(*client, "x"), "re:x");
+    client->publish("last", "the last one", 1);
+    const auto count = [&all](const std::string& content) {
+        const std::vector<std::string> contents = all.contents();
+        return std::count(contents.begin(), contents.end(), content);
+    };
+    ASSERT_TRUE(eventually([&] { return count("the last one") == 1; }));
+    EXPECT_EQ(count("re:x"), 1);
+    EXPECT_EQ(count("online"), 1);
+    client->disconnect();
 }
 
 // A caller reads while it waits for its response, so messages of others arrive on its thread.

@@ -16,7 +16,7 @@ constexpr int onlyNew = MQTT_SUB_OPT_SEND_RETAIN_NEW;
 
 TEST(Subscriptions, ArePendingUntilTheBrokerAnswers) {
     Subscriptions subscriptions;
-    const auto identifier = subscriptions.add("a/#", 1, onlyNew);
+    const auto identifier = subscriptions.add("a/#", 1, onlyNew, true);
     EXPECT_TRUE(subscriptions.isSettled()) << "nothing was sent";
     subscriptions.sent(identifier, 12);
     EXPECT_FALSE(subscriptions.isSettled());
@@ -31,8 +31,8 @@ TEST(Subscriptions, ArePendingUntilTheBrokerAnswers) {
 
 TEST(Subscriptions, RefusalThrowsWithTheBrokersReason) {
     Subscriptions subscriptions;
-    subscriptions.sent(subscriptions.add("good", 1, onlyNew), 1);
-    subscriptions.sent(subscriptions.add("bad", 1, onlyNew), 2);
+    subscriptions.sent(subscriptions.add("good", 1, onlyNew, true), 1);
+    subscriptions.sent(subscriptions.add("bad", 1, onlyNew, true), 2);
     subscriptions.answered(1, "");
     subscriptions.answered(2, "Not authorized");
     try {
@@ -45,10 +45,10 @@ TEST(Subscriptions, RefusalThrowsWithTheBrokersReason) {
 
 TEST(Subscriptions, OfOneFilterAreSharedUntilTheLastIsRemoved) {
     Subscriptions subscriptions;
-    const auto identifier = subscriptions.add("a", 0, onlyNew);
+    const auto identifier = subscriptions.add("a", 0, onlyNew, true);
     subscriptions.sent(identifier, 1);
     subscriptions.answered(1, "");
-    EXPECT_EQ(subscriptions.add("a", 1, onlyNew), identifier);
+    EXPECT_EQ(subscriptions.add("a", 1, onlyNew, true), identifier);
     const auto& shared = *subscriptions.find(identifier);
     EXPECT_EQ(shared.qualityOfService, 1) << "the higher of both";
     EXPECT_EQ(shared.retained, MQTT_SUB_OPT_SEND_RETAIN_ALWAYS) << "the second user needs the retained messages too";
@@ -57,13 +57,24 @@ TEST(Subscriptions, OfOneFilterAreSharedUntilTheLastIsRemoved) {
     EXPECT_EQ(subscriptions.remove(identifier), "a");
     EXPECT_EQ(subscriptions.remove(identifier), std::nullopt);
     EXPECT_EQ(subscriptions.find(identifier), nullptr);
-    EXPECT_NE(subscriptions.add("a", 0, onlyNew), identifier) << "it would get late messages of the old subscription";
+    EXPECT_NE(subscriptions.add("a", 0, onlyNew, true), identifier)
+        << "it would get late messages of the old subscription";
+}
+
+TEST(Subscriptions, AreNamedIfOneUserOfTheFilterWantsIt) {
+    Subscriptions subscriptions;
+    const auto identifier = subscriptions.add("a", 1, onlyNew, false);
+    EXPECT_FALSE(subscriptions.find(identifier)->isNamed);
+    subscriptions.add("a", 1, onlyNew, true);
+    EXPECT_TRUE(subscriptions.find(identifier)->isNamed);
+    subscriptions.add("a", 1, onlyNew, false);
+    EXPECT_TRUE(subscriptions.find(identifier)->isNamed);
 }
 
 TEST(Subscriptions, ArePendingAgainOnANewConnection) {
     Subscriptions subscriptions;
-    const auto answered = subscriptions.add("a", 1, onlyNew);
-    const auto asked = subscriptions.add("b", 1, onlyNew);
+    const auto answered = subscriptions.add("a", 1, onlyNew, true);
+    const auto asked = subscriptions.add("b", 1, onlyNew, true);
     subscriptions.sent(answered, 1);
     subscriptions.sent(asked, 2);
     subscriptions.answered(1, "");
@@ -76,7 +87,7 @@ TEST(Subscriptions, ArePendingAgainOnANewConnection) {
 
 TEST(Subscriptions, MayBeRemovedBeforeTheAnswer) {
     Subscriptions subscriptions;
-    const auto identifier = subscriptions.add("a", 1, onlyNew);
+    const auto identifier = subscriptions.add("a", 1, onlyNew, true);
     subscriptions.sent(identifier, 1);
     subscriptions.remove(identifier);
     EXPECT_EQ(subscriptions.answered(1, "refused"), nullptr);
@@ -86,7 +97,7 @@ TEST(Subscriptions, MayBeRemovedBeforeTheAnswer) {
 
 TEST(Subscriptions, AreRefusedIfTheyCannotBeSent) {
     Subscriptions subscriptions;
-    const auto identifier = subscriptions.add("a", 1, onlyNew);
+    const auto identifier = subscriptions.add("a", 1, onlyNew, true);
     subscriptions.refuse(identifier, "too large");
     EXPECT_EQ(subscriptions.find(identifier)->answer, Answer::refused);
     EXPECT_TRUE(subscriptions.isSettled());
