@@ -23,9 +23,11 @@ def divide(ours, floor):
 
 
 def result(work, ours, floor):
-    """The record of one work. The spread of the ratio is that of the pairs measured one after the other."""
-    ratio = divide(statistics.median(ours), statistics.median(floor))
-    low, _, high = quartiles([divide(mine, bare) for mine, bare in zip(ours, floor)])
+    """The record of one work. The ratio is the median of the pairs measured one after the other: a machine that becomes
+    slower in between changes both of a pair."""
+    pairs = [divide(mine, bare) for mine, bare in zip(ours, floor)]
+    ratio = statistics.median(pairs)
+    low, _, high = quartiles(pairs)
     return {
         "name": work.name,
         "unit": work.unit,
@@ -33,8 +35,8 @@ def result(work, ours, floor):
         "ours": dict(zip(("low", "median", "high"), quartiles(ours))),
         "floor": dict(zip(("low", "median", "high"), quartiles(floor))),
         "ratio": ratio,
-        "ratio_low": min(low, ratio),
-        "ratio_high": max(high, ratio),
+        "ratio_low": low,
+        "ratio_high": high,
         "goal": str(work.goal) if work.goal else "",
         "at_least": bool(work.goal and work.goal.at_least),
         "met": work.goal.met_by(ratio) if work.goal else None,

@@ -12,6 +12,7 @@
 #include <utility>
 
 #include "Output.h"
+#include "common/ByteSet.h"
 
 namespace dbg {
 
@@ -71,15 +72,7 @@ std::string_view withoutExtension(std::string_view path) {
     return hasExtension ? path.substr(0, dot) : path;
 }
 
-// A look into a table takes half the time of the comparisons.
-constexpr std::array<bool, 256> controls = [] {
-    std::array<bool, 256> table{};
-    for (unsigned byte = 0; byte < 0x20; ++byte) table.at(byte) = true;
-    table.at(0x7f) = true;
-    return table;
-}();
-
-bool isControl(char c) { return controls[static_cast<unsigned char>(c)]; }
+constexpr common::ByteSet isControl([](unsigned char byte) { return byte < 0x20 || byte == 0x7f; });
 
 void appendEscape(std::string& escaped, char control) {
     static constexpr char digits[] = "0123456789abcdef";

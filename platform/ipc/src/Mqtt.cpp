@@ -5,6 +5,7 @@
 #include <cstdlib>
 #include <mutex>
 
+#include "common/ByteSet.h"
 #include "common/Descriptor.h"
 #include "ipc/IPCException.h"
 
@@ -24,9 +25,12 @@ bool isUtf8(std::string_view text) {
     return mosquitto_validate_utf8(text.data(), static_cast<int>(text.size())) == MOSQ_ERR_SUCCESS;
 }
 
+constexpr common::ByteSet isPlain([](unsigned char byte) {
+    return byte >= ' ' && byte <= '~' && byte != '+' && byte != '#';
+});
+
 /// One look at each letter of a short topic in ASCII, which almost all are, instead of three.
 bool isPlainTopic(std::string_view topic) {
-    const auto isPlain = [](char letter) { return letter >= ' ' && letter <= '~' && letter != '+' && letter != '#'; };
     return !topic.empty() && topic.size() <= maxSlashes && std::all_of(topic.begin(), topic.end(), isPlain);
 }
 

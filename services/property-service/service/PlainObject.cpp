@@ -2,9 +2,15 @@
 
 #include <algorithm>
 
+#include "common/ByteSet.h"
+
 namespace propertyservice {
 
 namespace {
+
+constexpr common::ByteSet isPlain([](unsigned char byte) {
+    return byte >= ' ' && byte <= '~' && byte != '"' && byte != '\\';
+});
 
 class Cursor {
  public:
@@ -28,8 +34,6 @@ class Cursor {
     bool isAtEnd() const { return left_.empty(); }
 
  private:
-    static bool isPlain(char letter) { return letter >= ' ' && letter <= '~' && letter != '"' && letter != '\\'; }
-
     std::string_view left_;
 };
 
