@@ -47,6 +47,19 @@ TEST(Request, SeveralMayBeBegunBeforeTheFirstResponseIsAwaited) {
     EXPECT_EQ(third->response(), "re:third");
 }
 
+TEST(Request, ABegunOneTimesOutWithoutAnAnswer) {
+    NEEDS_REQUESTS();
+    Bus bus;
+    EchoService service(bus.address(), [](const std::vector<ipc::ServiceRequest>& requests) {
+        return requests.front().payload == "mute" ? std::vector<ipc::OutgoingMessage>() : EchoService::echo(requests);
+    });
+    const auto client = newAsker(bus.address());
+    const auto begun = client->beginRequest("test-service/ask", "mute", statusTopic, milliseconds(50));
+    const auto begin = steady_clock::now();
+    EXPECT_THROW(begun->response(), ipc::IPCTimeoutException);
+    EXPECT_LT(steady_clock::now() - begin, patience);
+}
+
 TEST(Request, ManyThreadsEachGetTheirOwnAnswer) {
     NEEDS_REQUESTS();
     Bus bus;

@@ -256,8 +256,8 @@ void Requests::responseArrived(const std::string& correlationData, std::string_v
     const auto found = std::find_if(pending_.begin(), pending_.end(),
                                     [number](const Pending* each) { return each->number == number; });
     if (found == pending_.end() || (*found)->stage == Pending::Stage::answered) return;
+    (*found)->response = std::string(response);  // first: without memory the request must not look answered
     (*found)->stage = Pending::Stage::answered;
-    (*found)->response = std::string(response);
     notify(**found);
 }
 

@@ -30,6 +30,7 @@ PROMISES = [
     ("payloads may have any bytes", "Client.CarriesAnyBytesUpToAMebibyte"),
     ("each request gets its own answer", "Request.ManyThreadsEachGetTheirOwnAnswer"),
     ("a begun request gets its own answer", "Request.SeveralMayBeBegunBeforeTheFirstResponseIsAwaited"),
+    ("a begun request has its time-out", "Request.ABegunOneTimesOutWithoutAnAnswer"),
     ("a lost service has its exception", "Outage.FailsARequestInFlightEvenIfTheServiceIsBackAtOnce"),
     ("a lost connection has its exception", "Outage.DeathOfTheBusInterruptsARequestInFlight"),
     ("an offline service has its exception", "Request.FailsAtOnceWhenTheServiceIsOfflineAndWorksWhenItIsBack"),
