@@ -47,7 +47,8 @@ class Bus {
                 if (watched[i + 1].revents != 0) serve(*peers_[i]);
             }
             for (const auto& peer : peers_) {
-                if (!unixbus::flush(peer->socket, peer->pending)) peer->gone = true;
+                // A peer that has closed reads no answer, but what it sent before counts: `serve` meets the end.
+                if (!unixbus::flush(peer->socket, peer->pending)) peer->pending.clear();
             }
             removeGone();
             if (watched[0].revents != 0) accept();

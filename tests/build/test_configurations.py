@@ -10,6 +10,7 @@ import unittest
 from configure import Build, ROOT, WARNINGS_ARE_ERRORS
 
 RELEASE = "-DCMAKE_BUILD_TYPE=Release"
+NOT_OPTIMISED = "-DCMAKE_CXX_FLAGS_RELEASE=-O0"
 ONLY_PROGRAMS = "-DBUILD_TESTING=OFF"
 NO_GOOGLETEST = "-DCMAKE_DISABLE_FIND_PACKAGE_GTest=ON"
 PROGRAMS = {"prop-service", "zavctl", "zavd"}
@@ -34,7 +35,8 @@ def distribution_flags():
 
 class Parts(unittest.TestCase):
     def test_the_three_programs_alone(self):
-        build = Build(RELEASE, WARNINGS_ARE_ERRORS, NO_GOOGLETEST, "-DZAV_TESTS=OFF", "-DZAV_BENCH=OFF", "-DZAV_LAB=OFF")
+        build = Build(RELEASE, NOT_OPTIMISED, WARNINGS_ARE_ERRORS, NO_GOOGLETEST, "-DZAV_TESTS=OFF", "-DZAV_BENCH=OFF",
+                      "-DZAV_LAB=OFF")
         self.assertEqual(build.labels(), set())
         self.assertEqual(build.parts(), PRODUCT)
         build.compile()
@@ -104,7 +106,7 @@ class Fortification(unittest.TestCase):
         self.assertEqual(self.setting(RELEASE, CXXFLAGS="-U_FORTIFY_SOURCE"), ["-U_FORTIFY_SOURCE"])
 
     def test_code_that_is_not_optimised_has_none(self):
-        self.assertEqual(self.setting(RELEASE, "-DCMAKE_CXX_FLAGS_RELEASE=-O0"), [])
+        self.assertEqual(self.setting(RELEASE, NOT_OPTIMISED), [])
 
     @unittest.skipUnless(shutil.which("dpkg-buildflags"), "not a Debian machine")
     def test_a_distributions_flags(self):
