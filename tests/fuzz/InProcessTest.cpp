@@ -51,14 +51,14 @@ class InProcessTest : public testing::Test {
         }
         return read("out");
     }
-    void expectSame(const std::string& content, const std::string& keyFile, bool succeeds,
+    void expectSame(const std::string& content, const std::string& keyFile, std::optional<bool> succeeds,
                     const std::string& options = "-aes-128-cbc") const {
         const auto real =
             decryptedBy([](const std::string& command) { os::execute(command, timeout); }, content, keyFile, options);
         const auto here =
             decryptedBy([](const std::string& command) { fuzz::executeInProcess(command); }, content, keyFile, options);
         EXPECT_EQ(real, here);
-        EXPECT_EQ(real.has_value(), succeeds);
+        EXPECT_EQ(real.has_value(), succeeds.value_or(real.has_value()));
     }
 
  private:
@@ -97,9 +97,11 @@ TEST_F(InProcessTest, FailsAsOpensslDoes) {
           file.substr(0, 16), file.substr(0, 20), file.substr(0, file.size() - 1), file.substr(0, 32), file + "x"}) {
         expectSame(content, "phrase", false);
     }
-    expectSame(file, "another phrase", false);
-    expectSame(file, "", false);
-    expectSame(file, std::string(1, '\0') + "phrase", false);
+    // With a wrong key one file in 256 ends as if it were whole.
+    constexpr std::nullopt_t byChance = std::nullopt;
+    expectSame(file, "another phrase", byChance);
+    expectSame(file, "", byChance);
+    expectSame(file, std::string(1, '\0') + "phrase", byChance);
 }
 
 TEST_F(InProcessTest, FailsWithoutFiles) {
