@@ -14,7 +14,7 @@ namespace {
 
 constexpr std::size_t width = 100;     // of excerpts
 constexpr std::size_t before = 60;     // characters of a long line that are shown in front of the caret
-constexpr std::size_t farBack = 8192;  // how far the tag of a value may begin in front of the line
+constexpr std::size_t farAway = 8192;  // what is further away on the same line is not shown
 
 bool isContinuation(char c) { return (static_cast<unsigned char>(c) & 0xC0U) == 0x80U; }
 bool isBlank(char c) { return c == ' ' || c == '\t' || c == '\n' || c == '\r'; }
@@ -51,10 +51,11 @@ std::vector<Attribute> attributesOf(const std::string& text, std::size_t begin) 
     }
 }
 
-// One visible character of a line.
+// One visible character of a line: what is in the text from `begin` to `end`, or a star instead.
 struct Cell {
-    std::string text;
-    std::size_t offset;
+    std::size_t begin;
+    std::size_t end;
+    bool isStar;
 };
 
 std::string visible(const std::string& text, std::size_t begin, std::size_t end) {
@@ -142,30 +143,39 @@ std::size_t Source::offsetOf(int line, int byteColumn) const {
     return offset;
 }
 
-// The ranges of secret values that reach into the line.
-std::vector<std::pair<std::size_t, std::size_t>> Source::secretsIn(std::size_t begin, std::size_t end) const {
-    std::vector<std::pair<std::size_t, std::size_t>> secrets;
-    std::size_t tag = begin == 0 ? 0 : text_.rfind('<', begin - 1);
-    if (tag == std::string::npos || begin - tag > farBack) tag = begin;
-    for (tag = text_.find('<', tag); tag < end; tag = text_.find('<', tag + 1)) {
-        const std::vector<Attribute> attributes = attributesOf(text_, tag);
-        const bool isSecretSetting = std::any_of(attributes.begin(), attributes.end(), [&](const Attribute& one) {
-            const std::string value = text_.substr(one.value, one.valueEnd - one.value);
-            return one.name != "value" && value.size() < 256 && (isSecret_(value) || soundsSecret(value));
-        });
-        for (const Attribute& one : attributes) {
-            if (one.value == one.valueEnd || one.valueEnd <= begin) continue;
-            if (isSecretSetting && one.name == "value") {
-                secrets.emplace_back(one.value, one.valueEnd);
-                continue;
-            }
-            const std::string value = text_.substr(one.value, one.valueEnd - one.value);
-            if (value.find('@') != std::string::npos && common::withoutPassword(value) != value) {
-                secrets.emplace_back(one.value, one.value + value.rfind('@'));
-            }
+// Where secret values are in the whole text, in order and apart from each other. A tag may begin in another line than
+// its value, or within what only looks like a value in text that is not written properly.
+const std::vector<Range>& Source::secrets() const {
+    if (secretsKnown_) return secrets_;
+    secretsKnown_ = true;
+    for (std::size_t tag = text_.find('<'); tag != std::string::npos; tag = text_.find('<', tag + 1)) addSecretsOf(tag);
+    std::sort(secrets_.begin(), secrets_.end());
+    std::vector<Range> apart;
+    for (const Range& one : secrets_) {
+        if (apart.empty() || one.first >= apart.back().second) apart.push_back(one);
+        apart.back().second = std::max(apart.back().second, one.second);
+    }
+    secrets_ = std::move(apart);
+    return secrets_;
+}
+
+void Source::addSecretsOf(std::size_t tag) const {
+    const std::vector<Attribute> attributes = attributesOf(text_, tag);
+    const bool isSecretSetting = std::any_of(attributes.begin(), attributes.end(), [&](const Attribute& one) {
+        const std::string value = text_.substr(one.value, one.valueEnd - one.value);
+        return one.name != "value" && value.size() < 256 && (isSecret_(value) || soundsSecret(value));
+    });
+    for (const Attribute& one : attributes) {
+        if (one.value == one.valueEnd) continue;
+        if (isSecretSetting && one.name == "value") {
+            secrets_.emplace_back(one.value, one.valueEnd);
+            continue;
+        }
+        const std::string value = text_.substr(one.value, one.valueEnd - one.value);
+        if (value.find('@') != std::string::npos && common::withoutPassword(value) != value) {
+            secrets_.emplace_back(one.value, one.value + value.rfind('@'));
         }
     }
-    return secrets;
 }
 
 Excerpt Source::excerptAt(std::size_t offset) const {
@@ -174,35 +184,38 @@ Excerpt Source::excerptAt(std::size_t offset) const {
     const std::size_t begin = lines_[line];
     const std::size_t end = std::max(begin, endOf(line));
     // Of a very long line, only the neighbourhood.
-    const std::size_t from = offset - begin > farBack ? offset - farBack : begin;
-    const std::size_t to = std::min(end, offset + farBack);
-    const auto secrets = secretsIn(begin, to);
+    const std::size_t from = offset - begin > farAway ? offset - farAway : begin;
+    const std::size_t to = std::min(end, offset + farAway);
+    auto secret = std::partition_point(secrets().begin(), secrets().end(),
+                                       [from](const Range& range) { return range.second <= from; });
     std::vector<Cell> cells;
+    cells.reserve(to - from);
     std::size_t caret = std::string::npos;
     for (std::size_t at = from; at < to;) {
-        const auto secret = std::find_if(secrets.begin(), secrets.end(),
-                                         [at](const auto& range) { return at >= range.first && at < range.second; });
+        while (secret != secrets().end() && secret->second <= at) ++secret;
         std::size_t next = at + 1;
-        if (secret != secrets.end()) {
+        if (secret != secrets().end() && secret->first <= at) {
             next = std::min(secret->second, to);
-            for (int star = 0; star < 3; ++star) cells.push_back({"*", at});
+            cells.insert(cells.end(), 3, {at, next, true});
         } else {
             while (next < to && isContinuation(text_[next])) ++next;
             const bool isMark = at == 0 && text_.compare(0, 3, "\xEF\xBB\xBF") == 0;
-            if (!isMark) cells.push_back({visible(text_, at, next), at});
+            if (!isMark) cells.push_back({at, next, false});
         }
         at = next;
     }
     for (std::size_t index = 0; index < cells.size() && caret == std::string::npos; ++index) {
         const bool isLast = index + 1 == cells.size();
-        if (cells[index].offset >= offset || (!isLast && cells[index + 1].offset > offset)) caret = index;
+        if (cells[index].begin >= offset || (!isLast && cells[index + 1].begin > offset)) caret = index;
     }
     if (caret == std::string::npos) caret = cells.size();  // at the line's end
     std::size_t first = 0;
     if (cells.size() > width && caret > before) first = std::min(caret - before, cells.size() - width);
     const std::size_t last = std::min(cells.size(), first + width);
     Excerpt excerpt;
-    for (std::size_t index = first; index < last; ++index) excerpt.text += cells[index].text;
+    for (std::size_t index = first; index < last; ++index) {
+        excerpt.text += cells[index].isStar ? "*" : visible(text_, cells[index].begin, cells[index].end);
+    }
     excerpt.caret = static_cast<unsigned>(caret - first + 1);
     return excerpt;
 }

@@ -4,6 +4,7 @@
 #include <cstddef>
 #include <functional>
 #include <string>
+#include <utility>
 #include <vector>
 
 namespace lint {
@@ -18,6 +19,10 @@ struct Excerpt {
     unsigned caret = 0;  // from 1; 0: none
 };
 
+/// From an offset up to another.
+using Range = std::pair<std::size_t, std::size_t>;
+
+/// For one thread at a time.
 class Source {
  public:
     /// `isSecret` says whether the value of a setting must not be shown. Bytes that are not UTF-8 may be in the text.
@@ -33,11 +38,14 @@ class Source {
  private:
     std::size_t lineOf(std::size_t offset) const;  // from 0
     std::size_t endOf(std::size_t line) const;
-    std::vector<std::pair<std::size_t, std::size_t>> secretsIn(std::size_t begin, std::size_t end) const;
+    const std::vector<Range>& secrets() const;
+    void addSecretsOf(std::size_t tag) const;
 
     const std::string text_;
     const std::function<bool(const std::string&)> isSecret_;
-    std::vector<std::size_t> lines_;  // where each begins
+    std::vector<std::size_t> lines_;      // where each begins
+    mutable std::vector<Range> secrets_;  // searched for with the first excerpt
+    mutable bool secretsKnown_ = false;
 };
 
 /// Where the text ceases to be UTF-8; npos if it does not.

@@ -39,10 +39,26 @@ std::size_t distanceOf(const std::string& a, const std::string& b, std::size_t l
     return std::min(old[b.size()], limit + 1);
 }
 
-Nearest::Nearest(std::string misspelt) : misspelt_(std::move(misspelt)), edits_(misspelt_.size() / 3 + 1) {}
+Nearest::Nearest(std::string misspelt) : misspelt_(std::move(misspelt)), edits_(misspelt_.size() / 3 + 1) {
+    for (const char c : misspelt_) ++letters_[static_cast<unsigned char>(lower(c))];
+}
+
+// No fewer edits turn one name into the other: each adds one letter, or removes one, or both, or neither. Most
+// candidates are already too far by this, which takes a small part of the table's time.
+std::size_t Nearest::lettersApart(const std::string& candidate) const {
+    auto missing = letters_;
+    std::size_t common = 0;
+    for (const char c : candidate) {
+        unsigned& left = missing[static_cast<unsigned char>(lower(c))];
+        if (left == 0) continue;
+        --left;
+        ++common;
+    }
+    return std::max(misspelt_.size(), candidate.size()) - common;
+}
 
 void Nearest::consider(const std::string& candidate) {
-    if (misspelt_.empty() || edits_ == 0) return;
+    if (misspelt_.empty() || edits_ == 0 || lettersApart(candidate) > edits_) return;
     const std::size_t edits = distanceOf(misspelt_, candidate, edits_);
     const bool better = edits < edits_ || (edits == edits_ && !found_.empty() && candidate < found_);
     if (!better) return;

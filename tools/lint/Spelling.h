@@ -1,6 +1,7 @@
 // Guesses which of several known names was meant by a misspelt one.
 #pragma once
 
+#include <array>
 #include <cstddef>
 #include <string>
 
@@ -19,8 +20,11 @@ class Nearest {
     const std::string& found() const { return found_; }
 
  private:
+    std::size_t lettersApart(const std::string& candidate) const;
+
     const std::string misspelt_;
-    std::size_t edits_;  // of found_; at first one more than is allowed
+    std::array<unsigned, 256> letters_{};  // how often each is in misspelt_, upper and lower case alike
+    std::size_t edits_;                    // of found_; at first one more than is allowed
     std::string found_;
 };
 

@@ -39,6 +39,16 @@ TEST(Source, SecretsAreReplacedWhereverTheLineBreaks) {
     EXPECT_EQ(source(text).excerptAt(42).text, "***'/>");
 }
 
+TEST(Source, SecretsAreReplacedHoweverFarTheirTagIs) {
+    const std::string text = "<param name='Secret.Key' note='" + std::string(100000, '\n') + "' value='\nhidden'/>";
+    EXPECT_EQ(source(text).excerptAt(text.find("hidden")).text, "***'/>");
+}
+
+TEST(Source, ASecretWithinASecretIsOne) {
+    const std::string text = "<param name='Secret.Key' value='<param name=\"Secret.Key\" value=\"hidden\"'/>";
+    EXPECT_EQ(source(text).excerptAt(0).text, "<param name='Secret.Key' value='***'/>");
+}
+
 TEST(Source, ColumnsInBytesBecomeOffsets) {
     const Source text = source("ab\n\xC3\xBC!");
     EXPECT_EQ(text.offsetOf(2, 3), 5U);
@@ -125,6 +135,20 @@ TEST(Spelling, NearestIsDeterministicAndNotTooFar) {
     Nearest far("Something");
     far.consider("Else");
     EXPECT_EQ(far.found(), "");
+}
+
+// Each candidate is as many edits away as are still allowed.
+TEST(Spelling, NearestConsidersEveryCandidateWithinItsEdits) {
+    for (const char* key : {"uabcdef", "abcdefuv", "abcd", "vbcdeu", "badcef", "FEDCBA"}) {
+        const bool within = distanceOf("abcdef", key, 6) <= 2;
+        Nearest nearest("abcdef");
+        nearest.consider(key);
+        EXPECT_EQ(nearest.found(), within ? key : "") << key;
+        EXPECT_EQ(within, std::string(key) != "FEDCBA");
+    }
+    Nearest repeated("aaab");  // a letter counts as often as it is there
+    for (const char* key : {"abbb", "aabb"}) repeated.consider(key);
+    EXPECT_EQ(repeated.found(), "aabb");
 }
 
 }  // namespace
