@@ -2,6 +2,7 @@
 
 #include <algorithm>
 #include <cctype>
+#include <deque>
 #include <string_view>
 #include <utility>
 
@@ -188,10 +189,10 @@ Excerpt Source::excerptAt(std::size_t offset) const {
     const std::size_t to = std::min(end, offset + farAway);
     auto secret = std::partition_point(secrets().begin(), secrets().end(),
                                        [from](const Range& range) { return range.second <= from; });
-    std::vector<Cell> cells;
-    cells.reserve(to - from);
-    std::size_t caret = std::string::npos;
-    for (std::size_t at = from; at < to;) {
+    // As many on each side of the caret as could be shown.
+    std::deque<Cell> cells;
+    std::size_t caret = 0;
+    for (std::size_t at = from; at < to && cells.size() < caret + width;) {
         while (secret != secrets().end() && secret->second <= at) ++secret;
         std::size_t next = at + 1;
         if (secret != secrets().end() && secret->first <= at) {
@@ -203,12 +204,10 @@ Excerpt Source::excerptAt(std::size_t offset) const {
             if (!isMark) cells.push_back({at, next, false});
         }
         at = next;
+        if (at > offset) continue;
+        while (cells.size() > width) cells.pop_front();
+        caret = cells.size();
     }
-    for (std::size_t index = 0; index < cells.size() && caret == std::string::npos; ++index) {
-        const bool isLast = index + 1 == cells.size();
-        if (cells[index].begin >= offset || (!isLast && cells[index + 1].begin > offset)) caret = index;
-    }
-    if (caret == std::string::npos) caret = cells.size();  // at the line's end
     std::size_t first = 0;
     if (cells.size() > width && caret > before) first = std::min(caret - before, cells.size() - width);
     const std::size_t last = std::min(cells.size(), first + width);
