@@ -212,9 +212,9 @@ def freeze(life, name):
 
     def thaw():
         os.kill(pid, signal.SIGCONT)
-        if name == "properties" and life.bus:
-            life.wait_online()
         life.broken.pop(f"{name} frozen", None)
+        if name != "daemon" and life.bus and not {"properties", "properties frozen"} & set(life.broken):
+            life.wait_online()
         life.back()
     return thaw
 
