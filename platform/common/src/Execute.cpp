@@ -161,7 +161,7 @@ class Shell {
     Shell& operator=(const Shell&) = delete;
     ~Shell() {
         if (reaped_) return;
-        kill(-process_, SIGKILL);
+        if (kill(-process_, SIGKILL) != 0) kill(process_, SIGKILL);  // it has no group of its own yet
         reap();
     }
 
