@@ -3,11 +3,18 @@
 #include <gtest/gtest.h>
 
 #include <stdexcept>
+#include <string>
 
 namespace {
 
-// Read before any test of this program sets it.
-const int httpCodeAtStart = zav::lastHttpCode;
+int httpCodeAtStart = -1;
+
+/// Reads the code once all objects of the program are made, before a test sets it.
+class Start : public testing::Environment {
+    void SetUp() override { httpCodeAtStart = zav::lastHttpCode; }
+};
+
+const testing::Environment* const start = testing::AddGlobalTestEnvironment(new Start);
 
 TEST(PassStateTest, BeforeTheFirstDownloadTheHttpCodeIs0) { EXPECT_EQ(httpCodeAtStart, 0); }
 
