@@ -212,9 +212,7 @@ def freeze(life, name):
 
     def thaw():
         os.kill(pid, signal.SIGCONT)
-        life.broken.pop(f"{name} frozen", None)
-        if name != "daemon" and life.bus and not {"properties", "properties frozen"} & set(life.broken):
-            life.wait_online()
+        life.wait_online()
         life.back()
     return thaw
 

@@ -147,20 +147,21 @@ std::size_t Source::offsetOf(int line, int byteColumn) const {
 // Where secret values are in the whole text, in order and apart from each other. A tag may begin in another line than
 // its value, or within what only looks like a value in text that is not written properly.
 const std::vector<Range>& Source::secrets() const {
-    if (secretsKnown_) return secrets_;
-    secretsKnown_ = true;
-    for (std::size_t tag = text_.find('<'); tag != std::string::npos; tag = text_.find('<', tag + 1)) addSecretsOf(tag);
-    std::sort(secrets_.begin(), secrets_.end());
+    if (secrets_) return *secrets_;
+    std::vector<Range> found;
+    for (std::size_t tag = text_.find('<'); tag != std::string::npos; tag = text_.find('<', tag + 1)) {
+        addSecretsOf(tag, found);
+    }
+    std::sort(found.begin(), found.end());
     std::vector<Range> apart;
-    for (const Range& one : secrets_) {
+    for (const Range& one : found) {
         if (apart.empty() || one.first >= apart.back().second) apart.push_back(one);
         apart.back().second = std::max(apart.back().second, one.second);
     }
-    secrets_ = std::move(apart);
-    return secrets_;
+    return secrets_.emplace(std::move(apart));
 }
 
-void Source::addSecretsOf(std::size_t tag) const {
+void Source::addSecretsOf(std::size_t tag, std::vector<Range>& found) const {
     const std::vector<Attribute> attributes = attributesOf(text_, tag);
     const bool isSecretSetting = std::any_of(attributes.begin(), attributes.end(), [&](const Attribute& one) {
         const std::string value = text_.substr(one.value, one.valueEnd - one.value);
@@ -169,12 +170,12 @@ void Source::addSecretsOf(std::size_t tag) const {
     for (const Attribute& one : attributes) {
         if (one.value == one.valueEnd) continue;
         if (isSecretSetting && one.name == "value") {
-            secrets_.emplace_back(one.value, one.valueEnd);
+            found.emplace_back(one.value, one.valueEnd);
             continue;
         }
         const std::string value = text_.substr(one.value, one.valueEnd - one.value);
         if (value.find('@') != std::string::npos && common::withoutPassword(value) != value) {
-            secrets_.emplace_back(one.value, one.value + value.rfind('@'));
+            found.emplace_back(one.value, one.value + value.rfind('@'));
         }
     }
 }
@@ -187,15 +188,16 @@ Excerpt Source::excerptAt(std::size_t offset) const {
     // Of a very long line, only the neighbourhood.
     const std::size_t from = offset - begin > farAway ? offset - farAway : begin;
     const std::size_t to = std::min(end, offset + farAway);
-    auto secret = std::partition_point(secrets().begin(), secrets().end(),
-                                       [from](const Range& range) { return range.second <= from; });
+    const std::vector<Range>& ranges = secrets();
+    auto secret =
+        std::partition_point(ranges.begin(), ranges.end(), [from](const Range& range) { return range.second <= from; });
     // As many on each side of the caret as could be shown.
     std::deque<Cell> cells;
     std::size_t caret = 0;
     for (std::size_t at = from; at < to && cells.size() < caret + width;) {
-        while (secret != secrets().end() && secret->second <= at) ++secret;
+        while (secret != ranges.end() && secret->second <= at) ++secret;
         std::size_t next = at + 1;
-        if (secret != secrets().end() && secret->first <= at) {
+        if (secret != ranges.end() && secret->first <= at) {
             next = std::min(secret->second, to);
             cells.insert(cells.end(), 3, {at, next, true});
         } else {

@@ -3,6 +3,7 @@
 
 #include <cstddef>
 #include <functional>
+#include <optional>
 #include <string>
 #include <utility>
 #include <vector>
@@ -39,13 +40,12 @@ class Source {
     std::size_t lineOf(std::size_t offset) const;  // from 0
     std::size_t endOf(std::size_t line) const;
     const std::vector<Range>& secrets() const;
-    void addSecretsOf(std::size_t tag) const;
+    void addSecretsOf(std::size_t tag, std::vector<Range>& found) const;
 
     const std::string text_;
     const std::function<bool(const std::string&)> isSecret_;
-    std::vector<std::size_t> lines_;      // where each begins
-    mutable std::vector<Range> secrets_;  // searched for with the first excerpt
-    mutable bool secretsKnown_ = false;
+    std::vector<std::size_t> lines_;                     // where each begins
+    mutable std::optional<std::vector<Range>> secrets_;  // searched for with the first excerpt
 };
 
 /// Where the text ceases to be UTF-8; npos if it does not.

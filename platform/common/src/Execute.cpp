@@ -161,7 +161,7 @@ class Shell {
     Shell& operator=(const Shell&) = delete;
     ~Shell() {
         if (reaped_) return;
-        if (kill(-process_, SIGKILL) != 0) kill(process_, SIGKILL);  // it has no group of its own yet
+        if (kill(-process_, SIGKILL) != 0) kill(process_, SIGKILL);  // it may have no group of its own yet
         reap();
     }
 
